@@ -1,0 +1,76 @@
+// bytes: big-endian load and store, and plain byte-string operations.
+//
+// Needs   spans or pointers that cover the bytes named; callers check bounds, these do not
+// Gives   the integer encodings of every on-disk structure
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+namespace common {
+
+using Byte = unsigned char;
+using Bytes = std::span<Byte>;
+using ConstBytes = std::span<const Byte>;
+
+// 2-byte big-endian, as an unsigned value 0..65535.
+[[nodiscard]] inline std::uint16_t ldword(const Byte* at) {
+  return static_cast<std::uint16_t>(at[0] << 8 | at[1]);
+}
+
+inline void stword(std::uint32_t value, Byte* at) {
+  at[0] = static_cast<Byte>(value >> 8);
+  at[1] = static_cast<Byte>(value);
+}
+
+// 2-byte big-endian two's complement.
+[[nodiscard]] inline std::int16_t ldshort(const Byte* at) {
+  return static_cast<std::int16_t>(ldword(at));
+}
+
+// 4-byte big-endian two's complement.
+[[nodiscard]] inline std::int32_t ldlong(const Byte* at) {
+  std::uint32_t value;
+  std::memcpy(&value, at, sizeof value);
+  return static_cast<std::int32_t>(__builtin_bswap32(value));
+}
+
+inline void stlong(std::int32_t value, Byte* at) {
+  const std::uint32_t swapped = __builtin_bswap32(static_cast<std::uint32_t>(value));
+  std::memcpy(at, &swapped, sizeof swapped);
+}
+
+// IEEE-754 values stand on disk in the machine's own byte order.
+[[nodiscard]] inline double lddbl(const Byte* at) {
+  double value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
+}
+
+[[nodiscard]] inline float ldfloat(const Byte* at) {
+  float value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
+}
+
+// A null double or float is all 0xFF bytes.
+inline constexpr Byte fltnull[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
+[[nodiscard]] inline double lddblnull(const Byte* at, bool* isnull) {
+  *isnull = std::memcmp(at, fltnull, sizeof(double)) == 0;
+  return *isnull ? 0 : lddbl(at);
+}
+
+[[nodiscard]] inline float ldfltnull(const Byte* at, bool* isnull) {
+  *isnull = std::memcmp(at, fltnull, sizeof(float)) == 0;
+  return *isnull ? 0 : ldfloat(at);
+}
+
+// Compares n bytes as unsigned: -1, 0 or 1.
+[[nodiscard]] inline int bycmpr(const Byte* a, const Byte* b, std::size_t n) {
+  const int order = std::memcmp(a, b, n);
+  return (order > 0) - (order < 0);
+}
+
+}  // namespace common

@@ -1,0 +1,10 @@
+// fatal: the end of the process for misuse of the library by its own code.
+#pragma once
+
+namespace common {
+
+// Writes "\r\nFatal system error: ", the message and "\r\n" to the standard error descriptor and
+// aborts. Never returns.
+[[noreturn]] void error(const char* message);
+
+}  // namespace common

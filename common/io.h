@@ -1,0 +1,47 @@
+// io: every system call on files goes through one small table.
+//
+// Gives   `system_calls()`: the table in use; tests put their own in its place to make a disk
+//         full, a transfer short or a lock refused at a chosen call
+// Keeps   a call is restarted when a signal interrupts it before it did anything, and a short
+//         transfer is continued until it is whole, at the end of the file, or fails
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "common/bytes.h"
+
+struct flock;
+
+namespace common {
+
+struct SystemCalls {
+  int (*open)(const char* path, int flags, mode_t permissions);
+  int (*close)(int fd);
+  ssize_t (*pread)(int fd, void* to, std::size_t count, off_t offset);
+  ssize_t (*pwrite)(int fd, const void* from, std::size_t count, off_t offset);
+  int (*fcntl_lock)(int fd, int command, struct flock* lock);
+  int (*fstat)(int fd, struct stat* status);
+  int (*stat)(const char* path, struct stat* status);
+};
+
+[[nodiscard]] SystemCalls& system_calls();
+
+// Opens with close-on-exec; the descriptor, or -1 with errno.
+[[nodiscard]] int open_file(const char* path, int flags, mode_t permissions = 0);
+
+void close_file(int fd);
+
+// Bytes transferred: less than the span at the end of the file; -1 with errno on failure (errno
+// is left at 0 by a short read without an error).
+[[nodiscard]] ssize_t read_at(int fd, Bytes to, std::int64_t offset);
+
+// 0, or -1 with errno when not every byte could be written.
+[[nodiscard]] int write_at(int fd, ConstBytes from, std::int64_t offset);
+
+// Size in bytes of a regular file or block device; 0 for anything else or on failure.
+[[nodiscard]] std::int64_t file_size(int fd);
+
+}  // namespace common

@@ -1,0 +1,51 @@
+#include "common/readahead.h"
+
+#include "common/io.h"
+
+namespace common {
+
+bool ReadAhead::covers(int fd, std::int64_t offset, std::size_t length) const {
+  return fd == fd_ && offset >= offset_ &&
+         offset + static_cast<std::int64_t>(length) <= offset_ + static_cast<std::int64_t>(length_);
+}
+
+void ReadAhead::fill(int fd, std::int64_t offset) {
+  if (!window_) window_ = std::make_unique_for_overwrite<Byte[]>(kWindow);
+  const ssize_t got = read_at(fd, {window_.get(), kWindow}, offset);
+  offset_ = offset;
+  length_ = got < 0 ? 0 : static_cast<std::size_t>(got);
+}
+
+ssize_t ReadAhead::read(int fd, Bytes to, std::int64_t offset) {
+  if (fd != fd_) {
+    forget(fd_);
+    fd_ = fd;
+  }
+  const auto size = static_cast<std::int64_t>(to.size());
+  const bool forward = offset >= expected_ && offset <= expected_ + kReach * size;
+  run_ = forward ? run_ + 1 : 0;
+  expected_ = offset + size;
+
+  if (!covers(fd, offset, to.size()) && run_ >= kRunBeforeFilling) fill(fd, offset);
+  if (covers(fd, offset, to.size())) {
+    std::memcpy(to.data(), window_.get() + (offset - offset_), to.size());
+    return static_cast<ssize_t>(to.size());
+  }
+  return read_at(fd, to, offset);
+}
+
+void ReadAhead::overwritten(int fd, std::int64_t offset, std::size_t length) {
+  if (fd == fd_ && offset < offset_ + static_cast<std::int64_t>(length_) &&
+      offset + static_cast<std::int64_t>(length) > offset_) {
+    length_ = 0;
+  }
+}
+
+void ReadAhead::forget(int fd) {
+  if (fd != fd_) return;
+  fd_ = -1;
+  length_ = 0;
+  run_ = 0;
+}
+
+}  // namespace common

@@ -1,0 +1,43 @@
+// readahead: a window over one file that turns a run of small sequential reads into large ones.
+//
+// Gives   read(): the same bytes and the same failures as read_at(), at a fraction of the calls
+//         while reads go forward through the file
+// Keeps   the window never serves bytes that this process has overwritten: writers call
+//         overwritten(), and whoever learns that another process wrote calls forget()
+// Never   reads ahead on random access, nor reports a failure that lies beyond the bytes asked for
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "common/bytes.h"
+
+namespace common {
+
+class ReadAhead {
+ public:
+  // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno.
+  [[nodiscard]] ssize_t read(int fd, Bytes to, std::int64_t offset);
+
+  void overwritten(int fd, std::int64_t offset, std::size_t length);
+  void forget(int fd);
+
+ private:
+  [[nodiscard]] bool covers(int fd, std::int64_t offset, std::size_t length) const;
+  void fill(int fd, std::int64_t offset);
+
+  static constexpr std::size_t kWindow = 64 * 1024;
+  static constexpr int kRunBeforeFilling = 2;  // forward reads that make a run sequential
+  static constexpr std::int64_t kReach = 4;    // pages that a run may skip
+
+  std::unique_ptr<Byte[]> window_;
+  int fd_ = -1;
+  std::int64_t offset_ = 0;
+  std::size_t length_ = 0;
+  std::int64_t expected_ = 0;  // where the last read ended
+  int run_ = 0;
+};
+
+}  // namespace common

@@ -1,0 +1,311 @@
+#include "isam/buffers.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "common/fatal.h"
+#include "common/io.h"
+#include "common/number.h"
+#include "common/readahead.h"
+#include "isam/errors.h"
+
+namespace isam {
+namespace {
+
+enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4 };
+
+constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
+constexpr int kDefaultBuffers = 16;
+constexpr int kMinBuffers = 4;
+constexpr int kMaxBuffers = 32766;
+constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
+
+class Pool {
+ public:
+  Pool();
+  Buffer* bfgetblk(std::int32_t block);
+  Buffer* bfread(std::int32_t block);
+  Buffer* bfgetclr(std::int32_t block);
+  void bfrelease(Buffer* buffer);
+  int bfwrite(Buffer* buffer);
+  int bfprocess(FileRecord& file, bool write);
+  void bfignor(FileRecord& file);
+
+ private:
+  // Where a page stands: descriptor, byte offset, length.
+  struct Place {
+    int fd;
+    std::int64_t offset;
+    std::size_t length;
+    FileKind kind;
+  };
+
+  static Place bfmapaddr(const Buffer& buffer);
+  Buffer*& bucket_of(std::int32_t block, const FileRecord& file);
+  Buffer* find(std::int32_t block, const FileRecord& file);
+  void hash_in(Buffer* buffer);
+  void hash_out(Buffer* buffer);
+  void available_out(Buffer* buffer);
+  void reuse(Buffer* buffer, std::int32_t block);
+  bool load(Buffer& buffer);
+  common::ReadAhead& window_of(FileKind kind) {
+    return kind == FileKind::kData ? data_window_ : index_window_;
+  }
+
+  int nbuffs_ = kDefaultBuffers;
+  std::uint32_t nhbufs_ = 1;
+  std::unique_ptr<Buffer*[]> hbufs_;
+  std::unique_ptr<Buffer[]> buffs_;
+  std::unique_ptr<Byte[]> pages_;
+  Buffer avbuffs_{};  // head of the available list: next is the least recently released
+  common::ReadAhead index_window_;
+  common::ReadAhead data_window_;
+};
+
+std::unique_ptr<Pool> the_pool;
+
+Pool& pool() {
+  if (!the_pool) the_pool = std::make_unique<Pool>();
+  return *the_pool;
+}
+
+Pool::Pool() {
+  if (const char* text = std::getenv("ISAMBUFS")) {
+    nbuffs_ = static_cast<int>(
+        common::number_within(text, kMinBuffers, kMaxBuffers).value_or(kDefaultBuffers));
+  }
+  nhbufs_ = static_cast<std::uint32_t>(nbuffs_ / 3);
+  const auto count = static_cast<std::size_t>(nbuffs_);
+  hbufs_.reset(new (std::nothrow) Buffer* [nhbufs_] {});
+  buffs_.reset(new (std::nothrow) Buffer[count]{});
+  pages_.reset(new (std::nothrow) Byte[count * kPageStride]);
+  if (!hbufs_ || !buffs_ || !pages_) common::error("cannot allocate buffers");
+  avbuffs_.available_next = avbuffs_.available_previous = &avbuffs_;
+  for (std::size_t i = 0; i < count; ++i) {
+    buffs_[i].page = pages_.get() + i * kPageStride;
+    buffs_[i].flags = kBusy;
+    bfrelease(&buffs_[i]);
+  }
+}
+
+Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
+  const FileRecord& file = *buffer.file;
+  if (buffer.block < 0) {
+    return {file.datfd, std::int64_t{buffer.block & INT32_MAX} * kPageSize, kPageSize,
+            FileKind::kData};
+  }
+  const int node_bytes = file.idxsize + 1;
+  return {file.idxfd, std::int64_t{buffer.block - 1} * node_bytes,
+          static_cast<std::size_t>(node_bytes), FileKind::kIndex};
+}
+
+Buffer*& Pool::bucket_of(std::int32_t block, const FileRecord& file) {
+  const std::uint32_t sum =
+      static_cast<std::uint32_t>(block) + static_cast<std::uint32_t>(file.inode);
+  return hbufs_[sum % nhbufs_];
+}
+
+Buffer* Pool::find(std::int32_t block, const FileRecord& file) {
+  for (Buffer* at = bucket_of(block, file); at != nullptr; at = at->hash_next) {
+    if (at->block == block && at->file == &file) return at;
+  }
+  return nullptr;
+}
+
+void Pool::hash_in(Buffer* buffer) {
+  Buffer*& head = bucket_of(buffer->block, *buffer->file);
+  buffer->hash_previous = nullptr;
+  buffer->hash_next = head;
+  if (head != nullptr) head->hash_previous = buffer;
+  head = buffer;
+}
+
+void Pool::hash_out(Buffer* buffer) {
+  if (buffer->file == nullptr) return;
+  if (buffer->hash_previous != nullptr) {
+    buffer->hash_previous->hash_next = buffer->hash_next;
+  } else {
+    bucket_of(buffer->block, *buffer->file) = buffer->hash_next;
+  }
+  if (buffer->hash_next != nullptr) buffer->hash_next->hash_previous = buffer->hash_previous;
+}
+
+void Pool::available_out(Buffer* buffer) {
+  buffer->available_previous->available_next = buffer->available_next;
+  buffer->available_next->available_previous = buffer->available_previous;
+}
+
+// Gives the least recently released buffer to another page of the current file.
+void Pool::reuse(Buffer* buffer, std::int32_t block) {
+  if ((buffer->flags & kModified) != 0) {
+    // The failure belongs to the page that goes, not to the call that needs its buffer: it is
+    // kept in the file record and reported at the end.
+    const std::int32_t error = iserrno;
+    const std::int32_t place = iserrio;
+    bfwrite(buffer);
+    iserrno = error;
+    iserrio = place;
+  }
+  hash_out(buffer);
+  buffer->block = block;
+  buffer->file = filep;
+  buffer->flags = 0;
+  hash_in(buffer);
+}
+
+Buffer* Pool::bfgetblk(std::int32_t block) {
+  Buffer* buffer = find(block, *filep);
+  if (buffer == nullptr) {
+    buffer = avbuffs_.available_next;
+    if (buffer == &avbuffs_) common::error("no more buffers");
+    reuse(buffer, block);
+  }
+  if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
+  buffer->flags |= kBusy;
+  available_out(buffer);
+  return buffer;
+}
+
+bool Pool::load(Buffer& buffer) {
+  const Place place = bfmapaddr(buffer);
+  const ssize_t got =
+      window_of(place.kind).read(place.fd, {buffer.page, place.length}, place.offset);
+  const bool whole = got == static_cast<ssize_t>(place.length);
+  if (got < 0 || (!whole && place.kind == FileKind::kIndex)) {
+    failed_system(got < 0 && errno != 0 ? errno : kCorrupted, Operation::kRead, place.kind);
+    return false;
+  }
+  if (!whole) std::memset(buffer.page + got, 0, place.length - static_cast<std::size_t>(got));
+  if (place.kind == FileKind::kIndex) {
+    buffer.used = common::ldword(buffer.page) & 0x7FFF;
+    buffer.node_type = buffer.page[node_type_offset(buffer.file->idxsize)];
+    buffer.level = buffer.page[node_level_offset(buffer.file->idxsize)] & 0x7F;
+  }
+  buffer.flags |= kValid;
+  return true;
+}
+
+Buffer* Pool::bfread(std::int32_t block) {
+  Buffer* buffer = bfgetblk(block);
+  if ((buffer->flags & kValid) == 0 && !load(*buffer)) {
+    bfrelease(buffer);
+    return nullptr;
+  }
+  return buffer;
+}
+
+Buffer* Pool::bfgetclr(std::int32_t block) {
+  Buffer* buffer = bfgetblk(block);
+  std::memset(buffer->page, 0, kPageStride);
+  buffer->used = 0;
+  buffer->node_type = buffer->level = 0;
+  buffer->flags |= kValid | kModified;
+  return buffer;
+}
+
+void Pool::bfrelease(Buffer* buffer) {
+  if ((buffer->flags & kBusy) == 0) common::error("buffer not busy");
+  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kBusy);
+  if ((buffer->flags & kModified) != 0) {
+    if (buffer->block >= 0) {
+      common::stword(buffer->used, buffer->page);
+      buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
+      buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
+    }
+    buffer->file->flags |= kPageChanged;
+  }
+  buffer->available_previous = avbuffs_.available_previous;
+  buffer->available_next = &avbuffs_;
+  avbuffs_.available_previous->available_next = buffer;
+  avbuffs_.available_previous = buffer;
+}
+
+int Pool::bfwrite(Buffer* buffer) {
+  buffer->flags |= kValid | kModified;
+  if ((buffer->flags & kBusy) != 0) bfrelease(buffer);
+  const Place place = bfmapaddr(*buffer);
+  window_of(place.kind).overwritten(place.fd, place.offset, place.length);
+  const int result = common::write_at(place.fd, {buffer->page, place.length}, place.offset);
+  // A page whose write failed is not tried again.
+  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kModified);
+  if (result == 0) return 0;
+  failed_system(errno, Operation::kWrite, place.kind);
+  FailedWrite& kept = buffer->file->failed_write;
+  if (kept.error == 0) kept = {iserrno, iserrio};
+  return -1;
+}
+
+int Pool::bfprocess(FileRecord& file, bool write) {
+  int count = 0;
+  for (int i = 0; i < nbuffs_; ++i) {
+    Buffer& buffer = buffs_[static_cast<std::size_t>(i)];
+    if (buffer.file != &file || (buffer.flags & (kBusy | kModified)) != kModified) continue;
+    ++count;
+    if (write) bfwrite(&buffer);
+  }
+  return count;
+}
+
+void Pool::bfignor(FileRecord& file) {
+  index_window_.forget(file.idxfd);
+  data_window_.forget(file.datfd);
+  for (int i = 0; i < nbuffs_; ++i) {
+    Buffer& buffer = buffs_[static_cast<std::size_t>(i)];
+    if (buffer.file != &file || (buffer.flags & kBusy) != 0) continue;
+    if ((buffer.flags & kModified) != 0) common::error("ignoring modified buffer");
+    hash_out(&buffer);
+    buffer.file = nullptr;
+  }
+}
+
+}  // namespace
+
+Bytes PageHold::bytes() const {
+  const int length = buffer_->block < 0 ? kPageSize : buffer_->file->idxsize + 1;
+  return {buffer_->page, static_cast<std::size_t>(length)};
+}
+
+void PageHold::modified() const { buffer_->flags |= kValid | kModified; }
+
+void PageHold::release() {
+  if (buffer_ != nullptr) the_pool->bfrelease(std::exchange(buffer_, nullptr));
+}
+
+int PageHold::write() { return the_pool->bfwrite(std::exchange(buffer_, nullptr)); }
+
+PageHold bfread(std::int32_t node) {
+  if (node < 1) {
+    failed(kCorrupted);
+    return {};
+  }
+  return PageHold{pool().bfread(node)};
+}
+
+PageHold bfread_data(std::int32_t block) { return PageHold{pool().bfread(block | kDataBlock)}; }
+
+PageHold bfgetclr(std::int32_t node) {
+  if (node < 1) {
+    failed(kCorrupted);
+    return {};
+  }
+  return PageHold{pool().bfgetclr(node)};
+}
+
+PageHold bfgetclr_data(std::int32_t block) { return PageHold{pool().bfgetclr(block | kDataBlock)}; }
+
+int bfprocess(FileRecord& file, bool write) {
+  return the_pool ? the_pool->bfprocess(file, write) : 0;
+}
+
+int bfflush(FileRecord& file) { return bfprocess(file, true); }
+
+int bfpend(FileRecord& file) { return bfprocess(file, false); }
+
+void bfignor(FileRecord& file) {
+  if (the_pool) the_pool->bfignor(file);
+}
+
+}  // namespace isam

@@ -1,0 +1,111 @@
+// buffers: the page pool. Every index node and every block of a data file passes through it.
+//
+// A page is free (of no file), cached (of a file, idle) or busy (held by one caller):
+//
+//            bfgetblk            bfrelease, bfdwrite, bfwrite
+//     free ----------> busy -----------------------------> cached
+//       ^               ^               bfgetblk (hit)        |
+//       |               +-------------------------------------+
+//       +----------------------- bfignor ---------------------+
+//
+// Needs   pages are asked for relative to the current file (`filep`)
+// Keeps   B1 a page has at most one holder
+//         B2 a modified page is written before its buffer serves another page
+//         B3 the frame fields of a modified node (used count, kind, level) are put back into the
+//            page when it is released
+//         B4 the least recently released buffer is the first to be reused
+// Gives   PageHold: a busy page that gives itself back when it leaves scope
+// Never   locks; the call frame makes it forget a file that another process changed
+//
+//   PageHold page = bfread(node);
+//   if (!page) return -1;               // iserrno is set
+//   common::stlong(link, page.bytes().data() + kLinkOffset);
+//   page.modified();                    // written later: on reuse of the buffer or bfflush
+//
+// `ISAMBUFS` (4 to 32766, default 16) sets the number of buffers.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "isam/current.h"
+
+namespace isam {
+
+struct Buffer {
+  std::uint16_t flags;  // BufferFlag
+  std::uint16_t used;   // frame fields of a node, kept here while the page is in the pool
+  Byte node_type;
+  Byte level;
+  std::int32_t block;  // node number, or number of a data block with the top bit set
+  FileRecord* file;    // null: the buffer holds no page
+  Byte* page;
+  Buffer* hash_next;
+  Buffer* hash_previous;
+  Buffer* available_next;
+  Buffer* available_previous;
+};
+
+// A busy page. Released when it leaves scope.
+class PageHold {
+ public:
+  PageHold() = default;
+  explicit PageHold(Buffer* buffer) : buffer_(buffer) {}
+  PageHold(PageHold&& other) noexcept : buffer_(std::exchange(other.buffer_, nullptr)) {}
+  PageHold& operator=(PageHold&& other) noexcept {
+    if (this != &other) {
+      release();
+      buffer_ = std::exchange(other.buffer_, nullptr);
+    }
+    return *this;
+  }
+  ~PageHold() { release(); }
+
+  explicit operator bool() const { return buffer_ != nullptr; }
+
+  // The whole page: the node's bytes, or the 1024 bytes of a data block.
+  [[nodiscard]] Bytes bytes() const;
+  [[nodiscard]] Byte* data() const { return buffer_->page; }
+  [[nodiscard]] std::int32_t node() const { return buffer_->block; }
+
+  [[nodiscard]] int used() const { return buffer_->used; }
+  [[nodiscard]] Byte node_type() const { return buffer_->node_type; }
+  [[nodiscard]] Byte level() const { return buffer_->level; }
+  void set_used(int used) { buffer_->used = static_cast<std::uint16_t>(used); }
+  void set_frame(int used, Byte node_type, Byte level) {
+    set_used(used);
+    buffer_->node_type = node_type;
+    buffer_->level = level;
+  }
+
+  // The page was changed: it will be written, at the latest by bfflush.
+  void modified() const;
+  void release();
+  // Writes the page now and gives it back: 0, or -1 with iserrno.
+  int write();
+
+ private:
+  Buffer* buffer_ = nullptr;
+};
+
+// Node `node` of the current file; empty with iserrno when it cannot be read whole (105 without a
+// system error, and for a number below 1).
+[[nodiscard]] PageHold bfread(std::int32_t node);
+// Block `block` (byte offset / 1024) of the current data file. What lies past the end of the file
+// reads as zero bytes.
+[[nodiscard]] PageHold bfread_data(std::int32_t block);
+// A node, or a data block, to be written as a whole: zeroed, valid and modified.
+[[nodiscard]] PageHold bfgetclr(std::int32_t node);
+[[nodiscard]] PageHold bfgetclr_data(std::int32_t block);
+
+// Counts a file's modified idle pages, writing each when `write` is set.
+int bfprocess(FileRecord& file, bool write);
+// Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
+// file record (failed_write) and is not tried again.
+int bfflush(FileRecord& file);
+// How many of a file's idle pages are modified.
+int bfpend(FileRecord& file);
+// Forgets every idle page of a file. A modified one is fatal: its change would be lost.
+void bfignor(FileRecord& file);
+
+}  // namespace isam

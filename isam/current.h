@@ -1,0 +1,79 @@
+// current: what is global in the library, seen at a glance.
+//
+// The library is process-wide: one open is current during a call. `openp`, `filep` and `dictp`
+// name it, its file and the file's dictionary copy; every internal operation works on them.
+// isam/files sets them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include "isam.h"
+#include "isam/format.h"
+
+namespace isam {
+
+inline constexpr int nopens = 256;  // open records of a process
+inline constexpr int nfiles = 256;  // file records of a process
+
+// Flags of a file record.
+enum FileFlag : std::uint16_t {
+  kPageChanged = 1,        // a page was changed during this call
+  kDictionaryChanged = 2,  // the dictionary copy differs from the file's
+};
+
+// A write that failed after its caller had gone on; 0 for none.
+struct FailedWrite {
+  std::int32_t error = 0;  // as iserrno
+  std::int32_t place = 0;  // as iserrio
+};
+
+// One physical pair, shared by all its opens in the process.
+struct FileRecord {
+  std::uint16_t flags = 0;
+  std::int16_t usecount = -1;   // opens using it; -1: the record is free
+  std::int16_t exclusives = 0;  // exclusive opens of this process that hold the open lock
+  dev_t device = 0;             // identity of the index file
+  ino_t inode = 0;
+  std::uint32_t stamp = 0;  // change stamp last seen in this process
+  int datfd = -1;
+  int idxfd = -1;
+  int reclen = 0;     // record length; the fixed part's with variable length
+  int maxreclen = 0;  // greatest record length; reclen for fixed length
+  int idxsize = 0;    // node size minus one
+  bool varlen = false;
+  Dictionary dictionary{};
+  FailedWrite failed_write;  // the first since it was last reported
+  std::string name;          // base name, without suffix
+};
+
+// Flags of an open record.
+enum OpenFlag : std::uint16_t {
+  kOpenInUse = 1,
+  kHoldsSemaphore = 64,
+};
+
+// One open of a pair.
+struct OpenRecord {
+  std::uint16_t flags = 0;
+  int mode = 0;             // access and option bits, plus the lock mode in the high byte
+  std::uint32_t stamp = 0;  // change stamp last seen by this open
+  FileRecord* file = nullptr;
+};
+
+extern OpenRecord* openp;
+extern FileRecord* filep;
+extern Dictionary* dictp;
+
+// Marks the current file's dictionary copy as changed, to be written at the end of the call.
+inline void dictmodify() { filep->flags |= kDictionaryChanged; }
+
+// Byte widths that follow from the current file.
+[[nodiscard]] inline int node_size() { return filep->idxsize + 1; }
+[[nodiscard]] inline int slot_size() {
+  return filep->reclen + (filep->varlen ? kVariableTrailer : kFixedTrailer);
+}
+
+}  // namespace isam

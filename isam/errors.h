@@ -1,0 +1,59 @@
+// errors: the library's codes and texts, and the one way to set them.
+//
+// Keeps   iserrno is set where a failure is understood and is not overwritten higher up
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "isam.h"
+
+namespace isam {
+
+enum Code : std::int32_t {
+  kDuplicate = 100,
+  kNotOpen = 101,
+  kBadArgument = 102,
+  kBadKey = 103,
+  kTooManyFiles = 104,
+  kCorrupted = 105,
+  kLocked = 107,
+  kIndexExists = 108,
+  kEndOfFile = 110,
+  kNoRecord = 111,
+  kNoCurrent = 112,
+  kFileInUse = 113,
+  kNoMemory = 116,
+  kBadCollation = 117,
+  kLocaleInvalid = 159,
+  kFormatChange = 171,
+};
+
+// The first code past the message table.
+inline constexpr std::int32_t is_nerr = 172;
+
+// Text of a library code from 100 to is_nerr - 1; empty for any other number.
+[[nodiscard]] std::string_view is_errlist(std::int32_t code);
+
+// iserrio: operation in the high four bits, file in the low four.
+enum class Operation : std::int32_t {
+  kOpen = 0x10,
+  kCreate = 0x20,
+  kSeek = 0x30,
+  kRead = 0x40,
+  kWrite = 0x50,
+  kLock = 0x60,
+};
+enum class FileKind : std::int32_t { kIndex = 1, kData = 2, kAudit = 3, kLock = 4, kSemaphore = 5 };
+
+// Set iserrno (and iserrio); the result is always -1, so that a caller can return it.
+int failed(Code code);
+int failed_system(int system_error);
+int failed_system(int system_error, Operation operation, FileKind file);
+
+// Sets the code only when no deeper routine has set one.
+int failed_unless_set(Code code);
+
+inline void clear_errors() { iserrno = iserrio = 0; }
+
+}  // namespace isam

@@ -1,0 +1,162 @@
+#include "isam/freelists.h"
+
+#include "isam/buffers.h"
+#include "isam/errors.h"
+
+namespace isam {
+namespace {
+
+constexpr std::int32_t kFirstFreeNode = 2;  // node 1 is the dictionary
+
+std::int32_t head_of(FreeList list) {
+  return list == FreeList::kNodes ? dictp->d_freenode() : dictp->d_freedata();
+}
+
+void set_head(FreeList list, std::int32_t node) {
+  if (list == FreeList::kNodes) {
+    dictp->set_d_freenode(node);
+  } else {
+    dictp->set_d_freedata(node);
+  }
+  dictmodify();
+}
+
+std::int32_t highest(FreeList list) {
+  return list == FreeList::kNodes ? dictp->d_nextnode() : dictp->d_nextdata();
+}
+
+void set_highest(FreeList list, std::int32_t number) {
+  if (list == FreeList::kNodes) {
+    dictp->set_d_nextnode(number);
+  } else {
+    dictp->set_d_nextdata(number);
+  }
+  dictmodify();
+}
+
+Byte node_type_of(FreeList list) {
+  return list == FreeList::kNodes ? kIndexFreeNode : kServiceNode;
+}
+
+std::int32_t lowest(FreeList list) { return list == FreeList::kNodes ? kFirstFreeNode : 1; }
+
+bool in_range(FreeList list, std::int32_t number) {
+  return number >= lowest(list) && number <= highest(list);
+}
+
+bool has_room(const PageHold& page) {
+  return page.used() + kListEntrySize < node_type_offset(filep->idxsize);
+}
+
+bool is_list_node(FreeList list, const PageHold& page, std::int32_t node) {
+  const int entries = page.used() - kEntriesOffset;
+  const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
+  return page.node_type() == node_type_of(list) && page.level() == kFreeLevel && entries >= 0 &&
+         entries % kListEntrySize == 0 && page.used() < node_type_offset(filep->idxsize) &&
+         (link == 0 || (in_range(FreeList::kNodes, link) && link != node));
+}
+
+// A list's node, checked; empty with iserrno 105 when it is not one.
+PageHold list_node(FreeList list, std::int32_t node) {
+  if (!in_range(FreeList::kNodes, node)) {
+    failed(kCorrupted);
+    return {};
+  }
+  PageHold page = bfread(node);
+  if (page && !is_list_node(list, page, node)) {
+    failed(kCorrupted);
+    return {};
+  }
+  return page;
+}
+
+std::int32_t raise_highest(FreeList list) {
+  const std::int32_t number = highest(list);
+  if (number < lowest(list) - 1 || number == INT32_MAX) return failed(kCorrupted);
+  set_highest(list, number + 1);
+  return number + 1;
+}
+
+std::int32_t pop_entry(FreeList list, PageHold& page) {
+  Byte* entry = page.data() + page.used() - kListEntrySize;
+  const std::int32_t number = common::ldlong(entry);
+  if (!in_range(list, number)) return failed(kCorrupted);
+  common::stlong(0, entry);
+  page.set_used(page.used() - kListEntrySize);
+  page.modified();
+  return number;
+}
+
+// The data list's head has no entries left: its node is returned and the next one serves.
+std::int32_t pop_behind_empty_head(PageHold head) {
+  const std::int32_t emptied = head.node();
+  const std::int32_t next = common::ldlong(head.data() + kLinkOffset);
+  head.release();
+  if (next == 0) {
+    if (freerec(emptied, FreeList::kNodes) != 0) return -1;
+    set_head(FreeList::kRecords, 0);
+    return raise_highest(FreeList::kRecords);
+  }
+  PageHold page = list_node(FreeList::kRecords, next);
+  if (!page) return -1;
+  if (page.used() == kEntriesOffset) return failed(kCorrupted);  // only a head may be empty
+  const std::int32_t number = pop_entry(FreeList::kRecords, page);
+  page.release();
+  if (number < 0 || freerec(emptied, FreeList::kNodes) != 0) return -1;
+  set_head(FreeList::kRecords, next);
+  return number;
+}
+
+// Lays `node` out as the new head, without entries, in front of the old one.
+PageHold start_head(FreeList list, std::int32_t node) {
+  PageHold page = bfgetclr(node);
+  if (!page) return page;
+  page.set_frame(kEntriesOffset, node_type_of(list), kFreeLevel);
+  common::stlong(head_of(list), page.data() + kLinkOffset);
+  set_head(list, node);
+  return page;
+}
+
+void append_entry(PageHold& page, std::int32_t number) {
+  common::stlong(number, page.data() + page.used());
+  page.set_used(page.used() + kListEntrySize);
+  page.modified();
+}
+
+}  // namespace
+
+std::int32_t allocrec(FreeList list) {
+  const std::int32_t head = head_of(list);
+  if (head == 0) return raise_highest(list);
+  PageHold page = list_node(list, head);
+  if (!page) return -1;
+  if (page.used() > kEntriesOffset) return pop_entry(list, page);
+  if (list == FreeList::kRecords) return pop_behind_empty_head(std::move(page));
+  set_head(list, common::ldlong(page.data() + kLinkOffset));
+  return head;
+}
+
+int freerec(std::int32_t number, FreeList list) {
+  if (!in_range(list, number)) return failed(kCorrupted);
+  if (number == highest(list)) {
+    set_highest(list, number - 1);
+    return 0;
+  }
+  if (const std::int32_t head = head_of(list); head != 0) {
+    PageHold page = list_node(list, head);
+    if (!page) return -1;
+    if (has_room(page)) {
+      append_entry(page, number);
+      return 0;
+    }
+  }
+  // A freed node becomes its list's head; a freed record needs a node for its list.
+  const std::int32_t node = list == FreeList::kNodes ? number : allocrec(FreeList::kNodes);
+  if (node < 0) return -1;
+  PageHold page = start_head(list, node);
+  if (!page) return -1;
+  if (list == FreeList::kRecords) append_entry(page, number);
+  return 0;
+}
+
+}  // namespace isam

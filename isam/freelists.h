@@ -1,0 +1,27 @@
+// freelists: taking and returning index nodes and data record numbers.
+//
+// Each list is a chain of nodes of up to (N - 10) / 4 entries, the newest node at the head.
+// Numbers are handed out last in, first out; when a list is empty the highest number in use is
+// raised instead, and returning the highest number just lowers it.
+//
+// Needs   the current file with its dictionary loaded, exclusively held
+// Keeps   L1 a list's head and the entry or link used are checked before anything changes: 105
+//            leaves the pair as it was
+//         L2 an emptied node of the index list is itself handed out; one of the data list goes
+//            back to the index list
+// Never   writes a page itself: changes are delayed writes, and the dictionary copy is marked
+#pragma once
+
+#include <cstdint>
+
+namespace isam {
+
+enum class FreeList { kNodes, kRecords };
+
+// A number to use, or -1 with iserrno (105 for a damaged list).
+[[nodiscard]] std::int32_t allocrec(FreeList list);
+
+// Returns a number: 0, or -1 with iserrno.
+int freerec(std::int32_t number, FreeList list);
+
+}  // namespace isam
