@@ -1,0 +1,32 @@
+// checks: the passes over one file, in the order in which ckfile runs them.
+//
+// All work on the current file and on `findings`, and report through the dialogue.
+#pragma once
+
+namespace checker {
+
+// Validates the dictionary fields that everything else depends on, sizes the maps, and marks the
+// nodes of the dictionary, the audit record and the key descriptions. False: check no further.
+[[nodiscard]] bool ckdict();
+
+// Finds which data records are present.
+void ckdata();
+
+// Tests the storage pages that records use, and counts them as nodes in use.
+void ckrpage();
+
+// Checks every index; asks about the bad ones. False: a key description is invalid and the rest
+// of the file cannot be judged.
+[[nodiscard]] bool ckindex();
+
+// Check the free lists of data records, storage pages and index nodes; ask about rebuilding.
+void ckdfree();
+void ckrfree();
+void ckifree();
+
+// Rebuild the free lists from what was found in use.
+void makifree();
+void makrfree();
+void makdfree();
+
+}  // namespace checker

@@ -1,0 +1,109 @@
+// data_check: which data records are present.
+//
+// Gives   datmap; with variable length also rpgmap, the nodes that hold pieces
+// Needs   the maps cleared by the dictionary check
+#include <algorithm>
+#include <cerrno>
+
+#include "checker/checks.h"
+#include "checker/dialogue.h"
+#include "checker/findings.h"
+#include "checker/listnode.h"
+#include "isam/buffers.h"
+#include "isam/datafile.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/varlen.h"
+
+namespace checker {
+namespace {
+
+using isam::dictp;
+using isam::filep;
+
+// Marks every page of a record's chain in rpgmap; false for a chain that cannot be followed.
+bool mark_chain(std::int32_t pointer) {
+  const int greatest = isam::greatest_chain();
+  for (int pieces = 0; pointer != 0; ++pieces) {
+    const std::int32_t node = isam::rpage::pointer_node(pointer);
+    if (pieces == greatest || node < 1 || node > findings.idxlast) {
+      isam::failed_unless_set(isam::kCorrupted);
+      return false;
+    }
+    findings.rpgmap.set_bit(node);
+    pointer = isam::rprwalk(pointer);
+    if (pointer == -1) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int varread(std::int32_t record, isam::Bytes buffer) {
+  isam::Byte trailer[isam::kVariableTrailer] = {};
+  if (isam::datainfo(record, trailer) != isam::kVariableTrailer ||
+      trailer[0] != isam::kRecordPresent) {
+    return -1;
+  }
+  if (!mark_chain(common::ldlong(trailer + isam::kTrailerReference))) return -1;
+  return isam::dataread(record, buffer);
+}
+
+namespace {
+
+void check_records() {
+  const isam::Bytes buffer = isam::temprecord();
+  const std::int32_t last = std::min(findings.datlast, findings.datreal);
+  for (std::int32_t record = 1; record <= last; ++record) {
+    errno = 0;
+    const int length = findings.varlen ? varread(record, buffer) : isam::dataread(record, buffer);
+    if (length > 0) {
+      findings.datmap.set_bit(record);
+    } else if (iserrno != 0 || errno != 0) {
+      // iserrno stays as it is: behind a record that failed, absence is no longer certain.
+      err(Message::kBadRecord);
+    }
+  }
+}
+
+// Takes every record as present but those that the free list or the extent declares free.
+void take_records_from_free_list() {
+  if (findings.datlast >= 1) findings.datmap.setmap(1, findings.datlast);
+  const std::int32_t extent = std::max(dictp->d_nextdata(), 0);
+  for (std::int32_t record = extent; record < findings.datlast; ++record) {
+    findings.datmap.clr_bit(record + 1);
+  }
+  UsageMap visited;
+  visited.reset(findings.idxlast);
+  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
+    if (node < 1 || node > findings.idxlast || visited.set_bit(node)) return;
+    const isam::PageHold page = isam::bfread(node);
+    if (!page) {
+      report_unreadable_node();
+      return;
+    }
+    const ListNode list{page};
+    if (!list.is_valid()) {
+      err(Message::kBadFreeDataFormat);
+      return;
+    }
+    list.for_each_entry([](std::int32_t record) {
+      if (record >= 1 && record <= findings.datlast) findings.datmap.clr_bit(record);
+    });
+    node = list.next();
+  }
+}
+
+}  // namespace
+
+void ckdata() {
+  if (options.iflag != 0 && !findings.varlen) {
+    take_records_from_free_list();
+    return;
+  }
+  if (options.iflag != 0) print_line(Message::kMustCheckData);
+  print_line(Message::kCheckingData);
+  check_records();
+}
+
+}  // namespace checker

@@ -1,0 +1,47 @@
+// dialogue: what the operator reads, is asked and answers.
+//
+// Keeps   every line of output ends through pnewline, which flushes, so that questions and
+//         answers interleave
+// Never   lets an error be printed twice: prterr clears what it printed
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string_view>
+#include <variant>
+
+#include "checker/messages.h"
+
+namespace checker {
+
+// How often each option letter was given; only zero or not matters.
+struct Options {
+  int iflag = 0;  // check the index file only
+  int lflag = 0;  // list the entries of every b-tree
+  int nflag = 0;  // answer no to every question, open for input only
+  int yflag = 0;  // answer yes to every question
+  int qflag = 0;  // no program header
+  int sflag = 0;  // change the index node size first
+};
+extern Options options;
+
+using Filling = std::variant<std::int64_t, std::string_view>;
+
+// Prints a message, its %d and %s filled in order, without a line end.
+void print(Message message, std::initializer_list<Filling> fillings = {});
+// Prints `n` line ends and flushes standard output.
+void pnewline(int n);
+// Prints a message and ends its line.
+void print_line(Message message, std::initializer_list<Filling> fillings = {});
+
+// "ERROR: " and the message, on a line of its own behind an empty one.
+void err(Message message);
+void errn(Message message, std::int64_t number);
+
+// Prints the library's current error, if any, and clears it.
+void prterr();
+
+// Asks the operator, or answers for him with -n or -y: true for yes.
+[[nodiscard]] bool ask(Message question);
+
+}  // namespace checker

@@ -1,0 +1,173 @@
+#include "checker/driver.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "checker/checks.h"
+#include "checker/dialogue.h"
+#include "checker/findings.h"
+#include "isam/buffers.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/locks.h"
+#include "locale/collation.h"
+
+namespace checker {
+namespace {
+
+using isam::dictp;
+using isam::filep;
+using isam::openp;
+
+constexpr std::size_t kSuffixLength = 4;
+
+void cut_suffix(std::string& name) {
+  if (name.ends_with(".dat") || name.ends_with(".idx")) name.resize(name.size() - kSuffixLength);
+}
+
+bool open_pair(const std::string& name) {
+  isam::OpenRecord* open = isam::allocopen();
+  if (open == nullptr) return false;
+  const int access = options.nflag != 0 ? 0 : 2;
+  open->mode = access + ISEXCLLOCK;
+  open->file = isam::allocfile(name, access);
+  if (open->file == nullptr) {
+    err(Message::kCannotOpen);
+    isam::freeopen(*open);
+    return false;
+  }
+  isam::make_current(*open);
+  return true;
+}
+
+// Takes the pair for this process alone and reads its dictionary.
+bool lock_and_load() {
+  bool locked = false;
+  if (isam::lksemaphore(isam::Semaphore::kExclusive) == 0) {
+    locked = isam::lkopenlock(ISEXCLLOCK) == 0;
+    isam::lksemaphore(isam::Semaphore::kRelease);
+  }
+  if (locked && isam::dictread() == 0) {
+    filep->stamp = openp->stamp = dictp->d_modcount();
+    return true;
+  }
+  if (locked) isam::lkopenlock(0);
+  prterr();
+  isam::freeopen(*openp);
+  return false;
+}
+
+bool locale_matches() {
+  if (!dictp->d_collate()) return true;
+  if (locale::chkulxinit() != 0) {
+    isam::failed(isam::kLocaleInvalid);
+    return false;
+  }
+  const std::string_view client = locale::file_system_name();
+  const std::string_view stored{dictp->d_collname(),
+                                ::strnlen(dictp->d_collname(), isam::kCollationNameSize)};
+  if (!client.empty() && stored.starts_with(client)) return true;
+  pnewline(1);
+  print_line(Message::kLocaleMismatch);
+  print(Message::kFileCollation, {stored});
+  pnewline(2);
+  return false;
+}
+
+bool record_buffer_is_ready() {
+  if (isam::mktemprec(std::max(filep->maxreclen, filep->reclen)) == 0) return true;
+  err(Message::kNoMemory);
+  return false;
+}
+
+void rebuild_free_lists() {
+  if (findings.badifree == Verdict::kRebuild) makifree();
+  if (findings.varlen && findings.badrfree == Verdict::kRebuild) makrfree();
+  if (findings.baddfree == Verdict::kRebuild) makdfree();
+}
+
+void settle_indexes() {
+  for (std::size_t n = findings.idxflag.size() - 1; n >= 1; --n) {
+    if (findings.idxflag[n] == IndexVerdict::kKeep) continue;
+    std::fprintf(stderr, "kestro: index %zu: deleting and remaking indexes is not available\n", n);
+  }
+}
+
+// The checks and repairs between opening and wind-up; false when they stopped early.
+bool check_and_repair() {
+  if (!ckdict() || !locale_matches() || !record_buffer_is_ready()) return false;
+  ckdata();
+  if (findings.varlen) ckrpage();
+  if (!ckindex()) return false;
+  ckdfree();
+  ckrfree();
+  ckifree();
+  rebuild_free_lists();
+  settle_indexes();
+  return true;
+}
+
+bool guarded_check_and_repair() {
+  try {
+    return check_and_repair();
+  } catch (const std::bad_alloc&) {
+    err(Message::kNoMemory);
+    return false;
+  }
+}
+
+// Everything is on disk before the open lock goes, so that nobody reads a half-written pair.
+void wind_up() {
+  isam::lksemaphore(isam::Semaphore::kExclusive);
+  if (options.nflag != 0) {
+    // Nothing was repaired; what was settled in the copy alone stays there.
+    filep->flags = 0;
+  }
+  isam::clear_errors();
+  isam::bfflush(*filep);
+  isam::isexit();
+  if (filep->failed_write.error != 0) {
+    iserrno = filep->failed_write.error;
+    iserrio = filep->failed_write.place;
+  }
+  isam::lkopenlock(0);
+  prterr();
+  isam::freeopen(*openp);
+}
+
+void print_summary() {
+  const std::int32_t nodes = findings.idxmap.cntmap();
+  const std::int32_t records = findings.datmap.cntmap();
+  print(Message::kNodeSummary, {std::int64_t{nodes}, std::int64_t{findings.idxlast - nodes}});
+  print(Message::kRecordSummary, {std::int64_t{records}, std::int64_t{findings.datlast - records}});
+  if (findings.varlen) {
+    const std::int32_t pages = findings.rpgmap.cntmap();
+    pnewline(1);
+    print(Message::kStoragePages, {std::int64_t{pages}});
+    if (pages != 0) {
+      pnewline(1);
+      print(Message::kStorageFree, {findings.totalrpfree, findings.totalrpfree / pages});
+    }
+  }
+  pnewline(2);
+}
+
+}  // namespace
+
+int ckfile(std::string name) {
+  cut_suffix(name);
+  isam::clear_errors();
+  if (options.sflag != 0) {
+    std::fprintf(stderr, "kestro: changing the index node size is not available\n");
+    return -1;
+  }
+  if (!open_pair(name) || !lock_and_load()) return -1;
+  const bool done = guarded_check_and_repair();
+  wind_up();
+  print_summary();
+  return done ? 0 : -1;
+}
+
+}  // namespace checker

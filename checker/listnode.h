@@ -1,0 +1,46 @@
+// listnode: a view of one node of a free list, believed only as far as it is checked.
+#pragma once
+
+#include <cstdint>
+
+#include "checker/dialogue.h"
+#include "isam/buffers.h"
+#include "isam/errors.h"
+
+namespace checker {
+
+class ListNode {
+ public:
+  explicit ListNode(const isam::PageHold& page)
+      : bytes_(page.bytes()), entry_bytes_(page.used() - isam::kEntriesOffset) {}
+
+  // Whether the used count leaves room for entries in the node.
+  [[nodiscard]] bool is_valid() const {
+    return entry_bytes_ >= 0 && entry_bytes_ <= isam::list_entries_limit(isam::filep->idxsize);
+  }
+  [[nodiscard]] std::int32_t next() const {
+    return common::ldlong(bytes_.data() + isam::kLinkOffset);
+  }
+  // Visits the whole entries of a valid node.
+  template <typename Visit>
+  void for_each_entry(Visit visit) const {
+    for (int at = 0; at + isam::kListEntrySize <= entry_bytes_; at += isam::kListEntrySize) {
+      visit(common::ldlong(bytes_.data() + isam::kEntriesOffset + at));
+    }
+  }
+
+ private:
+  isam::ConstBytes bytes_;
+  int entry_bytes_;
+};
+
+// A node could not be read: prints why, but not while a resized index is known to lack nodes.
+inline void report_unreadable_node() {
+  if (options.sflag != 0) {
+    isam::clear_errors();
+  } else {
+    prterr();
+  }
+}
+
+}  // namespace checker

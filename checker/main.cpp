@@ -1,0 +1,122 @@
+// kestro: checks and repairs Zentra indexed files.
+#include <cstdio>
+#include <cstdlib>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "checker/dialogue.h"
+#include "checker/driver.h"
+#include "isam.h"
+#include "isam/version.h"
+#include "locale/collation.h"
+
+namespace {
+
+using checker::Message;
+using checker::options;
+
+constexpr int kUsageStatus = 1;
+constexpr int kLocaleStatus = -1;
+
+// The letters as the operator types them, and those that the switch acts on.
+constexpr std::string_view kTypedLetters = "ilnyqs";
+constexpr std::string_view kActionLetters = "ilnyqs";
+static_assert(kTypedLetters.size() == kActionLetters.size());
+
+// The letter of `to` at the place where `from` has c, searched from the last; 0 when absent.
+char toanglo(char c, std::string_view from, std::string_view to) {
+  const std::size_t at = from.rfind(c);
+  return at == std::string_view::npos ? '\0' : to[at];
+}
+
+bool take_option(char letter) {
+  switch (toanglo(letter, kTypedLetters, kActionLetters)) {
+    case 'i':
+      ++options.iflag;
+      return true;
+    case 'l':
+      ++options.lflag;
+      return true;
+    case 'n':
+      ++options.nflag;
+      return true;
+    case 'y':
+      ++options.yflag;
+      return true;
+    case 'q':
+      ++options.qflag;
+      return true;
+    case 's':
+      ++options.sflag;
+      ++options.yflag;
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool take_options(std::string_view letters) {
+  for (const char letter : letters) {
+    if (take_option(letter)) continue;
+    checker::print_line(Message::kIllegalOption, {std::string_view(&letter, 1)});
+    return false;
+  }
+  return true;
+}
+
+void print_header() {
+  checker::pnewline(1);
+  checker::print_line(Message::kHeader, {std::string_view(isam::kVersionNumber)});
+  checker::print(Message::kNotice);
+  checker::pnewline(2);
+}
+
+void print_usage() {
+  for (const Message line : {Message::kUsage, Message::kUsageI, Message::kUsageL, Message::kUsageN,
+                             Message::kUsageY, Message::kUsageQ}) {
+    checker::print_line(line);
+  }
+  checker::print(Message::kUsageS);
+  checker::pnewline(2);
+}
+
+void check_files(std::span<char*> names) {
+  for (const char* name : names) {
+    checker::pnewline(1);
+    checker::print(Message::kFile, {std::string_view(name)});
+    checker::pnewline(2);
+    checker::ckfile(name);
+  }
+  checker::pnewline(1);
+  iscleanup();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::span<char*> arguments(argv, static_cast<std::size_t>(argc));
+  arguments = arguments.subspan(arguments.empty() ? 0 : 1);
+  if (arguments.size() == 1 && std::string_view(arguments[0]) == "-V") {
+    std::printf("%s\n", isversion());
+    return EXIT_SUCCESS;
+  }
+  if (locale::initulx() != 0) {
+    std::fprintf(stderr, "ulx function %s failed, error %d\n", "initulx", locale::get_ulxerror());
+    return kLocaleStatus;
+  }
+  static char output_buffer[BUFSIZ];
+  std::setvbuf(stdout, output_buffer, _IOFBF, sizeof output_buffer);
+
+  if (!arguments.empty() && arguments[0][0] == '-') {
+    if (!take_options(arguments[0] + 1)) return kUsageStatus;
+    arguments = arguments.subspan(1);
+  }
+  if (options.qflag == 0) print_header();
+  if (arguments.empty()) {
+    print_usage();
+    return kUsageStatus;
+  }
+  check_files(arguments);
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,149 @@
+// storage_check: the pages that hold the variable parts of records, and their free-space lists.
+//
+// Needs   rpgmap from the data check
+// Gives   rpgmap added to idxmap, totalrpfree, badrfree
+// Never   changes a page while checking: pages with faults are reported only
+#include "checker/checks.h"
+#include "checker/dialogue.h"
+#include "checker/findings.h"
+#include "checker/listnode.h"
+#include "isam/errors.h"
+#include "isam/varlen.h"
+
+namespace checker {
+namespace {
+
+using isam::dictp;
+using isam::Rpage;
+
+bool free_bytes_in_range(const Rpage& page, int beyond) {
+  return page.free_bytes() >= 0 && page.free_bytes() < beyond;
+}
+
+// Runs the tests of one page and calls `fault` for each that fails.
+template <typename Fault>
+void test_page(const Rpage& page, Fault fault) {
+  const isam::RpageGeometry& geometry = page.geometry();
+  const int slots = page.slots_in_page();
+  if (!page.has_magic()) fault();
+  if (page.slot_count() == 0) fault();
+  if (page.slot_count() > slots) fault();
+  int total = 0;
+  for (int i = 0; i < slots; ++i) {
+    const int length = page.slot(i).length;
+    if (length < 0 || length > geometry.capacity) {
+      fault();
+    } else {
+      total += length;
+    }
+  }
+  for (int i = 0; i < slots; ++i) {
+    const Rpage::Slot slot = page.slot(i);
+    if (slot.length != 0 && (slot.offset < 0 || slot.offset > isam::filep->idxsize)) fault();
+  }
+  if (total > geometry.capacity) fault();
+  if (!free_bytes_in_range(page, geometry.capacity)) fault();
+}
+
+template <typename Visit>
+void for_each_storage_page(Visit visit) {
+  for (std::int32_t node = findings.rpgmap.next_set(1); node != 0;
+       node = node == INT32_MAX ? 0 : findings.rpgmap.next_set(node + 1)) {
+    visit(node);
+  }
+}
+
+// The class that a page's list should have; an empty page counts by its free bytes alone.
+int listed_class(const Rpage& page) {
+  const int free_bytes = page.free_bytes();
+  const int by_room = free_bytes > 0 ? (free_bytes - 1) / page.geometry().class_width : 0;
+  const bool full = page.slot_count() >= isam::rpage::kMaxSlots && !page.has_empty_slot();
+  return full ? 0 : by_room;
+}
+
+void ckrferr() { findings.badrfree = Verdict::kFaulty; }
+
+void check_list(int rpage_class) {
+  UsageMap visited;
+  visited.reset(findings.idxlast);
+  std::int32_t previous = 0;
+  for (std::int32_t node = dictp->d_varfree(rpage_class); node != 0;) {
+    const isam::PageHold page = isam::rpbfread(node);
+    if (!page) {
+      ckrferr();
+      prterr();
+      return;
+    }
+    if (node > findings.idxlast || visited.set_bit(node)) return ckrferr();
+    const Rpage view{page};
+    if (view.page_class() != rpage_class) ckrferr();
+    if (listed_class(view) != rpage_class) ckrferr();
+    if (previous != 0 && view.previous() != previous) ckrferr();
+    previous = node;
+    node = view.next();
+  }
+}
+
+// Whether a page may be filed. One whose free bytes claim that it is empty while a slot holds
+// data would be freed under the records that use it.
+bool may_be_filed(const Rpage& page) {
+  if (!page.has_magic() || page.slot_count() > page.slots_in_page() ||
+      !free_bytes_in_range(page, page.geometry().capacity + 1)) {
+    return false;
+  }
+  if (rpage_class_of(page) != isam::rpage::kEmptyClass) return true;
+  for (int i = 0; i < page.slots_in_page(); ++i) {
+    if (page.slot(i).length != 0) return false;
+  }
+  return true;
+}
+
+void filing_failed(Message message) {
+  err(message);
+  prterr();
+}
+
+void file_page(std::int32_t node) {
+  isam::PageHold page = isam::bfread(node);
+  if (!page) return filing_failed(Message::kPageReadFailed);
+  if (!may_be_filed(Rpage{page})) {
+    page.release();
+    isam::failed(isam::kCorrupted);
+    return filing_failed(Message::kPageFilingFailed);
+  }
+  if (isam::rpfladd(std::move(page)) != 0) filing_failed(Message::kPageFilingFailed);
+}
+
+}  // namespace
+
+void ckrpage() {
+  findings.totalrpfree = 0;
+  findings.idxmap.ormap(findings.rpgmap);
+  for_each_storage_page([](std::int32_t node) {
+    const isam::PageHold page = isam::bfread(node);
+    if (!page) return prterr();
+    const Rpage view{page};
+    test_page(view, [&] { errn(Message::kCorruptPage, node); });
+    findings.totalrpfree += view.free_bytes();
+  });
+}
+
+void ckrfree() {
+  findings.badrfree = Verdict::kSound;
+  for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
+    check_list(rpage_class);
+  }
+  if (findings.badrfree == Verdict::kFaulty && ask(Message::kFixStorageLists)) {
+    findings.badrfree = Verdict::kRebuild;
+  }
+}
+
+void makrfree() {
+  for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
+    dictp->set_d_varfree(rpage_class, 0);
+  }
+  isam::dictmodify();
+  for_each_storage_page(file_page);
+}
+
+}  // namespace checker

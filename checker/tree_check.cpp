@@ -1,0 +1,137 @@
+#include "checker/tree_check.h"
+
+#include <algorithm>
+#include <array>
+
+#include "checker/dialogue.h"
+#include "checker/findings.h"
+#include "checker/listing.h"
+#include "isam/buffers.h"
+#include "isam/errors.h"
+
+namespace checker {
+namespace {
+
+constexpr isam::Byte kNoKey[MAXKEYLEN] = {};  // what a node's first item follows
+
+}  // namespace
+
+TreeFindings TreeCheck::run() {
+  cktree(key_.rootnode, nullptr, nullptr);
+  return found_;
+}
+
+void TreeCheck::bad_format(std::int32_t node) {
+  errn(Message::kBadTreeNode, node);
+  found_.badindex = true;
+}
+
+void TreeCheck::check_pair(const Item& prev, const Item& item, int equal) {
+  const int order = order_.compare_from(prev.key, item.key, equal);
+  if (order > 0 || (order == 0 && prev.dupnm > item.dupnm)) found_.badorder = true;
+}
+
+void TreeCheck::check_record(std::int32_t record) {
+  if (record <= 0 || record > findings.datlast || !findings.datmap.tstbit(record)) {
+    ++found_.baddata;
+  } else if (findings.datmap2.set_bit(record)) {
+    ++found_.dupdata;
+  }
+}
+
+// Both walks return the item that precedes what follows the node in key order (`prev` when the
+// node adds none), or null with badindex set when the rest of the node is unreadable.
+const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
+                                        Item (&items)[2]) {
+  const int used = static_cast<int>(area.size());
+  const isam::Byte* before = kNoKey;
+  int current = 0;
+  for (int pos = 0; pos < used;) {
+    Item& item = items[current];
+    pos = isam::itunpack(layout_, area, pos, before, item);
+    if (pos < 0) {
+      bad_format(node);
+      return nullptr;
+    }
+    if (prev != nullptr) check_pair(*prev, item, before == prev->key ? item.leadc : 0);
+    check_record(item.recptr);
+    if (options.lflag != 0) pritem(item, key_);
+    prev = &item;
+    before = item.key;
+    current ^= 1;
+  }
+  return prev;
+}
+
+const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes area, const Item* prev,
+                                         const Item* bound, Item (&items)[2]) {
+  const int used = static_cast<int>(area.size());
+  const isam::Byte* before = kNoKey;
+  int current = 0;
+  for (int pos = 0; pos < used;) {
+    Item& item = items[current];
+    pos = isam::itunpack(layout_, area, pos, before, item);
+    if (pos < 0) {
+      bad_format(node);
+      return nullptr;
+    }
+    // The key of a node's last item carries no meaning: it covers all that lies to its right.
+    const bool last = pos == used;
+    if (prev != nullptr && !last) check_pair(*prev, item, 0);
+    found_.maxlevel = std::max(found_.maxlevel, ++level_);
+    cktree(item.recptr, prev, last ? bound : &item);
+    --level_;
+    if (options.lflag != 0) {
+      list_level(level_);
+      pritem(item, key_);
+    }
+    if (!last) prev = &item;
+    before = item.key;
+    current ^= 1;
+  }
+  return prev;
+}
+
+void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
+  if (node < 1 || node > findings.idxlast) {
+    ++found_.badindx;
+    return;
+  }
+  if (findings.idxmap2.set_bit(node)) {
+    ++found_.dupindx;
+    return;
+  }
+  ++found_.cntindx;
+  if (level_ >= isam::kMaxTreeLevels) {
+    bad_format(node);
+    return;
+  }
+  isam::PageHold page = isam::bfread(node);
+  if (!page) {
+    found_.badindex = true;
+    report_unreadable_tree_node();
+    return;
+  }
+  const int used = page.used() - isam::kUsedBytes;
+  if (used < 0 || used > isam::item_area_limit(isam::filep->idxsize)) {
+    bad_format(node);
+    return;
+  }
+  if (options.lflag != 0) list_node(level_, node, used);
+
+  Item items[2];
+  const auto area = page.bytes().subspan(isam::kUsedBytes, static_cast<std::size_t>(used));
+  const Item* last = nullptr;
+  if (page.level() == isam::kLeafLevel) {
+    last = check_leaf(node, area, prev, items);
+    page.release();
+  } else {
+    std::array<isam::Byte, isam::kMaxNodeSize> copy;
+    std::ranges::copy(area, copy.begin());
+    page.release();
+    last = check_upper(node, {copy.data(), area.size()}, prev, bound, items);
+  }
+  if (bound != nullptr && last != nullptr) check_pair(*last, *bound, 0);
+}
+
+}  // namespace checker

@@ -1,0 +1,56 @@
+// tree_check: the walk over the B-tree of one index.
+//
+// Tests   node numbers in range and used once, node formats, leaf pointers to records in use and
+//         pointed to once, items in key order within and between nodes
+// Needs   idxmap2 and datmap2 cleared; datmap filled by the data check
+// Gives   the counts below; idxmap2 and datmap2 marked; with -l the listing of every node
+// Never   holds a page while it descends, nor goes below level 20
+#pragma once
+
+#include <cstdint>
+
+#include "isam.h"
+#include "isam/items.h"
+#include "isam/keys.h"
+
+namespace checker {
+
+struct TreeFindings {
+  std::int32_t cntindx = 0;  // nodes counted
+  std::int32_t badindx = 0;  // node pointers out of range
+  std::int32_t dupindx = 0;  // node pointers met a second time
+  std::int32_t baddata = 0;  // leaf pointers out of range or to a record not in use
+  std::int32_t dupdata = 0;  // records pointed to more than once
+  bool badorder = false;     // two items are out of order
+  bool badindex = false;     // a node is malformed or could not be read
+  int maxlevel = 0;          // deepest level, the root being 0
+};
+
+class TreeCheck {
+ public:
+  explicit TreeCheck(const keydescr& k) : key_(k), order_(k), layout_(k) {}
+
+  [[nodiscard]] TreeFindings run();
+
+ private:
+  using Item = isam::Item;
+
+  // `prev` precedes the subtree in key order (null on the leftmost path), `bound` is not to be
+  // exceeded by its last item (null on the rightmost path).
+  void cktree(std::int32_t node, const Item* prev, const Item* bound);
+  const Item* check_upper(std::int32_t node, isam::ConstBytes area, const Item* prev,
+                          const Item* bound, Item (&items)[2]);
+  const Item* check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
+                         Item (&items)[2]);
+  void check_pair(const Item& prev, const Item& item, int equal);
+  void check_record(std::int32_t record);
+  void bad_format(std::int32_t node);
+
+  const keydescr& key_;
+  isam::KeyOrder order_;
+  isam::ItemLayout layout_;
+  TreeFindings found_;
+  int level_ = 0;
+};
+
+}  // namespace checker
