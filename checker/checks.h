@@ -29,4 +29,8 @@ void makifree();
 void makrfree();
 void makdfree();
 
+// Remove the description of index n, or empty the index and fill it from the data records.
+void delindex(int n);
+void makindex(int n);
+
 }  // namespace checker

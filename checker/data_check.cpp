@@ -9,6 +9,7 @@
 #include "checker/dialogue.h"
 #include "checker/findings.h"
 #include "checker/listnode.h"
+#include "checker/progress.h"
 #include "isam/buffers.h"
 #include "isam/datafile.h"
 #include "isam/errors.h"
@@ -54,7 +55,9 @@ namespace {
 void check_records() {
   const isam::Bytes buffer = isam::temprecord();
   const std::int32_t last = std::min(findings.datlast, findings.datreal);
+  Progress progress("Checking data records", last);
   for (std::int32_t record = 1; record <= last; ++record) {
+    progress.at(record);
     errno = 0;
     const int length = findings.varlen ? varread(record, buffer) : isam::dataread(record, buffer);
     if (length > 0) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "checker/progress.h"
 #include "isam/errors.h"
 
 namespace checker {
@@ -34,7 +35,10 @@ std::string filled(std::string_view text, std::initializer_list<Filling> filling
   return result;
 }
 
-void put(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stdout); }
+void put(std::string_view text) {
+  Progress::erase();
+  std::fwrite(text.data(), 1, text.size(), stdout);
+}
 
 const char* operation_word(std::int32_t place) {
   switch (place & 0xF0) {
@@ -96,6 +100,7 @@ void print(Message message, std::initializer_list<Filling> fillings) {
 }
 
 void pnewline(int n) {
+  Progress::erase();
   for (int i = 0; i < n; ++i) std::fputc('\n', stdout);
   std::fflush(stdout);
 }

@@ -90,7 +90,7 @@ void take_extents() {
 }
 
 void clear_maps() {
-  for (UsageMap* map : {&findings.idxmap, &findings.idxmap2, &findings.rpgmap}) {
+  for (UsageMap* map : {&findings.idxmap, &findings.keptmap, &findings.idxmap2, &findings.rpgmap}) {
     map->reset(findings.idxlast);
   }
   for (UsageMap* map : {&findings.datmap, &findings.datmap2}) map->reset(findings.datlast);

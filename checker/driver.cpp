@@ -1,13 +1,13 @@
 #include "checker/driver.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <new>
 
 #include "checker/checks.h"
 #include "checker/dialogue.h"
 #include "checker/findings.h"
+#include "checker/resize.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
 #include "isam/files.h"
@@ -27,6 +27,7 @@ void cut_suffix(std::string& name) {
   if (name.ends_with(".dat") || name.ends_with(".idx")) name.resize(name.size() - kSuffixLength);
 }
 
+// Opens the pair and makes it current; false when that failed.
 bool open_pair(const std::string& name) {
   isam::OpenRecord* open = isam::allocopen();
   if (open == nullptr) return false;
@@ -34,7 +35,6 @@ bool open_pair(const std::string& name) {
   open->mode = access + ISEXCLLOCK;
   open->file = isam::allocfile(name, access);
   if (open->file == nullptr) {
-    err(Message::kCannotOpen);
     isam::freeopen(*open);
     return false;
   }
@@ -42,21 +42,42 @@ bool open_pair(const std::string& name) {
   return true;
 }
 
+// Takes the open lock, so that no other process uses the pair. False with iserrno set.
+bool lock_pair() {
+  if (isam::lksemaphore(isam::Semaphore::kExclusive) != 0) return false;
+  const bool locked = isam::lkopenlock(ISEXCLLOCK) == 0;
+  isam::lksemaphore(isam::Semaphore::kRelease);
+  return locked;
+}
+
+void give_up_pair() {
+  prterr();
+  isam::freeopen(*openp);
+}
+
 // Takes the pair for this process alone and reads its dictionary.
 bool lock_and_load() {
-  bool locked = false;
-  if (isam::lksemaphore(isam::Semaphore::kExclusive) == 0) {
-    locked = isam::lkopenlock(ISEXCLLOCK) == 0;
-    isam::lksemaphore(isam::Semaphore::kRelease);
-  }
+  const bool locked = lock_pair();
   if (locked && isam::dictread() == 0) {
     filep->stamp = openp->stamp = dictp->d_modcount();
     return true;
   }
   if (locked) isam::lkopenlock(0);
-  prterr();
-  isam::freeopen(*openp);
+  give_up_pair();
   return false;
+}
+
+// Changes the node size while no other process has the pair open.
+int resize_alone(const std::string& name) {
+  if (!open_pair(name)) {
+    isam::clear_errors();
+    return resize(name);  // which says what is missing
+  }
+  const bool locked = lock_pair();
+  const int result = locked ? resize(name) : -1;
+  if (locked) isam::lkopenlock(0);
+  give_up_pair();
+  return result;
 }
 
 bool locale_matches() {
@@ -88,10 +109,19 @@ void rebuild_free_lists() {
   if (findings.baddfree == Verdict::kRebuild) makdfree();
 }
 
+// From the highest number down, so that removals do not shift the numbers still to come.
 void settle_indexes() {
-  for (std::size_t n = findings.idxflag.size() - 1; n >= 1; --n) {
-    if (findings.idxflag[n] == IndexVerdict::kKeep) continue;
-    std::fprintf(stderr, "kestro: index %zu: deleting and remaking indexes is not available\n", n);
+  for (int n = static_cast<int>(findings.idxflag.size()) - 1; n >= 1; --n) {
+    switch (findings.idxflag[static_cast<std::size_t>(n)]) {
+      case IndexVerdict::kKeep:
+        break;
+      case IndexVerdict::kDelete:
+        delindex(n);
+        break;
+      case IndexVerdict::kRemake:
+        makindex(n);
+        break;
+    }
   }
 }
 
@@ -159,11 +189,12 @@ void print_summary() {
 int ckfile(std::string name) {
   cut_suffix(name);
   isam::clear_errors();
-  if (options.sflag != 0) {
-    std::fprintf(stderr, "kestro: changing the index node size is not available\n");
+  if (options.sflag != 0 && resize_alone(name) != 0) return -1;
+  if (!open_pair(name)) {
+    err(Message::kCannotOpen);
     return -1;
   }
-  if (!open_pair(name) || !lock_and_load()) return -1;
+  if (!lock_and_load()) return -1;
   const bool done = guarded_check_and_repair();
   wind_up();
   print_summary();

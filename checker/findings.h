@@ -22,6 +22,7 @@ struct Findings {
   std::int32_t datreal = 0;  // records whose state byte the data file really holds
 
   UsageMap idxmap;   // nodes in use
+  UsageMap keptmap;  // nodes in use by what is kept: idxmap without the roots to be refilled
   UsageMap idxmap2;  // nodes of the structure being checked
   UsageMap rpgmap;   // nodes that hold pieces of variable parts
   UsageMap datmap;   // records present

@@ -111,6 +111,7 @@ void walk_index_list(ListCounts& counts) {
 
 void ckdfree() {
   print_line(Message::kCheckingFreeLists);
+  findings.idxmap2.clrmap();
   findings.datmap2.clrmap();
   findings.baddfree = findings.badifree = Verdict::kSound;
   ListCounts counts;
@@ -130,6 +131,7 @@ void ckdfree() {
     findings.baddfree = Verdict::kRebuild;
   }
   findings.idxmap.ormap(findings.idxmap2);
+  findings.keptmap.ormap(findings.idxmap2);
 }
 
 void ckifree() {

@@ -9,6 +9,7 @@
 #include "checker/listing.h"
 #include "checker/tree_check.h"
 #include "isam/errors.h"
+#include "isam/keychain.h"
 #include "isam/keys.h"
 
 namespace checker {
@@ -42,7 +43,7 @@ IndexVerdict check_index(int n, const keydescr& k) {
   findings.idxmap2.clrmap();
   findings.datmap2.clrmap();
   TreeFindings found;
-  if (k.nparts > 0) found = TreeCheck{k}.run();
+  if (k.nparts > 0) found = TreeCheck{k, findings.datmap.cntmap()}.run();
   print(Message::kNodesUsed, {std::int64_t{found.cntindx}});
   print_line(Message::kLevelsUsed, {std::int64_t{found.maxlevel} + 1});
   if (k.nparts == 0) return IndexVerdict::kKeep;
@@ -54,6 +55,7 @@ IndexVerdict check_index(int n, const keydescr& k) {
   const IndexVerdict verdict =
       faulty || found.badindex ? ask_about_bad_index(k.rootnode) : IndexVerdict::kKeep;
   findings.idxmap.ormap(findings.idxmap2);
+  if (verdict == IndexVerdict::kKeep) findings.keptmap.ormap(findings.idxmap2);
   return verdict;
 }
 
@@ -69,6 +71,7 @@ void settle_index_count(int counted) {
 
 bool ckindex() {
   print_line(Message::kCheckingIndexes);
+  findings.keptmap.ormap(findings.idxmap);
   isam::KeyChain chain;
   keydescr k{};
   for (int n = 1;; ++n) {

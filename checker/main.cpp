@@ -110,6 +110,7 @@ int main(int argc, char** argv) {
 
   if (!arguments.empty() && arguments[0][0] == '-') {
     if (!take_options(arguments[0] + 1)) return kUsageStatus;
+    if (options.nflag != 0) options.sflag = 0;  // with -n nothing is written
     arguments = arguments.subspan(1);
   }
   if (options.qflag == 0) print_header();

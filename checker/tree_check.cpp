@@ -43,6 +43,7 @@ void TreeCheck::check_record(std::int32_t record) {
 // node adds none), or null with badindex set when the rest of the node is unreadable.
 const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
                                         Item (&items)[2]) {
+  progress_.at(items_);
   const int used = static_cast<int>(area.size());
   const isam::Byte* before = kNoKey;
   int current = 0;
@@ -55,6 +56,7 @@ const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area
     }
     if (prev != nullptr) check_pair(*prev, item, before == prev->key ? item.leadc : 0);
     check_record(item.recptr);
+    ++items_;
     if (options.lflag != 0) pritem(item, key_);
     prev = &item;
     before = item.key;

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 
+#include "checker/progress.h"
 #include "isam.h"
 #include "isam/items.h"
 #include "isam/keys.h"
@@ -28,7 +29,9 @@ struct TreeFindings {
 
 class TreeCheck {
  public:
-  explicit TreeCheck(const keydescr& k) : key_(k), order_(k), layout_(k) {}
+  // `records`: how many items the leaves should hold, to tell how far the walk has come.
+  TreeCheck(const keydescr& k, std::int32_t records)
+      : key_(k), order_(k), layout_(k), progress_("Checking an index", records) {}
 
   [[nodiscard]] TreeFindings run();
 
@@ -49,6 +52,8 @@ class TreeCheck {
   const keydescr& key_;
   isam::KeyOrder order_;
   isam::ItemLayout layout_;
+  Progress progress_;
+  std::int64_t items_ = 0;  // leaf items met
   TreeFindings found_;
   int level_ = 0;
 };

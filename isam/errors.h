@@ -27,6 +27,7 @@ enum Code : std::int32_t {
   kBadCollation = 117,
   kLocaleInvalid = 159,
   kFormatChange = 171,
+  kTreeTooDeep = 26062,
 };
 
 // The first code past the message table.

@@ -60,6 +60,7 @@ struct Dictionary {
   }
   [[nodiscard]] const char* d_collname() const { return reinterpret_cast<const char*>(raw + 81); }
 
+  void set_d_idxsize(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 6); }
   void set_d_nkeys(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 8); }
   void set_d_freedata(std::int32_t node) { common::stlong(node, raw + 25); }
   void set_d_freenode(std::int32_t node) { common::stlong(node, raw + 29); }
@@ -102,6 +103,7 @@ inline constexpr int kListEntrySize = 4;
 [[nodiscard]] constexpr int list_entries_limit(int stored_size) { return stored_size - 8; }
 
 // A stored key description.
+inline constexpr int kKeyRootOffset = 2;
 inline constexpr int kKeyHeadSize = 7;  // size, root node, flags
 inline constexpr int kKeyPartSize = 5;  // length, start, type
 inline constexpr int kDuplicatesBit = 0x8000;

@@ -7,7 +7,7 @@
 // The top bit of a record pointer says that the next item repeats this key and stores none.
 //
 // Gives   ItemLayout: what of an item is stored, from its key description and the dictionary
-//         Item, and itunpack to read one
+//         Item; itunpack to read one, itpress and itpack to store one, itcompare
 #pragma once
 
 #include <cstdint>
@@ -52,47 +52,116 @@ struct ItemLayout {
   bool lcompress;
   bool tcompress;
   int dupwidth;  // 0 without duplicates
+
+  [[nodiscard]] bool compressed() const { return dcompress || lcompress || tcompress; }
+  // Size of every item of an index without compression.
+  [[nodiscard]] int fixed_size() const { return keylen + dupwidth + kRecordPointerSize; }
+  // The greatest duplicate number that its width can store; 0 without duplicates.
+  [[nodiscard]] std::int32_t greatest_dupnm() const {
+    if (dupwidth == 0) return 0;
+    return dupwidth == 4 ? INT32_MAX : UINT16_MAX;
+  }
 };
+
+// The parts of a stored item, found without putting its key together.
+struct StoredItem {
+  const Byte* key;  // the key bytes stored
+  int leadc;
+  int tailc;
+  int keyln;
+  bool repeats;  // stores no key: it repeats the previous one's
+  int end;       // offset of the next item
+
+  [[nodiscard]] const Byte* behind_key() const { return key + keyln; }
+};
+
+// Finds the parts of the item at `pos` of an item area, which it does not reach past: false when
+// the stored counts are impossible or the item runs past the area.
+[[nodiscard]] inline bool itlocate(const ItemLayout& layout, ConstBytes area, int pos,
+                                   StoredItem& stored) {
+  const Byte* at = area.data() + pos;
+  const auto room = static_cast<int>(area.size()) - pos;
+  const int fixed = layout.dupwidth + kRecordPointerSize;
+  int counts = 0;
+  stored.repeats = pos > 0 && (at[-kRecordPointerSize] & kRepeatBit) != 0;
+  stored.leadc = stored.tailc = stored.keyln = 0;
+  if (!stored.repeats) {
+    counts = int{layout.lcompress} + int{layout.tcompress};
+    if (room < counts) return false;
+    if (layout.lcompress) stored.leadc = *at++;
+    if (layout.tcompress) stored.tailc = *at++;
+    stored.keyln = layout.keylen - stored.leadc - stored.tailc;
+  }
+  const int total = counts + stored.keyln + fixed;
+  stored.key = at;
+  stored.end = pos + total;
+  return stored.keyln >= 0 && total <= room;
+}
+
+// The numbers behind an item's key bytes.
+[[nodiscard]] inline std::int32_t stored_dupnm(const ItemLayout& layout, const Byte* at) {
+  if (layout.dupwidth == 0) return 0;
+  return layout.dupwidth == 4 ? common::ldlong(at) : common::ldword(at);
+}
+[[nodiscard]] inline std::int32_t stored_recptr(const Byte* at) {
+  return common::ldlong(at) & INT32_MAX;
+}
 
 // Reads the item at `pos` of an item area whose previous item has the key `previous` (it may be
 // item.key itself). The offset of the next item, or -1 when the stored counts are impossible or
 // the item runs past the area.
 [[nodiscard]] inline int itunpack(const ItemLayout& layout, ConstBytes area, int pos,
                                   const Byte* previous, Item& item) {
-  const Byte* const start = area.data();
-  const Byte* at = start + pos;
-  const Byte* const end = start + area.size();
-  const int fixed = layout.dupwidth + kRecordPointerSize;
-  if (pos > 0 && (at[-kRecordPointerSize] & kRepeatBit) != 0) {
-    if (end - at < fixed) return -1;
+  StoredItem stored;
+  if (!itlocate(layout, area, pos, stored)) return -1;
+  item.leadc = stored.leadc;
+  item.tailc = stored.tailc;
+  item.keyln = stored.keyln;
+  if (stored.repeats) {
     item.flag = kRepeatsPrevious;
-    item.keyln = item.leadc = item.tailc = 0;
     if (previous != item.key) {
       std::memcpy(item.key, previous, static_cast<std::size_t>(layout.keylen));
     }
   } else {
-    if (end - at < int{layout.lcompress} + int{layout.tcompress}) return -1;
     item.flag = 0;
-    item.leadc = layout.lcompress ? *at++ : 0;
-    item.tailc = layout.tcompress ? *at++ : 0;
-    item.keyln = layout.keylen - item.leadc - item.tailc;
-    if (item.keyln < 0 || end - at < item.keyln + fixed) return -1;
     if (previous != item.key) {
       std::memcpy(item.key, previous, static_cast<std::size_t>(item.leadc));
     }
-    std::memcpy(item.key + item.leadc, at, static_cast<std::size_t>(item.keyln));
+    std::memcpy(item.key + item.leadc, stored.key, static_cast<std::size_t>(item.keyln));
     std::memset(item.key + item.leadc + item.keyln, ' ', static_cast<std::size_t>(item.tailc));
-    at += item.keyln;
   }
-  item.dupnm = layout.dupwidth == 0   ? 0
-               : layout.dupwidth == 4 ? common::ldlong(at)
-                                      : common::ldword(at);
-  at += layout.dupwidth;
-  if ((*at & kRepeatBit) != 0) item.flag |= kNextRepeats;
-  item.recptr = common::ldlong(at) & INT32_MAX;
-  at += kRecordPointerSize;
-  item.totln = static_cast<int>(at - start) - pos;
-  return pos + item.totln;
+  const Byte* const numbers = stored.behind_key();
+  const Byte* const pointer = numbers + layout.dupwidth;
+  item.dupnm = stored_dupnm(layout, numbers);
+  if ((*pointer & kRepeatBit) != 0) item.flag |= kNextRepeats;
+  item.recptr = stored_recptr(pointer);
+  item.totln = stored.end - pos;
+  return stored.end;
 }
+
+// The key that a node's first item follows.
+inline constexpr Byte kNoKey[MAXKEYLEN] = {};
+
+// The offset of the item that ends at `pos`, or -1 when none does.
+[[nodiscard]] int itbefore(const ItemLayout& layout, ConstBytes area, int pos);
+// The same, leaving the item unpacked in `item`.
+[[nodiscard]] int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item);
+
+// Where an item is to stand.
+enum class Press {
+  kAfter,   // behind the item given
+  kFirst,   // first of its node
+  kRepeat,  // behind an item whose key it repeats, whatever its own key says
+};
+
+// Builds an item from a record; dupnm and recptr are 0.
+void itmake(const Byte* record, Item& item, const keydescr& k);
+
+// Computes the stored form of `item` (flag, totln, keyln, leadc, tailc), and with Press::kAfter
+// the flag of `prev` that says whether its key is repeated. `prev` may be null with kFirst.
+void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press);
+
+// Stores a pressed item at `pos` and marks its predecessor's record pointer; the offset behind it.
+int itpack(const ItemLayout& layout, const Item& item, Bytes area, int pos);
 
 }  // namespace isam

@@ -1,8 +1,8 @@
 #include "isam/keys.h"
 
 #include <algorithm>
+#include <cmath>
 
-#include "isam/buffers.h"
 #include "isam/errors.h"
 #include "locale/collation.h"
 
@@ -17,10 +17,13 @@ int sign_of(T a, T b) {
   return (a > b) - (a < b);
 }
 
+// Null, then the numbers, then what is not a number: a total order whatever the bytes.
 template <typename T>
 int compare_nullable(T a, bool a_null, T b, bool b_null) {
   if (a_null) return b_null ? 0 : -1;
-  return b_null ? 1 : sign_of(a, b);
+  if (b_null) return 1;
+  if (std::isnan(a) || std::isnan(b)) return sign_of(std::isnan(a), std::isnan(b));
+  return sign_of(a, b);
 }
 
 int compare_part(int type, const Byte* a, const Byte* b, int length) {
@@ -49,18 +52,6 @@ int compare_part(int type, const Byte* a, const Byte* b, int length) {
     default:
       return 0;  // codes with a collating table do not decide the order in a tree
   }
-}
-
-// Bytes of a key-description node that may hold descriptions.
-int description_end(const PageHold& page) {
-  return std::min(page.used(), node_type_offset(filep->idxsize));
-}
-
-bool well_formed(const Byte* stored, int room) {
-  if (room < kKeyHeadSize) return false;
-  const int size = common::ldword(stored);
-  return size >= kKeyHeadSize && size <= room && (size - kKeyHeadSize) % kKeyPartSize == 0 &&
-         (size - kKeyHeadSize) / kKeyPartSize <= MAXPARTS;
 }
 
 }  // namespace
@@ -93,7 +84,7 @@ int kylegal(keydescr& k, int reclen) {
 keydescr kyunpack(const Byte* stored) {
   keydescr k{};
   k.nparts = static_cast<std::int16_t>((common::ldword(stored) - kKeyHeadSize) / kKeyPartSize);
-  k.rootnode = common::ldlong(stored + 2);
+  k.rootnode = common::ldlong(stored + kKeyRootOffset);
   k.flags = static_cast<std::int16_t>(stored[6] * 2);
   if (k.nparts == 0) {
     k.part[0].length = 2;
@@ -111,57 +102,6 @@ keydescr kyunpack(const Byte* stored) {
   }
   k.keylen = static_cast<std::int16_t>(keylen);
   return k;
-}
-
-KeyChain::KeyChain() : node_(dictp->d_keysnode()), offset_(kEntriesOffset) {}
-
-bool KeyChain::follow(std::int32_t link) {
-  if (link == mark_) return false;
-  if (++steps_ == next_mark_) {
-    mark_ = link;
-    next_mark_ *= 2;
-  }
-  node_ = link;
-  offset_ = kEntriesOffset;
-  return true;
-}
-
-KeyChain::Step KeyChain::next(keydescr& k) {
-  if (mark_ == 0) mark_ = node_;
-  while (node_ != 0) {
-    const PageHold page = bfread(node_);
-    if (!page) return Step::kUnreadable;
-    const int end = description_end(page);
-    if (offset_ < end) {
-      const Byte* stored = page.data() + offset_;
-      if (!well_formed(stored, end - offset_)) {
-        failed(kCorrupted);
-        return Step::kMalformed;
-      }
-      k = kyunpack(stored);
-      offset_ += common::ldword(stored);
-      return Step::kFound;
-    }
-    const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
-    if (link == 0) {
-      node_ = 0;
-    } else if (!follow(link)) {
-      failed(kCorrupted);
-      return Step::kMalformed;
-    }
-  }
-  return Step::kEnd;
-}
-
-int kysearch(keydescr& k, int n) {
-  KeyChain chain;
-  keydescr found{};
-  for (int number = 1;; ++number) {
-    if (chain.next(found) != KeyChain::Step::kFound) return -1;
-    if (number == n) break;
-  }
-  k = found;
-  return n;
 }
 
 KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {

@@ -1,13 +1,6 @@
-// keys: key descriptions and the order of key values.
+// keys: key descriptions, which define indexes, and the order of key values.
 //
-// An index is defined by its key description; the descriptions of a file stand in a chain of
-// nodes, and an index's number is its place in the chain, counted from 1.
-//
-// Needs   the current file with its dictionary loaded
-// Keeps   K1 a stored description is taken only when its size, its parts and its place in the
-//            node agree; anything else is malformed (105)
-//         K2 a chain that loops is malformed
-// Gives   the descriptions in order, legality, and KeyOrder for comparing key values
+// Gives   legality and unpacking of key descriptions, and KeyOrder for comparing key values
 #pragma once
 
 #include <array>
@@ -26,31 +19,6 @@ int kylegal(keydescr& k, int reclen);
 
 // Whether a type code (low 7 bits) belongs to a collation: 7, 16, 32, ... 112.
 [[nodiscard]] bool clchktype(int type);
-
-// Walks the stored descriptions of the current file in index order.
-class KeyChain {
- public:
-  enum class Step { kFound, kEnd, kMalformed, kUnreadable };
-
-  KeyChain();
-  // kFound fills `k`; kMalformed (iserrno 105) and kUnreadable (iserrno as the read left it) end
-  // the walk.
-  [[nodiscard]] Step next(keydescr& k);
-
- private:
-  [[nodiscard]] bool follow(std::int32_t link);
-
-  std::int32_t node_;
-  int offset_;
-  // Brent's method: a mark left behind at growing distances meets every loop.
-  std::int32_t mark_ = 0;
-  std::uint32_t steps_ = 0;
-  std::uint32_t next_mark_ = 1;
-};
-
-// Fetches description n (from 1) into `k`: n; or -1 with iserrno 0 when there is none, 105 for a
-// malformed chain, or the read's error.
-int kysearch(keydescr& k, int n);
 
 // Compares key values laid out as the concatenation of their parts.
 class KeyOrder {

@@ -1,0 +1,92 @@
+// index_repair: deleting an index, and making one anew from the data records.
+//
+// Needs   the verdicts and the operator's consent; the free list of nodes already rebuilt
+// Keeps   a remade index has its root where it was unless that node is not there or serves
+//         another part of the file too; then it gets a fresh one
+#include <algorithm>
+#include <cerrno>
+
+#include "checker/checks.h"
+#include "checker/dialogue.h"
+#include "checker/findings.h"
+#include "checker/progress.h"
+#include "isam/buffers.h"
+#include "isam/datafile.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/freelists.h"
+#include "isam/indexload.h"
+#include "isam/keychain.h"
+
+namespace checker {
+namespace {
+
+using isam::dictp;
+
+// Whether the remade index may keep its root's node; claims the node when it may.
+bool claim_root(std::int32_t root) {
+  return root > 1 && root <= dictp->d_nextnode() && root <= findings.idxlast &&
+         !findings.keptmap.set_bit(root);
+}
+
+// An empty leaf, on disk at once: an interrupted run leaves an index that is plainly incomplete.
+int clear_root(std::int32_t root) {
+  isam::PageHold page = isam::bfgetclr(root);
+  if (!page) return -1;
+  page.set_frame(isam::kUsedBytes, isam::kTreeNode, isam::kLeafLevel);
+  return page.write();
+}
+
+// The node that the new tree grows from: 0 or more, or -1 with iserrno.
+std::int32_t settle_root(int n, const keydescr& k) {
+  if (claim_root(k.rootnode)) return k.rootnode;
+  const std::int32_t fresh = isam::allocrec(isam::FreeList::kNodes);
+  if (fresh < 0 || isam::kysetroot(n, fresh) != 0) return -1;
+  return fresh;
+}
+
+bool is_readable(std::int32_t record) {
+  const bool present_is_known = options.iflag == 0 || findings.varlen;
+  return !present_is_known || findings.datmap.tstbit(record);
+}
+
+int gather_keys(isam::IndexLoad& load) {
+  const isam::Bytes buffer = isam::temprecord();
+  const std::int32_t last = std::min(findings.datlast, findings.datreal);
+  Progress progress("Gathering keys", last);
+  for (std::int32_t record = 1; record <= last; ++record) {
+    progress.at(record);
+    if (!is_readable(record) || isam::dataread(record, buffer) <= 0) continue;
+    if (load.add(buffer.data(), record) != 0) return -1;
+  }
+  isam::clear_errors();  // an unreadable record has been reported by the data check
+  return 0;
+}
+
+int fill_index(int n, const keydescr& k) {
+  const std::int32_t root = settle_root(n, k);
+  if (root < 0 || clear_root(root) != 0) return -1;
+  isam::IndexLoad load{k};
+  if (gather_keys(load) != 0) return -1;
+  return load.finish(root, [](std::int32_t record) { errn(Message::kDuplicateKey, record); });
+}
+
+}  // namespace
+
+void delindex(int n) {
+  print_line(Message::kDeletingIndex, {std::int64_t{n}});
+  if (isam::kyremove(n) != 0) prterr();
+}
+
+void makindex(int n) {
+  print_line(Message::kRecreatingIndex, {std::int64_t{n}});
+  keydescr k{};
+  if (isam::kysearch(k, n) < 0) {
+    isam::clear_errors();
+    err(Message::kNoKeyForIndex);
+    return;
+  }
+  if (fill_index(n, k) != 0) prterr();
+}
+
+}  // namespace checker

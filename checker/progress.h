@@ -1,0 +1,45 @@
+// progress: how far a long pass has come, for an operator who watches.
+//
+// Shown on standard error, on one line that is rewritten, when that is a terminal, -q was not
+// given and the run has taken more than a second. Standard output never shows any of it: the line
+// is erased before anything is printed there.
+//
+//   Progress progress("Checking data records", last);
+//   for (...) { progress.at(record); ... }
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string_view>
+
+namespace checker {
+
+class Progress {
+ public:
+  Progress(std::string_view pass, std::int64_t total);
+  ~Progress() { erase(); }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+  // `done` of the total are done.
+  void at(std::int64_t done) {
+    if (done >= next_look_) look(done);
+  }
+
+  // Takes the line off the screen, if one is there.
+  static void erase();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void look(std::int64_t done);
+  void show(std::int64_t done, Clock::time_point now) const;
+
+  std::string_view pass_;
+  std::int64_t total_;
+  std::int64_t next_look_;
+  Clock::time_point start_;
+  Clock::time_point next_show_;
+};
+
+}  // namespace checker

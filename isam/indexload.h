@@ -1,0 +1,53 @@
+// indexload: fills an index from the records of a file: gather, sort, load.
+//
+// Needs   the current file exclusively held, and a legal key description
+// Keeps   memory bounded, whatever the file's size: `ISAMSORTMEM` MiB (1 to 65536, default 64);
+//         sorted runs spill to an unnamed temporary file beside the pair
+// Gives   within equal keys ascending record numbers with duplicate numbers 0, 1, 2, ...; a record
+//         whose key may not occur again is left out and reported, in ascending record order
+// Throws  std::bad_alloc
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "common/sorter.h"
+#include "isam/items.h"
+#include "isam/keys.h"
+#include "isam/sortkey.h"
+
+namespace isam {
+
+class IndexLoad {
+ public:
+  explicit IndexLoad(const keydescr& k);
+
+  // Takes the key of a record, in ascending order of record numbers. 0, or -1 with iserrno.
+  [[nodiscard]] int add(const Byte* record, std::int32_t number);
+
+  // Builds the tree under `root` and calls `left_out` for every record that could not be indexed.
+  // 0, or -1 with iserrno; then the tree is not usable.
+  [[nodiscard]] int finish(std::int32_t root, const std::function<void(std::int32_t)>& left_out);
+
+ private:
+  struct Entry;
+
+  [[nodiscard]] common::Sorter::Shape shape() const;
+  [[nodiscard]] bool same_key(const Byte* a, const Byte* b) const;
+  [[nodiscard]] const Byte* key_of(const Byte* entry) const;
+  [[nodiscard]] std::int32_t greatest_duplicate() const;
+  [[nodiscard]] int load(std::int32_t root, common::Sorter& rejected);
+
+  keydescr key_;
+  KeyOrder order_;
+  SortKey sort_key_;
+  std::size_t keylen_;
+  bool sortable_;  // entries are ordered by their bytes
+  bool plain_;     // ... and their sort key is the key itself
+  std::vector<Byte> entry_;
+  common::Sorter sorter_;
+};
+
+}  // namespace isam
