@@ -11,6 +11,7 @@
 #include "isam/buffers.h"
 #include "isam/errors.h"
 #include "isam/files.h"
+#include "isam/freelists.h"
 #include "isam/locks.h"
 #include "locale/collation.h"
 
@@ -103,8 +104,20 @@ bool record_buffer_is_ready() {
   return false;
 }
 
+// Whether a repair that was agreed to takes nodes from the free list.
+bool nodes_will_be_taken() {
+  return findings.baddfree == Verdict::kRebuild ||
+         std::ranges::count(findings.idxflag, IndexVerdict::kRemake) > 0;
+}
+
 void rebuild_free_lists() {
+  if (findings.badifree == Verdict::kSound && nodes_will_be_taken() && !isam::free_nodes_serve()) {
+    // The list accounts for every node, but its nodes do not bear its marks.
+    isam::clear_errors();
+    findings.badifree = Verdict::kRebuild;
+  }
   if (findings.badifree == Verdict::kRebuild) makifree();
+  findings.rootlast = dictp->d_nextnode();
   if (findings.varlen && findings.badrfree == Verdict::kRebuild) makrfree();
   if (findings.baddfree == Verdict::kRebuild) makdfree();
 }

@@ -28,6 +28,8 @@ struct Findings {
   UsageMap datmap;   // records present
   UsageMap datmap2;  // records accounted for by the structure being checked
 
+  std::int32_t rootlast = 0;  // highest node in use before repairs took any
+
   std::vector<IndexVerdict> idxflag;  // by index number; entry 0 is not used
 
   Verdict badifree = Verdict::kSound;  // free list of index nodes

@@ -10,6 +10,7 @@
 #include "checker/findings.h"
 #include "checker/listnode.h"
 #include "isam/freelists.h"
+#include "isam/keychain.h"
 
 namespace checker {
 namespace {
@@ -168,15 +169,29 @@ void free_unused(const UsageMap& in_use, std::int32_t highest, isam::FreeList li
 
 }  // namespace
 
+namespace {
+
+// Nothing is stored in a node past the end of the real file. Its number will be given to another
+// part of the file, so nothing may go on referring to it.
+void drop_nodes_past_end(std::int32_t last) {
+  if (isam::kycutchain(last) != 0) prterr();
+  if (dictp->d_auditnode() > last) {
+    dictp->clear_d_auditnode();
+    isam::dictmodify();
+  }
+}
+
+}  // namespace
+
 void makifree() {
   print_line(Message::kRecreatingIndexList);
-  // Nothing is stored in a node past the end of the real file, whatever claims it.
-  const std::int32_t highest =
-      findings.idxmap.previous_set(std::min(findings.idxlast, findings.idxreal));
+  const std::int32_t real = std::min(findings.idxlast, findings.idxreal);
+  const std::int32_t highest = findings.idxmap.previous_set(real);
   dictp->set_d_nextnode(highest);
   dictp->set_d_freenode(0);
   isam::dictmodify();
   free_unused(findings.idxmap, highest, isam::FreeList::kNodes);
+  drop_nodes_past_end(real);
 }
 
 void makdfree() {

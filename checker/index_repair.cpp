@@ -17,15 +17,14 @@
 #include "isam/freelists.h"
 #include "isam/indexload.h"
 #include "isam/keychain.h"
+#include "isam/keys.h"
 
 namespace checker {
 namespace {
 
-using isam::dictp;
-
 // Whether the remade index may keep its root's node; claims the node when it may.
 bool claim_root(std::int32_t root) {
-  return root > 1 && root <= dictp->d_nextnode() && root <= findings.idxlast &&
+  return root > 1 && root <= std::min(findings.rootlast, findings.idxlast) &&
          !findings.keptmap.set_bit(root);
 }
 
@@ -81,7 +80,7 @@ void delindex(int n) {
 void makindex(int n) {
   print_line(Message::kRecreatingIndex, {std::int64_t{n}});
   keydescr k{};
-  if (isam::kysearch(k, n) < 0) {
+  if (isam::kysearch(k, n) < 0 || isam::kylegal(k, isam::filep->reclen) != 0) {
     isam::clear_errors();
     err(Message::kNoKeyForIndex);
     return;

@@ -62,6 +62,7 @@ struct Dictionary {
 
   void set_d_idxsize(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 6); }
   void set_d_nkeys(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 8); }
+  void set_d_keysnode(std::int32_t node) { common::stlong(node, raw + 15); }
   void set_d_freedata(std::int32_t node) { common::stlong(node, raw + 25); }
   void set_d_freenode(std::int32_t node) { common::stlong(node, raw + 29); }
   void set_d_nextdata(std::int32_t number) { common::stlong(number, raw + 33); }
@@ -69,6 +70,7 @@ struct Dictionary {
   void set_d_modcount(std::uint32_t stamp) {
     common::stlong(static_cast<std::int32_t>(stamp), raw + 41);
   }
+  void clear_d_auditnode() { common::stlong(0, raw + 49); }
   void set_d_lockmethod(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 53); }
   void set_d_varfree(int rpage_class, std::int32_t node) {
     common::stlong(node, raw + 61 + 4 * rpage_class);
@@ -91,8 +93,9 @@ enum NodeLevel : Byte { kLeafLevel = 0, kStorageLevel = 0, kKeyLevel = 0x7E, kFr
 
 // The item area of a tree node starts behind the used count and may be this long.
 [[nodiscard]] constexpr int item_area_limit(int stored_size) { return stored_size - 4; }
-inline constexpr int kRepeatBit = 0x80;    // in a stored record pointer's first byte
-inline constexpr int kMaxTreeLevels = 20;  // the root is level 0
+inline constexpr int kRepeatBit = 0x80;          // in a stored record pointer's first byte
+inline constexpr int kRecordPointerMask = 0x7F;  // what else that byte holds
+inline constexpr int kMaxTreeLevels = 20;        // the root is level 0
 inline constexpr int kRecordPointerSize = 4;
 
 // Nodes that are lists: used count, link to the next node, entries.
@@ -104,6 +107,7 @@ inline constexpr int kListEntrySize = 4;
 
 // A stored key description.
 inline constexpr int kKeyRootOffset = 2;
+inline constexpr int kKeyFlagsOffset = 6;
 inline constexpr int kKeyHeadSize = 7;  // size, root node, flags
 inline constexpr int kKeyPartSize = 5;  // length, start, type
 inline constexpr int kDuplicatesBit = 0x8000;

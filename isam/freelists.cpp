@@ -159,4 +159,15 @@ int freerec(std::int32_t number, FreeList list) {
   return 0;
 }
 
+bool free_nodes_serve() {
+  // A chain has fewer nodes than there are numbers.
+  std::int32_t left = dictp->d_nextnode();
+  for (std::int32_t node = dictp->d_freenode(); node != 0; --left) {
+    const PageHold page = left > 0 ? list_node(FreeList::kNodes, node) : PageHold{};
+    if (!page) return false;
+    node = common::ldlong(page.data() + kLinkOffset);
+  }
+  return true;
+}
+
 }  // namespace isam

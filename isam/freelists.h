@@ -24,4 +24,7 @@ enum class FreeList { kNodes, kRecords };
 // Returns a number: 0, or -1 with iserrno.
 int freerec(std::int32_t number, FreeList list);
 
+// Whether the list of free nodes can be drawn from: every node of it is one, and the chain ends.
+[[nodiscard]] bool free_nodes_serve();
+
 }  // namespace isam

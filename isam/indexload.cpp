@@ -1,5 +1,6 @@
 #include "isam/indexload.h"
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -86,7 +87,7 @@ std::int32_t IndexLoad::greatest_duplicate() const {
 int IndexLoad::load(std::int32_t root, common::Sorter& rejected) {
   TreeLoader loader{key_};
   const std::int32_t greatest = greatest_duplicate();
-  std::vector<Byte> previous(keylen_);
+  std::array<Byte, MAXKEYLEN> previous{};
   bool first = true;
   Item item;
   std::int64_t duplicate = 0;

@@ -1,6 +1,7 @@
 #include "isam/items.h"
 
 #include <algorithm>
+#include <array>
 
 namespace isam {
 namespace {
@@ -25,6 +26,48 @@ void set_flag(Item& item, int flag, bool on) {
   item.flag = on ? item.flag | flag : item.flag & ~flag;
 }
 
+// The least item: a record pointer.
+constexpr std::size_t kMostItems = kMaxNodeSize / kRecordPointerSize;
+
+// The offsets of the items that lie before `pos`, in order.
+class Offsets {
+ public:
+  // False when no item ends at `pos`.
+  [[nodiscard]] bool find(const ItemLayout& layout, ConstBytes area, int pos) {
+    StoredItem stored;
+    for (int at = 0; at < pos; at = stored.end) {
+      if (count_ == kMostItems || !itlocate(layout, area, at, stored)) return false;
+      offsets_[count_++] = static_cast<std::uint16_t>(at);
+      end_ = stored.end;
+    }
+    return count_ > 0 && end_ == pos;
+  }
+  [[nodiscard]] std::size_t size() const { return count_; }
+  [[nodiscard]] int operator[](std::size_t index) const { return offsets_[index]; }
+
+ private:
+  std::size_t count_ = 0;
+  int end_ = 0;
+  std::array<std::uint16_t, kMostItems> offsets_;
+};
+
+// Puts the key of the last of these items together from the back, each byte from the last item
+// that stores it. (From the front every item's bytes would be copied, most of them in vain.)
+void gather_key(const ItemLayout& layout, ConstBytes area, const Offsets& offsets, Byte* key) {
+  int missing = layout.keylen;
+  StoredItem stored;
+  for (std::size_t i = offsets.size(); missing > 0 && i-- > 0;) {
+    if (!itlocate(layout, area, offsets[i], stored)) return;
+    if (stored.repeats || stored.leadc >= missing) continue;
+    const int bytes = std::min(stored.keyln, missing - stored.leadc);
+    const int blanks = missing - stored.leadc - bytes;
+    std::memcpy(key + stored.leadc, stored.key, static_cast<std::size_t>(bytes));
+    std::memset(key + stored.leadc + bytes, ' ', static_cast<std::size_t>(blanks));
+    missing = stored.leadc;
+  }
+  if (missing > 0) std::memset(key, 0, static_cast<std::size_t>(missing));
+}
+
 }  // namespace
 
 void itmake(const Byte* record, Item& item, const keydescr& k) {
@@ -36,6 +79,27 @@ void itmake(const Byte* record, Item& item, const keydescr& k) {
     std::memcpy(to, record + k.part[i].start, length);
     to += length;
   }
+}
+
+int itbefore(const ItemLayout& layout, ConstBytes area, int pos) {
+  if (!layout.compressed()) {
+    const int start = pos - layout.fixed_size();
+    return start >= 0 && start % layout.fixed_size() == 0 ? start : -1;
+  }
+  Offsets offsets;
+  return offsets.find(layout, area, pos) ? offsets[offsets.size() - 1] : -1;
+}
+
+int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item) {
+  if (!layout.compressed()) {
+    const int start = itbefore(layout, area, pos);
+    return start >= 0 && itunpack(layout, area, start, kNoKey, item) == pos ? start : -1;
+  }
+  Offsets offsets;
+  if (!offsets.find(layout, area, pos)) return -1;
+  gather_key(layout, area, offsets, item.key);
+  const int start = offsets[offsets.size() - 1];
+  return itunpack(layout, area, start, item.key, item) == pos ? start : -1;
 }
 
 void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press) {

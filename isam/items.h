@@ -7,7 +7,9 @@
 // The top bit of a record pointer says that the next item repeats this key and stores none.
 //
 // Gives   ItemLayout: what of an item is stored, from its key description and the dictionary
-//         Item; itunpack to read one, itpress and itpack to store one, itcompare
+//         Item; itunpack and itprevious to read one, itpress and itpack to store one, itmake,
+//         itcompare
+// Never   reads outside the area it is given, whatever the bytes say
 #pragma once
 
 #include <cstdint>
@@ -15,6 +17,7 @@
 
 #include "isam.h"
 #include "isam/current.h"
+#include "isam/keys.h"
 
 namespace isam {
 
@@ -163,5 +166,12 @@ void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press);
 
 // Stores a pressed item at `pos` and marks its predecessor's record pointer; the offset behind it.
 int itpack(const ItemLayout& layout, const Item& item, Bytes area, int pos);
+
+// Compares the keys of two items over at most `len` bytes (below 1: the whole key): negative, 0 or
+// positive. Record and duplicate numbers take no part.
+[[nodiscard]] inline int itcompare(const Item& a, const Item& b, const KeyOrder& order,
+                                   int len = 0) {
+  return order.compare(a.key, b.key, len);
+}
 
 }  // namespace isam

@@ -6,6 +6,7 @@
 // Keeps   K1 a stored description is taken only when its size, its parts and its place in the
 //            node agree; anything else is malformed (105)
 //         K2 a chain that loops is malformed
+//         K3 the dictionary's count of indexes follows every change
 #pragma once
 
 #include <cstdint>
@@ -42,9 +43,19 @@ class KeyChain {
   std::uint32_t next_mark_ = 1;
 };
 
-// Fetches description n (from 1) into `k`: n; or -1 with iserrno 0 when there is none, 105 for a
-// malformed chain, or the read's error.
+// With n from 1 fetches description n into `k`; with n 0 finds the description that defines the
+// same key as `k` and gives `k` its flags, key length and root. The index number; or -1 with
+// iserrno 0 when there is none, 103 when `k` is not legal, 105 for a malformed chain or
+// description, or the read's error.
 int kysearch(keydescr& k, int n);
+
+// Stores a legal new description at the first place with room and makes its root, an empty leaf
+// (none for a key without parts). 0, or -1 with iserrno (108 when the key is defined already); then
+// nothing has changed.
+int kyadd(keydescr& k);
+
+// Removes the description that defines the same key as `k`: 0, or -1 (103 when there is none).
+int kydelete(const keydescr& k);
 
 // Removes description n, closing the gap, and lowers the dictionary's count of indexes. A node
 // that becomes empty stays in the chain. 0, or -1 (103 when there is no such description).
@@ -52,5 +63,9 @@ int kyremove(int n);
 
 // Stores another root node in description n: 0, or -1.
 int kysetroot(int n, std::int32_t root);
+
+// Ends the chain in front of the first node past `last`, which the file does not hold. A chain that
+// has no node left gets a new, empty one. 0, or -1 with iserrno.
+int kycutchain(std::int32_t last);
 
 }  // namespace isam

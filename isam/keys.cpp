@@ -85,7 +85,7 @@ keydescr kyunpack(const Byte* stored) {
   keydescr k{};
   k.nparts = static_cast<std::int16_t>((common::ldword(stored) - kKeyHeadSize) / kKeyPartSize);
   k.rootnode = common::ldlong(stored + kKeyRootOffset);
-  k.flags = static_cast<std::int16_t>(stored[6] * 2);
+  k.flags = static_cast<std::int16_t>(stored[kKeyFlagsOffset] * 2);
   if (k.nparts == 0) {
     k.part[0].length = 2;
     k.part[0].type = KT_INT;
@@ -104,11 +104,32 @@ keydescr kyunpack(const Byte* stored) {
   return k;
 }
 
+void kypack(const keydescr& k, Byte* to) {
+  common::stword(static_cast<std::uint32_t>(stored_key_size(k)), to);
+  common::stlong(k.rootnode, to + kKeyRootOffset);
+  to[kKeyFlagsOffset] = static_cast<Byte>(k.flags >> 1);
+  for (int i = 0; i < k.nparts; ++i) {
+    Byte* const part = to + kKeyHeadSize + i * kKeyPartSize;
+    common::stword(static_cast<std::uint16_t>(k.part[i].length), part);
+    common::stword(static_cast<std::uint16_t>(k.part[i].start), part + 2);
+    part[4] = static_cast<Byte>(k.part[i].type);
+  }
+  if (k.nparts > 0 && (k.flags & KF_DUPS) != 0) to[kKeyHeadSize] |= kDuplicatesBit >> 8;
+}
+
+int kycompare(const keydescr& a, const keydescr& b) {
+  const auto same = [](const keypart& x, const keypart& y) {
+    return x.start == y.start && x.length == y.length && x.type == y.type;
+  };
+  return a.nparts == b.nparts && std::equal(a.part, a.part + a.nparts, b.part, same) ? 0 : -1;
+}
+
 KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {
   for (int i = 0; i < nparts_; ++i) {
     parts_[static_cast<std::size_t>(i)] = {k.part[i].length, k.part[i].type & kTypeMask,
                                            (k.part[i].type & KT_DESC) != 0};
     plain_ = plain_ && k.part[i].type == KT_CHAR;
+    bytewise_ = bytewise_ && (k.part[i].type & kTypeMask) <= KT_LONG;
   }
 }
 
@@ -124,6 +145,20 @@ int KeyOrder::compare(const Byte* a, const Byte* b, int length) const {
     left -= part.length;
   }
   return order;
+}
+
+int KeyOrder::compare_in_part(int at, Byte a, Byte b) const {
+  for (const Part& part : parts_) {
+    if (at >= part.length) {
+      at -= part.length;
+      continue;
+    }
+    // The top bit of an integer is its sign.
+    const Byte flip = part.type != KT_CHAR && at == 0 ? 0x80 : 0;
+    const int order = int{static_cast<Byte>(a ^ flip)} - int{static_cast<Byte>(b ^ flip)};
+    return part.descending ? -order : order;
+  }
+  return 0;
 }
 
 }  // namespace isam

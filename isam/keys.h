@@ -1,6 +1,7 @@
 // keys: key descriptions, which define indexes, and the order of key values.
 //
-// Gives   legality and unpacking of key descriptions, and KeyOrder for comparing key values
+// Gives   legality, packing and unpacking of key descriptions, and KeyOrder for comparing key
+//         values: a total order whatever the bytes
 #pragma once
 
 #include <array>
@@ -16,6 +17,17 @@ int kylegal(keydescr& k, int reclen);
 
 // Reads a stored description that has been found well formed.
 [[nodiscard]] keydescr kyunpack(const Byte* stored);
+
+// Bytes that a description takes when it is stored.
+[[nodiscard]] inline int stored_key_size(const keydescr& k) {
+  return kKeyHeadSize + k.nparts * kKeyPartSize;
+}
+
+// Writes the stored form of a legal description at `to`, stored_key_size() bytes.
+void kypack(const keydescr& k, Byte* to);
+
+// 0 when two descriptions define the same key: the same parts, whatever flags and root; else -1.
+[[nodiscard]] int kycompare(const keydescr& a, const keydescr& b);
 
 // Whether a type code (low 7 bits) belongs to a collation: 7, 16, 32, ... 112.
 [[nodiscard]] bool clchktype(int type);
@@ -34,6 +46,15 @@ class KeyOrder {
     return std::memcmp(a + equal, b + equal, static_cast<std::size_t>(keylen_ - equal));
   }
 
+  // Whether the first byte that differs decides the order of two keys, as it does unless a part
+  // is a float, a double or collated.
+  [[nodiscard]] bool bytewise() const { return bytewise_; }
+  // Orders two keys that first differ at offset `at` by their bytes `a` and `b` there. Only for
+  // keys that are bytewise().
+  [[nodiscard]] int compare_at(int at, Byte a, Byte b) const {
+    return plain_ ? int{a} - int{b} : compare_in_part(at, a, b);
+  }
+
  private:
   struct Part {
     int length;
@@ -41,10 +62,13 @@ class KeyOrder {
     bool descending;
   };
 
+  [[nodiscard]] int compare_in_part(int at, Byte a, Byte b) const;
+
   std::array<Part, MAXPARTS> parts_{};
   int nparts_;
   int keylen_;
-  bool plain_ = true;  // unsigned bytes ascending throughout
+  bool plain_ = true;     // unsigned bytes ascending throughout
+  bool bytewise_ = true;  // unsigned bytes and integers throughout
 };
 
 }  // namespace isam
