@@ -64,7 +64,7 @@ TEST_P(FaultTest, IsFoundAndMended) {
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FaultTest, testing::ValuesIn(faults()),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& fault) { return fault.param.name; });
 
 }  // namespace
 }  // namespace testing_support

@@ -126,7 +126,7 @@ TEST_P(Interrupted, AFullDiskIsReportedAndMendedByTheNextRun) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Pairs, Interrupted, testing::Bool(),
-                         [](const auto& info) { return info.param ? "varying" : "fixed"; });
+                         [](const auto& kind) { return kind.param ? "varying" : "fixed"; });
 
 }  // namespace
 }  // namespace testing_support

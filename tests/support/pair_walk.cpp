@@ -25,6 +25,8 @@ void write_file(const std::string& path, const Image& bytes) {
 
 namespace {
 
+constexpr std::size_t kEnough = 20;  // problems told of one pair
+
 struct Part {
   int length;
   int start;
@@ -75,25 +77,29 @@ class Walker {
     check_storage_lists();
     check_free_list(dict::kFreeData, 0xFF, last_record_, used_records_, "record");
     check_free_list(dict::kFreeNode, 0xFE, last_node_, used_nodes_, "node");
-    for (int n = 1; n <= last_node_; ++n) {
-      if (!used_nodes_.contains(n)) problem("node " + std::to_string(n) + " is lost");
-    }
-    for (int n = 1; n <= last_record_; ++n) {
-      if (!used_records_.contains(n)) problem("record " + std::to_string(n) + " is lost");
-    }
+    demand_all(last_node_, used_nodes_, "node ");
+    demand_all(last_record_, used_records_, "record ");
     return walk_;
   }
 
  private:
   [[nodiscard]] std::size_t size() const { return static_cast<std::size_t>(size_); }
   void problem(const std::string& text) {
-    if (walk_.problems.size() < 20) walk_.problems.push_back(text);
+    if (walk_.problems.size() < kEnough) walk_.problems.push_back(text);
   }
   [[nodiscard]] bool exists(std::int64_t number) const {
     return number >= 1 && static_cast<std::size_t>(number) * size() <= index_.size();
   }
   [[nodiscard]] const Byte* node(std::int32_t number) const {
     return &index_[static_cast<std::size_t>(number - 1) * size()];
+  }
+  // Every number up to the last is accounted for; a few that are not will do.
+  void demand_all(std::int32_t last, const std::set<std::int32_t>& used, const std::string& what) {
+    for (std::int64_t n = 1; n <= last && walk_.problems.size() < kEnough; ++n) {
+      if (!used.contains(static_cast<std::int32_t>(n))) {
+        problem(what + std::to_string(n) + " is lost");
+      }
+    }
   }
   bool use_node(std::int32_t number, const std::string& what) {
     if (number < 1 || number > last_node_) {
