@@ -118,7 +118,7 @@ void rebuild_free_lists() {
   }
   if (findings.badifree == Verdict::kRebuild) makifree();
   findings.rootlast = dictp->d_nextnode();
-  if (findings.varlen && findings.badrfree == Verdict::kRebuild) makrfree();
+  if (findings.badrfree == Verdict::kRebuild) makrfree();
   if (findings.baddfree == Verdict::kRebuild) makdfree();
 }
 

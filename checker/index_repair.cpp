@@ -67,7 +67,10 @@ int fill_index(int n, const keydescr& k) {
   if (root < 0 || clear_root(root) != 0) return -1;
   isam::IndexLoad load{k};
   if (gather_keys(load) != 0) return -1;
-  return load.finish(root, [](std::int32_t record) { errn(Message::kDuplicateKey, record); });
+  Progress progress("Loading an index", findings.datmap.cntmap());
+  return load.finish(root,
+                     {.left_out = [](std::int32_t record) { errn(Message::kDuplicateKey, record); },
+                      .loaded = [&progress](std::int64_t items) { progress.at(items); }});
 }
 
 }  // namespace

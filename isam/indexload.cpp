@@ -84,14 +84,16 @@ std::int32_t IndexLoad::greatest_duplicate() const {
   return width == 4 ? INT32_MAX : UINT16_MAX;
 }
 
-int IndexLoad::load(std::int32_t root, common::Sorter& rejected) {
+int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter& rejected) {
   TreeLoader loader{key_};
   const std::int32_t greatest = greatest_duplicate();
   std::array<Byte, MAXKEYLEN> previous{};
   bool first = true;
   Item item;
   std::int64_t duplicate = 0;
+  std::int64_t items = 0;
   while (const Byte* entry = sorter_.next()) {
+    listener.loaded(++items);
     duplicate = !first && same_key(previous.data(), entry) ? duplicate + 1 : 0;
     first = false;
     std::memcpy(previous.data(), entry, keylen_);
@@ -108,16 +110,16 @@ int IndexLoad::load(std::int32_t root, common::Sorter& rejected) {
   return loader.finish(root);
 }
 
-int IndexLoad::finish(std::int32_t root, const std::function<void(std::int32_t)>& left_out) {
+int IndexLoad::finish(std::int32_t root, const Listener& listener) {
   if (sorter_.finish() != 0) return failed_sort(errno);
   common::Sorter rejected({.entry_size = kNumberSize,
                            .key_size = kNumberSize,
                            .memory = sort_memory() / 4,
                            .folder = folder_of_pair(),
                            .order = {}});
-  if (load(root, rejected) != 0) return -1;
+  if (load(root, listener, rejected) != 0) return -1;
   if (rejected.finish() != 0) return failed_sort(errno);
-  while (const Byte* entry = rejected.next()) left_out(common::ldlong(entry));
+  while (const Byte* entry = rejected.next()) listener.left_out(common::ldlong(entry));
   return rejected.error() == 0 ? 0 : failed_sort(rejected.error());
 }
 

@@ -27,9 +27,13 @@ class IndexLoad {
   // Takes the key of a record, in ascending order of record numbers. 0, or -1 with iserrno.
   [[nodiscard]] int add(const Byte* record, std::int32_t number);
 
-  // Builds the tree under `root` and calls `left_out` for every record that could not be indexed.
-  // 0, or -1 with iserrno; then the tree is not usable.
-  [[nodiscard]] int finish(std::int32_t root, const std::function<void(std::int32_t)>& left_out);
+  struct Listener {
+    std::function<void(std::int32_t record)> left_out;  // could not be indexed
+    std::function<void(std::int64_t items)> loaded;     // how far the tree has grown
+  };
+
+  // Builds the tree under `root`. 0, or -1 with iserrno; then the tree is not usable.
+  [[nodiscard]] int finish(std::int32_t root, const Listener& listener);
 
  private:
   struct Entry;
@@ -38,7 +42,7 @@ class IndexLoad {
   [[nodiscard]] bool same_key(const Byte* a, const Byte* b) const;
   [[nodiscard]] const Byte* key_of(const Byte* entry) const;
   [[nodiscard]] std::int32_t greatest_duplicate() const;
-  [[nodiscard]] int load(std::int32_t root, common::Sorter& rejected);
+  [[nodiscard]] int load(std::int32_t root, const Listener& listener, common::Sorter& rejected);
 
   keydescr key_;
   KeyOrder order_;
