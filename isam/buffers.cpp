@@ -294,8 +294,6 @@ PageHold bfgetclr(std::int32_t node) {
   return PageHold{pool().bfgetclr(node)};
 }
 
-PageHold bfgetclr_data(std::int32_t block) { return PageHold{pool().bfgetclr(block | kDataBlock)}; }
-
 int bfprocess(FileRecord& file, bool write) {
   return the_pool ? the_pool->bfprocess(file, write) : 0;
 }

@@ -94,9 +94,8 @@ class PageHold {
 // Block `block` (byte offset / 1024) of the current data file. What lies past the end of the file
 // reads as zero bytes.
 [[nodiscard]] PageHold bfread_data(std::int32_t block);
-// A node, or a data block, to be written as a whole: zeroed, valid and modified.
+// A node to be written as a whole: zeroed, valid and modified.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
-[[nodiscard]] PageHold bfgetclr_data(std::int32_t block);
 
 // Counts a file's modified idle pages, writing each when `write` is set.
 int bfprocess(FileRecord& file, bool write);

@@ -93,8 +93,8 @@ keydescr kyunpack(const Byte* stored) {
   }
   if ((common::ldword(stored + kKeyHeadSize) & kDuplicatesBit) != 0) k.flags |= KF_DUPS;
   int keylen = 0;
-  for (int i = 0; i < k.nparts; ++i) {
-    const Byte* from = stored + kKeyHeadSize + i * kKeyPartSize;
+  const Byte* from = stored + kKeyHeadSize;
+  for (int i = 0; i < k.nparts; ++i, from += kKeyPartSize) {
     k.part[i].length = static_cast<std::int16_t>(common::ldword(from) & ~kDuplicatesBit);
     k.part[i].start = common::ldshort(from + 2);
     k.part[i].type = from[4];
@@ -108,8 +108,8 @@ void kypack(const keydescr& k, Byte* to) {
   common::stword(static_cast<std::uint32_t>(stored_key_size(k)), to);
   common::stlong(k.rootnode, to + kKeyRootOffset);
   to[kKeyFlagsOffset] = static_cast<Byte>(k.flags >> 1);
-  for (int i = 0; i < k.nparts; ++i) {
-    Byte* const part = to + kKeyHeadSize + i * kKeyPartSize;
+  Byte* part = to + kKeyHeadSize;
+  for (int i = 0; i < k.nparts; ++i, part += kKeyPartSize) {
     common::stword(static_cast<std::uint16_t>(k.part[i].length), part);
     common::stword(static_cast<std::uint16_t>(k.part[i].start), part + 2);
     part[4] = static_cast<Byte>(k.part[i].type);
