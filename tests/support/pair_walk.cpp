@@ -189,6 +189,10 @@ class Walker {
           if (p == pos + 7 && (from[p] & 0x80) != 0) index.flags |= kDups;
           index.parts.push_back({get2(from + p) & 0x7FFF, get2(from + p + 2), from[p + 4]});
           index.width += index.parts.back().length;
+          if (index.parts.back().start + index.parts.back().length > record_length_) {
+            problem("key part outside the record");
+            return;
+          }
         }
         indexes_.push_back(index);
         pos += entry;
