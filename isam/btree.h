@@ -1,0 +1,115 @@
+// btree: ordered items in the nodes of one index, and the position in them.
+//
+// Leaf items point to data records, the items of upper nodes to child nodes: each upper item has
+// the last key of its child's subtree, and a node's last item covers all that lies to its right,
+// whatever its key. A position is a path of items from the root to a leaf.
+//
+// Needs   the current file with its dictionary loaded and the semaphore held; a legal key
+//         description. A path held in `bt` (depth from 0) belongs to the tree as it is now: whoever
+//         lets the tree change sets the depth to -1.
+// Keeps   T1 the items of a node are in key order; duplicate numbers ascend within equal keys
+//         T2 the root keeps its node number for the life of the index
+//         T3 only an empty root has no items: a node that becomes empty is freed
+//         T4 a change that fails for want of a node, of room or of soundness changes nothing
+// Gives   a position (bt) and the item read last (treeitem)
+// Never   follows a damaged tree below level 19, for ever, or outside a page (105); holds more
+//         than one page while it asks for another
+//
+//   btsearch(item, k, 0, Search::kRead);
+//   while (bt.depth >= 0 && (bt.ends & kAfterLast) == 0) {
+//     use(treeitem);
+//     btmove(k, Direction::kNext);
+//   }
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "isam.h"
+#include "isam/items.h"
+
+namespace isam {
+
+// Flags of a position, of meaning to the record calls.
+enum PositionFlag : std::uint16_t {
+  kHasCurrent = 4,       // there is a current item
+  kCurrentRead = 8,      // its record has been read
+  kSameKeyNearby = 16,   // a neighbour item has the same key
+  kCurrentDeleted = 32,  // its record was deleted
+};
+
+// Where a position stands beside the items.
+enum Ends : std::uint16_t {
+  kOnItem = 0,
+  kBeforeFirst = 1,
+  kAfterLast = 2,
+  kEmptyTree = kBeforeFirst | kAfterLast,
+};
+
+struct PathLevel {
+  std::int32_t node = 0;
+  int offset = 0;  // of the current item in the node's item area
+  int next = 0;    // of the item behind it
+  int length = 0;  // of the item area
+};
+
+struct Position {
+  std::uint16_t state = 0;  // PositionFlag
+  Item item;                // the current item; of a key without parts only recptr counts
+  std::array<PathLevel, kMaxTreeLevels> path;
+  int depth = -1;                // level of the leaf in the path; -1: no valid path is held
+  std::uint16_t ends = kOnItem;  // Ends
+
+  [[nodiscard]] PathLevel& level(int of) { return path[static_cast<std::size_t>(of)]; }
+};
+
+// The position that the current call works with, and the item that was read last on its path.
+// treeitem is written by the functions below only, and is no argument of theirs.
+extern Position bt;
+extern Item treeitem;
+
+enum class Edge { kFirst, kLast };
+enum class Search {
+  kRead,    // the first item not below the one given
+  kPast,    // the first item above it
+  kInsert,  // where it is to be inserted, behind its equals
+};
+enum class Direction { kNext, kPrevious };
+
+// All of these answer 0, or -1 with iserrno; then depth is -1.
+
+// Positions on the first item, or behind the last one, so that a move back comes to it.
+int btposition(const keydescr& k, Edge edge);
+
+// Positions by `item` over at most `len` bytes of its key (below 1: the whole key). Reading, a
+// duplicate number decides between equal keys. To insert, the item's duplicate number is raised
+// above that of its equals; 100 when there may be none.
+int btsearch(Item& item, const keydescr& k, int len, Search mode);
+
+// Moves to the neighbour item; past the last one in that direction, `ends` says so. Without parts
+// the current record number is moved, up to the last one of the file.
+int btmove(const keydescr& k, Direction direction);
+
+// Sets the flag kSameKeyNearby when the neighbour has the key of the item on the path, else clears
+// it. The position stays.
+int btdups(const keydescr& k, Direction direction);
+
+// Finds the current item again. 0 also when it is gone: then the position is on the item that
+// follows its place, and the flags kCurrentRead and kCurrentDeleted are cleared. -1 without a
+// current item, or when `again` asks for that very record and it was deleted.
+int btcurrent(const keydescr& k, bool again);
+
+// Inserts an item (key, recptr; dupnm is raised as needed). 0, or -1 with iserrno: 100 when an
+// equal key is not allowed or no duplicate number is left, 26062 when the tree is too deep, 105
+// also for an item too large for the node size. Leaves depth -1.
+int btadditem(Item& item, const keydescr& k);
+
+// Removes the item with this key and recptr. 0, or -1 with iserrno (111 when there is none).
+// Leaves depth -1.
+int btdelitem(const Item& item, const keydescr& k);
+
+// Frees every node of an index, children first. What is not a sound tree node is left alone. 0,
+// or -1 with iserrno when something was left.
+int btrecover(std::int32_t root, const keydescr& k);
+
+}  // namespace isam

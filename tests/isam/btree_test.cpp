@@ -1,0 +1,319 @@
+#include "isam/btree.h"
+
+#include "tests/isam/tree_model.h"
+
+namespace isam {
+namespace {
+
+class BtreeModel : public testing::TestWithParam<std::tuple<int, Kind>> {};
+
+TEST_P(BtreeModel, LongRandomSequencesAgree) {
+  const auto [flags, kind] = GetParam();
+  std::mt19937 random(static_cast<std::uint32_t>(flags));
+  int dup_width = 2;
+  for (const int node_size : {128, 333, 1025}) {
+    SCOPED_TRACE(node_size);
+    Tree tree{flags, kind, {.node_size = node_size, .dup_width = dup_width}};
+    dup_width = 6 - dup_width;
+    // Grows, changes and shrinks to nothing, twice.
+    for (const unsigned insertions_of_ten : {9U, 5U, 1U, 8U, 2U}) {
+      for (int i = 0; i < 300; ++i) {
+        const auto key = static_cast<int>(random() % tree.keys.size());
+        if (tree.model.empty() || random() % 10 < insertions_of_ten) {
+          const bool refused = (flags & KF_DUPS) == 0 && tree.model.contains(key);
+          ASSERT_EQ(tree.insert(key), refused ? -1 : 0);
+          ASSERT_EQ(iserrno, refused ? kDuplicate : 0);
+        } else {
+          tree.remove_any(random);
+        }
+      }
+      tree.expect_sound();
+      if (HasFailure()) return;
+    }
+    while (!tree.model.empty()) tree.remove_any(random);
+    tree.expect_sound();
+    const TreeNode root{tree.k.rootnode};
+    EXPECT_TRUE(root.is_leaf() && root.length() == 0);
+  }
+}
+
+TEST_P(BtreeModel, SearchesFindTheirPlace) {
+  const auto [flags, kind] = GetParam();
+  Tree tree{flags, kind, {.node_size = 128}, 120};
+  std::mt19937 random(7);
+  for (int i = 0; i < 300; ++i) tree.insert(static_cast<int>(random() % 60) * 2);
+  const auto& model = tree.model;
+  for (int key = 0; key < 120; ++key) {
+    SCOPED_TRACE(key);
+    Item item = tree.item_of(key);
+    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
+    EXPECT_TRUE(expect_position(tree, model.lower_bound(key)));
+    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kPast), 0);
+    EXPECT_TRUE(expect_position(tree, model.upper_bound(key)));
+    // The neighbours of a place between items.
+    ASSERT_EQ(btmove(tree.k, Direction::kPrevious), 0);
+    if (model.upper_bound(key) == model.begin()) {
+      EXPECT_EQ(bt.ends, kBeforeFirst);
+    } else {
+      EXPECT_TRUE(tree.on(*std::prev(model.upper_bound(key))));
+    }
+  }
+  // A duplicate number leads to the very item, or to the one behind its place.
+  ASSERT_EQ(btposition(tree.k, Edge::kFirst), 0);
+  for (const auto& entry : model) {
+    Item item = treeitem;
+    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
+    ASSERT_TRUE(tree.on(entry));
+    ASSERT_EQ(btmove(tree.k, Direction::kNext), 0);
+  }
+}
+
+TEST_P(BtreeModel, NeighboursWithTheSameKeyAreSeen) {
+  const auto [flags, kind] = GetParam();
+  Tree tree{flags, kind, {.node_size = 128}, 40};
+  std::mt19937 random(9);
+  for (int i = 0; i < 150; ++i) tree.insert(static_cast<int>(random() % 40));
+  ASSERT_EQ(btposition(tree.k, Edge::kFirst), 0);
+  const auto& model = tree.model;
+  for (auto at = model.begin(); at != model.end(); ++at) {
+    const bool as_next = std::next(at) != model.end() && std::next(at)->first == at->first;
+    const bool as_previous = at != model.begin() && std::prev(at)->first == at->first;
+    ASSERT_EQ(btdups(tree.k, Direction::kNext), 0);
+    EXPECT_EQ((bt.state & kSameKeyNearby) != 0, as_next);
+    ASSERT_EQ(btdups(tree.k, Direction::kPrevious), 0);
+    EXPECT_EQ((bt.state & kSameKeyNearby) != 0, as_previous);
+    ASSERT_TRUE(bt.depth >= 0 && bt.ends == kOnItem);
+    ASSERT_EQ(btmove(tree.k, Direction::kNext), 0);
+  }
+  EXPECT_EQ(bt.ends, kAfterLast);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Keys, BtreeModel,
+    testing::Combine(testing::Range(0, 16),
+                     testing::Values(Kind::kText, Kind::kNumber, Kind::kMixed, Kind::kReal)),
+    [](const auto& test) { return name_of(std::get<0>(test.param), std::get<1>(test.param)); });
+
+// Items of each leaf, from the left.
+std::vector<int> leaf_fill(const Tree& tree) {
+  std::vector<int> fill;
+  const ItemLayout layout{tree.k};
+  EXPECT_EQ(btposition(tree.k, Edge::kFirst), 0);
+  std::int32_t leaf = 0;
+  for (std::size_t i = 0; i < tree.model.size(); ++i) {
+    const PathLevel& at = bt.level(bt.depth);
+    if (at.node != leaf) fill.push_back(at.length / layout.fixed_size());
+    leaf = at.node;
+    EXPECT_EQ(btmove(tree.k, Direction::kNext), 0);
+  }
+  return fill;
+}
+
+TEST(Btree, AscendingInsertionFillsNodes) {
+  Tree tree{0, Kind::kText, {}, 4000};
+  for (int key = 0; key < 4000; ++key) ASSERT_EQ(tree.insert(key), 0);
+  const std::vector<int> fill = leaf_fill(tree);
+  constexpr int kPerNode = 1019 / 24;
+  EXPECT_TRUE(
+      std::all_of(fill.begin(), fill.end() - 1, [](int items) { return items == kPerNode; }));
+  EXPECT_EQ(tree.levels(), 3);
+  tree.expect_sound();
+
+  // The last key of an upper node is made to repeat the one before it.
+  Tree pressed{KF_DCOMPRESS, Kind::kText, {.node_size = 128}};
+  for (int key = 0; key < 18; ++key) ASSERT_EQ(pressed.insert(key), 0);
+  const TreeNode root{pressed.k.rootnode};
+  Item last;
+  ASSERT_GE(itprevious(ItemLayout{pressed.k}, root.area(), root.length(), last), 0);
+  EXPECT_EQ(last.flag, kRepeatsPrevious);
+}
+
+TEST(Btree, AFullNodeSplitsAtHalfItsItemArea) {
+  Tree tree{0, Kind::kText, {}, 100};
+  for (int key = 0; key < 42; ++key) ASSERT_EQ(tree.insert(key * 2), 0);
+  EXPECT_EQ(tree.levels(), 1);
+  ASSERT_EQ(tree.insert(1), 0);
+  EXPECT_EQ(tree.levels(), 2);
+  // The first item that ends at or beyond 509 of 43 * 24 bytes is the 22nd.
+  EXPECT_EQ(leaf_fill(tree), (std::vector<int>{22, 21}));
+}
+
+TEST(Btree, AnEqualItemAtTheEndOfTheLeafBeforeIsFound) {
+  for (const int flags : {0, +KF_DUPS}) {
+    Tree tree{flags, Kind::kNumber, {.node_size = 128}, 300};
+    for (int key = 0; key < 300; ++key) ASSERT_EQ(tree.insert(key), 0);
+    for (int key = 0; key < 300; ++key) {
+      ASSERT_EQ(tree.insert(key), flags == 0 ? -1 : 0);
+      ASSERT_EQ(iserrno, flags == 0 ? kDuplicate : 0);
+      ASSERT_EQ((bt.state & kSameKeyNearby) != 0, flags != 0);
+    }
+    tree.expect_sound();
+  }
+}
+
+TEST(Btree, DuplicateNumbersThatNoLongerFitAreRefused) {
+  for (const auto& [width, greatest] : {std::pair{2, 65'535}, {4, INT32_MAX}}) {
+    Tree tree{KF_DUPS, Kind::kNumber, {.node_size = 128, .dup_width = width}};
+    Item item = tree.item_of(3, tree.pair.add_record(tree.keys[3]));
+    if (width == 2) {
+      item.dupnm = greatest + 1;
+      EXPECT_EQ(btadditem(item, tree.k), -1);
+      EXPECT_EQ(iserrno, kDuplicate);
+    }
+    item.dupnm = greatest - 1;
+    ASSERT_EQ(btadditem(item, tree.k), 0);
+    tree.model.emplace(3, item.recptr);
+    ASSERT_EQ(tree.insert(3), 0);
+    EXPECT_EQ(tree.insert(3), -1);
+    EXPECT_EQ(iserrno, kDuplicate);
+    tree.expect_sound();
+    // Also when the equal item ends the leaf before.
+    for (int key = 0; key < 40; ++key) EXPECT_EQ(tree.insert(key), key == 3 ? -1 : 0);
+    EXPECT_EQ(tree.insert(3), -1);
+    tree.expect_sound();
+  }
+}
+
+TEST(Btree, DeletingAnItemThatIsNotThere) {
+  Tree tree{KF_DUPS, Kind::kText, {}};
+  EXPECT_EQ(btdelitem(tree.item_of(1, 1), tree.k), -1);
+  EXPECT_EQ(iserrno, kNoRecord);
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(tree.insert(1), 0);
+  for (const auto& [key, record] : {std::pair{1, 77}, {0, 1}, {2, 1}}) {
+    clear_errors();
+    EXPECT_EQ(btdelitem(tree.item_of(key, record), tree.k), -1);
+    EXPECT_EQ(iserrno, kNoRecord);
+  }
+  tree.expect_sound();
+}
+
+// A position between calls: the item is found again, or the one behind its place.
+TEST(Btree, TheCurrentItemIsFoundAgain) {
+  Tree tree{KF_DUPS | KF_LCOMPRESS, Kind::kText, {.node_size = 128}, 50};
+  for (int i = 0; i < 150; ++i) ASSERT_EQ(tree.insert(i % 50), 0);
+  bt.state = 0;
+  EXPECT_EQ(btcurrent(tree.k, false), -1);
+
+  auto at = tree.model.find(20);
+  Item item = tree.item_of(20);
+  ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
+  bt.item = treeitem;
+  bt.state = kHasCurrent | kCurrentRead;
+  const Position kept = bt;
+  for (int key = 0; key < 50; ++key) ASSERT_EQ(tree.insert(key), 0);  // the tree changes
+  bt = kept;
+  bt.depth = -1;
+  ASSERT_EQ(btcurrent(tree.k, true), 0);
+  EXPECT_TRUE(tree.on(*at));
+  EXPECT_EQ(bt.state, kHasCurrent | kCurrentRead);
+
+  const auto behind = std::next(at);
+  ASSERT_EQ(tree.remove(at), 0);
+  bt = kept;
+  bt.depth = -1;
+  ASSERT_EQ(btcurrent(tree.k, false), 0);
+  EXPECT_TRUE(tree.on(*behind));
+  EXPECT_EQ(bt.state, kHasCurrent);
+  bt.state = kHasCurrent | kCurrentDeleted;
+  EXPECT_EQ(btcurrent(tree.k, true), -1);
+
+  // Beside the items a position stays where it is.
+  for (const auto& [ends, inwards, entry] :
+       {std::tuple{kBeforeFirst, Direction::kNext, *tree.model.begin()},
+        {kAfterLast, Direction::kPrevious, *tree.model.rbegin()}}) {
+    bt.ends = ends;
+    bt.depth = -1;
+    ASSERT_EQ(btcurrent(tree.k, false), 0);
+    EXPECT_EQ(bt.ends, ends);
+    ASSERT_EQ(btmove(tree.k, inwards), 0);
+    EXPECT_TRUE(tree.on(entry));
+  }
+}
+
+// A path that is put back goes on from its own item, whatever was read in the meantime.
+TEST(Btree, PositionsTakeTurns) {
+  for (const int flags : {+KF_DUPS, KF_DUPS | KF_LCOMPRESS | KF_TCOMPRESS}) {
+    for (const Kind kind : {Kind::kText, Kind::kReal}) {
+      SCOPED_TRACE(name_of(flags, kind));
+      Tree tree{flags, kind, {.node_size = 128}};
+      for (int key = 0; key < 400; ++key) ASSERT_EQ(tree.insert(key), 0);
+      bt.state = kHasCurrent;
+      ASSERT_EQ(btposition(tree.k, Edge::kLast), 0);
+      ASSERT_EQ(btmove(tree.k, Direction::kPrevious), 0);
+      Position other = bt;
+      ASSERT_EQ(btposition(tree.k, Edge::kFirst), 0);
+      for (auto at = tree.model.begin(), to = std::prev(tree.model.end());; ++at, --to) {
+        ASSERT_TRUE(tree.on(*at));
+        std::swap(bt, other);
+        ASSERT_EQ(btcurrent(tree.k, false), 0);
+        ASSERT_TRUE(tree.on(*to));
+        if (to == tree.model.begin()) break;
+        ASSERT_EQ(btmove(tree.k, Direction::kPrevious), 0);
+        std::swap(bt, other);
+        const Position kept = bt;
+        ASSERT_EQ(btcurrent(tree.k, false), 0);
+        Item last = tree.item_of(399);
+        ASSERT_EQ(btsearch(last, tree.k, 0, Search::kInsert), 0);
+        bt = kept;
+        ASSERT_EQ(btmove(tree.k, Direction::kNext), 0);
+      }
+    }
+  }
+}
+
+TEST(Btree, APartialKeyFindsTheFirstAndTheLastThatBeginSo) {
+  for (const int flags : {0, +KF_LCOMPRESS, KF_DUPS | KF_DCOMPRESS | KF_TCOMPRESS}) {
+    Tree tree{flags, Kind::kText, {.node_size = 128}};
+    for (int key = 1; key < 400; key += 2) ASSERT_EQ(tree.insert(key), 0);
+    for (int key = 0; key < 400; ++key) {
+      for (const int len : {1, 7, 19}) {
+        Item item = tree.item_of(key);
+        const auto order = [&](int other) {
+          return std::memcmp(tree.keys[static_cast<std::size_t>(other)].data(), item.key,
+                             static_cast<std::size_t>(len));
+        };
+        auto at = tree.model.begin();
+        while (at != tree.model.end() && order(at->first) < 0) ++at;
+        ASSERT_EQ(btsearch(item, tree.k, len, Search::kRead), 0);
+        ASSERT_TRUE(expect_position(tree, at));
+        while (at != tree.model.end() && order(at->first) == 0) ++at;
+        ASSERT_EQ(btsearch(item, tree.k, len, Search::kPast), 0);
+        ASSERT_TRUE(expect_position(tree, at));
+      }
+    }
+  }
+}
+
+TEST(Btree, RecordNumbersAreMovedByOne) {
+  TestPair pair{{}};
+  keydescr k{};
+  for (int i = 0; i < 3; ++i) pair.add_record(Image(40));
+  bt = Position{};
+  bt.item.recptr = 1;
+  for (const std::int32_t number : {2, 3}) {
+    ASSERT_EQ(btmove(k, Direction::kNext), 0);
+    EXPECT_EQ(bt.item.recptr, number);
+    EXPECT_EQ(bt.ends, kOnItem);
+  }
+  // A record that another process has added since is reached.
+  Image index = pair.index();
+  testing_support::put4(&index[testing_support::dict::kNextData], 4);
+  pair.replace_index(index);
+  dictp->set_d_nextdata(3);
+  ASSERT_EQ(btmove(k, Direction::kNext), 0);
+  EXPECT_EQ(bt.item.recptr, 4);
+  EXPECT_EQ(bt.ends, kOnItem);
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(btmove(k, Direction::kNext), 0);
+    EXPECT_EQ(bt.ends, kAfterLast);
+  }
+  for (std::int32_t number = 4; number > 0; --number) {
+    ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
+    EXPECT_EQ(bt.item.recptr, number);
+  }
+  ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
+  EXPECT_EQ(bt.ends, kBeforeFirst);
+}
+
+}  // namespace
+}  // namespace isam

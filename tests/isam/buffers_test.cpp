@@ -1,0 +1,112 @@
+#include "isam/buffers.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "common/io.h"
+#include "isam/errors.h"
+#include "tests/isam/test_pair.h"
+
+namespace isam {
+namespace {
+
+using testing_support::TestPair;
+
+constexpr char kFatal[] = "Fatal system error: ";
+
+// The pool is made on first use and stays: every case that counts buffers has its own process.
+template <typename Work>
+void in_own_process(const char* buffers, Work work) {
+  EXPECT_EXIT(
+      {
+        ::setenv("ISAMBUFS", buffers, 1);
+        const TestPair pair({.node_size = 1024});
+        work();
+        std::exit(testing::Test::HasFailure() ? 1 : 0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+template <typename Work>
+void dies_with(const char* buffers, const char* message, Work work) {
+  EXPECT_DEATH(
+      {
+        ::setenv("ISAMBUFS", buffers, 1);
+        const TestPair pair({.node_size = 1024});
+        work();
+      },
+      std::string(kFatal) + message);
+}
+
+void hold(int count) {
+  std::vector<PageHold> held;
+  for (int node = 10; node < 10 + count; ++node) held.push_back(bfgetclr(node));
+}
+
+TEST(BuffersDeathTest, TheEnvironmentSetsTheirNumber) {
+  for (const char* refused : {"3", "32767", "-5", "many", "16x"}) {
+    in_own_process(refused, [] { hold(16); });
+    dies_with(refused, "no more buffers", [] { hold(17); });
+  }
+  in_own_process("4", [] { hold(4); });
+  dies_with("4", "no more buffers", [] { hold(5); });
+  in_own_process("32766", [] { hold(1000); });
+}
+
+TEST(BuffersDeathTest, MisuseIsFatal) {
+  dies_with("16", "buffer not free", [] {
+    const PageHold first = bfread(2);
+    const PageHold second = bfread(2);
+  });
+  dies_with("16", "ignoring modified buffer", [] {
+    bfgetclr(7).release();
+    bfignor(*filep);
+  });
+}
+
+TEST(BuffersDeathTest, ReadsAndWritesPages) {
+  in_own_process("4", [] {
+    EXPECT_FALSE(bfread(99));  // past the end of the index file
+    EXPECT_EQ(iserrno, kCorrupted);
+    EXPECT_EQ(iserrio, 0x41);
+    EXPECT_FALSE(bfread(0));
+    clear_errors();
+    const PageHold block = bfread_data(1000);  // past the end of the data file: zeros
+    ASSERT_TRUE(block);
+    EXPECT_EQ(block.data()[1023], 0);
+
+    // Frame fields stand in the page once it is given back, and survive their buffer's reuse.
+    PageHold page = bfgetclr(5);
+    page.set_frame(77, 0xFF, 3);
+    page.release();
+    EXPECT_EQ(bfpend(*filep), 1);
+    for (int node = 20; node < 30; ++node) bfgetclr(node).release();
+    page = bfread(5);
+    EXPECT_EQ(page.used(), 77);
+    EXPECT_EQ(page.node_type(), 0xFF);
+    EXPECT_EQ(page.level(), 3);
+    page.release();
+    bfflush(*filep);
+    EXPECT_EQ(bfpend(*filep), 0);
+  });
+}
+
+TEST(BuffersDeathTest, AFailedWriteIsKeptAndNotRepeated) {
+  in_own_process("4", [] {
+    common::system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
+      errno = EIO;
+      return -1;
+    };
+    for (int node = 20; node < 26; ++node) bfgetclr(node).release();
+    EXPECT_EQ(iserrno, 0);  // the calls that reused the buffers did not fail
+    EXPECT_EQ(filep->failed_write.error, EIO);
+    EXPECT_EQ(filep->failed_write.place, 0x51);
+    EXPECT_EQ(bfflush(*filep), 4);
+    EXPECT_EQ(bfpend(*filep), 0);
+  });
+}
+
+}  // namespace
+}  // namespace isam

@@ -1,0 +1,333 @@
+#include "isam/keys.h"
+
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+
+#include "isam/btree.h"
+#include "isam/keychain.h"
+#include "tests/isam/test_pair.h"
+
+namespace isam {
+namespace {
+
+using testing_support::Image;
+using testing_support::TestPair;
+
+keydescr key_of(const std::vector<keypart>& parts, int flags = 0) {
+  keydescr k{};
+  k.flags = static_cast<std::int16_t>(flags);
+  for (const keypart& part : parts) {
+    k.part[k.nparts++] = part;
+    k.keylen = static_cast<std::int16_t>(k.keylen + part.length);
+  }
+  return k;
+}
+
+TEST(Keys, LegalityOfADescription) {
+  constexpr int kRecord = 200;
+  struct Case {
+    const char* what;
+    keydescr k;
+    int keylen;  // -1: illegal
+  };
+  const Case cases[] = {
+      {"no parts", key_of({}), -1},
+      {"eight parts of 120 bytes", key_of(std::vector<keypart>(8, {0, 15, KT_CHAR})), 120},
+      {"121 bytes", key_of({{0, 121, KT_CHAR}}), -1},
+      {"up to the record's end", key_of({{195, 5, KT_CHAR}}), 5},
+      {"one byte further", key_of({{196, 5, KT_CHAR}}), -1},
+      {"before the record", key_of({{-1, 5, KT_CHAR}}), -1},
+      {"negative length", key_of({{5, -1, KT_CHAR}}), -1},
+      {"no bytes at the end", key_of({{200, 0, KT_CHAR}}), 0},
+      {"overlapping parts", key_of({{0, 8, KT_DOUBLE}, {4, 8, KT_CHAR | KT_DESC}}), 16},
+      {"integer of four bytes", key_of({{0, 4, KT_INT}}), -1},
+      {"long of four bytes", key_of({{0, 4, KT_LONG | KT_DESC}}), 4},
+      {"float of eight bytes", key_of({{0, 8, KT_FLOAT}}), -1},
+      {"type 5", key_of({{0, 4, 5}}), -1},
+      {"type 8", key_of({{0, 4, 8}}), -1},
+      {"type 17", key_of({{0, 4, 17}}), -1},
+      {"collated", key_of({{0, 4, KT_COLL7}, {0, 4, KT_LOCALE}}), 8},
+  };
+  for (const Case& c : cases) {
+    keydescr k = c.k;
+    clear_errors();
+    EXPECT_EQ(kylegal(k, kRecord), c.keylen < 0 ? -1 : 0) << c.what;
+    EXPECT_EQ(iserrno, c.keylen < 0 ? kBadKey : 0) << c.what;
+    EXPECT_TRUE(c.keylen < 0 || k.keylen == c.keylen) << c.what;
+  }
+  keydescr nine = key_of({});
+  nine.nparts = 9;
+  EXPECT_EQ(kylegal(nine, kRecord), -1);
+}
+
+TEST(Keys, StoredFormAndBack) {
+  keydescr k = key_of({{3, 258, KT_CHAR}, {260, 4, KT_LONG | KT_DESC}}, KF_DUPS | KF_TCOMPRESS);
+  k.rootnode = 0x01020304;
+  const Byte expected[] = {0, 17, 1, 2, 3, 4, 4, 0x81, 2, 0, 3, 0, 0, 4, 1, 4, 130};
+  Image stored(sizeof expected);
+  ASSERT_EQ(stored_key_size(k), static_cast<int>(stored.size()));
+  kypack(k, stored.data());
+  EXPECT_EQ(stored, Image(std::begin(expected), std::end(expected)));
+  const keydescr back = kyunpack(stored.data());
+  EXPECT_EQ(kycompare(back, k), 0);
+  EXPECT_EQ(back.flags, k.flags);
+  EXPECT_EQ(back.rootnode, k.rootnode);
+  EXPECT_EQ(back.keylen, 262);
+
+  // Without parts it stands for the order of record numbers.
+  kypack(keydescr{}, stored.data());
+  const keydescr number = kyunpack(stored.data());
+  EXPECT_EQ(number.nparts, 0);
+  EXPECT_EQ(number.part[0].length, 2);
+  EXPECT_EQ(number.part[0].type, KT_INT);
+}
+
+TEST(Keys, SameKeyWhateverFlagsAndRoot) {
+  const std::vector<keypart> parts = {{0, 4, KT_LONG}, {6, 3, KT_CHAR}};
+  const keydescr k = key_of(parts);
+  keydescr other = key_of(parts, KF_DUPS);
+  other.rootnode = 9;
+  EXPECT_EQ(kycompare(k, other), 0);
+  for (const auto change : {0, 1, 2, 3}) {
+    other = key_of(parts);
+    if (change == 0) other.part[1].start = 5;
+    if (change == 1) other.part[1].length = 2;
+    if (change == 2) other.part[0].type |= KT_DESC;
+    if (change == 3) other.nparts = 1;
+    EXPECT_EQ(kycompare(k, other), -1) << change;
+  }
+}
+
+template <typename Number>
+void expect_number_order(int type) {
+  using Limits = std::numeric_limits<Number>;
+  // Groups of equals, in order.
+  const std::vector<std::vector<Number>> groups = {
+      {-Limits::infinity()},
+      {Limits::lowest()},
+      {-1},
+      {-Limits::denorm_min()},
+      {Number{-0.0}, 0},
+      {Limits::denorm_min()},
+      {1},
+      {Limits::max()},
+      {Limits::infinity()},
+      {Limits::quiet_NaN(), -Limits::quiet_NaN(), Limits::signaling_NaN()}};
+  std::vector<std::pair<Image, int>> values = {{Image(sizeof(Number), 0xFF), -1}};  // null
+  for (std::size_t group = 0; group < groups.size(); ++group) {
+    for (const Number value : groups[group]) {
+      Image bytes(sizeof value);
+      std::memcpy(bytes.data(), &value, sizeof value);
+      values.emplace_back(bytes, static_cast<int>(group));
+    }
+  }
+  for (const bool descending : {false, true}) {
+    const KeyOrder order{key_of(
+        {{0, sizeof(Number), static_cast<std::int16_t>(descending ? type | KT_DESC : type)}})};
+    EXPECT_FALSE(order.bytewise());
+    for (const auto& [a, rank_a] : values) {
+      for (const auto& [b, rank_b] : values) {
+        const int expected = (rank_a > rank_b) - (rank_a < rank_b);
+        EXPECT_EQ(order.compare(a.data(), b.data()), descending ? -expected : expected)
+            << rank_a << " and " << rank_b;
+      }
+    }
+  }
+}
+
+TEST(KeyOrder, NullsNumbersAndWhatIsNone) {
+  expect_number_order<double>(KT_DOUBLE);
+  expect_number_order<float>(KT_FLOAT);
+}
+
+// The first differing byte tells the order of bytes and integers; it is that of the whole.
+TEST(KeyOrder, TheFirstDifferingByteDecides) {
+  const KeyOrder order{key_of({{0, 3, KT_CHAR},
+                               {0, 2, KT_INT},
+                               {0, 0, KT_CHAR},
+                               {0, 4, KT_LONG | KT_DESC},
+                               {0, 2, KT_CHAR | KT_DESC},
+                               {0, 2, KT_INT | KT_DESC}})};
+  ASSERT_TRUE(order.bytewise());
+  std::mt19937 random(1);
+  for (int i = 0; i < 3000; ++i) {
+    Image a(13);
+    for (Byte& byte : a) byte = static_cast<Byte>(random());
+    Image b = a;
+    const auto at = static_cast<int>(random() % a.size());
+    for (std::size_t k = static_cast<std::size_t>(at); k < b.size(); ++k) {
+      b[k] = static_cast<Byte>(random());
+    }
+    const auto index = static_cast<std::size_t>(at);
+    if (a[index] == b[index]) continue;
+    const int whole = order.compare(a.data(), b.data());
+    const int by_byte = order.compare_at(at, a[index], b[index]);
+    ASSERT_EQ(whole < 0, by_byte < 0) << at;
+    ASSERT_NE(by_byte, 0);
+  }
+}
+
+TEST(KeyOrder, PartialAndCollatedKeys) {
+  const KeyOrder order{key_of({{0, 2, KT_COLL1}, {0, 4, KT_CHAR}, {0, 2, KT_INT}})};
+  const auto compare = [&](const std::string& a, const std::string& b, int length) {
+    return order.compare(reinterpret_cast<const Byte*>(a.data()),
+                         reinterpret_cast<const Byte*>(b.data()), length);
+  };
+  EXPECT_EQ(compare("xxabcd01", "yyabcd01", 0), 0);  // a collated part decides nothing
+  EXPECT_EQ(compare("xxabcd01", "xxabxd01", 4), 0);
+  EXPECT_LT(compare("xxabcd01", "xxabxd01", 5), 0);
+  EXPECT_LT(compare("xxabcd01", "xxabcd02", 7), 0);  // an integer is compared whole
+}
+
+class KeyChainTest : public testing::Test {
+ protected:
+  // Keys of one byte at different places: nodes of 128 bytes hold nine of them.
+  static keydescr nth(int i) { return key_of({{static_cast<std::int16_t>(i), 1, KT_CHAR}}); }
+
+  void add(int count) {
+    for (int i = 0; i < count; ++i) {
+      keydescr k = nth(i);
+      ASSERT_EQ(kyadd(k), 0);
+      ASSERT_GT(k.rootnode, 2);
+    }
+  }
+  // The places of the stored keys, in order.
+  std::vector<int> stored() {
+    std::vector<int> places;
+    KeyChain chain;
+    keydescr k{};
+    while (chain.next(k) == KeyChain::Step::kFound) places.push_back(k.part[0].start);
+    EXPECT_EQ(dictp->d_nkeys(), static_cast<int>(places.size()));
+    return places;
+  }
+
+  TestPair pair_{{.node_size = 128}};
+};
+
+TEST_F(KeyChainTest, DescriptionsAreNumberedInTheirOrder) {
+  add(30);
+  for (int i = 0; i < 30; ++i) {
+    keydescr k{};
+    ASSERT_EQ(kysearch(k, i + 1), i + 1);
+    EXPECT_EQ(kycompare(k, nth(i)), 0);
+    const std::int32_t root = k.rootnode;
+    k = nth(i);
+    k.flags = KF_LCOMPRESS;
+    ASSERT_EQ(kysearch(k, 0), i + 1);
+    EXPECT_EQ(k.flags, 0);
+    EXPECT_EQ(k.rootnode, root);
+    // The same parts are the same key.
+    k.flags = KF_DUPS;
+    clear_errors();
+    EXPECT_EQ(kyadd(k), -1);
+    EXPECT_EQ(iserrno, kIndexExists);
+  }
+  clear_errors();
+  keydescr k = nth(30);
+  EXPECT_EQ(kysearch(k, 0), -1);
+  EXPECT_EQ(kysearch(k, 31), -1);
+  EXPECT_EQ(iserrno, 0);
+  k.part[0].length = 100;
+  EXPECT_EQ(kysearch(k, 0), -1);
+  EXPECT_EQ(iserrno, kBadKey);
+  EXPECT_EQ(pair_.problems(), std::vector<std::string>{});
+}
+
+TEST_F(KeyChainTest, RemovalMovesTheRestUp) {
+  add(12);
+  const auto remove = [](int place) {
+    keydescr k = nth(place);
+    EXPECT_GT(kysearch(k, 0), 0);
+    EXPECT_EQ(kydelete(k), 0);
+    EXPECT_EQ(btrecover(k.rootnode, k), 0);
+  };
+  remove(0);
+  remove(5);
+  EXPECT_EQ(stored(), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 9, 10, 11}));
+  EXPECT_EQ(kyremove(9), 0);
+  EXPECT_EQ(stored(), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 9, 11}));
+  keydescr tenth = nth(10);
+  EXPECT_EQ(kyadd(tenth), 0);  // the first node has room again
+  EXPECT_EQ(stored(), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 10, 9, 11}));
+  for (const int place : {1, 2, 3, 4, 6, 7, 8, 10, 9, 11}) remove(place);
+  EXPECT_EQ(stored(), std::vector<int>{});
+  {
+    const PageHold page = bfread(2);
+    EXPECT_EQ(page.used(), kEntriesOffset);
+    EXPECT_EQ(std::count(page.data() + kEntriesOffset, page.data() + 125, 0), 119);
+    EXPECT_NE(common::ldlong(page.data() + kLinkOffset), 0);  // an empty node stays
+  }
+  clear_errors();
+  EXPECT_EQ(kydelete(nth(1)), -1);
+  EXPECT_EQ(iserrno, kBadKey);
+}
+
+TEST_F(KeyChainTest, AFailedAdditionChangesNothing) {
+  add(9);
+  for (const bool one : {false, true}) {
+    // No node, or one: the tenth description needs one for its root and one for itself.
+    const testing_support::ScarceNodes scarce{one};
+    keydescr k = nth(9);
+    clear_errors();
+    EXPECT_EQ(kyadd(k), -1);
+    EXPECT_EQ(iserrno, kCorrupted);
+    EXPECT_TRUE(scarce.untouched());
+    EXPECT_EQ(stored().size(), 9U);
+  }
+  EXPECT_EQ(pair_.problems(), std::vector<std::string>{});
+}
+
+TEST_F(KeyChainTest, MalformedChainsAreRefused) {
+  add(12);
+  const Image sound = pair_.index();
+  constexpr std::size_t kNode = 128;  // node 2
+  struct Case {
+    const char* what;
+    std::size_t at;
+    int value;
+    bool whole_chain;  // otherwise only fetching the third is refused
+  };
+  constexpr std::size_t kThird = kNode + 6 + 24;
+  const Case cases[] = {
+      {"size below the head's", kThird, 6, true},
+      {"size between parts", kThird, 13, true},
+      {"nine parts", kThird, 52, true},
+      {"size past the used bytes", kThird, 127, true},
+      {"used bytes past the kind byte", kNode, 128, true},
+      {"chain that loops", kNode + 4, 2, true},
+      {"chain past the file", kNode + 4, 30'000, true},
+      {"part past the record", kThird + 9, 40, false},
+      {"part longer than a key", kThird + 7, 121, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Image damaged = sound;
+    testing_support::put2(&damaged[c.at], c.value);
+    pair_.replace_index(damaged);
+    const std::string before(dictp->raw, dictp->raw + kDictionarySize);
+    keydescr k = nth(20);
+    const auto expect_refused = [&](int result) {
+      EXPECT_EQ(result, -1);
+      EXPECT_EQ(iserrno, kCorrupted);
+      clear_errors();
+    };
+    if (c.whole_chain) {
+      expect_refused(kysearch(k, 0));
+      expect_refused(kysearch(k, 20));
+      expect_refused(kyadd(k));
+      expect_refused(kydelete(k));
+      expect_refused(kyremove(20));
+    } else {
+      expect_refused(kysearch(k, 3));
+    }
+    EXPECT_EQ(before, std::string(dictp->raw, dictp->raw + kDictionarySize));
+  }
+}
+
+}  // namespace
+}  // namespace isam

@@ -1,0 +1,151 @@
+// test_pair: a new, empty pair in a folder of its own, open and current in the library.
+//
+// Records are kept in memory and written to the data file for a verdict on the whole pair.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "isam/buffers.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/freelists.h"
+#include "tests/support/layout.h"
+#include "tests/support/pair_walk.h"
+
+namespace testing_support {
+
+class TestPair {
+ public:
+  struct Shape {
+    int node_size = 1024;
+    int dup_width = 4;
+    int record_length = 40;
+  };
+
+  explicit TestPair(const Shape& shape) {
+    std::string folder = std::filesystem::temp_directory_path() / "kestro-XXXXXX";
+    folder_ = ::mkdtemp(folder.data());
+    base_ = folder_ + "/pair";
+    write_file(base_ + ".idx", empty_index(shape));
+    write_file(base_ + ".dat", {});
+    isam::clear_errors();
+    open_ = isam::allocopen();
+    open_->file = isam::allocfile(base_, 0);
+    isam::make_current(*open_);
+    isam::filep->idxsize = shape.node_size - 1;
+    isam::filep->reclen = isam::filep->maxreclen = shape.record_length;
+    EXPECT_EQ(isam::dictread(), 0);
+  }
+  TestPair(const TestPair&) = delete;
+  TestPair& operator=(const TestPair&) = delete;
+  ~TestPair() {
+    isam::bfflush(*isam::filep);
+    isam::freeopen(*open_);
+    std::filesystem::remove_all(folder_);
+  }
+
+  // A new record: its number.
+  std::int32_t add_record(const Image& record) {
+    const std::int32_t number = isam::allocrec(isam::FreeList::kRecords);
+    records_[number] = record;
+    return number;
+  }
+  void drop_record(std::int32_t number) {
+    EXPECT_EQ(isam::freerec(number, isam::FreeList::kRecords), 0);
+    records_.erase(number);
+  }
+
+  // Brings both files up to date.
+  void save() const {
+    isam::bfflush(*isam::filep);
+    isam::dictwrite();
+    const auto slot = static_cast<std::size_t>(isam::filep->reclen) + 1;
+    Image data(slot * static_cast<std::size_t>(isam::dictp->d_nextdata()));
+    for (const auto& [number, record] : records_) {
+      const auto at = data.begin() + static_cast<std::ptrdiff_t>(slot) * (number - 1);
+      std::copy(record.begin(), record.end(), at);
+      at[isam::filep->reclen] = isam::kRecordPresent;
+    }
+    write_file(base_ + ".dat", data);
+  }
+
+  // What is wrong with the pair as a whole.
+  [[nodiscard]] std::vector<std::string> problems() const {
+    save();
+    return walk_pair(base_).problems;
+  }
+
+  // The index file as it is, and its replacement behind the library's back.
+  [[nodiscard]] Image index() const {
+    save();
+    return read_file(base_ + ".idx");
+  }
+  void replace_index(const Image& bytes) const {
+    isam::bfflush(*isam::filep);
+    isam::bfignor(*isam::filep);
+    write_file(base_ + ".idx", bytes);
+    isam::clear_errors();
+    isam::dictread();
+  }
+
+ private:
+  static Image empty_index(const Shape& shape) {
+    const auto size = static_cast<std::size_t>(shape.node_size);
+    Image bytes(2 * size);
+    const Byte fixed[] = {0xFE, 0x53, 2, 2, 4, 4};
+    std::copy(std::begin(fixed), std::end(fixed), bytes.begin());
+    put2(&bytes[dict::kNodeSize], shape.node_size - 1);
+    bytes[dict::kDupSize] = static_cast<Byte>(shape.dup_width);
+    put2(&bytes[dict::kRecordSize], shape.record_length);
+    put4(&bytes[dict::kKeyNode], 2);
+    put4(&bytes[dict::kNextNode], 2);
+    put2(&bytes[dict::kLockMethod], 8);
+    put2(&bytes[size], 6);
+    bytes[2 * size - 3] = 0xFF;
+    bytes[2 * size - 2] = 0x7E;
+    return bytes;
+  }
+
+  std::string folder_;
+  std::string base_;
+  isam::OpenRecord* open_;
+  std::map<std::int32_t, Image> records_;
+};
+
+// Leaves one node to take, or none, while it lives. The free list must be empty.
+class ScarceNodes {
+ public:
+  explicit ScarceNodes(bool one) : last_(isam::dictp->d_nextnode()) {
+    if (one) {
+      spare_ = isam::allocrec(isam::FreeList::kNodes);
+      isam::bfgetclr(spare_).set_frame(isam::kEntriesOffset, isam::kIndexFreeNode,
+                                       isam::kFreeLevel);
+      last_ = isam::dictp->d_nextnode();
+    }
+    EXPECT_EQ(isam::dictp->d_freenode(), 0);
+    isam::dictp->set_d_freenode(spare_);
+    isam::dictp->set_d_nextnode(INT32_MAX);
+  }
+  ScarceNodes(const ScarceNodes&) = delete;
+  ScarceNodes& operator=(const ScarceNodes&) = delete;
+  ~ScarceNodes() {
+    const bool unused = isam::dictp->d_freenode() == spare_ && spare_ != 0;
+    isam::dictp->set_d_freenode(0);
+    isam::dictp->set_d_nextnode(last_);
+    if (unused) isam::freerec(spare_, isam::FreeList::kNodes);
+  }
+  // Whether nothing has been taken, or all has been given back.
+  [[nodiscard]] bool untouched() const { return isam::dictp->d_freenode() == spare_; }
+
+ private:
+  std::int32_t last_;
+  std::int32_t spare_ = 0;
+};
+
+}  // namespace testing_support

@@ -1,0 +1,210 @@
+// tree_model: an index beside a model of it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "isam/btree.h"
+#include "isam/keychain.h"
+#include "isam/treenode.h"
+#include "tests/isam/test_pair.h"
+
+namespace isam {
+
+using testing_support::Image;
+using testing_support::TestPair;
+
+enum class Kind { kText, kNumber, kMixed, kReal };
+
+inline std::vector<keypart> parts_of(Kind kind) {
+  switch (kind) {
+    case Kind::kText:
+      return {{0, 20, KT_CHAR}};
+    case Kind::kNumber:
+      return {{0, 4, KT_LONG}};
+    case Kind::kMixed:
+      return {{0, 2, KT_INT | KT_DESC}, {2, 9, KT_CHAR}};
+    case Kind::kReal:
+      return {{0, 8, KT_DOUBLE}};
+  }
+  return {};
+}
+
+// Text with shared beginnings and trailing blanks.
+inline std::vector<Image> texts(std::size_t count) {
+  std::mt19937 random(5);
+  std::set<Image> sorted;
+  while (sorted.size() < count) {
+    static const std::array<std::string, 4> starts = {"", "north", "north-east by", "south"};
+    std::string text = starts[random() % starts.size()];
+    for (auto letters = random() % 7; letters > 0; --letters) text += "ab c"[random() % 4];
+    text.resize(20, ' ');
+    sorted.insert(Image(text.begin(), text.end()));
+  }
+  return {sorted.begin(), sorted.end()};
+}
+
+// `count` different keys in key order.
+inline std::vector<Image> keys_of(Kind kind, std::size_t count) {
+  if (kind == Kind::kText) return texts(count);
+  std::vector<Image> keys;
+  const auto half = static_cast<int>(count / 2);
+  for (int i = 0; i < static_cast<int>(count); ++i) {
+    Image key;
+    if (kind == Kind::kNumber) {
+      key.resize(4);
+      testing_support::put4(key.data(), i - half);
+    } else if (kind == Kind::kMixed) {
+      const std::string text = std::string(1 + i % 8, 'x') + std::string(8 - i % 8, ' ');
+      key.resize(2);
+      testing_support::put2(key.data(), half / 8 - i / 8);
+      key.insert(key.end(), text.begin(), text.end());
+    } else {
+      const double value = (i - half) / 7.0;
+      key.resize(sizeof value, 0xFF);
+      if (i > 0) std::memcpy(key.data(), &value, sizeof value);
+    }
+    keys.push_back(key);
+  }
+  return keys;
+}
+
+// An index beside its model: positions in a table of sorted keys, and record numbers in the order
+// of their insertion.
+class Tree {
+ public:
+  Tree(int flags, Kind kind, TestPair::Shape shape, std::size_t different = 400)
+      : keys(keys_of(kind, different)), pair(shape) {
+    k.flags = static_cast<std::int16_t>(flags);
+    for (const keypart& part : parts_of(kind)) k.part[k.nparts++] = part;
+    EXPECT_EQ(kylegal(k, shape.record_length), 0);
+    EXPECT_EQ(kyadd(k), 0);
+  }
+
+  [[nodiscard]] Item item_of(int key, std::int32_t record = 0) const {
+    Item item;
+    const Image& bytes = keys[static_cast<std::size_t>(key)];
+    std::copy(bytes.begin(), bytes.end(), item.key);
+    item.recptr = record;
+    return item;
+  }
+
+  // Inserts a record with this key: what btadditem answers, the model following.
+  int insert(int key) {
+    const std::int32_t record = pair.add_record(keys[static_cast<std::size_t>(key)]);
+    Item item = item_of(key, record);
+    clear_errors();
+    const int result = btadditem(item, k);
+    EXPECT_EQ(bt.depth, -1);
+    if (result == 0) {
+      model.emplace(key, record);
+    } else {
+      pair.drop_record(record);
+    }
+    return result;
+  }
+
+  int remove(std::multimap<int, std::int32_t>::iterator at) {
+    clear_errors();
+    const int result = btdelitem(item_of(at->first, at->second), k);
+    if (result != 0) return result;
+    pair.drop_record(at->second);
+    model.erase(at);
+    return 0;
+  }
+
+  void remove_any(std::mt19937& random) {
+    const auto nth = static_cast<std::ptrdiff_t>(random() % model.size());
+    EXPECT_EQ(remove(std::next(model.begin(), nth)), 0);
+  }
+
+  bool on(const std::pair<const int, std::int32_t>& entry) const {
+    const Image& key = keys[static_cast<std::size_t>(entry.first)];
+    return bt.ends == kOnItem && treeitem.recptr == entry.second &&
+           std::equal(key.begin(), key.end(), treeitem.key);
+  }
+
+  // Walks over all items and back again, against the model.
+  void expect_walks() const {
+    ASSERT_EQ(btposition(k, Edge::kFirst), 0);
+    std::int32_t dupnm = -1;
+    for (auto at = model.begin(); at != model.end(); ++at) {
+      ASSERT_TRUE(on(*at)) << at->first;
+      if (at != model.begin() && std::prev(at)->first != at->first) dupnm = -1;
+      ASSERT_TRUE((k.flags & KF_DUPS) == 0 || treeitem.dupnm > dupnm);
+      dupnm = treeitem.dupnm;
+      ASSERT_EQ(btmove(k, Direction::kNext), 0);
+    }
+    ASSERT_EQ(bt.ends, model.empty() ? kEmptyTree : kAfterLast);
+    for (auto at = model.rbegin(); at != model.rend(); ++at) {
+      ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
+      ASSERT_TRUE(on(*at)) << at->first;
+    }
+    ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
+    if (model.empty()) return;
+    ASSERT_EQ(bt.ends, kBeforeFirst);
+    ASSERT_EQ(btmove(k, Direction::kNext), 0);
+    ASSERT_TRUE(on(*model.begin()));
+  }
+
+  // What the bytes of every node must be beside its items.
+  void expect_tidy(std::int32_t number) const {
+    const ItemLayout layout{k};
+    std::vector<std::int32_t> children;
+    {
+      TreeNode node{number};
+      ASSERT_TRUE(node);
+      Item item;
+      for (int pos = 0; pos < node.length();) {
+        pos = itunpack(layout, node.area(), pos, item.key, item);
+        ASSERT_GT(pos, 0);
+        if (!node.is_leaf()) children.push_back(item.recptr);
+      }
+      EXPECT_EQ(item.flag & kNextRepeats, 0) << "the last item of node " << number;
+      const Bytes room = node.room().subspan(static_cast<std::size_t>(node.length()));
+      EXPECT_TRUE(std::ranges::all_of(room, [](Byte byte) { return byte == 0; }));
+      EXPECT_EQ(node.page().bytes().back(), 0);
+    }
+    for (const std::int32_t child : children) expect_tidy(child);
+  }
+
+  void expect_sound() const {
+    EXPECT_EQ(pair.problems(), std::vector<std::string>{});
+    expect_walks();
+    expect_tidy(k.rootnode);
+  }
+
+  [[nodiscard]] int levels() const {
+    TreeNode root{k.rootnode};
+    return root.page().level() + 1;
+  }
+
+  keydescr k{};
+  std::vector<Image> keys;
+  TestPair pair;
+  std::multimap<int, std::int32_t> model;
+};
+
+inline bool expect_position(const Tree& tree, std::multimap<int, std::int32_t>::const_iterator at) {
+  return at == tree.model.end() ? bt.ends == kAfterLast : tree.on(*at);
+}
+
+inline std::string name_of(int flags, Kind kind) {
+  const char* const kinds[] = {"Text", "Number", "Mixed", "Real"};
+  std::string name = kinds[static_cast<int>(kind)];
+  for (const auto& [flag, letter] :
+       {std::pair{KF_DUPS, 'D'}, {KF_DCOMPRESS, 'd'}, {KF_LCOMPRESS, 'l'}, {KF_TCOMPRESS, 't'}}) {
+    if ((flags & flag) != 0) name += letter;
+  }
+  return name;
+}
+
+}  // namespace isam
