@@ -113,8 +113,8 @@ int step_in_leaf(const ItemLayout& layout, ConstBytes area, PathLevel& leaf, Dir
   return 0;
 }
 
-// Goes down from `node` at a level of the path to the outermost item of a leaf, which lies at
-// `leaf_depth` unless that is below 0.
+// Goes down from node `number` at level `depth` of the path to the outermost item of a leaf, which
+// lies at `leaf_depth` unless that is below 0.
 int descend(const ItemLayout& layout, std::int32_t number, int depth, int leaf_depth,
             Direction direction) {
   for (;; ++depth) {

@@ -56,7 +56,7 @@ struct Dictionary {
   [[nodiscard]] int d_maxrecsize() const { return common::ldshort(raw + 59); }
   // Head of the variable-length free-space list of a class from 0 to 4.
   [[nodiscard]] std::int32_t d_varfree(int rpage_class) const {
-    return common::ldlong(raw + 61 + 4 * rpage_class);
+    return common::ldlong(&raw[61 + 4 * rpage_class]);
   }
   [[nodiscard]] const char* d_collname() const { return reinterpret_cast<const char*>(raw + 81); }
 
@@ -73,7 +73,7 @@ struct Dictionary {
   void clear_d_auditnode() { common::stlong(0, raw + 49); }
   void set_d_lockmethod(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 53); }
   void set_d_varfree(int rpage_class, std::int32_t node) {
-    common::stlong(node, raw + 61 + 4 * rpage_class);
+    common::stlong(node, &raw[61 + 4 * rpage_class]);
   }
 };
 static_assert(sizeof(Dictionary) == kDictionarySize);

@@ -193,11 +193,7 @@ class Builder {
     std::ofstream file(built_.base + ".dat", std::ios::binary | std::ios::trunc);
     const bool varying = spec_.max_record_length > 0;
     const auto length = static_cast<std::size_t>(spec_.record_length);
-    std::size_t key_bytes = 0;
-    for (const KeySpec& key : spec_.keys) {
-      key_bytes += static_cast<std::size_t>(key_length(key));
-      keys_.emplace_back();
-    }
+    keys_.resize(spec_.keys.size());
     Image slot(length + (varying ? 7 : 1));
     Image record(length);
     for (int number = 1; number <= spec_.records + spec_.records_behind; ++number) {
