@@ -20,7 +20,6 @@ namespace checker {
 namespace {
 
 using isam::dictp;
-using isam::filep;
 
 // Marks every page of a record's chain in rpgmap; false for a chain that cannot be followed.
 bool mark_chain(std::int32_t pointer) {

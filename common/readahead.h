@@ -28,7 +28,7 @@ class ReadAhead {
   [[nodiscard]] bool covers(int fd, std::int64_t offset, std::size_t length) const;
   void fill(int fd, std::int64_t offset);
 
-  static constexpr std::size_t kWindow = 64 * 1024;
+  static constexpr std::size_t kWindow = std::size_t{64} * 1024;
   static constexpr int kRunBeforeFilling = 2;  // forward reads that make a run sequential
   static constexpr std::int64_t kReach = 4;    // pages that a run may skip
 
