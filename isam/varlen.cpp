@@ -8,7 +8,8 @@
 namespace isam {
 
 Rpage::Slot Rpage::slot(int number) const {
-  const Byte* entry = bytes_.data() + geometry_.first_slot - number * rpage::kSlotSize;
+  const Byte* entry =
+      &bytes_[static_cast<std::size_t>(geometry_.first_slot - number * rpage::kSlotSize)];
   return {common::ldshort(entry), common::ldshort(entry + 2)};
 }
 
