@@ -24,7 +24,12 @@ void ckdfree();
 void ckrfree();
 void ckifree();
 
-// Rebuild the free lists from what was found in use.
+// Whether a list of storage pages holds one that no record uses any more, which the rebuild of the
+// node list would free.
+[[nodiscard]] bool unused_pages_are_listed();
+
+// Rebuild the free lists from what was found in use. When the operator declined to have a faulty
+// node list rebuilt, nothing is done that takes nodes from it: 105.
 void makifree();
 void makrfree();
 void makdfree();

@@ -116,6 +116,10 @@ void rebuild_free_lists() {
     isam::clear_errors();
     findings.badifree = Verdict::kRebuild;
   }
+  if (findings.badifree == Verdict::kRebuild && findings.badrfree == Verdict::kSound &&
+      unused_pages_are_listed()) {
+    findings.badrfree = Verdict::kRebuild;
+  }
   if (findings.badifree == Verdict::kRebuild) makifree();
   findings.rootlast = dictp->d_nextnode();
   if (findings.badrfree == Verdict::kRebuild) makrfree();

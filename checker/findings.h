@@ -39,4 +39,7 @@ struct Findings {
 };
 extern Findings findings;
 
+// Whether the list of free nodes is faulty and stays so: what it hands out may be in use.
+[[nodiscard]] inline bool node_list_is_declined() { return findings.badifree == Verdict::kFaulty; }
+
 }  // namespace checker

@@ -196,6 +196,10 @@ void makifree() {
 
 void makdfree() {
   print_line(Message::kRecreatingDataList);
+  if (node_list_is_declined()) {
+    isam::failed(isam::kCorrupted);
+    return prterr();
+  }
   const std::int32_t highest = findings.datmap.previous_set(findings.datlast);
   dictp->set_d_nextdata(highest);
   dictp->set_d_freedata(0);

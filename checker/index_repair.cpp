@@ -63,6 +63,7 @@ int gather_keys(isam::IndexLoad& load) {
 }
 
 int fill_index(int n, const keydescr& k) {
+  if (node_list_is_declined()) return isam::failed(isam::kCorrupted);
   const std::int32_t root = settle_root(n, k);
   if (root < 0 || clear_root(root) != 0) return -1;
   isam::IndexLoad load{k};

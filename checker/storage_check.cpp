@@ -106,7 +106,8 @@ void filing_failed(Message message) {
 void file_page(std::int32_t node) {
   isam::PageHold page = isam::bfread(node);
   if (!page) return filing_failed(Message::kPageReadFailed);
-  if (!may_be_filed(Rpage{page})) {
+  // A key may look like the page's mark: the kind byte tells a node of a tree from a page.
+  if (page.node_type() != isam::kStoragePage || !may_be_filed(Rpage{page})) {
     page.release();
     isam::failed(isam::kCorrupted);
     return filing_failed(Message::kPageFilingFailed);
@@ -136,6 +137,22 @@ void ckrfree() {
   if (findings.badrfree == Verdict::kFaulty && ask(Message::kFixStorageLists)) {
     findings.badrfree = Verdict::kRebuild;
   }
+}
+
+bool unused_pages_are_listed() {
+  for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
+    UsageMap visited;
+    visited.reset(findings.idxlast);
+    for (std::int32_t node = dictp->d_varfree(rpage_class); node != 0;) {
+      if (node < 1 || node > findings.idxlast || visited.set_bit(node)) break;
+      if (!findings.rpgmap.tstbit(node)) return true;
+      const isam::PageHold page = isam::rpbfread(node);
+      if (!page) break;
+      node = Rpage{page}.next();
+    }
+  }
+  isam::clear_errors();
+  return false;
 }
 
 void makrfree() {

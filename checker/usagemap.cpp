@@ -23,11 +23,19 @@ void UsageMap::reset(std::int32_t highest) {
   owned_.clear();
   owned_.resize(chunks);
   directory_.assign(chunks, kClear.data());
+  first_touched_ = UINT32_MAX;
+  last_touched_ = 0;
   highest_ = highest;
   count_ = 0;
 }
 
+void UsageMap::touch(std::uint32_t chunk) {
+  first_touched_ = std::min(first_touched_, chunk);
+  last_touched_ = std::max(last_touched_, chunk);
+}
+
 UsageMap::Word* UsageMap::own(std::uint32_t chunk) {
+  touch(chunk);
   auto copy = std::make_unique_for_overwrite<Chunk>();
   std::copy_n(directory_[chunk], kChunkWords, copy->data());
   owned_[chunk] = std::move(copy);
@@ -36,12 +44,14 @@ UsageMap::Word* UsageMap::own(std::uint32_t chunk) {
 }
 
 void UsageMap::share(std::uint32_t chunk, const Chunk& contents) {
+  touch(chunk);
   owned_[chunk].reset();
   directory_[chunk] = contents.data();
 }
 
 void UsageMap::ormap(const UsageMap& other) {
-  for (std::uint32_t chunk = 0; chunk < directory_.size(); ++chunk) {
+  for (std::uint32_t chunk = other.first_touched_;
+       chunk <= other.last_touched_ && chunk < directory_.size(); ++chunk) {
     const Word* from = other.directory_[chunk];
     if (from == kClear.data()) continue;
     Word* to = owned_[chunk] ? owned_[chunk]->data() : own(chunk);
@@ -53,7 +63,11 @@ void UsageMap::ormap(const UsageMap& other) {
 }
 
 void UsageMap::clrmap() {
-  for (std::uint32_t chunk = 0; chunk < directory_.size(); ++chunk) share(chunk, kClear);
+  for (std::uint32_t chunk = first_touched_; chunk <= last_touched_; ++chunk) {
+    share(chunk, kClear);
+  }
+  first_touched_ = UINT32_MAX;
+  last_touched_ = 0;
   count_ = 0;
 }
 

@@ -88,11 +88,15 @@ class UsageMap {
   }
   Word* own(std::uint32_t chunk);
   void share(std::uint32_t chunk, const Chunk& contents);
+  void touch(std::uint32_t chunk);
   // The highest number from n down to 1 whose bit differs from those of `skipped`, or 0.
   [[nodiscard]] std::int32_t previous_unlike(const Chunk& skipped, std::int32_t n) const;
 
   std::vector<const Word*> directory_;  // one entry a chunk: its own words, or shared ones
   std::vector<std::unique_ptr<Chunk>> owned_;
+  // Chunks outside first_touched_..last_touched_ are clear: what works on all bits skips them.
+  std::uint32_t first_touched_ = UINT32_MAX;
+  std::uint32_t last_touched_ = 0;
   std::int32_t highest_ = 0;
   std::int64_t count_ = 0;
 };

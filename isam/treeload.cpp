@@ -36,7 +36,10 @@ int TreeLoader::append(std::size_t level, const Item& item) {
     itpress(layout_, &to.last, next, Press::kAfter);
     if (to.used + next.totln > item_area_limit(filep->idxsize) && close(level) != 0) return -1;
   }
-  if (to.used == 0) itpress(layout_, nullptr, next, Press::kFirst);
+  if (to.used == 0) {
+    itpress(layout_, nullptr, next, Press::kFirst);
+    if (next.totln > item_area_limit(filep->idxsize)) return failed(kCorrupted);
+  }
   itpack(layout_, next, to.area, to.used);
   to.used += next.totln;
   to.last = next;
