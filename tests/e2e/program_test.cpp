@@ -119,6 +119,25 @@ TEST_F(Program, RepairsWhatWasAgreedToAndNoMore) {
   EXPECT_EQ(after.find("ERROR"), std::string::npos);
 }
 
+// The list of free nodes names a leaf of a sound index and stays as it is: no repair draws on it.
+TEST_F(Program, TakesNothingFromADeclinedList) {
+  const BuiltPair built = build_pair(fault_spec(false), folder_ / "pair");
+  PairEditor editor(built);
+  Byte* head = editor.node(built.free_node_list.front());
+  put4(head + get2(head) - 4, built.indexes[0].leaves[1]);
+  put2(editor.node(built.indexes[1].leaves.front()), 2);
+  editor.save();
+  const RunResult run = kestro({"-q", "pair"}, "yes\nyes\nno\n");
+  EXPECT_NE(run.out.find("Recreating index 2.\n\nZentra ERROR 105: Corrupted isam file\n"),
+            std::string::npos)
+      << run.out;
+  const std::string after = kestro({"-nq", "pair"}).out;
+  const std::string first = after.substr(0, after.find("Index 2 = "));
+  EXPECT_EQ(first.find("ERROR"), std::string::npos) << after;
+  kestro({"-yq", "pair"});
+  EXPECT_EQ(walk_pair(built.base).problems, std::vector<std::string>{});
+}
+
 TEST_F(Program, LeavesARepeatedKeyOutAndSaysSo) {
   const BuiltPair built = damaged_pair();
   PairEditor editor(built);

@@ -341,6 +341,15 @@ void add_free_list_faults(std::vector<Fault>& all) {
   }
 }
 
+// The records of a listed page vanish: nothing uses the page any more.
+void forget_records_of_a_listed_page(PairEditor& e) {
+  const auto page =
+      static_cast<std::int32_t>((listed_page(e) - e.index.data()) / e.built().spec.node_size) + 1;
+  for (int number = 1; number <= e.built().spec.records; ++number) {
+    if ((get4(e.state(number) + 3) & 0xFFFFFF) == page) *e.state(number) = 0;
+  }
+}
+
 void add_storage_faults(std::vector<Fault>& all) {
   const std::string record = "bad data record";
   const std::string page = "Corrupt variable length record storage page, index node ";
@@ -410,6 +419,8 @@ void add_storage_faults(std::vector<Fault>& all) {
   all.push_back(in_varying("list_leads_to_a_leaf", lists, [](PairEditor& e) {
     put4(e.node(get4(list_head(e, listed_page(e)))) + 4, leaf_of(e, 1));
   }));
+  all.push_back(in_varying("records_of_a_page_gone", " bad data record pointer(s)",
+                           forget_records_of_a_listed_page));
   all.push_back(in_varying("head_beyond", lists,
                            [](PairEditor& e) { put4(list_head(e, listed_page(e)), 99999); }));
   all.push_back(in_varying("head_negative", lists,
