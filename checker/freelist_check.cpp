@@ -17,6 +17,8 @@ namespace {
 
 using isam::dictp;
 
+constexpr std::int32_t kNodesNearTheEnd = 1024;
+
 struct ListCounts {
   std::int32_t bad = 0;
   std::int32_t duplicate = 0;
@@ -171,8 +173,17 @@ void free_unused(const UsageMap& in_use, std::int32_t highest, isam::FreeList li
 
 namespace {
 
-// Nothing is stored in a node past the end of the real file. Its number will be given to another
-// part of the file, so nothing may go on referring to it.
+// The highest node in use. Nothing is stored past the end of the real file, whatever claims it;
+// but a number that records name as a storage page stays theirs when it is not far out, so that a
+// stale reference never meets another part of the file.
+std::int32_t highest_to_keep() {
+  const std::int32_t real = std::min(findings.idxlast, findings.idxreal);
+  const auto near_end = static_cast<std::int32_t>(
+      std::min<std::int64_t>(findings.idxlast, 2 * std::int64_t{real} + kNodesNearTheEnd));
+  return std::max(findings.idxmap.previous_set(real), findings.rpgmap.previous_set(near_end));
+}
+
+// Numbers past `last` will be given to other parts of the file: nothing may go on naming them.
 void drop_nodes_past_end(std::int32_t last) {
   if (isam::kycutchain(last) != 0) prterr();
   if (dictp->d_auditnode() > last) {
@@ -185,13 +196,12 @@ void drop_nodes_past_end(std::int32_t last) {
 
 void makifree() {
   print_line(Message::kRecreatingIndexList);
-  const std::int32_t real = std::min(findings.idxlast, findings.idxreal);
-  const std::int32_t highest = findings.idxmap.previous_set(real);
+  const std::int32_t highest = highest_to_keep();
   dictp->set_d_nextnode(highest);
   dictp->set_d_freenode(0);
   isam::dictmodify();
   free_unused(findings.idxmap, highest, isam::FreeList::kNodes);
-  drop_nodes_past_end(real);
+  drop_nodes_past_end(highest);
 }
 
 void makdfree() {

@@ -419,6 +419,10 @@ void add_storage_faults(std::vector<Fault>& all) {
   all.push_back(in_varying("list_leads_to_a_leaf", lists, [](PairEditor& e) {
     put4(e.node(get4(list_head(e, listed_page(e)))) + 4, leaf_of(e, 1));
   }));
+  all.push_back(in_varying(
+      "index_cut", record,
+      [](PairEditor& e) { e.index.resize(static_cast<std::size_t>(e.built().spec.node_size) * 6); },
+      stays));
   all.push_back(in_varying("records_of_a_page_gone", " bad data record pointer(s)",
                            forget_records_of_a_listed_page));
   all.push_back(in_varying("head_beyond", lists,
