@@ -11,6 +11,7 @@
 #include "isam/buffers.h"
 #include "isam/errors.h"
 #include "isam/files.h"
+#include "isam/frame.h"
 #include "isam/freelists.h"
 #include "isam/locks.h"
 #include "locale/collation.h"
@@ -175,10 +176,6 @@ void wind_up() {
   isam::clear_errors();
   isam::bfflush(*filep);
   isam::isexit();
-  if (filep->failed_write.error != 0) {
-    iserrno = filep->failed_write.error;
-    iserrio = filep->failed_write.place;
-  }
   isam::lkopenlock(0);
   prterr();
   isam::freeopen(*openp);

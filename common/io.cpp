@@ -17,7 +17,8 @@ int real_fcntl_lock(int fd, int command, struct flock* lock) { return ::fcntl(fd
 }  // namespace
 
 SystemCalls& system_calls() {
-  static SystemCalls calls{real_open, ::close, ::pread, ::pwrite, real_fcntl_lock, ::fstat, ::stat};
+  static SystemCalls calls{real_open, ::close, ::pread, ::pwrite, real_fcntl_lock,
+                           ::fstat,   ::stat,  ::link,  ::unlink};
   return calls;
 }
 

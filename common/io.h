@@ -25,6 +25,8 @@ struct SystemCalls {
   int (*fcntl_lock)(int fd, int command, struct flock* lock);
   int (*fstat)(int fd, struct stat* status);
   int (*stat)(const char* path, struct stat* status);
+  int (*link)(const char* from, const char* to);
+  int (*unlink)(const char* path);
 };
 
 [[nodiscard]] SystemCalls& system_calls();

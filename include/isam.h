@@ -1,7 +1,41 @@
 /* isam.h: the public interface of the Zentra indexed-file library.
  *
- * Callable from C (C11) and C++. The interface is process-wide and not re-entrant: one thread of
- * a process uses it at a time.
+ * An indexed file is a pair of files: NAME.dat holds the records in numbered slots, NAME.idx the
+ * dictionary, the indexes and the variable parts of records. Every call names the pair by its base
+ * name (without suffix) or, once open, by the small number that isopen() or isbuild() returned.
+ *
+ * Callable from C (C11) and C++. Link with -lisam. The interface is process-wide and not
+ * re-entrant: one thread of a process uses it at a time. Locks belong to the process.
+ *
+ * A program in short:
+ *
+ *   struct keydescr key = {.flags = 0, .nparts = 1, .part = {{0, 8, KT_CHAR}}};
+ *   char record[65];                          (64 bytes of record)
+ *   int file = isopen("customer", ISINOUT + ISMANULOCK);
+ *   if (file < 0 && iserrno == ENOENT)
+ *     file = isbuild("customer", 64, &key, ISINOUT + ISMANULOCK);
+ *   memcpy(record, "00000042", 8);
+ *   if (isread(file, record, RD_EQUAL) < 0) ...  iserrno tells why
+ *   isclose(file);
+ *
+ * Results. Unless a call says otherwise it returns 0, or -1 with the reason in iserrno. Every call
+ * clears iserrno and iserrio when it starts and sets the four status characters when it ends.
+ * Besides the codes that a call names, any call that reads or writes may fail with a system error
+ * (1 to 99, with iserrio telling the operation), ISECORRUPT for a damaged pair, ISENOTOPEN for a
+ * number that is not open or an open that lacks the access needed, ISEFORMAT.
+ *
+ * Records are arrays of char of the record length, laid out by the application. Numbers in key
+ * fields are stored with the st...() functions and read with the ld...() functions below. With
+ * variable length, a record is as long as isreclen says, from the minimum to the maximum length.
+ *
+ * Environment, each read once on first use:
+ *   ISAMBUFS             page buffers of 1 KiB shared by all files, 4 to 32766 (default 16)
+ *   ISAMSORTMEM          MiB for sorting when an index is filled, 1 to 65536 (default 64)
+ *   ISAM_DEADLOCK_COUNT  retries of a lock request that met a deadlock (default 0)
+ *   ISAM_DEADLOCK_SLEEP  milliseconds before each retry (default 0: yield the processor)
+ *   ISCLOSE_SHARE_LOCK   0 makes isclose() wait for other processes' readers (default 1)
+ *   CLIENT_LOCALE        the locale of character keys of type KT_LOCALE
+ *   RESETLOCK            when set, a file with an unexpected locking method is accepted
  */
 #ifndef ISAM_H
 #define ISAM_H
@@ -12,21 +46,67 @@
 extern "C" {
 #endif
 
-/* Outcome of the last call.
- *
- * iserrno   0, or the reason of the failure: 1 to 99 are the system's errno values, from 100 on
- *           the library's own codes.
+/* ------------------------------------------------------------------ outcome of the last call -- */
+
+/* iserrno   0, or the reason of the failure: 1 to 99 are the system's errno values, from 100 on
+ *           the library's own codes (below).
  * iserrio   0, or for a failed system call on a file its operation (0x10 open, 0x20 creat,
  *           0x30 lseek, 0x40 read, 0x50 write, 0x60 locking) plus the file (1 index, 2 data,
  *           3 audit, 4 lock, 5 semaphore).
- * isstat1   to isstat4: the outcome as four status characters, '0' each after a plain success.
+ * isrecnum  number of the record that the last successful start, read, write, rewrite or delete
+ *           concerned, from 1; 0 when a start met an empty file. In the order of record numbers
+ *           (a key without parts) the application sets it to say which record it means.
+ * isreclen  length in bytes of the record read last, or the greatest length of a file just opened.
+ *           With variable length the application sets it before a write or rewrite to the length
+ *           of that record, and before isbuild() to the minimum length.
+ * isstat1   to isstat4: the outcome as four status characters. "0000" success, "0202" success on a
+ *           key that a neighbour record has too, "2222" duplicate, "1010" end of file ("1046" for a
+ *           read past it), "2323" no such record, "2143" no current record ("2146" on a relative
+ *           read), "9090" anything else; "9035" no such file, "9037" access or mode refused, "9039"
+ *           record format (fixed or variable length) differs, "9042" closing what is not open,
+ *           "9047" reading, "9048" writing and "9049" changing through an open without that access,
+ *           "9044" a record length out of range.
+ * isdupsiz  width in bytes of the duplicate numbers of files that isbuild() makes: 4 (the default)
+ *           or 2, which allows 65536 records of one key.
  */
 extern int32_t iserrno;
 extern int32_t iserrio;
+extern int32_t isrecnum;
+extern int32_t isreclen;
 extern char isstat1;
 extern char isstat2;
 extern char isstat3;
 extern char isstat4;
+extern int32_t isdupsiz;
+
+/* Library codes in iserrno. */
+enum {
+  ISEDUPLICATE = 100,   /* a key that may occur only once does already */
+  ISENOTOPEN = 101,     /* not open, or not for this access */
+  ISEARGUMENT = 102,    /* an argument is out of range */
+  ISEKEY = 103,         /* a key description is illegal, or not one of the file's */
+  ISETOOMANY = 104,     /* all open records are in use */
+  ISECORRUPT = 105,     /* the pair is damaged: run kestro */
+  ISENOTEXCLUSIVE = 106, /* the call needs an exclusive open */
+  ISELOCKED = 107,      /* another process has the record or file locked */
+  ISEKEYEXISTS = 108,   /* the file has this index already */
+  ISEPRIMARY = 109,     /* the primary index cannot be dropped */
+  ISEEND = 110,         /* before the first or after the last record */
+  ISENORECORD = 111,    /* no such record */
+  ISENOCURRENT = 112,   /* no current record */
+  ISEINUSE = 113,       /* another open is in the way */
+  ISENAME = 114,        /* a file name is empty or too long */
+  ISEMEMORY = 116,      /* no memory */
+  ISECOLLATION = 117,   /* the file's locale or a collating table does not fit */
+  ISENOPRIMARY = 127,   /* the file has no primary key */
+  ISERECLEN = 132,      /* a record length is out of range */
+  ISENOLOCKS = 134,     /* the system has no more locks */
+  ISENOTMANUAL = 153,   /* the open's lock mode is not ISMANULOCK */
+  ISELOCALE = 159,      /* the client's locale cannot be loaded */
+  ISEFORMAT = 171       /* a pair of another format */
+};
+
+/* ---------------------------------------------------------------------------------------- keys -- */
 
 enum {
   MAXPARTS = 8,   /* parts of a key */
@@ -38,7 +118,8 @@ enum {
   KF_DUPS = 1,      /* duplicate key values are allowed */
   KF_DCOMPRESS = 2, /* a repeated key is stored once */
   KF_LCOMPRESS = 4, /* leading bytes shared with the previous key are not stored */
-  KF_TCOMPRESS = 8  /* trailing blanks are not stored */
+  KF_TCOMPRESS = 8, /* trailing blanks are not stored */
+  KF_COMPRESS = 14  /* all three */
 };
 
 /* Types of key parts; KT_DESC is added to make a part sort descending. */
@@ -59,7 +140,9 @@ enum {
   KT_DESC = 128
 };
 
-/* One part of a key: `length` bytes of the record from offset `start` (from 0), of one type. */
+/* One part of a key: `length` bytes of the record from offset `start` (from 0), of one type. The
+ * parts of KT_INT, KT_LONG, KT_DOUBLE and KT_FLOAT have the length given above. A part lies within
+ * the record, with variable length within its minimum length. */
 struct keypart {
   int16_t start;
   int16_t length;
@@ -77,14 +160,246 @@ struct keydescr {
   int32_t rootnode;
 };
 
-/* Lock modes of an open, in the high byte of its mode. */
-enum { ISAUTOLOCK = 0x200, ISMANULOCK = 0x400, ISEXCLLOCK = 0x800 };
+/* What isdictinfo() tells of a file. */
+struct dictinfo {
+  int32_t di_nkeys;    /* indexes; DI_VARLEN is added for a file of variable-length records */
+  int32_t di_recsize;  /* record length in bytes, the maximum with variable length */
+  int32_t di_idxsize;  /* size of an index node minus one, in bytes */
+  int32_t di_nrecords; /* records present */
+};
+enum { DI_VARLEN = 0x8000 };
 
-/* The library's version: a name, a blank and a number such as "1.2.3". */
-const char* isversion(void);
+/* ------------------------------------------------------------------------------- modes of calls -- */
+
+/* Mode of isopen() and isbuild(): one access, one lock mode, options added. */
+enum {
+  ISINPUT = 0,  /* read only */
+  ISOUTPUT = 1, /* write only */
+  ISINOUT = 2,  /* read and write */
+
+  ISVARLEN = 0x10,   /* the records are of variable length */
+  ISANYPRIMARY = 0x20, /* isdelindex() may drop the primary and the current key */
+  ISANYLENGTH = 0x80, /* fixed or variable length, and whatever locale */
+
+  ISAUTOLOCK = 0x200, /* isread() locks the record it reads, until the open's next call */
+  ISMANULOCK = 0x400, /* records are locked when asked for, until isrelease() or isunlock() */
+  ISEXCLLOCK = 0x800  /* no other process has the file open; writes may be delayed until isclose() */
+};
+
+/* Mode of isread() and, where marked *, isstart(). */
+enum {
+  RD_FIRST = 0, /* * first record in the order of the current key */
+  RD_LAST = 1,  /* * last record */
+  RD_NEXT = 2,  /* record after the current one */
+  RD_PREV = 3,  /* record before the current one */
+  RD_CURR = 4,  /* the current record again */
+  RD_EQUAL = 5, /* * first record whose key equals the given record's */
+  RD_GREAT = 6, /* * first record whose key is greater */
+  RD_GTEQ = 7,  /* * first record whose key is greater or equal */
+
+  /* Added to a mode of isread(). */
+  RD_LOCK = 0x100,    /* lock the record; ISELOCKED when another process has it */
+  RD_SKIPLOCK = 0x200, /* on ISELOCKED move to that record all the same, so that RD_NEXT passes it;
+                         combined with RD_LOCK */
+  RD_WAIT = 0x400     /* wait until no other process has the record locked; with RD_LOCK lock it */
+};
+
+/* ------------------------------------------------------------------------- opening and closing -- */
+
+/* Opens the pair `name` (base name below 123 bytes). `mode`: an access, a lock mode, ISVARLEN for a
+ * file of variable-length records. The open stands before the first record of the primary key.
+ * Returns the number of the open, 0 to 255; -1 with ENOENT ("9035"), EACCES ("9037"), ISEARGUMENT
+ * (mode; "9039" when ISVARLEN and the file differ), ISETOOMANY, ISENAME, ISEINUSE (locked out by
+ * another process's open), ISECOLLATION, ISELOCALE, ISECORRUPT, ISEFORMAT. Sets isreclen to the
+ * greatest record length. */
+int isopen(const char* name, int mode);
+
+/* Closes an open and releases its locks. -1 with ISENOTOPEN ("9042"), or the error of a write that
+ * had to be done now. */
+int isclose(int isfd);
 
 /* Closes every file that the process has open through the library. Returns 0. */
 int iscleanup(void);
+
+/* Writes what the process still holds of this file's changes to the operating system. (Opens other
+ * than exclusive ones have nothing left to write after a call.) */
+int isflush(int isfd);
+
+/* Makes a pair for records of `reclen` bytes, 1 to 32511, and opens it with `mode`. `key` is the
+ * primary key, index 1; nparts 0 makes a file without one, in the order of record numbers. With
+ * ISVARLEN `reclen` is the maximum and isreclen, set before the call, the minimum, at least 1 and
+ * below the maximum; key parts lie within the minimum. The files get permissions 0664 as the umask
+ * allows. Returns the number of the open, as isopen(), without a current record; -1 with EEXIST
+ * (iserrio 0x21 or 0x22), ISERECLEN, ISEKEY, ISEARGUMENT, ISENAME, ISELOCALE and whatever isopen()
+ * may fail with. A failed call leaves no file behind. */
+int isbuild(const char* name, int reclen, struct keydescr* key, int mode);
+
+/* Removes the pair `name`, and its audit trail. Nobody may have it open: -1 with ISEINUSE. */
+int iserase(const char* name);
+
+/* Gives a pair that nobody has open another name: -1 with ISEINUSE, EEXIST, ISENAME. A failure
+ * between its two files leaves them under different names. */
+int isrename(const char* oldname, const char* newname);
+
+/* Kept for programs that remove lock files by name: checks the name (ISENAME) and does nothing. */
+int isremlock(const char* name);
+
+/* Makes every later isopen() and isbuild() exclusive while `n` is not 0. Returns 0. */
+int issetsu(int n);
+
+/* Lets up to `n` pairs that are no longer in use stay open, 0 to 255, so that opening them again is
+ * fast. Returns 0. */
+int isvclose(int n);
+
+/* Batch mode, `n` 1: an open holds its file for up to six calls before other processes' turn comes,
+ * `n` 0 ends it. Any `n` gives the file held up now. Returns 0. */
+int isbatch(int n);
+
+/* -------------------------------------------------------------------------------------- indexes -- */
+
+/* Adds an index to an exclusively open file and fills it from the records. `key` gets keylen and
+ * rootnode. -1 with ISENOTEXCLUSIVE, ISEKEY, ISEKEYEXISTS, ISEDUPLICATE (two records have a key
+ * that may occur once), ISELOCALE; then the file is as it was. */
+int isaddindex(int isfd, struct keydescr* key);
+
+/* Drops the index that `key` defines (its parts count, not its flags) from an exclusively open
+ * file. -1 with ISENOTEXCLUSIVE, ISEPRIMARY, ISEKEY (no such index, or the current one), ISEINUSE
+ * (this process has another open of the file). */
+int isdelindex(int isfd, struct keydescr* key);
+
+/* Rewrites an exclusively open file so that its records stand in the order of `key`, without gaps.
+ * Returns the number of a new open in place of `isfd`, which is closed; -1 with ISENOTEXCLUSIVE,
+ * ISEKEY, ISEINUSE, ISEMEMORY, or the first failure of reading and writing; then the file is as it
+ * was. Needs room for a second copy beside the file. */
+int iscluster(int isfd, struct keydescr* key);
+
+/* ------------------------------------------------------------------------------- reading records -- */
+
+/* Makes `key` the current index of the open and positions there without reading. `mode` RD_FIRST
+ * and RD_LAST need no record; RD_EQUAL, RD_GREAT and RD_GTEQ compare the first `len` bytes of the
+ * key in `record`, 0 for the whole key. `key` is one of the file's indexes, or has nparts 0 for the
+ * order of record numbers, in which isrecnum says which record is meant. key->flags gets the stored
+ * flags. RD_NEXT then reads the record found. -1 with ISEARGUMENT (mode, `len` negative or beyond
+ * the key), ISEKEY, ISENORECORD (`key` is current all the same, without a position), ISEEND. */
+int isstart(int isfd, struct keydescr* key, int len, char* record, int mode);
+
+/* Reads a record into `record`, which has room for the greatest record length. `mode`: RD_...; the
+ * key of RD_EQUAL, RD_GREAT and RD_GTEQ is taken from `record` (or isrecnum). On success the record
+ * is current, isrecnum its number, isreclen its length. -1 with ISEARGUMENT, ISEEND, ISENORECORD,
+ * ISENOCURRENT, ISELOCKED; the position stays as it was, except with RD_SKIPLOCK. */
+int isread(int isfd, char* record, int mode);
+
+/* ------------------------------------------------------------------------------ changing records -- */
+
+/* A record length out of range fails with ISEARGUMENT ("9044"). A failed call changes nothing. */
+
+/* Adds a record; isrecnum is its number. The position stays. -1 with ISEDUPLICATE. */
+int iswrite(int isfd, char* record);
+
+/* The same, and makes the record current. */
+int iswrcurr(int isfd, char* record);
+
+/* Replaces the record that has the same primary key: the first of them when it may repeat. -1 with
+ * ISENORECORD, ISENOPRIMARY, ISEDUPLICATE (by another index), ISELOCKED. */
+int isrewrite(int isfd, char* record);
+
+/* Replaces the current record, also its keys. -1 with ISENOCURRENT, ISEDUPLICATE, ISELOCKED. */
+int isrewcurr(int isfd, char* record);
+
+/* Replaces record number `recnum`. -1 with ISENORECORD, ISEDUPLICATE, ISELOCKED. */
+int isrewrec(int isfd, int32_t recnum, char* record);
+
+/* Deletes the record with the primary key in `record`; the current record; record number `recnum`.
+ * -1 as the rewriting calls. RD_NEXT and RD_PREV go on from where the deleted record stood. */
+int isdelete(int isfd, char* record);
+int isdelcurr(int isfd);
+int isdelrec(int isfd, int32_t recnum);
+
+/* Length in bytes of the record about to be written: the record length, or isreclen with variable
+ * length, which must lie between minimum and maximum: else -1 with ISEARGUMENT ("9044"). Works on
+ * the file of the last call. */
+int isxgetlen(void);
+
+/* -------------------------------------------------------------------------------------- locking -- */
+
+/* Locks the whole file against other processes' locks (ISMANULOCK opens only). -1 with ISELOCKED at
+ * once when another process holds a lock in the file, ISENOTMANUAL. Nothing to do for an exclusive
+ * open. */
+int islock(int isfd);
+
+/* Releases the file lock and all record locks of the file (ISMANULOCK opens only). */
+int isunlock(int isfd);
+
+/* Releases the record locks, in any lock mode. */
+int isrelease(int isfd);
+
+/* Whether another process has the whole file locked: 1 or 0, -1 when `isfd` cannot be entered. `how`
+ * 0 tests; any other value waits until it could be locked. */
+int isfilelocked(int isfd, int how);
+
+/* ------------------------------------------------------------------- what the dictionary tells -- */
+
+/* Fills `info`. */
+int isdictinfo(int isfd, struct dictinfo* info);
+
+/* Fills `key` with the description of index `n`, from 1, and sets isreclen to the record length
+ * (the minimum with variable length). -1 with ISEARGUMENT when there is no index n. */
+int iskeyinfo(int isfd, struct keydescr* key, int n);
+
+/* Both in one: `n` 0 fills a struct dictinfo, `n` from 1 a struct keydescr. -1 with ISEARGUMENT for
+ * a negative `n`. */
+int isindexinfo(int isfd, void* buffer, int n);
+
+/* Whether `key` is one of the file's indexes: 0, or -1 with ISEKEY. Fills in flags, keylen, root. */
+int iststindex(int isfd, struct keydescr* key);
+
+/* Unique ids, a counter of the file's from 1: isuniqueid() hands out the next one, iscurruniq()
+ * shows it without taking it, issetunique() raises the counter to `id` and never lowers it. */
+int isuniqueid(int isfd, int32_t* id);
+int iscurruniq(int isfd, int32_t* id);
+int issetunique(int isfd, int32_t id);
+
+/* The alteration counter, for the application's own use: read it, add one to it. */
+int isaltchk(int isfd, int32_t* count);
+int isaltinc(int isfd);
+
+/* Whether a file was built with a locale: 1 or 0, -1 when it cannot be opened. */
+int isnlsversion(const char* name);
+/* The name of that locale, zero-terminated and valid until the next call; null when the file has
+ * none or cannot be opened. */
+const char* islanginfo(const char* name);
+
+/* Registers a table of 256 weights for the collated type KT_COLL1 to KT_COLL7; it stays the
+ * caller's. -1 for any other type, without iserrno. Trees do not use it. */
+int iscollate(int type, const unsigned char* table);
+
+/* ------------------------------------------------------------------- numbers in key fields, texts -- */
+
+/* Load and store the stored forms of numbers at any address: KT_INT as 2 bytes, KT_LONG as 4, both
+ * most significant byte first; KT_DOUBLE and KT_FLOAT in the machine's form. */
+int16_t ldint(const char* at);
+void stint(int value, char* at);
+int32_t ldlong(const char* at);
+void stlong(int32_t value, char* at);
+double lddbl(const char* at);
+void stdbl(char* at, double value);
+float ldfloat(const char* at);
+void stfloat(char* at, float value);
+/* With null, which is all bytes 0xFF and loads as 0 with *isnull 1. */
+double lddblnull(const char* at, int* isnull);
+void stdblnull(char* at, int isnull, double value);
+float ldfltnull(const char* at, int* isnull);
+void stfltnull(char* at, int isnull, float value);
+/* A text in a field of `length` bytes, padded with blanks; a null text is all blanks. Loading cuts
+ * the blanks off and adds a zero byte, so that `text` needs length + 1 bytes. */
+void ldchar(const char* field, int length, char* text);
+void stchar(const char* text, char* field, int length);
+
+/* The text of a code as iserrno holds it, the system's or the library's; never null. */
+const char* iserrtext(int32_t code);
+
+/* The library's version: a name, a blank and a number such as "1.2.3". */
+const char* isversion(void);
 
 #ifdef __cplusplus
 }

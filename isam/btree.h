@@ -22,46 +22,12 @@
 //   }
 #pragma once
 
-#include <array>
 #include <cstdint>
 
 #include "isam.h"
 #include "isam/items.h"
 
 namespace isam {
-
-// Flags of a position, of meaning to the record calls.
-enum PositionFlag : std::uint16_t {
-  kHasCurrent = 4,       // there is a current item
-  kCurrentRead = 8,      // its record has been read
-  kSameKeyNearby = 16,   // a neighbour item has the same key
-  kCurrentDeleted = 32,  // its record was deleted
-};
-
-// Where a position stands beside the items.
-enum Ends : std::uint16_t {
-  kOnItem = 0,
-  kBeforeFirst = 1,
-  kAfterLast = 2,
-  kEmptyTree = kBeforeFirst | kAfterLast,
-};
-
-struct PathLevel {
-  std::int32_t node = 0;
-  int offset = 0;  // of the current item in the node's item area
-  int next = 0;    // of the item behind it
-  int length = 0;  // of the item area
-};
-
-struct Position {
-  std::uint16_t state = 0;  // PositionFlag
-  Item item;                // the current item; of a key without parts only recptr counts
-  std::array<PathLevel, kMaxTreeLevels> path;
-  int depth = -1;                // level of the leaf in the path; -1: no valid path is held
-  std::uint16_t ends = kOnItem;  // Ends
-
-  [[nodiscard]] PathLevel& level(int of) { return path[static_cast<std::size_t>(of)]; }
-};
 
 // The position that the current call works with, and the item that was read last on its path.
 // treeitem is written by the functions below only, and is no argument of theirs.
@@ -96,7 +62,7 @@ int btdups(const keydescr& k, Direction direction);
 
 // Finds the current item again. 0 also when it is gone: then the position is on the item that
 // follows its place, and the flags kCurrentRead and kCurrentDeleted are cleared. -1 without a
-// current item, or when `again` asks for that very record and it was deleted.
+// current item, or when `again` asks for that very item and it is gone or its record was deleted.
 int btcurrent(const keydescr& k, bool again);
 
 // Inserts an item (key, recptr; dupnm is raised as needed). 0, or -1 with iserrno: 100 when an

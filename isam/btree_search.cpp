@@ -297,10 +297,9 @@ int btcurrent(const keydescr& k, bool again) {
   const int found =
       bt.depth >= 0 ? read_item(ItemLayout{k}) : btsearch(bt.item, k, 0, Search::kRead);
   if (found != 0) return -1;
-  if (bt.ends != kOnItem || !is_current(treeitem, k)) {
-    clear_state(kCurrentRead | kCurrentDeleted);
-  }
-  return 0;
+  if (bt.ends == kOnItem && is_current(treeitem, k)) return 0;
+  clear_state(kCurrentRead | kCurrentDeleted);
+  return again ? -1 : 0;
 }
 
 }  // namespace isam

@@ -1,10 +1,12 @@
 #include "isam/buffers.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "common/fatal.h"
 #include "common/io.h"
@@ -31,7 +33,9 @@ class Pool {
   Buffer* bfgetclr(std::int32_t block);
   void bfrelease(Buffer* buffer);
   int bfwrite(Buffer* buffer);
+  void modified(Buffer* buffer);
   int bfprocess(FileRecord& file, bool write);
+  int bfcommit(FileRecord& file);
   void bfignor(FileRecord& file);
 
  private:
@@ -44,12 +48,14 @@ class Pool {
   };
 
   static Place bfmapaddr(const Buffer& buffer);
-  Buffer*& bucket_of(std::int32_t block, const FileRecord& file);
-  Buffer* find(std::int32_t block, const FileRecord& file);
-  void hash_in(Buffer* buffer);
+  [[nodiscard]] std::uint32_t bucket_of(std::int32_t block, const FileRecord& file) const;
+  Buffer* find(std::int32_t block, const FileRecord& file, std::uint32_t bucket) const;
+  void hash_in(Buffer* buffer, std::uint32_t bucket);
   void hash_out(Buffer* buffer);
-  void available_out(Buffer* buffer);
-  void reuse(Buffer* buffer, std::int32_t block);
+  static void available_out(Buffer* buffer);
+  static void modified_out(Buffer* buffer);
+  void reuse(Buffer* buffer, std::int32_t block, std::uint32_t bucket);
+  const std::vector<Buffer*>& modified_pages(const FileRecord& file);
   bool load(Buffer& buffer);
   common::ReadAhead& window_of(FileKind kind) {
     return kind == FileKind::kData ? data_window_ : index_window_;
@@ -63,9 +69,11 @@ class Pool {
   Buffer avbuffs_{};  // head of the available list: next is the least recently released
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
+  std::vector<Buffer*> to_write_;
 };
 
 std::unique_ptr<Pool> the_pool;
+std::uint64_t last_generation = 0;
 
 Pool& pool() {
   if (!the_pool) the_pool = std::make_unique<Pool>();
@@ -84,6 +92,7 @@ Pool::Pool() {
   pages_.reset(new (std::nothrow) Byte[count * kPageStride]);
   if (!hbufs_ || !buffs_ || !pages_) common::error("cannot allocate buffers");
   avbuffs_.available_next = avbuffs_.available_previous = &avbuffs_;
+  to_write_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     buffs_[i].page = pages_.get() + i * kPageStride;
     buffs_[i].flags = kBusy;
@@ -102,21 +111,20 @@ Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
           static_cast<std::size_t>(node_bytes), FileKind::kIndex};
 }
 
-Buffer*& Pool::bucket_of(std::int32_t block, const FileRecord& file) {
-  const std::uint32_t sum =
-      static_cast<std::uint32_t>(block) + static_cast<std::uint32_t>(file.inode);
-  return hbufs_[sum % nhbufs_];
+std::uint32_t Pool::bucket_of(std::int32_t block, const FileRecord& file) const {
+  return (static_cast<std::uint32_t>(block) + static_cast<std::uint32_t>(file.inode)) % nhbufs_;
 }
 
-Buffer* Pool::find(std::int32_t block, const FileRecord& file) {
-  for (Buffer* at = bucket_of(block, file); at != nullptr; at = at->hash_next) {
+Buffer* Pool::find(std::int32_t block, const FileRecord& file, std::uint32_t bucket) const {
+  for (Buffer* at = hbufs_[bucket]; at != nullptr; at = at->hash_next) {
     if (at->block == block && at->file == &file) return at;
   }
   return nullptr;
 }
 
-void Pool::hash_in(Buffer* buffer) {
-  Buffer*& head = bucket_of(buffer->block, *buffer->file);
+void Pool::hash_in(Buffer* buffer, std::uint32_t bucket) {
+  Buffer*& head = hbufs_[bucket];
+  buffer->bucket = bucket;
   buffer->hash_previous = nullptr;
   buffer->hash_next = head;
   if (head != nullptr) head->hash_previous = buffer;
@@ -128,7 +136,7 @@ void Pool::hash_out(Buffer* buffer) {
   if (buffer->hash_previous != nullptr) {
     buffer->hash_previous->hash_next = buffer->hash_next;
   } else {
-    bucket_of(buffer->block, *buffer->file) = buffer->hash_next;
+    hbufs_[buffer->bucket] = buffer->hash_next;
   }
   if (buffer->hash_next != nullptr) buffer->hash_next->hash_previous = buffer->hash_previous;
 }
@@ -138,8 +146,32 @@ void Pool::available_out(Buffer* buffer) {
   buffer->available_next->available_previous = buffer->available_previous;
 }
 
+void Pool::modified(Buffer* buffer) {
+  buffer->file->flags |= kPageChanged;
+  if ((buffer->flags & kModified) != 0) return;
+  buffer->flags |= kValid | kModified;
+  Buffer*& head = buffer->file->modified;
+  buffer->modified_previous = nullptr;
+  buffer->modified_next = head;
+  if (head != nullptr) head->modified_previous = buffer;
+  head = buffer;
+}
+
+void Pool::modified_out(Buffer* buffer) {
+  if ((buffer->flags & kModified) == 0) return;
+  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kModified);
+  if (buffer->modified_previous != nullptr) {
+    buffer->modified_previous->modified_next = buffer->modified_next;
+  } else {
+    buffer->file->modified = buffer->modified_next;
+  }
+  if (buffer->modified_next != nullptr) {
+    buffer->modified_next->modified_previous = buffer->modified_previous;
+  }
+}
+
 // Gives the least recently released buffer to another page of the current file.
-void Pool::reuse(Buffer* buffer, std::int32_t block) {
+void Pool::reuse(Buffer* buffer, std::int32_t block, std::uint32_t bucket) {
   if ((buffer->flags & kModified) != 0) {
     // The failure belongs to the page that goes, not to the call that needs its buffer: it is
     // kept in the file record and reported at the end.
@@ -153,17 +185,22 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
   buffer->block = block;
   buffer->file = filep;
   buffer->flags = 0;
-  hash_in(buffer);
+  hash_in(buffer, bucket);
 }
 
 Buffer* Pool::bfgetblk(std::int32_t block) {
-  Buffer* buffer = find(block, *filep);
+  const std::uint32_t bucket = bucket_of(block, *filep);
+  Buffer* buffer = find(block, *filep, bucket);
   if (buffer == nullptr) {
     buffer = avbuffs_.available_next;
     if (buffer == &avbuffs_) common::error("no more buffers");
-    reuse(buffer, block);
+    reuse(buffer, block, bucket);
   }
   if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
+  if (buffer->generation != filep->generation) {
+    if ((buffer->flags & kModified) == 0) buffer->flags = 0;
+    buffer->generation = filep->generation;
+  }
   buffer->flags |= kBusy;
   available_out(buffer);
   return buffer;
@@ -202,20 +239,17 @@ Buffer* Pool::bfgetclr(std::int32_t block) {
   std::memset(buffer->page, 0, kPageStride);
   buffer->used = 0;
   buffer->node_type = buffer->level = 0;
-  buffer->flags |= kValid | kModified;
+  modified(buffer);
   return buffer;
 }
 
 void Pool::bfrelease(Buffer* buffer) {
   if ((buffer->flags & kBusy) == 0) common::error("buffer not busy");
   buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kBusy);
-  if ((buffer->flags & kModified) != 0) {
-    if (buffer->block >= 0) {
-      common::stword(buffer->used, buffer->page);
-      buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
-      buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
-    }
-    buffer->file->flags |= kPageChanged;
+  if ((buffer->flags & kModified) != 0 && buffer->block >= 0) {
+    common::stword(buffer->used, buffer->page);
+    buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
+    buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
   }
   buffer->available_previous = avbuffs_.available_previous;
   buffer->available_next = &avbuffs_;
@@ -224,13 +258,12 @@ void Pool::bfrelease(Buffer* buffer) {
 }
 
 int Pool::bfwrite(Buffer* buffer) {
-  buffer->flags |= kValid | kModified;
   if ((buffer->flags & kBusy) != 0) bfrelease(buffer);
   const Place place = bfmapaddr(*buffer);
   window_of(place.kind).overwritten(place.fd, place.offset, place.length);
   const int result = common::write_at(place.fd, {buffer->page, place.length}, place.offset);
   // A page whose write failed is not tried again.
-  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kModified);
+  modified_out(buffer);
   if (result == 0) return 0;
   failed_system(errno, Operation::kWrite, place.kind);
   FailedWrite& kept = buffer->file->failed_write;
@@ -238,27 +271,50 @@ int Pool::bfwrite(Buffer* buffer) {
   return -1;
 }
 
-int Pool::bfprocess(FileRecord& file, bool write) {
-  int count = 0;
-  for (int i = 0; i < nbuffs_; ++i) {
-    Buffer& buffer = buffs_[static_cast<std::size_t>(i)];
-    if (buffer.file != &file || (buffer.flags & (kBusy | kModified)) != kModified) continue;
-    ++count;
-    if (write) bfwrite(&buffer);
+// A file's modified idle pages, the highest block first: data blocks before nodes, and in each
+// file what may lengthen it before what lies within.
+const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
+  to_write_.clear();
+  for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+    if ((at->flags & kBusy) == 0) to_write_.push_back(at);
   }
-  return count;
+  if (to_write_.size() > 1) {
+    std::ranges::sort(to_write_, std::ranges::greater{}, [](const Buffer* buffer) {
+      return static_cast<std::uint32_t>(buffer->block);
+    });
+  }
+  return to_write_;
+}
+
+int Pool::bfprocess(FileRecord& file, bool write) {
+  const std::vector<Buffer*>& pages = modified_pages(file);
+  if (write) {
+    for (Buffer* page : pages) bfwrite(page);
+  }
+  return static_cast<int>(pages.size());
+}
+
+int Pool::bfcommit(FileRecord& file) {
+  if (file.modified == nullptr) return 0;
+  int result = 0;
+  for (Buffer* page : modified_pages(file)) {
+    if (result == 0) {
+      result = bfwrite(page);
+    } else {
+      modified_out(page);
+    }
+  }
+  if (result != 0) bfignor(file);
+  return result;
 }
 
 void Pool::bfignor(FileRecord& file) {
   index_window_.forget(file.idxfd);
   data_window_.forget(file.datfd);
-  for (int i = 0; i < nbuffs_; ++i) {
-    Buffer& buffer = buffs_[static_cast<std::size_t>(i)];
-    if (buffer.file != &file || (buffer.flags & kBusy) != 0) continue;
-    if ((buffer.flags & kModified) != 0) common::error("ignoring modified buffer");
-    hash_out(&buffer);
-    buffer.file = nullptr;
+  for (const Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+    if ((at->flags & kBusy) == 0) common::error("ignoring modified buffer");
   }
+  file.generation = bfgeneration();
 }
 
 }  // namespace
@@ -268,13 +324,16 @@ Bytes PageHold::bytes() const {
   return {buffer_->page, static_cast<std::size_t>(length)};
 }
 
-void PageHold::modified() const { buffer_->flags |= kValid | kModified; }
+void PageHold::modified() const { the_pool->modified(buffer_); }
 
 void PageHold::release() {
   if (buffer_ != nullptr) the_pool->bfrelease(std::exchange(buffer_, nullptr));
 }
 
-int PageHold::write() { return the_pool->bfwrite(std::exchange(buffer_, nullptr)); }
+int PageHold::write() {
+  modified();
+  return the_pool->bfwrite(std::exchange(buffer_, nullptr));
+}
 
 PageHold bfread(std::int32_t node) {
   if (node < 1) {
@@ -300,10 +359,14 @@ int bfprocess(FileRecord& file, bool write) {
 
 int bfflush(FileRecord& file) { return bfprocess(file, true); }
 
+int bfcommit(FileRecord& file) { return the_pool ? the_pool->bfcommit(file) : 0; }
+
 int bfpend(FileRecord& file) { return bfprocess(file, false); }
 
 void bfignor(FileRecord& file) {
   if (the_pool) the_pool->bfignor(file);
 }
+
+std::uint64_t bfgeneration() { return ++last_generation; }
 
 }  // namespace isam

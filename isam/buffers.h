@@ -14,6 +14,8 @@
 //         B3 the frame fields of a modified node (used count, kind, level) are put back into the
 //            page when it is released
 //         B4 the least recently released buffer is the first to be reused
+//         B5 forgetting a file costs the same however many pages of it are cached: its generation
+//            changes, and pages of an older one count as not read
 // Gives   PageHold: a busy page that gives itself back when it leaves scope
 // Never   locks; the call frame makes it forget a file that another process changed
 //
@@ -44,6 +46,10 @@ struct Buffer {
   Buffer* hash_previous;
   Buffer* available_next;
   Buffer* available_previous;
+  Buffer* modified_next;  // among the file's modified pages
+  Buffer* modified_previous;
+  std::uint64_t generation;  // the file's when the page was read
+  std::uint32_t bucket;      // where it hangs in the hash table
 };
 
 // A busy page. Released when it leaves scope.
@@ -102,9 +108,15 @@ int bfprocess(FileRecord& file, bool write);
 // Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
 // file record (failed_write) and is not tried again.
 int bfflush(FileRecord& file);
+// Writes them so that what lengthens a file goes first. The first failure ends it: what is left is
+// discarded, all pages are forgotten and -1 returned with iserrno; so a full disk leaves the pair
+// as it was. Else 0.
+int bfcommit(FileRecord& file);
 // How many of a file's idle pages are modified.
 int bfpend(FileRecord& file);
 // Forgets every idle page of a file. A modified one is fatal: its change would be lost.
 void bfignor(FileRecord& file);
+// A generation that no file has had yet, for a record that takes up another file.
+[[nodiscard]] std::uint64_t bfgeneration();
 
 }  // namespace isam

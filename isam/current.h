@@ -9,11 +9,16 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "isam.h"
 #include "isam/format.h"
+#include "isam/position.h"
+#include "isam/recordset.h"
 
 namespace isam {
+
+struct Buffer;
 
 inline constexpr int nopens = 256;  // open records of a process
 inline constexpr int nfiles = 256;  // file records of a process
@@ -22,6 +27,8 @@ inline constexpr int nfiles = 256;  // file records of a process
 enum FileFlag : std::uint16_t {
   kPageChanged = 1,        // a page was changed during this call
   kDictionaryChanged = 2,  // the dictionary copy differs from the file's
+  kRecordsLocked = 8,      // this process holds locks in the record range
+  kNotShared = 16,         // no new open may use the record
 };
 
 // A write that failed after its caller had gone on; 0 for none.
@@ -33,18 +40,27 @@ struct FailedWrite {
 // One physical pair, shared by all its opens in the process.
 struct FileRecord {
   std::uint16_t flags = 0;
-  std::int16_t usecount = -1;   // opens using it; -1: the record is free
+  std::int16_t usecount = -1;   // opens using it; 0: idle, still open; -1: the record is free
   std::int16_t exclusives = 0;  // exclusive opens of this process that hold the open lock
+  std::int16_t filelocks = 0;   // opens of this process that hold the whole-file lock
+  RecordSet held;               // records that this process has locked
+  RecordSet releasable;         // ... of which isrelease may let go during a transaction
   dev_t device = 0;             // identity of the index file
   ino_t inode = 0;
   std::uint32_t stamp = 0;  // change stamp last seen in this process
-  int datfd = -1;
+  int datfd = -1;           // -1 while vclose has it closed
   int idxfd = -1;
-  int reclen = 0;     // record length; the fixed part's with variable length
-  int maxreclen = 0;  // greatest record length; reclen for fixed length
-  int idxsize = 0;    // node size minus one
+  int datmode = 0;              // access that the data file was opened with, as O_RDWR
+  int reclen = 0;               // record length; the fixed part's with variable length
+  int maxreclen = 0;            // greatest record length; reclen for fixed length
+  int idxsize = 0;              // node size minus one
   bool varlen = false;
+  std::uint64_t lastuse = 0;    // value of the use counter at the last call
+  std::uint64_t generation = 0; // of its pages in the pool: pages of another one are stale
+  Buffer* modified = nullptr;   // its modified pages in the pool
   Dictionary dictionary{};
+  std::vector<keydescr> keys;         // its key descriptions, as of
+  std::uint64_t keys_generation = 0;  // ... this generation
   FailedWrite failed_write;  // the first since it was last reported
   std::string name;          // base name, without suffix
 };
@@ -52,7 +68,9 @@ struct FileRecord {
 // Flags of an open record.
 enum OpenFlag : std::uint16_t {
   kOpenInUse = 1,
+  kHoldsFileLock = 0x20,
   kHoldsSemaphore = 64,
+  kHoldsRecordLocks = 0x100,
 };
 
 // One open of a pair.
@@ -61,6 +79,8 @@ struct OpenRecord {
   int mode = 0;             // access and option bits, plus the lock mode in the high byte
   std::uint32_t stamp = 0;  // change stamp last seen by this open
   FileRecord* file = nullptr;
+  keydescr key{};     // the current index
+  Position position;  // the position in it, between calls
 };
 
 extern OpenRecord* openp;

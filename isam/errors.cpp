@@ -1,6 +1,7 @@
 #include "isam/errors.h"
 
 #include <array>
+#include <cstring>
 
 extern "C" {
 std::int32_t iserrno = 0;
@@ -9,6 +10,9 @@ char isstat1 = '0';
 char isstat2 = '0';
 char isstat3 = '0';
 char isstat4 = '0';
+std::int32_t isrecnum = 0;
+std::int32_t isreclen = 0;
+std::int32_t isdupsiz = 4;
 }
 
 namespace isam {
@@ -119,3 +123,9 @@ int failed_unless_set(Code code) {
 }
 
 }  // namespace isam
+
+extern "C" const char* iserrtext(std::int32_t code) {
+  const std::string_view text = isam::is_errlist(code);
+  if (!text.empty()) return text.data();
+  return code > 0 && code < 100 ? std::strerror(code) : "unknown error code";
+}

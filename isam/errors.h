@@ -17,14 +17,22 @@ enum Code : std::int32_t {
   kBadKey = 103,
   kTooManyFiles = 104,
   kCorrupted = 105,
+  kNotExclusive = 106,
   kLocked = 107,
   kIndexExists = 108,
+  kPrimaryIndex = 109,
   kEndOfFile = 110,
   kNoRecord = 111,
   kNoCurrent = 112,
   kFileInUse = 113,
+  kBadName = 114,
   kNoMemory = 116,
   kBadCollation = 117,
+  kNoPrimaryKey = 127,
+  kBadRecordLength = 132,
+  kAuditTrailExists = 133,
+  kNoMoreLocks = 134,
+  kNotManualLock = 153,
   kLocaleInvalid = 159,
   kFormatChange = 171,
   kTreeTooDeep = 26062,
@@ -56,5 +64,29 @@ int failed_system(int system_error, Operation operation, FileKind file);
 int failed_unless_set(Code code);
 
 inline void clear_errors() { iserrno = iserrio = 0; }
+
+// The four status characters.
+inline void set_status(const char (&four)[5]) {
+  isstat1 = four[0];
+  isstat2 = four[1];
+  isstat3 = four[2];
+  isstat4 = four[3];
+}
+
+// Keeps iserrno and iserrio over steps that undo something.
+class KeepError {
+ public:
+  KeepError() = default;
+  KeepError(const KeepError&) = delete;
+  KeepError& operator=(const KeepError&) = delete;
+  ~KeepError() {
+    iserrno = error_;
+    iserrio = place_;
+  }
+
+ private:
+  std::int32_t error_ = iserrno;
+  std::int32_t place_ = iserrio;
+};
 
 }  // namespace isam

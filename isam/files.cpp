@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <new>
 #include <vector>
@@ -14,31 +15,39 @@
 #include "common/io.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
-#include "isam/locks.h"
 
 namespace isam {
 
 OpenRecord* openp = nullptr;
 FileRecord* filep = nullptr;
 Dictionary* dictp = nullptr;
+int ismaxfds = 0;
+int isopenfds = 0;
 
 namespace {
+
+constexpr std::size_t kMaxBaseName = 122;
+constexpr mode_t kPermissions = 0664;
 
 // Records are made on first use and kept for the life of the process.
 std::array<std::unique_ptr<OpenRecord>, nopens> opens;
 std::array<std::unique_ptr<FileRecord>, nfiles> files;
 std::vector<Byte> record_buffer;
 
+bool is_open(const std::unique_ptr<FileRecord>& file) { return file && file->usecount >= 0; }
+
 FileRecord* find_file(dev_t device, ino_t inode) {
   for (const auto& file : files) {
-    if (file && file->usecount > 0 && file->device == device && file->inode == inode) {
+    if (is_open(file) && (file->flags & kNotShared) == 0 && file->device == device &&
+        file->inode == inode) {
       return file.get();
     }
   }
   return nullptr;
 }
 
-FileRecord* free_file_record() {
+// Null with iserrno 0 when all are in use, with 116 without memory.
+FileRecord* unused_file_record() {
   for (auto& file : files) {
     if (!file) file.reset(new (std::nothrow) FileRecord);
     if (!file) {
@@ -47,63 +56,127 @@ FileRecord* free_file_record() {
     }
     if (file->usecount < 0) return file.get();
   }
-  failed(kTooManyFiles);
   return nullptr;
+}
+
+FileRecord* free_file_record() {
+  FileRecord* file = unused_file_record();
+  if (file == nullptr && iserrno == 0) {
+    vclose();
+    file = unused_file_record();
+    if (file == nullptr) failed_unless_set(kTooManyFiles);
+  }
+  return file;
+}
+
+void close_data(FileRecord& file) {
+  if (file.datfd >= 0) common::close_file(file.datfd);
+  file.datfd = -1;
+}
+
+void close_file_record(FileRecord& file) {
+  bfignor(file);
+  close_data(file);
+  common::close_file(file.idxfd);
+  file = FileRecord{};
+  --isopenfds;
 }
 
 void freefile(FileRecord& file) {
   if (--file.usecount > 0) return;
-  bfignor(file);
-  common::close_file(file.idxfd);
-  common::close_file(file.datfd);
-  file = FileRecord{};
+  const bool stays = isopenfds < ismaxfds && (file.flags & kNotShared) == 0;
+  if (!stays) close_file_record(file);
+}
+
+// A record of this name that stands for another file than the one on disk (none: identity null).
+void retire_replaced(std::string_view name, const struct stat* identity) {
+  for (const auto& file : files) {
+    if (!is_open(file) || file->name != name) continue;
+    if (identity != nullptr && file->device == identity->st_dev &&
+        file->inode == identity->st_ino) {
+      continue;
+    }
+    if (file->usecount == 0) {
+      close_file_record(*file);
+    } else {
+      file->flags |= kNotShared;
+    }
+  }
+}
+
+// Short of descriptors, closes what can be closed and tries once more.
+common::FileHold open_with_retry(const std::string& path, int flags, mode_t permissions = 0) {
+  common::FileHold fd{common::open_file(path.c_str(), flags, permissions)};
+  if (!fd && errno == EMFILE) {
+    vclose();
+    fd = common::FileHold{common::open_file(path.c_str(), flags, permissions)};
+  }
+  return fd;
 }
 
 common::FileHold open_of_pair(const std::string& path, int flags, FileKind kind) {
-  common::FileHold fd{common::open_file(path.c_str(), flags)};
+  common::FileHold fd = open_with_retry(path, flags);
   if (!fd) failed_system(errno, Operation::kOpen, kind);
   return fd;
 }
 
-common::FileHold open_data_file(std::string_view name, int mode) {
+common::FileHold open_data_file(std::string_view name, int mode, int& access) {
   const std::string path = mkdatname(name);
-  common::FileHold fd = open_of_pair(path, O_RDWR, FileKind::kData);
+  access = O_RDWR;
+  common::FileHold fd = open_of_pair(path, access, FileKind::kData);
   if (!fd && iserrno == EACCES && mode == 0) {
     clear_errors();
-    fd = open_of_pair(path, O_RDONLY, FileKind::kData);
+    access = O_RDONLY;
+    fd = open_of_pair(path, access, FileKind::kData);
   }
   return fd;
 }
 
-void set_status_characters() {
-  const auto set = [](const char* four) {
-    isstat1 = four[0];
-    isstat2 = four[1];
-    isstat3 = four[2];
-    isstat4 = four[3];
-  };
-  switch (iserrno) {
-    case 0:
-      return set("0000");
-    case kDuplicate:
-      return set("2222");
-    case kEndOfFile:
-      return set("1010");
-    case kNoRecord:
-      return set("2323");
-    case kNoCurrent:
-      return set("2143");
-    default:
-      return set("9090");
+FileRecord* share(FileRecord& file, int mode) {
+  if (file.datmode == O_RDONLY && mode != 0) {
+    failed_system(EACCES, Operation::kOpen, FileKind::kData);
+    return nullptr;
   }
+  ++file.usecount;
+  return &file;
 }
 
 bool other_lock_method_accepted() { return std::getenv("RESETLOCK") != nullptr; }
+
+struct Victims {
+  int open = 0;  // records in use or idle
+  FileRecord* idle = nullptr;
+  FileRecord* busy = nullptr;
+};
+
+void choose(FileRecord*& best, FileRecord& file) {
+  if (best == nullptr || file.lastuse < best->lastuse) best = &file;
+}
+
+Victims look_for_victims() {
+  Victims found;
+  for (const auto& file : files) {
+    if (!is_open(file)) continue;
+    ++found.open;
+    if (file->usecount == 0) {
+      choose(found.idle, *file);
+    } else if (file->datfd >= 0 && (file->flags & kNotShared) == 0) {
+      choose(found.busy, *file);
+    }
+  }
+  return found;
+}
 
 }  // namespace
 
 std::string mkidxname(std::string_view base) { return std::string(base) + ".idx"; }
 std::string mkdatname(std::string_view base) { return std::string(base) + ".dat"; }
+
+int ckfilname(const char* base) {
+  const std::string_view name = base == nullptr ? std::string_view{} : base;
+  const bool named = !name.empty() && name.back() != '/';
+  return named && name.size() <= kMaxBaseName ? 0 : failed(kBadName);
+}
 
 OpenRecord* allocopen() {
   for (auto& open : opens) {
@@ -122,6 +195,19 @@ OpenRecord* allocopen() {
   return nullptr;
 }
 
+OpenRecord* open_of(int isfd) {
+  if (isfd < 0 || isfd >= nopens) return nullptr;
+  OpenRecord* open = opens[static_cast<std::size_t>(isfd)].get();
+  return open != nullptr && (open->flags & kOpenInUse) != 0 ? open : nullptr;
+}
+
+int isfd_of(const OpenRecord& open) {
+  for (std::size_t i = 0; i < opens.size(); ++i) {
+    if (opens[i].get() == &open) return static_cast<int>(i);
+  }
+  return -1;
+}
+
 void freeopen(OpenRecord& open) {
   if (open.file != nullptr) freefile(*open.file);
   open = OpenRecord{};
@@ -131,18 +217,19 @@ FileRecord* allocfile(std::string_view name, int mode) {
   const std::string path = mkidxname(name);
   struct stat status {};
   if (common::system_calls().stat(path.c_str(), &status) != 0) {
-    failed_system(errno);
+    const int reason = errno;
+    retire_replaced(name, nullptr);
+    failed_system(reason);
     return nullptr;
   }
-  if (FileRecord* shared = find_file(status.st_dev, status.st_ino)) {
-    ++shared->usecount;
-    return shared;
-  }
+  retire_replaced(name, &status);
+  if (FileRecord* shared = find_file(status.st_dev, status.st_ino)) return share(*shared, mode);
   FileRecord* file = free_file_record();
   if (file == nullptr) return nullptr;
+  int access = 0;
   common::FileHold index = open_of_pair(path, O_RDWR, FileKind::kIndex);
   if (!index) return nullptr;
-  common::FileHold data = open_data_file(name, mode);
+  common::FileHold data = open_data_file(name, mode, access);
   if (!data) return nullptr;
   *file = FileRecord{};
   file->name = name;
@@ -150,8 +237,44 @@ FileRecord* allocfile(std::string_view name, int mode) {
   file->inode = status.st_ino;
   file->idxfd = index.release();
   file->datfd = data.release();
+  file->datmode = access;
+  file->generation = bfgeneration();
   file->usecount = 1;
+  ++isopenfds;
   return file;
+}
+
+int reopen_data(FileRecord& file) {
+  common::FileHold fd = open_of_pair(mkdatname(file.name), file.datmode, FileKind::kData);
+  if (!fd) return -1;
+  file.datfd = fd.release();
+  return 0;
+}
+
+int makefile(const std::string& path, FileKind kind) {
+  const common::FileHold fd =
+      open_with_retry(path, O_RDWR | O_CREAT | O_EXCL, kPermissions);
+  return fd ? 0 : failed_system(errno, Operation::kCreate, kind);
+}
+
+void vclose() {
+  Victims found = look_for_victims();
+  while ((found.idle != nullptr || found.busy != nullptr) && found.open >= ismaxfds) {
+    if (found.idle != nullptr) {
+      close_file_record(*found.idle);
+    } else {
+      bfflush(*found.busy);
+      close_data(*found.busy);
+    }
+    found = look_for_victims();
+  }
+  isopenfds = found.open;
+}
+
+void close_idle_files() {
+  for (const auto& file : files) {
+    if (is_open(file) && file->usecount == 0) close_file_record(*file);
+  }
 }
 
 void make_current(OpenRecord& open) {
@@ -183,20 +306,6 @@ int dictwrite() {
   return 0;
 }
 
-int isexit() {
-  if ((filep->flags & kPageChanged) != 0) {
-    filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
-    openp->stamp = ++filep->stamp;
-    dictp->set_d_modcount(filep->stamp);
-    dictmodify();
-    if ((openp->mode & ISEXCLLOCK) == 0) bfflush(*filep);
-  }
-  if ((filep->flags & kDictionaryChanged) != 0) dictwrite();
-  set_status_characters();
-  if ((openp->flags & kHoldsSemaphore) != 0) lksemaphore(Semaphore::kRelease);
-  return iserrno == 0 ? 0 : -1;
-}
-
 int mktemprec(int size) {
   const auto needed = (static_cast<std::size_t>(size) / 256 + 1) * 256;
   if (record_buffer.size() >= needed) return 0;
@@ -211,12 +320,3 @@ int mktemprec(int size) {
 std::span<Byte> temprecord() { return record_buffer; }
 
 }  // namespace isam
-
-extern "C" int iscleanup(void) {
-  for (const auto& open : isam::opens) {
-    if (!open || (open->flags & isam::kOpenInUse) == 0) continue;
-    if (open->file != nullptr) isam::bfflush(*open->file);
-    isam::freeopen(*open);
-  }
-  return 0;
-}

@@ -1,8 +1,11 @@
-// files: the open and file tables, the names of a pair, dictionary I/O and the end of a call.
+// files: the open and file tables, the names of a pair, dictionary I/O.
+//
+//   file record:  free (usecount -1) -> in use (1..) -> idle, still open (0) -> free
 //
 // Keeps   F1 a pair is opened once per process and shared by its opens: closing any descriptor of
 //            a file would drop all locks of the process on it
 //         F2 every descriptor is close-on-exec
+//         F3 a record whose file was replaced on disk serves its opens on, but no new one
 // Gives   the current context for whoever works on a pair
 #pragma once
 
@@ -12,20 +15,43 @@
 #include <string_view>
 
 #include "isam/current.h"
+#include "isam/errors.h"
 
 namespace isam {
 
+// How many pairs may stay open without a user (0: none), and how many pairs are open.
+extern int ismaxfds;
+extern int isopenfds;
+
 [[nodiscard]] std::string mkidxname(std::string_view base);
 [[nodiscard]] std::string mkdatname(std::string_view base);
+// 0 when `base` can name a pair (at most 122 bytes, something behind the last "/"), else -1 with
+// 114. A null pointer names none.
+int ckfilname(const char* base);
 
-// A fresh open record, or null with 104 (all in use).
+// A fresh open record, or null with 104 (all in use) or 116.
 [[nodiscard]] OpenRecord* allocopen();
+// The open record of a handle, null when it is not in use.
+[[nodiscard]] OpenRecord* open_of(int isfd);
+// The handle of an open record.
+[[nodiscard]] int isfd_of(const OpenRecord& open);
 // Gives an open record and its part in the file record back.
 void freeopen(OpenRecord& open);
 
 // The file record of the pair `name`, opened unless the process already has it. `mode` 0 accepts
 // a data file that can only be read. Null with iserrno (and iserrio) when a file cannot be opened.
 [[nodiscard]] FileRecord* allocfile(std::string_view name, int mode);
+// Opens the data file of a record again after vclose: 0, or -1 with iserrno.
+int reopen_data(FileRecord& file);
+
+// Creates a file that must not exist: 0, or -1 with iserrno and iserrio 0x21 or 0x22.
+int makefile(const std::string& path, FileKind kind);
+
+// Closes descriptors when the process runs short of them: pairs without a user first, then data
+// files, to be opened again on their next call.
+void vclose();
+// Closes every pair that has no user.
+void close_idle_files();
 
 // Makes an open and its file current.
 void make_current(OpenRecord& open);
@@ -35,11 +61,6 @@ void make_current(OpenRecord& open);
 int dictread();
 // Writes the dictionary copy and clears its changed flag: 0, or -1 with iserrno.
 int dictwrite();
-
-// Ends a call on the current open: raises the change stamp when a page changed, writes what must
-// be seen by other processes, sets the status characters and releases the semaphore. 0, or -1
-// when iserrno is set.
-int isexit();
 
 // Makes sure that the shared record buffer holds more than `size` bytes: 0, or -1 with ENOMEM.
 int mktemprec(int size);

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "common/bytes.h"
 
@@ -39,6 +40,8 @@ struct Dictionary {
   }
   [[nodiscard]] int d_idxsize() const { return common::ldword(raw + 6); }
   [[nodiscard]] int d_nkeys() const { return common::ldshort(raw + 8); }
+  // Compression flags that an index may have, shifted right by one.
+  [[nodiscard]] int d_compression() const { return raw[10]; }
   [[nodiscard]] int d_dupsize() const { return raw[11]; }
   [[nodiscard]] int d_recsize() const { return common::ldshort(raw + 13); }
   [[nodiscard]] std::int32_t d_keysnode() const { return common::ldlong(raw + 15); }
@@ -50,15 +53,35 @@ struct Dictionary {
   [[nodiscard]] std::uint32_t d_modcount() const {
     return static_cast<std::uint32_t>(common::ldlong(raw + 41));
   }
+  [[nodiscard]] std::int32_t d_uniqid() const { return common::ldlong(raw + 45); }
   // The node of the audit-trail record without the flag in the top bit; 0 for none.
   [[nodiscard]] std::int32_t d_auditnode() const { return common::ldlong(raw + 49) & 0x7FFFFFFF; }
   [[nodiscard]] int d_lockmethod() const { return common::ldword(raw + 53); }
+  [[nodiscard]] std::int32_t d_altcount() const { return common::ldlong(raw + 55); }
   [[nodiscard]] int d_maxrecsize() const { return common::ldshort(raw + 59); }
   // Head of the variable-length free-space list of a class from 0 to 4.
   [[nodiscard]] std::int32_t d_varfree(int rpage_class) const {
     return common::ldlong(&raw[61 + 4 * rpage_class]);
   }
   [[nodiscard]] const char* d_collname() const { return reinterpret_cast<const char*>(raw + 81); }
+
+  // What every dictionary starts with, and all else zero.
+  void reset() {
+    std::memset(raw, 0, sizeof raw);
+    common::stword(kDictionaryMagic, raw);
+    raw[2] = raw[3] = 2;
+    raw[4] = raw[5] = 4;
+    raw[10] = 7;
+  }
+  void set_d_dupsize(int width) { raw[11] = static_cast<Byte>(width); }
+  void set_d_recsize(int bytes) { common::stword(static_cast<std::uint32_t>(bytes), raw + 13); }
+  void set_d_maxrecsize(int bytes) { common::stword(static_cast<std::uint32_t>(bytes), raw + 59); }
+  void set_d_collate(bool value) { raw[19] = value ? 1 : 0; }
+  void set_d_collname(std::string_view name) {
+    std::memset(raw + 81, 0, kCollationNameSize);
+    std::memcpy(raw + 81, name.data(),
+                name.size() < kCollationNameSize ? name.size() : kCollationNameSize);
+  }
 
   void set_d_idxsize(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 6); }
   void set_d_nkeys(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 8); }
@@ -70,8 +93,10 @@ struct Dictionary {
   void set_d_modcount(std::uint32_t stamp) {
     common::stlong(static_cast<std::int32_t>(stamp), raw + 41);
   }
+  void set_d_uniqid(std::int32_t id) { common::stlong(id, raw + 45); }
   void clear_d_auditnode() { common::stlong(0, raw + 49); }
   void set_d_lockmethod(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 53); }
+  void set_d_altcount(std::int32_t count) { common::stlong(count, raw + 55); }
   void set_d_varfree(int rpage_class, std::int32_t node) {
     common::stlong(node, &raw[61 + 4 * rpage_class]);
   }

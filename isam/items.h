@@ -18,24 +18,9 @@
 #include "isam.h"
 #include "isam/current.h"
 #include "isam/keys.h"
+#include "isam/position.h"
 
 namespace isam {
-
-enum ItemFlag : int {
-  kRepeatsPrevious = 1,  // this item repeats the previous item's key and stores no key bytes
-  kNextRepeats = 2,      // the next item repeats this item's key
-};
-
-struct Item {
-  int flag = 0;
-  int totln = 0;            // stored length, all fields
-  int keyln = 0;            // key bytes stored
-  std::int32_t dupnm = 0;   // duplicate number
-  std::int32_t recptr = 0;  // record number (leaf) or child node
-  int leadc = 0;            // leading key bytes taken from the previous item
-  int tailc = 0;            // trailing blanks left out
-  Byte key[MAXKEYLEN] = {};
-};
 
 // Which fields the items of an index have.
 struct ItemLayout {

@@ -124,6 +124,20 @@ int kycompare(const keydescr& a, const keydescr& b) {
   return a.nparts == b.nparts && std::equal(a.part, a.part + a.nparts, b.part, same) ? 0 : -1;
 }
 
+int kyckstart(const keydescr& k, int len) {
+  for (int i = 0; i < k.nparts && len > 0; ++i) {
+    if (k.part[i].length > len && (k.part[i].type & kTypeMask) == KT_LOCALE) return -1;
+    len -= k.part[i].length;
+  }
+  return 0;
+}
+
+bool kynchar(const keydescr& k) {
+  return std::any_of(k.part, k.part + k.nparts, [](const keypart& part) {
+    return (part.type & kTypeMask) == KT_LOCALE;
+  });
+}
+
 KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {
   for (int i = 0; i < nparts_; ++i) {
     parts_[static_cast<std::size_t>(i)] = {k.part[i].length, k.part[i].type & kTypeMask,

@@ -32,6 +32,12 @@ void kypack(const keydescr& k, Byte* to);
 // Whether a type code (low 7 bits) belongs to a collation: 7, 16, 32, ... 112.
 [[nodiscard]] bool clchktype(int type);
 
+// -1 when a partial key of `len` bytes would end inside a locale part, else 0.
+[[nodiscard]] int kyckstart(const keydescr& k, int len);
+
+// Whether any part of a description is in the order of the client's locale.
+[[nodiscard]] bool kynchar(const keydescr& k);
+
 // Compares key values laid out as the concatenation of their parts.
 class KeyOrder {
  public:

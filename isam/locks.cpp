@@ -19,6 +19,8 @@ constexpr off_t kSemaphoreStart = 0;
 constexpr off_t kSemaphoreLength = 0x3FFFFFFF;
 constexpr off_t kOpenLockStart = 0x7FFFFFFF;
 constexpr off_t kOpenLockLength = 1;
+constexpr off_t kRecordsStart = 0x40000000;
+constexpr off_t kRecordsLength = 0x3FFFFFFE;
 
 struct DeadlockRetry {
   long count;
@@ -78,17 +80,100 @@ int release_open_lock() {
   return shared_remains ? 0 : request_open_lock(F_UNLCK);
 }
 
+int refused(int system_error) {
+  if (system_error == ENOLCK) return failed(kNoMoreLocks);
+  return failed_unless_set(kLocked);
+}
+
+int request_record(int command, int type, std::int32_t number) {
+  return request(command, type, kRecordsStart + number, 1) == 0 ? 0 : refused(errno);
+}
+
+int test_record(std::int32_t number) {
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = kRecordsStart + number;
+  lock.l_len = 1;
+  if (do_fcntl(filep->idxfd, F_GETLK, &lock) != 0) return refused(errno);
+  return lock.l_type == F_UNLCK ? 0 : failed(kLocked);
+}
+
+// Whether the process's hold on the file covers every record.
+bool records_are_covered() {
+  return filep->exclusives > 0 || filep->filelocks > 0 || (openp->mode & ISEXCLLOCK) != 0;
+}
+
+void clear_open_flag(int flags) {
+  openp->flags = static_cast<std::uint16_t>(openp->flags & ~flags);
+}
+
+// Whether the process has the record locked already; then the lock is put on the list asked for.
+bool is_held(std::int32_t number, LockList list) {
+  if (!filep->held.contains(number)) {
+    if (!filep->releasable.contains(number)) return false;
+    if (list == LockList::kHeld && filep->held.insert(number)) filep->releasable.erase(number);
+  }
+  openp->flags |= kHoldsRecordLocks;
+  return true;
+}
+
+int take_record(std::int32_t number, RecordLock how, LockList list) {
+  if (is_held(number, list)) return 0;
+  const int command = how == RecordLock::kWait ? F_SETLKW : F_SETLK;
+  if (request_record(command, F_WRLCK, number) != 0) return -1;
+  RecordSet& set = list == LockList::kHeld ? filep->held : filep->releasable;
+  if (!set.insert(number)) {
+    request_record(F_SETLK, F_UNLCK, number);
+    return failed(kNoMemory);
+  }
+  openp->flags |= kHoldsRecordLocks;
+  filep->flags |= kRecordsLocked;
+  return 0;
+}
+
+int release_record(std::int32_t number) {
+  if (!filep->releasable.erase(number) && !filep->held.erase(number)) return 0;
+  return request_record(F_SETLK, F_UNLCK, number);
+}
+
+int take_file_lock() {
+  const bool covered = filep->exclusives > 0 || filep->filelocks > 0;
+  if (!covered && request(F_SETLK, F_WRLCK, kRecordsStart, kRecordsLength) != 0) {
+    return refused(errno);
+  }
+  if ((openp->flags & kHoldsFileLock) == 0) ++filep->filelocks;
+  openp->flags |= kHoldsFileLock;
+  return 0;
+}
+
+int release_file_lock() {
+  const bool holds = (openp->flags & kHoldsFileLock) != 0;
+  if (!holds && (openp->flags & kHoldsRecordLocks) == 0) return 0;
+  if (filep->filelocks < 2 || !holds) {
+    if (request(F_SETLK, F_UNLCK, kRecordsStart, kRecordsLength) != 0) return refused(errno);
+    filep->held.clear();
+    filep->releasable.clear();
+    filep->flags = static_cast<std::uint16_t>(filep->flags & ~kRecordsLocked);
+  }
+  if (holds) --filep->filelocks;
+  clear_open_flag(kHoldsFileLock | kHoldsRecordLocks);
+  return 0;
+}
+
 }  // namespace
 
 int lksemaphore(Semaphore how) {
   const int type = how == Semaphore::kRelease     ? F_UNLCK
                    : how == Semaphore::kExclusive ? F_WRLCK
                                                   : F_RDLCK;
-  if (request(F_SETLKW, type, kSemaphoreStart, kSemaphoreLength) != 0) {
-    return failed_system(errno, Operation::kLock, FileKind::kIndex);
-  }
+  int result;
+  do {
+    result = request(F_SETLKW, type, kSemaphoreStart, kSemaphoreLength);
+  } while (result != 0 && errno == EINTR);
+  if (result != 0) return failed_system(errno, Operation::kLock, FileKind::kIndex);
   if (how == Semaphore::kRelease) {
-    openp->flags = static_cast<std::uint16_t>(openp->flags & ~kHoldsSemaphore);
+    clear_open_flag(kHoldsSemaphore);
   } else {
     openp->flags |= kHoldsSemaphore;
   }
@@ -103,6 +188,35 @@ int lkopenlock(int mode) {
     return 0;
   }
   return filep->usecount > 1 ? 0 : request_open_lock(F_RDLCK);
+}
+
+int lkrecord(std::int32_t number, RecordLock how, LockList list) {
+  if (records_are_covered()) return 0;
+  switch (how) {
+    case RecordLock::kRelease:
+      return release_record(number);
+    case RecordLock::kTest:
+      return test_record(number);
+    default:
+      return take_record(number, how, list);
+  }
+}
+
+int lkfile(bool take) {
+  if ((openp->mode & ISEXCLLOCK) != 0) return 0;
+  return take ? take_file_lock() : release_file_lock();
+}
+
+void lkrelease() {
+  if (filep->held.empty()) {
+    if (!filep->releasable.empty()) lkfile(false);
+    return;
+  }
+  while (!filep->releasable.empty()) {
+    const std::int32_t number = filep->releasable.numbers().back();
+    filep->releasable.erase(number);
+    request_record(F_SETLK, F_UNLCK, number);
+  }
 }
 
 }  // namespace isam

@@ -23,4 +23,21 @@ int lksemaphore(Semaphore how);
 // it. 0, or -1 with 113 when another process's open is in the way.
 int lkopenlock(int mode);
 
+enum class RecordLock { kRelease, kWait, kTry, kTest };
+enum class LockList { kHeld, kReleasable };
+
+// Locks, tests or releases record `number`. Nothing to do where the process's hold on the whole
+// file covers it. 0, or -1 with 107 (locked by another process) or 134.
+int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHeld);
+
+// Takes the whole-file lock, or releases it together with all record locks of the file: 0, or -1
+// with 107 or 134.
+int lkfile(bool take);
+
+// Releases the locks on the releasable list.
+void lkrelease();
+
+// Last record number of the lock range, whose byte the whole-file lock covers.
+inline constexpr std::int32_t kLastLockedRecord = 0x3FFFFFFD;
+
 }  // namespace isam

@@ -1,0 +1,194 @@
+#include "isam/frame.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "isam/btree.h"
+#include "isam/buffers.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/locks.h"
+#include "locale/collation.h"
+
+namespace isam {
+
+int batchflag = 0;
+
+namespace {
+
+constexpr int kBatchCalls = 7;
+std::uint64_t use_counter = 0;
+
+int refuse(OpenRecord* open) {
+  if (open != nullptr) isstat2 = '4';
+  return failed(kNotOpen);
+}
+
+// In batch mode another open may still have its file held up.
+void end_other_batch(const OpenRecord& open) {
+  if (batchflag == 0 || openp == nullptr || openp == &open) return;
+  if ((openp->flags & kHoldsSemaphore) != 0) {
+    lksemaphore(Semaphore::kRelease);
+    batchflag = 1;
+  }
+}
+
+int take_file(int entry) {
+  if (filep->exclusives > 0 || (openp->flags & kHoldsSemaphore) != 0) return 0;
+  const bool shared = (entry & kShared) != 0 && batchflag == 0;
+  if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  return dictread();
+}
+
+void notice_changes() {
+  const std::uint32_t stamp = dictp->d_modcount();
+  if (stamp != openp->stamp) {
+    openp->stamp = stamp;
+    bt.depth = -1;
+  }
+  if (stamp != filep->stamp) {
+    filep->stamp = stamp;
+    bfignor(*filep);
+  }
+}
+
+int open_data() {
+  if (filep->datfd < 0 && reopen_data(*filep) != 0) {
+    if (iserrno == ENOENT) {
+      isstat3 = '3';
+      isstat4 = '5';
+    }
+    return -1;
+  }
+  if (filep->lastuse != use_counter) filep->lastuse = ++use_counter;
+  return 0;
+}
+
+int release_automatic_lock(int entry) {
+  if ((openp->mode & ISAUTOLOCK) == 0 || (entry & kKeepAutoLock) != 0) return 0;
+  return lkfile(false);
+}
+
+int enter(OpenRecord* open, int entry) {
+  if (open == nullptr) return refuse(nullptr);
+  end_other_batch(*open);
+  make_current(*open);
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+  const int access = open->mode + 1;
+  const int needed = entry & (kToRead | kToWrite);
+  if ((access & needed) != needed) return refuse(open);
+  if (take_file(entry) != 0) return -1;
+  bt = openp->position;
+  bt.state = static_cast<std::uint16_t>(bt.state & ~kSameKeyNearby);
+  if ((entry & kAnyLocale) == 0 && check_locale() != 0) return -1;
+  notice_changes();
+  return open_data() != 0 ? -1 : release_automatic_lock(entry);
+}
+
+// The changes of this call could not be written. Nothing that was read before is trusted.
+void forget_call() {
+  const KeepError keep;
+  bt.depth = -1;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  if (dictread() == 0) filep->stamp = openp->stamp = dictp->d_modcount();
+}
+
+void write_changes() {
+  const bool exclusive = (openp->mode & ISEXCLLOCK) != 0;
+  if ((filep->flags & kPageChanged) != 0) {
+    filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+    openp->stamp = ++filep->stamp;
+    dictp->set_d_modcount(filep->stamp);
+    dictmodify();
+    if (!exclusive) bfcommit(*filep);
+  }
+  const FailedWrite lost = std::exchange(filep->failed_write, {});
+  if (lost.error != 0 && !exclusive) {
+    forget_call();
+  } else if ((filep->flags & kDictionaryChanged) != 0) {
+    dictwrite();
+  }
+  if (lost.error != 0) {
+    iserrno = lost.error;
+    iserrio = lost.place;
+  }
+}
+
+// The last two characters stay as a call has set them.
+void set_unless_set(char third, char fourth) {
+  if (isstat3 != '0') return;
+  isstat3 = third;
+  isstat4 = fourth;
+}
+
+void set_status_characters() {
+  const auto set_first = [](char first, char second) {
+    isstat1 = first;
+    isstat2 = second;
+  };
+  switch (iserrno) {
+    case 0:
+      return (bt.state & kSameKeyNearby) != 0 ? set_status("0202") : set_status("0000");
+    case kDuplicate:
+      return set_status("2222");
+    case kEndOfFile:
+      set_first('1', '0');
+      return set_unless_set('1', '0');
+    case kNoRecord:
+      return set_status("2323");
+    case kNoCurrent:
+      set_first('2', '1');
+      return set_unless_set('4', '3');
+    default:
+      set_first('9', '0');
+      return set_unless_set('9', '0');
+  }
+}
+
+}  // namespace
+
+int isenter(int isfd, int entry) {
+  clear_errors();
+  set_status("0000");
+  if (enter(open_of(isfd), entry) == 0) return 0;
+  if (openp != nullptr && openp == open_of(isfd)) release_semaphore();
+  isstat1 = '9';
+  if (isstat3 == '0') isstat3 = '9';
+  return -1;
+}
+
+int isexit() {
+  openp->position = bt;
+  write_changes();
+  openp->position.depth = bt.depth;
+  set_status_characters();
+  if (batchflag == 0 || ++batchflag >= kBatchCalls) {
+    release_semaphore();
+    if (batchflag != 0) batchflag = 1;
+  }
+  return iserrno == 0 ? 0 : -1;
+}
+
+void release_semaphore() {
+  if ((openp->flags & kHoldsSemaphore) == 0) return;
+  const KeepError keep;
+  lksemaphore(Semaphore::kRelease);
+}
+
+int check_locale() {
+  if (!dictp->d_collate()) return 0;
+  if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
+  const std::string_view client = locale::file_system_name();
+  const std::string_view stored{dictp->d_collname(),
+                                ::strnlen(dictp->d_collname(), kCollationNameSize)};
+  return !client.empty() && stored.starts_with(client) ? 0 : failed(kBadCollation);
+}
+
+int failed_outside() {
+  isstat1 = '9';
+  if (isstat2 == '0' && isstat3 == '0') isstat3 = '9';
+  return -1;
+}
+
+}  // namespace isam

@@ -1,0 +1,53 @@
+// frame: what every public call on an open runs inside.
+//
+//   if (isenter(isfd, kToRead) != 0) return -1;
+//   ... work on the current file ...
+//   return isexit();
+//
+// Keeps   C1 between isenter and isexit no other process changes the file: the semaphore is held,
+//            or the file is open exclusively
+//         C2 pages that another process may have changed since are not used: the dictionary's
+//            change stamp tells
+//         C3 what a call changed is written before the semaphore goes (exclusive opens: when
+//            their buffers are needed, by isflush or isclose)
+//         C4 a call whose changes cannot be written fails, and forgets what it had cached
+#pragma once
+
+#include "isam/current.h"
+
+namespace isam {
+
+// What a call needs of its open, and how it enters.
+enum Entry : int {
+  kToLook = 0,    // neither access
+  kToRead = 1,    // the open's mode includes reading
+  kToWrite = 2,   // ... writing
+  kShared = 64,   // other processes' shared entries do not wait
+  kAnyLocale = 0x80,
+  kKeepAutoLock = 0x800,
+};
+
+// Consecutive calls of one open for which batch mode keeps the semaphore; 0: off, else counts.
+extern int batchflag;
+
+// Makes an open current and takes its file for one call. 0, or -1 with 101 (not open; status "4" in
+// isstat2 when it is open for another access) or whatever reading the dictionary fails with.
+int isenter(int isfd, int entry);
+
+// Ends a call on the current open: raises the change stamp when a page changed, writes what must
+// be seen by other processes, sets the status characters and releases the semaphore. 0, or -1
+// when iserrno is set.
+int isexit();
+
+// The current open's semaphore goes even in batch mode.
+void release_semaphore();
+
+// Whether the client's locale is the one that the current file was built with: 0, or -1 with 117
+// or 159. A file without a locale suits every client.
+int check_locale();
+
+// Sets the status characters of a call that failed before it entered, or outside any open: those
+// that are set already stay.
+int failed_outside();
+
+}  // namespace isam
