@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "common/fatal.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
 #include "isam/varlen.h"
@@ -21,16 +22,37 @@ class Transfer {
   int read(Bytes to) {
     while (!to.empty()) {
       if (hold() != 0) return -1;
-      const auto within = static_cast<std::size_t>(offset_ % kPageSize);
-      const std::size_t chunk = std::min(to.size(), kPageSize - within);
-      std::memcpy(to.data(), page_.data() + within, chunk);
-      offset_ += static_cast<std::int64_t>(chunk);
+      const std::size_t chunk = pass(to.size());
+      std::memcpy(to.data(), here_, chunk);
       to = to.subspan(chunk);
     }
     return 0;
   }
 
+  // Copies bytes in and moves on: 0, or -1.
+  int write(ConstBytes from) {
+    while (!from.empty()) {
+      if (hold() != 0) return -1;
+      const std::size_t chunk = pass(from.size());
+      if (std::memcmp(here_, from.data(), chunk) != 0) {
+        std::memcpy(here_, from.data(), chunk);
+        page_.modified();
+      }
+      from = from.subspan(chunk);
+    }
+    return 0;
+  }
+
  private:
+  // Moves over up to `wanted` bytes of the block: how many, from here_ on.
+  std::size_t pass(std::size_t wanted) {
+    const auto within = static_cast<std::size_t>(offset_ % kPageSize);
+    const std::size_t chunk = std::min(wanted, kPageSize - within);
+    here_ = page_.data() + within;
+    offset_ += static_cast<std::int64_t>(chunk);
+    return chunk;
+  }
+
   int hold() {
     const std::int64_t block = offset_ / kPageSize;
     if (block == held_) return 0;
@@ -46,34 +68,107 @@ class Transfer {
   std::int64_t offset_;
   std::int64_t held_ = -1;
   PageHold page_;
+  Byte* here_ = nullptr;
 };
 
 std::int64_t slot_offset(std::int32_t k) { return std::int64_t{k - 1} * slot_size(); }
 
 int trailer_size() { return filep->varlen ? kVariableTrailer : kFixedTrailer; }
 
-int read_variable_part(const Byte* trailer, Bytes to) {
-  const int length = common::ldshort(trailer + kTrailerLength);
-  const std::int32_t reference = common::ldlong(trailer + kTrailerReference);
-  if (length < 0 || length > filep->maxreclen - filep->reclen || (length != 0 && reference == 0)) {
-    return failed(kCorrupted);
+// What stands behind a record in its slot; of a fixed-length file only the state.
+struct Trailer {
+  Byte bytes[kVariableTrailer] = {};
+
+  [[nodiscard]] bool is_present() const { return bytes[0] == kRecordPresent; }
+  [[nodiscard]] int length() const { return common::ldshort(bytes + kTrailerLength); }
+  [[nodiscard]] std::int32_t reference() const { return common::ldlong(bytes + kTrailerReference); }
+  void set(Byte state, int length, std::int32_t reference) {
+    bytes[0] = state;
+    common::stword(static_cast<std::uint32_t>(length), bytes + kTrailerLength);
+    common::stlong(reference, bytes + kTrailerReference);
   }
+  [[nodiscard]] Bytes stored() { return {bytes, static_cast<std::size_t>(trailer_size())}; }
+};
+
+// 0, or -1 with 105 for a trailer that cannot be.
+int check(const Trailer& trailer) {
+  const int length = trailer.length();
+  const bool sound = length >= 0 && length <= filep->maxreclen - filep->reclen &&
+                     (length == 0 || trailer.reference() != 0);
+  return sound ? 0 : failed(kCorrupted);
+}
+
+int read_trailer(std::int32_t k, Trailer& trailer) {
+  Transfer from{slot_offset(k) + filep->reclen};
+  return from.read(trailer.stored()) != 0 ? -1 : check(trailer);
+}
+
+int write_trailer(std::int32_t k, Trailer& trailer) {
+  Transfer to{slot_offset(k) + filep->reclen};
+  return to.write(trailer.stored());
+}
+
+int read_variable_part(const Trailer& trailer, Bytes to) {
+  const int length = trailer.length();
+  if (check(trailer) != 0) return -1;
   if (length == 0) return 0;
-  const int got = rprread(reference, to.first(static_cast<std::size_t>(length)));
+  const int got = rprread(trailer.reference(), to.first(static_cast<std::size_t>(length)));
   return got == length ? length : failed_unless_set(kCorrupted);
+}
+
+// The variable part goes first; then the slot, whose trailer refers to it.
+int put_record(std::int32_t k, ConstBytes record, Trailer& trailer, bool release) {
+  const auto fixed = static_cast<std::size_t>(filep->reclen);
+  if (record.size() < fixed || record.size() > static_cast<std::size_t>(filep->maxreclen)) {
+    common::error("dataxfer: arg tlen out of range");
+  }
+  if (filep->varlen) {
+    const ConstBytes variable = record.subspan(fixed);
+    const std::int32_t reference = rprupdate(trailer.reference(), variable, release);
+    if (reference == -1) return failed_unless_set(kCorrupted);
+    trailer.set(kRecordPresent, static_cast<int>(variable.size()), reference);
+  } else {
+    trailer.bytes[0] = kRecordPresent;
+  }
+  Transfer to{slot_offset(k)};
+  return to.write(record.first(fixed)) != 0 ? -1 : to.write(trailer.stored());
+}
+
+int write_zeros(Transfer& to, std::size_t count) {
+  static constexpr Byte kZeros[kPageSize] = {};
+  while (count > 0) {
+    const std::size_t chunk = std::min(count, sizeof kZeros);
+    if (to.write({kZeros, chunk}) != 0) return -1;
+    count -= chunk;
+  }
+  return 0;
+}
+
+int remove_record(std::int32_t k, bool keep_storage) {
+  Trailer trailer;
+  if (read_trailer(k, trailer) != 0) return -1;
+  std::int32_t reference = trailer.reference();
+  if (reference != 0) {
+    if ((keep_storage ? rprclear(reference) : rprfree(reference)) != 0) return -1;
+    if (!keep_storage) reference = 0;
+  }
+  trailer.set(kRecordAbsent, 0, reference);
+  Transfer to{slot_offset(k)};
+  if (write_zeros(to, static_cast<std::size_t>(filep->reclen)) != 0) return -1;
+  return to.write(trailer.stored());
 }
 
 }  // namespace
 
 int dataread(std::int32_t k, Bytes to) {
-  Byte trailer[kVariableTrailer] = {};
+  Trailer trailer;
   {
     Transfer from{slot_offset(k)};
     if (from.read(to.first(static_cast<std::size_t>(filep->reclen))) != 0) return -1;
-    if (from.read({trailer, kFixedTrailer}) != 0) return -1;
-    if (trailer[0] != kRecordPresent) return -1;
+    if (from.read({trailer.bytes, kFixedTrailer}) != 0) return -1;
+    if (!trailer.is_present()) return -1;
     if (!filep->varlen) return filep->reclen;
-    if (from.read({trailer + 1, kVariableTrailer - 1}) != 0) return -1;
+    if (from.read({trailer.bytes + 1, kVariableTrailer - 1}) != 0) return -1;
   }
   const int variable =
       read_variable_part(trailer, to.subspan(static_cast<std::size_t>(filep->reclen)));
@@ -85,5 +180,38 @@ int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer) {
   const int size = trailer_size();
   return from.read(trailer.first(static_cast<std::size_t>(size))) == 0 ? size : -1;
 }
+
+int datacheck(std::int32_t k) {
+  Byte state = 0;
+  Transfer from{slot_offset(k) + filep->reclen};
+  if (from.read({&state, 1}) != 0) return -1;
+  return state == kRecordPresent ? 1 : 0;
+}
+
+int datacreate(std::int32_t k, ConstBytes record) {
+  Trailer trailer;
+  if (read_trailer(k, trailer) != 0) return -1;
+  if (trailer.reference() != 0) return failed(kCorrupted);
+  return put_record(k, record, trailer, true);
+}
+
+int datawrite(std::int32_t k, ConstBytes record, bool release) {
+  Trailer trailer;
+  if (read_trailer(k, trailer) != 0) return -1;
+  return put_record(k, record, trailer, release);
+}
+
+int datatrunc(std::int32_t k) {
+  Trailer trailer;
+  if (read_trailer(k, trailer) != 0) return -1;
+  if (trailer.reference() == 0) return 0;
+  if (rprtrunc(trailer.reference(), trailer.length()) != 0) return -1;
+  if (trailer.length() == 0) trailer.set(trailer.bytes[0], 0, 0);
+  return write_trailer(k, trailer);
+}
+
+int dataclear(std::int32_t k) { return remove_record(k, true); }
+
+int datadelete(std::int32_t k) { return remove_record(k, false); }
 
 }  // namespace isam

@@ -6,6 +6,9 @@
 //
 // Needs   the current file
 // Keeps   D1 what a slot's trailer says is checked before it is used: 105
+//         D2 the variable part is stored before the slot changes: a failure leaves the slot as it
+//            was
+//         D3 a block whose bytes stay the same is not written
 // Never   holds a block while it calls the variable-length storage
 #pragma once
 
@@ -21,5 +24,19 @@ namespace isam {
 
 // Copies record k's raw trailer: its length (7 with variable length, else 1), or -1.
 [[nodiscard]] int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer);
+
+// Whether record k is present: 1 or 0, -1 when its slot cannot be read.
+[[nodiscard]] int datacheck(std::int32_t k);
+
+// Writes a new record k, from reclen to maxreclen bytes: 0 or -1; 105 when the slot still refers to
+// a variable part.
+[[nodiscard]] int datacreate(std::int32_t k, ConstBytes record);
+// Rewrites record k: 0 or -1. Without `release` a variable part that becomes shorter keeps its
+// storage, until datatrunc().
+[[nodiscard]] int datawrite(std::int32_t k, ConstBytes record, bool release);
+[[nodiscard]] int datatrunc(std::int32_t k);
+// Marks record k absent, keeping (dataclear) or freeing (datadelete) its variable part: 0 or -1.
+[[nodiscard]] int dataclear(std::int32_t k);
+[[nodiscard]] int datadelete(std::int32_t k);
 
 }  // namespace isam

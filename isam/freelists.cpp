@@ -159,6 +159,25 @@ int freerec(std::int32_t number, FreeList list) {
   return 0;
 }
 
+std::int32_t free_records_listed() {
+  std::int32_t listed = 0;
+  std::int32_t mark = 0;  // left behind at growing distances, it meets every loop
+  std::int64_t nodes = 0;
+  std::int64_t next_mark = 1;
+  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
+    const PageHold page = list_node(FreeList::kRecords, node);
+    if (!page) return -1;
+    listed += (page.used() - kEntriesOffset) / kListEntrySize;
+    if (listed > dictp->d_nextdata() || node == mark) return failed(kCorrupted);
+    if (++nodes == next_mark) {
+      mark = node;
+      next_mark *= 2;
+    }
+    node = common::ldlong(page.data() + kLinkOffset);
+  }
+  return listed;
+}
+
 bool free_nodes_serve() {
   // A chain has fewer nodes than there are numbers.
   std::int32_t left = dictp->d_nextnode();

@@ -24,6 +24,9 @@ enum class FreeList { kNodes, kRecords };
 // Returns a number: 0, or -1 with iserrno.
 int freerec(std::int32_t number, FreeList list);
 
+// Numbers on the list of free records; -1 with 105 for a damaged list.
+[[nodiscard]] std::int32_t free_records_listed();
+
 // Whether the list of free nodes can be drawn from: every node of it is one, and the chain ends.
 [[nodiscard]] bool free_nodes_serve();
 

@@ -109,6 +109,7 @@ int fetch(keydescr& k, int n) {
 void count_indexes(int change) {
   dictp->set_d_nkeys(std::max(dictp->d_nkeys() + change, 0));
   dictmodify();
+  filep->keys_generation = 0;  // the array of descriptions is out of date
 }
 
 // Takes the description that the chain has found out of its node.

@@ -62,6 +62,7 @@ class Rpage {
     return std::min(slot_count(), geometry_.slots_that_fit());
   }
   [[nodiscard]] int page_class() const { return bytes_[rpage::kClass]; }
+  [[nodiscard]] int data_end() const { return common::ldshort(bytes_.data() + rpage::kDataEnd); }
   [[nodiscard]] Slot slot(int number) const;
   // Whether a slot's data can be read: of no length, or between the header and the page's end.
   [[nodiscard]] bool readable(const Slot& slot) const;
@@ -75,7 +76,30 @@ class Rpage {
   void set_previous(std::int32_t node) { common::stlong(node, bytes_.data() + rpage::kPrevious); }
   void set_page_class(int value) { bytes_[rpage::kClass] = static_cast<Byte>(value); }
 
+  // Changing slots (rpageslots). Each answers 0 (rpslalloc: the slot), or -1 with 105 and the page
+  // as it was.
+  void rpinit();  // lays out a zeroed page
+  [[nodiscard]] int rpslalloc(int size);
+  // A slot that grows loses its data, one that shrinks keeps the first bytes.
+  [[nodiscard]] int rpslchange(int slot, int length);
+  // Frees a slot, and the empty entries at the end of the table with it.
+  [[nodiscard]] int rpslfree(int slot);
+  // Fills a slot, the rest of it with zero bytes.
+  [[nodiscard]] int rpsload(int slot, ConstBytes source);
+  // Makes the page a big one that goes on at `pointer`; makes a big page a small one.
+  [[nodiscard]] int rpsetext(std::int32_t pointer);
+  [[nodiscard]] int rpmksmall();
+
  private:
+  [[nodiscard]] int table_start(int slots) const {
+    return geometry_.first_slot + rpage::kSlotSize - slots * rpage::kSlotSize;
+  }
+  [[nodiscard]] bool movable() const;
+  void set_word(int offset, int value) {
+    common::stword(static_cast<std::uint32_t>(value), bytes_.data() + offset);
+  }
+  void set_slot(int number, const Slot& slot);
+
   [[nodiscard]] std::int32_t field(int offset) const {
     return common::ldlong(bytes_.data() + offset);
   }
@@ -98,6 +122,21 @@ class Rpage {
 [[nodiscard]] int rprread(std::int32_t pointer, Bytes destination);
 // Pieces that the greatest variable part of the current file needs.
 [[nodiscard]] int greatest_chain();
+
+// Stores a new variable part: its first pointer, 0 for no bytes, -1 on failure.
+[[nodiscard]] std::int32_t rprwrite(ConstBytes source);
+// Replaces a variable part: its first pointer, which may be another one, or -1. Without `release`
+// a part that becomes shorter keeps its storage.
+[[nodiscard]] std::int32_t rprupdate(std::int32_t pointer, ConstBytes source, bool release);
+// Cuts a variable part to its first `length` bytes: 0 or -1.
+[[nodiscard]] int rprtrunc(std::int32_t pointer, int length);
+// Releases all storage of a variable part: 0 or -1.
+[[nodiscard]] int rprfree(std::int32_t pointer);
+// Fills a variable part with zero bytes and keeps its storage: 0 or -1.
+[[nodiscard]] int rprclear(std::int32_t pointer);
+
+// A page with room for a piece of `size` bytes, a fresh one when no list has any.
+[[nodiscard]] PageHold rpgetspc(int size);
 
 // Files a page, held, in the list that its room calls for, and writes it; a page that holds
 // nothing goes back to the free nodes. 0, or -1 (the page is written all the same).

@@ -1,0 +1,241 @@
+// build: isbuild, iserase, isrename and isremlock.
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "common/io.h"
+#include "isam/audittrail.h"
+#include "isam/btree.h"
+#include "isam/buffers.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/frame.h"
+#include "isam/keychain.h"
+#include "isam/keytable.h"
+#include "isam/locks.h"
+#include "isam/opening.h"
+#include "locale/collation.h"
+
+namespace isam {
+namespace {
+
+constexpr int kMaxRecordLength = 32511;
+constexpr std::int32_t kFirstKeyNode = 2;
+
+struct RecordLengths {
+  int minimum;
+  int maximum;
+  bool variable;
+};
+
+// 0, or -1 with 132.
+int check_lengths(int reclen, int mode, RecordLengths& lengths) {
+  const bool variable = (mode & ISVARLEN) != 0;
+  lengths = {variable ? isreclen : reclen, reclen, variable};
+  if (reclen < 1 || reclen > kMaxRecordLength) return failed(kBadRecordLength);
+  if (variable && (lengths.minimum < 1 || lengths.minimum >= reclen)) {
+    return failed(kBadRecordLength);
+  }
+  return 0;
+}
+
+int check_primary_key(keydescr& key, int minimum) {
+  if (key.nparts == 0) {
+    key.flags = 0;
+    key.keylen = 0;
+    return 0;
+  }
+  if (kylegal(key, minimum) != 0) return -1;
+  if (kynchar(key)) key.flags = static_cast<std::int16_t>(key.flags & ~KF_COMPRESS);
+  return 0;
+}
+
+int make_pair(const char* name) {
+  const std::string index = mkidxname(name);
+  if (makefile(index, FileKind::kIndex) != 0) return -1;
+  if (makefile(mkdatname(name), FileKind::kData) == 0) return 0;
+  common::system_calls().unlink(index.c_str());
+  return -1;
+}
+
+int fill_dictionary(const RecordLengths& lengths, const keydescr& key) {
+  dictp->reset();
+  dictp->set_d_idxsize(kPageSize - 1);
+  dictp->set_d_dupsize(isdupsiz == 2 ? 2 : 4);
+  dictp->set_d_recsize(lengths.minimum);
+  dictp->set_d_maxrecsize(lengths.variable ? lengths.maximum : 0);
+  dictp->set_d_keysnode(kFirstKeyNode);
+  dictp->set_d_nextnode(kFirstKeyNode);
+  dictp->set_d_uniqid(1);
+  dictp->set_d_lockmethod(kLockMethod);
+  dictmodify();
+  return kynchar(key) ? name_collation() : 0;
+}
+
+void make_first_key_node() {
+  PageHold page = bfgetclr(kFirstKeyNode);
+  page.set_frame(kEntriesOffset, kServiceNode, kKeyLevel);
+}
+
+int lay_out(const RecordLengths& lengths, keydescr& key) {
+  if (fill_dictionary(lengths, key) != 0) return -1;
+  adopt_dictionary();
+  make_first_key_node();
+  if (kyadd(key) != 0) return failed_unless_set(kBadKey);
+  openp->key = key;
+  return 0;
+}
+
+void remove_pair(const char* name) {
+  const KeepError keep;
+  common::system_calls().unlink(mkidxname(name).c_str());
+  common::system_calls().unlink(mkdatname(name).c_str());
+}
+
+// Takes the new pair for this open and fills it.
+int set_up(OpenRecord& open, int lock_mode, const RecordLengths& lengths, keydescr& key) {
+  make_current(open);
+  bt = Position{};
+  if (lksemaphore(Semaphore::kExclusive) != 0) return -1;
+  open.mode |= lock_mode;
+  if (lkopenlock(lock_mode) != 0) {
+    open.mode &= 0xFF;
+    return -1;
+  }
+  return lay_out(lengths, key) == 0 ? isexit() : -1;
+}
+
+int build(const char* name, int reclen, keydescr& key, int mode) {
+  RecordLengths lengths{};
+  if (check_lengths(reclen, mode, lengths) != 0 || mktemprec(reclen) != 0 ||
+      ckfilname(name) != 0 || check_primary_key(key, lengths.minimum) != 0) {
+    return -1;
+  }
+  const int lock_mode = issingleuser ? ISEXCLLOCK : lock_mode_of(mode);
+  if (lock_mode == 0) return failed(kBadArgument);
+  isbatch(2);
+  clear_errors();
+  OpenRecord* open = allocopen();
+  if (open == nullptr) return -1;
+  open->mode = mode & (ISVARLEN | ISANYPRIMARY | ISANYLENGTH | 3);
+  if (make_pair(name) != 0) return abandon_open(*open);
+  open->file = allocfile(name, ISINOUT);
+  if (open->file != nullptr) {
+    advise_random(*open->file);
+    if (set_up(*open, lock_mode, lengths, key) == 0) return isfd_of(*open);
+    const KeepError keep;
+    bfflush(*open->file);  // nothing of it may be left in the pool
+    open->file->flags |= kNotShared;
+  }
+  remove_pair(name);
+  return abandon_open(*open);
+}
+
+// Opens a pair for this process alone, whatever its record format: the open, or -1.
+int open_alone(const char* name) {
+  const int isfd = isopen(name, ISINOUT + ISEXCLLOCK);
+  return isfd < 0 && iserrno == kBadArgument ? isopen(name, ISINOUT + ISEXCLLOCK + ISVARLEN)
+                                             : isfd;
+}
+
+// Closes it so that its descriptors really go.
+int close_for_good(int isfd) {
+  const int kept = std::exchange(ismaxfds, 0);
+  open_of(isfd)->file->flags |= kNotShared;
+  const int result = isclose(isfd);
+  ismaxfds = kept;
+  return result;
+}
+
+void unlink_or_note(const std::string& path) {
+  if (common::system_calls().unlink(path.c_str()) != 0) failed_system(errno);
+}
+
+int end_without_open() {
+  if (iserrno == 0) {
+    set_status("0000");
+    return 0;
+  }
+  set_status("9090");
+  return -1;
+}
+
+bool exists(const std::string& path) {
+  struct stat status {};
+  return common::system_calls().stat(path.c_str(), &status) == 0;
+}
+
+// Gives a file another name: 0, or -1 with iserrno.
+int move_file(const std::string& from, const std::string& to) {
+  if (common::system_calls().link(from.c_str(), to.c_str()) != 0) return failed_system(errno);
+  return common::system_calls().unlink(from.c_str()) == 0 ? 0 : failed_system(errno);
+}
+
+int move_pair(const char* from, const char* to) {
+  // The second file in the way would leave the pair split between two names.
+  if (exists(mkidxname(to)) || exists(mkdatname(to))) return failed_system(EEXIST);
+  if (move_file(mkidxname(from), mkidxname(to)) != 0) return -1;
+  return move_file(mkdatname(from), mkdatname(to));
+}
+
+}  // namespace
+
+int name_collation() {
+  if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
+  dictp->set_d_collate(true);
+  dictp->set_d_collname(locale::file_system_name());
+  dictmodify();
+  return 0;
+}
+
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isbuild(const char* name, int reclen, struct keydescr* key, int mode) {
+  clear_errors();
+  set_status("0000");
+  const int isfd = key == nullptr ? failed(kBadArgument) : build(name, reclen, *key, mode);
+  if (isfd < 0) set_status("9090");
+  return isfd;
+}
+
+extern "C" int iserase(const char* name) {
+  const int isfd = open_alone(name);
+  if (isfd < 0) {
+    constexpr std::int32_t kOpenData = 0x12;
+    if (iserrno != ENOENT || iserrio != kOpenData) return -1;
+    const KeepError keep;
+    common::system_calls().unlink(mkidxname(name).c_str());
+    return -1;
+  }
+  std::string trail;
+  if (isenter(isfd, kToRead) == 0) {
+    trail = audit_trail_name();
+    isexit();
+  }
+  close_for_good(isfd);
+  clear_errors();
+  if (!trail.empty()) unlink_or_note(trail);
+  unlink_or_note(mkidxname(name));
+  unlink_or_note(mkdatname(name));
+  return end_without_open();
+}
+
+extern "C" int isrename(const char* oldname, const char* newname) {
+  clear_errors();
+  if (ckfilname(oldname) != 0 || ckfilname(newname) != 0) return end_without_open();
+  const int isfd = open_alone(oldname);
+  if (isfd < 0) return end_without_open();
+  if (move_pair(oldname, newname) == 0) open_of(isfd)->file->name = newname;
+  const std::int32_t reason = iserrno;
+  isclose(isfd);
+  if (reason != 0) failed_system(reason);
+  return end_without_open();
+}
+
+extern "C" int isremlock(const char* name) {
+  clear_errors();
+  ckfilname(name);
+  return end_without_open();
+}

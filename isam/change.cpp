@@ -1,0 +1,283 @@
+#include "isam/change.h"
+
+#include <array>
+#include <utility>
+
+#include "isam/btree.h"
+#include "isam/datafile.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/freelists.h"
+#include "isam/keytable.h"
+#include "isam/locks.h"
+
+namespace isam {
+namespace {
+
+using Keys = std::vector<keydescr>;
+
+Item item_of(ConstBytes record, std::int32_t number, const keydescr& k) {
+  Item item;
+  itmake(record.data(), item, k);
+  item.recptr = number;
+  return item;
+}
+
+bool is_current_key(const keydescr& k) { return kycompare(k, openp->key) == 0; }
+
+// What changing the trees leaves of the position: it is put back, its path is no longer valid.
+class KeptPosition {
+ public:
+  KeptPosition() = default;
+  KeptPosition(const KeptPosition&) = delete;
+  KeptPosition& operator=(const KeptPosition&) = delete;
+  ~KeptPosition() {
+    bt = openp->position;
+    bt.state |= nearby_;
+    bt.depth = -1;
+    if (!moved_) return;
+    bt.item = item_;
+    bt.ends = kOnItem;
+    bt.state = static_cast<std::uint16_t>((bt.state & ~kCurrentDeleted) | kHasCurrent |
+                                          kCurrentRead);
+  }
+
+  // An insertion met an equal key.
+  void note_neighbour() { nearby_ |= bt.state & kSameKeyNearby; }
+  void move_to(const Item& item) {
+    item_ = item;
+    moved_ = true;
+  }
+  void stay() { moved_ = false; }
+
+ private:
+  std::uint16_t nearby_ = 0;
+  bool moved_ = false;
+  Item item_;
+};
+
+// A change locks its record; outside ISAUTOLOCK it is enough that nobody else has it locked.
+int lock_for_change(std::int32_t number) {
+  if ((openp->mode & ISAUTOLOCK) != 0) return lkrecord(number, RecordLock::kTry);
+  if (filep->held.contains(number) || filep->releasable.contains(number)) return 0;
+  return lkrecord(number, RecordLock::kTest);
+}
+
+// A number to write a new record under. Numbers of records that are present are taken off the list
+// for good, those that another process has locked go back.
+std::int32_t allocdatrec() {
+  constexpr int kTries = 4;
+  std::array<std::int32_t, kTries> locked{};
+  std::size_t locked_count = 0;
+  std::int32_t number = -1;
+  Code reason = kCorrupted;
+  for (int tries = 0; tries < kTries; ++tries) {
+    number = allocrec(FreeList::kRecords);
+    if (number < 0) break;
+    const int present = datacheck(number);
+    if (present == 0 && lock_for_change(number) == 0) break;
+    if (present < 0 || (present == 0 && iserrno != kLocked)) {
+      const KeepError keep;
+      freerec(number, FreeList::kRecords);
+      number = -1;
+      break;
+    }
+    if (present == 0) {
+      clear_errors();
+      reason = kLocked;
+      locked[locked_count++] = number;
+    }
+    number = -1;
+  }
+  if (number < 0) failed_unless_set(reason);
+  const KeepError keep;
+  while (locked_count > 0) freerec(locked[--locked_count], FreeList::kRecords);
+  return number;
+}
+
+void remove_items(const Keys& keys, std::size_t count, ConstBytes record, std::int32_t number) {
+  while (count > 0) {
+    --count;
+    btdelitem(item_of(record, number, keys[count]), keys[count]);
+  }
+}
+
+void put_back_items(const Keys& keys, std::size_t count, ConstBytes record, std::int32_t number) {
+  while (count > 0) {
+    --count;
+    Item item = item_of(record, number, keys[count]);
+    btadditem(item, keys[count]);
+  }
+}
+
+// Adds a record's items to the first indexes, up to one that refuses it: how many were added.
+std::size_t add_items(const Keys& keys, ConstBytes record, std::int32_t number, Current current,
+                      KeptPosition& position) {
+  std::size_t added = 0;
+  for (; added < keys.size(); ++added) {
+    Item item = item_of(record, number, keys[added]);
+    if (btadditem(item, keys[added]) != 0) break;
+    position.note_neighbour();
+    if (current == Current::kMoves && is_current_key(keys[added])) position.move_to(item);
+  }
+  return added;
+}
+
+// The replacement of one record's items by another's, index by index.
+class Replacement {
+ public:
+  Replacement(const Keys& keys, std::int32_t number, ConstBytes old, ConstBytes record)
+      : keys_(keys), number_(number), old_(old), record_(record) {
+    changed_.clear();
+  }
+
+  // Unique indexes come first: they are the ones that may refuse.
+  int run(Current current, KeptPosition& position) {
+    if (change(false, current, position) == 0 && change(true, current, position) == 0) return 0;
+    undo();
+    return -1;
+  }
+
+  void undo() {
+    const KeepError keep;
+    for (; !changed_.empty(); changed_.pop_back()) {
+      const keydescr& k = keys_[changed_.back()];
+      Item old = item_of(old_, number_, k);
+      btadditem(old, k);
+      btdelitem(item_of(record_, number_, k), k);
+    }
+  }
+
+ private:
+  int change(bool dups, Current current, KeptPosition& position) {
+    for (std::size_t i = 0; i < keys_.size(); ++i) {
+      const keydescr& k = keys_[i];
+      if (((k.flags & KF_DUPS) != 0) != dups || k.nparts == 0) continue;
+      const Item old = item_of(old_, number_, k);
+      Item fresh = item_of(record_, number_, k);
+      if (itcompare(old, fresh, KeyOrder{k}) == 0) continue;
+      if (replace(k, old, fresh) != 0) return -1;
+      changed_.push_back(i);
+      position.note_neighbour();
+      if (current == Current::kMoves && is_current_key(k)) position.move_to(fresh);
+    }
+    return 0;
+  }
+
+  static int replace(const keydescr& k, const Item& old, Item& fresh) {
+    if (btadditem(fresh, k) != 0) return -1;
+    const std::uint16_t nearby = bt.state & kSameKeyNearby;
+    if (btdelitem(old, k) == 0) {
+      bt.state |= nearby;
+      return 0;
+    }
+    const KeepError keep;
+    btdelitem(fresh, k);
+    return -1;
+  }
+
+  // Indexes changed so far; kept between calls for its memory.
+  static inline std::vector<std::size_t> changed_;
+
+  const Keys& keys_;
+  std::int32_t number_;
+  ConstBytes old_;
+  ConstBytes record_;
+};
+
+Bytes record_room() { return temprecord().first(static_cast<std::size_t>(filep->maxreclen)); }
+
+}  // namespace
+
+std::int32_t wrtrecord(ConstBytes record, Current current) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr) return -1;
+  const std::int32_t number = allocdatrec();
+  if (number < 0) return -1;
+  KeptPosition position;
+  if (current == Current::kMoves && openp->key.nparts == 0) {
+    Item item;
+    item.recptr = number;
+    position.move_to(item);
+  }
+  const std::size_t added = add_items(*keys, record, number, current, position);
+  if (added == keys->size() && datacreate(number, record) == 0) return number;
+  position.stay();
+  const KeepError keep;
+  remove_items(*keys, added, record, number);
+  freerec(number, FreeList::kRecords);
+  lkrecord(number, RecordLock::kRelease);
+  return -1;
+}
+
+int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current current) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr || lock_for_change(number) != 0) return -1;
+  KeptPosition position;
+  Replacement replacement{*keys, number, old, record};
+  if (replacement.run(current, position) == 0) {
+    if (datawrite(number, record, true) == 0) return 0;
+    replacement.undo();
+  }
+  position.stay();
+  return -1;
+}
+
+int delrecord(std::int32_t number, ConstBytes old) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr || lock_for_change(number) != 0) return -1;
+  const KeptPosition position;
+  std::size_t removed = 0;
+  for (; removed < keys->size(); ++removed) {
+    const keydescr& k = (*keys)[removed];
+    if (k.nparts > 0 && btdelitem(item_of(old, number, k), k) != 0) break;
+  }
+  if (removed == keys->size() && freerec(number, FreeList::kRecords) == 0) {
+    if (datadelete(number) == 0) {
+      lkrecord(number, RecordLock::kRelease);
+      return 0;
+    }
+    const KeepError keep;
+    static_cast<void>(allocrec(FreeList::kRecords));  // the number just given back
+  }
+  const KeepError keep;
+  put_back_items(*keys, removed, old, number);
+  return -1;
+}
+
+FoundRecord getrecord(const Byte* record) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr) return {};
+  if (keys->empty() || keys->front().nparts == 0) {
+    failed(kNoPrimaryKey);
+    return {};
+  }
+  const keydescr& k = keys->front();
+  Item wanted;
+  itmake(record, wanted, k);
+  std::int32_t number = -1;
+  {
+    const KeptPosition position;
+    if (btsearch(wanted, k, 0, Search::kRead) != 0) return {};
+    if (bt.ends == kOnItem && itcompare(wanted, treeitem, KeyOrder{k}) == 0) {
+      number = treeitem.recptr;
+    }
+  }
+  return getcurrent(number);
+}
+
+FoundRecord getcurrent(std::int32_t number) {
+  if (number < 1 || number > dictp->d_nextdata()) {
+    failed(kNoRecord);
+    return {};
+  }
+  const Bytes room = record_room();
+  const int length = dataread(number, room);
+  if (length < 0) {
+    failed_unless_set(kNoRecord);
+    return {};
+  }
+  return {number, room.first(static_cast<std::size_t>(length))};
+}
+
+}  // namespace isam

@@ -1,0 +1,38 @@
+// change: adding, replacing and deleting one record together with its index entries.
+//
+// Needs   the current open entered for writing
+// Keeps   R1 a change that fails is undone: indexes, numbers and the record are as they were, except
+//            that a record put back stands last among equal keys
+// Gives   the steps behind the public calls
+// Never   moves the open's position, unless it is told to
+#pragma once
+
+#include <cstdint>
+
+#include "isam/format.h"
+
+namespace isam {
+
+enum class Current { kStays, kMoves };
+
+// Adds a record: its number, or -1 with 100, 105 or 107. kMoves makes it the current one.
+std::int32_t wrtrecord(ConstBytes record, Current current);
+
+// Replaces record `number`, which holds `old`: 0, or -1 with 100 or 107. With kMoves a changed key
+// takes the current item along.
+int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current current);
+
+// Deletes record `number`, which holds `old`: 0, or -1 with 107.
+int delrecord(std::int32_t number, ConstBytes old);
+
+// A record found to be changed, its bytes in the shared record buffer.
+struct FoundRecord {
+  std::int32_t number = -1;  // -1: none, with iserrno
+  ConstBytes bytes;
+};
+// The first record with the primary key of `record`: none with 111, or 127 without a primary key.
+[[nodiscard]] FoundRecord getrecord(const Byte* record);
+// Record `number`: none with 111 when it is not present.
+[[nodiscard]] FoundRecord getcurrent(std::int32_t number);
+
+}  // namespace isam

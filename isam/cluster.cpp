@@ -1,0 +1,155 @@
+// cluster: iscluster, which rewrites a pair in the order of one of its indexes.
+#include <cerrno>
+#include <new>
+#include <utility>
+#include <vector>
+
+#include "isam/btree.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/frame.h"
+#include "isam/keychain.h"
+#include "isam/tempname.h"
+
+namespace isam {
+namespace {
+
+constexpr int kClusterFlag = 16;  // marks the description of the index that gave the order
+
+// What of the old pair the steps go by.
+struct Old {
+  int isfd;
+  int mode;
+  std::string name;
+  dictinfo info{};
+  int minimum = 0;
+  int dup_width = 4;
+};
+
+int end_with(std::int32_t reason) {
+  failed_system(reason);
+  set_status("9090");
+  return -1;
+}
+
+// Whether the open may be clustered by `key`; fills what is known of the old pair.
+int look(int isfd, keydescr& key, Old& old) {
+  if (isenter(isfd, kToRead) != 0) return -1;
+  if ((openp->mode & ISEXCLLOCK) == 0) {
+    failed(kNotExclusive);
+  } else if (dictp->d_auditnode() != 0) {
+    failed(kAuditTrailExists);
+  } else if (filep->usecount > 1) {
+    failed(kFileInUse);
+  } else if (key.nparts != 0 && kysearch(key, 0) < 0) {
+    failed_unless_set(kBadKey);
+  }
+  old = {.isfd = isfd, .mode = openp->mode, .name = filep->name};
+  old.minimum = filep->reclen;
+  old.dup_width = dictp->d_dupsize();
+  return isexit() == 0 ? isdictinfo(isfd, &old.info) : -1;
+}
+
+keydescr key_of(const Old& old, int n, const keydescr& order) {
+  keydescr k{};
+  if (iskeyinfo(old.isfd, &k, n) != 0) return k;
+  k.flags = static_cast<std::int16_t>(k.flags & ~kClusterFlag);
+  if (kycompare(k, order) == 0) k.flags |= kClusterFlag;
+  return k;
+}
+
+void discard(int isfd, const std::string& name) {
+  const std::int32_t reason = iserrno;
+  isclose(isfd);
+  iserase(name.c_str());
+  failed_system(reason);
+}
+
+// Builds an empty pair like the old one: its open, or -1.
+int isbnew(const Old& old, const std::string& name, const keydescr& order) {
+  const bool variable = (old.info.di_nkeys & DI_VARLEN) != 0;
+  const int keys = old.info.di_nkeys & ~DI_VARLEN;
+  keydescr k = key_of(old, 1, order);
+  if (iserrno != 0) return -1;
+  isreclen = old.minimum;
+  const std::int32_t dup_width = std::exchange(isdupsiz, old.dup_width);
+  const int isfd = isbuild(name.c_str(), old.info.di_recsize, &k,
+                           ISINOUT + ISEXCLLOCK + (variable ? ISVARLEN : 0));
+  isdupsiz = dup_width;
+  if (isfd < 0) return -1;
+  for (int n = 2; n <= keys; ++n) {
+    k = key_of(old, n, order);
+    if (iserrno == 0 && k.nparts > 0) isaddindex(isfd, &k);
+    if (iserrno != 0) {
+      discard(isfd, name);
+      return -1;
+    }
+  }
+  return isfd;
+}
+
+// Copies the records in the order of `key`: 0, or -1 with iserrno.
+int copy_records(const Old& old, int to, keydescr& key) {
+  std::vector<char> record;
+  try {
+    record.resize(static_cast<std::size_t>(old.info.di_recsize) + 1);
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+  if (isstart(old.isfd, &key, 0, record.data(), RD_FIRST) != 0) return -1;
+  while (isread(old.isfd, record.data(), RD_NEXT) == 0) {
+    if (iswrite(to, record.data()) != 0) return -1;
+  }
+  if (iserrno != kEndOfFile) return -1;
+  std::int32_t id = 0;
+  return iscurruniq(old.isfd, &id) == 0 ? issetunique(to, id) : -1;
+}
+
+// Puts the new pair in the place of the old one: 0, or -1 with iserrno and the old one in place.
+int swap_pairs(const Old& old, const TemporaryNames& names) {
+  const char* const name = old.name.c_str();
+  const char* const made = names.first.c_str();
+  const char* const parked = names.second.c_str();
+  int result = isrename(name, parked);
+  if (result == 0 && (result = isrename(made, name)) != 0) {
+    const KeepError keep;
+    isrename(parked, name);
+  }
+  const KeepError keep;
+  iserase(result == 0 ? parked : made);
+  return result;
+}
+
+int cluster(const Old& old, keydescr& key) {
+  TemporaryNames names;
+  if (!ismkname(old.name, names)) return failed_system(EEXIST);
+  const int made = isbnew(old, names.first, key);
+  if (made < 0) return -1;
+  if (copy_records(old, made, key) != 0) {
+    discard(made, names.first);
+    return -1;
+  }
+  if (isclose(made) != 0) {
+    const KeepError keep;
+    iserase(names.first.c_str());
+    return -1;
+  }
+  isclose(old.isfd);
+  return swap_pairs(old, names);
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int iscluster(int isfd, struct keydescr* key) {
+  if (key == nullptr) return end_with(kBadArgument);
+  Old old{};
+  if (look(isfd, *key, old) != 0) return -1;
+  const int kept = std::exchange(ismaxfds, 0);
+  close_idle_files();
+  const int result = cluster(old, *key);
+  ismaxfds = kept;
+  return result == 0 ? isopen(old.name.c_str(), old.mode) : end_with(iserrno);
+}

@@ -1,0 +1,138 @@
+// indexes: isaddindex and isdelindex.
+#include <algorithm>
+#include <new>
+
+#include "common/io.h"
+#include "isam/btree.h"
+#include "isam/buffers.h"
+#include "isam/cursor.h"
+#include "isam/datafile.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/frame.h"
+#include "isam/indexload.h"
+#include "isam/keychain.h"
+#include "isam/keytable.h"
+#include "isam/opening.h"
+
+namespace isam {
+namespace {
+
+bool may_compress(const keydescr& key) {
+  return (key.flags & KF_COMPRESS & ~(dictp->d_compression() << 1)) == 0;
+}
+
+// Records that the data file can hold, whatever the dictionary says.
+std::int32_t records_in_file() {
+  bfflush(*filep);
+  const std::int64_t slots = common::file_size(filep->datfd) / slot_size() + 1;
+  return static_cast<std::int32_t>(std::min<std::int64_t>(dictp->d_nextdata(), slots));
+}
+
+int gather(IndexLoad& load) {
+  const std::int32_t last = records_in_file();
+  const Bytes room = temprecord().first(static_cast<std::size_t>(filep->maxreclen));
+  for (std::int32_t number = 1; number <= last; ++number) {
+    if (dataread(number, room) < 0) {
+      if (iserrno != 0) return -1;
+    } else if (load.add(room.data(), number) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+// Fills a new index from the records: 0, or -1 with iserrno.
+int fill_index(const keydescr& key) {
+  try {
+    IndexLoad load{key};
+    if (gather(load) != 0) return -1;
+    bool left_out = false;
+    const IndexLoad::Listener listener{[&](std::int32_t) { left_out = true; },
+                                       [](std::int64_t) {}};
+    if (load.finish(key.rootnode, listener) != 0) return -1;
+    return left_out ? failed(kDuplicate) : 0;
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+}
+
+int add_index(keydescr& key) {
+  if (kylegal(key, filep->reclen) != 0) return -1;
+  if (!may_compress(key)) return failed(kBadKey);
+  if (kynchar(key)) key.flags = static_cast<std::int16_t>(key.flags & ~KF_COMPRESS);
+  if (kyadd(key) != 0) return failed_unless_set(kBadKey);
+  int result = fill_index(key);
+  if (result == 0 && kynchar(key) && !dictp->d_collate()) result = name_collation();
+  if (result == 0) return 0;
+  const KeepError keep;
+  btrecover(key.rootnode, key);
+  kydelete(key);
+  return -1;
+}
+
+// The index that `key` defines may go: 0, or -1 with 103, 109 or 113.
+int check_drop(keydescr& key) {
+  const int number = kysearch(key, 0);
+  if (number < 0) return failed_unless_set(kBadKey);
+  const auto* keys = file_keys();
+  if (keys == nullptr) return -1;
+  const bool any = (openp->mode & ISANYPRIMARY) != 0;
+  if (keys->size() == 1 || (number == 1 && !any)) return failed(kPrimaryIndex);
+  if (kycompare(key, openp->key) == 0 && !any) return failed(kBadKey);
+  return filep->usecount > 1 ? failed(kFileInUse) : 0;
+}
+
+int drop_index(keydescr& key) {
+  if (check_drop(key) != 0 || kydelete(key) != 0) return -1;
+  const int freed = btrecover(key.rootnode, key);
+  const auto* keys = file_keys();
+  if (keys == nullptr || freed != 0) return -1;
+  if (kycompare(key, openp->key) == 0) {
+    openp->key = keys->front();
+    stand_before_first();
+  }
+  return 0;
+}
+
+// Whether any index left is in the order of a locale.
+bool needs_locale() {
+  const auto* keys = file_keys();
+  return keys == nullptr || std::ranges::any_of(*keys, kynchar);
+}
+
+// Enters an exclusive open to change its indexes; the position's path does not survive that.
+template <typename Change>
+int change_indexes(int isfd, keydescr* key, Change change) {
+  if (isenter(isfd, kToWrite) != 0) return -1;
+  if ((openp->mode & ISEXCLLOCK) == 0) {
+    failed(kNotExclusive);
+  } else if (key == nullptr) {
+    failed(kBadArgument);
+  } else {
+    change(*key);
+  }
+  bt.depth = -1;
+  return isexit();
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isaddindex(int isfd, struct keydescr* key) {
+  return change_indexes(isfd, key, [](keydescr& k) {
+    add_index(k);
+    bt = openp->position;
+  });
+}
+
+extern "C" int isdelindex(int isfd, struct keydescr* key) {
+  const int result = change_indexes(isfd, key, drop_index);
+  if (result == 0 && kynchar(*key) && !needs_locale()) {
+    dictp->set_d_collate(false);
+    dictmodify();
+  }
+  return result;
+}

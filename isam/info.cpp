@@ -1,0 +1,148 @@
+// info: the public calls that tell or bump what the dictionary says.
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "isam/buffers.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/frame.h"
+#include "isam/freelists.h"
+#include "isam/keychain.h"
+#include "isam/keytable.h"
+
+namespace isam {
+namespace {
+
+constexpr int kReading = kToRead | kShared;
+
+template <typename T>
+int tell(int isfd, T* to, T (*value)(const Dictionary&)) {
+  if (isenter(isfd, kReading) != 0) return -1;
+  if (to == nullptr) {
+    failed(kBadArgument);
+  } else {
+    *to = value(*dictp);
+  }
+  return isexit();
+}
+
+int fill(dictinfo& info) {
+  const std::int32_t listed = free_records_listed();
+  if (listed < 0) return -1;
+  info.di_nkeys = dictp->d_nkeys() + (filep->varlen ? DI_VARLEN : 0);
+  info.di_recsize = filep->maxreclen;
+  info.di_idxsize = filep->idxsize;
+  info.di_nrecords = dictp->d_nextdata() - listed;
+  return 0;
+}
+
+int fill(keydescr& key, int n) {
+  const auto* keys = file_keys();
+  if (keys == nullptr) return -1;
+  if (n < 1 || static_cast<std::size_t>(n) > keys->size()) return failed(kBadArgument);
+  key = (*keys)[static_cast<std::size_t>(n) - 1];
+  isreclen = filep->reclen;
+  return 0;
+}
+
+// Runs `look` on a pair that is opened only for that; -1 when it cannot be opened.
+template <typename Look>
+int look_at(const char* name, Look look) {
+  const int isfd = isopen(name, ISINPUT + ISMANULOCK + ISANYLENGTH);
+  if (isfd < 0) return -1;
+  const int result = look(open_of(isfd)->file->dictionary);
+  isclose(isfd);
+  return result;
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isdictinfo(int isfd, struct dictinfo* info) {
+  if (isenter(isfd, kReading) != 0) return -1;
+  if (info == nullptr) {
+    failed(kBadArgument);
+  } else {
+    static_cast<void>(fill(*info));
+  }
+  return isexit();
+}
+
+extern "C" int iskeyinfo(int isfd, struct keydescr* key, int n) {
+  if (isenter(isfd, kReading) != 0) return -1;
+  if (key == nullptr) {
+    failed(kBadArgument);
+  } else {
+    static_cast<void>(fill(*key, n));
+  }
+  return isexit();
+}
+
+extern "C" int isindexinfo(int isfd, void* buffer, int n) {
+  if (n == 0) return isdictinfo(isfd, static_cast<dictinfo*>(buffer));
+  return iskeyinfo(isfd, static_cast<keydescr*>(buffer), n);
+}
+
+extern "C" int iststindex(int isfd, struct keydescr* key) {
+  if (isenter(isfd, kReading) != 0) return -1;
+  if (key == nullptr || kysearch(*key, 0) < 0) failed_unless_set(kBadKey);
+  return isexit();
+}
+
+extern "C" int isuniqueid(int isfd, int32_t* id) {
+  if (isenter(isfd, kToWrite) != 0) return -1;
+  if (id == nullptr) {
+    failed(kBadArgument);
+  } else {
+    *id = dictp->d_uniqid();
+    if (*id == INT32_MAX) {
+      failed(kCorrupted);
+    } else {
+      dictp->set_d_uniqid(*id + 1);
+      dictmodify();
+    }
+  }
+  return isexit();
+}
+
+extern "C" int iscurruniq(int isfd, int32_t* id) {
+  return tell<std::int32_t>(isfd, id, [](const Dictionary& d) { return d.d_uniqid(); });
+}
+
+extern "C" int issetunique(int isfd, int32_t id) {
+  if (isenter(isfd, kToWrite) != 0) return -1;
+  if (dictp->d_uniqid() < id) {
+    dictp->set_d_uniqid(id);
+    dictmodify();
+  }
+  return isexit();
+}
+
+extern "C" int isaltchk(int isfd, int32_t* count) {
+  return tell<std::int32_t>(isfd, count, [](const Dictionary& d) { return d.d_altcount(); });
+}
+
+extern "C" int isaltinc(int isfd) {
+  if (isenter(isfd, kToWrite) != 0) return -1;
+  const auto next = static_cast<std::uint32_t>(dictp->d_altcount()) + 1;
+  dictp->set_d_altcount(static_cast<std::int32_t>(next));
+  dictmodify();
+  return isexit();
+}
+
+extern "C" int isnlsversion(const char* name) {
+  return look_at(name, [](const Dictionary& dictionary) { return dictionary.d_collate() ? 1 : 0; });
+}
+
+extern "C" const char* islanginfo(const char* name) {
+  static std::array<char, kCollationNameSize + 1> text;
+  text.fill(0);
+  const int has_name = look_at(name, [](const Dictionary& dictionary) {
+    std::copy_n(dictionary.d_collname(), kCollationNameSize, text.begin());
+    return dictionary.d_collate() ? 1 : 0;
+  });
+  return has_name == 1 ? text.data() : nullptr;
+}

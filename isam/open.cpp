@@ -1,0 +1,261 @@
+// open: isopen, isclose and what they leave behind.
+#include "isam/opening.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "isam/btree.h"
+#include "isam/buffers.h"
+#include "isam/cursor.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/frame.h"
+#include "isam/keytable.h"
+#include "isam/locks.h"
+
+namespace isam {
+
+bool issingleuser = false;
+
+int lock_mode_of(int mode) {
+  switch (mode & 0xFF00) {
+    case ISAUTOLOCK:
+    case 0x300:
+      return ISAUTOLOCK;
+    case ISMANULOCK:
+      return ISMANULOCK;
+    case ISEXCLLOCK:
+    case 0x500:
+      return ISEXCLLOCK;
+    default:
+      return 0;
+  }
+}
+
+void advise_random(const FileRecord& file) {
+  // Without this, small writes into pages that were read far ahead cost many times as much.
+  ::posix_fadvise(file.idxfd, 0, 0, POSIX_FADV_RANDOM);
+  ::posix_fadvise(file.datfd, 0, 0, POSIX_FADV_RANDOM);
+}
+
+void adopt_dictionary() {
+  filep->reclen = dictp->d_recsize();
+  filep->varlen = dictp->d_maxrecsize() != 0;
+  filep->maxreclen = filep->varlen ? dictp->d_maxrecsize() : filep->reclen;
+  filep->idxsize = dictp->d_idxsize();
+}
+
+int close_open(OpenRecord& open) {
+  if ((open.flags & kHoldsSemaphore) == 0 && filep->exclusives == 0) {
+    lksemaphore(Semaphore::kExclusive);
+  }
+  // Everything is on disk before the locks go. Of an exclusive open much may still be in the pool.
+  if (filep->modified != nullptr) bfflush(*filep);
+  const KeepError keep;
+  lkfile(false);
+  lkopenlock(0);
+  return 0;
+}
+
+int abandon_open(OpenRecord& open) {
+  {
+    const KeepError keep;
+    if (openp == &open && open.file != nullptr) {
+      if ((open.mode & 0xFF00) != 0) lkopenlock(0);
+      release_semaphore();
+    }
+    freeopen(open);
+    if (openp == &open) openp = nullptr;
+  }
+  isstat1 = '9';
+  isstat2 = '0';
+  if (isstat3 == '0') isstat3 = '9';
+  return -1;
+}
+
+namespace {
+
+int refuse_mode(char last) {
+  isstat3 = '3';
+  isstat4 = last;
+  return failed(kBadArgument);
+}
+
+// Whether the mode asks for something that there is: 0, or -1 with 102.
+int check_mode(int mode) {
+  constexpr int kTransaction = 4;
+  constexpr int kNoLog = 8;
+  const bool bad = (mode & (kTransaction | kNoLog)) != 0 || (mode & 3) == 3;
+  return bad || lock_mode_of(mode) == 0 ? refuse_mode('7') : 0;
+}
+
+void tell_system_error() {
+  if (iserrno != ENOENT && iserrno != EACCES) return;
+  isstat3 = '3';
+  isstat4 = iserrno == ENOENT ? '5' : '7';
+}
+
+// Tests of the dictionary that only an open makes. The file record follows it.
+int validate() {
+  const int size = dictp->d_idxsize();
+  const bool lengths_agree = filep->reclen > 0 && filep->maxreclen >= filep->reclen;
+  const bool sound = size < kMaxStoredNodeSize && lengths_agree &&
+                     (dictp->d_dupsize() == 2 || dictp->d_dupsize() == 4);
+  if (!sound) return failed(size % 2 == 0 ? kFormatChange : kCorrupted);
+  const auto* keys = file_keys();
+  if (keys == nullptr) return -1;
+  return keys->empty() ? failed(kCorrupted) : 0;
+}
+
+// A method of before, or one that RESETLOCK lets pass, becomes the current one.
+int settle_lock_method() {
+  const int method = dictp->d_lockmethod();
+  if (method == kLockMethod) return 0;
+  const bool known = method == 0 || method == 3 || method == 4 || method == 5 || method == 7;
+  if (!known) return failed(method < kLockMethod ? kFormatChange : kCorrupted);
+  if (filep->exclusives == 0) {
+    lksemaphore(Semaphore::kRelease);
+    if (lksemaphore(Semaphore::kExclusive) != 0 || dictread() != 0) return -1;
+  }
+  dictp->set_d_lockmethod(kLockMethod);
+  dictmodify();
+  return 0;
+}
+
+int check_record_format(int mode) {
+  if ((mode & ISANYLENGTH) != 0) return 0;
+  return ((mode & ISVARLEN) != 0) == filep->varlen ? 0 : refuse_mode('9');
+}
+
+int set_up(OpenRecord& open, int mode) {
+  if (isenter(isfd_of(open), mode + 1 + kShared) != 0) return -1;
+  const int lock_mode = lock_mode_of(mode);
+  open.mode |= lock_mode;
+  if (lkopenlock(lock_mode) != 0) {
+    open.mode &= 0xFF;
+    return -1;
+  }
+  adopt_dictionary();
+  if (settle_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
+  if (mktemprec(filep->maxreclen) != 0) return -1;
+  open.key = filep->keys.front();
+  stand_before_first();
+  isreclen = filep->maxreclen;
+  return isexit();
+}
+
+int open_pair(const char* name, int mode) {
+  if (issingleuser) mode = (mode & 0xFF) | ISEXCLLOCK;
+  if (check_mode(mode) != 0 || ckfilname(name) != 0) return -1;
+  isbatch(2);
+  clear_errors();
+  OpenRecord* open = allocopen();
+  if (open == nullptr) return -1;
+  open->mode = mode & 0xFF;
+  open->file = allocfile(name, mode & 0xFF);
+  if (open->file == nullptr) {
+    tell_system_error();
+    return abandon_open(*open);
+  }
+  if (open->file->usecount == 1) advise_random(*open->file);
+  return set_up(*open, mode) == 0 ? isfd_of(*open) : abandon_open(*open);
+}
+
+// Whether closing waits for readers: the environment's ISCLOSE_SHARE_LOCK is 0.
+bool close_waits() {
+  static const bool waits = [] {
+    const char* text = std::getenv("ISCLOSE_SHARE_LOCK");
+    return text != nullptr && std::strtol(text, nullptr, 0) == 0;
+  }();
+  return waits;
+}
+
+int close_entered(OpenRecord& open) {
+  close_open(open);
+  const int result = isexit();
+  release_semaphore();
+  const KeepError keep;
+  freeopen(open);
+  openp = nullptr;
+  return result;
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isopen(const char* name, int mode) {
+  clear_errors();
+  set_status("0000");
+  const int isfd = open_pair(name, mode);
+  if (isfd >= 0) return isfd;
+  isstat1 = '9';
+  isstat2 = '0';
+  if (isstat3 == '0') isstat3 = '9';
+  return -1;
+}
+
+extern "C" int isclose(int isfd) {
+  OpenRecord* open = open_of(isfd);
+  const bool shared = open != nullptr && bfpend(*open->file) == 0 && !close_waits();
+  if (isenter(isfd, kAnyLocale | (shared ? kShared : kToLook)) != 0) {
+    if (open == nullptr) {
+      isstat3 = '4';
+      isstat4 = '2';
+      return -1;
+    }
+    // What cannot be entered any more is closed all the same; the error stays.
+    const KeepError keep;
+    make_current(*open);
+    filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+    close_open(*open);
+    release_semaphore();
+    freeopen(*open);
+    openp = nullptr;
+    return -1;
+  }
+  return close_entered(*open);
+}
+
+extern "C" int iscleanup(void) {
+  const KeepError keep;
+  const char status[5] = {isstat1, isstat2, isstat3, isstat4, 0};
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    if (open_of(isfd) != nullptr) isclose(isfd);
+  }
+  close_idle_files();
+  set_status(status);
+  return 0;
+}
+
+extern "C" int isrelease(int isfd) {
+  if (isenter(isfd, kToLook | kShared) != 0) return -1;
+  lkfile(false);
+  return isexit();
+}
+
+extern "C" int isflush(int isfd) {
+  if (isenter(isfd, kToRead) != 0) return -1;
+  bfflush(*filep);
+  return isexit();
+}
+
+extern "C" int isbatch(int n) {
+  if (n == 0 || n == 1) batchflag = n;
+  if (openp != nullptr && openp->file != nullptr) release_semaphore();
+  return 0;
+}
+
+extern "C" int isvclose(int n) {
+  ismaxfds = n < 0 ? 0 : n;
+  if (isopenfds > ismaxfds) close_idle_files();
+  return 0;
+}
+
+extern "C" int issetsu(int n) {
+  issingleuser = n != 0;
+  return 0;
+}

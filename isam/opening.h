@@ -1,0 +1,29 @@
+// opening: what opening and building a file have in common.
+#pragma once
+
+#include "isam/current.h"
+
+namespace isam {
+
+// Whether issetsu() has made every open exclusive.
+extern bool issingleuser;
+
+// The lock mode that the high byte of a mode means, 0 when it means none.
+[[nodiscard]] int lock_mode_of(int mode);
+
+// Takes an open record that failed to become an open back; the status characters say so. -1.
+int abandon_open(OpenRecord& open);
+
+// The file is written at random from now on.
+void advise_random(const FileRecord& file);
+
+// Sets what the file record says of lengths and node size from the dictionary copy.
+void adopt_dictionary();
+
+// Notes the client locale's name in the dictionary copy: 0, or -1 with 159.
+int name_collation();
+
+// Closes an open for good: 0, or -1 when something could not be written.
+int close_open(OpenRecord& open);
+
+}  // namespace isam

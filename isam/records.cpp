@@ -1,0 +1,116 @@
+// records: the public calls that change records.
+#include "isam/btree.h"
+#include "isam/change.h"
+#include "isam/cursor.h"
+#include "isam/errors.h"
+#include "isam/frame.h"
+#include "isam/recordcalls.h"
+
+namespace isam {
+namespace {
+
+// The caller's record, as long as it says; none with 102.
+ConstBytes given_record(const char* record) {
+  const int length = record == nullptr ? failed(kBadArgument) : isxgetlen();
+  if (length < 0) return {};
+  return {reinterpret_cast<const Byte*>(record), static_cast<std::size_t>(length)};
+}
+
+int write_record(int isfd, const char* record, Current current) {
+  if (isenter(isfd, kToWrite) != 0) return refused_access('8');
+  const ConstBytes bytes = given_record(record);
+  const std::int32_t number = bytes.empty() ? -1 : wrtrecord(bytes, current);
+  if (number > 0) isrecnum = number;
+  return isexit();
+}
+
+// Finds a record by `find`, and changes it by `change`.
+template <typename Find, typename Change>
+int change_found(Find find, Change change) {
+  const FoundRecord found = find();
+  if (found.number >= 0 && change(found) == 0) isrecnum = found.number;
+  return isexit();
+}
+
+template <typename Find>
+int rewrite_found(int isfd, const char* record, Current current, Find find) {
+  if (isenter(isfd, kToWrite) != 0) return refused_access('9');
+  const ConstBytes bytes = given_record(record);
+  if (bytes.empty()) return isexit();
+  return change_found(find, [&](const FoundRecord& found) {
+    return rewrecord(found.number, found.bytes, bytes, current);
+  });
+}
+
+int delete_current_or_other(const FoundRecord& found) {
+  const bool is_current =
+      (bt.state & kHasCurrent) != 0 && bt.ends == kOnItem && bt.item.recptr == found.number;
+  if (delrecord(found.number, found.bytes) != 0) return -1;
+  if (is_current) bt.state |= kCurrentDeleted;
+  return 0;
+}
+
+template <typename Find>
+int delete_found(int isfd, Find find) {
+  if (isenter(isfd, kToWrite) != 0) return refused_access('9');
+  return change_found(find, delete_current_or_other);
+}
+
+FoundRecord find_current_record() {
+  const std::int32_t number = current_record();
+  if (number < 0) return {};
+  FoundRecord found = getcurrent(number);
+  if (found.number < 0 && iserrno == kNoRecord) failed(kNoCurrent);
+  return found;
+}
+
+FoundRecord find_by_key(const char* record) {
+  return getrecord(reinterpret_cast<const Byte*>(record));
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isxgetlen(void) {
+  if (filep == nullptr) return failed(kNotOpen);
+  if (!filep->varlen) return filep->reclen;
+  if (isreclen >= filep->reclen && isreclen <= filep->maxreclen) return isreclen;
+  isstat3 = isstat4 = '4';
+  return failed(kBadArgument);
+}
+
+extern "C" int iswrite(int isfd, char* record) {
+  return write_record(isfd, record, Current::kStays);
+}
+
+extern "C" int iswrcurr(int isfd, char* record) {
+  return write_record(isfd, record, Current::kMoves);
+}
+
+extern "C" int isrewrite(int isfd, char* record) {
+  return rewrite_found(isfd, record, Current::kStays, [&] { return find_by_key(record); });
+}
+
+extern "C" int isrewcurr(int isfd, char* record) {
+  return rewrite_found(isfd, record, Current::kMoves, find_current_record);
+}
+
+extern "C" int isrewrec(int isfd, int32_t recnum, char* record) {
+  return rewrite_found(isfd, record, Current::kStays, [&] { return getcurrent(recnum); });
+}
+
+extern "C" int isdelete(int isfd, char* record) {
+  return delete_found(isfd, [&] {
+    if (record != nullptr) return find_by_key(record);
+    failed(kBadArgument);
+    return FoundRecord{};
+  });
+}
+
+extern "C" int isdelcurr(int isfd) { return delete_found(isfd, find_current_record); }
+
+extern "C" int isdelrec(int isfd, int32_t recnum) {
+  return delete_found(isfd, [&] { return getcurrent(recnum); });
+}
