@@ -81,32 +81,33 @@ extern int32_t isdupsiz;
 
 /* Library codes in iserrno. */
 enum {
-  ISEDUPLICATE = 100,   /* a key that may occur only once does already */
-  ISENOTOPEN = 101,     /* not open, or not for this access */
-  ISEARGUMENT = 102,    /* an argument is out of range */
-  ISEKEY = 103,         /* a key description is illegal, or not one of the file's */
-  ISETOOMANY = 104,     /* all open records are in use */
-  ISECORRUPT = 105,     /* the pair is damaged: run kestro */
+  ISEDUPLICATE = 100,    /* a key that may occur only once does already */
+  ISENOTOPEN = 101,      /* not open, or not for this access */
+  ISEARGUMENT = 102,     /* an argument is out of range */
+  ISEKEY = 103,          /* a key description is illegal, or not one of the file's */
+  ISETOOMANY = 104,      /* all open records are in use */
+  ISECORRUPT = 105,      /* the pair is damaged: run kestro */
   ISENOTEXCLUSIVE = 106, /* the call needs an exclusive open */
-  ISELOCKED = 107,      /* another process has the record or file locked */
-  ISEKEYEXISTS = 108,   /* the file has this index already */
-  ISEPRIMARY = 109,     /* the primary index cannot be dropped */
-  ISEEND = 110,         /* before the first or after the last record */
-  ISENORECORD = 111,    /* no such record */
-  ISENOCURRENT = 112,   /* no current record */
-  ISEINUSE = 113,       /* another open is in the way */
-  ISENAME = 114,        /* a file name is empty or too long */
-  ISEMEMORY = 116,      /* no memory */
-  ISECOLLATION = 117,   /* the file's locale or a collating table does not fit */
-  ISENOPRIMARY = 127,   /* the file has no primary key */
-  ISERECLEN = 132,      /* a record length is out of range */
-  ISENOLOCKS = 134,     /* the system has no more locks */
-  ISENOTMANUAL = 153,   /* the open's lock mode is not ISMANULOCK */
-  ISELOCALE = 159,      /* the client's locale cannot be loaded */
-  ISEFORMAT = 171       /* a pair of another format */
+  ISELOCKED = 107,       /* another process has the record or file locked */
+  ISEKEYEXISTS = 108,    /* the file has this index already */
+  ISEPRIMARY = 109,      /* the primary index cannot be dropped */
+  ISEEND = 110,          /* before the first or after the last record */
+  ISENORECORD = 111,     /* no such record */
+  ISENOCURRENT = 112,    /* no current record */
+  ISEINUSE = 113,        /* another open is in the way */
+  ISENAME = 114,         /* a file name is empty or too long */
+  ISEMEMORY = 116,       /* no memory */
+  ISECOLLATION = 117,    /* the file's locale or a collating table does not fit */
+  ISENOPRIMARY = 127,    /* the file has no primary key */
+  ISERECLEN = 132,       /* a record length is out of range */
+  ISENOLOCKS = 134,      /* the system has no more locks */
+  ISENOTMANUAL = 153,    /* the open's lock mode is not ISMANULOCK */
+  ISELOCALE = 159,       /* the client's locale cannot be loaded */
+  ISEFORMAT = 171        /* a pair of another format */
 };
 
-/* ---------------------------------------------------------------------------------------- keys -- */
+/* ---------------------------------------------------------------------------------------- keys --
+ */
 
 enum {
   MAXPARTS = 8,   /* parts of a key */
@@ -169,7 +170,8 @@ struct dictinfo {
 };
 enum { DI_VARLEN = 0x8000 };
 
-/* ------------------------------------------------------------------------------- modes of calls -- */
+/* ------------------------------------------------------------------------------- modes of calls --
+ */
 
 /* Mode of isopen() and isbuild(): one access, one lock mode, options added. */
 enum {
@@ -177,13 +179,13 @@ enum {
   ISOUTPUT = 1, /* write only */
   ISINOUT = 2,  /* read and write */
 
-  ISVARLEN = 0x10,   /* the records are of variable length */
+  ISVARLEN = 0x10,     /* the records are of variable length */
   ISANYPRIMARY = 0x20, /* isdelindex() may drop the primary and the current key */
-  ISANYLENGTH = 0x80, /* fixed or variable length, and whatever locale */
+  ISANYLENGTH = 0x80,  /* fixed or variable length, and whatever locale */
 
   ISAUTOLOCK = 0x200, /* isread() locks the record it reads, until the open's next call */
   ISMANULOCK = 0x400, /* records are locked when asked for, until isrelease() or isunlock() */
-  ISEXCLLOCK = 0x800  /* no other process has the file open; writes may be delayed until isclose() */
+  ISEXCLLOCK = 0x800 /* no other process has the file open; writes may be delayed until isclose() */
 };
 
 /* Mode of isread() and, where marked *, isstart(). */
@@ -198,13 +200,14 @@ enum {
   RD_GTEQ = 7,  /* * first record whose key is greater or equal */
 
   /* Added to a mode of isread(). */
-  RD_LOCK = 0x100,    /* lock the record; ISELOCKED when another process has it */
+  RD_LOCK = 0x100,     /* lock the record; ISELOCKED when another process has it */
   RD_SKIPLOCK = 0x200, /* on ISELOCKED move to that record all the same, so that RD_NEXT passes it;
                          combined with RD_LOCK */
-  RD_WAIT = 0x400     /* wait until no other process has the record locked; with RD_LOCK lock it */
+  RD_WAIT = 0x400      /* wait until no other process has the record locked; with RD_LOCK lock it */
 };
 
-/* ------------------------------------------------------------------------- opening and closing -- */
+/* ------------------------------------------------------------------------- opening and closing --
+ */
 
 /* Opens the pair `name` (base name below 123 bytes). `mode`: an access, a lock mode, ISVARLEN for a
  * file of variable-length records. The open stands before the first record of the primary key.
@@ -255,7 +258,8 @@ int isvclose(int n);
  * `n` 0 ends it. Any `n` gives the file held up now. Returns 0. */
 int isbatch(int n);
 
-/* -------------------------------------------------------------------------------------- indexes -- */
+/* -------------------------------------------------------------------------------------- indexes --
+ */
 
 /* Adds an index to an exclusively open file and fills it from the records. `key` gets keylen and
  * rootnode. -1 with ISENOTEXCLUSIVE, ISEKEY, ISEKEYEXISTS, ISEDUPLICATE (two records have a key
@@ -273,7 +277,8 @@ int isdelindex(int isfd, struct keydescr* key);
  * was. Needs room for a second copy beside the file. */
 int iscluster(int isfd, struct keydescr* key);
 
-/* ------------------------------------------------------------------------------- reading records -- */
+/* ------------------------------------------------------------------------------- reading records
+ * -- */
 
 /* Makes `key` the current index of the open and positions there without reading. `mode` RD_FIRST
  * and RD_LAST need no record; RD_EQUAL, RD_GREAT and RD_GTEQ compare the first `len` bytes of the
@@ -289,7 +294,8 @@ int isstart(int isfd, struct keydescr* key, int len, char* record, int mode);
  * ISENOCURRENT, ISELOCKED; the position stays as it was, except with RD_SKIPLOCK. */
 int isread(int isfd, char* record, int mode);
 
-/* ------------------------------------------------------------------------------ changing records -- */
+/* ------------------------------------------------------------------------------ changing records
+ * -- */
 
 /* A record length out of range fails with ISEARGUMENT ("9044"). A failed call changes nothing. */
 
@@ -320,7 +326,8 @@ int isdelrec(int isfd, int32_t recnum);
  * the file of the last call. */
 int isxgetlen(void);
 
-/* -------------------------------------------------------------------------------------- locking -- */
+/* -------------------------------------------------------------------------------------- locking --
+ */
 
 /* Locks the whole file against other processes' locks (ISMANULOCK opens only). -1 with ISELOCKED at
  * once when another process holds a lock in the file, ISENOTMANUAL. Nothing to do for an exclusive
@@ -333,11 +340,12 @@ int isunlock(int isfd);
 /* Releases the record locks, in any lock mode. */
 int isrelease(int isfd);
 
-/* Whether another process has the whole file locked: 1 or 0, -1 when `isfd` cannot be entered. `how`
- * 0 tests; any other value waits until it could be locked. */
+/* Whether another process has the whole file locked: 1 or 0, -1 when `isfd` cannot be entered.
+ * `how` 0 tests; any other value waits until it could be locked. */
 int isfilelocked(int isfd, int how);
 
-/* ------------------------------------------------------------------- what the dictionary tells -- */
+/* ------------------------------------------------------------------- what the dictionary tells --
+ */
 
 /* Fills `info`. */
 int isdictinfo(int isfd, struct dictinfo* info);
@@ -350,7 +358,8 @@ int iskeyinfo(int isfd, struct keydescr* key, int n);
  * a negative `n`. */
 int isindexinfo(int isfd, void* buffer, int n);
 
-/* Whether `key` is one of the file's indexes: 0, or -1 with ISEKEY. Fills in flags, keylen, root. */
+/* Whether `key` is one of the file's indexes: 0, or -1 with ISEKEY. Fills in flags, keylen, root.
+ */
 int iststindex(int isfd, struct keydescr* key);
 
 /* Unique ids, a counter of the file's from 1: isuniqueid() hands out the next one, iscurruniq()
@@ -373,7 +382,8 @@ const char* islanginfo(const char* name);
  * caller's. -1 for any other type, without iserrno. Trees do not use it. */
 int iscollate(int type, const unsigned char* table);
 
-/* ------------------------------------------------------------------- numbers in key fields, texts -- */
+/* ------------------------------------------------------------------- numbers in key fields, texts
+ * -- */
 
 /* Load and store the stored forms of numbers at any address: KT_INT as 2 bytes, KT_LONG as 4, both
  * most significant byte first; KT_DOUBLE and KT_FLOAT in the machine's form. */

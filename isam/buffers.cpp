@@ -1,6 +1,7 @@
 #include "isam/buffers.h"
 
 #include <algorithm>
+#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -25,6 +26,109 @@ constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
 constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
 
+// Finds the buffer of a page. Open addressing in one array: a look-up reads one line of it.
+class PageTable {
+ public:
+  // False without memory.
+  [[nodiscard]] bool reserve(std::size_t buffers) {
+    const std::size_t slots = std::bit_ceil(buffers * 2);
+    mask_ = slots - 1;
+    slots_.reset(new (std::nothrow) Slot[slots]{});
+    return slots_ != nullptr;
+  }
+  [[nodiscard]] Buffer* find(std::int32_t block, const FileRecord* file) const {
+    for (std::size_t at = home(block, file);; at = (at + 1) & mask_) {
+      const Slot& slot = slots_[at];
+      if (slot.buffer == nullptr || (slot.block == block && slot.file == file)) return slot.buffer;
+    }
+  }
+  void insert(Buffer* buffer) {
+    std::size_t at = home(buffer->block, buffer->file);
+    while (slots_[at].buffer != nullptr) at = (at + 1) & mask_;
+    slots_[at] = {buffer->file, buffer, buffer->block};
+  }
+  void erase(const Buffer* buffer) {
+    std::size_t gap = home(buffer->block, buffer->file);
+    while (slots_[gap].buffer != buffer) gap = (gap + 1) & mask_;
+    // What stands behind moves up as long as its way from home leads over the gap.
+    for (std::size_t at = gap;;) {
+      at = (at + 1) & mask_;
+      const Slot& slot = slots_[at];
+      if (slot.buffer == nullptr) break;
+      if (((at - home(slot.block, slot.file)) & mask_) < ((at - gap) & mask_)) continue;
+      slots_[gap] = slot;
+      gap = at;
+    }
+    slots_[gap] = {};
+  }
+
+ private:
+  struct Slot {
+    const FileRecord* file;
+    Buffer* buffer;
+    std::int32_t block;
+  };
+
+  [[nodiscard]] std::size_t home(std::int32_t block, const FileRecord* file) const {
+    const auto name = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(file)) ^
+                      static_cast<std::uint32_t>(block);
+    return (name * 0x9E3779B97F4A7C15U >> 32) & mask_;
+  }
+
+  std::unique_ptr<Slot[]> slots_;
+  std::size_t mask_ = 0;
+};
+
+// The order in which buffers were released. A ring of releases, read from its old end; a release
+// counts only while it is its buffer's last one and the buffer idle. Unlike a linked list it costs
+// a page found in the pool no look at other buffers.
+class ReleaseOrder {
+ public:
+  [[nodiscard]] bool reserve(std::size_t buffers) {
+    ring_.reset(new (std::nothrow) Release[std::bit_ceil(buffers * 4)]);
+    mask_ = std::bit_ceil(buffers * 4) - 1;
+    return ring_ != nullptr;
+  }
+  void released(Buffer* buffer) {
+    if (end_ - begin_ > mask_) compact();
+    buffer->released = ++count_;
+    ring_[end_++ & mask_] = {buffer, count_};
+  }
+  // Null when every buffer is busy.
+  [[nodiscard]] Buffer* oldest() {
+    for (; begin_ != end_; ++begin_) {
+      const Release& release = ring_[begin_ & mask_];
+      if (counts(release)) return release.buffer;
+    }
+    return nullptr;
+  }
+
+ private:
+  struct Release {
+    Buffer* buffer;
+    std::uint64_t number;
+  };
+
+  [[nodiscard]] static bool counts(const Release& release) {
+    return release.buffer->released == release.number && (release.buffer->flags & kBusy) == 0;
+  }
+  // At most one release of each buffer counts, so that most of a full ring goes.
+  void compact() {
+    std::uint64_t to = begin_;
+    for (std::uint64_t from = begin_; from != end_; ++from) {
+      const Release release = ring_[from & mask_];
+      if (counts(release)) ring_[to++ & mask_] = release;
+    }
+    end_ = to;
+  }
+
+  std::unique_ptr<Release[]> ring_;
+  std::uint64_t mask_ = 0;
+  std::uint64_t begin_ = 0;
+  std::uint64_t end_ = 0;
+  std::uint64_t count_ = 0;
+};
+
 class Pool {
  public:
   Pool();
@@ -48,13 +152,8 @@ class Pool {
   };
 
   static Place bfmapaddr(const Buffer& buffer);
-  [[nodiscard]] std::uint32_t bucket_of(std::int32_t block, const FileRecord& file) const;
-  Buffer* find(std::int32_t block, const FileRecord& file, std::uint32_t bucket) const;
-  void hash_in(Buffer* buffer, std::uint32_t bucket);
-  void hash_out(Buffer* buffer);
-  static void available_out(Buffer* buffer);
   static void modified_out(Buffer* buffer);
-  void reuse(Buffer* buffer, std::int32_t block, std::uint32_t bucket);
+  void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const FileRecord& file);
   bool load(Buffer& buffer);
   common::ReadAhead& window_of(FileKind kind) {
@@ -62,11 +161,10 @@ class Pool {
   }
 
   int nbuffs_ = kDefaultBuffers;
-  std::uint32_t nhbufs_ = 1;
-  std::unique_ptr<Buffer*[]> hbufs_;
+  PageTable table_;
+  ReleaseOrder order_;
   std::unique_ptr<Buffer[]> buffs_;
   std::unique_ptr<Byte[]> pages_;
-  Buffer avbuffs_{};  // head of the available list: next is the least recently released
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;
@@ -85,18 +183,16 @@ Pool::Pool() {
     nbuffs_ = static_cast<int>(
         common::number_within(text, kMinBuffers, kMaxBuffers).value_or(kDefaultBuffers));
   }
-  nhbufs_ = static_cast<std::uint32_t>(nbuffs_ / 3);
   const auto count = static_cast<std::size_t>(nbuffs_);
-  hbufs_.reset(new (std::nothrow) Buffer* [nhbufs_] {});
   buffs_.reset(new (std::nothrow) Buffer[count]{});
   pages_.reset(new (std::nothrow) Byte[count * kPageStride]);
-  if (!hbufs_ || !buffs_ || !pages_) common::error("cannot allocate buffers");
-  avbuffs_.available_next = avbuffs_.available_previous = &avbuffs_;
+  if (!table_.reserve(count) || !order_.reserve(count) || !buffs_ || !pages_) {
+    common::error("cannot allocate buffers");
+  }
   to_write_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     buffs_[i].page = pages_.get() + i * kPageStride;
-    buffs_[i].flags = kBusy;
-    bfrelease(&buffs_[i]);
+    order_.released(&buffs_[i]);
   }
 }
 
@@ -109,41 +205,6 @@ Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
   const int node_bytes = file.idxsize + 1;
   return {file.idxfd, std::int64_t{buffer.block - 1} * node_bytes,
           static_cast<std::size_t>(node_bytes), FileKind::kIndex};
-}
-
-std::uint32_t Pool::bucket_of(std::int32_t block, const FileRecord& file) const {
-  return (static_cast<std::uint32_t>(block) + static_cast<std::uint32_t>(file.inode)) % nhbufs_;
-}
-
-Buffer* Pool::find(std::int32_t block, const FileRecord& file, std::uint32_t bucket) const {
-  for (Buffer* at = hbufs_[bucket]; at != nullptr; at = at->hash_next) {
-    if (at->block == block && at->file == &file) return at;
-  }
-  return nullptr;
-}
-
-void Pool::hash_in(Buffer* buffer, std::uint32_t bucket) {
-  Buffer*& head = hbufs_[bucket];
-  buffer->bucket = bucket;
-  buffer->hash_previous = nullptr;
-  buffer->hash_next = head;
-  if (head != nullptr) head->hash_previous = buffer;
-  head = buffer;
-}
-
-void Pool::hash_out(Buffer* buffer) {
-  if (buffer->file == nullptr) return;
-  if (buffer->hash_previous != nullptr) {
-    buffer->hash_previous->hash_next = buffer->hash_next;
-  } else {
-    hbufs_[buffer->bucket] = buffer->hash_next;
-  }
-  if (buffer->hash_next != nullptr) buffer->hash_next->hash_previous = buffer->hash_previous;
-}
-
-void Pool::available_out(Buffer* buffer) {
-  buffer->available_previous->available_next = buffer->available_next;
-  buffer->available_next->available_previous = buffer->available_previous;
 }
 
 void Pool::modified(Buffer* buffer) {
@@ -170,31 +231,27 @@ void Pool::modified_out(Buffer* buffer) {
   }
 }
 
-// Gives the least recently released buffer to another page of the current file.
-void Pool::reuse(Buffer* buffer, std::int32_t block, std::uint32_t bucket) {
+// Gives an idle buffer to another page of the current file.
+void Pool::reuse(Buffer* buffer, std::int32_t block) {
   if ((buffer->flags & kModified) != 0) {
     // The failure belongs to the page that goes, not to the call that needs its buffer: it is
     // kept in the file record and reported at the end.
-    const std::int32_t error = iserrno;
-    const std::int32_t place = iserrio;
+    const KeepError keep;
     bfwrite(buffer);
-    iserrno = error;
-    iserrio = place;
   }
-  hash_out(buffer);
+  if (buffer->file != nullptr) table_.erase(buffer);
   buffer->block = block;
   buffer->file = filep;
   buffer->flags = 0;
-  hash_in(buffer, bucket);
+  table_.insert(buffer);
 }
 
 Buffer* Pool::bfgetblk(std::int32_t block) {
-  const std::uint32_t bucket = bucket_of(block, *filep);
-  Buffer* buffer = find(block, *filep, bucket);
+  Buffer* buffer = table_.find(block, filep);
   if (buffer == nullptr) {
-    buffer = avbuffs_.available_next;
-    if (buffer == &avbuffs_) common::error("no more buffers");
-    reuse(buffer, block, bucket);
+    buffer = order_.oldest();
+    if (buffer == nullptr) common::error("no more buffers");
+    reuse(buffer, block);
   }
   if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
   if (buffer->generation != filep->generation) {
@@ -202,7 +259,6 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
     buffer->generation = filep->generation;
   }
   buffer->flags |= kBusy;
-  available_out(buffer);
   return buffer;
 }
 
@@ -251,10 +307,7 @@ void Pool::bfrelease(Buffer* buffer) {
     buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
     buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
   }
-  buffer->available_previous = avbuffs_.available_previous;
-  buffer->available_next = &avbuffs_;
-  avbuffs_.available_previous->available_next = buffer;
-  avbuffs_.available_previous = buffer;
+  order_.released(buffer);
 }
 
 int Pool::bfwrite(Buffer* buffer) {

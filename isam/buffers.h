@@ -34,7 +34,8 @@
 
 namespace isam {
 
-struct Buffer {
+// What a call touches of a buffer lies in one cache line.
+struct alignas(64) Buffer {
   std::uint16_t flags;  // BufferFlag
   std::uint16_t used;   // frame fields of a node, kept here while the page is in the pool
   Byte node_type;
@@ -42,14 +43,10 @@ struct Buffer {
   std::int32_t block;  // node number, or number of a data block with the top bit set
   FileRecord* file;    // null: the buffer holds no page
   Byte* page;
-  Buffer* hash_next;
-  Buffer* hash_previous;
-  Buffer* available_next;
-  Buffer* available_previous;
-  Buffer* modified_next;  // among the file's modified pages
-  Buffer* modified_previous;
   std::uint64_t generation;  // the file's when the page was read
-  std::uint32_t bucket;      // where it hangs in the hash table
+  std::uint64_t released;    // when it was released last, counted in releases
+  Buffer* modified_next;     // among the file's modified pages
+  Buffer* modified_previous;
 };
 
 // A busy page. Released when it leaves scope.

@@ -107,8 +107,8 @@ int set_up(OpenRecord& open, int lock_mode, const RecordLengths& lengths, keydes
 
 int build(const char* name, int reclen, keydescr& key, int mode) {
   RecordLengths lengths{};
-  if (check_lengths(reclen, mode, lengths) != 0 || mktemprec(reclen) != 0 ||
-      ckfilname(name) != 0 || check_primary_key(key, lengths.minimum) != 0) {
+  if (check_lengths(reclen, mode, lengths) != 0 || mktemprec(reclen) != 0 || ckfilname(name) != 0 ||
+      check_primary_key(key, lengths.minimum) != 0) {
     return -1;
   }
   const int lock_mode = issingleuser ? ISEXCLLOCK : lock_mode_of(mode);
@@ -134,8 +134,7 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
 // Opens a pair for this process alone, whatever its record format: the open, or -1.
 int open_alone(const char* name) {
   const int isfd = isopen(name, ISINOUT + ISEXCLLOCK);
-  return isfd < 0 && iserrno == kBadArgument ? isopen(name, ISINOUT + ISEXCLLOCK + ISVARLEN)
-                                             : isfd;
+  return isfd < 0 && iserrno == kBadArgument ? isopen(name, ISINOUT + ISEXCLLOCK + ISVARLEN) : isfd;
 }
 
 // Closes it so that its descriptors really go.

@@ -38,8 +38,8 @@ class KeptPosition {
     if (!moved_) return;
     bt.item = item_;
     bt.ends = kOnItem;
-    bt.state = static_cast<std::uint16_t>((bt.state & ~kCurrentDeleted) | kHasCurrent |
-                                          kCurrentRead);
+    bt.state =
+        static_cast<std::uint16_t>((bt.state & ~kCurrentDeleted) | kHasCurrent | kCurrentRead);
   }
 
   // An insertion met an equal key.

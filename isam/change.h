@@ -1,7 +1,8 @@
 // change: adding, replacing and deleting one record together with its index entries.
 //
 // Needs   the current open entered for writing
-// Keeps   R1 a change that fails is undone: indexes, numbers and the record are as they were, except
+// Keeps   R1 a change that fails is undone: indexes, numbers and the record are as they were,
+// except
 //            that a record put back stands last among equal keys
 // Gives   the steps behind the public calls
 // Never   moves the open's position, unless it is told to

@@ -50,19 +50,19 @@ struct FileRecord {
   std::uint32_t stamp = 0;  // change stamp last seen in this process
   int datfd = -1;           // -1 while vclose has it closed
   int idxfd = -1;
-  int datmode = 0;              // access that the data file was opened with, as O_RDWR
-  int reclen = 0;               // record length; the fixed part's with variable length
-  int maxreclen = 0;            // greatest record length; reclen for fixed length
-  int idxsize = 0;              // node size minus one
+  int datmode = 0;    // access that the data file was opened with, as O_RDWR
+  int reclen = 0;     // record length; the fixed part's with variable length
+  int maxreclen = 0;  // greatest record length; reclen for fixed length
+  int idxsize = 0;    // node size minus one
   bool varlen = false;
-  std::uint64_t lastuse = 0;    // value of the use counter at the last call
-  std::uint64_t generation = 0; // of its pages in the pool: pages of another one are stale
-  Buffer* modified = nullptr;   // its modified pages in the pool
+  std::uint64_t lastuse = 0;     // value of the use counter at the last call
+  std::uint64_t generation = 0;  // of its pages in the pool: pages of another one are stale
+  Buffer* modified = nullptr;    // its modified pages in the pool
   Dictionary dictionary{};
   std::vector<keydescr> keys;         // its key descriptions, as of
   std::uint64_t keys_generation = 0;  // ... this generation
-  FailedWrite failed_write;  // the first since it was last reported
-  std::string name;          // base name, without suffix
+  FailedWrite failed_write;           // the first since it was last reported
+  std::string name;                   // base name, without suffix
 };
 
 // Flags of an open record.

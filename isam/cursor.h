@@ -40,8 +40,8 @@ enum class ReadMode : int {
 void take_found_item();
 
 // Positions the current index by the first `len` bytes of the key in `record` (0: all of it), or by
-// isrecnum in the order of record numbers, and sets isrecnum to the record found. 0, or -1 with 102,
-// 110, 111; then there is no position.
+// isrecnum in the order of record numbers, and sets isrecnum to the record found. 0, or -1 with
+// 102, 110, 111; then there is no position.
 int kposition(const Byte* record, int len, ReadMode mode);
 
 // Stands before the first item without looking for it.

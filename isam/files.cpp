@@ -252,8 +252,7 @@ int reopen_data(FileRecord& file) {
 }
 
 int makefile(const std::string& path, FileKind kind) {
-  const common::FileHold fd =
-      open_with_retry(path, O_RDWR | O_CREAT | O_EXCL, kPermissions);
+  const common::FileHold fd = open_with_retry(path, O_RDWR | O_CREAT | O_EXCL, kPermissions);
   return fd ? 0 : failed_system(errno, Operation::kCreate, kind);
 }
 

@@ -19,10 +19,10 @@ namespace isam {
 
 // What a call needs of its open, and how it enters.
 enum Entry : int {
-  kToLook = 0,    // neither access
-  kToRead = 1,    // the open's mode includes reading
-  kToWrite = 2,   // ... writing
-  kShared = 64,   // other processes' shared entries do not wait
+  kToLook = 0,   // neither access
+  kToRead = 1,   // the open's mode includes reading
+  kToWrite = 2,  // ... writing
+  kShared = 64,  // other processes' shared entries do not wait
   kAnyLocale = 0x80,
   kKeepAutoLock = 0x800,
 };

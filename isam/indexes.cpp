@@ -48,8 +48,7 @@ int fill_index(const keydescr& key) {
     IndexLoad load{key};
     if (gather(load) != 0) return -1;
     bool left_out = false;
-    const IndexLoad::Listener listener{[&](std::int32_t) { left_out = true; },
-                                       [](std::int64_t) {}};
+    const IndexLoad::Listener listener{[&](std::int32_t) { left_out = true; }, [](std::int64_t) {}};
     if (load.finish(key.rootnode, listener) != 0) return -1;
     return left_out ? failed(kDuplicate) : 0;
   } catch (const std::bad_alloc&) {

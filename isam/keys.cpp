@@ -133,9 +133,8 @@ int kyckstart(const keydescr& k, int len) {
 }
 
 bool kynchar(const keydescr& k) {
-  return std::any_of(k.part, k.part + k.nparts, [](const keypart& part) {
-    return (part.type & kTypeMask) == KT_LOCALE;
-  });
+  return std::any_of(k.part, k.part + k.nparts,
+                     [](const keypart& part) { return (part.type & kTypeMask) == KT_LOCALE; });
 }
 
 KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {

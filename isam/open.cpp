@@ -1,6 +1,4 @@
 // open: isopen, isclose and what they leave behind.
-#include "isam/opening.h"
-
 #include <fcntl.h>
 
 #include <cerrno>
@@ -14,6 +12,7 @@
 #include "isam/frame.h"
 #include "isam/keytable.h"
 #include "isam/locks.h"
+#include "isam/opening.h"
 
 namespace isam {
 

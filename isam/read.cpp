@@ -25,8 +25,7 @@ int parse(int mode, Request& request) {
   const bool both = (bits & RD_SKIPLOCK) != 0 && (bits & RD_WAIT) != 0;
   const bool known = (bits & ~(RD_LOCK | RD_SKIPLOCK | RD_WAIT)) == 0;
   if (low > RD_GTEQ || !known || both) return failed(kBadArgument);
-  request = {static_cast<ReadMode>(low),
-             (bits & RD_LOCK) != 0 || (openp->mode & ISAUTOLOCK) != 0,
+  request = {static_cast<ReadMode>(low), (bits & RD_LOCK) != 0 || (openp->mode & ISAUTOLOCK) != 0,
              (bits & RD_SKIPLOCK) != 0, (bits & RD_WAIT) != 0};
   return 0;
 }

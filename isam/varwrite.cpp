@@ -220,8 +220,8 @@ PageHold rpgetspc(int size) {
       failed(kCorrupted);
       return {};
     }
-    const bool new_slot = view.slot_count() < rpage::kMaxSlots &&
-                          view.free_bytes() >= size + rpage::kSlotSize;
+    const bool new_slot =
+        view.slot_count() < rpage::kMaxSlots && view.free_bytes() >= size + rpage::kSlotSize;
     if (new_slot || view.has_empty_slot()) return page;
     ++at;
   }
