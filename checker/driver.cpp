@@ -176,6 +176,7 @@ void wind_up() {
   isam::clear_errors();
   isam::bfflush(*filep);
   isam::isexit();
+  if ((filep->flags & isam::kDictionaryChanged) != 0) isam::dictwrite();
   isam::lkopenlock(0);
   prterr();
   isam::freeopen(*openp);

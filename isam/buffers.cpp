@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <vector>
 
+#include "common/arena.h"
 #include "common/fatal.h"
 #include "common/io.h"
 #include "common/number.h"
@@ -24,6 +24,7 @@ constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
 constexpr int kDefaultBuffers = 16;
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
+constexpr int kNodeLifetimes = 8;          // of an unused data block
 constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
 
 // Finds the buffer of a page. Open addressing in one array: a look-up reads one line of it.
@@ -33,7 +34,7 @@ class PageTable {
   [[nodiscard]] bool reserve(std::size_t buffers) {
     const std::size_t slots = std::bit_ceil(buffers * 2);
     mask_ = slots - 1;
-    slots_.reset(new (std::nothrow) Slot[slots]{});
+    slots_ = common::make_arena<Slot>(slots);
     return slots_ != nullptr;
   }
   [[nodiscard]] Buffer* find(std::int32_t block, const FileRecord* file) const {
@@ -75,7 +76,7 @@ class PageTable {
     return (name * 0x9E3779B97F4A7C15U >> 32) & mask_;
   }
 
-  std::unique_ptr<Slot[]> slots_;
+  common::Arena<Slot> slots_;
   std::size_t mask_ = 0;
 };
 
@@ -84,49 +85,48 @@ class PageTable {
 // a page found in the pool no look at other buffers.
 class ReleaseOrder {
  public:
+  // False without memory.
   [[nodiscard]] bool reserve(std::size_t buffers) {
-    ring_.reset(new (std::nothrow) Release[std::bit_ceil(buffers * 4)]);
-    mask_ = std::bit_ceil(buffers * 4) - 1;
-    return ring_ != nullptr;
+    const std::size_t releases = std::bit_ceil(buffers * 4);
+    mask_ = releases - 1;
+    ring_ = common::make_arena<Buffer*>(releases);
+    numbers_ = common::make_arena<std::uint64_t>(releases);
+    return ring_ != nullptr && numbers_ != nullptr;
   }
   void released(Buffer* buffer) {
     if (end_ - begin_ > mask_) compact();
-    buffer->released = ++count_;
-    ring_[end_++ & mask_] = {buffer, count_};
+    ring_[end_ & mask_] = buffer;
+    numbers_[end_++ & mask_] = buffer->released;
   }
   // Null when every buffer is busy.
   [[nodiscard]] Buffer* oldest() {
     for (; begin_ != end_; ++begin_) {
-      const Release& release = ring_[begin_ & mask_];
-      if (counts(release)) return release.buffer;
+      if (counts(begin_)) return ring_[begin_ & mask_];
     }
     return nullptr;
   }
 
  private:
-  struct Release {
-    Buffer* buffer;
-    std::uint64_t number;
-  };
-
-  [[nodiscard]] static bool counts(const Release& release) {
-    return release.buffer->released == release.number && (release.buffer->flags & kBusy) == 0;
+  [[nodiscard]] bool counts(std::uint64_t at) const {
+    const Buffer& buffer = *ring_[at & mask_];
+    return buffer.released == numbers_[at & mask_] && (buffer.flags & kBusy) == 0;
   }
   // At most one release of each buffer counts, so that most of a full ring goes.
   void compact() {
     std::uint64_t to = begin_;
     for (std::uint64_t from = begin_; from != end_; ++from) {
-      const Release release = ring_[from & mask_];
-      if (counts(release)) ring_[to++ & mask_] = release;
+      if (!counts(from)) continue;
+      ring_[to & mask_] = ring_[from & mask_];
+      numbers_[to++ & mask_] = numbers_[from & mask_];
     }
     end_ = to;
   }
 
-  std::unique_ptr<Release[]> ring_;
+  common::Arena<Buffer*> ring_;
+  common::Arena<std::uint64_t> numbers_;
   std::uint64_t mask_ = 0;
   std::uint64_t begin_ = 0;
   std::uint64_t end_ = 0;
-  std::uint64_t count_ = 0;
 };
 
 class Pool {
@@ -153,6 +153,8 @@ class Pool {
 
   static Place bfmapaddr(const Buffer& buffer);
   static void modified_out(Buffer* buffer);
+  void put_in_order(Buffer* buffer);
+  Buffer* least_wanted();
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const FileRecord& file);
   bool load(Buffer& buffer);
@@ -162,9 +164,11 @@ class Pool {
 
   int nbuffs_ = kDefaultBuffers;
   PageTable table_;
-  ReleaseOrder order_;
-  std::unique_ptr<Buffer[]> buffs_;
-  std::unique_ptr<Byte[]> pages_;
+  ReleaseOrder nodes_;
+  ReleaseOrder data_blocks_;
+  std::uint64_t releases_ = 0;
+  common::Arena<Buffer> buffs_;
+  common::Arena<Byte> pages_;
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;
@@ -184,15 +188,16 @@ Pool::Pool() {
         common::number_within(text, kMinBuffers, kMaxBuffers).value_or(kDefaultBuffers));
   }
   const auto count = static_cast<std::size_t>(nbuffs_);
-  buffs_.reset(new (std::nothrow) Buffer[count]{});
-  pages_.reset(new (std::nothrow) Byte[count * kPageStride]);
-  if (!table_.reserve(count) || !order_.reserve(count) || !buffs_ || !pages_) {
+  buffs_ = common::make_arena<Buffer>(count);
+  pages_ = common::make_arena<Byte>(count * kPageStride);
+  if (!table_.reserve(count) || !nodes_.reserve(count) || !data_blocks_.reserve(count) || !buffs_ ||
+      !pages_) {
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
     buffs_[i].page = pages_.get() + i * kPageStride;
-    order_.released(&buffs_[i]);
+    put_in_order(&buffs_[i]);
   }
 }
 
@@ -231,6 +236,21 @@ void Pool::modified_out(Buffer* buffer) {
   }
 }
 
+void Pool::put_in_order(Buffer* buffer) {
+  buffer->released = ++releases_;
+  (buffer->block < 0 ? data_blocks_ : nodes_).released(buffer);
+}
+
+// The buffer that was released least recently, where a node counts as released later than it was:
+// it serves many records, a data block few. Null when every buffer is busy.
+Buffer* Pool::least_wanted() {
+  Buffer* const node = nodes_.oldest();
+  Buffer* const block = data_blocks_.oldest();
+  if (node == nullptr || block == nullptr) return node == nullptr ? block : node;
+  const auto head_start = static_cast<std::uint64_t>(kNodeLifetimes * nbuffs_);
+  return block->released < node->released + head_start ? block : node;
+}
+
 // Gives an idle buffer to another page of the current file.
 void Pool::reuse(Buffer* buffer, std::int32_t block) {
   if ((buffer->flags & kModified) != 0) {
@@ -249,7 +269,7 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
 Buffer* Pool::bfgetblk(std::int32_t block) {
   Buffer* buffer = table_.find(block, filep);
   if (buffer == nullptr) {
-    buffer = order_.oldest();
+    buffer = least_wanted();
     if (buffer == nullptr) common::error("no more buffers");
     reuse(buffer, block);
   }
@@ -307,7 +327,7 @@ void Pool::bfrelease(Buffer* buffer) {
     buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
     buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
   }
-  order_.released(buffer);
+  put_in_order(buffer);
 }
 
 int Pool::bfwrite(Buffer* buffer) {

@@ -13,7 +13,8 @@
 //         B2 a modified page is written before its buffer serves another page
 //         B3 the frame fields of a modified node (used count, kind, level) are put back into the
 //            page when it is released
-//         B4 the least recently released buffer is the first to be reused
+//         B4 of the index nodes and of the data blocks, the least recently released is the first to
+//            give its buffer up; nodes stay longer than data blocks
 //         B5 forgetting a file costs the same however many pages of it are cached: its generation
 //            changes, and pages of an older one count as not read
 // Gives   PageHold: a busy page that gives itself back when it leaves scope

@@ -61,6 +61,7 @@ struct FileRecord {
   Dictionary dictionary{};
   std::vector<keydescr> keys;         // its key descriptions, as of
   std::uint64_t keys_generation = 0;  // ... this generation
+  int calls_unwritten = 0;            // calls of exclusive opens since the dictionary was written
   FailedWrite failed_write;           // the first since it was last reported
   std::string name;                   // base name, without suffix
 };

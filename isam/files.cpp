@@ -302,6 +302,7 @@ int dictwrite() {
     return failed_system(errno, Operation::kWrite, FileKind::kIndex);
   }
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  filep->calls_unwritten = 0;
   return 0;
 }
 

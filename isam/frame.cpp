@@ -17,6 +17,8 @@ int batchflag = 0;
 namespace {
 
 constexpr int kBatchCalls = 7;
+// An exclusive open's dictionary may lag behind by this many calls, as its pages do.
+constexpr int kCallsUnwritten = 16;
 std::uint64_t use_counter = 0;
 
 int refuse(OpenRecord* open) {
@@ -107,7 +109,7 @@ void write_changes() {
   if (lost.error != 0 && !exclusive) {
     forget_call();
   } else if ((filep->flags & kDictionaryChanged) != 0) {
-    dictwrite();
+    if (!exclusive || ++filep->calls_unwritten >= kCallsUnwritten) dictwrite();
   }
   if (lost.error != 0) {
     iserrno = lost.error;
@@ -156,6 +158,11 @@ int isenter(int isfd, int entry) {
   isstat1 = '9';
   if (isstat3 == '0') isstat3 = '9';
   return -1;
+}
+
+int write_delayed() {
+  if (filep->modified != nullptr) bfflush(*filep);
+  return (filep->flags & kDictionaryChanged) != 0 ? dictwrite() : 0;
 }
 
 int isexit() {

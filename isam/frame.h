@@ -9,7 +9,7 @@
 //         C2 pages that another process may have changed since are not used: the dictionary's
 //            change stamp tells
 //         C3 what a call changed is written before the semaphore goes (exclusive opens: when
-//            their buffers are needed, by isflush or isclose)
+//            their buffers are needed, by isflush or isclose; the dictionary every few calls)
 //         C4 a call whose changes cannot be written fails, and forgets what it had cached
 #pragma once
 
@@ -33,6 +33,9 @@ extern int batchflag;
 // Makes an open current and takes its file for one call. 0, or -1 with 101 (not open; status "4" in
 // isstat2 when it is open for another access) or whatever reading the dictionary fails with.
 int isenter(int isfd, int entry);
+
+// Writes all that an exclusive open has delayed: 0, or -1 with iserrno.
+int write_delayed();
 
 // Ends a call on the current open: raises the change stamp when a page changed, writes what must
 // be seen by other processes, sets the status characters and releases the semaphore. 0, or -1

@@ -51,7 +51,7 @@ int close_open(OpenRecord& open) {
     lksemaphore(Semaphore::kExclusive);
   }
   // Everything is on disk before the locks go. Of an exclusive open much may still be in the pool.
-  if (filep->modified != nullptr) bfflush(*filep);
+  write_delayed();
   const KeepError keep;
   lkfile(false);
   lkopenlock(0);
@@ -181,6 +181,20 @@ int close_entered(OpenRecord& open) {
   return result;
 }
 
+// What cannot be entered any more is closed all the same; the error stays.
+int close_unentered(OpenRecord& open) {
+  const KeepError keep;
+  make_current(open);
+  if (filep->exclusives == 0) {
+    filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+  }
+  close_open(open);
+  release_semaphore();
+  freeopen(open);
+  openp = nullptr;
+  return -1;
+}
+
 }  // namespace
 }  // namespace isam
 
@@ -198,25 +212,15 @@ extern "C" int isopen(const char* name, int mode) {
 }
 
 extern "C" int isclose(int isfd) {
-  OpenRecord* open = open_of(isfd);
+  OpenRecord* const open = open_of(isfd);
   const bool shared = open != nullptr && bfpend(*open->file) == 0 && !close_waits();
-  if (isenter(isfd, kAnyLocale | (shared ? kShared : kToLook)) != 0) {
-    if (open == nullptr) {
-      isstat3 = '4';
-      isstat4 = '2';
-      return -1;
-    }
-    // What cannot be entered any more is closed all the same; the error stays.
-    const KeepError keep;
-    make_current(*open);
-    filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
-    close_open(*open);
-    release_semaphore();
-    freeopen(*open);
-    openp = nullptr;
+  const int entered = isenter(isfd, kAnyLocale | (shared ? kShared : kToLook));
+  if (open == nullptr) {
+    isstat3 = '4';
+    isstat4 = '2';
     return -1;
   }
-  return close_entered(*open);
+  return entered == 0 ? close_entered(*open) : close_unentered(*open);
 }
 
 extern "C" int iscleanup(void) {
@@ -238,7 +242,7 @@ extern "C" int isrelease(int isfd) {
 
 extern "C" int isflush(int isfd) {
   if (isenter(isfd, kToRead) != 0) return -1;
-  bfflush(*filep);
+  write_delayed();
   return isexit();
 }
 
