@@ -56,6 +56,9 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode);
 // the current record number is moved, up to the last one of the file.
 int btmove(const keydescr& k, Direction direction);
 
+// Makes record `number` the item read last, in the order of record numbers.
+void btnumber(std::int32_t number);
+
 // Sets the flag kSameKeyNearby when the neighbour has the key of the item on the path, else clears
 // it. The position stays.
 int btdups(const keydescr& k, Direction direction);

@@ -161,7 +161,7 @@ int move_number(Direction direction) {
     if (number > dictp->d_nextdata() && refresh_dictionary() != 0) return -1;
     if (number > dictp->d_nextdata()) bt.ends = kAfterLast;
   }
-  treeitem.recptr = number;
+  btnumber(number);
   return 0;
 }
 
@@ -213,6 +213,11 @@ bool is_current(const Item& item, const keydescr& k) {
 }
 
 }  // namespace
+
+void btnumber(std::int32_t number) {
+  treeitem.recptr = number;
+  treeitem_place = {};
+}
 
 int btposition(const keydescr& k, Edge edge) {
   const ItemLayout layout{k};

@@ -38,12 +38,16 @@ class KeptPosition {
     if (!moved_) return;
     bt.item = item_;
     bt.ends = kOnItem;
-    bt.state =
-        static_cast<std::uint16_t>((bt.state & ~kCurrentDeleted) | kHasCurrent | kCurrentRead);
+    bt.state = static_cast<std::uint16_t>((bt.state & ~kCurrentDeleted) | moved_state_);
   }
 
   // An insertion met an equal key.
   void note_neighbour() { nearby_ |= bt.state & kSameKeyNearby; }
+  // A new record becomes current as if it had been read.
+  void move_to_new(const Item& item) {
+    move_to(item);
+    moved_state_ = kHasCurrent | kCurrentRead;
+  }
   void move_to(const Item& item) {
     item_ = item;
     moved_ = true;
@@ -52,6 +56,7 @@ class KeptPosition {
 
  private:
   std::uint16_t nearby_ = 0;
+  std::uint16_t moved_state_ = kHasCurrent;
   bool moved_ = false;
   Item item_;
 };
@@ -118,7 +123,7 @@ std::size_t add_items(const Keys& keys, ConstBytes record, std::int32_t number, 
     Item item = item_of(record, number, keys[added]);
     if (btadditem(item, keys[added]) != 0) break;
     position.note_neighbour();
-    if (current == Current::kMoves && is_current_key(keys[added])) position.move_to(item);
+    if (current == Current::kMoves && is_current_key(keys[added])) position.move_to_new(item);
   }
   return added;
 }
@@ -198,7 +203,7 @@ std::int32_t wrtrecord(ConstBytes record, Current current) {
   if (current == Current::kMoves && openp->key.nparts == 0) {
     Item item;
     item.recptr = number;
-    position.move_to(item);
+    position.move_to_new(item);
   }
   const std::size_t added = add_items(*keys, record, number, current, position);
   if (added == keys->size() && datacreate(number, record) == 0) return number;

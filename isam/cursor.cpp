@@ -58,7 +58,7 @@ int position_by_number(ReadMode mode) {
     const bool edge = mode == ReadMode::kFirst || mode == ReadMode::kLast;
     if (number == 0 && !edge) return failed(kEndOfFile);
   }
-  treeitem.recptr = number;
+  btnumber(number);
   if (number == 0) bt.ends = kBeforeFirst;
   return 0;
 }
@@ -81,17 +81,16 @@ int kposition(const Byte* record, int len, ReadMode mode) {
   if (!positions_anew(mode)) return failed(kBadArgument);
   const int found = by_number() ? position_by_number(mode) : position_in_tree(record, len, mode);
   if (found != 0) return -1;
-  if (bt.ends == kEmptyTree) treeitem.recptr = 0;
+  if (bt.ends == kEmptyTree) btnumber(0);
   take_found_item();
   bt.state |= kHasCurrent;
-  isrecnum = bt.item.recptr;
   return 0;
 }
 
 int find_current(bool again) {
   if ((bt.state & kHasCurrent) == 0) return failed(kNoCurrent);
   if (btcurrent(openp->key, again) != 0) return failed_unless_set(kNoCurrent);
-  if (by_number()) treeitem.recptr = bt.item.recptr;
+  if (by_number()) btnumber(bt.item.recptr);
   return 0;
 }
 

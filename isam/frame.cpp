@@ -47,7 +47,7 @@ void notice_changes() {
   const std::uint32_t stamp = dictp->d_modcount();
   if (stamp != openp->stamp) {
     openp->stamp = stamp;
-    bt.depth = -1;
+    openp->position.depth = -1;
   }
   if (stamp != filep->stamp) {
     filep->stamp = stamp;
@@ -81,10 +81,10 @@ int enter(OpenRecord* open, int entry) {
   const int needed = entry & (kToRead | kToWrite);
   if ((access & needed) != needed) return refuse(open);
   if (take_file(entry) != 0) return -1;
-  bt = openp->position;
-  bt.state = static_cast<std::uint16_t>(bt.state & ~kSameKeyNearby);
-  if ((entry & kAnyLocale) == 0 && check_locale() != 0) return -1;
   notice_changes();
+  openp->position.state = static_cast<std::uint16_t>(openp->position.state & ~kSameKeyNearby);
+  bt = openp->position;
+  if ((entry & kAnyLocale) == 0 && check_locale() != 0) return -1;
   return open_data() != 0 ? -1 : release_automatic_lock(entry);
 }
 

@@ -131,7 +131,9 @@ int start(keydescr& k, int len, const Byte* record, int mode) {
   }
   if (selected_key(k, edge && len < 0 ? 0 : len) != 0) return -1;
   openp->key = k;
-  return kposition(record, len, read_mode) == 0 ? 1 : 0;
+  if (kposition(record, len, read_mode) != 0) return 0;
+  isrecnum = bt.item.recptr;
+  return 1;
 }
 
 }  // namespace

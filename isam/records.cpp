@@ -28,7 +28,11 @@ int write_record(int isfd, const char* record, Current current) {
 template <typename Find, typename Change>
 int change_found(Find find, Change change) {
   const FoundRecord found = find();
-  if (found.number >= 0 && change(found) == 0) isrecnum = found.number;
+  if (found.number < 0) {
+    bt = openp->position;
+  } else if (change(found) == 0) {
+    isrecnum = found.number;
+  }
   return isexit();
 }
 

@@ -61,7 +61,9 @@ int link_page(std::int32_t node, Rpage& page, int to) {
 
 }  // namespace
 
-int rpflmove(PageHold page) {
+int rpflmove(PageHold held) {
+  // An argument may live until the caller's whole expression ends, and the page with it.
+  PageHold page = std::move(held);
   const std::int32_t node = page.node();
   Rpage view{page};
   const int from = view.page_class();

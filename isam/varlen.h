@@ -140,7 +140,7 @@ class Rpage {
 
 // Files a page, held, in the list that its room calls for, and writes it; a page that holds
 // nothing goes back to the free nodes. 0, or -1 (the page is written all the same).
-int rpflmove(PageHold page);
+int rpflmove(PageHold held);
 // Files a page that is on no list.
 int rpfladd(PageHold page);
 

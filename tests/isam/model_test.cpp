@@ -1,0 +1,382 @@
+// Long random scripts of public calls, each call compared with a simple model of the pair.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <deque>
+#include <random>
+#include <sstream>
+
+#include "tests/support/isam_model.h"
+#include "tests/support/run_program.h"
+
+namespace testing_support {
+namespace {
+
+using Bytes = IsamModel::Bytes;
+
+// All records begin alike: a name, an id, a rank, an amount that may be null, and a text.
+constexpr int kMinimum = 61;
+constexpr keypart kName{0, 8, KT_CHAR}, kId{8, 4, KT_LONG}, kRank{12, 2, KT_INT},
+    kRankDown{12, 2, KT_INT | KT_DESC}, kAmount{14, 8, KT_DOUBLE},
+    kAmountDown{14, 8, KT_DOUBLE | KT_DESC}, kText{22, 12, KT_CHAR},
+    kTextDown{22, 12, KT_CHAR | KT_DESC};
+
+keydescr index(int flags, std::initializer_list<keypart> parts) {
+  keydescr k{};
+  k.flags = static_cast<std::int16_t>(flags);
+  for (const keypart& part : parts) {
+    k.part[k.nparts++] = part;
+    k.keylen = static_cast<std::int16_t>(k.keylen + part.length);
+  }
+  return k;
+}
+
+struct Shape {
+  const char* name;
+  int maximum;             // record length; above kMinimum with variable length
+  std::vector<int> locks;  // lock mode of each open
+  std::vector<keydescr> keys;
+};
+
+void PrintTo(const Shape& shape, std::ostream* out) { *out << shape.name; }
+
+template <typename... Arguments>
+std::string text(const Arguments&... arguments) {
+  std::ostringstream out;
+  ((out << ' ' << arguments), ...);
+  return out.str();
+}
+
+std::string show(const Bytes& record) {
+  int null = 0;
+  const double amount = ::lddblnull(&record[14], &null);
+  return text('[', record.substr(0, 8), ::ldlong(&record[8]), ::ldint(&record[12]),
+              null != 0 ? "null" : text(amount), record.substr(22, 12), ']');
+}
+
+std::string show(const keydescr& k) {
+  std::string all = text("key", k.flags);
+  std::for_each(k.part, k.part + k.nparts, [&all](const keypart& part) {
+    all += text(';', part.start, part.length, part.type);
+  });
+  return all;
+}
+
+unsigned setting(const char* name, unsigned otherwise) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(value, nullptr, 10));
+}
+
+// One pair, the library's calls on it and the model.
+class Script {
+ public:
+  explicit Script(const Shape& shape) : shape_(shape) {
+    std::vector<keydescr> keys = keys_;
+    ::isreclen = kMinimum;
+    const int isfd =
+        ::isbuild(base_.c_str(), shape.maximum, &keys[0], ISINOUT | ISEXCLLOCK | format_);
+    for (std::size_t i = 1; i < keys.size(); ++i) EXPECT_EQ(::isaddindex(isfd, &keys[i]), 0);
+    EXPECT_EQ(::isclose(isfd), 0);
+    model_.number = ::isrecnum;
+    model_.length = ::isreclen;
+  }
+  Script(const Script&) = delete;
+  Script& operator=(const Script&) = delete;
+  ~Script() { ::iscleanup(); }
+
+  void run(unsigned calls, unsigned writes, unsigned deletes) {
+    for (; calls > 0 && !failed; --calls) step(any(100), writes, writes + deletes);
+    for (int& isfd : opens_) close(isfd);
+    if (!failed) verify();
+  }
+
+  bool failed = false;
+  std::size_t made = 0, good = 0;  // calls, and those that succeeded
+
+ private:
+  // A result, and what a call that succeeds tells besides.
+  struct Answer {
+    int result;
+    std::string told = {};
+  };
+
+  unsigned any(std::size_t below) { return static_cast<unsigned>(random_() % below); }
+  bool one_in(unsigned times) { return any(times) == 0; }
+  int among(std::initializer_list<int> values) { return values.begin()[any(values.size())]; }
+
+  void step(unsigned pick, unsigned write, unsigned erase) {
+    const std::size_t slot = any(opens_.size());
+    if (opens_[slot] < 0) return open(opens_[slot], any_mode(shape_.locks[slot]), one_in(9));
+    if (one_in(150)) return close(opens_[slot]);
+    const int isfd = one_in(60) ? among({-1, 256, 77, INT32_MAX}) : opens_[slot];
+    set_variables();
+    if (pick < erase) return change(isfd, pick < write ? among({0, 0, 1}) : among({5, 6, 6, 7}));
+    pick = any(100);
+    if (pick < 55) {
+      read(isfd, any_read_mode());
+    } else if (pick < 70) {
+      any_start(isfd);
+    } else if (pick < 97) {
+      change(isfd, among({2, 3, 3, 4}));
+    } else {
+      ask(isfd);
+    }
+  }
+
+  // The pair has no fault, and reads as it should in every order.
+  void verify() {
+    const RunResult run =
+        run_program({.words = {KESTRO_PROGRAM, "-nq", "pair"}, .folder = folder_.path()});
+    const std::string counts = text(model_.records.size(), "data record(s) used");
+    const bool silent = run.status == 0 && run.err.empty() &&
+                        run.out.find(counts) != run.out.npos &&
+                        run.out.find("ERROR") == run.out.npos && run.out.find('?') == run.out.npos;
+    if (!silent) fail(run.out + run.err + "expected" + counts);
+    open(opens_[0], ISINPUT | ISMANULOCK | format_, false);
+    for (std::size_t i = 0; i <= keys_.size(); ++i) {
+      for (const auto& [edge, mode] : {std::pair{RD_FIRST, RD_NEXT}, {RD_LAST, RD_PREV}}) {
+        start(opens_[0], i == 0 ? keydescr{} : keys_[i - 1], 0, edge);
+        while (read(opens_[0], mode)) continue;
+      }
+    }
+    close(opens_[0]);
+  }
+
+  int any_mode(int lock) {
+    if (one_in(8)) return among({3, 4, 8, 2, 0x100, 0x600, 0x1000}) | (one_in(2) ? lock : 0);
+    const int format = among({format_, format_, format_, format_ ^ ISVARLEN, ISANYLENGTH});
+    return among({ISINOUT, ISINOUT, ISINOUT, ISINOUT, ISINPUT, ISOUTPUT}) | lock | format;
+  }
+
+  void open(int& isfd, int mode, bool misnamed) {
+    const int trouble = misnamed ? among({ENOENT, ISENAME}) : 0;
+    const std::string rest = trouble == 0 ? "" : std::string(trouble == ENOENT ? 1 : 123, 'x');
+    const int got = ::isopen((base_ + rest).c_str(), mode);
+    if (check({got}, {model_.isopen(trouble, mode, got)}, "isopen", rest, mode)) isfd = got;
+  }
+
+  void close(int& isfd) {
+    for (int times = one_in(4) ? 2 : 1; isfd >= 0 && times > 0; --times) {
+      check({::isclose(isfd)}, {model_.isclose(isfd)}, "isclose", isfd);
+    }
+    isfd = -1;
+  }
+
+  void any_start(int isfd) {
+    const std::size_t i = any(keys_.size() + 1);
+    keydescr k = i == 0 ? keydescr{} : keys_[i - 1];
+    const int whole = k.keylen;
+    int len = whole > 0 && one_in(3) ? static_cast<int>(any(k.keylen + 1U)) : 0;
+    int mode = among({RD_FIRST, RD_LAST, RD_EQUAL, RD_GREAT, RD_GTEQ});
+    if (one_in(25)) mode = among({RD_NEXT, RD_PREV, RD_CURR, 8, -1});
+    if (whole > 0 && mode > RD_CURR && one_in(25)) len = among({-1, whole + 1});
+    if (one_in(25)) k.part[0].length = static_cast<std::int16_t>(++k.nparts);
+    start(isfd, k, len, mode);
+  }
+
+  void start(int isfd, keydescr k, int len, int mode) {
+    Bytes record = any_record();
+    keydescr expected = k;
+    const int got = ::isstart(isfd, &k, len, record.data(), mode);
+    const int result = model_.isstart(isfd, expected, len, record, mode);
+    check({got, text(k.flags)}, {result, text(expected.flags)}, "isstart", isfd, show(k), len,
+          show(record), mode);
+  }
+
+  int any_read_mode() {
+    if (one_in(40)) return among({8, 0xFF, 0x600, 0x702, 0x802, 0x1000, -1});
+    return among({0, 0, 0, 0x100, 0x200, 0x300, 0x400, 0x500}) +
+           among({RD_FIRST, RD_LAST, RD_NEXT, RD_NEXT, RD_NEXT, RD_NEXT, RD_NEXT, RD_PREV, RD_PREV,
+                  RD_PREV, RD_CURR, RD_EQUAL, RD_EQUAL, RD_GREAT, RD_GTEQ});
+  }
+
+  bool read(int isfd, int mode) {
+    const Bytes wanted = any_record();
+    Bytes got = wanted;
+    Bytes record = wanted;
+    const int expected = model_.isread(isfd, record, mode);
+    const int result = ::isread(isfd, got.data(), mode);
+    return check({result, got.substr(0, record.size())}, {expected, record}, "isread", isfd,
+                 show(wanted), std::hex, mode);
+  }
+
+  // One of the calls that write (0, 1), rewrite (2 to 4) or delete (5 to 7) a record.
+  void change(int isfd, int call) {
+    const std::int32_t number = one_in(30) ? among({0, -1, INT32_MIN, INT32_MAX}) : any_number();
+    Bytes record = any_record();
+    // Often a record as it was but for one field on, so that few other keys are in the way.
+    const auto old = model_.records.lower_bound(number);
+    const auto same = static_cast<std::size_t>(among({0, 8, 12, 14, 22, 34, kMinimum}));
+    if (call > 1 && old != model_.records.end()) record.replace(0, same, old->second, 0, same);
+    char* const at = record.data();
+    const Target key{Target::kPrimaryKey}, current{Target::kCurrent},
+        by_number{Target::kNumber, number};
+    const auto compare = [&](const char* name, int got, int expected) {
+      check({got}, {expected}, name, isfd, number, show(record), ::isreclen);
+    };
+    switch (call) {
+      case 0:
+        return compare("iswrite", ::iswrite(isfd, at), model_.iswrite(isfd, record, false));
+      case 1:
+        return compare("iswrcurr", ::iswrcurr(isfd, at), model_.iswrite(isfd, record, true));
+      case 2:
+        return compare("isrewrite", ::isrewrite(isfd, at), model_.isrewrite(isfd, key, record));
+      case 3:
+        return compare("isrewcurr", ::isrewcurr(isfd, at), model_.isrewrite(isfd, current, record));
+      case 4:
+        return compare("isrewrec", ::isrewrec(isfd, number, at),
+                       model_.isrewrite(isfd, by_number, record));
+      case 5:
+        return compare("isdelete", ::isdelete(isfd, at), model_.isdelete(isfd, key, record));
+      case 6:
+        return compare("isdelcurr", ::isdelcurr(isfd), model_.isdelete(isfd, current, record));
+      default:
+        compare("isdelrec", ::isdelrec(isfd, number), model_.isdelete(isfd, by_number, record));
+    }
+  }
+
+  void ask(int isfd) {
+    check({::isflush(isfd)}, {model_.isother(isfd, IsamModel::kRead)}, "isflush", isfd);
+    check({::isrelease(isfd)}, {model_.isother(isfd, IsamModel::kNothing)}, "isrelease", isfd);
+    std::int32_t id = static_cast<std::int32_t>(any(3000)) - 1000;
+    if (check({::issetunique(isfd, id)}, {model_.isother(isfd, IsamModel::kWrite)}, "issetunique",
+              isfd, id)) {
+      unique_ = std::max(unique_, id);
+    }
+    if (check({::isuniqueid(isfd, &id), text(id)},
+              {model_.isother(isfd, IsamModel::kWrite), text(unique_)}, "isuniqueid", isfd)) {
+      ++unique_;
+    }
+    dictinfo info{};
+    check(
+        {::isdictinfo(isfd, &info),
+         text(info.di_nkeys, info.di_recsize, info.di_idxsize, info.di_nrecords)},
+        {model_.isother(isfd, IsamModel::kRead), text(keys_.size() + (format_ != 0 ? DI_VARLEN : 0),
+                                                      shape_.maximum, 1023, model_.records.size())},
+        "isdictinfo", isfd);
+    keydescr k{};
+    const std::size_t n = any(keys_.size() + 3);
+    const bool exists = n >= 1 && n <= keys_.size();
+    const int expected = model_.isother(isfd, IsamModel::kRead, exists);
+    if (expected == 0) model_.length = kMinimum;
+    check({::iskeyinfo(isfd, &k, static_cast<int>(n)), show(k)},
+          {expected, exists ? show(keys_[n - 1]) : ""}, "iskeyinfo", isfd, n);
+  }
+
+  Bytes any_record() {
+    Bytes record(static_cast<std::size_t>(shape_.maximum), '\0');
+    for (std::size_t i = 0, salt = any(256); i < record.size(); ++i) {
+      record[i] = static_cast<char>(salt + i * (i / 7));
+    }
+    const std::string name(any(5), static_cast<char>('a' + any(4)));
+    const std::string place = std::string("north-eastern").substr(0, any(12));
+    ::stchar(name.c_str(), record.data(), 8);
+    ::stlong(static_cast<std::int32_t>(any(2500)) - 1000, &record[8]);
+    ::stint(static_cast<int>(any(60)) - 30, &record[12]);
+    ::stdblnull(&record[14], one_in(6) ? 1 : 0, (static_cast<int>(any(120)) - 60) / 8.0);
+    ::stchar((place + static_cast<char>('a' + any(9))).c_str(), &record[22], 12);
+    return record;
+  }
+
+  // A number, mostly of a record, and a length: whole pieces of storage and their neighbours too.
+  void set_variables() {
+    ::isrecnum = model_.number = one_in(50) ? INT32_MAX : any_number();
+    constexpr int kPiece = 1023 - 29;
+    const int room = shape_.maximum - kMinimum;
+    if (room == 0) return;
+    int extra = among({0, 0, static_cast<int>(any(60)), static_cast<int>(any(room + 1U)),
+                       kPiece * among({1, 2, 3}) + among({-1, 0, 1})});
+    if (one_in(50)) extra = among({-1, -kMinimum, -1000, room + 1});
+    ::isreclen = model_.length = kMinimum + extra;
+  }
+
+  std::int32_t any_number() {
+    const auto& records = model_.records;
+    const int last = records.empty() ? 0 : records.rbegin()->first;
+    return 1 + static_cast<std::int32_t>(any(last + 2U));
+  }
+
+  // Compares what a call and the model say: whether the call succeeded, as it should.
+  template <typename... Call>
+  bool check(const Answer& got, const Answer& expected, const Call&... call) {
+    if (failed) return false;
+    const std::string said = text("->", got.result, ::iserrno, "recnum", ::isrecnum, "reclen",
+                                  ::isreclen, std::string{isstat1, isstat2, isstat3, isstat4});
+    const std::string wanted = text("->", expected.result, model_.error, "recnum", model_.number,
+                                    "reclen", model_.length, model_.status);
+    last_calls_.push_back(text(call...) + said);
+    if (last_calls_.size() > 12) last_calls_.pop_front();
+    ++made;
+    if (::iserrno == 0) ++good;
+    if (said != wanted) {
+      fail("expected" + wanted);
+    } else if (::iserrno == 0 && got.told != expected.told) {
+      fail("told other than" + testing::PrintToString(expected.told));
+    }
+    return ::iserrno == 0 && !failed;
+  }
+
+  void fail(const std::string& why) {
+    failed = true;
+    std::string calls;
+    for (const std::string& call : last_calls_) calls += call + '\n';
+    ADD_FAILURE() << "seed " << seed_ << ", call " << made << ", the last calls:\n" << calls << why;
+  }
+
+  const Shape& shape_;
+  const std::vector<keydescr>& keys_ = shape_.keys;
+  const int format_ = shape_.maximum > kMinimum ? ISVARLEN : 0;
+  IsamModel model_{kMinimum, shape_.maximum, keys_};
+  const unsigned seed_ = setting("KESTRO_MODEL_SEED", 1);
+  std::mt19937 random_{seed_};
+  TempFolder folder_;
+  const std::string base_ = folder_ / "pair";
+  std::vector<int> opens_ = std::vector<int>(shape_.locks.size(), -1);  // -1: closed
+  std::int32_t unique_ = 1;
+  std::deque<std::string> last_calls_;
+};
+
+const std::vector<Shape> kShapes = {
+    {"NumbersOnly", kMinimum, {ISMANULOCK}, {index(0, {})}},
+    {"NumbersVarying",
+     4500,
+     {ISAUTOLOCK, ISEXCLLOCK},
+     {index(0, {}), index(KF_DUPS | KF_LCOMPRESS, {kText})}},
+    {"Plain", kMinimum, {ISMANULOCK, ISAUTOLOCK}, {index(0, {kId})}},
+    {"TwoVarying",
+     5200,
+     {ISEXCLLOCK},
+     {index(KF_TCOMPRESS, {kText, kId}), index(KF_DUPS | KF_COMPRESS, {kName})}},
+    {"DuplicatesFirst",
+     kMinimum,
+     {ISMANULOCK, ISEXCLLOCK, ISAUTOLOCK},
+     {index(KF_DUPS, {kRankDown, kName}), index(KF_LCOMPRESS, {kName, kId}),
+      index(KF_DUPS | KF_DCOMPRESS, {kAmount})}},
+    {"FourVarying",
+     3300,
+     {ISMANULOCK, ISMANULOCK, ISAUTOLOCK},
+     {index(0, {kId}), index(KF_DUPS | KF_TCOMPRESS, {kTextDown}),
+      index(KF_DUPS | KF_DCOMPRESS | KF_LCOMPRESS, {kAmountDown, kRank}),
+      index(KF_COMPRESS, {kRank, kText, kAmount})}}};
+
+class Model : public testing::TestWithParam<Shape> {};
+
+TEST_P(Model, AgreesOverLongScripts) {
+  const unsigned calls = setting("KESTRO_MODEL_CALLS", 20000);
+  Script script{GetParam()};
+  // Of a hundred calls so many write, so many delete: it grows, changes, shrinks, and once more.
+  for (const auto& [writes, deletes] :
+       {std::pair{50U, 10U}, {25U, 25U}, {5U, 60U}, {60U, 5U}, {20U, 40U}}) {
+    script.run(calls / 5, writes, deletes);
+    ASSERT_FALSE(script.failed);
+  }
+  EXPECT_GT(script.good, script.made / 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Shapes, Model, testing::ValuesIn(kShapes),
+                         [](const auto& test) { return test.param.name; });
+
+}  // namespace
+}  // namespace testing_support
