@@ -18,13 +18,14 @@
 namespace isam {
 namespace {
 
-enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4 };
+enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp = 8 };
 
 constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
 constexpr int kDefaultBuffers = 16;
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
 constexpr int kNodeLifetimes = 8;          // of an unused data block
+constexpr std::size_t kLongestRun = 40;    // blocks, more than the longest record takes
 constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
 
 // Finds the buffer of a page. Open addressing in one array: a look-up reads one line of it.
@@ -139,7 +140,8 @@ class Pool {
   int bfwrite(Buffer* buffer);
   void modified(Buffer* buffer);
   int bfprocess(FileRecord& file, bool write);
-  int bfcommit(FileRecord& file);
+  int bfcommit(FileRecord& file, int (*dictionary)());
+  static int bfdiscard(FileRecord& file);
   void bfignor(FileRecord& file);
 
  private:
@@ -157,6 +159,8 @@ class Pool {
   Buffer* least_wanted();
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const FileRecord& file);
+  int write_run(std::size_t& at);
+  int write_in_order(const FileRecord& file, int (*dictionary)());
   bool load(Buffer& buffer);
   common::ReadAhead& window_of(FileKind kind) {
     return kind == FileKind::kData ? data_window_ : index_window_;
@@ -172,6 +176,7 @@ class Pool {
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;
+  std::vector<Byte> run_;  // neighbouring data blocks on their way out
 };
 
 std::unique_ptr<Pool> the_pool;
@@ -195,6 +200,7 @@ Pool::Pool() {
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(count);
+  run_.reserve((kLongestRun + 1) * kPageSize);
   for (std::size_t i = 0; i < count; ++i) {
     buffs_[i].page = pages_.get() + i * kPageStride;
     put_in_order(&buffs_[i]);
@@ -225,7 +231,7 @@ void Pool::modified(Buffer* buffer) {
 
 void Pool::modified_out(Buffer* buffer) {
   if ((buffer->flags & kModified) == 0) return;
-  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kModified);
+  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~(kModified | kGivesUp));
   if (buffer->modified_previous != nullptr) {
     buffer->modified_previous->modified_next = buffer->modified_next;
   } else {
@@ -257,6 +263,7 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
     // The failure belongs to the page that goes, not to the call that needs its buffer: it is
     // kept in the file record and reported at the end.
     const KeepError keep;
+    buffer->file->spilled = true;
     bfwrite(buffer);
   }
   if (buffer->file != nullptr) table_.erase(buffer);
@@ -344,17 +351,10 @@ int Pool::bfwrite(Buffer* buffer) {
   return -1;
 }
 
-// A file's modified idle pages, the highest block first: data blocks before nodes, and in each
-// file what may lengthen it before what lies within.
 const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
   to_write_.clear();
   for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
     if ((at->flags & kBusy) == 0) to_write_.push_back(at);
-  }
-  if (to_write_.size() > 1) {
-    std::ranges::sort(to_write_, std::ranges::greater{}, [](const Buffer* buffer) {
-      return static_cast<std::uint32_t>(buffer->block);
-    });
   }
   return to_write_;
 }
@@ -367,18 +367,87 @@ int Pool::bfprocess(FileRecord& file, bool write) {
   return static_cast<int>(pages.size());
 }
 
-int Pool::bfcommit(FileRecord& file) {
-  if (file.modified == nullptr) return 0;
-  int result = 0;
-  for (Buffer* page : modified_pages(file)) {
-    if (result == 0) {
-      result = bfwrite(page);
-    } else {
-      modified_out(page);
-    }
+// Where a page stands in the order of a commit; the dictionary goes before kNode.
+enum class Turn : std::uint64_t { kLengthens, kFreeList, kNode, kRecord, kGivesUp };
+
+bool lengthens(const Buffer& page) {
+  if (page.block >= 0) return page.block > page.file->nodes_before;
+  return (page.block & INT32_MAX) >= page.file->blocks_before;
+}
+
+Turn turn_of(const Buffer& page, bool data_lengthens) {
+  if (lengthens(page)) return Turn::kLengthens;
+  // A record that lies across the old end stays in one piece.
+  if (page.block < 0) return data_lengthens ? Turn::kLengthens : Turn::kRecord;
+  if (page.level == kFreeLevel && page.node_type >= kIndexFreeNode) return Turn::kFreeList;
+  return (page.flags & kGivesUp) != 0 ? Turn::kGivesUp : Turn::kNode;
+}
+
+// Writes the page at `at` together with the data blocks right before it: 0 or -1.
+int Pool::write_run(std::size_t& at) {
+  Buffer* const last = to_write_[at++];
+  std::size_t end = at;
+  while (last->block < 0 && end < to_write_.size() && end - at < kLongestRun &&
+         to_write_[end]->block == to_write_[end - 1]->block - 1) {
+    ++end;
   }
-  if (result != 0) bfignor(file);
-  return result;
+  if (end == at) return bfwrite(last);
+  Buffer* const first = to_write_[end - 1];
+  run_.resize((end - at + 1) * kPageSize);
+  for (std::size_t i = at - 1; i < end; ++i) {
+    std::memcpy(run_.data() + (end - 1 - i) * kPageSize, to_write_[i]->page, kPageSize);
+  }
+  const Place place = bfmapaddr(*first);
+  data_window_.overwritten(place.fd, place.offset, run_.size());
+  const int result = common::write_at(place.fd, run_, place.offset);
+  const int reason = errno;
+  for (std::size_t i = at - 1; i < end; ++i) modified_out(to_write_[i]);
+  at = end;
+  return result == 0 ? 0 : failed_system(reason, Operation::kWrite, FileKind::kData);
+}
+
+int Pool::write_in_order(const FileRecord& file, int (*dictionary)()) {
+  modified_pages(file);
+  const bool data_lengthens = std::ranges::any_of(
+      to_write_, [](const Buffer* page) { return page->block < 0 && lengthens(*page); });
+  const auto key = [&](const Buffer* page) {
+    // Within a turn the highest block goes first.
+    return static_cast<std::uint64_t>(turn_of(*page, data_lengthens)) << 32 |
+           static_cast<std::uint32_t>(~page->block);
+  };
+  std::ranges::sort(to_write_, {}, key);
+  std::size_t at = 0;
+  while (at < to_write_.size() && turn_of(*to_write_[at], data_lengthens) < Turn::kNode) {
+    if (write_run(at) != 0) return -1;
+  }
+  if (dictionary() != 0) return -1;
+  while (at < to_write_.size()) {
+    if (write_run(at) != 0) return -1;
+  }
+  return 0;
+}
+
+int Pool::bfcommit(FileRecord& file, int (*dictionary)()) {
+  const FailedWrite lost = std::exchange(file.failed_write, {});
+  if (lost.error == 0 && write_in_order(file, dictionary) == 0) return 0;
+  if (lost.error != 0) {
+    iserrno = lost.error;
+    iserrio = lost.place;
+  }
+  file.failed_write = {};
+  while (file.modified != nullptr) modified_out(file.modified);
+  bfignor(file);
+  return -1;
+}
+
+int Pool::bfdiscard(FileRecord& file) {
+  if (file.spilled) return -1;
+  while (file.modified != nullptr) {
+    Buffer* const page = file.modified;
+    modified_out(page);
+    page->flags = static_cast<std::uint16_t>(page->flags & ~kValid);
+  }
+  return 0;
 }
 
 void Pool::bfignor(FileRecord& file) {
@@ -398,6 +467,11 @@ Bytes PageHold::bytes() const {
 }
 
 void PageHold::modified() const { the_pool->modified(buffer_); }
+
+void PageHold::gives_up() const {
+  modified();
+  buffer_->flags |= kGivesUp;
+}
 
 void PageHold::release() {
   if (buffer_ != nullptr) the_pool->bfrelease(std::exchange(buffer_, nullptr));
@@ -432,7 +506,9 @@ int bfprocess(FileRecord& file, bool write) {
 
 int bfflush(FileRecord& file) { return bfprocess(file, true); }
 
-int bfcommit(FileRecord& file) { return the_pool ? the_pool->bfcommit(file) : 0; }
+int bfcommit(FileRecord& file, int (*dictionary)()) { return pool().bfcommit(file, dictionary); }
+
+int bfdiscard(FileRecord& file) { return Pool::bfdiscard(file); }
 
 int bfpend(FileRecord& file) { return bfprocess(file, false); }
 

@@ -84,6 +84,8 @@ class PageHold {
 
   // The page was changed: it will be written, at the latest by bfflush.
   void modified() const;
+  // ... and gives up what a record may still refer to: it is written after the records.
+  void gives_up() const;
   void release();
   // Writes the page now and gives it back: 0, or -1 with iserrno.
   int write();
@@ -106,10 +108,17 @@ int bfprocess(FileRecord& file, bool write);
 // Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
 // file record (failed_write) and is not tried again.
 int bfflush(FileRecord& file);
-// Writes them so that what lengthens a file goes first. The first failure ends it: what is left is
-// discarded, all pages are forgotten and -1 returned with iserrno; so a full disk leaves the pair
-// as it was. Else 0.
-int bfcommit(FileRecord& file);
+// Writes them, and the dictionary by `dictionary` in their middle, in an order that lets other
+// processes go on safely whenever this one is killed: first what lengthens a file (a full disk
+// leaves the pair as it was), then free lists, so that nothing is used and listed, then the
+// dictionary, whose change stamp makes others read the rest anew, then nodes, then records, then
+// what records no longer refer to. Neighbouring data blocks go out in one piece. The first failure,
+// or one on record, ends it: what is left is discarded, all pages are forgotten and -1 returned
+// with iserrno. Else 0.
+int bfcommit(FileRecord& file, int (*dictionary)());
+// Takes the changes since the last commit back, unless some of them have been written already: 0,
+// or -1. The dictionary is the caller's.
+int bfdiscard(FileRecord& file);
 // How many of a file's idle pages are modified.
 int bfpend(FileRecord& file);
 // Forgets every idle page of a file. A modified one is fatal: its change would be lost.

@@ -92,6 +92,7 @@ std::int32_t allocdatrec() {
       reason = kLocked;
       locked[locked_count++] = number;
     }
+    filep->keeps_changes = true;
     number = -1;
   }
   if (number < 0) failed_unless_set(reason);
@@ -250,6 +251,13 @@ int delrecord(std::int32_t number, ConstBytes old) {
   return -1;
 }
 
+FoundRecord with_key(const FoundRecord& found, const Item& item, const keydescr& k) {
+  if (found.number < 0) return found;
+  if (itcompare(item_of(found.bytes, found.number, k), item, KeyOrder{k}) == 0) return found;
+  failed(kCorrupted);
+  return {};
+}
+
 FoundRecord getrecord(const Byte* record) {
   const Keys* keys = file_keys();
   if (keys == nullptr) return {};
@@ -268,7 +276,7 @@ FoundRecord getrecord(const Byte* record) {
       number = treeitem.recptr;
     }
   }
-  return getcurrent(number);
+  return with_key(getcurrent(number), wanted, k);
 }
 
 FoundRecord getcurrent(std::int32_t number) {

@@ -10,7 +10,9 @@
 
 #include <cstdint>
 
+#include "isam.h"
 #include "isam/format.h"
+#include "isam/position.h"
 
 namespace isam {
 
@@ -33,6 +35,9 @@ struct FoundRecord {
 };
 // The first record with the primary key of `record`: none with 111, or 127 without a primary key.
 [[nodiscard]] FoundRecord getrecord(const Byte* record);
+// A record found through an item of an index, if it has that item's key: none with 105, for it is
+// not the record meant.
+[[nodiscard]] FoundRecord with_key(const FoundRecord& found, const Item& item, const keydescr& k);
 // Record `number`: none with 111 when it is not present.
 [[nodiscard]] FoundRecord getcurrent(std::int32_t number);
 

@@ -163,6 +163,8 @@ inline constexpr int kMaxSlots = 255;
 inline constexpr Byte kContinues = 1;   // flag: the continuation pointer is valid
 inline constexpr Byte kNotFiled = 255;  // class of a page that is on no list yet
 inline constexpr int kEmptyClass = 5;   // computed for a page that holds nothing
+// Free bytes of an empty page.
+[[nodiscard]] constexpr int capacity(int stored_size) { return stored_size - 25; }
 
 // A record pointer: the high byte is a slot, the low 24 bits a node.
 [[nodiscard]] constexpr std::int32_t pointer_node(std::int32_t pointer) {

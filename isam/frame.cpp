@@ -40,7 +40,12 @@ int take_file(int entry) {
   const bool shared = (entry & kShared) != 0 && batchflag == 0;
   if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
-  return dictread();
+  if (dictread() != 0) return -1;
+  filep->nodes_before = dictp->d_nextnode();
+  filep->blocks_before =
+      (std::int64_t{dictp->d_nextdata()} * slot_size() + kPageSize - 1) / kPageSize;
+  filep->spilled = filep->keeps_changes = false;
+  return 0;
 }
 
 void notice_changes() {
@@ -96,24 +101,42 @@ void forget_call() {
   if (dictread() == 0) filep->stamp = openp->stamp = dictp->d_modcount();
 }
 
+// What an exclusive open changes may wait. A lost page is told by the next call.
+void write_some() {
+  const FailedWrite lost = std::exchange(filep->failed_write, {});
+  if ((filep->flags & kDictionaryChanged) != 0 && ++filep->calls_unwritten >= kCallsUnwritten) {
+    dictwrite();
+  }
+  if (lost.error == 0) return;
+  iserrno = lost.error;
+  iserrio = lost.place;
+}
+
+// A call that failed has undone its changes in the pool; where that is all there is of them, the
+// file need not hear of it.
+bool take_back() {
+  const bool wanted = iserrno != 0 && !filep->keeps_changes && (openp->mode & ISEXCLLOCK) == 0;
+  if (!wanted || bfdiscard(*filep) != 0) return false;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+  forget_call();
+  return true;
+}
+
 void write_changes() {
-  const bool exclusive = (openp->mode & ISEXCLLOCK) != 0;
-  if ((filep->flags & kPageChanged) != 0) {
+  if ((filep->flags & kPageChanged) != 0 && take_back()) return;
+  const bool changed = (filep->flags & kPageChanged) != 0;
+  if (changed) {
     filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
     openp->stamp = ++filep->stamp;
     dictp->set_d_modcount(filep->stamp);
     dictmodify();
-    if (!exclusive) bfcommit(*filep);
   }
-  const FailedWrite lost = std::exchange(filep->failed_write, {});
-  if (lost.error != 0 && !exclusive) {
-    forget_call();
+  if ((openp->mode & ISEXCLLOCK) != 0) {
+    write_some();
+  } else if (changed) {
+    if (bfcommit(*filep, dictwrite) != 0) forget_call();
   } else if ((filep->flags & kDictionaryChanged) != 0) {
-    if (!exclusive || ++filep->calls_unwritten >= kCallsUnwritten) dictwrite();
-  }
-  if (lost.error != 0) {
-    iserrno = lost.error;
-    iserrio = lost.place;
+    dictwrite();
   }
 }
 

@@ -1,5 +1,7 @@
 #include "isam/freelists.h"
 
+#include <array>
+
 #include "isam/buffers.h"
 #include "isam/errors.h"
 
@@ -123,9 +125,7 @@ void append_entry(PageHold& page, std::int32_t number) {
   page.modified();
 }
 
-}  // namespace
-
-std::int32_t allocrec(FreeList list) {
+std::int32_t take(FreeList list) {
   const std::int32_t head = head_of(list);
   if (head == 0) return raise_highest(list);
   PageHold page = list_node(list, head);
@@ -134,6 +134,41 @@ std::int32_t allocrec(FreeList list) {
   if (list == FreeList::kRecords) return pop_behind_empty_head(std::move(page));
   set_head(list, common::ldlong(page.data() + kLinkOffset));
   return head;
+}
+
+// Whether a node looks like a storage page with bytes of records in it.
+bool holds_records(std::int32_t node) {
+  const KeepError keep;
+  const PageHold page = bfread(node);
+  if (!page || page.node_type() != kStoragePage) return false;
+  const Byte* const bytes = page.data();
+  const int slots = bytes[rpage::kSlotCount];
+  const int empty = rpage::capacity(filep->idxsize) - slots * rpage::kSlotSize;
+  return common::ldword(bytes + rpage::kMagicOffset) == rpage::kMagic && slots > 0 &&
+         common::ldshort(bytes + rpage::kFree) != empty;
+}
+
+// A node that holds no records' bytes. What was taken and holds some goes back where it was listed,
+// and counts as in use where it lies past the highest number.
+std::int32_t take_unused_node() {
+  constexpr std::size_t kTries = 4;
+  std::array<std::int32_t, kTries> set_aside{};
+  std::size_t count = 0;
+  std::int32_t number = take(FreeList::kNodes);
+  while (number > 0 && holds_records(number)) {
+    if (number < highest(FreeList::kNodes)) set_aside[count++] = number;
+    number = count < kTries ? take(FreeList::kNodes) : raise_highest(FreeList::kNodes);
+    if (count == kTries) break;
+  }
+  const KeepError keep;
+  while (count > 0) freerec(set_aside[--count], FreeList::kNodes);
+  return number;
+}
+
+}  // namespace
+
+std::int32_t allocrec(FreeList list) {
+  return list == FreeList::kNodes && filep->varlen ? take_unused_node() : take(list);
 }
 
 int freerec(std::int32_t number, FreeList list) {

@@ -9,6 +9,8 @@
 //            leaves the pair as it was
 //         L2 an emptied node of the index list is itself handed out; one of the data list goes
 //            back to the index list
+//         L3 a node that looks like a storage page with records' bytes in it is not handed out,
+//            whatever the list says: after a process was killed, a page may be listed and in use
 // Never   writes a page itself: changes are delayed writes, and the dictionary copy is marked
 #pragma once
 

@@ -63,9 +63,9 @@ int delete_found(int isfd, Find find) {
 FoundRecord find_current_record() {
   const std::int32_t number = current_record();
   if (number < 0) return {};
-  FoundRecord found = getcurrent(number);
+  const FoundRecord found = getcurrent(number);
   if (found.number < 0 && iserrno == kNoRecord) failed(kNoCurrent);
-  return found;
+  return openp->key.nparts == 0 ? found : with_key(found, bt.item, openp->key);
 }
 
 FoundRecord find_by_key(const char* record) {

@@ -9,9 +9,11 @@ namespace isam {
 class TreeNode {
  public:
   TreeNode() = default;
-  // Empty with iserrno when the node cannot be read, 105 when its used count is impossible.
+  // Empty with iserrno when the node cannot be read, 105 when its used count is impossible or it
+  // is a node of another kind.
   explicit TreeNode(std::int32_t node) : page_(bfread(node)) {
-    if (page_ && (length() < 0 || length() > item_area_limit(filep->idxsize))) {
+    if (page_ && (length() < 0 || length() > item_area_limit(filep->idxsize) ||
+                  page_.node_type() >= kIndexFreeNode || page_.node_type() == kStoragePage)) {
       page_.release();
       failed(kCorrupted);
     }

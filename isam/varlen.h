@@ -24,7 +24,7 @@ namespace isam {
 // Sizes that follow from the stored node size S of the current file.
 struct RpageGeometry {
   explicit RpageGeometry(int stored_size)
-      : capacity(stored_size - 25),
+      : capacity(rpage::capacity(stored_size)),
         first_slot(stored_size - 6),
         chunk(stored_size - 29),
         class_width((stored_size - 25) / 5 + 1) {}

@@ -81,6 +81,7 @@ std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bo
   int result = 0;
   if (view.free_bytes() + old_length < length) {
     if (!release) return failed_unless_set(kCorrupted);
+    page.gives_up();
     if (view.rpslfree(slot) != 0) return -1;
     if (view.free_bytes() < length + rpage::kSlotSize) {
       return rpflmove(std::move(page)) == 0 ? store_piece(piece, 0) : -1;
@@ -100,6 +101,7 @@ std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bo
 std::int32_t free_piece(PageHold page, std::int32_t pointer) {
   Rpage view{page};
   const std::int32_t next = view.rpgetext();
+  page.gives_up();
   if (next == -1 || view.rpslfree(rpage::pointer_slot(pointer)) != 0) return -1;
   return rpflmove(std::move(page)) == 0 ? next : -1;
 }
