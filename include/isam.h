@@ -46,7 +46,7 @@
 extern "C" {
 #endif
 
-/* ------------------------------------------------------------------ outcome of the last call -- */
+/* -------------------- outcome of the last call -------------------- */
 
 /* iserrno   0, or the reason of the failure: 1 to 99 are the system's errno values, from 100 on
  *           the library's own codes (below).
@@ -65,7 +65,7 @@ extern "C" {
  *           read), "9090" anything else; "9035" no such file, "9037" access or mode refused, "9039"
  *           record format (fixed or variable length) differs, "9042" closing what is not open,
  *           "9047" reading, "9048" writing and "9049" changing through an open without that access,
- *           "9044" a record length out of range.
+ *           "9490" any other call through such an open, "9044" a record length out of range.
  * isdupsiz  width in bytes of the duplicate numbers of files that isbuild() makes: 4 (the default)
  *           or 2, which allows 65536 records of one key.
  */
@@ -106,8 +106,7 @@ enum {
   ISEFORMAT = 171        /* a pair of another format */
 };
 
-/* ---------------------------------------------------------------------------------------- keys --
- */
+/* -------------------- keys -------------------- */
 
 enum {
   MAXPARTS = 8,   /* parts of a key */
@@ -170,8 +169,7 @@ struct dictinfo {
 };
 enum { DI_VARLEN = 0x8000 };
 
-/* ------------------------------------------------------------------------------- modes of calls --
- */
+/* -------------------- modes of calls -------------------- */
 
 /* Mode of isopen() and isbuild(): one access, one lock mode, options added. */
 enum {
@@ -202,12 +200,11 @@ enum {
   /* Added to a mode of isread(). */
   RD_LOCK = 0x100,     /* lock the record; ISELOCKED when another process has it */
   RD_SKIPLOCK = 0x200, /* on ISELOCKED move to that record all the same, so that RD_NEXT passes it;
-                         combined with RD_LOCK */
-  RD_WAIT = 0x400      /* wait until no other process has the record locked; with RD_LOCK lock it */
+                         only together with RD_LOCK */
+  RD_WAIT = 0x400      /* wait until the record can be locked; only together with RD_LOCK */
 };
 
-/* ------------------------------------------------------------------------- opening and closing --
- */
+/* -------------------- opening and closing -------------------- */
 
 /* Opens the pair `name` (base name below 123 bytes). `mode`: an access, a lock mode, ISVARLEN for a
  * file of variable-length records. The open stands before the first record of the primary key.
@@ -237,11 +234,12 @@ int isflush(int isfd);
  * may fail with. A failed call leaves no file behind. */
 int isbuild(const char* name, int reclen, struct keydescr* key, int mode);
 
-/* Removes the pair `name`, and its audit trail. Nobody may have it open: -1 with ISEINUSE. */
+/* Removes the pair `name`, and its audit trail. No other process may have it open: -1 with
+ * ISEINUSE. */
 int iserase(const char* name);
 
-/* Gives a pair that nobody has open another name: -1 with ISEINUSE, EEXIST, ISENAME. A failure
- * between its two files leaves them under different names. */
+/* Gives a pair that no other process has open another name: -1 with ISEINUSE, EEXIST, ISENAME. A
+ * failure between its two files leaves them under different names. */
 int isrename(const char* oldname, const char* newname);
 
 /* Kept for programs that remove lock files by name: checks the name (ISENAME) and does nothing. */
@@ -258,8 +256,7 @@ int isvclose(int n);
  * `n` 0 ends it. Any `n` gives the file held up now. Returns 0. */
 int isbatch(int n);
 
-/* -------------------------------------------------------------------------------------- indexes --
- */
+/* -------------------- indexes -------------------- */
 
 /* Adds an index to an exclusively open file and fills it from the records. `key` gets keylen and
  * rootnode. -1 with ISENOTEXCLUSIVE, ISEKEY, ISEKEYEXISTS, ISEDUPLICATE (two records have a key
@@ -277,8 +274,7 @@ int isdelindex(int isfd, struct keydescr* key);
  * was. Needs room for a second copy beside the file. */
 int iscluster(int isfd, struct keydescr* key);
 
-/* ------------------------------------------------------------------------------- reading records
- * -- */
+/* -------------------- reading records -------------------- */
 
 /* Makes `key` the current index of the open and positions there without reading. `mode` RD_FIRST
  * and RD_LAST need no record; RD_EQUAL, RD_GREAT and RD_GTEQ compare the first `len` bytes of the
@@ -294,8 +290,7 @@ int isstart(int isfd, struct keydescr* key, int len, char* record, int mode);
  * ISENOCURRENT, ISELOCKED; the position stays as it was, except with RD_SKIPLOCK. */
 int isread(int isfd, char* record, int mode);
 
-/* ------------------------------------------------------------------------------ changing records
- * -- */
+/* -------------------- changing records -------------------- */
 
 /* A record length out of range fails with ISEARGUMENT ("9044"). A failed call changes nothing. */
 
@@ -326,8 +321,7 @@ int isdelrec(int isfd, int32_t recnum);
  * the file of the last call. */
 int isxgetlen(void);
 
-/* -------------------------------------------------------------------------------------- locking --
- */
+/* -------------------- locking -------------------- */
 
 /* Locks the whole file against other processes' locks (ISMANULOCK opens only). -1 with ISELOCKED at
  * once when another process holds a lock in the file, ISENOTMANUAL. Nothing to do for an exclusive
@@ -344,8 +338,7 @@ int isrelease(int isfd);
  * `how` 0 tests; any other value waits until it could be locked. */
 int isfilelocked(int isfd, int how);
 
-/* ------------------------------------------------------------------- what the dictionary tells --
- */
+/* -------------------- what the dictionary tells -------------------- */
 
 /* Fills `info`. */
 int isdictinfo(int isfd, struct dictinfo* info);
@@ -382,8 +375,7 @@ const char* islanginfo(const char* name);
  * caller's. -1 for any other type, without iserrno. Trees do not use it. */
 int iscollate(int type, const unsigned char* table);
 
-/* ------------------------------------------------------------------- numbers in key fields, texts
- * -- */
+/* -------------------- numbers in key fields, texts -------------------- */
 
 /* Load and store the stored forms of numbers at any address: KT_INT as 2 bytes, KT_LONG as 4, both
  * most significant byte first; KT_DOUBLE and KT_FLOAT in the machine's form. */
