@@ -22,6 +22,7 @@ template <typename T>
   static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
   constexpr std::size_t kHugePage = std::size_t{2} << 20;
   constexpr std::size_t kCacheLine = 64;
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): an element may be a pointer
   const std::size_t wanted = count * sizeof(T);
   const std::size_t unit = wanted < kHugePage ? kCacheLine : kHugePage;
   const std::size_t size = (wanted + unit - 1) / unit * unit;

@@ -24,9 +24,9 @@ constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
 constexpr int kDefaultBuffers = 16;
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
-constexpr int kNodeLifetimes = 8;          // of an unused data block
-constexpr std::size_t kLongestRun = 40;    // blocks, more than the longest record takes
-constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
+constexpr std::uint64_t kNodeLifetimes = 8;  // of an unused data block
+constexpr std::size_t kLongestRun = 40;      // blocks, more than the longest record takes
+constexpr std::size_t kPageStride = 1088;    // room for a node of 1025 bytes, in whole cache lines
 
 // Finds the buffer of a page. Open addressing in one array: a look-up reads one line of it.
 class PageTable {
@@ -253,7 +253,7 @@ Buffer* Pool::least_wanted() {
   Buffer* const node = nodes_.oldest();
   Buffer* const block = data_blocks_.oldest();
   if (node == nullptr || block == nullptr) return node == nullptr ? block : node;
-  const auto head_start = static_cast<std::uint64_t>(kNodeLifetimes * nbuffs_);
+  const std::uint64_t head_start = kNodeLifetimes * static_cast<std::uint64_t>(nbuffs_);
   return block->released < node->released + head_start ? block : node;
 }
 
@@ -388,7 +388,7 @@ int Pool::write_run(std::size_t& at) {
   Buffer* const last = to_write_[at++];
   std::size_t end = at;
   while (last->block < 0 && end < to_write_.size() && end - at < kLongestRun &&
-         to_write_[end]->block == to_write_[end - 1]->block - 1) {
+         std::int64_t{to_write_[end]->block} == std::int64_t{to_write_[end - 1]->block} - 1) {
     ++end;
   }
   if (end == at) return bfwrite(last);

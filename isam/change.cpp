@@ -198,6 +198,7 @@ Bytes record_room() { return temprecord().first(static_cast<std::size_t>(filep->
 std::int32_t wrtrecord(ConstBytes record, Current current) {
   const Keys* keys = file_keys();
   if (keys == nullptr) return -1;
+  const std::int32_t highest = dictp->d_nextdata();
   const std::int32_t number = allocdatrec();
   if (number < 0) return -1;
   KeptPosition position;
@@ -211,7 +212,11 @@ std::int32_t wrtrecord(ConstBytes record, Current current) {
   position.stay();
   const KeepError keep;
   remove_items(*keys, added, record, number);
-  freerec(number, FreeList::kRecords);
+  if (number > highest) {
+    freerec(number, FreeList::kRecords);
+  } else {
+    enlist(number, FreeList::kRecords);
+  }
   lkrecord(number, RecordLock::kRelease);
   return -1;
 }

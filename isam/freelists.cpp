@@ -173,10 +173,13 @@ std::int32_t allocrec(FreeList list) {
 
 int freerec(std::int32_t number, FreeList list) {
   if (!in_range(list, number)) return failed(kCorrupted);
-  if (number == highest(list)) {
-    set_highest(list, number - 1);
-    return 0;
-  }
+  if (number != highest(list)) return enlist(number, list);
+  set_highest(list, number - 1);
+  return 0;
+}
+
+int enlist(std::int32_t number, FreeList list) {
+  if (!in_range(list, number)) return failed(kCorrupted);
   if (const std::int32_t head = head_of(list); head != 0) {
     PageHold page = list_node(list, head);
     if (!page) return -1;

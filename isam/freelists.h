@@ -26,6 +26,9 @@ enum class FreeList { kNodes, kRecords };
 // Returns a number: 0, or -1 with iserrno.
 int freerec(std::int32_t number, FreeList list);
 
+// The same without lowering the highest number in use: puts back what was taken from the list.
+int enlist(std::int32_t number, FreeList list);
+
 // Numbers on the list of free records; -1 with 105 for a damaged list.
 [[nodiscard]] std::int32_t free_records_listed();
 

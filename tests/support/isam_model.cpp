@@ -239,12 +239,12 @@ void IsamModel::free_number(std::int32_t recnum) {
 int IsamModel::iswrite(int isfd, Bytes record, bool becomes_current) {
   Open* open = enter(isfd, kWrite, "9048");
   if (open == nullptr || !cut(record)) return -1;
-  if (free_.empty()) free_.push_back(++last_);
-  const std::int32_t recnum = free_.back();
-  free_.pop_back();
-  if (is_refused(record, recnum)) {
-    free_number(recnum);
-    return end(ISEDUPLICATE);
+  const std::int32_t recnum = free_.empty() ? last_ + 1 : free_.back();
+  if (is_refused(record, recnum)) return end(ISEDUPLICATE);
+  if (free_.empty()) {
+    ++last_;
+  } else {
+    free_.pop_back();
   }
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     const Place place = insert(i, record, recnum);
