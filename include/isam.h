@@ -280,7 +280,8 @@ int iscluster(int isfd, struct keydescr* key);
  * and RD_LAST need no record; RD_EQUAL, RD_GREAT and RD_GTEQ compare the first `len` bytes of the
  * key in `record`, 0 for the whole key. `key` is one of the file's indexes, or has nparts 0 for the
  * order of record numbers, in which isrecnum says which record is meant. key->flags gets the stored
- * flags. RD_NEXT then reads the record found. -1 with ISEARGUMENT (mode, `len` negative or beyond
+ * flags. RD_NEXT then reads the record found, RD_PREV the one before it (in the order of record
+ * numbers the one found). -1 with ISEARGUMENT (mode, `len` negative or beyond
  * the key), ISEKEY, ISENORECORD (`key` is current all the same, without a position), ISEEND. */
 int isstart(int isfd, struct keydescr* key, int len, char* record, int mode);
 
@@ -331,7 +332,7 @@ int islock(int isfd);
 /* Releases the file lock and all record locks of the file (ISMANULOCK opens only). */
 int isunlock(int isfd);
 
-/* Releases the record locks, in any lock mode. */
+/* Releases the record locks, and the file lock with them, in any lock mode. */
 int isrelease(int isfd);
 
 /* Whether another process has the whole file locked: 1 or 0, -1 when `isfd` cannot be entered.

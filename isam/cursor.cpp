@@ -27,22 +27,10 @@ int position_in_tree(const Byte* record, int len, ReadMode mode) {
 
 bool past_last(std::int32_t number) { return number > dictp->d_nextdata(); }
 
-// Moves from an absent record number to the next present one: the number, 0 at the end, or -1.
-std::int32_t next_present(std::int32_t number, Direction direction) {
-  const int step = direction == Direction::kNext ? 1 : -1;
-  for (; number >= 1 && !past_last(number); number += step) {
-    const int present = datacheck(number);
-    if (present != 0) return present < 0 ? -1 : number;
-  }
-  return 0;
-}
-
 int position_by_number(ReadMode mode) {
   std::int32_t number = 1;
-  Direction direction = Direction::kNext;
   if (mode == ReadMode::kLast) {
     number = dictp->d_nextdata();
-    direction = Direction::kPrevious;
   } else if (mode != ReadMode::kFirst) {
     number = isrecnum;
     if (mode == ReadMode::kGreater && number < INT32_MAX) ++number;
@@ -53,7 +41,7 @@ int position_by_number(ReadMode mode) {
     const int present = datacheck(number);
     if (present <= 0) return failed_unless_set(kNoRecord);
   } else {
-    number = next_present(number, direction);
+    number = next_present(number, mode == ReadMode::kLast);
     if (number < 0) return -1;
     const bool edge = mode == ReadMode::kFirst || mode == ReadMode::kLast;
     if (number == 0 && !edge) return failed(kEndOfFile);
@@ -64,6 +52,19 @@ int position_by_number(ReadMode mode) {
 }
 
 }  // namespace
+
+std::int32_t next_present(std::int32_t number, bool backwards) {
+  constexpr int kPatience = 64;  // absent records in a row before the file's size is asked for
+  std::int32_t last = dictp->d_nextdata();
+  for (int absent = 0; number >= 1 && number <= last; number += backwards ? -1 : 1) {
+    const int present = datacheck(number);
+    if (present != 0) return present < 0 ? -1 : number;
+    if (++absent != kPatience) continue;
+    last = records_in_file();
+    if (backwards && number > last) number = last + 1;
+  }
+  return 0;
+}
 
 void take_found_item() { bt.item = treeitem; }
 

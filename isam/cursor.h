@@ -44,6 +44,10 @@ void take_found_item();
 // 102, 110, 111; then there is no position.
 int kposition(const Byte* record, int len, ReadMode mode);
 
+// The first present record from `number` on, in one direction: its number, 0 when there is none, or
+// -1 with iserrno.
+[[nodiscard]] std::int32_t next_present(std::int32_t number, bool backwards);
+
 // Stands before the first item without looking for it.
 void stand_before_first();
 

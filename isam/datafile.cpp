@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "common/fatal.h"
+#include "common/io.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
 #include "isam/varlen.h"
@@ -54,6 +55,7 @@ class Transfer {
   }
 
   int hold() {
+    if (offset_ < 0) return failed(kCorrupted);  // of a record number below 1
     const std::int64_t block = offset_ / kPageSize;
     if (block == held_) return 0;
     page_.release();
@@ -179,6 +181,12 @@ int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer) {
   Transfer from{slot_offset(k) + filep->reclen};
   const int size = trailer_size();
   return from.read(trailer.first(static_cast<std::size_t>(size))) == 0 ? size : -1;
+}
+
+std::int32_t records_in_file() {
+  bfflush(*filep);
+  const std::int64_t slots = common::file_size(filep->datfd) / slot_size() + 1;
+  return static_cast<std::int32_t>(std::min<std::int64_t>(dictp->d_nextdata(), slots));
 }
 
 int datacheck(std::int32_t k) {

@@ -25,6 +25,10 @@ namespace isam {
 // Copies record k's raw trailer: its length (7 with variable length, else 1), or -1.
 [[nodiscard]] int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer);
 
+// The last record number that the data file can hold, whatever the dictionary says. What is still
+// in the pool is written first.
+[[nodiscard]] std::int32_t records_in_file();
+
 // Whether record k is present: 1 or 0, -1 when its slot cannot be read.
 [[nodiscard]] int datacheck(std::int32_t k);
 

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <new>
 
-#include "common/io.h"
 #include "isam/btree.h"
 #include "isam/buffers.h"
 #include "isam/cursor.h"
@@ -20,13 +19,6 @@ namespace {
 
 bool may_compress(const keydescr& key) {
   return (key.flags & KF_COMPRESS & ~(dictp->d_compression() << 1)) == 0;
-}
-
-// Records that the data file can hold, whatever the dictionary says.
-std::int32_t records_in_file() {
-  bfflush(*filep);
-  const std::int64_t slots = common::file_size(filep->datfd) / slot_size() + 1;
-  return static_cast<std::int32_t>(std::min<std::int64_t>(dictp->d_nextdata(), slots));
 }
 
 int gather(IndexLoad& load) {

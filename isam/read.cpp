@@ -53,6 +53,18 @@ int go_to_item(const Byte* record, ReadMode mode) {
   return 0;
 }
 
+// Moves on from an item whose record is absent: 0 or -1.
+int move_on(ReadMode mode) {
+  if (openp->key.nparts > 0) return btmove(openp->key, direction_of(mode));
+  const bool backwards = goes_back(mode);
+  const std::int32_t number = next_present(treeitem.recptr + (backwards ? -1 : 1), backwards);
+  if (number < 0) return -1;
+  bt.item.recptr = number;
+  btnumber(number);
+  if (number == 0) bt.ends = backwards ? kBeforeFirst : kAfterLast;
+  return 0;
+}
+
 // Reads the record of the item, or of the next one in the direction of the read whose record is
 // present: its length, or -1.
 int read_present(Byte* record, ReadMode mode) {
@@ -64,7 +76,7 @@ int read_present(Byte* record, ReadMode mode) {
     if (iserrno != 0) return -1;
     if (mode == ReadMode::kCurrent) return failed(kNoCurrent);
     if (mode == ReadMode::kEqual) return failed(kNoRecord);
-    if (btmove(openp->key, direction_of(mode)) != 0) return -1;
+    if (move_on(mode) != 0) return -1;
   }
 }
 

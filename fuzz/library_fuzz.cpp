@@ -1,0 +1,84 @@
+// library_fuzz: any bytes whatever as a pair, used by an application.
+//
+// Finds   crashes, overruns, hangs and runaway memory in the public calls
+#include <array>
+#include <vector>
+
+#include "fuzz/fuzz_pair.h"
+#include "isam.h"
+
+namespace {
+
+constexpr int kMostRecord = 32767;
+constexpr int kReads = 12;
+
+// A record whose bytes follow from a number.
+std::vector<char> record_of(int number) {
+  std::vector<char> record(kMostRecord + 1);
+  for (std::size_t i = 0; i < record.size(); ++i) {
+    record[i] = static_cast<char>((static_cast<std::size_t>(number) + i) % 7 * 37);
+  }
+  return record;
+}
+
+void read_by(int isfd, keydescr key, std::vector<char>& record) {
+  if (isstart(isfd, &key, 0, record.data(), RD_FIRST) != 0) return;
+  for (int i = 0; i < kReads && isread(isfd, record.data(), RD_NEXT) == 0; ++i) continue;
+  isrewcurr(isfd, record.data());
+  isread(isfd, record.data(), RD_LAST);
+  for (int i = 0; i < kReads && isread(isfd, record.data(), RD_PREV) == 0; ++i) continue;
+  isdelcurr(isfd);
+  isread(isfd, record.data(), RD_EQUAL);
+  isread(isfd, record.data(), RD_GREAT);
+}
+
+void use(int isfd) {
+  dictinfo info{};
+  isdictinfo(isfd, &info);
+  std::vector<char> record = record_of(0);
+  read_by(isfd, keydescr{}, record);
+  keydescr key{};
+  for (int n = 1; iskeyinfo(isfd, &key, n) == 0 && n < 5; ++n) read_by(isfd, key, record);
+  for (int i = 1; i < kReads; ++i) {
+    record = record_of(i);
+    isreclen = i % 3 == 0 ? info.di_recsize : isreclen + i * 100;
+    if (i % 2 == 0) isreclen = info.di_recsize - i;
+    iswrcurr(isfd, record.data());
+    isrewrite(isfd, record.data());
+    isdelrec(isfd, i);
+    isrewrec(isfd, i * 2, record.data());
+  }
+  std::int32_t id = 0;
+  isuniqueid(isfd, &id);
+  isaltinc(isfd);
+}
+
+void change_indexes(int isfd) {
+  keydescr added{};
+  added.flags = KF_DUPS + KF_COMPRESS;
+  added.nparts = 1;
+  added.part[0].length = 1;
+  isaddindex(isfd, &added);
+  keydescr dropped{};
+  if (iskeyinfo(isfd, &dropped, 2) == 0) isdelindex(isfd, &dropped);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const fuzz::Workplace workplace;
+  fuzz::PairInput input;
+  if (!fuzz::split(data, size, input)) return 0;
+  workplace.put(".idx", input.index);
+  workplace.put(".dat", input.records);
+  constexpr std::array kLockModes = {ISAUTOLOCK, ISMANULOCK, ISEXCLLOCK};
+  const int lock_mode = kLockModes[input.choice % kLockModes.size()];
+  const int isfd = isopen(workplace.base().c_str(), ISINOUT + ISANYLENGTH + lock_mode);
+  if (isfd >= 0) {
+    use(isfd);
+    if (lock_mode == ISEXCLLOCK) change_indexes(isfd);
+    isclose(isfd);
+  }
+  iscleanup();
+  return 0;
+}
