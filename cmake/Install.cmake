@@ -1,10 +1,83 @@
-# What `cmake --install` puts where.
+# The shared library, and what `cmake --install` puts where, in three components:
+#   kestro       the program and its man page
+#   runtime      the shared library
+#   development  what building against the library takes
 
-install(TARGETS kestro RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# A sanitized or instrumented shared library serves nobody: its users would need the same flags.
+if(KESTRO_SANITIZE OR KESTRO_COVERAGE OR KESTRO_FUZZ)
+  set(plain_build OFF)
+else()
+  set(plain_build ON)
+endif()
+option(KESTRO_SHARED "Build and install the shared library" ${plain_build})
 
+set(cmake_package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Isam)
+set(example_folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/libisam-dev/examples)
+
+if(KESTRO_SHARED)
+  set(symbol_map ${PROJECT_SOURCE_DIR}/cmake/isam.map)
+  add_library(isam_shared SHARED ${isam_sources})
+  target_include_directories(isam_shared PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+  target_link_libraries(isam_shared PRIVATE $<BUILD_INTERFACE:project_internal>)
+  target_link_options(isam_shared PRIVATE -Wl,--version-script=${symbol_map} -Wl,-z,defs)
+  set_target_properties(
+    isam_shared PROPERTIES OUTPUT_NAME isam EXPORT_NAME isam LINK_DEPENDS ${symbol_map}
+                           VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  install(
+    TARGETS isam_shared EXPORT IsamTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+            COMPONENT runtime
+            NAMELINK_COMPONENT development
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+endif()
+
+install(TARGETS kestro RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kestro)
+
+set_target_properties(isam PROPERTIES EXPORT_NAME isam_static)
+install(
+  TARGETS isam EXPORT IsamTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+# Stripping leaves archives alone, but what a package installs should not name folders of the build.
+set(strip_archive
+    "execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-debug
+     \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:isam>\"
+     COMMAND_ERROR_IS_FATAL ANY)")
+install(CODE "if(CMAKE_INSTALL_DO_STRIP)\n${strip_archive}\nendif()" COMPONENT development)
+install(FILES include/isam.h include/isam.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+        COMPONENT development)
+install(FILES examples/customers.c examples/customers.cpp DESTINATION ${example_folder}
+        COMPONENT development)
+
+# find_package(Isam) gives Isam::isam, the shared library, and Isam::isam_static.
+include(CMakePackageConfigHelpers)
+install(EXPORT IsamTargets NAMESPACE Isam:: DESTINATION ${cmake_package_folder}
+        COMPONENT development)
+configure_package_config_file(
+  cmake/IsamConfig.cmake.in ${PROJECT_BINARY_DIR}/generated/IsamConfig.cmake
+  INSTALL_DESTINATION ${cmake_package_folder} NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(
+  ${PROJECT_BINARY_DIR}/generated/IsamConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/generated/IsamConfig.cmake
+              ${PROJECT_BINARY_DIR}/generated/IsamConfigVersion.cmake
+        DESTINATION ${cmake_package_folder} COMPONENT development)
+
+# The pkg-config file tells its folders relative to its own, so that the tree may be moved.
+file(RELATIVE_PATH pc_to_prefix /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" pc_to_prefix "${pc_to_prefix}")
+configure_file(cmake/isam.pc.in generated/isam.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/generated/isam.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# Sections 3 and 5 are about the library, the others about the program.
 foreach(section 1 3 5 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
   if(pages)
-    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+    set(component kestro)
+    if(section MATCHES "[35]")
+      set(component development)
+    endif()
+    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}
+            COMPONENT ${component})
   endif()
 endforeach()

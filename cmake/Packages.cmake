@@ -1,0 +1,58 @@
+# The Debian packages that `cpack` makes: the program, the shared library, and what building
+# against the library takes.
+
+# The static library of a build with KESTRO_LTO serves the same compiler only: no packages of it.
+if(NOT KESTRO_SHARED OR KESTRO_LTO)
+  return()
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME kestro)
+set(CPACK_PACKAGE_VENDOR "The Kestro developers")
+set(CPACK_PACKAGE_CONTACT "The Kestro developers <kestro@example.org>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")  # each package has its own below
+set(CPACK_STRIP_FILES ON)
+set(CPACK_VERBATIM_VARIABLES ON)
+
+set(CPACK_COMPONENTS_ALL kestro runtime development)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+
+# What the binaries need of the system is found out, where that is possible.
+find_program(shlibdeps_program dpkg-shlibdeps)
+mark_as_advanced(shlibdeps_program)
+if(shlibdeps_program)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+else()
+  set(CPACK_DEBIAN_KESTRO_PACKAGE_DEPENDS "libc6, libgcc-s1, libstdc++6")
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6, libgcc-s1, libstdc++6")
+endif()
+
+set(runtime_package libisam${PROJECT_VERSION_MAJOR})
+
+set(CPACK_DEBIAN_KESTRO_PACKAGE_NAME kestro)
+set(CPACK_DEBIAN_KESTRO_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_KESTRO_DESCRIPTION
+    "${PROJECT_DESCRIPTION}
+kestro checks pairs of data and index files, tells what is damaged and, if
+the operator agrees, rebuilds it from the records.")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+    "Library of Zentra indexed files
+The shared library that programs using Zentra indexed files run with.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libisam-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS kestro)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+    "Library of Zentra indexed files, development files
+Headers for C and C++, the static library, files for pkg-config and CMake,
+manual and examples.")
+
+include(CPack)

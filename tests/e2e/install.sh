@@ -1,0 +1,206 @@
+#!/usr/bin/env bash
+# What is installed and packaged, as an application's developer finds it.
+#
+#   install.sh STEP BUILD_FOLDER WORK_FOLDER
+#
+# STEP is one of
+#   tree      installs into WORK_FOLDER/root; the steps below that use it need this one first
+#   symbols   the shared library shows what isam.h declares and nothing else
+#   shared    the installed examples build with the shared library, run and agree
+#   static    the same with the static library
+#   packages  what the Debian packages hold and depend on
+#   examples  the examples of the build folder run and agree, whatever flags it has
+#
+# Of the environment: CC, CXX, KESTRO (the program), SHARED (ON if the build has the shared
+# library), EXTRA_FLAG (that users of the static library would need too), LIBDIR (of the
+# installation, relative). Exit status 77 says that the step does not apply.
+set -euo pipefail
+
+readonly step=$1 build=$2 work=$3
+source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+readonly source_dir
+readonly root=$work/root
+readonly libraries=$root/$LIBDIR
+readonly examples=$root/share/doc/libisam-dev/examples
+
+fail() {
+  echo "FAILED: $*" >&2
+  exit 1
+}
+skip() {
+  echo "SKIP: $*"
+  exit 77
+}
+need_shared() { [ "$SHARED" = ON ] || skip "this build has no shared library"; }
+need_command() { command -v "$1" >/dev/null || skip "there is no $1"; }
+need_plain() { [ -z "$EXTRA_FLAG" ] || skip "the static library needs $EXTRA_FLAG"; }
+
+# fresh FOLDER: empties it and goes there.
+fresh() {
+  rm -rf "$1"
+  mkdir -p "$1"
+  cd "$1"
+}
+
+# run_and_compare PROGRAM...: each makes a pair of its own in this folder; what they print must
+# agree, and every pair be sound.
+run_and_compare() {
+  local program name first=
+  for program in "$@"; do
+    name=pair_$(basename "$program")
+    "$program" "$name" >"$name.out" || fail "$program ended with $?"
+    grep -q '^4 customers after all$' "$name.out" || fail "$program printed: $(cat "$name.out")"
+    first=${first:-$name}
+    diff "$first.out" "$name.out" || fail "$name and $first differ"
+    "$KESTRO" -n "$name" >"$name.report"
+    grep -q ' 4 data record(s) used, ' "$name.report" || fail "kestro: $(cat "$name.report")"
+    if grep -E 'ERROR|[?]' "$name.report"; then fail "$name is not sound"; fi
+  done
+}
+
+step_tree() {
+  local file
+  fresh "$root"
+  cd "$work"
+  cmake --install "$build" --prefix "$root" >install.log || fail "$(cat install.log)"
+  for file in bin/kestro include/isam.h include/isam.hpp share/man/man8/kestro.8 \
+    "$LIBDIR"/libisam.a "$LIBDIR"/pkgconfig/isam.pc "$LIBDIR"/cmake/Isam/IsamConfig.cmake \
+    share/doc/libisam-dev/examples/customers.{c,cpp}; do
+    [ -f "$root/$file" ] || fail "$file is not installed"
+  done
+  if grep -rlI "$source_dir" "$root"; then fail "these name the source folder"; fi
+  "$CC" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c "$root/include/isam.h"
+  "$CXX" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c++ \
+    - <<<'#include "isam.hpp"' -I"$root/include"
+}
+
+# The names that a header declares outside of braces: functions and variables.
+declared_names() {
+  sed '/^ *# *include/d' "$1" | "$CC" -std=c11 -E -P -x c - | tr '\n\t' '  ' |
+    sed ':again; s/{[^{}]*}//g; t again' | tr ';' '\n' |
+    sed -n -e 's/^.*[ *]\([A-Za-z0-9_]*\) *(.*$/\1/p; t' \
+      -e 's/^ *extern .*[ *]\([A-Za-z0-9_]*\) *$/\1/p' | sort
+}
+
+step_symbols() {
+  need_shared
+  need_command nm
+  declared_names "$root/include/isam.h" >"$work/declared"
+  nm -D --defined-only "$libraries/libisam.so" | awk '{ print $3 }' | sort >"$work/shown"
+  grep -qx isread "$work/declared" || fail "no declarations found in isam.h"
+  diff "$work/declared" "$work/shown" || fail "isam.h (<) and libisam.so (>) differ"
+}
+
+# build_consumer TARGET: the examples as a CMake project builds them.
+build_consumer() {
+  {
+    CC=$CC CXX=$CXX cmake -S "$source_dir/tests/e2e/install_consumer" -B consumer \
+      -DCMAKE_PREFIX_PATH="$root" -DEXAMPLES="$examples" -DTARGET="$1"
+    cmake --build consumer
+  } >consumer.log 2>&1 || fail "$(cat consumer.log)"
+}
+
+# compile_by_pkg_config PROGRAM [static]: the example in C as a makefile would build it.
+compile_by_pkg_config() {
+  local words
+  words=$(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config ${2:+"--$2"} --cflags --libs isam)
+  # shellcheck disable=SC2086  # several words
+  "$CC" -std=c11 -Wall -Wextra -Werror "$examples/customers.c" -o "$1" ${2:+"-$2"} $words ||
+    fail "$CC ${2:+"-$2"} $words"
+}
+
+needs_shared_library() { readelf -d "$1" | grep -q 'NEEDED.*libisam\.so\.[0-9]'; }
+
+readonly programs=(./by_pkg_config consumer/customers_c consumer/customers_cpp)
+
+step_shared() {
+  local program
+  need_shared
+  need_command pkg-config
+  need_command readelf
+  fresh "$work/shared"
+  compile_by_pkg_config by_pkg_config
+  build_consumer Isam::isam
+  for program in "${programs[@]}"; do
+    needs_shared_library "$program" || fail "$program runs without the shared library"
+  done
+  LD_LIBRARY_PATH=$libraries run_and_compare "${programs[@]}"
+}
+
+step_static() {
+  local program
+  need_plain
+  need_command pkg-config
+  need_command readelf
+  fresh "$work/static"
+  compile_by_pkg_config by_pkg_config static
+  build_consumer Isam::isam_static
+  for program in "${programs[@]}"; do
+    if needs_shared_library "$program"; then fail "$program wants the shared library"; fi
+  done
+  run_and_compare "${programs[@]}"
+}
+
+# pages SECTION...: the manual pages of these sections as they are installed.
+pages() {
+  local section page
+  for section in "$@"; do
+    for page in "$source_dir"/man/*."$section"; do
+      if [ -f "$page" ]; then echo "usr/share/man/man$section/${page##*/}"; fi
+    done
+  done
+}
+
+# holds PACKAGE: it has exactly the files that standard input names.
+holds() {
+  sort >expected
+  dpkg-deb --fsys-tarfile "$1"_*.deb | tar -t | sed -n 's|^\./\(.*[^/]\)$|\1|p' | sort >contents
+  diff expected contents || fail "$1: expected (<) and contents (>) differ"
+}
+
+# says PACKAGE FIELD PATTERN
+says() {
+  local value
+  value=$(dpkg-deb --field "$1"_*.deb "$2")
+  [[ $value =~ $3 ]] || fail "$1: $2 is '$value'"
+}
+
+step_packages() {
+  local archive lib=usr/$LIBDIR soname version runtime
+  need_shared
+  need_plain
+  need_command dpkg-deb
+  need_command cpack
+  fresh "$work/packages"
+  cpack --config "$build/CPackConfig.cmake" -B "$PWD" >cpack.log 2>&1 || fail "$(cat cpack.log)"
+
+  soname=$(readlink "$libraries/libisam.so")
+  version=$(readlink "$libraries/$soname")
+  runtime=libisam${soname##*.}
+  { echo usr/bin/kestro && pages 1 8; } | holds kestro
+  printf '%s\n' "$lib/$soname" "$lib/$version" | holds "$runtime"
+  {
+    printf '%s\n' usr/include/isam.{h,hpp} "$lib"/libisam.{a,so} "$lib/pkgconfig/isam.pc"
+    printf '%s\n' "$lib"/cmake/Isam/Isam{Config,ConfigVersion,Targets}.cmake
+    (cd "$root" && printf "usr/%s\n" "$LIBDIR"/cmake/Isam/IsamTargets-*.cmake)
+    printf '%s\n' usr/share/doc/libisam-dev/examples/customers.{c,cpp}
+    pages 3 5
+  } | holds libisam-dev
+
+  version=${version##*.so.}
+  says kestro Depends 'libc6'
+  says "$runtime" Depends 'libstdc\+\+6'
+  says libisam-dev Depends "^$runtime \(= $version\)$"
+  for archive in *.deb; do
+    says "${archive%%_*}" Version "^$version$"
+    dpkg-deb --extract "$archive" extracted
+  done
+  if grep -rl "$source_dir" extracted; then fail "these name the source folder"; fi
+}
+
+step_examples() {
+  fresh "$work/examples"
+  run_and_compare "$build"/examples/customers_{c,cpp}
+}
+
+"step_$step"
