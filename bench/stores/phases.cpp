@@ -1,0 +1,183 @@
+#include "bench/stores/phases.h"
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
+#include "bench/stores/measuring.h"
+
+namespace bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The order of numbers in each phase.
+enum class Seed : std::uint64_t { kLoad = 1, kRead, kRewrite, kDelete, kReinsert };
+
+std::vector<std::uint32_t> shuffled(std::uint32_t records, Seed seed) {
+  return bench::shuffled(records, static_cast<std::uint64_t>(seed));
+}
+
+// Adds up the records of a scan and checks their order.
+class Adder : public Reader {
+ public:
+  explicit Adder(Order order)
+      : start_(order == Order::kPrimary ? 0 : kSecondStart),
+        length_(order == Order::kPrimary ? kKeyLength : kSecondLength) {}
+
+  void take(const char* record) override {
+    const char* key = record + start_;
+    if (std::memcmp(key, last_.data(), length_) < 0) throw std::runtime_error("out of order");
+    std::memcpy(last_.data(), key, length_);
+    sum_ += sum_of(record);
+    ++count_;
+  }
+
+  void demand_all(std::uint32_t records) const {
+    std::uint64_t sum = 0;
+    for (std::uint32_t number = 0; number < records; ++number) sum += sum_for(number);
+    if (count_ != records || sum_ != sum) throw std::runtime_error("a scan read other records");
+  }
+
+ private:
+  std::size_t start_;
+  std::size_t length_;
+  std::array<char, kSecondLength> last_{};
+  std::uint64_t sum_ = 0;
+  std::uint64_t count_ = 0;
+};
+
+// The phases of one store.
+class Alone {
+ public:
+  Alone(Store& store, const std::string& name, std::uint32_t records)
+      : store_(store), name_(name), model_(records) {}
+
+  void load(const std::string& phase, std::span<const std::uint32_t> numbers) {
+    Record record;
+    measure(phase, numbers, [&](std::uint32_t number) {
+      model_.next(number, record);
+      store_.insert(record);
+    });
+  }
+
+  void read(const std::string& phase) {
+    std::vector<std::uint32_t> numbers(model_.records());
+    Sequence sequence(static_cast<std::uint64_t>(Seed::kRead));
+    for (std::uint32_t& number : numbers) number = sequence.below(model_.records());
+    measure(phase, numbers, [&](std::uint32_t number) { demand(store_, number); });
+  }
+
+  void scan(const std::string& phase, Order order) {
+    Adder adder(order);
+    const Stopwatch stopwatch;
+    store_.scan(order, adder);
+    store_.settle();
+    print_line(name_, phase, 1, model_.records(), stopwatch.cost());
+    adder.demand_all(model_.records());
+  }
+
+  void rewrite(const std::string& phase, std::span<const std::uint32_t> numbers) {
+    Record record;
+    measure(phase, numbers, [&](std::uint32_t number) {
+      model_.next(number, record);
+      store_.rewrite(record);
+    });
+  }
+
+  void remove(const std::string& phase, std::span<const std::uint32_t> numbers) {
+    measure(phase, numbers, [&](std::uint32_t number) {
+      model_.remove(number);
+      store_.remove(key_of(number));
+    });
+  }
+
+  // Not measured.
+  void verify() {
+    model_.verify(store_);
+    store_.settle();
+  }
+
+  [[nodiscard]] const Model& model() const { return model_; }
+
+ private:
+  template <typename Operation>
+  void measure(const std::string& phase, std::span<const std::uint32_t> numbers,
+               Operation operation) {
+    const Stopwatch stopwatch;
+    for (const std::uint32_t number : numbers) operation(number);
+    store_.settle();
+    print_line(name_, phase, 1, numbers.size(), stopwatch.cost());
+  }
+
+  Store& store_;
+  const std::string& name_;
+  Model model_;
+};
+
+void run_random(Alone& alone, std::uint32_t records) {
+  alone.load("load-random", shuffled(records, Seed::kLoad));
+  alone.scan("scan-random", Order::kPrimary);
+  alone.verify();
+}
+
+std::vector<std::uint32_t> half_of(std::uint32_t records, Seed seed) {
+  std::vector<std::uint32_t> numbers = shuffled(records, seed);
+  numbers.resize(records / 2);
+  return numbers;
+}
+
+void run_ordered(Alone& alone, std::uint32_t records) {
+  std::vector<std::uint32_t> in_order(records);
+  std::iota(in_order.begin(), in_order.end(), 0U);
+  alone.load("load-ordered", in_order);
+  alone.read("read");
+  alone.scan("scan-ordered", Order::kPrimary);
+  alone.scan("scan-second", Order::kSecond);
+  alone.rewrite("rewrite", half_of(records, Seed::kRewrite));
+  alone.verify();
+
+  const std::vector<std::uint32_t> deleted = half_of(records, Seed::kDelete);
+  alone.remove("delete", deleted);
+  alone.verify();
+  std::vector<std::uint32_t> again;
+  for (const std::uint32_t place : shuffled(records / 2, Seed::kReinsert)) {
+    again.push_back(deleted[place]);
+  }
+  alone.load("reinsert", again);
+  alone.verify();
+}
+
+void empty(const fs::path& folder) {
+  fs::remove_all(folder);
+  fs::create_directory(folder);
+}
+
+}  // namespace
+
+void demand(Store& store, std::uint32_t number) {
+  const char* record = store.find(key_of(number));
+  if (record == nullptr || sum_of(record) != sum_for(number)) {
+    throw std::runtime_error("record " + std::to_string(number) + " was not read");
+  }
+}
+
+Model run_alone(Store& store, const std::string& name, const fs::path& folder,
+                std::uint32_t records) {
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Alone on_random(store, name, records);
+  run_random(on_random, records);
+  store.close();
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Alone on_ordered(store, name, records);
+  run_ordered(on_ordered, records);
+  store.close();
+  return on_ordered.model();
+}
+
+}  // namespace bench

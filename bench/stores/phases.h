@@ -1,0 +1,21 @@
+// phases: the same operations on any store, in one process, measured and checked.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "bench/stores/model.h"
+#include "bench/stores/store.h"
+
+namespace bench {
+
+// Reads record `number` and throws std::runtime_error unless some whole version of it is there.
+void demand(Store& store, std::uint32_t number);
+
+// Runs the phases on a file loaded in random order and then on one loaded in key order, each made
+// in `folder`, and prints their lines under `name`. Returns what the second one holds, which is
+// left there, closed.
+Model run_alone(Store& store, const std::string& name, const std::filesystem::path& folder,
+                std::uint32_t records);
+
+}  // namespace bench
