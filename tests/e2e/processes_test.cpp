@@ -319,6 +319,8 @@ class Killed : public Processes {
   // fit the storage: that stays.
   void repair() {
     run_program({.words = {KESTRO_PROGRAM, "-yq", base_}});
+    // What a torn record seemed to use may be found free only in a second run.
+    if (varying_) run_program({.words = {KESTRO_PROGRAM, "-yq", base_}});
     std::string left = run_program({.words = {KESTRO_PROGRAM, "-nq", base_}}).out;
     if (varying_) {
       const std::regex torn(
