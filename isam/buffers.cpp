@@ -157,6 +157,7 @@ class Pool {
   static void modified_out(Buffer* buffer);
   void put_in_order(Buffer* buffer);
   Buffer* least_wanted();
+  Buffer* victim();
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const FileRecord& file);
   int write_run(std::size_t& at);
@@ -257,6 +258,18 @@ Buffer* Pool::least_wanted() {
   return block->released < node->released + head_start ? block : node;
 }
 
+// The buffer to be reused. Pages that a call changed keep theirs as long as there are others: until
+// the call ends its changes can be taken back. (Those of an exclusive open stay anyway.)
+Buffer* Pool::victim() {
+  Buffer* buffer = least_wanted();
+  for (int tries = 0; tries < nbuffs_ && buffer != nullptr; ++tries) {
+    if ((buffer->flags & kModified) == 0 || buffer->file->exclusives > 0) return buffer;
+    put_in_order(buffer);
+    buffer = least_wanted();
+  }
+  return buffer;
+}
+
 // Gives an idle buffer to another page of the current file.
 void Pool::reuse(Buffer* buffer, std::int32_t block) {
   if ((buffer->flags & kModified) != 0) {
@@ -276,7 +289,7 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
 Buffer* Pool::bfgetblk(std::int32_t block) {
   Buffer* buffer = table_.find(block, filep);
   if (buffer == nullptr) {
-    buffer = least_wanted();
+    buffer = victim();
     if (buffer == nullptr) common::error("no more buffers");
     reuse(buffer, block);
   }

@@ -117,6 +117,9 @@ class Walker {
 
   void read_records() {
     const std::size_t slot = static_cast<std::size_t>(record_length_) + (max_length_ != 0 ? 7 : 1);
+    // What a file's end cuts off behind a state byte reads as zero bytes.
+    const std::size_t rest = data_.size() % slot;
+    if (rest > static_cast<std::size_t>(record_length_)) data_.resize(data_.size() + slot - rest);
     for (std::size_t at = 0; at + slot <= data_.size(); at += slot) {
       const auto number = static_cast<std::int32_t>(at / slot) + 1;
       const Byte* from = &data_[at];
