@@ -215,10 +215,4 @@ int check_locale() {
   return !client.empty() && stored.starts_with(client) ? 0 : failed(kBadCollation);
 }
 
-int failed_outside() {
-  isstat1 = '9';
-  if (isstat2 == '0' && isstat3 == '0') isstat3 = '9';
-  return -1;
-}
-
 }  // namespace isam

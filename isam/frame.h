@@ -49,8 +49,4 @@ void release_semaphore();
 // or 159. A file without a locale suits every client.
 int check_locale();
 
-// Sets the status characters of a call that failed before it entered, or outside any open: those
-// that are set already stay.
-int failed_outside();
-
 }  // namespace isam
