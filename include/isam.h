@@ -98,12 +98,22 @@ enum {
   ISENAME = 114,         /* a file name is empty or too long */
   ISEMEMORY = 116,       /* no memory */
   ISECOLLATION = 117,    /* the file's locale or a collating table does not fit */
+  ISELOGREAD = 118,      /* the log cannot be read */
+  ISELOGRECORD = 119,    /* a log record is damaged, or does not fit what came before */
+  ISELOGOPEN = 120,      /* a log file cannot be opened */
+  ISELOGWRITE = 121,     /* the log cannot be written */
+  ISENOLOG = 122,        /* no log is open */
+  ISENOBEGIN = 124,      /* no transaction has begun */
+  ISERECNUM = 126,       /* recovery cannot give a record its number */
   ISENOPRIMARY = 127,    /* the file has no primary key */
   ISERECLEN = 132,       /* a record length is out of range */
+  ISEAUDIT = 133,        /* a file with an audit trail cannot be clustered */
   ISENOLOCKS = 134,      /* the system has no more locks */
   ISENOTMANUAL = 153,    /* the open's lock mode is not ISMANULOCK */
   ISELOCALE = 159,       /* the client's locale cannot be loaded */
-  ISEFORMAT = 171        /* a pair of another format */
+  ISEFORMAT = 171,       /* a pair of another format */
+  ISELOGMAGIC = 21502,   /* the file is not a log */
+  ISETOODEEP = 26062     /* an index has reached its greatest depth */
 };
 
 /* -------------------- keys -------------------- */
@@ -177,6 +187,9 @@ enum {
   ISOUTPUT = 1, /* write only */
   ISINOUT = 2,  /* read and write */
 
+  ISTRANS = 4, /* changes belong to transactions: isrollback() undoes them (needs a log) */
+  ISNOLOG = 8, /* changes are not logged, though a log is open */
+
   ISVARLEN = 0x10,     /* the records are of variable length */
   ISANYPRIMARY = 0x20, /* isdelindex() may drop the primary and the current key */
   ISANYLENGTH = 0x80,  /* fixed or variable length, and whatever locale */
@@ -214,8 +227,8 @@ enum {
  * greatest record length. */
 int isopen(const char* name, int mode);
 
-/* Closes an open and releases its locks. -1 with ISENOTOPEN ("9042"), or the error of a write that
- * had to be done now. */
+/* Closes an open and releases its locks; inside a transaction see there. -1 with ISENOTOPEN
+ * ("9042"), or the error of a write that had to be done now. */
 int isclose(int isfd);
 
 /* Closes every file that the process has open through the library. Returns 0. */
@@ -338,6 +351,69 @@ int isrelease(int isfd);
 /* Whether another process has the whole file locked: 1 or 0, -1 when `isfd` cannot be entered.
  * `how` 0 tests; any other value waits until it could be locked. */
 int isfilelocked(int isfd, int how);
+
+/* -------------------- transactions -------------------- */
+
+/* A process that has a log file open logs each change it makes through opens without ISNOLOG.
+ * Processes share one log. Between isbegin() and iscommit() or isrollback() the changes made
+ * through opens with ISTRANS form a transaction: their records stay locked until it ends, and
+ * isrollback() undoes them. All other changes stand at once. A process killed inside a transaction
+ * leaves its changes in the files; isrecover() over restored files leaves them out.
+ *
+ * Inside a transaction isclose() is put off until the end, though the open counts as closed;
+ * isopen() with the same name and mode gives the same number again. */
+
+/* Opens the log file `path`, which must exist; an empty file becomes a log. -1 with ISELOGOPEN
+ * (also when a log is open), ISELOGREAD, ISELOGWRITE, ISELOGMAGIC, ISEMEMORY. */
+int islogopen(const char* path);
+
+/* Closes the log; a transaction is rolled back first. -1 with ISENOTOPEN when none is open. */
+int islogclose(void);
+
+/* Begins a transaction; inside one it does nothing. -1 with ISENOLOG (isstat1 '9'). */
+int isbegin(void);
+
+/* Ends the transaction, its changes stand. When it returns, all of the transaction is in the log as
+ * the operating system has it, with ISAM_LOG_SYNC set to 1 as the disk has it. -1 with ISENOLOG,
+ * ISENOBEGIN, ISELOGWRITE (the transaction is still open: repeat, or roll back). */
+int iscommit(void);
+
+/* Ends the transaction and undoes its changes, last first. -1 with ISENOLOG, ISENOBEGIN, or the
+ * first failure of undoing, which ends the transaction where it stands. */
+int isrollback(void);
+
+/* Nothing is logged between the two, for work that must not be repeated by a recovery. Return 0. */
+int issusplog(void);
+int isresumlog(void);
+
+/* Applies the open log to files restored from a copy, from its start: what was committed, and what
+ * was changed outside transactions. Closes the log and all files. `mode` is a sum of the RCV_...
+ * below, 0 for isrecover(). With any of them "isrecvr_err.log", which must not exist, is made in
+ * the current folder: a log of what was not applied, each record followed by one that says why. -1
+ * with ISELOGRECORD, ISELOGOPEN or whatever an operation failed with; then recovery has stopped
+ * half way and the files must be restored again. */
+int isrecover(void);
+int isrecvr(int mode);
+enum {
+  RCV_ANY = 1, /* records of a process whose start is not in the log are applied at once */
+  RCV_SKIP = 2 /* what cannot be applied is noted and left out */
+};
+
+/* -------------------- audit trail -------------------- */
+
+/* The audit trail of a file: another file to which each record added, deleted or rewritten is
+ * appended. `name` is a buffer of 128 bytes. -1 with ISEARGUMENT. */
+int isaudit(int isfd, char* name, int mode);
+enum {
+  AUDSETNAME = 0, /* `name` is the trail's file, which is made unless it exists; an empty one
+                     means no trail. Not while the trail is on. */
+  AUDGETNAME = 1, /* fills `name` */
+  AUDSTART = 2,   /* switches the trail on */
+  AUDSTOP = 3,    /* switches it off */
+  AUDINFO = 4,    /* the first byte of `name` becomes 1 when the trail is on, else 0 */
+  AUDRECVR = 5    /* as AUDSTOP; and numbers freed from now on, even the highest, are kept on the
+                     lists of free ones */
+};
 
 /* -------------------- what the dictionary tells -------------------- */
 

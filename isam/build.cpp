@@ -4,7 +4,6 @@
 #include <cerrno>
 
 #include "common/io.h"
-#include "isam/audittrail.h"
 #include "isam/btree.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
@@ -15,6 +14,9 @@
 #include "isam/locks.h"
 #include "isam/opening.h"
 #include "locale/collation.h"
+#include "txlog/audit.h"
+#include "txlog/logfile.h"
+#include "txlog/logwriter.h"
 
 namespace isam {
 namespace {
@@ -92,9 +94,13 @@ void remove_pair(const char* name) {
   common::system_calls().unlink(mkdatname(name).c_str());
 }
 
+int build_lock_mode(int mode) { return issingleuser ? ISEXCLLOCK : lock_mode_of(mode); }
+
 // Takes the new pair for this open and fills it.
-int set_up(OpenRecord& open, int lock_mode, const RecordLengths& lengths, keydescr& key) {
+int set_up(OpenRecord& open, const char* name, const RecordLengths& lengths, keydescr& key,
+           int mode) {
   make_current(open);
+  const int lock_mode = build_lock_mode(mode);
   bt = Position{};
   if (lksemaphore(Semaphore::kExclusive) != 0) return -1;
   open.mode |= lock_mode;
@@ -102,7 +108,13 @@ int set_up(OpenRecord& open, int lock_mode, const RecordLengths& lengths, keydes
     open.mode &= 0xFF;
     return -1;
   }
-  return lay_out(lengths, key) == 0 ? isexit() : -1;
+  if (lay_out(lengths, key) != 0) return -1;
+  if (!txlog::logs_changes()) return isexit();
+  if (txlog::islogbuild(name, lengths.maximum, key, mode) != 0) return -1;
+  if (isexit() == 0) return 0;
+  const KeepError keep;
+  txlog::islogerase(name);
+  return -1;
 }
 
 int build(const char* name, int reclen, keydescr& key, int mode) {
@@ -111,18 +123,18 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
       check_primary_key(key, lengths.minimum) != 0) {
     return -1;
   }
-  const int lock_mode = issingleuser ? ISEXCLLOCK : lock_mode_of(mode);
-  if (lock_mode == 0) return failed(kBadArgument);
+  if (build_lock_mode(mode) == 0) return failed(kBadArgument);
   isbatch(2);
   clear_errors();
   OpenRecord* open = allocopen();
   if (open == nullptr) return -1;
-  open->mode = mode & (ISVARLEN | ISANYPRIMARY | ISANYLENGTH | 3);
+  const int logging = txflag == kNotLogging ? 0 : mode & (ISTRANS | ISNOLOG);
+  open->mode = (mode & (ISVARLEN | ISANYPRIMARY | ISANYLENGTH | 3)) | logging;
   if (make_pair(name) != 0) return abandon_open(*open);
   open->file = allocfile(name, ISINOUT);
   if (open->file != nullptr) {
     advise_random(*open->file);
-    if (set_up(*open, lock_mode, lengths, key) == 0) return isfd_of(*open);
+    if (set_up(*open, name, lengths, key, mode) == 0) return isfd_of(*open);
     const KeepError keep;
     bfflush(*open->file);  // nothing of it may be left in the pool
     open->file->flags |= kNotShared;
@@ -131,10 +143,24 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
   return abandon_open(*open);
 }
 
-// Opens a pair for this process alone, whatever its record format: the open, or -1.
+// Opens a pair for this process alone, whatever its record format, without logging: the open, or
+// -1.
 int open_alone(const char* name) {
-  const int isfd = isopen(name, ISINOUT + ISEXCLLOCK);
-  return isfd < 0 && iserrno == kBadArgument ? isopen(name, ISINOUT + ISEXCLLOCK + ISVARLEN) : isfd;
+  const int mode = ISINOUT + ISEXCLLOCK + (txflag == kNotLogging ? 0 : ISNOLOG);
+  const int isfd = isopen(name, mode);
+  return isfd < 0 && iserrno == kBadArgument ? isopen(name, mode + ISVARLEN) : isfd;
+}
+
+// The log learns that its opens of a file close, and then of what becomes of the file: 0, or -1
+// with 121.
+int log_erase(const FileRecord& file, const char* name) {
+  if (txflag == kNotLogging) return 0;
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    OpenRecord* const open = open_of(isfd);
+    const bool known = open != nullptr && open->file == &file && (open->flags & kLogged) != 0;
+    if (known && txlog::logclose(*open) != 0) return -1;
+  }
+  return txlog::islogerase(name);
 }
 
 // Closes it so that its descriptors really go.
@@ -210,10 +236,15 @@ extern "C" int iserase(const char* name) {
   }
   std::string trail;
   if (isenter(isfd, kToRead) == 0) {
-    trail = audit_trail_name();
+    trail = txlog::audit_trail_name();
     isexit();
   }
+  const std::int32_t reason = log_erase(*open_of(isfd)->file, name) == 0 ? 0 : iserrno;
   close_for_good(isfd);
+  if (reason != 0) {
+    failed_system(reason);
+    return end_without_open();
+  }
   clear_errors();
   if (!trail.empty()) unlink_or_note(trail);
   unlink_or_note(mkidxname(name));
@@ -226,7 +257,10 @@ extern "C" int isrename(const char* oldname, const char* newname) {
   if (ckfilname(oldname) != 0 || ckfilname(newname) != 0) return end_without_open();
   const int isfd = open_alone(oldname);
   if (isfd < 0) return end_without_open();
-  if (move_pair(oldname, newname) == 0) open_of(isfd)->file->name = newname;
+  if (move_pair(oldname, newname) == 0) {
+    open_of(isfd)->file->name = newname;
+    if (txflag != kNotLogging) txlog::islogrename(oldname, newname);
+  }
   const std::int32_t reason = iserrno;
   isclose(isfd);
   if (reason != 0) failed_system(reason);

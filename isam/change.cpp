@@ -10,6 +10,9 @@
 #include "isam/freelists.h"
 #include "isam/keytable.h"
 #include "isam/locks.h"
+#include "txlog/audit.h"
+#include "txlog/logfile.h"
+#include "txlog/logwriter.h"
 
 namespace isam {
 namespace {
@@ -63,7 +66,8 @@ class KeptPosition {
 
 // A change locks its record; outside ISAUTOLOCK it is enough that nobody else has it locked.
 int lock_for_change(std::int32_t number) {
-  if ((openp->mode & ISAUTOLOCK) != 0) return lkrecord(number, RecordLock::kTry);
+  const bool keeps = (openp->mode & ISAUTOLOCK) != 0 || may_be_undone();
+  if (keeps) return lkrecord(number, RecordLock::kTry);
   if (filep->held.contains(number) || filep->releasable.contains(number)) return 0;
   return lkrecord(number, RecordLock::kTest);
 }
@@ -191,16 +195,91 @@ class Replacement {
   ConstBytes record_;
 };
 
+// Room for one more number on a list of the transaction, before anything is changed: 0, or -1 with
+// 116.
+int reserve_entry(std::vector<std::int32_t>& list) {
+  try {
+    if (list.size() == list.capacity()) list.reserve(2 * list.size() + 16);
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+  return 0;
+}
+
+// A number for a new record: 0, or -1. A given one must be free.
+int take_number(std::int32_t given, std::int32_t& number) {
+  number = given > 0 ? given : allocdatrec();
+  if (number < 0) return -1;
+  return given > 0 && datacheck(given) != 0 ? failed_unless_set(kCorrupted) : 0;
+}
+
+// A record put back may find the storage that was kept for it.
+int store(std::int32_t number, ConstBytes record, bool given) {
+  const bool logged = !txlog::logs_changes() || txlog::log_inserted(number, record) == 0;
+  if (!logged) return -1;
+  return given ? datawrite(number, record, true) : datacreate(number, record);
+}
+
+void give_number_back(std::int32_t number, std::int32_t highest) {
+  if (number > highest) {
+    freerec(number, FreeList::kRecords);
+  } else {
+    enlist(number, FreeList::kRecords);
+  }
+  lkrecord(number, RecordLock::kRelease);
+}
+
+// Whether a record that becomes shorter keeps its storage until the transaction ends.
+bool keeps_storage(ConstBytes old, ConstBytes record) {
+  return record.size() < old.size() && (may_be_undone() || txlog::logstate.in_rollback);
+}
+
+int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
+  const bool keeps = keeps_storage(old, record);
+  if (keeps && reserve_entry(openp->shortened) != 0) return -1;
+  if (txlog::logs_changes() && txlog::log_updated(number, old, record) != 0) return -1;
+  if (datawrite(number, record, !keeps) != 0) return -1;
+  if (keeps) openp->shortened.push_back(number);
+  txlog::audoutput(txlog::AuditLetter::kBefore, number, old);
+  txlog::audoutput(txlog::AuditLetter::kAfter, number, record);
+  return 0;
+}
+
+// Its number and storage are kept for as long as the deletion can be undone.
+int remove_for_now(std::int32_t number) {
+  if (dataclear(number) != 0) return -1;
+  openp->deleted.push_back(number);
+  return 0;
+}
+
+int remove_at_once(std::int32_t number) {
+  if (freerec(number, FreeList::kRecords) != 0) return -1;
+  if (datadelete(number) == 0) {
+    lkrecord(number, RecordLock::kRelease);
+    return 0;
+  }
+  const KeepError keep;
+  static_cast<void>(allocrec(FreeList::kRecords));  // the number just given back
+  return -1;
+}
+
+int remove_record(std::int32_t number, ConstBytes old) {
+  if (txlog::logs_changes() && txlog::log_deleted(number, old) != 0) return -1;
+  if ((may_be_undone() ? remove_for_now(number) : remove_at_once(number)) != 0) return -1;
+  txlog::audoutput(txlog::AuditLetter::kDeleted, number, old);
+  return 0;
+}
+
 Bytes record_room() { return temprecord().first(static_cast<std::size_t>(filep->maxreclen)); }
 
 }  // namespace
 
-std::int32_t wrtrecord(ConstBytes record, Current current) {
+std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given) {
   const Keys* keys = file_keys();
-  if (keys == nullptr) return -1;
+  if (keys == nullptr || txlog::audopen() != 0) return -1;
   const std::int32_t highest = dictp->d_nextdata();
-  const std::int32_t number = allocdatrec();
-  if (number < 0) return -1;
+  std::int32_t number = 0;
+  if (take_number(given, number) != 0) return -1;
   KeptPosition position;
   if (current == Current::kMoves && openp->key.nparts == 0) {
     Item item;
@@ -208,26 +287,24 @@ std::int32_t wrtrecord(ConstBytes record, Current current) {
     position.move_to_new(item);
   }
   const std::size_t added = add_items(*keys, record, number, current, position);
-  if (added == keys->size() && datacreate(number, record) == 0) return number;
+  if (added == keys->size() && store(number, record, given > 0) == 0) {
+    txlog::audoutput(txlog::AuditLetter::kAdded, number, record);
+    return number;
+  }
   position.stay();
   const KeepError keep;
   remove_items(*keys, added, record, number);
-  if (number > highest) {
-    freerec(number, FreeList::kRecords);
-  } else {
-    enlist(number, FreeList::kRecords);
-  }
-  lkrecord(number, RecordLock::kRelease);
+  if (given == 0) give_number_back(number, highest);
   return -1;
 }
 
 int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current current) {
   const Keys* keys = file_keys();
-  if (keys == nullptr || lock_for_change(number) != 0) return -1;
+  if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
   KeptPosition position;
   Replacement replacement{*keys, number, old, record};
   if (replacement.run(current, position) == 0) {
-    if (datawrite(number, record, true) == 0) return 0;
+    if (replace_record(number, old, record) == 0) return 0;
     replacement.undo();
   }
   position.stay();
@@ -236,21 +313,15 @@ int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current cu
 
 int delrecord(std::int32_t number, ConstBytes old) {
   const Keys* keys = file_keys();
-  if (keys == nullptr || lock_for_change(number) != 0) return -1;
+  if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
+  if (may_be_undone() && reserve_entry(openp->deleted) != 0) return -1;
   const KeptPosition position;
   std::size_t removed = 0;
   for (; removed < keys->size(); ++removed) {
     const keydescr& k = (*keys)[removed];
     if (k.nparts > 0 && btdelitem(item_of(old, number, k), k) != 0) break;
   }
-  if (removed == keys->size() && freerec(number, FreeList::kRecords) == 0) {
-    if (datadelete(number) == 0) {
-      lkrecord(number, RecordLock::kRelease);
-      return 0;
-    }
-    const KeepError keep;
-    static_cast<void>(allocrec(FreeList::kRecords));  // the number just given back
-  }
+  if (removed == keys->size() && remove_record(number, old) == 0) return 0;
   const KeepError keep;
   put_back_items(*keys, removed, old, number);
   return -1;

@@ -17,8 +17,10 @@ namespace isam {
 
 enum class Current { kStays, kMoves };
 
-// Adds a record: its number, or -1 with 100, 105 or 107. kMoves makes it the current one.
-std::int32_t wrtrecord(ConstBytes record, Current current);
+// Adds a record: its number, or -1 with 100, 105 or 107. kMoves makes it the current one. `given`
+// is the number of an absent record that it is to have, 0 for any; it stays the caller's if that
+// fails.
+std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given = 0);
 
 // Replaces record `number`, which holds `old`: 0, or -1 with 100 or 107. With kMoves a changed key
 // takes the current item along.

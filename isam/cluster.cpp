@@ -10,6 +10,8 @@
 #include "isam/frame.h"
 #include "isam/keychain.h"
 #include "isam/tempname.h"
+#include "txlog/logfile.h"
+#include "txlog/logwriter.h"
 
 namespace isam {
 namespace {
@@ -39,7 +41,8 @@ int look(int isfd, keydescr& key, Old& old) {
     failed(kNotExclusive);
   } else if (dictp->d_auditnode() != 0) {
     failed(kAuditTrailExists);
-  } else if (filep->usecount > 1) {
+  } else if (filep->usecount > 1 || (openp->flags & kUndoable) != 0) {
+    // Changes to be undone are known by numbers that would not be theirs any more.
     failed(kFileInUse);
   } else if (key.nparts != 0 && kysearch(key, 0) < 0) {
     failed_unless_set(kBadKey);
@@ -120,7 +123,28 @@ int swap_pairs(const Old& old, const TemporaryNames& names) {
   return result;
 }
 
+// Nothing is logged while it lives.
+class Unlogged {
+ public:
+  Unlogged() = default;
+  Unlogged(const Unlogged&) = delete;
+  Unlogged& operator=(const Unlogged&) = delete;
+  ~Unlogged() { txflag = saved_; }
+  [[nodiscard]] bool was_logging() const { return saved_ != kNotLogging; }
+
+ private:
+  int saved_ = std::exchange(txflag, kNotLogging);
+};
+
+int log_cluster(const Old& old, const keydescr& key) {
+  OpenRecord& open = *open_of(old.isfd);
+  if ((open.mode & ISNOLOG) != 0) return 0;
+  make_current(open);
+  return txlog::islogidx(txlog::IndexEvent::kClustered, key);
+}
+
 int cluster(const Old& old, keydescr& key) {
+  const Unlogged unlogged;
   TemporaryNames names;
   if (!ismkname(old.name, names)) return failed_system(EEXIST);
   const int made = isbnew(old, names.first, key);
@@ -129,7 +153,7 @@ int cluster(const Old& old, keydescr& key) {
     discard(made, names.first);
     return -1;
   }
-  if (isclose(made) != 0) {
+  if (isclose(made) != 0 || (unlogged.was_logging() && log_cluster(old, key) != 0)) {
     const KeepError keep;
     iserase(names.first.c_str());
     return -1;

@@ -23,12 +23,18 @@ struct Buffer;
 inline constexpr int nopens = 256;  // open records of a process
 inline constexpr int nfiles = 256;  // file records of a process
 
+// Whether the process logs its changes, and whether a transaction is open.
+enum TransactionFlag : int { kInTransaction = 0, kNotLogging = 1, kLogging = 2 };
+extern int txflag;
+
 // Flags of a file record.
 enum FileFlag : std::uint16_t {
   kPageChanged = 1,        // a page was changed during this call
   kDictionaryChanged = 2,  // the dictionary copy differs from the file's
   kRecordsLocked = 8,      // this process holds locks in the record range
+  kAuditOpen = 4,          // the audit trail is open
   kNotShared = 16,         // no new open may use the record
+  kNumbersListed = 32,     // a freed number goes on its list, even the highest
 };
 
 // A write that failed after its caller had gone on; 0 for none.
@@ -50,6 +56,7 @@ struct FileRecord {
   std::uint32_t stamp = 0;  // change stamp last seen in this process
   int datfd = -1;           // -1 while vclose has it closed
   int idxfd = -1;
+  int audfd = -1;     // of the audit trail, while kAuditOpen
   int datmode = 0;    // access that the data file was opened with, as O_RDWR
   int reclen = 0;     // record length; the fixed part's with variable length
   int maxreclen = 0;  // greatest record length; reclen for fixed length
@@ -76,21 +83,35 @@ enum OpenFlag : std::uint16_t {
   kHoldsFileLock = 0x20,
   kHoldsSemaphore = 64,
   kHoldsRecordLocks = 0x100,
+  kLogged = 0x200,    // the log knows of the open
+  kUndoable = 0x800,  // its transaction has changed records through it
+  kKept = 0x400,      // closed inside a transaction, until that ends or the file is opened again
 };
 
 // One open of a pair.
 struct OpenRecord {
   std::uint16_t flags = 0;
+  std::uint16_t process = 0;  // low 16 bits of the process and user ids when it was made
+  std::uint16_t user = 0;
   int mode = 0;             // access and option bits, plus the lock mode in the high byte
   std::uint32_t stamp = 0;  // change stamp last seen by this open
   FileRecord* file = nullptr;
   keydescr key{};     // the current index
   Position position;  // the position in it, between calls
+  // What the end of the transaction has to see to: records deleted, whose numbers and storage are
+  // kept until then, and records that became shorter, which keep theirs.
+  std::vector<std::int32_t> deleted;
+  std::vector<std::int32_t> shortened;
 };
 
 extern OpenRecord* openp;
 extern FileRecord* filep;
 extern Dictionary* dictp;
+
+// Whether what the current open changes can still be undone: locks and storage are kept.
+[[nodiscard]] inline bool may_be_undone() {
+  return txflag == kInTransaction && (openp->mode & ISTRANS) != 0;
+}
 
 // Marks the current file's dictionary copy as changed, to be written at the end of the call.
 inline void dictmodify() { filep->flags |= kDictionaryChanged; }

@@ -28,6 +28,13 @@ enum Code : std::int32_t {
   kBadName = 114,
   kNoMemory = 116,
   kBadCollation = 117,
+  kLogRead = 118,
+  kBadLogRecord = 119,
+  kLogOpen = 120,
+  kLogWrite = 121,
+  kNoLog = 122,
+  kNoBegin = 124,
+  kBadRecordNumber = 126,
   kNoPrimaryKey = 127,
   kBadRecordLength = 132,
   kAuditTrailExists = 133,
@@ -35,6 +42,7 @@ enum Code : std::int32_t {
   kNotManualLock = 153,
   kLocaleInvalid = 159,
   kFormatChange = 171,
+  kBadLogMagic = 21502,
   kTreeTooDeep = 26062,
 };
 

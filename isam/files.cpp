@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -23,6 +24,7 @@ FileRecord* filep = nullptr;
 Dictionary* dictp = nullptr;
 int ismaxfds = 0;
 int isopenfds = 0;
+int txflag = kNotLogging;
 
 namespace {
 
@@ -77,6 +79,7 @@ void close_data(FileRecord& file) {
 void close_file_record(FileRecord& file) {
   bfignor(file);
   close_data(file);
+  close_trail(file);
   common::close_file(file.idxfd);
   file = FileRecord{};
   --isopenfds;
@@ -188,6 +191,8 @@ OpenRecord* allocopen() {
     if ((open->flags & kOpenInUse) == 0) {
       *open = OpenRecord{};
       open->flags = kOpenInUse;
+      open->process = static_cast<std::uint16_t>(::getpid());
+      open->user = static_cast<std::uint16_t>(::getuid());
       return open.get();
     }
   }
@@ -264,6 +269,7 @@ void vclose() {
     } else {
       bfflush(*found.busy);
       close_data(*found.busy);
+      close_trail(*found.busy);
     }
     found = look_for_victims();
   }
@@ -274,6 +280,23 @@ void close_idle_files() {
   for (const auto& file : files) {
     if (is_open(file) && file->usecount == 0) close_file_record(*file);
   }
+}
+
+int open_trail(const std::string& path) {
+  common::FileHold fd = open_with_retry(path, O_WRONLY);
+  if (!fd) return failed_system(errno, Operation::kOpen, FileKind::kAudit);
+  // Room for it may have been made by closing the data file of the file it belongs to.
+  if (filep->datfd < 0 && reopen_data(*filep) != 0) return -1;
+  filep->audfd = fd.release();
+  filep->flags |= kAuditOpen;
+  return 0;
+}
+
+void close_trail(FileRecord& file) {
+  if ((file.flags & kAuditOpen) == 0) return;
+  common::close_file(file.audfd);
+  file.audfd = -1;
+  file.flags = static_cast<std::uint16_t>(file.flags & ~kAuditOpen);
 }
 
 void make_current(OpenRecord& open) {

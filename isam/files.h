@@ -44,7 +44,14 @@ void freeopen(OpenRecord& open);
 // Opens the data file of a record again after vclose: 0, or -1 with iserrno.
 int reopen_data(FileRecord& file);
 
-// Creates a file that must not exist: 0, or -1 with iserrno and iserrio 0x21 or 0x22.
+// Opens the current file's audit trail for appending: 0, or -1 with the system's error and iserrio
+// 0x13.
+int open_trail(const std::string& path);
+// Closes it, if it is open.
+void close_trail(FileRecord& file);
+
+// Creates a file that must not exist, with permissions 0664: 0, or -1 with iserrno and iserrio 0x21
+// to 0x23.
 int makefile(const std::string& path, FileKind kind);
 
 // Closes descriptors when the process runs short of them: pairs without a user first, then data

@@ -94,6 +94,11 @@ struct Dictionary {
     common::stlong(static_cast<std::int32_t>(stamp), raw + 41);
   }
   void set_d_uniqid(std::int32_t id) { common::stlong(id, raw + 45); }
+  [[nodiscard]] bool d_audits() const { return (raw[49] & 0x80) != 0; }
+  void set_d_audit(std::int32_t node, bool on) {
+    common::stlong(node, raw + 49);
+    if (on) raw[49] |= 0x80;
+  }
   void clear_d_auditnode() { common::stlong(0, raw + 49); }
   void set_d_lockmethod(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 53); }
   void set_d_altcount(std::int32_t count) { common::stlong(count, raw + 55); }

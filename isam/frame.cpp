@@ -9,6 +9,7 @@
 #include "isam/files.h"
 #include "isam/locks.h"
 #include "locale/collation.h"
+#include "txlog/logfile.h"
 
 namespace isam {
 
@@ -74,11 +75,13 @@ int open_data() {
 
 int release_automatic_lock(int entry) {
   if ((openp->mode & ISAUTOLOCK) == 0 || (entry & kKeepAutoLock) != 0) return 0;
-  return lkfile(false);
+  return release_locks();
 }
 
 int enter(OpenRecord* open, int entry) {
-  if (open == nullptr) return refuse(nullptr);
+  if (open == nullptr || ((open->flags & kKept) != 0 && (entry & kKeptToo) == 0)) {
+    return refuse(nullptr);
+  }
   end_other_batch(*open);
   make_current(*open);
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
@@ -140,6 +143,14 @@ void write_changes() {
   }
 }
 
+// What the call has logged is withdrawn when the change was not made. An exclusive open that could
+// not write a page still has its change.
+void settle_image(bool undone) {
+  const bool made = !undone && (iserrno == 0 || (openp->mode & ISEXCLLOCK) != 0);
+  txlog::logstate.image_logged = false;
+  if (!made) txlog::withdraw_image();
+}
+
 // The last two characters stay as a call has set them.
 void set_unless_set(char third, char fourth) {
   if (isstat3 != '0') return;
@@ -190,7 +201,9 @@ int write_delayed() {
 
 int isexit() {
   openp->position = bt;
+  const bool undone = iserrno != 0;
   write_changes();
+  if (txlog::logstate.image_logged) settle_image(undone);
   openp->position.depth = bt.depth;
   set_status_characters();
   if (batchflag == 0 || ++batchflag >= kBatchCalls) {

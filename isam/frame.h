@@ -25,6 +25,7 @@ enum Entry : int {
   kShared = 64,  // other processes' shared entries do not wait
   kAnyLocale = 0x80,
   kKeepAutoLock = 0x800,
+  kKeptToo = 0x1000,  // also an open that was closed inside a transaction
 };
 
 // Consecutive calls of one open for which batch mode keeps the semaphore; 0: off, else counts.

@@ -1,6 +1,8 @@
 #include "isam/freelists.h"
 
 #include <array>
+#include <cstring>
+#include <utility>
 
 #include "isam/buffers.h"
 #include "isam/errors.h"
@@ -165,6 +167,77 @@ std::int32_t take_unused_node() {
   return number;
 }
 
+// Tells a walk along a chain that it goes round: a node left behind at growing distances meets
+// every loop.
+class LoopGuard {
+ public:
+  bool meets(std::int32_t node) {
+    if (node == mark_) return true;
+    if (++nodes_ == next_mark_) {
+      mark_ = node;
+      next_mark_ *= 2;
+    }
+    return false;
+  }
+
+ private:
+  std::int32_t mark_ = 0;
+  std::int64_t nodes_ = 0;
+  std::int64_t next_mark_ = 1;
+};
+
+void remove_entry(PageHold& page, int offset) {
+  Byte* const entry = page.data() + offset;
+  const int behind = page.used() - offset - kListEntrySize;
+  std::memmove(entry, entry + kListEntrySize, static_cast<std::size_t>(behind));
+  page.set_used(page.used() - kListEntrySize);
+  common::stlong(0, page.data() + page.used());
+  page.modified();
+}
+
+// The offset of a number in a list node, -1 when it is not there.
+int find_entry(const PageHold& page, std::int32_t number) {
+  for (int offset = page.used() - kListEntrySize; offset >= kEntriesOffset;
+       offset -= kListEntrySize) {
+    if (common::ldlong(page.data() + offset) == number) return offset;
+  }
+  return -1;
+}
+
+// Takes a node without entries out of the list of free records; `before` is the node that names it,
+// 0 for the dictionary.
+int unlink_node(PageHold page, std::int32_t before) {
+  const std::int32_t node = page.node();
+  const std::int32_t next = common::ldlong(page.data() + kLinkOffset);
+  page.release();
+  if (before == 0) {
+    set_head(FreeList::kRecords, next);
+  } else {
+    PageHold naming = list_node(FreeList::kRecords, before);
+    if (!naming) return -1;
+    common::stlong(next, naming.data() + kLinkOffset);
+    naming.modified();
+  }
+  return freerec(node, FreeList::kNodes);
+}
+
+int take_listed(std::int32_t number) {
+  LoopGuard guard;
+  std::int32_t before = 0;
+  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
+    PageHold page = list_node(FreeList::kRecords, node);
+    if (!page) return -1;
+    if (guard.meets(node)) return failed(kCorrupted);
+    if (const int offset = find_entry(page, number); offset >= 0) {
+      remove_entry(page, offset);
+      return page.used() > kEntriesOffset ? 0 : unlink_node(std::move(page), before);
+    }
+    before = node;
+    node = common::ldlong(page.data() + kLinkOffset);
+  }
+  return failed(kBadLogRecord);
+}
+
 }  // namespace
 
 std::int32_t allocrec(FreeList list) {
@@ -173,7 +246,7 @@ std::int32_t allocrec(FreeList list) {
 
 int freerec(std::int32_t number, FreeList list) {
   if (!in_range(list, number)) return failed(kCorrupted);
-  if (number != highest(list)) return enlist(number, list);
+  if (number != highest(list) || (filep->flags & kNumbersListed) != 0) return enlist(number, list);
   set_highest(list, number - 1);
   return 0;
 }
@@ -197,20 +270,25 @@ int enlist(std::int32_t number, FreeList list) {
   return 0;
 }
 
+int getdatrec(std::int32_t number) {
+  const std::int32_t last = dictp->d_nextdata();
+  if (number < 1) return failed(kBadLogRecord);
+  if (number <= last) return take_listed(number);
+  set_highest(FreeList::kRecords, number);
+  for (std::int32_t skipped = last + 1; skipped < number; ++skipped) {
+    if (enlist(skipped, FreeList::kRecords) != 0) return -1;
+  }
+  return 0;
+}
+
 std::int32_t free_records_listed() {
   std::int32_t listed = 0;
-  std::int32_t mark = 0;  // left behind at growing distances, it meets every loop
-  std::int64_t nodes = 0;
-  std::int64_t next_mark = 1;
+  LoopGuard guard;
   for (std::int32_t node = dictp->d_freedata(); node != 0;) {
     const PageHold page = list_node(FreeList::kRecords, node);
     if (!page) return -1;
     listed += (page.used() - kEntriesOffset) / kListEntrySize;
-    if (listed > dictp->d_nextdata() || node == mark) return failed(kCorrupted);
-    if (++nodes == next_mark) {
-      mark = node;
-      next_mark *= 2;
-    }
+    if (listed > dictp->d_nextdata() || guard.meets(node)) return failed(kCorrupted);
     node = common::ldlong(page.data() + kLinkOffset);
   }
   return listed;

@@ -29,6 +29,10 @@ int freerec(std::int32_t number, FreeList list);
 // The same without lowering the highest number in use: puts back what was taken from the list.
 int enlist(std::int32_t number, FreeList list);
 
+// Takes a certain record number out of the free ones: 0, or -1 with 119 when it is not free. One
+// past the end makes the file longer, and the numbers in between are listed in ascending order.
+int getdatrec(std::int32_t number);
+
 // Numbers on the list of free records; -1 with 105 for a damaged list.
 [[nodiscard]] std::int32_t free_records_listed();
 

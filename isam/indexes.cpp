@@ -13,6 +13,8 @@
 #include "isam/keychain.h"
 #include "isam/keytable.h"
 #include "isam/opening.h"
+#include "txlog/logfile.h"
+#include "txlog/logwriter.h"
 
 namespace isam {
 namespace {
@@ -48,6 +50,10 @@ int fill_index(const keydescr& key) {
   }
 }
 
+int log_event(txlog::IndexEvent event, const keydescr& key) {
+  return txlog::logs_changes() ? txlog::islogidx(event, key) : 0;
+}
+
 int add_index(keydescr& key) {
   if (kylegal(key, filep->reclen) != 0) return -1;
   if (!may_compress(key)) return failed(kBadKey);
@@ -55,6 +61,7 @@ int add_index(keydescr& key) {
   if (kyadd(key) != 0) return failed_unless_set(kBadKey);
   int result = fill_index(key);
   if (result == 0 && kynchar(key) && !dictp->d_collate()) result = name_collation();
+  if (result == 0) result = log_event(txlog::IndexEvent::kAdded, key);
   if (result == 0) return 0;
   const KeepError keep;
   btrecover(key.rootnode, key);
@@ -75,7 +82,10 @@ int check_drop(keydescr& key) {
 }
 
 int drop_index(keydescr& key) {
-  if (check_drop(key) != 0 || kydelete(key) != 0) return -1;
+  if (check_drop(key) != 0 || log_event(txlog::IndexEvent::kDropped, key) != 0 ||
+      kydelete(key) != 0) {
+    return -1;
+  }
   const int freed = btrecover(key.rootnode, key);
   const auto* keys = file_keys();
   if (keys == nullptr || freed != 0) return -1;

@@ -10,6 +10,8 @@
 #include "isam/freelists.h"
 #include "isam/keychain.h"
 #include "isam/keytable.h"
+#include "txlog/logfile.h"
+#include "txlog/logwriter.h"
 
 namespace isam {
 namespace {
@@ -44,6 +46,10 @@ int fill(keydescr& key, int n) {
   key = (*keys)[static_cast<std::size_t>(n) - 1];
   isreclen = filep->reclen;
   return 0;
+}
+
+int log_id(std::int32_t id, bool set) {
+  return txlog::logs_changes() ? txlog::isloguid(id, set) : 0;
 }
 
 // Runs `look` on a pair that is opened only for that; -1 when it cannot be opened.
@@ -100,7 +106,7 @@ extern "C" int isuniqueid(int isfd, int32_t* id) {
     *id = dictp->d_uniqid();
     if (*id == INT32_MAX) {
       failed(kCorrupted);
-    } else {
+    } else if (log_id(*id, false) == 0) {
       dictp->set_d_uniqid(*id + 1);
       dictmodify();
     }
@@ -114,7 +120,7 @@ extern "C" int iscurruniq(int isfd, int32_t* id) {
 
 extern "C" int issetunique(int isfd, int32_t id) {
   if (isenter(isfd, kToWrite) != 0) return -1;
-  if (dictp->d_uniqid() < id) {
+  if (log_id(id, true) == 0 && dictp->d_uniqid() < id) {
     dictp->set_d_uniqid(id);
     dictmodify();
   }

@@ -11,7 +11,8 @@ bool is_manual() { return (openp->mode & ISMANULOCK) != 0; }
 
 int lock_or_unlock(bool take) {
   if (is_exclusive()) return 0;
-  return is_manual() ? lkfile(take) : failed(kNotManualLock);
+  if (!is_manual()) return failed(kNotManualLock);
+  return take ? lkfile(true) : release_locks();
 }
 
 }  // namespace

@@ -54,13 +54,26 @@ int do_fcntl(int fd, int command, struct flock* lock) {
   return result;
 }
 
-int request(int command, int type, off_t start, off_t length) {
+int request_of(int fd, int command, int type, off_t start, off_t length) {
   struct flock lock {};
   lock.l_type = static_cast<short>(type);
   lock.l_whence = SEEK_SET;
   lock.l_start = start;
   lock.l_len = length;
-  return do_fcntl(filep->idxfd, command, &lock);
+  return do_fcntl(fd, command, &lock);
+}
+
+int request(int command, int type, off_t start, off_t length) {
+  return request_of(filep->idxfd, command, type, start, length);
+}
+
+// Signals do not end this wait.
+int wait_for(int fd, int type, off_t start, off_t length) {
+  int result;
+  do {
+    result = request_of(fd, F_SETLKW, type, start, length);
+  } while (result != 0 && errno == EINTR);
+  return result != 0 ? failed_system(errno, Operation::kLock, FileKind::kIndex) : 0;
 }
 
 int request_open_lock(int type) {
@@ -167,11 +180,7 @@ int lksemaphore(Semaphore how) {
   const int type = how == Semaphore::kRelease     ? F_UNLCK
                    : how == Semaphore::kExclusive ? F_WRLCK
                                                   : F_RDLCK;
-  int result;
-  do {
-    result = request(F_SETLKW, type, kSemaphoreStart, kSemaphoreLength);
-  } while (result != 0 && errno == EINTR);
-  if (result != 0) return failed_system(errno, Operation::kLock, FileKind::kIndex);
+  if (wait_for(filep->idxfd, type, kSemaphoreStart, kSemaphoreLength) != 0) return -1;
   if (how == Semaphore::kRelease) {
     clear_open_flag(kHoldsSemaphore);
   } else {
@@ -218,5 +227,13 @@ void lkrelease() {
     request_record(F_SETLK, F_UNLCK, number);
   }
 }
+
+int release_locks() {
+  if (!may_be_undone()) return lkfile(false);
+  lkrelease();
+  return 0;
+}
+
+int lock_whole_file(int fd, bool take) { return wait_for(fd, take ? F_WRLCK : F_UNLCK, 0, 0); }
 
 }  // namespace isam

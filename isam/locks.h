@@ -37,6 +37,13 @@ int lkfile(bool take);
 // Releases the locks on the releasable list.
 void lkrelease();
 
+// Releases what the current open has locked, except what its transaction has changed: 0, or -1.
+int release_locks();
+
+// Takes (waiting) or releases a lock on all of another file: 0, or -1 with iserrno = errno and
+// iserrio = 0x61.
+int lock_whole_file(int fd, bool take);
+
 // Last record number of the lock range, whose byte the whole-file lock covers.
 inline constexpr std::int32_t kLastLockedRecord = 0x3FFFFFFD;
 

@@ -13,6 +13,8 @@
 #include "isam/keytable.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "txlog/logfile.h"
+#include "txlog/logwriter.h"
 
 namespace isam {
 
@@ -47,6 +49,7 @@ void adopt_dictionary() {
 }
 
 int close_open(OpenRecord& open) {
+  if (txlog::log_is_open() && (open.flags & kLogged) != 0) txlog::logclose(open);
   if ((open.flags & kHoldsSemaphore) == 0 && filep->exclusives == 0) {
     lksemaphore(Semaphore::kExclusive);
   }
@@ -84,10 +87,9 @@ int refuse_mode(char last) {
 
 // Whether the mode asks for something that there is: 0, or -1 with 102.
 int check_mode(int mode) {
-  constexpr int kTransaction = 4;
-  constexpr int kNoLog = 8;
-  const bool bad = (mode & (kTransaction | kNoLog)) != 0 || (mode & 3) == 3;
-  return bad || lock_mode_of(mode) == 0 ? refuse_mode('7') : 0;
+  const int logging = mode & (ISTRANS | ISNOLOG);
+  const bool bad = txflag == kNotLogging ? logging != 0 : logging == (ISTRANS | ISNOLOG);
+  return bad || (mode & 3) == 3 || lock_mode_of(mode) == 0 ? refuse_mode('7') : 0;
 }
 
 void tell_system_error() {
@@ -145,11 +147,42 @@ int set_up(OpenRecord& open, int mode) {
   return isexit();
 }
 
+bool is_writable(const OpenRecord& open) { return (open.mode & 3) != ISINPUT; }
+
+// An open that was closed in this transaction and serves again; null for none.
+OpenRecord* find_kept(const char* name, int mode) {
+  const int wanted = (mode & 0xFF) | lock_mode_of(mode);
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    OpenRecord* const open = open_of(isfd);
+    if (open != nullptr && (open->flags & kKept) != 0 && open->mode == wanted &&
+        (open->file->flags & kNotShared) == 0 && open->file->name == name) {
+      return open;
+    }
+  }
+  return nullptr;
+}
+
+int use_again(OpenRecord& open) {
+  const int isfd = isfd_of(open);
+  if (isenter(isfd, kToRead | kShared | kKeptToo) != 0) return -1;
+  const auto* keys = file_keys();
+  if (keys == nullptr || keys->empty()) {
+    failed_unless_set(kCorrupted);
+  } else {
+    open.key = keys->front();
+    stand_before_first();
+    isreclen = filep->maxreclen;
+    open.flags = static_cast<std::uint16_t>(open.flags & ~kKept);
+  }
+  return isexit() == 0 ? isfd : -1;
+}
+
 int open_pair(const char* name, int mode) {
   if (issingleuser) mode = (mode & 0xFF) | ISEXCLLOCK;
   if (check_mode(mode) != 0 || ckfilname(name) != 0) return -1;
   isbatch(2);
   clear_errors();
+  if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
   OpenRecord* open = allocopen();
   if (open == nullptr) return -1;
   open->mode = mode & 0xFF;
@@ -171,7 +204,17 @@ bool close_waits() {
   return waits;
 }
 
+// A transaction may have to undo changes made through the open.
+bool outlives_its_close(const OpenRecord& open) {
+  return txflag == kInTransaction && is_writable(open) && (open.mode & ISNOLOG) == 0 &&
+         (open.flags & kKept) == 0;
+}
+
 int close_entered(OpenRecord& open) {
+  if (outlives_its_close(open)) {
+    open.flags |= kKept;
+    return isexit();
+  }
   close_open(open);
   const int result = isexit();
   release_semaphore();
@@ -196,6 +239,13 @@ int close_unentered(OpenRecord& open) {
 }
 
 }  // namespace
+
+int close_in_use(OpenRecord& open) {
+  const bool shared = bfpend(*open.file) == 0 && !close_waits();
+  const int entered = isenter(isfd_of(open), kAnyLocale | kKeptToo | (shared ? kShared : kToLook));
+  return entered == 0 ? close_entered(open) : close_unentered(open);
+}
+
 }  // namespace isam
 
 using namespace isam;
@@ -213,21 +263,19 @@ extern "C" int isopen(const char* name, int mode) {
 
 extern "C" int isclose(int isfd) {
   OpenRecord* const open = open_of(isfd);
-  const bool shared = open != nullptr && bfpend(*open->file) == 0 && !close_waits();
-  const int entered = isenter(isfd, kAnyLocale | (shared ? kShared : kToLook));
-  if (open == nullptr) {
-    isstat3 = '4';
-    isstat4 = '2';
-    return -1;
-  }
-  return entered == 0 ? close_entered(*open) : close_unentered(*open);
+  if (open != nullptr && (open->flags & kKept) == 0) return close_in_use(*open);
+  isenter(isfd, kToLook);  // fails, and says why
+  isstat3 = '4';
+  isstat4 = '2';
+  return -1;
 }
 
 extern "C" int iscleanup(void) {
   const KeepError keep;
   const char status[5] = {isstat1, isstat2, isstat3, isstat4, 0};
   for (int isfd = 0; isfd < nopens; ++isfd) {
-    if (open_of(isfd) != nullptr) isclose(isfd);
+    OpenRecord* const open = open_of(isfd);
+    if (open != nullptr && (open->flags & kKept) == 0) isclose(isfd);
   }
   close_idle_files();
   set_status(status);
@@ -236,7 +284,7 @@ extern "C" int iscleanup(void) {
 
 extern "C" int isrelease(int isfd) {
   if (isenter(isfd, kToLook | kShared) != 0) return -1;
-  lkfile(false);
+  release_locks();
   return isexit();
 }
 

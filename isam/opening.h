@@ -23,7 +23,12 @@ void adopt_dictionary();
 // Notes the client locale's name in the dictionary copy: 0, or -1 with 159.
 int name_collation();
 
-// Closes an open for good: 0, or -1 when something could not be written.
+// Writes what an open has delayed and gives its locks back: 0, or -1 when something could not be
+// written.
 int close_open(OpenRecord& open);
+
+// Closes an open, or inside a transaction keeps it until that ends; one that was kept closes for
+// good. 0, or -1 with iserrno.
+int close_in_use(OpenRecord& open);
 
 }  // namespace isam

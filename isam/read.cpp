@@ -86,6 +86,9 @@ void make_item_current() {
   isrecnum = bt.item.recptr;
 }
 
+// In a transaction what was only read can be released before what was changed.
+LockList list_of_reads() { return may_be_undone() ? LockList::kReleasable : LockList::kHeld; }
+
 enum class Outcome { kRead, kFailed, kKeptPlace, kMustWait };
 
 Outcome read_record(Byte* record, const Request& request) {
@@ -93,7 +96,7 @@ Outcome read_record(Byte* record, const Request& request) {
   bt.state = static_cast<std::uint16_t>(bt.state & ~(kCurrentRead | kCurrentDeleted));
   const int length = read_present(record, request.mode);
   if (length < 0) return Outcome::kFailed;
-  if (request.lock && lkrecord(treeitem.recptr, RecordLock::kTry) != 0) {
+  if (request.lock && lkrecord(treeitem.recptr, RecordLock::kTry, list_of_reads()) != 0) {
     if (iserrno != kLocked) return Outcome::kFailed;
     if (request.wait) return Outcome::kMustWait;
     if (!request.skip && !positions_anew(request.mode)) return Outcome::kFailed;

@@ -1,0 +1,27 @@
+// apply: putting a logged image back into its file, for a rollback and for a recovery.
+//
+// Needs   logging off: what is applied is not logged again
+// Gives   0, or -1 with iserrno
+#pragma once
+
+#include "txlog/logformat.h"
+
+namespace isam::txlog {
+
+enum class How {
+  kUndo,  // the opposite of what was logged; numbers and storage were kept for it
+  kRedo,  // what was logged; a new record's number is taken from the free ones first
+};
+
+// Each works on open `isfd`, and counts as done when there is no record to delete or rewrite.
+// 119 when an image has a length that the file's records cannot have; lginsert 126 when the number
+// cannot be had.
+int lginsert(int isfd, std::int32_t number, ConstBytes record, How how);
+int lgdelete(int isfd, std::int32_t number);
+int lgupdate(int isfd, std::int32_t number, ConstBytes record);
+
+// Free record numbers that insertions of this recovery may still leave behind when they stand past
+// the end of the file. It bounds what a damaged number can cost.
+extern std::int64_t skippable_numbers;
+
+}  // namespace isam::txlog

@@ -1,0 +1,63 @@
+#include "txlog/errorlog.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "isam/errors.h"
+
+namespace isam::txlog {
+namespace {
+
+constexpr mode_t kPermissions = 0666;
+
+std::int32_t now() { return static_cast<std::int32_t>(std::time(nullptr)); }
+
+}  // namespace
+
+int ErrorLog::opbadlog() {
+  fd_ = common::FileHold{common::open_file(kErrorLogName, O_RDWR | O_CREAT | O_EXCL, kPermissions)};
+  if (!fd_) return failed(kLogOpen);
+  Byte magic[kMagicSize];
+  common::stlong(static_cast<std::int32_t>(kLogMagic), magic);
+  if (common::write_at(fd_.get(), magic, 0) != 0) return failed(kLogWrite);
+  end_ = kMagicSize;
+  return 0;
+}
+
+void ErrorLog::bdmemlog(std::string_view message) {
+  const std::size_t start = buffer_.size();
+  RecordBuilder builder{buffer_, LogType::kMessage};
+  builder.put_long(0);
+  builder.put_word(iserrno);
+  builder.put_word(errno);
+  builder.put_word(iserrio);
+  const Byte status[4] = {static_cast<Byte>(isstat1), static_cast<Byte>(isstat2),
+                          static_cast<Byte>(isstat3), static_cast<Byte>(isstat4)};
+  // Without a text the length takes the place of the last character.
+  builder.put_bytes(message.empty() ? ConstBytes{status, 3} : ConstBytes{status});
+  builder.put_bytes({reinterpret_cast<const Byte*>(message.data()), message.size()});
+  static_cast<void>(builder.finish());
+  stamp_record(&buffer_[start], ::getpid(), static_cast<int>(::getuid() & 0xFFFF), now(), {});
+}
+
+void ErrorLog::dobadlog(const LogRecord& record, std::string_view message) {
+  if (fd_) {
+    const ConstBytes bytes = record.bytes();
+    buffer_.assign(bytes.begin(), bytes.end());
+    if (!buffer_.empty()) {
+      stamp_record(buffer_.data(), record.process(), record.user(), now(), {});
+    }
+    bdmemlog(message);
+    if (common::write_at(fd_.get(), buffer_, end_) == 0) {
+      end_ += static_cast<std::int64_t>(buffer_.size());
+    }
+  }
+  clear_errors();
+  errno = 0;
+  set_status("0000");
+}
+
+}  // namespace isam::txlog

@@ -1,0 +1,34 @@
+// logwriter: one function for each kind of change that the calls of the library log.
+//
+// Needs   the current open, whose changes are logged (logs_changes), except where said otherwise
+// Gives   0, or -1 with 121: then nothing was logged
+#pragma once
+
+#include <string_view>
+
+#include "isam/current.h"
+#include "txlog/logformat.h"
+
+namespace isam::txlog {
+
+// The image of a change to one record: of a deletion the old one, of an insertion the new one.
+int log_deleted(std::int32_t number, ConstBytes old);
+int log_inserted(std::int32_t number, ConstBytes record);
+int log_updated(std::int32_t number, ConstBytes old, ConstBytes record);
+
+enum class IndexEvent { kAdded, kDropped, kClustered };
+int islogidx(IndexEvent event, const keydescr& key);
+// A unique id handed out, or (`set`) the value that the counter was given.
+int isloguid(std::int32_t value, bool set);
+
+// The same about files; they need a log, not an open.
+int islogbuild(std::string_view name, int reclen, const keydescr& key, int mode);
+int islogerase(std::string_view name);
+int islogrename(std::string_view from, std::string_view to);
+
+// The close of an open that the log knows of; from now on the log does not know it.
+int logclose(OpenRecord& open);
+// The mark that ends this process's transaction: kCommit or kRollback.
+int log_end(LogType mark);
+
+}  // namespace isam::txlog

@@ -1,0 +1,265 @@
+#include "txlog/transactions.h"
+
+#include <cstdlib>
+#include <utility>
+
+#include "isam/datafile.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/frame.h"
+#include "isam/freelists.h"
+#include "isam/locks.h"
+#include "isam/opening.h"
+#include "txlog/apply.h"
+#include "txlog/logfile.h"
+#include "txlog/logwriter.h"
+
+namespace isam::txlog {
+namespace {
+
+// Calls `work` with each open in use.
+template <typename Work>
+void for_each_open(Work work) {
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    if (OpenRecord* const open = open_of(isfd)) work(*open);
+  }
+}
+
+// The first failure of several steps, to be told at the end.
+class FirstFailure {
+ public:
+  void note(int result) {
+    if (result == 0 || error_ != 0) return;
+    error_ = iserrno;
+    place_ = iserrio;
+  }
+  [[nodiscard]] int tell() const {
+    iserrno = error_;
+    iserrio = place_;
+    return error_ == 0 ? 0 : -1;
+  }
+
+ private:
+  std::int32_t error_ = 0;
+  std::int32_t place_ = 0;
+};
+
+bool commits_wait_for_disk() {
+  static const bool wait = [] {
+    const char* const text = std::getenv("ISAM_LOG_SYNC");
+    return text != nullptr && std::strtol(text, nullptr, 0) != 0;
+  }();
+  return wait;
+}
+
+// Logs that the transaction ends, and which opens close with it: 0, or -1 with 121.
+int mark_end(LogType mark) {
+  int result = 0;
+  for_each_open([&](OpenRecord& open) {
+    constexpr int kClosing = kKept | kLogged;
+    if (result == 0 && (open.flags & kClosing) == kClosing) result = logclose(open);
+  });
+  if (result != 0) return -1;
+  if (logstate.begin == Begin::kWritten && log_end(mark) != 0) return -1;
+  logstate.begin = Begin::kNone;
+  return 0;
+}
+
+bool has_pending(const OpenRecord& open) {
+  return !open.deleted.empty() || !open.shortened.empty();
+}
+
+// Frees what the open's transaction has kept.
+void free_kept_storage(OpenRecord& open, bool commits) {
+  FirstFailure failure;
+  if (commits) {
+    for (const std::int32_t number : open.deleted) {
+      failure.note(datatrunc(number));
+      failure.note(freerec(number, FreeList::kRecords));
+    }
+  }
+  for (const std::int32_t number : open.shortened) failure.note(datatrunc(number));
+  open.deleted.clear();
+  open.shortened.clear();
+  static_cast<void>(failure.tell());
+}
+
+// What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
+int settle(OpenRecord& open, bool commits) {
+  open.flags = static_cast<std::uint16_t>(open.flags & ~kUndoable);
+  if (has_pending(open)) {
+    if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
+    free_kept_storage(open, commits);
+    if (isexit() != 0) return -1;
+  }
+  if ((open.flags & kKept) != 0) return close_in_use(open);
+  if ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0) return 0;
+  make_current(open);
+  return lkfile(false);
+}
+
+// Ends the transaction, whose mark is in the log.
+int settle_all(bool commits) {
+  FirstFailure failure;
+  for_each_open([&](OpenRecord& open) {
+    int result = settle(open, commits);
+    if (result != 0 && has_pending(open)) result = settle(open, commits);
+    failure.note(result);
+  });
+  return failure.tell();
+}
+
+int undo(const LogRecord& logged) {
+  const std::optional<Image> image = logged.image();
+  if (!image) return failed(kBadLogRecord);
+  switch (logged.type()) {
+    case LogType::kDelete:
+      return lginsert(image->open, image->number, image->old_image, How::kUndo);
+    case LogType::kInsert:
+      return lgdelete(image->open, image->number);
+    default:
+      return lgupdate(image->open, image->number, image->old_image);
+  }
+}
+
+// Undoes this process's changes from the newest back to the begin mark: 0, or -1 with iserrno.
+int undo_all() {
+  LogWindow window{logstate.fd};
+  Link at = logstate.last;
+  for (;;) {
+    const LogRecord logged = window.isgetprev(at.offset, at.length);
+    if (logged.bytes().empty()) return failed_unless_set(kLogRead);
+    const Link previous = logged.previous();
+    const bool own = logged.length() == at.length && logged.process() == logstate.process &&
+                     previous.offset < at.offset;
+    if (!own) return failed(kBadLogRecord);
+    switch (logged.type()) {
+      case LogType::kBegin:
+        return 0;
+      case LogType::kDelete:
+      case LogType::kInsert:
+      case LogType::kUpdate:
+        if (undo(logged) != 0) return -1;
+        break;
+      case LogType::kOpened:
+        break;
+      default:
+        return failed_unless_set(kBadLogRecord);
+    }
+    at = previous;
+  }
+}
+
+int roll_back() {
+  FirstFailure failure;
+  if (logstate.begin == Begin::kWritten) {
+    logstate.in_rollback = true;
+    txflag = kNotLogging;
+    failure.note(undo_all());
+    logstate.in_rollback = false;
+  }
+  txflag = kLogging;
+  failure.note(mark_end(LogType::kRollback));
+  logstate.begin = Begin::kNone;
+  failure.note(settle_all(false));
+  return failure.tell();
+}
+
+int commit() {
+  if (mark_end(LogType::kCommit) != 0) return -1;
+  txflag = kLogging;
+  FirstFailure failure;
+  if (commits_wait_for_disk()) failure.note(sync_log());
+  failure.note(settle_all(true));
+  return failure.tell();
+}
+
+// Starts a call: 0, or -1 with 122.
+int start_call() {
+  clear_errors();
+  set_status("0000");
+  if (txflag != kNotLogging) return 0;
+  isstat1 = '9';
+  return failed(kNoLog);
+}
+
+// Ends the transaction by `how`.
+template <typename How>
+int end_transaction(How how) {
+  if (start_call() != 0) return -1;
+  if (txflag == kLogging) {
+    isstat1 = '9';
+    return failed(kNoBegin);
+  }
+  isbatch(2);
+  const int result = how();
+  isbatch(2);
+  if (result == 0) {
+    set_status("0000");
+  } else {
+    set_status("9090");
+  }
+  return result;
+}
+
+}  // namespace
+
+int leave_log() {
+  for_each_open(
+      [](OpenRecord& open) { open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged); });
+  txflag = kNotLogging;
+  return close_log();
+}
+
+}  // namespace isam::txlog
+
+using namespace isam;
+using namespace isam::txlog;
+
+extern "C" int islogopen(const char* path) {
+  clear_errors();
+  set_status("0000");
+  if (log_is_open() ? failed(kLogOpen) != 0 : open_log(path) != 0) {
+    set_status("9090");
+    return -1;
+  }
+  txflag = kLogging;
+  return 0;
+}
+
+extern "C" int islogclose(void) {
+  clear_errors();
+  set_status("0000");
+  isresumlog();
+  FirstFailure failure;
+  if (txflag == kInTransaction) failure.note(isrollback());
+  failure.note(leave_log());
+  if (failure.tell() == 0) return 0;
+  set_status("9090");
+  return -1;
+}
+
+extern "C" int issusplog(void) {
+  if (!logstate.is_suspended) {
+    logstate.is_suspended = true;
+    logstate.suspended = std::exchange(txflag, static_cast<int>(kNotLogging));
+  }
+  return 0;
+}
+
+extern "C" int isresumlog(void) {
+  if (logstate.is_suspended) txflag = logstate.suspended;
+  logstate.is_suspended = false;
+  return 0;
+}
+
+extern "C" int isbegin(void) {
+  if (start_call() != 0) return -1;
+  txflag = kInTransaction;
+  if (logstate.begin == Begin::kNone) logstate.begin = Begin::kPending;
+  return 0;
+}
+
+extern "C" int iscommit(void) { return end_transaction(commit); }
+
+extern "C" int isrollback(void) { return end_transaction(roll_back); }
