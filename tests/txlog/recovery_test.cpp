@@ -1,0 +1,334 @@
+// Replaying logs: real ones over restored files, and ones put together by hand.
+#include <algorithm>
+#include <random>
+
+#include "tests/txlog/log_fixture.h"
+#include "txlog/logformat.h"
+
+namespace testing_support {
+namespace {
+
+using isam::txlog::LogType;
+using isam::txlog::RecordBuilder;
+using isam::txlog::stamp_record;
+
+class Recovery : public LogTest {
+ protected:
+  // Puts the copy back and replays the log over it.
+  int replay(int mode = 0) {
+    ::iscleanup();
+    ::islogclose();
+    restore_copy();
+    EXPECT_EQ(::islogopen("log"), 0);
+    return ::isrecvr(mode);
+  }
+  static Rows rows_of(const char* name) {
+    const int isfd = ::isopen(name, ISINPUT + ISMANULOCK + format());
+    EXPECT_GE(isfd, 0) << name << ' ' << iserrno;
+    Rows found = rows(isfd);
+    ::isclose(isfd);
+    EXPECT_EQ(faults(name), "");
+    return found;
+  }
+};
+INSTANTIATE_TEST_SUITE_P(Formats, Recovery, ::testing::Bool(),
+                         [](const auto& format) { return format.param ? "Varying" : "Fixed"; });
+
+// A transaction changes files through several opens, in every way, and ends in one of three.
+TEST_P(Recovery, RedoesWhatWasCommitted) {
+  build("one", -1);
+  build("two", -1);
+  const int before = ::isopen("one", ISINOUT + ISEXCLLOCK + format());
+  for (int id = 1; id <= 40; ++id) ASSERT_EQ(write(before, row(id, id % 6, filler(id * 30))), 0);
+  ::isclose(before);
+  keep_copy();
+  ASSERT_EQ(::islogopen("log"), 0);
+  const int plain = open("two", 0);
+  int one = open("one");
+  int two = open("two");
+  std::mt19937 random{7};
+  const auto pick = [&](int count) {
+    return static_cast<int>(random() % static_cast<unsigned>(count));
+  };
+  for (int round = 0; round < 80; ++round) {
+    const bool inside = pick(4) != 0;
+    if (inside) {
+      ASSERT_EQ(::isbegin(), 0);
+    }
+    for (int change = 1 + pick(8); change > 0; --change) {
+      const int isfd = pick(2) == 0 ? one : two;
+      const int id = 1 + pick(60);
+      switch (pick(3)) {
+        case 0:
+          write(isfd, row(id, pick(5), filler(pick(2900))));
+          break;
+        case 1:
+          rewrite(isfd, row(id, pick(5), filler(pick(2900))));
+          break;
+        default:
+          erase(isfd, id);
+      }
+    }
+    write(plain, row(1000 + round, 1));
+    if (pick(5) == 0) {
+      ASSERT_EQ(::isclose(two), 0);
+      two = open("two");
+    }
+    if (inside) {
+      ASSERT_EQ(pick(3) == 0 ? ::isrollback() : ::iscommit(), 0) << iserrno;
+    }
+  }
+  const Rows first = rows(one);
+  const Rows second = rows(two);
+  // The last transaction has no end; another process would have been killed in it.
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(write(one, row(5000, 1)), 0);
+  ASSERT_EQ(erase(two, std::stoi(second.front().substr(0, kIdLength))), 0);
+  const Image unfinished = read_file("log");
+  ::isrollback();
+  ::islogclose();
+  write_file("log", unfinished);
+  ASSERT_EQ(replay(), 0) << iserrno;
+  EXPECT_TRUE(rows_of("one") == first);
+  EXPECT_TRUE(rows_of("two") == second);
+  EXPECT_TRUE(read_file("log") == unfinished) << "recovery does not write to the log";
+}
+
+TEST_P(Recovery, RedoesChangesOfFiles) {
+  build("one", -1);
+  keep_copy();
+  ASSERT_EQ(::islogopen("log"), 0);
+  int one = ::isopen("one", ISINOUT + ISEXCLLOCK + format());
+  for (int id = 1; id <= 30; ++id) ASSERT_EQ(write(one, row(31 - id, id % 4, filler(200))), 0);
+  for (int id = 1; id <= 5; ++id) ASSERT_EQ(erase(one, id * 3), 0);
+  keydescr id = id_key();
+  keydescr extra{KF_DUPS, 1, {{4, 4, KT_LONG}}, 0, 0};
+  ASSERT_EQ(::isaddindex(one, &extra), 0);
+  one = ::iscluster(one, &id);
+  ASSERT_GE(one, 0);
+  ASSERT_EQ(rewrite(one, row(30, 99)), 0);
+  std::int32_t unique = 0;
+  ASSERT_EQ(::issetunique(one, 500), 0);
+  ASSERT_EQ(::isuniqueid(one, &unique), 0);
+  ::isclose(one);
+  ASSERT_EQ(::isrename("one", "other"), 0);
+  keydescr made_key = id_key();
+  ::isreclen = kMinimum;
+  int made = ::isbuild("one", varying() ? kMaximum : kMinimum, &made_key,
+                       ISINOUT + ISMANULOCK + ISTRANS + format());
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(write(made, row(1, 1)), 0);
+  ASSERT_EQ(::iscommit(), 0);
+  ::isclose(made);
+  made = ::isbuild("gone", kMinimum, &made_key, ISINOUT + ISMANULOCK);
+  ::isclose(made);
+  ASSERT_EQ(::iserase("gone"), 0);
+  const Rows expected = rows_of("other");
+
+  std::filesystem::remove("other.idx");
+  std::filesystem::remove("other.dat");
+  ASSERT_EQ(replay(), 0) << iserrno;
+  EXPECT_TRUE(rows_of("other") == expected);
+  one = ::isopen("other", ISINPUT + ISMANULOCK + format());
+  EXPECT_EQ(::iststindex(one, &extra), 0);
+  EXPECT_EQ(::iscurruniq(one, &unique), 0);
+  EXPECT_EQ(unique, 501);
+  EXPECT_FALSE(std::filesystem::exists("gone.idx"));
+  one = ::isopen("one", ISINPUT + ISMANULOCK + format());
+  std::string record(kMaximum, 0);
+  ASSERT_EQ(::isread(one, record.data(), RD_FIRST), 0);
+  EXPECT_EQ(record.substr(0, kMinimum), row(1, 1));
+}
+
+// ---- Logs by hand.
+
+class LogMaker {
+ public:
+  LogMaker() { bytes_ = {0xFB, 0x85, 0x9E, 0x78}; }
+
+  // A record of process `process`; `fill` adds the payload. Linked ones name a record before them.
+  template <typename Fill>
+  void add(LogType type, int process, bool linked, Fill fill) {
+    const std::size_t at = bytes_.size();
+    RecordBuilder builder{bytes_, type};
+    fill(builder);
+    EXPECT_TRUE(builder.finish());
+    stamp_record(&bytes_[at], process, 0, 1,
+                 linked ? isam::txlog::Link{4, 26} : isam::txlog::Link{});
+  }
+  void mark(LogType type, int process) {
+    add(type, process, true, [](RecordBuilder&) {});
+  }
+  void opens(LogType type, int process, int open, const char* name) {
+    add(type, process, false, [&](RecordBuilder& builder) {
+      builder.put_word(open);
+      builder.put_word(0);
+      builder.put_name(name);
+    });
+  }
+  void image(LogType type, int process, int open, int number, const std::string& record,
+             bool linked = true) {
+    add(type, process, linked, [&](RecordBuilder& builder) {
+      builder.put_word(open);
+      builder.put_long(number);
+      builder.put_word(static_cast<int>(record.size()));
+      builder.put_bytes({reinterpret_cast<const Byte*>(record.data()), record.size()});
+    });
+  }
+  void raw(const Image& bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
+  void save() const { write_file("log", bytes_); }
+
+ private:
+  Image bytes_;
+};
+
+// The texts of an error log, one a record.
+std::vector<std::string> messages() {
+  const Image log = read_file("isrecvr_err.log");
+  std::vector<std::string> texts;
+  for (std::size_t at = 4; at < log.size(); at += static_cast<std::size_t>(get2(&log[at]))) {
+    const auto end = at + static_cast<std::size_t>(get2(&log[at])) - 2;
+    if (std::string{static_cast<char>(log[at + 2]), static_cast<char>(log[at + 3])} != "LM")
+      continue;
+    texts.push_back(std::to_string(get2(&log[at + 28])) + ' ' +
+                    std::string(log.begin() + static_cast<std::ptrdiff_t>(at) + 38,
+                                log.begin() + static_cast<std::ptrdiff_t>(end)));
+  }
+  return texts;
+}
+
+class HandMadeLogs : public Recovery {
+ protected:
+  HandMadeLogs() {
+    build("pair", -1);
+    keep_copy();
+  }
+  LogMaker log_;
+};
+INSTANTIATE_TEST_SUITE_P(Formats, HandMadeLogs, ::testing::Values(false));
+
+TEST_P(HandMadeLogs, AreReadAsFarAsTheyGo) {
+  log_.save();
+  EXPECT_EQ(replay(), 0);
+  log_.opens(LogType::kOpened, 7, 3, "pair");
+  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0), false);
+  log_.mark(LogType::kBegin, 7);
+  log_.image(LogType::kInsert, 7, 3, 2, row(2, 0));
+  log_.raw({0, 40, 'I', 'N', 0});  // what a killed process left
+  log_.save();
+  EXPECT_EQ(replay(), 0);
+  EXPECT_EQ(rows_of("pair"), Rows{row(1, 0)});
+}
+
+TEST_P(HandMadeLogs, MixWritersAndReuseTheirNumbers) {
+  log_.opens(LogType::kOpened, 7, 3, "pair");
+  log_.opens(LogType::kOpened, 8, 3, "pair");
+  log_.mark(LogType::kBegin, 7);
+  log_.mark(LogType::kBegin, 8);
+  log_.image(LogType::kInsert, 7, 3, 3, row(1, 0));
+  log_.image(LogType::kInsert, 8, 3, 2, row(2, 0));
+  log_.image(LogType::kInsert, 8, 3, 1, row(5, 0), false);  // stands, however the rest ends
+  log_.mark(LogType::kRollback, 8);
+  log_.mark(LogType::kCommit, 7);
+  log_.mark(LogType::kBegin, 7);
+  log_.image(LogType::kInsert, 7, 3, 4, row(3, 0));
+  // Killed; another process has got the number.
+  log_.mark(LogType::kBegin, 7);
+  log_.opens(LogType::kOpened, 7, 5, "pair");
+  log_.image(LogType::kInsert, 7, 5, 4, row(4, 0));
+  log_.mark(LogType::kCommit, 7);
+  log_.save();
+  EXPECT_EQ(replay(), 0) << iserrno;
+  EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(4, 0), row(5, 0)}));
+  const int isfd = open("pair", 0);
+  EXPECT_EQ(write(isfd, row(9, 0)), 0);
+  EXPECT_EQ(isrecnum, 2) << "the number in between is free";
+}
+
+TEST_P(HandMadeLogs, StopAtWhatCannotBe) {
+  struct Case {
+    const char* what;
+    void (*add)(LogMaker& log);
+    int code;
+  };
+  const Case cases[] = {
+      {"unknown letters",
+       [](LogMaker& log) {
+         log.raw(
+             {0, 26, 'X', 'X', 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 26});
+       },
+       ISELOGRECORD},
+      {"too short",
+       [](LogMaker& log) {
+         log.raw(
+             {0, 25, 'C', 'W', 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 26});
+       },
+       ISELOGRECORD},
+      {"a strange writer", [](LogMaker& log) { log.mark(LogType::kCommit, 9); }, ISELOGRECORD},
+      {"an open not logged", [](LogMaker& log) { log.image(LogType::kInsert, 7, 4, 1, row(1, 0)); },
+       ISENOTOPEN},
+      {"a length that is none",
+       [](LogMaker& log) { log.image(LogType::kInsert, 7, 3, 1, "short"); }, ISELOGRECORD},
+      {"a number in use",
+       [](LogMaker& log) {
+         log.image(LogType::kInsert, 7, 3, 1, row(1, 0));
+         log.image(LogType::kInsert, 7, 3, 1, row(2, 0));
+       },
+       ISERECNUM},
+      {"a number far beyond",
+       [](LogMaker& log) { log.image(LogType::kInsert, 7, 3, INT32_MAX, row(1, 0)); }, ISERECNUM},
+      {"no such file",
+       [](LogMaker& log) {
+         log.opens(LogType::kOpened, 7, 4, "none");
+         log.image(LogType::kInsert, 7, 4, 1, row(1, 0));
+       },
+       ENOENT},
+  };
+  for (const Case& c : cases) {
+    LogMaker log;
+    log.opens(LogType::kOpened, 7, 3, "pair");
+    c.add(log);
+    log.save();
+    EXPECT_EQ(replay(), -1) << c.what;
+    EXPECT_EQ(iserrno, c.code) << c.what;
+    EXPECT_FALSE(std::filesystem::exists("isrecvr_err.log"));
+  }
+}
+
+TEST_P(HandMadeLogs, NoteWhatTheyLeaveOut) {
+  log_.opens(LogType::kOpened, 7, 3, "none");
+  log_.opens(LogType::kOpened, 7, 4, "pair");
+  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0));
+  log_.image(LogType::kInsert, 7, 4, 1, row(2, 0));
+  log_.image(LogType::kInsert, 7, 4, 1, row(3, 0));
+  log_.opens(LogType::kClosed, 7, 3, "none");
+  log_.image(LogType::kDelete, 7, 3, 1, row(1, 0));
+  log_.save();
+  EXPECT_EQ(replay(RCV_SKIP), 0) << iserrno;
+  EXPECT_EQ(messages(), (std::vector<std::string>{
+                            "2 file open redo problem",
+                            "0 insert record skipped (filename = none)",
+                            "126 insert record redo problem",
+                            "0 close file skipped (filename = none)",
+                            "101 delete record redo problem",
+                        }));
+  EXPECT_EQ(types("isrecvr_err.log"), "FO LM IN LM IN LM FC LM DE LM");
+  EXPECT_EQ(rows_of("pair"), Rows{row(2, 0)});
+  EXPECT_EQ(replay(RCV_SKIP), -1);
+  EXPECT_EQ(iserrno, ISELOGOPEN) << "the notes of before are kept";
+
+  std::filesystem::remove("isrecvr_err.log");
+  LogMaker other;
+  other.mark(LogType::kCommit, 7);
+  other.image(LogType::kInsert, 7, 3, 1, row(1, 0));
+  other.save();
+  EXPECT_EQ(replay(RCV_SKIP), -1);
+  EXPECT_EQ(iserrno, ISELOGRECORD);
+  EXPECT_EQ(messages(), std::vector<std::string>{"119 transaction problem"});
+  std::filesystem::remove("isrecvr_err.log");
+  EXPECT_EQ(replay(RCV_SKIP + RCV_ANY), 0);
+  EXPECT_EQ(messages(), std::vector<std::string>{"101 insert record redo problem"});
+}
+
+}  // namespace
+}  // namespace testing_support

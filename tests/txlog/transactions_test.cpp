@@ -1,0 +1,409 @@
+// Transactions as an application sees them, and what they leave in the log.
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "common/io.h"
+#include "tests/txlog/log_fixture.h"
+
+namespace testing_support {
+namespace {
+
+class Transactions : public LogTest {
+ protected:
+  Transactions() {
+    isfd_ = (build("pair", -1), ::islogopen("log"), open("pair"));
+    EXPECT_GE(isfd_, 0);
+  }
+  int isfd_;
+};
+INSTANTIATE_TEST_SUITE_P(Formats, Transactions, ::testing::Bool(),
+                         [](const auto& format) { return format.param ? "Varying" : "Fixed"; });
+
+std::string hex(const Byte* from, std::size_t count) {
+  std::string text;
+  for (std::size_t i = 0; i < count; ++i) {
+    char two[3];
+    std::snprintf(two, sizeof two, "%02x", from[i]);
+    text += two;
+  }
+  return text;
+}
+
+TEST_P(Transactions, LogEachChangeByteForByte) {
+  const int before = static_cast<int>(::time(nullptr));
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(write(isfd_, row(1, 7)), 0);
+  ASSERT_EQ(rewrite(isfd_, row(1, 8)), 0);
+  ASSERT_EQ(erase(isfd_, 1), 0);
+  ASSERT_EQ(::iscommit(), 0);
+  std::int32_t id = 0;
+  ASSERT_EQ(::isuniqueid(isfd_, &id), 0);
+  ASSERT_EQ(::issetunique(isfd_, 77), 0);
+  ASSERT_EQ(::isclose(isfd_), 0);
+  EXPECT_EQ(types(), "BW FO IN UP DE CW UN SU FC");
+
+  const Image log = read_file("log");
+  const auto ids = hex(
+      [] {
+        static Byte bytes[6];
+        put4(bytes, ::getpid());
+        put2(bytes + 4, static_cast<int>(::getuid() & 0xFFFF));
+        return bytes;
+      }(),
+      6);
+  const auto text = [](const std::string& of) {
+    return hex(reinterpret_cast<const Byte*>(of.data()), of.size());
+  };
+  const std::string isfd = "0000";
+  const std::string name = text("pair") + "00";
+  const std::string varlen = varying() ? "0001" : "0000";
+  // Type, link, payload; the length goes around them.
+  struct Expected {
+    const char* letters;
+    int previous;  // index of the record it refers to, -1 for none
+    std::string payload;
+  };
+  const std::vector<Expected> expected = {
+      {"BW", -1, ""},
+      {"FO", -1, isfd + varlen + name},
+      {"IN", 0, isfd + "00000001" + "0010" + text(row(1, 7))},
+      {"UP", 2, isfd + "00000001" + "00100010" + text(row(1, 7)) + text(row(1, 8))},
+      {"DE", 3, isfd + "00000001" + "0010" + text(row(1, 8))},
+      {"CW", 4, ""},
+      {"UN", -1, isfd + "00000001"},
+      {"SU", -1, isfd + "0000004d"},
+      {"FC", -1, isfd + varlen + name},
+  };
+  EXPECT_EQ(hex(log.data(), 4), "fb859e78");
+  std::vector<std::pair<std::int64_t, int>> places;
+  std::size_t at = 4;
+  for (const Expected& record : expected) {
+    const int length = 26 + static_cast<int>(record.payload.size() / 2);
+    Byte head[14];
+    put2(head, length);
+    std::memcpy(head + 2, record.letters, 2);
+    ASSERT_LE(at + static_cast<std::size_t>(length), log.size());
+    EXPECT_EQ(hex(&log[at], 4) + hex(&log[at + 4], 6), hex(head, 4) + ids);
+    EXPECT_GE(get4(&log[at + 10]), before);
+    EXPECT_LE(get4(&log[at + 10]), before + 60);
+    Byte link[10] = {};
+    if (record.previous >= 0) {
+      const auto& [offset, size] = places[static_cast<std::size_t>(record.previous)];
+      put4(link + 4, offset);
+      put2(link + 8, size);
+    }
+    EXPECT_EQ(hex(&log[at + 14], 10), hex(link, 10)) << record.letters;
+    EXPECT_EQ(hex(&log[at + 24], record.payload.size() / 2), record.payload) << record.letters;
+    EXPECT_EQ(get2(&log[at + static_cast<std::size_t>(length) - 2]), length);
+    places.emplace_back(at, length);
+    at += static_cast<std::size_t>(length);
+  }
+  EXPECT_EQ(at, log.size());
+}
+
+TEST_P(Transactions, LogChangesOfFiles) {
+  keydescr extra{KF_DUPS, 2, {{0, 4, KT_LONG}, {4, 2, KT_INT | KT_DESC}}, 0, 0};
+  ::isclose(isfd_);
+  const int alone = ::isopen("pair", ISINOUT + ISEXCLLOCK + format());
+  ASSERT_EQ(::isaddindex(alone, &extra), 0);
+  ASSERT_EQ(::isdelindex(alone, &extra), 0);
+  keydescr id = id_key();
+  const int clustered = ::iscluster(alone, &id);
+  ASSERT_GE(clustered, 0);
+  ::isclose(clustered);
+  keydescr other = id_key();
+  ::isreclen = kMinimum;
+  const int mode = ISINOUT + ISEXCLLOCK + format();
+  const int made = ::isbuild("made", 100, &other, mode);
+  ::isclose(made);
+  ASSERT_EQ(::isrename("made", "renamed"), 0);
+  ASSERT_EQ(::iserase("renamed"), 0);
+  EXPECT_EQ(types(), "FO CI DI CL FC BU RE ER");
+
+  const Image log = read_file("log");
+  const auto find = [&](const char* letters) {
+    std::size_t at = 4;
+    while (std::memcmp(&log[at + 2], letters, 2) != 0) {
+      at += static_cast<std::size_t>(get2(&log[at]));
+    }
+    return std::string{hex(&log[at + 24], static_cast<std::size_t>(get2(&log[at])) - 26)};
+  };
+  EXPECT_EQ(find("CI"),
+            "0000"
+            "0001"
+            "0002"
+            "0006"
+            "000000040002"
+            "000400020081");
+  EXPECT_EQ(find("DI"), find("CI"));
+  EXPECT_EQ(find("CL"),
+            "0000"
+            "0000"
+            "0001"
+            "0008"
+            "000000080000");
+  char head[64];
+  std::snprintf(head, sizeof head, "%04x%04x%04x", static_cast<unsigned>(mode), kMinimum, 100);
+  EXPECT_EQ(find("BU"), std::string{head} +
+                            "0000"
+                            "0001"
+                            "0008"
+                            "000000080000"
+                            "6d61646500");
+  EXPECT_EQ(find("RE"),
+            "0005"
+            "0008"
+            "6d61646500"
+            "72656e616d656400");
+  EXPECT_EQ(find("ER"), "72656e616d656400");
+}
+
+TEST_P(Transactions, LogNothingThatDidNotHappen) {
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(::iscommit(), 0);
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(::isrollback(), 0);
+  EXPECT_EQ(types(), "");
+  const int silent = open("pair", ISNOLOG);
+  ASSERT_EQ(write(silent, row(1, 1)), 0);
+  ASSERT_EQ(::issusplog(), 0);
+  ASSERT_EQ(write(isfd_, row(2, 1)), 0);
+  ASSERT_EQ(::isresumlog(), 0);
+  EXPECT_EQ(types(), "");
+  // A write that is refused leaves nothing, neither does one of a pair that is full.
+  EXPECT_EQ(write(isfd_, row(1, 1)), -1);
+  EXPECT_EQ(iserrno, ISEDUPLICATE);
+  EXPECT_EQ(types(), "");
+}
+
+TEST_P(Transactions, RefuseWhatIsOutOfPlace) {
+  EXPECT_EQ(::iscommit(), -1);
+  EXPECT_EQ(iserrno, ISENOBEGIN);
+  EXPECT_EQ(::isrollback(), -1);
+  EXPECT_EQ(iserrno, ISENOBEGIN);
+  EXPECT_EQ(open("pair", ISTRANS + ISNOLOG), -1);
+  EXPECT_EQ(iserrno, ISEARGUMENT);
+  EXPECT_EQ(::islogopen("log"), -1);
+  EXPECT_EQ(iserrno, ISELOGOPEN);
+  ASSERT_EQ(::islogclose(), 0);
+  EXPECT_EQ(::islogclose(), -1);
+  EXPECT_EQ(iserrno, ISENOTOPEN);
+  for (int (*const call)() : {::isbegin, ::iscommit, ::isrollback}) {
+    EXPECT_EQ(call(), -1);
+    EXPECT_EQ(iserrno, ISENOLOG);
+    EXPECT_EQ(isstat1, '9');
+  }
+  EXPECT_EQ(open("pair", ISTRANS), -1);
+  EXPECT_EQ(iserrno, ISEARGUMENT);
+  EXPECT_EQ(isstat4, '7');
+
+  EXPECT_EQ(::islogopen("none"), -1);
+  EXPECT_EQ(iserrno, ISELOGOPEN);
+  for (const auto& [bytes, code] :
+       std::vector<std::pair<Image, int>>{{{0xFB}, ISELOGREAD},
+                                          {{0xFB, 0x85, 0x9E}, ISELOGREAD},
+                                          {{0xFB, 0x85, 0x9E, 0x79}, ISELOGMAGIC}}) {
+    write_file("other", bytes);
+    EXPECT_EQ(::islogopen("other"), -1);
+    EXPECT_EQ(iserrno, code);
+    EXPECT_EQ(read_file("other"), bytes);
+  }
+}
+
+TEST_P(Transactions, UndoEverythingOnRollback) {
+  build("second", -1);
+  const int other = open("second");
+  const int plain = open("pair", 0);
+  for (int id = 1; id <= 60; ++id) {
+    ASSERT_EQ(write(isfd_, row(id, id % 7, filler(id * 40))), 0);
+    ASSERT_EQ(write(other, row(id, id % 5, filler(id * 9))), 0);
+  }
+  const Rows first_before = rows(isfd_);
+  const Rows second_before = rows(other);
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_EQ(::isbegin(), 0);
+    for (int id = 1; id <= 60; ++id) {
+      const int isfd = id % 3 == 0 ? other : isfd_;
+      if (id % 4 == 0) {
+        EXPECT_EQ(erase(isfd, id), 0);
+      }
+      // Longer, shorter and longer again; then away.
+      if (id % 4 == 1) {
+        EXPECT_EQ(rewrite(isfd, row(id, 99, filler(2900), 'y')), 0);
+        EXPECT_EQ(rewrite(isfd, row(id, 98, filler(1), 'z')), 0);
+        EXPECT_EQ(rewrite(isfd, row(id, 97, filler(700), 'w')), 0);
+      }
+      if (id % 4 == 2) {
+        EXPECT_EQ(write(isfd, row(100 + id, id, filler(1500))), 0);
+        EXPECT_EQ(rewrite(isfd, row(100 + id, id, filler(5))), 0);
+      }
+      if (id % 20 == 5) {
+        EXPECT_EQ(erase(isfd, id), 0);
+      }
+      if (id % 8 == 4) {  // what was deleted
+        EXPECT_EQ(write(isfd, row(id, 1, filler(20))), 0);
+      }
+    }
+    ASSERT_EQ(write(plain, row(1000 + round, 0)), 0);  // not of the transaction
+    ASSERT_EQ(::isrollback(), 0);
+    Rows expected = first_before;
+    for (int done = 0; done <= round; ++done) expected.push_back(row(1000 + done, 0));
+    EXPECT_TRUE(rows(isfd_) == expected);
+    EXPECT_TRUE(rows(other) == second_before);
+  }
+  ::iscleanup();
+  EXPECT_EQ(faults("pair"), "");
+  EXPECT_EQ(faults("second"), "");
+}
+
+TEST_P(Transactions, FreeNumbersAndStorageOnCommitOnly) {
+  for (int id = 1; id <= 20; ++id) ASSERT_EQ(write(isfd_, row(id, 0, filler(1000))), 0);
+  ASSERT_EQ(::isbegin(), 0);
+  for (int id = 1; id <= 10; ++id) ASSERT_EQ(erase(isfd_, id), 0);
+  for (int id = 11; id <= 20; ++id) ASSERT_EQ(rewrite(isfd_, row(id, 1, filler(10))), 0);
+  ASSERT_EQ(write(isfd_, row(50, 0)), 0);
+  EXPECT_EQ(isrecnum, 21) << "numbers of deleted records are kept";
+  ASSERT_EQ(::iscommit(), 0);
+  EXPECT_EQ(rows(isfd_).size(), 11U);
+  std::vector<int> numbers;
+  for (int id = 60; id < 70; ++id) {
+    ASSERT_EQ(write(isfd_, row(id, 0)), 0);
+    numbers.push_back(isrecnum);
+  }
+  // The list of free numbers gives the last first.
+  EXPECT_EQ(numbers, (std::vector{10, 9, 8, 7, 6, 5, 4, 3, 2, 1}));
+  ::iscleanup();
+  EXPECT_EQ(faults("pair"), "");
+}
+
+TEST_P(Transactions, PutACloseOff) {
+  ASSERT_EQ(write(isfd_, row(1, 1)), 0);
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(write(isfd_, row(2, 1)), 0);
+  ASSERT_EQ(::isclose(isfd_), 0);
+  EXPECT_EQ(::isclose(isfd_), -1);
+  EXPECT_EQ(iserrno, ISENOTOPEN);
+  std::string record(kMaximum, 0);
+  EXPECT_EQ(::isread(isfd_, record.data(), RD_FIRST), -1);
+  EXPECT_EQ(iserrno, ISENOTOPEN);
+  EXPECT_NE(open("pair", 0), isfd_) << "another mode";
+  EXPECT_EQ(open("pair"), isfd_);
+  EXPECT_EQ(isreclen, varying() ? kMaximum : kMinimum);
+  ASSERT_EQ(::isread(isfd_, record.data(), RD_NEXT), 0);
+  EXPECT_EQ(record.substr(0, kMinimum), row(1, 1));
+  ASSERT_EQ(::isclose(isfd_), 0);
+  ASSERT_EQ(::isrollback(), 0);
+  EXPECT_EQ(types(), "FO IN BW IN FC RW");
+  EXPECT_EQ(open("pair"), isfd_) << "the number is free again";
+  EXPECT_EQ(rows(isfd_), Rows{row(1, 1)});
+}
+
+TEST_P(Transactions, KeepWhatTheyChangeLocked) {
+  for (int id = 1; id <= 3; ++id) ASSERT_EQ(write(isfd_, row(id, 0)), 0);
+  // Another process looks at the lock of the record's number, which is its id here.
+  const auto locked = [](int number) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+      const int fd = ::open("pair.idx", O_RDWR);
+      struct flock lock {};
+      lock.l_type = F_WRLCK;
+      lock.l_start = 0x40000000 + number;
+      lock.l_len = 1;
+      ::_exit(::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WEXITSTATUS(status) == 1;
+  };
+  std::string record = row(3, 0);
+  record.resize(kMaximum);
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(rewrite(isfd_, row(1, 5)), 0);
+  ASSERT_EQ(write(isfd_, row(4, 5)), 0);
+  ASSERT_EQ(::isread(isfd_, record.data(), RD_EQUAL + RD_LOCK), 0);
+  EXPECT_TRUE(locked(3));
+  ASSERT_EQ(::isrelease(isfd_), 0);
+  EXPECT_TRUE(locked(1));
+  EXPECT_FALSE(locked(2));
+  EXPECT_FALSE(locked(3)) << "only read";
+  EXPECT_TRUE(locked(4));
+  ASSERT_EQ(::iscommit(), 0);
+  for (int id = 1; id <= 4; ++id) EXPECT_FALSE(locked(id)) << id;
+}
+
+// The system's write. It fails half way when the log's turn to fail has come, and where it would
+// make a file of a pair longer.
+ino_t log_inode = 0;
+int log_writes_left = 0;
+bool disk_is_full = false;
+
+ssize_t failing_write(int fd, const void* from, std::size_t count, off_t offset) {
+  struct stat status {};
+  ::fstat(fd, &status);
+  const bool is_log = status.st_ino == log_inode;
+  errno = ENOSPC;
+  if (is_log && log_writes_left-- == 0) {
+    disk_is_full = true;
+    return ::pwrite(fd, from, count / 2, offset);
+  }
+  if (is_log && disk_is_full) {
+    disk_is_full = false;
+    errno = ENOSPC;
+    return -1;
+  }
+  if (!is_log && log_writes_left < 0 && offset + static_cast<off_t>(count) > status.st_size) {
+    return -1;
+  }
+  return ::pwrite(fd, from, count, offset);
+}
+
+// Whichever write of a changing call fails, the log and the files tell the same afterwards.
+TEST_P(Transactions, AgreeWithTheLogAfterAFailedWrite) {
+  struct stat status {};
+  ASSERT_EQ(::stat("log", &status), 0);
+  log_inode = status.st_ino;
+  keep_copy();
+  for (int id = 1; id <= 5; ++id) ASSERT_EQ(write(isfd_, row(id, id, filler(600))), 0);
+  auto& write_call = common::system_calls().pwrite;
+  int log_failures = 0;
+  int disk_failures = 0;
+  const auto count = [&](int result) {
+    if (result == 0) return;
+    ++(iserrno == ISELOGWRITE ? log_failures : disk_failures);
+  };
+  for (int round = 0; round < 60; ++round) {
+    write_call = failing_write;
+    log_writes_left = round % 6;
+    const int id = 10 + round;
+    const bool inside = round % 2 == 1;
+    if (inside) ::isbegin();
+    count(write(isfd_, row(id, 3, filler(900))));
+    count(rewrite(isfd_, row(1 + round % 5, id, filler(round * 40))));
+    if (round % 3 == 0) count(erase(isfd_, id));
+    if (inside && round % 4 == 3) {
+      while (::iscommit() != 0 && iserrno == ISELOGWRITE) ++log_failures;
+    }
+    write_call = ::pwrite;
+    if (inside && round % 4 == 1) {
+      EXPECT_EQ(::isrollback(), 0) << iserrno;
+    }
+  }
+  EXPECT_GT(log_failures, 5);
+  EXPECT_GT(disk_failures, 5);
+  const Rows expected = rows(isfd_);
+  ::iscleanup();
+  EXPECT_EQ(faults("pair"), "");
+  ::islogclose();
+  restore_copy();
+  ASSERT_EQ(::islogopen("log"), 0);
+  ASSERT_EQ(::isrecover(), 0) << iserrno;
+  isfd_ = open("pair", 0);
+  EXPECT_TRUE(rows(isfd_) == expected);
+}
+
+}  // namespace
+}  // namespace testing_support
