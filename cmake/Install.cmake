@@ -1,5 +1,5 @@
 # The shared library, and what `cmake --install` puts where, in three components:
-#   kestro       the program and its man page
+#   kestro       the programs, their man pages and that of their settings files
 #   runtime      the shared library
 #   development  what building against the library takes
 
@@ -31,7 +31,7 @@ if(KESTRO_SHARED)
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endif()
 
-install(TARGETS kestro RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kestro)
+install(TARGETS kestro kestroenv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kestro)
 
 set_target_properties(isam PROPERTIES EXPORT_NAME isam_static)
 install(
@@ -69,12 +69,12 @@ configure_file(cmake/isam.pc.in generated/isam.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/generated/isam.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# Sections 3 and 5 are about the library, the others about the program.
+# Section 3 is about the library, the others about the programs and what they read.
 foreach(section 1 3 5 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
   if(pages)
     set(component kestro)
-    if(section MATCHES "[35]")
+    if(section EQUAL 3)
       set(component development)
     endif()
     install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section}

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -11,8 +10,8 @@
 #include "common/arena.h"
 #include "common/fatal.h"
 #include "common/io.h"
-#include "common/number.h"
 #include "common/readahead.h"
+#include "environment/settings.h"
 #include "isam/errors.h"
 
 namespace isam {
@@ -21,7 +20,6 @@ namespace {
 enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp = 8 };
 
 constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
-constexpr int kDefaultBuffers = 16;
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
 constexpr std::uint64_t kNodeLifetimes = 8;  // of an unused data block
@@ -167,7 +165,7 @@ class Pool {
     return kind == FileKind::kData ? data_window_ : index_window_;
   }
 
-  int nbuffs_ = kDefaultBuffers;
+  int nbuffs_;
   PageTable table_;
   ReleaseOrder nodes_;
   ReleaseOrder data_blocks_;
@@ -189,10 +187,7 @@ Pool& pool() {
 }
 
 Pool::Pool() {
-  if (const char* text = std::getenv("ISAMBUFS")) {
-    nbuffs_ = static_cast<int>(
-        common::number_within(text, kMinBuffers, kMaxBuffers).value_or(kDefaultBuffers));
-  }
+  nbuffs_ = static_cast<int>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
   const auto count = static_cast<std::size_t>(nbuffs_);
   buffs_ = common::make_arena<Buffer>(count);
   pages_ = common::make_arena<Byte>(count * kPageStride);

@@ -6,7 +6,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -14,6 +13,7 @@
 
 #include "common/holders.h"
 #include "common/io.h"
+#include "environment/settings.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
 
@@ -144,7 +144,10 @@ FileRecord* share(FileRecord& file, int mode) {
   return &file;
 }
 
-bool other_lock_method_accepted() { return std::getenv("RESETLOCK") != nullptr; }
+bool other_lock_method_accepted() {
+  static const bool accepted = environment::lookup("RESETLOCK").has_value();
+  return accepted;
+}
 
 struct Victims {
   int open = 0;  // records in use or idle

@@ -1,27 +1,23 @@
 #include "isam/indexload.h"
 
 #include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 
-#include "common/number.h"
+#include "environment/settings.h"
 #include "isam/errors.h"
 #include "isam/treeload.h"
 
 namespace isam {
 namespace {
 
-constexpr std::int64_t kDefaultMemory = 64;  // MiB
-constexpr std::int64_t kMostMemory = 65536;
+constexpr std::int64_t kMostMemory = 65536;  // MiB
 constexpr std::size_t kNumberSize = 4;
 
 std::size_t sort_memory() {
-  std::int64_t mebibytes = kDefaultMemory;
-  if (const char* text = std::getenv("ISAMSORTMEM")) {
-    mebibytes = common::number_within(text, 1, kMostMemory).value_or(kDefaultMemory);
-  }
-  return static_cast<std::size_t>(mebibytes) << 20;
+  static const auto mebibytes =
+      static_cast<std::size_t>(environment::number("ISAMSORTMEM", 1, kMostMemory));
+  return mebibytes << 20;
 }
 
 std::string folder_of_pair() {

@@ -4,10 +4,10 @@
 #include <sched.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
 
 #include "common/io.h"
+#include "environment/settings.h"
 #include "isam/current.h"
 #include "isam/errors.h"
 
@@ -27,11 +27,6 @@ struct DeadlockRetry {
   long milliseconds;
 };
 
-long environment_number(const char* name) {
-  const char* text = std::getenv(name);
-  return text == nullptr ? 0 : std::strtol(text, nullptr, 0);
-}
-
 void do_msleep(long milliseconds) {
   if (milliseconds < 0) return;
   if (milliseconds == 0) {
@@ -44,8 +39,8 @@ void do_msleep(long milliseconds) {
 
 // Every lock request; a reported deadlock is tried again as the environment says.
 int do_fcntl(int fd, int command, struct flock* lock) {
-  static const DeadlockRetry retry{environment_number("ISAM_DEADLOCK_COUNT"),
-                                   environment_number("ISAM_DEADLOCK_SLEEP")};
+  static const DeadlockRetry retry{environment::leading_number("ISAM_DEADLOCK_COUNT"),
+                                   environment::leading_number("ISAM_DEADLOCK_SLEEP")};
   int result = common::system_calls().fcntl_lock(fd, command, lock);
   for (long left = retry.count; left > 0 && result < 0 && errno == EDEADLK; --left) {
     do_msleep(retry.milliseconds);

@@ -2,8 +2,8 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <cstdlib>
 
+#include "environment/settings.h"
 #include "isam/btree.h"
 #include "isam/buffers.h"
 #include "isam/cursor.h"
@@ -197,10 +197,7 @@ int open_pair(const char* name, int mode) {
 
 // Whether closing waits for readers: the environment's ISCLOSE_SHARE_LOCK is 0.
 bool close_waits() {
-  static const bool waits = [] {
-    const char* text = std::getenv("ISCLOSE_SHARE_LOCK");
-    return text != nullptr && std::strtol(text, nullptr, 0) == 0;
-  }();
+  static const bool waits = environment::leading_number("ISCLOSE_SHARE_LOCK") == 0;
   return waits;
 }
 
