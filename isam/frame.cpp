@@ -222,10 +222,9 @@ void release_semaphore() {
 int check_locale() {
   if (!dictp->d_collate()) return 0;
   if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
-  const std::string_view client = locale::file_system_name();
-  const std::string_view stored{dictp->d_collname(),
-                                ::strnlen(dictp->d_collname(), kCollationNameSize)};
-  return !client.empty() && stored.starts_with(client) ? 0 : failed(kBadCollation);
+  std::string_view stored{dictp->d_collname(), ::strnlen(dictp->d_collname(), kCollationNameSize)};
+  while (stored.ends_with(' ')) stored.remove_suffix(1);
+  return stored == locale::file_system_name() ? 0 : failed(kBadCollation);
 }
 
 }  // namespace isam

@@ -13,6 +13,7 @@
 #include "isam/keychain.h"
 #include "isam/keytable.h"
 #include "isam/opening.h"
+#include "locale/collation.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
 
@@ -57,13 +58,18 @@ int log_event(txlog::IndexEvent event, const keydescr& key) {
 int add_index(keydescr& key) {
   if (kylegal(key, filep->reclen) != 0) return -1;
   if (!may_compress(key)) return failed(kBadKey);
-  if (kynchar(key)) key.flags = static_cast<std::int16_t>(key.flags & ~KF_COMPRESS);
+  if (kynchar(key)) {
+    if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
+    key.flags = static_cast<std::int16_t>(key.flags & ~KF_COMPRESS);
+  }
   if (kyadd(key) != 0) return failed_unless_set(kBadKey);
+  const bool has_locale = dictp->d_collate();
   int result = fill_index(key);
-  if (result == 0 && kynchar(key) && !dictp->d_collate()) result = name_collation();
+  if (result == 0 && kynchar(key) && !has_locale) result = name_collation();
   if (result == 0) result = log_event(txlog::IndexEvent::kAdded, key);
   if (result == 0) return 0;
   const KeepError keep;
+  dictp->set_d_collate(has_locale);
   btrecover(key.rootnode, key);
   kydelete(key);
   return -1;

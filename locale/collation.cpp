@@ -1,19 +1,34 @@
 #include "locale/collation.h"
 
 #include <locale.h>
+#include <wchar.h>
 
 #include <algorithm>
-#include <cctype>
+#include <array>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <string>
+#include <utility>
+
+#include "environment/settings.h"
+#include "locale/name.h"
 
 namespace locale {
 namespace {
 
-constexpr std::size_t kNameLimit = 36;
-constexpr const char* kDefaultName = "C";
+using common::Byte;
+using common::ConstBytes;
+
+// While it lives, this thread's character functions are those of a locale.
+class InUse {
+ public:
+  explicit InUse(locale_t locale) : before_(::uselocale(locale)) {}
+  InUse(const InUse&) = delete;
+  InUse& operator=(const InUse&) = delete;
+  ~InUse() { ::uselocale(before_); }
+
+ private:
+  locale_t before_;
+};
 
 struct Client {
   locale_t collation = nullptr;
@@ -21,60 +36,95 @@ struct Client {
   bool ready = false;
   int error = 0;
   std::string name;
+  std::array<bool, 256> is_character{};  // bytes that are a character each, zero excepted
+  std::string texts[2];                  // that are being compared; kept for their memory
 };
 
 Client client;
 
-// "en_US.UTF-8" is "en_us.utf8" in a file.
-std::string folded(std::string_view name) {
-  std::string result;
-  bool in_code_set = false;
-  for (const char c : name) {
-    const auto byte = static_cast<unsigned char>(c);
-    in_code_set = in_code_set || c == '.';
-    if (in_code_set && c != '.' && std::isalnum(byte) == 0) continue;
-    result += static_cast<char>(std::tolower(byte));
+// Bytes of the character at the beginning of `text`, 0 when there is none.
+std::size_t character_length(ConstBytes text) {
+  std::mbstate_t state{};
+  const std::size_t length =
+      ::mbrlen(reinterpret_cast<const char*>(text.data()), text.size(), &state);
+  return length <= text.size() ? length : 0;
+}
+
+std::array<bool, 256> single_bytes(locale_t locale) {
+  const InUse in_use{locale};
+  std::array<bool, 256> result{};
+  for (std::size_t i = 1; i < result.size(); ++i) {
+    const auto byte = static_cast<Byte>(i);
+    result[i] = character_length({&byte, 1}) == 1;
   }
-  return result.substr(0, kNameLimit);
+  return result;
 }
 
-// The C library writes the territory in capitals: "en_us.utf8" is its "en_US.utf8".
-std::string with_territory_in_capitals(std::string name) {
-  const std::size_t from = name.find('_');
-  if (from == std::string::npos) return name;
-  for (std::size_t i = from + 1; i < name.size() && name[i] != '.' && name[i] != '@'; ++i) {
-    name[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(name[i])));
+std::size_t skip_single_bytes(ConstBytes field, std::size_t at) {
+  while (at < field.size() && client.is_character[field[at]]) ++at;
+  return at;
+}
+
+// Where the text ends that a field begins with.
+std::size_t text_end(ConstBytes field) {
+  std::size_t end = skip_single_bytes(field, 0);
+  if (end == field.size() || field[end] == 0) return end;
+  const InUse in_use{client.collation};
+  while (end < field.size()) {
+    const std::size_t length = character_length(field.subspan(end));
+    if (length == 0) break;
+    end = skip_single_bytes(field, end + length);
   }
-  return name;
+  return end;
 }
 
-locale_t load(const std::string& name) {
-  const locale_t as_given = ::newlocale(LC_COLLATE_MASK | LC_CTYPE_MASK, name.c_str(), nullptr);
-  if (as_given != nullptr) return as_given;
-  return ::newlocale(LC_COLLATE_MASK | LC_CTYPE_MASK, with_territory_in_capitals(name).c_str(),
-                     nullptr);
+ConstBytes without_padding(ConstBytes field) {
+  while (!field.empty() && field.back() == ' ') field = field.first(field.size() - 1);
+  return field;
 }
 
-std::string terminated(common::ConstBytes field) {
-  std::string text(reinterpret_cast<const char*>(field.data()), field.size());
-  return text.c_str();  // up to the first zero byte
+const char* terminated(ConstBytes text, std::string& room) {
+  room.assign(reinterpret_cast<const char*>(text.data()), text.size());
+  return room.c_str();
+}
+
+int compare_texts(ConstBytes a, ConstBytes b) {
+  return ::strcoll_l(terminated(a, client.texts[0]), terminated(b, client.texts[1]),
+                     client.collation);
+}
+
+int compare_bytes(ConstBytes a, ConstBytes b) {
+  const int order = common::bycmpr(a.data(), b.data(), std::min(a.size(), b.size()));
+  return order != 0 ? order : (a.size() > b.size()) - (a.size() < b.size());
+}
+
+// The system may know a locale by the very name given only, or by its own way of writing it.
+locale_t load(const std::string& given, const std::string& name) {
+  constexpr int kParts = LC_COLLATE_MASK | LC_CTYPE_MASK;
+  const locale_t loaded = ::newlocale(kParts, given.c_str(), nullptr);
+  return loaded != nullptr ? loaded : ::newlocale(kParts, system_name(name).c_str(), nullptr);
+}
+
+int refuse(int error) {
+  client.error = error;
+  return -1;
 }
 
 }  // namespace
 
 int initulx() {
-  const char* named = std::getenv("CLIENT_LOCALE");
-  const std::string name = named == nullptr || *named == '\0' ? kDefaultName : named;
+  std::string given = environment::lookup("CLIENT_LOCALE").value_or("");
+  if (given.empty()) given = kByteOrder;
+  std::string name = file_name(given);
+  if (name.empty()) return refuse(EINVAL);
   errno = 0;
-  const locale_t loaded = load(name);
-  if (loaded == nullptr) {
-    client.error = errno != 0 ? errno : ENOENT;
-    return -1;
-  }
+  const locale_t loaded = load(given, name);
+  if (loaded == nullptr) return refuse(errno != 0 ? errno : ENOENT);
   if (client.collation != nullptr) ::freelocale(client.collation);
   client.collation = loaded;
-  client.bytewise = name == "C" || name == "POSIX";
-  client.name = folded(name);
+  client.bytewise = name == kByteOrder;
+  client.is_character = single_bytes(loaded);
+  client.name = std::move(name);
   client.ready = true;
   return 0;
 }
@@ -85,13 +135,15 @@ int get_ulxerror() { return client.error; }
 
 std::string_view file_system_name() { return client.name; }
 
-int compare(common::ConstBytes a, common::ConstBytes b) {
-  const std::size_t shared = std::min(a.size(), b.size());
-  if (!client.bytewise) {
-    const int order = ::strcoll_l(terminated(a).c_str(), terminated(b).c_str(), client.collation);
-    if (order != 0) return order;
-  }
-  return common::bycmpr(a.data(), b.data(), shared);
+int compare(ConstBytes a, ConstBytes b) {
+  if (client.bytewise) return compare_bytes(a, b);
+  a = without_padding(a);
+  b = without_padding(b);
+  if (std::ranges::equal(a, b)) return 0;
+  const std::size_t a_end = text_end(a);
+  const std::size_t b_end = text_end(b);
+  const int order = compare_texts(a.first(a_end), b.first(b_end));
+  return order != 0 ? order : compare_bytes(a.subspan(a_end), b.subspan(b_end));
 }
 
 }  // namespace locale
