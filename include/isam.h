@@ -28,7 +28,7 @@
  * fields are stored with the st...() functions and read with the ld...() functions below. With
  * variable length, a record is as long as isreclen says, from the minimum to the maximum length.
  *
- * Environment, each read once on first use:
+ * Environment, each looked up once on first use; marvolen.rc(5) tells where else it may be set:
  *   ISAMBUFS             page buffers of 1 KiB shared by all files, 4 to 32766 (default 16)
  *   ISAMSORTMEM          MiB for sorting when an index is filled, 1 to 65536 (default 64)
  *   ISAM_DEADLOCK_COUNT  retries of a lock request that met a deadlock (default 0)
@@ -36,6 +36,7 @@
  *   ISCLOSE_SHARE_LOCK   0 makes isclose() wait for other processes' readers (default 1)
  *   CLIENT_LOCALE        the locale of character keys of type KT_LOCALE
  *   RESETLOCK            when set, a file with an unexpected locking method is accepted
+ *   SQLIDEBUG            a file to which calls append what they exchange with the application
  */
 #ifndef ISAM_H
 #define ISAM_H
@@ -444,6 +445,7 @@ int isaltinc(int isfd);
 
 /* Whether a file was built with a locale: 1 or 0, -1 when it cannot be opened. */
 int isnlsversion(const char* name);
+int isulxversion(const char* name);
 /* The name of that locale, zero-terminated and valid until the next call; null when the file has
  * none or cannot be opened. */
 const char* islanginfo(const char* name);

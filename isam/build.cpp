@@ -13,6 +13,7 @@
 #include "isam/keytable.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "isam/traced.h"
 #include "locale/collation.h"
 #include "txlog/audit.h"
 #include "txlog/logfile.h"
@@ -218,11 +219,13 @@ int name_collation() {
 using namespace isam;
 
 extern "C" int isbuild(const char* name, int reclen, struct keydescr* key, int mode) {
-  clear_errors();
-  set_status("0000");
-  const int isfd = key == nullptr ? failed(kBadArgument) : build(name, reclen, *key, mode);
-  if (isfd < 0) set_status("9090");
-  return isfd;
+  return traced({"isbuild", mode, name, Carries::kName}, [&] {
+    clear_errors();
+    set_status("0000");
+    const int isfd = key == nullptr ? failed(kBadArgument) : build(name, reclen, *key, mode);
+    if (isfd < 0) set_status("9090");
+    return isfd;
+  });
 }
 
 extern "C" int iserase(const char* name) {

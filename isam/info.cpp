@@ -143,6 +143,8 @@ extern "C" int isnlsversion(const char* name) {
   return look_at(name, [](const Dictionary& dictionary) { return dictionary.d_collate() ? 1 : 0; });
 }
 
+extern "C" int isulxversion(const char* name) { return isnlsversion(name); }
+
 extern "C" const char* islanginfo(const char* name) {
   static std::array<char, kCollationNameSize + 1> text;
   text.fill(0);

@@ -13,6 +13,7 @@
 #include "isam/keytable.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "isam/traced.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
 
@@ -243,11 +244,9 @@ int close_in_use(OpenRecord& open) {
   return entered == 0 ? close_entered(open) : close_unentered(open);
 }
 
-}  // namespace isam
+namespace {
 
-using namespace isam;
-
-extern "C" int isopen(const char* name, int mode) {
+int open_call(const char* name, int mode) {
   clear_errors();
   set_status("0000");
   const int isfd = open_pair(name, mode);
@@ -258,13 +257,26 @@ extern "C" int isopen(const char* name, int mode) {
   return -1;
 }
 
-extern "C" int isclose(int isfd) {
+int close_call(int isfd) {
   OpenRecord* const open = open_of(isfd);
   if (open != nullptr && (open->flags & kKept) == 0) return close_in_use(*open);
   isenter(isfd, kToLook);  // fails, and says why
   isstat3 = '4';
   isstat4 = '2';
   return -1;
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isopen(const char* name, int mode) {
+  return traced({"isopen", mode, name, Carries::kName}, [&] { return open_call(name, mode); });
+}
+
+extern "C" int isclose(int isfd) {
+  return traced({"isclose", isfd}, [&] { return close_call(isfd); });
 }
 
 extern "C" int iscleanup(void) {

@@ -7,6 +7,7 @@
 #include "isam/keychain.h"
 #include "isam/locks.h"
 #include "isam/recordcalls.h"
+#include "isam/traced.h"
 
 namespace isam {
 namespace {
@@ -151,12 +152,7 @@ int start(keydescr& k, int len, const Byte* record, int mode) {
   return 1;
 }
 
-}  // namespace
-}  // namespace isam
-
-using namespace isam;
-
-extern "C" int isstart(int isfd, struct keydescr* key, int len, char* record, int mode) {
+int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
   if (isenter(isfd, kToRead | kShared) != 0) return refused_access('7');
   const int started = key == nullptr ? failed(kBadArgument)
                                      : start(*key, len, reinterpret_cast<Byte*>(record), mode);
@@ -169,7 +165,7 @@ extern "C" int isstart(int isfd, struct keydescr* key, int len, char* record, in
   return isexit();
 }
 
-extern "C" int isread(int isfd, char* record, int mode) {
+int read_call(int isfd, char* record, int mode) {
   const bool after_end = iserrno == kEndOfFile;
   while (true) {
     if (isenter(isfd, kToRead | kShared) != 0) return refused_access('7');
@@ -194,4 +190,27 @@ extern "C" int isread(int isfd, char* record, int mode) {
     }
     return isexit();
   }
+}
+
+// What a read is given besides room for the record.
+Carries carried_by(int mode) {
+  const int low = mode & 0xFF;
+  const bool by_key = low == RD_EQUAL || low == RD_GREAT || low == RD_GTEQ;
+  return by_key ? Carries::kKeyAndReceives : Carries::kReceives;
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isstart(int isfd, struct keydescr* key, int len, char* record, int mode) {
+  const bool edge = mode == RD_FIRST || mode == RD_LAST;
+  return traced({"isstart", isfd, record, edge ? Carries::kNothing : Carries::kKey},
+                [&] { return start_call(isfd, key, len, record, mode); });
+}
+
+extern "C" int isread(int isfd, char* record, int mode) {
+  return traced({"isread", isfd, record, carried_by(mode)},
+                [&] { return read_call(isfd, record, mode); });
 }

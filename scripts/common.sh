@@ -23,6 +23,11 @@ need_command() {
   missing+=("$package")
 }
 
+# need_file PACKAGE FILE
+need_file() {
+  [ -e "$2" ] || missing+=("$1")
+}
+
 # need_compile PACKAGE COMPILER CODE FLAG...: a program of that one line must build.
 need_compile() {
   local package=$1 compiler=$2 code=$3 probe

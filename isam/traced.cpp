@@ -1,0 +1,76 @@
+#include "isam/traced.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+
+#include "isam/errors.h"
+#include "isam/files.h"
+
+namespace isam {
+namespace {
+
+constexpr std::size_t kMostNameBytes = 4096;
+
+int depth = 0;  // of calls within calls
+
+ConstBytes bytes_of(const char* buffer, std::size_t length) {
+  if (buffer == nullptr) return {};
+  return {reinterpret_cast<const Byte*>(buffer), length};
+}
+
+// The record of an open, as long as `length` if the file may have such a record; else the least.
+ConstBytes record_of(const Exchange& exchange, std::int32_t length) {
+  const OpenRecord* open = open_of(exchange.number);
+  if (open == nullptr) return {};
+  const FileRecord& file = *open->file;
+  const bool known = file.varlen && length >= file.reclen && length <= file.maxreclen;
+  return bytes_of(exchange.buffer, static_cast<std::size_t>(known ? length : file.reclen));
+}
+
+ConstBytes sent(const Exchange& exchange) {
+  switch (exchange.carries) {
+    case Carries::kName:
+      if (exchange.buffer == nullptr) return {};
+      return bytes_of(exchange.buffer, ::strnlen(exchange.buffer, kMostNameBytes));
+    case Carries::kKey:
+    case Carries::kKeyAndReceives:
+      return record_of(exchange, 0);
+    case Carries::kRecord:
+      return record_of(exchange, isreclen);
+    case Carries::kNothing:
+    case Carries::kReceives:
+      break;
+  }
+  return {};
+}
+
+ConstBytes received(const Exchange& exchange, int result) {
+  const bool receives =
+      exchange.carries == Carries::kReceives || exchange.carries == Carries::kKeyAndReceives;
+  return receives && result == 0 ? record_of(exchange, isreclen) : ConstBytes{};
+}
+
+}  // namespace
+
+void trace_entry(const Exchange& exchange) {
+  if (depth++ > 0) return;
+  std::array<char, 64> text;
+  std::snprintf(text.data(), text.size(), "%s %d", exchange.call, exchange.number);
+  trace::write(trace::Direction::kToLibrary, text.data(), sent(exchange));
+}
+
+void trace_exit(const Exchange& exchange, int result) {
+  if (--depth > 0) return;
+  std::array<char, 128> text;
+  int length =
+      std::snprintf(text.data(), text.size(), "%s %d = %d", exchange.call, exchange.number, result);
+  const auto rest = static_cast<std::size_t>(length);
+  if (result < 0) {
+    std::snprintf(&text[rest], text.size() - rest, ", error %d, status %c%c%c%c", iserrno, isstat1,
+                  isstat2, isstat3, isstat4);
+  }
+  trace::write(trace::Direction::kToApplication, text.data(), received(exchange, result));
+}
+
+}  // namespace isam
