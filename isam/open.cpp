@@ -211,6 +211,7 @@ bool outlives_its_close(const OpenRecord& open) {
 int close_entered(OpenRecord& open) {
   if (outlives_its_close(open)) {
     open.flags |= kKept;
+    write_delayed();  // the process may end before the transaction
     return isexit();
   }
   close_open(open);

@@ -1,8 +1,8 @@
 #include "txlog/transactions.h"
 
-#include <cstdlib>
 #include <utility>
 
+#include "environment/settings.h"
 #include "isam/datafile.h"
 #include "isam/errors.h"
 #include "isam/files.h"
@@ -10,6 +10,7 @@
 #include "isam/freelists.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "isam/traced.h"
 #include "txlog/apply.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
@@ -45,10 +46,7 @@ class FirstFailure {
 };
 
 bool commits_wait_for_disk() {
-  static const bool wait = [] {
-    const char* const text = std::getenv("ISAM_LOG_SYNC");
-    return text != nullptr && std::strtol(text, nullptr, 0) != 0;
-  }();
+  static const bool wait = environment::leading_number("ISAM_LOG_SYNC") != 0;
   return wait;
 }
 
@@ -216,7 +214,9 @@ int leave_log() {
 using namespace isam;
 using namespace isam::txlog;
 
-extern "C" int islogopen(const char* path) {
+namespace {
+
+int open_call(const char* path) {
   clear_errors();
   set_status("0000");
   if (log_is_open() ? failed(kLogOpen) != 0 : open_log(path) != 0) {
@@ -227,7 +227,7 @@ extern "C" int islogopen(const char* path) {
   return 0;
 }
 
-extern "C" int islogclose(void) {
+int close_call() {
   clear_errors();
   set_status("0000");
   isresumlog();
@@ -238,6 +238,21 @@ extern "C" int islogclose(void) {
   set_status("9090");
   return -1;
 }
+
+int begin_call() {
+  if (start_call() != 0) return -1;
+  txflag = kInTransaction;
+  if (logstate.begin == Begin::kNone) logstate.begin = Begin::kPending;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" int islogopen(const char* path) {
+  return traced({"islogopen", 0, path, Carries::kName}, [&] { return open_call(path); });
+}
+
+extern "C" int islogclose(void) { return traced({"islogclose", 0}, close_call); }
 
 extern "C" int issusplog(void) {
   if (!logstate.is_suspended) {
@@ -253,13 +268,12 @@ extern "C" int isresumlog(void) {
   return 0;
 }
 
-extern "C" int isbegin(void) {
-  if (start_call() != 0) return -1;
-  txflag = kInTransaction;
-  if (logstate.begin == Begin::kNone) logstate.begin = Begin::kPending;
-  return 0;
+extern "C" int isbegin(void) { return traced({"isbegin", 0}, begin_call); }
+
+extern "C" int iscommit(void) {
+  return traced({"iscommit", 0}, [] { return end_transaction(commit); });
 }
 
-extern "C" int iscommit(void) { return end_transaction(commit); }
-
-extern "C" int isrollback(void) { return end_transaction(roll_back); }
+extern "C" int isrollback(void) {
+  return traced({"isrollback", 0}, [] { return end_transaction(roll_back); });
+}
