@@ -22,6 +22,7 @@ enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp
 constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
+constexpr int kMostAdded = 2048;             // more than one call changes
 constexpr std::uint64_t kNodeLifetimes = 8;  // of an unused data block
 constexpr std::size_t kLongestRun = 40;      // blocks, more than the longest record takes
 constexpr std::size_t kPageStride = 1088;    // room for a node of 1025 bytes, in whole cache lines
@@ -97,6 +98,12 @@ class ReleaseOrder {
     ring_[end_ & mask_] = buffer;
     numbers_[end_++ & mask_] = buffer->released;
   }
+  // Takes over the releases of another order, which has fewer buffers.
+  void take_over(const ReleaseOrder& other) {
+    for (std::uint64_t at = other.begin_; at != other.end_; ++at) {
+      if (other.counts(at)) released(other.ring_[at & other.mask_]);
+    }
+  }
   // Null when every buffer is busy.
   [[nodiscard]] Buffer* oldest() {
     for (; begin_ != end_; ++begin_) {
@@ -153,11 +160,13 @@ class Pool {
 
   static Place bfmapaddr(const Buffer& buffer);
   static void modified_out(Buffer* buffer);
+  [[nodiscard]] bool add_buffers(int count);
   void put_in_order(Buffer* buffer);
   Buffer* least_wanted();
   Buffer* victim();
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const FileRecord& file);
+  static int make_room(const std::vector<Buffer*>& pages);
   int write_run(std::size_t& at);
   int write_in_order(const FileRecord& file, int (*dictionary)());
   bool load(Buffer& buffer);
@@ -165,13 +174,18 @@ class Pool {
     return kind == FileKind::kData ? data_window_ : index_window_;
   }
 
-  int nbuffs_;
+  int nbuffs_ = 0;
+  int most_buffers_ = 0;
   PageTable table_;
   ReleaseOrder nodes_;
   ReleaseOrder data_blocks_;
   std::uint64_t releases_ = 0;
-  common::Arena<Buffer> buffs_;
-  common::Arena<Byte> pages_;
+  struct Extent {
+    common::Arena<Buffer> buffs;
+    common::Arena<Byte> pages;
+    int count;
+  };
+  std::vector<Extent> extents_;
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;
@@ -187,20 +201,44 @@ Pool& pool() {
 }
 
 Pool::Pool() {
-  nbuffs_ = static_cast<int>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
-  const auto count = static_cast<std::size_t>(nbuffs_);
-  buffs_ = common::make_arena<Buffer>(count);
-  pages_ = common::make_arena<Byte>(count * kPageStride);
-  if (!table_.reserve(count) || !nodes_.reserve(count) || !data_blocks_.reserve(count) || !buffs_ ||
-      !pages_) {
-    common::error("cannot allocate buffers");
-  }
-  to_write_.reserve(count);
+  const auto count = static_cast<int>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
+  if (!add_buffers(count)) common::error("cannot allocate buffers");
+  most_buffers_ = count + kMostAdded;
   run_.reserve((kLongestRun + 1) * kPageSize);
-  for (std::size_t i = 0; i < count; ++i) {
-    buffs_[i].page = pages_.get() + i * kPageStride;
-    put_in_order(&buffs_[i]);
+}
+
+// Makes the pool larger: false without memory, with the pool as it was.
+bool Pool::add_buffers(int count) {
+  const auto added = static_cast<std::size_t>(count);
+  const std::size_t all = added + static_cast<std::size_t>(nbuffs_);
+  Extent extent{common::make_arena<Buffer>(added), common::make_arena<Byte>(added * kPageStride),
+                count};
+  PageTable table;
+  ReleaseOrder nodes;
+  ReleaseOrder data_blocks;
+  if (!extent.buffs || !extent.pages || !table.reserve(all) || !nodes.reserve(all) ||
+      !data_blocks.reserve(all)) {
+    return false;
   }
+  to_write_.reserve(all);
+  for (const Extent& old : extents_) {
+    for (int i = 0; i < old.count; ++i) {
+      Buffer& buffer = old.buffs[static_cast<std::size_t>(i)];
+      if (buffer.file != nullptr) table.insert(&buffer);
+    }
+  }
+  nodes.take_over(nodes_);
+  data_blocks.take_over(data_blocks_);
+  table_ = std::move(table);
+  nodes_ = std::move(nodes);
+  data_blocks_ = std::move(data_blocks);
+  nbuffs_ += count;
+  for (std::size_t i = 0; i < added; ++i) {
+    extent.buffs[i].page = extent.pages.get() + i * kPageStride;
+    put_in_order(&extent.buffs[i]);
+  }
+  extents_.push_back(std::move(extent));
+  return true;
 }
 
 Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
@@ -253,16 +291,20 @@ Buffer* Pool::least_wanted() {
   return block->released < node->released + head_start ? block : node;
 }
 
-// The buffer to be reused. Pages that a call changed keep theirs as long as there are others: until
-// the call ends its changes can be taken back. (Those of an exclusive open stay anyway.)
+// The buffer to be reused. Pages that a call changed keep theirs until the call ends, so that its
+// changes can be taken back, or are written in their order: the pool grows for them. (Those of an
+// exclusive open go when they must.)
 Buffer* Pool::victim() {
+  const auto may_go = [](const Buffer* buffer) {
+    return (buffer->flags & kModified) == 0 || buffer->file->exclusives > 0;
+  };
   Buffer* buffer = least_wanted();
-  for (int tries = 0; tries < nbuffs_ && buffer != nullptr; ++tries) {
-    if ((buffer->flags & kModified) == 0 || buffer->file->exclusives > 0) return buffer;
+  for (int tries = 0; tries < nbuffs_ && buffer != nullptr && !may_go(buffer); ++tries) {
     put_in_order(buffer);
     buffer = least_wanted();
   }
-  return buffer;
+  if (buffer == nullptr || may_go(buffer) || nbuffs_ >= most_buffers_) return buffer;
+  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? &extents_.back().buffs[0] : buffer;
 }
 
 // Gives an idle buffer to another page of the current file.
@@ -383,12 +425,35 @@ bool lengthens(const Buffer& page) {
   return (page.block & INT32_MAX) >= page.file->blocks_before;
 }
 
-Turn turn_of(const Buffer& page, bool data_lengthens) {
+Turn turn_of(const Buffer& page) {
+  if (page.block < 0) return Turn::kRecord;
   if (lengthens(page)) return Turn::kLengthens;
-  // A record that lies across the old end stays in one piece.
-  if (page.block < 0) return data_lengthens ? Turn::kLengthens : Turn::kRecord;
   if (page.level == kFreeLevel && page.node_type >= kIndexFreeNode) return Turn::kFreeList;
   return (page.flags & kGivesUp) != 0 ? Turn::kGivesUp : Turn::kNode;
+}
+
+// Where data blocks will lengthen the file, zero bytes do so first: absent records, whatever comes
+// between this and the records. 0 or -1.
+int Pool::make_room(const std::vector<Buffer*>& pages) {
+  std::int64_t from = INT64_MAX;
+  std::int64_t to = 0;
+  for (const Buffer* page : pages) {
+    if (page->block >= 0 || !lengthens(*page)) continue;
+    const std::int64_t offset = bfmapaddr(*page).offset;
+    from = std::min(from, offset);
+    to = std::max(to, offset + std::int64_t{kPageSize});
+  }
+  if (to == 0) return 0;
+  static constexpr Byte kZeros[kPageSize] = {};
+  const int fd = pages.front()->file->datfd;
+  for (from = std::max(from, common::file_size(fd)); from < to;) {
+    const auto count = std::min<std::int64_t>(to - from, kPageSize);
+    if (common::write_at(fd, {kZeros, static_cast<std::size_t>(count)}, from) != 0) {
+      return failed_system(errno, Operation::kWrite, FileKind::kData);
+    }
+    from += count;
+  }
+  return 0;
 }
 
 // Writes the page at `at` together with the data blocks right before it: 0 or -1.
@@ -416,16 +481,15 @@ int Pool::write_run(std::size_t& at) {
 
 int Pool::write_in_order(const FileRecord& file, int (*dictionary)()) {
   modified_pages(file);
-  const bool data_lengthens = std::ranges::any_of(
-      to_write_, [](const Buffer* page) { return page->block < 0 && lengthens(*page); });
   const auto key = [&](const Buffer* page) {
     // Within a turn the highest block goes first.
-    return static_cast<std::uint64_t>(turn_of(*page, data_lengthens)) << 32 |
+    return static_cast<std::uint64_t>(turn_of(*page)) << 32 |
            static_cast<std::uint32_t>(~page->block);
   };
   std::ranges::sort(to_write_, {}, key);
+  if (make_room(to_write_) != 0) return -1;
   std::size_t at = 0;
-  while (at < to_write_.size() && turn_of(*to_write_[at], data_lengthens) < Turn::kNode) {
+  while (at < to_write_.size() && turn_of(*to_write_[at]) < Turn::kNode) {
     if (write_run(at) != 0) return -1;
   }
   if (dictionary() != 0) return -1;

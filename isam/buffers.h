@@ -15,7 +15,9 @@
 //            page when it is released
 //         B4 of the index nodes and of the data blocks, the least recently released is the first to
 //            give its buffer up; nodes stay longer than data blocks
-//         B5 forgetting a file costs the same however many pages of it are cached: its generation
+//         B5 what a call changes of a file that others use too stays in the pool until the call ends:
+//            the pool grows for it, and the call can be taken back
+//         B6 forgetting a file costs the same however many pages of it are cached: its generation
 //            changes, and pages of an older one count as not read
 // Gives   PageHold: a busy page that gives itself back when it leaves scope
 // Never   locks; the call frame makes it forget a file that another process changed
@@ -25,7 +27,7 @@
 //   common::stlong(link, page.bytes().data() + kLinkOffset);
 //   page.modified();                    // written later: on reuse of the buffer or bfflush
 //
-// `ISAMBUFS` (4 to 32766, default 16) sets the number of buffers.
+// `ISAMBUFS` (4 to 32766, default 16) sets the number of buffers to begin with.
 #pragma once
 
 #include <cstdint>
@@ -109,12 +111,12 @@ int bfprocess(FileRecord& file, bool write);
 // file record (failed_write) and is not tried again.
 int bfflush(FileRecord& file);
 // Writes them, and the dictionary by `dictionary` in their middle, in an order that lets other
-// processes go on safely whenever this one is killed: first what lengthens a file (a full disk
-// leaves the pair as it was), then free lists, so that nothing is used and listed, then the
-// dictionary, whose change stamp makes others read the rest anew, then nodes, then records, then
-// what records no longer refer to. Neighbouring data blocks go out in one piece. The first failure,
-// or one on record, ends it: what is left is discarded, all pages are forgotten and -1 returned
-// with iserrno. Else 0.
+// processes go on safely whenever this one is killed: first what lengthens a file (zero bytes where
+// records will be; a full disk leaves the pair as it was), then free lists, so that nothing is used
+// and listed, then the dictionary, whose change stamp makes others read the rest anew, then nodes,
+// then records, then what records no longer refer to. Neighbouring data blocks go out in one piece.
+// The first failure, or one on record, ends it: what is left is discarded, all pages are forgotten
+// and -1 returned with iserrno. Else 0.
 int bfcommit(FileRecord& file, int (*dictionary)());
 // Takes the changes since the last commit back, unless some of them have been written already: 0,
 // or -1. The dictionary is the caller's.

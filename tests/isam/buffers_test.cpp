@@ -93,12 +93,29 @@ TEST(BuffersDeathTest, ReadsAndWritesPages) {
   });
 }
 
+TEST(BuffersDeathTest, ThePoolGrowsForThePagesThatOneCallChanges) {
+  in_own_process("4", [] {
+    common::system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
+      ADD_FAILURE();
+      return -1;
+    };
+    constexpr int kChanged = 300;
+    for (int node = 20; node < 20 + kChanged; ++node) bfgetclr(node).set_used(node);
+    EXPECT_EQ(bfpend(*filep), kChanged);
+    for (int node = 20; node < 20 + kChanged; ++node) EXPECT_EQ(bfread(node).used(), node);
+    EXPECT_EQ(bfdiscard(*filep), 0);
+    EXPECT_EQ(bfpend(*filep), 0);
+    EXPECT_FALSE(bfread(20));
+  });
+}
+
 TEST(BuffersDeathTest, AFailedWriteIsKeptAndNotRepeated) {
   in_own_process("4", [] {
     common::system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
       errno = EIO;
       return -1;
     };
+    filep->exclusives = 1;  // so that changed pages go when their buffers are needed
     for (int node = 20; node < 26; ++node) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);  // the calls that reused the buffers did not fail
     EXPECT_EQ(filep->failed_write.error, EIO);
