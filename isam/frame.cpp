@@ -41,12 +41,15 @@ int take_file(int entry) {
   const bool shared = (entry & kShared) != 0 && batchflag == 0;
   if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
-  if (dictread() != 0) return -1;
+  return dictread();
+}
+
+// What the file is like before the call: what a failure goes back to, and what lengthens it.
+void note_beginning() {
   filep->nodes_before = dictp->d_nextnode();
   filep->blocks_before =
       (std::int64_t{dictp->d_nextdata()} * slot_size() + kPageSize - 1) / kPageSize;
   filep->spilled = filep->keeps_changes = false;
-  return 0;
 }
 
 void notice_changes() {
@@ -89,6 +92,7 @@ int enter(OpenRecord* open, int entry) {
   const int needed = entry & (kToRead | kToWrite);
   if ((access & needed) != needed) return refuse(open);
   if (take_file(entry) != 0) return -1;
+  note_beginning();
   notice_changes();
   openp->position.state = static_cast<std::uint16_t>(openp->position.state & ~kSameKeyNearby);
   bt = openp->position;
@@ -115,10 +119,13 @@ void write_some() {
   iserrio = lost.place;
 }
 
+// Whether what is changed may wait: no other process has the file, through this open or another.
+bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->exclusives > 0; }
+
 // A call that failed has undone its changes in the pool; where that is all there is of them, the
 // file need not hear of it.
 bool take_back() {
-  const bool wanted = iserrno != 0 && !filep->keeps_changes && (openp->mode & ISEXCLLOCK) == 0;
+  const bool wanted = iserrno != 0 && !filep->keeps_changes && !is_alone();
   if (!wanted || bfdiscard(*filep) != 0) return false;
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
   forget_call();
@@ -134,7 +141,7 @@ void write_changes() {
     dictp->set_d_modcount(filep->stamp);
     dictmodify();
   }
-  if ((openp->mode & ISEXCLLOCK) != 0) {
+  if (is_alone()) {
     write_some();
   } else if (changed) {
     if (bfcommit(*filep, dictwrite) != 0) forget_call();
