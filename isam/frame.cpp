@@ -153,7 +153,7 @@ void write_changes() {
 // What the call has logged is withdrawn when the change was not made. An exclusive open that could
 // not write a page still has its change.
 void settle_image(bool undone) {
-  const bool made = !undone && (iserrno == 0 || (openp->mode & ISEXCLLOCK) != 0);
+  const bool made = !undone && (iserrno == 0 || is_alone());
   txlog::logstate.image_logged = false;
   if (!made) txlog::withdraw_image();
 }

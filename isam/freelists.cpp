@@ -1,6 +1,5 @@
 #include "isam/freelists.h"
 
-#include <array>
 #include <cstring>
 #include <utility>
 
@@ -150,21 +149,15 @@ bool holds_records(std::int32_t node) {
          common::ldshort(bytes + rpage::kFree) != empty;
 }
 
-// A node that holds no records' bytes. What was taken and holds some goes back where it was listed,
-// and counts as in use where it lies past the highest number.
+// A node that holds no records' bytes. What was taken and holds some is lost to the list: put back
+// it could become the list's head, which would clear it.
 std::int32_t take_unused_node() {
-  constexpr std::size_t kTries = 4;
-  std::array<std::int32_t, kTries> set_aside{};
-  std::size_t count = 0;
-  std::int32_t number = take(FreeList::kNodes);
-  while (number > 0 && holds_records(number)) {
-    if (number < highest(FreeList::kNodes)) set_aside[count++] = number;
-    number = count < kTries ? take(FreeList::kNodes) : raise_highest(FreeList::kNodes);
-    if (count == kTries) break;
+  constexpr int kTries = 16;
+  for (int tries = 0;; ++tries) {
+    const std::int32_t number =
+        tries < kTries ? take(FreeList::kNodes) : raise_highest(FreeList::kNodes);
+    if (number < 0 || !holds_records(number)) return number;
   }
-  const KeepError keep;
-  while (count > 0) freerec(set_aside[--count], FreeList::kNodes);
-  return number;
 }
 
 // Tells a walk along a chain that it goes round: a node left behind at growing distances meets

@@ -10,7 +10,8 @@
 //         L2 an emptied node of the index list is itself handed out; one of the data list goes
 //            back to the index list
 //         L3 a node that looks like a storage page with records' bytes in it is not handed out,
-//            whatever the list says: after a process was killed, a page may be listed and in use
+//            whatever the list says: after a process was killed, a page may be listed and in use.
+//            It leaves the list, which could make it its head and clear it
 // Never   writes a page itself: changes are delayed writes, and the dictionary copy is marked
 #pragma once
 
