@@ -84,18 +84,20 @@ void check_list(int rpage_class) {
   }
 }
 
-// Whether a page may be filed. One whose free bytes claim that it is empty while a slot holds
-// data would be freed under the records that use it.
-bool may_be_filed(const Rpage& page) {
+enum class Filing { kMay, kMustNot, kNeedNot };
+
+// One page's way. A record names it: one that holds nothing is not freed, or it would be found in
+// use and free by the next check; nor is one whose free bytes only claim that.
+Filing filing_of(const Rpage& page) {
   if (!page.has_magic() || page.slot_count() > page.slots_in_page() ||
       !free_bytes_in_range(page, page.geometry().capacity + 1)) {
-    return false;
+    return Filing::kMustNot;
   }
-  if (rpage_class_of(page) != isam::rpage::kEmptyClass) return true;
+  if (rpage_class_of(page) != isam::rpage::kEmptyClass) return Filing::kMay;
   for (int i = 0; i < page.slots_in_page(); ++i) {
-    if (page.slot(i).length != 0) return false;
+    if (page.slot(i).length != 0) return Filing::kMustNot;
   }
-  return true;
+  return Filing::kNeedNot;
 }
 
 void filing_failed(Message message) {
@@ -107,7 +109,10 @@ void file_page(std::int32_t node) {
   isam::PageHold page = isam::bfread(node);
   if (!page) return filing_failed(Message::kPageReadFailed);
   // A key may look like the page's mark: the kind byte tells a node of a tree from a page.
-  if (page.node_type() != isam::kStoragePage || !may_be_filed(Rpage{page})) {
+  const Filing filing =
+      page.node_type() == isam::kStoragePage ? filing_of(Rpage{page}) : Filing::kMustNot;
+  if (filing == Filing::kNeedNot) return;
+  if (filing == Filing::kMustNot) {
     page.release();
     isam::failed(isam::kCorrupted);
     return filing_failed(Message::kPageFilingFailed);
