@@ -66,6 +66,8 @@ int write_at(int fd, ConstBytes from, std::int64_t offset) {
   return 0;
 }
 
+int cut_file(int fd, std::int64_t size) { return ::ftruncate(fd, size); }
+
 std::int64_t file_size(int fd) {
   struct stat status {};
   if (system_calls().fstat(fd, &status) != 0) return 0;

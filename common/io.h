@@ -43,6 +43,9 @@ void close_file(int fd);
 // 0, or -1 with errno when not every byte could be written.
 [[nodiscard]] int write_at(int fd, ConstBytes from, std::int64_t offset);
 
+// Cuts a file to `size` bytes: 0, or -1 with errno.
+int cut_file(int fd, std::int64_t size);
+
 // Size in bytes of a regular file or block device; 0 for anything else or on failure.
 [[nodiscard]] std::int64_t file_size(int fd);
 

@@ -19,17 +19,19 @@
  *   isclose(file);
  *
  * Results. Unless a call says otherwise it returns 0, or -1 with the reason in iserrno. Every call
- * clears iserrno and iserrio when it starts and sets the four status characters when it ends.
- * Besides the codes that a call names, any call that reads or writes may fail with a system error
- * (1 to 99, with iserrio telling the operation), ISECORRUPT for a damaged pair, ISENOTOPEN for a
- * number that is not open or an open that lacks the access needed, ISEFORMAT.
+ * that is given an open or a file's name clears iserrno and iserrio when it starts and sets the
+ * four status characters when it ends. Besides the codes that a call names, any call that reads or
+ * writes may fail with a system error (1 to 99, with iserrio telling the operation), ISECORRUPT for
+ * a damaged pair, ISENOTOPEN for a number that is not open or an open that lacks the access needed,
+ * ISEFORMAT.
  *
  * Records are arrays of char of the record length, laid out by the application. Numbers in key
  * fields are stored with the st...() functions and read with the ld...() functions below. With
  * variable length, a record is as long as isreclen says, from the minimum to the maximum length.
  *
  * Environment, each looked up once on first use; marvolen.rc(5) tells where else it may be set:
- *   ISAMBUFS             page buffers of 1 KiB shared by all files, 4 to 32766 (default 16)
+ *   ISAMBUFS             page buffers of 1 KiB shared by all files, 4 to 32766 (default 16);
+ *                        a call that changes more pages gets more
  *   ISAMSORTMEM          MiB for sorting when an index is filled, 1 to 65536 (default 64)
  *   ISAM_DEADLOCK_COUNT  retries of a lock request that met a deadlock (default 0)
  *   ISAM_DEADLOCK_SLEEP  milliseconds before each retry (default 0: yield the processor)
@@ -303,7 +305,9 @@ int isstart(int isfd, struct keydescr* key, int len, char* record, int mode);
 /* Reads a record into `record`, which has room for the greatest record length. `mode`: RD_...; the
  * key of RD_EQUAL, RD_GREAT and RD_GTEQ is taken from `record` (or isrecnum). On success the record
  * is current, isrecnum its number, isreclen its length. -1 with ISEARGUMENT, ISEEND, ISENORECORD,
- * ISENOCURRENT, ISELOCKED; the position stays as it was, except with RD_SKIPLOCK. */
+ * ISENOCURRENT, ISELOCKED; the position stays as it was. Only with ISELOCKED it moves to the locked
+ * record all the same when RD_SKIPLOCK is given, and with RD_FIRST, RD_LAST, RD_EQUAL, RD_GREAT and
+ * RD_GTEQ. */
 int isread(int isfd, char* record, int mode);
 
 /* -------------------- changing records -------------------- */

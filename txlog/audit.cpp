@@ -1,7 +1,5 @@
 #include "txlog/audit.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -67,7 +65,7 @@ int append_entry(ConstBytes entry) {
   if (common::write_at(filep->audfd, entry, end) == 0) return 0;
   const int reason = errno;
   // Half an entry would make what follows unreadable.
-  static_cast<void>(::ftruncate(filep->audfd, end));
+  common::cut_file(filep->audfd, end);
   return failed_system(reason, Operation::kWrite, FileKind::kAudit);
 }
 

@@ -79,7 +79,7 @@ std::int64_t end_of_log() {
   const bool grown = end_we_left >= kMagicSize && end_we_left <= end;
   const std::int64_t whole = end_of_whole_records(grown ? end_we_left : kMagicSize, end);
   if (whole != end && end - whole > kLongestPiece) return -1;
-  return ::ftruncate(logstate.fd, whole) == 0 ? whole : -1;
+  return common::cut_file(logstate.fd, whole) == 0 ? whole : -1;
 }
 
 class LogLock {
@@ -107,7 +107,7 @@ std::int64_t append(Stamp stamp) {
   if (end < 0) return failed(kLogWrite);
   stamp(end);
   if (common::write_at(logstate.fd, piece, end) != 0) {
-    static_cast<void>(::ftruncate(logstate.fd, end));
+    common::cut_file(logstate.fd, end);
     return failed(kLogWrite);
   }
   end_we_left = end + static_cast<std::int64_t>(piece.size());
