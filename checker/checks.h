@@ -28,6 +28,10 @@ void ckifree();
 // node list would free.
 [[nodiscard]] bool unused_pages_are_listed();
 
+// With variable length: free nodes lose the looks of a storage page with records' bytes, or they
+// would not be handed out.
+void clear_free_pages();
+
 // Rebuild the free lists from what was found in use. When the operator declined to have a faulty
 // node list rebuilt, nothing is done that takes nodes from it: 105.
 void makifree();

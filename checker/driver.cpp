@@ -121,6 +121,10 @@ void rebuild_free_lists() {
       unused_pages_are_listed()) {
     findings.badrfree = Verdict::kRebuild;
   }
+  if (findings.varlen && (findings.badifree == Verdict::kRebuild ||
+                          (findings.badifree == Verdict::kSound && nodes_will_be_taken()))) {
+    clear_free_pages();
+  }
   if (findings.badifree == Verdict::kRebuild) makifree();
   findings.rootlast = dictp->d_nextnode();
   if (findings.badrfree == Verdict::kRebuild) makrfree();

@@ -194,26 +194,23 @@ void drop_nodes_past_end(std::int32_t last) {
   }
 }
 
-// A node that looks like a storage page with records' bytes in it would never be handed out.
-void clear_unused_pages(std::int32_t highest) {
+}  // namespace
+
+void clear_free_pages() {
   const UsageMap& in_use = findings.idxmap;
-  for (std::int32_t n = in_use.previous_clear(std::min(highest, findings.idxreal)); n > 0;
-       n = in_use.previous_clear(n - 1)) {
-    const bool is_page = [n] {
-      const isam::PageHold page = isam::bfread(n);
-      return page && page.node_type() == isam::kStoragePage;
-    }();
-    if (is_page) isam::bfgetclr(n).release();
+  const std::int32_t last = std::min(findings.idxlast, findings.idxreal);
+  for (std::int32_t n = in_use.previous_clear(last); n > 0; n = in_use.previous_clear(n - 1)) {
+    isam::PageHold page = isam::bfread(n);
+    if (!page || page.node_type() != isam::kStoragePage) continue;
+    page.release();
+    isam::bfgetclr(n).release();
   }
   isam::clear_errors();
 }
 
-}  // namespace
-
 void makifree() {
   print_line(Message::kRecreatingIndexList);
   const std::int32_t highest = highest_to_keep();
-  if (findings.varlen) clear_unused_pages(highest);
   dictp->set_d_nextnode(highest);
   dictp->set_d_freenode(0);
   isam::dictmodify();
