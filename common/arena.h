@@ -3,34 +3,34 @@
 
 #include <sys/mman.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <cstddef>
 #include <memory>
 #include <type_traits>
 
 namespace common {
 
-struct FreeArena {
-  void operator()(void* memory) const { std::free(memory); }
+struct UnmapArena {
+  std::size_t size = 0;  // bytes
+  void operator()(void* memory) const { ::munmap(memory, size); }
 };
 template <typename T>
-using Arena = std::unique_ptr<T[], FreeArena>;
+using Arena = std::unique_ptr<T[], UnmapArena>;
 
-// `count` zeroed elements; empty without memory.
+// `count` zeroed elements, and behind them room for `spare` more, which takes no memory before it
+// is used; empty without memory.
 template <typename T>
-[[nodiscard]] Arena<T> make_arena(std::size_t count) {
+[[nodiscard]] Arena<T> make_arena(std::size_t count, std::size_t spare = 0) {
   static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);
   constexpr std::size_t kHugePage = std::size_t{2} << 20;
-  constexpr std::size_t kCacheLine = 64;
   // NOLINTNEXTLINE(bugprone-sizeof-expression): an element may be a pointer
-  const std::size_t wanted = count * sizeof(T);
-  const std::size_t unit = wanted < kHugePage ? kCacheLine : kHugePage;
-  const std::size_t size = (wanted + unit - 1) / unit * unit;
-  void* const memory = std::aligned_alloc(unit, size);
-  if (memory == nullptr) return {};
-  if (unit == kHugePage) ::madvise(memory, size, MADV_HUGEPAGE);
-  std::memset(memory, 0, wanted);
-  return Arena<T>{static_cast<T*>(memory)};
+  const std::size_t used = count * sizeof(T);
+  // NOLINTNEXTLINE(bugprone-sizeof-expression)
+  const std::size_t size = used + spare * sizeof(T);
+  void* const memory =
+      ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return {};
+  if (used >= kHugePage) ::madvise(memory, used, MADV_HUGEPAGE);
+  return Arena<T>{static_cast<T*>(memory), UnmapArena{size}};
 }
 
 }  // namespace common

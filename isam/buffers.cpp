@@ -22,7 +22,7 @@ enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp
 constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
-constexpr int kMostAdded = 2048;             // more than one call changes
+constexpr std::size_t kMostAdded = 2048;     // more than one call changes
 constexpr std::uint64_t kNodeLifetimes = 8;  // of an unused data block
 constexpr std::size_t kLongestRun = 40;      // blocks, more than the longest record takes
 constexpr std::size_t kPageStride = 1088;    // room for a node of 1025 bytes, in whole cache lines
@@ -85,24 +85,25 @@ class PageTable {
 // a page found in the pool no look at other buffers.
 class ReleaseOrder {
  public:
-  // False without memory.
+  // Makes room for so many buffers; false without memory, with everything as it was.
   [[nodiscard]] bool reserve(std::size_t buffers) {
     const std::size_t releases = std::bit_ceil(buffers * 4);
-    mask_ = releases - 1;
-    ring_ = common::make_arena<Buffer*>(releases);
-    numbers_ = common::make_arena<std::uint64_t>(releases);
-    return ring_ != nullptr && numbers_ != nullptr;
+    if (releases <= mask_ + 1) return true;
+    ReleaseOrder larger;
+    larger.ring_ = common::make_arena<Buffer*>(releases);
+    larger.numbers_ = common::make_arena<std::uint64_t>(releases);
+    if (larger.ring_ == nullptr || larger.numbers_ == nullptr) return false;
+    larger.mask_ = releases - 1;
+    for (; begin_ != end_; ++begin_) {
+      if (counts(begin_)) larger.released(ring_[begin_ & mask_]);
+    }
+    *this = std::move(larger);
+    return true;
   }
   void released(Buffer* buffer) {
     if (end_ - begin_ > mask_) compact();
     ring_[end_ & mask_] = buffer;
     numbers_[end_++ & mask_] = buffer->released;
-  }
-  // Takes over the releases of another order, which has fewer buffers.
-  void take_over(const ReleaseOrder& other) {
-    for (std::uint64_t at = other.begin_; at != other.end_; ++at) {
-      if (other.counts(at)) released(other.ring_[at & other.mask_]);
-    }
   }
   // Null when every buffer is busy.
   [[nodiscard]] Buffer* oldest() {
@@ -160,7 +161,7 @@ class Pool {
 
   static Place bfmapaddr(const Buffer& buffer);
   static void modified_out(Buffer* buffer);
-  [[nodiscard]] bool add_buffers(int count);
+  [[nodiscard]] bool add_buffers(std::size_t count);
   void put_in_order(Buffer* buffer);
   Buffer* least_wanted();
   Buffer* victim();
@@ -174,18 +175,14 @@ class Pool {
     return kind == FileKind::kData ? data_window_ : index_window_;
   }
 
-  int nbuffs_ = 0;
-  int most_buffers_ = 0;
+  std::size_t nbuffs_ = 0;
+  std::size_t most_buffers_ = 0;
   PageTable table_;
   ReleaseOrder nodes_;
   ReleaseOrder data_blocks_;
   std::uint64_t releases_ = 0;
-  struct Extent {
-    common::Arena<Buffer> buffs;
-    common::Arena<Byte> pages;
-    int count;
-  };
-  std::vector<Extent> extents_;
+  common::Arena<Buffer> buffs_;
+  common::Arena<Byte> pages_;
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;
@@ -201,43 +198,26 @@ Pool& pool() {
 }
 
 Pool::Pool() {
-  const auto count = static_cast<int>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
-  if (!add_buffers(count)) common::error("cannot allocate buffers");
-  most_buffers_ = count + kMostAdded;
+  const auto count =
+      static_cast<std::size_t>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
+  const std::size_t most = most_buffers_ = count + kMostAdded;
+  buffs_ = common::make_arena<Buffer>(count, kMostAdded);
+  pages_ = common::make_arena<Byte>(count * kPageStride, kMostAdded * kPageStride);
+  if (!buffs_ || !pages_ || !table_.reserve(most) || !add_buffers(count)) {
+    common::error("cannot allocate buffers");
+  }
+  to_write_.reserve(most);
   run_.reserve((kLongestRun + 1) * kPageSize);
 }
 
-// Makes the pool larger: false without memory, with the pool as it was.
-bool Pool::add_buffers(int count) {
-  const auto added = static_cast<std::size_t>(count);
-  const std::size_t all = added + static_cast<std::size_t>(nbuffs_);
-  Extent extent{common::make_arena<Buffer>(added), common::make_arena<Byte>(added * kPageStride),
-                count};
-  PageTable table;
-  ReleaseOrder nodes;
-  ReleaseOrder data_blocks;
-  if (!extent.buffs || !extent.pages || !table.reserve(all) || !nodes.reserve(all) ||
-      !data_blocks.reserve(all)) {
-    return false;
+// Puts buffers to use that have been spare: false without memory, with the pool as it was.
+bool Pool::add_buffers(std::size_t count) {
+  const std::size_t all = std::min(nbuffs_ + count, most_buffers_);
+  if (!nodes_.reserve(all) || !data_blocks_.reserve(all)) return false;
+  for (; nbuffs_ < all; ++nbuffs_) {
+    buffs_[nbuffs_].page = pages_.get() + nbuffs_ * kPageStride;
+    put_in_order(&buffs_[nbuffs_]);
   }
-  to_write_.reserve(all);
-  for (const Extent& old : extents_) {
-    for (int i = 0; i < old.count; ++i) {
-      Buffer& buffer = old.buffs[static_cast<std::size_t>(i)];
-      if (buffer.file != nullptr) table.insert(&buffer);
-    }
-  }
-  nodes.take_over(nodes_);
-  data_blocks.take_over(data_blocks_);
-  table_ = std::move(table);
-  nodes_ = std::move(nodes);
-  data_blocks_ = std::move(data_blocks);
-  nbuffs_ += count;
-  for (std::size_t i = 0; i < added; ++i) {
-    extent.buffs[i].page = extent.pages.get() + i * kPageStride;
-    put_in_order(&extent.buffs[i]);
-  }
-  extents_.push_back(std::move(extent));
   return true;
 }
 
@@ -287,7 +267,7 @@ Buffer* Pool::least_wanted() {
   Buffer* const node = nodes_.oldest();
   Buffer* const block = data_blocks_.oldest();
   if (node == nullptr || block == nullptr) return node == nullptr ? block : node;
-  const std::uint64_t head_start = kNodeLifetimes * static_cast<std::uint64_t>(nbuffs_);
+  const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
   return block->released < node->released + head_start ? block : node;
 }
 
@@ -299,12 +279,13 @@ Buffer* Pool::victim() {
     return (buffer->flags & kModified) == 0 || buffer->file->exclusives > 0;
   };
   Buffer* buffer = least_wanted();
-  for (int tries = 0; tries < nbuffs_ && buffer != nullptr && !may_go(buffer); ++tries) {
+  for (std::size_t tries = 0; tries < nbuffs_ && buffer != nullptr && !may_go(buffer); ++tries) {
     put_in_order(buffer);
     buffer = least_wanted();
   }
   if (buffer == nullptr || may_go(buffer) || nbuffs_ >= most_buffers_) return buffer;
-  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? &extents_.back().buffs[0] : buffer;
+  Buffer* const added = &buffs_[nbuffs_];
+  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : buffer;
 }
 
 // Gives an idle buffer to another page of the current file.
