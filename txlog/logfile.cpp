@@ -72,7 +72,7 @@ std::int64_t end_of_whole_records(std::int64_t offset, std::int64_t end) {
 
 // Where the next record goes, under the log lock; -1 when the log cannot be appended to.
 std::int64_t end_of_log() {
-  const std::int64_t end = common::file_size(logstate.fd);
+  const std::int64_t end = ::lseek(logstate.fd, 0, SEEK_END);
   if (end < kMagicSize) return -1;
   if (end == end_we_left || record_ends_at(end)) return end;
   // A killed process left a part of what it appended. Anything longer is no such part.

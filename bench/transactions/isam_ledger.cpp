@@ -34,6 +34,7 @@ class IsamLedger : public Ledger {
     check(islogopen((folder / "log").c_str()), "islogopen");
     file_ = isopen((folder / "accounts").c_str(), ISINOUT + ISMANULOCK + ISTRANS);
     check(file_, "isopen");
+    check(isbatch(1), "isbatch");
   }
 
   void close() override {
