@@ -398,8 +398,16 @@ int Pool::bfprocess(FileRecord& file, bool write) {
   return static_cast<int>(pages.size());
 }
 
-// Where a page stands in the order of a commit; the dictionary goes before kNode.
-enum class Turn : std::uint64_t { kLengthens, kFreeList, kNode, kRecord, kGivesUp };
+// Where a page stands in the order of a commit; the dictionary goes behind kFreeList.
+enum class Turn : std::uint64_t {
+  kLengthens,
+  kFreeList,
+  kGoingRecord,
+  kNode,
+  kRecord,
+  kGivesUp,
+  kGivenNumber
+};
 
 bool lengthens(const Buffer& page) {
   if (page.block >= 0) return page.block > page.file->nodes_before;
@@ -407,9 +415,12 @@ bool lengthens(const Buffer& page) {
 }
 
 Turn turn_of(const Buffer& page) {
-  if (page.block < 0) return Turn::kRecord;
+  const bool removes = page.file->gives_number;
+  if (page.block < 0) return removes ? Turn::kGoingRecord : Turn::kRecord;
   if (lengthens(page)) return Turn::kLengthens;
-  if (page.level == kFreeLevel && page.node_type >= kIndexFreeNode) return Turn::kFreeList;
+  if (page.level == kFreeLevel && page.node_type >= kIndexFreeNode) {
+    return removes && page.node_type == kServiceNode ? Turn::kGivenNumber : Turn::kFreeList;
+  }
   return (page.flags & kGivesUp) != 0 ? Turn::kGivesUp : Turn::kNode;
 }
 
@@ -470,7 +481,7 @@ int Pool::write_in_order(const FileRecord& file, int (*dictionary)()) {
   std::ranges::sort(to_write_, {}, key);
   if (make_room(to_write_) != 0) return -1;
   std::size_t at = 0;
-  while (at < to_write_.size() && turn_of(*to_write_[at]) < Turn::kNode) {
+  while (at < to_write_.size() && turn_of(*to_write_[at]) <= Turn::kFreeList) {
     if (write_run(at) != 0) return -1;
   }
   if (dictionary() != 0) return -1;

@@ -15,7 +15,8 @@
 //            page when it is released
 //         B4 of the index nodes and of the data blocks, the least recently released is the first to
 //            give its buffer up; nodes stay longer than data blocks
-//         B5 what a call changes of a file that others use too stays in the pool until the call ends:
+//         B5 what a call changes of a file that others use too stays in the pool until the call
+//         ends:
 //            the pool grows for it, and the call can be taken back
 //         B6 forgetting a file costs the same however many pages of it are cached: its generation
 //            changes, and pages of an older one count as not read
@@ -114,9 +115,10 @@ int bfflush(FileRecord& file);
 // processes go on safely whenever this one is killed: first what lengthens a file (zero bytes where
 // records will be; a full disk leaves the pair as it was), then free lists, so that nothing is used
 // and listed, then the dictionary, whose change stamp makes others read the rest anew, then nodes,
-// then records, then what records no longer refer to. Neighbouring data blocks go out in one piece.
-// The first failure, or one on record, ends it: what is left is discarded, all pages are forgotten
-// and -1 returned with iserrno. Else 0.
+// then records, then what records no longer refer to. A call that deletes a record (gives_number)
+// writes it before the nodes, and lists its number last. Neighbouring data blocks go out in one
+// piece. The first failure, or one on record, ends it: what is left is discarded, all pages are
+// forgotten and -1 returned with iserrno. Else 0.
 int bfcommit(FileRecord& file, int (*dictionary)());
 // Takes the changes since the last commit back, unless some of them have been written already: 0,
 // or -1. The dictionary is the caller's.

@@ -321,6 +321,7 @@ int delrecord(std::int32_t number, ConstBytes old) {
     const keydescr& k = (*keys)[removed];
     if (k.nparts > 0 && btdelitem(item_of(old, number, k), k) != 0) break;
   }
+  filep->gives_number = true;
   if (removed == keys->size() && remove_record(number, old) == 0) return 0;
   const KeepError keep;
   put_back_items(*keys, removed, old, number);

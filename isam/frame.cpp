@@ -49,7 +49,9 @@ void note_beginning() {
   filep->nodes_before = dictp->d_nextnode();
   filep->blocks_before =
       (std::int64_t{dictp->d_nextdata()} * slot_size() + kPageSize - 1) / kPageSize;
-  filep->spilled = filep->keeps_changes = false;
+  filep->numbers_before = dictp->d_nextdata();
+  filep->free_list_before = dictp->d_freedata();
+  filep->gives_number = filep->spilled = filep->keeps_changes = false;
 }
 
 void notice_changes() {
@@ -132,6 +134,30 @@ bool take_back() {
   return true;
 }
 
+// The dictionary in the middle of a commit. A number that is given back is still in use: as long as
+// an index may refer to it, nobody else gets it.
+int write_with_number_in_use() {
+  const std::int32_t numbers = dictp->d_nextdata();
+  const std::int32_t free_list = dictp->d_freedata();
+  if (!filep->gives_number ||
+      (numbers == filep->numbers_before && free_list == filep->free_list_before)) {
+    return dictwrite();
+  }
+  dictp->set_d_nextdata(filep->numbers_before);
+  dictp->set_d_freedata(filep->free_list_before);
+  const int result = dictwrite();
+  dictp->set_d_nextdata(numbers);
+  dictp->set_d_freedata(free_list);
+  dictmodify();
+  return result;
+}
+
+// All that a call changed, while others wait: 0 or -1.
+int commit() {
+  if (bfcommit(*filep, write_with_number_in_use) != 0) return -1;
+  return (filep->flags & kDictionaryChanged) != 0 ? dictwrite() : 0;
+}
+
 void write_changes() {
   if ((filep->flags & kPageChanged) != 0 && take_back()) return;
   const bool changed = (filep->flags & kPageChanged) != 0;
@@ -144,7 +170,7 @@ void write_changes() {
   if (is_alone()) {
     write_some();
   } else if (changed) {
-    if (bfcommit(*filep, dictwrite) != 0) forget_call();
+    if (commit() != 0) forget_call();
   } else if ((filep->flags & kDictionaryChanged) != 0) {
     dictwrite();
   }
