@@ -109,7 +109,8 @@ int set_up(OpenRecord& open, const char* name, const RecordLengths& lengths, key
     open.mode &= 0xFF;
     return -1;
   }
-  if (lay_out(lengths, key) != 0) return -1;
+  // A new pair is a pair at once, also where later changes may wait.
+  if (lay_out(lengths, key) != 0 || write_delayed() != 0) return -1;
   if (!txlog::logs_changes()) return isexit();
   if (txlog::islogbuild(name, lengths.maximum, key, mode) != 0) return -1;
   if (isexit() == 0) return 0;
