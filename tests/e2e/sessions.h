@@ -5,12 +5,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <string>
 
 #include "isam.h"
@@ -62,13 +64,17 @@ struct Session {
     isfd = ::isopen(base.c_str(), mode | (varying ? ISVARLEN : 0));
     return isfd;
   }
-  int build(int mode) {
+  // Without the second key.
+  int build_empty(int mode) {
     keydescr id = id_key();
-    keydescr group = group_key();
     ::isreclen = kMinimum;
     isfd = ::isbuild(base.c_str(), varying ? kMaximum : kMinimum, &id,
                      mode | (varying ? ISVARLEN : 0));
-    return ::isaddindex(isfd, &group);
+    return isfd;
+  }
+  int build(int mode) {
+    keydescr group = group_key();
+    return build_empty(mode) < 0 ? -1 : ::isaddindex(isfd, &group);
   }
   int start(keydescr key, int mode) {
     std::string record = record_of(row, varying);
@@ -89,6 +95,25 @@ struct Session {
     ::isreclen = static_cast<std::int32_t>(record.size());
     return call(isfd, arguments..., record.data());
   }
+};
+
+// Memory that the processes started after it have in common.
+template <typename T>
+class Common {
+ public:
+  Common()
+      : at_(::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
+    if (at_ == MAP_FAILED) throw std::bad_alloc();
+    new (at_) T{};
+  }
+  ~Common() { ::munmap(at_, sizeof(T)); }
+  Common(const Common&) = delete;
+  Common& operator=(const Common&) = delete;
+  T& operator*() const { return *static_cast<T*>(at_); }
+  T* operator->() const { return static_cast<T*>(at_); }
+
+ private:
+  void* at_;
 };
 
 // Runs `work` in a process of its own, which does not live for ever.

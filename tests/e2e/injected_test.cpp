@@ -1,0 +1,418 @@
+// Public calls while the system fails them: reads, writes, locks and opens that are refused,
+// interrupted or cut short, one after the other. A call tells when it could not do its work, what
+// was done stays, and what is left can be repaired.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <utility>
+
+#include "common/io.h"
+#include "tests/e2e/sessions.h"
+#include "tests/support/pair_walk.h"
+#include "tests/support/run_program.h"
+
+namespace testing_support {
+namespace {
+
+// ---- What fails.
+
+enum class Target { kRead, kWrite, kGrowth, kLock, kOpen };  // kGrowth: writes past the end
+
+struct Plan {
+  const char* name;
+  Target target;
+  int error;              // 0: every call is interrupted once, and transfers a part only
+  bool lasts = false;     // from the call at which it comes
+  bool survived = false;  // the library has another way
+};
+
+constexpr Plan kPlans[] = {
+    {"ReadFails", Target::kRead, EIO},
+    {"WriteFails", Target::kWrite, EIO},
+    {"WritesFailFromThere", Target::kWrite, ENOSPC, true},
+    {"DiskIsFull", Target::kGrowth, ENOSPC, true},
+    {"NoLock", Target::kLock, ENOLCK},
+    {"OpenFails", Target::kOpen, EACCES},
+    {"NoDescriptor", Target::kOpen, EMFILE, false, true},
+    {"ReadsInPieces", Target::kRead, 0, true, true},
+    {"WritesInPieces", Target::kWrite, 0, true, true},
+    {"LocksInterrupted", Target::kLock, 0, true, true},
+    {"OpensInterrupted", Target::kOpen, 0, true, true},
+};
+
+struct Injection {
+  Plan plan = {};
+  int left = INT_MAX;  // calls until it comes
+  int hits = 0;
+  bool interrupted = false;
+};
+Injection injection;
+
+bool is_hit(Target target) {
+  Injection& it = injection;
+  if (it.plan.target != target || (it.left > 0 && it.left-- > 0)) return false;
+  if (it.hits > 0 && !it.plan.lasts) return false;
+  errno = it.plan.error;
+  if (errno == 0 && (it.interrupted = !it.interrupted)) errno = EINTR;
+  if (errno != 0) ++it.hits;
+  return errno != 0;
+}
+
+// What of a transfer may be done at once.
+std::size_t part_of(std::size_t count, Target target) {
+  const bool whole = injection.plan.target != target || injection.plan.error != 0;
+  return whole ? count : (count + 2) / 3;
+}
+
+ssize_t read_or_fail(int fd, void* to, std::size_t count, off_t offset) {
+  if (is_hit(Target::kRead)) return -1;
+  return ::pread(fd, to, part_of(count, Target::kRead), offset);
+}
+
+ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset) {
+  struct stat status {};
+  ::fstat(fd, &status);
+  const bool grows = offset + static_cast<off_t>(count) > status.st_size;
+  if (is_hit(Target::kWrite) || (grows && is_hit(Target::kGrowth))) return -1;
+  return ::pwrite(fd, from, part_of(count, Target::kWrite), offset);
+}
+
+// Giving a lock back does not fail; only the wait for the semaphore goes on after a signal.
+int lock_or_fail(int fd, int command, struct flock* lock) {
+  const bool may_fail =
+      lock->l_type != F_UNLCK && (injection.plan.error != 0 || command == F_SETLKW);
+  if (may_fail && is_hit(Target::kLock)) return -1;
+  return ::fcntl(fd, command, lock);
+}
+
+int open_or_fail(const char* path, int flags, mode_t permissions) {
+  return is_hit(Target::kOpen) ? -1 : ::open(path, flags, permissions);
+}
+
+// ---- What is done meanwhile.
+
+struct Scene {
+  const char* name;
+  bool varying;
+  bool exclusive;
+  const char* buffers;
+};
+
+constexpr Scene kScenes[] = {{"Fixed", false, false, "16"},
+                             {"Varying", true, false, "32"},
+                             {"VaryingSmallPool", true, false, "4"},
+                             {"FixedExclusive", false, true, "8"},
+                             {"VaryingExclusive", true, true, "16"}};
+
+constexpr int kIds = 30;
+
+// States that a record may be in, as bits.
+using States = unsigned;
+constexpr States kAbsent = 1;
+constexpr States with_counter(int counter) { return 2U << counter; }
+
+struct Report {
+  std::array<States, kIds + 1> possible;  // if every call did what it told
+  std::array<States, kIds + 1> ever;      // since the last good close
+  int calls = 0;                          // to the target
+  int failures = 0;
+  bool torn = false;    // a part of a call's changes may be in the files
+  bool waited = false;  // ... or a part of those of a whole exclusive open
+  int wrong = 0;        // line of the first call that ended as it must not, and how
+  int reason = 0;
+};
+
+class Script {
+ public:
+  Script(const std::string& base, const Scene& scene, Report& report)
+      : session_{base, scene.varying},
+        scene_(scene),
+        report_(report),
+        lock_(scene.exclusive ? ISEXCLLOCK : ISMANULOCK) {
+    report_.possible.fill(kAbsent);
+    report_.ever.fill(kAbsent);
+  }
+
+  void run() {
+    if (build()) {
+      for (int i = 0; i < 24; ++i) insert(1 + i * 7 % 24);
+      close();
+    }
+    if (open(lock_)) {
+      for (int id = 1; id <= 9; ++id) rewrite(id);
+      for (int id = 3; id <= 20; id += 4) erase(id);
+      for (int id = 25; id <= 27; ++id) insert(id);
+      for (int id = 1; id <= 12; id += 5) rewrite_current(id);
+      close();
+    }
+    if (open(ISEXCLLOCK)) {
+      add_index();
+      close();
+    }
+    if (open(lock_)) {
+      for (int id = 1; id <= kIds; ++id) read(id);
+      for (int id = 12; id <= 18; ++id) rewrite(id);
+      look_along();
+      insert(28);
+      erase_current(8);
+      insert(3);
+      close();
+    }
+  }
+
+ private:
+  // Whether a write that fails may leave a part of what was to be written. A full disk is noticed
+  // first, if all changes of a call wait for its end.
+  [[nodiscard]] bool tears() const {
+    const Target target = injection.plan.target;
+    return !injection.plan.survived &&
+           (target == Target::kWrite || (target == Target::kGrowth && alone_));
+  }
+  // What an exclusive open's call has changed in storage when a read fails is not taken back.
+  [[nodiscard]] bool stays_undone() const {
+    return injection.plan.target == Target::kRead && !injection.plan.survived && alone_ &&
+           scene_.varying;
+  }
+  // Whether a record may be found put together from two.
+  [[nodiscard]] bool may_be_mixed(int id) {
+    return scene_.varying && report_.torn && id > 0 && id <= kIds && (possible(id) & kAbsent) != 0;
+  }
+
+  void wrong(int line) {
+    if (report_.wrong != 0) return;
+    report_.wrong = line;
+    report_.reason = ::iserrno;
+  }
+
+  // Does a call, which may fail for one of `reasons`, or because of the fault. Whoever has been
+  // told that what waited is lost does no more.
+  template <typename Call>
+  bool attempt(int line, const std::set<int>& reasons, Call call) {
+    if (report_.waited) return false;
+    const int hits = injection.hits;
+    const int result = call();
+    const bool good = result >= 0;
+    const bool mixed = result == kGarbled && may_be_mixed(session_.row.id);
+    const bool hit = injection.hits != hits && !injection.plan.survived;
+    report_.torn = report_.torn || (hit && (tears() || (!good && stays_undone())));
+    report_.waited = hit && alone_ && tears();
+    // A read that only looked ahead may fail unnoticed.
+    const bool must_fail = hit && injection.plan.target != Target::kRead;
+    if ((good != (::iserrno == 0) && !mixed) || (good && must_fail)) wrong(line);
+    if (good) return true;
+    ++report_.failures;
+    if (mixed) return false;
+    const bool told = injection.plan.target == Target::kLock || ::iserrno == injection.plan.error;
+    if (hit ? !told : !report_.torn && !reasons.contains(::iserrno)) wrong(line);
+    return false;
+  }
+
+  // Once more after a failure: the fault may be over.
+  template <typename Call>
+  bool attempt_twice(int line, Call call) {
+    if (attempt(line, {}, call)) return true;
+    if (injection.plan.lasts) return false;
+    return attempt(line, {}, call);
+  }
+
+  bool build() {
+    alone_ = lock_ == ISEXCLLOCK;
+    return attempt_twice(__LINE__, [&] {
+      const int result = session_.build_empty(ISINOUT | lock_);
+      for (const char* suffix : {".idx", ".dat"}) {
+        if (result < 0 && std::filesystem::exists(session_.base + suffix)) wrong(__LINE__);
+      }
+      return result;
+    });
+  }
+  bool open(int lock) {
+    if (!std::filesystem::exists(session_.base + ".idx")) return false;
+    alone_ = lock == ISEXCLLOCK;
+    return attempt_twice(__LINE__, [&] { return session_.open(ISINOUT | lock); });
+  }
+  void close() {
+    if (report_.waited) {
+      ::isclose(session_.isfd);
+    } else if (attempt(__LINE__, {}, [&] { return ::isclose(session_.isfd); }) &&
+               injection.hits == 0) {
+      report_.ever = report_.possible;
+    }
+  }
+  void add_index() {
+    attempt_twice(__LINE__, [&] {
+      keydescr key = group_key();
+      return ::isaddindex(session_.isfd, &key);
+    });
+  }
+
+  // Reasons that what is there may give a call to fail.
+  std::set<int> if_present(int id, int reason) {
+    return (possible(id) & ~kAbsent) != 0 ? std::set<int>{reason} : std::set<int>{};
+  }
+  std::set<int> if_absent(int id, int reason) {
+    return (possible(id) & kAbsent) != 0 ? std::set<int>{reason} : std::set<int>{};
+  }
+  States& possible(int id) { return report_.possible[static_cast<std::size_t>(id)]; }
+
+  // A call that brings a record into a state.
+  template <typename Call>
+  void change(int line, int id, States aimed, const std::set<int>& reasons, Call call) {
+    if (report_.waited) return;
+    const States torn = scene_.varying ? aimed | kAbsent : aimed;
+    const bool good = attempt(line, reasons, call);
+    report_.ever[static_cast<std::size_t>(id)] |= torn;
+    if (good) {
+      possible(id) = aimed;
+    } else if (report_.torn) {
+      possible(id) |= torn;
+    }
+  }
+
+  void insert(int id) {
+    change(__LINE__, id, with_counter(0), if_present(id, ISEDUPLICATE), [&] {
+      return session_.put({id, id % 4, 0}, ::iswrite);
+    });
+  }
+  // The record with the next counter.
+  Row next(int id) {
+    int counter = 0;
+    while (with_counter(counter) <= possible(id)) ++counter;
+    return {id, (id + counter) % 4, counter};
+  }
+  void rewrite(int id) {
+    const Row row = next(id);
+    change(__LINE__, id, with_counter(row.counter), if_absent(id, ISENORECORD),
+           [&] { return session_.put(row, ::isrewrite); });
+  }
+  void rewrite_current(int id) {
+    if (!read(id, RD_LOCK)) return;
+    const Row row = next(id);
+    change(__LINE__, id, with_counter(row.counter), {},
+           [&] { return session_.put(row, ::isrewcurr); });
+  }
+  void erase(int id) {
+    change(__LINE__, id, kAbsent, if_absent(id, ISENORECORD),
+           [&] { return session_.put({.id = id}, ::isdelete); });
+  }
+  void erase_current(int id) {
+    if (!read(id)) return;
+    change(__LINE__, id, kAbsent, {}, [&] { return ::isdelcurr(session_.isfd); });
+  }
+
+  bool read(int id, int lock = 0) {
+    const bool good = attempt(__LINE__, if_absent(id, ISENORECORD),
+                              [&] { return session_.read(RD_EQUAL | lock, id); });
+    if (good) expect_known(id);
+    return good;
+  }
+  void look_along() {
+    if (!attempt(__LINE__, {ISEKEY}, [&] { return session_.start(group_key(), RD_FIRST); })) return;
+    while (attempt(__LINE__, {ISEEND}, [&] { return session_.read(RD_NEXT); })) {
+      expect_known(session_.row.id);
+    }
+    attempt_twice(__LINE__, [&] { return session_.start(id_key(), RD_FIRST); });
+  }
+  void expect_known(int id) {
+    const bool same = session_.row.id == id && id <= kIds;
+    if (!same || (possible(id) & with_counter(session_.row.counter)) == 0) wrong(__LINE__);
+  }
+
+  Session session_;
+  const Scene& scene_;
+  Report& report_;
+  int lock_;
+  bool alone_ = false;  // exclusively open
+};
+
+class Injected : public testing::TestWithParam<std::tuple<Scene, Plan>> {
+ protected:
+  // Runs the script in a process of its own, with the fault after `calls` calls.
+  Report run(int calls, const std::string& base) const {
+    const Common<Report> report;
+    EXPECT_EQ(end_of(start_process([&] {
+                ::setenv("ISAMBUFS", scene_.buffers, 1);
+                injection = {.plan = plan_, .left = calls};
+                common::SystemCalls& system = common::system_calls();
+                system.pread = read_or_fail;
+                system.pwrite = write_or_fail;
+                system.fcntl_lock = lock_or_fail;
+                system.open = open_or_fail;
+                Script(base, scene_, *report).run();
+                report->calls = calls - injection.left;
+              })),
+              0);
+    EXPECT_EQ(report->wrong, 0) << "ended with " << report->reason;
+    return *report;
+  }
+
+  static std::string kestro(const char* options, const std::string& base) {
+    return run_program({.words = {KESTRO_PROGRAM, options, base}}).out;
+  }
+
+  void expect_repaired(const std::string& base) const {
+    static_cast<void>(kestro("-yq", base));
+    std::string left = kestro("-nq", base);
+    // Where a variable part was being written, its record may not fit the storage: that stays.
+    if (scene_.varying) {
+      const std::regex torn(
+          "ERROR(: bad data record\n|: Corrupt variable length record storage page| 105: )");
+      left = std::regex_replace(left, torn, "");
+    }
+    EXPECT_TRUE(left.find("ERROR") == left.npos && left.find('?') == left.npos) << left;
+  }
+
+  void expect_records(const std::array<States, kIds + 1>& possible, const std::string& base) const {
+    std::array<States, kIds + 1> found;
+    found.fill(kAbsent);
+    for (const auto& [number, image] : walk_pair(base).records) {
+      Row row;
+      if (parse(std::string(image.begin(), image.end()), scene_.varying, row)) {
+        found.at(static_cast<std::size_t>(row.id)) = with_counter(row.counter);
+      }
+    }
+    for (std::size_t id = 1; id <= kIds; ++id) {
+      EXPECT_NE(found[id] & possible[id], 0U)
+          << "record " << id << ": " << found[id] << " instead of " << possible[id];
+    }
+  }
+
+  TempFolder folder_;
+  const Scene scene_ = std::get<0>(GetParam());
+  const Plan plan_ = std::get<1>(GetParam());
+};
+
+TEST_P(Injected, FailuresAreToldAndLeaveWhatWasDone) {
+  const int calls = run(INT_MAX, folder_ / "whole").calls;
+  const int step = plan_.error == 0 ? calls : 1 + calls / 50;
+  for (int at = 0; at < calls && !HasFailure(); at += step) {
+    SCOPED_TRACE(at);
+    const std::string base = folder_ / std::to_string(at);
+    const Report report = run(at, base);
+    if (!std::filesystem::exists(base + ".idx")) continue;
+    if (report.torn) {
+      EXPECT_GT(report.failures, 0);
+      expect_repaired(base);
+    } else {
+      EXPECT_EQ(walk_pair(base).problems, std::vector<std::string>{});
+    }
+    expect_records(report.waited ? report.ever : report.possible, base);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenes, Injected,
+                         testing::Combine(testing::ValuesIn(kScenes), testing::ValuesIn(kPlans)),
+                         [](const auto& test) {
+                           return std::string(std::get<0>(test.param).name) +
+                                  std::get<1>(test.param).name;
+                         });
+
+}  // namespace
+}  // namespace testing_support
