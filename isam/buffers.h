@@ -16,8 +16,7 @@
 //         B4 of the index nodes and of the data blocks, the least recently released is the first to
 //            give its buffer up; nodes stay longer than data blocks
 //         B5 what a call changes of a file that others use too stays in the pool until the call
-//         ends:
-//            the pool grows for it, and the call can be taken back
+//            ends: the pool grows for it, and the call can be taken back
 //         B6 forgetting a file costs the same however many pages of it are cached: its generation
 //            changes, and pages of an older one count as not read
 // Gives   PageHold: a busy page that gives itself back when it leaves scope
