@@ -163,13 +163,19 @@ class Recovery {
     clear_errors();
   }
 
-  // Applies what a writer has done, and forgets the writer when it has no files open.
+  // Applies what a writer has done, and forgets the writer when it has no files open, not even ones
+  // that could not be opened here: more may be said of those.
   int end(std::int32_t process, Writer& writer, LogType how) {
     if (rollforward(writer, how) != 0) return -1;
     writer.begun = false;
     std::erase_if(writer.opens, [](const auto& open) { return open.second->gone; });
-    if (writer.opens.empty()) writers_.erase(process);
+    if (writer.opens.empty() && !has_skipped(process)) writers_.erase(process);
     return 0;
+  }
+
+  [[nodiscard]] bool has_skipped(std::int32_t process) const {
+    const auto found = skipped_.lower_bound({process, 0});
+    return found != skipped_.end() && found->first.first == process;
   }
 
   int rollforward(Writer& writer, LogType how) {
