@@ -31,7 +31,8 @@ if(KESTRO_SHARED)
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endif()
 
-install(TARGETS kestro kestroenv RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kestro)
+install(TARGETS kestro kestroenv isrecover
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kestro)
 
 set_target_properties(isam PROPERTIES EXPORT_NAME isam_static)
 install(

@@ -38,7 +38,8 @@ set(CPACK_DEBIAN_KESTRO_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_KESTRO_DESCRIPTION
     "${PROJECT_DESCRIPTION}
 kestro checks pairs of data and index files, tells what is damaged and, if
-the operator agrees, rebuilds it from the records.")
+the operator agrees, rebuilds it from the records. isrecover applies a
+transaction log to pairs restored from a copy.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)

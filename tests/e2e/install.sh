@@ -63,7 +63,8 @@ step_tree() {
   fresh "$root"
   cd "$work"
   cmake --install "$build" --prefix "$root" >install.log || fail "$(cat install.log)"
-  for file in bin/kestro bin/kestroenv include/isam.h include/isam.hpp share/man/man8/kestro.8 \
+  for file in bin/{kestro,kestroenv,isrecover} include/isam.h include/isam.hpp \
+    share/man/man8/{kestro,isrecover}.8 \
     "$LIBDIR"/libisam.a "$LIBDIR"/pkgconfig/isam.pc "$LIBDIR"/cmake/Isam/IsamConfig.cmake \
     share/doc/libisam-dev/examples/customers.{c,cpp}; do
     [ -f "$root/$file" ] || fail "$file is not installed"
@@ -177,7 +178,7 @@ step_packages() {
   soname=$(readlink "$libraries/libisam.so")
   version=$(readlink "$libraries/$soname")
   runtime=libisam${soname##*.}
-  { printf '%s\n' usr/bin/kestro usr/bin/kestroenv && pages 1 5 8; } | holds kestro
+  { printf 'usr/bin/%s\n' kestro kestroenv isrecover && pages 1 5 8; } | holds kestro
   printf '%s\n' "$lib/$soname" "$lib/$version" | holds "$runtime"
   {
     printf '%s\n' usr/include/isam.{h,hpp} "$lib"/libisam.{a,so} "$lib/pkgconfig/isam.pc"

@@ -1,0 +1,289 @@
+#include "recover/describe.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <optional>
+
+#include "isam/errors.h"
+#include "recover/text.h"
+#include "txlog/errorlog.h"
+
+namespace recover {
+namespace {
+
+using common::ConstBytes;
+using namespace isam::txlog;
+
+// More opens at once than any machine's processes have; a log that names more is damaged.
+constexpr std::size_t kMostNames = 65536;
+
+struct Words {
+  LogType type;
+  const char* text;
+};
+constexpr std::array kWords = {
+    Words{LogType::kBegin, "begin"},
+    Words{LogType::kCommit, "commit"},
+    Words{LogType::kRollback, "rollback"},
+    Words{LogType::kDelete, "delete"},
+    Words{LogType::kInsert, "insert"},
+    Words{LogType::kUpdate, "rewrite"},
+    Words{LogType::kOpened, "open file"},
+    Words{LogType::kClosed, "close file"},
+    Words{LogType::kBuilt, "build file"},
+    Words{LogType::kErased, "erase file"},
+    Words{LogType::kIndexAdded, "add index"},
+    Words{LogType::kIndexDropped, "drop index"},
+    Words{LogType::kRenamed, "rename file"},
+    Words{LogType::kUniqueSet, "set unique id"},
+    Words{LogType::kUniqueTaken, "unique id"},
+    Words{LogType::kClustered, "cluster file"},
+    Words{LogType::kMessage, "message"},
+    Words{LogType::kCheckpoint, "checkpoint"},
+    Words{LogType::kEnd, "end of log"},
+    Words{LogType::kVS, "type VS"},
+    Words{LogType::kSP, "type SP"},
+};
+
+constexpr const char* kUnknown = "unknown type";
+
+std::string bytes_text(std::size_t count) { return std::to_string(count) + " bytes"; }
+
+// What an error log says of the record before.
+struct Message {
+  int error = 0;
+  int system_error = 0;
+  int place = 0;
+  std::string_view status;
+  std::string_view text;
+};
+
+std::optional<Message> message_of(const LogRecord& logged) {
+  using namespace message_record;
+  const ConstBytes bytes = logged.bytes();
+  const std::size_t end = bytes.size() - record::kTrailer;
+  // Without a text there are only three of the status characters.
+  if (bytes.size() < record::kSmallest || end < kText - 1) return std::nullopt;
+  const std::string_view all{reinterpret_cast<const char*>(bytes.data()), end};
+  return Message{common::ldword(&bytes[kError]), common::ldword(&bytes[kSystemError]),
+                 common::ldword(&bytes[kPlace]), all.substr(kStatus, kText - kStatus),
+                 all.substr(std::min<std::size_t>(kText, end))};
+}
+
+// What a record's payload says; none when it is not what the type demands.
+class Payload {
+ public:
+  Payload(const LogRecord& record, std::string_view name) : record_(record), name_(name) {}
+
+  [[nodiscard]] std::optional<std::string> text() const {
+    switch (type_of(record_)) {
+      case LogType::kDelete:
+      case LogType::kInsert:
+      case LogType::kUpdate:
+        return image();
+      case LogType::kOpened:
+      case LogType::kClosed:
+        return file();
+      case LogType::kBuilt:
+        return built();
+      case LogType::kErased:
+        return erased();
+      case LogType::kIndexAdded:
+      case LogType::kIndexDropped:
+      case LogType::kClustered:
+        return index();
+      case LogType::kRenamed:
+        return renamed();
+      case LogType::kUniqueSet:
+      case LogType::kUniqueTaken:
+        return unique_id();
+      case LogType::kMessage:
+        return message();
+      case LogType::kUnknown:
+        return std::nullopt;
+      default:
+        return std::string{};
+    }
+  }
+
+ private:
+  using Text = std::optional<std::string>;
+
+  [[nodiscard]] std::string open(int number) const {
+    const std::string text = "open " + std::to_string(number);
+    return name_.empty() ? text : text + " " + quoted(name_);
+  }
+  [[nodiscard]] Text image() const {
+    const auto image = record_.image();
+    if (!image) return std::nullopt;
+    const std::string text = open(image->open) + ", record " + std::to_string(image->number) + ", ";
+    switch (type_of(record_)) {
+      case LogType::kDelete:
+        return text + bytes_text(image->old_image.size());
+      case LogType::kInsert:
+        return text + bytes_text(image->new_image.size());
+      default:
+        return text + std::to_string(image->old_image.size()) + " to " +
+               bytes_text(image->new_image.size());
+    }
+  }
+  [[nodiscard]] Text file() const {
+    const auto file = record_.file_named();
+    if (!file) return std::nullopt;
+    return "open " + std::to_string(file->open) + " " + quoted(file->name) +
+           (file->varlen ? ", variable length" : ", fixed length");
+  }
+  [[nodiscard]] Text built() const {
+    const auto built = record_.built();
+    if (!built) return std::nullopt;
+    std::array<char, 16> mode{};
+    std::snprintf(mode.data(), mode.size(), "0x%X", static_cast<unsigned>(built->mode));
+    const std::string shortest =
+        (built->mode & ISVARLEN) != 0 ? std::to_string(built->minimum) + " to " : "";
+    return quoted(built->name) + ", mode " + mode.data() + ", records of " + shortest +
+           std::to_string(built->reclen) + " bytes, " + key_text(built->key);
+  }
+  [[nodiscard]] Text erased() const {
+    const auto name = record_.erased();
+    return name ? Text{quoted(*name)} : std::nullopt;
+  }
+  [[nodiscard]] Text index() const {
+    const auto change = record_.index_change();
+    if (!change) return std::nullopt;
+    return open(change->open) + ", " + key_text(change->key);
+  }
+  [[nodiscard]] Text renamed() const {
+    const auto names = record_.renamed();
+    if (!names) return std::nullopt;
+    return quoted(names->from) + " to " + quoted(names->to);
+  }
+  [[nodiscard]] Text unique_id() const {
+    const auto unique = record_.unique_id();
+    if (!unique) return std::nullopt;
+    return open(unique->open) + (unique->id ? ", id " + std::to_string(*unique->id) : ", no id");
+  }
+  [[nodiscard]] Text message() const {
+    const auto message = message_of(record_);
+    if (!message) return std::nullopt;
+    std::array<char, 16> place{};
+    std::snprintf(place.data(), place.size(), "0x%02X", static_cast<unsigned>(message->place));
+    return quoted(message->text) + ", iserrno " + code_text(message->error) + ", errno " +
+           code_text(message->system_error) + ", iserrio " + place.data() + ", status " +
+           quoted(message->status);
+  }
+
+  const LogRecord& record_;
+  std::string_view name_;
+};
+
+bool is_mark(LogType type) {
+  return type == LogType::kBegin || type == LogType::kCommit || type == LogType::kRollback;
+}
+
+bool is_image(LogType type) {
+  return type == LogType::kDelete || type == LogType::kInsert || type == LogType::kUpdate;
+}
+
+// How the record hangs together with the others of its process.
+std::string link_text(const LogRecord& logged) {
+  const Link previous = logged.previous();
+  if (previous.length != 0) {
+    return "previous " + std::to_string(previous.offset) + "+" + std::to_string(previous.length);
+  }
+  if (is_mark(type_of(logged))) return "no previous";
+  return is_image(type_of(logged)) ? "unlinked" : "";
+}
+
+}  // namespace
+
+const char* words_of(LogType type) {
+  const auto* const found = std::ranges::find(kWords, type, &Words::type);
+  return found == kWords.end() ? kUnknown : found->text;
+}
+
+LogType type_of(const LogRecord& record) {
+  const isam::KeepError keep;
+  return record.type();
+}
+
+void OpenNames::learn(const LogRecord& record) {
+  if (type_of(record) != LogType::kOpened) return;
+  const auto file = record.file_named();
+  if (!file) return;
+  const Open open{record.process(), file->open};
+  if (names_.size() < kMostNames || names_.contains(open)) names_[open] = file->name;
+}
+
+void OpenNames::forget(const LogRecord& record) {
+  if (type_of(record) != LogType::kClosed) return;
+  if (const auto file = record.file_named()) names_.erase({record.process(), file->open});
+}
+
+std::string_view OpenNames::name_for(const LogRecord& record) const {
+  const isam::KeepError keep;
+  switch (type_of(record)) {
+    case LogType::kBuilt: {
+      const auto built = record.built();
+      return built ? built->name : std::string_view{};
+    }
+    case LogType::kErased:
+      return record.erased().value_or(std::string_view{});
+    case LogType::kRenamed: {
+      const auto names = record.renamed();
+      return names ? names->from : std::string_view{};
+    }
+    default:
+      break;
+  }
+  const auto open = record.open_number();
+  if (!open) return {};
+  const auto found = names_.find({record.process(), *open});
+  if (found != names_.end()) return found->second;
+  const auto file = type_of(record) == LogType::kClosed ? record.file_named() : std::nullopt;
+  return file ? file->name : std::string_view{};
+}
+
+std::string describe(const LogRecord& record, const OpenNames& names) {
+  const isam::KeepError keep;
+  const LogType type = type_of(record);
+  std::array<char, 96> columns{};
+  std::snprintf(columns.data(), columns.size(), "%-14s %10d %5d  %s", words_of(type),
+                static_cast<int>(record.process()), record.user(),
+                time_text(static_cast<std::uint32_t>(record.time())).c_str());
+  std::string line = columns.data();
+  const std::string details =
+      type == LogType::kUnknown
+          ? quoted(record.letters())
+          : Payload{record, names.name_for(record)}.text().value_or("payload of another form");
+  const std::string link = link_text(record);
+  if (!details.empty()) line += "  " + details;
+  if (!link.empty()) line += (details.empty() ? "  " : "; ") + link;
+  return line;
+}
+
+std::string description_heading() {
+  return "what              process  user  time                  details";
+}
+
+std::string dump_of(const LogRecord& record) {
+  const isam::KeepError keep;
+  if (is_image(type_of(record))) {
+    if (const auto image = record.image()) {
+      std::string text;
+      if (!image->old_image.empty()) text += "    old\n" + dump_text(image->old_image);
+      if (!image->new_image.empty()) text += "    new\n" + dump_text(image->new_image);
+      return text;
+    }
+  }
+  const std::size_t size = record.bytes().size();
+  if (is_sound(record) || size <= record::kSmallest) return {};
+  return dump_text(record.bytes().subspan(record::kPayload, size - record::kSmallest));
+}
+
+bool is_sound(const LogRecord& record) {
+  const isam::KeepError keep;
+  return Payload{record, {}}.text().has_value();
+}
+
+}  // namespace recover

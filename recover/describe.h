@@ -1,0 +1,46 @@
+// describe: log records in words.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "txlog/logformat.h"
+
+namespace recover {
+
+using isam::txlog::LogRecord;
+using isam::txlog::LogType;
+
+// What a type of record is about, such as "insert".
+[[nodiscard]] const char* words_of(LogType type);
+// The type of a record; unlike its own answer this one leaves iserrno alone.
+[[nodiscard]] LogType type_of(const LogRecord& record);
+
+// The files that the writers' opens stand for, learnt from the records met so far.
+class OpenNames {
+ public:
+  // Notes what the record says of an open.
+  void learn(const LogRecord& record);
+  // Forgets an open when the record is its close.
+  void forget(const LogRecord& record);
+  // The file that the record is about; empty when it is about none, or none is known.
+  [[nodiscard]] std::string_view name_for(const LogRecord& record) const;
+
+ private:
+  using Open = std::pair<std::int32_t, int>;  // process, and its number of the open
+  std::map<Open, std::string> names_;
+};
+
+// Type, process, user and time of a record, in columns, and what its payload says.
+[[nodiscard]] std::string describe(const LogRecord& record, const OpenNames& names);
+// The heading over such columns.
+[[nodiscard]] std::string description_heading();
+// The images of a record, or without any the payload that could not be taken apart.
+[[nodiscard]] std::string dump_of(const LogRecord& record);
+// Whether the payload is what the record's type demands.
+[[nodiscard]] bool is_sound(const LogRecord& record);
+
+}  // namespace recover

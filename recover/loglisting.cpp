@@ -1,0 +1,130 @@
+#include "recover/loglisting.h"
+
+#include <array>
+#include <cstdio>
+
+#include "isam/errors.h"
+#include "recover/describe.h"
+#include "recover/plainfile.h"
+#include "recover/tally.h"
+#include "recover/text.h"
+#include "txlog/logfile.h"
+
+namespace recover {
+namespace {
+
+namespace record = isam::txlog::record;
+using isam::txlog::kMagicSize;
+using isam::txlog::LogWindow;
+
+std::string column(std::int64_t offset) {
+  std::array<char, 32> text{};
+  std::snprintf(text.data(), text.size(), "%10lld  ", static_cast<long long>(offset));
+  return text.data();
+}
+
+class Listing {
+ public:
+  Listing(const PlainFile& file, bool dump) : file_(file), dump_(dump), window_(file.fd.get()) {}
+
+  Status run() {
+    print("    offset  " + description_heading() + "\n");
+    std::int64_t offset = kMagicSize;
+    for (;;) {
+      isam::clear_errors();
+      const LogRecord logged = window_.isgetnext(offset);
+      if (logged.bytes().empty() && iserrno != 0) {
+        complain("the log cannot be read at offset " + std::to_string(offset));
+        return Status::kFailed;
+      }
+      if (logged.bytes().empty()) break;
+      if (logged.length() < record::kSmallest) {
+        damage(offset, "a record cannot be " + std::to_string(logged.length()) +
+                           " bytes long; nothing behind it can be read");
+        return finish();
+      }
+      show(logged, offset);
+      offset += logged.length();
+      if (type_of(logged) == LogType::kEnd) return finish();
+    }
+    if (offset < file_.size) {
+      damage(offset, "the log ends with a part of a record, " +
+                         std::to_string(file_.size - offset) + " bytes; it counts as absent");
+    }
+    return finish();
+  }
+
+ private:
+  void show(const LogRecord& logged, std::int64_t offset) {
+    names_.learn(logged);
+    print(column(offset) + describe(logged, names_) + "\n");
+    if (dump_) print(dump_of(logged));
+    check(logged, offset);
+    names_.forget(logged);
+    kinds_.add(type_of(logged));
+    transactions_.add(logged, offset);
+  }
+
+  void check(const LogRecord& logged, std::int64_t offset) {
+    const auto size = static_cast<std::size_t>(logged.length());
+    const int trailer = common::ldword(&logged.bytes()[size - record::kTrailer]);
+    const isam::txlog::Link previous = logged.previous();
+    if (trailer != logged.length()) {
+      damage(offset, "the record is " + std::to_string(logged.length()) +
+                         " bytes long at its start and " + std::to_string(trailer) + " at its end");
+    }
+    if (type_of(logged) == LogType::kUnknown) {
+      damage(offset, "no record has this type; a recovery stops here");
+    } else if (!is_sound(logged)) {
+      damage(offset, "what the record holds does not fit its type");
+    }
+    if (previous.length != 0 && (previous.offset < kMagicSize || previous.offset >= offset)) {
+      damage(offset, "the previous record does not lie before this one");
+    }
+  }
+
+  void damage(std::int64_t offset, const std::string& what) {
+    print("damaged at offset " + std::to_string(offset) + ": " + what + "\n");
+    ++damages_;
+  }
+
+  Status finish() {
+    transactions_.finish();
+    print("\nrecords " + kinds_.text() + "\n" + transactions_.text());
+    if (damages_ == 0) return Status::kAll;
+    print("damages " + std::to_string(damages_) + "\n");
+    return Status::kSome;
+  }
+
+  const PlainFile& file_;
+  bool dump_;
+  LogWindow window_;
+  OpenNames names_;
+  KindCounts kinds_;
+  Transactions transactions_;
+  std::int64_t damages_ = 0;
+};
+
+bool is_log(const PlainFile& file) {
+  common::Byte magic[kMagicSize];
+  if (common::read_at(file.fd.get(), magic, 0) < kMagicSize) return false;
+  return static_cast<std::uint32_t>(common::ldlong(magic)) == isam::txlog::kLogMagic;
+}
+
+}  // namespace
+
+Status list_log(const std::string& path, bool dump) {
+  const PlainFile file = open_plain(path);
+  if (!file.fd) return Status::kFailed;
+  if (file.size == 0) {
+    print("The log is empty: nobody has written to it.\n");
+    return Status::kAll;
+  }
+  if (!is_log(file)) {
+    complain(quoted(path) + " is not a transaction log");
+    return Status::kFailed;
+  }
+  return Listing{file, dump}.run();
+}
+
+}  // namespace recover

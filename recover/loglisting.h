@@ -1,0 +1,18 @@
+// loglisting: a transaction log as the operator reads it, one line a record.
+//
+// Needs   nothing of the file: it is only read, and not locked
+// Never   keeps more than a record and a bounded number of transactions and names in memory
+#pragma once
+
+#include <string>
+
+#include "recover/output.h"
+
+namespace recover {
+
+// Prints the log, then how many records of what kind it has and how the transactions in it ended.
+// kSome when the log is damaged or ends with a part of a record, kFailed when it cannot be read or
+// is none.
+[[nodiscard]] Status list_log(const std::string& path, bool dump);
+
+}  // namespace recover

@@ -1,0 +1,161 @@
+#include "recover/replay.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <map>
+
+#include "isam/errors.h"
+#include "recover/describe.h"
+#include "recover/plainfile.h"
+#include "recover/tally.h"
+#include "recover/text.h"
+#include "txlog/errorlog.h"
+#include "txlog/recovery.h"
+
+namespace recover {
+namespace {
+
+using isam::txlog::kErrorLogName;
+
+// Names in the summary; a log that names more files is damaged.
+constexpr std::size_t kMostFiles = 10000;
+constexpr std::size_t kMostUnfinished = 1000;
+
+// Counts what a recovery does, and shows it if that is wanted.
+class Reporter : public isam::txlog::RecoveryObserver {
+ public:
+  explicit Reporter(const Options& options) : options_(options) {}
+
+  void applied(const LogRecord& record) override {
+    names_.learn(record);
+    applied_.add(type_of(record));
+    count(record).applied.add(type_of(record));
+    if (options_.verbose) show("applied   ", record);
+    names_.forget(record);
+    last_left_out_.clear();
+  }
+
+  void left_out(const LogRecord& record, std::string_view message) override {
+    names_.learn(record);
+    left_out_.add(type_of(record));
+    count(record).left_out.add(type_of(record));
+    if (options_.verbose) show("left out  ", record);
+    last_left_out_ = describe(record, names_) + "\n  " + std::string{message};
+    if (iserrno != 0) last_left_out_ += ": " + code_text(iserrno);
+    if (options_.verbose)
+      print("  " + last_left_out_.substr(last_left_out_.rfind("\n  ") + 3) + "\n");
+    names_.forget(record);
+  }
+
+  void unfinished(std::int32_t process, std::size_t records) override {
+    ++unfinished_count_;
+    if (unfinished_count_ > kMostUnfinished) return;
+    unfinished_ +=
+        "  process " + std::to_string(process) + ", " + std::to_string(records) + " records\n";
+  }
+
+  void print_summary() const {
+    print("applied   " + applied_.text() + "\n");
+    print("left out  " + left_out_.text() + "\n");
+    for (const auto& [name, counts] : files_) {
+      print("file " + (name.empty() ? "not known" : quoted(name)) + "\n");
+      if (counts.applied.total() != 0) print("  applied   " + counts.applied.text() + "\n");
+      if (counts.left_out.total() != 0) print("  left out  " + counts.left_out.text() + "\n");
+    }
+    if (unfinished_count_ == 0) return;
+    print("transactions without an end, not applied: " + std::to_string(unfinished_count_) + "\n" +
+          unfinished_);
+  }
+
+  [[nodiscard]] bool left_something_out() const { return left_out_.total() != 0; }
+  // The record that was left out last, when nothing was applied since.
+  [[nodiscard]] const std::string& last_left_out() const { return last_left_out_; }
+
+ private:
+  struct Counts {
+    KindCounts applied;
+    KindCounts left_out;
+  };
+
+  void show(const char* what, const LogRecord& record) const {
+    print(what + describe(record, names_) + "\n");
+    if (options_.dump) print(dump_of(record));
+  }
+
+  Counts& count(const LogRecord& record) {
+    const std::string name{names_.name_for(record)};
+    return files_.size() < kMostFiles || files_.contains(name) ? files_[name] : files_[""];
+  }
+
+  const Options& options_;
+  OpenNames names_;
+  KindCounts applied_;
+  KindCounts left_out_;
+  std::map<std::string, Counts> files_;
+  std::string unfinished_;
+  std::size_t unfinished_count_ = 0;
+  std::string last_left_out_;
+};
+
+bool exists(const char* name) {
+  struct stat status {};
+  return ::lstat(name, &status) == 0;
+}
+
+std::string folder_text(const Options& options) {
+  return options.folder.empty() ? "here" : "in " + quoted(options.folder);
+}
+
+// Opens the log for the library and goes to the folder of the files: false after a complaint.
+bool prepare(const Options& options) {
+  if (islogopen(options.file.c_str()) != 0) {
+    complain("cannot open log " + quoted(options.file) + ": " + code_text(iserrno));
+    return false;
+  }
+  if (!options.folder.empty() && ::chdir(options.folder.c_str()) != 0) {
+    complain_errno("cannot work in", options.folder);
+    islogclose();
+    return false;
+  }
+  if ((options.keep_going || options.any_writer) && exists(kErrorLogName)) {
+    complain(std::string{kErrorLogName} + " of an earlier recovery is " + folder_text(options) +
+             ": see it with -n, then move it away");
+    islogclose();
+    return false;
+  }
+  return true;
+}
+
+Status run(const Options& options) {
+  using enum isam::txlog::RecoveryMode;
+  const int mode = (options.any_writer ? kAnyWriter : 0) | (options.keep_going ? kTolerant : 0);
+  Reporter reporter{options};
+  const int result = isam::txlog::recover(mode, reporter);
+  const std::int32_t reason = iserrno;
+  reporter.print_summary();
+  if (mode != 0 && exists(kErrorLogName) && reporter.left_something_out()) {
+    print("what was left out stands in " + std::string{kErrorLogName} + " " + folder_text(options) +
+          "\n");
+  }
+  if (result == 0) return reporter.left_something_out() ? Status::kSome : Status::kAll;
+  complain("recovery stopped: " + code_text(reason));
+  if (!reporter.last_left_out().empty()) complain("at " + reporter.last_left_out());
+  complain("restore the files from the copy again before the next try");
+  return Status::kFailed;
+}
+
+}  // namespace
+
+Status replay_log(const Options& options) {
+  // An empty file would become a log, and a pipe would hold the program up.
+  const PlainFile log = open_plain(options.file);
+  if (!log.fd) return Status::kFailed;
+  if (log.size == 0) {
+    print("The log is empty: there is nothing to apply.\n");
+    return Status::kAll;
+  }
+  return prepare(options) ? run(options) : Status::kFailed;
+}
+
+}  // namespace recover
