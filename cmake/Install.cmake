@@ -47,8 +47,8 @@ set(strip_archive
 install(CODE "if(CMAKE_INSTALL_DO_STRIP)\n${strip_archive}\nendif()" COMPONENT development)
 install(FILES include/isam.h include/isam.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT development)
-install(FILES examples/customers.c examples/customers.cpp DESTINATION ${example_folder}
-        COMPONENT development)
+install(FILES examples/accounts.c examples/customers.c examples/customers.cpp
+        DESTINATION ${example_folder} COMPONENT development)
 
 # find_package(Isam) gives Isam::isam, the shared library, and Isam::isam_static.
 include(CMakePackageConfigHelpers)

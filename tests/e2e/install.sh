@@ -11,7 +11,7 @@
 #   packages  what the Debian packages hold and depend on
 #   examples  the examples of the build folder run and agree, whatever flags it has
 #
-# Of the environment: CC, CXX, KESTRO (the program), SHARED (ON if the build has the shared
+# Of the environment: CC, CXX, KESTRO and ISRECOVER (the programs), SHARED (ON if the build has the shared
 # library), EXTRA_FLAG (that users of the static library would need too), LIBDIR (of the
 # installation, relative). Exit status 77 says that the step does not apply.
 set -euo pipefail
@@ -66,7 +66,7 @@ step_tree() {
   for file in bin/{kestro,kestroenv,isrecover} include/isam.h include/isam.hpp \
     share/man/man8/{kestro,isrecover}.8 \
     "$LIBDIR"/libisam.a "$LIBDIR"/pkgconfig/isam.pc "$LIBDIR"/cmake/Isam/IsamConfig.cmake \
-    share/doc/libisam-dev/examples/customers.{c,cpp}; do
+    share/doc/libisam-dev/examples/{accounts.c,customers.c,customers.cpp}; do
     [ -f "$root/$file" ] || fail "$file is not installed"
   done
   if grep -rlI "$source_dir" "$root"; then fail "these name the source folder"; fi
@@ -184,7 +184,7 @@ step_packages() {
     printf '%s\n' usr/include/isam.{h,hpp} "$lib"/libisam.{a,so} "$lib/pkgconfig/isam.pc"
     printf '%s\n' "$lib"/cmake/Isam/Isam{Config,ConfigVersion,Targets}.cmake
     (cd "$root" && printf "usr/%s\n" "$LIBDIR"/cmake/Isam/IsamTargets-*.cmake)
-    printf '%s\n' usr/share/doc/libisam-dev/examples/customers.{c,cpp}
+    printf '%s\n' usr/share/doc/libisam-dev/examples/{accounts.c,customers.c,customers.cpp}
     pages 3
   } | holds libisam-dev
 
@@ -202,6 +202,21 @@ step_packages() {
 step_examples() {
   fresh "$work/examples"
   run_and_compare "$build"/examples/customers_{c,cpp}
+
+  # A copy, a log that begins with it, and a recovery.
+  fresh "$work/accounts"
+  "$build/examples/accounts" >first
+  mkdir copy
+  cp accounts.dat accounts.idx copy
+  : >changes.log
+  "$build/examples/accounts" 1001 1002 30 >moved
+  if "$build/examples/accounts" 1001 9999 5 2>refused; then fail "there is no account 9999"; fi
+  cp copy/accounts.* .
+  "$ISRECOVER" changes.log >report || fail "isrecover ended with $?"
+  "$ISRECOVER" -n changes.log | grep -q ': 1 committed, 1 rolled back, 0 unfinished$' || fail "log"
+  "$build/examples/accounts" >recovered
+  diff moved recovered || fail "the recovery did not bring the accounts up to date"
+  if diff -q first moved; then fail "nothing was moved"; fi
 }
 
 "step_$step"
