@@ -332,6 +332,11 @@ enum class Access { kRead = ISINPUT, kWrite = ISOUTPUT, kReadWrite = ISINOUT };
 // next call. kExclusive: no other process has the file open; building indexes needs it.
 enum class Locking { kManual = ISMANULOCK, kAutomatic = ISAUTOLOCK, kExclusive = ISEXCLLOCK };
 
+// What becomes of changes while a log is open (Log). kLogged: they stand at once. kTransactions:
+// inside a Transaction they are part of it; needs a log. kUnlogged: the log does not hear of them;
+// needs a log.
+enum class Logging { kLogged = 0, kTransactions = ISTRANS, kUnlogged = ISNOLOG };
+
 // Shortest and longest record of a file of variable-length records.
 struct Lengths {
   int minimum;
@@ -367,8 +372,9 @@ class File {
  public:
   // Opens a pair, of fixed or variable length alike.
   [[nodiscard]] static File open(const std::string& name, Access access = Access::kReadWrite,
-                                 Locking locking = Locking::kManual) {
-    auto file = open_if_there(name, access, locking);
+                                 Locking locking = Locking::kManual,
+                                 Logging logging = Logging::kLogged) {
+    auto file = open_if_there(name, access, locking, logging);
     if (!file) throw Error("isopen " + name);
     return std::move(*file);
   }
@@ -376,8 +382,10 @@ class File {
   // The same; no file when there is no such pair.
   [[nodiscard]] static std::optional<File> open_if_there(const std::string& name,
                                                          Access access = Access::kReadWrite,
-                                                         Locking locking = Locking::kManual) {
-    const int mode = static_cast<int>(access) + static_cast<int>(locking);
+                                                         Locking locking = Locking::kManual,
+                                                         Logging logging = Logging::kLogged) {
+    const int mode =
+        static_cast<int>(access) + static_cast<int>(locking) + static_cast<int>(logging);
     bool variable = false;
     int isfd = isopen(name.c_str(), mode);
     if (isfd < 0 && iserrno == ISEARGUMENT && isstat3 == '3' && isstat4 == '9') {
@@ -391,13 +399,16 @@ class File {
 
   // Makes a pair with this primary key and opens it.
   [[nodiscard]] static File build(const std::string& name, int length, const Key& primary,
-                                  Locking locking = Locking::kManual) {
-    return build_with(name, length, primary, static_cast<int>(locking));
+                                  Locking locking = Locking::kManual,
+                                  Logging logging = Logging::kLogged) {
+    return build_with(name, length, primary, static_cast<int>(locking) + static_cast<int>(logging));
   }
   [[nodiscard]] static File build(const std::string& name, Lengths lengths, const Key& primary,
-                                  Locking locking = Locking::kManual) {
+                                  Locking locking = Locking::kManual,
+                                  Logging logging = Logging::kLogged) {
     isreclen = lengths.minimum;
-    return build_with(name, lengths.maximum, primary, static_cast<int>(locking) + ISVARLEN);
+    return build_with(name, lengths.maximum, primary,
+                      static_cast<int>(locking) + static_cast<int>(logging) + ISVARLEN);
   }
 
   File(const File&) = delete;
@@ -762,6 +773,80 @@ class FileLock {
  private:
   int isfd_;
   bool held_;
+};
+
+// -------------------------------------------------------------------------------- transactions --
+
+// Keeps the process's log open. There is one at a time; files of Logging::kTransactions and
+// kUnlogged are opened after it.
+//
+//   zentra::Log log("changes.log");
+//   auto accounts = File::open("accounts", Access::kReadWrite, Locking::kManual,
+//                              Logging::kTransactions);
+//   zentra::Transaction transaction;
+//   ...                              what throws or returns here undoes it all
+//   transaction.commit();
+class Log {
+ public:
+  // The file must exist; an empty one becomes a log.
+  explicit Log(const std::string& path) {
+    if (islogopen(path.c_str()) < 0) throw Error("islogopen " + path);
+  }
+  Log(const Log&) = delete;
+  Log& operator=(const Log&) = delete;
+  ~Log() {
+    if (open_) islogclose();
+  }
+
+  // Closes now, so that a failure is told.
+  void close() {
+    if (std::exchange(open_, false) && islogclose() < 0) throw Error("islogclose");
+  }
+
+ private:
+  bool open_ = true;
+};
+
+// A transaction of the process, in all its files of Logging::kTransactions: undone at the end of
+// its scope unless it has been committed. It has its scope within that of the Log. A second one at
+// the same time throws std::logic_error.
+class Transaction {
+ public:
+  Transaction() {
+    if (running_) throw std::logic_error("zentra: a transaction within a transaction");
+    if (isbegin() < 0) throw Error("isbegin");
+    running_ = true;
+  }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+  ~Transaction() {
+    if (!open_) return;
+    isrollback();
+    end();
+  }
+
+  // The changes stand. When it throws with ISELOGWRITE the transaction is still open.
+  void commit() {
+    expect_open();
+    const bool done = iscommit() == 0;
+    if (done || iserrno != ISELOGWRITE) end();
+    if (!done) throw Error("iscommit");
+  }
+  // Undoes the changes now, so that a failure is told.
+  void roll_back() {
+    expect_open();
+    end();
+    if (isrollback() < 0) throw Error("isrollback");
+  }
+
+ private:
+  void expect_open() const {
+    if (!open_) throw std::logic_error("zentra: the transaction has ended");
+  }
+  void end() { open_ = running_ = false; }
+
+  inline static bool running_ = false;
+  bool open_ = true;
 };
 
 // Name and number of the library's version.

@@ -4,6 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 
@@ -266,6 +268,51 @@ TEST_F(Hpp, LocksEndWithTheirScope) {
     EXPECT_EQ(keeper.ask(), Outcome::kLocked);
   }
   EXPECT_EQ(keeper.ask(), Outcome::kDone);
+}
+
+// What is left of a file with one record after a transaction in it ended in each way.
+TEST_F(Hpp, ATransactionIsUndoneUnlessItIsCommitted) {
+  const std::string log_name = folder_ / "log";
+  EXPECT_THROW(Log{log_name}, Error);
+  EXPECT_THROW(Transaction{}, Error);
+  std::ofstream{log_name}.flush();
+  Log log(log_name);
+  EXPECT_THROW(Log{log_name}, Error);
+  for (const bool variable : {false, true}) {
+    const std::string pair = name() + (variable ? "v" : "f");
+    File file = variable
+                    ? File::build(pair, {8, 40}, kById, Locking::kManual, Logging::kTransactions)
+                    : File::build(pair, 22, kById, Locking::kManual, Logging::kTransactions);
+    const auto add = [&file](int id) {
+      Record record = file.blank();
+      return file.add(record.set(kId, id));
+    };
+    {
+      Transaction transaction;
+      EXPECT_EQ(add(1), Outcome::kDone);
+      EXPECT_THROW(Transaction{}, std::logic_error);
+      transaction.commit();
+    }
+    {
+      const Transaction transaction;
+      EXPECT_EQ(add(2), Outcome::kDone);
+    }
+    EXPECT_EQ(file.records(), 1);
+    Transaction transaction;
+    EXPECT_EQ(add(3), Outcome::kDone);
+    EXPECT_EQ(add(1), Outcome::kDuplicate);
+    transaction.roll_back();
+    EXPECT_THROW(transaction.commit(), std::logic_error);
+    file = File::open(pair, Access::kReadWrite, Locking::kManual, Logging::kUnlogged);
+    const auto size = std::filesystem::file_size(log_name);
+    EXPECT_EQ(add(4), Outcome::kDone);
+    EXPECT_EQ(std::filesystem::file_size(log_name), size);
+    EXPECT_EQ(ids(file.by(kById)), (Numbers{1, 4}));
+  }
+  log.close();
+  EXPECT_THROW(static_cast<void>(File::open(name() + "f", Access::kReadWrite, Locking::kManual,
+                                            Logging::kTransactions)),
+               Error);
 }
 
 }  // namespace
