@@ -17,6 +17,8 @@ using namespace isam::txlog;
 
 // More opens at once than any machine's processes have; a log that names more is damaged.
 constexpr std::size_t kMostNames = 65536;
+// Characters of a name that are remembered; the library takes none that long.
+constexpr std::size_t kLongestName = 255;
 
 struct Words {
   LogType type;
@@ -195,6 +197,29 @@ std::string link_text(const LogRecord& logged) {
   return is_image(type_of(logged)) ? "unlinked" : "";
 }
 
+// The file that the record itself names.
+std::string_view name_in(const LogRecord& record) {
+  switch (type_of(record)) {
+    case LogType::kOpened:
+    case LogType::kClosed: {
+      const auto file = record.file_named();
+      return file ? file->name : std::string_view{};
+    }
+    case LogType::kBuilt: {
+      const auto built = record.built();
+      return built ? built->name : std::string_view{};
+    }
+    case LogType::kErased:
+      return record.erased().value_or(std::string_view{});
+    case LogType::kRenamed: {
+      const auto names = record.renamed();
+      return names ? names->from : std::string_view{};
+    }
+    default:
+      return {};
+  }
+}
+
 }  // namespace
 
 const char* words_of(LogType type) {
@@ -212,7 +237,8 @@ void OpenNames::learn(const LogRecord& record) {
   const auto file = record.file_named();
   if (!file) return;
   const Open open{record.process(), file->open};
-  if (names_.size() < kMostNames || names_.contains(open)) names_[open] = file->name;
+  if (names_.size() < kMostNames || names_.contains(open))
+    names_[open] = file->name.substr(0, kLongestName);
 }
 
 void OpenNames::forget(const LogRecord& record) {
@@ -222,26 +248,11 @@ void OpenNames::forget(const LogRecord& record) {
 
 std::string_view OpenNames::name_for(const LogRecord& record) const {
   const isam::KeepError keep;
-  switch (type_of(record)) {
-    case LogType::kBuilt: {
-      const auto built = record.built();
-      return built ? built->name : std::string_view{};
-    }
-    case LogType::kErased:
-      return record.erased().value_or(std::string_view{});
-    case LogType::kRenamed: {
-      const auto names = record.renamed();
-      return names ? names->from : std::string_view{};
-    }
-    default:
-      break;
+  if (const auto open = record.open_number()) {
+    const auto found = names_.find({record.process(), *open});
+    if (found != names_.end()) return found->second;
   }
-  const auto open = record.open_number();
-  if (!open) return {};
-  const auto found = names_.find({record.process(), *open});
-  if (found != names_.end()) return found->second;
-  const auto file = type_of(record) == LogType::kClosed ? record.file_named() : std::nullopt;
-  return file ? file->name : std::string_view{};
+  return name_in(record).substr(0, kLongestName);
 }
 
 std::string describe(const LogRecord& record, const OpenNames& names) {

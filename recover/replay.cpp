@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <map>
 
 #include "isam/errors.h"
@@ -40,11 +41,14 @@ class Reporter : public isam::txlog::RecoveryObserver {
     names_.learn(record);
     left_out_.add(type_of(record));
     count(record).left_out.add(type_of(record));
-    if (options_.verbose) show("left out  ", record);
-    last_left_out_ = describe(record, names_) + "\n  " + std::string{message};
-    if (iserrno != 0) last_left_out_ += ": " + code_text(iserrno);
-    if (options_.verbose)
-      print("  " + last_left_out_.substr(last_left_out_.rfind("\n  ") + 3) + "\n");
+    // The message may hold a name from the log.
+    const std::string reason =
+        quoted(message) + (iserrno == 0 ? std::string{} : ", " + code_text(iserrno));
+    if (options_.verbose) {
+      show("left out  ", record);
+      print("          " + reason + "\n");
+    }
+    last_left_out_ = describe(record, names_) + "; " + reason;
     names_.forget(record);
   }
 
@@ -110,7 +114,9 @@ std::string folder_text(const Options& options) {
 // Opens the log for the library and goes to the folder of the files: false after a complaint.
 bool prepare(const Options& options) {
   if (islogopen(options.file.c_str()) != 0) {
-    complain("cannot open log " + quoted(options.file) + ": " + code_text(iserrno));
+    const int reason = iserrno == ISELOGOPEN ? errno : 0;
+    complain("cannot open log " + quoted(options.file) + ": " + code_text(iserrno) +
+             (reason == 0 ? std::string{} : ", " + code_text(reason)));
     return false;
   }
   if (!options.folder.empty() && ::chdir(options.folder.c_str()) != 0) {
@@ -134,9 +140,10 @@ Status run(const Options& options) {
   const int result = isam::txlog::recover(mode, reporter);
   const std::int32_t reason = iserrno;
   reporter.print_summary();
-  if (mode != 0 && exists(kErrorLogName) && reporter.left_something_out()) {
-    print("what was left out stands in " + std::string{kErrorLogName} + " " + folder_text(options) +
-          "\n");
+  if (mode != 0 && exists(kErrorLogName)) {
+    print(
+        std::string{kErrorLogName} + " is " + folder_text(options) +
+        (reporter.left_something_out() ? ": it holds what was left out\n" : ", without records\n"));
   }
   if (result == 0) return reporter.left_something_out() ? Status::kSome : Status::kAll;
   complain("recovery stopped: " + code_text(reason));

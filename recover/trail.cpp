@@ -173,6 +173,12 @@ struct Pair {
   std::string trail;  // empty when it has none
 };
 
+// Either file of the pair stands for it.
+std::string base_of(std::string name) {
+  if (name.ends_with(".dat") || name.ends_with(".idx")) name.resize(name.size() - 4);
+  return name;
+}
+
 std::optional<Pair> ask_pair(const std::string& name) {
   const int isfd = isopen(name.c_str(), ISINPUT + ISMANULOCK + ISANYLENGTH);
   dictinfo info{};
@@ -200,7 +206,7 @@ Status list_trail(const Options& options) {
   std::optional<TrailFormat> format = options.format;
   std::string path = options.trail;
   if (!format) {
-    const auto pair = ask_pair(options.file);
+    const auto pair = ask_pair(base_of(options.file));
     if (!pair) return Status::kFailed;
     format = pair->format;
     if (path.empty()) {
