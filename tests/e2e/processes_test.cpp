@@ -14,6 +14,7 @@
 
 #include "common/io.h"
 #include "tests/e2e/sessions.h"
+#include "tests/support/common_memory.h"
 #include "tests/support/pair_walk.h"
 #include "tests/support/run_program.h"
 
