@@ -222,21 +222,28 @@ class Worker {
   std::array<int, kFiles> opens_{};
 };
 
-// How many units of each process a log holds.
+// How many units of each process a log holds. A transaction without a change is none.
 inline std::map<std::int32_t, int> units_in(const Image& log) {
-  std::map<std::int32_t, int> units;
-  std::map<std::int32_t, bool> begun;
+  struct Writer {
+    int units = 0;
+    bool begun = false;
+    bool changed = false;
+  };
+  std::map<std::int32_t, Writer> writers;
   for (std::size_t at = 4; at + 26 <= log.size();) {
     const auto length = static_cast<std::size_t>(get2(&log[at]));
     if (length < 26 || length > log.size() - at) break;
     const std::string type{static_cast<char>(log[at + 2]), static_cast<char>(log[at + 3])};
-    const std::int32_t process = static_cast<std::int32_t>(get4(&log[at + 4]));
+    Writer& writer = writers[get4(&log[at + 4])];
     const bool is_image = type == "IN" || type == "UP" || type == "DE";
-    if (type == "CW" || (is_image && !begun[process])) ++units[process];
-    if (type == "BW") begun[process] = true;
-    if (type == "CW" || type == "RW") begun[process] = false;
+    if (type == "BW") writer = {writer.units, true, false};
+    if (is_image) writer.changed = true;
+    if (writer.changed && (type == "CW" || !writer.begun)) ++writer.units;
+    if (!writer.begun || type == "CW" || type == "RW") writer = {writer.units, false, false};
     at += length;
   }
+  std::map<std::int32_t, int> units;
+  for (const auto& [process, writer] : writers) units[process] = writer.units;
   return units;
 }
 
