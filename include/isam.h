@@ -35,8 +35,8 @@
  *   ISAMSORTMEM          MiB for sorting when an index is filled, 1 to 65536 (default 64)
  *   ISAM_DEADLOCK_COUNT  retries of a lock request that met a deadlock (default 0)
  *   ISAM_DEADLOCK_SLEEP  milliseconds before each retry (default 0: yield the processor)
+ *   ISAM_LOG_SYNC        1 makes iscommit() wait until the disk has the log (default 0)
  *   ISCLOSE_SHARE_LOCK   0 makes isclose() wait for other processes' readers (default 1)
- *   ISAM_LOG_SYNC        1 makes iscommit() wait until the log is on the disk (default 0)
  *   CLIENT_LOCALE        the locale of character keys of type KT_LOCALE
  *   RESETLOCK            when set, a file with an unexpected locking method is accepted
  *   SQLIDEBUG            a file to which calls append what they exchange with the application

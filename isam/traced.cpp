@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "isam/errors.h"
 #include "isam/files.h"
@@ -11,6 +12,7 @@ namespace isam {
 namespace {
 
 constexpr std::size_t kMostNameBytes = 4096;
+constexpr std::size_t kMostText = 128;  // more than any call and its result take
 
 int depth = 0;  // of calls within calls
 
@@ -51,24 +53,34 @@ ConstBytes received(const Exchange& exchange, int result) {
   return receives && result == 0 ? record_of(exchange, isreclen) : ConstBytes{};
 }
 
+template <typename... Values>
+std::size_t put(std::span<char> to, const char* format, Values... values) {
+  return static_cast<std::size_t>(std::snprintf(to.data(), to.size(), format, values...));
+}
+
+// The call and its number; the length of that.
+std::size_t put_call(const Exchange& exchange, std::span<char> to) {
+  if (exchange.number == kNoNumber) return put(to, "%s", exchange.call);
+  return put(to, "%s %d", exchange.call, exchange.number);
+}
+
 }  // namespace
 
 void trace_entry(const Exchange& exchange) {
   if (depth++ > 0) return;
-  std::array<char, 64> text;
-  std::snprintf(text.data(), text.size(), "%s %d", exchange.call, exchange.number);
+  std::array<char, kMostText> text;
+  put_call(exchange, text);
   trace::write(trace::Direction::kToLibrary, text.data(), sent(exchange));
 }
 
 void trace_exit(const Exchange& exchange, int result) {
   if (--depth > 0) return;
-  std::array<char, 128> text;
-  int length =
-      std::snprintf(text.data(), text.size(), "%s %d = %d", exchange.call, exchange.number, result);
-  const auto rest = static_cast<std::size_t>(length);
+  std::array<char, kMostText> text;
+  std::size_t length = put_call(exchange, text);
+  length += put(std::span{text}.subspan(length), " = %d", result);
   if (result < 0) {
-    std::snprintf(&text[rest], text.size() - rest, ", error %d, status %c%c%c%c", iserrno, isstat1,
-                  isstat2, isstat3, isstat4);
+    put(std::span{text}.subspan(length), ", error %d, status %c%c%c%c", iserrno, isstat1, isstat2,
+        isstat3, isstat4);
   }
   trace::write(trace::Direction::kToApplication, text.data(), received(exchange, result));
 }

@@ -4,8 +4,10 @@
 //     return traced({"iswrite", isfd, record, Carries::kRecord}, [&] { return ...; });
 //   }
 //
-// Without a trace this costs one branch. Calls that the library makes of itself do not show.
+// Without a trace this costs one branch. Calls made within a call that shows do not show.
 #pragma once
+
+#include <cstdint>
 
 #include "trace/trace.h"
 
@@ -21,9 +23,11 @@ enum class Carries {
   kKeyAndReceives,
 };
 
+constexpr int kNoNumber = INT32_MIN;
+
 struct Exchange {
   const char* call;
-  int number;  // the open, or the mode that a file is opened with
+  int number = kNoNumber;  // the open, or the mode that a file is opened with
   const char* buffer = nullptr;
   Carries carries = Carries::kNothing;
 };

@@ -66,7 +66,7 @@ TEST_F(Trace, ShowsWhatIsExchanged) {
   EXPECT_EQ(isread(isfd, record, RD_NEXT), -1);
   EXPECT_EQ(iserrno, ISEEND);
   EXPECT_EQ(isdelcurr(isfd), 0);
-  EXPECT_EQ(iscluster(isfd, &key), -1);
+  EXPECT_EQ(isbegin(), -1);
   EXPECT_EQ(isclose(isfd), 0);
   EXPECT_EQ(isread(isfd, record, RD_EQUAL), -1);
 
@@ -96,6 +96,8 @@ TEST_F(Trace, ShowsWhatIsExchanged) {
       "< isread 0 = -1, error 110, status 1046",
       "> isdelcurr 0",
       "< isdelcurr 0 = 0",
+      "> isbegin",
+      "< isbegin = -1, error 122, status 9000",
       "> isclose 0",
       "< isclose 0 = 0",
       "> isread 0",
