@@ -220,7 +220,7 @@ int name_collation() {
 using namespace isam;
 
 extern "C" int isbuild(const char* name, int reclen, struct keydescr* key, int mode) {
-  return traced({"isbuild", mode, name, Carries::kName}, [&] {
+  return traced("isbuild", mode, name, Carries::kName, [=] {
     clear_errors();
     set_status("0000");
     const int isfd = key == nullptr ? failed(kBadArgument) : build(name, reclen, *key, mode);

@@ -273,11 +273,11 @@ int close_call(int isfd) {
 using namespace isam;
 
 extern "C" int isopen(const char* name, int mode) {
-  return traced({"isopen", mode, name, Carries::kName}, [&] { return open_call(name, mode); });
+  return traced("isopen", mode, name, Carries::kName, [=] { return open_call(name, mode); });
 }
 
 extern "C" int isclose(int isfd) {
-  return traced({"isclose", isfd}, [&] { return close_call(isfd); });
+  return traced("isclose", isfd, [=] { return close_call(isfd); });
 }
 
 extern "C" int iscleanup(void) {

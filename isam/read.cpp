@@ -206,11 +206,11 @@ using namespace isam;
 
 extern "C" int isstart(int isfd, struct keydescr* key, int len, char* record, int mode) {
   const bool edge = mode == RD_FIRST || mode == RD_LAST;
-  return traced({"isstart", isfd, record, edge ? Carries::kNothing : Carries::kKey},
-                [&] { return start_call(isfd, key, len, record, mode); });
+  return traced("isstart", isfd, record, edge ? Carries::kNothing : Carries::kKey,
+                [=] { return start_call(isfd, key, len, record, mode); });
 }
 
 extern "C" int isread(int isfd, char* record, int mode) {
-  return traced({"isread", isfd, record, carried_by(mode)},
-                [&] { return read_call(isfd, record, mode); });
+  return traced("isread", isfd, record, carried_by(mode),
+                [=] { return read_call(isfd, record, mode); });
 }

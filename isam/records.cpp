@@ -87,47 +87,46 @@ extern "C" int isxgetlen(void) {
 }
 
 extern "C" int iswrite(int isfd, char* record) {
-  return traced({"iswrite", isfd, record, Carries::kRecord},
-                [&] { return write_record(isfd, record, Current::kStays); });
+  return traced("iswrite", isfd, record, Carries::kRecord,
+                [=] { return write_record(isfd, record, Current::kStays); });
 }
 
 extern "C" int iswrcurr(int isfd, char* record) {
-  return traced({"iswrcurr", isfd, record, Carries::kRecord},
-                [&] { return write_record(isfd, record, Current::kMoves); });
+  return traced("iswrcurr", isfd, record, Carries::kRecord,
+                [=] { return write_record(isfd, record, Current::kMoves); });
 }
 
 extern "C" int isrewrite(int isfd, char* record) {
-  return traced({"isrewrite", isfd, record, Carries::kRecord}, [&] {
+  return traced("isrewrite", isfd, record, Carries::kRecord, [=] {
     return rewrite_found(isfd, record, Current::kStays, [&] { return find_by_key(record); });
   });
 }
 
 extern "C" int isrewcurr(int isfd, char* record) {
-  return traced({"isrewcurr", isfd, record, Carries::kRecord},
-                [&] { return rewrite_found(isfd, record, Current::kMoves, find_current_record); });
+  return traced("isrewcurr", isfd, record, Carries::kRecord,
+                [=] { return rewrite_found(isfd, record, Current::kMoves, find_current_record); });
 }
 
 extern "C" int isrewrec(int isfd, int32_t recnum, char* record) {
-  return traced({"isrewrec", isfd, record, Carries::kRecord}, [&] {
+  return traced("isrewrec", isfd, record, Carries::kRecord, [=] {
     return rewrite_found(isfd, record, Current::kStays, [&] { return getcurrent(recnum); });
   });
 }
 
 extern "C" int isdelete(int isfd, char* record) {
-  const auto find = [&] {
+  const auto find = [=] {
     if (record != nullptr) return find_by_key(record);
     failed(kBadArgument);
     return FoundRecord{};
   };
-  return traced({"isdelete", isfd, record, Carries::kKey},
-                [&] { return delete_found(isfd, find); });
+  return traced("isdelete", isfd, record, Carries::kKey, [=] { return delete_found(isfd, find); });
 }
 
 extern "C" int isdelcurr(int isfd) {
-  return traced({"isdelcurr", isfd}, [&] { return delete_found(isfd, find_current_record); });
+  return traced("isdelcurr", isfd, [=] { return delete_found(isfd, find_current_record); });
 }
 
 extern "C" int isdelrec(int isfd, int32_t recnum) {
-  return traced({"isdelrec", isfd},
-                [&] { return delete_found(isfd, [&] { return getcurrent(recnum); }); });
+  return traced("isdelrec", isfd,
+                [=] { return delete_found(isfd, [&] { return getcurrent(recnum); }); });
 }

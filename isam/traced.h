@@ -1,7 +1,7 @@
 // traced: the public calls as a trace shows them.
 //
 //   extern "C" int iswrite(int isfd, char* record) {
-//     return traced({"iswrite", isfd, record, Carries::kRecord}, [&] { return ...; });
+//     return traced("iswrite", isfd, record, Carries::kRecord, [=] { return ...; });
 //   }
 //
 // Without a trace this costs one branch. Calls made within a call that shows do not show.
@@ -23,29 +23,42 @@ enum class Carries {
   kKeyAndReceives,
 };
 
-constexpr int kNoNumber = INT32_MIN;
+constexpr int kNoNumber = INT32_MIN;  // a call that concerns no open
 
 struct Exchange {
   const char* call;
-  int number = kNoNumber;  // the open, or the mode that a file is opened with
-  const char* buffer = nullptr;
-  Carries carries = Carries::kNothing;
+  int number;  // the open, or the mode that a file is opened with
+  const char* buffer;
+  Carries carries;
 };
 
 void trace_entry(const Exchange& exchange);
 void trace_exit(const Exchange& exchange, int result);
 
 template <typename Body>
-[[gnu::noinline, gnu::cold]] int call_traced(const Exchange& exchange, Body body) {
-  trace_entry(exchange);
+[[gnu::noinline, gnu::cold]] int call_traced(const char* call, int number, const char* buffer,
+                                             Carries carries, Body body) {
+  const Exchange exchange{call, number, buffer, carries};
+  const bool shows = trace::on();
+  if (shows) trace_entry(exchange);
   const int result = body();
-  trace_exit(exchange, result);
+  if (shows) trace_exit(exchange, result);
   return result;
 }
 
+// A body that captures by value leaves everything in registers.
 template <typename Body>
-int traced(const Exchange& exchange, Body body) {
-  return trace::on() ? call_traced(exchange, body) : body();
+int traced(const char* call, int number, const char* buffer, Carries carries, Body body) {
+  if (trace::state == trace::State::kOff) [[likely]] {
+    return body();
+  }
+  return call_traced(call, number, buffer, carries, body);
+}
+
+// A call without a buffer.
+template <typename Body>
+int traced(const char* call, int number, Body body) {
+  return traced(call, number, nullptr, Carries::kNothing, body);
 }
 
 }  // namespace isam

@@ -104,7 +104,7 @@ std::string entry_of(Direction direction, std::string_view call, common::ConstBy
 
 }  // namespace
 
-bool begin() noexcept {
+bool on() noexcept {
   if (state == State::kUnknown) {
     const KeepErrno keep;
     state = State::kOff;

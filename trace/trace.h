@@ -20,10 +20,8 @@ namespace trace {
 enum class State { kUnknown, kOff, kOn };
 inline State state = State::kUnknown;
 
-// Decides, when that is still open, whether to trace.
-bool begin() noexcept;
-
-[[nodiscard]] inline bool on() { return state != State::kOff && begin(); }
+// Whether to trace. The first call decides.
+[[nodiscard]] bool on() noexcept;
 
 enum class Direction : char { kToLibrary = '>', kToApplication = '<' };
 

@@ -249,10 +249,10 @@ int begin_call() {
 }  // namespace
 
 extern "C" int islogopen(const char* path) {
-  return traced({"islogopen", kNoNumber, path, Carries::kName}, [&] { return open_call(path); });
+  return traced("islogopen", kNoNumber, path, Carries::kName, [=] { return open_call(path); });
 }
 
-extern "C" int islogclose(void) { return traced({"islogclose"}, close_call); }
+extern "C" int islogclose(void) { return traced("islogclose", kNoNumber, close_call); }
 
 extern "C" int issusplog(void) {
   if (!logstate.is_suspended) {
@@ -268,12 +268,12 @@ extern "C" int isresumlog(void) {
   return 0;
 }
 
-extern "C" int isbegin(void) { return traced({"isbegin"}, begin_call); }
+extern "C" int isbegin(void) { return traced("isbegin", kNoNumber, begin_call); }
 
 extern "C" int iscommit(void) {
-  return traced({"iscommit"}, [] { return end_transaction(commit); });
+  return traced("iscommit", kNoNumber, [] { return end_transaction(commit); });
 }
 
 extern "C" int isrollback(void) {
-  return traced({"isrollback"}, [] { return end_transaction(roll_back); });
+  return traced("isrollback", kNoNumber, [] { return end_transaction(roll_back); });
 }
