@@ -16,7 +16,7 @@ void ReadAhead::fill(int fd, std::int64_t offset) {
   length_ = got < 0 ? 0 : static_cast<std::size_t>(got);
 }
 
-ssize_t ReadAhead::read(int fd, Bytes to, std::int64_t offset) {
+ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {
   if (fd != fd_) {
     forget(fd_);
     fd_ = fd;
@@ -31,7 +31,7 @@ ssize_t ReadAhead::read(int fd, Bytes to, std::int64_t offset) {
     std::memcpy(to.data(), window_.get() + (offset - offset_), to.size());
     return static_cast<ssize_t>(to.size());
   }
-  return read_at(fd, to, offset);
+  return map.read(fd, to, offset);
 }
 
 void ReadAhead::overwritten(int fd, std::int64_t offset, std::size_t length) {

@@ -13,13 +13,15 @@
 #include <memory>
 
 #include "common/bytes.h"
+#include "common/filemap.h"
 
 namespace common {
 
 class ReadAhead {
  public:
   // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno.
-  [[nodiscard]] ssize_t read(int fd, Bytes to, std::int64_t offset);
+  // What lies outside the window is read through `map`, which is the file's.
+  [[nodiscard]] ssize_t read(int fd, FileMap& map, Bytes to, std::int64_t offset);
 
   void overwritten(int fd, std::int64_t offset, std::size_t length);
   void forget(int fd);

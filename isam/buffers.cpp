@@ -322,8 +322,10 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
 
 bool Pool::load(Buffer& buffer) {
   const Place place = bfmapaddr(buffer);
+  FileRecord& file = *buffer.file;
+  common::FileMap& map = place.kind == FileKind::kData ? file.data_map : file.index_map;
   const ssize_t got =
-      window_of(place.kind).read(place.fd, {buffer.page, place.length}, place.offset);
+      window_of(place.kind).read(place.fd, map, {buffer.page, place.length}, place.offset);
   const bool whole = got == static_cast<ssize_t>(place.length);
   if (got < 0 || (!whole && place.kind == FileKind::kIndex)) {
     failed_system(got < 0 && errno != 0 ? errno : kCorrupted, Operation::kRead, place.kind);

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "common/filemap.h"
 #include "isam.h"
 #include "isam/format.h"
 #include "isam/position.h"
@@ -77,6 +78,8 @@ struct FileRecord {
   std::uint64_t keys_generation = 0;  // ... this generation
   int calls_unwritten = 0;            // calls of exclusive opens since the dictionary was written
   FailedWrite failed_write;           // the first since it was last reported
+  common::FileMap index_map;          // through which the index file is read,
+  common::FileMap data_map;           // ... and the data file
   std::string name;                   // base name, without suffix
 };
 

@@ -72,6 +72,7 @@ FileRecord* free_file_record() {
 }
 
 void close_data(FileRecord& file) {
+  file.data_map.forget();
   if (file.datfd >= 0) common::close_file(file.datfd);
   file.datfd = -1;
 }
@@ -309,7 +310,7 @@ void make_current(OpenRecord& open) {
 }
 
 int dictread() {
-  const ssize_t got = common::read_at(filep->idxfd, dictp->raw, 0);
+  const ssize_t got = filep->index_map.read(filep->idxfd, dictp->raw, 0);
   if (got < 0) return failed_system(errno, Operation::kRead, FileKind::kIndex);
   if (got < kDictionarySize) return failed(kCorrupted);
   const int stored_size = dictp->d_idxsize();

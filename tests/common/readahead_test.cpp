@@ -46,7 +46,7 @@ class ReadAheadTest : public testing::Test {
 
   void expect_page(std::int64_t offset, std::size_t size = 1024) {
     std::vector<Byte> page(size);
-    const ssize_t got = window_.read(fd_, page, offset);
+    const ssize_t got = window_.read(fd_, map_, page, offset);
     const auto there = std::max<std::int64_t>(
         0, std::min<std::int64_t>(static_cast<std::int64_t>(size),
                                   static_cast<std::int64_t>(content_.size()) - offset));
@@ -58,6 +58,7 @@ class ReadAheadTest : public testing::Test {
   std::FILE* file_ = nullptr;
   int fd_ = -1;
   ReadAhead window_;
+  FileMap map_;
   SystemCalls real_{};
 };
 
@@ -85,7 +86,7 @@ TEST_F(ReadAheadTest, AFailureBehindThePageIsNotItsFailure) {
   bad_from = 10'240;
   for (std::int64_t at = 0; at < 10'240; at += 1024) expect_page(at);
   std::vector<Byte> page(1024);
-  EXPECT_EQ(window_.read(fd_, page, 10'240), -1);
+  EXPECT_EQ(window_.read(fd_, map_, page, 10'240), -1);
   EXPECT_EQ(errno, EIO);
 }
 

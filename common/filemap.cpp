@@ -1,0 +1,136 @@
+#include "common/filemap.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <utility>
+
+#include "common/io.h"
+
+namespace common {
+namespace {
+
+// The copy under way, for the handler.
+volatile std::uintptr_t copy_begin = 0;
+volatile std::uintptr_t copy_end = 0;
+volatile std::sig_atomic_t page_missing = 0;
+std::uintptr_t page_size = 0;
+struct sigaction handler_before {};
+
+// Puts a page of zeros where a page of the file cannot be had, so that the copy comes to its end.
+bool stand_in_for_page(std::uintptr_t at) {
+  if (at < copy_begin || at >= copy_end) return false;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the address of the fault
+  void* const page = reinterpret_cast<void*>(at & ~(page_size - 1));
+  if (::mmap(page, page_size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != page) {
+    return false;
+  }
+  page_missing = 1;
+  return true;
+}
+
+void on_bus_error(int number, siginfo_t* info, void* context) {
+  const int error = errno;
+  if (info->si_code > 0 && stand_in_for_page(reinterpret_cast<std::uintptr_t>(info->si_addr))) {
+    errno = error;
+    return;
+  }
+  if ((handler_before.sa_flags & SA_SIGINFO) != 0) {
+    handler_before.sa_sigaction(number, info, context);
+  } else if (handler_before.sa_handler != SIG_DFL && handler_before.sa_handler != SIG_IGN) {
+    handler_before.sa_handler(number);
+  } else if (info->si_code > 0 || handler_before.sa_handler == SIG_DFL) {
+    // Ends the process, as it would have without this handler.
+    ::signal(number, SIG_DFL);
+    ::raise(number);
+  }
+}
+
+// Whether a missing page will come to the handler above.
+bool handler_is_in_place() {
+  struct sigaction now {};
+  if (::sigaction(SIGBUS, nullptr, &now) != 0) return false;
+  static bool installed = false;
+  if (installed) return (now.sa_flags & SA_SIGINFO) != 0 && now.sa_sigaction == on_bus_error;
+  struct sigaction ours {};
+  ours.sa_sigaction = on_bus_error;
+  ours.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
+  ::sigemptyset(&ours.sa_mask);
+  page_size = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  handler_before = now;
+  installed = ::sigaction(SIGBUS, &ours, nullptr) == 0;
+  return installed;
+}
+
+}  // namespace
+
+FileMap& FileMap::operator=(FileMap&& other) noexcept {
+  std::swap(pages_, other.pages_);
+  std::swap(mapped_, other.mapped_);
+  std::swap(known_, other.known_);
+  std::swap(reads_, other.reads_);
+  std::swap(usable_, other.usable_);
+  return *this;
+}
+
+void FileMap::forget() {
+  // NOLINTNEXTLINE(cppcoreguidelines-pro-type-const-cast): mapped to be read only
+  if (pages_ != nullptr) ::munmap(const_cast<Byte*>(pages_), static_cast<std::size_t>(mapped_));
+  pages_ = nullptr;
+  mapped_ = 0;
+  known_ = 0;
+  reads_ = 0;
+  usable_ = true;
+}
+
+// Maps all there is and room for as much again.
+void FileMap::map(int fd) {
+  constexpr std::int64_t kLeast = std::int64_t{1} << 20;
+  forget();
+  const std::int64_t size = file_size(fd);
+  usable_ = size > 0 && handler_is_in_place();
+  if (!usable_) return;
+  const std::int64_t room = std::max(2 * size, kLeast);
+  const auto length = static_cast<std::size_t>(room);
+  void* const pages = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, 0);
+  usable_ = pages != MAP_FAILED;
+  if (!usable_) return;
+  ::madvise(pages, length, MADV_RANDOM);
+  pages_ = static_cast<const Byte*>(pages);
+  mapped_ = room;
+  known_ = size;
+}
+
+bool FileMap::copy(Bytes to, std::int64_t offset) {
+  const Byte* const from = pages_ + offset;
+  copy_begin = reinterpret_cast<std::uintptr_t>(from);
+  copy_end = copy_begin + to.size();
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  std::memcpy(to.data(), from, to.size());
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  copy_end = copy_begin;
+  if (page_missing == 0) return true;
+  page_missing = 0;
+  forget();
+  usable_ = false;
+  return false;
+}
+
+ssize_t FileMap::read(int fd, Bytes to, std::int64_t offset) {
+  const std::int64_t end = offset + static_cast<std::int64_t>(to.size());
+  const bool usable = usable_ && system_calls().pread == ::pread;
+  if (usable && end <= std::min(known_, mapped_) && copy(to, offset)) {
+    return static_cast<ssize_t>(to.size());
+  }
+  const ssize_t got = read_at(fd, to, offset);
+  if (!usable || got != static_cast<ssize_t>(to.size())) return got;
+  known_ = std::max(known_, end);
+  if (end > mapped_ && ++reads_ >= kReadsBeforeMapping) map(fd);
+  return got;
+}
+
+}  // namespace common

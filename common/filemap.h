@@ -1,0 +1,47 @@
+// filemap: reads of one file through a mapping, which cost no system call.
+//
+// Gives   read(): the same bytes and the same failures as read_at()
+// Keeps   the mapping shows what any process has written, at once
+// Never   maps a file that is read a few times only; lets a disk error, or a file that was cut
+//         off, end the process: the page that cannot be had is told by a SIGBUS, which is taken
+//         here, and the bytes are asked for again by a call that can fail. A SIGBUS from elsewhere
+//         goes to the handler of before. Serves while a test has put its own reading in place of
+//         the system's
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "common/bytes.h"
+
+namespace common {
+
+class FileMap {
+ public:
+  FileMap() = default;
+  FileMap(const FileMap&) = delete;
+  FileMap& operator=(const FileMap&) = delete;
+  FileMap& operator=(FileMap&& other) noexcept;
+  ~FileMap() { forget(); }
+
+  // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno. `fd` is the
+  // same at each call until forget().
+  [[nodiscard]] ssize_t read(int fd, Bytes to, std::int64_t offset);
+  // The descriptor is about to be closed.
+  void forget();
+
+ private:
+  [[nodiscard]] bool copy(Bytes to, std::int64_t offset);
+  void map(int fd);
+
+  static constexpr int kReadsBeforeMapping = 64;
+
+  const Byte* pages_ = nullptr;
+  std::int64_t mapped_ = 0;  // bytes of address space, perhaps more than the file has
+  std::int64_t known_ = 0;   // bytes that the file was seen to have
+  int reads_ = 0;            // beyond the mapping
+  bool usable_ = true;
+};
+
+}  // namespace common

@@ -1,0 +1,95 @@
+#include "common/filemap.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <vector>
+
+#include "common/io.h"
+
+namespace common {
+namespace {
+
+constexpr std::size_t kSize = 300'000;
+
+class FileMapTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    file_ = std::tmpfile();
+    fd_ = ::fileno(file_);
+    ASSERT_EQ(write_at(fd_, std::vector<Byte>(kSize, 'a'), 0), 0);
+    warm_up();
+  }
+  void TearDown() override { std::fclose(file_); }
+
+  void warm_up() {
+    for (int i = 0; i < 100; ++i) read(0, 1);
+  }
+  // As many of the bytes asked for as the file has.
+  std::vector<Byte> read(std::int64_t offset, std::size_t count) {
+    std::vector<Byte> bytes(count);
+    const ssize_t got = map_.read(fd_, bytes, offset);
+    bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+    return bytes;
+  }
+  void expect(std::int64_t offset, std::size_t count, Byte byte) {
+    EXPECT_EQ(read(offset, count), std::vector<Byte>(count, byte)) << offset;
+  }
+
+  std::FILE* file_ = nullptr;
+  int fd_ = -1;
+  FileMap map_;
+};
+
+TEST_F(FileMapTest, ShowsWhatIsWrittenAndWhatIsAdded) {
+  expect(70'000, 1000, 'a');
+  ASSERT_EQ(write_at(fd_, std::vector<Byte>(1000, 'b'), 70'000), 0);
+  expect(70'000, 1000, 'b');
+  EXPECT_EQ(read(kSize - 10, 20).size(), 10U);
+  const std::vector<Byte> more(4 * kSize, 'c');
+  ASSERT_EQ(write_at(fd_, more, kSize), 0);
+  expect(kSize - 10, 10, 'a');
+  for (std::int64_t at = kSize; at < std::int64_t{5 * kSize}; at += 1000) expect(at, 1000, 'c');
+  EXPECT_TRUE(read(5 * kSize, 1).empty());
+}
+
+TEST_F(FileMapTest, AFileCutOffIsAShortRead) {
+  expect(200'000, 1000, 'a');
+  ASSERT_EQ(::ftruncate(fd_, 100'500), 0);
+  EXPECT_TRUE(read(200'000, 1000).empty());
+  EXPECT_EQ(read(100'000, 1000).size(), 500U);
+  expect(1000, 1000, 'a');
+  map_.forget();
+  warm_up();
+  ASSERT_EQ(::ftruncate(fd_, 0), 0);
+  EXPECT_TRUE(read(90'000, 1000).empty());
+}
+
+TEST_F(FileMapTest, ReadsThatATestReplacesAreAskedFor) {
+  const SystemCalls real = system_calls();
+  system_calls().pread = [](int, void*, std::size_t, off_t) -> ssize_t {
+    errno = EIO;
+    return -1;
+  };
+  Byte byte = 0;
+  EXPECT_EQ(map_.read(fd_, {&byte, 1}, 0), -1);
+  EXPECT_EQ(errno, EIO);
+  system_calls() = real;
+  expect(0, 10, 'a');
+}
+
+TEST_F(FileMapTest, AnotherMappingsMissingPageStillEndsTheProcess) {
+  void* const pages = ::mmap(nullptr, kSize, PROT_READ, MAP_SHARED, fd_, 0);
+  ASSERT_NE(pages, MAP_FAILED);
+  ASSERT_EQ(::ftruncate(fd_, 0), 0);
+  EXPECT_EXIT(std::fputc(static_cast<volatile Byte*>(pages)[100'000], stderr),
+              testing::KilledBySignal(SIGBUS), "");
+  ::munmap(pages, kSize);
+}
+
+}  // namespace
+}  // namespace common
