@@ -120,14 +120,17 @@ bool FileMap::copy(Bytes to, std::int64_t offset) {
   return false;
 }
 
+bool FileMap::covers(std::size_t length, std::int64_t offset) const {
+  return offset + static_cast<std::int64_t>(length) <= std::min(known_, mapped_) &&
+         system_calls().pread == ::pread;
+}
+
 ssize_t FileMap::read(int fd, Bytes to, std::int64_t offset) {
+  if (covers(to.size(), offset) && copy(to, offset)) return static_cast<ssize_t>(to.size());
   const std::int64_t end = offset + static_cast<std::int64_t>(to.size());
-  const bool usable = usable_ && system_calls().pread == ::pread;
-  if (usable && end <= std::min(known_, mapped_) && copy(to, offset)) {
-    return static_cast<ssize_t>(to.size());
-  }
   const ssize_t got = read_at(fd, to, offset);
-  if (!usable || got != static_cast<ssize_t>(to.size())) return got;
+  if (!usable_ || system_calls().pread != ::pread || got != static_cast<ssize_t>(to.size()))
+    return got;
   known_ = std::max(known_, end);
   if (end > mapped_ && ++reads_ >= kReadsBeforeMapping) map(fd);
   return got;

@@ -28,6 +28,8 @@ class FileMap {
   // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno. `fd` is the
   // same at each call until forget().
   [[nodiscard]] ssize_t read(int fd, Bytes to, std::int64_t offset);
+  // Whether a read of these bytes costs no system call.
+  [[nodiscard]] bool covers(std::size_t length, std::int64_t offset) const;
   // The descriptor is about to be closed.
   void forget();
 

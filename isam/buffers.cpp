@@ -142,6 +142,7 @@ class Pool {
   Buffer* bfgetblk(std::int32_t block);
   Buffer* bfread(std::int32_t block);
   Buffer* bfgetclr(std::int32_t block);
+  bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
   int bfwrite(Buffer* buffer);
   void modified(Buffer* buffer);
@@ -348,6 +349,21 @@ Buffer* Pool::bfread(std::int32_t block) {
     return nullptr;
   }
   return buffer;
+}
+
+bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
+  FileRecord& file = *filep;
+  const std::size_t size = to.size() + behind.size();
+  if (offset < 0 || !file.data_map.covers(size, offset)) return false;
+  const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
+  for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
+    if (block > INT32_MAX) return false;
+    if (table_.find(static_cast<std::int32_t>(block) | kDataBlock, &file) != nullptr) return false;
+  }
+  const std::int64_t then = offset + static_cast<std::int64_t>(to.size());
+  return data_window_.read(file.datfd, file.data_map, to, offset) ==
+             static_cast<ssize_t>(to.size()) &&
+         file.data_map.read(file.datfd, behind, then) == static_cast<ssize_t>(behind.size());
 }
 
 Buffer* Pool::bfgetclr(std::int32_t block) {
@@ -557,6 +573,10 @@ PageHold bfread(std::int32_t node) {
 }
 
 PageHold bfread_data(std::int32_t block) { return PageHold{pool().bfread(block | kDataBlock)}; }
+
+bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind) {
+  return pool().copy_data(offset, to, behind);
+}
 
 PageHold bfgetclr(std::int32_t node) {
   if (node < 1) {

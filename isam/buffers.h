@@ -1,4 +1,5 @@
-// buffers: the page pool. Every index node and every block of a data file passes through it.
+// buffers: the page pool. Every index node and every block of a data file that is changed passes
+// through it; records that are only read may be copied from the file.
 //
 // A page is free (of no file), cached (of a file, idle) or busy (held by one caller):
 //
@@ -102,6 +103,10 @@ class PageHold {
 // Block `block` (byte offset / 1024) of the current data file. What lies past the end of the file
 // reads as zero bytes.
 [[nodiscard]] PageHold bfread_data(std::int32_t block);
+// Copies bytes at `offset` of the current data file into two pieces, without a buffer. False when
+// the pool has a block of them, or when it takes more than a look into a mapping: then the blocks
+// are to be read.
+[[nodiscard]] bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind);
 // A node to be written as a whole: zeroed, valid and modified.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
 

@@ -164,14 +164,13 @@ int remove_record(std::int32_t k, bool keep_storage) {
 
 int dataread(std::int32_t k, Bytes to) {
   Trailer trailer;
-  {
+  const Bytes fixed = to.first(static_cast<std::size_t>(filep->reclen));
+  if (!bfcopy_data(slot_offset(k), fixed, trailer.stored())) {
     Transfer from{slot_offset(k)};
-    if (from.read(to.first(static_cast<std::size_t>(filep->reclen))) != 0) return -1;
-    if (from.read({trailer.bytes, kFixedTrailer}) != 0) return -1;
-    if (!trailer.is_present()) return -1;
-    if (!filep->varlen) return filep->reclen;
-    if (from.read({trailer.bytes + 1, kVariableTrailer - 1}) != 0) return -1;
+    if (from.read(fixed) != 0 || from.read(trailer.stored()) != 0) return -1;
   }
+  if (!trailer.is_present()) return -1;
+  if (!filep->varlen) return filep->reclen;
   const int variable =
       read_variable_part(trailer, to.subspan(static_cast<std::size_t>(filep->reclen)));
   return variable < 0 ? -1 : filep->reclen + variable;
