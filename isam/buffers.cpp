@@ -22,41 +22,49 @@ enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp
 constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
-constexpr std::size_t kMostAdded = 2048;     // more than one call changes
-constexpr std::uint64_t kNodeLifetimes = 8;  // of an unused data block
-constexpr std::size_t kLongestRun = 40;      // blocks, more than the longest record takes
-constexpr std::size_t kPageStride = 1088;    // room for a node of 1025 bytes, in whole cache lines
+constexpr std::size_t kMostAdded = 2048;      // more than one call changes
+constexpr std::uint64_t kNodeLifetimes = 64;  // of an unused data block
+constexpr std::size_t kLongestRun = 40;       // blocks, more than the longest record takes
+constexpr std::size_t kPageStride = 1088;     // room for a node of 1025 bytes, in whole cache lines
 
-// Finds the buffer of a page. Open addressing in one array: a look-up reads one line of it.
+// Finds the buffer of a page. Open addressing in one array of small slots: a look-up reads one line
+// of it, and much of it stays in the processor's caches.
 class PageTable {
  public:
   // False without memory.
-  [[nodiscard]] bool reserve(std::size_t buffers) {
-    const std::size_t slots = std::bit_ceil(buffers * 2);
+  [[nodiscard]] bool reserve(Buffer* buffers, std::size_t count) {
+    const std::size_t slots = std::bit_ceil(count * 2);
+    buffers_ = buffers;
     mask_ = slots - 1;
     slots_ = common::make_arena<Slot>(slots);
     return slots_ != nullptr;
   }
   [[nodiscard]] Buffer* find(std::int32_t block, const FileRecord* file) const {
-    for (std::size_t at = home(block, file);; at = (at + 1) & mask_) {
-      const Slot& slot = slots_[at];
-      if (slot.buffer == nullptr || (slot.block == block && slot.file == file)) return slot.buffer;
+    const std::uint16_t tag = tag_of(file);
+    for (std::size_t at = home(block, tag);; at = (at + 1) & mask_) {
+      const Slot slot = slots_[at];
+      if (slot.buffer == kNone) return nullptr;
+      if (slot.block != block || slot.file_tag != tag) continue;
+      Buffer* const buffer = &buffers_[slot.buffer - 1];
+      if (buffer->file == file) return buffer;
     }
   }
-  void insert(Buffer* buffer) {
-    std::size_t at = home(buffer->block, buffer->file);
-    while (slots_[at].buffer != nullptr) at = (at + 1) & mask_;
-    slots_[at] = {buffer->file, buffer, buffer->block};
+  void insert(const Buffer* buffer) {
+    const std::uint16_t tag = tag_of(buffer->file);
+    std::size_t at = home(buffer->block, tag);
+    while (slots_[at].buffer != kNone) at = (at + 1) & mask_;
+    slots_[at] = {buffer->block, tag, number_of(buffer)};
   }
   void erase(const Buffer* buffer) {
-    std::size_t gap = home(buffer->block, buffer->file);
-    while (slots_[gap].buffer != buffer) gap = (gap + 1) & mask_;
+    const std::uint16_t number = number_of(buffer);
+    std::size_t gap = home(buffer->block, tag_of(buffer->file));
+    while (slots_[gap].buffer != number) gap = (gap + 1) & mask_;
     // What stands behind moves up as long as its way from home leads over the gap.
     for (std::size_t at = gap;;) {
       at = (at + 1) & mask_;
       const Slot& slot = slots_[at];
-      if (slot.buffer == nullptr) break;
-      if (((at - home(slot.block, slot.file)) & mask_) < ((at - gap) & mask_)) continue;
+      if (slot.buffer == kNone) break;
+      if (((at - home(slot.block, slot.file_tag)) & mask_) < ((at - gap) & mask_)) continue;
       slots_[gap] = slot;
       gap = at;
     }
@@ -65,17 +73,27 @@ class PageTable {
 
  private:
   struct Slot {
-    const FileRecord* file;
-    Buffer* buffer;
     std::int32_t block;
+    std::uint16_t file_tag;  // of its address; two files may have the same
+    std::uint16_t buffer;    // number from 1
   };
+  static constexpr std::uint16_t kNone = 0;
+  static constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
+  static_assert(kMaxBuffers + kMostAdded < UINT16_MAX);
 
-  [[nodiscard]] std::size_t home(std::int32_t block, const FileRecord* file) const {
-    const auto name = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(file)) ^
-                      static_cast<std::uint32_t>(block);
-    return (name * 0x9E3779B97F4A7C15U >> 32) & mask_;
+  [[nodiscard]] std::uint16_t number_of(const Buffer* buffer) const {
+    return static_cast<std::uint16_t>(buffer - buffers_ + 1);
+  }
+  [[nodiscard]] static std::uint16_t tag_of(const FileRecord* file) {
+    const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(file));
+    return static_cast<std::uint16_t>(address * kSpread >> 48);
+  }
+  [[nodiscard]] std::size_t home(std::int32_t block, std::uint16_t tag) const {
+    const std::uint64_t name = std::uint64_t{tag} << 32 | static_cast<std::uint32_t>(block);
+    return (name * kSpread >> 32) & mask_;
   }
 
+  Buffer* buffers_ = nullptr;
   common::Arena<Slot> slots_;
   std::size_t mask_ = 0;
 };
@@ -204,7 +222,7 @@ Pool::Pool() {
   const std::size_t most = most_buffers_ = count + kMostAdded;
   buffs_ = common::make_arena<Buffer>(count, kMostAdded);
   pages_ = common::make_arena<Byte>(count * kPageStride, kMostAdded * kPageStride);
-  if (!buffs_ || !pages_ || !table_.reserve(most) || !add_buffers(count)) {
+  if (!buffs_ || !pages_ || !table_.reserve(buffs_.get(), most) || !add_buffers(count)) {
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(most);
@@ -307,7 +325,14 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
 
 Buffer* Pool::bfgetblk(std::int32_t block) {
   Buffer* buffer = table_.find(block, filep);
-  if (buffer == nullptr) {
+  if (buffer != nullptr) {
+    // Under way while the buffer's own line is waited for.
+    const Byte* const page =
+        pages_.get() + static_cast<std::size_t>(buffer - buffs_.get()) * kPageStride;
+    __builtin_prefetch(page);
+    __builtin_prefetch(page + 64);
+    __builtin_prefetch(page + 512);
+  } else {
     buffer = victim();
     if (buffer == nullptr) common::error("no more buffers");
     reuse(buffer, block);
