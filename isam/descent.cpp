@@ -121,20 +121,23 @@ int Descent::compare_bytes(const StoredItem& stored, int& match) const {
 // from the one sought where its predecessor does, so the outcome is the same. Any other has those
 // leading bytes in common with the one sought, and is compared behind them.
 bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
-  StoredItem stored;
+  const int keylen = layout_.keylen;
   int match = 0;
-  for (int pos = 0;; pos = stored.end) {
-    if (!itlocate(layout_, area, pos, stored)) return false;
-    const bool last = stored.end == level.length;
-    if (covers_all(last)) return settle(level, pos, stored.end, 0);
-    const bool same_outcome = stored.repeats ? match < layout_.keylen : stored.leadc > match;
+  ItemWalk walk{layout_, area};
+  while (walk.next()) {
+    const bool last = walk.is_last();
+    if (covers_all(last)) return settle(level, walk.start(), walk.end(), 0);
+    const bool same_outcome = walk.repeats() ? match < keylen : walk.leadc() > match;
+    if (same_outcome && !last) continue;
     int result = 1;
     if (!same_outcome) {
+      const StoredItem stored = walk.item();
       result = stored.repeats ? 0 : compare_bytes(stored, match);
       if (result == 0) result = break_tie(stored_dupnm(layout_, stored.behind_key()));
     }
-    if (result < 0 || last) return settle(level, pos, stored.end, result);
+    if (result < 0 || last) return settle(level, walk.start(), walk.end(), result);
   }
+  return false;
 }
 
 // What the item takes from its predecessor it shares with the one sought, which lies between them.

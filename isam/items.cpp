@@ -34,20 +34,20 @@ class Offsets {
  public:
   // False when no item ends at `pos`.
   [[nodiscard]] bool find(const ItemLayout& layout, ConstBytes area, int pos) {
-    StoredItem stored;
-    for (int at = 0; at < pos; at = stored.end) {
-      if (count_ == kMostItems || !itlocate(layout, area, at, stored)) return false;
-      offsets_[count_++] = static_cast<std::uint16_t>(at);
-      end_ = stored.end;
+    std::size_t count = 0;
+    ItemWalk walk{layout, area};
+    while (walk.end() < pos) {
+      if (count == kMostItems || !walk.next()) return false;
+      offsets_[count++] = static_cast<std::uint16_t>(walk.start());
     }
-    return count_ > 0 && end_ == pos;
+    count_ = count;
+    return count > 0 && walk.end() == pos;
   }
   [[nodiscard]] std::size_t size() const { return count_; }
   [[nodiscard]] int operator[](std::size_t index) const { return offsets_[index]; }
 
  private:
   std::size_t count_ = 0;
-  int end_ = 0;
   std::array<std::uint16_t, kMostItems> offsets_;
 };
 

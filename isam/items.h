@@ -63,27 +63,75 @@ struct StoredItem {
   [[nodiscard]] const Byte* behind_key() const { return key + keyln; }
 };
 
+// Goes over the stored items of an area from its first on, without putting their keys together. It
+// reaches past nothing, whatever the bytes say.
+class ItemWalk {
+ public:
+  ItemWalk(const ItemLayout& layout, ConstBytes area, int pos = 0)
+      : begin_(area.data()),
+        size_(static_cast<int>(area.size())),
+        keylen_(layout.keylen),
+        fixed_(layout.dupwidth + kRecordPointerSize),
+        lcounts_(layout.lcompress),
+        tcounts_(layout.tcompress),
+        start_(pos),
+        end_(pos),
+        repeat_bit_(pos > 0 ? begin_[pos - kRecordPointerSize] : Byte{0}) {}
+
+  // Goes to the next item: false when its stored counts are impossible or it runs past the area.
+  [[nodiscard]] bool next() {
+    start_ = end_;
+    repeats_ = (repeat_bit_ & kRepeatBit) != 0;
+    key_ = start_;
+    leadc_ = tailc_ = keyln_ = 0;
+    if (!repeats_) {
+      if (size_ - start_ < int{lcounts_} + int{tcounts_}) return false;
+      if (lcounts_) leadc_ = begin_[key_++];
+      if (tcounts_) tailc_ = begin_[key_++];
+      keyln_ = keylen_ - leadc_ - tailc_;
+      if (keyln_ < 0) return false;
+    }
+    end_ = key_ + keyln_ + fixed_;
+    if (end_ > size_) return false;
+    repeat_bit_ = begin_[end_ - kRecordPointerSize];
+    return true;
+  }
+
+  // The item that the walk has come to.
+  [[nodiscard]] int start() const { return start_; }
+  [[nodiscard]] int end() const { return end_; }
+  [[nodiscard]] int leadc() const { return leadc_; }
+  [[nodiscard]] bool repeats() const { return repeats_; }
+  [[nodiscard]] bool is_last() const { return end_ == size_; }
+  [[nodiscard]] StoredItem item() const {
+    return {begin_ + key_, leadc_, tailc_, keyln_, repeats_, end_};
+  }
+
+ private:
+  const Byte* begin_;
+  int size_;
+  int keylen_;
+  int fixed_;
+  bool lcounts_;
+  bool tcounts_;
+  int start_;
+  int end_;
+  int key_ = 0;
+  int leadc_ = 0;
+  int tailc_ = 0;
+  int keyln_ = 0;
+  bool repeats_ = false;
+  Byte repeat_bit_;  // of the record pointer before end_
+};
+
 // Finds the parts of the item at `pos` of an item area, which it does not reach past: false when
 // the stored counts are impossible or the item runs past the area.
 [[nodiscard]] inline bool itlocate(const ItemLayout& layout, ConstBytes area, int pos,
                                    StoredItem& stored) {
-  const Byte* at = area.data() + pos;
-  const auto room = static_cast<int>(area.size()) - pos;
-  const int fixed = layout.dupwidth + kRecordPointerSize;
-  int counts = 0;
-  stored.repeats = pos > 0 && (at[-kRecordPointerSize] & kRepeatBit) != 0;
-  stored.leadc = stored.tailc = stored.keyln = 0;
-  if (!stored.repeats) {
-    counts = int{layout.lcompress} + int{layout.tcompress};
-    if (room < counts) return false;
-    if (layout.lcompress) stored.leadc = *at++;
-    if (layout.tcompress) stored.tailc = *at++;
-    stored.keyln = layout.keylen - stored.leadc - stored.tailc;
-  }
-  const int total = counts + stored.keyln + fixed;
-  stored.key = at;
-  stored.end = pos + total;
-  return stored.keyln >= 0 && total <= room;
+  ItemWalk walk{layout, area, pos};
+  if (!walk.next()) return false;
+  stored = walk.item();
+  return true;
 }
 
 // The numbers behind an item's key bytes.
