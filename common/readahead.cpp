@@ -1,5 +1,7 @@
 #include "common/readahead.h"
 
+#include <algorithm>
+
 #include "common/io.h"
 
 namespace common {
@@ -14,6 +16,7 @@ void ReadAhead::fill(int fd, std::int64_t offset) {
   const ssize_t got = read_at(fd, {window_.get(), kWindow}, offset);
   offset_ = offset;
   length_ = got < 0 ? 0 : static_cast<std::size_t>(got);
+  if (got >= 0 && length_ < kWindow) end_ = offset + got;
 }
 
 ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {
@@ -25,6 +28,7 @@ ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {
   const bool forward = offset >= expected_ && offset <= expected_ + kReach * size;
   run_ = forward ? run_ + 1 : 0;
   expected_ = offset + size;
+  if (offset >= end_) return 0;
 
   if (!covers(fd, offset, to.size()) && run_ >= kRunBeforeFilling) fill(fd, offset);
   if (covers(fd, offset, to.size())) {
@@ -35,8 +39,10 @@ ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {
 }
 
 void ReadAhead::overwritten(int fd, std::int64_t offset, std::size_t length) {
-  if (fd == fd_ && offset < offset_ + static_cast<std::int64_t>(length_) &&
-      offset + static_cast<std::int64_t>(length) > offset_) {
+  if (fd != fd_) return;
+  const std::int64_t written_end = offset + static_cast<std::int64_t>(length);
+  if (end_ != kUnknown) end_ = std::max(end_, written_end);
+  if (offset < offset_ + static_cast<std::int64_t>(length_) && written_end > offset_) {
     length_ = 0;
   }
 }
@@ -45,6 +51,7 @@ void ReadAhead::forget(int fd) {
   if (fd != fd_) return;
   fd_ = -1;
   length_ = 0;
+  end_ = kUnknown;
   run_ = 0;
 }
 

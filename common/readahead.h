@@ -3,7 +3,8 @@
 // Gives   read(): the same bytes and the same failures as read_at(), at a fraction of the calls
 //         while reads go forward through the file
 // Keeps   the window never serves bytes that this process has overwritten: writers call
-//         overwritten(), and whoever learns that another process wrote calls forget()
+//         overwritten(), and whoever learns that another process wrote, or closes the file, calls
+//         forget(). Once the end of the file was met, what lies behind it costs no call
 // Never   reads ahead on random access, nor reports a failure that lies beyond the bytes asked for
 #pragma once
 
@@ -30,6 +31,7 @@ class ReadAhead {
   [[nodiscard]] bool covers(int fd, std::int64_t offset, std::size_t length) const;
   void fill(int fd, std::int64_t offset);
 
+  static constexpr std::int64_t kUnknown = INT64_MAX;
   static constexpr std::size_t kWindow = std::size_t{64} * 1024;
   static constexpr int kRunBeforeFilling = 2;  // forward reads that make a run sequential
   static constexpr std::int64_t kReach = 4;    // pages that a run may skip
@@ -38,7 +40,8 @@ class ReadAhead {
   int fd_ = -1;
   std::int64_t offset_ = 0;
   std::size_t length_ = 0;
-  std::int64_t expected_ = 0;  // where the last read ended
+  std::int64_t end_ = kUnknown;  // of the file, once a read has come to it
+  std::int64_t expected_ = 0;    // where the last read ended
   int run_ = 0;
 };
 

@@ -25,7 +25,8 @@ constexpr int kMaxBuffers = 32766;
 constexpr std::size_t kMostAdded = 2048;      // more than one call changes
 constexpr std::uint64_t kNodeLifetimes = 64;  // of an unused data block
 constexpr std::size_t kLongestRun = 40;       // blocks, more than the longest record takes
-constexpr std::size_t kPageStride = 1088;     // room for a node of 1025 bytes, in whole cache lines
+constexpr std::int64_t kSystemPage = 4096;
+constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
 
 // Finds the buffer of a page. Open addressing in one array of small slots: a look-up reads one line
 // of it, and much of it stays in the processor's caches.
@@ -163,11 +164,13 @@ class Pool {
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
   int bfwrite(Buffer* buffer);
+  void write_delayed(Buffer* buffer);
   void modified(Buffer* buffer);
   int bfprocess(FileRecord& file, bool write);
   int bfcommit(FileRecord& file, int (*dictionary)());
   static int bfdiscard(FileRecord& file);
   void bfignor(FileRecord& file);
+  void closing(const FileRecord& file) { data_window_.forget(file.datfd); }
 
  private:
   // Where a page stands: descriptor, byte offset, length.
@@ -187,6 +190,7 @@ class Pool {
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const FileRecord& file);
   static int make_room(const std::vector<Buffer*>& pages);
+  Buffer* delayed_beside(const Buffer& buffer, int step) const;
   int write_run(std::size_t& at);
   int write_in_order(const FileRecord& file, int (*dictionary)());
   bool load(Buffer& buffer);
@@ -205,7 +209,7 @@ class Pool {
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;
-  std::vector<Byte> run_;  // neighbouring data blocks on their way out
+  std::vector<Byte> run_;  // neighbouring pages on their way out
 };
 
 std::unique_ptr<Pool> the_pool;
@@ -314,7 +318,7 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
     // kept in the file record and reported at the end.
     const KeepError keep;
     buffer->file->spilled = true;
-    bfwrite(buffer);
+    write_delayed(buffer);
   }
   if (buffer->file != nullptr) table_.erase(buffer);
   buffer->block = block;
@@ -425,6 +429,43 @@ int Pool::bfwrite(Buffer* buffer) {
   return -1;
 }
 
+// A buffer beside another one of the same file, with a modified idle page; null when there is none.
+Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
+  if (buffer.block == (step < 0 ? kDataBlock : INT32_MAX)) return nullptr;
+  Buffer* const beside = table_.find(buffer.block + step, buffer.file);
+  const bool waits = beside != nullptr && (beside->flags & (kModified | kBusy)) == kModified;
+  return waits ? beside : nullptr;
+}
+
+// Writes a page, and in one piece with it those beside it that wait as well, within one page of the
+// system: it takes small writes into what was written in large pieces badly.
+void Pool::write_delayed(Buffer* buffer) {
+  const auto system_page = [](const Buffer& of) { return bfmapaddr(of).offset / kSystemPage; };
+  const std::int64_t within = system_page(*buffer);
+  Buffer* first = buffer;
+  for (Buffer* at = buffer; at != nullptr && system_page(*at) == within;) {
+    first = at;
+    at = delayed_beside(*at, -1);
+  }
+  Buffer* const after = delayed_beside(*first, 1);
+  if (after == nullptr || system_page(*after) != within) {
+    bfwrite(first);
+    return;
+  }
+  const Place place = bfmapaddr(*first);
+  FileRecord& file = *first->file;
+  run_.clear();
+  for (Buffer* at = first; at != nullptr && system_page(*at) == within;) {
+    run_.insert(run_.end(), at->page, at->page + place.length);
+    modified_out(at);
+    at = delayed_beside(*at, 1);
+  }
+  window_of(place.kind).overwritten(place.fd, place.offset, run_.size());
+  if (common::write_at(place.fd, run_, place.offset) == 0) return;
+  failed_system(errno, Operation::kWrite, place.kind);
+  if (file.failed_write.error == 0) file.failed_write = {iserrno, iserrio};
+}
+
 const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
   to_write_.clear();
   for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
@@ -436,7 +477,9 @@ const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
 int Pool::bfprocess(FileRecord& file, bool write) {
   const std::vector<Buffer*>& pages = modified_pages(file);
   if (write) {
-    for (Buffer* page : pages) bfwrite(page);
+    for (Buffer* page : pages) {
+      if ((page->flags & kModified) != 0) write_delayed(page);
+    }
   }
   return static_cast<int>(pages.size());
 }
@@ -625,6 +668,10 @@ int bfpend(FileRecord& file) { return bfprocess(file, false); }
 
 void bfignor(FileRecord& file) {
   if (the_pool) the_pool->bfignor(file);
+}
+
+void bfclosing(const FileRecord& file) {
+  if (the_pool) the_pool->closing(file);
 }
 
 std::uint64_t bfgeneration() { return ++last_generation; }

@@ -131,6 +131,9 @@ int bfdiscard(FileRecord& file);
 int bfpend(FileRecord& file);
 // Forgets every idle page of a file. A modified one is fatal: its change would be lost.
 void bfignor(FileRecord& file);
+// The descriptor of a file's data is about to be closed: nothing that was read ahead through it is
+// kept.
+void bfclosing(const FileRecord& file);
 // A generation that no file has had yet, for a record that takes up another file.
 [[nodiscard]] std::uint64_t bfgeneration();
 

@@ -72,6 +72,7 @@ FileRecord* free_file_record() {
 }
 
 void close_data(FileRecord& file) {
+  bfclosing(file);
   file.data_map.forget();
   if (file.datfd >= 0) common::close_file(file.datfd);
   file.datfd = -1;

@@ -105,7 +105,7 @@ TEST_P(Interrupted, AKillAtAnyWriteIsMendedByTheNextRun) {
     restore();
     ++writes;
   }
-  EXPECT_GT(writes, 20);
+  EXPECT_GT(writes, 10);
   EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
 }
 
@@ -116,7 +116,7 @@ TEST_P(Interrupted, AFullDiskIsReportedAndMendedByTheNextRun) {
     const Image bytes = read_file(folder_ / "report");
     const std::string report(bytes.begin(), bytes.end());
     if (report.find("SYSTEM ERROR 28: write(index): ") == std::string::npos) {
-      EXPECT_GT(writes, 20);
+      EXPECT_GT(writes, 10);
       EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{}) << report;
       return;
     }

@@ -1,6 +1,7 @@
 #include "isam/buffers.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -116,12 +117,40 @@ TEST(BuffersDeathTest, AFailedWriteIsKeptAndNotRepeated) {
       return -1;
     };
     filep->exclusives = 1;  // so that changed pages go when their buffers are needed
-    for (int node = 20; node < 26; ++node) bfgetclr(node).release();
+    for (int node = 20; node < 80; node += 10) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);  // the calls that reused the buffers did not fail
     EXPECT_EQ(filep->failed_write.error, EIO);
     EXPECT_EQ(filep->failed_write.place, 0x51);
     EXPECT_EQ(bfflush(*filep), 4);
     EXPECT_EQ(bfpend(*filep), 0);
+  });
+}
+
+int writes = 0;
+
+TEST(BuffersDeathTest, DelayedNeighboursAreWrittenInOnePiece) {
+  in_own_process("16", [] {
+    // Nodes 41 to 44 share a page of the system; 45 stands in the next one.
+    for (const int node : {43, 41, 45, 42, 44}) {
+      PageHold page = bfgetclr(node);
+      page.data()[100] = static_cast<Byte>(node);
+      page.set_frame(node, 0, 0);
+    }
+    common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
+                                       off_t offset) -> ssize_t {
+      ++writes;
+      return ::pwrite(fd, from, count, offset);
+    };
+    EXPECT_EQ(bfflush(*filep), 5);
+    EXPECT_EQ(writes, 2);
+    EXPECT_EQ(bfpend(*filep), 0);
+    bfignor(*filep);
+    for (int node = 41; node <= 45; ++node) {
+      const PageHold page = bfread(node);
+      ASSERT_TRUE(page);
+      EXPECT_EQ(page.data()[100], node);
+      EXPECT_EQ(page.used(), node);
+    }
   });
 }
 
