@@ -1,5 +1,7 @@
 #include "isam/cursor.h"
 
+#include <algorithm>
+
 #include "isam/btree.h"
 #include "isam/current.h"
 #include "isam/datafile.h"
@@ -56,6 +58,8 @@ int position_by_number(ReadMode mode) {
 std::int32_t next_present(std::int32_t number, bool backwards) {
   constexpr int kPatience = 64;  // absent records in a row before the file's size is asked for
   std::int32_t last = dictp->d_nextdata();
+  // A position may stand anywhere behind the last number.
+  if (backwards) number = std::min(number, last);
   for (int absent = 0; number >= 1 && number <= last; number += backwards ? -1 : 1) {
     const int present = datacheck(number);
     if (present != 0) return present < 0 ? -1 : number;
