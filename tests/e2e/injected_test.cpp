@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <regex>
 #include <set>
+#include <string_view>
 #include <utility>
 
 #include "common/io.h"
@@ -93,8 +94,11 @@ int lock_or_fail(int fd, int command, struct flock* lock) {
   return ::fcntl(fd, command, lock);
 }
 
+// Settings files may be missing or not; it is the pair that counts.
 int open_or_fail(const char* path, int flags, mode_t permissions) {
-  return is_hit(Target::kOpen) ? -1 : ::open(path, flags, permissions);
+  const std::string_view name = path;
+  const bool of_pair = name.ends_with(".idx") || name.ends_with(".dat");
+  return of_pair && is_hit(Target::kOpen) ? -1 : ::open(path, flags, permissions);
 }
 
 // ---- What is done meanwhile.
