@@ -504,10 +504,11 @@ Turn turn_of(const Buffer& page) {
   const bool removes = page.file->gives_number;
   if (page.block < 0) return removes ? Turn::kGoingRecord : Turn::kRecord;
   if (lengthens(page)) return Turn::kLengthens;
+  if ((page.flags & kGivesUp) != 0) return Turn::kGivesUp;
   if (page.level == kFreeLevel && page.node_type >= kIndexFreeNode) {
     return removes && page.node_type == kServiceNode ? Turn::kGivenNumber : Turn::kFreeList;
   }
-  return (page.flags & kGivesUp) != 0 ? Turn::kGivesUp : Turn::kNode;
+  return Turn::kNode;
 }
 
 // Where data blocks will lengthen the file, zero bytes do so first: absent records, whatever comes
@@ -622,6 +623,8 @@ void PageHold::gives_up() const {
   modified();
   buffer_->flags |= kGivesUp;
 }
+
+bool PageHold::is_given_up() const { return (buffer_->flags & kGivesUp) != 0; }
 
 void PageHold::release() {
   if (buffer_ != nullptr) the_pool->bfrelease(std::exchange(buffer_, nullptr));

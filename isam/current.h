@@ -63,16 +63,17 @@ struct FileRecord {
   int maxreclen = 0;  // greatest record length; reclen for fixed length
   int idxsize = 0;    // node size minus one
   bool varlen = false;
-  std::uint64_t lastuse = 0;          // value of the use counter at the last call
-  std::uint64_t generation = 0;       // of its pages in the pool: pages of another one are stale
-  Buffer* modified = nullptr;         // its modified pages in the pool
-  std::int32_t nodes_before = 0;      // when the call began: highest node in use
-  std::int64_t blocks_before = 0;     // ... and data blocks that its records took
-  std::int32_t numbers_before = 0;    // ... highest data record number,
-  std::int32_t free_list_before = 0;  // ... head of the list of free ones
-  bool gives_number = false;          // this call gives a record's number back
-  bool spilled = false;               // a changed page has been written during this call
-  bool keeps_changes = false;         // what this call changed stays even if it fails
+  std::uint64_t lastuse = 0;           // value of the use counter at the last call
+  std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale
+  Buffer* modified = nullptr;          // its modified pages in the pool
+  std::int32_t nodes_before = 0;       // when the call began: highest node in use
+  std::int64_t blocks_before = 0;      // ... and data blocks that its records took
+  std::int32_t numbers_before = 0;     // ... highest data record number,
+  std::int32_t free_list_before = 0;   // ... head of the list of free ones
+  std::int32_t free_nodes_before = 0;  // ... and of that of free nodes
+  bool gives_number = false;           // this call gives a record's number back
+  bool spilled = false;                // a changed page has been written during this call
+  bool keeps_changes = false;          // what this call changed stays even if it fails
   Dictionary dictionary{};
   std::vector<keydescr> keys;         // its key descriptions, as of
   std::uint64_t keys_generation = 0;  // ... this generation

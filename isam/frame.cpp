@@ -51,6 +51,7 @@ void note_beginning() {
       (std::int64_t{dictp->d_nextdata()} * slot_size() + kPageSize - 1) / kPageSize;
   filep->numbers_before = dictp->d_nextdata();
   filep->free_list_before = dictp->d_freedata();
+  filep->free_nodes_before = dictp->d_freenode();
   filep->gives_number = filep->spilled = filep->keeps_changes = false;
 }
 
@@ -134,28 +135,41 @@ bool take_back() {
   return true;
 }
 
-// The dictionary in the middle of a commit. A number that is given back is still in use: as long as
-// an index may refer to it, nobody else gets it.
-int write_with_number_in_use() {
-  const std::int32_t numbers = dictp->d_nextdata();
-  const std::int32_t free_list = dictp->d_freedata();
-  if (!filep->gives_number ||
-      (numbers == filep->numbers_before && free_list == filep->free_list_before)) {
-    return dictwrite();
+// The list of free nodes without heads that are written after the records that used them.
+std::int32_t free_nodes_written() {
+  const KeepError keep;
+  std::int32_t head = dictp->d_freenode();
+  for (std::int32_t left = dictp->d_nextnode(); head != 0 && left > 0; --left) {
+    const PageHold page = bfread(head);
+    if (!page) return 0;
+    if (!page.is_given_up()) break;
+    head = common::ldlong(page.data() + kLinkOffset);
   }
-  dictp->set_d_nextdata(filep->numbers_before);
-  dictp->set_d_freedata(filep->free_list_before);
-  const int result = dictwrite();
-  dictp->set_d_nextdata(numbers);
-  dictp->set_d_freedata(free_list);
-  dictmodify();
-  return result;
+  return head;
+}
+
+// The dictionary in the middle of a commit. What the call gives back is still in use: as long as an
+// index or a record may refer to it, nobody else gets it.
+Dictionary with_given_in_use() {
+  Dictionary early = *dictp;
+  if (filep->gives_number) {
+    early.set_d_nextdata(filep->numbers_before);
+    early.set_d_freedata(filep->free_list_before);
+  }
+  if (filep->varlen && dictp->d_freenode() != filep->free_nodes_before) {
+    early.set_d_freenode(free_nodes_written());
+  }
+  return early;
 }
 
 // All that a call changed, while others wait: 0 or -1.
 int commit() {
-  if (bfcommit(*filep, write_with_number_in_use) != 0) return -1;
-  return (filep->flags & kDictionaryChanged) != 0 ? dictwrite() : 0;
+  const Dictionary after = *dictp;
+  *dictp = with_given_in_use();
+  const bool differs = std::memcmp(dictp->raw, after.raw, sizeof after.raw) != 0;
+  const int result = bfcommit(*filep, dictwrite);
+  *dictp = after;
+  return result == 0 && differs ? dictwrite() : result;
 }
 
 void write_changes() {
