@@ -89,6 +89,7 @@ class PageHold {
   void modified() const;
   // ... and gives up what a record may still refer to: it is written after the records.
   void gives_up() const;
+  // ... whatever it has become since.
   [[nodiscard]] bool is_given_up() const;
   void release();
   // Writes the page now and gives it back: 0, or -1 with iserrno.
