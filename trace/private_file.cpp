@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <utility>
 
 namespace trace {
 namespace {
@@ -26,7 +27,7 @@ std::string target_of_own_link(const std::string& path) {
   std::array<char, PATH_MAX> text;
   const ssize_t length = ::readlinkat(link.get(), "", text.data(), text.size());
   if (length <= 0) return {};
-  const std::string target(text.data(), static_cast<std::size_t>(length));
+  std::string target(text.data(), static_cast<std::size_t>(length));
   if (target.front() == '/') return target;
   return path.substr(0, path.rfind('/') + 1) + target;  // npos + 1 is 0
 }
