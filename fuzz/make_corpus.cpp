@@ -1,5 +1,6 @@
-// make_corpus: the inputs that fuzzing starts from, one file each: small pairs of every node size,
-// fixed and variable in length, sound and with one thing wrong.
+// make_corpus: the inputs that fuzzing starts from, one file each: in the folder "pairs" small
+// pairs of every node size, fixed and variable in length, sound and with one thing wrong; in "logs"
+// logs.
 //
 //   make_corpus FOLDER
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <iterator>
 #include <string>
 
+#include "fuzz/log_corpus.h"
 #include "tests/support/layout.h"
 #include "tests/support/pair_builder.h"
 #include "tests/support/pair_walk.h"
@@ -123,8 +125,10 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   try {
-    fs::create_directories(argv[1]);
-    write_corpus(argv[1]);
+    const fs::path folder = fs::absolute(argv[1]);
+    fs::create_directories(folder / "pairs");
+    write_corpus(folder / "pairs");
+    fuzz::write_log_corpus(folder / "logs");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_corpus: %s\n", error.what());
     return EXIT_FAILURE;
