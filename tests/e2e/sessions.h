@@ -5,17 +5,16 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 #include <string>
 
 #include "isam.h"
+#include "tests/support/common_memory.h"
 
 namespace testing_support {
 
@@ -96,26 +95,6 @@ struct Session {
     return call(isfd, arguments..., record.data());
   }
 };
-
-// Memory that the processes started after it have in common.
-template <typename T>
-class Common {
- public:
-  Common()
-      : at_(::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) {
-    if (at_ == MAP_FAILED) throw std::bad_alloc();
-    new (at_) T{};
-  }
-  ~Common() { ::munmap(at_, sizeof(T)); }
-  Common(const Common&) = delete;
-  Common& operator=(const Common&) = delete;
-  T& operator*() const { return *static_cast<T*>(at_); }
-  T* operator->() const { return static_cast<T*>(at_); }
-
- private:
-  void* at_;
-};
-
 // Runs `work` in a process of its own, which does not live for ever.
 template <typename Work>
 pid_t start_process(Work work) {
