@@ -14,7 +14,12 @@ class Recover : public LogTest {
  protected:
   static RunResult isrecover(Words words, const std::string& folder = ".") {
     words.insert(words.begin(), ISRECOVER_PROGRAM);
-    return run_program({.words = std::move(words), .folder = folder, .seconds = 30});
+    RunResult run = run_program(
+        {.words = std::move(words), .folder = folder, .environment = {}, .seconds = 30});
+    EXPECT_TRUE(run.status >= kAll && run.status <= kFailed && !run.timed_out) << run.signal;
+    // A sanitizer's report ends the program with a status like any other.
+    EXPECT_FALSE(has(run.err, "Sanitizer") || has(run.err, "runtime error")) << run.err;
+    return run;
   }
   static bool has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
@@ -217,22 +222,18 @@ TEST_P(Recover, EndsByItselfWhateverTheLogHolds) {
   for (std::size_t size = 1; size < most; ++size) {
     write_file("damaged", Image(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)));
     const RunResult run = isrecover({"-n", "-x", "damaged"});
-    ASSERT_EQ(run.signal, 0) << size;
     const bool at_end = std::ranges::count(ends, size) != 0;
     ASSERT_EQ(run.status, size < 4 ? kFailed : at_end ? kAll : kSome) << size << run.out;
     ASSERT_EQ(has(run.out, "ends with a part of a record"), size > 4 && !at_end) << size;
   }
-  for (std::size_t at = 4; at < whole.size(); at += at < most ? 1 : 7) {
+  for (std::size_t at = 4; at < whole.size(); at += at < most ? 2 : 11) {
     Image log = whole;
     log[at] = static_cast<Byte>(log[at] ^ (at % 3 == 0 ? 0xFF : 1 << (at % 8)));
     write_file("damaged", log);
     const RunResult run = isrecover({"-n", "-x", "damaged"});
-    ASSERT_EQ(run.signal, 0) << at;
-    ASSERT_TRUE(run.status == kAll || run.status == kSome) << at << run.out << run.err;
+    ASSERT_NE(run.status, kFailed) << at << run.out << run.err;
     if (at % 5 != 0) continue;
-    const RunResult replayed = isrecover({"-k", "-a", "-v", "-C", restored(), "damaged"});
-    ASSERT_EQ(replayed.signal, 0) << at;
-    ASSERT_GE(replayed.status, kAll) << at;
+    isrecover({"-k", "-a", "-v", "-C", restored(), "damaged"});
   }
 }
 
@@ -338,13 +339,13 @@ TEST_P(RecoverAudit, GoesOnBehindDamage) {
   const Image whole = read_file("trail");
   for (std::size_t size = 1; size < whole.size(); ++size) {
     write_file("trail", Image(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)));
-    ASSERT_EQ(isrecover({"--audit", "stock"}).signal, 0) << size;
+    isrecover({"--audit", "stock"});
   }
   for (std::size_t at = 0; at < whole.size(); at += 3) {
     Image trail = whole;
     trail[at] ^= 0xFF;
     write_file("trail", trail);
-    ASSERT_EQ(isrecover({"--audit", "-x", "stock"}).signal, 0) << at;
+    isrecover({"--audit", "-x", "stock"});
   }
   Image trail = whole;
   trail[1] = 'd';
