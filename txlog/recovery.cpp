@@ -69,11 +69,19 @@ struct Held {
   std::int32_t length;
 };
 
+// An insertion outside transactions that is the last a writer has logged. The writer may have been
+// killed before it was made.
+struct Doubtful {
+  ReplayFileRef file;
+  std::int32_t number = 0;
+};
+
 // One process that wrote the log.
 struct Writer {
   bool begun = false;
   std::vector<Held> held;
   std::map<int, ReplayFileRef> opens;  // by the writer's number
+  Doubtful last;
 };
 
 class Recovery {
@@ -116,6 +124,7 @@ class Recovery {
     const auto found = writers_.find(record.process());
     Writer* writer = found == writers_.end() ? nullptr : &found->second;
     const Held held{offset, record.length()};
+    if (writer != nullptr) writer->last = {};
     switch (type) {
       case LogType::kUnknown:
         return stop(record);
@@ -277,10 +286,32 @@ class Recovery {
       case LogType::kDelete:
         return lgdelete(isfd, image->number);
       case LogType::kInsert:
-        return lginsert(isfd, image->number, image->new_image, How::kRedo);
+        return apply_insert(isfd, *image, writer);
       default:
         return lgupdate(isfd, image->number, image->new_image);
     }
+  }
+
+  int apply_insert(int isfd, const Image& image, Writer& writer) {
+    const ReplayFileRef& file = writer.opens[image.open];
+    int result = lginsert(isfd, image.number, image.new_image, How::kRedo);
+    if (result != 0 && iserrno == kBadRecordNumber && revoke(*file, image.number) &&
+        lgdelete(isfd, image.number) == 0) {
+      result = lginsert(isfd, image.number, image.new_image, How::kRedo);
+    }
+    if (result == 0 && !writer.begun) writer.last = {file, image.number};
+    return result;
+  }
+
+  // Whether a number was taken by an insertion that was not made after all: its writer was killed
+  // when it had logged it, and another process was given the same number.
+  bool revoke(const ReplayFile& file, std::int32_t number) {
+    for (auto& [process, writer] : writers_) {
+      if (writer.last.file.get() != &file || writer.last.number != number) continue;
+      writer.last = {};
+      return true;
+    }
+    return false;
   }
 
   int apply_open(const LogRecord& record, Writer& writer) {

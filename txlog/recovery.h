@@ -9,6 +9,9 @@
 //     ^                held                          RW: what was not undone
 //     |  a BW without an end before it: the writer was killed, what is held is dropped
 //
+// An insertion that a killed process had logged and not made gives way to the next one that got its
+// number.
+//
 // Needs   the log open (islogopen)
 // Keeps   Y1 any bytes for a log: a record is used only as far as it reaches, held records cost
 // less

@@ -245,6 +245,21 @@ TEST_P(HandMadeLogs, MixWritersAndReuseTheirNumbers) {
   EXPECT_EQ(isrecnum, 2) << "the number in between is free";
 }
 
+TEST_P(HandMadeLogs, TellOfInsertionsThatKilledProcessesDidNotMake) {
+  log_.opens(LogType::kOpened, 7, 3, "pair");
+  log_.opens(LogType::kOpened, 8, 3, "pair");
+  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0), false);
+  log_.image(LogType::kInsert, 7, 3, 2, row(2, 0), false);  // killed before it was made
+  log_.image(LogType::kInsert, 8, 3, 2, row(3, 0), false);
+  log_.save();
+  EXPECT_EQ(replay(), 0) << iserrno;
+  EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(3, 0)}));
+  log_.image(LogType::kInsert, 8, 3, 1, row(4, 0), false);  // that one was made: more followed it
+  log_.save();
+  EXPECT_EQ(replay(), -1);
+  EXPECT_EQ(iserrno, ISERECNUM);
+}
+
 TEST_P(HandMadeLogs, StopAtWhatCannotBe) {
   struct Case {
     const char* what;
