@@ -229,7 +229,7 @@ extern "C" int isbuild(const char* name, int reclen, struct keydescr* key, int m
   });
 }
 
-extern "C" int iserase(const char* name) {
+static int erase_call(const char* name) {
   const int isfd = open_alone(name);
   if (isfd < 0) {
     constexpr std::int32_t kOpenData = 0x12;
@@ -256,7 +256,11 @@ extern "C" int iserase(const char* name) {
   return end_without_open();
 }
 
-extern "C" int isrename(const char* oldname, const char* newname) {
+extern "C" int iserase(const char* name) {
+  return traced("iserase", kNoNumber, name, Carries::kName, [=] { return erase_call(name); });
+}
+
+static int rename_call(const char* oldname, const char* newname) {
   clear_errors();
   if (ckfilname(oldname) != 0 || ckfilname(newname) != 0) return end_without_open();
   const int isfd = open_alone(oldname);
@@ -269,6 +273,11 @@ extern "C" int isrename(const char* oldname, const char* newname) {
   isclose(isfd);
   if (reason != 0) failed_system(reason);
   return end_without_open();
+}
+
+extern "C" int isrename(const char* oldname, const char* newname) {
+  return traced("isrename", kNoNumber, newname, Carries::kName,
+                [=] { return rename_call(oldname, newname); });
 }
 
 extern "C" int isremlock(const char* name) {

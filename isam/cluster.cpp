@@ -10,6 +10,7 @@
 #include "isam/frame.h"
 #include "isam/keychain.h"
 #include "isam/tempname.h"
+#include "isam/traced.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
 
@@ -167,7 +168,7 @@ int cluster(const Old& old, keydescr& key) {
 
 using namespace isam;
 
-extern "C" int iscluster(int isfd, struct keydescr* key) {
+static int cluster_call(int isfd, keydescr* key) {
   if (key == nullptr) return end_with(kBadArgument);
   Old old{};
   if (look(isfd, *key, old) != 0) return -1;
@@ -176,4 +177,9 @@ extern "C" int iscluster(int isfd, struct keydescr* key) {
   const int result = cluster(old, *key);
   ismaxfds = kept;
   return result == 0 ? isopen(old.name.c_str(), old.mode) : end_with(iserrno);
+}
+
+extern "C" int iscluster(int isfd, struct keydescr* key) {
+  return traced("iscluster", isfd, reinterpret_cast<const char*>(key), Carries::kDescription,
+                [=] { return cluster_call(isfd, key); });
 }

@@ -13,6 +13,7 @@
 #include "isam/keychain.h"
 #include "isam/keytable.h"
 #include "isam/opening.h"
+#include "isam/traced.h"
 #include "locale/collation.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
@@ -128,18 +129,28 @@ int change_indexes(int isfd, keydescr* key, Change change) {
 
 using namespace isam;
 
-extern "C" int isaddindex(int isfd, struct keydescr* key) {
+static int add_call(int isfd, keydescr* key) {
   return change_indexes(isfd, key, [](keydescr& k) {
     add_index(k);
     bt = openp->position;
   });
 }
 
-extern "C" int isdelindex(int isfd, struct keydescr* key) {
+extern "C" int isaddindex(int isfd, struct keydescr* key) {
+  return traced("isaddindex", isfd, reinterpret_cast<const char*>(key), Carries::kDescription,
+                [=] { return add_call(isfd, key); });
+}
+
+static int drop_call(int isfd, keydescr* key) {
   const int result = change_indexes(isfd, key, drop_index);
   if (result == 0 && kynchar(*key) && !needs_locale()) {
     dictp->set_d_collate(false);
     dictmodify();
   }
   return result;
+}
+
+extern "C" int isdelindex(int isfd, struct keydescr* key) {
+  return traced("isdelindex", isfd, reinterpret_cast<const char*>(key), Carries::kDescription,
+                [=] { return drop_call(isfd, key); });
 }

@@ -10,6 +10,7 @@
 #include "isam/freelists.h"
 #include "isam/keychain.h"
 #include "isam/keytable.h"
+#include "isam/traced.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
 
@@ -67,7 +68,7 @@ int look_at(const char* name, Look look) {
 
 using namespace isam;
 
-extern "C" int isdictinfo(int isfd, struct dictinfo* info) {
+static int info_call(int isfd, dictinfo* info) {
   if (isenter(isfd, kReading) != 0) return -1;
   if (info == nullptr) {
     failed(kBadArgument);
@@ -77,7 +78,12 @@ extern "C" int isdictinfo(int isfd, struct dictinfo* info) {
   return isexit();
 }
 
-extern "C" int iskeyinfo(int isfd, struct keydescr* key, int n) {
+extern "C" int isdictinfo(int isfd, struct dictinfo* info) {
+  return traced("isdictinfo", isfd, reinterpret_cast<const char*>(info), Carries::kReceivesInfo,
+                [=] { return info_call(isfd, info); });
+}
+
+static int key_call(int isfd, keydescr* key, int n) {
   if (isenter(isfd, kReading) != 0) return -1;
   if (key == nullptr) {
     failed(kBadArgument);
@@ -85,6 +91,11 @@ extern "C" int iskeyinfo(int isfd, struct keydescr* key, int n) {
     static_cast<void>(fill(*key, n));
   }
   return isexit();
+}
+
+extern "C" int iskeyinfo(int isfd, struct keydescr* key, int n) {
+  return traced("iskeyinfo", isfd, reinterpret_cast<const char*>(key), Carries::kDescription,
+                [=] { return key_call(isfd, key, n); });
 }
 
 extern "C" int isindexinfo(int isfd, void* buffer, int n) {
@@ -98,7 +109,7 @@ extern "C" int iststindex(int isfd, struct keydescr* key) {
   return isexit();
 }
 
-extern "C" int isuniqueid(int isfd, int32_t* id) {
+static int take_id_call(int isfd, int32_t* id) {
   if (isenter(isfd, kToWrite) != 0) return -1;
   if (id == nullptr) {
     failed(kBadArgument);
@@ -114,17 +125,25 @@ extern "C" int isuniqueid(int isfd, int32_t* id) {
   return isexit();
 }
 
+extern "C" int isuniqueid(int isfd, int32_t* id) {
+  return traced("isuniqueid", isfd, [=] { return take_id_call(isfd, id); });
+}
+
 extern "C" int iscurruniq(int isfd, int32_t* id) {
   return tell<std::int32_t>(isfd, id, [](const Dictionary& d) { return d.d_uniqid(); });
 }
 
-extern "C" int issetunique(int isfd, int32_t id) {
+static int set_id_call(int isfd, int32_t id) {
   if (isenter(isfd, kToWrite) != 0) return -1;
   if (log_id(id, true) == 0 && dictp->d_uniqid() < id) {
     dictp->set_d_uniqid(id);
     dictmodify();
   }
   return isexit();
+}
+
+extern "C" int issetunique(int isfd, int32_t id) {
+  return traced("issetunique", isfd, [=] { return set_id_call(isfd, id); });
 }
 
 extern "C" int isaltchk(int isfd, int32_t* count) {

@@ -2,6 +2,7 @@
 #include "isam/errors.h"
 #include "isam/frame.h"
 #include "isam/locks.h"
+#include "isam/traced.h"
 
 namespace isam {
 namespace {
@@ -20,16 +21,24 @@ int lock_or_unlock(bool take) {
 
 using namespace isam;
 
-extern "C" int islock(int isfd) {
+static int lock_call(int isfd) {
   if (isenter(isfd, kToLook) != 0) return -1;
   lock_or_unlock(true);
   return isexit();
 }
 
-extern "C" int isunlock(int isfd) {
+extern "C" int islock(int isfd) {
+  return traced("islock", isfd, [=] { return lock_call(isfd); });
+}
+
+static int unlock_call(int isfd) {
   if (isenter(isfd, kToLook | kShared) != 0) return -1;
   lock_or_unlock(false);
   return isexit();
+}
+
+extern "C" int isunlock(int isfd) {
+  return traced("isunlock", isfd, [=] { return unlock_call(isfd); });
 }
 
 extern "C" int isfilelocked(int isfd, int how) {

@@ -292,16 +292,24 @@ extern "C" int iscleanup(void) {
   return 0;
 }
 
-extern "C" int isrelease(int isfd) {
+static int release_call(int isfd) {
   if (isenter(isfd, kToLook | kShared) != 0) return -1;
   release_locks();
   return isexit();
 }
 
-extern "C" int isflush(int isfd) {
+extern "C" int isrelease(int isfd) {
+  return traced("isrelease", isfd, [=] { return release_call(isfd); });
+}
+
+static int flush_call(int isfd) {
   if (isenter(isfd, kToRead) != 0) return -1;
   write_delayed();
   return isexit();
+}
+
+extern "C" int isflush(int isfd) {
+  return traced("isflush", isfd, [=] { return flush_call(isfd); });
 }
 
 extern "C" int isbatch(int n) {

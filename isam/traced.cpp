@@ -40,17 +40,29 @@ ConstBytes sent(const Exchange& exchange) {
       return record_of(exchange, 0);
     case Carries::kRecord:
       return record_of(exchange, isreclen);
+    case Carries::kDescription:
+      return bytes_of(exchange.buffer, sizeof(keydescr));
     case Carries::kNothing:
     case Carries::kReceives:
+    case Carries::kReceivesInfo:
       break;
   }
   return {};
 }
 
 ConstBytes received(const Exchange& exchange, int result) {
-  const bool receives =
-      exchange.carries == Carries::kReceives || exchange.carries == Carries::kKeyAndReceives;
-  return receives && result == 0 ? record_of(exchange, isreclen) : ConstBytes{};
+  if (result < 0) return {};
+  switch (exchange.carries) {
+    case Carries::kReceives:
+    case Carries::kKeyAndReceives:
+      return record_of(exchange, isreclen);
+    case Carries::kDescription:
+      return bytes_of(exchange.buffer, sizeof(keydescr));
+    case Carries::kReceivesInfo:
+      return bytes_of(exchange.buffer, sizeof(dictinfo));
+    default:
+      return {};
+  }
 }
 
 template <typename... Values>

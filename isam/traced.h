@@ -21,6 +21,8 @@ enum class Carries {
   kRecord,    // a record, as long as it is to be written
   kReceives,  // nothing yet: the record that is read
   kKeyAndReceives,
+  kDescription,   // a key description, which the call may fill in
+  kReceivesInfo,  // nothing yet: a struct dictinfo
 };
 
 constexpr int kNoNumber = INT32_MIN;  // a call that concerns no open

@@ -6,6 +6,7 @@
 #include "isam/errors.h"
 #include "isam/files.h"
 #include "isam/frame.h"
+#include "isam/traced.h"
 #include "txlog/audit.h"
 
 namespace isam::txlog {
@@ -83,9 +84,14 @@ int run(char* name, int mode) {
 
 using namespace isam;
 
-extern "C" int isaudit(int isfd, char* name, int mode) {
+static int audit_call(int isfd, char* name, int mode) {
   const bool looks = mode == AUDGETNAME || mode == AUDINFO;
   if (isenter(isfd, looks ? kToRead | kShared : kToWrite) != 0) return -1;
   txlog::run(name, mode);
   return isexit();
+}
+
+extern "C" int isaudit(int isfd, char* name, int mode) {
+  return traced("isaudit", isfd, name, mode == AUDSETNAME ? Carries::kName : Carries::kNothing,
+                [=] { return audit_call(isfd, name, mode); });
 }

@@ -9,6 +9,7 @@
 
 #include "common/io.h"
 #include "isam/errors.h"
+#include "isam/traced.h"
 #include "txlog/apply.h"
 #include "txlog/errorlog.h"
 #include "txlog/logfile.h"
@@ -430,9 +431,13 @@ int recover(int mode, RecoveryObserver& observer) {
 
 }  // namespace isam::txlog
 
-extern "C" int isrecvr(int mode) {
+static int recover_call(int mode) {
   isam::txlog::RecoveryObserver silent;
   return isam::txlog::recover(mode, silent);
+}
+
+extern "C" int isrecvr(int mode) {
+  return isam::traced("isrecvr", mode, [=] { return recover_call(mode); });
 }
 
 extern "C" int isrecover(void) { return isrecvr(0); }

@@ -67,6 +67,8 @@ TEST_F(Trace, ShowsWhatIsExchanged) {
   EXPECT_EQ(iserrno, ISEEND);
   EXPECT_EQ(isdelcurr(isfd), 0);
   EXPECT_EQ(isbegin(), -1);
+  dictinfo info{};
+  EXPECT_EQ(isdictinfo(isfd, &info), 0);
   EXPECT_EQ(isclose(isfd), 0);
   EXPECT_EQ(isread(isfd, record, RD_EQUAL), -1);
 
@@ -98,6 +100,9 @@ TEST_F(Trace, ShowsWhatIsExchanged) {
       "< isdelcurr 0 = 0",
       "> isbegin",
       "< isbegin = -1, error 122, status 9000",
+      "> isdictinfo 0",
+      "< isdictinfo 0 = 0, 16 bytes",
+      "     0  01 00 00 00 14 00 00 00  FF 03 00 00 00 00 00 00  |................|",
       "> isclose 0",
       "< isclose 0 = 0",
       "> isread 0",
