@@ -24,7 +24,7 @@ ReplayFileRef ReplayFiles::addopfile(std::string_view name, bool varlen) {
     file->varlen = varlen;
     found = files_.emplace(file->name, file).first;
   }
-  const ReplayFileRef file = found->second;
+  ReplayFileRef file = found->second;
   if (txoopen(*file) == 0) {
     ++file->count;
     return file;
