@@ -86,8 +86,8 @@ TEST_F(FileMapTest, AnotherMappingsMissingPageStillEndsTheProcess) {
   void* const pages = ::mmap(nullptr, kSize, PROT_READ, MAP_SHARED, fd_, 0);
   ASSERT_NE(pages, MAP_FAILED);
   ASSERT_EQ(::ftruncate(fd_, 0), 0);
-  EXPECT_EXIT(std::fputc(static_cast<volatile Byte*>(pages)[100'000], stderr),
-              testing::KilledBySignal(SIGBUS), "");
+  // By the signal, or by the handler of before, such as a sanitizer's.
+  EXPECT_DEATH(std::fputc(static_cast<volatile Byte*>(pages)[100'000], stderr), "");
   ::munmap(pages, kSize);
 }
 
