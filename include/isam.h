@@ -29,6 +29,11 @@
  * fields are stored with the st...() functions and read with the ld...() functions below. With
  * variable length, a record is as long as isreclen says, from the minimum to the maximum length.
  *
+ * File names are taken as they are, relative to the folder of the moment: a program that changes
+ * its folder uses absolute ones. Locks belong to the process: closing an open, or releasing its
+ * locks, may also release those that other opens of the same file in the process hold. After a
+ * fork() the child uses none of the opens of its parent.
+ *
  * Environment, each looked up once on first use; marvolen.rc(5) tells where else it may be set:
  *   ISAMBUFS             page buffers of 1 KiB shared by all files, 4 to 32766 (default 16);
  *                        a call that changes more pages gets more

@@ -265,9 +265,14 @@ static int rename_call(const char* oldname, const char* newname) {
   if (ckfilname(oldname) != 0 || ckfilname(newname) != 0) return end_without_open();
   const int isfd = open_alone(oldname);
   if (isfd < 0) return end_without_open();
-  if (move_pair(oldname, newname) == 0) {
-    open_of(isfd)->file->name = newname;
-    if (txflag != kNotLogging) txlog::islogrename(oldname, newname);
+  const bool logs = txflag != kNotLogging;
+  if (!logs || txlog::islogrename(oldname, newname) == 0) {
+    if (move_pair(oldname, newname) == 0) {
+      open_of(isfd)->file->name = newname;
+    } else if (logs) {
+      const KeepError keep;
+      txlog::islogrename(newname, oldname);
+    }
   }
   const std::int32_t reason = iserrno;
   isclose(isfd);

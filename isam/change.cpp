@@ -67,6 +67,7 @@ class KeptPosition {
 // A change locks its record; outside ISAUTOLOCK it is enough that nobody else has it locked.
 int lock_for_change(std::int32_t number) {
   const bool keeps = (openp->mode & ISAUTOLOCK) != 0 || may_be_undone();
+  if (may_be_undone()) filep->keeps_locks = true;
   if (keeps) return lkrecord(number, RecordLock::kTry);
   if (filep->held.contains(number) || filep->releasable.contains(number)) return 0;
   return lkrecord(number, RecordLock::kTest);

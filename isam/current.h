@@ -54,6 +54,8 @@ struct FileRecord {
   RecordSet releasable;         // ... of which isrelease may let go during a transaction
   dev_t device = 0;             // identity of the index file
   ino_t inode = 0;
+  dev_t data_device = 0;  // ... and of the data file
+  ino_t data_inode = 0;
   std::uint32_t stamp = 0;  // change stamp last seen in this process
   int datfd = -1;           // -1 while vclose has it closed
   int idxfd = -1;
@@ -63,6 +65,7 @@ struct FileRecord {
   int maxreclen = 0;  // greatest record length; reclen for fixed length
   int idxsize = 0;    // node size minus one
   bool varlen = false;
+  bool keeps_locks = false;            // a transaction has changed records of it
   std::uint64_t lastuse = 0;           // value of the use counter at the last call
   std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale
   Buffer* modified = nullptr;          // its modified pages in the pool

@@ -93,7 +93,8 @@ void freefile(FileRecord& file) {
   if (!stays) close_file_record(file);
 }
 
-// A record of this name that stands for another file than the one on disk (none: identity null).
+// An idle record of this name that stands for another file than the one on disk (none: identity
+// null). One in use serves its opens on; files are shared by their identity, not by their names.
 void retire_replaced(std::string_view name, const struct stat* identity) {
   for (const auto& file : files) {
     if (!is_open(file) || file->name != name) continue;
@@ -101,11 +102,7 @@ void retire_replaced(std::string_view name, const struct stat* identity) {
         file->inode == identity->st_ino) {
       continue;
     }
-    if (file->usecount == 0) {
-      close_file_record(*file);
-    } else {
-      file->flags |= kNotShared;
-    }
+    if (file->usecount == 0) close_file_record(*file);
   }
 }
 
@@ -241,8 +238,15 @@ FileRecord* allocfile(std::string_view name, int mode) {
   if (!index) return nullptr;
   common::FileHold data = open_data_file(name, mode, access);
   if (!data) return nullptr;
+  struct stat data_status {};
+  if (common::system_calls().fstat(data.get(), &data_status) != 0) {
+    failed_system(errno);
+    return nullptr;
+  }
   *file = FileRecord{};
   file->name = name;
+  file->data_device = data_status.st_dev;
+  file->data_inode = data_status.st_ino;
   file->device = status.st_dev;
   file->inode = status.st_ino;
   file->idxfd = index.release();
@@ -257,6 +261,12 @@ FileRecord* allocfile(std::string_view name, int mode) {
 int reopen_data(FileRecord& file) {
   common::FileHold fd = open_of_pair(mkdatname(file.name), file.datmode, FileKind::kData);
   if (!fd) return -1;
+  struct stat status {};
+  if (common::system_calls().fstat(fd.get(), &status) != 0) return failed_system(errno);
+  // Another file has the name by now, or the name is relative to another folder.
+  if (status.st_dev != file.data_device || status.st_ino != file.data_inode) {
+    return failed_system(ESTALE, Operation::kOpen, FileKind::kData);
+  }
   file.datfd = fd.release();
   return 0;
 }

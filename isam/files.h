@@ -5,7 +5,8 @@
 // Keeps   F1 a pair is opened once per process and shared by its opens: closing any descriptor of
 //            a file would drop all locks of the process on it
 //         F2 every descriptor is close-on-exec
-//         F3 a record whose file was replaced on disk serves its opens on, but no new one
+//         F3 a record whose file was replaced on disk serves its opens on: pairs are told apart by
+//            their identity, whatever their names are
 // Gives   the current context for whoever works on a pair
 #pragma once
 

@@ -155,10 +155,22 @@ int take_file_lock() {
   return 0;
 }
 
+void release_releasable() {
+  while (!filep->releasable.empty()) {
+    const std::int32_t number = filep->releasable.numbers().back();
+    filep->releasable.erase(number);
+    request_record(F_SETLK, F_UNLCK, number);
+  }
+}
+
+// While a transaction has changed records of the file, only what was read is let go: the locks
+// belong to the process, so that any of its opens could release them.
 int release_file_lock() {
   const bool holds = (openp->flags & kHoldsFileLock) != 0;
   if (!holds && (openp->flags & kHoldsRecordLocks) == 0) return 0;
-  if (filep->filelocks < 2 || !holds) {
+  if (filep->keeps_locks && txflag == kInTransaction) {
+    release_releasable();
+  } else if (filep->filelocks < 2 || !holds) {
     if (request(F_SETLK, F_UNLCK, kRecordsStart, kRecordsLength) != 0) return refused(errno);
     filep->held.clear();
     filep->releasable.clear();
@@ -212,14 +224,10 @@ int lkfile(bool take) {
 }
 
 void lkrelease() {
-  if (filep->held.empty()) {
-    if (!filep->releasable.empty()) lkfile(false);
-    return;
-  }
-  while (!filep->releasable.empty()) {
-    const std::int32_t number = filep->releasable.numbers().back();
-    filep->releasable.erase(number);
-    request_record(F_SETLK, F_UNLCK, number);
+  if (!filep->held.empty()) {
+    release_releasable();
+  } else if (!filep->releasable.empty()) {
+    lkfile(false);
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "common/io.h"
 #include "environment/settings.h"
 #include "isam/btree.h"
 #include "isam/buffers.h"
@@ -153,10 +154,15 @@ bool is_writable(const OpenRecord& open) { return (open.mode & 3) != ISINPUT; }
 // An open that was closed in this transaction and serves again; null for none.
 OpenRecord* find_kept(const char* name, int mode) {
   const int wanted = (mode & 0xFF) | lock_mode_of(mode);
+  struct stat status {};
+  if (txflag == kNotLogging || common::system_calls().stat(mkidxname(name).c_str(), &status) != 0) {
+    return nullptr;
+  }
   for (int isfd = 0; isfd < nopens; ++isfd) {
     OpenRecord* const open = open_of(isfd);
     if (open != nullptr && (open->flags & kKept) != 0 && open->mode == wanted &&
-        (open->file->flags & kNotShared) == 0 && open->file->name == name) {
+        (open->file->flags & kNotShared) == 0 && open->file->name == name &&
+        open->file->device == status.st_dev && open->file->inode == status.st_ino) {
       return open;
     }
   }
@@ -204,7 +210,7 @@ bool close_waits() {
 
 // A transaction may have to undo changes made through the open.
 bool outlives_its_close(const OpenRecord& open) {
-  return txflag == kInTransaction && is_writable(open) && (open.mode & ISNOLOG) == 0 &&
+  return txlog::transaction_is_open() && is_writable(open) && (open.mode & ISNOLOG) == 0 &&
          (open.flags & kKept) == 0;
 }
 

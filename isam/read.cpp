@@ -88,7 +88,9 @@ void make_item_current() {
 }
 
 // In a transaction what was only read can be released before what was changed.
-LockList list_of_reads() { return may_be_undone() ? LockList::kReleasable : LockList::kHeld; }
+LockList list_of_reads() {
+  return txflag == kInTransaction ? LockList::kReleasable : LockList::kHeld;
+}
 
 enum class Outcome { kRead, kFailed, kKeptPlace, kMustWait };
 

@@ -37,9 +37,10 @@ int change_found(Find find, Change change) {
   return isexit();
 }
 
+// What is current may be locked by the read before: the lock stays for the change.
 template <typename Find>
-int rewrite_found(int isfd, const char* record, Current current, Find find) {
-  if (isenter(isfd, kToWrite) != 0) return refused_access('9');
+int rewrite_found(int isfd, const char* record, Current current, Find find, int entry = kToWrite) {
+  if (isenter(isfd, entry) != 0) return refused_access('9');
   const ConstBytes bytes = given_record(record);
   if (bytes.empty()) return isexit();
   return change_found(find, [&](const FoundRecord& found) {
@@ -56,8 +57,8 @@ int delete_current_or_other(const FoundRecord& found) {
 }
 
 template <typename Find>
-int delete_found(int isfd, Find find) {
-  if (isenter(isfd, kToWrite) != 0) return refused_access('9');
+int delete_found(int isfd, Find find, int entry = kToWrite) {
+  if (isenter(isfd, entry) != 0) return refused_access('9');
   return change_found(find, delete_current_or_other);
 }
 
@@ -103,8 +104,10 @@ extern "C" int isrewrite(int isfd, char* record) {
 }
 
 extern "C" int isrewcurr(int isfd, char* record) {
-  return traced("isrewcurr", isfd, record, Carries::kRecord,
-                [=] { return rewrite_found(isfd, record, Current::kMoves, find_current_record); });
+  return traced("isrewcurr", isfd, record, Carries::kRecord, [=] {
+    return rewrite_found(isfd, record, Current::kMoves, find_current_record,
+                         kToWrite | kKeepAutoLock);
+  });
 }
 
 extern "C" int isrewrec(int isfd, int32_t recnum, char* record) {
@@ -123,7 +126,8 @@ extern "C" int isdelete(int isfd, char* record) {
 }
 
 extern "C" int isdelcurr(int isfd) {
-  return traced("isdelcurr", isfd, [=] { return delete_found(isfd, find_current_record); });
+  return traced("isdelcurr", isfd,
+                [=] { return delete_found(isfd, find_current_record, kToWrite | kKeepAutoLock); });
 }
 
 extern "C" int isdelrec(int isfd, int32_t recnum) {

@@ -98,12 +98,16 @@ int set_audit_trail_name(std::string_view name) {
 
 int audopen() {
   if (!dictp->d_audits() || (filep->flags & kAuditOpen) != 0) return 0;
-  return open_trail(audit_trail_name());
+  if (open_trail(audit_trail_name()) == 0) return 0;
+  if (!logstate.in_rollback) return -1;
+  clear_errors();  // undoing matters more
+  return 0;
 }
 
 void audoutput(AuditLetter letter, std::int32_t number, ConstBytes record) {
   if (!dictp->d_audits() || (filep->flags & kAuditOpen) == 0) return;
   if (append_entry(build_entry(letter, number, record)) == 0) return;
+  if (logstate.in_rollback) clear_errors();
   filep->keeps_changes = true;
   logstate.image_logged = false;
 }

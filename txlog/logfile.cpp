@@ -119,8 +119,9 @@ void stamp(std::size_t at, Link previous, std::int32_t time) {
 }
 
 // Starts a piece with what goes before the record itself: how long that is.
-std::size_t lead_in(bool begins, const OpenRecord* opened) {
+std::size_t lead_in(bool owes, bool begins, const OpenRecord* opened) {
   piece.clear();
+  if (owes) static_cast<void>(RecordBuilder{piece, LogType::kRollback}.finish());
   if (begins) static_cast<void>(RecordBuilder{piece, LogType::kBegin}.finish());
   if (opened != nullptr) {
     RecordBuilder builder{piece, LogType::kOpened};
@@ -165,11 +166,12 @@ int sync_log() { return ::fdatasync(logstate.fd) == 0 ? 0 : failed_system(errno)
 int lkloglog(bool take) { return lock_whole_file(logstate.fd, take); }
 
 LogPiece::LogPiece(OpenRecord* open, LogType type, Linked linked)
-    : begins_(logstate.begin == Begin::kPending),
+    : owes_(logstate.owes_rollback),
+      begins_(logstate.begin == Begin::kPending),
       opens_(open != nullptr && (open->flags & kLogged) == 0),
       linked_(linked),
       open_(open),
-      start_(lead_in(begins_, opens_ ? open : nullptr)),
+      start_(lead_in(owes_, begins_, opens_ ? open : nullptr)),
       record_(piece, type) {}
 
 int LogPiece::writelog() {
@@ -177,24 +179,23 @@ int LogPiece::writelog() {
   Link chain = logstate.last;
   const std::int64_t end = append([&](std::int64_t at) {
     const std::int32_t time = now();
-    const std::size_t opened = begins_ ? static_cast<std::size_t>(length_at(0)) : 0;
-    if (begins_) {
-      stamp(0, chain, time);
-      chain = {at, length_at(0)};
-    }
-    if (opens_) stamp(opened, {}, time);
-    if (linked_ == Linked::kYes) {
-      before_image = chain;
-      stamp(start_, chain, time);
-      chain = {at + static_cast<std::int64_t>(start_), length_at(start_)};
-    } else {
-      before_image = chain;
-      stamp(start_, {}, time);
-    }
+    std::size_t here = 0;
+    const auto stamp_next = [&](Linked linked) {
+      const bool chained = linked == Linked::kYes;
+      stamp(here, chained ? chain : Link{}, time);
+      if (chained) chain = {at + static_cast<std::int64_t>(here), length_at(here)};
+      here += static_cast<std::size_t>(length_at(here));
+    };
+    if (owes_) stamp_next(Linked::kYes);
+    if (begins_) stamp_next(Linked::kYes);
+    if (opens_) stamp_next(Linked::kNo);
+    before_image = chain;
+    stamp_next(linked_);
   });
   if (end < 0) return -1;
   image_start = start_;
   logstate.last = chain;
+  logstate.owes_rollback = false;
   if (begins_) logstate.begin = Begin::kWritten;
   if (opens_) open_->flags |= kLogged;
   return 0;

@@ -29,8 +29,9 @@ struct LogState {
   int fd = -1;
   Begin begin = Begin::kNone;
   bool in_rollback = false;
-  Link last;                 // the last linked record of this process
-  std::int32_t process = 0;  // as stored in records: ids of the moment when the log was opened
+  bool owes_rollback = false;  // a rollback's end mark could not be written: it goes first
+  Link last;                   // the last linked record of this process
+  std::int32_t process = 0;    // as stored in records: ids of the moment when the log was opened
   int user = 0;
   bool is_suspended = false;
   int suspended = kNotLogging;  // txflag before it was suspended
@@ -39,6 +40,10 @@ struct LogState {
 extern LogState logstate;
 
 [[nodiscard]] inline bool log_is_open() { return logstate.fd >= 0; }
+// Whether a transaction is open, also while logging is suspended.
+[[nodiscard]] inline bool transaction_is_open() {
+  return (logstate.is_suspended ? logstate.suspended : txflag) == kInTransaction;
+}
 // Whether a change through the current open is logged.
 [[nodiscard]] inline bool logs_changes() {
   return txflag != kNotLogging && (openp->mode & ISNOLOG) == 0;
@@ -55,8 +60,8 @@ int lkloglog(bool take);
 
 enum class Linked : bool { kNo, kYes };
 
-// What one call appends to the log: the begin mark if it is due, the file-open record of the open
-// if the log does not have it, and the record itself.
+// What one call appends to the log: a rollback mark that is owed, the begin mark if it is due, the
+// file-open record of the open if the log does not have it, and the record itself.
 class LogPiece {
  public:
   // `open` may be null: then the record is about no open file.
@@ -67,6 +72,7 @@ class LogPiece {
   int writelog();
 
  private:
+  bool owes_;
   bool begins_;
   bool opens_;
   Linked linked_;

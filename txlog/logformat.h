@@ -146,6 +146,11 @@ class LogRecord {
   [[nodiscard]] ConstBytes bytes() const { return bytes_; }
   // What the header says; 0 to 65535.
   [[nodiscard]] int length() const { return common::ldword(&bytes_[record::kLength]); }
+  // Whether both ends, which `bytes` must hold, say the same length.
+  [[nodiscard]] bool is_sound() const {
+    return common::ldword(&bytes_[static_cast<std::size_t>(length() - record::kTrailer)]) ==
+           length();
+  }
   [[nodiscard]] LogType type() const { return getlogtype(&bytes_[record::kType]); }
   [[nodiscard]] std::string_view letters() const {
     return {reinterpret_cast<const char*>(&bytes_[record::kType]), 2};

@@ -84,15 +84,19 @@ void free_kept_storage(OpenRecord& open, bool commits) {
 
 // What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
 int settle(OpenRecord& open, bool commits) {
+  isbatch(2);  // what another open holds in batch mode goes before this one becomes current
   open.flags = static_cast<std::uint16_t>(open.flags & ~kUndoable);
   if (has_pending(open)) {
     if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
     free_kept_storage(open, commits);
-    if (isexit() != 0) return -1;
+    const int result = isexit();
+    isbatch(2);
+    if (result != 0) return -1;
   }
   if ((open.flags & kKept) != 0) return close_in_use(open);
   if ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0) return 0;
   make_current(open);
+  filep->keeps_locks = false;
   return lkfile(false);
 }
 
@@ -157,7 +161,9 @@ int roll_back() {
     logstate.in_rollback = false;
   }
   txflag = kLogging;
-  failure.note(mark_end(LogType::kRollback));
+  const int marked = mark_end(LogType::kRollback);
+  failure.note(marked);
+  if (marked != 0 && logstate.begin == Begin::kWritten) logstate.owes_rollback = true;
   logstate.begin = Begin::kNone;
   failure.note(settle_all(false));
   return failure.tell();
@@ -233,6 +239,10 @@ int close_call() {
   isresumlog();
   FirstFailure failure;
   if (txflag == kInTransaction) failure.note(isrollback());
+  if (logstate.owes_rollback) {
+    logstate.owes_rollback = false;
+    failure.note(log_end(LogType::kRollback));
+  }
   failure.note(leave_log());
   if (failure.tell() == 0) return 0;
   set_status("9090");
