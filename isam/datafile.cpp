@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "common/fatal.h"
 #include "common/io.h"
@@ -14,10 +15,12 @@ namespace {
 
 constexpr std::int64_t kBlocksAddressable = std::int64_t{INT32_MAX} + 1;
 
-// A place in the data file that moves forward, holding the block it stands in.
+// A place in the data file that moves forward, holding the block it stands in. One that will write
+// `ahead` bytes also holds the next block of these before it changes anything, so that no read
+// fails half way through a slot of two blocks.
 class Transfer {
  public:
-  explicit Transfer(std::int64_t offset) : offset_(offset) {}
+  explicit Transfer(std::int64_t offset, int ahead = 0) : offset_(offset), end_(offset + ahead) {}
 
   // Copies bytes out and moves on: 0, or -1.
   int read(Bytes to) {
@@ -60,16 +63,27 @@ class Transfer {
     if (block == held_) return 0;
     page_.release();
     held_ = -1;
-    if (block >= kBlocksAddressable) return failed(kCorrupted);
-    page_ = bfread_data(static_cast<std::int32_t>(block));
+    page_ = next_ ? std::move(next_) : read_block(block);
     if (!page_) return -1;
+    if (end_ > (block + 1) * kPageSize) {
+      next_ = read_block(block + 1);
+      if (!next_) return -1;
+    }
     held_ = block;
     return 0;
   }
 
+  static PageHold read_block(std::int64_t block) {
+    if (block < kBlocksAddressable) return bfread_data(static_cast<std::int32_t>(block));
+    failed(kCorrupted);
+    return {};
+  }
+
   std::int64_t offset_;
+  std::int64_t end_;
   std::int64_t held_ = -1;
   PageHold page_;
+  PageHold next_;
   Byte* here_ = nullptr;
 };
 
@@ -132,7 +146,7 @@ int put_record(std::int32_t k, ConstBytes record, Trailer& trailer, bool release
   } else {
     trailer.bytes[0] = kRecordPresent;
   }
-  Transfer to{slot_offset(k)};
+  Transfer to{slot_offset(k), slot_size()};
   return to.write(record.first(fixed)) != 0 ? -1 : to.write(trailer.stored());
 }
 
@@ -155,7 +169,7 @@ int remove_record(std::int32_t k, bool keep_storage) {
     if (!keep_storage) reference = 0;
   }
   trailer.set(kRecordAbsent, 0, reference);
-  Transfer to{slot_offset(k)};
+  Transfer to{slot_offset(k), slot_size()};
   if (write_zeros(to, static_cast<std::size_t>(filep->reclen)) != 0) return -1;
   return to.write(trailer.stored());
 }
