@@ -151,18 +151,21 @@ int set_up(OpenRecord& open, int mode) {
 
 bool is_writable(const OpenRecord& open) { return (open.mode & 3) != ISINPUT; }
 
+// Whether the name, relative to the folder of the moment, still leads to the pair.
+bool is_file_of(const FileRecord& file, const char* name) {
+  struct stat status {};
+  return common::system_calls().stat(mkidxname(name).c_str(), &status) == 0 &&
+         status.st_dev == file.device && status.st_ino == file.inode;
+}
+
 // An open that was closed in this transaction and serves again; null for none.
 OpenRecord* find_kept(const char* name, int mode) {
   const int wanted = (mode & 0xFF) | lock_mode_of(mode);
-  struct stat status {};
-  if (txflag == kNotLogging || common::system_calls().stat(mkidxname(name).c_str(), &status) != 0) {
-    return nullptr;
-  }
   for (int isfd = 0; isfd < nopens; ++isfd) {
     OpenRecord* const open = open_of(isfd);
     if (open != nullptr && (open->flags & kKept) != 0 && open->mode == wanted &&
         (open->file->flags & kNotShared) == 0 && open->file->name == name &&
-        open->file->device == status.st_dev && open->file->inode == status.st_ino) {
+        is_file_of(*open->file, name)) {
       return open;
     }
   }

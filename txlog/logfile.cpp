@@ -21,7 +21,7 @@ LogState logstate;
 namespace {
 
 constexpr std::size_t kWindow = 65536;
-// The longest piece: three records, two of which are short.
+// The longest piece: a record, and up to three short ones before it.
 constexpr std::int64_t kLongestPiece = record::kGreatest + 512;
 
 std::vector<Byte> piece;   // what is being appended; kept for its memory

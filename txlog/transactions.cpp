@@ -86,6 +86,7 @@ void free_kept_storage(OpenRecord& open, bool commits) {
 int settle(OpenRecord& open, bool commits) {
   isbatch(2);  // what another open holds in batch mode goes before this one becomes current
   open.flags = static_cast<std::uint16_t>(open.flags & ~kUndoable);
+  open.file->keeps_locks = false;
   if (has_pending(open)) {
     if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
     free_kept_storage(open, commits);
@@ -96,7 +97,6 @@ int settle(OpenRecord& open, bool commits) {
   if ((open.flags & kKept) != 0) return close_in_use(open);
   if ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0) return 0;
   make_current(open);
-  filep->keeps_locks = false;
   return lkfile(false);
 }
 

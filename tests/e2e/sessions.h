@@ -14,6 +14,7 @@
 #include <string>
 
 #include "isam.h"
+#include "tests/support/child_process.h"
 #include "tests/support/common_memory.h"
 
 namespace testing_support {
@@ -95,22 +96,6 @@ struct Session {
     return call(isfd, arguments..., record.data());
   }
 };
-// Runs `work` in a process of its own, which does not live for ever.
-template <typename Work>
-pid_t start_process(Work work) {
-  const pid_t child = ::fork();
-  if (child != 0) return child;
-  ::alarm(60);
-  work();
-  ::_exit(0);
-}
-
-// The status that waitpid gives: 0 for a process that ended by itself, a signal's number, ...
-inline int end_of(pid_t process) {
-  int status = -1;
-  ::waitpid(process, &status, 0);
-  return status;
-}
 
 inline void build_pair_of(const std::string& base, bool varying, int records) {
   EXPECT_EQ(end_of(start_process([&] {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/io.h"
+#include "tests/support/child_process.h"
 #include "tests/support/common_memory.h"
 #include "tests/txlog/log_worker.h"
 
@@ -18,22 +19,6 @@ namespace {
 int rounds() {
   const char* const text = std::getenv("KESTRO_CRASH_ROUNDS");
   return text == nullptr ? 6 : std::atoi(text);
-}
-
-// Runs `work` in a process of its own, which does not live for ever.
-template <typename Work>
-pid_t start_process(Work work) {
-  const pid_t child = ::fork();
-  if (child != 0) return child;
-  ::alarm(60);
-  work();
-  ::_exit(0);
-}
-
-int end_of(pid_t process) {
-  int status = -1;
-  ::waitpid(process, &status, 0);
-  return status;
 }
 
 // What is first amiss, in the order of ids; nothing when all is as expected.
