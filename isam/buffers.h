@@ -38,6 +38,8 @@
 
 namespace isam {
 
+enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp = 8 };
+
 // What a call touches of a buffer lies in one cache line.
 struct alignas(64) Buffer {
   std::uint16_t flags;  // BufferFlag
@@ -109,6 +111,13 @@ class PageHold {
 // the pool has a block of them, or when it takes more than a look into a mapping: then the blocks
 // are to be read.
 [[nodiscard]] bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind);
+// Takes two pieces that a call writes at `offset` of the current data file: they go there by
+// themselves when the call ends, and their blocks need not be read into the pool. False, with
+// nothing taken, when that cannot be or would not pay: then the blocks are to be changed.
+[[nodiscard]] bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second);
+// Writes what was taken so of the current file, whose other changes stay in the pool: so does this
+// one when it cannot be written.
+void bfsettle();
 // A node to be written as a whole: zeroed, valid and modified.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
 

@@ -44,6 +44,13 @@ struct FailedWrite {
   std::int32_t place = 0;  // as iserrio
 };
 
+// Bytes of the data file that the current call changes, to be written past the pool; empty for
+// none.
+struct DirectWrite {
+  std::int64_t offset = 0;
+  std::vector<Byte> bytes;
+};
+
 // One physical pair, shared by all its opens in the process.
 struct FileRecord {
   std::uint16_t flags = 0;
@@ -69,6 +76,8 @@ struct FileRecord {
   std::uint64_t lastuse = 0;           // value of the use counter at the last call
   std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale
   Buffer* modified = nullptr;          // its modified pages in the pool
+  DirectWrite direct;                  // ... and what is written past it
+  std::int64_t last_written = 0;       // offset of the record that was changed last
   std::int32_t nodes_before = 0;       // when the call began: highest node in use
   std::int64_t blocks_before = 0;      // ... and data blocks that its records took
   std::int32_t numbers_before = 0;     // ... highest data record number,

@@ -114,7 +114,9 @@ int check(const Trailer& trailer) {
   return sound ? 0 : failed(kCorrupted);
 }
 
+// Of a fixed-length record nothing is needed.
 int read_trailer(std::int32_t k, Trailer& trailer) {
+  if (!filep->varlen) return 0;
   Transfer from{slot_offset(k) + filep->reclen};
   return from.read(trailer.stored()) != 0 ? -1 : check(trailer);
 }
@@ -122,6 +124,13 @@ int read_trailer(std::int32_t k, Trailer& trailer) {
 int write_trailer(std::int32_t k, Trailer& trailer) {
   Transfer to{slot_offset(k) + filep->reclen};
   return to.write(trailer.stored());
+}
+
+int write_slot(std::int32_t k, ConstBytes fixed, Trailer& trailer) {
+  const std::int64_t offset = slot_offset(k);
+  if (!filep->varlen && bfdirect(offset, fixed, trailer.stored())) return 0;
+  Transfer to{offset, slot_size()};
+  return to.write(fixed) != 0 ? -1 : to.write(trailer.stored());
 }
 
 int read_variable_part(const Trailer& trailer, Bytes to) {
@@ -146,18 +155,7 @@ int put_record(std::int32_t k, ConstBytes record, Trailer& trailer, bool release
   } else {
     trailer.bytes[0] = kRecordPresent;
   }
-  Transfer to{slot_offset(k), slot_size()};
-  return to.write(record.first(fixed)) != 0 ? -1 : to.write(trailer.stored());
-}
-
-int write_zeros(Transfer& to, std::size_t count) {
-  static constexpr Byte kZeros[kPageSize] = {};
-  while (count > 0) {
-    const std::size_t chunk = std::min(count, sizeof kZeros);
-    if (to.write({kZeros, chunk}) != 0) return -1;
-    count -= chunk;
-  }
-  return 0;
+  return write_slot(k, record.first(fixed), trailer);
 }
 
 int remove_record(std::int32_t k, bool keep_storage) {
@@ -169,9 +167,8 @@ int remove_record(std::int32_t k, bool keep_storage) {
     if (!keep_storage) reference = 0;
   }
   trailer.set(kRecordAbsent, 0, reference);
-  Transfer to{slot_offset(k), slot_size()};
-  if (write_zeros(to, static_cast<std::size_t>(filep->reclen)) != 0) return -1;
-  return to.write(trailer.stored());
+  static constexpr Byte kZeros[INT16_MAX] = {};
+  return write_slot(k, {kZeros, static_cast<std::size_t>(filep->reclen)}, trailer);
 }
 
 }  // namespace
@@ -204,8 +201,11 @@ std::int32_t records_in_file() {
 
 int datacheck(std::int32_t k) {
   Byte state = 0;
-  Transfer from{slot_offset(k) + filep->reclen};
-  if (from.read({&state, 1}) != 0) return -1;
+  const std::int64_t offset = slot_offset(k) + filep->reclen;
+  if (!bfcopy_data(offset, {&state, 1}, {})) {
+    Transfer from{offset};
+    if (from.read({&state, 1}) != 0) return -1;
+  }
   return state == kRecordPresent ? 1 : 0;
 }
 

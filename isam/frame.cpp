@@ -113,6 +113,7 @@ void forget_call() {
 
 // What an exclusive open changes may wait. A lost page is told by the next call.
 void write_some() {
+  bfsettle();
   const FailedWrite lost = std::exchange(filep->failed_write, {});
   if ((filep->flags & kDictionaryChanged) != 0 && ++filep->calls_unwritten >= kCallsUnwritten) {
     dictwrite();
@@ -242,7 +243,7 @@ int isenter(int isfd, int entry) {
 }
 
 int write_delayed() {
-  if (filep->modified != nullptr) bfflush(*filep);
+  bfflush(*filep);
   return (filep->flags & kDictionaryChanged) != 0 ? dictwrite() : 0;
 }
 

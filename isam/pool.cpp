@@ -1,0 +1,208 @@
+#include "isam/pool.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "common/fatal.h"
+#include "environment/settings.h"
+
+namespace isam {
+namespace {
+
+constexpr int kMinBuffers = 4;
+constexpr int kMaxBuffers = 32766;
+static_assert(kMaxBuffers + kMostAdded < UINT16_MAX);  // the table numbers them in 16 bits
+constexpr std::uint64_t kNodeLifetimes = 64;           // of an unused data block
+constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
+
+}  // namespace
+
+std::unique_ptr<Pool> the_pool;
+
+Pool& pool() {
+  if (!the_pool) the_pool = std::make_unique<Pool>();
+  return *the_pool;
+}
+
+Pool::Pool() {
+  const auto count =
+      static_cast<std::size_t>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
+  const std::size_t most = most_buffers_ = count + kMostAdded;
+  buffs_ = common::make_arena<Buffer>(count, kMostAdded);
+  pages_ = common::make_arena<Byte>(count * kPageStride, kMostAdded * kPageStride);
+  if (!buffs_ || !pages_ || !table_.reserve(buffs_.get(), most) || !add_buffers(count)) {
+    common::error("cannot allocate buffers");
+  }
+  to_write_.reserve(most);
+  run_.reserve((kLongestRun + 1) * kPageSize);
+}
+
+// Puts buffers to use that have been spare: false without memory, with the pool as it was.
+bool Pool::add_buffers(std::size_t count) {
+  const std::size_t all = std::min(nbuffs_ + count, most_buffers_);
+  if (!nodes_.reserve(all) || !data_blocks_.reserve(all)) return false;
+  for (; nbuffs_ < all; ++nbuffs_) {
+    buffs_[nbuffs_].page = pages_.get() + nbuffs_ * kPageStride;
+    put_in_order(&buffs_[nbuffs_]);
+  }
+  return true;
+}
+
+Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
+  const FileRecord& file = *buffer.file;
+  if (buffer.block < 0) {
+    return {file.datfd, std::int64_t{buffer.block & INT32_MAX} * kPageSize, kPageSize,
+            FileKind::kData};
+  }
+  const int node_bytes = file.idxsize + 1;
+  return {file.idxfd, std::int64_t{buffer.block - 1} * node_bytes,
+          static_cast<std::size_t>(node_bytes), FileKind::kIndex};
+}
+
+void Pool::put_in_order(Buffer* buffer) {
+  buffer->released = ++releases_;
+  (buffer->block < 0 ? data_blocks_ : nodes_).released(buffer);
+}
+
+// The buffer that was released least recently, where a node counts as released later than it was:
+// it serves many records, a data block few. Null when every buffer is busy.
+Buffer* Pool::least_wanted() {
+  Buffer* const node = nodes_.oldest();
+  Buffer* const block = data_blocks_.oldest();
+  if (node == nullptr || block == nullptr) return node == nullptr ? block : node;
+  const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
+  return block->released < node->released + head_start ? block : node;
+}
+
+// The buffer to be reused. Pages that a call changed keep theirs until the call ends, so that its
+// changes can be taken back, or are written in their order: the pool grows for them. (Those of an
+// exclusive open go when they must.)
+Buffer* Pool::victim() {
+  const auto may_go = [](const Buffer* buffer) {
+    return (buffer->flags & kModified) == 0 || buffer->file->exclusives > 0;
+  };
+  Buffer* buffer = least_wanted();
+  for (std::size_t tries = 0; tries < nbuffs_ && buffer != nullptr && !may_go(buffer); ++tries) {
+    put_in_order(buffer);
+    buffer = least_wanted();
+  }
+  if (buffer == nullptr || may_go(buffer) || nbuffs_ >= most_buffers_) return buffer;
+  Buffer* const added = &buffs_[nbuffs_];
+  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : buffer;
+}
+
+// Gives an idle buffer to another page of the current file.
+void Pool::reuse(Buffer* buffer, std::int32_t block) {
+  if ((buffer->flags & kModified) != 0) {
+    // The failure belongs to the page that goes, not to the call that needs its buffer: it is
+    // kept in the file record and reported at the end.
+    const KeepError keep;
+    buffer->file->spilled = true;
+    write_delayed(buffer);
+  }
+  if (buffer->file != nullptr) table_.erase(buffer);
+  buffer->block = block;
+  buffer->file = filep;
+  buffer->flags = 0;
+  table_.insert(buffer);
+}
+
+Buffer* Pool::bfgetblk(std::int32_t block) {
+  Buffer* buffer = table_.find(block, filep);
+  if (buffer != nullptr) {
+    // Under way while the buffer's own line is waited for.
+    const Byte* const page =
+        pages_.get() + static_cast<std::size_t>(buffer - buffs_.get()) * kPageStride;
+    __builtin_prefetch(page);
+    __builtin_prefetch(page + 64);
+    __builtin_prefetch(page + 512);
+  } else {
+    buffer = victim();
+    if (buffer == nullptr) common::error("no more buffers");
+    reuse(buffer, block);
+  }
+  if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
+  if (buffer->generation != filep->generation) {
+    if ((buffer->flags & kModified) == 0) buffer->flags = 0;
+    buffer->generation = filep->generation;
+  }
+  buffer->flags |= kBusy;
+  return buffer;
+}
+
+bool Pool::load(Buffer& buffer) {
+  const Place place = bfmapaddr(buffer);
+  FileRecord& file = *buffer.file;
+  common::FileMap& map = place.kind == FileKind::kData ? file.data_map : file.index_map;
+  const ssize_t got =
+      window_of(place.kind).read(place.fd, map, {buffer.page, place.length}, place.offset);
+  const bool whole = got == static_cast<ssize_t>(place.length);
+  if (got < 0 || (!whole && place.kind == FileKind::kIndex)) {
+    failed_system(got < 0 && errno != 0 ? errno : kCorrupted, Operation::kRead, place.kind);
+    return false;
+  }
+  if (!whole) std::memset(buffer.page + got, 0, place.length - static_cast<std::size_t>(got));
+  if (place.kind == FileKind::kIndex) {
+    buffer.used = common::ldword(buffer.page) & 0x7FFF;
+    buffer.node_type = buffer.page[node_type_offset(buffer.file->idxsize)];
+    buffer.level = buffer.page[node_level_offset(buffer.file->idxsize)] & 0x7F;
+  }
+  buffer.flags |= kValid;
+  return true;
+}
+
+Buffer* Pool::bfread(std::int32_t block) {
+  if (block < 0 && !filep->direct.bytes.empty() && pool_direct() != 0) return nullptr;
+  Buffer* buffer = bfgetblk(block);
+  if ((buffer->flags & kValid) == 0 && !load(*buffer)) {
+    bfrelease(buffer);
+    return nullptr;
+  }
+  return buffer;
+}
+
+// Whether bytes of the current data file are in the file, to be had without a system call, and the
+// pool has none of their blocks as they are now.
+bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
+  if (offset < 0 || !filep->data_map.covers(size, offset)) return false;
+  const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
+  for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
+    if (block > INT32_MAX) return false;
+    const Buffer* const buffer = table_.find(static_cast<std::int32_t>(block) | kDataBlock, filep);
+    if (buffer != nullptr && buffer->generation == filep->generation) return false;
+  }
+  return true;
+}
+
+bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
+  FileRecord& file = *filep;
+  if (!file.direct.bytes.empty() || !only_in_file(offset, to.size() + behind.size())) return false;
+  const std::int64_t then = offset + static_cast<std::int64_t>(to.size());
+  return data_window_.read(file.datfd, file.data_map, to, offset) ==
+             static_cast<ssize_t>(to.size()) &&
+         file.data_map.read(file.datfd, behind, then) == static_cast<ssize_t>(behind.size());
+}
+
+Buffer* Pool::bfgetclr(std::int32_t block) {
+  Buffer* buffer = bfgetblk(block);
+  std::memset(buffer->page, 0, kPageStride);
+  buffer->used = 0;
+  buffer->node_type = buffer->level = 0;
+  modified(buffer);
+  return buffer;
+}
+
+void Pool::bfrelease(Buffer* buffer) {
+  if ((buffer->flags & kBusy) == 0) common::error("buffer not busy");
+  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kBusy);
+  if ((buffer->flags & kModified) != 0 && buffer->block >= 0) {
+    common::stword(buffer->used, buffer->page);
+    buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
+    buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
+  }
+  put_in_order(buffer);
+}
+
+}  // namespace isam
