@@ -9,6 +9,7 @@
 #include "isam/files.h"
 #include "isam/frame.h"
 #include "isam/keychain.h"
+#include "isam/opening.h"
 #include "isam/tempname.h"
 #include "isam/traced.h"
 #include "txlog/logfile.h"
@@ -171,6 +172,7 @@ using namespace isam;
 static int cluster_call(int isfd, keydescr* key) {
   if (key == nullptr) return end_with(kBadArgument);
   Old old{};
+  close_kept_beside(isfd);
   if (look(isfd, *key, old) != 0) return -1;
   const int kept = std::exchange(ismaxfds, 0);
   close_idle_files();

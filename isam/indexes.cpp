@@ -142,6 +142,7 @@ extern "C" int isaddindex(int isfd, struct keydescr* key) {
 }
 
 static int drop_call(int isfd, keydescr* key) {
+  close_kept_beside(isfd);
   const int result = change_indexes(isfd, key, drop_index);
   if (result == 0 && kynchar(*key) && !needs_locale()) {
     dictp->set_d_collate(false);

@@ -254,6 +254,16 @@ int close_in_use(OpenRecord& open) {
   return entered == 0 ? close_entered(open) : close_unentered(open);
 }
 
+void close_kept_beside(int isfd) {
+  const OpenRecord* const alone = open_of(isfd);
+  if (alone == nullptr || (alone->flags & kKept) != 0 || (alone->mode & ISEXCLLOCK) == 0) return;
+  for (int other = 0; other < nopens; ++other) {
+    OpenRecord* const open = open_of(other);
+    if (open == nullptr || open->file != alone->file) continue;
+    if ((open->flags & (kKept | kUndoable)) == kKept) close_in_use(*open);
+  }
+}
+
 namespace {
 
 int open_call(const char* name, int mode) {

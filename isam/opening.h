@@ -31,4 +31,8 @@ int close_open(OpenRecord& open);
 // good. 0, or -1 with iserrno.
 int close_in_use(OpenRecord& open);
 
+// Closes what a transaction keeps of the file of exclusive open `isfd`, as far as it has changed
+// nothing through it: before a change that only a single open may make.
+void close_kept_beside(int isfd);
+
 }  // namespace isam

@@ -302,6 +302,40 @@ TEST_P(Transactions, PutACloseOff) {
   EXPECT_EQ(rows(isfd_), Rows{row(1, 1)});
 }
 
+// An open that was closed inside a transaction is in the way of changes to the file as a whole only
+// when they could make its own changes impossible to undo.
+TEST_P(Transactions, GiveUpWhatTheyNeedNotKeep) {
+  ASSERT_EQ(write(isfd_, row(1, 1)), 0);
+  for (const bool changes : {false, true}) {
+    for (const bool clusters : {false, true}) {
+      ASSERT_EQ(::isbegin(), 0);
+      const int alone = ::isopen("pair", ISINOUT + ISEXCLLOCK + ISTRANS + format());
+      if (changes) {
+        ASSERT_EQ(write(isfd_, row(2, 1)), 0);
+      }
+      keydescr key = group_key();
+      const auto change = [&] {
+        return clusters ? ::iscluster(alone, &key) : ::isdelindex(alone, &key);
+      };
+      EXPECT_EQ(change(), -1) << "in use";
+      EXPECT_EQ(iserrno, ISEINUSE);
+      ASSERT_EQ(::isclose(isfd_), 0);
+      const int changed = change();
+      EXPECT_EQ(iserrno, changes ? ISEINUSE : 0);
+      EXPECT_EQ(changed < 0, changes);
+      if (changed == 0 && !clusters) {
+        EXPECT_EQ(::isaddindex(alone, &key), 0);
+      }
+      EXPECT_EQ(::isclose(clusters && changed >= 0 ? changed : alone), 0);
+      EXPECT_EQ(::isrollback(), 0);
+      isfd_ = open("pair");
+      EXPECT_EQ(rows(isfd_), Rows{row(1, 1)});
+    }
+  }
+  ::iscleanup();
+  EXPECT_EQ(faults("pair"), "");
+}
+
 TEST_P(Transactions, KeepWhatTheyChangeLocked) {
   for (int id = 1; id <= 3; ++id) ASSERT_EQ(write(isfd_, row(id, 0)), 0);
   // Another process looks at the lock of the record's number, which is its id here.
