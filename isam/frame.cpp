@@ -242,6 +242,13 @@ int isenter(int isfd, int entry) {
   return -1;
 }
 
+int reread_dictionary(int entry) {
+  if (dictread() != 0) return -1;
+  note_beginning();
+  notice_changes();
+  return (entry & kAnyLocale) != 0 ? 0 : check_locale();
+}
+
 int write_delayed() {
   bfflush(*filep);
   return (filep->flags & kDictionaryChanged) != 0 ? dictwrite() : 0;

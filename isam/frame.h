@@ -35,6 +35,9 @@ extern int batchflag;
 // isstat2 when it is open for another access) or whatever reading the dictionary fails with.
 int isenter(int isfd, int entry);
 
+// Reads the dictionary again during a call, as entering it has: 0, or -1 with iserrno.
+int reread_dictionary(int entry);
+
 // Writes all that an exclusive open has delayed: 0, or -1 with iserrno.
 int write_delayed();
 

@@ -133,13 +133,17 @@ int check_record_format(int mode) {
 }
 
 int set_up(OpenRecord& open, int mode) {
-  if (isenter(isfd_of(open), mode + 1 + kShared) != 0) return -1;
+  const int entry = mode + 1 + kShared;
+  if (isenter(isfd_of(open), entry) != 0) return -1;
   const int lock_mode = lock_mode_of(mode);
   open.mode |= lock_mode;
   if (lkopenlock(lock_mode) != 0) {
     open.mode &= 0xFF;
     return -1;
   }
+  // Until the lock was had, an exclusive open of another process may have been there, which writes
+  // its dictionary when it closes.
+  if (filep->usecount == 1 && reread_dictionary(entry) != 0) return -1;
   adopt_dictionary();
   if (settle_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
   if (mktemprec(filep->maxreclen) != 0) return -1;

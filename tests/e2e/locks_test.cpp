@@ -29,7 +29,7 @@ struct Answer {
   int number = 0;  // isrecnum
 };
 constexpr int kWaits = -1;         // its lock request has to wait; the answer will come
-constexpr int kPaused = -2;        // it stands before a read from a file
+constexpr int kPaused = -2;        // it stands before a read from a file, or before the open lock
 constexpr int kContradicted = -3;  // the result says otherwise than iserrno
 
 using Call = int (*)(Session& session, int first, int second);
@@ -40,8 +40,11 @@ struct Order {
   int second;
 };
 
+constexpr off_t kRecords = 0x40000000, kOpenLock = 0x7FFFFFFF;
+
 int line = -1;  // the process's end of the line to the test
 bool pause_before_read = false;
+bool pause_before_open_lock = false;
 int deadlocks_to_come = 0;
 int record_requests = 0;
 
@@ -54,7 +57,14 @@ bool receive(int from, T& what) {
   return ::recv(from, &what, sizeof what, MSG_WAITALL) == sizeof what;
 }
 
+void pause() {
+  Order go_on;
+  send(line, Answer{.error = kPaused});
+  receive(line, go_on);
+}
+
 int lock_and_tell(int fd, int command, struct flock* lock) {
+  if (lock->l_start == kOpenLock && std::exchange(pause_before_open_lock, false)) pause();
   const bool for_record = lock->l_start >= 0x40000000 && lock->l_len == 1 &&
                           lock->l_start < 0x7FFFFFFF && lock->l_type == F_WRLCK;
   if (for_record && command != F_GETLK) {
@@ -70,11 +80,7 @@ int lock_and_tell(int fd, int command, struct flock* lock) {
 }
 
 ssize_t read_and_pause(int fd, void* to, std::size_t count, off_t offset) {
-  Order go_on;
-  if (std::exchange(pause_before_read, false)) {
-    send(line, Answer{.error = kPaused});
-    receive(line, go_on);
-  }
+  if (std::exchange(pause_before_read, false)) pause();
   return ::pread(fd, to, count, offset);
 }
 
@@ -180,6 +186,11 @@ int pause_next(Session&, int, int) {
   pause_before_read = true;
   return 0;
 }
+int pause_open(Session&, int, int) {
+  ::iserrno = 0;
+  pause_before_open_lock = true;
+  return 0;
+}
 int meet_deadlocks(Session&, int times, int) {
   ::iserrno = 0;
   deadlocks_to_come = times;
@@ -192,8 +203,6 @@ int count_requests(Session&, int, int) {
 }
 
 // ---- Locks as another process sees them.
-
-constexpr off_t kRecords = 0x40000000, kOpenLock = 0x7FFFFFFF;
 
 struct Lock {
   short type = F_UNLCK;
@@ -389,6 +398,20 @@ TEST_F(Locks, AnExclusiveOpenAndOthersKeepEachOtherOut) {
   }
   b.kill();
   EXPECT_EQ(c(open, ISINOUT | ISEXCLLOCK), 0);
+}
+
+TEST_F(Locks, AnOpenGoesByWhatAnExclusiveOneHasLeft) {
+  Peer a(base_), b(base_);
+  ASSERT_EQ(a(open, ISINOUT | ISEXCLLOCK), 0);
+  for (int id = 20; id < 60; ++id) ASSERT_EQ(a(add, id, 1), 0);
+  b(pause_open);
+  EXPECT_EQ(b(open, ISINOUT | ISEXCLLOCK), kPaused);
+  EXPECT_EQ(a(close), 0);
+  EXPECT_EQ(b.go_on(), 0);
+  for (int id = 60; id < 80; ++id) EXPECT_EQ(b(add, id, 1), 0);
+  EXPECT_EQ(b(close), 0);
+  EXPECT_EQ(a(open, kManual), 0);
+  for (int id = 20; id < 80; ++id) EXPECT_EQ(a(read, RD_EQUAL, id), 0) << id;
 }
 
 TEST_F(Locks, ReadersShareTheFileAndWritersTakeTurns) {
