@@ -78,6 +78,8 @@ struct FileRecord {
   Buffer* modified = nullptr;          // its modified pages in the pool
   DirectWrite direct;                  // ... and what is written past it
   std::int64_t last_written = 0;       // offset of the record that was changed last
+  std::int32_t greatest_node = 0;      // that may be given out, by the file's size when last asked
+  std::int32_t greatest_record = 0;    // ... and record number
   std::int32_t nodes_before = 0;       // when the call began: highest node in use
   std::int64_t blocks_before = 0;      // ... and data blocks that its records took
   std::int32_t numbers_before = 0;     // ... highest data record number,

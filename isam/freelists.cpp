@@ -1,8 +1,10 @@
 #include "isam/freelists.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
+#include "common/io.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
 
@@ -73,9 +75,29 @@ PageHold list_node(FreeList list, std::int32_t node) {
   return page;
 }
 
+// Pages that may be missing at the end of a file at most. Those of an exclusive open wait in the
+// pool, which has fewer than 40,000 buffers, and go with it when its process is killed; that may
+// happen a few times before one reaches the file.
+constexpr std::int64_t kMostUnwritten = 1 << 17;
+
+// Whether a file can have come to hold `number`. The dictionary may name any, and a page written
+// there would make the file immense. Each page changed may be the only one of a long record, or
+// hold many short ones. The file's size is asked for once in a great many numbers.
+bool is_reachable(FreeList list, std::int32_t number) {
+  const bool nodes = list == FreeList::kNodes;
+  std::int32_t& known = nodes ? filep->greatest_node : filep->greatest_record;
+  if (number <= known) return true;
+  const int unit = nodes ? node_size() : slot_size();
+  const std::int64_t held = common::file_size(nodes ? filep->idxfd : filep->datfd) / unit;
+  const std::int64_t last = held + kMostUnwritten * (kPageSize / unit + 1);
+  known = static_cast<std::int32_t>(std::min<std::int64_t>(last, INT32_MAX));
+  return number <= known;
+}
+
 std::int32_t raise_highest(FreeList list) {
   const std::int32_t number = highest(list);
   if (number < lowest(list) - 1 || number == INT32_MAX) return failed(kCorrupted);
+  if (!is_reachable(list, number + 1)) return failed(kCorrupted);
   set_highest(list, number + 1);
   return number + 1;
 }

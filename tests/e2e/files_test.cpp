@@ -1,0 +1,53 @@
+// The files of a pair: what is done with them when they are not what or where they were.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/e2e/sessions.h"
+#include "tests/support/layout.h"
+#include "tests/support/pair_walk.h"
+#include "tests/support/run_program.h"
+
+namespace testing_support {
+namespace {
+
+class Files : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override { build_pair_of(base_, GetParam(), 30); }
+  [[nodiscard]] Session session(const std::string& base) const { return {base, GetParam()}; }
+
+  TempFolder folder_;
+  const std::string base_ = folder_ / "pair";
+};
+
+// A damaged dictionary may name numbers far past the end. Nothing is written there.
+TEST_P(Files, DoNotBecomeImmense) {
+  const Image sound = read_file(base_ + ".idx");
+  for (const int field : {dict::kNextNode, dict::kNextData}) {
+    for (const std::int64_t last : {0x1000000, 0x7FFFFF00}) {
+      SCOPED_TRACE(std::to_string(field) + " " + std::to_string(last));
+      Image damaged = sound;
+      put4(&damaged[static_cast<std::size_t>(field)], last);
+      write_file(base_ + ".idx", damaged);
+      Session pair = session(base_);
+      for (const int lock : {ISMANULOCK, ISEXCLLOCK}) {
+        ASSERT_GE(pair.open(ISINOUT | lock), 0);
+        int result = 0;
+        for (int id = 100; id < 400 && result == 0; ++id)
+          result = pair.put({id, id % 7, 0}, ::iswrite);
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(::iserrno, ISECORRUPT);
+        ::isclose(pair.isfd);
+      }
+      for (const char* suffix : {".idx", ".dat"}) {
+        EXPECT_LT(std::filesystem::file_size(base_ + suffix), 1 << 20) << suffix;
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, Files, testing::Bool(),
+                         [](const auto& test) { return test.param ? "Varying" : "Fixed"; });
+
+}  // namespace
+}  // namespace testing_support
