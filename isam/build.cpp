@@ -268,7 +268,7 @@ static int rename_call(const char* oldname, const char* newname) {
   const bool logs = txflag != kNotLogging;
   if (!logs || txlog::islogrename(oldname, newname) == 0) {
     if (move_pair(oldname, newname) == 0) {
-      open_of(isfd)->file->name = newname;
+      name_file(*open_of(isfd)->file, newname);
     } else if (logs) {
       const KeepError keep;
       txlog::islogrename(newname, oldname);

@@ -96,6 +96,7 @@ struct FileRecord {
   common::FileMap index_map;          // through which the index file is read,
   common::FileMap data_map;           // ... and the data file
   std::string name;                   // base name, without suffix
+  std::string folder;                 // what the name is relative to, with its "/"; may be empty
 };
 
 // Flags of an open record.

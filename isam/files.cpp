@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -244,7 +245,7 @@ FileRecord* allocfile(std::string_view name, int mode) {
     return nullptr;
   }
   *file = FileRecord{};
-  file->name = name;
+  name_file(*file, name);
   file->data_device = data_status.st_dev;
   file->data_inode = data_status.st_ino;
   file->device = status.st_dev;
@@ -258,12 +259,23 @@ FileRecord* allocfile(std::string_view name, int mode) {
   return file;
 }
 
+void name_file(FileRecord& file, std::string_view name) {
+  std::array<char, PATH_MAX> folder{};
+  file.name = name;
+  file.folder.clear();
+  const bool relative = !name.starts_with('/');
+  if (!relative || ::getcwd(folder.data(), folder.size()) == nullptr) return;
+  // A folder out of reach has no path.
+  if (folder.front() == '/') file.folder = std::string(folder.data()) + '/';
+}
+
 int reopen_data(FileRecord& file) {
-  common::FileHold fd = open_of_pair(mkdatname(file.name), file.datmode, FileKind::kData);
+  const std::string path = mkdatname(file.folder + file.name);
+  common::FileHold fd = open_of_pair(path, file.datmode, FileKind::kData);
   if (!fd) return -1;
   struct stat status {};
   if (common::system_calls().fstat(fd.get(), &status) != 0) return failed_system(errno);
-  // Another file has the name by now, or the name is relative to another folder.
+  // Another file has the name by now.
   if (status.st_dev != file.data_device || status.st_ino != file.data_inode) {
     return failed_system(ESTALE, Operation::kOpen, FileKind::kData);
   }

@@ -42,7 +42,10 @@ void freeopen(OpenRecord& open);
 // The file record of the pair `name`, opened unless the process already has it. `mode` 0 accepts
 // a data file that can only be read. Null with iserrno (and iserrio) when a file cannot be opened.
 [[nodiscard]] FileRecord* allocfile(std::string_view name, int mode);
-// Opens the data file of a record again after vclose: 0, or -1 with iserrno.
+// Names a record's pair, as seen from the folder of the moment.
+void name_file(FileRecord& file, std::string_view name);
+// Opens the data file of a record again after vclose, wherever the process is by now: 0, or -1 with
+// iserrno.
 int reopen_data(FileRecord& file);
 
 // Opens the current file's audit trail for appending: 0, or -1 with the system's error and iserrio

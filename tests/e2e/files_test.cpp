@@ -1,8 +1,12 @@
 // The files of a pair: what is done with them when they are not what or where they were.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
+#include <utility>
 
+#include "common/io.h"
 #include "tests/e2e/sessions.h"
 #include "tests/support/layout.h"
 #include "tests/support/pair_walk.h"
@@ -44,6 +48,29 @@ TEST_P(Files, DoNotBecomeImmense) {
       }
     }
   }
+}
+
+bool out_of_descriptors = false;
+int open_if_descriptors(const char* path, int flags, mode_t permissions) {
+  errno = EMFILE;
+  return std::exchange(out_of_descriptors, false) ? -1 : ::open(path, flags, permissions);
+}
+
+// Its data file is closed for want of descriptors, and the process goes elsewhere.
+TEST_P(Files, AreFoundAgainFromAnotherFolder) {
+  build_pair_of(folder_ / "other", GetParam(), 1);
+  EXPECT_EQ(end_of(start_process([&] {
+              std::filesystem::current_path(folder_.path());
+              common::system_calls().open = open_if_descriptors;
+              Session pair = session("pair");
+              Session other = session("other");
+              if (pair.open(ISINOUT | ISMANULOCK) < 0) ::_exit(1);
+              out_of_descriptors = true;
+              if (other.open(ISINOUT | ISMANULOCK) < 0 || out_of_descriptors) ::_exit(2);
+              std::filesystem::current_path("/");
+              if (pair.read(RD_EQUAL, 7) != 0) ::_exit(3);
+            })),
+            0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, Files, testing::Bool(),
