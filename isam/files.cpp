@@ -239,8 +239,10 @@ FileRecord* allocfile(std::string_view name, int mode) {
   if (!index) return nullptr;
   common::FileHold data = open_data_file(name, mode, access);
   if (!data) return nullptr;
+  // The name may have come to lead to another file since it was looked up.
   struct stat data_status {};
-  if (common::system_calls().fstat(data.get(), &data_status) != 0) {
+  if (common::system_calls().fstat(index.get(), &status) != 0 ||
+      common::system_calls().fstat(data.get(), &data_status) != 0) {
     failed_system(errno);
     return nullptr;
   }

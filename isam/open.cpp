@@ -132,7 +132,27 @@ int check_record_format(int mode) {
   return ((mode & ISVARLEN) != 0) == filep->varlen ? 0 : refuse_mode('9');
 }
 
-int set_up(OpenRecord& open, int mode) {
+bool leads_to(const std::string& path, dev_t device, ino_t inode) {
+  struct stat status {};
+  return common::system_calls().stat(path.c_str(), &status) == 0 && status.st_dev == device &&
+         status.st_ino == inode;
+}
+
+// Whether the name, relative to the folder of the moment, still leads to the pair.
+bool is_pair_of(const FileRecord& file, const char* name) {
+  return leads_to(mkidxname(name), file.device, file.inode) &&
+         leads_to(mkdatname(name), file.data_device, file.data_inode);
+}
+
+// Until the open lock was had, an exclusive open of another process may have been there, which
+// writes its dictionary when it closes, and may have given the name to another pair: 0, or -1 (with
+// ESTALE then).
+int look_again(const char* name, int entry) {
+  if (filep->usecount > 1) return 0;
+  return is_pair_of(*filep, name) ? reread_dictionary(entry) : failed_system(ESTALE);
+}
+
+int set_up(OpenRecord& open, const char* name, int mode) {
   const int entry = mode + 1 + kShared;
   if (isenter(isfd_of(open), entry) != 0) return -1;
   const int lock_mode = lock_mode_of(mode);
@@ -141,9 +161,7 @@ int set_up(OpenRecord& open, int mode) {
     open.mode &= 0xFF;
     return -1;
   }
-  // Until the lock was had, an exclusive open of another process may have been there, which writes
-  // its dictionary when it closes.
-  if (filep->usecount == 1 && reread_dictionary(entry) != 0) return -1;
+  if (look_again(name, entry) != 0) return -1;
   adopt_dictionary();
   if (settle_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
   if (mktemprec(filep->maxreclen) != 0) return -1;
@@ -155,13 +173,6 @@ int set_up(OpenRecord& open, int mode) {
 
 bool is_writable(const OpenRecord& open) { return (open.mode & 3) != ISINPUT; }
 
-// Whether the name, relative to the folder of the moment, still leads to the pair.
-bool is_file_of(const FileRecord& file, const char* name) {
-  struct stat status {};
-  return common::system_calls().stat(mkidxname(name).c_str(), &status) == 0 &&
-         status.st_dev == file.device && status.st_ino == file.inode;
-}
-
 // An open that was closed in this transaction and serves again; null for none.
 OpenRecord* find_kept(const char* name, int mode) {
   const int wanted = (mode & 0xFF) | lock_mode_of(mode);
@@ -169,7 +180,7 @@ OpenRecord* find_kept(const char* name, int mode) {
     OpenRecord* const open = open_of(isfd);
     if (open != nullptr && (open->flags & kKept) != 0 && open->mode == wanted &&
         (open->file->flags & kNotShared) == 0 && open->file->name == name &&
-        is_file_of(*open->file, name)) {
+        is_pair_of(*open->file, name)) {
       return open;
     }
   }
@@ -191,12 +202,9 @@ int use_again(OpenRecord& open) {
   return isexit() == 0 ? isfd : -1;
 }
 
-int open_pair(const char* name, int mode) {
-  if (issingleuser) mode = (mode & 0xFF) | ISEXCLLOCK;
-  if (check_mode(mode) != 0 || ckfilname(name) != 0) return -1;
-  isbatch(2);
+int open_anew(const char* name, int mode) {
   clear_errors();
-  if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
+  set_status("0000");
   OpenRecord* open = allocopen();
   if (open == nullptr) return -1;
   open->mode = mode & 0xFF;
@@ -206,7 +214,21 @@ int open_pair(const char* name, int mode) {
     return abandon_open(*open);
   }
   if (open->file->usecount == 1) advise_random(*open->file);
-  return set_up(*open, mode) == 0 ? isfd_of(*open) : abandon_open(*open);
+  return set_up(*open, name, mode) == 0 ? isfd_of(*open) : abandon_open(*open);
+}
+
+int open_pair(const char* name, int mode) {
+  constexpr int kTries = 3;  // while the pair is being replaced
+  if (issingleuser) mode = (mode & 0xFF) | ISEXCLLOCK;
+  if (check_mode(mode) != 0 || ckfilname(name) != 0) return -1;
+  isbatch(2);
+  clear_errors();
+  if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
+  int isfd = open_anew(name, mode);
+  for (int tries = 1; isfd < 0 && iserrno == ESTALE && tries < kTries; ++tries) {
+    isfd = open_anew(name, mode);
+  }
+  return isfd;
 }
 
 // Whether closing waits for readers: the environment's ISCLOSE_SHARE_LOCK is 0.

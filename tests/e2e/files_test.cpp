@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <string_view>
 #include <utility>
 
 #include "common/io.h"
@@ -71,6 +72,45 @@ TEST_P(Files, AreFoundAgainFromAnotherFolder) {
               if (pair.read(RD_EQUAL, 7) != 0) ::_exit(3);
             })),
             0);
+}
+
+// The pair gets another one's place while it is being opened: before its data file is, or before
+// the open lock is had.
+enum class Moment { kNever, kData, kLock } replaced_at = Moment::kNever;
+
+void replace_pair(Moment now) {
+  if (now != replaced_at) return;
+  replaced_at = Moment::kNever;
+  for (const char* suffix : {".idx", ".dat"}) {
+    std::filesystem::rename(std::string("other") + suffix, std::string("pair") + suffix);
+  }
+}
+int open_and_replace(const char* path, int flags, mode_t permissions) {
+  if (std::string_view(path).ends_with(".dat")) replace_pair(Moment::kData);
+  return ::open(path, flags, permissions);
+}
+int lock_and_replace(int fd, int command, struct flock* lock) {
+  if (lock->l_start == 0x7FFFFFFF && lock->l_type != F_UNLCK) replace_pair(Moment::kLock);
+  return ::fcntl(fd, command, lock);
+}
+
+TEST_P(Files, AreThoseThatHaveTheNameWhenTheyAreOpen) {
+  for (const Moment moment : {Moment::kData, Moment::kLock}) {
+    build_pair_of(folder_ / "other", GetParam(), 40);
+    EXPECT_EQ(end_of(start_process([&] {
+                std::filesystem::current_path(folder_.path());
+                common::system_calls().open = open_and_replace;
+                common::system_calls().fcntl_lock = lock_and_replace;
+                replaced_at = moment;
+                Session pair = session("pair");
+                if (pair.open(ISINOUT | ISMANULOCK) < 0) ::_exit(1);
+                if (replaced_at != Moment::kNever || pair.read(RD_EQUAL, 37) != 0) ::_exit(2);
+                if (pair.put({50, 1, 0}, ::iswrite) != 0 || ::isclose(pair.isfd) != 0) ::_exit(3);
+                if (pair.open(ISINOUT | ISEXCLLOCK) < 0 || pair.read(RD_EQUAL, 50) != 0) ::_exit(4);
+              })),
+              0);
+    EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, Files, testing::Bool(),
