@@ -9,6 +9,7 @@
 
 #include "common/io.h"
 #include "isam/errors.h"
+#include "isam/files.h"
 #include "isam/traced.h"
 #include "txlog/apply.h"
 #include "txlog/errorlog.h"
@@ -369,7 +370,12 @@ class Recovery {
     if (record.type() == LogType::kIndexAdded) return isaddindex(isfd, &change->key);
     if (record.type() == LogType::kIndexDropped) return isdelindex(isfd, &change->key);
     const int clustered = iscluster(isfd, &change->key);
-    if (clustered >= 0) ReplayFiles::txoupdate(*writer.opens[change->open], clustered);
+    ReplayFile& file = *writer.opens[change->open];
+    if (clustered >= 0) {
+      ReplayFiles::txoupdate(file, clustered);
+    } else if (open_of(isfd) == nullptr) {
+      file.isfd = -1;  // the failure came when the old pair had been closed
+    }
     return clustered < 0 ? -1 : 0;
   }
 

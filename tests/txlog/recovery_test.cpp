@@ -1,7 +1,11 @@
 // Replaying logs: real ones over restored files, and ones put together by hand.
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <random>
 
+#include "common/io.h"
 #include "tests/txlog/log_fixture.h"
 #include "txlog/logformat.h"
 
@@ -308,6 +312,35 @@ TEST_P(HandMadeLogs, StopAtWhatCannotBe) {
     EXPECT_EQ(iserrno, c.code) << c.what;
     EXPECT_FALSE(std::filesystem::exists("isrecvr_err.log"));
   }
+}
+
+int failing_links = 0;
+int link_or_fail(const char* from, const char* to) {
+  errno = ENOSPC;
+  return failing_links-- > 0 ? -1 : ::link(from, to);
+}
+
+// A pair that could not be clustered is no longer open; its number is given to the next one.
+TEST_P(HandMadeLogs, GoOnWithAPairThatCouldNotBeClustered) {
+  build("second", -1);
+  keep_copy();
+  log_.opens(LogType::kOpened, 7, 3, "pair");
+  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0), false);
+  log_.add(LogType::kClustered, 7, false, [](RecordBuilder& builder) {
+    builder.put_word(3);
+    builder.put_key(id_key());
+  });
+  log_.opens(LogType::kOpened, 7, 4, "second");
+  log_.image(LogType::kInsert, 7, 3, 2, row(2, 0), false);
+  log_.image(LogType::kInsert, 7, 4, 1, row(3, 0), false);
+  log_.save();
+  failing_links = 1;
+  common::system_calls().link = link_or_fail;
+  EXPECT_EQ(replay(RCV_SKIP), 0) << iserrno;
+  common::system_calls().link = ::link;
+  EXPECT_EQ(messages(), std::vector<std::string>{"28 cluster index redo problem"});
+  EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(2, 0)}));
+  EXPECT_EQ(rows_of("second"), Rows{row(3, 0)});
 }
 
 TEST_P(HandMadeLogs, NoteWhatTheyLeaveOut) {
