@@ -110,7 +110,8 @@ int copy_records(const Old& old, int to, keydescr& key) {
   return iscurruniq(old.isfd, &id) == 0 ? issetunique(to, id) : -1;
 }
 
-// Puts the new pair in the place of the old one: 0, or -1 with iserrno and the old one in place.
+// Puts the new pair in the place of the old one, which is still open so that no other process gets
+// at it meanwhile: 0, or -1 with iserrno and the old one in place.
 int swap_pairs(const Old& old, const TemporaryNames& names) {
   const char* const name = old.name.c_str();
   const char* const made = names.first.c_str();
@@ -142,7 +143,9 @@ int log_cluster(const Old& old, const keydescr& key) {
   OpenRecord& open = *open_of(old.isfd);
   if ((open.mode & ISNOLOG) != 0) return 0;
   make_current(open);
-  return txlog::islogidx(txlog::IndexEvent::kClustered, key);
+  if (txlog::islogidx(txlog::IndexEvent::kClustered, key) != 0) return -1;
+  txlog::logclose(open);  // under its own name
+  return 0;
 }
 
 int cluster(const Old& old, keydescr& key) {
@@ -160,8 +163,10 @@ int cluster(const Old& old, keydescr& key) {
     iserase(names.first.c_str());
     return -1;
   }
+  if (swap_pairs(old, names) != 0) return -1;
+  const KeepError keep;
   isclose(old.isfd);
-  return swap_pairs(old, names);
+  return 0;
 }
 
 }  // namespace

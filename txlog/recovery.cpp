@@ -374,7 +374,7 @@ class Recovery {
     if (clustered >= 0) {
       ReplayFiles::txoupdate(file, clustered);
     } else if (open_of(isfd) == nullptr) {
-      file.isfd = -1;  // the failure came when the old pair had been closed
+      file.isfd = -1;  // the failure came when the new pair was to be opened
     }
     return clustered < 0 ? -1 : 0;
   }

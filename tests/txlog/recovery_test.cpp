@@ -1,9 +1,9 @@
 // Replaying logs: real ones over restored files, and ones put together by hand.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <random>
+#include <string_view>
+#include <utility>
 
 #include "common/io.h"
 #include "tests/txlog/log_fixture.h"
@@ -314,14 +314,17 @@ TEST_P(HandMadeLogs, StopAtWhatCannotBe) {
   }
 }
 
-int failing_links = 0;
-int link_or_fail(const char* from, const char* to) {
-  errno = ENOSPC;
-  return failing_links-- > 0 ? -1 : ::link(from, to);
+// Fails the second time that the pair is opened.
+int opens_of_pair = 0;
+int open_or_fail(const char* path, int flags, mode_t permissions) {
+  errno = EIO;
+  return std::string_view(path) == "pair.idx" && ++opens_of_pair == 2
+             ? -1
+             : ::open(path, flags, permissions);
 }
 
-// A pair that could not be clustered is no longer open; its number is given to the next one.
-TEST_P(HandMadeLogs, GoOnWithAPairThatCouldNotBeClustered) {
+// When the pair cannot be opened after it was clustered, its number is given to the next one.
+TEST_P(HandMadeLogs, OpenAPairAgainThatTheyLostWhenItWasClustered) {
   build("second", -1);
   keep_copy();
   log_.opens(LogType::kOpened, 7, 3, "pair");
@@ -334,11 +337,10 @@ TEST_P(HandMadeLogs, GoOnWithAPairThatCouldNotBeClustered) {
   log_.image(LogType::kInsert, 7, 3, 2, row(2, 0), false);
   log_.image(LogType::kInsert, 7, 4, 1, row(3, 0), false);
   log_.save();
-  failing_links = 1;
-  common::system_calls().link = link_or_fail;
+  const auto system_open = std::exchange(common::system_calls().open, open_or_fail);
   EXPECT_EQ(replay(RCV_SKIP), 0) << iserrno;
-  common::system_calls().link = ::link;
-  EXPECT_EQ(messages(), std::vector<std::string>{"28 cluster index redo problem"});
+  common::system_calls().open = system_open;
+  EXPECT_EQ(messages(), std::vector<std::string>{"5 cluster index redo problem"});
   EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(2, 0)}));
   EXPECT_EQ(rows_of("second"), Rows{row(3, 0)});
 }
