@@ -20,14 +20,12 @@ checker::Options options_from(std::uint8_t choice) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const fuzz::Workplace workplace;
-  fuzz::PairInput input;
-  if (!fuzz::split(data, size, input)) return 0;
-  workplace.put(".idx", input.index);
-  workplace.put(".dat", input.records);
-  checker::options = options_from(input.choice);
+  const auto input = workplace.put({data, size});
+  if (!input) return 0;
+  checker::options = options_from(input->choice);
   checker::ckfile(workplace.base());
   if (checker::options.nflag != 0 &&
-      (!workplace.holds(".idx", input.index) || !workplace.holds(".dat", input.records))) {
+      (!workplace.holds(".idx", input->index) || !workplace.holds(".dat", input->records))) {
     std::abort();
   }
   return 0;

@@ -10,7 +10,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -20,6 +22,30 @@
 namespace fuzz {
 
 using Input = std::span<const std::uint8_t>;
+
+inline void write_file(const std::string& path, std::initializer_list<Input> pieces) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  for (const Input bytes : pieces) {
+    file.write(reinterpret_cast<const char*>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+  }
+}
+
+struct PairInput {
+  Input index;
+  Input records;
+  std::uint8_t choice = 0;
+};
+
+// The parts of an input; none when it is too short to have any.
+inline std::optional<PairInput> split(Input data) {
+  constexpr std::size_t kLength = 4;
+  if (data.size() <= kLength) return std::nullopt;
+  const Input body = data.subspan(kLength, data.size() - kLength - 1);
+  const auto claimed = static_cast<std::uint32_t>(common::ldlong(data.data()));
+  const Input index = body.first(std::min<std::size_t>(claimed, body.size()));
+  return PairInput{index, body.subspan(index.size()), data.back()};
+}
 
 // A folder in memory where there is one, for the life of the process.
 class Workplace {
@@ -39,10 +65,14 @@ class Workplace {
   }
 
   [[nodiscard]] const std::string& base() const { return base_; }
-  void put(const char* suffix, Input bytes) const {
-    std::ofstream file(base_ + suffix, std::ios::binary | std::ios::trunc);
-    file.write(reinterpret_cast<const char*>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
+  // The pair that an input stands for, written to the folder.
+  [[nodiscard]] std::optional<PairInput> put(Input data) const {
+    const auto pair = split(data);
+    if (pair) {
+      write_file(base_ + ".idx", {pair->index});
+      write_file(base_ + ".dat", {pair->records});
+    }
+    return pair;
   }
   [[nodiscard]] bool holds(const char* suffix, Input bytes) const {
     std::ifstream file(base_ + suffix, std::ios::binary);
@@ -53,23 +83,5 @@ class Workplace {
  private:
   std::string base_;
 };
-
-struct PairInput {
-  Input index;
-  Input records;
-  std::uint8_t choice = 0;
-};
-
-// The parts of an input; false when it is too short to have any.
-inline bool split(const std::uint8_t* data, std::size_t size, PairInput& parts) {
-  constexpr std::size_t kFraming = 5;
-  if (size < kFraming) return false;
-  const Input body{data + 4, size - kFraming};
-  const auto claimed = static_cast<std::uint32_t>(common::ldlong(data));
-  parts.index = body.first(std::min<std::size_t>(claimed, body.size()));
-  parts.records = body.subspan(parts.index.size());
-  parts.choice = data[size - 1];
-  return true;
-}
 
 }  // namespace fuzz

@@ -51,6 +51,8 @@ void use(int isfd) {
   std::int32_t id = 0;
   isuniqueid(isfd, &id);
   isaltinc(isfd);
+  std::array<char, 128> trail{};
+  isaudit(isfd, trail.data(), AUDGETNAME);
 }
 
 void change_indexes(int isfd) {
@@ -67,12 +69,10 @@ void change_indexes(int isfd) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const fuzz::Workplace workplace;
-  fuzz::PairInput input;
-  if (!fuzz::split(data, size, input)) return 0;
-  workplace.put(".idx", input.index);
-  workplace.put(".dat", input.records);
+  const auto input = workplace.put({data, size});
+  if (!input) return 0;
   constexpr std::array kLockModes = {ISAUTOLOCK, ISMANULOCK, ISEXCLLOCK};
-  const int lock_mode = kLockModes[input.choice % kLockModes.size()];
+  const int lock_mode = kLockModes[input->choice % kLockModes.size()];
   const int isfd = isopen(workplace.base().c_str(), ISINOUT + ISANYLENGTH + lock_mode);
   if (isfd >= 0) {
     use(isfd);

@@ -1,6 +1,6 @@
 // make_corpus: the inputs that fuzzing starts from, one file each: in the folder "pairs" small
 // pairs of every node size, fixed and variable in length, sound and with one thing wrong; in "logs"
-// logs.
+// logs to be replayed; in "listings" logs, error logs and audit trails.
 //
 //   make_corpus FOLDER
 #include <algorithm>
@@ -128,7 +128,7 @@ int main(int argc, char** argv) {
     const fs::path folder = fs::absolute(argv[1]);
     fs::create_directories(folder / "pairs");
     write_corpus(folder / "pairs");
-    fuzz::write_log_corpus(folder / "logs");
+    fuzz::write_log_corpus(folder / "logs", folder / "listings");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_corpus: %s\n", error.what());
     return EXIT_FAILURE;
