@@ -7,6 +7,7 @@
 
 #include "isam/errors.h"
 #include "recover/text.h"
+#include "recover/words.h"
 #include "txlog/errorlog.h"
 
 namespace recover {
@@ -20,10 +21,7 @@ constexpr std::size_t kMostNames = 65536;
 // Characters of a name that are remembered; the library takes none that long.
 constexpr std::size_t kLongestName = 255;
 
-struct Words {
-  LogType type;
-  const char* text;
-};
+using Words = Word<LogType>;
 constexpr std::array kWords = {
     Words{LogType::kBegin, "begin"},
     Words{LogType::kCommit, "commit"},
@@ -47,8 +45,6 @@ constexpr std::array kWords = {
     Words{LogType::kVS, "type VS"},
     Words{LogType::kSP, "type SP"},
 };
-
-constexpr const char* kUnknown = "unknown type";
 
 std::string bytes_text(std::size_t count) { return std::to_string(count) + " bytes"; }
 
@@ -223,8 +219,8 @@ std::string_view name_in(const LogRecord& record) {
 }  // namespace
 
 const char* words_of(LogType type) {
-  const auto* const found = std::ranges::find(kWords, type, &Words::type);
-  return found == kWords.end() ? kUnknown : found->text;
+  const char* const words = word_for(kWords, type);
+  return words == nullptr ? "unknown type" : words;
 }
 
 LogType type_of(const LogRecord& record) {

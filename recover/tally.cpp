@@ -1,6 +1,10 @@
 #include "recover/tally.h"
 
+#include <array>
 #include <numeric>
+#include <utility>
+
+#include "recover/words.h"
 
 namespace recover {
 namespace {
@@ -10,12 +14,15 @@ namespace {
 constexpr std::size_t kMostRunning = 65536;
 constexpr std::size_t kMostEnded = 10000;
 
-}  // namespace
-
-std::int64_t KindCounts::total() const {
-  return std::accumulate(counts_.begin(), counts_.end(), std::int64_t{0},
+template <typename Kind>
+std::int64_t sum_of(const std::map<Kind, std::int64_t>& counts) {
+  return std::accumulate(counts.begin(), counts.end(), std::int64_t{0},
                          [](std::int64_t sum, const auto& kind) { return sum + kind.second; });
 }
+
+}  // namespace
+
+std::int64_t KindCounts::total() const { return sum_of(counts_); }
 
 std::string KindCounts::text() const {
   std::string text = std::to_string(total());
@@ -69,33 +76,20 @@ void Transactions::finish() {
 }
 
 std::string Transactions::text() const {
-  struct Words {
-    Ending how;
-    const char* text;
-  };
-  constexpr Words kWords[] = {{Ending::kCommitted, "committed"},
-                              {Ending::kRolledBack, "rolled back"},
-                              {Ending::kUnfinished, "unfinished"}};
-  std::string text = "transactions";
-  const char* separator = ": ";
-  std::int64_t total = 0;
-  for (const Words& words : kWords) {
-    const auto found = counts_.find(words.how);
-    const std::int64_t count = found == counts_.end() ? 0 : found->second;
-    text += std::exchange(separator, ", ") + std::to_string(count) + " " + words.text;
-    total += count;
-  }
-  text += "\n";
-  for (const Words& words : kWords) {
+  constexpr std::array kWords = {Word<Ending>{Ending::kCommitted, "committed"},
+                                 Word<Ending>{Ending::kRolledBack, "rolled back"},
+                                 Word<Ending>{Ending::kUnfinished, "unfinished"}};
+  std::string text = "transactions: " + counts_text(kWords, counts_) + "\n";
+  for (const Word<Ending>& word : kWords) {
     for (const Ended& ended : ended_) {
-      if (ended.how != words.how) continue;
-      text += "  " + std::string{words.text} + ": process " + std::to_string(ended.process) +
+      if (ended.how != word.kind) continue;
+      text += "  " + std::string{word.text} + ": process " + std::to_string(ended.process) +
               ", offset " + std::to_string(ended.what.offset);
       if (ended.how != Ending::kUnfinished) text += " to " + std::to_string(ended.last);
       text += ", " + std::to_string(ended.what.records) + " records\n";
     }
   }
-  const auto more = total - static_cast<std::int64_t>(ended_.size());
+  const auto more = sum_of(counts_) - static_cast<std::int64_t>(ended_.size());
   if (more > 0) text += "  and " + std::to_string(more) + " more\n";
   if (stray_marks_ > 0) text += "  ends without a begin: " + std::to_string(stray_marks_) + "\n";
   if (not_followed_ > 0) text += "  not followed: " + std::to_string(not_followed_) + "\n";

@@ -10,6 +10,7 @@
 
 #include "recover/plainfile.h"
 #include "recover/text.h"
+#include "recover/words.h"
 #include "txlog/audit.h"
 
 namespace recover {
@@ -22,10 +23,7 @@ namespace entry = isam::txlog::audit_entry;
 constexpr std::size_t kWindow = 262144;  // several times the longest entry
 constexpr std::int64_t kNewline = 1;
 
-struct Words {
-  AuditLetter letter;
-  const char* text;
-};
+using Words = Word<AuditLetter>;
 constexpr std::array kWords = {
     Words{AuditLetter::kAdded, "added"},
     Words{AuditLetter::kDeleted, "deleted"},
@@ -33,10 +31,9 @@ constexpr std::array kWords = {
     Words{AuditLetter::kAfter, "after"},
 };
 
-const Words* words_of(common::Byte letter) {
-  const auto* const found =
-      std::ranges::find(kWords, AuditLetter{static_cast<char>(letter)}, &Words::letter);
-  return found == kWords.end() ? nullptr : found;
+// Null for a letter of no operation.
+const char* words_of(common::Byte letter) {
+  return word_for(kWords, AuditLetter{static_cast<char>(letter)});
 }
 
 // A file through one buffer, read forwards.
@@ -129,18 +126,18 @@ class TrailListing {
   }
 
   void show(ConstBytes bytes, std::int64_t offset) {
-    const Words& words = *words_of(bytes[entry::kLetters]);
+    const common::Byte letter = bytes[entry::kLetters];
     const auto header = static_cast<std::size_t>(header_size());
     const ConstBytes record = bytes.subspan(header, bytes.size() - header - kNewline);
     const auto time = static_cast<std::uint32_t>(common::ldlong(&bytes[entry::kTime]));
     std::array<char, 128> line{};
     std::snprintf(line.data(), line.size(), "%10lld  %-8s %7d %5d  %s  %d, %zu bytes\n",
-                  static_cast<long long>(offset), words.text,
+                  static_cast<long long>(offset), words_of(letter),
                   common::ldword(&bytes[entry::kProcess]), common::ldword(&bytes[entry::kUser]),
                   time_text(time).c_str(), common::ldlong(&bytes[entry::kNumber]), record.size());
     print(line.data());
     if (dump_) print(dump_text(record));
-    ++counts_[words.letter];
+    ++counts_[AuditLetter{static_cast<char>(letter)}];
   }
 
   Status finish() {
@@ -148,13 +145,7 @@ class TrailListing {
       complain("the trail cannot be read");
       return Status::kFailed;
     }
-    print("\nentries");
-    const char* separator = " ";
-    for (const Words& words : kWords) {
-      print(std::exchange(separator, ", ") + std::to_string(counts_[words.letter]) + " " +
-            words.text);
-    }
-    print("\n");
+    print("\nentries " + counts_text(kWords, counts_) + "\n");
     if (damages_ == 0) return Status::kAll;
     print("damages " + std::to_string(damages_) + "\n");
     return Status::kSome;
