@@ -47,6 +47,8 @@ set(strip_archive
 install(CODE "if(CMAKE_INSTALL_DO_STRIP)\n${strip_archive}\nendif()" COMPONENT development)
 install(FILES include/isam.h include/isam.hpp DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
         COMPONENT development)
+install(DIRECTORY include/isam DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
+        FILES_MATCHING PATTERN "*.hpp")
 install(FILES examples/accounts.c examples/customers.c examples/customers.cpp
         DESTINATION ${example_folder} COMPONENT development)
 

@@ -181,7 +181,8 @@ step_packages() {
   { printf 'usr/bin/%s\n' kestro kestroenv isrecover && pages 1 5 8; } | holds kestro
   printf '%s\n' "$lib/$soname" "$lib/$version" | holds "$runtime"
   {
-    printf '%s\n' usr/include/isam.{h,hpp} "$lib"/libisam.{a,so} "$lib/pkgconfig/isam.pc"
+    (cd "$source_dir/include" && printf 'usr/include/%s\n' isam.{h,hpp} isam/*.hpp)
+    printf '%s\n' "$lib"/libisam.{a,so} "$lib/pkgconfig/isam.pc"
     printf '%s\n' "$lib"/cmake/Isam/Isam{Config,ConfigVersion,Targets}.cmake
     (cd "$root" && printf "usr/%s\n" "$LIBDIR"/cmake/Isam/IsamTargets-*.cmake)
     printf '%s\n' usr/share/doc/libisam-dev/examples/{accounts.c,customers.c,customers.cpp}
