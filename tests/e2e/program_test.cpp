@@ -165,18 +165,6 @@ TEST_F(Program, ChecksTheIndexAloneWithI) {
             std::string::npos);
 }
 
-TEST_F(Program, ComparesTheLocale) {
-  PairSpec spec = mixed_spec(512, 40, 2);
-  spec.collation = "xx_yy.nowhere";
-  build_pair(spec, folder_ / "pair");
-  const std::string out = kestro({"-nq", "pair"}).out;
-  EXPECT_NE(out.find("\nCLIENT_LOCALE does not match ISAM file collation.\n"
-                     "ISAM file collation is xx_yy.nowhere.\n\n"),
-            std::string::npos)
-      << out;
-  EXPECT_EQ(out.find("Checking data"), std::string::npos);
-}
-
 TEST_F(Program, IsRefusedAPairInUse) {
   build_pair(mixed_spec(512, 40, 2), folder_ / "pair");
   const Image before = read_file(folder_ / "pair.idx");

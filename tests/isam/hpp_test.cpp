@@ -1,15 +1,14 @@
 // The C++ layer of isam.hpp: what it adds to the calls under it.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <limits>
 
 #include "isam.hpp"
+#include "tests/support/child_process.h"
 #include "tests/support/run_program.h"
 
 namespace zentra {
@@ -202,72 +201,47 @@ TEST_F(Hpp, RecordsOfVariableLengthKeepIt) {
   }
 }
 
-// Another process with its own open of the pair, which does `act` whenever it is asked to.
-class OtherProcess {
- public:
-  OtherProcess(const std::string& name, const std::function<Outcome(File&)>& act) {
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends_.data()) != 0) std::abort();
-    child_ = ::fork();
-    if (child_ == 0) serve(name, act);
-    ::close(ends_[1]);
-  }
-  OtherProcess(const OtherProcess&) = delete;
-  OtherProcess& operator=(const OtherProcess&) = delete;
-  ~OtherProcess() {
-    ::close(ends_[0]);
-    ::waitpid(child_, nullptr, 0);
-  }
-
-  [[nodiscard]] Outcome ask() const {
-    char byte = -1;
-    EXPECT_EQ(::send(ends_[0], "?", 1, MSG_NOSIGNAL), 1);
-    EXPECT_EQ(::read(ends_[0], &byte, 1), 1);
-    return static_cast<Outcome>(byte);
-  }
-
- private:
-  [[noreturn]] void serve(const std::string& name,
-                          const std::function<Outcome(File&)>& act) const noexcept {
-    ::close(ends_[0]);
+// What another process with its own open of the pair meets.
+Outcome elsewhere(const std::string& name, Outcome (*act)(File& file)) {
+  const int status = testing_support::end_of(testing_support::start_process([&] {
+    iscleanup();  // nothing of this process's opens and locks
     File file = File::open(name);
-    for (char byte = 0; ::read(ends_[1], &byte, 1) == 1;) {
-      byte = static_cast<char>(act(file));
-      if (::write(ends_[1], &byte, 1) != 1) break;
-    }
-    ::_exit(0);
-  }
-
-  std::array<int, 2> ends_{};
-  pid_t child_ = -1;
-};
+    ::_exit(static_cast<int>(act(file)));
+  }));
+  EXPECT_TRUE(WIFEXITED(status));
+  return static_cast<Outcome>(WEXITSTATUS(status));
+}
 
 TEST_F(Hpp, LocksEndWithTheirScope) {
   build().close();
-  const OtherProcess reader(name(), [](File& file) {
-    const RecordLocks locks(file);
-    auto record = file.find(kById, 4);
-    return record ? file.read(*record, Move::kCurrent, Lock::kTry) : Outcome::kNotFound;
-  });
-  const OtherProcess keeper(
-      name(), [](File& file) { return FileLock(file) ? Outcome::kDone : Outcome::kLocked; });
+  const auto lock_record = [this] {
+    return elsewhere(name(), [](File& file) {
+      auto record = file.find(kById, 4);
+      return record ? file.read(*record, Move::kCurrent, Lock::kTry) : Outcome::kNotFound;
+    });
+  };
+  const auto lock_file = [this] {
+    return elsewhere(name(),
+                     [](File& file) { return FileLock(file) ? Outcome::kDone : Outcome::kLocked; });
+  };
   File file = File::open(name());
   {
     const RecordLocks locks(file);
     auto record = file.find(kById, 4);
     ASSERT_TRUE(record);
-    EXPECT_EQ(reader.ask(), Outcome::kDone);
+    EXPECT_EQ(lock_record(), Outcome::kDone);
     EXPECT_EQ(file.read(*record, Move::kCurrent, Lock::kTry), Outcome::kDone);
-    EXPECT_EQ(reader.ask(), Outcome::kLocked);
-    EXPECT_EQ(keeper.ask(), Outcome::kLocked);
+    EXPECT_EQ(lock_record(), Outcome::kLocked);
+    EXPECT_EQ(lock_file(), Outcome::kLocked);
   }
-  EXPECT_EQ(reader.ask(), Outcome::kDone);
+  EXPECT_EQ(lock_record(), Outcome::kDone);
   {
     const FileLock lock(file);
     EXPECT_TRUE(lock);
-    EXPECT_EQ(reader.ask(), Outcome::kLocked);
-    EXPECT_EQ(keeper.ask(), Outcome::kLocked);
+    EXPECT_EQ(lock_record(), Outcome::kLocked);
+    EXPECT_EQ(lock_file(), Outcome::kLocked);
   }
-  EXPECT_EQ(keeper.ask(), Outcome::kDone);
+  EXPECT_EQ(lock_file(), Outcome::kDone);
 }
 
 // What is left of a file with one record after a transaction in it ended in each way.

@@ -118,226 +118,229 @@ void swap_dup_numbers(PairEditor& e) {
   throw std::runtime_error("no equal keys");
 }
 
-Fault in_dictionary(const std::string& name, int offset, int width, std::int64_t value,
-                    const std::string& finding, After after) {
-  return {"dictionary_" + name, false, finding, after,
-          [=](PairEditor& e) { (width == 2 ? put2 : put4)(e.dictionary() + offset, value); }};
-}
+// ---- The catalogue. Most faults are a number put where it does not belong.
 
-Fault in_fixed(const std::string& name, const std::string& finding,
-               std::function<void(PairEditor&)> apply, After after = After::kSound) {
-  return {name, false, finding, after, std::move(apply)};
-}
+using Place = Byte* (*)(PairEditor&);
+using Apply = std::function<void(PairEditor&)>;
 
-Fault in_varying(const std::string& name, const std::string& finding,
-                 std::function<void(PairEditor&)> apply, After after = After::kSound) {
-  return {"storage_" + name, true, finding, after, std::move(apply)};
-}
+struct Poke {
+  const char* name;
+  std::string finding;
+  Place place;
+  int offset;
+  int width;  // bytes
+  std::int64_t value;
+};
 
-void add_dictionary_faults(std::vector<Fault>& all) {
-  const auto refused = After::kRefused;
-  const auto sound = After::kSound;
+class Catalogue {
+ public:
+  // The faults that follow are of these pairs, and are named and end like this.
+  Catalogue& begin(const char* prefix, bool varying, After after) {
+    prefix_ = prefix;
+    varying_ = varying;
+    after_ = after;
+    return *this;
+  }
+  Catalogue& add(const std::string& name, const std::string& finding, Apply apply) {
+    all.push_back({prefix_ + name, varying_, finding, after_, std::move(apply)});
+    return *this;
+  }
+  Catalogue& add(std::initializer_list<Poke> pokes) {
+    for (const Poke& poke : pokes) {
+      add(poke.name, poke.finding, [poke](PairEditor& e) {
+        Byte* const at = poke.place(e) + poke.offset;
+        if (poke.width == 1) *at = static_cast<Byte>(poke.value);
+        if (poke.width > 1) (poke.width == 2 ? put2 : put4)(at, poke.value);
+      });
+    }
+    return *this;
+  }
+
+  std::vector<Fault> all;
+
+ private:
+  std::string prefix_;
+  bool varying_ = false;
+  After after_ = After::kSound;
+};
+
+Byte* dictionary(PairEditor& e) { return e.dictionary(); }
+Byte* second_description(PairEditor& e) { return e.description(2); }
+Byte* first_leaf(PairEditor& e) { return e.node(leaf_of(e, 1)); }
+Byte* third_item(PairEditor& e) { return leaf_pointer(e, 2); }
+Byte* second_child(PairEditor& e) { return root_pointer(e, 1); }
+Byte* short_trailer(PairEditor& e) { return trailer_with_part(e, false); }
+Byte* long_part(PairEditor& e) { return page_of(e, trailer_with_part(e, true)); }
+Byte* first_slot(PairEditor& e) { return slot_entry(e, small_page(e), 0); }
+Byte* head_of_listed(PairEditor& e) { return list_head(e, listed_page(e)); }
+
+constexpr const char* kBadNode = " bad index node pointer(s)";
+constexpr const char* kTwiceNode = " duplicate index node pointer(s)";
+constexpr const char* kLostNode = " missing index node pointer(s)";
+constexpr const char* kBadRecord = " bad data record pointer(s)";
+constexpr const char* kTwiceRecord = " duplicate data record pointer(s)";
+constexpr const char* kLostRecord = " missing data record pointer(s)";
+constexpr const char* kBadDescription = "bad index node in key descriptors";
+constexpr const char* kTwiceDescription = "duplicate index node in key descriptors";
+
+void add_dictionary_faults(Catalogue& to) {
   const std::string corrupted = "Zentra ERROR 105: Corrupted isam file";
   const std::string format = "Zentra ERROR 171: isam file format change detected";
-  for (const Fault& fault : {
-           in_dictionary("magic", 0, 2, 0x1234, corrupted, refused),
-           in_dictionary("fixed_bytes", 2, 2, 0x0203, corrupted, refused),
-           in_dictionary("node_size_small", 6, 2, 100, corrupted, refused),
-           in_dictionary("node_size_odd", 6, 2, 2001, corrupted, refused),
-           in_dictionary("node_size_later", 6, 2, 2000, format, refused),
-           in_dictionary("lock_method_old", 53, 2, 3, format, refused),
-           in_dictionary("lock_method_unknown", 53, 2, 900, corrupted, refused),
-           in_dictionary("lock_method_none", 53, 2, 0, "", sound),
-           in_dictionary("record_size_zero", 13, 2, 0, "bad data record size", refused),
-           in_dictionary("record_size_negative", 13, 2, -5, "bad data record size", refused),
-           in_dictionary("maximum_negative", 59, 2, -5, "bad data record maximum size", refused),
-           in_dictionary("keys_many", 8, 2, 9, "bad number of indexes", sound),
-           in_dictionary("keys_none", 8, 2, 0, "bad number of indexes", sound),
-           in_dictionary("key_node_beyond", 15, 4, 99999, "bad index node in key descriptors",
-                         refused),
-           in_dictionary("key_node_negative", 15, 4, -7, "bad index node in key descriptors",
-                         refused),
-           in_dictionary("key_node_dictionary", 15, 4, 1, "duplicate index node in key descriptors",
-                         refused),
-           in_dictionary("free_data_beyond", 25, 4, 99999, "bad index node", sound),
-           in_dictionary("free_data_none", 25, 4, 0, " missing data record pointer(s)", sound),
-           in_dictionary("free_node_beyond", 29, 4, 99999, " bad index node pointer(s)", sound),
-           in_dictionary("free_node_none", 29, 4, 0, " missing index node pointer(s)", sound),
-           in_dictionary("next_data_low", 33, 4, 10, " duplicate data record pointer(s)", sound),
-           in_dictionary("next_data_high", 33, 4, 170, " missing data record pointer(s)", sound),
-           in_dictionary("next_data_wild", 33, 4, 2'000'000'000, " missing data record pointer(s)",
-                         sound),
-           in_dictionary("next_data_negative", 33, 4, -2, " duplicate data record pointer(s)",
-                         sound),
-           in_dictionary("next_node_low", 37, 4, 10, " duplicate index node pointer(s)", sound),
-           in_dictionary("next_node_high", 37, 4, 200, " missing index node pointer(s)", sound),
-           in_dictionary("next_node_wild", 37, 4, 2'147'483'647, " missing index node pointer(s)",
-                         sound),
-           in_dictionary("next_node_negative", 37, 4, -2, " duplicate index node pointer(s)",
-                         sound),
-       }) {
-    all.push_back(fault);
-  }
-  all.push_back(in_fixed("free_data_head_in_use", "duplicate index node", [](PairEditor& e) {
-    put4(e.dictionary() + dict::kFreeData, leaf_of(e, 1));
-  }));
-  all.push_back(
-      in_fixed("free_node_head_in_use", " duplicate index node pointer(s)",
-               [](PairEditor& e) { put4(e.dictionary() + dict::kFreeNode, leaf_of(e, 1)); }));
+  to.begin("dictionary_", false, After::kRefused)
+      .add({{"magic", corrupted, dictionary, 0, 2, 0x1234},
+            {"fixed_bytes", corrupted, dictionary, 2, 2, 0x0203},
+            {"node_size_small", corrupted, dictionary, 6, 2, 100},
+            {"node_size_odd", corrupted, dictionary, 6, 2, 2001},
+            {"node_size_later", format, dictionary, 6, 2, 2000},
+            {"lock_method_old", format, dictionary, 53, 2, 3},
+            {"lock_method_unknown", corrupted, dictionary, 53, 2, 900},
+            {"record_size_zero", "bad data record size", dictionary, 13, 2, 0},
+            {"record_size_negative", "bad data record size", dictionary, 13, 2, -5},
+            {"maximum_negative", "bad data record maximum size", dictionary, 59, 2, -5},
+            {"key_node_beyond", kBadDescription, dictionary, 15, 4, 99999},
+            {"key_node_negative", kBadDescription, dictionary, 15, 4, -7},
+            {"key_node_dictionary", kTwiceDescription, dictionary, 15, 4, 1}});
+  to.begin("dictionary_", false, After::kSound)
+      .add({{"lock_method_none", "", dictionary, 53, 2, 0},
+            {"keys_many", "bad number of indexes", dictionary, 8, 2, 9},
+            {"keys_none", "bad number of indexes", dictionary, 8, 2, 0},
+            {"free_data_beyond", "bad index node", dictionary, 25, 4, 99999},
+            {"free_data_none", kLostRecord, dictionary, 25, 4, 0},
+            {"free_node_beyond", kBadNode, dictionary, 29, 4, 99999},
+            {"free_node_none", kLostNode, dictionary, 29, 4, 0},
+            {"next_data_low", kTwiceRecord, dictionary, 33, 4, 10},
+            {"next_data_high", kLostRecord, dictionary, 33, 4, 170},
+            {"next_data_wild", kLostRecord, dictionary, 33, 4, 2'000'000'000},
+            {"next_data_negative", kTwiceRecord, dictionary, 33, 4, -2},
+            {"next_node_low", kTwiceNode, dictionary, 37, 4, 10},
+            {"next_node_high", kLostNode, dictionary, 37, 4, 200},
+            {"next_node_wild", kLostNode, dictionary, 37, 4, 2'147'483'647},
+            {"next_node_negative", kTwiceNode, dictionary, 37, 4, -2}});
+  to.begin("", false, After::kSound)
+      .add("free_data_head_in_use", "duplicate index node",
+           [](PairEditor& e) { put4(e.dictionary() + dict::kFreeData, leaf_of(e, 1)); })
+      .add("free_node_head_in_use", kTwiceNode,
+           [](PairEditor& e) { put4(e.dictionary() + dict::kFreeNode, leaf_of(e, 1)); });
 }
 
-void add_file_faults(std::vector<Fault>& all) {
-  all.push_back(in_fixed("index_cut_in_a_node", "Zentra ERROR 105", [](PairEditor& e) {
-    e.index.resize(static_cast<std::size_t>(leaf_of(e, 3)) * 256 - 100);
-  }));
-  all.push_back(in_fixed("index_cut_behind_descriptions", "Error in reading index file",
-                         [](PairEditor& e) { e.index.resize(2 * 256); }));
-  all.push_back(in_fixed("data_cut", " bad data record pointer(s)",
-                         [](PairEditor& e) { e.data.resize(e.data.size() / 2); }));
-  all.push_back(
-      in_fixed("data_gone", " bad data record pointer(s)", [](PairEditor& e) { e.data.clear(); }));
-  all.push_back(in_fixed("index_longer", "",
-                         [](PairEditor& e) { e.index.resize(e.index.size() + 700, 0xA5); }));
-  all.push_back(
-      in_fixed("data_longer", "", [](PairEditor& e) { e.data.resize(e.data.size() + 700, 0xA5); }));
+void add_file_faults(Catalogue& to) {
+  to.begin("", false, After::kSound)
+      .add("index_cut_in_a_node", "Zentra ERROR 105",
+           [](PairEditor& e) {
+             e.index.resize(static_cast<std::size_t>(leaf_of(e, 3)) * 256 - 100);
+           })
+      .add("index_cut_behind_descriptions", "Error in reading index file",
+           [](PairEditor& e) { e.index.resize(2 * 256); })
+      .add("data_cut", kBadRecord, [](PairEditor& e) { e.data.resize(e.data.size() / 2); })
+      .add("data_gone", kBadRecord, [](PairEditor& e) { e.data.clear(); })
+      .add("index_longer", "", [](PairEditor& e) { e.index.resize(e.index.size() + 700, 0xA5); })
+      .add("data_longer", "", [](PairEditor& e) { e.data.resize(e.data.size() + 700, 0xA5); });
 }
 
-void add_description_faults(std::vector<Fault>& all) {
+void add_description_faults(Catalogue& to) {
   const std::string format = "bad key description format";
-  all.push_back(in_fixed(
-      "descriptions_loop", "duplicate index node in key descriptors",
-      [](PairEditor& e) {
-        const std::int32_t last = e.built().key_nodes.back();
-        put4(e.node(last) + 2, last);
-      },
-      After::kRefused));
-  all.push_back(in_fixed(
-      "descriptions_lead_to_audit_node", "duplicate index node in key descriptors",
-      [](PairEditor& e) { put4(e.node(e.built().key_nodes.back()) + 2, e.built().audit_node); },
-      After::kRefused));
-  const auto with_size = [&](const std::string& name, int size) {
-    all.push_back(in_fixed(
-        "description_" + name, format, [size](PairEditor& e) { put2(e.description(2), size); },
-        After::kRefused));
-  };
-  with_size("too_small", 6);
-  with_size("size_zero", 0);
-  with_size("size_uneven", 13);
-  with_size("nine_parts", 7 + 45);
-  with_size("past_the_node", 0x7000);
-  all.push_back(in_fixed(
-      "description_part_outside", format, [](PairEditor& e) { put2(e.description(2) + 9, 49); },
-      After::kRefused));
-  all.push_back(in_fixed(
-      "description_unknown_type", format, [](PairEditor& e) { e.description(2)[11] = 5; },
-      After::kRefused));
+  const auto link = [](PairEditor& e) { return e.node(e.built().key_nodes.back()) + 2; };
+  to.begin("descriptions_", false, After::kRefused)
+      .add("loop", kTwiceDescription,
+           [=](PairEditor& e) { put4(link(e), e.built().key_nodes.back()); })
+      .add("lead_to_audit_node", kTwiceDescription,
+           [=](PairEditor& e) { put4(link(e), e.built().audit_node); });
+  to.begin("description_", false, After::kRefused)
+      .add({{"too_small", format, second_description, 0, 2, 6},
+            {"size_zero", format, second_description, 0, 2, 0},
+            {"size_uneven", format, second_description, 0, 2, 13},
+            {"nine_parts", format, second_description, 0, 2, 7 + 45},
+            {"past_the_node", format, second_description, 0, 2, 0x7000},
+            {"part_outside", format, second_description, 9, 2, 49},
+            {"unknown_type", format, second_description, 11, 1, 5}});
 }
 
-void add_tree_faults(std::vector<Fault>& all) {
-  const auto with_root = [&](const std::string& name, const std::string& finding,
-                             std::function<std::int32_t(PairEditor&)> root) {
-    all.push_back(in_fixed("root_" + name, finding,
-                           [root](PairEditor& e) { put4(e.description(2) + 2, root(e)); }));
+void add_tree_faults(Catalogue& to) {
+  const std::string bad_format = "bad b-tree node (";
+  const auto other_root = [&to](const char* name, std::int32_t (*root)(PairEditor&)) {
+    to.add(name, "ERROR", [root](PairEditor& e) { put4(e.description(2) + 2, root(e)); });
   };
-  const std::string bad_node = " bad index node pointer(s)";
-  with_root("zero", bad_node, [](PairEditor&) { return 0; });
-  with_root("negative", bad_node, [](PairEditor&) { return -3; });
-  with_root("beyond", bad_node, [](PairEditor&) { return 99999; });
-  with_root("of_another_index", "ERROR", [](PairEditor& e) { return root_of(e, 1); });
-  with_root("leaf_of_a_later_index", "ERROR", [](PairEditor& e) { return leaf_of(e, 4); });
-  with_root("dictionary", "bad b-tree node (1) format", [](PairEditor&) { return 1; });
-  with_root("descriptions", "ERROR", [](PairEditor& e) { return e.built().key_nodes[0]; });
-  with_root("audit_node", "ERROR", [](PairEditor& e) { return e.built().audit_node; });
-  with_root("free_list_node", "ERROR", [](PairEditor& e) { return e.built().free_node_list[0]; });
+  to.begin("root_", false, After::kSound)
+      .add({{"zero", kBadNode, second_description, 2, 4, 0},
+            {"negative", kBadNode, second_description, 2, 4, -3},
+            {"beyond", kBadNode, second_description, 2, 4, 99999},
+            {"dictionary", "bad b-tree node (1) format", second_description, 2, 4, 1}});
+  other_root("of_another_index", [](PairEditor& e) { return root_of(e, 1); });
+  other_root("leaf_of_a_later_index", [](PairEditor& e) { return leaf_of(e, 4); });
+  other_root("descriptions", [](PairEditor& e) { return e.built().key_nodes[0]; });
+  other_root("audit_node", [](PairEditor& e) { return e.built().audit_node; });
+  other_root("free_list_node", [](PairEditor& e) { return e.built().free_node_list[0]; });
 
-  all.push_back(in_fixed("children_crossed", "index out of order", [](PairEditor& e) {
-    std::swap_ranges(root_pointer(e, 0), root_pointer(e, 0) + 4, root_pointer(e, 1));
-  }));
-  all.push_back(in_fixed("child_twice", " duplicate index node pointer(s)", [](PairEditor& e) {
-    std::copy_n(root_pointer(e, 0), 4, root_pointer(e, 1));
-  }));
-  all.push_back(in_fixed("child_is_the_root", " duplicate index node pointer(s)",
-                         [](PairEditor& e) { put4(root_pointer(e, 1), root_of(e, 1)); }));
-  all.push_back(
-      in_fixed("child_beyond", bad_node, [](PairEditor& e) { put4(root_pointer(e, 1), 99999); }));
-  all.push_back(in_fixed("child_of_another_index", "ERROR",
-                         [](PairEditor& e) { put4(root_pointer(e, 1), leaf_of(e, 5)); }));
-  all.push_back(in_fixed("separator_low", "index out of order", [](PairEditor& e) {
-    std::fill_n(e.items(1, root_of(e, 1))[1], kPointer, Byte{0});
-  }));
-  const auto with_used = [&](const std::string& name, const std::string& finding, int used) {
-    all.push_back(in_fixed("leaf_used_" + name, finding,
-                           [used](PairEditor& e) { put2(e.node(leaf_of(e, 1)), used); }));
-  };
-  with_used("one", "bad b-tree node (", 1);
-  with_used("none", " missing data record pointer(s)", 2);
-  with_used("in_an_item", "bad b-tree node (", 2 + 16 + 9);
-  with_used("too_long", "bad b-tree node (", 254);
-  with_used("wild", "bad b-tree node (", 0x7FFF);
-  all.push_back(in_fixed("leaf_level", "ERROR",
-                         [](PairEditor& e) { e.node(leaf_of(e, 1))[level_offset(e)] = 1; }));
-  all.push_back(in_fixed("root_level", "ERROR",
-                         [](PairEditor& e) { e.node(root_of(e, 1))[level_offset(e)] = 0; }));
-  all.push_back(in_fixed("item_counts", "bad b-tree node (",
-                         [](PairEditor& e) { e.node(leaf_of(e, 3))[2] = 200; }));
-  const std::string bad_record = " bad data record pointer(s)";
-  all.push_back(
-      in_fixed("item_record_zero", bad_record, [](PairEditor& e) { put4(leaf_pointer(e, 2), 0); }));
-  all.push_back(in_fixed("item_record_beyond", bad_record,
-                         [](PairEditor& e) { put4(leaf_pointer(e, 2), 0x7FFFFFFF); }));
-  all.push_back(in_fixed("item_record_deleted", bad_record,
-                         [](PairEditor& e) { put4(leaf_pointer(e, 2), 5); }));
-  all.push_back(
-      in_fixed("item_record_twice", " duplicate data record pointer(s)",
-               [](PairEditor& e) { std::copy_n(leaf_pointer(e, 1), 4, leaf_pointer(e, 2)); }));
-  all.push_back(in_fixed("items_swapped", "index out of order", [](PairEditor& e) {
-    const std::vector<Byte*> items = e.items(1, leaf_of(e, 1));
-    std::swap_ranges(items[0], items[0] + 16, items[1]);
-  }));
-  all.push_back(in_fixed("dup_numbers_swapped", "index out of order", swap_dup_numbers));
+  to.begin("", false, After::kSound)
+      .add("children_crossed", "index out of order",
+           [](PairEditor& e) {
+             std::swap_ranges(root_pointer(e, 0), root_pointer(e, 0) + 4, root_pointer(e, 1));
+           })
+      .add("child_twice", kTwiceNode,
+           [](PairEditor& e) { std::copy_n(root_pointer(e, 0), 4, root_pointer(e, 1)); })
+      .add("child_is_the_root", kTwiceNode,
+           [](PairEditor& e) { put4(root_pointer(e, 1), root_of(e, 1)); })
+      .add("child_of_another_index", "ERROR",
+           [](PairEditor& e) { put4(root_pointer(e, 1), leaf_of(e, 5)); })
+      .add("separator_low", "index out of order",
+           [](PairEditor& e) { std::fill_n(e.items(1, root_of(e, 1))[1], kPointer, Byte{0}); })
+      .add("leaf_level", "ERROR", [](PairEditor& e) { first_leaf(e)[level_offset(e)] = 1; })
+      .add("root_level", "ERROR", [](PairEditor& e) { e.node(root_of(e, 1))[level_offset(e)] = 0; })
+      .add("item_counts", bad_format, [](PairEditor& e) { e.node(leaf_of(e, 3))[2] = 200; })
+      .add("item_record_twice", kTwiceRecord,
+           [](PairEditor& e) { std::copy_n(leaf_pointer(e, 1), 4, leaf_pointer(e, 2)); })
+      .add("items_swapped", "index out of order",
+           [](PairEditor& e) {
+             const std::vector<Byte*> items = e.items(1, leaf_of(e, 1));
+             std::swap_ranges(items[0], items[0] + 16, items[1]);
+           })
+      .add("dup_numbers_swapped", "index out of order", swap_dup_numbers)
+      .add({{"child_beyond", kBadNode, second_child, 0, 4, 99999},
+            {"leaf_used_one", bad_format, first_leaf, 0, 2, 1},
+            {"leaf_used_none", kLostRecord, first_leaf, 0, 2, 2},
+            {"leaf_used_in_an_item", bad_format, first_leaf, 0, 2, 2 + 16 + 9},
+            {"leaf_used_too_long", bad_format, first_leaf, 0, 2, 254},
+            {"leaf_used_wild", bad_format, first_leaf, 0, 2, 0x7FFF},
+            {"item_record_zero", kBadRecord, third_item, 0, 4, 0},
+            {"item_record_beyond", kBadRecord, third_item, 0, 4, 0x7FFFFFFF},
+            {"item_record_deleted", kBadRecord, third_item, 0, 4, 5}});
 }
 
-void add_record_faults(std::vector<Fault>& all) {
-  all.push_back(in_fixed("record_absent", " bad data record pointer(s)",
-                         [](PairEditor& e) { *e.state(7) = 0; }));
-  all.push_back(in_fixed("record_present_though_free", " duplicate data record pointer(s)",
-                         [](PairEditor& e) { *e.state(5) = 0x0A; }));
-  all.push_back(in_fixed("records_all_absent", " bad data record pointer(s)", [](PairEditor& e) {
-    for (int n = 1; n <= e.built().spec.records; ++n) *e.state(n) = 0;
-  }));
+void add_record_faults(Catalogue& to) {
+  to.begin("", false, After::kSound)
+      .add("record_absent", kBadRecord, [](PairEditor& e) { *e.state(7) = 0; })
+      .add("record_present_though_free", kTwiceRecord, [](PairEditor& e) { *e.state(5) = 0x0A; })
+      .add("records_all_absent", kBadRecord, [](PairEditor& e) {
+        for (int n = 1; n <= e.built().spec.records; ++n) *e.state(n) = 0;
+      });
 }
 
-void add_free_list_faults(std::vector<Fault>& all) {
+void add_free_list_faults(Catalogue& to) {
   struct List {
-    std::string name;
+    const char* prefix;
     std::string format;
     std::string kind;
     int head;
     int in_use;
   };
   for (const List& list :
-       {List{"data_list", "bad data record free list format", "data record", dict::kFreeData, 7},
-        List{"node_list", "bad index free list format", "index node", dict::kFreeNode, 2}}) {
+       {List{"data_list_", "bad data record free list format", "data record", dict::kFreeData, 7},
+        List{"node_list_", "bad index free list format", "index node", dict::kFreeNode, 2}}) {
     const auto head = [list](PairEditor& e) { return e.node(get4(e.dictionary() + list.head)); };
-    const auto add = [&](const std::string& name, const std::string& finding,
-                         std::function<void(PairEditor&)> apply) {
-      all.push_back(in_fixed(list.name + "_" + name, finding, std::move(apply)));
-    };
-    const std::string duplicate = " duplicate " + list.kind + " pointer(s)";
-    add("entry_twice", duplicate,
-        [=](PairEditor& e) { std::copy_n(head(e) + 6, 4, head(e) + 10); });
-    add("entry_beyond", " bad " + list.kind + " pointer(s)",
-        [=](PairEditor& e) { put4(head(e) + 6, 77777); });
-    add("entry_in_use", duplicate, [=](PairEditor& e) { put4(head(e) + 6, list.in_use); });
-    add("entry_lost", " missing " + list.kind + " pointer(s)",
-        [=](PairEditor& e) { add_to_used(head(e), -4); });
-    add("used_four", list.format, [=](PairEditor& e) { put2(head(e), 4); });
-    add("used_too_long", list.format, [=](PairEditor& e) { put2(head(e), 255); });
-    add("used_uneven", " missing " + list.kind + " pointer(s)",
-        [=](PairEditor& e) { add_to_used(head(e), -2); });
-    add("loop", "duplicate index node",
-        [=](PairEditor& e) { put4(head(e) + 2, get4(e.dictionary() + list.head)); });
-    add("link_beyond", "bad index node", [=](PairEditor& e) { put4(head(e) + 2, 77777); });
+    const std::string pointers = " " + list.kind + " pointer(s)";
+    to.begin(list.prefix, false, After::kSound)
+        .add("entry_twice", " duplicate" + pointers,
+             [=](PairEditor& e) { std::copy_n(head(e) + 6, 4, head(e) + 10); })
+        .add("entry_beyond", " bad" + pointers, [=](PairEditor& e) { put4(head(e) + 6, 77777); })
+        .add("entry_in_use", " duplicate" + pointers,
+             [=](PairEditor& e) { put4(head(e) + 6, list.in_use); })
+        .add("entry_lost", " missing" + pointers, [=](PairEditor& e) { add_to_used(head(e), -4); })
+        .add("used_four", list.format, [=](PairEditor& e) { put2(head(e), 4); })
+        .add("used_too_long", list.format, [=](PairEditor& e) { put2(head(e), 255); })
+        .add("used_uneven", " missing" + pointers, [=](PairEditor& e) { add_to_used(head(e), -2); })
+        .add("loop", "duplicate index node",
+             [=](PairEditor& e) { put4(head(e) + 2, get4(e.dictionary() + list.head)); })
+        .add("link_beyond", "bad index node", [=](PairEditor& e) { put4(head(e) + 2, 77777); });
   }
 }
 
@@ -350,103 +353,67 @@ void forget_records_of_a_listed_page(PairEditor& e) {
   }
 }
 
-void add_storage_faults(std::vector<Fault>& all) {
+void add_storage_faults(Catalogue& to) {
   const std::string record = "bad data record";
   const std::string page = "Corrupt variable length record storage page, index node ";
   const std::string lists = "Fix variable length storage free lists ? ";
-  const auto stays = After::kStays;
-  all.push_back(in_varying(
-      "length_negative", record, [](PairEditor& e) { put2(trailer_with_part(e, false), -3); },
-      stays));
-  all.push_back(in_varying(
-      "length_too_long", record, [](PairEditor& e) { put2(trailer_with_part(e, false), 2000); },
-      stays));
-  all.push_back(in_varying(
-      "length_past_the_part", record,
-      [](PairEditor& e) { add_to_used(trailer_with_part(e, false), 300); }, stays));
-  all.push_back(in_varying(
-      "reference_zero", record, [](PairEditor& e) { put4(trailer_with_part(e, false) + 2, 0); },
-      stays));
-  all.push_back(in_varying(
-      "reference_beyond", record,
-      [](PairEditor& e) { put4(trailer_with_part(e, false) + 2, 0x00FFFFFF); }, stays));
-  all.push_back(in_varying(
-      "reference_to_a_leaf", record,
-      [](PairEditor& e) { put4(trailer_with_part(e, false) + 2, leaf_of(e, 1)); }, stays));
-  all.push_back(in_varying(
-      "reference_slot", record, [](PairEditor& e) { trailer_with_part(e, false)[2] = 0xF0; },
-      stays));
-  all.push_back(in_varying(
-      "page_magic", page, [](PairEditor& e) { small_page(e)[3] = 0; }, stays));
-  all.push_back(in_varying(
-      "no_slots", page, [](PairEditor& e) { small_page(e)[21] = 0; }, stays));
-  all.push_back(in_varying(
-      "slots_past_the_page", page, [](PairEditor& e) { small_page(e)[21] = 255; }, stays));
-  all.push_back(in_varying(
-      "slot_length", page, [](PairEditor& e) { put2(slot_entry(e, small_page(e), 0), -1); },
-      stays));
-  all.push_back(in_varying(
-      "slot_offset", page, [](PairEditor& e) { put2(slot_entry(e, small_page(e), 0) + 2, 30000); },
-      stays));
-  all.push_back(in_varying(
-      "free_bytes_negative", page, [](PairEditor& e) { put2(small_page(e) + 12, -1); }, stays));
-  all.push_back(in_varying(
-      "free_bytes_as_if_empty", "",
-      [](PairEditor& e) {
-        Byte* at = small_page(e);
-        put2(at + 12, e.built().spec.node_size - 26 - 4 * at[21]);
-      },
-      stays));
-  all.push_back(in_varying(
-      "continuation_zero", record,
-      [](PairEditor& e) { put4(page_of(e, trailer_with_part(e, true)) + 16, 0); }, stays));
-  all.push_back(in_varying(
-      "continuation_loop", record,
-      [](PairEditor& e) {
-        Byte* trailer = trailer_with_part(e, true);
-        std::copy_n(trailer + 2, 4, page_of(e, trailer) + 16);
-      },
-      stays));
-  all.push_back(in_varying("class_byte", lists, [](PairEditor& e) { listed_page(e)[22] ^= 1; }));
-  all.push_back(in_varying("previous_link", lists, [](PairEditor& e) {
-    Byte* head = e.node(get4(list_head(e, listed_page(e))));
-    put4(e.node(get4(head + 4)) + 8, 3);
-  }));
-  all.push_back(in_varying("list_loop", lists, [](PairEditor& e) {
-    Byte* head = list_head(e, listed_page(e));
-    std::copy_n(head, 4, e.node(get4(head)) + 4);
-  }));
-  all.push_back(in_varying("list_leads_to_a_leaf", lists, [](PairEditor& e) {
-    put4(e.node(get4(list_head(e, listed_page(e)))) + 4, leaf_of(e, 1));
-  }));
-  all.push_back(in_varying(
-      "index_cut", record,
-      [](PairEditor& e) { e.index.resize(static_cast<std::size_t>(e.built().spec.node_size) * 6); },
-      stays));
-  all.push_back(in_varying("records_of_a_page_gone", " bad data record pointer(s)",
-                           forget_records_of_a_listed_page));
-  all.push_back(in_varying("head_beyond", lists,
-                           [](PairEditor& e) { put4(list_head(e, listed_page(e)), 99999); }));
-  all.push_back(in_varying("head_negative", lists,
-                           [](PairEditor& e) { put4(e.dictionary() + dict::kStorageHeads, -9); }));
-  all.push_back(in_varying("head_of_class_zero", lists, [](PairEditor& e) {
-    std::copy_n(list_head(e, listed_page(e)), 4, e.dictionary() + dict::kStorageHeads);
-  }));
+  to.begin("storage_", true, After::kStays)
+      .add({{"length_negative", record, short_trailer, 0, 2, -3},
+            {"length_too_long", record, short_trailer, 0, 2, 2000},
+            {"reference_zero", record, short_trailer, 2, 4, 0},
+            {"reference_beyond", record, short_trailer, 2, 4, 0x00FFFFFF},
+            {"reference_slot", record, short_trailer, 2, 1, 0xF0},
+            {"page_magic", page, small_page, 3, 1, 0},
+            {"no_slots", page, small_page, 21, 1, 0},
+            {"slots_past_the_page", page, small_page, 21, 1, 255},
+            {"slot_length", page, first_slot, 0, 2, -1},
+            {"slot_offset", page, first_slot, 2, 2, 30000},
+            {"free_bytes_negative", page, small_page, 12, 2, -1},
+            {"continuation_zero", record, long_part, 16, 4, 0}})
+      .add("length_past_the_part", record,
+           [](PairEditor& e) { add_to_used(short_trailer(e), 300); })
+      .add("reference_to_a_leaf", record,
+           [](PairEditor& e) { put4(short_trailer(e) + 2, leaf_of(e, 1)); })
+      .add("free_bytes_as_if_empty", "",
+           [](PairEditor& e) {
+             Byte* at = small_page(e);
+             put2(at + 12, e.built().spec.node_size - 26 - 4 * at[21]);
+           })
+      .add("continuation_loop", record,
+           [](PairEditor& e) { std::copy_n(trailer_with_part(e, true) + 2, 4, long_part(e) + 16); })
+      .add("index_cut", record, [](PairEditor& e) {
+        e.index.resize(static_cast<std::size_t>(e.built().spec.node_size) * 6);
+      });
+  to.begin("storage_", true, After::kSound)
+      .add({{"head_beyond", lists, head_of_listed, 0, 4, 99999},
+            {"head_negative", lists, dictionary, dict::kStorageHeads, 4, -9}})
+      .add("class_byte", lists, [](PairEditor& e) { listed_page(e)[22] ^= 1; })
+      .add("previous_link", lists,
+           [](PairEditor& e) { put4(e.node(get4(e.node(get4(head_of_listed(e))) + 4)) + 8, 3); })
+      .add("list_loop", lists,
+           [](PairEditor& e) {
+             Byte* head = head_of_listed(e);
+             std::copy_n(head, 4, e.node(get4(head)) + 4);
+           })
+      .add("list_leads_to_a_leaf", lists,
+           [](PairEditor& e) { put4(e.node(get4(head_of_listed(e))) + 4, leaf_of(e, 1)); })
+      .add("records_of_a_page_gone", kBadRecord, forget_records_of_a_listed_page)
+      .add("head_of_class_zero", lists, [](PairEditor& e) {
+        std::copy_n(head_of_listed(e), 4, e.dictionary() + dict::kStorageHeads);
+      });
 }
 
 }  // namespace
 
 const std::vector<Fault>& faults() {
   static const std::vector<Fault> all = [] {
-    std::vector<Fault> made;
-    add_dictionary_faults(made);
-    add_file_faults(made);
-    add_description_faults(made);
-    add_tree_faults(made);
-    add_record_faults(made);
-    add_free_list_faults(made);
-    add_storage_faults(made);
-    return made;
+    Catalogue made;
+    for (const auto add :
+         {add_dictionary_faults, add_file_faults, add_description_faults, add_tree_faults,
+          add_record_faults, add_free_list_faults, add_storage_faults}) {
+      add(made);
+    }
+    return made.all;
   }();
   return all;
 }

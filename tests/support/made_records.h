@@ -1,4 +1,5 @@
-// made_records: what the records of a built pair hold, the same everywhere.
+// made_records: what the records of a built pair hold, the same everywhere. The ready-made shapes
+// of pair_builder stand beside it.
 #pragma once
 
 #include <cstdint>

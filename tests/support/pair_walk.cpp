@@ -1,12 +1,13 @@
 #include "tests/support/pair_walk.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <optional>
 #include <set>
 #include <stdexcept>
+
+#include "tests/support/key_order.h"
 
 namespace testing_support {
 
@@ -212,43 +213,11 @@ class Walker {
     return key;
   }
 
-  template <typename T>
-  static int compare_numbers(const Byte* a, const Byte* b) {
-    const Image null(sizeof(T), 0xFF);
-    const bool a_null = std::equal(null.begin(), null.end(), a);
-    const bool b_null = std::equal(null.begin(), null.end(), b);
-    if (a_null || b_null) return int{b_null} - int{a_null};
-    T left;
-    T right;
-    std::memcpy(&left, a, sizeof left);
-    std::memcpy(&right, b, sizeof right);
-    return (left > right) - (left < right);
-  }
-
   static int compare(const Index& index, const Image& a, const Image& b) {
     std::size_t at = 0;
     for (const Part& part : index.parts) {
-      int order = 0;
-      switch (part.type & 127) {
-        case kChar:
-          order = std::memcmp(&a[at], &b[at], static_cast<std::size_t>(part.length));
-          break;
-        case kInt:
-          order = static_cast<std::int16_t>(get2(&a[at])) - static_cast<std::int16_t>(get2(&b[at]));
-          break;
-        case kLong:
-          order = (get4(&a[at]) > get4(&b[at])) - (get4(&a[at]) < get4(&b[at]));
-          break;
-        case kDouble:
-          order = compare_numbers<double>(&a[at], &b[at]);
-          break;
-        case kFloat:
-          order = compare_numbers<float>(&a[at], &b[at]);
-          break;
-        default:
-          break;
-      }
-      if (order != 0) return (part.type & kDescending) != 0 ? -order : order;
+      const int order = compare_part(part.type, part.length, &a[at], &b[at]);
+      if (order != 0) return order;
       at += static_cast<std::size_t>(part.length);
     }
     return 0;

@@ -1,9 +1,10 @@
 #include "tests/support/tree_writer.h"
 
 #include <algorithm>
-#include <cstring>
 #include <numeric>
 #include <stdexcept>
+
+#include "tests/support/key_order.h"
 
 namespace testing_support {
 namespace {
@@ -11,39 +12,6 @@ namespace {
 int key_length(const KeySpec& key) {
   return std::accumulate(key.parts.begin(), key.parts.end(), 0,
                          [](int sum, const PartSpec& part) { return sum + part.length; });
-}
-
-template <typename T>
-int ordered(T a, T b) {
-  return (a > b) - (a < b);
-}
-
-template <typename T>
-int ordered_numbers(const Byte* a, const Byte* b) {
-  const auto is_null = [](const Byte* at) {
-    return std::all_of(at, at + sizeof(T), [](Byte byte) { return byte == 0xFF; });
-  };
-  if (is_null(a) || is_null(b)) return ordered(is_null(b), is_null(a));
-  T left;
-  T right;
-  std::memcpy(&left, a, sizeof left);
-  std::memcpy(&right, b, sizeof right);
-  return ordered(left, right);
-}
-
-int compare_part(const PartSpec& part, const Byte* a, const Byte* b) {
-  switch (part.type & ~kDescending) {
-    case kInt:
-      return ordered<int>(static_cast<std::int16_t>(get2(a)), static_cast<std::int16_t>(get2(b)));
-    case kLong:
-      return ordered(get4(a), get4(b));
-    case kDouble:
-      return ordered_numbers<double>(a, b);
-    case kFloat:
-      return ordered_numbers<float>(a, b);
-    default:
-      return std::memcmp(a, b, static_cast<std::size_t>(part.length));
-  }
 }
 
 class TreeWriter {
@@ -86,8 +54,7 @@ class TreeWriter {
 
   int compare(const Byte* left, const Byte* right) const {
     for (const PartSpec& part : key_.parts) {
-      int result = compare_part(part, left, right);
-      if ((part.type & kDescending) != 0) result = -result;
+      const int result = compare_part(part.type, part.length, left, right);
       if (result != 0) return result;
       left += part.length;
       right += part.length;
