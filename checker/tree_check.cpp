@@ -39,11 +39,12 @@ void TreeCheck::check_record(std::int32_t record) {
   }
 }
 
-// Both walks return the item that precedes what follows the node in key order (`prev` when the
-// node adds none), or null with badindex set when the rest of the node is unreadable.
-const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
-                                        Item (&items)[2]) {
-  progress_.at(items_);
+// Shows `visit` one item of a node after the other, in the two places by turns, with the key that
+// it was unpacked behind and whether it is the last; the item before stays readable. False, with
+// badindex set, when the rest of the node is unreadable.
+template <typename Visit>
+bool TreeCheck::visit_items(std::int32_t node, isam::ConstBytes area, Item (&items)[2],
+                            Visit visit) {
   const int used = static_cast<int>(area.size());
   const isam::Byte* before = kNoKey;
   int current = 0;
@@ -52,33 +53,34 @@ const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area
     pos = isam::itunpack(layout_, area, pos, before, item);
     if (pos < 0) {
       bad_format(node);
-      return nullptr;
+      return false;
     }
+    visit(item, before, pos == used);
+    before = item.key;
+    current ^= 1;
+  }
+  return true;
+}
+
+// Both walks return the item that precedes what follows the node in key order (`prev` when the
+// node adds none), or null when the rest of the node is unreadable.
+const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
+                                        Item (&items)[2]) {
+  progress_.at(items_);
+  const auto check = [&](const Item& item, const isam::Byte* before, bool /*last*/) {
     if (prev != nullptr) check_pair(*prev, item, before == prev->key ? item.leadc : 0);
     check_record(item.recptr);
     ++items_;
     if (options.lflag != 0) pritem(item, key_);
     prev = &item;
-    before = item.key;
-    current ^= 1;
-  }
-  return prev;
+  };
+  return visit_items(node, area, items, check) ? prev : nullptr;
 }
 
 const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes area, const Item* prev,
                                          const Item* bound, Item (&items)[2]) {
-  const int used = static_cast<int>(area.size());
-  const isam::Byte* before = kNoKey;
-  int current = 0;
-  for (int pos = 0; pos < used;) {
-    Item& item = items[current];
-    pos = isam::itunpack(layout_, area, pos, before, item);
-    if (pos < 0) {
-      bad_format(node);
-      return nullptr;
-    }
+  const auto check = [&](const Item& item, const isam::Byte* /*before*/, bool last) {
     // The key of a node's last item carries no meaning: it covers all that lies to its right.
-    const bool last = pos == used;
     if (prev != nullptr && !last) check_pair(*prev, item, 0);
     found_.maxlevel = std::max(found_.maxlevel, ++level_);
     cktree(item.recptr, prev, last ? bound : &item);
@@ -88,10 +90,8 @@ const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes are
       pritem(item, key_);
     }
     if (!last) prev = &item;
-    before = item.key;
-    current ^= 1;
-  }
-  return prev;
+  };
+  return visit_items(node, area, items, check) ? prev : nullptr;
 }
 
 void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {

@@ -41,6 +41,8 @@ class TreeCheck {
   // `prev` precedes the subtree in key order (null on the leftmost path), `bound` is not to be
   // exceeded by its last item (null on the rightmost path).
   void cktree(std::int32_t node, const Item* prev, const Item* bound);
+  template <typename Visit>
+  bool visit_items(std::int32_t node, isam::ConstBytes area, Item (&items)[2], Visit visit);
   const Item* check_upper(std::int32_t node, isam::ConstBytes area, const Item* prev,
                           const Item* bound, Item (&items)[2]);
   const Item* check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
