@@ -9,8 +9,8 @@
 //            leaves the pair as it was
 //         L2 an emptied node of the index list is itself handed out; one of the data list goes
 //            back to the index list
-//         L3 a number that would leave a gap at the end of its file which no unwritten pages explain
-//            is not given out: 105
+//         L3 a number that would leave a gap at the end of its file, more than what unwritten pages
+//            explain, is not given out: 105
 //         L4 a node that looks like a storage page with records' bytes in it is not handed out,
 //            whatever the list says: after a process was killed, a page may be listed and in use.
 //            It leaves the list, which could make it its head and clear it
