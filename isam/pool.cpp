@@ -178,7 +178,11 @@ bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
 
 bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   FileRecord& file = *filep;
-  if (!file.direct.bytes.empty() || !only_in_file(offset, to.size() + behind.size())) return false;
+  const std::size_t size = to.size() + behind.size();
+  // What the pool has and nobody changed is as it is in the file: not worth a look.
+  const bool unchanged =
+      file.modified == nullptr && offset >= 0 && file.data_map.covers(size, offset);
+  if (!file.direct.bytes.empty() || (!unchanged && !only_in_file(offset, size))) return false;
   const std::int64_t then = offset + static_cast<std::int64_t>(to.size());
   return data_window_.read(file.datfd, file.data_map, to, offset) ==
              static_cast<ssize_t>(to.size()) &&
