@@ -73,4 +73,20 @@ inline constexpr Byte fltnull[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x
   return (order > 0) - (order < 0);
 }
 
+// The same for the bytes of keys, which are few: the first eight at once.
+[[nodiscard]] inline int compare_bytes(const Byte* a, const Byte* b, int n) {
+  if (n >= 8) {
+    std::uint64_t left;
+    std::uint64_t right;
+    std::memcpy(&left, a, sizeof left);
+    std::memcpy(&right, b, sizeof right);
+    if (left != right) return __builtin_bswap64(left) < __builtin_bswap64(right) ? -1 : 1;
+    if (n == 8) return 0;
+    a += 8;
+    b += 8;
+    n -= 8;
+  }
+  return bycmpr(a, b, static_cast<std::size_t>(n));
+}
+
 }  // namespace common

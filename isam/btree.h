@@ -52,6 +52,10 @@ int btposition(const keydescr& k, Edge edge);
 // above that of its equals; 100 when there may be none.
 int btsearch(Item& item, const keydescr& k, int len, Search mode);
 
+// Where a walk to the item before the path's may begin, right after a search for `sought` over its
+// whole key.
+[[nodiscard]] WalkStart btwalkstart(const Item& sought);
+
 // Moves to the neighbour item; past the last one in that direction, `ends` says so. Without parts
 // the current record number is moved, up to the last one of the file.
 int btmove(const keydescr& k, Direction direction);

@@ -92,7 +92,8 @@ bool Insertion::plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam
   Item prev;
   item.flag = 0;
   if (pos > 0) {
-    if (itprevious(layout_, area, pos, prev) < 0) return false;
+    const WalkStart start = leaf ? btwalkstart(item) : WalkStart{};
+    if (itprevious(layout_, area, pos, prev, start) < 0) return false;
     itpress(layout_, &prev, item, Press::kAfter);
   } else {
     itpress(layout_, nullptr, item, Press::kFirst);

@@ -45,11 +45,11 @@ class NodeImage {
 };
 
 // Takes the item at `pos` out of an area: its new length, or -1 with 105 and nothing changed.
-int take_out(const ItemLayout& layout, Bytes room, int length, int pos) {
+int take_out(const ItemLayout& layout, Bytes room, int length, int pos, const WalkStart& start) {
   const ConstBytes area = room.first(static_cast<std::size_t>(length));
   Item prev;
   Item gone;
-  if (pos >= length || (pos > 0 && itprevious(layout, area, pos, prev) < 0)) {
+  if (pos >= length || (pos > 0 && itprevious(layout, area, pos, prev, start) < 0)) {
     return failed(kCorrupted);
   }
   const int end = itunpack(layout, area, pos, pos > 0 ? prev.key : kNoKey, gone);
@@ -76,12 +76,12 @@ int take_out(const ItemLayout& layout, Bytes room, int length, int pos) {
 }
 
 // Removes the path's item from its node at `depth`. Only the root may become empty by that.
-int remove_item(const ItemLayout& layout, int depth) {
+int remove_item(const ItemLayout& layout, int depth, const WalkStart& start = {}) {
   const PathLevel& at = bt.level(depth);
   TreeNode node{at.node};
   if (!node) return -1;
   if (node.length() != at.length) return failed(kCorrupted);
-  const int length = take_out(layout, node.room(), at.length, at.offset);
+  const int length = take_out(layout, node.room(), at.length, at.offset, start);
   if (length < 0) return -1;
   node.changed(length);
   if (length == 0) node.page().set_frame(kUsedBytes, node.page().node_type(), kLeafLevel);
@@ -112,11 +112,12 @@ int free_emptied(std::int32_t number) {
   return -1;
 }
 
-// Removes the item on the path, and with it the nodes that it leaves empty.
-int btremove(const ItemLayout& layout) {
+// Removes the item on the path, and with it the nodes that it leaves empty. A walk to the item
+// before it may begin at `start`.
+int btremove(const ItemLayout& layout, const WalkStart& start) {
   const int top = lowest_level_kept(layout);
   if (top < 0) return -1;
-  if (top == bt.depth) return remove_item(layout, top);
+  if (top == bt.depth) return remove_item(layout, top, start);
   NodeImage before;
   if (!before.take(bt.level(top).node) || remove_item(layout, top) != 0) return -1;
   if (free_emptied(bt.level(bt.depth).node) != 0) {
@@ -157,11 +158,16 @@ int delete_item(const Item& item, const keydescr& k) {
   Item sought = item;
   if (btsearch(sought, k, 0, Search::kRead) != 0) return -1;
   const KeyOrder order{k};
+  WalkStart start = bt.ends == kOnItem ? btwalkstart(sought) : WalkStart{};
   WalkLimit walk;
   while ((bt.ends & kAfterLast) == 0 && itcompare(treeitem, sought, order) == 0) {
-    if (treeitem.recptr == sought.recptr) return btremove(ItemLayout{k});
+    if (treeitem.recptr == sought.recptr) return btremove(ItemLayout{k}, start);
     if (walk.exceeded()) return failed(kCorrupted);
+    const PathLevel passed = bt.level(bt.depth);
     if (btmove(k, Direction::kNext) != 0) return -1;
+    // Equal keys that are not bytewise may have other bytes.
+    const bool same_node = bt.level(bt.depth).node == passed.node && order.bytewise();
+    start = same_node ? WalkStart{passed.offset, sought.key} : WalkStart{};
   }
   return failed(kNoRecord);
 }

@@ -20,6 +20,16 @@ struct TreeItemPlace {
 };
 TreeItemPlace treeitem_place;
 
+// The leaf that the last search came to, its place there, and the item that it compared last
+// before.
+struct LastSearch {
+  const FileRecord* file = nullptr;
+  std::int32_t node = 0;
+  int offset = 0;
+  int passed = 0;
+};
+LastSearch last_search;
+
 int lost() {
   bt.depth = -1;
   return -1;
@@ -231,6 +241,7 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
   Descent descent{item, treeitem, k, len, mode};
   bt.ends = kOnItem;
   treeitem_place = {};
+  last_search = {};
   if (mode == Search::kInsert) clear_state(kSameKeyNearby);
   std::int32_t number = k.rootnode;
   for (bt.depth = 0;; ++bt.depth) {
@@ -247,6 +258,7 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
       if (!descent.on_greater()) break;
       if (!descent.take(node, level)) return lost();
       treeitem_place = {filep, level.node, level.offset};
+      last_search = {filep, level.node, level.offset, descent.passed()};
       return 0;
     }
     number = child_before(node.area(), level.next);
@@ -254,7 +266,15 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
   if (mode != Search::kInsert) return btmove(k, Direction::kNext);
   PathLevel& leaf = bt.level(bt.depth);
   leaf.offset = leaf.next = leaf.length;
+  last_search = {filep, leaf.node, leaf.offset, descent.passed()};
   return 0;
+}
+
+WalkStart btwalkstart(const Item& sought) {
+  const PathLevel& leaf = bt.level(bt.depth);
+  const bool known = last_search.passed > 0 && last_search.file == filep &&
+                     last_search.node == leaf.node && last_search.offset == leaf.offset;
+  return known ? WalkStart{last_search.passed, sought.key} : WalkStart{};
 }
 
 int btmove(const keydescr& k, Direction direction) {

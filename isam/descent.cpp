@@ -123,6 +123,7 @@ int Descent::compare_bytes(const StoredItem& stored, int& match) const {
 bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
   const int keylen = layout_.keylen;
   int match = 0;
+  from_ = 0;
   ItemWalk walk{layout_, area};
   while (walk.next()) {
     const bool last = walk.is_last();
@@ -135,7 +136,9 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
       result = stored.repeats ? 0 : compare_bytes(stored, match);
       if (result == 0) result = break_tie(stored_dupnm(layout_, stored.behind_key()));
     }
-    if (result < 0 || last) return settle(level, walk.start(), walk.end(), result);
+    if (result < 0) return settle(level, walk.start(), walk.end(), result);
+    if (!same_outcome) from_ = walk.start();
+    if (last) return settle(level, walk.start(), walk.end(), result);
   }
   return false;
 }

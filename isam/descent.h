@@ -24,6 +24,8 @@ class Descent {
   // whether a leaf item was equal, as far as the search met it.
   [[nodiscard]] bool on_greater() const { return greater_; }
   [[nodiscard]] bool met_equal() const { return met_equal_; }
+  // ... and of the items passed, one that takes its leading bytes from the key sought; 0 for none.
+  [[nodiscard]] int passed() const { return from_; }
 
   // Leaves that greater item of a leaf unpacked in `found`: false with 105 when its bytes make no
   // item.
@@ -47,6 +49,7 @@ class Descent {
   int len_;
   Search mode_;
   bool skips_;  // keys are decided by their first differing byte, and compared whole
+  int from_ = 0;
   bool leaf_ = false;
   bool greater_ = false;
   bool met_equal_ = false;

@@ -29,13 +29,13 @@ void set_flag(Item& item, int flag, bool on) {
 // The least item: a record pointer.
 constexpr std::size_t kMostItems = kMaxNodeSize / kRecordPointerSize;
 
-// The offsets of the items that lie before `pos`, in order.
+// The offsets of the items from `start` to `pos`, in order.
 class Offsets {
  public:
   // False when no item ends at `pos`.
-  [[nodiscard]] bool find(const ItemLayout& layout, ConstBytes area, int pos) {
+  [[nodiscard]] bool find(const ItemLayout& layout, ConstBytes area, int pos, int start = 0) {
     std::size_t count = 0;
-    ItemWalk walk{layout, area};
+    ItemWalk walk{layout, area, start};
     while (walk.end() < pos) {
       if (count == kMostItems || !walk.next()) return false;
       offsets_[count++] = static_cast<std::uint16_t>(walk.start());
@@ -52,8 +52,10 @@ class Offsets {
 };
 
 // Puts the key of the last of these items together from the back, each byte from the last item
-// that stores it. (From the front every item's bytes would be copied, most of them in vain.)
-void gather_key(const ItemLayout& layout, ConstBytes area, const Offsets& offsets, Byte* key) {
+// that stores it, or from `before`. (From the front every item's bytes would be copied, most of
+// them in vain.)
+void gather_key(const ItemLayout& layout, ConstBytes area, const Offsets& offsets,
+                const Byte* before, Byte* key) {
   int missing = layout.keylen;
   StoredItem stored;
   for (std::size_t i = offsets.size(); missing > 0 && i-- > 0;) {
@@ -65,7 +67,7 @@ void gather_key(const ItemLayout& layout, ConstBytes area, const Offsets& offset
     std::memset(key + stored.leadc + bytes, ' ', static_cast<std::size_t>(blanks));
     missing = stored.leadc;
   }
-  if (missing > 0) std::memset(key, 0, static_cast<std::size_t>(missing));
+  if (missing > 0) std::memcpy(key, before, static_cast<std::size_t>(missing));
 }
 
 }  // namespace
@@ -90,16 +92,17 @@ int itbefore(const ItemLayout& layout, ConstBytes area, int pos) {
   return offsets.find(layout, area, pos) ? offsets[offsets.size() - 1] : -1;
 }
 
-int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item) {
+int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item,
+               const WalkStart& start) {
   if (!layout.compressed()) {
-    const int start = itbefore(layout, area, pos);
-    return start >= 0 && itunpack(layout, area, start, kNoKey, item) == pos ? start : -1;
+    const int before = itbefore(layout, area, pos);
+    return before >= 0 && itunpack(layout, area, before, kNoKey, item) == pos ? before : -1;
   }
   Offsets offsets;
-  if (!offsets.find(layout, area, pos)) return -1;
-  gather_key(layout, area, offsets, item.key);
-  const int start = offsets[offsets.size() - 1];
-  return itunpack(layout, area, start, item.key, item) == pos ? start : -1;
+  if (!offsets.find(layout, area, pos, start.offset)) return -1;
+  gather_key(layout, area, offsets, start.key, item.key);
+  const int before = offsets[offsets.size() - 1];
+  return itunpack(layout, area, before, item.key, item) == pos ? before : -1;
 }
 
 void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press) {

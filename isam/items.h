@@ -178,10 +178,17 @@ class ItemWalk {
 // The key that a node's first item follows.
 inline constexpr Byte kNoKey[MAXKEYLEN] = {};
 
+// Where a walk over items may begin: at an item that takes its leading bytes from a key like this.
+struct WalkStart {
+  int offset = 0;
+  const Byte* key = kNoKey;
+};
+
 // The offset of the item that ends at `pos`, or -1 when none does.
 [[nodiscard]] int itbefore(const ItemLayout& layout, ConstBytes area, int pos);
-// The same, leaving the item unpacked in `item`.
-[[nodiscard]] int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item);
+// The same, leaving the item unpacked in `item`. The walk to it begins at `start`, before `pos`.
+[[nodiscard]] int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item,
+                             const WalkStart& start = {});
 
 // Where an item is to stand.
 enum class Press {

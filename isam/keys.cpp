@@ -146,8 +146,8 @@ KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {
   }
 }
 
-int KeyOrder::compare(const Byte* a, const Byte* b, int length) const {
-  int left = length < 1 ? keylen_ : length;
+int KeyOrder::compare_parts(const Byte* a, const Byte* b, int length) const {
+  int left = length;
   int order = 0;
   for (int i = 0; order == 0 && i < nparts_ && left > 0; ++i) {
     const Part& part = parts_[static_cast<std::size_t>(i)];
@@ -161,7 +161,8 @@ int KeyOrder::compare(const Byte* a, const Byte* b, int length) const {
 }
 
 int KeyOrder::compare_in_part(int at, Byte a, Byte b) const {
-  for (const Part& part : parts_) {
+  for (int i = 0; i < nparts_; ++i) {
+    const Part& part = parts_[static_cast<std::size_t>(i)];
     if (at >= part.length) {
       at -= part.length;
       continue;

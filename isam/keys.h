@@ -7,6 +7,7 @@
 #include <array>
 #include <cstdint>
 
+#include "common/bytes.h"
 #include "isam.h"
 #include "isam/format.h"
 
@@ -44,7 +45,10 @@ class KeyOrder {
   explicit KeyOrder(const keydescr& k);
 
   // Negative, 0 or positive, over at most `length` bytes (below 1: the whole key).
-  [[nodiscard]] int compare(const Byte* a, const Byte* b, int length = 0) const;
+  [[nodiscard]] int compare(const Byte* a, const Byte* b, int length = 0) const {
+    const int bytes = length < 1 || length > keylen_ ? keylen_ : length;
+    return plain_ ? common::compare_bytes(a, b, bytes) : compare_parts(a, b, bytes);
+  }
 
   // The same over the whole key, of values whose first `equal` bytes are known to be the same.
   [[nodiscard]] int compare_from(const Byte* a, const Byte* b, int equal) const {
@@ -68,9 +72,10 @@ class KeyOrder {
     bool descending;
   };
 
+  [[nodiscard]] int compare_parts(const Byte* a, const Byte* b, int length) const;
   [[nodiscard]] int compare_in_part(int at, Byte a, Byte b) const;
 
-  std::array<Part, MAXPARTS> parts_{};
+  std::array<Part, MAXPARTS> parts_;  // the first nparts_
   int nparts_;
   int keylen_;
   bool plain_ = true;     // unsigned bytes ascending throughout
