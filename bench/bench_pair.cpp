@@ -3,16 +3,39 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
+#include "tests/support/made_records.h"
+
 namespace bench {
 
 namespace fs = std::filesystem;
+
+testing_support::PairSpec bench_spec(int records) {
+  using testing_support::put_unique;
+  testing_support::PairSpec spec;
+  spec.records = records;
+  spec.record_length = 128;
+  spec.dup_width = 4;
+  spec.keys = {{.flags = 0, .parts = {{0, 8, testing_support::kChar}}},
+               {.flags = testing_support::kDups, .parts = {{8, 20, testing_support::kChar}}}};
+  const auto groups = static_cast<std::uint64_t>(std::max(records / 10, 1));
+  spec.make_record = [groups](int number, testing_support::Image& record) {
+    std::fill(record.begin(), record.end(), testing_support::Byte{' '});
+    put_unique(record.data(), {0, 8}, number);
+    const std::uint64_t group = static_cast<std::uint64_t>(number) * 2654435761u % groups;
+    std::memcpy(record.data() + 8, "NAME", 4);
+    put_unique(record.data() + 12, {0, 8}, static_cast<int>(group));
+  };
+  return spec;
+}
 
 BenchPair::BenchPair(const fs::path& folder, const testing_support::PairSpec& spec)
     : base(folder / ("kestro_bench." + std::to_string(getpid()))), records(spec.records) {

@@ -11,6 +11,9 @@
 
 namespace bench {
 
+// 128 bytes, an 8-byte unique key, a 20-byte key with ten duplicates.
+testing_support::PairSpec bench_spec(int records);
+
 // A sound pair for as long as it lives.
 class BenchPair {
  public:

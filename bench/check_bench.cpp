@@ -64,7 +64,7 @@ Settings settings_from(const std::vector<const char*>& arguments) {
 }
 
 testing_support::PairSpec spec_for(const Settings& settings, int records) {
-  testing_support::PairSpec spec = testing_support::bench_spec(records);
+  testing_support::PairSpec spec = bench::bench_spec(records);
   spec.record_length = settings.length;
   spec.scatter = settings.scatter;
   return spec;

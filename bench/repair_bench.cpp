@@ -117,7 +117,7 @@ void print_row(const char* what, const bench::Summary& summary, const bench::Sum
 }
 
 void measure(const fs::path& folder, int records) {
-  const bench::BenchPair pair(folder, testing_support::bench_spec(records));
+  const bench::BenchPair pair(folder, bench::bench_spec(records));
   bench::demand_sound(pair, KESTRO_PROGRAM);
   const bench::Summary repair = bench::repeat(kRuns, [&] { return repair_run(pair); });
   bench::demand_sound(pair, KESTRO_PROGRAM);

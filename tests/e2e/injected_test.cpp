@@ -10,15 +10,12 @@
 #include <cerrno>
 #include <climits>
 #include <filesystem>
-#include <regex>
 #include <set>
 #include <string_view>
 #include <utility>
 
 #include "common/io.h"
 #include "tests/e2e/sessions.h"
-#include "tests/support/pair_walk.h"
-#include "tests/support/run_program.h"
 
 namespace testing_support {
 namespace {
@@ -336,6 +333,10 @@ class Script {
   bool alone_ = false;  // exclusively open
 };
 
+// Where a variable part was being written, its record may not fit the storage: that stays.
+constexpr char kTorn[] =
+    "ERROR(: bad data record\n|: Corrupt variable length record storage page| 105: )";
+
 class Injected : public testing::TestWithParam<std::tuple<Scene, Plan>> {
  protected:
   // Runs the script in a process of its own, with the fault after `calls` calls.
@@ -357,34 +358,14 @@ class Injected : public testing::TestWithParam<std::tuple<Scene, Plan>> {
     return *report;
   }
 
-  static std::string kestro(const char* options, const std::string& base) {
-    return run_program({.words = {KESTRO_PROGRAM, options, base}}).out;
-  }
-
-  void expect_repaired(const std::string& base) const {
-    static_cast<void>(kestro("-yq", base));
-    std::string left = kestro("-nq", base);
-    // Where a variable part was being written, its record may not fit the storage: that stays.
-    if (scene_.varying) {
-      const std::regex torn(
-          "ERROR(: bad data record\n|: Corrupt variable length record storage page| 105: )");
-      left = std::regex_replace(left, torn, "");
-    }
-    EXPECT_TRUE(left.find("ERROR") == left.npos && left.find('?') == left.npos) << left;
-  }
-
   void expect_records(const std::array<States, kIds + 1>& possible, const std::string& base) const {
-    std::array<States, kIds + 1> found;
-    found.fill(kAbsent);
-    for (const auto& [number, image] : walk_pair(base).records) {
-      Row row;
-      if (parse(std::string(image.begin(), image.end()), scene_.varying, row)) {
-        found.at(static_cast<std::size_t>(row.id)) = with_counter(row.counter);
-      }
-    }
-    for (std::size_t id = 1; id <= kIds; ++id) {
-      EXPECT_NE(found[id] & possible[id], 0U)
-          << "record " << id << ": " << found[id] << " instead of " << possible[id];
+    const std::map<int, int> counters = counters_in(base, scene_.varying, 1, kIds);
+    for (int id = 1; id <= kIds; ++id) {
+      const auto at = counters.find(id);
+      const States found = at == counters.end() ? kAbsent : with_counter(at->second);
+      const States expected = possible[static_cast<std::size_t>(id)];
+      EXPECT_NE(found & expected, 0U)
+          << "record " << id << ": " << found << " instead of " << expected;
     }
   }
 
@@ -403,7 +384,7 @@ TEST_P(Injected, FailuresAreToldAndLeaveWhatWasDone) {
     if (!std::filesystem::exists(base + ".idx")) continue;
     if (report.torn) {
       EXPECT_GT(report.failures, 0);
-      expect_repaired(base);
+      expect_repaired(base, scene_.varying ? kTorn : "");
     } else {
       EXPECT_EQ(walk_pair(base).problems, std::vector<std::string>{});
     }

@@ -9,14 +9,10 @@
 #include <atomic>
 #include <csignal>
 #include <random>
-#include <regex>
 #include <set>
 
 #include "common/io.h"
 #include "tests/e2e/sessions.h"
-#include "tests/support/common_memory.h"
-#include "tests/support/pair_walk.h"
-#include "tests/support/run_program.h"
 
 namespace testing_support {
 namespace {
@@ -29,10 +25,7 @@ bool is_running(pid_t process) {
 
 // The rows of a pair that has no fault in anybody's eyes.
 std::vector<Row> sound_rows(const std::string& base, bool varying) {
-  const RunResult run = run_program({.words = {KESTRO_PROGRAM, "-nq", base}});
-  EXPECT_TRUE(run.status == 0 && run.out.find("ERROR") == run.out.npos &&
-              run.out.find('?') == run.out.npos)
-      << run.out;
+  expect_nothing_found(kestro("-nq", base));
   const Walk walk = walk_pair(base);
   EXPECT_EQ(walk.problems, std::vector<std::string>{});
   std::vector<Row> rows;
@@ -276,6 +269,9 @@ int lock_or_stop(int fd, int command, struct flock* lock) {
   return result;
 }
 
+// Where a variable part was being written, its record may not fit the storage: that stays.
+constexpr char kTorn[] = "ERROR: (bad data record\n|Corrupt variable length record storage page)";
+
 class Killed : public Processes {
  protected:
   void SetUp() override { build_pair_of(base_, varying_, 0); }
@@ -295,33 +291,15 @@ class Killed : public Processes {
   }
   int any(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
 
-  // The next check finds nothing. Only where a variable part was being written, its record may not
-  // fit the storage: that stays.
-  void repair() {
-    run_program({.words = {KESTRO_PROGRAM, "-yq", base_}});
-    std::string left = run_program({.words = {KESTRO_PROGRAM, "-nq", base_}}).out;
-    if (varying_) {
-      const std::regex torn(
-          "ERROR: (bad data record\n|Corrupt variable length record storage page)");
-      left = std::regex_replace(left, torn, "");
-    }
-    EXPECT_TRUE(left.find("ERROR") == left.npos && left.find('?') == left.npos) << left;
-  }
-
   void expect_completed_calls() {
-    std::array<int, kOwn * kProcesses> counters{};
-    counters.fill(kAbsent);
-    for (const auto& [number, image] : walk_pair(base_).records) {
-      Row row;
-      if (parse(std::string(image.begin(), image.end()), varying_, row)) {
-        counters.at(static_cast<std::size_t>(row.id)) = row.counter;
-      }
-    }
-    for (std::size_t i = 0; i < counters.size(); ++i) {
+    const std::map<int, int> counters = counters_in(base_, varying_, 0, kOwn * kProcesses - 1);
+    for (std::size_t i = 0; i < kOwn * kProcesses; ++i) {
+      const auto at = counters.find(static_cast<int>(i));
+      const int counter = at == counters.end() ? kAbsent : at->second;
       const Claim& claim = stage_->journals[i % kProcesses].claims[i / kProcesses];
-      const bool torn = varying_ && claim.sure != claim.aimed && counters[i] == kAbsent;
-      EXPECT_TRUE(counters[i] == claim.sure || counters[i] == claim.aimed || torn)
-          << "record " << i << ": " << counters[i] << " instead of " << claim.sure;
+      const bool torn = varying_ && claim.sure != claim.aimed && counter == kAbsent;
+      EXPECT_TRUE(counter == claim.sure || counter == claim.aimed || torn)
+          << "record " << i << ": " << counter << " instead of " << claim.sure;
     }
   }
 
@@ -340,7 +318,7 @@ TEST_P(Killed, LosesNoCompletedCallOfAnybody) {
   for (int i = 0; i < kProcesses; ++i) {
     EXPECT_EQ(end_of(processes_[static_cast<std::size_t>(i)]), i == 0 ? SIGKILL : 0);
   }
-  repair();
+  expect_repaired(base_, varying_ ? kTorn : "");
   expect_completed_calls();
 }
 
@@ -367,7 +345,7 @@ TEST_P(Killed, HarmsNoCallThatTheOthersCompleteAfterwards) {
     EXPECT_EQ(end_of(processes_[static_cast<std::size_t>(i)]), i < kVictims ? SIGKILL : 0);
     stage_->dead = i >= kVictims - 1;
   }
-  repair();
+  expect_repaired(base_, varying_ ? kTorn : "");
   expect_completed_calls();
 }
 

@@ -11,11 +11,15 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
+#include <regex>
 #include <string>
 
 #include "isam.h"
 #include "tests/support/child_process.h"
 #include "tests/support/common_memory.h"
+#include "tests/support/pair_walk.h"
+#include "tests/support/run_program.h"
 
 namespace testing_support {
 
@@ -96,6 +100,35 @@ struct Session {
     return call(isfd, arguments..., record.data());
   }
 };
+
+// What a check or a repair of the pair says.
+inline std::string kestro(const char* options, const std::string& base) {
+  const RunResult run = run_program({.words = {KESTRO_PROGRAM, options, base}});
+  EXPECT_EQ(run.status, 0) << run.out;
+  return run.out;
+}
+
+inline void expect_nothing_found(const std::string& report) {
+  EXPECT_TRUE(report.find("ERROR") == report.npos && report.find('?') == report.npos) << report;
+}
+
+// A check after a repair finds nothing but what the pattern says.
+inline void expect_repaired(const std::string& base, const char* stays) {
+  static_cast<void>(kestro("-yq", base));
+  expect_nothing_found(std::regex_replace(kestro("-nq", base), std::regex(stays), ""));
+}
+
+// The counters of the records that can be read, by their ids, which must lie in this range.
+inline std::map<int, int> counters_in(const std::string& base, bool varying, int first, int last) {
+  std::map<int, int> counters;
+  for (const auto& [number, image] : walk_pair(base).records) {
+    Row row;
+    if (!parse(std::string(image.begin(), image.end()), varying, row)) continue;
+    EXPECT_TRUE(row.id >= first && row.id <= last) << row.id;
+    counters[row.id] = row.counter;
+  }
+  return counters;
+}
 
 inline void build_pair_of(const std::string& base, bool varying, int records) {
   EXPECT_EQ(end_of(start_process([&] {

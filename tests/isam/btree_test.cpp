@@ -68,26 +68,6 @@ TEST_P(BtreeModel, SearchesFindTheirPlace) {
   }
 }
 
-TEST_P(BtreeModel, NeighboursWithTheSameKeyAreSeen) {
-  const auto [flags, kind] = GetParam();
-  Tree tree{flags, kind, {.node_size = 128}, 40};
-  std::mt19937 random(9);
-  for (int i = 0; i < 150; ++i) tree.insert(static_cast<int>(random() % 40));
-  ASSERT_EQ(btposition(tree.k, Edge::kFirst), 0);
-  const auto& model = tree.model;
-  for (auto at = model.begin(); at != model.end(); ++at) {
-    const bool as_next = std::next(at) != model.end() && std::next(at)->first == at->first;
-    const bool as_previous = at != model.begin() && std::prev(at)->first == at->first;
-    ASSERT_EQ(btdups(tree.k, Direction::kNext), 0);
-    EXPECT_EQ((bt.state & kSameKeyNearby) != 0, as_next);
-    ASSERT_EQ(btdups(tree.k, Direction::kPrevious), 0);
-    EXPECT_EQ((bt.state & kSameKeyNearby) != 0, as_previous);
-    ASSERT_TRUE(bt.depth >= 0 && bt.ends == kOnItem);
-    ASSERT_EQ(btmove(tree.k, Direction::kNext), 0);
-  }
-  EXPECT_EQ(bt.ends, kAfterLast);
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Keys, BtreeModel,
     testing::Combine(testing::Range(0, 16),
@@ -187,49 +167,6 @@ TEST(Btree, DeletingAnItemThatIsNotThere) {
   tree.expect_sound();
 }
 
-// A position between calls: the item is found again, or the one behind its place.
-TEST(Btree, TheCurrentItemIsFoundAgain) {
-  Tree tree{KF_DUPS | KF_LCOMPRESS, Kind::kText, {.node_size = 128}, 50};
-  for (int i = 0; i < 150; ++i) ASSERT_EQ(tree.insert(i % 50), 0);
-  bt.state = 0;
-  EXPECT_EQ(btcurrent(tree.k, false), -1);
-
-  auto at = tree.model.find(20);
-  Item item = tree.item_of(20);
-  ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
-  bt.item = treeitem;
-  bt.state = kHasCurrent | kCurrentRead;
-  const Position kept = bt;
-  for (int key = 0; key < 50; ++key) ASSERT_EQ(tree.insert(key), 0);  // the tree changes
-  bt = kept;
-  bt.depth = -1;
-  ASSERT_EQ(btcurrent(tree.k, true), 0);
-  EXPECT_TRUE(tree.on(*at));
-  EXPECT_EQ(bt.state, kHasCurrent | kCurrentRead);
-
-  const auto behind = std::next(at);
-  ASSERT_EQ(tree.remove(at), 0);
-  bt = kept;
-  bt.depth = -1;
-  ASSERT_EQ(btcurrent(tree.k, false), 0);
-  EXPECT_TRUE(tree.on(*behind));
-  EXPECT_EQ(bt.state, kHasCurrent);
-  bt.state = kHasCurrent | kCurrentDeleted;
-  EXPECT_EQ(btcurrent(tree.k, true), -1);
-
-  // Beside the items a position stays where it is.
-  for (const auto& [ends, inwards, entry] :
-       {std::tuple{kBeforeFirst, Direction::kNext, *tree.model.begin()},
-        {kAfterLast, Direction::kPrevious, *tree.model.rbegin()}}) {
-    bt.ends = ends;
-    bt.depth = -1;
-    ASSERT_EQ(btcurrent(tree.k, false), 0);
-    EXPECT_EQ(bt.ends, ends);
-    ASSERT_EQ(btmove(tree.k, inwards), 0);
-    EXPECT_TRUE(tree.on(entry));
-  }
-}
-
 // A path that is put back goes on from its own item, whatever was read in the meantime.
 TEST(Btree, PositionsTakeTurns) {
   for (const int flags : {+KF_DUPS, KF_DUPS | KF_LCOMPRESS | KF_TCOMPRESS}) {
@@ -261,58 +198,22 @@ TEST(Btree, PositionsTakeTurns) {
   }
 }
 
-TEST(Btree, APartialKeyFindsTheFirstAndTheLastThatBeginSo) {
-  for (const int flags : {0, +KF_LCOMPRESS, KF_DUPS | KF_DCOMPRESS | KF_TCOMPRESS}) {
-    Tree tree{flags, Kind::kText, {.node_size = 128}};
-    for (int key = 1; key < 400; key += 2) ASSERT_EQ(tree.insert(key), 0);
-    for (int key = 0; key < 400; ++key) {
-      for (const int len : {1, 7, 19}) {
-        Item item = tree.item_of(key);
-        const auto order = [&](int other) {
-          return std::memcmp(tree.keys[static_cast<std::size_t>(other)].data(), item.key,
-                             static_cast<std::size_t>(len));
-        };
-        auto at = tree.model.begin();
-        while (at != tree.model.end() && order(at->first) < 0) ++at;
-        ASSERT_EQ(btsearch(item, tree.k, len, Search::kRead), 0);
-        ASSERT_TRUE(expect_position(tree, at));
-        while (at != tree.model.end() && order(at->first) == 0) ++at;
-        ASSERT_EQ(btsearch(item, tree.k, len, Search::kPast), 0);
-        ASSERT_TRUE(expect_position(tree, at));
-      }
-    }
-  }
-}
-
-TEST(Btree, RecordNumbersAreMovedByOne) {
+TEST(Btree, ARecordThatAnotherProcessAddedIsReached) {
   TestPair pair{{}};
-  keydescr k{};
   for (int i = 0; i < 3; ++i) pair.add_record(Image(40));
-  bt = Position{};
-  bt.item.recptr = 1;
-  for (const std::int32_t number : {2, 3}) {
-    ASSERT_EQ(btmove(k, Direction::kNext), 0);
-    EXPECT_EQ(bt.item.recptr, number);
-    EXPECT_EQ(bt.ends, kOnItem);
-  }
-  // A record that another process has added since is reached.
   Image index = pair.index();
   testing_support::put4(&index[testing_support::dict::kNextData], 4);
   pair.replace_index(index);
   dictp->set_d_nextdata(3);
-  ASSERT_EQ(btmove(k, Direction::kNext), 0);
+  bt = Position{};
+  bt.item.recptr = 3;
+  ASSERT_EQ(btmove(keydescr{}, Direction::kNext), 0);
   EXPECT_EQ(bt.item.recptr, 4);
   EXPECT_EQ(bt.ends, kOnItem);
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(btmove(k, Direction::kNext), 0);
+    ASSERT_EQ(btmove(keydescr{}, Direction::kNext), 0);
     EXPECT_EQ(bt.ends, kAfterLast);
   }
-  for (std::int32_t number = 4; number > 0; --number) {
-    ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
-    EXPECT_EQ(bt.item.recptr, number);
-  }
-  ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
-  EXPECT_EQ(bt.ends, kBeforeFirst);
 }
 
 }  // namespace

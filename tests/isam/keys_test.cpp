@@ -11,22 +11,14 @@
 #include "isam/btree.h"
 #include "isam/keychain.h"
 #include "tests/isam/test_pair.h"
+#include "tests/support/descriptions.h"
 
 namespace isam {
 namespace {
 
 using testing_support::Image;
+using testing_support::key_of;
 using testing_support::TestPair;
-
-keydescr key_of(const std::vector<keypart>& parts, int flags = 0) {
-  keydescr k{};
-  k.flags = static_cast<std::int16_t>(flags);
-  for (const keypart& part : parts) {
-    k.part[k.nparts++] = part;
-    k.keylen = static_cast<std::int16_t>(k.keylen + part.length);
-  }
-  return k;
-}
 
 TEST(Keys, LegalityOfADescription) {
   constexpr int kRecord = 200;

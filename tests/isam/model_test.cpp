@@ -8,6 +8,7 @@
 #include <random>
 #include <sstream>
 
+#include "tests/support/descriptions.h"
 #include "tests/support/isam_model.h"
 #include "tests/support/run_program.h"
 
@@ -22,16 +23,6 @@ constexpr keypart kName{0, 8, KT_CHAR}, kId{8, 4, KT_LONG}, kRank{12, 2, KT_INT}
     kRankDown{12, 2, KT_INT | KT_DESC}, kAmount{14, 8, KT_DOUBLE},
     kAmountDown{14, 8, KT_DOUBLE | KT_DESC}, kText{22, 12, KT_CHAR},
     kTextDown{22, 12, KT_CHAR | KT_DESC};
-
-keydescr index(int flags, std::initializer_list<keypart> parts) {
-  keydescr k{};
-  k.flags = static_cast<std::int16_t>(flags);
-  for (const keypart& part : parts) {
-    k.part[k.nparts++] = part;
-    k.keylen = static_cast<std::int16_t>(k.keylen + part.length);
-  }
-  return k;
-}
 
 struct Shape {
   const char* name;
@@ -339,27 +330,27 @@ class Script {
 };
 
 const std::vector<Shape> kShapes = {
-    {"NumbersOnly", kMinimum, {ISMANULOCK}, {index(0, {})}},
+    {"NumbersOnly", kMinimum, {ISMANULOCK}, {key_of({})}},
     {"NumbersVarying",
      4500,
      {ISAUTOLOCK, ISEXCLLOCK},
-     {index(0, {}), index(KF_DUPS | KF_LCOMPRESS, {kText})}},
-    {"Plain", kMinimum, {ISMANULOCK, ISAUTOLOCK}, {index(0, {kId})}},
+     {key_of({}), key_of({kText}, KF_DUPS | KF_LCOMPRESS)}},
+    {"Plain", kMinimum, {ISMANULOCK, ISAUTOLOCK}, {key_of({kId})}},
     {"TwoVarying",
      5200,
      {ISEXCLLOCK},
-     {index(KF_TCOMPRESS, {kText, kId}), index(KF_DUPS | KF_COMPRESS, {kName})}},
+     {key_of({kText, kId}, KF_TCOMPRESS), key_of({kName}, KF_DUPS | KF_COMPRESS)}},
     {"DuplicatesFirst",
      kMinimum,
      {ISMANULOCK, ISEXCLLOCK, ISAUTOLOCK},
-     {index(KF_DUPS, {kRankDown, kName}), index(KF_LCOMPRESS, {kName, kId}),
-      index(KF_DUPS | KF_DCOMPRESS, {kAmount})}},
+     {key_of({kRankDown, kName}, KF_DUPS), key_of({kName, kId}, KF_LCOMPRESS),
+      key_of({kAmount}, KF_DUPS | KF_DCOMPRESS)}},
     {"FourVarying",
      3300,
      {ISMANULOCK, ISMANULOCK, ISAUTOLOCK},
-     {index(0, {kId}), index(KF_DUPS | KF_TCOMPRESS, {kTextDown}),
-      index(KF_DUPS | KF_DCOMPRESS | KF_LCOMPRESS, {kAmountDown, kRank}),
-      index(KF_COMPRESS, {kRank, kText, kAmount})}}};
+     {key_of({kId}), key_of({kTextDown}, KF_DUPS | KF_TCOMPRESS),
+      key_of({kAmountDown, kRank}, KF_DUPS | KF_DCOMPRESS | KF_LCOMPRESS),
+      key_of({kRank, kText, kAmount}, KF_COMPRESS)}}};
 
 class Model : public testing::TestWithParam<Shape> {};
 

@@ -16,6 +16,7 @@
 #include "isam/keychain.h"
 #include "isam/treenode.h"
 #include "tests/isam/test_pair.h"
+#include "tests/support/descriptions.h"
 
 namespace isam {
 
@@ -82,9 +83,9 @@ inline std::vector<Image> keys_of(Kind kind, std::size_t count) {
 class Tree {
  public:
   Tree(int flags, Kind kind, TestPair::Shape shape, std::size_t different = 400)
-      : keys(keys_of(kind, different)), pair(shape) {
-    k.flags = static_cast<std::int16_t>(flags);
-    for (const keypart& part : parts_of(kind)) k.part[k.nparts++] = part;
+      : k(testing_support::key_of(parts_of(kind), flags)),
+        keys(keys_of(kind, different)),
+        pair(shape) {
     EXPECT_EQ(kylegal(k, shape.record_length), 0);
     EXPECT_EQ(kyadd(k), 0);
   }
@@ -187,7 +188,7 @@ class Tree {
     return root.page().level() + 1;
   }
 
-  keydescr k{};
+  keydescr k;
   std::vector<Image> keys;
   TestPair pair;
   std::multimap<int, std::int32_t> model;

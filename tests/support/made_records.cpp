@@ -90,21 +90,4 @@ PairSpec varying_spec(int node_size, int records, int longest, std::uint32_t see
   return spec;
 }
 
-PairSpec bench_spec(int records) {
-  PairSpec spec;
-  spec.records = records;
-  spec.record_length = 128;
-  spec.dup_width = 4;
-  spec.keys = {{.flags = 0, .parts = {{0, 8, kChar}}}, {.flags = kDups, .parts = {{8, 20, kChar}}}};
-  const auto groups = static_cast<std::uint64_t>(std::max(records / 10, 1));
-  spec.make_record = [groups](int number, Image& record) {
-    std::fill(record.begin(), record.end(), Byte{' '});
-    put_unique(record.data(), {0, 8}, number);
-    const std::uint64_t group = static_cast<std::uint64_t>(number) * 2654435761u % groups;
-    std::memcpy(record.data() + 8, "NAME", 4);
-    put_unique(record.data() + 12, {0, 8}, static_cast<int>(group));
-  };
-  return spec;
-}
-
 }  // namespace testing_support

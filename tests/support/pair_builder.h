@@ -72,7 +72,5 @@ BuiltPair build_pair(const PairSpec& spec, const std::string& base);
 PairSpec mixed_spec(int node_size, int records, std::uint32_t seed);
 // Two indexes, records of 40 to `longest` bytes.
 PairSpec varying_spec(int node_size, int records, int longest, std::uint32_t seed);
-// The benchmark's shape: 128 bytes, an 8-byte unique key, a 20-byte key with ten duplicates.
-PairSpec bench_spec(int records);
 
 }  // namespace testing_support
