@@ -16,7 +16,9 @@ class Recover : public LogTest {
     words.insert(words.begin(), ISRECOVER_PROGRAM);
     RunResult run = run_program(
         {.words = std::move(words), .folder = folder, .environment = {}, .seconds = 30});
-    EXPECT_TRUE(run.status >= kAll && run.status <= kFailed && !run.timed_out) << run.signal;
+    EXPECT_TRUE(run.status >= kAll && run.status <= kFailed && !run.timed_out)
+        << "status " << run.status << ", signal " << run.signal
+        << (run.timed_out ? ", timed out\n" : "\n") << run.err;
     // A sanitizer's report ends the program with a status like any other.
     EXPECT_FALSE(has(run.err, "Sanitizer") || has(run.err, "runtime error")) << run.err;
     return run;

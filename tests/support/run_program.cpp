@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -46,6 +47,22 @@ struct Pipe {
   ::_exit(127);
 }
 
+// The time that has passed while this process ran. One that was stopped, or had to wait long for a
+// processor, finds on its return that the program has ended meanwhile, or was stopped too.
+class RunningTime {
+ public:
+  std::chrono::steady_clock::duration until_now() {
+    const auto now = std::chrono::steady_clock::now();
+    spent_ += std::min<std::chrono::steady_clock::duration>(now - last_, std::chrono::seconds(1));
+    last_ = now;
+    return spent_;
+  }
+
+ private:
+  std::chrono::steady_clock::time_point last_ = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::duration spent_{};
+};
+
 // Appends what there is to read; false at the end.
 bool drain(int fd, std::string& to) {
   std::array<char, 65536> buffer;
@@ -72,15 +89,15 @@ RunResult run_program(const RunRequest& request) {
   in.close_end(1);
 
   RunResult run;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(request.seconds);
+  RunningTime spent;
   std::array<pollfd, 2> ends{{{out.ends[0], POLLIN, 0}, {err.ends[0], POLLIN, 0}}};
   while (ends[0].fd >= 0 || ends[1].fd >= 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
+    if (spent.until_now() > std::chrono::seconds(request.seconds)) {
       run.timed_out = true;
       ::kill(child, SIGKILL);
       break;
     }
-    ::poll(ends.data(), ends.size(), 100);
+    if (::poll(ends.data(), ends.size(), 100) < 0) continue;
     if (ends[0].revents != 0 && !drain(ends[0].fd, run.out)) ends[0].fd = -1;
     if (ends[1].revents != 0 && !drain(ends[1].fd, run.err)) ends[1].fd = -1;
   }
