@@ -226,6 +226,7 @@ int open_pair(const char* name, int mode) {
   if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
   int isfd = open_anew(name, mode);
   for (int tries = 1; isfd < 0 && iserrno == ESTALE && tries < kTries; ++tries) {
+    close_idle_files();  // one of them may be the pair of before
     isfd = open_anew(name, mode);
   }
   return isfd;

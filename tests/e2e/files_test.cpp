@@ -116,6 +116,22 @@ TEST_P(Files, AreThoseThatHaveTheNameWhenTheyAreOpen) {
   }
 }
 
+// A process keeps a pair that it has closed at hand; its data file is restored from a copy.
+TEST_P(Files, AreNotTheDataOfBefore) {
+  EXPECT_EQ(end_of(start_process([&] {
+              std::filesystem::current_path(folder_.path());
+              ::isvclose(9);
+              Session pair = session("pair");
+              if (pair.open(ISINOUT | ISMANULOCK) < 0 || ::isclose(pair.isfd) != 0) ::_exit(1);
+              std::filesystem::copy("pair.dat", "copy");
+              std::filesystem::rename("copy", "pair.dat");
+              if (pair.open(ISINOUT | ISMANULOCK) < 0) ::_exit(2);
+              if (pair.put({50, 1, 0}, ::iswrite) != 0) ::_exit(3);
+            })),
+            0);
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
 // Another process takes the open lock of a pair whenever it is free before a request for it.
 ino_t wanted_pair = 0;
 std::vector<pid_t> intruders;
