@@ -183,10 +183,10 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   const bool unchanged =
       file.modified == nullptr && offset >= 0 && file.data_map.covers(size, offset);
   if (!file.direct.bytes.empty() || (!unchanged && !only_in_file(offset, size))) return false;
-  const std::int64_t then = offset + static_cast<std::int64_t>(to.size());
-  return data_window_.read(file.datfd, file.data_map, to, offset) ==
-             static_cast<ssize_t>(to.size()) &&
-         file.data_map.read(file.datfd, behind, then) == static_cast<ssize_t>(behind.size());
+  const auto first = static_cast<ssize_t>(to.size());
+  if (data_window_.read(file.datfd, file.data_map, to, offset) != first) return false;
+  return behind.empty() || file.data_map.read(file.datfd, behind, offset + first) ==
+                               static_cast<ssize_t>(behind.size());
 }
 
 Buffer* Pool::bfgetclr(std::int32_t block) {
