@@ -308,6 +308,7 @@ int Pool::bfcommit(FileRecord& file, int (*dictionary)()) {
 
 int Pool::bfdiscard(FileRecord& file) {
   if (file.spilled) return -1;
+  file.failed_write = {};
   file.direct.bytes.clear();
   while (file.modified != nullptr) {
     Buffer* const page = file.modified;
