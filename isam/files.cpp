@@ -279,7 +279,7 @@ int reopen_data(FileRecord& file) {
   if (common::system_calls().fstat(fd.get(), &status) != 0) return failed_system(errno);
   // Another file has the name by now.
   if (status.st_dev != file.data_device || status.st_ino != file.data_inode) {
-    return failed_system(ESTALE, Operation::kOpen, FileKind::kData);
+    return failed_system(ENOENT, Operation::kOpen, FileKind::kData);
   }
   file.datfd = fd.release();
   return 0;

@@ -144,12 +144,22 @@ bool is_pair_of(const FileRecord& file, const char* name) {
          leads_to(mkdatname(name), file.data_device, file.data_inode);
 }
 
+bool is_there(const std::string& path) {
+  struct stat status {};
+  return common::system_calls().stat(path.c_str(), &status) == 0;
+}
+
+// Whether a pair has the name although it could not be opened: it is being replaced.
+bool was_replaced(const char* name) {
+  return iserrno == ENOENT && is_there(mkidxname(name)) && is_there(mkdatname(name));
+}
+
 // Until the open lock was had, an exclusive open of another process may have been there, which
 // writes its dictionary when it closes, and may have given the name to another pair: 0, or -1 (with
-// ESTALE then).
+// ENOENT then).
 int look_again(const char* name, int entry) {
   if (filep->usecount > 1) return 0;
-  return is_pair_of(*filep, name) ? reread_dictionary(entry) : failed_system(ESTALE);
+  return is_pair_of(*filep, name) ? reread_dictionary(entry) : failed_system(ENOENT);
 }
 
 int set_up(OpenRecord& open, const char* name, int mode) {
@@ -225,7 +235,7 @@ int open_pair(const char* name, int mode) {
   clear_errors();
   if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
   int isfd = open_anew(name, mode);
-  for (int tries = 1; isfd < 0 && iserrno == ESTALE && tries < kTries; ++tries) {
+  for (int tries = 1; isfd < 0 && was_replaced(name) && tries < kTries; ++tries) {
     close_idle_files();  // one of them may be the pair of before
     isfd = open_anew(name, mode);
   }
