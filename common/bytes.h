@@ -67,14 +67,8 @@ inline constexpr Byte fltnull[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x
   return *isnull ? 0 : ldfloat(at);
 }
 
-// Compares n bytes as unsigned: -1, 0 or 1.
+// Compares n bytes as unsigned: -1, 0 or 1. Keys are short: the first eight at once.
 [[nodiscard]] inline int bycmpr(const Byte* a, const Byte* b, std::size_t n) {
-  const int order = std::memcmp(a, b, n);
-  return (order > 0) - (order < 0);
-}
-
-// The same for the bytes of keys, which are few: the first eight at once.
-[[nodiscard]] inline int compare_bytes(const Byte* a, const Byte* b, int n) {
   if (n >= 8) {
     std::uint64_t left;
     std::uint64_t right;
@@ -86,7 +80,8 @@ inline constexpr Byte fltnull[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x
     b += 8;
     n -= 8;
   }
-  return bycmpr(a, b, static_cast<std::size_t>(n));
+  const int order = std::memcmp(a, b, n);
+  return (order > 0) - (order < 0);
 }
 
 }  // namespace common

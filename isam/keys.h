@@ -47,7 +47,8 @@ class KeyOrder {
   // Negative, 0 or positive, over at most `length` bytes (below 1: the whole key).
   [[nodiscard]] int compare(const Byte* a, const Byte* b, int length = 0) const {
     const int bytes = length < 1 || length > keylen_ ? keylen_ : length;
-    return plain_ ? common::compare_bytes(a, b, bytes) : compare_parts(a, b, bytes);
+    return plain_ ? common::bycmpr(a, b, static_cast<std::size_t>(bytes))
+                  : compare_parts(a, b, bytes);
   }
 
   // The same over the whole key, of values whose first `equal` bytes are known to be the same.

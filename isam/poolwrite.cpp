@@ -178,6 +178,7 @@ int Pool::write_direct(FileRecord& file) {
 
 // What cannot be written now waits in the pool, as other changes do.
 void Pool::settle_direct() {
+  if (filep->direct.bytes.empty()) return;
   const KeepError keep;
   if (write_direct(*filep) != 0) pool_direct();
 }
