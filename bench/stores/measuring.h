@@ -1,4 +1,5 @@
-// measuring: processor and wall time of phases, and the table they are printed in.
+// measuring: processor time, wall time and instructions of phases, and the table they are printed
+// in.
 #pragma once
 
 #include <cstdint>
@@ -10,6 +11,7 @@ namespace bench {
 struct Cost {
   double cpu = 0;  // user and system, of all processes that took part
   double wall = 0;
+  std::uint64_t instructions = 0;  // of the programs, not the system; 0 where they are not counted
 };
 
 // Seconds of a clock that all processes share.

@@ -109,7 +109,9 @@ void work(Store& store, const fs::path& folder, Model& model, const Task& task,
         model.next(number, record);
         store.rewrite(record);
       });
-  send(channels.result, Cost{.cpu = stopwatch.cost().cpu, .wall = now()});
+  Cost cost = stopwatch.cost();
+  cost.wall = now();
+  send(channels.result, cost);
   store.settle();
   store.close();
 }
@@ -156,6 +158,7 @@ Cost run_processes(Store& store, const fs::path& folder, Model& model,
   for (std::size_t i = 0; i < tasks.size(); ++i) {
     const Cost one = receive<Cost>(channels.result);
     cost.cpu += one.cpu;
+    cost.instructions += one.instructions;
     cost.wall = std::max(cost.wall, one.wall - start);
   }
   for (const pid_t child : children) wait_for(child);
