@@ -40,6 +40,7 @@ bool open_pair(const std::string& name) {
     isam::freeopen(*open);
     return false;
   }
+  open->file->mark = isam::MarkState::kUnneeded;
   isam::make_current(*open);
   return true;
 }

@@ -51,6 +51,14 @@ struct DirectWrite {
   std::vector<Byte> bytes;
 };
 
+// What this process has to do with the mark of its changes in the index file (isam/mark).
+enum class MarkState : std::uint8_t {
+  kClear,     // to be set before a change stays unwritten
+  kSet,       // it stands there
+  kNotOurs,   // ... but not by this process, or its place is taken: it stays as it is
+  kUnneeded,  // whoever writes the files sees to the mark
+};
+
 // One physical pair, shared by all its opens in the process.
 struct FileRecord {
   std::uint16_t flags = 0;
@@ -72,6 +80,7 @@ struct FileRecord {
   int maxreclen = 0;  // greatest record length; reclen for fixed length
   int idxsize = 0;    // node size minus one
   bool varlen = false;
+  MarkState mark = MarkState::kClear;
   bool keeps_locks = false;            // a transaction has changed records of it
   std::uint64_t lastuse = 0;           // value of the use counter at the last call
   std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale

@@ -108,6 +108,13 @@ struct Dictionary {
 };
 static_assert(sizeof(Dictionary) == kDictionarySize);
 
+// Behind the dictionary stands the mark of an open whose changes are not all in the files: a magic
+// and the number of its process. Zeros stand for none, any other bytes are somebody else's.
+inline constexpr int kMarkOffset = kDictionarySize;
+inline constexpr int kMarkSize = 8;
+inline constexpr std::int32_t kMarkMagic = 0x4558434C;  // "EXCL"
+inline constexpr int kMarkProcess = 4;                  // offset of the process number
+
 // The node frame of every node but node 1. Offsets from the end of a node of size N = S + 1.
 inline constexpr int kUsedBytes = 2;  // width of the used-byte count at the start
 [[nodiscard]] constexpr int node_type_offset(int stored_size) { return stored_size - 2; }
