@@ -9,10 +9,10 @@
 namespace recover {
 namespace {
 
-// Transactions that are remembered: more than any machine runs at once, and more than anybody
-// reads about.
+// Transactions that are remembered: more than any machine runs at once, and more of each kind than
+// anybody reads about.
 constexpr std::size_t kMostRunning = 65536;
-constexpr std::size_t kMostEnded = 10000;
+constexpr std::size_t kMostListed = 10000;
 
 template <typename Kind>
 std::int64_t sum_of(const std::map<Kind, std::int64_t>& counts) {
@@ -67,7 +67,8 @@ void Transactions::end(std::int32_t process, Ending how, std::int64_t offset) {
     return;
   }
   ++counts_[how];
-  if (ended_.size() < kMostEnded) ended_.push_back({how, process, found->second, offset});
+  std::vector<Ended>& list = ended_[how];
+  if (list.size() < kMostListed) list.push_back({process, found->second, offset});
   running_.erase(found);
 }
 
@@ -80,17 +81,17 @@ std::string Transactions::text() const {
                                  Word<Ending>{Ending::kRolledBack, "rolled back"},
                                  Word<Ending>{Ending::kUnfinished, "unfinished"}};
   std::string text = "transactions: " + counts_text(kWords, counts_) + "\n";
-  for (const Word<Ending>& word : kWords) {
-    for (const Ended& ended : ended_) {
-      if (ended.how != word.kind) continue;
-      text += "  " + std::string{word.text} + ": process " + std::to_string(ended.process) +
-              ", offset " + std::to_string(ended.what.offset);
-      if (ended.how != Ending::kUnfinished) text += " to " + std::to_string(ended.last);
+  for (const auto& [how, list] : ended_) {
+    for (const Ended& ended : list) {
+      text += "  " + std::string{word_for(kWords, how)} + ": process " +
+              std::to_string(ended.process) + ", offset " + std::to_string(ended.what.offset);
+      if (how != Ending::kUnfinished) text += " to " + std::to_string(ended.last);
       text += ", " + std::to_string(ended.what.records) + " records\n";
     }
+    const std::int64_t more = counts_.at(how) - static_cast<std::int64_t>(list.size());
+    if (more == 0) continue;
+    text += "  and " + std::to_string(more) + " more " + word_for(kWords, how) + "\n";
   }
-  const auto more = sum_of(counts_) - static_cast<std::int64_t>(ended_.size());
-  if (more > 0) text += "  and " + std::to_string(more) + " more\n";
   if (stray_marks_ > 0) text += "  ends without a begin: " + std::to_string(stray_marks_) + "\n";
   if (not_followed_ > 0) text += "  not followed: " + std::to_string(not_followed_) + "\n";
   return text;

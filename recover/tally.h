@@ -31,17 +31,17 @@ class Transactions {
   void add(const LogRecord& record, std::int64_t offset);
   // No more records follow.
   void finish();
-  // A line of totals, and one for each transaction up to a limit.
+  // A line of totals, and one for each transaction, up to a limit for each kind. Unfinished ones,
+  // which a recovery drops, come first.
   [[nodiscard]] std::string text() const;
 
  private:
-  enum class Ending { kCommitted, kRolledBack, kUnfinished };
+  enum class Ending { kUnfinished, kCommitted, kRolledBack };  // in the order of the listing
   struct Running {
     std::int64_t offset = 0;   // of the begin mark
     std::int64_t records = 0;  // marks included
   };
   struct Ended {
-    Ending how;
     std::int32_t process;
     Running what;
     std::int64_t last;  // offset of the end mark
@@ -50,7 +50,7 @@ class Transactions {
   void end(std::int32_t process, Ending how, std::int64_t offset);
 
   std::map<std::int32_t, Running> running_;
-  std::vector<Ended> ended_;
+  std::map<Ending, std::vector<Ended>> ended_;
   std::map<Ending, std::int64_t> counts_;
   std::int64_t stray_marks_ = 0;  // ends without a begin
   std::int64_t not_followed_ = 0;

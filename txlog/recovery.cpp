@@ -415,11 +415,7 @@ int run(int mode, RecoveryObserver& observer) {
   }
 }
 
-}  // namespace
-
-int recover(int mode, RecoveryObserver& observer) {
-  clear_errors();
-  set_status("0000");
+int recover_all(int mode, RecoveryObserver& observer) {
   isresumlog();
   if (!log_is_open()) return failed(kNoLog);
   if (txflag == kInTransaction) return failed(kBadArgument);
@@ -429,10 +425,21 @@ int recover(int mode, RecoveryObserver& observer) {
   const std::int32_t reason = iserrno;
   leave_log();
   iscleanup();
-  if (result != 0) return failed_system(reason);
+  return result == 0 ? 0 : failed_system(reason);
+}
+
+}  // namespace
+
+int recover(int mode, RecoveryObserver& observer) {
   clear_errors();
-  set_status("0000");
-  return 0;
+  const int result = recover_all(mode, observer);
+  if (result == 0) {
+    clear_errors();
+    set_status("0000");
+  } else {
+    set_status("9090");
+  }
+  return result;
 }
 
 }  // namespace isam::txlog

@@ -147,11 +147,11 @@ TEST_P(Recover, ListsALogInWords) {
                    "\nrecords ",
                    ": 3 begin, 1 commit, ",
                    "transactions: 1 committed, 1 rolled back, 1 unfinished\n",
+                   "  unfinished: process ",
+                   ", 2 records\n",
                    "  committed: process " + process + ", offset 4 to ",
                    ", 5 records\n",
-                   "  rolled back: process ",
-                   "  unfinished: process ",
-                   ", 2 records\n"});
+                   "  rolled back: process "});
   EXPECT_FALSE(has(run.out, "damage"));
   EXPECT_FALSE(has(isrecover({"-n", "at_kill"}).out, "0000  30"));
 }
@@ -168,6 +168,26 @@ TEST_P(Recover, AppliesALogToRestoredFiles) {
   const int stock = open("site/stock", 0);
   EXPECT_EQ(rows(stock), (Rows{row(1, 7, filler(5), 'A'), row(2, 7)}));
   ::iscleanup();
+}
+
+TEST_P(Recover, ListsWhatIsUnfinishedBeforeAllElse) {
+  Image log = {0xFB, 0x85, 0x9E, 0x78};
+  const auto mark = [&](char letter, Byte process) {
+    const Image record = {0, 26, static_cast<Byte>(letter), 'W', 0, 0, 0, process};
+    log.insert(log.end(), record.begin(), record.end());
+    log.resize(log.size() + 16);
+    log.insert(log.end(), {0, 26});
+  };
+  mark('B', 9);
+  for (int i = 0; i < 10100; ++i) {
+    mark('B', 7);
+    mark(i % 2 == 0 ? 'C' : 'R', 7);
+  }
+  write_file("long", log);
+  const std::string out = isrecover({"-n", "long"}).out;
+  expect_in_order(out, {"5050 committed, 5050 rolled back, 1 unfinished\n",
+                        "  unfinished: process 9, offset 4, 1 records\n",
+                        "  committed: process 7, offset 30 to 56, 2 records\n"});
 }
 
 // Without the pair "plain" a recovery stops; told to keep going it leaves that pair's records out.

@@ -310,7 +310,28 @@ TEST_P(HandMadeLogs, StopAtWhatCannotBe) {
     log.save();
     EXPECT_EQ(replay(), -1) << c.what;
     EXPECT_EQ(iserrno, c.code) << c.what;
+    EXPECT_EQ((std::string{isstat1, isstat2, isstat3, isstat4}), "9090") << c.what;
     EXPECT_FALSE(std::filesystem::exists("isrecvr_err.log"));
+  }
+}
+
+// No mode goes on behind such a record, and what is noted of it can be listed.
+TEST_P(HandMadeLogs, StopAtLengthsThatDiffer) {
+  log_.opens(LogType::kOpened, 7, 3, "pair");
+  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0));
+  log_.save();
+  Image log = read_file("log");
+  log.back() ^= 1;
+  for (int mode = 0; mode <= RCV_ANY + RCV_SKIP; ++mode) {
+    write_file("log", log);
+    EXPECT_EQ(replay(mode), -1);
+    EXPECT_EQ(iserrno, ISELOGRECORD);
+    if (mode == 0) continue;
+    EXPECT_EQ(messages(), std::vector<std::string>{"119 transaction problem"});
+    EXPECT_EQ(types("isrecvr_err.log"), "IN LM");
+    const Image noted = read_file("isrecvr_err.log");
+    EXPECT_EQ(get2(&noted[4]), get2(&noted[4 + static_cast<std::size_t>(get2(&noted[4])) - 2]));
+    std::filesystem::remove("isrecvr_err.log");
   }
 }
 
