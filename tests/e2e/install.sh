@@ -11,9 +11,8 @@
 #   packages  what the Debian packages hold and depend on
 #   examples  the examples of the build folder run and agree, whatever flags it has
 #
-# Of the environment: CC, CXX, KESTRO and ISRECOVER (the programs), SHARED (ON if the build has the shared
-# library), EXTRA_FLAG (that users of the static library would need too), LIBDIR (of the
-# installation, relative). Exit status 77 says that the step does not apply.
+# Of the environment: CC, CXX, KESTRO and ISRECOVER (the programs), EXTRA_FLAG (that users of the
+# static library need too), LIBDIR (of the installation, relative) and CMAKE_GENERATOR.
 set -euo pipefail
 
 readonly step=$1 build=$2 work=$3
@@ -27,13 +26,6 @@ fail() {
   echo "FAILED: $*" >&2
   exit 1
 }
-skip() {
-  echo "SKIP: $*"
-  exit 77
-}
-need_shared() { [ "$SHARED" = ON ] || skip "this build has no shared library"; }
-need_command() { command -v "$1" >/dev/null || skip "there is no $1"; }
-need_plain() { [ -z "$EXTRA_FLAG" ] || skip "the static library needs $EXTRA_FLAG"; }
 
 # fresh FOLDER: empties it and goes there.
 fresh() {
@@ -84,18 +76,17 @@ declared_names() {
 }
 
 step_symbols() {
-  need_shared
-  need_command nm
   declared_names "$root/include/isam.h" >"$work/declared"
   nm -D --defined-only "$libraries/libisam.so" | awk '{ print $3 }' | sort >"$work/shown"
   grep -qx isread "$work/declared" || fail "no declarations found in isam.h"
   diff "$work/declared" "$work/shown" || fail "isam.h (<) and libisam.so (>) differ"
 }
 
-# build_consumer TARGET: the examples as a CMake project builds them.
+# build_consumer TARGET [FLAG]: the examples as a CMake project builds them.
 build_consumer() {
   {
-    CC=$CC CXX=$CXX cmake -S "$source_dir/tests/e2e/install_consumer" -B consumer \
+    CC=$CC CXX=$CXX CFLAGS=${2-} CXXFLAGS=${2-} \
+      cmake -S "$source_dir/tests/e2e/install_consumer" -B consumer \
       -DCMAKE_PREFIX_PATH="$root" -DEXAMPLES="$examples" -DTARGET="$1"
     cmake --build consumer
   } >consumer.log 2>&1 || fail "$(cat consumer.log)"
@@ -106,8 +97,8 @@ compile_by_pkg_config() {
   local words
   words=$(PKG_CONFIG_PATH=$libraries/pkgconfig pkg-config ${2:+"--$2"} --cflags --libs isam)
   # shellcheck disable=SC2086  # several words
-  "$CC" -std=c11 -Wall -Wextra -Werror "$examples/customers.c" -o "$1" ${2:+"-$2"} $words ||
-    fail "$CC ${2:+"-$2"} $words"
+  "$CC" -std=c11 -Wall -Wextra -Werror "$examples/customers.c" -o "$1" \
+    ${2:+"-$2" $EXTRA_FLAG} $words || fail "$CC ${2:+"-$2"} $words"
 }
 
 needs_shared_library() { readelf -d "$1" | grep -q 'NEEDED.*libisam\.so\.[0-9]'; }
@@ -116,9 +107,6 @@ readonly programs=(./by_pkg_config consumer/customers_c consumer/customers_cpp)
 
 step_shared() {
   local program
-  need_shared
-  need_command pkg-config
-  need_command readelf
   fresh "$work/shared"
   compile_by_pkg_config by_pkg_config
   build_consumer Isam::isam
@@ -130,12 +118,9 @@ step_shared() {
 
 step_static() {
   local program
-  need_plain
-  need_command pkg-config
-  need_command readelf
   fresh "$work/static"
   compile_by_pkg_config by_pkg_config static
-  build_consumer Isam::isam_static
+  build_consumer Isam::isam_static "$EXTRA_FLAG"
   for program in "${programs[@]}"; do
     if needs_shared_library "$program"; then fail "$program wants the shared library"; fi
   done
@@ -168,10 +153,6 @@ says() {
 
 step_packages() {
   local archive lib=usr/$LIBDIR soname version runtime
-  need_shared
-  need_plain
-  need_command dpkg-deb
-  need_command cpack
   fresh "$work/packages"
   cpack --config "$build/CPackConfig.cmake" -B "$PWD" >cpack.log 2>&1 || fail "$(cat cpack.log)"
 
