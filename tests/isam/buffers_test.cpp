@@ -9,6 +9,7 @@
 #include "common/io.h"
 #include "isam/errors.h"
 #include "tests/isam/test_pair.h"
+#include "tests/support/run_program.h"
 
 namespace isam {
 namespace {
@@ -17,28 +18,27 @@ using testing_support::TestPair;
 
 constexpr char kFatal[] = "Fatal system error: ";
 
-// The pool is made on first use and stays: every case that counts buffers has its own process.
+// The pool is made on first use and stays: every case that counts buffers has its own process,
+// which leaves its files in a folder of this one.
+template <typename Work>
+void work_with(const char* buffers, const testing_support::TempFolder& folder, Work work) {
+  ::setenv("TMPDIR", folder.path().c_str(), 1);
+  ::setenv("ISAMBUFS", buffers, 1);
+  const TestPair pair({.node_size = 1024});
+  work();
+  std::exit(testing::Test::HasFailure() ? 1 : 0);
+}
+
 template <typename Work>
 void in_own_process(const char* buffers, Work work) {
-  EXPECT_EXIT(
-      {
-        ::setenv("ISAMBUFS", buffers, 1);
-        const TestPair pair({.node_size = 1024});
-        work();
-        std::exit(testing::Test::HasFailure() ? 1 : 0);
-      },
-      testing::ExitedWithCode(0), "");
+  const testing_support::TempFolder folder;
+  EXPECT_EXIT(work_with(buffers, folder, work), testing::ExitedWithCode(0), "");
 }
 
 template <typename Work>
 void dies_with(const char* buffers, const char* message, Work work) {
-  EXPECT_DEATH(
-      {
-        ::setenv("ISAMBUFS", buffers, 1);
-        const TestPair pair({.node_size = 1024});
-        work();
-      },
-      std::string(kFatal) + message);
+  const testing_support::TempFolder folder;
+  EXPECT_DEATH(work_with(buffers, folder, work), std::string(kFatal) + message);
 }
 
 void hold(int count) {
