@@ -7,6 +7,8 @@
 
 #include "checker/dialogue.h"
 #include "checker/driver.h"
+#include "checker/progress.h"
+#include "common/nulldevice.h"
 #include "isam.h"
 #include "isam/version.h"
 #include "locale/collation.h"
@@ -82,7 +84,9 @@ void print_usage() {
 }
 
 void check_files(std::span<char*> names) {
+  int number = 0;
   for (const char* name : names) {
+    checker::Progress::begin_pair(++number, static_cast<int>(names.size()));
     checker::pnewline(1);
     checker::print(Message::kFile, {std::string_view(name)});
     checker::pnewline(2);
@@ -95,6 +99,7 @@ void check_files(std::span<char*> names) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  common::fill_standard_descriptors();
   std::span<char*> arguments(argv, static_cast<std::size_t>(argc));
   arguments = arguments.subspan(arguments.empty() ? 0 : 1);
   if (arguments.size() == 1 && std::string_view(arguments[0]) == "-V") {

@@ -17,6 +17,8 @@ constexpr auto kInterval = std::chrono::milliseconds(200);
 constexpr std::int64_t kStep = 4096;  // done between looks at the clock
 
 bool line_is_shown = false;
+int pair_number = 1;
+int pairs_named = 1;
 
 bool is_wanted() {
   static const bool terminal = ::isatty(STDERR_FILENO) == 1;
@@ -29,6 +31,11 @@ steady_clock::time_point run_start() {
 }
 
 }  // namespace
+
+void Progress::begin_pair(int number, int pairs) {
+  pair_number = number;
+  pairs_named = pairs;
+}
 
 Progress::Progress(std::string_view pass, std::int64_t total)
     : pass_(pass),
@@ -48,9 +55,12 @@ void Progress::look(std::int64_t done) {
 void Progress::show(std::int64_t done, Clock::time_point now) const {
   const double passed = std::chrono::duration<double>(now - start_).count();
   const double share = static_cast<double>(done) / static_cast<double>(total_);
-  std::fprintf(stderr, "\r%.*s: %d%%", static_cast<int>(pass_.size()), pass_.data(),
-               static_cast<int>(100 * share));
-  if (done > 0) {
+  const int percent = static_cast<int>(100 * share);
+  std::fputc('\r', stderr);
+  if (pairs_named > 1) std::fprintf(stderr, "pair %d of %d: ", pair_number, pairs_named);
+  std::fprintf(stderr, "%.*s: %d%%", static_cast<int>(pass_.size()), pass_.data(), percent);
+  // Too little is done to tell how fast it goes.
+  if (percent > 0) {
     std::fprintf(stderr, ", about %.0f s left", passed / share - passed);
   }
   std::fputs("\033[K", stderr);

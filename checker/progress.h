@@ -4,6 +4,7 @@
 // given and the run has taken more than a second. Standard output never shows any of it: the line
 // is erased before anything is printed there.
 //
+//   Progress::begin_pair(3, 200);
 //   Progress progress("Checking data records", last);
 //   for (...) { progress.at(record); ... }
 #pragma once
@@ -16,6 +17,9 @@ namespace checker {
 
 class Progress {
  public:
+  // What follows concerns pair `number` of so many.
+  static void begin_pair(int number, int pairs);
+
   Progress(std::string_view pass, std::int64_t total);
   ~Progress() { erase(); }
   Progress(const Progress&) = delete;

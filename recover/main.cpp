@@ -1,6 +1,7 @@
 // isrecover: applies a transaction log to restored files, and lists logs and audit trails.
 #include <cstdio>
 
+#include "common/nulldevice.h"
 #include "isam/version.h"
 #include "recover/loglisting.h"
 #include "recover/options.h"
@@ -32,6 +33,7 @@ Status run(const recover::Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  common::fill_standard_descriptors();
   const auto options = recover::parse_options(argc, argv);
   if (!options) {
     std::fprintf(stderr, "try: isrecover --help\n");
