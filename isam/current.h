@@ -75,7 +75,8 @@ struct FileRecord {
   int datfd = -1;           // -1 while vclose has it closed
   int idxfd = -1;
   int audfd = -1;     // of the audit trail, while kAuditOpen
-  int datmode = 0;    // access that the data file was opened with, as O_RDWR
+  int datmode = 0;    // access that the data file was opened with, as O_RDWR,
+  int idxmode = 0;    // ... and the index file
   int reclen = 0;     // record length; the fixed part's with variable length
   int maxreclen = 0;  // greatest record length; reclen for fixed length
   int idxsize = 0;    // node size minus one

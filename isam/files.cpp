@@ -123,14 +123,19 @@ common::FileHold open_of_pair(const std::string& path, int flags, FileKind kind)
   return fd;
 }
 
-common::FileHold open_data_file(std::string_view name, int mode, int& access) {
-  const std::string path = mkdatname(name);
+bool writing_is_refused(std::int32_t error) {
+  return error == EACCES || error == EPERM || error == EROFS;
+}
+
+// Opens a file for reading where that is enough and no more can be had; `access` tells.
+common::FileHold open_to_use(const std::string& path, FileKind kind, bool reading_is_enough,
+                             int& access) {
   access = O_RDWR;
-  common::FileHold fd = open_of_pair(path, access, FileKind::kData);
-  if (!fd && iserrno == EACCES && mode == 0) {
+  common::FileHold fd = open_of_pair(path, access, kind);
+  if (!fd && reading_is_enough && writing_is_refused(iserrno)) {
     clear_errors();
     access = O_RDONLY;
-    fd = open_of_pair(path, access, FileKind::kData);
+    fd = open_of_pair(path, access, kind);
   }
   return fd;
 }
@@ -221,7 +226,7 @@ void freeopen(OpenRecord& open) {
   open = OpenRecord{};
 }
 
-FileRecord* allocfile(std::string_view name, int mode) {
+FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access) {
   const std::string path = mkidxname(name);
   struct stat status {};
   if (common::system_calls().stat(path.c_str(), &status) != 0) {
@@ -234,10 +239,12 @@ FileRecord* allocfile(std::string_view name, int mode) {
   if (FileRecord* shared = find_file(status.st_dev, status.st_ino)) return share(*shared, mode);
   FileRecord* file = free_file_record();
   if (file == nullptr) return nullptr;
-  int access = 0;
-  common::FileHold index = open_of_pair(path, O_RDWR, FileKind::kIndex);
+  int idxmode = 0;
+  int datmode = 0;
+  common::FileHold index =
+      open_to_use(path, FileKind::kIndex, index_access == IndexAccess::kOrToRead, idxmode);
   if (!index) return nullptr;
-  common::FileHold data = open_data_file(name, mode, access);
+  common::FileHold data = open_to_use(mkdatname(name), FileKind::kData, mode == 0, datmode);
   if (!data) return nullptr;
   // The name may have come to lead to another file since it was looked up.
   struct stat data_status {};
@@ -254,7 +261,8 @@ FileRecord* allocfile(std::string_view name, int mode) {
   file->inode = status.st_ino;
   file->idxfd = index.release();
   file->datfd = data.release();
-  file->datmode = access;
+  file->datmode = datmode;
+  file->idxmode = idxmode;
   file->generation = bfgeneration();
   file->usecount = 1;
   ++isopenfds;

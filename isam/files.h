@@ -39,9 +39,14 @@ int ckfilname(const char* base);
 // Gives an open record and its part in the file record back.
 void freeopen(OpenRecord& open);
 
+// Whether an index file that can only be read is accepted: nobody but a check that changes nothing
+// can work with one, which takes no exclusive lock.
+enum class IndexAccess { kToWrite, kOrToRead };
+
 // The file record of the pair `name`, opened unless the process already has it. `mode` 0 accepts
 // a data file that can only be read. Null with iserrno (and iserrio) when a file cannot be opened.
-[[nodiscard]] FileRecord* allocfile(std::string_view name, int mode);
+[[nodiscard]] FileRecord* allocfile(std::string_view name, int mode,
+                                    IndexAccess index_access = IndexAccess::kToWrite);
 // Names a record's pair, as seen from the folder of the moment.
 void name_file(FileRecord& file, std::string_view name);
 // Opens the data file of a record again after vclose, wherever the process is by now: 0, or -1 with

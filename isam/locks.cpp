@@ -97,14 +97,21 @@ int request_record(int command, int type, std::int32_t number) {
   return request(command, type, kRecordsStart + number, 1) == 0 ? 0 : refused(errno);
 }
 
-int test_record(std::int32_t number) {
+// Whether another process has any lock on a byte: 0 or 1, or -1 with errno.
+int is_locked(off_t byte) {
   struct flock lock {};
   lock.l_type = F_WRLCK;
   lock.l_whence = SEEK_SET;
-  lock.l_start = kRecordsStart + number;
+  lock.l_start = byte;
   lock.l_len = 1;
-  if (do_fcntl(filep->idxfd, F_GETLK, &lock) != 0) return refused(errno);
-  return lock.l_type == F_UNLCK ? 0 : failed(kLocked);
+  if (do_fcntl(filep->idxfd, F_GETLK, &lock) != 0) return -1;
+  return lock.l_type == F_UNLCK ? 0 : 1;
+}
+
+int test_record(std::int32_t number) {
+  const int locked = is_locked(kRecordsStart + number);
+  if (locked < 0) return refused(errno);
+  return locked == 0 ? 0 : failed(kLocked);
 }
 
 // Whether the process's hold on the file covers every record.
@@ -204,6 +211,13 @@ int lkopenlock(int mode) {
     return 0;
   }
   return filep->usecount > 1 ? 0 : request_open_lock(F_RDLCK);
+}
+
+int lkreading() {
+  if (lksemaphore(Semaphore::kShared) != 0) return -1;
+  if (is_locked(kOpenLockStart) == 0 && request_open_lock(F_RDLCK) == 0) return 0;
+  lksemaphore(Semaphore::kRelease);
+  return failed(kFileInUse);
 }
 
 int lkrecord(std::int32_t number, RecordLock how, LockList list) {

@@ -23,6 +23,11 @@ int lksemaphore(Semaphore how);
 // it. 0, or -1 with 113 when another process's open is in the way.
 int lkopenlock(int mode);
 
+// For an index file that can only be read, and cannot be locked to write: keeps others from
+// changing the pair, not from reading it, until lkopenlock(0) and the release of the semaphore. 0,
+// or -1 with 113 when another process has the pair open.
+int lkreading();
+
 enum class RecordLock { kRelease, kWait, kTry, kTest };
 enum class LockList { kHeld, kReleasable };
 
