@@ -3,6 +3,8 @@
 // All work on the current file and on `findings`, and report through the dialogue.
 #pragma once
 
+#include <cstdint>
+
 namespace checker {
 
 // Validates the dictionary fields that everything else depends on, sizes the maps, and marks the
@@ -28,9 +30,27 @@ void ckifree();
 // node list would free.
 [[nodiscard]] bool unused_pages_are_listed();
 
-// With variable length: free nodes lose the looks of a storage page with records' bytes, or they
-// would not be handed out.
-void clear_free_pages();
+// Numbers past the end of the real index file that a part of it may keep: it may have grown by more
+// than was written of it, but hardly by more than this. Those beyond are given up.
+inline constexpr std::int32_t kKeptPastEnd = 65536;
+
+// The highest node number that may be kept.
+[[nodiscard]] std::int32_t last_node_to_keep();
+
+// Whether a node is a storage page with bytes of variable parts in it.
+[[nodiscard]] bool holds_parts(std::int32_t node);
+
+// Whether a rebuild of the node list would list storage pages with bytes in them, which no sound
+// record names.
+[[nodiscard]] bool pages_are_given_up();
+
+// With variable length: unused storage pages lose their kind, or they would not be handed out.
+// Their bytes stay until that happens.
+void unmark_unused_pages();
+
+// Gives the nodes of the list of free nodes the marks of its kind, where they lack them; whether
+// the list can be drawn from then.
+[[nodiscard]] bool mark_node_list();
 
 // Rebuild the free lists from what was found in use. When the operator declined to have a faulty
 // node list rebuilt, nothing is done that takes nodes from it: 105.

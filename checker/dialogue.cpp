@@ -6,6 +6,7 @@
 #include <string>
 
 #include "checker/progress.h"
+#include "isam/current.h"
 #include "isam/errors.h"
 
 namespace checker {
@@ -120,6 +121,11 @@ void errn(Message message, std::int64_t number) {
   pnewline(1);
   put("ERROR: ");
   print_line(message, {number});
+}
+
+void remark(const char* text) {
+  Progress::erase();
+  std::fprintf(stderr, "kestro: %s: %s\n", isam::filep->name.c_str(), text);
 }
 
 void prterr() {

@@ -38,6 +38,9 @@ void print_line(Message message, std::initializer_list<Filling> fillings = {});
 void err(Message message);
 void errn(Message message, std::int64_t number);
 
+// A line on standard error about the current pair, for what the report has no words for.
+void remark(const char* text);
+
 // Prints the library's current error, if any, and clears it.
 void prterr();
 

@@ -1,5 +1,7 @@
 #include "checker/driver.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -13,8 +15,10 @@
 #include "isam/files.h"
 #include "isam/frame.h"
 #include "isam/freelists.h"
+#include "isam/keychain.h"
 #include "isam/locks.h"
 #include "locale/collation.h"
+#include "locale/name.h"
 
 namespace checker {
 namespace {
@@ -33,20 +37,26 @@ void cut_suffix(std::string& name) {
 bool open_pair(const std::string& name) {
   isam::OpenRecord* open = isam::allocopen();
   if (open == nullptr) return false;
-  const int access = options.nflag != 0 ? 0 : 2;
-  open->mode = access + ISEXCLLOCK;
-  open->file = isam::allocfile(name, access);
+  const bool changes_nothing = options.nflag != 0;
+  const int access = changes_nothing ? ISINPUT : ISINOUT;
+  open->file = isam::allocfile(
+      name, access, changes_nothing ? isam::IndexAccess::kOrToRead : isam::IndexAccess::kToWrite);
   if (open->file == nullptr) {
     isam::freeopen(*open);
     return false;
   }
+  open->mode = access + (open->file->idxmode == O_RDONLY ? ISMANULOCK : ISEXCLLOCK);
   open->file->mark = isam::MarkState::kUnneeded;
   isam::make_current(*open);
   return true;
 }
 
-// Takes the open lock, so that no other process uses the pair. False with iserrno set.
+bool index_can_be_written() { return filep->idxmode != O_RDONLY; }
+
+// Takes the open lock, so that no other process uses the pair, or none changes it where nothing
+// more is possible. False with iserrno set.
 bool lock_pair() {
+  if (!index_can_be_written()) return isam::lkreading() == 0;
   if (isam::lksemaphore(isam::Semaphore::kExclusive) != 0) return false;
   const bool locked = isam::lkopenlock(ISEXCLLOCK) == 0;
   isam::lksemaphore(isam::Semaphore::kRelease);
@@ -70,17 +80,31 @@ bool lock_and_load() {
   return false;
 }
 
+int refuse_pair() {
+  isam::clear_errors();
+  err(Message::kCannotOpen);
+  return -1;
+}
+
 // Changes the node size while no other process has the pair open.
 int resize_alone(const std::string& name) {
-  if (!open_pair(name)) {
-    isam::clear_errors();
-    return resize(name);  // which says what is missing
-  }
+  if (!can_be_kept(name)) return -1;
+  if (!open_pair(name)) return refuse_pair();
   const bool locked = lock_pair();
   const int result = locked ? resize(name) : -1;
   if (locked) isam::lkopenlock(0);
   give_up_pair();
   return result;
+}
+
+// Whether the client's locale orders what a file of the other's name holds: a client's name that
+// the file's begins with does, but the one that stands for no locale is no such beginning.
+bool collation_matches(std::string_view client, std::string_view stored) {
+  if (client.empty() || !stored.starts_with(client)) return false;
+  if (client != locale::kByteOrder) return true;
+  const std::string_view rest = stored.substr(client.size());
+  const bool is_padding = rest.find_first_not_of(' ') == std::string_view::npos;
+  return is_padding || rest[0] == '.' || rest[0] == '@';
 }
 
 bool locale_matches() {
@@ -92,7 +116,7 @@ bool locale_matches() {
   const std::string_view client = locale::file_system_name();
   const std::string_view stored{dictp->d_collname(),
                                 ::strnlen(dictp->d_collname(), isam::kCollationNameSize)};
-  if (!client.empty() && stored.starts_with(client)) return true;
+  if (collation_matches(client, stored)) return true;
   pnewline(1);
   print_line(Message::kLocaleMismatch);
   print(Message::kFileCollation, {stored});
@@ -113,20 +137,17 @@ bool nodes_will_be_taken() {
 }
 
 void rebuild_free_lists() {
-  if (findings.badifree == Verdict::kSound && nodes_will_be_taken() && !isam::free_nodes_serve()) {
-    // The list accounts for every node, but its nodes do not bear its marks.
-    isam::clear_errors();
-    findings.badifree = Verdict::kRebuild;
+  const bool nodes_are_taken = nodes_will_be_taken();
+  if (findings.badifree != Verdict::kRebuild && nodes_are_taken && !node_list_is_declined() &&
+      !mark_node_list() && findings.badifree == Verdict::kSound) {
+    findings.badifree = Verdict::kRebuild;  // it has a node that is too full to be drawn from
   }
-  if (findings.badifree == Verdict::kRebuild && findings.badrfree == Verdict::kSound &&
-      unused_pages_are_listed()) {
-    findings.badrfree = Verdict::kRebuild;
-  }
-  if (findings.varlen && (findings.badifree == Verdict::kRebuild ||
-                          (findings.badifree == Verdict::kSound && nodes_will_be_taken()))) {
-    clear_free_pages();
-  }
-  if (findings.badifree == Verdict::kRebuild) makifree();
+  const bool relisted = findings.badifree == Verdict::kRebuild;
+  // A page that is listed as a free node must not be offered for variable parts too.
+  if (relisted && unused_pages_are_listed()) findings.badrfree = Verdict::kRebuild;
+  const bool drawn_from = findings.badifree == Verdict::kSound && nodes_are_taken;
+  if (findings.varlen && (relisted || drawn_from)) unmark_unused_pages();
+  if (relisted) makifree();
   findings.rootlast = dictp->d_nextnode();
   if (findings.badrfree == Verdict::kRebuild) makrfree();
   if (findings.baddfree == Verdict::kRebuild) makdfree();
@@ -148,6 +169,23 @@ void settle_indexes() {
   }
 }
 
+// What no check tests and no repair mends, though it makes every program refuse the pair.
+void tell_why_refused() {
+  isam::KeyChain chain;
+  keydescr k{};
+  if (chain.next(k) != isam::KeyChain::Step::kFound) {
+    remark("no key description is left: programs cannot open the pair; restore the index file");
+  }
+  isam::clear_errors();
+  const int width = dictp->d_dupsize();
+  if (width != 2 && width != 4) {
+    remark("bad width of duplicate numbers in the dictionary: programs cannot open the pair");
+  }
+  if (filep->maxreclen < filep->reclen) {
+    remark("maximum record size below the record size: programs cannot open the pair");
+  }
+}
+
 // The checks and repairs between opening and wind-up; false when they stopped early.
 bool check_and_repair() {
   if (!ckdict() || !locale_matches() || !record_buffer_is_ready()) return false;
@@ -159,6 +197,7 @@ bool check_and_repair() {
   ckifree();
   rebuild_free_lists();
   settle_indexes();
+  tell_why_refused();
   return true;
 }
 
@@ -173,7 +212,8 @@ bool guarded_check_and_repair() {
 
 // Everything is on disk before the open lock goes, so that nobody reads a half-written pair.
 void wind_up() {
-  isam::lksemaphore(isam::Semaphore::kExclusive);
+  if (index_can_be_written()) isam::lksemaphore(isam::Semaphore::kExclusive);
+  if (options.sflag != 0) write_audit_node();
   if (options.nflag != 0) {
     // Nothing was repaired; what was settled in the copy alone stays there.
     filep->flags = 0;
@@ -210,11 +250,9 @@ int ckfile(std::string name) {
   cut_suffix(name);
   isam::clear_errors();
   if (options.sflag != 0 && resize_alone(name) != 0) return -1;
-  if (!open_pair(name)) {
-    err(Message::kCannotOpen);
-    return -1;
-  }
+  if (!open_pair(name)) return refuse_pair();
   if (!lock_and_load()) return -1;
+  findings.totalrpfree = 0;  // of a pair that the page check does not come to
   const bool done = guarded_check_and_repair();
   wind_up();
   print_summary();

@@ -33,13 +33,16 @@ struct Findings {
   std::vector<IndexVerdict> idxflag;  // by index number; entry 0 is not used
 
   Verdict badifree = Verdict::kSound;  // free list of index nodes
+  bool nodes_unsafe = false;           // ... which hands out what is in use, or has no known end
   Verdict baddfree = Verdict::kSound;  // free list of data records
   Verdict badrfree = Verdict::kSound;  // free-space lists of storage pages
   std::int64_t totalrpfree = 0;        // free bytes of all storage pages checked
 };
 extern Findings findings;
 
-// Whether the list of free nodes is faulty and stays so: what it hands out may be in use.
-[[nodiscard]] inline bool node_list_is_declined() { return findings.badifree == Verdict::kFaulty; }
+// Whether the list of free nodes stays as it is although what it hands out may be in use.
+[[nodiscard]] inline bool node_list_is_declined() {
+  return findings.badifree == Verdict::kFaulty && findings.nodes_unsafe;
+}
 
 }  // namespace checker

@@ -19,8 +19,6 @@ namespace {
 
 using isam::dictp;
 
-constexpr std::int32_t kNodesNearTheEnd = 1024;
-
 struct ListCounts {
   std::int32_t bad = 0;
   std::int32_t duplicate = 0;
@@ -83,33 +81,35 @@ void walk_data_list(ListCounts& counts) {
   }
 }
 
-void walk_index_list(ListCounts& counts) {
+// False when the walk ends before the list does.
+bool walk_index_list(ListCounts& counts) {
   for (std::int32_t node = dictp->d_freenode(); node != 0;) {
     if (node < 1 || node > findings.idxlast) {
       ++counts.bad;
-      return;
+      return false;
     }
     if (findings.idxmap2.set_bit(node) || findings.idxmap.tstbit(node)) {
       ++counts.duplicate;
-      return;
+      return false;
     }
     const isam::PageHold page = isam::bfread(node);
     if (!page) {
       report_unreadable_node();
       findings.badifree = Verdict::kFaulty;
-      return;
+      return false;
     }
     const ListNode list{page};
     if (!list.is_valid()) {
       err(Message::kBadIndexListFormat);
       findings.badifree = Verdict::kFaulty;
-      return;
+      return false;
     }
     list.for_each_entry([&](std::int32_t entry) {
       account_for_entry(entry, findings.idxlast, findings.idxmap2, findings.idxmap, counts);
     });
     node = list.next();
   }
+  return true;
 }
 
 }  // namespace
@@ -144,7 +144,9 @@ void ckifree() {
   ListCounts counts;
   counts.duplicate =
       mark_behind_highest(dictp->d_nextnode(), findings.idxlast, findings.idxmap2, findings.idxmap);
-  walk_index_list(counts);
+  const bool walked = walk_index_list(counts);
+  // Nodes that are merely missing from the list harm nobody who takes others from it.
+  findings.nodes_unsafe = !walked || counts.bad != 0 || counts.duplicate != 0;
   findings.idxmap2.ormap(findings.idxmap);
   counts.missing = findings.idxlast - findings.idxmap2.cntmap();
   if (counts.any()) {
@@ -160,62 +162,125 @@ void ckifree() {
 
 namespace {
 
-// Frees every unused number below `highest`, from the top down, so that the list hands out the
-// lowest numbers first.
-void free_unused(const UsageMap& in_use, std::int32_t highest, isam::FreeList list) {
+template <typename Visit>
+void for_each_unused(const UsageMap& in_use, std::int32_t highest, Visit visit) {
   for (std::int32_t n = in_use.previous_clear(highest); n > 0; n = in_use.previous_clear(n - 1)) {
-    if (isam::freerec(n, list) != 0) {
-      prterr();
-      return;
+    if (!visit(n)) return;
+  }
+}
+
+bool add_to_list(std::int32_t number, isam::FreeList list) {
+  if (isam::freerec(number, list) == 0) return true;
+  prterr();
+  return false;
+}
+
+// Frees the unused nodes below `highest`, from the top down, so that the list hands out the lowest
+// numbers first. A list's head is a cleared node: no storage page with bytes of records in it
+// becomes one before its turn as long as another node is left.
+class NodeListing {
+ public:
+  explicit NodeListing(std::int32_t highest) : next_plain_(highest) { findings.idxmap2.clrmap(); }
+
+  bool add(std::int32_t node) {
+    if (findings.idxmap2.tstbit(node)) return true;  // it is a head already
+    if (room_ == 0) {
+      const std::int32_t head = holds_parts(node) ? plain_below(node) : node;
+      room_ = isam::list_entries(isam::filep->idxsize);
+      if (head == 0 || head == node) return add_to_list(node, isam::FreeList::kNodes);
+      findings.idxmap2.set_bit(head);
+      if (!add_to_list(head, isam::FreeList::kNodes)) return false;
     }
+    --room_;
+    return add_to_list(node, isam::FreeList::kNodes);
   }
+
+ private:
+  // The next unused node without bytes of records that is not listed yet, or 0.
+  std::int32_t plain_below(std::int32_t node) {
+    const auto next_unused = [](std::int32_t n) { return findings.idxmap.previous_clear(n); };
+    next_plain_ = next_unused(std::min(next_plain_, node) - 1);
+    while (next_plain_ > 0 && holds_parts(next_plain_)) next_plain_ = next_unused(next_plain_ - 1);
+    return next_plain_;
+  }
+
+  std::int32_t next_plain_;
+  int room_ = 0;  // entries that the head still takes
+};
+
+// The parts of the file that stand at nodes which it does not hold. Numbers past `last` will be
+// given to others: nothing may go on naming them.
+void settle_missing_nodes(std::int32_t last) {
+  if (isam::kycutchain(findings.idxreal, last) != 0) prterr();
+  const std::int32_t audit = dictp->d_auditnode();
+  if (audit <= last) {
+    if (audit > findings.idxreal) isam::bfgetclr(audit).release();
+    return;
+  }
+  dictp->clear_d_auditnode();
+  isam::dictmodify();
+  isam::failed(isam::kCorrupted);
+  prterr();
 }
+
+std::int32_t last_real_node() { return std::min(findings.idxlast, findings.idxreal); }
 
 }  // namespace
 
-namespace {
-
-// The highest node in use. Nothing is stored past the end of the real file, whatever claims it;
-// but a number that records name as a storage page stays theirs when it is not far out, so that a
-// stale reference never meets another part of the file.
-std::int32_t highest_to_keep() {
-  const std::int32_t real = std::min(findings.idxlast, findings.idxreal);
-  const auto near_end = static_cast<std::int32_t>(
-      std::min<std::int64_t>(findings.idxlast, 2 * std::int64_t{real} + kNodesNearTheEnd));
-  return std::max(findings.idxmap.previous_set(real), findings.rpgmap.previous_set(near_end));
+std::int32_t last_node_to_keep() {
+  const std::int64_t last = std::int64_t{findings.idxreal} + kKeptPastEnd;
+  return static_cast<std::int32_t>(std::min<std::int64_t>(findings.idxlast, last));
 }
 
-// Numbers past `last` will be given to other parts of the file: nothing may go on naming them.
-void drop_nodes_past_end(std::int32_t last) {
-  if (isam::kycutchain(last) != 0) prterr();
-  if (dictp->d_auditnode() > last) {
-    dictp->clear_d_auditnode();
-    isam::dictmodify();
-  }
+bool pages_are_given_up() {
+  bool found = false;
+  for_each_unused(findings.idxmap, last_real_node(), [&](std::int32_t node) {
+    found = holds_parts(node);
+    return !found;
+  });
+  return found;
 }
 
-}  // namespace
-
-void clear_free_pages() {
-  const UsageMap& in_use = findings.idxmap;
-  const std::int32_t last = std::min(findings.idxlast, findings.idxreal);
-  for (std::int32_t n = in_use.previous_clear(last); n > 0; n = in_use.previous_clear(n - 1)) {
-    isam::PageHold page = isam::bfread(n);
-    if (!page || page.node_type() != isam::kStoragePage) continue;
-    page.release();
-    isam::bfgetclr(n).release();
-  }
+void unmark_unused_pages() {
+  for_each_unused(findings.idxmap, last_real_node(), [](std::int32_t node) {
+    isam::PageHold page = isam::bfread(node);
+    if (page && page.node_type() == isam::kStoragePage) {
+      page.set_frame(page.used(), isam::kTreeNode, page.level());
+      page.modified();
+    }
+    return true;
+  });
   isam::clear_errors();
+}
+
+bool mark_node_list() {
+  std::int32_t left = dictp->d_nextnode();  // a chain has fewer nodes than there are numbers
+  for (std::int32_t node = dictp->d_freenode(); node != 0 && left > 0; --left) {
+    isam::PageHold page = isam::bfread(node);
+    if (!page) break;
+    const ListNode list{page};
+    const int used = list.used_by_entries();
+    if (page.node_type() != isam::kIndexFreeNode || page.level() != isam::kFreeLevel ||
+        page.used() != used) {
+      page.set_frame(used, isam::kIndexFreeNode, isam::kFreeLevel);
+      page.modified();
+    }
+    node = list.next();
+  }
+  const bool serves = isam::free_nodes_serve();
+  isam::clear_errors();
+  return serves;
 }
 
 void makifree() {
   print_line(Message::kRecreatingIndexList);
-  const std::int32_t highest = highest_to_keep();
+  const std::int32_t highest = findings.idxmap.previous_set(last_node_to_keep());
   dictp->set_d_nextnode(highest);
   dictp->set_d_freenode(0);
   isam::dictmodify();
-  free_unused(findings.idxmap, highest, isam::FreeList::kNodes);
-  drop_nodes_past_end(highest);
+  NodeListing listing{highest};
+  for_each_unused(findings.idxmap, highest, [&](std::int32_t node) { return listing.add(node); });
+  settle_missing_nodes(highest);
 }
 
 void makdfree() {
@@ -228,7 +293,9 @@ void makdfree() {
   dictp->set_d_nextdata(highest);
   dictp->set_d_freedata(0);
   isam::dictmodify();
-  free_unused(findings.datmap, highest, isam::FreeList::kRecords);
+  for_each_unused(findings.datmap, highest, [](std::int32_t record) {
+    return add_to_list(record, isam::FreeList::kRecords);
+  });
 }
 
 }  // namespace checker

@@ -24,8 +24,8 @@ namespace {
 
 // Whether the remade index may keep its root's node; claims the node when it may.
 bool claim_root(std::int32_t root) {
-  return root > 1 && root <= std::min(findings.rootlast, findings.idxlast) &&
-         !findings.keptmap.set_bit(root);
+  return root > 1 && root <= std::min(findings.rootlast, last_node_to_keep()) &&
+         !holds_parts(root) && !findings.keptmap.set_bit(root);
 }
 
 // An empty leaf, on disk at once: an interrupted run leaves an index that is plainly incomplete.

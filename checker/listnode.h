@@ -21,6 +21,10 @@ class ListNode {
   [[nodiscard]] std::int32_t next() const {
     return common::ldlong(bytes_.data() + isam::kLinkOffset);
   }
+  // The used count that ends behind the last whole entry of a valid node.
+  [[nodiscard]] int used_by_entries() const {
+    return isam::kEntriesOffset + entry_bytes_ - entry_bytes_ % isam::kListEntrySize;
+  }
   // Visits the whole entries of a valid node.
   template <typename Visit>
   void for_each_entry(Visit visit) const {

@@ -6,11 +6,17 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <utility>
+#include <vector>
 
+#include "checker/checks.h"
 #include "checker/dialogue.h"
 #include "common/holders.h"
 #include "common/io.h"
+#include "isam/buffers.h"
+#include "isam/errors.h"
 #include "isam/files.h"
 #include "isam/format.h"
 
@@ -19,6 +25,7 @@ namespace {
 
 constexpr int kCarriedBytes = 512;  // of the key-description node
 constexpr mode_t kNewPermissions = 0664;
+constexpr std::int32_t kNewNodes = 2;  // whole nodes of the new index file
 
 using KeyNode = std::array<isam::Byte, kCarriedBytes>;
 
@@ -27,17 +34,27 @@ int refuse(Message message) {
   return -1;
 }
 
+// A read that failed, or met the end of the file too early.
+int refuse_read(ssize_t got) {
+  return got < 0 ? isam::failed_system(errno, isam::Operation::kRead, isam::FileKind::kIndex)
+                 : isam::failed(isam::kCorrupted);
+}
+
 // What of the old index file is carried over.
 struct Carried {
   isam::Dictionary dictionary{};
   KeyNode keys{};
 };
 
+// The beginning of the node that names the audit trail: used count and name. It waits for the end
+// of the check that follows, which finds out what else the file holds; empty for none.
+std::vector<isam::Byte> audit_node;
+
 // Only descriptions that stand in the first 512 bytes of one node, node 2, can be carried over.
 int read_carried(int fd, Carried& carried) {
   isam::Dictionary& dictionary = carried.dictionary;
-  if (common::read_at(fd, dictionary.raw, 0) != isam::kDictionarySize) {
-    return refuse(Message::kResizeOpenFailed);
+  if (const ssize_t got = common::read_at(fd, dictionary.raw, 0); got != isam::kDictionarySize) {
+    return refuse_read(got);
   }
   if (dictionary.d_maxrecsize() != 0) return refuse(Message::kResizeVariable);
   const int node_size = dictionary.d_idxsize() + 1;
@@ -46,11 +63,21 @@ int read_carried(int fd, Carried& carried) {
   const int used = got < isam::kUsedBytes ? 0 : common::ldword(carried.keys.data());
   print_line(Message::kKeyNodeSize, {std::int64_t{used}});
   const bool chained = common::ldlong(carried.keys.data() + isam::kLinkOffset) != 0;
-  if (used > kCarriedBytes || chained || dictionary.d_keysnode() != 2 ||
-      got < std::max(used, isam::kEntriesOffset)) {
+  if (used > kCarriedBytes || chained || dictionary.d_keysnode() != 2) {
     return refuse(Message::kKeyNodeTooBig);
   }
-  return 0;
+  return got < std::max(used, isam::kEntriesOffset) ? refuse_read(got) : 0;
+}
+
+void read_audit_node(int fd, const isam::Dictionary& dictionary) {
+  constexpr int kNameEnd = 4 + 128;  // behind the longest name of a trail
+  const std::int64_t node_size = dictionary.d_idxsize() + 1;
+  audit_node.clear();
+  if (dictionary.d_auditnode() <= kNewNodes) return;
+  audit_node.resize(
+      static_cast<std::size_t>(std::min(kNameEnd, isam::node_type_offset(dictionary.d_idxsize()))));
+  const std::int64_t offset = (dictionary.d_auditnode() - 1) * node_size;
+  if (common::read_at(fd, audit_node, offset) != std::ssize(audit_node)) audit_node.clear();
 }
 
 void carry_protection(int old_fd, int new_fd) {
@@ -81,35 +108,73 @@ int write_carried(int fd, const Carried& carried) {
   return common::write_at(fd, keys.first(isam::kUsedBytes), 2 * kSecondNode);
 }
 
+// A file under a name that none had; empty with errno when none can be made.
+struct FreshFile {
+  std::string name;
+  common::FileHold fd;
+};
+
+FreshFile make_fresh_file(const std::string& index) {
+  constexpr int kTries = 1000;
+  FreshFile fresh;
+  for (int n = 0; n < kTries; ++n) {
+    fresh.name = index + ".new" + std::to_string(::getpid()) + '.' + std::to_string(n);
+    fresh.fd = common::FileHold{
+        common::open_file(fresh.name.c_str(), O_WRONLY | O_CREAT | O_EXCL, kNewPermissions)};
+    if (fresh.fd || errno != EEXIST) break;
+  }
+  return fresh;
+}
+
 // Puts the new index file in the old one's place in one step: at no moment is there none.
 int replace_index(int old_fd, const std::string& index, const Carried& carried) {
-  const std::string fresh = index + ".new";
-  ::unlink(fresh.c_str());  // of an interrupted run
-  const common::FileHold new_index{
-      common::open_file(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL, kNewPermissions)};
-  if (!new_index) return refuse(Message::kResizeCreateFailed);
-  carry_protection(old_fd, new_index.get());
-  if (write_carried(new_index.get(), carried) != 0) {
-    ::unlink(fresh.c_str());
-    return refuse(Message::kResizeCreateFailed);
-  }
-  if (::rename(fresh.c_str(), index.c_str()) == 0) return 0;
-  ::unlink(fresh.c_str());
-  return refuse(Message::kResizeRemoveFailed);
+  const FreshFile fresh = make_fresh_file(index);
+  if (!fresh.fd) return refuse(Message::kResizeCreateFailed);
+  carry_protection(old_fd, fresh.fd.get());
+  const bool written = write_carried(fresh.fd.get(), carried) == 0;
+  if (written && ::rename(fresh.name.c_str(), index.c_str()) == 0) return 0;
+  ::unlink(fresh.name.c_str());
+  return refuse(written ? Message::kResizeRemoveFailed : Message::kResizeCreateFailed);
+}
+
+std::string second_name(const std::string& name) { return name + ".IDX"; }
+
+bool has_file(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
 }
 
 }  // namespace
 
+bool can_be_kept(const std::string& name) {
+  if (has_file(isam::mkidxname(name)) && !has_file(second_name(name))) return true;
+  refuse(Message::kResizeLinkFailed);
+  return false;
+}
+
 int resize(const std::string& name) {
   const std::string index = isam::mkidxname(name);
-  const std::string kept = name + ".IDX";
+  const std::string kept = second_name(name);
   if (::link(index.c_str(), kept.c_str()) != 0) return refuse(Message::kResizeLinkFailed);
   const common::FileHold old_index{common::open_file(kept.c_str(), O_RDONLY)};
   if (!old_index) return refuse(Message::kResizeOpenFailed);
   Carried carried;
   if (read_carried(old_index.get(), carried) != 0) return -1;
+  read_audit_node(old_index.get(), carried.dictionary);
   carried.dictionary.set_d_idxsize(isam::kPageSize - 1);
   return replace_index(old_index.get(), index, carried);
+}
+
+void write_audit_node() {
+  const std::vector<isam::Byte> carried = std::exchange(audit_node, {});
+  const std::int32_t node = isam::dictp->d_auditnode();
+  const std::int32_t last = std::min(kNewNodes + kKeptPastEnd, isam::dictp->d_nextnode());
+  // The check may have given it up, or have been kept from that.
+  if (carried.empty() || node <= kNewNodes || node > last) return;
+  isam::PageHold page = isam::bfgetclr(node);
+  if (!page) return;
+  std::ranges::copy(carried, page.data());
+  page.set_used(std::min<int>(common::ldword(carried.data()), isam::kPageSize));
 }
 
 }  // namespace checker

@@ -61,6 +61,25 @@ int listed_class(const Rpage& page) {
   return full ? 0 : by_room;
 }
 
+// Whether everything in a page agrees, as in one that the library has written.
+bool is_consistent(const Rpage& page) {
+  const isam::RpageGeometry& geometry = page.geometry();
+  int room = geometry.capacity - page.slot_count() * isam::rpage::kSlotSize;
+  for (int i = 0; i < page.slots_in_page(); ++i) {
+    const Rpage::Slot slot = page.slot(i);
+    if (!page.readable(slot)) return false;
+    room -= slot.length;
+  }
+  return page.slot_count() <= geometry.slots_that_fit() && room == page.free_bytes();
+}
+
+bool has_bytes(const Rpage& page) {
+  for (int i = 0; i < page.slots_in_page(); ++i) {
+    if (page.slot(i).length > 0) return true;
+  }
+  return false;
+}
+
 void ckrferr() { findings.badrfree = Verdict::kFaulty; }
 
 void check_list(int rpage_class) {
@@ -68,11 +87,15 @@ void check_list(int rpage_class) {
   visited.reset(findings.idxlast);
   std::int32_t previous = 0;
   for (std::int32_t node = dictp->d_varfree(rpage_class); node != 0;) {
-    const isam::PageHold page = isam::rpbfread(node);
+    const isam::PageHold page = isam::bfread(node);
     if (!page) {
       ckrferr();
-      prterr();
-      return;
+      return report_unreadable_node();
+    }
+    if (!Rpage{page}.has_magic()) {
+      ckrferr();
+      isam::failed(isam::kCorrupted);
+      return prterr();
     }
     if (node > findings.idxlast || visited.set_bit(node)) return ckrferr();
     const Rpage view{page};
@@ -122,12 +145,23 @@ void file_page(std::int32_t node) {
 
 }  // namespace
 
+bool holds_parts(std::int32_t node) {
+  const isam::KeepError keep;
+  const isam::PageHold page = isam::bfread(node);
+  if (!page) return false;
+  const Rpage view{page};
+  if (!view.has_magic() || !has_bytes(view)) return false;
+  // A page that an earlier repair gave up has lost its kind; the keys of a tree may look like one.
+  return page.node_type() == isam::kStoragePage ||
+         (page.node_type() == isam::kTreeNode && is_consistent(view));
+}
+
 void ckrpage() {
   findings.totalrpfree = 0;
   findings.idxmap.ormap(findings.rpgmap);
   for_each_storage_page([](std::int32_t node) {
     const isam::PageHold page = isam::bfread(node);
-    if (!page) return prterr();
+    if (!page) return report_unreadable_node();
     const Rpage view{page};
     test_page(view, [&] { errn(Message::kCorruptPage, node); });
     findings.totalrpfree += view.free_bytes();

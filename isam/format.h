@@ -141,6 +141,8 @@ inline constexpr int kEntriesOffset = 6;
 inline constexpr int kListEntrySize = 4;
 // Bytes of entries that a free-list node may hold.
 [[nodiscard]] constexpr int list_entries_limit(int stored_size) { return stored_size - 8; }
+// Entries that the library puts into one.
+[[nodiscard]] constexpr int list_entries(int stored_size) { return (stored_size - 9) / 4; }
 
 // A stored key description.
 inline constexpr int kKeyRootOffset = 2;

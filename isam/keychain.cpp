@@ -249,12 +249,14 @@ int kysetroot(int n, std::int32_t root) {
 
 namespace {
 
+void lay_out_key_node(PageHold& page) { page.set_frame(kEntriesOffset, kServiceNode, kKeyLevel); }
+
 int start_chain() {
   const std::int32_t node = allocrec(FreeList::kNodes);
   if (node < 0) return -1;
   PageHold page = bfgetclr(node);
   if (!page) return -1;
-  page.set_frame(kEntriesOffset, kServiceNode, kKeyLevel);
+  lay_out_key_node(page);
   dictp->set_d_keysnode(node);
   dictmodify();
   return 0;
@@ -262,12 +264,17 @@ int start_chain() {
 
 }  // namespace
 
-int kycutchain(std::int32_t last) {
+int kycutchain(std::int32_t real, std::int32_t last) {
   if (dictp->d_keysnode() > last) return start_chain();
   std::int32_t left = last;  // a chain has fewer nodes than there are numbers
   for (std::int32_t node = dictp->d_keysnode(); node != 0 && left > 0; --left) {
-    const PageHold page = bfread(node);
-    if (!page) return -1;
+    const bool missing = node > real;
+    PageHold page = missing ? bfgetclr(node) : bfread(node);
+    if (!page) {
+      clear_errors();  // of a node that has been reported
+      return 0;
+    }
+    if (missing) lay_out_key_node(page);
     node = common::ldlong(page.data() + kLinkOffset);
     if (node <= last) continue;
     common::stlong(0, page.data() + kLinkOffset);

@@ -64,8 +64,9 @@ int kyremove(int n);
 // Stores another root node in description n: 0, or -1.
 int kysetroot(int n, std::int32_t root);
 
-// Ends the chain in front of the first node past `last`, which the file does not hold. A chain that
-// has no node left gets a new, empty one. 0, or -1 with iserrno.
-int kycutchain(std::int32_t last);
+// Makes the chain end in the file, whose last node is `real` and will be `last`: it is cut in front
+// of a node past `last`, one past `real` becomes an empty node, and an unreadable one ends it. A
+// chain that has no node left gets a new, empty one. 0, or -1 with iserrno.
+int kycutchain(std::int32_t real, std::int32_t last);
 
 }  // namespace isam

@@ -72,7 +72,7 @@ std::int32_t rprwalk(std::int32_t pointer) {
 int greatest_chain() {
   const int chunk = RpageGeometry{filep->idxsize}.chunk;
   const int greatest = filep->maxreclen - filep->reclen;
-  return greatest < 1 ? 0 : (greatest + chunk - 1) / chunk;
+  return std::max(1, (greatest + chunk - 1) / chunk);
 }
 
 int rprread(std::int32_t pointer, Bytes destination) {

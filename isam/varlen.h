@@ -120,7 +120,8 @@ class Rpage {
 [[nodiscard]] std::int32_t rprwalk(std::int32_t pointer);
 // Copies up to destination.size() bytes of a variable part; the bytes copied, or -1.
 [[nodiscard]] int rprread(std::int32_t pointer, Bytes destination);
-// Pieces that the greatest variable part of the current file needs.
+// Pieces that the greatest variable part of the current file needs, at least one: a length that is
+// damaged hides no page that a record names.
 [[nodiscard]] int greatest_chain();
 
 // Stores a new variable part: its first pointer, 0 for no bytes, -1 on failure.

@@ -1,0 +1,322 @@
+// What a repair takes, keeps and gives up when more than one thing is wrong.
+#include <algorithm>
+#include <fstream>
+#include <functional>
+
+#include "tests/e2e/program.h"
+#include "tests/support/pair_walk.h"
+
+namespace testing_support {
+namespace {
+
+bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+constexpr char kCorrupted[] = "Zentra ERROR 105: Corrupted isam file";
+constexpr char kNodesAnew[] = "Recreating index node free list.";
+
+class Repair : public ProgramTest {
+ protected:
+  void make(bool varying) { make(fault_spec(varying)); }
+  void make(const PairSpec& spec) { built = build_pair(spec, folder_ / "pair"); }
+  void apply(const std::function<void(PairEditor&)>& change) {
+    PairEditor pair(built);
+    change(pair);
+    pair.save();
+  }
+  std::string run(const char* options, const std::string& input = {}) {
+    return kestro({options, "pair"}, input).out;
+  }
+  void expect_sound() {
+    EXPECT_EQ(walk_pair(built.base).problems, std::vector<std::string>{});
+    const std::string after = run("-nq");
+    EXPECT_FALSE(has(after, "ERROR") || has(after, "?")) << after;
+  }
+  // Free nodes in the order in which they are handed out.
+  std::vector<std::int32_t> free_nodes() {
+    PairEditor pair(built);
+    std::vector<std::int32_t> all;
+    for (std::int32_t node = get4(pair.dictionary() + dict::kFreeNode); node != 0;) {
+      const Byte* at = pair.node(node);
+      for (int left = (get2(at) - 6) / 4; left > 0; --left) all.push_back(get4(at + 2 + 4 * left));
+      all.push_back(node);
+      node = get4(at + 2);
+    }
+    return all;
+  }
+
+  BuiltPair built;
+};
+
+void empty_an_index(PairEditor& pair) {
+  put2(pair.node(pair.built().indexes[1].leaves.front()), 2);
+}
+Byte* head_of_free_nodes(PairEditor& pair) { return pair.node(pair.built().free_node_list[0]); }
+// Kind and level of the nodes of the list, and an entry cut in two, which counts for nothing.
+void take_marks(PairEditor& pair) {
+  for (const std::int32_t node : pair.built().free_node_list) {
+    put2(pair.node(node + 1) - 3, 0x0102);
+  }
+  put2(head_of_free_nodes(pair), get2(head_of_free_nodes(pair)) + 2);
+}
+
+// Nodes that the list lacks harm nobody who takes others from it; anything else may.
+TEST_F(Repair, DrawsOnADeclinedListThatLacksNodes) {
+  const struct {
+    const char* name;
+    bool serves;
+    std::function<void(PairEditor&)> damage;
+    const char* answers;  // to delete, remake, fix the data list if asked, fix the node list
+  } cases[] = {
+      {"entry lost", true,
+       [](PairEditor& p) { put2(head_of_free_nodes(p), get2(head_of_free_nodes(p)) - 4); },
+       "y\ny\nn\n"},
+      {"no list", true, [](PairEditor& p) { put4(p.dictionary() + dict::kFreeNode, 0); },
+       "y\ny\nn\n"},
+      {"entry lost, no marks", true,
+       [](PairEditor& p) {
+         put2(head_of_free_nodes(p), get2(head_of_free_nodes(p)) - 4);
+         take_marks(p);
+       },
+       "y\ny\nn\n"},
+      {"fault of the data list", true,
+       [](PairEditor& p) { put4(p.dictionary() + dict::kFreeData, 99999); }, "y\ny\ny\nn\n"},
+      {"entry past the end", false, [](PairEditor& p) { put4(head_of_free_nodes(p) + 6, 77777); },
+       "y\ny\nn\n"},
+      {"entry twice", false,
+       [](PairEditor& p) { std::copy_n(head_of_free_nodes(p) + 6, 4, head_of_free_nodes(p) + 10); },
+       "y\ny\nn\n"},
+      {"no end", false, [](PairEditor& p) { put2(head_of_free_nodes(p), 4); }, "y\ny\nn\n"},
+      {"highest number low", false,
+       [](PairEditor& p) { put4(p.dictionary() + dict::kNextNode, 20); }, "y\ny\nn\n"}};
+  for (const auto& [name, serves, damage, answers] : cases) {
+    SCOPED_TRACE(name);
+    make(false);
+    apply(damage);
+    apply(empty_an_index);
+    const std::string out = run("-q", answers);
+    EXPECT_TRUE(has(out, "Fix index node free list ? ")) << out;
+    EXPECT_FALSE(has(out, kNodesAnew)) << out;
+    EXPECT_EQ(has(out.substr(out.find("Recreating index 2.")), kCorrupted), !serves) << out;
+    const std::string after = run("-nq");
+    const std::size_t index2 = after.find("Index 2 = ");
+    const bool sound = !has(after.substr(index2, after.find("Index 3 = ") - index2), "ERROR");
+    EXPECT_EQ(sound, serves) << after;
+    run("-yq");
+    expect_sound();
+  }
+}
+
+TEST_F(Repair, MarksTheNodesOfASoundListInPassing) {
+  // Trees of one node each, and no list of records yet: no repair has nodes to return.
+  PairSpec spec = mixed_spec(256, 6, 4);
+  spec.deleted.clear();
+  spec.free_nodes = 130;
+  make(spec);
+  apply(take_marks);
+  apply([](PairEditor& pair) { *pair.state(2) = 0; });
+  const std::vector<std::int32_t> before = free_nodes();
+  const std::string out = run("-yq");
+  EXPECT_FALSE(has(out, "index node free list. ") || has(out, kNodesAnew)) << out;
+  EXPECT_TRUE(has(out, "Recreating data record free list.\nRecreating index 5.\n")) << out;
+  const std::vector<std::int32_t> after = free_nodes();
+  EXPECT_EQ(after.size(), before.size() - 1);
+  EXPECT_TRUE(std::equal(after.rbegin(), after.rend(), before.rbegin()));
+  expect_sound();
+}
+
+// What was not written of a file that grew keeps its numbers, if they can be true.
+TEST_F(Repair, KeepsNumbersSomeWayPastTheEnd) {
+  const auto root = [](PairEditor& p) { return p.description(2) + 2; };
+  const auto audit = [](PairEditor& p) { return p.dictionary() + dict::kAuditNode; };
+  const auto link = [](PairEditor& p) { return p.node(p.built().key_nodes.back()) + 2; };
+  const std::function<Byte*(PairEditor&)> places[] = {root, audit, link};
+  for (const auto& place : places) {
+    for (const bool kept : {true, false}) {
+      SCOPED_TRACE(std::to_string(&place - places) + (kept ? " kept" : " given up"));
+      make(false);
+      std::int32_t number = 0;
+      apply([&](PairEditor& pair) {
+        number = static_cast<std::int32_t>(pair.index.size() / 256) + (kept ? 65536 : 65537);
+        put4(place(pair), number);
+        put4(pair.dictionary() + dict::kNextNode, number + 1'000'000);
+      });
+      const std::string out = run("-yq");
+      PairEditor pair(built);
+      EXPECT_EQ(get4(place(pair)) == number, kept) << get4(place(pair));
+      const bool dropped = has(out, std::string(kNodesAnew) + "\n\n" + kCorrupted + "\n");
+      EXPECT_EQ(dropped, !kept && &place == &places[1]) << out;
+      EXPECT_LE(pair.index.size(), static_cast<std::size_t>(number) * 256);
+      expect_sound();
+    }
+  }
+}
+
+// A damaged length hides records, and with them the pages of their variable parts. Once it is
+// undone, nearly all of these are there again, whatever was repaired in between.
+TEST_F(Repair, LeavesTheBytesOfHiddenPages) {
+  const std::function<void(PairEditor&)> damages[] = {
+      [](PairEditor& p) { put2(p.dictionary() + dict::kMaxRecord, 19); },
+      [](PairEditor& p) { put2(p.dictionary() + dict::kMaxRecord, 0); },
+      [](PairEditor& p) { p.dictionary()[dict::kRecordSize + 1] += 1; },
+      [](PairEditor& p) { p.dictionary()[dict::kRecordSize + 1] -= 9; },
+      [](PairEditor& p) { p.data.clear(); }};
+  for (const auto& damage : damages) {
+    SCOPED_TRACE(&damage - damages);
+    make(true);
+    const auto records = walk_pair(built.base).records;
+    const PairEditor sound(built);
+    apply(damage);
+    run("-yq");
+    apply([&](PairEditor& pair) {
+      std::size_t changed = 0;
+      for (const auto& pages : {built.small_pages, built.big_pages}) {
+        for (const std::int32_t page : pages) {
+          const auto begin = sound.index.begin() + (page - 1) * 512;
+          changed += std::equal(begin, begin + 509, pair.node(page)) ? 0 : 1;
+        }
+      }
+      EXPECT_LE(changed, (built.small_pages.size() + built.big_pages.size()) / 10);
+    });
+    // A second repair of the same does no more harm than the first.
+    apply([](PairEditor& pair) { put4(pair.dictionary() + dict::kFreeNode, 0); });
+    run("-yq");
+    apply([&](PairEditor& pair) {
+      for (const int field : {dict::kRecordSize, dict::kMaxRecord}) {
+        std::copy_n(sound.index.begin() + field, 2, pair.dictionary() + field);
+      }
+      pair.data = sound.data;
+    });
+    run("-yq");
+    const auto after = walk_pair(built.base).records;
+    const auto same = std::ranges::count_if(
+        after, [&](const auto& record) { return records.at(record.first) == record.second; });
+    EXPECT_GE(same, std::ssize(records) * 9 / 10);
+  }
+}
+
+// The nodes of a list must hold entries; a page with bytes is no such node while there are others.
+TEST_F(Repair, PutsNoListOverHiddenPages) {
+  make(true);
+  const auto records = walk_pair(built.base).records;
+  // Unused nodes at the bottom, pages at the top, and no record that names them.
+  apply([&](PairEditor& pair) { pair.data.clear(); });
+  const Image before = read_file(folder_ / "pair.idx");
+  run("-yq");
+  PairEditor pair(built);
+  std::vector<std::int32_t> pages = built.small_pages;
+  pages.insert(pages.end(), built.big_pages.begin(), built.big_pages.end());
+  for (const std::int32_t page : pages) {
+    const auto begin = before.begin() + (page - 1) * 512;
+    EXPECT_TRUE(std::equal(begin, begin + 509, pair.node(page))) << page;
+    EXPECT_EQ(pair.node(page)[509], 0) << page;
+  }
+  expect_sound();
+}
+
+// A page that is listed as a free node is not offered for variable parts as well, even if nothing
+// was to be done about the lists of pages.
+TEST_F(Repair, ListsAPageOnce) {
+  make(true);
+  apply([&](PairEditor& pair) {
+    for (const Fault& fault : faults()) {
+      if (fault.name == "storage_records_of_a_page_gone" || fault.name == "storage_class_byte") {
+        fault.apply(pair);
+      }
+    }
+  });
+  const std::string out = run("-q", "y\ny\ny\ny\ny\nn\ny\n");
+  EXPECT_TRUE(has(out, "Fix variable length storage free lists ? ")) << out;
+  EXPECT_EQ(walk_pair(built.base).problems, std::vector<std::string>{}) << out;
+}
+
+// ---- A new size of node.
+
+class Resize : public Repair {
+ protected:
+  void make_in_one_node() {
+    PairSpec spec = mixed_spec(256, 150, 4);
+    spec.audit_node = true;
+    make(spec);
+  }
+  bool exists(const char* name) { return std::filesystem::exists(folder_ / name); }
+};
+
+TEST_F(Resize, RefusesWhatIsNotThereAndTouchesNothing) {
+  const std::string link = "Error in linking .idx to .IDX\n";
+  const std::string closed = "\nERROR: cannot open Zentra file\n";
+  const auto cut = [this](std::uintmax_t size) {
+    std::filesystem::resize_file(folder_ / "pair.idx", size);
+  };
+  const struct {
+    const char* name;
+    std::function<void()> spoil;
+    std::string says;
+    bool links;
+  } cases[] = {
+      {"no index", [&] { std::filesystem::remove(folder_ / "pair.idx"); }, link, false},
+      {"no pair",
+       [&] {
+         std::filesystem::remove(folder_ / "pair.idx");
+         std::filesystem::remove(folder_ / "pair.dat");
+       },
+       link, false},
+      {"no data", [&] { std::filesystem::remove(folder_ / "pair.dat"); }, closed, false},
+      {"dictionary cut", [&] { cut(90); }, std::string("\n") + kCorrupted + "\n", true},
+      {"description cut", [&] { cut(256 + 30); }, std::string("\n") + kCorrupted + "\n", true},
+      {"no description", [&] { cut(256); }, std::string("\n") + kCorrupted + "\n", true}};
+  for (const auto& [name, spoil, says, links] : cases) {
+    SCOPED_TRACE(name);
+    make_in_one_node();
+    std::filesystem::remove(folder_ / "pair.IDX");
+    spoil();
+    const Image index = exists("pair.idx") ? read_file(folder_ / "pair.idx") : Image{};
+    const std::string out = run("-sq");
+    EXPECT_TRUE(out.ends_with(says + "\n")) << out;
+    EXPECT_FALSE(has(out, "Checking") || has(out, "used,")) << out;
+    EXPECT_EQ(exists("pair.IDX"), links);
+    EXPECT_EQ(exists("pair.idx") ? read_file(folder_ / "pair.idx") : Image{}, index);
+  }
+  // The second name is taken: as before, whatever else is wrong.
+  make_in_one_node();
+  std::ofstream(folder_ / "pair.IDX") << "mine";
+  std::filesystem::remove(folder_ / "pair.dat");
+  EXPECT_TRUE(has(run("-sq"), link));
+  EXPECT_EQ(read_file(folder_ / "pair.IDX"), (Image{'m', 'i', 'n', 'e'}));
+}
+
+// Lists and heads lead to nodes that the new file does not have; nothing is said of that.
+TEST_F(Resize, KeepsTheTrailAndTheFilesOfOthers) {
+  make_in_one_node();
+  std::ofstream(folder_ / "pair.idx.new") << "mine";
+  Image dictionary;
+  apply([&](PairEditor& pair) {
+    const char trail[] = "\0\0trail";
+    put2(pair.node(built.audit_node), 10);
+    std::copy(std::begin(trail), std::end(trail), pair.node(built.audit_node) + 2);
+    pair.dictionary()[dict::kAuditNode] |= 0x80;
+    put4(pair.dictionary() + dict::kStorageHeads + 8, 500);
+    dictionary.assign(pair.dictionary(), pair.dictionary() + dict::kSize);
+  });
+  const std::string out = run("-sq");
+  EXPECT_FALSE(has(out, "Zentra ERROR")) << out;
+  EXPECT_EQ(read_file(folder_ / "pair.idx.new"), (Image{'m', 'i', 'n', 'e'}));
+  const Image index = read_file(folder_ / "pair.idx");
+  EXPECT_TRUE(std::equal(&index[dict::kAuditNode], &index[dict::kAuditNode + 4],
+                         &dictionary[dict::kAuditNode]));
+  const std::string node(index.begin() + (built.audit_node - 1) * 1024,
+                         index.begin() + built.audit_node * 1024);
+  EXPECT_EQ(node.substr(0, 10), std::string("\0\12\0\0trail\0", 10));
+  EXPECT_EQ(node.find_first_not_of('\0', 10), node.npos);
+  for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
+    const std::string name = entry.path().filename();
+    EXPECT_TRUE(name == "pair.idx" || name == "pair.dat" || name == "pair.IDX" ||
+                name == "pair.idx.new")
+        << name;
+  }
+  expect_sound();
+}
+
+}  // namespace
+}  // namespace testing_support
