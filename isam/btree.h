@@ -81,6 +81,10 @@ int btadditem(Item& item, const keydescr& k);
 // Leaves depth -1.
 int btdelitem(const Item& item, const keydescr& k);
 
+// A tree was changed, or is about to be: neither the path nor what is remembered of the item read
+// last is good for anything any more, also when the change is taken back.
+void btchanged();
+
 // Frees every node of an index, children first. What is not a sound tree node is left alone. 0,
 // or -1 with iserrno when something was left.
 int btrecover(std::int32_t root, const keydescr& k);

@@ -288,7 +288,7 @@ int add_item(Item& item, const keydescr& k) {
 
 int btadditem(Item& item, const keydescr& k) {
   const int result = k.nparts == 0 ? 0 : add_item(item, k);
-  bt.depth = -1;
+  btchanged();
   return result;
 }
 

@@ -216,11 +216,12 @@ int Recovery::free_subtree(std::int32_t number, int depth) {
 
 int btdelitem(const Item& item, const keydescr& k) {
   const int result = k.nparts == 0 ? 0 : delete_item(item, k);
-  bt.depth = -1;
+  btchanged();
   return result;
 }
 
 int btrecover(std::int32_t root, const keydescr& k) {
+  btchanged();
   return root == 0 ? 0 : Recovery{k}.free_subtree(root, 0);
 }
 

@@ -11,10 +11,11 @@ Item treeitem;
 
 namespace {
 
-// Which stored item treeitem is, no file when it may be anything: a step forward from it needs no
-// reading of what lies before it.
+// Which stored item treeitem is, no node when it may be anything: a step forward from it needs no
+// reading of what lies before it. It outlives the call, so the file's generation goes with it, and
+// every change of a tree ends it.
 struct TreeItemPlace {
-  const FileRecord* file = nullptr;
+  std::uint64_t generation = 0;
   std::int32_t node = 0;
   int offset = 0;
 };
@@ -23,7 +24,7 @@ TreeItemPlace treeitem_place;
 // The leaf that the last search came to, its place there, and the item that it compared last
 // before.
 struct LastSearch {
-  const FileRecord* file = nullptr;
+  std::uint64_t generation = 0;
   std::int32_t node = 0;
   int offset = 0;
   int passed = 0;
@@ -46,7 +47,7 @@ void clear_state(int flags) { bt.state = static_cast<std::uint16_t>(bt.state & ~
 void arrived(PathLevel& leaf, int offset, int next) {
   leaf.offset = offset;
   leaf.next = next;
-  treeitem_place = {filep, leaf.node, offset};
+  treeitem_place = {filep->generation, leaf.node, offset};
 }
 
 std::int32_t child_before(ConstBytes area, int end) {
@@ -101,8 +102,8 @@ std::int32_t step_above(const ItemLayout& layout, ConstBytes area, PathLevel& le
 }
 
 bool treeitem_is_at(const PathLevel& leaf) {
-  return treeitem_place.file == filep && treeitem_place.node == leaf.node &&
-         treeitem_place.offset == leaf.offset;
+  return treeitem_place.node == leaf.node && treeitem_place.offset == leaf.offset &&
+         treeitem_place.generation == filep->generation;
 }
 
 // Steps to the neighbour item within a leaf and unpacks it into treeitem.
@@ -186,7 +187,7 @@ int read_item(const ItemLayout& layout) {
       itprevious(layout, node.area(), leaf.next, treeitem) != leaf.offset) {
     return lost(kCorrupted);
   }
-  treeitem_place = {filep, leaf.node, leaf.offset};
+  treeitem_place = {filep->generation, leaf.node, leaf.offset};
   return 0;
 }
 
@@ -224,6 +225,12 @@ bool is_current(const Item& item, const keydescr& k) {
 
 }  // namespace
 
+void btchanged() {
+  bt.depth = -1;
+  treeitem_place = {};
+  last_search = {};
+}
+
 void btnumber(std::int32_t number) {
   treeitem.recptr = number;
   treeitem_place = {};
@@ -257,8 +264,8 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
       if (descent.met_equal()) bt.state |= kSameKeyNearby;
       if (!descent.on_greater()) break;
       if (!descent.take(node, level)) return lost();
-      treeitem_place = {filep, level.node, level.offset};
-      last_search = {filep, level.node, level.offset, descent.passed()};
+      treeitem_place = {filep->generation, level.node, level.offset};
+      last_search = {filep->generation, level.node, level.offset, descent.passed()};
       return 0;
     }
     number = child_before(node.area(), level.next);
@@ -266,14 +273,15 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
   if (mode != Search::kInsert) return btmove(k, Direction::kNext);
   PathLevel& leaf = bt.level(bt.depth);
   leaf.offset = leaf.next = leaf.length;
-  last_search = {filep, leaf.node, leaf.offset, descent.passed()};
+  last_search = {filep->generation, leaf.node, leaf.offset, descent.passed()};
   return 0;
 }
 
 WalkStart btwalkstart(const Item& sought) {
   const PathLevel& leaf = bt.level(bt.depth);
-  const bool known = last_search.passed > 0 && last_search.file == filep &&
-                     last_search.node == leaf.node && last_search.offset == leaf.offset;
+  const bool known = last_search.passed > 0 && last_search.node == leaf.node &&
+                     last_search.offset == leaf.offset &&
+                     last_search.generation == filep->generation;
   return known ? WalkStart{last_search.passed, sought.key} : WalkStart{};
 }
 

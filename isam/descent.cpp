@@ -11,6 +11,7 @@ Descent::Descent(Item& sought, Item& found, const keydescr& k, int len, Search m
       order_(k),
       len_(len),
       mode_(mode),
+      numbers_(mode == Search::kInsert && layout_.dups),
       skips_(layout_.compressed() && order_.bytewise() && (len < 1 || len >= k.keylen)) {}
 
 bool Descent::choose(const TreeNode& node, PathLevel& level) {

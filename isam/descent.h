@@ -38,8 +38,9 @@ class Descent {
   int compare_bytes(const StoredItem& stored, int& match) const;
   int break_tie(std::int32_t dupnm);
   int compare_fixed(ConstBytes area, int pos);
-  // The key of an upper node's last item carries no meaning.
-  [[nodiscard]] bool covers_all(bool last) const { return last && !leaf_; }
+  // The key of an upper node's last item carries no meaning; but an insertion among equals takes a
+  // duplicate number above that item's too, where it repeats the key.
+  [[nodiscard]] bool covers_all(bool last) const { return last && !leaf_ && !numbers_; }
   bool settle(PathLevel& level, int offset, int next, int result);
 
   Item& sought_;
@@ -48,7 +49,8 @@ class Descent {
   KeyOrder order_;
   int len_;
   Search mode_;
-  bool skips_;  // keys are decided by their first differing byte, and compared whole
+  bool numbers_;  // an item of an index with duplicates is to be inserted
+  bool skips_;    // keys are decided by their first differing byte, and compared whole
   int from_ = 0;
   bool leaf_ = false;
   bool greater_ = false;

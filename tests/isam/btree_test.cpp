@@ -154,6 +154,30 @@ TEST(Btree, DuplicateNumbersThatNoLongerFitAreRefused) {
   }
 }
 
+// A separator gives the last item of its upper node its key; that item keeps its duplicate number,
+// and the next equal key goes above it.
+TEST(Btree, DuplicateNumbersGoAboveTheLastItemsOfUpperNodes) {
+  struct Case {
+    int flags;
+    int before;  // equal items so that two of the next key fill the second leaf
+    std::vector<std::int32_t> numbers;
+  };
+  for (const auto& [flags, before, numbers] :
+       {Case{KF_DUPS, 18, {0, 1, 2, 10, 11}}, Case{KF_DUPS | KF_DCOMPRESS, 26, {0, 1, 2, 14, 15}},
+        Case{KF_DUPS | KF_LCOMPRESS, 22, {0, 1, 2, 12, 13}}}) {
+    SCOPED_TRACE(name_of(flags, Kind::kNumber));
+    Tree tree{flags, Kind::kNumber, {.node_size = 128}};
+    for (int i = 0; i < before; ++i) ASSERT_EQ(tree.insert(5), 0);
+    for (std::size_t i = 0; i < numbers.size(); ++i) ASSERT_EQ(tree.insert(6), 0);
+    Item item = tree.item_of(6);
+    std::vector<std::int32_t> stored;
+    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
+    for (; bt.ends == kOnItem; btmove(tree.k, Direction::kNext)) stored.push_back(treeitem.dupnm);
+    EXPECT_EQ(stored, numbers);
+    tree.expect_sound();
+  }
+}
+
 TEST(Btree, DeletingAnItemThatIsNotThere) {
   Tree tree{KF_DUPS, Kind::kText, {}};
   EXPECT_EQ(btdelitem(tree.item_of(1, 1), tree.k), -1);
