@@ -81,8 +81,7 @@ void make_first_key_node() {
 }
 
 int lay_out(const RecordLengths& lengths, keydescr& key) {
-  if (fill_dictionary(lengths, key) != 0) return -1;
-  adopt_dictionary();
+  if (fill_dictionary(lengths, key) != 0 || adopt_dictionary() != 0) return -1;
   make_first_key_node();
   if (kyadd(key) != 0) return failed_unless_set(kBadKey);
   openp->key = key;

@@ -221,8 +221,9 @@ int store(std::int32_t number, ConstBytes record, bool given) {
   return given ? datawrite(number, record, true) : datacreate(number, record);
 }
 
+// A call of a shared open is taken back as a whole; until then the list is as it was.
 void give_number_back(std::int32_t number, std::int32_t highest) {
-  if (number > highest) {
+  if (number > highest || filep->exclusives > 0) {
     freerec(number, FreeList::kRecords);
   } else {
     enlist(number, FreeList::kRecords);
@@ -253,20 +254,21 @@ int remove_for_now(std::int32_t number) {
   return 0;
 }
 
-int remove_at_once(std::int32_t number) {
-  if (freerec(number, FreeList::kRecords) != 0) return -1;
-  if (datadelete(number) == 0) {
+// Its storage goes before its number: the node that this leaves may serve the list of numbers.
+int remove_at_once(std::int32_t number, ConstBytes old) {
+  if (datadelete(number) != 0) return -1;
+  if (freerec(number, FreeList::kRecords) == 0) {
     lkrecord(number, RecordLock::kRelease);
     return 0;
   }
   const KeepError keep;
-  static_cast<void>(allocrec(FreeList::kRecords));  // the number just given back
+  static_cast<void>(datawrite(number, old, true));
   return -1;
 }
 
 int remove_record(std::int32_t number, ConstBytes old) {
   if (txlog::logs_changes() && txlog::log_deleted(number, old) != 0) return -1;
-  if ((may_be_undone() ? remove_for_now(number) : remove_at_once(number)) != 0) return -1;
+  if ((may_be_undone() ? remove_for_now(number) : remove_at_once(number, old)) != 0) return -1;
   txlog::audoutput(txlog::AuditLetter::kDeleted, number, old);
   return 0;
 }

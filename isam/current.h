@@ -80,6 +80,7 @@ struct FileRecord {
   int reclen = 0;     // record length; the fixed part's with variable length
   int maxreclen = 0;  // greatest record length; reclen for fixed length
   int idxsize = 0;    // node size minus one
+  int dupsize = 0;    // width of duplicate numbers
   bool varlen = false;
   MarkState mark = MarkState::kClear;
   bool keeps_locks = false;            // a transaction has changed records of it

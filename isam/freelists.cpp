@@ -81,15 +81,15 @@ PageHold list_node(FreeList list, std::int32_t node) {
 constexpr std::int64_t kMostUnwritten = 1 << 17;
 
 // Whether a file can have come to hold `number`. The dictionary may name any, and a page written
-// there would make the file immense. Each page changed may be the only one of a long record, or
-// hold many short ones. The file's size is asked for once in a great many numbers.
+// there would make the file immense. Each data block changed may be the only one of a long record,
+// or hold many short ones. The file's size is asked for once in a great many numbers.
 bool is_reachable(FreeList list, std::int32_t number) {
   const bool nodes = list == FreeList::kNodes;
   std::int32_t& known = nodes ? filep->greatest_node : filep->greatest_record;
   if (number <= known) return true;
   const int unit = nodes ? node_size() : slot_size();
   const std::int64_t held = common::file_size(nodes ? filep->idxfd : filep->datfd) / unit;
-  const std::int64_t last = held + kMostUnwritten * (kPageSize / unit + 1);
+  const std::int64_t last = held + kMostUnwritten * (nodes ? 1 : kPageSize / unit + 1);
   known = static_cast<std::int32_t>(std::min<std::int64_t>(last, INT32_MAX));
   return number <= known;
 }

@@ -191,13 +191,16 @@ int append_behind(std::int32_t last, const keydescr& k) {
   return append_to(node, k);
 }
 
-// Walks the whole chain: 0 when it is sound and, with parts, does not define the key of `k`.
+// Walks the whole chain: 0 when it is sound, can grow and, with parts, does not define the key of
+// `k`.
 int check_new(const keydescr& k) {
   KeyChain chain;
   keydescr found{};
   KeyChain::Step step;
+  std::size_t count = 0;
   while ((step = chain.next(found)) == KeyChain::Step::kFound) {
     if (k.nparts > 0 && kycompare(found, k) == 0) return failed(kIndexExists);
+    if (++count == kMostDescriptions) return failed(kBadKey);
   }
   return step == KeyChain::Step::kEnd ? 0 : -1;
 }

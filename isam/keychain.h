@@ -9,12 +9,16 @@
 //         K3 the dictionary's count of indexes follows every change
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "isam.h"
 #include "isam/format.h"
 
 namespace isam {
+
+// The number of its indexes has 15 bits in what a pair tells of itself.
+inline constexpr std::size_t kMostDescriptions = 32767;
 
 // Walks the stored descriptions of the current file in index order.
 class KeyChain {

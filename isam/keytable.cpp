@@ -22,7 +22,7 @@ int load() {
   keydescr k{};
   KeyChain::Step step;
   while ((step = chain.next(k)) == KeyChain::Step::kFound) {
-    if (!usable(k)) return failed(kCorrupted);
+    if (!usable(k) || filep->keys.size() == kMostDescriptions) return failed(kCorrupted);
     filep->keys.push_back(k);
   }
   if (step != KeyChain::Step::kEnd) return failed_unless_set(kCorrupted);

@@ -43,11 +43,24 @@ void advise_random(const FileRecord& file) {
   ::posix_fadvise(file.datfd, 0, 0, POSIX_FADV_RANDOM);
 }
 
-void adopt_dictionary() {
-  filep->reclen = dictp->d_recsize();
-  filep->varlen = dictp->d_maxrecsize() != 0;
-  filep->maxreclen = filep->varlen ? dictp->d_maxrecsize() : filep->reclen;
-  filep->idxsize = dictp->d_idxsize();
+int adopt_dictionary() {
+  FileRecord& file = *filep;
+  const int reclen = dictp->d_recsize();
+  const bool varlen = dictp->d_maxrecsize() != 0;
+  const int maxreclen = varlen ? dictp->d_maxrecsize() : reclen;
+  const bool same = file.reclen == reclen && file.varlen == varlen && file.maxreclen == maxreclen &&
+                    file.idxsize == dictp->d_idxsize() && file.dupsize == dictp->d_dupsize();
+  if (same) return 0;
+  if (file.usecount > 1) return failed(kCorrupted);
+  // An idle pair may have pages of other sizes in the pool.
+  if (file.reclen != 0) bfignor(file);
+  file.greatest_node = file.greatest_record = 0;
+  file.reclen = reclen;
+  file.varlen = varlen;
+  file.maxreclen = maxreclen;
+  file.idxsize = dictp->d_idxsize();
+  file.dupsize = dictp->d_dupsize();
+  return 0;
 }
 
 int close_open(OpenRecord& open) {
@@ -87,11 +100,16 @@ int refuse_mode(char last) {
   return failed(kBadArgument);
 }
 
-// Whether the mode asks for something that there is: 0, or -1 with 102.
-int check_mode(int mode) {
+// Whether the mode asks for something that there is: 0, or -1 with 102. What it says of logging
+// comes first, then the name, then the rest.
+int check_logging(int mode) {
   const int logging = mode & (ISTRANS | ISNOLOG);
   const bool bad = txflag == kNotLogging ? logging != 0 : logging == (ISTRANS | ISNOLOG);
-  return bad || (mode & 3) == 3 || lock_mode_of(mode) == 0 ? refuse_mode('7') : 0;
+  return bad ? refuse_mode('7') : 0;
+}
+
+int check_access(int mode) {
+  return (mode & 3) == 3 || lock_mode_of(mode) == 0 ? refuse_mode('7') : 0;
 }
 
 void tell_system_error() {
@@ -100,16 +118,17 @@ void tell_system_error() {
   isstat4 = iserrno == ENOENT ? '5' : '7';
 }
 
+int refuse_dictionary() { return failed(dictp->d_idxsize() % 2 == 0 ? kFormatChange : kCorrupted); }
+
 // Tests of the dictionary that only an open makes. The file record follows it.
 int validate() {
-  const int size = dictp->d_idxsize();
   const bool lengths_agree = filep->reclen > 0 && filep->maxreclen >= filep->reclen;
-  const bool sound = size < kMaxStoredNodeSize && lengths_agree &&
+  const bool sound = dictp->d_idxsize() < kMaxStoredNodeSize && lengths_agree &&
                      (dictp->d_dupsize() == 2 || dictp->d_dupsize() == 4);
-  if (!sound) return failed(size % 2 == 0 ? kFormatChange : kCorrupted);
+  if (!sound) return refuse_dictionary();
   const auto* keys = file_keys();
-  if (keys == nullptr) return -1;
-  return keys->empty() ? failed(kCorrupted) : 0;
+  if (keys == nullptr) return iserrno == kCorrupted ? refuse_dictionary() : -1;
+  return keys->empty() ? refuse_dictionary() : 0;
 }
 
 // A method of before, or one that RESETLOCK lets pass, becomes the current one.
@@ -171,8 +190,7 @@ int set_up(OpenRecord& open, const char* name, int mode) {
     open.mode &= 0xFF;
     return -1;
   }
-  if (look_again(name, entry) != 0) return -1;
-  adopt_dictionary();
+  if (look_again(name, entry) != 0 || adopt_dictionary() != 0) return -1;
   if (settle_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
   if (mktemprec(filep->maxreclen) != 0) return -1;
   open.key = filep->keys.front();
@@ -230,7 +248,7 @@ int open_anew(const char* name, int mode) {
 int open_pair(const char* name, int mode) {
   constexpr int kTries = 3;  // while the pair is being replaced
   if (issingleuser) mode = (mode & 0xFF) | ISEXCLLOCK;
-  if (check_mode(mode) != 0 || ckfilname(name) != 0) return -1;
+  if (check_logging(mode) != 0 || ckfilname(name) != 0 || check_access(mode) != 0) return -1;
   isbatch(2);
   clear_errors();
   if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);

@@ -17,8 +17,10 @@ int abandon_open(OpenRecord& open);
 // The file is written at random from now on.
 void advise_random(const FileRecord& file);
 
-// Sets what the file record says of lengths and node size from the dictionary copy.
-void adopt_dictionary();
+// Sets what the file record says of lengths, node size and duplicate numbers from the dictionary
+// copy. A record that other opens of the process use must say the same already: 0, or -1 with 105
+// and nothing changed.
+[[nodiscard]] int adopt_dictionary();
 
 // Notes the client locale's name in the dictionary copy: 0, or -1 with 159.
 int name_collation();

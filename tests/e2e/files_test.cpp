@@ -31,8 +31,10 @@ class Files : public testing::TestWithParam<bool> {
 // A damaged dictionary may name numbers far past the end. Nothing is written there.
 TEST_P(Files, DoNotBecomeImmense) {
   const Image sound = read_file(base_ + ".idx");
+  constexpr std::int64_t kJustTooMany = (1 << 17) + 100;  // of nodes; records may take little room
   for (const int field : {dict::kNextNode, dict::kNextData}) {
-    for (const std::int64_t last : {0x1000000, 0x7FFFFF00}) {
+    for (const std::int64_t last : {kJustTooMany, {0x1000000}, {0x7FFFFF00}}) {
+      if (field == dict::kNextData && last == kJustTooMany) continue;
       SCOPED_TRACE(std::to_string(field) + " " + std::to_string(last));
       Image damaged = sound;
       put4(&damaged[static_cast<std::size_t>(field)], last);

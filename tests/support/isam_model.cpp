@@ -75,8 +75,9 @@ IsamModel::Open* IsamModel::enter(int isfd, Access access, const char* refusal) 
 
 int IsamModel::isopen(int name_error, int mode, int isfd) {
   const std::set<int> lock_modes = {ISAUTOLOCK, 0x300, ISMANULOCK, 0x500, ISEXCLLOCK};
-  const bool known = (mode & 3) != 3 && (mode & 0xC) == 0 && lock_modes.contains(mode & 0xFF00);
-  if (!known) return end(ISEARGUMENT, "9037");
+  const bool known = (mode & 3) != 3 && lock_modes.contains(mode & 0xFF00);
+  if ((mode & 0xC) != 0) return end(ISEARGUMENT, "9037");
+  if (!known && name_error != ISENAME) return end(ISEARGUMENT, "9037");
   if (name_error != 0) return end(name_error, name_error == ENOENT ? "9035" : nullptr);
   const bool suits = ((mode & ISVARLEN) != 0) == (minimum_ < maximum_);
   if (!suits && (mode & ISANYLENGTH) == 0) return end(ISEARGUMENT, "9039");
@@ -236,11 +237,26 @@ void IsamModel::free_number(std::int32_t recnum) {
   }
 }
 
+// What an exclusive open changes is undone step by step: a number that was listed is freed again,
+// which lowers the highest one if it is that. Others take the whole call back.
+void IsamModel::return_refused(std::int32_t recnum) {
+  const bool alone = std::ranges::any_of(opens_, [](const auto& open) {
+    const int lock = open.second.mode & 0xFF00;
+    return lock == ISEXCLLOCK || lock == 0x500;
+  });
+  if (!alone || free_.empty()) return;
+  free_.pop_back();
+  free_number(recnum);
+}
+
 int IsamModel::iswrite(int isfd, Bytes record, bool becomes_current) {
   Open* open = enter(isfd, kWrite, "9048");
   if (open == nullptr || !cut(record)) return -1;
   const std::int32_t recnum = free_.empty() ? last_ + 1 : free_.back();
-  if (is_refused(record, recnum)) return end(ISEDUPLICATE);
+  if (is_refused(record, recnum)) {
+    return_refused(recnum);
+    return end(ISEDUPLICATE);
+  }
   if (free_.empty()) {
     ++last_;
   } else {

@@ -84,6 +84,7 @@ class IsamModel {
   Place insert(std::size_t index, const Bytes& record, std::int32_t recnum);
   void remove(std::size_t index, const Bytes& record, std::int32_t recnum);
   void free_number(std::int32_t recnum);
+  void return_refused(std::int32_t recnum);
   std::int32_t record_of(const Open& open, Target target, const Bytes& record);
 
   int minimum_;
