@@ -2,11 +2,11 @@
 #include <array>
 #include <cstring>
 
-#include "common/io.h"
 #include "isam/btree.h"
 #include "isam/errors.h"
 #include "isam/freelists.h"
 #include "isam/treenode.h"
+#include "isam/walklimit.h"
 
 namespace isam {
 namespace {
@@ -130,29 +130,6 @@ int btremove(const ItemLayout& layout, const WalkStart& start) {
   iserrno = error;
   return 0;
 }
-
-// No walk over a sound tree is longer than the items that the nodes of the file can hold. The
-// file's size is looked up for long walks only.
-class WalkLimit {
- public:
-  // Counts a step: whether the walk has become too long.
-  [[nodiscard]] bool exceeded() {
-    if (++steps_ == kUnchecked) limit_ = most_items();
-    return steps_ >= kUnchecked && steps_ > limit_;
-  }
-
- private:
-  static constexpr std::int64_t kUnchecked = 1000;
-  static constexpr std::int64_t kMostUnwritten = 32766;  // nodes that are in the pool only
-
-  static std::int64_t most_items() {
-    const std::int64_t nodes = common::file_size(filep->idxfd) / node_size() + kMostUnwritten;
-    return nodes * (item_area_limit(filep->idxsize) / kRecordPointerSize);
-  }
-
-  std::int64_t steps_ = 0;
-  std::int64_t limit_ = 0;
-};
 
 int delete_item(const Item& item, const keydescr& k) {
   Item sought = item;

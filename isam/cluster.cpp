@@ -1,10 +1,9 @@
 // cluster: iscluster, which rewrites a pair in the order of one of its indexes.
 #include <cerrno>
-#include <new>
 #include <utility>
-#include <vector>
 
 #include "isam/btree.h"
+#include "isam/clustercopy.h"
 #include "isam/errors.h"
 #include "isam/files.h"
 #include "isam/frame.h"
@@ -93,20 +92,16 @@ int isbnew(const Old& old, const std::string& name, const keydescr& order) {
   return isfd;
 }
 
-// Copies the records in the order of `key`: 0, or -1 with iserrno.
-int copy_records(const Old& old, int to, keydescr& key) {
-  std::vector<char> record;
-  try {
-    record.resize(static_cast<std::size_t>(old.info.di_recsize) + 1);
-  } catch (const std::bad_alloc&) {
-    return failed(kNoMemory);
-  }
-  if (isstart(old.isfd, &key, 0, record.data(), RD_FIRST) != 0) return -1;
-  while (isread(old.isfd, record.data(), RD_NEXT) == 0) {
-    if (iswrite(to, record.data()) != 0) return -1;
-  }
-  if (iserrno != kEndOfFile) return -1;
+// A recovery cannot know in which order equal keys came into the index.
+AmongEquals order_of_equals(const Old& old, bool logging) {
+  const bool repeatable = txlog::logstate.in_recovery || (logging && (old.mode & ISNOLOG) == 0);
+  return repeatable ? AmongEquals::kAscending : AmongEquals::kAsIndexed;
+}
+
+// Fills the new pair: 0, or -1 with iserrno.
+int fill(const Old& old, int to, const CopyOrder& order) {
   std::int32_t id = 0;
+  if (copy_records(old.isfd, to, order, old.info.di_nrecords, old.info.di_recsize) != 0) return -1;
   return iscurruniq(old.isfd, &id) == 0 ? issetunique(to, id) : -1;
 }
 
@@ -154,7 +149,7 @@ int cluster(const Old& old, keydescr& key) {
   if (!ismkname(old.name, names)) return failed_system(EEXIST);
   const int made = isbnew(old, names.first, key);
   if (made < 0) return -1;
-  if (copy_records(old, made, key) != 0) {
+  if (fill(old, made, {key, order_of_equals(old, unlogged.was_logging())}) != 0) {
     discard(made, names.first);
     return -1;
   }

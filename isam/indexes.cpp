@@ -38,15 +38,23 @@ int gather(IndexLoad& load) {
   return 0;
 }
 
-// Fills a new index from the records: 0, or -1 with iserrno.
+// Fills a new index from the records: 0, or -1 with what is wrong with the first of them that does
+// not go into it.
 int fill_index(const keydescr& key) {
   try {
     IndexLoad load{key};
-    if (gather(load) != 0) return -1;
     bool left_out = false;
     const IndexLoad::Listener listener{[&](std::int32_t) { left_out = true; }, [](std::int64_t) {}};
-    if (load.finish(key.rootnode, listener) != 0) return -1;
-    return left_out ? failed(kDuplicate) : 0;
+    const bool all_read = gather(load) == 0;
+    if (all_read) {
+      if (load.finish(key.rootnode, listener) != 0) return -1;
+    } else {
+      const KeepError keep;  // unless a key comes twice among the records before
+      static_cast<void>(load.finish(key.rootnode, listener));
+    }
+    if (left_out) return failed(kDuplicate);
+    if (load.met_equal()) bt.state |= kSameKeyNearby;
+    return all_read ? 0 : -1;
   } catch (const std::bad_alloc&) {
     return failed(kNoMemory);
   }
@@ -132,7 +140,9 @@ using namespace isam;
 static int add_call(int isfd, keydescr* key) {
   return change_indexes(isfd, key, [](keydescr& k) {
     add_index(k);
+    const std::uint16_t nearby = bt.state & kSameKeyNearby;
     bt = openp->position;
+    bt.state |= nearby;
   });
 }
 

@@ -91,6 +91,7 @@ int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter&
   while (const Byte* entry = sorter_.next()) {
     listener.loaded(++items);
     duplicate = !first && same_key(previous.data(), entry) ? duplicate + 1 : 0;
+    met_equal_ = met_equal_ || duplicate > 0;
     first = false;
     std::memcpy(previous.data(), entry, keylen_);
     if (duplicate > greatest) {

@@ -34,6 +34,8 @@ class IndexLoad {
 
   // Builds the tree under `root`. 0, or -1 with iserrno; then the tree is not usable.
   [[nodiscard]] int finish(std::int32_t root, const Listener& listener);
+  // Whether it has met equal keys.
+  [[nodiscard]] bool met_equal() const { return met_equal_; }
 
  private:
   struct Entry;
@@ -50,6 +52,7 @@ class IndexLoad {
   std::size_t keylen_;
   bool sortable_;  // entries are ordered by their bytes
   bool plain_;     // ... and their sort key is the key itself
+  bool met_equal_ = false;
   std::vector<Byte> entry_;
   common::Sorter sorter_;
 };

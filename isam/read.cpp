@@ -8,6 +8,7 @@
 #include "isam/locks.h"
 #include "isam/recordcalls.h"
 #include "isam/traced.h"
+#include "isam/walklimit.h"
 
 namespace isam {
 namespace {
@@ -69,6 +70,7 @@ int move_on(ReadMode mode) {
 // Reads the record of the item, or of the next one in the direction of the read whose record is
 // present: its length, or -1.
 int read_present(Byte* record, ReadMode mode) {
+  WalkLimit walk;
   while (true) {
     if (bt.ends != kOnItem) return failed(kEndOfFile);
     const int length =
@@ -78,6 +80,7 @@ int read_present(Byte* record, ReadMode mode) {
     if (mode == ReadMode::kCurrent) return failed(kNoCurrent);
     if (mode == ReadMode::kEqual) return failed(kNoRecord);
     if (move_on(mode) != 0) return -1;
+    if (walk.exceeded()) return failed(kCorrupted);
   }
 }
 

@@ -29,6 +29,7 @@ struct LogState {
   int fd = -1;
   Begin begin = Begin::kNone;
   bool in_rollback = false;
+  bool in_recovery = false;
   bool owes_rollback = false;  // a rollback's end mark could not be written: it goes first
   Link last;                   // the last linked record of this process
   std::int32_t process = 0;    // as stored in records: ids of the moment when the log was opened

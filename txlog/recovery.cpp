@@ -408,11 +408,15 @@ class Recovery {
 };
 
 int run(int mode, RecoveryObserver& observer) {
+  int result = 0;
+  logstate.in_recovery = true;
   try {
-    return Recovery{mode, observer}.run();
+    result = Recovery{mode, observer}.run();
   } catch (const std::bad_alloc&) {
-    return failed(kNoMemory);
+    result = failed(kNoMemory);
   }
+  logstate.in_recovery = false;
+  return result;
 }
 
 int recover_all(int mode, RecoveryObserver& observer) {

@@ -1,0 +1,287 @@
+// Public calls on pairs whose dictionary, descriptions, trees or records are not what they should
+// be.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <filesystem>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "isam.h"
+#include "tests/support/descriptions.h"
+#include "tests/support/pair_builder.h"
+#include "tests/support/pair_walk.h"
+#include "tests/support/run_program.h"
+
+namespace testing_support {
+namespace {
+
+constexpr int kNode = 1024, kPageLimit = kNode - 5, kLength = 20, kKey = 4;
+
+void numbered(int number, Image& record) { put4(record.data(), number); }
+
+class DamagedPair : public testing::Test {
+ protected:
+  ~DamagedPair() override {
+    ::iscleanup();
+    ::isvclose(0);
+  }
+
+  // Records 1 to `records`, each with its number as the key.
+  BuiltPair build(int records, int flags = 0, const std::set<int>& deleted = {}) {
+    BuiltPair pair = build_pair({.dup_width = 4,
+                                 .record_length = kLength,
+                                 .keys = {{flags, {{0, kKey, kLong}}}},
+                                 .records = records,
+                                 .deleted = deleted,
+                                 .make_record = numbered},
+                                base_);
+    index_ = read_file(base_ + ".idx");
+    return pair;
+  }
+  Byte* node(std::int32_t number) {
+    const std::size_t end = static_cast<std::size_t>(number) * kNode;
+    if (index_.size() < end) index_.resize(end);
+    return index_.data() + end - kNode;
+  }
+  void save() { write_file(base_ + ".idx", index_); }
+  [[nodiscard]] int open(int mode) const { return ::isopen(base_.c_str(), mode); }
+  [[nodiscard]] Image data() const { return read_file(base_ + ".dat"); }
+
+  // Nodes of so many upper levels whose every item leads to the next, and a leaf that is full of
+  // items of one record. All have the key 1.
+  void share_children(const BuiltPair& pair, int levels, bool dups, int record) {
+    std::int32_t number = pair.indexes[0].root;
+    std::int32_t last = pair.last_node;
+    for (int level = levels; level >= 0; --level) {
+      const std::int32_t next = level > 0 ? ++last : record;
+      Byte* const page = node(number);
+      std::fill_n(page, kNode, Byte{0});
+      const int item = kKey + (dups ? 4 : 0) + 4;
+      int used = 2;
+      for (; used - 2 + item <= kPageLimit; used += item) {
+        put4(page + used, 1);
+        put4(page + used + item - 4, next);
+      }
+      put2(page, used);
+      page[kNode - 1 - 1] = static_cast<Byte>(level);
+      number = next;
+    }
+    put4(&index_[dict::kNextNode], last);
+    save();
+  }
+
+  TempFolder folder_;
+  const std::string base_ = folder_ / "pair";
+  Image index_;
+};
+
+// A walk that took every way through the tree would go on for years.
+TEST_F(DamagedPair, WalksOverSharedChildrenEnd) {
+  std::array<char, kLength> record{};
+  share_children(build(2, 0, {2}), 18, false, 2);
+  int isfd = open(ISINPUT | ISMANULOCK);
+  for (const int mode : {RD_FIRST, RD_LAST}) {
+    EXPECT_EQ(::isread(isfd, record.data(), mode), -1);
+    EXPECT_EQ(::iserrno, ISECORRUPT);
+  }
+  ::isclose(isfd);
+  isfd = open(ISINOUT | ISMANULOCK);
+  EXPECT_EQ(::isdelrec(isfd, 1), -1);
+  EXPECT_EQ(::iserrno, ISECORRUPT);
+  ::isclose(isfd);
+
+  share_children(build(2, kDups, {2}), 4, true, 1);
+  keydescr key = key_of({{0, kKey, KT_LONG}}, KF_DUPS);
+  isfd = open(ISINOUT | ISEXCLLOCK);
+  EXPECT_EQ(::iscluster(isfd, &key), -1);
+  EXPECT_EQ(::iserrno, ISECORRUPT);
+}
+
+// The pair stays what it was, and its open in use.
+TEST_F(DamagedPair, IsNotClusteredByAnIndexThatDoesNotNameEachRecordOnce) {
+  constexpr int kItem = kKey + 4;
+  for (const bool misses : {true, false}) {
+    SCOPED_TRACE(misses);
+    const BuiltPair pair = build(10);
+    Byte* const root = node(pair.indexes[0].root);
+    if (misses) {
+      put2(root, 2 + 4 * kItem);
+    } else {
+      put4(root + 2 + 2 * kItem - 4, 1);  // the second item's record pointer
+    }
+    save();
+    const Image before = data();
+    keydescr key = key_of({{0, kKey, KT_LONG}});
+    const int isfd = open(ISINOUT | ISEXCLLOCK);
+    EXPECT_EQ(::iscluster(isfd, &key), -1);
+    EXPECT_EQ(::iserrno, ISECORRUPT);
+    std::array<char, kLength> record{};
+    EXPECT_EQ(::isread(isfd, record.data(), RD_FIRST), 0);
+    EXPECT_EQ(::isclose(isfd), 0);
+    EXPECT_TRUE(data() == before);
+    const std::filesystem::directory_iterator files{folder_.path()};
+    EXPECT_EQ(std::distance(begin(files), end(files)), 2);
+    key = key_of({});
+    const int other = open(ISINOUT | ISEXCLLOCK);
+    const int clustered = ::iscluster(other, &key);
+    EXPECT_GE(clustered, 0) << "in the order of record numbers nothing is missing";
+    ::isclose(clustered);
+  }
+}
+
+// Opens of a process share what they know of a pair's lengths.
+TEST_F(DamagedPair, IsNotOpenedTwiceWithDifferentLengths) {
+  build(10);
+  struct Change {
+    int field;
+    int value;
+  };
+  for (const auto& [field, value] : {Change{dict::kRecordSize, 30000},
+                                     {dict::kRecordSize, 10},
+                                     {dict::kMaxRecord, 200},
+                                     {dict::kNodeSize, 511}}) {
+    SCOPED_TRACE(field);
+    const Image sound = index_;
+    const int first = open(ISINPUT | ISMANULOCK);
+    ASSERT_GE(first, 0);
+    put2(&index_[static_cast<std::size_t>(field)], value);
+    save();
+    EXPECT_EQ(open(ISINPUT | ISMANULOCK | ISANYLENGTH), -1);
+    EXPECT_EQ(::iserrno, ISECORRUPT);
+    std::string record(40000, '#');
+    EXPECT_EQ(::isread(first, record.data(), RD_FIRST), 0);
+    EXPECT_EQ(record.find('#'), std::size_t{kLength});
+    index_ = sound;
+    save();
+    const int second = open(ISINPUT | ISMANULOCK);
+    EXPECT_GE(second, 0);
+    for (const int isfd : {first, second}) {
+      int records = 0;
+      while (::isread(isfd, record.data(), RD_NEXT) == 0) ++records;
+      EXPECT_EQ(records, isfd == first ? 9 : 10);
+      ::isclose(isfd);
+    }
+  }
+  const int first = open(ISINPUT | ISMANULOCK);
+  index_[dict::kDupSize] = 2;
+  save();
+  EXPECT_EQ(open(ISINPUT | ISMANULOCK), -1);
+  EXPECT_EQ(::iserrno, ISECORRUPT);
+  ::isclose(first);
+  EXPECT_GE(open(ISINPUT | ISMANULOCK), 0);
+}
+
+// Its files stay open without a user, and get other contents.
+TEST_F(DamagedPair, TakesAnotherDictionaryWhileItIsIdle) {
+  ::isvclose(10);
+  for (const int node_size : {1024, 512, 300, 1024}) {
+    SCOPED_TRACE(node_size);
+    constexpr int kRecords = 700;
+    build_pair({.node_size = node_size,
+                .record_length = kLength + node_size / 100,
+                .keys = {{0, {{0, kKey, kLong}}}},
+                .records = kRecords,
+                .make_record = numbered},
+               base_);
+    const int isfd = open(ISINOUT | ISMANULOCK);
+    ASSERT_GE(isfd, 0) << ::iserrno;
+    std::array<char, 100> record{};
+    for (int number = 1; number <= kRecords; ++number) {
+      ASSERT_EQ(::isread(isfd, record.data(), RD_NEXT), 0) << number << ' ' << ::iserrno;
+      ASSERT_EQ(::ldlong(record.data()), number);
+    }
+    ASSERT_EQ(::isclose(isfd), 0);
+  }
+}
+
+TEST_F(DamagedPair, MayHaveSoManyDescriptionsAndNoMore) {
+  constexpr int kMost = 32767, kSize = 7, kInNode = (kPageLimit - 4 - 6) / kSize;
+  for (const int count : {kMost, kMost + 1}) {
+    const BuiltPair pair = build(1);
+    std::int32_t number = pair.key_nodes[0];
+    std::int32_t last = pair.last_node;
+    for (int left = count; left > 0;) {
+      const int here = std::min(left, kInNode);
+      left -= here;
+      const std::int32_t next = left > 0 ? ++last : 0;
+      Byte* const page = node(number);
+      std::fill_n(page, kNode, Byte{0});
+      put2(page, 6 + here * kSize);
+      put4(page + 2, next);
+      for (int i = 0; i < here; ++i) put2(page + 6 + i * kSize, kSize);  // a key without parts
+      page[kNode - 3] = 0xFF;
+      page[kNode - 2] = 0x7E;
+      number = next;
+    }
+    put4(&index_[dict::kNextNode], last);
+    save();
+    const int isfd = open(ISINPUT | ISMANULOCK);
+    EXPECT_EQ(isfd >= 0, count == kMost);
+    EXPECT_EQ(::iserrno, count == kMost ? 0 : ISECORRUPT);
+    ::iscleanup();
+  }
+}
+
+// An even size is that of a later format, whatever else is wrong.
+TEST_F(DamagedPair, WithoutPrimaryKeyIsRefused) {
+  for (const int node_size : {1024, 1023}) {
+    const BuiltPair pair = build_pair({.node_size = node_size, .keys = {{0, {{0, 4}}}}}, base_);
+    index_ = read_file(base_ + ".idx");
+    const auto key_node = static_cast<std::size_t>((pair.key_nodes[0] - 1) * node_size);
+    for (const int used : {6, 9}) {  // none, or the beginning of one
+      put2(&index_[key_node], used);
+      save();
+      EXPECT_EQ(open(ISINPUT | ISMANULOCK), -1);
+      EXPECT_EQ(::iserrno, node_size % 2 == 0 ? ISECORRUPT : 171);
+    }
+  }
+}
+
+// Of the records that do not go into a new index the first is told of.
+TEST_F(DamagedPair, NewIndexesTellTheFirstRecordThatDoesNotFit) {
+  constexpr int kLongest = 100, kMinimum = 8;
+  struct Case {
+    const char* groups;  // of the records, one letter each
+    int damaged;         // number of the one that cannot be read, 0 for none
+    int flags;
+    int error;
+    const char* status;
+  };
+  for (const auto& [groups, damaged, flags, error, status] :
+       {Case{"AABC", 3, 0, ISEDUPLICATE, "2222"},
+        {"ABBC", 2, 0, ISECORRUPT, "9090"},
+        {"ABCC", 3, 0, ISECORRUPT, "9090"},
+        {"AABC", 3, KF_DUPS, ISECORRUPT, "9090"},
+        {"ABCA", 0, 0, ISEDUPLICATE, "2222"},
+        {"ABCA", 0, KF_DUPS, 0, "0202"},
+        {"ABCD", 0, KF_DUPS, 0, "0000"}}) {
+    SCOPED_TRACE(std::string(groups) + " " + std::to_string(damaged));
+    keydescr id = key_of({{0, 4, KT_CHAR}});
+    keydescr group = key_of({{4, 4, KT_CHAR}}, flags);
+    ::isreclen = kMinimum;
+    int isfd = ::isbuild(base_.c_str(), kLongest, &id, ISINOUT | ISEXCLLOCK | ISVARLEN);
+    for (int i = 0; i < 4; ++i) {
+      std::string record = "000" + std::to_string(i) + std::string(16, groups[i]);
+      ::isreclen = static_cast<int>(record.size());
+      ASSERT_EQ(::iswrite(isfd, record.data()), 0);
+    }
+    ::isclose(isfd);
+    if (damaged > 0) {
+      Image bytes = data();
+      put2(&bytes[static_cast<std::size_t>(damaged * (kMinimum + 7) - 6)], 0x7FFF);
+      write_file(base_ + ".dat", bytes);
+    }
+    isfd = open(ISINOUT | ISEXCLLOCK | ISVARLEN);
+    EXPECT_EQ(::isaddindex(isfd, &group), error == 0 ? 0 : -1);
+    EXPECT_EQ(::iserrno, error);
+    EXPECT_EQ((std::string{isstat1, isstat2, isstat3, isstat4}), status);
+    EXPECT_EQ(::iststindex(isfd, &group), error == 0 ? 0 : -1);
+    ::isclose(isfd);
+    ::iserase(base_.c_str());
+  }
+}
+
+}  // namespace
+}  // namespace testing_support
