@@ -129,8 +129,7 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
   clear_errors();
   OpenRecord* open = allocopen();
   if (open == nullptr) return -1;
-  const int logging = txflag == kNotLogging ? 0 : mode & (ISTRANS | ISNOLOG);
-  open->mode = (mode & (ISVARLEN | ISANYPRIMARY | ISANYLENGTH | 3)) | logging;
+  open->mode = mode & (ISTRANS | ISNOLOG | ISVARLEN | ISANYPRIMARY | ISANYLENGTH | 3);
   if (make_pair(name) != 0) return abandon_open(*open);
   open->file = allocfile(name, ISINOUT);
   if (open->file != nullptr) {
@@ -245,7 +244,7 @@ static int erase_call(const char* name) {
   const std::int32_t reason = log_erase(*open_of(isfd)->file, name) == 0 ? 0 : iserrno;
   close_for_good(isfd);
   if (reason != 0) {
-    failed_system(reason);
+    failed_as(reason);
     return end_without_open();
   }
   clear_errors();
@@ -275,7 +274,7 @@ static int rename_call(const char* oldname, const char* newname) {
   }
   const std::int32_t reason = iserrno;
   isclose(isfd);
-  if (reason != 0) failed_system(reason);
+  if (reason != 0) failed_as(reason);
   return end_without_open();
 }
 

@@ -30,7 +30,7 @@ struct Old {
 };
 
 int end_with(std::int32_t reason) {
-  failed_system(reason);
+  failed_as(reason);
   set_status("9090");
   return -1;
 }
@@ -66,7 +66,7 @@ void discard(int isfd, const std::string& name) {
   const std::int32_t reason = iserrno;
   isclose(isfd);
   iserase(name.c_str());
-  failed_system(reason);
+  failed_as(reason);
 }
 
 // Builds an empty pair like the old one: its open, or -1.
@@ -169,6 +169,14 @@ int cluster(const Old& old, keydescr& key) {
 
 using namespace isam;
 
+// The open as it was: isbuild() may have made it with bits that isopen() takes only with a log.
+static int open_again(const Old& old) {
+  const int logging = txflag == kNotLogging ? old.mode & (ISTRANS | ISNOLOG) : 0;
+  const int isfd = isopen(old.name.c_str(), old.mode & ~logging);
+  if (isfd >= 0) open_of(isfd)->mode |= logging;
+  return isfd;
+}
+
 static int cluster_call(int isfd, keydescr* key) {
   if (key == nullptr) return end_with(kBadArgument);
   Old old{};
@@ -178,7 +186,7 @@ static int cluster_call(int isfd, keydescr* key) {
   close_idle_files();
   const int result = cluster(old, *key);
   ismaxfds = kept;
-  return result == 0 ? isopen(old.name.c_str(), old.mode) : end_with(iserrno);
+  return result == 0 ? open_again(old) : end_with(iserrno);
 }
 
 extern "C" int iscluster(int isfd, struct keydescr* key) {

@@ -143,7 +143,7 @@ extern Dictionary* dictp;
 
 // Whether what the current open changes can still be undone: locks and storage are kept.
 [[nodiscard]] inline bool may_be_undone() {
-  return txflag == kInTransaction && (openp->mode & ISTRANS) != 0;
+  return txflag == kInTransaction && (openp->mode & (ISTRANS | ISNOLOG)) == ISTRANS;
 }
 
 // Marks the current file's dictionary copy as changed, to be written at the end of the call.

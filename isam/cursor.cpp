@@ -36,8 +36,8 @@ int position_by_number(ReadMode mode) {
   } else if (mode != ReadMode::kFirst) {
     number = isrecnum;
     if (mode == ReadMode::kGreater && number < INT32_MAX) ++number;
-    if (mode != ReadMode::kEqual && number < 1) number = 1;
-    if (number < 1 || past_last(number)) return failed(kNoRecord);
+    if (past_last(number) || (mode == ReadMode::kEqual && number < 1)) return failed(kNoRecord);
+    number = std::max(number, 1);
   }
   if (mode == ReadMode::kEqual) {
     const int present = datacheck(number);

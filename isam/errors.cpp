@@ -1,6 +1,7 @@
 #include "isam/errors.h"
 
 #include <array>
+#include <cerrno>
 #include <cstring>
 
 extern "C" {
@@ -94,9 +95,16 @@ constexpr std::array<std::string_view, is_nerr - 100> kTexts = {
 };
 static_assert(kTexts.back() == "isam file format change detected");
 
+int told_as(int system_error) {
+  if (system_error < 100) return system_error;
+  return system_error == EDQUOT ? ENOSPC : EIO;
+}
+
 }  // namespace
 
 std::string_view is_errlist(std::int32_t code) {
+  if (code == kBadLogMagic) return "Not a log file";
+  if (code == kTreeTooDeep) return "Index too deep";
   if (code < 100 || code >= is_nerr) return {};
   return kTexts[static_cast<std::size_t>(code - 100)];
 }
@@ -107,12 +115,17 @@ int failed(Code code) {
 }
 
 int failed_system(int system_error) {
-  iserrno = system_error;
+  iserrno = told_as(system_error);
+  return -1;
+}
+
+int failed_as(std::int32_t reason) {
+  iserrno = reason;
   return -1;
 }
 
 int failed_system(int system_error, Operation operation, FileKind file) {
-  iserrno = system_error;
+  iserrno = told_as(system_error);
   iserrio = static_cast<std::int32_t>(operation) + static_cast<std::int32_t>(file);
   return -1;
 }

@@ -49,7 +49,8 @@ enum Code : std::int32_t {
 // The first code past the message table.
 inline constexpr std::int32_t is_nerr = 172;
 
-// Text of a library code from 100 to is_nerr - 1; empty for any other number.
+// Text of a library code from 100 to is_nerr - 1, or of one of the two behind the table; empty for
+// any other number.
 [[nodiscard]] std::string_view is_errlist(std::int32_t code);
 
 // iserrio: operation in the high four bits, file in the low four.
@@ -65,8 +66,13 @@ enum class FileKind : std::int32_t { kIndex = 1, kData = 2, kAudit = 3, kLock = 
 
 // Set iserrno (and iserrio); the result is always -1, so that a caller can return it.
 int failed(Code code);
+// With an errno. From 100 on it would read as one of the library's own codes: a full quota is told
+// as ENOSPC, anything else as EIO.
 int failed_system(int system_error);
 int failed_system(int system_error, Operation operation, FileKind file);
+
+// Fails with what iserrno was before, of the system or the library.
+int failed_as(std::int32_t reason);
 
 // Sets the code only when no deeper routine has set one.
 int failed_unless_set(Code code);
@@ -95,6 +101,25 @@ class KeepError {
  private:
   std::int32_t error_ = iserrno;
   std::int32_t place_ = iserrio;
+};
+
+// The first failure of several steps, to be told at the end.
+class FirstFailure {
+ public:
+  void note(int result) {
+    if (result == 0 || error_ != 0) return;
+    error_ = iserrno;
+    place_ = iserrio;
+  }
+  [[nodiscard]] int tell() const {
+    iserrno = error_;
+    iserrio = place_;
+    return error_ == 0 ? 0 : -1;
+  }
+
+ private:
+  std::int32_t error_ = 0;
+  std::int32_t place_ = 0;
 };
 
 }  // namespace isam

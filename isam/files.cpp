@@ -313,9 +313,11 @@ void vclose() {
   isopenfds = found.open;
 }
 
-void close_idle_files() {
-  for (const auto& file : files) {
-    if (is_open(file) && file->usecount == 0) close_file_record(*file);
+void close_idle_files(int most) {
+  Victims found = look_for_victims();
+  while (found.idle != nullptr && found.open > most) {
+    close_file_record(*found.idle);
+    found = look_for_victims();
   }
 }
 

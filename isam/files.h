@@ -66,8 +66,9 @@ int makefile(const std::string& path, FileKind kind);
 // Closes descriptors when the process runs short of them: pairs without a user first, then data
 // files, to be opened again on their next call.
 void vclose();
-// Closes every pair that has no user.
-void close_idle_files();
+// Closes pairs that have no user, those not used for longest first, while more than `most` pairs
+// are open.
+void close_idle_files(int most = 0);
 
 // Makes an open and its file current.
 void make_current(OpenRecord& open);

@@ -20,7 +20,7 @@ namespace {
 constexpr int kBatchCalls = 7;
 // An exclusive open's dictionary may lag behind by this many calls, as its pages do.
 constexpr int kCallsUnwritten = 16;
-std::uint64_t use_counter = 0;
+std::uint64_t use_counter = 1;  // of a file that has not been used it is 0
 
 int refuse(OpenRecord* open) {
   if (open != nullptr) isstat2 = '4';

@@ -268,8 +268,8 @@ bool close_waits() {
 
 // A transaction may have to undo changes made through the open.
 bool outlives_its_close(const OpenRecord& open) {
-  return txlog::transaction_is_open() && is_writable(open) && (open.mode & ISNOLOG) == 0 &&
-         (open.flags & kKept) == 0;
+  return txlog::transaction_is_open() && is_writable(open) &&
+         (open.mode & (ISTRANS | ISNOLOG)) == ISTRANS && (open.flags & kKept) == 0;
 }
 
 int close_entered(OpenRecord& open) {
@@ -394,7 +394,7 @@ extern "C" int isbatch(int n) {
 
 extern "C" int isvclose(int n) {
   ismaxfds = n < 0 ? 0 : n;
-  if (isopenfds > ismaxfds) close_idle_files();
+  close_idle_files(ismaxfds);
   return 0;
 }
 

@@ -140,7 +140,8 @@ bool Pool::load(Buffer& buffer) {
       window_of(place.kind).read(place.fd, map, {buffer.page, place.length}, place.offset);
   const bool whole = got == static_cast<ssize_t>(place.length);
   if (got < 0 || (!whole && place.kind == FileKind::kIndex)) {
-    failed_system(got < 0 && errno != 0 ? errno : kCorrupted, Operation::kRead, place.kind);
+    failed_system(got < 0 ? errno : 0, Operation::kRead, place.kind);
+    failed_unless_set(kCorrupted);
     return false;
   }
   if (!whole) std::memset(buffer.page + got, 0, place.length - static_cast<std::size_t>(got));

@@ -130,8 +130,12 @@ int wait_for(std::int32_t number) {
   return lkrecord(number, RecordLock::kRelease);
 }
 
-int selected_key(keydescr& k, int len) {
-  if (kycompare(k, openp->key) == 0) {
+// Makes `k` the index meant by a start at an edge or at a key of `len` bytes: 0, or -1 with 102 or
+// 103.
+int selected_key(keydescr& k, int len, bool edge) {
+  if (len < 0 && !edge) return failed(kBadArgument);
+  const bool is_current = kycompare(k, openp->key) == 0;
+  if (is_current) {
     k.flags = openp->key.flags;
     k.keylen = openp->key.keylen;
     k.rootnode = openp->key.rootnode;
@@ -140,8 +144,8 @@ int selected_key(keydescr& k, int len) {
   } else if (kysearch(k, 0) < 0) {
     return failed_unless_set(kBadKey);
   }
-  const bool legal = len >= 0 && len <= k.keylen && kyckstart(k, len) == 0;
-  return legal || k.nparts == 0 ? 0 : failed(kBadArgument);
+  if (k.nparts == 0 || (edge && is_current)) return 0;
+  return len >= 0 && len <= k.keylen && kyckstart(k, len) == 0 ? 0 : failed(kBadArgument);
 }
 
 int start(keydescr& k, int len, const Byte* record, int mode) {
@@ -150,7 +154,7 @@ int start(keydescr& k, int len, const Byte* record, int mode) {
   if (mode < 0 || !positions_anew(read_mode) || (!edge && record == nullptr)) {
     return failed(kBadArgument);
   }
-  if (selected_key(k, edge && len < 0 ? 0 : len) != 0) return -1;
+  if (selected_key(k, len, edge) != 0) return -1;
   openp->key = k;
   if (kposition(record, len, read_mode) != 0) return 0;
   isrecnum = bt.item.recptr;

@@ -118,7 +118,7 @@ class Recovery {
     const std::int32_t reason = iserrno;
     observer_.left_out(record, kTransactionProblem);
     if (mode_ != 0) errors_.dobadlog(record, kTransactionProblem);
-    return failed_system(reason);
+    return failed_as(reason);
   }
 
   int handle(const LogRecord& record, std::int64_t offset) {
@@ -429,7 +429,7 @@ int recover_all(int mode, RecoveryObserver& observer) {
   const std::int32_t reason = iserrno;
   leave_log();
   iscleanup();
-  return result == 0 ? 0 : failed_system(reason);
+  return result == 0 ? 0 : failed_as(reason);
 }
 
 }  // namespace

@@ -80,7 +80,7 @@ int ReplayFiles::close_all() {
   for (const auto& [name, file] : files_) {
     if (close_file(*file) != 0 && reason == 0) reason = iserrno;
   }
-  return reason == 0 ? 0 : failed_system(reason);
+  return reason == 0 ? 0 : failed_as(reason);
 }
 
 int ReplayFiles::txoopen(ReplayFile& file) {

@@ -26,25 +26,6 @@ void for_each_open(Work work) {
   }
 }
 
-// The first failure of several steps, to be told at the end.
-class FirstFailure {
- public:
-  void note(int result) {
-    if (result == 0 || error_ != 0) return;
-    error_ = iserrno;
-    place_ = iserrio;
-  }
-  [[nodiscard]] int tell() const {
-    iserrno = error_;
-    iserrio = place_;
-    return error_ == 0 ? 0 : -1;
-  }
-
- private:
-  std::int32_t error_ = 0;
-  std::int32_t place_ = 0;
-};
-
 bool commits_wait_for_disk() {
   static const bool wait = environment::leading_number("ISAM_LOG_SYNC") != 0;
   return wait;
@@ -111,6 +92,26 @@ int settle_all(bool commits) {
   return failure.tell();
 }
 
+// A record that was added is gone: it is nobody's current record any more, whoever gets its number.
+void leave_record(const FileRecord& file, std::int32_t number) {
+  int left = file.usecount;
+  for (int isfd = 0; isfd < nopens && left > 0; ++isfd) {
+    OpenRecord* const open = open_of(isfd);
+    if (open == nullptr || open->file != &file) continue;
+    --left;
+    Position& position = open->position;
+    const bool stands = (position.state & kHasCurrent) != 0 && position.ends == kOnItem;
+    if (stands && position.item.recptr == number) position.state |= kCurrentDeleted;
+  }
+}
+
+int undo_insert(const Image& image) {
+  const OpenRecord* const open = open_of(image.open);
+  if (lgdelete(image.open, image.number) != 0) return -1;
+  leave_record(*open->file, image.number);
+  return 0;
+}
+
 int undo(const LogRecord& logged) {
   const std::optional<Image> image = logged.image();
   if (!image) return failed(kBadLogRecord);
@@ -118,7 +119,7 @@ int undo(const LogRecord& logged) {
     case LogType::kDelete:
       return lginsert(image->open, image->number, image->old_image, How::kUndo);
     case LogType::kInsert:
-      return lgdelete(image->open, image->number);
+      return undo_insert(*image);
     default:
       return lgupdate(image->open, image->number, image->old_image);
   }

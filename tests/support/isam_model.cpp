@@ -149,22 +149,27 @@ IsamModel::Found IsamModel::move(const Open& open, int mode) const {
 int IsamModel::isstart(int isfd, keydescr& k, int len, const Bytes& record, int mode) {
   Open* open = enter(isfd, kRead, "9047");
   if (open == nullptr) return -1;
-  if (mode < 0 || mode > RD_GTEQ || is_relative(mode)) return end(ISEARGUMENT);
+  const bool edge = mode == RD_FIRST || mode == RD_LAST;
+  if (mode < 0 || mode > RD_GTEQ || is_relative(mode) || (len < 0 && !edge)) {
+    return end(ISEARGUMENT);
+  }
   const auto stored = std::ranges::find_if(keys_, [&k](const keydescr& each) {
     return each.nparts == k.nparts && std::memcmp(each.part, k.part, sizeof k.part) == 0;
   });
   if (stored == keys_.end()) return end(ISEKEY);
-  if (len < 0 || len > stored->keylen) return end(ISEARGUMENT);
+  const auto key = static_cast<std::size_t>(stored - keys_.begin());
+  const bool any_length = stored->nparts == 0 || (edge && key == open->key);
+  if (!any_length && (len < 0 || len > stored->keylen)) return end(ISEARGUMENT);
   k.flags = stored->flags;
-  open->key = static_cast<std::size_t>(stored - keys_.begin());
+  open->key = key;
   open->position = {};
-  const Found found = find(*open, record, len, mode);
+  const Found found = find(*open, record, edge ? 0 : len, mode);
   if (found.error == 0) {
     stand_on(*open, found.entry->first, found.entry->second, false);
     if (mode == RD_LAST && k.nparts > 0) open->position = {.exists = true, .place = kBehindAll};
     return 0;
   }
-  if (mode != RD_FIRST && mode != RD_LAST) return end(found.error);
+  if (!edge) return end(found.error);
   open->position.exists = true;
   number = 0;
   return 0;

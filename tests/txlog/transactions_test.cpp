@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 
 #include "common/io.h"
 #include "tests/txlog/log_fixture.h"
@@ -285,11 +286,39 @@ TEST_P(Transactions, PutACloseOff) {
   ASSERT_EQ(::isbegin(), 0);
   ASSERT_EQ(write(isfd_, row(2, 1)), 0);
   ASSERT_EQ(::isclose(isfd_), 0);
-  EXPECT_EQ(::isclose(isfd_), -1);
-  EXPECT_EQ(iserrno, ISENOTOPEN);
   std::string record(kMaximum, 0);
-  EXPECT_EQ(::isread(isfd_, record.data(), RD_FIRST), -1);
-  EXPECT_EQ(iserrno, ISENOTOPEN);
+  char* const bytes = record.data();
+  keydescr key = id_key();
+  int number = 0;
+  dictinfo info{};
+  const std::function<int()> calls[] = {
+      [&] { return ::isclose(isfd_); },
+      [&] { return ::isread(isfd_, bytes, RD_FIRST); },
+      [&] { return ::isstart(isfd_, &key, 0, bytes, RD_FIRST); },
+      [&] { return write(isfd_, row(3, 1)); },
+      [&] { return rewrite(isfd_, row(1, 2)); },
+      [&] { return erase(isfd_, 1); },
+      [&] { return ::isdelrec(isfd_, 1); },
+      [&] { return ::isflush(isfd_); },
+      [&] { return ::isrelease(isfd_); },
+      [&] { return ::islock(isfd_); },
+      [&] { return ::isunlock(isfd_); },
+      [&] { return ::isfilelocked(isfd_, 0); },
+      [&] { return ::isuniqueid(isfd_, &number); },
+      [&] { return ::isaltinc(isfd_); },
+      [&] { return ::isaltchk(isfd_, &number); },
+      [&] { return ::isdictinfo(isfd_, &info); },
+      [&] { return ::iskeyinfo(isfd_, &key, 1); },
+      [&] { return ::iststindex(isfd_, &key); },
+      [&] { return ::isaddindex(isfd_, &key); },
+      [&] { return ::isdelindex(isfd_, &key); },
+      [&] { return ::iscluster(isfd_, &key); },
+      [&] { return ::isaudit(isfd_, bytes, AUDINFO); },
+  };
+  for (const auto& call : calls) {
+    EXPECT_EQ(call(), -1) << &call - calls;
+    EXPECT_EQ(iserrno, ISENOTOPEN) << &call - calls;
+  }
   EXPECT_NE(open("pair", 0), isfd_) << "another mode";
   EXPECT_EQ(open("pair"), isfd_);
   EXPECT_EQ(isreclen, varying() ? kMaximum : kMinimum);
@@ -300,6 +329,54 @@ TEST_P(Transactions, PutACloseOff) {
   EXPECT_EQ(types(), "FO IN BW IN FC RW");
   EXPECT_EQ(open("pair"), isfd_) << "the number is free again";
   EXPECT_EQ(rows(isfd_), Rows{row(1, 1)});
+}
+
+// An open without ISTRANS has no part in the transaction, and one that was built with it has, also
+// if there was no log then.
+TEST_P(Transactions, KeepOnlyWhatIsOfThem) {
+  const int plain = open("pair", 0);
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(write(plain, row(1, 1)), 0);
+  ASSERT_EQ(::isclose(plain), 0);
+  EXPECT_EQ(types(), "BW FO IN FC") << "it closes at once";
+  ASSERT_EQ(write(isfd_, row(2, 1)), 0);
+  ASSERT_EQ(::isrollback(), 0);
+  EXPECT_EQ(rows(isfd_), Rows{row(1, 1)});
+
+  ASSERT_EQ(::islogclose(), 0);
+  keydescr key = id_key();
+  isreclen = kMinimum;
+  int built = ::isbuild("built", varying() ? kMaximum : kMinimum, &key,
+                        ISINOUT + ISEXCLLOCK + ISTRANS + format());
+  built = ::iscluster(built, &key);
+  ASSERT_GE(built, 0);
+  ASSERT_EQ(::islogopen("log"), 0);
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(write(built, row(1, 1)), 0);
+  ASSERT_EQ(::isrollback(), 0);
+  EXPECT_EQ(rows(built, key), Rows{});
+}
+
+// A record that a rollback takes away is nobody's current record any more, whoever gets its number.
+TEST_P(Transactions, LeaveNoCurrentRecordThatTheyTookBack) {
+  const int other = open("pair", 0);
+  keydescr numbers{};
+  for (keydescr key : {numbers, id_key()}) {
+    for (const int isfd : {isfd_, other}) {
+      std::string record(kMaximum, 0);
+      ASSERT_EQ(::isbegin(), 0);
+      ASSERT_EQ(write(isfd_, row(1, 1)), 0);
+      ASSERT_EQ(::isstart(isfd, &key, 0, record.data(), RD_FIRST), 0);
+      ASSERT_EQ(::isread(isfd, record.data(), RD_NEXT), 0);
+      ASSERT_EQ(::isrollback(), 0);
+      ASSERT_EQ(write(isfd_, row(1, 2)), 0);
+      ASSERT_EQ(isrecnum, 1);
+      EXPECT_EQ(::isdelcurr(isfd), -1);
+      EXPECT_EQ(iserrno, ISENOCURRENT);
+      EXPECT_EQ(rows(isfd_), Rows{row(1, 2)});
+      ASSERT_EQ(erase(isfd_, 1), 0);
+    }
+  }
 }
 
 // An open that was closed inside a transaction is in the way of changes to the file as a whole only
