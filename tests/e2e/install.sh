@@ -61,7 +61,7 @@ step_tree() {
     share/doc/libisam-dev/examples/{accounts.c,customers.c,customers.cpp}; do
     [ -f "$root/$file" ] || fail "$file is not installed"
   done
-  if grep -rlI "$source_dir" "$root"; then fail "these name the source folder"; fi
+  if grep -rlI "$source_dir/" "$root"; then fail "these name the source folder"; fi
   "$CC" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c "$root/include/isam.h"
   "$CXX" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c++ \
     - <<<'#include "isam.hpp"' -I"$root/include"
@@ -178,7 +178,7 @@ step_packages() {
     says "${archive%%_*}" Version "^$version$"
     dpkg-deb --extract "$archive" extracted
   done
-  if grep -rl "$source_dir" extracted; then fail "these name the source folder"; fi
+  if grep -rl "$source_dir/" extracted; then fail "these name the source folder"; fi
 }
 
 step_examples() {
