@@ -58,6 +58,10 @@ void makifree();
 void makrfree();
 void makdfree();
 
+// Gathers and sorts the keys of every index that will be made anew, so that nothing that makindex
+// does later needs room for them. False, and said, when that failed.
+[[nodiscard]] bool prepare_indexes();
+
 // Remove the description of index n, or empty the index and fill it from the data records.
 void delindex(int n);
 void makindex(int n);

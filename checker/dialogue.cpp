@@ -1,6 +1,7 @@
 #include "checker/dialogue.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -12,6 +13,7 @@
 namespace checker {
 
 Options options;
+Tally tally;
 
 namespace {
 
@@ -123,14 +125,19 @@ void errn(Message message, std::int64_t number) {
   print_line(message, {number});
 }
 
-void remark(const char* text) {
+void remark(const std::string& text) {
   Progress::erase();
-  std::fprintf(stderr, "kestro: %s: %s\n", isam::filep->name.c_str(), text);
+  std::fprintf(stderr, "kestro: %s: %s\n", isam::filep->name.c_str(), text.c_str());
 }
+
+bool is_of_system(std::int32_t code) { return (code > 0 && code <= 99) || code == isam::kNoMemory; }
 
 void prterr() {
   if (iserrno == 0) return;
   pnewline(1);
+  if (is_of_system(iserrno) && tally.system_error == 0) {
+    tally.system_error = iserrno == isam::kNoMemory ? ENOMEM : iserrno;
+  }
   if (iserrno > 99) {
     print_library_error(iserrno);
   } else {
@@ -140,7 +147,9 @@ void prterr() {
   isam::clear_errors();
 }
 
-bool ask(Message question) {
+namespace {
+
+bool answer_to(Message question) {
   print(question);
   if (options.nflag != 0 || options.yflag != 0) {
     const bool yes = options.nflag == 0;
@@ -158,6 +167,14 @@ bool ask(Message question) {
     if (first == 'n') return false;
     print(Message::kAnswerYesOrNo);
   }
+}
+
+}  // namespace
+
+bool ask(Message question) {
+  const bool yes = answer_to(question);
+  if (!yes) ++tally.declined;
+  return yes;
 }
 
 }  // namespace checker

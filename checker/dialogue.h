@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <initializer_list>
+#include <string>
 #include <string_view>
 #include <variant>
 
@@ -25,6 +26,13 @@ struct Options {
 };
 extern Options options;
 
+// What the dialogue over one file has come to.
+struct Tally {
+  int declined = 0;               // questions answered no
+  std::int32_t system_error = 0;  // the first that was printed since it was last cleared
+};
+extern Tally tally;
+
 using Filling = std::variant<std::int64_t, std::string_view>;
 
 // Prints a message, its %d and %s filled in order, without a line end.
@@ -39,7 +47,10 @@ void err(Message message);
 void errn(Message message, std::int64_t number);
 
 // A line on standard error about the current pair, for what the report has no words for.
-void remark(const char* text);
+void remark(const std::string& text);
+
+// Whether an iserrno tells of the system's trouble, not of the files'.
+[[nodiscard]] bool is_of_system(std::int32_t code);
 
 // Prints the library's current error, if any, and clears it.
 void prterr();

@@ -3,12 +3,14 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <new>
 
 #include "checker/checks.h"
 #include "checker/dialogue.h"
 #include "checker/findings.h"
+#include "checker/repair.h"
 #include "checker/resize.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
@@ -156,6 +158,7 @@ void rebuild_free_lists() {
 // From the highest number down, so that removals do not shift the numbers still to come.
 void settle_indexes() {
   for (int n = static_cast<int>(findings.idxflag.size()) - 1; n >= 1; --n) {
+    if (Repair::has_failed()) return;
     switch (findings.idxflag[static_cast<std::size_t>(n)]) {
       case IndexVerdict::kKeep:
         break;
@@ -187,7 +190,7 @@ void tell_why_refused() {
 }
 
 // The checks and repairs between opening and wind-up; false when they stopped early.
-bool check_and_repair() {
+bool check_and_repair(Repair& repair) {
   if (!ckdict() || !locale_matches() || !record_buffer_is_ready()) return false;
   ckdata();
   if (findings.varlen) ckrpage();
@@ -195,33 +198,28 @@ bool check_and_repair() {
   ckdfree();
   ckrfree();
   ckifree();
+  if (!repair.begin()) return false;
   rebuild_free_lists();
   settle_indexes();
   tell_why_refused();
   return true;
 }
 
-bool guarded_check_and_repair() {
+bool guarded_check_and_repair(Repair& repair) {
   try {
-    return check_and_repair();
+    return check_and_repair(repair);
   } catch (const std::bad_alloc&) {
     err(Message::kNoMemory);
+    Repair::fail(ENOMEM);
     return false;
   }
 }
 
 // Everything is on disk before the open lock goes, so that nobody reads a half-written pair.
-void wind_up() {
-  if (index_can_be_written()) isam::lksemaphore(isam::Semaphore::kExclusive);
+void wind_up(Repair& repair, bool whole) {
   if (options.sflag != 0) write_audit_node();
-  if (options.nflag != 0) {
-    // Nothing was repaired; what was settled in the copy alone stays there.
-    filep->flags = 0;
-  }
   isam::clear_errors();
-  isam::bfflush(*filep);
-  isam::isexit();
-  if ((filep->flags & isam::kDictionaryChanged) != 0) isam::dictwrite();
+  repair.end(whole);
   isam::lkopenlock(0);
   prterr();
   isam::freeopen(*openp);
@@ -249,12 +247,15 @@ void print_summary() {
 int ckfile(std::string name) {
   cut_suffix(name);
   isam::clear_errors();
+  tally = {};
   if (options.sflag != 0 && resize_alone(name) != 0) return -1;
   if (!open_pair(name)) return refuse_pair();
   if (!lock_and_load()) return -1;
   findings.totalrpfree = 0;  // of a pair that the page check does not come to
-  const bool done = guarded_check_and_repair();
-  wind_up();
+  if (options.nflag == 0) Repair::remove_leftovers(name);
+  Repair repair;
+  const bool done = guarded_check_and_repair(repair);
+  wind_up(repair, done);
   print_summary();
   return done ? 0 : -1;
 }

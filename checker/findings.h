@@ -31,6 +31,7 @@ struct Findings {
   std::int32_t rootlast = 0;  // highest node in use before repairs took any
 
   std::vector<IndexVerdict> idxflag;  // by index number; entry 0 is not used
+  bool count_is_fixed = false;        // the number of indexes in the dictionary was put right
 
   Verdict badifree = Verdict::kSound;  // free list of index nodes
   bool nodes_unsafe = false;           // ... which hands out what is in use, or has no known end

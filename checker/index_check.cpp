@@ -63,6 +63,7 @@ void settle_index_count(int counted) {
   if (counted == dictp->d_nkeys()) return;
   err(Message::kBadIndexCount);
   if (!ask(Message::kFixNumber)) return;
+  findings.count_is_fixed = true;
   dictp->set_d_nkeys(counted);
   isam::dictmodify();
 }

@@ -4,7 +4,7 @@
 // Keeps   a remade index has its root where it was unless that node is not there or serves
 //         another part of the file too; then it gets a fresh one
 #include <algorithm>
-#include <cerrno>
+#include <map>
 
 #include "checker/checks.h"
 #include "checker/dialogue.h"
@@ -28,7 +28,8 @@ bool claim_root(std::int32_t root) {
          !holds_parts(root) && !findings.keptmap.set_bit(root);
 }
 
-// An empty leaf, on disk at once: an interrupted run leaves an index that is plainly incomplete.
+// An empty leaf, on disk at once: whatever ends the loading leaves an index that is plainly
+// incomplete.
 int clear_root(std::int32_t root) {
   isam::PageHold page = isam::bfgetclr(root);
   if (!page) return -1;
@@ -49,25 +50,43 @@ bool is_readable(std::int32_t record) {
   return !present_is_known || findings.datmap.tstbit(record);
 }
 
+// Whether the system refuses a record that it gave before.
+bool is_lost(std::int32_t record) {
+  if (is_of_system(iserrno) && findings.datmap.tstbit(record)) return true;
+  isam::clear_errors();
+  return false;
+}
+
 int gather_keys(isam::IndexLoad& load) {
   const isam::Bytes buffer = isam::temprecord();
   const std::int32_t last = std::min(findings.datlast, findings.datreal);
   Progress progress("Gathering keys", last);
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
-    if (!is_readable(record) || isam::dataread(record, buffer) <= 0) continue;
-    if (load.add(buffer.data(), record) != 0) return -1;
+    if (!is_readable(record)) continue;
+    if (isam::dataread(record, buffer) <= 0) {
+      if (is_lost(record)) return -1;
+    } else if (load.add(buffer.data(), record) != 0) {
+      return -1;
+    }
   }
-  isam::clear_errors();  // an unreadable record has been reported by the data check
-  return 0;
+  return load.sort();
 }
 
+// Gathered before the first repair; by index number.
+std::map<int, isam::IndexLoad> prepared;
+
+// The index is emptied when nothing more is to be gathered.
 int fill_index(int n, const keydescr& k) {
   if (node_list_is_declined()) return isam::failed(isam::kCorrupted);
+  auto gathered = prepared.extract(n);
+  if (gathered.empty()) {
+    gathered = prepared.extract(prepared.try_emplace(n, k).first);
+    if (gather_keys(gathered.mapped()) != 0) return -1;
+  }
+  isam::IndexLoad& load = gathered.mapped();
   const std::int32_t root = settle_root(n, k);
   if (root < 0 || clear_root(root) != 0) return -1;
-  isam::IndexLoad load{k};
-  if (gather_keys(load) != 0) return -1;
   Progress progress("Loading an index", findings.datmap.cntmap());
   return load.finish(root,
                      {.left_out = [](std::int32_t record) { errn(Message::kDuplicateKey, record); },
@@ -75,6 +94,26 @@ int fill_index(int n, const keydescr& k) {
 }
 
 }  // namespace
+
+bool prepare_indexes() {
+  prepared.clear();
+  const auto sharers = std::ranges::count(findings.idxflag, IndexVerdict::kRemake);
+  for (int n = static_cast<int>(findings.idxflag.size()) - 1; n >= 1; --n) {
+    keydescr k{};
+    if (findings.idxflag[static_cast<std::size_t>(n)] != IndexVerdict::kRemake ||
+        isam::kysearch(k, n) < 0 || isam::kylegal(k, isam::filep->reclen) != 0) {
+      isam::clear_errors();  // told when its turn comes
+      continue;
+    }
+    const auto at = prepared.try_emplace(n, k, static_cast<int>(sharers)).first;
+    if (gather_keys(at->second) == 0) continue;
+    print_line(Message::kRecreatingIndex, {std::int64_t{n}});
+    prterr();
+    prepared.clear();
+    return false;
+  }
+  return true;
+}
 
 void delindex(int n) {
   print_line(Message::kDeletingIndex, {std::int64_t{n}});
@@ -85,6 +124,7 @@ void makindex(int n) {
   print_line(Message::kRecreatingIndex, {std::int64_t{n}});
   keydescr k{};
   if (isam::kysearch(k, n) < 0 || isam::kylegal(k, isam::filep->reclen) != 0) {
+    if (is_of_system(iserrno)) return prterr();
     isam::clear_errors();
     err(Message::kNoKeyForIndex);
     return;

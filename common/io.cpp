@@ -1,9 +1,13 @@
 #include "common/io.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 
 namespace common {
 namespace {
@@ -14,11 +18,37 @@ int real_open(const char* path, int flags, mode_t permissions) {
 
 int real_fcntl_lock(int fd, int command, struct flock* lock) { return ::fcntl(fd, command, lock); }
 
+int real_link_open(int fd, const char* to) {
+  const std::string from = "/proc/self/fd/" + std::to_string(fd);
+  return ::linkat(AT_FDCWD, from.c_str(), AT_FDCWD, to, AT_SYMLINK_FOLLOW);
+}
+
+int real_clone(int from, int to) { return ::ioctl(to, FICLONE, from); }
+
+ssize_t real_copy_range(int from, int to, off_t offset, std::size_t count) {
+  off_t here = offset;
+  return ::copy_file_range(from, &offset, to, &here, count, 0);
+}
+
 }  // namespace
 
 SystemCalls& system_calls() {
-  static SystemCalls calls{real_open, ::close, ::pread, ::pwrite, real_fcntl_lock,
-                           ::fstat,   ::stat,  ::link,  ::unlink};
+  static SystemCalls calls{.open = real_open,
+                           .close = ::close,
+                           .pread = ::pread,
+                           .pwrite = ::pwrite,
+                           .fcntl_lock = real_fcntl_lock,
+                           .fstat = ::fstat,
+                           .stat = ::stat,
+                           .link = ::link,
+                           .unlink = ::unlink,
+                           .rename = ::rename,
+                           .link_open = real_link_open,
+                           .fsync = ::fsync,
+                           .ftruncate = ::ftruncate,
+                           .clone = real_clone,
+                           .copy_range = real_copy_range,
+                           .fsetxattr = ::fsetxattr};
   return calls;
 }
 
@@ -66,7 +96,7 @@ int write_at(int fd, ConstBytes from, std::int64_t offset) {
   return 0;
 }
 
-int cut_file(int fd, std::int64_t size) { return ::ftruncate(fd, size); }
+int cut_file(int fd, std::int64_t size) { return system_calls().ftruncate(fd, size); }
 
 std::int64_t file_size(int fd) {
   struct stat status {};

@@ -27,6 +27,14 @@ struct SystemCalls {
   int (*stat)(const char* path, struct stat* status);
   int (*link)(const char* from, const char* to);
   int (*unlink)(const char* path);
+  int (*rename)(const char* from, const char* to);
+  int (*link_open)(int fd, const char* to);  // gives a file without a name one
+  int (*fsync)(int fd);
+  int (*ftruncate)(int fd, off_t size);
+  int (*clone)(int from, int to);  // all of a file, its blocks shared
+  // Between the same places of two files; as many bytes as it could.
+  ssize_t (*copy_range)(int from, int to, off_t offset, std::size_t count);
+  int (*fsetxattr)(int fd, const char* name, const void* value, std::size_t size, int flags);
 };
 
 [[nodiscard]] SystemCalls& system_calls();

@@ -11,10 +11,12 @@ namespace environment {
 namespace {
 
 constexpr KnownVariable kKnown[] = {
-    {"CLIENT_LOCALE", "c"}, {"ENVIGNORE", nullptr},       {"ISAMBUFS", "16"},
-    {"ISAMSORTMEM", "64"},  {"ISAM_DEADLOCK_COUNT", "0"}, {"ISAM_DEADLOCK_SLEEP", "0"},
-    {"ISAM_LOG_SYNC", "0"}, {"ISCLOSE_SHARE_LOCK", "1"},  {"MARVOLENDIR", "/usr/marvolen"},
-    {"RESETLOCK", nullptr}, {"SQLIDEBUG", nullptr},
+    {"CLIENT_LOCALE", "c"},       {"ENVIGNORE", nullptr},
+    {"ISAMBUFS", "16"},           {"ISAMSORTMEM", "64"},
+    {"ISAM_DEADLOCK_COUNT", "0"}, {"ISAM_DEADLOCK_SLEEP", "0"},
+    {"ISAM_LOG_SYNC", "0"},       {"ISCLOSE_SHARE_LOCK", "1"},
+    {"KESTRO_KEEP", nullptr},     {"MARVOLENDIR", "/usr/marvolen"},
+    {"RESETLOCK", nullptr},       {"SQLIDEBUG", nullptr},
 };
 
 const char* of_process(const char* name) { return ::secure_getenv(name); }

@@ -31,20 +31,21 @@ int failed_sort(int system_error) { return failed_system(system_error); }
 
 // An entry: sort key, record number, and the key itself when the sort key differs from it. Records
 // are added in ascending order, and the sorter keeps it within equal keys.
-IndexLoad::IndexLoad(const keydescr& k)
+IndexLoad::IndexLoad(const keydescr& k, int sharers)
     : key_(k),
       order_(k),
       sort_key_(k),
       keylen_(static_cast<std::size_t>(k.keylen)),
       sortable_(SortKey::possible(k)),
       plain_(!sortable_ || sort_key_.is_plain()),
+      memory_(sort_memory() / static_cast<std::size_t>(sharers)),
       entry_(keylen_ + kNumberSize + (plain_ ? 0 : keylen_)),
       sorter_(shape()) {}
 
 common::Sorter::Shape IndexLoad::shape() const {
   common::Sorter::Shape shape{.entry_size = entry_.size(),
                               .key_size = keylen_,
-                              .memory = sort_memory(),
+                              .memory = memory_,
                               .folder = folder_of_pair(),
                               .order = {}};
   if (!sortable_) {
@@ -107,11 +108,16 @@ int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter&
   return loader.finish(root);
 }
 
+int IndexLoad::sort() {
+  sorted_ = true;
+  return sorter_.finish() == 0 ? 0 : failed_sort(errno);
+}
+
 int IndexLoad::finish(std::int32_t root, const Listener& listener) {
-  if (sorter_.finish() != 0) return failed_sort(errno);
+  if (!sorted_ && sort() != 0) return -1;
   common::Sorter rejected({.entry_size = kNumberSize,
                            .key_size = kNumberSize,
-                           .memory = sort_memory() / 4,
+                           .memory = memory_ / 4,
                            .folder = folder_of_pair(),
                            .order = {}});
   if (load(root, listener, rejected) != 0) return -1;

@@ -22,7 +22,8 @@ namespace isam {
 
 class IndexLoad {
  public:
-  explicit IndexLoad(const keydescr& k);
+  // `sharers` that exist at the same time share the memory.
+  explicit IndexLoad(const keydescr& k, int sharers = 1);
 
   // Takes the key of a record, in ascending order of record numbers. 0, or -1 with iserrno.
   [[nodiscard]] int add(const Byte* record, std::int32_t number);
@@ -32,7 +33,11 @@ class IndexLoad {
     std::function<void(std::int64_t items)> loaded;     // how far the tree has grown
   };
 
-  // Builds the tree under `root`. 0, or -1 with iserrno; then the tree is not usable.
+  // Ends the adding: nothing later needs more room. 0, or -1 with iserrno.
+  [[nodiscard]] int sort();
+
+  // Sorts, unless that was done, and builds the tree under `root`. 0, or -1 with iserrno; then the
+  // tree is not usable.
   [[nodiscard]] int finish(std::int32_t root, const Listener& listener);
   // Whether it has met equal keys.
   [[nodiscard]] bool met_equal() const { return met_equal_; }
@@ -53,6 +58,8 @@ class IndexLoad {
   bool sortable_;  // entries are ordered by their bytes
   bool plain_;     // ... and their sort key is the key itself
   bool met_equal_ = false;
+  bool sorted_ = false;
+  std::size_t memory_;
   std::vector<Byte> entry_;
   common::Sorter sorter_;
 };

@@ -183,7 +183,11 @@ int look_again(const char* name, int entry) {
 
 int set_up(OpenRecord& open, const char* name, int mode) {
   const int entry = mode + 1 + kShared;
-  if (isenter(isfd_of(open), entry) != 0) return -1;
+  if (isenter(isfd_of(open), entry) != 0) {
+    // The index that a repair has put another one in the place of is no dictionary any more.
+    const bool replaced = iserrno == kCorrupted && filep != nullptr && !is_pair_of(*filep, name);
+    return replaced ? failed_system(ENOENT) : -1;
+  }
   const int lock_mode = lock_mode_of(mode);
   open.mode |= lock_mode;
   if (lkopenlock(lock_mode) != 0) {

@@ -1,132 +1,302 @@
-// Repairs that are cut short: killed at every write, or refused by a full disk. The checker runs
-// in a child process of its own, with its writes counted.
+// Repairs that are cut short: killed, interrupted by a signal or refused by the system at every
+// call that changes something. The checker runs in a child process of its own.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
+#include <random>
+#include <tuple>
 
 #include "checker/dialogue.h"
 #include "checker/driver.h"
 #include "common/io.h"
+#include "tests/e2e/sessions.h"
 #include "tests/support/damage.h"
-#include "tests/support/pair_walk.h"
-#include "tests/support/run_program.h"
 
 namespace testing_support {
 namespace {
 
+// ---- What happens at a call.
+
+enum class Then { kNothing, kIsKilled, kIsInterrupted, kFails, kFailsOn };
+
+struct Happening {
+  const char* name;
+  Then then;
+  int error = 0;
+};
+constexpr Happening kHappenings[] = {
+    {"Killed", Then::kIsKilled},      {"Interrupted", Then::kIsInterrupted},
+    {"NoRoom", Then::kFails, ENOSPC}, {"NoRoomFromThere", Then::kFailsOn, ENOSPC},
+    {"DiskError", Then::kFails, EIO}, {"NoMemory", Then::kFails, ENOMEM}};
+
+// How the copy is made.
+enum class Way { kNameless, kNamed, kInPlace };
+constexpr const char* kWays[] = {"Nameless", "Named", "InPlace"};
+
 constexpr int kKilled = 77;
-int writes_left = 0;
+Happening happening;
+Way way;
+int left = INT_MAX;      // calls until it comes
+bool repairing = false;  // reads count only then
 
-ssize_t write_or_die(int fd, const void* from, std::size_t count, off_t offset) {
-  if (writes_left-- == 0) ::_exit(kKilled);
-  return ::pwrite(fd, from, count, offset);
+// Whether the call fails, with errno.
+bool happens() {
+  const bool hit = left == 0 || (left < 0 && happening.then == Then::kFailsOn);
+  if (left >= 0) --left;
+  if (!hit) return false;
+  if (happening.then == Then::kIsKilled) ::_exit(kKilled);
+  if (happening.then == Then::kIsInterrupted) ::raise(SIGTERM);
+  errno = happening.error;
+  return happening.error != 0;
 }
 
-ssize_t write_or_full(int fd, const void* from, std::size_t count, off_t offset) {
-  if (writes_left-- <= 0) {
-    errno = ENOSPC;
+// Room is needed only by what writes; reading before the repair only finds other faults.
+bool happens_on_read() {
+  return repairing && happening.then >= Then::kFails && happening.error != ENOSPC && happens();
+}
+
+int open_or_not(const char* path, int flags, mode_t permissions) {
+  const bool nameless = (flags & O_TMPFILE) == O_TMPFILE;
+  if (nameless || (flags & O_CREAT) != 0) {
+    repairing = true;
+    if (happens()) return -1;
+  }
+  errno = EOPNOTSUPP;
+  return nameless && way == Way::kNamed ? -1 : ::open(path, flags, permissions);
+}
+
+void put_in_the_way() {
+  static const common::SystemCalls real = common::system_calls();
+  common::SystemCalls& calls = common::system_calls();
+  calls.open = open_or_not;
+  calls.pread = [](int fd, void* to, std::size_t count, off_t offset) {
+    return happens_on_read() ? -1 : real.pread(fd, to, count, offset);
+  };
+  calls.pwrite = [](int fd, const void* from, std::size_t count, off_t offset) {
+    return happens() ? -1 : real.pwrite(fd, from, count, offset);
+  };
+  calls.copy_range = [](int from, int to, off_t offset, std::size_t count) {
+    // In pieces, so that one may be missing.
+    return happens() ? -1 : real.copy_range(from, to, offset, std::min<std::size_t>(count, 20000));
+  };
+  calls.clone = [](int, int) {
+    errno = EOPNOTSUPP;
     return -1;
-  }
-  return ::pwrite(fd, from, count, offset);
+  };
+  calls.rename = [](const char* from, const char* to) {
+    return happens() ? -1 : real.rename(from, to);
+  };
+  calls.link = [](const char* from, const char* to) {
+    return happens() ? -1 : real.link(from, to);
+  };
+  calls.link_open = [](int fd, const char* to) { return happens() ? -1 : real.link_open(fd, to); };
+  calls.fsync = [](int) { return happens() ? -1 : 0; };  // the test waits for no disk
+  calls.ftruncate = [](int fd, off_t size) { return happens() ? -1 : real.ftruncate(fd, size); };
+  calls.fsetxattr = [](int fd, const char* name, const void* value, std::size_t size, int flags) {
+    return happens() ? -1 : real.fsetxattr(fd, name, value, size, flags);
+  };
 }
 
-using Write = ssize_t (*)(int, const void*, std::size_t, off_t);
+// ---- What it happens to.
 
-// Runs `kestro -yq` in a child whose writes go through `write`; its exit status.
-int repair(const std::string& base, const std::string& report, Write write, int writes) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    if (std::freopen(report.c_str(), "w", stdout) == nullptr) ::_exit(1);
-    writes_left = writes;
-    common::system_calls().pwrite = write;
-    checker::options.yflag = checker::options.qflag = 1;
-    checker::ckfile(base);
-    std::fflush(stdout);
-    ::_exit(0);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using Case = std::tuple<bool, Way, Happening>;
 
-std::string check(const std::string& options, const std::string& base) {
-  return run_program({.words = {KESTRO_PROGRAM, options, base}, .seconds = 30}).out;
-}
-
-class Interrupted : public testing::TestWithParam<bool> {
+class Interrupted : public testing::TestWithParam<Case> {
  protected:
   void SetUp() override {
-    base_ = folder_ / "pair";
-    built_ = build_pair(fault_spec(GetParam()), base_);
+    built_ = build_pair(fault_spec(std::get<0>(GetParam())), base_);
     PairEditor editor(built_);
     // Every kind of repair has something to do.
     put4(editor.dictionary() + dict::kFreeData, 99999);
     put4(editor.dictionary() + dict::kFreeNode, 99999);
     put2(editor.dictionary() + dict::kKeys, 7);
     for (const BuiltIndex& index : built_.indexes) put2(editor.node(index.leaves.back()), 2);
-    if (GetParam()) put4(editor.dictionary() + dict::kStorageHeads + 4, 99999);
+    if (std::get<0>(GetParam())) put4(editor.dictionary() + dict::kStorageHeads + 4, 99999);
     damaged_index_ = editor.index;
     damaged_data_ = editor.data;
     restore();
     records_ = walk_pair(base_).records;
+    repair({}, INT_MAX);
+    repaired_index_ = index();
+    ASSERT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
   }
 
+  // With a second name of the index no copy can take its place.
   void restore() const {
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
+      std::filesystem::remove(entry.path());
+    }
     write_file(base_ + ".idx", damaged_index_);
     write_file(base_ + ".dat", damaged_data_);
+    if (way_ == Way::kInPlace) std::filesystem::create_hard_link(base_ + ".idx", base_ + ".2nd");
+  }
+  [[nodiscard]] Image index() const { return read_file(base_ + ".idx"); }
+
+  // Runs `kestro -yq` in a child: the status that waitpid gives.
+  int repair(const Happening& what, int calls) {
+    std::fflush(stdout);
+    return end_of(start_process([&] {
+      const std::string report = outside_ / "report";
+      if (std::freopen(report.c_str(), "w", stdout) == nullptr) ::_exit(1);
+      ::dup2(STDOUT_FILENO, STDERR_FILENO);
+      happening = what;
+      way = way_;
+      left = calls;
+      put_in_the_way();
+      checker::options.yflag = checker::options.qflag = 1;
+      checker::ckfile(base_);
+      std::fflush(stdout);
+      ::_exit(left < 0 ? 0 : 1);  // 1: there were not that many calls
+    }));
   }
 
-  void expect_second_run_mends() {
+  // Files beside the pair and what is kept on purpose.
+  [[nodiscard]] int strangers() const {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
+      const std::string name = entry.path().filename();
+      const bool known = name == "pair.dat" || name == "pair.idx" || name == "pair.2nd" ||
+                         name.starts_with("pair.idx.before");
+      count += known ? 0 : 1;
+    }
+    return count;
+  }
+  [[nodiscard]] bool is_kept() const { return std::filesystem::exists(base_ + ".idx.before"); }
+  // Whether it bears the mark of unfinished changes, with which it cannot be opened.
+  [[nodiscard]] bool is_marked() const { return get4(index().data() + dict::kSize) != 0; }
+  [[nodiscard]] std::string report() const {
+    const Image bytes = read_file(outside_ / "report");
+    return {bytes.begin(), bytes.end()};
+  }
+
+  void expect_all_or_nothing() {
     EXPECT_EQ(read_file(base_ + ".dat"), damaged_data_);
-    check("-yq", base_);
-    const Walk after = walk_pair(base_);
-    ASSERT_EQ(after.problems, std::vector<std::string>{});
-    ASSERT_TRUE(after.records == records_);
-    ASSERT_EQ(check("-nq", base_).find("ERROR"), std::string::npos);
+    const bool whole = index() == repaired_index_;
+    if (what_.then == Then::kIsKilled) {
+      EXPECT_LE(strangers(), way_ == Way::kNamed ? 2 : 1);
+    } else {
+      EXPECT_EQ(strangers(), 0);
+    }
+    if (whole || index() == damaged_index_) {
+      EXPECT_TRUE(what_.then == Then::kIsKilled || is_kept() == whole || way_ == Way::kInPlace);
+      if (!whole && what_.then != Then::kIsKilled) {
+        EXPECT_NE(report().find("the pair is as it was"), std::string::npos) << report();
+      }
+    } else {
+      EXPECT_TRUE(is_marked());
+      // Where no copy could be made, too, or none could take the index's place.
+      EXPECT_TRUE(way_ == Way::kInPlace || what_.error == ENOSPC);
+    }
   }
 
+  void expect_next_run_mends() {
+    EXPECT_EQ(repair({}, INT_MAX), 1 << 8);
+    Walk after = walk_pair(base_);
+    // A page that could not be filed in place stays unused.
+    if (way_ == Way::kInPlace && what_.error != 0) {
+      std::erase(after.problems, "storage page on no list");
+    }
+    EXPECT_EQ(after.problems, std::vector<std::string>{});
+    EXPECT_TRUE(after.records == records_);
+    EXPECT_EQ(strangers(), 0);
+    EXPECT_FALSE(is_marked());
+  }
+
+  const Way way_ = std::get<1>(GetParam());
+  const Happening what_ = std::get<2>(GetParam());
   TempFolder folder_;
-  std::string base_;
+  TempFolder outside_;
+  const std::string base_ = folder_ / "pair";
   BuiltPair built_;
   Image damaged_index_;
   Image damaged_data_;
+  Image repaired_index_;
   std::map<std::int32_t, Image> records_;
 };
 
-TEST_P(Interrupted, AKillAtAnyWriteIsMendedByTheNextRun) {
-  int writes = 0;
-  while (repair(base_, folder_ / "report", write_or_die, writes) == kKilled) {
-    SCOPED_TRACE(writes);
-    expect_second_run_mends();
+TEST_P(Interrupted, LeavesTheOldPairOrTheNewOne) {
+  constexpr int kNotReached = 1 << 8;
+  // KESTRO_EVERY_CALL leaves none out.
+  const bool all = what_.error == 0 || std::getenv("KESTRO_EVERY_CALL") != nullptr;
+  int calls = 0;
+  for (;; calls += all || calls < 20 ? 1 : 4) {
+    SCOPED_TRACE(calls);
     restore();
-    ++writes;
-  }
-  EXPECT_GT(writes, 10);
-  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
-}
-
-TEST_P(Interrupted, AFullDiskIsReportedAndMendedByTheNextRun) {
-  for (int writes = 0;; writes += 1 + writes / 4) {
-    SCOPED_TRACE(writes);
-    ASSERT_EQ(repair(base_, folder_ / "report", write_or_full, writes), 0);
-    const Image bytes = read_file(folder_ / "report");
-    const std::string report(bytes.begin(), bytes.end());
-    if (report.find("SYSTEM ERROR 28: write(index): ") == std::string::npos) {
-      EXPECT_GT(writes, 10);
-      EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{}) << report;
-      return;
+    const int status = repair(what_, calls);
+    if (status == kNotReached) break;
+    if (what_.error == 0) {
+      ASSERT_EQ(status, what_.then == Then::kIsKilled ? kKilled << 8 : SIGTERM);
     }
-    expect_second_run_mends();
-    restore();
+    expect_all_or_nothing();
+    if (HasFailure()) std::fputs(report().c_str(), stderr);
+    expect_next_run_mends();
+    ASSERT_FALSE(HasFailure()) << report();
   }
+  EXPECT_GT(calls, 20);
 }
 
-INSTANTIATE_TEST_SUITE_P(Pairs, Interrupted, testing::Bool(),
-                         [](const auto& kind) { return kind.param ? "varying" : "fixed"; });
+INSTANTIATE_TEST_SUITE_P(
+    Repairs, Interrupted,
+    testing::Combine(testing::Bool(), testing::Values(Way::kNameless, Way::kNamed, Way::kInPlace),
+                     testing::ValuesIn(kHappenings)),
+    [](const auto& test) {
+      return std::string(std::get<0>(test.param) ? "Varying" : "Fixed") +
+             kWays[static_cast<int>(std::get<1>(test.param))] + std::get<2>(test.param).name;
+    });
+
+// ---- The program itself, at any moment. KESTRO_SIGNAL_RUNS makes more runs.
+
+TEST(Signals, LeaveTheOldPairOrTheNewOne) {
+  constexpr int kRecords = 6000;
+  const TempFolder folder;
+  const std::string base = folder / "pair";
+  build_pair_of(base, false, kRecords);
+  Image damaged = read_file(base + ".idx");
+  for (std::size_t node = 2; node < damaged.size() / 1024; node += 3) damaged[node * 1024] = 0x7F;
+  const auto repair_until = [&](int signal, int microseconds) {
+    write_file(base + ".idx", damaged);
+    const pid_t child = start_process([&] {
+      for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+        ::dup2(::open("/dev/null", O_WRONLY), fd);
+      }
+      ::execl(KESTRO_PROGRAM, "kestro", "-yq", base.c_str(), nullptr);
+    });
+    if (signal != 0) {
+      ::usleep(static_cast<useconds_t>(microseconds));
+      ::kill(child, signal);
+    }
+    return end_of(child);
+  };
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(repair_until(0, 0), 0);
+  const std::chrono::duration<double, std::micro> length = std::chrono::steady_clock::now() - start;
+  const Image repaired = read_file(base + ".idx");
+  ASSERT_NE(repaired, damaged);
+
+  const char* wanted = std::getenv("KESTRO_SIGNAL_RUNS");
+  const int runs = wanted == nullptr ? 24 : std::atoi(wanted);
+  std::mt19937 random(1);
+  int ended = 0;
+  for (int run = 0; run < runs && !HasFailure(); ++run) {
+    const int signal = std::array{SIGINT, SIGHUP, SIGTERM, SIGPIPE, SIGKILL}[run % 5UL];
+    SCOPED_TRACE(std::to_string(run) + ": " + std::to_string(signal));
+    const int status =
+        repair_until(signal, static_cast<int>(random() % static_cast<unsigned>(length.count())));
+    EXPECT_TRUE(status == 0 || WTERMSIG(status) == signal) << status;
+    ended += status == 0 ? 0 : 1;
+    const Image now = read_file(base + ".idx");
+    EXPECT_TRUE(now == damaged || now == repaired);
+    const auto files = std::distance(std::filesystem::directory_iterator(folder.path()), {});
+    EXPECT_LE(files, signal == SIGKILL ? 3 : 2);
+  }
+  EXPECT_GT(ended, runs / 4);
+}
 
 }  // namespace
 }  // namespace testing_support

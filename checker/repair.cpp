@@ -1,0 +1,336 @@
+#include "checker/repair.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "checker/checks.h"
+#include "checker/dialogue.h"
+#include "checker/findings.h"
+#include "common/filecopy.h"
+#include "common/io.h"
+#include "isam/buffers.h"
+#include "isam/errors.h"
+#include "isam/files.h"
+#include "isam/frame.h"
+#include "isam/locks.h"
+#include "isam/mark.h"
+
+namespace checker {
+namespace {
+
+using isam::filep;
+
+bool has_verdict(IndexVerdict verdict) { return std::ranges::count(findings.idxflag, verdict) > 0; }
+
+bool nodes_will_change() {
+  return findings.badifree == Verdict::kRebuild || findings.baddfree == Verdict::kRebuild ||
+         findings.badrfree == Verdict::kRebuild || has_verdict(IndexVerdict::kDelete) ||
+         has_verdict(IndexVerdict::kRemake);
+}
+
+// The old index of a change of node size stays anyway.
+bool is_to_be_kept() {
+  if (options.sflag != 0) return false;
+  const bool gives_up_pages = findings.varlen && nodes_will_change() && pages_are_given_up();
+  return index_is_to_be_kept(has_verdict(IndexVerdict::kDelete) || findings.count_is_fixed ||
+                             gives_up_pages);
+}
+
+std::string real_path(const std::string& path) {
+  const std::unique_ptr<char, void (*)(void*)> real{::realpath(path.c_str(), nullptr), std::free};
+  return real ? real.get() : path;
+}
+
+std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1) + "."; }
+
+bool is_mount_point(int fd) {
+  struct statx status {};
+  return ::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
+         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+// Why another file cannot take the index's place, as an errno; 0 when nothing is known to be in
+// the way.
+int obstacle(int fd, const std::string& index) {
+  struct stat status {};
+  struct stat folder {};
+  struct rlimit limit {};
+  const std::string folder_name = folder_of(index);
+  if (common::system_calls().fstat(fd, &status) != 0 ||
+      common::system_calls().stat(folder_name.c_str(), &folder) != 0) {
+    return errno;
+  }
+  if (!S_ISREG(status.st_mode)) return ENOTSUP;
+  if (status.st_nlink > 1) return EMLINK;
+  if (is_mount_point(fd)) return EBUSY;
+  const uid_t user = ::geteuid();
+  const bool others = user != 0 && user != status.st_uid && user != folder.st_uid;
+  if ((folder.st_mode & S_ISVTX) != 0 && others) return EPERM;
+  if (::faccessat(AT_FDCWD, folder_name.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return errno;
+  const bool limited = ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
+  return limited && limit.rlim_cur < static_cast<rlim_t>(status.st_size) ? EFBIG : 0;
+}
+
+// Whether an error in making a copy leaves the index itself fit to be changed.
+bool leaves_index_usable(int error) {
+  return error != EIO && error != ENOMEM && error != ESTALE && error != EUCLEAN;
+}
+
+// Lets the current file's index be another file with the same nodes.
+void use(int fd) {
+  isam::bfignor(*filep);
+  filep->index_map.forget();
+  filep->idxfd = fd;
+}
+
+// What waits in the pool, the stamp of the change, the dictionary: whether all could be written.
+bool write_out() {
+  isam::clear_errors();
+  isam::bfflush(*filep);
+  isam::isexit();
+  if ((filep->flags & isam::kDictionaryChanged) != 0) isam::dictwrite();
+  if (iserrno != 0) Repair::fail(iserrno);
+  return iserrno == 0;
+}
+
+bool sync(int fd) {
+  if (common::system_calls().fsync(fd) == 0) return true;
+  Repair::fail(errno);
+  return false;
+}
+
+// Some file systems cannot, and need not.
+void sync_folder(const std::string& index) {
+  const common::FileHold folder{
+      common::open_file(folder_of(index).c_str(), O_RDONLY | O_DIRECTORY)};
+  if (folder && common::system_calls().fsync(folder.get()) != 0 && errno != EINVAL) {
+    remark(std::string("its folder could not be synced: ") + std::strerror(errno));
+  }
+}
+
+// A run that has mended all that it found leaves no mark of others' unfinished changes.
+bool clears_mark(bool whole) {
+  return whole && options.iflag == 0 && tally.declined == 0 && !Repair::has_failed();
+}
+
+void remove_mark() {
+  if (isam::remove_mark(*filep) != 0) Repair::fail(iserrno);
+  filep->mark = isam::MarkState::kUnneeded;
+}
+
+constexpr isam::Byte kNoMagic[2] = {};
+constexpr char kAsItWas[] = "the pair is as it was";
+constexpr char kIncomplete[] = "the repair in place is not complete: run kestro again";
+
+}  // namespace
+
+void Repair::remove_leftovers(const std::string& name) {
+  checker::remove_leftovers(real_path(isam::mkidxname(name)));
+}
+
+bool Repair::has_failed() { return tally.system_error != 0 || filep->failed_write.error != 0; }
+
+void Repair::fail(int system_error) {
+  if (tally.system_error == 0) tally.system_error = system_error;
+}
+
+void Repair::tell_failure(const char* state) const {
+  const int error = tally.system_error != 0 ? tally.system_error : filep->failed_write.error;
+  remark(std::strerror(error) + std::string("; ") + state);
+}
+
+// The pair is repaired.
+void Repair::keep_kept() {
+  if (!kept_.is_taken()) return;
+  if (place_ != Place::kCopy && kept_.note(filep->idxfd, filep->datfd) != 0) {
+    remark(kept_.name() + ": cannot be used to undo the repair: " + std::strerror(errno));
+  }
+  kept_.keep();
+  if (::isatty(STDERR_FILENO) == 1) remark("the index as it was is kept as " + kept_.name());
+}
+
+bool Repair::begin() {
+  tally.system_error = 0;
+  index_ = real_path(isam::mkidxname(filep->name));
+  keeps_ = is_to_be_kept();
+  if (!nodes_will_change()) return true;
+  interrupt_.emplace("\nkestro: " + index_ + ": interrupted; the pair is as it was\n");
+  int error = obstacle(filep->idxfd, index_);
+  if (error == 0) error = copy_index();
+  if (error == 0) return true;
+  copy_.reset();
+  if (leaves_index_usable(error)) return begin_in_place(error);
+  fail(error);
+  refused_ = true;
+  return false;
+}
+
+// 0, or errno.
+int Repair::copy_index() {
+  copy_ = std::make_unique<TemporaryFile>(index_);
+  if (!*copy_) return copy_->error();
+  if (common::copy_attributes(filep->idxfd, copy_->fd()) != 0 ||
+      common::copy_contents(filep->idxfd, copy_->fd()) != 0) {
+    return errno;
+  }
+  locked_ = filep->idxfd;
+  use(copy_->fd());
+  place_ = Place::kCopy;
+  return 0;
+}
+
+// The old index is kept while nothing has changed. False: that was demanded, and cannot be.
+bool Repair::take_kept() {
+  if (!keeps_) return true;
+  if (kept_.take(filep->idxfd, index_) && kept_.show() == 0) return true;
+  const int error = errno;
+  remark(std::string("the index as it was cannot be kept: ") + std::strerror(error));
+  if (!index_is_to_be_kept(false)) return true;
+  fail(error);
+  return false;
+}
+
+bool Repair::begin_in_place(int reason) {
+  remark(std::string("no copy can be put in its place (") + std::strerror(reason) +
+         "); it is repaired in place");
+  if (!prepare_indexes() || !take_kept()) {
+    refused_ = true;
+    return false;
+  }
+  if (isam::set_mark(*filep) != 0) {
+    fail(iserrno);
+    refused_ = true;
+    return false;
+  }
+  place_ = Place::kInPlace;
+  interrupt_->say("\nkestro: " + index_ + ": interrupted in the middle of a repair in place; run " +
+                  "kestro again\n");
+  return sync(filep->idxfd);
+}
+
+void Repair::end(bool whole) {
+  if (options.nflag != 0 || refused_) {
+    forget_changes();  // what was settled in the dictionary's copy stays there
+    if (refused_) tell_failure(kAsItWas);
+    return;
+  }
+  switch (place_) {
+    case Place::kPair:
+      return end_dictionary(whole);
+    case Place::kInPlace:
+      return end_in_place(whole);
+    case Place::kCopy:
+      return end_copy(whole);
+  }
+}
+
+void Repair::end_dictionary(bool whole) {
+  const bool changed = (filep->flags & (isam::kDictionaryChanged | isam::kPageChanged)) != 0;
+  if (changed) {
+    if (!take_kept()) return tell_failure(kAsItWas);
+    isam::lksemaphore(isam::Semaphore::kExclusive);
+    if (!write_out()) return tell_failure(kAsItWas);
+  }
+  if (clears_mark(whole)) remove_mark();
+  keep_kept();
+}
+
+void Repair::end_in_place(bool whole) {
+  const bool good = !has_failed();
+  if (!write_out() || !good || !sync(filep->idxfd)) {
+    return tell_failure(kIncomplete);
+  }
+  if (isam::clear_mark(*filep) != 0) fail(iserrno);
+  if (clears_mark(whole)) remove_mark();
+  keep_kept();
+}
+
+// The copy as it will stand, and what is kept beside it: on the disk.
+bool Repair::complete_copy(bool whole) {
+  if (has_failed() || !write_out()) return false;
+  if (clears_mark(whole)) remove_mark();
+  if (has_failed() || !sync(filep->idxfd)) return false;
+  if (!keeps_) return true;
+  if (kept_.take(locked_, index_) && kept_.note(filep->idxfd, filep->datfd) == 0) return true;
+  fail(errno);
+  remark("the index as it was cannot be kept");
+  return false;
+}
+
+void Repair::forget_changes() {
+  filep->failed_write = {};
+  filep->spilled = false;  // the copy goes as a whole
+  isam::bfdiscard(*filep);
+  filep->flags = 0;
+}
+
+void Repair::end_copy(bool whole) {
+  const bool dictionary_alone = !has_failed() && (filep->flags & isam::kPageChanged) == 0;
+  const bool complete = !dictionary_alone && complete_copy(whole);
+  if (!complete && !dictionary_alone) {
+    tell_failure(kAsItWas);
+    forget_changes();
+  }
+  use(std::exchange(locked_, -1));
+  place_ = dictionary_alone ? Place::kPair : Place::kCopy;
+  if (dictionary_alone) return end_dictionary(whole);
+  if (!complete) return;
+  isam::lksemaphore(isam::Semaphore::kExclusive);
+  put_in_place();
+}
+
+void Repair::put_in_place() {
+  const SignalBlock block;
+  struct stat named {};
+  if (common::system_calls().stat(index_.c_str(), &named) != 0 || named.st_dev != filep->device ||
+      named.st_ino != filep->inode) {
+    return remark("was replaced by another file meanwhile; nothing is repaired");
+  }
+  if (kept_.is_taken() && kept_.show() != 0) {
+    fail(errno);
+    return tell_failure(kAsItWas);
+  }
+  if (copy_->replace(index_) != 0) {
+    place_ = Place::kInPlace;
+    if (leaves_index_usable(errno)) return write_over();
+    fail(errno);
+    return tell_failure(kAsItWas);
+  }
+  sync_folder(index_);
+  if (common::write_at(filep->idxfd, kNoMagic, 0) != 0) {
+    remark(std::strerror(errno) + std::string("; end programs that wait for the pair"));
+  }
+  keep_kept();
+}
+
+// The copy is complete and cannot take the index's place: the index becomes like it.
+void Repair::write_over() {
+  remark(std::string("no copy can be put in its place (") + std::strerror(errno) +
+         "); it is repaired in place");
+  const int from = copy_->fd();
+  const int to = filep->idxfd;
+  constexpr std::int64_t kBehindMark = isam::kMarkOffset + isam::kMarkSize;
+  filep->mark = isam::MarkState::kClear;
+  if (isam::set_mark(*filep) != 0) {
+    fail(iserrno);
+    return tell_failure(kAsItWas);
+  }
+  const bool written =
+      sync(to) && common::copy_differences(from, to, kBehindMark, common::file_size(from)) == 0 &&
+      common::copy_differences(from, to, 0, isam::kMarkOffset) == 0 && sync(to) &&
+      common::copy_differences(from, to, isam::kMarkOffset, kBehindMark) == 0;
+  if (!written) {
+    fail(errno);
+    return tell_failure(kIncomplete);
+  }
+  keep_kept();
+}
+
+}  // namespace checker

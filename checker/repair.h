@@ -1,0 +1,67 @@
+// repair: where the changes of a run go, and how they come into the pair.
+//
+//   questions answered -> begin() -> lists and indexes made anew -> end()
+//
+// Everything that a repair changes lies in the index file. It is made in a copy, which takes the
+// index's place in one step when it is complete and on the disk: a run that is ended before that,
+// or meets an error of the system, leaves the pair as it was. A change of the dictionary alone is
+// one write. Where no copy can be made the index file itself is changed: what needs room is
+// gathered first, and the mark of unfinished changes (isam/mark) stands in it meanwhile.
+//
+// Needs   the pair locked for this process alone
+// Keeps   R1 no file is left over but what is kept on purpose (checker/keptindex); a killed run
+//            leaves one at most that the next one knows
+//         R2 who has opened the old index and waits for its locks does not go on with it: its
+//            dictionary is unmade before they go
+//         R3 nothing is replaced when the name has come to lead to another file
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "checker/interrupt.h"
+#include "checker/keptindex.h"
+#include "checker/temporaryfile.h"
+
+namespace checker {
+
+class Repair {
+ public:
+  // Removes what a killed run has left beside a pair.
+  static void remove_leftovers(const std::string& name);
+  // The last question is answered: false, and said, when nothing may be changed after all.
+  [[nodiscard]] bool begin();
+  // Whether an error of the system has ended it.
+  [[nodiscard]] static bool has_failed();
+  static void fail(int system_error);
+  // Brings what was changed into the pair, or forgets it. `whole`: every step was taken.
+  void end(bool whole);
+
+ private:
+  enum class Place { kPair, kCopy, kInPlace };
+
+  [[nodiscard]] int copy_index();
+  [[nodiscard]] bool begin_in_place(int reason);
+  [[nodiscard]] bool take_kept();
+  void end_dictionary(bool whole);
+  void end_in_place(bool whole);
+  void end_copy(bool whole);
+  [[nodiscard]] bool complete_copy(bool whole);
+  void put_in_place();
+  void write_over();
+  void forget_changes();
+  void tell_failure(const char* state) const;
+  void keep_kept();
+
+  std::string index_;  // the file itself, past symbolic links
+  Place place_ = Place::kPair;
+  bool refused_ = false;  // nothing is written
+  bool keeps_ = false;    // the index as it was
+  int locked_ = -1;       // descriptor of the index, while another serves
+  std::unique_ptr<TemporaryFile> copy_;
+  KeptIndex kept_;
+  std::optional<Interrupt> interrupt_;
+};
+
+}  // namespace checker

@@ -1,0 +1,172 @@
+#include "checker/temporaryfile.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "checker/interrupt.h"
+#include "common/io.h"
+#include "common/number.h"
+
+namespace checker {
+namespace {
+
+constexpr mode_t kPrivate = 0600;
+constexpr std::string_view kOwnSuffix = ".kestro-";
+constexpr std::string_view kUnfinished = "new";  // instead of a number not known yet
+
+std::string folder_of(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+std::string own_prefix(const std::string& index) { return index + std::string(kOwnSuffix); }
+
+// Whether a file without a name can be made and named later.
+bool may_be_nameless() { return ::access("/proc/self/fd", X_OK) == 0; }
+
+bool lock(int fd) { return ::flock(fd, LOCK_EX | LOCK_NB) == 0; }
+
+}  // namespace
+
+TemporaryFile::TemporaryFile(std::string index) : index_(std::move(index)) {
+  errno = EOPNOTSUPP;
+  if (may_be_nameless()) {
+    fd_ = common::FileHold{
+        common::open_file(folder_of(index_).c_str(), O_TMPFILE | O_RDWR, kPrivate)};
+  }
+  // The system's ways of saying that it has no such files.
+  if (!fd_ && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL || errno == ENOENT)) {
+    make_with_name();
+  }
+  if (!fd_) error_ = errno;
+  if (fd_) lock(fd_.get());
+}
+
+TemporaryFile::~TemporaryFile() {
+  if (!keeps_name_) withdraw();
+}
+
+// The inode number is known when the file is there: until then the name says so.
+void TemporaryFile::make_with_name() {
+  const std::string first = own_prefix(index_) + std::string(kUnfinished);
+  const SignalBlock block;
+  fd_ = common::FileHold{common::open_file(first.c_str(), O_RDWR | O_CREAT | O_EXCL, kPrivate)};
+  if (!fd_) return;
+  set_name(first);
+  const std::string name = own_name();
+  struct stat status {};
+  if (::lstat(name.c_str(), &status) == 0) {
+    errno = EEXIST;
+  } else if (common::system_calls().rename(first.c_str(), name.c_str()) == 0) {
+    set_name(name);
+    return;
+  }
+  const int error = errno;
+  withdraw();
+  fd_ = {};
+  errno = error;
+}
+
+std::string TemporaryFile::own_name() const {
+  struct stat status {};
+  common::system_calls().fstat(fd(), &status);
+  return own_prefix(index_) + std::to_string(status.st_ino);
+}
+
+void TemporaryFile::set_name(std::string name) {
+  if (!name_.empty()) forget_file(name_);
+  name_ = std::move(name);
+  if (!name_.empty()) remove_when_interrupted(name_);
+}
+
+int TemporaryFile::link_to(const std::string& name) const {
+  return name_.empty() ? common::system_calls().link_open(fd(), name.c_str())
+                       : common::system_calls().link(name_.c_str(), name.c_str());
+}
+
+int TemporaryFile::become(const std::string& name) {
+  const SignalBlock block;
+  if (link_to(name) != 0) return -1;
+  if (!name_.empty()) common::system_calls().unlink(name_.c_str());
+  set_name({});
+  name_ = name;
+  keeps_name_ = true;
+  return 0;
+}
+
+int TemporaryFile::replace(const std::string& name) {
+  const SignalBlock block;
+  if (name_.empty()) {
+    const std::string own = own_name();
+    if (link_to(own) != 0) return -1;
+    set_name(own);
+  }
+  if (common::system_calls().rename(name_.c_str(), name.c_str()) != 0) return -1;
+  set_name({});
+  return 0;
+}
+
+void TemporaryFile::withdraw() {
+  keeps_name_ = false;
+  if (name_.empty()) return;
+  const int error = errno;
+  common::system_calls().unlink(name_.c_str());
+  set_name({});
+  errno = error;
+}
+
+namespace {
+
+// Whether a file of such a name is one that this program made and nobody uses any more.
+bool is_leftover(const std::string& path, std::string_view number, const struct stat& index) {
+  const common::FileHold file{common::open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK)};
+  struct stat status {};
+  if (!file || common::system_calls().fstat(file.get(), &status) != 0) return false;
+  const bool numbered = number == std::to_string(status.st_ino);
+  const bool unfinished = number == kUnfinished && status.st_size == 0;
+  return S_ISREG(status.st_mode) && status.st_nlink == 1 && (numbered || unfinished) &&
+         (status.st_uid == index.st_uid || status.st_uid == ::geteuid()) && lock(file.get());
+}
+
+// The names in a folder that look like one of ours. A run over many pairs reads a folder once.
+const std::vector<std::string>& own_names_in(const std::string& folder) {
+  static std::string known;
+  static std::vector<std::string> names;
+  if (folder == known) return names;
+  known = folder;
+  names.clear();
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing{::opendir(folder.c_str()), ::closedir};
+  if (!listing) return names;
+  while (const dirent* entry = ::readdir(listing.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.find(kOwnSuffix) != std::string_view::npos) names.emplace_back(name);
+  }
+  return names;
+}
+
+}  // namespace
+
+void remove_leftovers(const std::string& index) {
+  struct stat status {};
+  if (common::system_calls().stat(index.c_str(), &status) != 0) return;
+  const std::string folder = folder_of(index);
+  const std::string prefix = own_prefix(index);
+  for (const std::string& name : own_names_in(folder)) {
+    const std::string path = folder == "." ? name : folder + name;
+    if (!path.starts_with(prefix)) continue;
+    if (is_leftover(path, std::string_view{path}.substr(prefix.size()), status)) {
+      common::system_calls().unlink(path.c_str());
+    }
+  }
+}
+
+}  // namespace checker

@@ -1,0 +1,23 @@
+// filecopy: the bytes of a file into another one, and what belongs to a file beside its bytes.
+//
+// Gives   the same size and contents at the least cost that the system has: shared blocks, a copy
+//         inside the system, a copy through this process; holes stay holes
+#pragma once
+
+#include <cstdint>
+
+namespace common {
+
+// Into an empty file: 0, or -1 with errno.
+[[nodiscard]] int copy_contents(int from, int to);
+
+// Writes what differs from `at` to `end`: 0, or -1 with errno.
+[[nodiscard]] int copy_differences(int from, int to, std::int64_t at, std::int64_t end);
+
+// Owner, permissions and extended attributes: 0, or -1 with errno when one cannot be given.
+[[nodiscard]] int copy_attributes(int from, int to);
+
+// A sum over all bytes of a file, as docs/format.md defines it: 0, or -1 with errno.
+[[nodiscard]] int checksum_of(int fd, std::uint64_t& sum);
+
+}  // namespace common

@@ -1,0 +1,351 @@
+// What a repair puts in the index's place, what it keeps of the old one, and who waited for it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "checker/dialogue.h"
+#include "checker/driver.h"
+#include "checker/undodata.h"
+#include "common/io.h"
+#include "tests/e2e/peer.h"
+#include "tests/support/damage.h"
+
+namespace testing_support {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kMarkAt = dict::kSize;
+constexpr std::int32_t kMarkMagic = 0x4558434C;
+
+struct stat status_of(const std::string& path) {
+  struct stat status {};
+  ::stat(path.c_str(), &status);
+  return status;
+}
+
+class RepairCopy : public testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directory(folder_);
+    built_ = build_pair(fault_spec(false), base_);
+    sound_ = read_file(base_ + ".idx");
+  }
+
+  using Damage = void (*)(PairEditor&);
+  static void spoil_index(PairEditor& editor) {
+    put2(editor.node(editor.built().indexes[1].leaves.back()), 2);
+  }
+  static void spoil_count(PairEditor& editor) { put2(editor.dictionary() + dict::kKeys, 7); }
+  static void spoil_nothing(PairEditor&) {}
+  Image damage(Damage apply) {
+    write_file(idx_, sound_);
+    PairEditor editor(built_);
+    apply(editor);
+    editor.save();
+    return editor.index;
+  }
+
+  std::string run(const char* options, const std::string& input = {}, const char* keep = nullptr) {
+    RunRequest request{.words = {KESTRO_PROGRAM, options, base_}, .input = input};
+    if (keep != nullptr) request.environment = {std::string("KESTRO_KEEP=") + keep};
+    const RunResult result = run_program(request);
+    EXPECT_EQ(result.status, 0);
+    error_output_ = result.err;
+    return result.out;
+  }
+  // What the folder holds beside the pair.
+  std::set<std::string> others() const {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder_)) {
+      const std::string name = entry.path().filename();
+      if (name != "pair.idx" && name != "pair.dat") names.insert(name);
+    }
+    return names;
+  }
+  using Names = std::set<std::string>;
+
+  TempFolder outside_;
+  std::string folder_ = outside_ / "folder";
+  std::string base_ = folder_ + "/pair";
+  std::string idx_ = base_ + ".idx";
+  BuiltPair built_;
+  Image sound_;
+  std::string error_output_;
+};
+
+TEST_F(RepairCopy, OldIndexIsKeptWhenTheRecordsCannotGiveItBack) {
+  struct Case {
+    const char* name;
+    Damage damage;
+    const char* options;
+    const char* answers;
+    const char* keep;
+    bool kept;
+  };
+  const Case cases[] = {
+      {"remade", spoil_index, "-yq", "", nullptr, false},
+      {"remade, always", spoil_index, "-yq", "", "1", true},
+      {"deleted", spoil_index, "-q", "y\nn\n", nullptr, true},
+      {"deleted, never", spoil_index, "-q", "y\nn\n", "0", false},
+      {"count", spoil_count, "-yq", "", nullptr, true},
+      {"count, never", spoil_count, "-yq", "", "0", false},
+      {"declined", spoil_index, "-q", "n\n", "1", false},
+      {"nothing", spoil_nothing, "-yq", "", "1", false},
+      {"looked at", spoil_count, "-nq", "", "1", false},
+  };
+  for (const Case& it : cases) {
+    SCOPED_TRACE(it.name);
+    const Image before = damage(it.damage);
+    run(it.options, it.answers, it.keep);
+    EXPECT_EQ(others(), it.kept ? Names{"pair.idx.before"} : Names{}) << error_output_;
+    if (!it.kept) continue;
+    EXPECT_EQ(read_file(idx_ + ".before"), before);
+    const auto undo = checker::load_undo_data(idx_ + ".before");
+    ASSERT_TRUE(undo.has_value());
+    checker::UndoData now;
+    const int fd = ::open(idx_.c_str(), O_RDONLY);
+    const int data = ::open((base_ + ".dat").c_str(), O_RDONLY);
+    const int kept = ::open((idx_ + ".before").c_str(), O_RDONLY);
+    ASSERT_EQ(checker::describe(fd, now.repaired), 0);
+    ASSERT_EQ(checker::describe(data, now.data), 0);
+    ASSERT_EQ(checker::describe(kept, now.kept), 0);
+    now.kept.file.changed = undo->kept.file.changed;  // of the index that it is a copy of
+    EXPECT_EQ(now, *undo);
+    for (const int open : {fd, data, kept}) ::close(open);
+    fs::remove(idx_ + ".before");
+  }
+}
+
+TEST_F(RepairCopy, WhatIsThereStays) {
+  const Image before = damage(spoil_count);
+  write_file(idx_ + ".before", {1});
+  write_file(idx_ + ".before.2.undo", {2});
+  write_file(idx_ + ".kestro-1", {3});  // not its own number
+  run("-yq");
+  EXPECT_EQ(others(), (Names{"pair.idx.before", "pair.idx.before.2.undo", "pair.idx.before.3",
+                             "pair.idx.kestro-1"}));
+  EXPECT_EQ(read_file(idx_ + ".before"), Image{1});
+  EXPECT_EQ(read_file(idx_ + ".before.3"), before);
+}
+
+TEST(UndoData, IsTakenOnlyAsItIsWritten) {
+  checker::UndoData data;
+  data.repaired = {{5120, {1790000000, 7}}, 4000000000U, 0xFEDCBA9876543210U};
+  data.data = {1, {2, 999999999}};
+  const std::string text = checker::text_of(data);
+  EXPECT_EQ(checker::parse_undo_data(text), data);
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    std::string other = text;
+    other[at] = other[at] == 'x' ? 'y' : 'x';
+    EXPECT_NE(checker::parse_undo_data(other), data) << at;
+    EXPECT_FALSE(checker::parse_undo_data(text.substr(0, at)).has_value()) << at;
+  }
+}
+
+TEST_F(RepairCopy, LeftoverOfAKilledRunGoesAndNothingElse) {
+  const auto own_name = [&] {
+    return idx_ + ".kestro-" + std::to_string(status_of(idx_ + ".x").st_ino);
+  };
+  write_file(idx_ + ".x", {1, 2});
+  fs::rename(idx_ + ".x", own_name());
+  write_file(idx_ + ".kestro-new", {});
+  EXPECT_EQ(others().size(), 2U);
+  run("-nq");
+  EXPECT_EQ(others().size(), 2U);
+  run("-yq");
+  EXPECT_EQ(others(), Names{});
+}
+
+TEST_F(RepairCopy, OwnerPermissionsAndAttributesStay) {
+  damage(spoil_index);
+  ASSERT_EQ(::chmod(idx_.c_str(), 0642), 0);
+  const bool attributes = ::setxattr(idx_.c_str(), "user.label", "abc", 3, 0) == 0;
+  const bool owner = ::chown(idx_.c_str(), 12345, 23456) == 0;
+  const ino_t inode = status_of(idx_).st_ino;
+  run("-yq");
+  const struct stat now = status_of(idx_);
+  EXPECT_NE(now.st_ino, inode);
+  EXPECT_EQ(now.st_mode & 07777, 0642U);
+  EXPECT_TRUE(!owner || (now.st_uid == 12345 && now.st_gid == 23456));
+  char label[4] = {};
+  EXPECT_TRUE(!attributes || ::getxattr(idx_.c_str(), "user.label", label, 3) == 3);
+}
+
+TEST_F(RepairCopy, SymbolicLinkIsFollowed) {
+  damage(spoil_count);
+  const std::string link = outside_ / "pair.idx";
+  fs::create_symlink(idx_, link);
+  fs::create_symlink(base_ + ".dat", outside_ / "pair.dat");
+  static_cast<void>(kestro("-yq", outside_ / "pair"));
+  damage(spoil_index);
+  static_cast<void>(kestro("-yq", outside_ / "pair"));
+  EXPECT_TRUE(fs::is_symlink(link));
+  EXPECT_EQ(others(), Names{"pair.idx.before"});
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
+TEST_F(RepairCopy, ChangeOfTheDictionaryAloneIsMadeInPlace) {
+  damage(spoil_count);
+  const ino_t inode = status_of(idx_).st_ino;
+  run("-yq");
+  EXPECT_EQ(status_of(idx_).st_ino, inode);
+  EXPECT_EQ(read_file(idx_), sound_);
+  // Nor is anything written where nothing changes.
+  const struct stat before = status_of(idx_);
+  run("-yq");
+  EXPECT_EQ(status_of(idx_).st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+}
+
+TEST_F(RepairCopy, MarkOfUnfinishedChangesGoesWithTheLastFault) {
+  struct Case {
+    Damage damage;
+    const char* options;
+    const char* answers;
+    bool stays;
+  };
+  const Case cases[] = {{spoil_nothing, "-yq", "", false},  {spoil_nothing, "-nq", "", true},
+                        {spoil_nothing, "-iyq", "", true},  {spoil_index, "-yq", "", false},
+                        {spoil_count, "-q", "n\n", true},   {spoil_count, "-yq", "", false},
+                        {spoil_index, "-q", "y\nn\n", true}};
+  for (const bool in_place : {false, true}) {
+    for (const Case& it : cases) {
+      SCOPED_TRACE(std::string(it.options) + it.answers + (in_place ? " in place" : ""));
+      Image index = damage(it.damage);
+      put4(&index[kMarkAt], kMarkMagic);
+      put4(&index[kMarkAt + 4], 4711);
+      write_file(idx_, index);
+      if (in_place) fs::create_hard_link(idx_, idx_ + ".2nd");
+      run(it.options, it.answers, "0");
+      EXPECT_EQ(get4(&read_file(idx_)[kMarkAt]), it.stays ? kMarkMagic : 0);
+      fs::remove(idx_ + ".2nd");
+      // Bytes of others stay.
+      index = damage(it.damage);
+      put4(&index[kMarkAt], 99);
+      write_file(idx_, index);
+      run(it.options, it.answers, "0");
+      EXPECT_EQ(get4(&read_file(idx_)[kMarkAt]), 99);
+    }
+  }
+}
+
+// ---- Others, while the copy takes the index's place.
+
+int to_test = -1;    // of the checker's process: a byte when it is about to
+int from_test = -1;  // ... a byte when it may
+
+int rename_when_told(const char* from, const char* to) {
+  char byte = 1;
+  if (::write(to_test, &byte, 1) != 1 || ::read(from_test, &byte, 1) != 1) ::_exit(9);
+  return ::rename(from, to);
+}
+
+// A repair that stands before the step in which the copy takes the index's place.
+class StandingRepair {
+ public:
+  explicit StandingRepair(const std::string& base) {
+    int there[2];
+    int back[2];
+    if (::pipe(there) != 0 || ::pipe(back) != 0) throw std::runtime_error("pipe");
+    process_ = start_process([&] {
+      to_test = there[1];
+      from_test = back[0];
+      ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
+      common::system_calls().rename = rename_when_told;
+      checker::options.yflag = checker::options.qflag = 1;
+      checker::ckfile(base);
+    });
+    char byte = 0;
+    if (::read(there[0], &byte, 1) != 1) throw std::runtime_error("no rename");
+    line_ = back[1];
+  }
+  void go_on() {
+    const char byte = 1;
+    EXPECT_EQ(::write(line_, &byte, 1), 1);
+    EXPECT_EQ(end_of(process_), 0);
+  }
+
+ private:
+  pid_t process_ = 0;
+  int line_ = -1;
+};
+
+// Knows nothing of copies: opens, waits for the semaphore, takes the open lock, reads the
+// dictionary. The number with which it begins, or -1 when a lock is refused.
+int begin_as_others_do(const std::string& idx) {
+  const int fd = ::open(idx.c_str(), O_RDWR);
+  struct flock semaphore {
+    .l_type = F_WRLCK, .l_whence = SEEK_SET, .l_start = 0, .l_len = 0x3FFFFFFF, .l_pid = 0
+  };
+  struct flock open_lock {
+    .l_type = F_RDLCK, .l_whence = SEEK_SET, .l_start = kOpenLock, .l_len = 1, .l_pid = 0
+  };
+  Byte magic[2] = {0xFF, 0xFF};
+  if (::fcntl(fd, F_SETLKW, &semaphore) != 0 || ::fcntl(fd, F_SETLK, &open_lock) != 0 ||
+      ::pread(fd, magic, sizeof magic, 0) != 2) {
+    return -1;
+  }
+  return get2(magic);
+}
+
+TEST_F(RepairCopy, WhoWaitsForTheOldIndexDoesNotGoOnWithIt) {
+  damage(spoil_index);
+  const std::string base = base_;
+  StandingRepair repair(base);
+  const Common<int> began;
+  const pid_t other = start_process([&] {
+    *began = -2;
+    *began = begin_as_others_do(idx_);
+  });
+  Peer peer(base);
+  ASSERT_EQ(peer([](Session& session, int, int) {
+              session.varying = false;
+              return ::isopen(session.base.c_str(), ISINPUT | ISMANULOCK);
+            }),
+            kWaits);
+  while (*began != -2) ::usleep(1000);
+  ::usleep(50000);  // until it waits
+  EXPECT_EQ(*began, -2);
+  repair.go_on();
+  EXPECT_EQ(end_of(other), 0);
+  EXPECT_EQ(*began, 0);
+  EXPECT_EQ(peer.end(), 0) << "our own library opens the new one";
+}
+
+bool is_last_look = false;
+
+// At the last look before the rename the name leads to another file.
+int stat_of_swapped(const char* path, struct stat* status) {
+  const std::string name = path;
+  if (name.ends_with("pair.idx") && std::exchange(is_last_look, false)) {
+    fs::rename(name, name + ".away");
+    write_file(name, {42});
+  }
+  return ::stat(path, status);
+}
+
+TEST_F(RepairCopy, AnotherFileOfTheNameIsNotReplaced) {
+  const Image before = damage(spoil_index);
+  const std::string base = base_;
+  EXPECT_EQ(end_of(start_process([&] {
+              ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
+              common::system_calls().stat = stat_of_swapped;
+              common::system_calls().fsync = [](int) {
+                is_last_look = true;
+                return 0;
+              };
+              checker::options.yflag = checker::options.qflag = 1;
+              checker::ckfile(base);
+            })),
+            0);
+  EXPECT_EQ(read_file(idx_), Image{42});
+  EXPECT_EQ(read_file(idx_ + ".away"), before);
+  EXPECT_EQ(others(), Names{"pair.idx.away"});
+}
+
+}  // namespace
+}  // namespace testing_support
