@@ -170,6 +170,23 @@ TEST_P(Recover, AppliesALogToRestoredFiles) {
   ::iscleanup();
 }
 
+// The report does not go into a file that has taken the place of standard output.
+TEST_P(Recover, NeedsNoStandardDescriptors) {
+  work();
+  for (const std::string closed : {" >&-", " <&- >&-", " <&- >&- 2>&-"}) {
+    SCOPED_TRACE(closed);
+    const std::string site = restored();
+    const Image log = read_file("at_kill");
+    const RunResult run = run_program(
+        {.words = {"/bin/sh", "-c", ISRECOVER_PROGRAM " -C " + site + " at_kill" + closed}});
+    EXPECT_EQ(run.status, kAll);
+    EXPECT_EQ(read_file("at_kill"), log);
+    EXPECT_EQ(faults("site/plain") + faults("site/stock"), "");
+    EXPECT_EQ(rows(open("site/stock", 0)), (Rows{row(1, 7, filler(5), 'A'), row(2, 7)}));
+    ::iscleanup();
+  }
+}
+
 TEST_P(Recover, ListsWhatIsUnfinishedBeforeAllElse) {
   Image log = {0xFB, 0x85, 0x9E, 0x78};
   const auto mark = [&](char letter, Byte process) {

@@ -1,5 +1,6 @@
 // What a repair takes, keeps and gives up when more than one thing is wrong.
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 
@@ -168,6 +169,8 @@ TEST_F(Repair, LeavesTheBytesOfHiddenPages) {
     const auto records = walk_pair(built.base).records;
     const PairEditor sound(built);
     apply(damage);
+    // Records name their pages however short the dictionary says that variable parts are.
+    EXPECT_FALSE(&damage == damages && has(run("-nq"), "\n0 index pages are used"));
     run("-yq");
     apply([&](PairEditor& pair) {
       std::size_t changed = 0;
@@ -196,23 +199,55 @@ TEST_F(Repair, LeavesTheBytesOfHiddenPages) {
   }
 }
 
+// What the last slot lacks reads as zero bytes.
+TEST_F(Repair, TakesTheEndOfADataFileAsItIs) {
+  for (const bool varying : {false, true}) {
+    make(varying);
+    const int last = built.spec.records;
+    const auto used_when_cut = [&](int behind_state) {
+      apply([&](PairEditor& pair) {
+        Byte* const state = pair.state(last);
+        *state = 0x0A;
+        std::fill(state + 1, state + (varying ? 7 : 1), Byte{0});
+        // A record that cannot be read makes absence doubtful, but not that of this one.
+        if (varying) put2(pair.state(1) + 1, -3);
+        pair.data.resize(static_cast<std::size_t>(state - pair.data.data()) + behind_state);
+      });
+      const std::string out = run("-nq");
+      int bad = 0;
+      for (std::size_t at = 0; (at = out.find("bad data record\n", at)) != out.npos; ++at) ++bad;
+      const int used = std::atoi(out.c_str() + out.find(" free -- ") + 9);
+      build_pair(built.spec, folder_ / "pair");
+      return std::pair{used, bad};
+    };
+    const auto [used, bad] = used_when_cut(varying ? 7 : 1);
+    EXPECT_EQ(bad > 0, varying);
+    EXPECT_EQ(used_when_cut(1), std::pair(used, bad));
+    EXPECT_EQ(used_when_cut(0), std::pair(used - 1, bad));
+    EXPECT_EQ(used_when_cut(-20), std::pair(used - 1, bad));
+  }
+}
+
 // The nodes of a list must hold entries; a page with bytes is no such node while there are others.
 TEST_F(Repair, PutsNoListOverHiddenPages) {
-  make(true);
-  const auto records = walk_pair(built.base).records;
-  // Unused nodes at the bottom, pages at the top, and no record that names them.
-  apply([&](PairEditor& pair) { pair.data.clear(); });
-  const Image before = read_file(folder_ / "pair.idx");
-  run("-yq");
-  PairEditor pair(built);
-  std::vector<std::int32_t> pages = built.small_pages;
-  pages.insert(pages.end(), built.big_pages.begin(), built.big_pages.end());
-  for (const std::int32_t page : pages) {
-    const auto begin = before.begin() + (page - 1) * 512;
-    EXPECT_TRUE(std::equal(begin, begin + 509, pair.node(page))) << page;
-    EXPECT_EQ(pair.node(page)[509], 0) << page;
+  for (const std::uint32_t seed : {1u, 2u, 3u, 4u}) {
+    SCOPED_TRACE(seed);
+    PairSpec spec = varying_spec(128, 60, 600, seed);
+    spec.scatter = true;
+    make(spec);
+    apply([&](PairEditor& pair) { pair.data.clear(); });
+    const PairEditor before(built);
+    run("-yq");
+    PairEditor pair(built);
+    std::vector<std::int32_t> pages = built.small_pages;
+    pages.insert(pages.end(), built.big_pages.begin(), built.big_pages.end());
+    for (const std::int32_t page : pages) {
+      const auto begin = before.index.begin() + (page - 1) * 128;
+      EXPECT_TRUE(std::equal(begin, begin + 125, pair.node(page))) << page;
+      EXPECT_EQ(pair.node(page)[125], 0) << page;
+    }
+    expect_sound();
   }
-  expect_sound();
 }
 
 // A page that is listed as a free node is not offered for variable parts as well, even if nothing

@@ -29,7 +29,6 @@ class Surroundings : public ProgramTest {
   // A command line of the shell, with the program as $KESTRO.
   RunResult shell(const std::string& command, std::vector<std::string> environment = {}) {
     environment.emplace_back("KESTRO=" KESTRO_PROGRAM);
-    environment.emplace_back("ISRECOVER=" ISRECOVER_PROGRAM);
     return run_program({.words = {"/bin/sh", "-c", command},
                         .folder = folder_.path(),
                         .environment = std::move(environment)});
@@ -53,10 +52,6 @@ TEST_F(Surroundings, MayLackDescriptors) {
               0);
     EXPECT_EQ(read_file(folder_ / "pair.idx"), pair.index);
     EXPECT_EQ(read_file(folder_ / "pair.dat"), pair.data);
-    // A log that is written to would not be the same file any more.
-    write_file(folder_ / "log", Image(100, 'x'));
-    shell("$ISRECOVER log " + closed);
-    EXPECT_EQ(read_file(folder_ / "log"), Image(100, 'x'));
   }
 }
 
