@@ -4,6 +4,7 @@
 // Gives   baddfree and badifree; the nodes of the data list marked in idxmap
 // Frees   nothing; the rebuilds do, at the operator's word
 #include <algorithm>
+#include <vector>
 
 #include "checker/checks.h"
 #include "checker/dialogue.h"
@@ -162,11 +163,13 @@ void ckifree() {
 
 namespace {
 
+// Visits the unused numbers from `highest` down until a visit answers false: whether none did.
 template <typename Visit>
-void for_each_unused(const UsageMap& in_use, std::int32_t highest, Visit visit) {
+bool for_each_unused(const UsageMap& in_use, std::int32_t highest, Visit visit) {
   for (std::int32_t n = in_use.previous_clear(highest); n > 0; n = in_use.previous_clear(n - 1)) {
-    if (!visit(n)) return;
+    if (!visit(n)) return false;
   }
+  return true;
 }
 
 bool add_to_list(std::int32_t number, isam::FreeList list) {
@@ -175,38 +178,47 @@ bool add_to_list(std::int32_t number, isam::FreeList list) {
   return false;
 }
 
+// The nodes that the list of unused ones is to stand in, where it would come to stand in storage
+// pages with bytes of records otherwise; as many of other nodes as there are. None: in its own
+// order it stands in no such page.
+std::vector<std::int32_t> heads_set_apart(std::int32_t highest) {
+  const int entries = isam::list_entries(isam::filep->idxsize);
+  std::int64_t unused = 0;
+  bool meets_page = false;
+  for_each_unused(findings.idxmap, highest, [&](std::int32_t node) {
+    if (unused++ % (entries + 1) == 0 && holds_parts(node)) meets_page = true;
+    return true;
+  });
+  std::vector<std::int32_t> heads;
+  if (!meets_page) return heads;
+  const std::int64_t needed = (unused + entries) / (entries + 1);
+  for_each_unused(findings.idxmap, highest, [&](std::int32_t node) {
+    if (!holds_parts(node)) heads.push_back(node);
+    return std::ssize(heads) < needed;
+  });
+  return heads;
+}
+
 // Frees the unused nodes below `highest`, from the top down, so that the list hands out the lowest
-// numbers first. A list's head is a cleared node: no storage page with bytes of records in it
-// becomes one before its turn as long as another node is left.
-class NodeListing {
- public:
-  explicit NodeListing(std::int32_t highest) : next_plain_(highest) { findings.idxmap2.clrmap(); }
-
-  bool add(std::int32_t node) {
-    if (findings.idxmap2.tstbit(node)) return true;  // it is a head already
-    if (room_ == 0) {
-      const std::int32_t head = holds_parts(node) ? plain_below(node) : node;
-      room_ = isam::list_entries(isam::filep->idxsize);
-      if (head == 0 || head == node) return add_to_list(node, isam::FreeList::kNodes);
-      findings.idxmap2.set_bit(head);
-      if (!add_to_list(head, isam::FreeList::kNodes)) return false;
-    }
-    --room_;
-    return add_to_list(node, isam::FreeList::kNodes);
-  }
-
- private:
-  // The next unused node without bytes of records that is not listed yet, or 0.
-  std::int32_t plain_below(std::int32_t node) {
-    const auto next_unused = [](std::int32_t n) { return findings.idxmap.previous_clear(n); };
-    next_plain_ = next_unused(std::min(next_plain_, node) - 1);
-    while (next_plain_ > 0 && holds_parts(next_plain_)) next_plain_ = next_unused(next_plain_ - 1);
-    return next_plain_;
-  }
-
-  std::int32_t next_plain_;
-  int room_ = 0;  // entries that the head still takes
-};
+// numbers first. A node freed when the list has no room becomes its head.
+void list_unused_nodes(std::int32_t highest) {
+  const std::vector<std::int32_t> heads = heads_set_apart(highest);
+  UsageMap& set_apart = findings.idxmap2;
+  set_apart.clrmap();
+  for (const std::int32_t head : heads) set_apart.set_bit(head);
+  auto next_head = heads.begin();
+  int room = 0;
+  const auto add = [](std::int32_t node) { return add_to_list(node, isam::FreeList::kNodes); };
+  const bool all = for_each_unused(findings.idxmap, highest, [&](std::int32_t node) {
+    if (set_apart.tstbit(node)) return true;
+    if (room-- > 0) return add(node);
+    room = isam::list_entries(isam::filep->idxsize);
+    if (next_head == heads.end()) return add(node);
+    --room;
+    return add(*next_head++) && add(node);
+  });
+  while (all && next_head != heads.end() && add(*next_head)) ++next_head;
+}
 
 // The parts of the file that stand at nodes which it does not hold. Numbers past `last` will be
 // given to others: nothing may go on naming them.
@@ -233,12 +245,8 @@ std::int32_t last_node_to_keep() {
 }
 
 bool pages_are_given_up() {
-  bool found = false;
-  for_each_unused(findings.idxmap, last_real_node(), [&](std::int32_t node) {
-    found = holds_parts(node);
-    return !found;
-  });
-  return found;
+  return !for_each_unused(findings.idxmap, last_real_node(),
+                          [](std::int32_t node) { return !holds_parts(node); });
 }
 
 void unmark_unused_pages() {
@@ -278,8 +286,7 @@ void makifree() {
   dictp->set_d_nextnode(highest);
   dictp->set_d_freenode(0);
   isam::dictmodify();
-  NodeListing listing{highest};
-  for_each_unused(findings.idxmap, highest, [&](std::int32_t node) { return listing.add(node); });
+  list_unused_nodes(highest);
   settle_missing_nodes(highest);
 }
 
