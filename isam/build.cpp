@@ -88,12 +88,6 @@ int lay_out(const RecordLengths& lengths, keydescr& key) {
   return 0;
 }
 
-void remove_pair(const char* name) {
-  const KeepError keep;
-  common::system_calls().unlink(mkidxname(name).c_str());
-  common::system_calls().unlink(mkdatname(name).c_str());
-}
-
 int build_lock_mode(int mode) { return issingleuser ? ISEXCLLOCK : lock_mode_of(mode); }
 
 // Takes the new pair for this open and fills it.
@@ -113,8 +107,7 @@ int set_up(OpenRecord& open, const char* name, const RecordLengths& lengths, key
   if (!txlog::logs_changes()) return isexit();
   if (txlog::islogbuild(name, lengths.maximum, key, mode) != 0) return -1;
   if (isexit() == 0) return 0;
-  const KeepError keep;
-  txlog::islogerase(name);
+  txlog::take_back_logged();
   return -1;
 }
 
@@ -151,16 +144,16 @@ int open_alone(const char* name) {
   return isfd < 0 && iserrno == kBadArgument ? isopen(name, mode + ISVARLEN) : isfd;
 }
 
-// The log learns that its opens of a file close, and then of what becomes of the file: 0, or -1
-// with 121.
-int log_erase(const FileRecord& file, const char* name) {
-  if (txflag == kNotLogging) return 0;
+// Calls `work` with each open of a file that the log knows of, up to one for which it fails: 0 or
+// -1.
+template <typename Work>
+int for_each_logged(const FileRecord& file, Work work) {
   for (int isfd = 0; isfd < nopens; ++isfd) {
     OpenRecord* const open = open_of(isfd);
     const bool known = open != nullptr && open->file == &file && (open->flags & kLogged) != 0;
-    if (known && txlog::logclose(*open) != 0) return -1;
+    if (known && work(*open) != 0) return -1;
   }
-  return txlog::islogerase(name);
+  return 0;
 }
 
 // Closes it so that its descriptors really go.
@@ -172,8 +165,33 @@ int close_for_good(int isfd) {
   return result;
 }
 
-void unlink_or_note(const std::string& path) {
-  if (common::system_calls().unlink(path.c_str()) != 0) failed_system(errno);
+bool unlink_or_note(const std::string& path) {
+  return common::system_calls().unlink(path.c_str()) == 0 || failed_system(errno) == 0;
+}
+
+// Removes the trail, which may be missing, and both files, each whether or not the others can go:
+// whether any of the pair is gone. What could not go is told by iserrno.
+bool unlink_all(const char* name, const std::string& trail) {
+  clear_errors();
+  if (!trail.empty() && !unlink_or_note(trail) && iserrno == ENOENT) clear_errors();
+  const bool index_gone = unlink_or_note(mkidxname(name));
+  return unlink_or_note(mkdatname(name)) || index_gone;
+}
+
+// The log learns that its opens of the file close, and then that the file goes: 0, or -1 with 121
+// or what kept the files from being removed.
+int log_and_unlink(const FileRecord& file, const char* name, const std::string& trail) {
+  txlog::LogHold hold;
+  if (!hold.held() || for_each_logged(file, txlog::log_closed) != 0 ||
+      txlog::islogerase(name) != 0) {
+    return -1;
+  }
+  if (!unlink_all(name, trail)) return -1;
+  hold.keep();
+  return for_each_logged(file, [](OpenRecord& open) {
+    open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
+    return 0;
+  });
 }
 
 int end_without_open() {
@@ -203,7 +221,41 @@ int move_pair(const char* from, const char* to) {
   return move_file(mkdatname(from), mkdatname(to));
 }
 
+int log_and_move(const char* from, const char* to) {
+  txlog::LogHold hold;
+  if (!hold.held() || txlog::islogrename(from, to) != 0 || move_pair(from, to) != 0) return -1;
+  hold.keep();
+  return 0;
+}
+
 }  // namespace
+
+void remove_pair(const std::string& name) {
+  const KeepError keep;
+  common::system_calls().unlink(mkidxname(name).c_str());
+  common::system_calls().unlink(mkdatname(name).c_str());
+}
+
+int move_whole_pair(const std::string& from, const std::string& to) {
+  const common::SystemCalls& calls = common::system_calls();
+  const std::string from_index = mkidxname(from);
+  const std::string to_index = mkidxname(to);
+  const std::string from_data = mkdatname(from);
+  const std::string to_data = mkdatname(to);
+  if (calls.link(from_index.c_str(), to_index.c_str()) != 0) return failed_system(errno);
+  if (calls.link(from_data.c_str(), to_data.c_str()) != 0) {
+    failed_system(errno);
+    calls.unlink(to_index.c_str());
+    return -1;
+  }
+  const bool index_moved = calls.unlink(from_index.c_str()) == 0;
+  if (index_moved && calls.unlink(from_data.c_str()) == 0) return 0;
+  failed_system(errno);
+  // Without its old name the index would be gone with the new one.
+  if (index_moved && calls.link(to_index.c_str(), from_index.c_str()) != 0) return -1;
+  remove_pair(to);
+  return -1;
+}
 
 int name_collation() {
   if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
@@ -241,16 +293,16 @@ static int erase_call(const char* name) {
     trail = txlog::audit_trail_name();
     isexit();
   }
-  const std::int32_t reason = log_erase(*open_of(isfd)->file, name) == 0 ? 0 : iserrno;
-  close_for_good(isfd);
-  if (reason != 0) {
-    failed_as(reason);
-    return end_without_open();
-  }
   clear_errors();
-  if (!trail.empty()) unlink_or_note(trail);
-  unlink_or_note(mkidxname(name));
-  unlink_or_note(mkdatname(name));
+  if (txflag == kNotLogging) {
+    unlink_all(name, trail);
+  } else {
+    log_and_unlink(*open_of(isfd)->file, name, trail);
+  }
+  const std::int32_t reason = iserrno;
+  close_for_good(isfd);
+  clear_errors();
+  if (reason != 0) failed_as(reason);
   return end_without_open();
 }
 
@@ -263,15 +315,8 @@ static int rename_call(const char* oldname, const char* newname) {
   if (ckfilname(oldname) != 0 || ckfilname(newname) != 0) return end_without_open();
   const int isfd = open_alone(oldname);
   if (isfd < 0) return end_without_open();
-  const bool logs = txflag != kNotLogging;
-  if (!logs || txlog::islogrename(oldname, newname) == 0) {
-    if (move_pair(oldname, newname) == 0) {
-      name_file(*open_of(isfd)->file, newname);
-    } else if (logs) {
-      const KeepError keep;
-      txlog::islogrename(newname, oldname);
-    }
-  }
+  const auto move = txflag == kNotLogging ? move_pair : log_and_move;
+  if (move(oldname, newname) == 0) name_file(*open_of(isfd)->file, newname);
   const std::int32_t reason = iserrno;
   isclose(isfd);
   if (reason != 0) failed_as(reason);

@@ -231,6 +231,10 @@ void give_number_back(std::int32_t number, std::int32_t highest) {
   lkrecord(number, RecordLock::kRelease);
 }
 
+void audit(txlog::AuditLetter letter, std::int32_t number, ConstBytes record) {
+  if (txlog::audoutput(letter, number, record) != 0) txlog::keep_unaudited();
+}
+
 // Whether a record that becomes shorter keeps its storage until the transaction ends.
 bool keeps_storage(ConstBytes old, ConstBytes record) {
   return record.size() < old.size() && (may_be_undone() || txlog::logstate.in_rollback);
@@ -242,8 +246,8 @@ int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
   if (txlog::logs_changes() && txlog::log_updated(number, old, record) != 0) return -1;
   if (datawrite(number, record, !keeps) != 0) return -1;
   if (keeps) openp->shortened.push_back(number);
-  txlog::audoutput(txlog::AuditLetter::kBefore, number, old);
-  txlog::audoutput(txlog::AuditLetter::kAfter, number, record);
+  audit(txlog::AuditLetter::kBefore, number, old);
+  audit(txlog::AuditLetter::kAfter, number, record);
   return 0;
 }
 
@@ -266,10 +270,22 @@ int remove_at_once(std::int32_t number, ConstBytes old) {
   return -1;
 }
 
-int remove_record(std::int32_t number, ConstBytes old) {
+int log_and_remove(std::int32_t number, ConstBytes old) {
   if (txlog::logs_changes() && txlog::log_deleted(number, old) != 0) return -1;
-  if ((may_be_undone() ? remove_for_now(number) : remove_at_once(number, old)) != 0) return -1;
-  txlog::audoutput(txlog::AuditLetter::kDeleted, number, old);
+  return may_be_undone() ? remove_for_now(number) : remove_at_once(number, old);
+}
+
+// The entry of the trail stands before the log's image, and stays whatever becomes of the deletion.
+int remove_record(std::int32_t number, ConstBytes old) {
+  const bool audited = txlog::audoutput(txlog::AuditLetter::kDeleted, number, old) == 0;
+  const std::int32_t reason = iserrno;
+  const std::int32_t place = iserrio;
+  clear_errors();
+  if (log_and_remove(number, old) != 0) return -1;
+  if (audited) return 0;
+  iserrno = reason;
+  iserrio = place;
+  txlog::keep_unaudited();
   return 0;
 }
 
@@ -291,7 +307,7 @@ std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given) {
   }
   const std::size_t added = add_items(*keys, record, number, current, position);
   if (added == keys->size() && store(number, record, given > 0) == 0) {
-    txlog::audoutput(txlog::AuditLetter::kAdded, number, record);
+    audit(txlog::AuditLetter::kAdded, number, record);
     return number;
   }
   position.stay();

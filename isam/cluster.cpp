@@ -17,6 +17,7 @@
 namespace isam {
 namespace {
 
+constexpr int kGuard = ISINOUT + ISEXCLLOCK + ISANYLENGTH;
 constexpr int kClusterFlag = 16;  // marks the description of the index that gave the order
 
 // What of the old pair the steps go by.
@@ -105,20 +106,17 @@ int fill(const Old& old, int to, const CopyOrder& order) {
   return iscurruniq(old.isfd, &id) == 0 ? issetunique(to, id) : -1;
 }
 
-// Puts the new pair in the place of the old one, which is still open so that no other process gets
-// at it meanwhile: 0, or -1 with iserrno and the old one in place.
+// Puts the new pair in the place of the old one: 0, or -1 with iserrno and the old one in place.
+// Both are open, so that no other process gets at either meanwhile.
 int swap_pairs(const Old& old, const TemporaryNames& names) {
-  const char* const name = old.name.c_str();
-  const char* const made = names.first.c_str();
-  const char* const parked = names.second.c_str();
-  int result = isrename(name, parked);
-  if (result == 0 && (result = isrename(made, name)) != 0) {
-    const KeepError keep;
-    isrename(parked, name);
+  if (move_whole_pair(old.name, names.second) != 0) return -1;
+  if (move_whole_pair(names.first, old.name) == 0) {
+    remove_pair(names.second);
+    return 0;
   }
   const KeepError keep;
-  iserase(result == 0 ? parked : made);
-  return result;
+  move_whole_pair(names.second, old.name);
+  return -1;
 }
 
 // Nothing is logged while it lives.
@@ -134,15 +132,28 @@ class Unlogged {
   int saved_ = std::exchange(txflag, kNotLogging);
 };
 
-int log_cluster(const Old& old, const keydescr& key) {
+// The log learns of the new pair, and that the old open closes: 0, or -1 with neither done.
+int log_and_swap(const Old& old, const TemporaryNames& names, const keydescr& key) {
   OpenRecord& open = *open_of(old.isfd);
-  if ((open.mode & ISNOLOG) != 0) return 0;
+  txlog::LogHold hold;
+  if (!hold.held()) return -1;
   make_current(open);
-  if (txlog::islogidx(txlog::IndexEvent::kClustered, key) != 0) return -1;
-  txlog::logclose(open);  // under its own name
+  if (txlog::islogidx(txlog::IndexEvent::kClustered, key) != 0 || txlog::log_closed(open) != 0 ||
+      swap_pairs(old, names) != 0) {
+    return -1;
+  }
+  hold.keep();
+  open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
   return 0;
 }
 
+int close_unlogged(int isfd) {
+  const Unlogged unlogged;
+  return close_in_use(*open_of(isfd));
+}
+
+// Puts a new pair in the place of the old one, whose open closes: an open of the new pair, which
+// keeps other processes off it until the caller has it open; or -1 with everything as it was.
 int cluster(const Old& old, keydescr& key) {
   const Unlogged unlogged;
   TemporaryNames names;
@@ -153,15 +164,18 @@ int cluster(const Old& old, keydescr& key) {
     discard(made, names.first);
     return -1;
   }
-  if (isclose(made) != 0 || (unlogged.was_logging() && log_cluster(old, key) != 0)) {
+  const int guard = isclose(made) == 0 ? isopen(names.first.c_str(), kGuard) : -1;
+  const bool logs = unlogged.was_logging() && (old.mode & ISNOLOG) == 0;
+  if (guard >= 0 && (logs ? log_and_swap(old, names, key) : swap_pairs(old, names)) == 0) {
+    name_file(*open_of(guard)->file, old.name);
     const KeepError keep;
-    iserase(names.first.c_str());
-    return -1;
+    isclose(old.isfd);
+    return guard;
   }
-  if (swap_pairs(old, names) != 0) return -1;
   const KeepError keep;
-  isclose(old.isfd);
-  return 0;
+  if (guard >= 0) isclose(guard);
+  iserase(names.first.c_str());
+  return -1;
 }
 
 }  // namespace
@@ -184,9 +198,15 @@ static int cluster_call(int isfd, keydescr* key) {
   if (look(isfd, *key, old) != 0) return -1;
   const int kept = std::exchange(ismaxfds, 0);
   close_idle_files();
-  const int result = cluster(old, *key);
+  const int guard = cluster(old, *key);
   ismaxfds = kept;
-  return result == 0 ? open_again(old) : end_with(iserrno);
+  if (guard < 0) return end_with(iserrno);
+  const int opened = open_again(old);
+  const KeepError keep;
+  const char status[5] = {isstat1, isstat2, isstat3, isstat4, 0};
+  close_unlogged(guard);
+  set_status(status);
+  return opened;
 }
 
 extern "C" int iscluster(int isfd, struct keydescr* key) {

@@ -118,6 +118,7 @@ enum OpenFlag : std::uint16_t {
   kHoldsRecordLocks = 0x100,
   kLogged = 0x200,    // the log knows of the open
   kUndoable = 0x800,  // its transaction has changed records through it
+  kFreesKeys = 0x1000,  // ... deleted or rewritten some, whose keys an undoing brings back
   kKept = 0x400,      // closed inside a transaction, until that ends or the file is opened again
 };
 

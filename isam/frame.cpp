@@ -10,6 +10,7 @@
 #include "isam/locks.h"
 #include "locale/collation.h"
 #include "txlog/logfile.h"
+#include "txlog/logwriter.h"
 
 namespace isam {
 
@@ -193,10 +194,10 @@ void write_changes() {
 
 // What the call has logged is withdrawn when the change was not made. An exclusive open that could
 // not write a page still has its change.
-void settle_image(bool undone) {
+void settle_logged(bool undone) {
   const bool made = !undone && (iserrno == 0 || is_alone());
-  txlog::logstate.image_logged = false;
-  if (!made) txlog::withdraw_image();
+  txlog::logstate.change_logged = false;
+  if (!made) txlog::withdraw_change();
 }
 
 // The last two characters stay as a call has set them.
@@ -258,7 +259,7 @@ int isexit() {
   openp->position = bt;
   const bool undone = iserrno != 0;
   write_changes();
-  if (txlog::logstate.image_logged) settle_image(undone);
+  if (txlog::logstate.change_logged) settle_logged(undone);
   openp->position.depth = bt.depth;
   set_status_characters();
   if (batchflag == 0 || ++batchflag >= kBatchCalls) {

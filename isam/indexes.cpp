@@ -64,6 +64,15 @@ int log_event(txlog::IndexEvent event, const keydescr& key) {
   return txlog::logs_changes() ? txlog::islogidx(event, key) : 0;
 }
 
+// Whether the open transaction may have to bring back keys of the file.
+bool frees_keys() {
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    const OpenRecord* const open = open_of(isfd);
+    if (open != nullptr && open->file == filep && (open->flags & kFreesKeys) != 0) return true;
+  }
+  return false;
+}
+
 int add_index(keydescr& key) {
   if (kylegal(key, filep->reclen) != 0) return -1;
   if (!may_compress(key)) return failed(kBadKey);
@@ -71,6 +80,7 @@ int add_index(keydescr& key) {
     if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
     key.flags = static_cast<std::int16_t>(key.flags & ~KF_COMPRESS);
   }
+  if ((key.flags & KF_DUPS) == 0 && frees_keys()) return failed(kFileInUse);
   if (kyadd(key) != 0) return failed_unless_set(kBadKey);
   const bool has_locale = dictp->d_collate();
   int result = fill_index(key);
@@ -101,6 +111,8 @@ int drop_index(keydescr& key) {
       kydelete(key) != 0) {
     return -1;
   }
+  // The index is gone, even where not all of its nodes can be freed.
+  txlog::logstate.change_logged = false;
   const int freed = btrecover(key.rootnode, key);
   const auto* keys = file_keys();
   if (keys == nullptr || freed != 0) return -1;

@@ -64,7 +64,7 @@ int adopt_dictionary() {
 }
 
 int close_open(OpenRecord& open) {
-  if (txlog::log_is_open() && (open.flags & kLogged) != 0) txlog::logclose(open);
+  static_cast<void>((open.flags & kLogged) != 0 ? txlog::logclose(open) : txlog::settle_owed());
   if ((open.flags & kHoldsSemaphore) == 0 && filep->exclusives == 0) {
     lksemaphore(Semaphore::kExclusive);
   }
@@ -279,6 +279,7 @@ bool outlives_its_close(const OpenRecord& open) {
 int close_entered(OpenRecord& open) {
   if (outlives_its_close(open)) {
     open.flags |= kKept;
+    txlog::settle_owed();
     write_delayed();  // the process may end before the transaction
     return isexit();
   }

@@ -1,6 +1,8 @@
 // opening: what opening and building a file have in common.
 #pragma once
 
+#include <string>
+
 #include "isam/current.h"
 
 namespace isam {
@@ -24,6 +26,12 @@ void advise_random(const FileRecord& file);
 
 // Notes the client locale's name in the dictionary copy: 0, or -1 with 159.
 int name_collation();
+
+// Gives a pair another name: 0, or -1 with the system's error and the pair under its old one.
+int move_whole_pair(const std::string& from, const std::string& to);
+
+// Removes both files of a pair, as far as they can go.
+void remove_pair(const std::string& name);
 
 // Writes what an open has delayed and gives its locks back: 0, or -1 when something could not be
 // written.

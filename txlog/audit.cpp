@@ -104,12 +104,17 @@ int audopen() {
   return 0;
 }
 
-void audoutput(AuditLetter letter, std::int32_t number, ConstBytes record) {
-  if (!dictp->d_audits() || (filep->flags & kAuditOpen) == 0) return;
-  if (append_entry(build_entry(letter, number, record)) == 0) return;
-  if (logstate.in_rollback) clear_errors();
+int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record) {
+  if (!dictp->d_audits() || (filep->flags & kAuditOpen) == 0) return 0;
+  if (append_entry(build_entry(letter, number, record)) == 0) return 0;
+  if (!logstate.in_rollback) return -1;
+  clear_errors();
+  return 0;
+}
+
+void keep_unaudited() {
   filep->keeps_changes = true;
-  logstate.image_logged = false;
+  logstate.change_logged = false;
 }
 
 }  // namespace isam::txlog

@@ -43,8 +43,11 @@ int set_audit_trail_name(std::string_view name);
 // anything is changed.
 int audopen();
 
-// Appends an entry when the trail is open. A failure stands in iserrno and iserrio; the change
-// itself stays.
-void audoutput(AuditLetter letter, std::int32_t number, ConstBytes record);
+// Appends an entry when the trail is open: 0, or -1 with iserrno and iserrio (in a rollback always
+// 0).
+int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record);
+
+// The change stays although its entry is missing, which the call tells.
+void keep_unaudited();
 
 }  // namespace isam::txlog

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <ctime>
 #include <new>
+#include <optional>
+#include <utility>
 
 #include "common/holders.h"
 #include "common/io.h"
@@ -21,18 +23,29 @@ LogState logstate;
 namespace {
 
 constexpr std::size_t kWindow = 65536;
-// The longest piece: a record, and up to three short ones before it.
-constexpr std::int64_t kLongestPiece = record::kGreatest + 512;
+// The longest piece: a record, an opposite that is owed, and up to three short ones.
+constexpr std::int64_t kLongestPiece = 2 * record::kGreatest + 512;
 
 std::vector<Byte> piece;   // what is being appended; kept for its memory
+std::vector<Byte> owed;    // the opposite of a change not made, which the log must have yet
 std::int64_t end_we_left;  // end of the log when this process last looked
-Link before_image;         // the chain before the image logged last
-std::size_t image_start;   // ... and where its record begins in `piece`
+
+// The record logged last, which `piece` holds to its end.
+struct LoggedLast {
+  std::int64_t offset = 0;
+  std::size_t start = 0;  // in `piece`
+  Link before;            // the chain without it
+} last;
+
+int lock_depth = 0;         // how many hold the log's lock within each other
+LogHold* holder = nullptr;  // what takes note of what is appended
 
 int write_magic(int fd) {
   Byte magic[kMagicSize];
   common::stlong(static_cast<std::int32_t>(kLogMagic), magic);
-  return common::write_at(fd, magic, 0) == 0 ? 0 : failed(kLogWrite);
+  if (common::write_at(fd, magic, 0) == 0) return 0;
+  common::cut_file(fd, 0);  // a part of it would be no log, for ever
+  return failed(kLogWrite);
 }
 
 int check_magic(int fd) {
@@ -82,14 +95,24 @@ std::int64_t end_of_log() {
   return common::cut_file(logstate.fd, whole) == 0 ? whole : -1;
 }
 
+bool lock_log() {
+  if (lock_depth == 0 && lkloglog(true) != 0) return false;
+  ++lock_depth;
+  return true;
+}
+
+void unlock_log() {
+  const KeepError keep;
+  if (--lock_depth == 0) lkloglog(false);
+}
+
 class LogLock {
  public:
-  LogLock() : held_(lkloglog(true) == 0) {}
+  LogLock() : held_(lock_log()) {}
   LogLock(const LogLock&) = delete;
   LogLock& operator=(const LogLock&) = delete;
   ~LogLock() {
-    const KeepError keep;
-    if (held_) lkloglog(false);
+    if (held_) unlock_log();
   }
   [[nodiscard]] bool held() const { return held_; }
 
@@ -118,22 +141,75 @@ void stamp(std::size_t at, Link previous, std::int32_t time) {
   stamp_record(&piece[at], logstate.process, logstate.user, time, previous);
 }
 
-// Starts a piece with what goes before the record itself: how long that is.
-std::size_t lead_in(bool owes, bool begins, const OpenRecord* opened) {
+// What must go before a record about `open`, which may be null.
+LeadIn lead_in_for(OpenRecord* open) {
+  const bool is_new = open != nullptr && (open->flags & kLogged) == 0;
+  return {.opposite = !owed.empty(),
+          .rollback = logstate.owes_rollback,
+          .begin = logstate.begin == Begin::kPending,
+          .opens = is_new ? open : nullptr};
+}
+
+// Starts a piece with its lead-in: how long that is.
+std::size_t start_piece(const LeadIn& lead) {
   piece.clear();
-  if (owes) static_cast<void>(RecordBuilder{piece, LogType::kRollback}.finish());
-  if (begins) static_cast<void>(RecordBuilder{piece, LogType::kBegin}.finish());
-  if (opened != nullptr) {
+  if (lead.opposite) piece = owed;
+  if (lead.rollback) static_cast<void>(RecordBuilder{piece, LogType::kRollback}.finish());
+  if (lead.begin) static_cast<void>(RecordBuilder{piece, LogType::kBegin}.finish());
+  if (lead.opens != nullptr) {
     RecordBuilder builder{piece, LogType::kOpened};
-    builder.put_word(isfd_of(*opened));
-    builder.put_word(opened->file->varlen ? 1 : 0);
-    builder.put_name(opened->file->name);
+    builder.put_word(isfd_of(*lead.opens));
+    builder.put_word(lead.opens->file->varlen ? 1 : 0);
+    builder.put_name(lead.opens->file->name);
     static_cast<void>(builder.finish());
   }
   return piece.size();
 }
 
 int length_at(std::size_t at) { return common::ldword(&piece[at + record::kLength]); }
+
+// Appends a piece, whose records are stamped one after the other: where it begins, or -1 with 121.
+// `linked` tells of the record behind the lead-in, if there is one.
+std::int64_t append_piece(const LeadIn& lead, std::optional<Linked> linked) {
+  Link chain = logstate.last;
+  const std::int64_t begin = append([&](std::int64_t at) {
+    const std::int32_t time = now();
+    std::size_t here = 0;
+    const auto stamp_next = [&](Link previous) {
+      stamp(here, previous, time);
+      here += static_cast<std::size_t>(length_at(here));
+    };
+    const auto stamp_linked = [&] {
+      const Link itself{at + static_cast<std::int64_t>(here), length_at(here)};
+      stamp_next(std::exchange(chain, itself));
+    };
+    // Linked as its image was, though not part of the chain: how the transaction ends decides about
+    // both alike.
+    if (lead.opposite) stamp_next(LogRecord{owed}.previous());
+    if (lead.rollback) stamp_linked();
+    if (lead.begin) stamp_linked();
+    if (lead.opens != nullptr) stamp_next({});
+    if (!linked) return;
+    last = {.offset = at + static_cast<std::int64_t>(here), .start = here, .before = chain};
+    if (*linked == Linked::kYes) {
+      stamp_linked();
+    } else {
+      stamp_next({});
+    }
+  });
+  if (begin < 0) return -1;
+  logstate.last = chain;
+  owed.clear();
+  logstate.owes_rollback = false;
+  if (lead.begin) logstate.begin = Begin::kWritten;
+  if (lead.opens != nullptr) lead.opens->flags |= kLogged;
+  return begin;
+}
+
+void forget_all() {
+  logstate = LogState{};
+  owed.clear();
+}
 
 }  // namespace
 
@@ -146,7 +222,7 @@ int open_log(const char* path) {
   if (!fd) return failed(kLogOpen);
   const std::int64_t size = common::file_size(fd.get());
   if ((size == 0 ? write_magic(fd.get()) : check_magic(fd.get())) != 0) return -1;
-  logstate = LogState{};
+  forget_all();
   logstate.fd = fd.release();
   logstate.process = ::getpid();
   logstate.user = static_cast<int>(::getuid() & 0xFFFF);
@@ -157,7 +233,7 @@ int open_log(const char* path) {
 int close_log() {
   if (!log_is_open()) return failed(kNotOpen);
   const int fd = logstate.fd;
-  logstate = LogState{};
+  forget_all();
   return common::system_calls().close(fd) == 0 ? 0 : failed_system(errno);
 }
 
@@ -166,50 +242,54 @@ int sync_log() { return ::fdatasync(logstate.fd) == 0 ? 0 : failed_system(errno)
 int lkloglog(bool take) { return lock_whole_file(logstate.fd, take); }
 
 LogPiece::LogPiece(OpenRecord* open, LogType type, Linked linked)
-    : owes_(logstate.owes_rollback),
-      begins_(logstate.begin == Begin::kPending),
-      opens_(open != nullptr && (open->flags & kLogged) == 0),
-      linked_(linked),
-      open_(open),
-      start_(lead_in(owes_, begins_, opens_ ? open : nullptr)),
-      record_(piece, type) {}
+    : lead_(lead_in_for(open)), linked_(linked), start_(start_piece(lead_)), record_(piece, type) {}
 
 int LogPiece::writelog() {
   if (!record_.finish()) return failed(kLogWrite);
-  Link chain = logstate.last;
-  const std::int64_t end = append([&](std::int64_t at) {
-    const std::int32_t time = now();
-    std::size_t here = 0;
-    const auto stamp_next = [&](Linked linked) {
-      const bool chained = linked == Linked::kYes;
-      stamp(here, chained ? chain : Link{}, time);
-      if (chained) chain = {at + static_cast<std::int64_t>(here), length_at(here)};
-      here += static_cast<std::size_t>(length_at(here));
-    };
-    if (owes_) stamp_next(Linked::kYes);
-    if (begins_) stamp_next(Linked::kYes);
-    if (opens_) stamp_next(Linked::kNo);
-    before_image = chain;
-    stamp_next(linked_);
-  });
-  if (end < 0) return -1;
-  image_start = start_;
-  logstate.last = chain;
-  logstate.owes_rollback = false;
-  if (begins_) logstate.begin = Begin::kWritten;
-  if (opens_) open_->flags |= kLogged;
+  const std::int64_t begin = append_piece(lead_, linked_);
+  if (begin < 0) return -1;
+  if (holder != nullptr && holder->start_ == LogHold::kNothing) {
+    holder->start_ = begin + static_cast<std::int64_t>(start_);
+  }
   return 0;
 }
 
-void withdraw_image() {
-  logstate.image_logged = false;
+int settle_owed() {
+  const LeadIn lead{.opposite = !owed.empty(), .rollback = logstate.owes_rollback};
+  if (!lead.opposite && !lead.rollback) return 0;
+  start_piece(lead);
+  return append_piece(lead, std::nullopt) < 0 ? -1 : 0;
+}
+
+void take_back_logged() {
   const KeepError keep;
-  piece.erase(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(image_start));
-  invert_image(piece);
+  const LogLock lock;
+  logstate.last = last.before;
+  piece.erase(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(last.start));
+  const std::int64_t end = last.offset + static_cast<std::int64_t>(piece.size());
+  if (lock.held() && ::lseek(logstate.fd, 0, SEEK_END) == end &&
+      common::cut_file(logstate.fd, last.offset) == 0) {
+    end_we_left = last.offset;
+    return;
+  }
+  if (!make_opposite(piece)) return;
   const Link previous = LogRecord{piece}.previous();
-  // Linked like the image itself, though not part of the chain: how the transaction ends decides
-  // about both alike.
-  if (append([&](std::int64_t) { stamp(0, previous, now()); }) >= 0) logstate.last = before_image;
+  if (append([&](std::int64_t) { stamp(0, previous, now()); }) < 0) owed.swap(piece);
+}
+
+LogHold::LogHold() : held_(lock_log()) {
+  if (held_) {
+    holder = this;
+  } else {
+    failed(kLogWrite);
+  }
+}
+
+LogHold::~LogHold() {
+  if (!held_) return;
+  holder = nullptr;
+  if (start_ != kNothing && common::cut_file(logstate.fd, start_) == 0) end_we_left = start_;
+  unlock_log();
 }
 
 bool LogWindow::holds(std::int64_t offset, std::size_t length) const {

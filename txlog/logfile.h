@@ -7,9 +7,12 @@
 //         T2 a piece that could not be written whole is taken off again: the log ends with a whole
 //            record, and this process's chain is as it was
 //         T3 what a killed process left of a record at the end of the log is cut off before
-//         anything
-//            is appended
-// Gives   appending (`LogPiece`) and reading (`LogWindow`)
+//            anything is appended
+//         T4 what is logged of a change that is not made after all is taken off again, or its
+//            opposite is this process's next record: as long as that cannot be written, nothing
+//            else of the process can
+// Gives   appending (`LogPiece`), taking back (`take_back_logged`, `LogHold`) and reading
+//         (`LogWindow`)
 #pragma once
 
 #include <sys/types.h>
@@ -36,7 +39,8 @@ struct LogState {
   int user = 0;
   bool is_suspended = false;
   int suspended = kNotLogging;  // txflag before it was suspended
-  bool image_logged = false;    // the current call has logged the image of a change
+  bool change_logged = false;   // the current call has logged a change that may yet fail
+  std::uint16_t flags_before = 0;  // ... and what the flags of its open were
 };
 extern LogState logstate;
 
@@ -61,8 +65,16 @@ int lkloglog(bool take);
 
 enum class Linked : bool { kNo, kYes };
 
-// What one call appends to the log: a rollback mark that is owed, the begin mark if it is due, the
-// file-open record of the open if the log does not have it, and the record itself.
+// What stands before the record itself in a piece.
+struct LeadIn {
+  bool opposite = false;        // that is owed
+  bool rollback = false;        // mark that is owed
+  bool begin = false;           // mark that is due
+  OpenRecord* opens = nullptr;  // of which the log has no file-open record
+};
+
+// What one call appends to the log: what is owed, the begin mark if it is due, the file-open record
+// of the open if the log does not have it, and the record itself.
 class LogPiece {
  public:
   // `open` may be null: then the record is about no open file.
@@ -73,18 +85,41 @@ class LogPiece {
   int writelog();
 
  private:
-  bool owes_;
-  bool begins_;
-  bool opens_;
+  LeadIn lead_;
   Linked linked_;
-  OpenRecord* open_;
   std::size_t start_;  // of the record itself
   RecordBuilder record_;
 };
 
-// Takes the image logged last back, for the change was not made after all: its opposite is logged
-// behind it, and a rollback passes both by.
-void withdraw_image();
+// Takes the record logged last back, for what it tells was not done after all. As long as nobody
+// has logged anything behind it it is cut off, else its opposite is logged: a rollback passes both
+// by. An opposite that cannot be logged is owed.
+void take_back_logged();
+
+// Writes what is owed, if anything is: 0, or -1 with 121.
+int settle_owed();
+
+// The log for as long as it lives: nobody else appends anything, and what this process appends is
+// cut off at the end, unless it is kept. For what must be logged before it is done and cannot be
+// told to have failed by another record.
+class LogHold {
+ public:
+  LogHold();
+  LogHold(const LogHold&) = delete;
+  LogHold& operator=(const LogHold&) = delete;
+  ~LogHold();
+
+  // Whether the lock was had; false with 121.
+  [[nodiscard]] bool held() const { return held_; }
+  void keep() { start_ = kNothing; }
+
+ private:
+  friend class LogPiece;
+  static constexpr std::int64_t kNothing = -1;
+
+  bool held_;
+  std::int64_t start_ = kNothing;  // of the first record appended, without its lead-in
+};
 
 // Reads a log piece by piece through one buffer.
 class LogWindow {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string>
 
 #include "isam/errors.h"
 
@@ -156,24 +157,56 @@ void stamp_record(Byte* at, std::int32_t process, int user, std::int32_t time, L
   common::stword(static_cast<std::uint32_t>(previous.length), at + record::kPreviousLength);
 }
 
-void invert_image(Bytes bytes) {
-  const LogRecord image{bytes};
-  switch (image.type()) {
+namespace {
+
+void set_letters(std::vector<Byte>& bytes, LogType type) {
+  std::memcpy(&bytes[record::kType], letters_of(type), 2);
+}
+
+void exchange_images(std::vector<Byte>& update) {
+  Byte* const lengths = &update[record::kPayload + 6];
+  const auto old_length = common::ldword(lengths);
+  const auto new_length = common::ldword(lengths + 2);
+  common::stword(new_length, lengths);
+  common::stword(old_length, lengths + 2);
+  Byte* const images = lengths + 4;
+  std::rotate(images, images + old_length, images + old_length + new_length);
+}
+
+void make_erasure(std::vector<Byte>& built) {
+  const std::string name{LogRecord{built}.built()->name};
+  const Link previous = LogRecord{built}.previous();
+  built.clear();
+  RecordBuilder erased{built, LogType::kErased};
+  erased.put_name(name);
+  static_cast<void>(erased.finish());
+  stamp_record(built.data(), 0, 0, 0, previous);
+}
+
+}  // namespace
+
+bool make_opposite(std::vector<Byte>& bytes) {
+  switch (LogRecord{bytes}.type()) {
     case LogType::kDelete:
-      std::memcpy(&bytes[record::kType], letters_of(LogType::kInsert), 2);
-      break;
+      set_letters(bytes, LogType::kInsert);
+      return true;
     case LogType::kInsert:
-      std::memcpy(&bytes[record::kType], letters_of(LogType::kDelete), 2);
-      break;
-    default: {
-      Byte* const lengths = &bytes[record::kPayload + 6];
-      const auto old_length = common::ldword(lengths);
-      const auto new_length = common::ldword(lengths + 2);
-      common::stword(new_length, lengths);
-      common::stword(old_length, lengths + 2);
-      Byte* const images = lengths + 4;
-      std::rotate(images, images + old_length, images + old_length + new_length);
-    }
+      set_letters(bytes, LogType::kDelete);
+      return true;
+    case LogType::kUpdate:
+      exchange_images(bytes);
+      return true;
+    case LogType::kIndexAdded:
+      set_letters(bytes, LogType::kIndexDropped);
+      return true;
+    case LogType::kIndexDropped:
+      set_letters(bytes, LogType::kIndexAdded);
+      return true;
+    case LogType::kBuilt:
+      make_erasure(bytes);
+      return true;
+    default:
+      return false;
   }
 }
 

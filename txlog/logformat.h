@@ -132,9 +132,10 @@ struct UniqueId {
   std::optional<std::int32_t> id;
 };
 
-// Makes the image of a change that of its opposite: an insertion of a deletion and the other way
-// round, a rewrite one back. `bytes` is a whole record as built.
-void invert_image(Bytes bytes);
+// Makes a whole record one of the opposite change, with the same link: an insertion of a deletion
+// and the other way round, a rewrite back, an index dropped of one added, a file erased of one
+// built. False for what has no opposite.
+[[nodiscard]] bool make_opposite(std::vector<Byte>& bytes);
 
 // A view of one whole record.
 class LogRecord {

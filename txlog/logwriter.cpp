@@ -11,6 +11,14 @@ int length_of(ConstBytes image) { return static_cast<int>(image.size()); }
 // Images are linked in transaction mode: then a rollback undoes the change.
 Linked linked_as_open() { return (openp->mode & ISTRANS) != 0 ? Linked::kYes : Linked::kNo; }
 
+// The current call has logged a change.
+int may_fail_yet(int result) {
+  if (result != 0) return result;
+  logstate.change_logged = true;
+  logstate.flags_before = openp->flags;
+  return 0;
+}
+
 // Puts an image together from its parts and appends it.
 int iswimage(LogType type, std::int32_t number, ConstBytes old, ConstBytes record) {
   LogPiece piece{openp, type, linked_as_open()};
@@ -21,9 +29,9 @@ int iswimage(LogType type, std::int32_t number, ConstBytes old, ConstBytes recor
   if (type != LogType::kDelete) builder.put_word(length_of(record));
   builder.put_bytes(old);
   builder.put_bytes(record);
-  if (piece.writelog() != 0) return -1;
-  logstate.image_logged = true;
+  if (may_fail_yet(piece.writelog()) != 0) return -1;
   if (may_be_undone()) openp->flags |= kUndoable;
+  if (may_be_undone() && type != LogType::kInsert) openp->flags |= kFreesKeys;
   return 0;
 }
 
@@ -48,14 +56,15 @@ int islogidx(IndexEvent event, const keydescr& key) {
   LogPiece piece{openp, type, Linked::kNo};
   piece.record().put_word(isfd_of(*openp));
   piece.record().put_key(key);
-  return piece.writelog();
+  const int result = piece.writelog();
+  return event == IndexEvent::kClustered ? result : may_fail_yet(result);
 }
 
 int isloguid(std::int32_t value, bool set) {
   LogPiece piece{openp, set ? LogType::kUniqueSet : LogType::kUniqueTaken, Linked::kNo};
   piece.record().put_word(isfd_of(*openp));
   piece.record().put_long(value);
-  return piece.writelog();
+  return may_fail_yet(piece.writelog());
 }
 
 int islogbuild(std::string_view name, int reclen, const keydescr& key, int mode) {
@@ -85,15 +94,27 @@ int islogrename(std::string_view from, std::string_view to) {
   return piece.writelog();
 }
 
-int logclose(OpenRecord& open) {
+int log_closed(OpenRecord& open) {
   LogPiece piece{&open, LogType::kClosed, Linked::kNo};
   RecordBuilder& builder = piece.record();
   builder.put_word(isfd_of(open));
   builder.put_word(open.file->varlen ? 1 : 0);
   builder.put_name(open.file->name);
-  if (piece.writelog() != 0) return -1;
+  return piece.writelog();
+}
+
+int logclose(OpenRecord& open) {
+  if (log_closed(open) != 0) return -1;
   open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
   return 0;
+}
+
+void withdraw_change() {
+  logstate.change_logged = false;
+  constexpr int kOfChanges = kUndoable | kFreesKeys;
+  openp->flags = static_cast<std::uint16_t>((openp->flags & ~kOfChanges) |
+                                            (logstate.flags_before & kOfChanges));
+  take_back_logged();
 }
 
 int log_end(LogType mark) { return LogPiece{nullptr, mark, Linked::kYes}.writelog(); }

@@ -28,6 +28,12 @@ int islogrename(std::string_view from, std::string_view to);
 
 // The close of an open that the log knows of; from now on the log does not know it.
 int logclose(OpenRecord& open);
+// The same while the log is held: whether the open closes is not sure yet, and it stays known.
+int log_closed(OpenRecord& open);
+
+// What the current call has logged through the current open is taken back: it was not done.
+void withdraw_change();
+
 // The mark that ends this process's transaction: kCommit or kRollback.
 int log_end(LogType mark);
 

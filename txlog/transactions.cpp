@@ -31,7 +31,7 @@ bool commits_wait_for_disk() {
   return wait;
 }
 
-// Logs that the transaction ends, and which opens close with it: 0, or -1 with 121.
+// Logs that the transaction ends, which opens close with it, and what is owed: 0, or -1 with 121.
 int mark_end(LogType mark) {
   int result = 0;
   for_each_open([&](OpenRecord& open) {
@@ -39,7 +39,8 @@ int mark_end(LogType mark) {
     if (result == 0 && (open.flags & kClosing) == kClosing) result = logclose(open);
   });
   if (result != 0) return -1;
-  if (logstate.begin == Begin::kWritten && log_end(mark) != 0) return -1;
+  const bool marks = logstate.begin == Begin::kWritten;
+  if ((marks ? log_end(mark) : settle_owed()) != 0) return -1;
   logstate.begin = Begin::kNone;
   return 0;
 }
@@ -66,7 +67,7 @@ void free_kept_storage(OpenRecord& open, bool commits) {
 // What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
 int settle(OpenRecord& open, bool commits) {
   isbatch(2);  // what another open holds in batch mode goes before this one becomes current
-  open.flags = static_cast<std::uint16_t>(open.flags & ~kUndoable);
+  open.flags = static_cast<std::uint16_t>(open.flags & ~(kUndoable | kFreesKeys));
   open.file->keeps_locks = false;
   if (has_pending(open)) {
     if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
@@ -240,10 +241,7 @@ int close_call() {
   isresumlog();
   FirstFailure failure;
   if (txflag == kInTransaction) failure.note(isrollback());
-  if (logstate.owes_rollback) {
-    logstate.owes_rollback = false;
-    failure.note(log_end(LogType::kRollback));
-  }
+  failure.note(settle_owed());
   failure.note(leave_log());
   if (failure.tell() == 0) return 0;
   set_status("9090");
