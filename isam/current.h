@@ -116,10 +116,10 @@ enum OpenFlag : std::uint16_t {
   kHoldsFileLock = 0x20,
   kHoldsSemaphore = 64,
   kHoldsRecordLocks = 0x100,
-  kLogged = 0x200,    // the log knows of the open
-  kUndoable = 0x800,  // its transaction has changed records through it
+  kLogged = 0x200,      // the log knows of the open
+  kUndoable = 0x800,    // its transaction has changed records through it
   kFreesKeys = 0x1000,  // ... deleted or rewritten some, whose keys an undoing brings back
-  kKept = 0x400,      // closed inside a transaction, until that ends or the file is opened again
+  kKept = 0x400,        // closed inside a transaction, until that ends or the file is opened again
 };
 
 // One open of a pair.

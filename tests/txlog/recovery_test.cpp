@@ -387,13 +387,15 @@ TEST_P(HandMadeLogs, StopAtLengthsThatDiffer) {
   }
 }
 
-// Fails the second time that the pair is opened.
-int opens_of_pair = 0;
-int open_or_fail(const char* path, int flags, mode_t permissions) {
+// Fails to look at the pair for once after it got its name back.
+bool pair_is_back = false;
+int link_and_tell(const char* from, const char* to) {
+  pair_is_back = std::string_view(to) == "pair.idx";
+  return ::link(from, to);
+}
+int stat_or_fail(const char* path, struct stat* status) {
   errno = EIO;
-  return std::string_view(path) == "pair.idx" && ++opens_of_pair == 2
-             ? -1
-             : ::open(path, flags, permissions);
+  return std::exchange(pair_is_back, false) ? -1 : ::stat(path, status);
 }
 
 // When the pair cannot be opened after it was clustered, its number is given to the next one.
@@ -410,9 +412,11 @@ TEST_P(HandMadeLogs, OpenAPairAgainThatTheyLostWhenItWasClustered) {
   log_.image(LogType::kInsert, 7, 3, 2, row(2, 0), false);
   log_.image(LogType::kInsert, 7, 4, 1, row(3, 0), false);
   log_.save();
-  const auto system_open = std::exchange(common::system_calls().open, open_or_fail);
+  const auto system = common::system_calls();
+  common::system_calls().link = link_and_tell;
+  common::system_calls().stat = stat_or_fail;
   EXPECT_EQ(replay(RCV_SKIP), 0) << iserrno;
-  common::system_calls().open = system_open;
+  common::system_calls() = system;
   EXPECT_EQ(messages(), std::vector<std::string>{"5 cluster index redo problem"});
   EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(2, 0)}));
   EXPECT_EQ(rows_of("second"), Rows{row(3, 0)});
