@@ -390,7 +390,7 @@ TEST_P(HandMadeLogs, StopAtLengthsThatDiffer) {
 // Fails to look at the pair for once after it got its name back.
 bool pair_is_back = false;
 int link_and_tell(const char* from, const char* to) {
-  pair_is_back = std::string_view(to) == "pair.idx";
+  pair_is_back |= std::string_view(to) == "pair.idx";
   return ::link(from, to);
 }
 int stat_or_fail(const char* path, struct stat* status) {
