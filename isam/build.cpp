@@ -156,13 +156,11 @@ int for_each_logged(const FileRecord& file, Work work) {
   return 0;
 }
 
-// Closes it so that its descriptors really go.
-int close_for_good(int isfd) {
+// Closes it, and its descriptors with it unless other opens use them.
+void close_for_real(int isfd) {
   const int kept = std::exchange(ismaxfds, 0);
-  open_of(isfd)->file->flags |= kNotShared;
-  const int result = isclose(isfd);
+  isclose(isfd);
   ismaxfds = kept;
-  return result;
 }
 
 bool unlink_or_note(const std::string& path) {
@@ -178,20 +176,20 @@ bool unlink_all(const char* name, const std::string& trail) {
   return unlink_or_note(mkdatname(name)) || index_gone;
 }
 
-// The log learns that its opens of the file close, and then that the file goes: 0, or -1 with 121
-// or what kept the files from being removed.
-int log_and_unlink(const FileRecord& file, const char* name, const std::string& trail) {
+// The log learns that its opens of the file close, and then that the file goes: whether any of it
+// is gone, as above; false with 121 also.
+bool log_and_unlink(const FileRecord& file, const char* name, const std::string& trail) {
   txlog::LogHold hold;
   if (!hold.held() || for_each_logged(file, txlog::log_closed) != 0 ||
-      txlog::islogerase(name) != 0) {
-    return -1;
+      txlog::islogerase(name) != 0 || !unlink_all(name, trail)) {
+    return false;
   }
-  if (!unlink_all(name, trail)) return -1;
   hold.keep();
-  return for_each_logged(file, [](OpenRecord& open) {
+  static_cast<void>(for_each_logged(file, [](OpenRecord& open) {
     open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
     return 0;
-  });
+  }));
+  return true;
 }
 
 int end_without_open() {
@@ -294,13 +292,12 @@ static int erase_call(const char* name) {
     isexit();
   }
   clear_errors();
-  if (txflag == kNotLogging) {
-    unlink_all(name, trail);
-  } else {
-    log_and_unlink(*open_of(isfd)->file, name, trail);
-  }
+  FileRecord& file = *open_of(isfd)->file;
+  const bool gone =
+      txflag == kNotLogging ? unlink_all(name, trail) : log_and_unlink(file, name, trail);
   const std::int32_t reason = iserrno;
-  close_for_good(isfd);
+  if (gone) file.flags |= kNotShared;
+  close_for_real(isfd);
   clear_errors();
   if (reason != 0) failed_as(reason);
   return end_without_open();

@@ -7,7 +7,6 @@
 #include <cstring>
 #include <functional>
 
-#include "common/io.h"
 #include "tests/txlog/log_fixture.h"
 
 namespace testing_support {
@@ -444,76 +443,6 @@ TEST_P(Transactions, KeepWhatTheyChangeLocked) {
   EXPECT_TRUE(locked(4));
   ASSERT_EQ(::iscommit(), 0);
   for (int id = 1; id <= 4; ++id) EXPECT_FALSE(locked(id)) << id;
-}
-
-// The system's write. It fails half way when the log's turn to fail has come, and where it would
-// make a file of a pair longer.
-ino_t log_inode = 0;
-int log_writes_left = 0;
-bool disk_is_full = false;
-
-ssize_t failing_write(int fd, const void* from, std::size_t count, off_t offset) {
-  struct stat status {};
-  ::fstat(fd, &status);
-  const bool is_log = status.st_ino == log_inode;
-  errno = ENOSPC;
-  if (is_log && log_writes_left-- == 0) {
-    disk_is_full = true;
-    return ::pwrite(fd, from, count / 2, offset);
-  }
-  if (is_log && disk_is_full) {
-    disk_is_full = false;
-    errno = ENOSPC;
-    return -1;
-  }
-  if (!is_log && log_writes_left < 0 && offset + static_cast<off_t>(count) > status.st_size) {
-    return -1;
-  }
-  return ::pwrite(fd, from, count, offset);
-}
-
-// Whichever write of a changing call fails, the log and the files tell the same afterwards.
-TEST_P(Transactions, AgreeWithTheLogAfterAFailedWrite) {
-  struct stat status {};
-  ASSERT_EQ(::stat("log", &status), 0);
-  log_inode = status.st_ino;
-  keep_copy();
-  for (int id = 1; id <= 5; ++id) ASSERT_EQ(write(isfd_, row(id, id, filler(600))), 0);
-  auto& write_call = common::system_calls().pwrite;
-  int log_failures = 0;
-  int disk_failures = 0;
-  const auto count = [&](int result) {
-    if (result == 0) return;
-    ++(iserrno == ISELOGWRITE ? log_failures : disk_failures);
-  };
-  for (int round = 0; round < 60; ++round) {
-    write_call = failing_write;
-    log_writes_left = round % 6;
-    const int id = 10 + round;
-    const bool inside = round % 2 == 1;
-    if (inside) ::isbegin();
-    count(write(isfd_, row(id, 3, filler(900))));
-    count(rewrite(isfd_, row(1 + round % 5, id, filler(round * 40))));
-    if (round % 3 == 0) count(erase(isfd_, id));
-    if (inside && round % 4 == 3) {
-      while (::iscommit() != 0 && iserrno == ISELOGWRITE) ++log_failures;
-    }
-    write_call = ::pwrite;
-    if (inside && round % 4 == 1) {
-      EXPECT_EQ(::isrollback(), 0) << iserrno;
-    }
-  }
-  EXPECT_GT(log_failures, 5);
-  EXPECT_GT(disk_failures, 5);
-  const Rows expected = rows(isfd_);
-  ::iscleanup();
-  EXPECT_EQ(faults("pair"), "");
-  ::islogclose();
-  restore_copy();
-  ASSERT_EQ(::islogopen("log"), 0);
-  ASSERT_EQ(::isrecover(), 0) << iserrno;
-  isfd_ = open("pair", 0);
-  EXPECT_TRUE(rows(isfd_) == expected);
 }
 
 }  // namespace

@@ -1,0 +1,386 @@
+// What the log tells of changes that were not made, because something could not be written, linked
+// or removed: nothing, as a recovery over the copied files shows.
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <functional>
+#include <set>
+#include <utility>
+
+#include "common/io.h"
+#include "tests/txlog/log_fixture.h"
+#include "txlog/logformat.h"
+
+namespace testing_support {
+namespace {
+
+enum class Fails {
+  kThis,
+  kThisOn,
+  kBehind
+};  // one write of the log, all from it on, all behind it
+
+// The disk as the library meets it.
+struct Disk {
+  int turn = -1;  // the write of the log that counts, from 0; below 0 none
+  Fails fails = Fails::kThis;
+  bool stays = false;      // full, also in later calls
+  bool stranger = false;   // another process appends something right behind that write
+  std::int64_t room = -1;  // bytes by which files may still grow; below 0 any
+  int moves = -1;          // the link or removal that fails, from 0, and if it stays all behind it
+  ino_t log = 0;
+  bool full = false;
+  bool pairs_too = true;
+  int refused = 0;
+} disk;
+
+void append_as_stranger() {
+  std::vector<Byte> record;
+  EXPECT_TRUE((isam::txlog::RecordBuilder{record, isam::txlog::LogType::kBegin}.finish()));
+  isam::txlog::stamp_record(record.data(), 1, 1, 1, {});
+  std::ofstream log{"log", std::ios::app | std::ios::binary};
+  log.write(reinterpret_cast<const char*>(record.data()),
+            static_cast<std::streamsize>(record.size()));
+}
+
+int refuse(int reason) {
+  ++disk.refused;
+  errno = reason;
+  return -1;
+}
+
+ssize_t write_to_disk(int fd, const void* from, std::size_t count, off_t offset) {
+  struct stat status {};
+  ::fstat(fd, &status);
+  const bool is_log = status.st_ino == disk.log;
+  const std::int64_t growth = offset + static_cast<off_t>(count) - status.st_size;
+  if (disk.room >= 0 && growth > disk.room) return refuse(ENOSPC);
+  if (disk.room >= 0 && growth > 0) disk.room -= growth;
+  const bool counts = is_log && disk.turn-- == 0;
+  const bool was_full = disk.full && (is_log || disk.pairs_too);
+  if (counts) disk.full = disk.fails != Fails::kThis;
+  if (was_full || (counts && disk.fails != Fails::kBehind)) {
+    if (is_log && ::pwrite(fd, from, count / 2, offset) < 0) return -1;
+    return refuse(ENOSPC);
+  }
+  const ssize_t written = ::pwrite(fd, from, count, offset);
+  if (counts && disk.stranger) append_as_stranger();
+  return written;
+}
+
+// Whether the link or removal that comes now fails.
+bool stands_still() {
+  if (disk.moves != 0 || !disk.stays) return disk.moves-- == 0;
+  return true;
+}
+int link_on_disk(const char* from, const char* to) {
+  return stands_still() ? refuse(EPERM) : ::link(from, to);
+}
+int unlink_on_disk(const char* path) { return stands_still() ? refuse(EACCES) : ::unlink(path); }
+
+class FailedWrites : public LogTest {
+ protected:
+  FailedWrites() {
+    for (const char* name : {"pair", "second"}) {
+      const int isfd = build(name, 0);
+      for (int id = 1; id <= 12; ++id) EXPECT_EQ(write(isfd, row(id, id % 3, filler(id * 60))), 0);
+      ::isclose(isfd);
+    }
+  }
+  ~FailedWrites() override { common::system_calls() = system_; }
+
+  // Everything begins anew: the pairs from the copy, an empty log.
+  void begin(const Disk& how) {
+    ::iscleanup();
+    if (copied_) restore_copy();
+    if (!std::exchange(copied_, true)) keep_copy();
+    std::ofstream{"log"};
+    EXPECT_EQ(::islogopen("log"), 0);
+    isfd_ = open("pair");
+    disk = how;
+    struct stat status {};
+    ::stat("log", &status);
+    disk.log = status.st_ino;
+    common::system_calls().pwrite = write_to_disk;
+    common::system_calls().link = link_on_disk;
+    common::system_calls().unlink = unlink_on_disk;
+  }
+  void disk_has_room() { common::system_calls() = system_; }
+
+  // What every pair of the folder holds, by number, and how many indexes. Half a pair is none.
+  static std::map<std::string, std::string> contents() {
+    std::map<std::string, std::string> all;
+    for (const auto& entry : std::filesystem::directory_iterator(".")) {
+      if (entry.path().extension() != ".idx") continue;
+      const std::string name = entry.path().stem();
+      if (!std::filesystem::exists(name + ".dat")) continue;
+      std::string record(kMaximum, 0);
+      keydescr by_number{};
+      dictinfo info{};
+      const int isfd = ::isopen(name.c_str(), ISINPUT + ISEXCLLOCK + ISANYLENGTH);
+      EXPECT_GE(isfd, 0) << name << " " << iserrno;
+      EXPECT_EQ(::isdictinfo(isfd, &info), 0);
+      std::string& text = all[name];
+      text = std::to_string(info.di_nkeys) + " indexes;";
+      ::isstart(isfd, &by_number, 0, record.data(), RD_FIRST);
+      while (::isread(isfd, record.data(), RD_NEXT) == 0) {
+        const auto length = static_cast<std::size_t>(isreclen);
+        text += ' ' + std::to_string(isrecnum) + '=' + record.substr(0, kMinimum) + '+' +
+                std::to_string(length);
+      }
+      ::isclose(isfd);
+    }
+    return all;
+  }
+
+  // Ends the work, and holds what the files hold against what a recovery makes of the copy.
+  void expect_the_same_of_recovery(const std::string& what) {
+    disk_has_room();
+    EXPECT_TRUE(::iscommit() == 0 || iserrno == ISENOBEGIN) << what;
+    ::iscleanup();
+    EXPECT_EQ(::islogclose(), 0) << what << " " << iserrno;
+    const auto live = contents();
+    const std::string log = types();
+    restore_copy();
+    ASSERT_EQ(::islogopen("log"), 0);
+    EXPECT_EQ(::isrecover(), 0) << what << " " << iserrno << " " << log;
+    EXPECT_EQ(contents(), live) << what << " " << log;
+  }
+
+  static keydescr group_and_id() {
+    return {0, 2, {{kGroupAt, 8, KT_CHAR}, {0, kIdLength, KT_CHAR}}, 0, 0};
+  }
+  static std::set<std::string> files() {
+    std::set<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(".")) {
+      names.insert(entry.path().filename());
+    }
+    return names;
+  }
+  static int alone(const char* name) {
+    return ::isopen(name, ISINOUT + ISEXCLLOCK + ISTRANS + format());
+  }
+
+  // Does what is logged, one call after the other; a transaction ends as `commits` says.
+  void run(bool commits) {
+    const auto call = [&](auto work) {
+      work();
+      if (!disk.stays) disk.full = false;
+    };
+    call([&] { write(isfd_, row(20, 1, filler(900))); });
+    call([&] { rewrite(isfd_, row(3, 9, filler(2500))); });
+    call([&] { erase(isfd_, 4); });
+    call([&] { ::isbegin(); });
+    call([&] { rewrite(isfd_, row(5, 9, filler(3))); });
+    call([&] { write(isfd_, row(21, 2, filler(100))); });
+    call([&] { erase(isfd_, 6); });
+    call([&] { rewrite(isfd_, row(21, 8, filler(1800))); });
+    call([&] { ::isclose(isfd_); });
+    call([&] { isfd_ = open("pair"); });
+    call([&] { erase(isfd_, 1); });
+    call([&] {
+      disk.pairs_too = commits;  // undoing is what the files need room for
+      commits ? ::iscommit() : ::isrollback();
+      disk.pairs_too = true;
+    });
+    call([&] { rewrite(isfd_, row(7, 9, filler(2000))); });
+    std::int32_t id = 0;
+    call([&] { ::isuniqueid(isfd_, &id); });
+    call([&] { ::isclose(isfd_); });
+    call([&] { isfd_ = open("pair", 0); });
+    call([&] { erase(isfd_, 8); });
+    call([&] { write(isfd_, row(22, 2, filler(700))); });
+    call([&] { ::isclose(isfd_); });
+    keydescr key = group_key();
+    call([&] { isfd_ = alone("second"); });
+    call([&] {
+      const int clustered = ::iscluster(isfd_, &key);
+      if (clustered >= 0) isfd_ = clustered;
+    });
+    call([&] { ::isclose(isfd_); });
+    call([&] {
+      const int moves = std::exchange(disk.moves, -1);  // half a renaming is not undone
+      ::isrename("second", "renamed");
+      disk.moves = moves;
+    });
+    keydescr id_only = id_key();
+    call([&] {
+      isreclen = kMinimum;
+      const int mode = ISINOUT + ISEXCLLOCK + format();
+      ::isclose(::isbuild("made", varying() ? kMaximum : kMinimum, &id_only, mode));
+    });
+    call([&] { ::iserase(commits ? "made" : "pair"); });
+    call([&] {
+      isfd_ = open("second");
+      write(isfd_, row(30, 1));
+      ::isclose(isfd_);
+    });
+  }
+
+  int isfd_ = -1;
+
+ private:
+  bool copied_ = false;
+  common::SystemCalls system_ = common::system_calls();
+};
+INSTANTIATE_TEST_SUITE_P(Formats, FailedWrites, ::testing::Bool(),
+                         [](const auto& format) { return format.param ? "Varying" : "Fixed"; });
+
+// Whichever write of the log the disk fails at or behind, for how long, and whether or not others
+// append meanwhile.
+TEST_P(FailedWrites, LeaveNothingInTheLog) {
+  int refused = 0;
+  for (const bool commits : {false, true}) {
+    for (const Fails fails : {Fails::kThis, Fails::kThisOn, Fails::kBehind}) {
+      for (int how = 0; how < 4; ++how) {
+        for (int turn = 0;; ++turn) {
+          begin({.turn = turn, .fails = fails, .stays = (how & 1) != 0, .stranger = how >= 2});
+          run(commits);
+          const bool passed = disk.turn >= 0;
+          refused += disk.refused;
+          expect_the_same_of_recovery(
+              "write " + std::to_string(turn) + ", how " + std::to_string(how) + ", fails " +
+              std::to_string(static_cast<int>(fails)) + (commits ? ", commits" : ""));
+          if (passed || HasFailure()) break;
+        }
+        ASSERT_FALSE(HasFailure());
+      }
+    }
+  }
+  EXPECT_GT(refused, 100);
+}
+
+TEST_P(FailedWrites, LeaveNothingInTheLogOfAFullDisk) {
+  for (const bool commits : {false, true}) {
+    for (std::int64_t room = 0;; room += varying() ? 499 : 97) {
+      begin({.room = room});
+      run(commits);
+      const bool passed = disk.refused == 0;
+      expect_the_same_of_recovery("room " + std::to_string(room) + (commits ? ", commits" : ""));
+      if (passed || HasFailure()) break;
+    }
+  }
+}
+
+TEST_P(FailedWrites, LeaveNothingInTheLogOfFilesNotMoved) {
+  for (const bool commits : {false, true}) {
+    for (int moves = 0;; ++moves) {
+      begin({.moves = moves});
+      run(commits);
+      const bool passed = disk.moves >= 0;
+      expect_the_same_of_recovery("move " + std::to_string(moves) + (commits ? ", commits" : ""));
+      if (passed || HasFailure()) break;
+    }
+  }
+}
+
+// What stands before the image stays.
+TEST_P(FailedWrites, CutTheImageOffAlone) {
+  begin({.turn = 0, .fails = Fails::kBehind});
+  ASSERT_EQ(::isbegin(), 0);
+  EXPECT_EQ(rewrite(isfd_, row(1, 9)), -1);
+  EXPECT_EQ(iserrno, ENOSPC);
+  EXPECT_EQ(types(), "BW FO");
+  disk.full = false;
+  EXPECT_EQ(erase(isfd_, 2), 0);
+  EXPECT_EQ(::isrollback(), 0) << "the image that was cut off is no part of the chain";
+  EXPECT_EQ(types(), "BW FO DE RW");
+  expect_the_same_of_recovery("");
+}
+
+// Until the opposite is written nothing else of the process is.
+TEST_P(FailedWrites, OweTheOpposite) {
+  for (const bool closes : {false, true}) {
+    begin({.turn = 1, .fails = Fails::kBehind, .stays = true, .stranger = true});
+    const int silent = open("pair", ISNOLOG);
+    ASSERT_EQ(write(isfd_, row(20, 1)), 0);
+    EXPECT_EQ(rewrite(isfd_, row(1, 9)), -1);
+    EXPECT_EQ(iserrno, ENOSPC);
+    const auto expect_refusal = [](int result) {
+      EXPECT_EQ(result, -1);
+      EXPECT_EQ(iserrno, ISELOGWRITE);
+      EXPECT_EQ(types(), "FO IN UP BW");
+    };
+    expect_refusal(erase(isfd_, 2));
+    expect_refusal(::isbegin() == 0 ? ::iscommit() : 0);
+    expect_refusal(erase(isfd_, 2));
+    expect_refusal(::isrollback());
+    expect_refusal(::isclose(silent));
+    expect_refusal(::isclose(isfd_));
+    if (closes) {
+      expect_refusal(::islogclose());
+    } else {
+      disk_has_room();
+      EXPECT_EQ(::isbegin(), 0);
+      EXPECT_EQ(::iscommit(), 0);
+      EXPECT_EQ(types(), "FO IN UP BW UP");
+      expect_the_same_of_recovery("");
+    }
+    disk_has_room();
+  }
+}
+
+TEST_P(FailedWrites, LeaveTheFilesOfAFailedCluster) {
+  begin({});
+  keydescr key = group_key();
+  const auto before = std::pair{contents(), files()};
+  for (int moves = 0; moves < 8; ++moves) {
+    isfd_ = alone("second");
+    disk.moves = moves;
+    EXPECT_EQ(::iscluster(isfd_, &key), -1) << moves;
+    EXPECT_EQ(iserrno, disk.refused == 1 && moves % 4 < 2 ? EPERM : EACCES) << moves;
+    disk.refused = 0;
+    EXPECT_EQ(rewrite(isfd_, row(1, moves)), 0) << "still open";
+    EXPECT_EQ(rewrite(isfd_, row(1, 1, filler(60))), 0);
+    EXPECT_EQ(::isclose(isfd_), 0);
+    EXPECT_EQ((std::pair{contents(), files()}), before) << moves;
+  }
+  EXPECT_EQ(types().find("CL"), std::string::npos);
+  EXPECT_EQ(faults("second"), "");
+}
+
+// The log tells of an erasure when anything of the pair is gone.
+TEST_P(FailedWrites, EraseAPairAsFarAsItGoes) {
+  begin({.stays = true});
+  ASSERT_EQ(write(isfd_, row(20, 1)), 0);
+  disk.moves = 0;
+  EXPECT_EQ(::iserase("pair"), -1);
+  EXPECT_EQ(iserrno, EACCES);
+  EXPECT_EQ(types(), "FO IN");
+  ASSERT_EQ(write(isfd_, row(21, 1)), 0);
+  EXPECT_EQ(types(), "FO IN IN") << "the open is still known";
+  disk.moves = 1;
+  EXPECT_EQ(::iserase("pair"), -1);
+  EXPECT_EQ(types(), "FO IN IN FC ER");
+}
+
+// An index that would refuse what a rollback puts back.
+TEST_P(FailedWrites, RefuseAUniqueIndexWhereKeysMayComeBack) {
+  begin({});
+  for (const auto& [change, refused] : std::vector<std::pair<std::function<int()>, bool>>{
+           {[&] { return write(isfd_, row(30, 3)); }, false},
+           {[&] { return rewrite(isfd_, row(1, 7)); }, true},
+           {[&] { return erase(isfd_, 2); }, true},
+           {[&] { return disk.full = true, erase(isfd_, 2) == -1 ? 0 : -1; }, false}}) {
+    ASSERT_EQ(::isbegin(), 0);
+    EXPECT_EQ(change(), 0);
+    disk.full = false;
+    const int other = alone("pair");
+    keydescr unique = group_and_id();
+    EXPECT_EQ(::isaddindex(other, &unique), refused ? -1 : 0);
+    EXPECT_EQ(iserrno, refused ? ISEINUSE : 0);
+    unique.flags = KF_DUPS;
+    EXPECT_EQ(refused ? ::isaddindex(other, &unique) : 0, 0);
+    EXPECT_EQ(::isdelindex(isfd_, &unique), -1) << "not exclusive";
+    EXPECT_EQ(::isrollback(), 0);
+    EXPECT_EQ(::isdelindex(other, &unique), -1) << "in use";
+    ::isclose(isfd_);
+    EXPECT_EQ(::isdelindex(other, &unique), 0);
+    ::isclose(other);
+    isfd_ = open("pair");
+  }
+  expect_the_same_of_recovery("");
+}
+
+}  // namespace
+}  // namespace testing_support
