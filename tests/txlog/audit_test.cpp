@@ -1,8 +1,13 @@
 // The audit trail: its calls, its entries, and what it does to the other calls.
 #include <sys/resource.h>
+#include <sys/stat.h>
 
+#include <cerrno>
 #include <cstring>
+#include <string_view>
+#include <utility>
 
+#include "common/io.h"
 #include "tests/txlog/log_fixture.h"
 
 namespace testing_support {
@@ -106,6 +111,43 @@ TEST_P(AuditTrail, GoesWithItsFile) {
   ::isclose(alone);
   EXPECT_EQ(::iserase("pair"), 0);
   EXPECT_FALSE(std::filesystem::exists("trail"));
+}
+
+ino_t full_file = 0;
+ssize_t write_but_there(int fd, const void* from, std::size_t count, off_t offset) {
+  struct stat status {};
+  ::fstat(fd, &status);
+  errno = ENOSPC;
+  return status.st_ino == full_file ? -1 : ::pwrite(fd, from, count, offset);
+}
+
+// The entry of a deletion stands before what the log says of it, and stays when the log cannot say
+// it; without its entry the deletion stands all the same.
+TEST_P(AuditTrail, StandsBeforeTheLog) {
+  ASSERT_EQ(audit(AUDSETNAME, "trail"), 0);
+  ASSERT_EQ(audit(AUDSTART), 0);
+  ASSERT_EQ(write(isfd_, row(1, 0)), 0);
+  ASSERT_EQ(::islogopen("log"), 0);
+  for (const char* file : {"log", "trail"}) {
+    struct stat status {};
+    ::stat(file, &status);
+    full_file = status.st_ino;
+    const auto before = std::filesystem::file_size("trail");
+    const auto system_write = std::exchange(common::system_calls().pwrite, write_but_there);
+    EXPECT_EQ(erase(isfd_, 1), -1);
+    common::system_calls().pwrite = system_write;
+    const bool logs = file == std::string_view{"trail"};
+    EXPECT_EQ(iserrno, logs ? ENOSPC : ISELOGWRITE);
+    EXPECT_EQ(iserrio, logs ? 0x53 : 0);
+    EXPECT_EQ(types(), logs ? "FO DE" : "");
+    EXPECT_EQ(rows(isfd_), logs ? Rows{} : Rows{row(1, 0)});
+    EXPECT_EQ(std::filesystem::file_size("trail") == before, logs);
+    EXPECT_EQ(std::memcmp(&read_file("trail")[kMinimum + (varying() ? 17 : 15)], "dd", 2), 0);
+  }
+  ::isclose(isfd_);
+  std::filesystem::remove("trail");
+  EXPECT_EQ(::iserase("pair"), 0) << iserrno;
+  EXPECT_EQ(types(), "FO DE FC ER");
 }
 
 TEST_P(AuditTrail, IsOpenedWhenDescriptorsAreShort) {

@@ -274,6 +274,16 @@ TEST_P(FailedWrites, LeaveNothingInTheLogOfFilesNotMoved) {
   }
 }
 
+TEST_P(FailedWrites, LeaveALogEmptyThatCannotBegin) {
+  begin({});
+  ::islogclose();
+  std::ofstream{"log"};
+  disk.turn = 0;
+  EXPECT_EQ(::islogopen("log"), -1);
+  EXPECT_EQ(iserrno, ISELOGWRITE);
+  EXPECT_EQ(::islogopen("log"), 0) << iserrno;
+}
+
 // What stands before the image stays.
 TEST_P(FailedWrites, CutTheImageOffAlone) {
   begin({.turn = 0, .fails = Fails::kBehind});

@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <functional>
 
