@@ -140,6 +140,22 @@ void RecordBuilder::put_key(const keydescr& key) {
   }
 }
 
+void RecordBuilder::put_image(LogType type, const Image& image) {
+  Byte head[10];
+  std::size_t length = 6;
+  const auto put_length = [&](ConstBytes bytes) {
+    common::stword(static_cast<std::uint32_t>(bytes.size()), head + length);
+    length += 2;
+  };
+  common::stword(static_cast<std::uint32_t>(image.open), head);
+  common::stlong(image.number, head + 2);
+  if (type != LogType::kInsert) put_length(image.old_image);
+  if (type != LogType::kDelete) put_length(image.new_image);
+  put_bytes({head, length});
+  put_bytes(image.old_image);
+  put_bytes(image.new_image);
+}
+
 bool RecordBuilder::finish() {
   const std::size_t length = buffer_.size() - start_ + record::kTrailer;
   if (length > record::kGreatest) return false;

@@ -73,6 +73,13 @@ inline constexpr int kGreatest = 65535;
 // The type that two letters stand for; kUnknown with iserrno 119 for any others.
 [[nodiscard]] LogType getlogtype(const Byte* letters);
 
+struct Image {
+  int open = 0;  // the writer's number of the open file
+  std::int32_t number = 0;
+  ConstBytes old_image;  // none of an insertion
+  ConstBytes new_image;  // none of a deletion
+};
+
 // A record being built. Numbers that depend on the moment of writing are filled in then.
 class RecordBuilder {
  public:
@@ -84,6 +91,8 @@ class RecordBuilder {
   // With the zero byte that ends it.
   void put_name(std::string_view name);
   void put_key(const keydescr& key);
+  // All of the payload of a deletion, an insertion or a rewrite.
+  void put_image(LogType type, const Image& image);
   // Ends the record: its length goes to both ends. False when it would be longer than a record may.
   [[nodiscard]] bool finish();
 
@@ -101,12 +110,6 @@ struct Link {
 // Fills the header fields that depend on the moment of writing.
 void stamp_record(Byte* at, std::int32_t process, int user, std::int32_t time, Link previous);
 
-struct Image {
-  int open = 0;  // the writer's number of the open file
-  std::int32_t number = 0;
-  ConstBytes old_image;  // none of an insertion
-  ConstBytes new_image;  // none of a deletion
-};
 struct FileNamed {
   int open = 0;
   bool varlen = false;

@@ -6,8 +6,6 @@
 namespace isam::txlog {
 namespace {
 
-int length_of(ConstBytes image) { return static_cast<int>(image.size()); }
-
 // Images are linked in transaction mode: then a rollback undoes the change.
 Linked linked_as_open() { return (openp->mode & ISTRANS) != 0 ? Linked::kYes : Linked::kNo; }
 
@@ -22,13 +20,7 @@ int may_fail_yet(int result) {
 // Puts an image together from its parts and appends it.
 int iswimage(LogType type, std::int32_t number, ConstBytes old, ConstBytes record) {
   LogPiece piece{openp, type, linked_as_open()};
-  RecordBuilder& builder = piece.record();
-  builder.put_word(isfd_of(*openp));
-  builder.put_long(number);
-  if (type != LogType::kInsert) builder.put_word(length_of(old));
-  if (type != LogType::kDelete) builder.put_word(length_of(record));
-  builder.put_bytes(old);
-  builder.put_bytes(record);
+  piece.record().put_image(type, {isfd_of(*openp), number, old, record});
   if (may_fail_yet(piece.writelog()) != 0) return -1;
   if (may_be_undone()) openp->flags |= kUndoable;
   if (may_be_undone() && type != LogType::kInsert) openp->flags |= kFreesKeys;
