@@ -13,6 +13,7 @@
 #include "isam/keytable.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "isam/process.h"
 #include "isam/traced.h"
 #include "locale/collation.h"
 #include "txlog/audit.h"
@@ -269,6 +270,7 @@ using namespace isam;
 
 extern "C" int isbuild(const char* name, int reclen, struct keydescr* key, int mode) {
   return traced("isbuild", mode, name, Carries::kName, [=] {
+    know_process();
     clear_errors();
     set_status("0000");
     const int isfd = key == nullptr ? failed(kBadArgument) : build(name, reclen, *key, mode);

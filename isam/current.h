@@ -120,6 +120,7 @@ enum OpenFlag : std::uint16_t {
   kUndoable = 0x800,    // its transaction has changed records through it
   kFreesKeys = 0x1000,  // ... deleted or rewritten some, whose keys an undoing brings back
   kKept = 0x400,        // closed inside a transaction, until that ends or the file is opened again
+  kInherited = 0x2000,  // nothing but a number that was the parent process's open
 };
 
 // One open of a pair.

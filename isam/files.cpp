@@ -16,6 +16,7 @@
 #include "common/io.h"
 #include "environment/settings.h"
 #include "isam/buffers.h"
+#include "isam/copies.h"
 #include "isam/errors.h"
 
 namespace isam {
@@ -83,7 +84,8 @@ void close_file_record(FileRecord& file) {
   bfignor(file);
   close_data(file);
   close_trail(file);
-  common::close_file(file.idxfd);
+  if (file.idxfd >= 0) common::close_file(file.idxfd);
+  note_closed(file.device, file.inode);
   file = FileRecord{};
   --isopenfds;
 }
@@ -196,7 +198,7 @@ OpenRecord* allocopen() {
       failed(kNoMemory);
       return nullptr;
     }
-    if ((open->flags & kOpenInUse) == 0) {
+    if ((open->flags & (kOpenInUse | kInherited)) == 0) {
       *open = OpenRecord{};
       open->flags = kOpenInUse;
       open->process = static_cast<std::uint16_t>(::getpid());
@@ -226,6 +228,31 @@ void freeopen(OpenRecord& open) {
   open = OpenRecord{};
 }
 
+void forget_opens() {
+  for (const auto& file : files) {
+    if (!is_open(file)) continue;
+    file->spilled = false;
+    bfdiscard(*file);
+    // Another copy of the library may have locks of this process on it by now.
+    if (another_copy_has(file->device, file->inode)) file->idxfd = -1;
+    close_file_record(*file);
+  }
+  for (const auto& open : opens) {
+    if (!open || open->flags == 0) continue;
+    *open = OpenRecord{};
+    open->flags = kInherited;
+  }
+  openp = nullptr;
+  filep = nullptr;
+  dictp = nullptr;
+}
+
+void forget_inherited(int isfd) {
+  if (isfd < 0 || isfd >= nopens) return;
+  OpenRecord* const open = opens[static_cast<std::size_t>(isfd)].get();
+  if (open != nullptr && (open->flags & kInherited) != 0) open->flags = 0;
+}
+
 FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access) {
   const std::string path = mkidxname(name);
   struct stat status {};
@@ -237,6 +264,10 @@ FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access)
   }
   retire_replaced(name, &status);
   if (FileRecord* shared = find_file(status.st_dev, status.st_ino)) return share(*shared, mode);
+  if (another_copy_has(status.st_dev, status.st_ino)) {
+    failed(kFileInUse);
+    return nullptr;
+  }
   FileRecord* file = free_file_record();
   if (file == nullptr) return nullptr;
   int idxmode = 0;
@@ -266,6 +297,7 @@ FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access)
   file->generation = bfgeneration();
   file->usecount = 1;
   ++isopenfds;
+  note_open(file->device, file->inode);
   return file;
 }
 

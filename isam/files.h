@@ -38,13 +38,18 @@ int ckfilname(const char* base);
 [[nodiscard]] int isfd_of(const OpenRecord& open);
 // Gives an open record and its part in the file record back.
 void freeopen(OpenRecord& open);
+// In a child: what the parent had open is not open here. Its numbers stay taken, for whoever still
+// uses one must not meet another open, until each is forgotten by itself.
+void forget_opens();
+void forget_inherited(int isfd);
 
 // Whether an index file that can only be read is accepted: nobody but a check that changes nothing
 // can work with one, which takes no exclusive lock.
 enum class IndexAccess { kToWrite, kOrToRead };
 
 // The file record of the pair `name`, opened unless the process already has it. `mode` 0 accepts
-// a data file that can only be read. Null with iserrno (and iserrio) when a file cannot be opened.
+// a data file that can only be read. Null with iserrno (and iserrio) when a file cannot be opened;
+// with 113 when another copy of the library in this process has it open.
 [[nodiscard]] FileRecord* allocfile(std::string_view name, int mode,
                                     IndexAccess index_access = IndexAccess::kToWrite);
 // Names a record's pair, as seen from the folder of the moment.

@@ -8,6 +8,7 @@
 #include "isam/errors.h"
 #include "isam/files.h"
 #include "isam/locks.h"
+#include "isam/process.h"
 #include "locale/collation.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
@@ -234,6 +235,7 @@ void set_status_characters() {
 }  // namespace
 
 int isenter(int isfd, int entry) {
+  know_process();
   clear_errors();
   set_status("0000");
   if (enter(open_of(isfd), entry) == 0) return 0;

@@ -3,8 +3,10 @@
 #include <fcntl.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <vector>
 
 #include "common/io.h"
 #include "environment/settings.h"
@@ -119,6 +121,13 @@ bool records_are_covered() {
   return filep->exclusives > 0 || filep->filelocks > 0 || (openp->mode & ISEXCLLOCK) != 0;
 }
 
+// Whether a lock has to last for a transaction through this open, whatever becomes of other opens
+// that cover the record now.
+bool outlasts_cover(RecordLock how, LockList list) {
+  return how == RecordLock::kTry && list == LockList::kHeld && may_be_undone() &&
+         (openp->mode & ISEXCLLOCK) == 0;
+}
+
 void clear_open_flag(int flags) {
   openp->flags = static_cast<std::uint16_t>(openp->flags & ~flags);
 }
@@ -136,10 +145,11 @@ bool is_held(std::int32_t number, LockList list) {
 int take_record(std::int32_t number, RecordLock how, LockList list) {
   if (is_held(number, list)) return 0;
   const int command = how == RecordLock::kWait ? F_SETLKW : F_SETLK;
-  if (request_record(command, F_WRLCK, number) != 0) return -1;
+  const bool in_file_lock = filep->filelocks > 0;
+  if (!in_file_lock && request_record(command, F_WRLCK, number) != 0) return -1;
   RecordSet& set = list == LockList::kHeld ? filep->held : filep->releasable;
   if (!set.insert(number)) {
-    request_record(F_SETLK, F_UNLCK, number);
+    if (!in_file_lock) request_record(F_SETLK, F_UNLCK, number);
     return failed(kNoMemory);
   }
   openp->flags |= kHoldsRecordLocks;
@@ -153,8 +163,9 @@ int release_record(std::int32_t number) {
 }
 
 int take_file_lock() {
-  const bool covered = filep->exclusives > 0 || filep->filelocks > 0;
-  if (!covered && request(F_SETLK, F_WRLCK, kRecordsStart, kRecordsLength) != 0) {
+  // An exclusive open of the process may end before the lock does.
+  const bool has_it = filep->filelocks > 0;
+  if (!has_it && request(F_SETLK, F_WRLCK, kRecordsStart, kRecordsLength) != 0) {
     return refused(errno);
   }
   if ((openp->flags & kHoldsFileLock) == 0) ++filep->filelocks;
@@ -162,29 +173,56 @@ int take_file_lock() {
   return 0;
 }
 
+bool holds_file_lock() { return (openp->flags & kHoldsFileLock) != 0; }
+
+// Whether another open of the process has the whole file locked.
+bool another_holds_file() { return filep->filelocks > (holds_file_lock() ? 1 : 0); }
+
 void release_releasable() {
-  while (!filep->releasable.empty()) {
+  while (!filep->releasable.empty() && filep->filelocks == 0) {
     const std::int32_t number = filep->releasable.numbers().back();
     filep->releasable.erase(number);
     request_record(F_SETLK, F_UNLCK, number);
   }
+  filep->releasable.clear();
 }
 
-// While a transaction has changed records of the file, only what was read is let go: the locks
-// belong to the process, so that any of its opens could release them.
+// Unlocks the record range but for the records on the held list, from its end: 0, or -1.
+int release_all_but_held() {
+  off_t end = kRecordsLength;  // of what is still to be unlocked
+  const std::vector<std::int32_t>& kept = filep->held.numbers();
+  for (auto number = kept.rbegin(); number != kept.rend(); ++number) {
+    const off_t behind = off_t{*number} + 1;
+    if (behind < end && request(F_SETLK, F_UNLCK, kRecordsStart + behind, end - behind) != 0) {
+      return refused(errno);
+    }
+    end = std::min<off_t>(end, *number);
+  }
+  const bool all = end == 0 || request(F_SETLK, F_UNLCK, kRecordsStart, end) == 0;
+  return all ? 0 : refused(errno);
+}
+
+void forget_records() {
+  filep->held.clear();
+  filep->releasable.clear();
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kRecordsLocked);
+}
+
+// While a transaction has changed records of the file, these stay locked: the locks belong to the
+// process, so that any of its opens could release them.
 int release_file_lock() {
-  const bool holds = (openp->flags & kHoldsFileLock) != 0;
+  const bool holds = holds_file_lock();
   if (!holds && (openp->flags & kHoldsRecordLocks) == 0) return 0;
-  if (filep->keeps_locks && txflag == kInTransaction) {
+  const bool in_part = filep->keeps_locks;
+  if (in_part) {
+    if (holds && !another_holds_file() && release_all_but_held() != 0) return -1;
     release_releasable();
   } else if (filep->filelocks < 2 || !holds) {
     if (request(F_SETLK, F_UNLCK, kRecordsStart, kRecordsLength) != 0) return refused(errno);
-    filep->held.clear();
-    filep->releasable.clear();
-    filep->flags = static_cast<std::uint16_t>(filep->flags & ~kRecordsLocked);
+    forget_records();
   }
   if (holds) --filep->filelocks;
-  clear_open_flag(kHoldsFileLock | kHoldsRecordLocks);
+  clear_open_flag(in_part ? kHoldsFileLock : kHoldsFileLock | kHoldsRecordLocks);
   return 0;
 }
 
@@ -221,7 +259,7 @@ int lkreading() {
 }
 
 int lkrecord(std::int32_t number, RecordLock how, LockList list) {
-  if (records_are_covered()) return 0;
+  if (records_are_covered() && !outlasts_cover(how, list)) return 0;
   switch (how) {
     case RecordLock::kRelease:
       return release_record(number);
@@ -246,8 +284,15 @@ void lkrelease() {
 }
 
 int release_locks() {
-  if (!may_be_undone()) return lkfile(false);
+  if (!may_be_undone() || holds_file_lock()) return lkfile(false);
   lkrelease();
+  return 0;
+}
+
+int settle_locks() {
+  if (holds_file_lock() || !another_holds_file()) return lkfile(false);
+  forget_records();
+  clear_open_flag(kHoldsRecordLocks);
   return 0;
 }
 

@@ -35,15 +35,18 @@ enum class LockList { kHeld, kReleasable };
 // file covers it. 0, or -1 with 107 (locked by another process) or 134.
 int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHeld);
 
-// Takes the whole-file lock, or releases it together with all record locks of the file: 0, or -1
-// with 107 or 134.
+// Takes the whole-file lock, or releases it together with all record locks of the file except of
+// records that an open transaction has changed: 0, or -1 with 107 or 134.
 int lkfile(bool take);
 
 // Releases the locks on the releasable list.
 void lkrelease();
 
-// Releases what the current open has locked, except what its transaction has changed: 0, or -1.
+// Releases what the current open has locked, except what a transaction has changed: 0, or -1.
 int release_locks();
+// Releases it when the transaction has ended, with what that has changed. A lock of the whole file
+// that another open has stays: 0, or -1.
+int settle_locks();
 
 // Takes (waiting) or releases a lock on all of another file: 0, or -1 with iserrno = errno and
 // iserrio = 0x61.

@@ -14,6 +14,7 @@
 #include "isam/keytable.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "isam/process.h"
 #include "isam/traced.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
@@ -174,11 +175,18 @@ bool was_replaced(const char* name) {
 }
 
 // Until the open lock was had, an exclusive open of another process may have been there, which
-// writes its dictionary when it closes, and may have given the name to another pair: 0, or -1 (with
-// ENOENT then).
+// writes its dictionary when it closes, and may have given the name to another pair, or to none: 0,
+// or -1 (with ENOENT then, and the pair is not kept at hand).
 int look_again(const char* name, int entry) {
   if (filep->usecount > 1) return 0;
-  return is_pair_of(*filep, name) ? reread_dictionary(entry) : failed_system(ENOENT);
+  if (is_pair_of(*filep, name)) return reread_dictionary(entry);
+  filep->flags |= kNotShared;
+  failed_system(ENOENT);
+  if (is_there(mkidxname(name)) && !is_there(mkdatname(name))) {
+    failed_system(ENOENT, Operation::kOpen, FileKind::kData);
+  }
+  tell_system_error();
+  return -1;
 }
 
 int set_up(OpenRecord& open, const char* name, int mode) {
@@ -258,7 +266,6 @@ int open_pair(const char* name, int mode) {
   if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
   int isfd = open_anew(name, mode);
   for (int tries = 1; isfd < 0 && was_replaced(name) && tries < kTries; ++tries) {
-    close_idle_files();  // one of them may be the pair of before
     isfd = open_anew(name, mode);
   }
   return isfd;
@@ -315,6 +322,7 @@ int close_in_use(OpenRecord& open) {
 }
 
 void close_kept_beside(int isfd) {
+  know_process();
   const OpenRecord* const alone = open_of(isfd);
   if (alone == nullptr || (alone->flags & kKept) != 0 || (alone->mode & ISEXCLLOCK) == 0) return;
   for (int other = 0; other < nopens; ++other) {
@@ -327,6 +335,7 @@ void close_kept_beside(int isfd) {
 namespace {
 
 int open_call(const char* name, int mode) {
+  know_process();
   clear_errors();
   set_status("0000");
   const int isfd = open_pair(name, mode);
@@ -338,9 +347,11 @@ int open_call(const char* name, int mode) {
 }
 
 int close_call(int isfd) {
+  know_process();
   OpenRecord* const open = open_of(isfd);
   if (open != nullptr && (open->flags & kKept) == 0) return close_in_use(*open);
   isenter(isfd, kToLook);  // fails, and says why
+  forget_inherited(isfd);
   isstat3 = '4';
   isstat4 = '2';
   return -1;
@@ -359,14 +370,36 @@ extern "C" int isclose(int isfd) {
   return traced("isclose", isfd, [=] { return close_call(isfd); });
 }
 
+// Rolls an open transaction back, also one of a log that is suspended.
+static int end_transaction() {
+  if (!txlog::transaction_is_open()) return 0;
+  const bool suspended = txlog::logstate.is_suspended;
+  if (suspended) isresumlog();
+  const int result = isrollback();
+  if (suspended) issusplog();
+  return result;
+}
+
 extern "C" int iscleanup(void) {
-  const KeepError keep;
+  know_process();
+  const std::int32_t error = iserrno;
+  const std::int32_t place = iserrio;
   const char status[5] = {isstat1, isstat2, isstat3, isstat4, 0};
+  FirstFailure failure;
+  failure.note(end_transaction());
   for (int isfd = 0; isfd < nopens; ++isfd) {
+    forget_inherited(isfd);
     OpenRecord* const open = open_of(isfd);
-    if (open != nullptr && (open->flags & kKept) == 0) isclose(isfd);
+    if (open == nullptr) continue;
+    failure.note(traced("isclose", isfd, [=] { return close_in_use(*open); }));
   }
   close_idle_files();
+  if (failure.tell() != 0) {
+    set_status("9090");
+    return -1;
+  }
+  iserrno = error;
+  iserrio = place;
   set_status(status);
   return 0;
 }
@@ -392,12 +425,14 @@ extern "C" int isflush(int isfd) {
 }
 
 extern "C" int isbatch(int n) {
+  know_process();
   if (n == 0 || n == 1) batchflag = n;
   if (openp != nullptr && openp->file != nullptr) release_semaphore();
   return 0;
 }
 
 extern "C" int isvclose(int n) {
+  know_process();
   ismaxfds = n < 0 ? 0 : n;
   close_idle_files(ismaxfds);
   return 0;

@@ -9,6 +9,7 @@
 #include "isam/recordcalls.h"
 #include "isam/traced.h"
 #include "isam/walklimit.h"
+#include "txlog/logfile.h"
 
 namespace isam {
 namespace {
@@ -92,7 +93,7 @@ void make_item_current() {
 
 // In a transaction what was only read can be released before what was changed.
 LockList list_of_reads() {
-  return txflag == kInTransaction ? LockList::kReleasable : LockList::kHeld;
+  return txlog::transaction_is_open() ? LockList::kReleasable : LockList::kHeld;
 }
 
 enum class Outcome { kRead, kFailed, kKeptPlace, kMustWait };

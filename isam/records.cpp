@@ -4,6 +4,7 @@
 #include "isam/cursor.h"
 #include "isam/errors.h"
 #include "isam/frame.h"
+#include "isam/process.h"
 #include "isam/recordcalls.h"
 #include "isam/traced.h"
 
@@ -80,6 +81,7 @@ FoundRecord find_by_key(const char* record) {
 using namespace isam;
 
 extern "C" int isxgetlen(void) {
+  know_process();
   if (filep == nullptr) return failed(kNotOpen);
   if (!filep->varlen) return filep->reclen;
   if (isreclen >= filep->reclen && isreclen <= filep->maxreclen) return isreclen;

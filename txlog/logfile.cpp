@@ -12,6 +12,7 @@
 
 #include "common/holders.h"
 #include "common/io.h"
+#include "isam/copies.h"
 #include "isam/errors.h"
 #include "isam/files.h"
 #include "isam/locks.h"
@@ -211,9 +212,29 @@ void forget_all() {
   owed.clear();
 }
 
+// The log that is open.
+struct stat log_identity;
+
+// Two writers of one process number would spoil it.
+bool is_anothers(const char* path) {
+  struct stat status {};
+  return common::system_calls().stat(path, &status) == 0 &&
+         another_copy_has(status.st_dev, status.st_ino);
+}
+
+void begin_in_own_name(int fd) {
+  forget_all();
+  logstate.fd = fd;
+  logstate.process = ::getpid();
+  logstate.user = static_cast<int>(::getuid() & 0xFFFF);
+  end_we_left = 0;
+  note_open(log_identity.st_dev, log_identity.st_ino);
+}
+
 }  // namespace
 
 int open_log(const char* path) {
+  if (path != nullptr && is_anothers(path)) return failed(kLogOpen);
   common::FileHold fd{path == nullptr ? -1 : common::open_file(path, O_RDWR)};
   if (!fd && path != nullptr && errno == EMFILE) {
     vclose();
@@ -222,18 +243,26 @@ int open_log(const char* path) {
   if (!fd) return failed(kLogOpen);
   const std::int64_t size = common::file_size(fd.get());
   if ((size == 0 ? write_magic(fd.get()) : check_magic(fd.get())) != 0) return -1;
-  forget_all();
-  logstate.fd = fd.release();
-  logstate.process = ::getpid();
-  logstate.user = static_cast<int>(::getuid() & 0xFFFF);
-  end_we_left = 0;
+  if (common::system_calls().fstat(fd.get(), &log_identity) != 0) return failed(kLogRead);
+  begin_in_own_name(fd.release());
   return 0;
+}
+
+void take_log_over() {
+  if (!log_is_open()) return;
+  const bool suspended = logstate.is_suspended;
+  note_closed(log_identity.st_dev, log_identity.st_ino);
+  begin_in_own_name(logstate.fd);
+  logstate.is_suspended = suspended;
+  logstate.suspended = kLogging;
+  txflag = suspended ? kNotLogging : kLogging;
 }
 
 int close_log() {
   if (!log_is_open()) return failed(kNotOpen);
   const int fd = logstate.fd;
   forget_all();
+  note_closed(log_identity.st_dev, log_identity.st_ino);
   return common::system_calls().close(fd) == 0 ? 0 : failed_system(errno);
 }
 

@@ -54,8 +54,12 @@ extern LogState logstate;
   return txflag != kNotLogging && (openp->mode & ISNOLOG) == 0;
 }
 
-// Opens the log file: 0, or -1 with 116, 118, 120, 121 or 21502.
+// Opens the log file: 0, or -1 with 116, 118, 120, 121 or 21502. What another copy of the library
+// in this process has open cannot be opened (120).
 int open_log(const char* path);
+// In a child of the process that opened the log: it goes on in the child's own name, without what
+// the parent had begun.
+void take_log_over();
 // Closes it: 0, or -1 with 101 or the system's error.
 int close_log();
 // Waits until the log is on the disk: 0, or -1 with the system's error.

@@ -10,6 +10,7 @@
 #include "isam/freelists.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "isam/process.h"
 #include "isam/traced.h"
 #include "txlog/apply.h"
 #include "txlog/logfile.h"
@@ -76,10 +77,11 @@ int settle(OpenRecord& open, bool commits) {
     isbatch(2);
     if (result != 0) return -1;
   }
-  if ((open.flags & kKept) != 0) return close_in_use(open);
-  if ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0) return 0;
+  const bool kept = (open.flags & kKept) != 0;
+  if (!kept && ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0)) return 0;
   make_current(open);
-  return lkfile(false);
+  const int released = settle_locks();
+  return kept ? close_in_use(open) : released;
 }
 
 // Ends the transaction, whose mark is in the log.
@@ -182,6 +184,7 @@ int commit() {
 
 // Starts a call: 0, or -1 with 122.
 int start_call() {
+  know_process();
   clear_errors();
   set_status("0000");
   if (txflag != kNotLogging) return 0;
@@ -225,6 +228,7 @@ using namespace isam::txlog;
 namespace {
 
 int open_call(const char* path) {
+  know_process();
   clear_errors();
   set_status("0000");
   if (log_is_open() ? failed(kLogOpen) != 0 : open_log(path) != 0) {
@@ -236,6 +240,7 @@ int open_call(const char* path) {
 }
 
 int close_call() {
+  know_process();
   clear_errors();
   set_status("0000");
   isresumlog();
@@ -264,6 +269,7 @@ extern "C" int islogopen(const char* path) {
 extern "C" int islogclose(void) { return traced("islogclose", kNoNumber, close_call); }
 
 extern "C" int issusplog(void) {
+  know_process();
   if (!logstate.is_suspended) {
     logstate.is_suspended = true;
     logstate.suspended = std::exchange(txflag, static_cast<int>(kNotLogging));
@@ -272,6 +278,7 @@ extern "C" int issusplog(void) {
 }
 
 extern "C" int isresumlog(void) {
+  know_process();
   if (logstate.is_suspended) txflag = logstate.suspended;
   logstate.is_suspended = false;
   return 0;

@@ -206,5 +206,52 @@ TEST_F(Calls, SoManyIdlePairsStayOpen) {
   ::isvclose(0);
 }
 
+// A pair that was kept at hand and has lost its data file is like any other such pair.
+TEST_F(Calls, AnIdlePairWithoutItsDataIsNone) {
+  const std::string base = folder_ / "pair";
+  ::isvclose(9);
+  for (const bool erases : {false, true}) {
+    ASSERT_EQ(::isclose(build("pair", 1)), 0);
+    ASSERT_EQ(pairs_open(), 1);
+    std::filesystem::remove(base + ".dat");
+    const int result =
+        erases ? ::iserase(base.c_str()) : ::isopen(base.c_str(), ISINOUT + ISAUTOLOCK);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(iserrno, ENOENT);
+    EXPECT_EQ(iserrio, 0x12);
+    EXPECT_EQ((std::string{isstat1, isstat2, isstat3, isstat4}), "9035");
+    EXPECT_EQ(pairs_open(), 0);
+    EXPECT_EQ(std::filesystem::remove(base + ".idx"), !erases);
+  }
+  ::isvclose(0);
+}
+
+TEST_F(Calls, ACleanupClosesEverythingAndTellsTheFirstFailure) {
+  int opens[] = {build("a", 1), build("b", 1, ISMANULOCK), build("c", 1)};
+  ::isvclose(9);
+  ::isclose(build("d", 1));
+  EXPECT_EQ(::isrewrec(opens[0], 1, record_of(7).data()), 0);
+  EXPECT_EQ(::isrewrec(opens[2], 1, record_of(7).data()), 0);
+  common::SystemCalls& calls = common::system_calls();
+  const common::SystemCalls real = calls;
+  calls.pwrite = refuse_write;
+  system_error = ENOSPC;
+  EXPECT_EQ(::iscleanup(), -1);
+  system_error = 0;
+  calls = real;
+  EXPECT_EQ(iserrno, ENOSPC);
+  EXPECT_EQ((std::string{isstat1, isstat2, isstat3, isstat4}), "9090");
+  EXPECT_EQ(pairs_open(), 0);
+  for (const int isfd : opens) EXPECT_EQ(::isflush(isfd), -1);
+  // What was told before it stays when nothing fails.
+  opens[0] = build("e", 1);
+  EXPECT_EQ(::isdelrec(opens[0], 9), -1);
+  EXPECT_EQ(::iscleanup(), 0);
+  EXPECT_EQ(iserrno, ISENORECORD);
+  EXPECT_EQ((std::string{isstat1, isstat2, isstat3, isstat4}), "2323");
+  EXPECT_EQ(pairs_open(), 0);
+  ::isvclose(0);
+}
+
 }  // namespace
 }  // namespace testing_support

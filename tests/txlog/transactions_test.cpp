@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 
+#include "tests/support/child_process.h"
 #include "tests/txlog/log_fixture.h"
 
 namespace testing_support {
@@ -411,23 +412,22 @@ TEST_P(Transactions, GiveUpWhatTheyNeedNotKeep) {
   EXPECT_EQ(faults("pair"), "");
 }
 
+// Whether this process has a byte of a pair's index locked, as another one sees it.
+bool byte_locked(const char* index, off_t at) {
+  return end_of(start_process([=] {
+           struct flock lock {};
+           lock.l_type = F_WRLCK;
+           lock.l_start = at;
+           lock.l_len = 1;
+           const int fd = ::open(index, O_RDWR);
+           ::_exit(::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK ? 0 : 1);
+         })) != 0;
+}
+// The lock of a record's number, which is its id here.
+bool locked(int number) { return byte_locked("pair.idx", 0x40000000 + number); }
+
 TEST_P(Transactions, KeepWhatTheyChangeLocked) {
   for (int id = 1; id <= 3; ++id) ASSERT_EQ(write(isfd_, row(id, 0)), 0);
-  // Another process looks at the lock of the record's number, which is its id here.
-  const auto locked = [](int number) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-      const int fd = ::open("pair.idx", O_RDWR);
-      struct flock lock {};
-      lock.l_type = F_WRLCK;
-      lock.l_start = 0x40000000 + number;
-      lock.l_len = 1;
-      ::_exit(::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK ? 0 : 1);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WEXITSTATUS(status) == 1;
-  };
   std::string record = row(3, 0);
   record.resize(kMaximum);
   ASSERT_EQ(::isbegin(), 0);
@@ -442,6 +442,84 @@ TEST_P(Transactions, KeepWhatTheyChangeLocked) {
   EXPECT_TRUE(locked(4));
   ASSERT_EQ(::iscommit(), 0);
   for (int id = 1; id <= 4; ++id) EXPECT_FALSE(locked(id)) << id;
+}
+
+// The whole file is locked around a change, through the open of the transaction or another, and
+// unlocked before the end: what was changed stays locked until then, the rest does not.
+TEST_P(Transactions, KeepWhatTheyChangedUnderALockOfTheFile) {
+  constexpr int kLast = 0x3FFFFFFD;
+  for (int id = 1; id <= 5; ++id) ASSERT_EQ(write(isfd_, row(id, 0)), 0);
+  const int plain = open("pair", 0);
+  const int reader = ::isopen("pair", ISINPUT + ISMANULOCK + format());
+  struct Case {
+    int locker;
+    bool suspended;  // while it is unlocked
+    bool stays;      // no other than the reader has locked the file
+  };
+  for (const auto& [locker, suspended, stays] : {Case{plain, false, false},
+                                                 {isfd_, false, false},
+                                                 {plain, true, false},
+                                                 {reader, false, true}}) {
+    SCOPED_TRACE(locker);
+    ASSERT_EQ(::isbegin(), 0);
+    ASSERT_EQ(rewrite(isfd_, row(2, 1)), 0);
+    ASSERT_EQ(::islock(locker), 0);
+    ASSERT_EQ(rewrite(isfd_, row(3, 1)), 0);
+    ASSERT_EQ(rewrite(isfd_, row(5, 1)), 0);
+    EXPECT_TRUE(locked(1) && locked(kLast));
+    if (suspended) ::issusplog();
+    if (!stays) {
+      ASSERT_EQ(::isunlock(locker), 0);
+    }
+    if (suspended) ::isresumlog();
+    for (const int number : {1, 2, 3, 4, 5, 6, kLast}) {
+      const bool changed = number == 2 || number == 3 || number == 5;
+      EXPECT_EQ(locked(number), changed || stays) << number;
+    }
+    ASSERT_EQ(::iscommit(), 0);
+    for (const int number : {0, 2, 3, 5, kLast}) EXPECT_EQ(locked(number), stays) << number;
+    ASSERT_EQ(::isunlock(locker), 0);
+    EXPECT_FALSE(locked(2) || locked(kLast));
+  }
+
+  // An exclusive open that has no part in the transaction goes before it ends.
+  const int alone = ::isopen("pair", ISINOUT + ISEXCLLOCK + ISNOLOG + format());
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(rewrite(isfd_, row(2, 2)), 0);
+  ASSERT_EQ(::islock(reader), 0);
+  ASSERT_EQ(::isclose(alone), 0);
+  EXPECT_TRUE(locked(1));
+  ASSERT_EQ(::isunlock(reader), 0);
+  EXPECT_TRUE(locked(2));
+  EXPECT_FALSE(locked(1));
+  ASSERT_EQ(::isrollback(), 0);
+  EXPECT_FALSE(locked(2));
+}
+
+TEST_P(Transactions, AreRolledBackByACleanup) {
+  constexpr off_t kOpenLock = 0x7FFFFFFF;
+  for (const bool suspended : {false, true}) {
+    ASSERT_EQ(write(isfd_, row(1, 1)), suspended ? -1 : 0);
+    ASSERT_EQ(::isbegin(), 0);
+    ASSERT_EQ(write(isfd_, row(2, 1)), 0);
+    ASSERT_EQ(::isclose(isfd_), 0);
+    const int other = open("pair");
+    ASSERT_EQ(write(other, row(3, 1)), 0);
+    if (suspended) ::issusplog();
+    EXPECT_EQ(::iscleanup(), 0);
+    EXPECT_FALSE(byte_locked("pair.idx", kOpenLock));
+    if (suspended) {
+      EXPECT_EQ(::isbegin(), -1);
+      EXPECT_EQ(iserrno, ISENOLOG);
+      ::isresumlog();
+    }
+    EXPECT_EQ(::iscommit(), -1);
+    EXPECT_EQ(iserrno, ISENOBEGIN);
+    isfd_ = open("pair");
+    EXPECT_EQ(rows(isfd_), Rows{row(1, 1)});
+  }
+  ::iscleanup();
+  EXPECT_EQ(faults("pair"), "");
 }
 
 }  // namespace
