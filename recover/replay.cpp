@@ -52,6 +52,16 @@ class Reporter : public isam::txlog::RecoveryObserver {
     names_.forget(record);
   }
 
+  void gave_way(const LogRecord& record) override {
+    ++gave_way_;
+    if (options_.verbose) show("gave way  ", record);
+  }
+
+  void dropped(const LogRecord& record) override {
+    if (++dropped_count_ > kMostUnfinished) return;
+    dropped_ += "  " + describe(record, names_) + "\n";
+  }
+
   void unfinished(std::int32_t process, std::size_t records) override {
     ++unfinished_count_;
     if (unfinished_count_ > kMostUnfinished) return;
@@ -67,9 +77,16 @@ class Reporter : public isam::txlog::RecoveryObserver {
       if (counts.applied.total() != 0) print("  applied   " + counts.applied.text() + "\n");
       if (counts.left_out.total() != 0) print("  left out  " + counts.left_out.text() + "\n");
     }
+    if (gave_way_ != 0) {
+      print("undone, for their processes were killed before they did it: " +
+            std::to_string(gave_way_) + "\n");
+    }
     if (unfinished_count_ == 0) return;
     print("transactions without an end, not applied: " + std::to_string(unfinished_count_) + "\n" +
           unfinished_);
+    if (dropped_count_ == 0) return;
+    print("written inside them but not part of them, not applied either: " +
+          std::to_string(dropped_count_) + "\n" + dropped_);
   }
 
   [[nodiscard]] bool left_something_out() const { return left_out_.total() != 0; }
@@ -99,6 +116,9 @@ class Reporter : public isam::txlog::RecoveryObserver {
   std::map<std::string, Counts> files_;
   std::string unfinished_;
   std::size_t unfinished_count_ = 0;
+  std::string dropped_;
+  std::size_t dropped_count_ = 0;
+  std::size_t gave_way_ = 0;
   std::string last_left_out_;
 };
 

@@ -1,10 +1,13 @@
 #include "txlog/apply.h"
 
+#include "isam/btree.h"
 #include "isam/change.h"
 #include "isam/errors.h"
 #include "isam/files.h"
 #include "isam/frame.h"
 #include "isam/freelists.h"
+#include "isam/items.h"
+#include "isam/keytable.h"
 #include "txlog/logfile.h"
 
 namespace isam::txlog {
@@ -38,14 +41,17 @@ int insert(std::int32_t number, ConstBytes record, How how) {
   return -1;
 }
 
-// Runs `change` on the record with a number; a record that is not there is no failure.
+// Runs `change` on the record with a number; a record that is not there is no failure: true.
 template <typename Change>
-int change_record(std::int32_t number, Change change) {
+bool change_record(std::int32_t number, Change change) {
   const FoundRecord found = getcurrent(number);
-  if (found.number > 0) return change(found);
-  if (iserrno != kNoRecord) return -1;
+  if (found.number > 0) {
+    change(found);
+    return false;
+  }
+  if (iserrno != kNoRecord) return false;
   clear_errors();
-  return 0;
+  return true;
 }
 
 }  // namespace
@@ -56,10 +62,11 @@ int lginsert(int isfd, std::int32_t number, ConstBytes record, How how) {
   return isexit();
 }
 
-int lgdelete(int isfd, std::int32_t number) {
+int lgdelete(int isfd, std::int32_t number, bool* absent) {
   if (enter(isfd) != 0) return -1;
-  change_record(number,
-                [](const FoundRecord& found) { return delrecord(found.number, found.bytes); });
+  const bool missing =
+      change_record(number, [](const FoundRecord& found) { delrecord(found.number, found.bytes); });
+  if (absent != nullptr) *absent = missing;
   return isexit();
 }
 
@@ -67,10 +74,53 @@ int lgupdate(int isfd, std::int32_t number, ConstBytes record) {
   if (enter(isfd) != 0) return -1;
   if (check_length(record) == 0) {
     change_record(number, [&](const FoundRecord& found) {
-      return rewrecord(found.number, found.bytes, record, Current::kStays);
+      rewrecord(found.number, found.bytes, record, Current::kStays);
     });
   }
   return isexit();
+}
+
+Contents lgread(int isfd, std::int32_t number) {
+  const KeepError keep;
+  Contents contents;
+  if (enter(isfd) != 0) return contents;
+  const FoundRecord found = getcurrent(number);
+  if (found.number > 0) contents.emplace(found.bytes.begin(), found.bytes.end());
+  clear_errors();
+  isexit();
+  return contents;
+}
+
+bool Clash::has_key(ConstBytes record) const {
+  for (int i = 0; i < key.nparts; ++i) {
+    const keypart& part = key.part[i];
+    if (static_cast<std::size_t>(part.start + part.length) > record.size()) return false;
+  }
+  if (record.empty()) return false;
+  Item other;
+  itmake(record.data(), other, key);
+  return itcompare(item, other, KeyOrder{key}) == 0;
+}
+
+std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record) {
+  const KeepError keep;
+  std::vector<Clash> clashes;
+  if (enter(isfd) != 0) return clashes;
+  const std::vector<keydescr>* const keys = check_length(record) == 0 ? file_keys() : nullptr;
+  for (std::size_t i = 0; keys != nullptr && i < keys->size(); ++i) {
+    const keydescr& k = (*keys)[i];
+    if ((k.flags & KF_DUPS) != 0 || k.nparts == 0) continue;
+    Clash clash{0, k, {}};
+    itmake(record.data(), clash.item, k);
+    Item wanted = clash.item;
+    if (btsearch(wanted, k, 0, Search::kRead) != 0 || bt.ends != kOnItem) continue;
+    if (treeitem.recptr == number || itcompare(wanted, treeitem, KeyOrder{k}) != 0) continue;
+    clash.owner = treeitem.recptr;
+    clashes.push_back(clash);
+  }
+  clear_errors();
+  isexit();
+  return clashes;
 }
 
 }  // namespace isam::txlog

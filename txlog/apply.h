@@ -4,6 +4,10 @@
 // Gives   0, or -1 with iserrno
 #pragma once
 
+#include <optional>
+#include <vector>
+
+#include "isam/position.h"
 #include "txlog/logformat.h"
 
 namespace isam::txlog {
@@ -17,8 +21,23 @@ enum class How {
 // 119 when an image has a length that the file's records cannot have; lginsert 126 when the number
 // cannot be had.
 int lginsert(int isfd, std::int32_t number, ConstBytes record, How how);
-int lgdelete(int isfd, std::int32_t number);
+int lgdelete(int isfd, std::int32_t number, bool* absent = nullptr);
 int lgupdate(int isfd, std::int32_t number, ConstBytes record);
+
+// A record's bytes; none when it is not there.
+using Contents = std::optional<std::vector<Byte>>;
+[[nodiscard]] Contents lgread(int isfd, std::int32_t number);
+
+// Another record that has a key which only one may have.
+struct Clash {
+  std::int32_t owner = 0;
+  keydescr key{};
+  Item item;
+
+  [[nodiscard]] bool has_key(ConstBytes record) const;
+};
+// Whom record `number` would meet that way; iserrno stays.
+[[nodiscard]] std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record);
 
 // Free record numbers that insertions of this recovery may still leave behind when they stand past
 // the end of the file. It bounds what a damaged number can cost.

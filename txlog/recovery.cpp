@@ -1,8 +1,8 @@
 #include "txlog/recovery.h"
 
-#include <map>
+#include <algorithm>
+#include <memory>
 #include <new>
-#include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -11,10 +11,8 @@
 #include "isam/errors.h"
 #include "isam/files.h"
 #include "isam/traced.h"
-#include "txlog/apply.h"
-#include "txlog/errorlog.h"
 #include "txlog/logfile.h"
-#include "txlog/replayfiles.h"
+#include "txlog/replay.h"
 #include "txlog/transactions.h"
 
 namespace isam::txlog {
@@ -24,75 +22,21 @@ namespace {
 constexpr std::int64_t kSpareNumbers = 1 << 20;
 constexpr std::int64_t kSmallestImage = 34;
 
-// What is said of a record that is not applied.
-struct Texts {
-  LogType type;
-  const char* skipped;
-  const char* failed;
-};
-constexpr Texts kTexts[] = {
-    {LogType::kDelete, "delete record skipped", "delete record redo problem"},
-    {LogType::kInsert, "insert record skipped", "insert record redo problem"},
-    {LogType::kUpdate, "update record skipped", "update record redo problem"},
-    {LogType::kOpened, nullptr, "file open redo problem"},
-    {LogType::kClosed, "close file skipped", "file close redo problem"},
-    {LogType::kBuilt, nullptr, "build redo problem"},
-    {LogType::kErased, nullptr, "erase redo problem"},
-    {LogType::kIndexAdded, "create index skipped", "create index redo problem"},
-    {LogType::kIndexDropped, "drop index skipped", "drop index redo problem"},
-    {LogType::kRenamed, nullptr, "rename redo problem"},
-    {LogType::kUniqueSet, "set unique id skipped", "set unique redo problem"},
-    {LogType::kUniqueTaken, "unique id skipped", "unique id (iscurruniq) redo problem"},
-    {LogType::kClustered, "create cluster index skipped", "cluster index redo problem"},
-};
-
-constexpr const char* kNoSetUniqueOpen = "set unique (getrisfd) redo problem";
-constexpr const char* kNoUniqueOpen = "unique id (getrisfd) redo problem";
 constexpr const char* kTransactionProblem = "transaction problem";
-
-const Texts* texts_of(LogType type) {
-  for (const Texts& texts : kTexts) {
-    if (texts.type == type) return &texts;
-  }
-  return nullptr;
-}
-
-bool is_image(LogType type) {
-  return type == LogType::kDelete || type == LogType::kInsert || type == LogType::kUpdate;
-}
 
 // Changes of files as a whole come without an open, so without anything before them.
 bool is_about_files(LogType type) {
   return type == LogType::kBuilt || type == LogType::kErased || type == LogType::kRenamed;
 }
 
-struct Held {
-  std::int64_t offset;
-  std::int32_t length;
-};
-
-// An insertion outside transactions that is the last a writer has logged. The writer may have been
-// killed before it was made.
-struct Doubtful {
-  ReplayFileRef file;
-  std::int32_t number = 0;
-};
-
-// One process that wrote the log.
-struct Writer {
-  bool begun = false;
-  std::vector<Held> held;
-  std::map<int, ReplayFileRef> opens;  // by the writer's number
-  Doubtful last;
-};
-
 class Recovery {
  public:
-  Recovery(int mode, RecoveryObserver& observer) : mode_(mode), observer_(observer) {}
+  Recovery(int mode, RecoveryObserver& observer)
+      : mode_(mode), observer_(observer), replay_(mode, observer) {}
 
   // 0 at the end of the log, or -1.
   int run() {
-    if (mode_ != 0 && errors_.opbadlog() != 0) return -1;
+    if (replay_.start() != 0) return -1;
     std::int64_t offset = kMagicSize;
     for (;;) {
       clear_errors();
@@ -100,311 +44,288 @@ class Recovery {
       if (record.bytes().empty()) return iserrno == 0 ? finish() : -1;
       if (record.length() < record::kSmallest || !record.is_sound()) return stop(record);
       if (record.type() == LogType::kEnd) return finish();
+      replay_.held().count_record();
       if (handle(record, offset) != 0) return -1;
       offset += record.length();
     }
   }
 
  private:
-  int finish() {
-    for (const auto& [process, writer] : writers_) {
-      if (writer.begun) observer_.unfinished(process, writer.held.size());
-    }
-    return files_.close_all();
-  }
+  using WriterHold = std::unique_ptr<Writer>;
 
   int stop(const LogRecord& record) {
     failed_unless_set(kBadLogRecord);
     const std::int32_t reason = iserrno;
-    observer_.left_out(record, kTransactionProblem);
-    if (mode_ != 0) errors_.dobadlog(record, kTransactionProblem);
+    replay_.note(record, kTransactionProblem);
     return failed_as(reason);
+  }
+
+  Writer& writer_of(std::int32_t process) {
+    WriterHold& writer = writers_[process];
+    if (writer == nullptr) {
+      writer = std::make_unique<Writer>();
+      writer->process = process;
+      writer->serial = ++serials_;
+    }
+    return *writer;
   }
 
   int handle(const LogRecord& record, std::int64_t offset) {
     const LogType type = record.type();
     const auto found = writers_.find(record.process());
-    Writer* writer = found == writers_.end() ? nullptr : &found->second;
-    const Held held{offset, record.length()};
-    if (writer != nullptr) writer->last = {};
+    Writer* writer = found == writers_.end() ? nullptr : found->second.get();
+    const bool reopens = writer != nullptr && is_reopening(*writer, record);
+    if (writer != nullptr) go_on(*writer, record, offset, reopens);
     switch (type) {
       case LogType::kUnknown:
         return stop(record);
       case LogType::kBegin:
       case LogType::kOpened:
-        if (writer == nullptr) writer = &writers_[record.process()];
-        if (type == LogType::kBegin) begin(record.process(), *writer);
-        writer->held.push_back(held);
+        if (type == LogType::kBegin) {
+          if (begin(record.process(), offset) != 0) return -1;
+        } else if (reopens && writer->begun && replay_.outlook().is_new_process(offset)) {
+          replay_.close_opens(drop(record.process()));
+        }
+        hold(record, offset, writer_of(record.process()));
         return 0;
       case LogType::kCommit:
       case LogType::kRollback:
-        if (writer != nullptr) return end(record.process(), *writer, type);
+        if (writer != nullptr) return end(*writer, type);
         return (mode_ & kAnyWriter) != 0 ? 0 : stop(record);
       default:
-        if (texts_of(type) == nullptr) return 0;  // of no meaning here
+        if (!is_applied(type)) return 0;  // of no meaning here
         break;
     }
     if (writer == nullptr) {
       if (!is_about_files(type) && (mode_ & kAnyWriter) == 0) return stop(record);
       Writer nobody;
-      nobody.held.push_back(held);
-      return rollforward(nobody, LogType::kCommit);
+      return redo(record, offset, nobody);
     }
-    writer->held.push_back(held);
-    return writer->begun ? 0 : end(record.process(), *writer, LogType::kCommit);
-  }
-
-  // A writer that begins anew while it is in a transaction was killed, and another process has got
-  // its number. Of what it did only the files that it opened matter: they may be the same process's
-  // after all.
-  void begin(std::int32_t process, Writer& writer) {
-    if (writer.begun) {
-      observer_.unfinished(process, writer.held.size());
-      drop_unfinished(writer);
+    if (writer->begun) {
+      hold(record, offset, *writer);
+      return 0;
     }
-    writer.begun = true;
-  }
-
-  void drop_unfinished(Writer& writer) {
-    for (const Held& held : std::exchange(writer.held, {})) {
-      const LogRecord record = body_.isgetnext(held.offset);
-      const LogType type = record.bytes().empty() ? LogType::kUnknown : record.type();
-      if (type == LogType::kOpened || type == LogType::kClosed) redo(record, writer);
-    }
-    clear_errors();
-  }
-
-  // Applies what a writer has done, and forgets the writer when it has no files open, not even ones
-  // that could not be opened here: more may be said of those.
-  int end(std::int32_t process, Writer& writer, LogType how) {
-    if (rollforward(writer, how) != 0) return -1;
-    writer.begun = false;
-    std::erase_if(writer.opens, [](const auto& open) { return open.second->gone; });
-    if (writer.opens.empty() && !has_skipped(process)) writers_.erase(process);
+    // Files that it opened come first.
+    if (rollforward(*writer, LogType::kCommit) != 0) return -1;
+    writer->last = offset;
+    if (redo(record, offset, *writer) != 0) return -1;
+    if (!is_image(type)) retire(*writer);
     return 0;
   }
 
-  [[nodiscard]] bool has_skipped(std::int32_t process) const {
-    const auto found = skipped_.lower_bound({process, 0});
-    return found != skipped_.end() && found->first.first == process;
-  }
-
-  int rollforward(Writer& writer, LogType how) {
-    for (const Held& held : writer.held) {
-      const LogRecord record = body_.isgetnext(held.offset);
-      if (record.bytes().empty() || record.length() != held.length) {
-        return failed_unless_set(kLogRead);
-      }
-      // What a rollback undid was its own images; others stand.
-      const bool undone =
-          how == LogType::kRollback && is_image(record.type()) && record.is_linked();
-      if (!undone && redo(record, writer) != 0) return -1;
-    }
-    writer.held.clear();
-    files_.release_all();
-    return 0;
-  }
-
-  int redo(const LogRecord& record, Writer& writer) {
-    const Texts* const texts = texts_of(record.type());
-    if (texts == nullptr) return 0;  // a begin mark
-    if (chkskip(record, texts->skipped)) return 0;
-    clear_errors();
-    message_ = texts->failed;
-    const int result = apply(record, writer);
-    // The file is not what the log goes on to speak of, whether or not it could be erased.
-    if (record.type() == LogType::kErased && (result == 0 || (mode_ & kTolerant) != 0)) {
-      if (const auto name = record.erased()) files_.forget(*name);
-    }
-    if (result != 0) return note_failure(record);
-    observer_.applied(record);
-    return 0;
-  }
-
-  int note_failure(const LogRecord& record) {
-    failed_unless_set(kBadLogRecord);
-    observer_.left_out(record, message_);
-    if ((mode_ & kTolerant) == 0) return -1;
-    errors_.dobadlog(record, message_);
-    if (record.type() == LogType::kOpened) {
-      if (const auto file = record.file_named()) {
-        skipped_[{record.process(), file->open}] = file->name;
+  // A writer that goes on has made its last change; but one that opens a file by a number that it
+  // has open is rather another process.
+  void go_on(Writer& writer, const LogRecord& record, std::int64_t offset, bool reopens) {
+    const LogType type = record.type();
+    if (reopens) {
+      writer.serial = ++serials_;
+      writer.doubted_file = nullptr;
+    } else if (type != LogType::kBegin) {  // then the next record tells
+      const std::int32_t number = writer.doubted_number;
+      if (!replay_.doubts().end(writer) || !is_image(type)) return;
+      // It takes back what another change has shown not to be made, or done away with.
+      const auto image = record.image();
+      if (image && image->number == number && replay_.outlook().is_opposite(offset)) {
+        replay_.pass_over(offset);
       }
     }
-    return 0;
   }
 
-  // Whether the record is about an open that could not be opened here.
-  bool chkskip(const LogRecord& record, const char* message) {
+  // Whether a record opens a file by a number that is open since its writer is known to be the same
+  // process.
+  static bool is_reopening(const Writer& writer, const LogRecord& record) {
+    if (record.type() != LogType::kOpened) return false;
     const auto open = record.open_number();
-    if ((mode_ & kTolerant) == 0 || message == nullptr || !open) return false;
-    const auto found = skipped_.find({record.process(), *open});
-    if (found == skipped_.end()) return false;
-    const std::string text = std::string{message} + " (filename = " + found->second + ")";
-    observer_.left_out(record, text);
-    errors_.dobadlog(record, text);
-    if (record.type() == LogType::kClosed) skipped_.erase(found);
-    return true;
+    const auto found = open ? writer.named.find(*open) : writer.named.end();
+    return found != writer.named.end() && found->second.serial == writer.serial;
   }
 
-  int apply(const LogRecord& record, Writer& writer) {
-    switch (record.type()) {
-      case LogType::kOpened:
-        return apply_open(record, writer);
-      case LogType::kClosed:
-        return apply_close(record, writer);
-      case LogType::kBuilt:
-        return apply_build(record);
-      case LogType::kErased: {
-        const auto name = record.erased();
-        return name ? iserase(std::string{*name}.c_str()) : failed(kBadLogRecord);
-      }
-      case LogType::kRenamed:
-        return apply_rename(record);
-      case LogType::kIndexAdded:
-      case LogType::kIndexDropped:
-      case LogType::kClustered:
-        return apply_index(record, writer);
-      case LogType::kUniqueSet:
-      case LogType::kUniqueTaken:
-        return apply_unique(record, writer);
-      default:
-        return apply_image(record, writer);
-    }
-  }
-
-  // The open that stands for a writer's: -1 with 101 when none does.
-  int getrisfd(Writer& writer, int number) {
-    const auto found = writer.opens.find(number);
-    return found == writer.opens.end() ? failed(kNotOpen) : files_.getrisfd(found->second);
-  }
-
-  int apply_image(const LogRecord& record, Writer& writer) {
-    const auto image = record.image();
-    if (!image) return failed(kBadLogRecord);
-    const int isfd = getrisfd(writer, image->open);
-    if (isfd < 0) return -1;
-    switch (record.type()) {
-      case LogType::kDelete:
-        return lgdelete(isfd, image->number);
-      case LogType::kInsert:
-        return apply_insert(isfd, *image, writer);
-      default:
-        return lgupdate(isfd, image->number, image->new_image);
-    }
-  }
-
-  int apply_insert(int isfd, const Image& image, Writer& writer) {
-    const ReplayFileRef& file = writer.opens[image.open];
-    int result = lginsert(isfd, image.number, image.new_image, How::kRedo);
-    if (result != 0 && iserrno == kBadRecordNumber && revoke(*file, image.number) &&
-        lgdelete(isfd, image.number) == 0) {
-      result = lginsert(isfd, image.number, image.new_image, How::kRedo);
-    }
-    if (result == 0 && !writer.begun) writer.last = {file, image.number};
+  int redo(const LogRecord& record, std::int64_t offset, Writer& writer) {
+    const int result = replay_.redo({record, offset, &writer, file_of(record, offset, writer)});
+    replay_.files().release_all();
     return result;
   }
 
-  // Whether a number was taken by an insertion that was not made after all: its writer was killed
-  // when it had logged it, and another process was given the same number.
-  bool revoke(const ReplayFile& file, std::int32_t number) {
-    for (auto& [process, writer] : writers_) {
-      if (writer.last.file.get() != &file || writer.last.number != number) continue;
-      writer.last = {};
-      return true;
+  // The file that a record is about, as the log names it at this place.
+  ReplayFile* file_of(const LogRecord& record, std::int64_t offset, Writer& writer) {
+    ReplayFiles& files = replay_.files();
+    switch (record.type()) {
+      case LogType::kBuilt: {
+        const auto built = record.built();
+        if (!built) return nullptr;
+        ReplayFile& before = files.named(built->name);
+        replay_.also_about(offset, before);
+        return &files.built(built->name);
+      }
+      case LogType::kErased: {
+        const auto name = record.erased();
+        return name ? &files.named(*name) : nullptr;
+      }
+      case LogType::kRenamed: {
+        const auto names = record.renamed();
+        if (!names) return nullptr;
+        ReplayFile& file = files.named(names->from);
+        replay_.also_about(offset, files.named(names->to));
+        files.renamed(file, names->to);
+        return &file;
+      }
+      case LogType::kOpened: {
+        const auto named = record.file_named();
+        if (!named) return nullptr;
+        ReplayFile& file = files.named(named->name);
+        writer.named[named->open] = {&file, writer.serial};
+        return &file;
+      }
+      default:
+        return file_of_open(record, writer);
     }
-    return false;
   }
 
-  int apply_open(const LogRecord& record, Writer& writer) {
-    const auto file = record.file_named();
-    if (!file) return failed(kBadLogRecord);
-    const auto found = writer.opens.find(file->open);
-    if (found != writer.opens.end()) {
-      if (!found->second->gone && found->second->name == file->name) return 0;
-      const ReplayFileRef other = found->second;
-      writer.opens.erase(found);
-      files_.lgclfile(other);
+  static ReplayFile* file_of_open(const LogRecord& record, Writer& writer) {
+    const auto open = record.open_number();
+    const auto found = open ? writer.named.find(*open) : writer.named.end();
+    if (found == writer.named.end()) return nullptr;
+    ReplayFile* const file = found->second.file;
+    if (record.type() == LogType::kClosed) writer.named.erase(found);
+    return file;
+  }
+
+  void hold(const LogRecord& record, std::int64_t offset, Writer& writer) {
+    const LogType type = record.type();
+    Held held;
+    held.offset = offset;
+    held.length = static_cast<std::uint16_t>(record.length());
+    held.writer = &writer;
+    held.file = file_of(record, offset, writer);
+    held.about = about_of(type);
+    held.linked = is_image(type) && record.is_linked();
+    if (const auto image = record.image()) held.number = image->number;
+    const HeldId id = replay_.held().add(held);
+    HeldList& list = writer.held;
+    (list.last == kNoHeld ? list.first : replay_.held()[list.last].next) = id;
+    list.last = id;
+    writer.last = offset;
+  }
+
+  // ---- Transactions.
+
+  // A writer that begins anew while it is in a transaction was killed, and another process has got
+  // its number; or it is the same process after all, so the files that it opened stay open.
+  int begin(std::int32_t process, std::int64_t offset) {
+    Writer& writer = writer_of(process);
+    if (writer.begun) {
+      Writer& killed = drop(process);
+      Writer& now = writer_of(process);
+      now.named.swap(killed.named);
+      now.opened.swap(killed.opened);
+      HeldRecords& held = replay_.held();
+      for (HeldId id = killed.held.first; id != kNoHeld; id = held[id].next) {
+        const About about = held[id].about;
+        if (held[id].done || (about != About::kOpening && about != About::kClosing)) continue;
+        held[id].writer = &now;
+        if (replay_.redo_held(id) != 0) return -1;
+      }
       clear_errors();
+      forget_if_nothing_counts(killed);
     }
-    const ReplayFileRef opened = files_.addopfile(file->name, file->varlen);
-    if (!opened) return failed_unless_set(kBadLogRecord);
-    writer.opens[file->open] = opened;
-    skipped_.erase({record.process(), file->open});
+    Writer& now = writer_of(process);
+    now.begun = true;
+    now.begin = offset;
     return 0;
   }
 
-  int apply_close(const LogRecord& record, Writer& writer) {
-    const auto file = record.file_named();
-    const auto found = file ? writer.opens.find(file->open) : writer.opens.end();
-    if (found == writer.opens.end()) return failed(kBadLogRecord);
-    const ReplayFileRef closed = found->second;
-    writer.opens.erase(found);
-    return files_.lgclfile(closed);
+  // The writer was killed. What it did is not applied, as far as nobody's records show that it
+  // stands in the files.
+  Writer& drop(std::int32_t process) {
+    const auto found = writers_.find(process);
+    dropped_.push_back(std::move(found->second));
+    writers_.erase(found);
+    return *dropped_.back();
   }
 
-  static int apply_build(const LogRecord& record) {
-    auto built = record.built();
-    if (!built) return failed(kBadLogRecord);
-    isreclen = built->minimum;
-    const int isfd =
-        isbuild(std::string{built->name}.c_str(), built->reclen, &built->key, built->mode);
-    return isfd < 0 ? -1 : isclose(isfd);
+  // Of the writer dropped last nothing is kept that no other record can be concerned with.
+  void forget_if_nothing_counts(Writer& killed) {
+    HeldRecords& held = replay_.held();
+    for (HeldId id = killed.held.first; id != kNoHeld; id = held[id].next) {
+      if (held[id].findable) return;
+    }
+    report(killed);
+    for (HeldId id = killed.held.first; id != kNoHeld;) {
+      held.remove(std::exchange(id, held[id].next));
+    }
+    dropped_.pop_back();
   }
 
-  int apply_rename(const LogRecord& record) {
-    const auto names = record.renamed();
-    if (!names) return failed(kBadLogRecord);
-    const std::string from{names->from};
-    const std::string to{names->to};
-    if (isrename(from.c_str(), to.c_str()) != 0) return -1;
-    files_.rename(from, to);
+  // Ends a transaction. The writer is forgotten when it has no files open, not even ones that could
+  // not be opened here: more may be said of those.
+  int end(Writer& writer, LogType how) {
+    if (rollforward(writer, how) != 0) return -1;
+    writer.begun = false;
+    retire(writer);
     return 0;
   }
 
-  int apply_index(const LogRecord& record, Writer& writer) {
-    auto change = record.index_change();
-    if (!change) return failed(kBadLogRecord);
-    const int isfd = getrisfd(writer, change->open);
-    if (isfd < 0) return -1;
-    if (record.type() == LogType::kIndexAdded) return isaddindex(isfd, &change->key);
-    if (record.type() == LogType::kIndexDropped) return isdelindex(isfd, &change->key);
-    const int clustered = iscluster(isfd, &change->key);
-    ReplayFile& file = *writer.opens[change->open];
-    if (clustered >= 0) {
-      ReplayFiles::txoupdate(file, clustered);
-    } else if (open_of(isfd) == nullptr) {
-      file.isfd = -1;  // the failure came when the new pair was to be opened
-    }
-    return clustered < 0 ? -1 : 0;
+  void retire(Writer& writer) {
+    std::erase_if(writer.opened, [](const auto& open) { return open.second->gone; });
+    std::erase_if(writer.named, [](const auto& open) { return open.second.file->gone; });
+    const bool done = writer.named.empty() && !replay_.has_skipped(writer.process);
+    if (done) writers_.erase(writer.process);
   }
 
-  int apply_unique(const LogRecord& record, Writer& writer) {
-    const auto unique = record.unique_id();
-    if (!unique) return failed(kBadLogRecord);
-    const bool sets = record.type() == LogType::kUniqueSet;
-    const int isfd = getrisfd(writer, unique->open);
-    if (isfd < 0) {
-      message_ = sets ? kNoSetUniqueOpen : kNoUniqueOpen;
-      return -1;
+  int rollforward(Writer& writer, LogType how) {
+    HeldRecords& held = replay_.held();
+    for (HeldId id = writer.held.first; id != kNoHeld; id = held[id].next) held.hide(id);
+    writer.last = 0;  // an end: nothing of it is in doubt
+    const HeldList ended = std::exchange(writer.held, {});
+    for (HeldId id = ended.first; id != kNoHeld;) {
+      // What a rollback undid was its own images; others stand.
+      const bool undone = how == LogType::kRollback && held[id].linked;
+      const bool due = !undone && !held[id].done && !held[id].passed;
+      if (due && replay_.redo_held(id) != 0) return -1;
+      id = held[id].next;
     }
-    if (!unique->id) return 0;
-    if (sets) return issetunique(isfd, *unique->id);
-    std::int32_t current = 0;
-    if (iscurruniq(isfd, &current) != 0) return -1;
-    if (current > *unique->id || *unique->id == INT32_MAX) return 0;
-    return issetunique(isfd, *unique->id + 1);
+    if (replay_.redo_put_off() != 0) return -1;
+    for (HeldId id = ended.first; id != kNoHeld;) {
+      held.remove(std::exchange(id, held[id].next));
+    }
+    replay_.files().release_all();
+    return 0;
+  }
+
+  // ---- The end of the log.
+
+  int finish() {
+    for (const WriterHold& writer : dropped_) report(*writer);
+    std::vector<const Writer*> begun;
+    for (const auto& [process, writer] : writers_) {
+      if (writer->begun) begun.push_back(writer.get());
+    }
+    std::ranges::sort(begun, {}, &Writer::begin);
+    for (const Writer* const writer : begun) report(*writer);
+    return replay_.files().close_all();
+  }
+
+  void report(const Writer& writer) {
+    HeldRecords& held = replay_.held();
+    std::size_t count = 0;
+    for (HeldId id = writer.held.first; id != kNoHeld; id = held[id].next) count += !held[id].done;
+    observer_.unfinished(writer.process, count);
+    for (HeldId id = writer.held.first; id != kNoHeld; id = held[id].next) {
+      const Held& one = held[id];
+      const bool stands_alone = one.about >= About::kFile && !one.linked && !one.done;
+      const LogRecord record = stands_alone ? replay_.load(one) : LogRecord{};
+      if (!record.bytes().empty()) observer_.dropped(record);
+    }
+    clear_errors();
   }
 
   int mode_;
   RecoveryObserver& observer_;
   LogWindow scan_{logstate.fd};
-  LogWindow body_{logstate.fd};  // for what was held
-  ErrorLog errors_;
-  ReplayFiles files_;
-  std::unordered_map<std::int32_t, Writer> writers_;
-  std::map<std::pair<std::int32_t, int>, std::string> skipped_;  // writers' opens, and their files
-  const char* message_ = nullptr;  // what is said if the record in hand fails
+  Replay replay_;
+  std::unordered_map<std::int32_t, WriterHold> writers_;
+  std::vector<WriterHold> dropped_;
+  std::uint32_t serials_ = 0;
 };
 
 int run(int mode, RecoveryObserver& observer) {

@@ -7,10 +7,11 @@
 //        BW            image, index, ...             CW: apply all
 //   --------> begun -----------------------> begun ------------------> not begun
 //     ^                held                          RW: what was not undone
-//     |  a BW without an end before it: the writer was killed, what is held is dropped
+//     |  a BW without an end before it, or the opening of a file by another process with the
+//        number: the writer was killed
 //
-// An insertion that a killed process had logged and not made gives way to the next one that got its
-// number.
+// What others have applied may show that some of what is held, or dropped, stands in the files, and
+// that the last change of a killed process was not made: see txlog/replay.
 //
 // Needs   the log open (islogopen)
 // Keeps   Y1 any bytes for a log: a record is used only as far as it reaches, held records cost
@@ -42,8 +43,12 @@ class RecoveryObserver {
   virtual void applied(const LogRecord& /*record*/) {}
   // Left out, or the one that ends the recovery; iserrno tells why, as far as a call has failed.
   virtual void left_out(const LogRecord& /*record*/, std::string_view /*message*/) {}
-  // A transaction without an end: its records were dropped.
+  // Applied before, and now undone: its writer was killed before it did it.
+  virtual void gave_way(const LogRecord& /*record*/) {}
+  // A transaction without an end: so many records of it were dropped.
   virtual void unfinished(std::int32_t /*process*/, std::size_t /*records*/) {}
+  // One of them that was not part of the transaction, though written inside it.
+  virtual void dropped(const LogRecord& /*record*/) {}
 };
 
 // Applies the open log, and closes it and all files: 0, or -1 with iserrno.

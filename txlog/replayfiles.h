@@ -1,28 +1,37 @@
 // replayfiles: the files that a recovery works on, each open once however many of the writers'
 // opens stand for it.
 //
-// Keeps   P1 a file is found by name, and follows a rename
+// Reading the log comes before applying it, for what is held. So a file is known from the first
+// record that names it, by the names that the log gives it (`named`, `built`, `renamed`); what it
+// is called in its folder, and whether it is open, is as of what has been applied.
+//
+// Keeps   P1 a file keeps its identity when it is renamed; one that is built is another one
 //         P2 short of opens or descriptors, a file that the transaction being applied does not use
 //            is closed; it is opened again when it is needed
 #pragma once
 
+#include <deque>
 #include <map>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "txlog/heldrecords.h"
+
 namespace isam::txlog {
 
 struct ReplayFile {
+  std::uint32_t id = 0;
   std::string name;
   int isfd = -1;        // the recovery's own open; -1: closed for now
   int count = 0;        // writers' opens that stand for it
   bool in_use = false;  // by the transaction being applied
   bool varlen = false;
-  bool gone = false;  // erased, or no writer has it open any more
+  bool gone = false;            // erased
+  std::int64_t renumbered = 0;  // offset of the last record by which all numbers changed
+  HeldList linked;              // what is held about it: of transactions
+  HeldList unlinked;            // ... and outside of them
 };
-using ReplayFileRef = std::shared_ptr<ReplayFile>;
 
 class ReplayFiles {
  public:
@@ -30,29 +39,40 @@ class ReplayFiles {
   ReplayFiles(const ReplayFiles&) = delete;
   ReplayFiles& operator=(const ReplayFiles&) = delete;
 
-  // The file for one more of the writers' opens; null with iserrno when it cannot be opened.
-  [[nodiscard]] ReplayFileRef addopfile(std::string_view name, bool varlen);
-  // The open to work on a file with: -1 with iserrno.
-  [[nodiscard]] int getrisfd(const ReplayFileRef& file);
-  // One of the writers' opens is closed; the last one closes the file. 0, or -1 with iserrno.
-  int lgclfile(const ReplayFileRef& file);
-  // The open of a file was replaced by another one.
-  static void txoupdate(ReplayFile& file, int isfd) { file.isfd = isfd; }
-  void forget(std::string_view name);
-  void rename(std::string_view from, std::string_view to);
+  // ---- As the log is read.
+  // The file that has a name.
+  [[nodiscard]] ReplayFile& named(std::string_view name);
+  // A new file gets a name.
+  [[nodiscard]] ReplayFile& built(std::string_view name);
+  // From now on a file has this name too.
+  void renamed(ReplayFile& file, std::string_view name);
+
+  // ---- As it is applied: 0, or -1 with iserrno.
+  // One more of the writers' opens stands for a file.
+  int addopfile(ReplayFile& file, std::string_view name, bool varlen);
+  // The open to work on a file with, or -1.
+  [[nodiscard]] int getrisfd(ReplayFile& file);
+  // One of the writers' opens is closed; the last one closes the file.
+  int lgclfile(ReplayFile& file);
+  // The open of a file was replaced by another one, or lost (-1).
+  void txoupdate(ReplayFile& file, int isfd);
+  // A file was erased.
+  void forget(ReplayFile& file);
   // The transaction has been applied.
   void release_all();
   // Closes what is open: 0, or -1 with the first failure.
   int close_all();
 
  private:
-  // Opens a file unless it is: 0, or -1.
+  ReplayFile& make(std::string_view name);
   int txoopen(ReplayFile& file);
-  // Closes an idle file: whether there was one.
   bool txoclose();
+  int close_file(ReplayFile& file);
 
-  std::map<std::string, ReplayFileRef, std::less<>> files_;
-  std::vector<ReplayFileRef> used_;
+  std::deque<ReplayFile> files_;
+  std::map<std::string, ReplayFile*, std::less<>> names_;
+  std::vector<ReplayFile*> open_;
+  std::vector<ReplayFile*> used_;
 };
 
 }  // namespace isam::txlog

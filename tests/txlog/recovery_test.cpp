@@ -6,35 +6,11 @@
 #include <utility>
 
 #include "common/io.h"
-#include "tests/txlog/log_fixture.h"
-#include "txlog/logformat.h"
+#include "tests/txlog/log_maker.h"
 
 namespace testing_support {
 namespace {
 
-using isam::txlog::LogType;
-using isam::txlog::RecordBuilder;
-using isam::txlog::stamp_record;
-
-class Recovery : public LogTest {
- protected:
-  // Puts the copy back and replays the log over it.
-  int replay(int mode = 0) {
-    ::iscleanup();
-    ::islogclose();
-    restore_copy();
-    EXPECT_EQ(::islogopen("log"), 0);
-    return ::isrecvr(mode);
-  }
-  static Rows rows_of(const char* name) {
-    const int isfd = ::isopen(name, ISINPUT + ISMANULOCK + format());
-    EXPECT_GE(isfd, 0) << name << ' ' << iserrno;
-    Rows found = rows(isfd);
-    ::isclose(isfd);
-    EXPECT_EQ(faults(name), "");
-    return found;
-  }
-};
 INSTANTIATE_TEST_SUITE_P(Formats, Recovery, ::testing::Bool(),
                          [](const auto& format) { return format.param ? "Varying" : "Fixed"; });
 
@@ -197,46 +173,6 @@ TEST_P(Recovery, GivesClusteredEqualsTheSameNumbers) {
 }
 
 // ---- Logs by hand.
-
-class LogMaker {
- public:
-  LogMaker() { bytes_ = {0xFB, 0x85, 0x9E, 0x78}; }
-
-  // A record of process `process`; `fill` adds the payload. Linked ones name a record before them.
-  template <typename Fill>
-  void add(LogType type, int process, bool linked, Fill fill) {
-    const std::size_t at = bytes_.size();
-    RecordBuilder builder{bytes_, type};
-    fill(builder);
-    EXPECT_TRUE(builder.finish());
-    stamp_record(&bytes_[at], process, 0, 1,
-                 linked ? isam::txlog::Link{4, 26} : isam::txlog::Link{});
-  }
-  void mark(LogType type, int process) {
-    add(type, process, true, [](RecordBuilder&) {});
-  }
-  void opens(LogType type, int process, int open, const char* name) {
-    add(type, process, false, [&](RecordBuilder& builder) {
-      builder.put_word(open);
-      builder.put_word(0);
-      builder.put_name(name);
-    });
-  }
-  void image(LogType type, int process, int open, int number, const std::string& record,
-             bool linked = true) {
-    add(type, process, linked, [&](RecordBuilder& builder) {
-      builder.put_word(open);
-      builder.put_long(number);
-      builder.put_word(static_cast<int>(record.size()));
-      builder.put_bytes({reinterpret_cast<const Byte*>(record.data()), record.size()});
-    });
-  }
-  void raw(const Image& bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
-  void save() const { write_file("log", bytes_); }
-
- private:
-  Image bytes_;
-};
 
 // The texts of an error log, one a record.
 std::vector<std::string> messages() {
