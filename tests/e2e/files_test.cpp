@@ -33,7 +33,8 @@ TEST_P(Files, DoNotBecomeImmense) {
   const Image sound = read_file(base_ + ".idx");
   constexpr std::int64_t kJustTooMany = (1 << 17) + 100;  // of nodes; records may take little room
   for (const int field : {dict::kNextNode, dict::kNextData}) {
-    for (const std::int64_t last : {kJustTooMany, {0x1000000}, {0x7FFFFF00}}) {
+    for (const std::int64_t last :
+         {kJustTooMany, std::int64_t{0x1000000}, std::int64_t{0x7FFFFF00}}) {
       if (field == dict::kNextData && last == kJustTooMany) continue;
       SCOPED_TRACE(std::to_string(field) + " " + std::to_string(last));
       Image damaged = sound;
