@@ -61,6 +61,7 @@ void makdfree();
 // Gathers and sorts the keys of every index that will be made anew, so that nothing that makindex
 // does later needs room for them. False, and said, when that failed.
 [[nodiscard]] bool prepare_indexes();
+void forget_prepared_indexes();
 
 // Remove the description of index n, or empty the index and fill it from the data records.
 void delindex(int n);

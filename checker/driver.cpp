@@ -210,7 +210,7 @@ bool guarded_check_and_repair(Repair& repair) {
     return check_and_repair(repair);
   } catch (const std::bad_alloc&) {
     err(Message::kNoMemory);
-    Repair::fail(ENOMEM);
+    repair.give_up(ENOMEM);
     return false;
   }
 }

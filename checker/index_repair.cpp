@@ -96,24 +96,25 @@ int fill_index(int n, const keydescr& k) {
 }  // namespace
 
 bool prepare_indexes() {
-  prepared.clear();
   const auto sharers = std::ranges::count(findings.idxflag, IndexVerdict::kRemake);
   for (int n = static_cast<int>(findings.idxflag.size()) - 1; n >= 1; --n) {
+    if (findings.idxflag[static_cast<std::size_t>(n)] != IndexVerdict::kRemake) continue;
     keydescr k{};
-    if (findings.idxflag[static_cast<std::size_t>(n)] != IndexVerdict::kRemake ||
-        isam::kysearch(k, n) < 0 || isam::kylegal(k, isam::filep->reclen) != 0) {
+    const bool described = isam::kysearch(k, n) >= 0 && isam::kylegal(k, isam::filep->reclen) == 0;
+    if (!described && !is_of_system(iserrno)) {
       isam::clear_errors();  // told when its turn comes
       continue;
     }
     const auto at = prepared.try_emplace(n, k, static_cast<int>(sharers)).first;
-    if (gather_keys(at->second) == 0) continue;
+    if (described && gather_keys(at->second) == 0) continue;
     print_line(Message::kRecreatingIndex, {std::int64_t{n}});
     prterr();
-    prepared.clear();
     return false;
   }
   return true;
 }
+
+void forget_prepared_indexes() { prepared.clear(); }
 
 void delindex(int n) {
   print_line(Message::kDeletingIndex, {std::int64_t{n}});

@@ -80,7 +80,8 @@ int obstacle(int fd, const std::string& index) {
 
 // Whether an error in making a copy leaves the index itself fit to be changed.
 bool leaves_index_usable(int error) {
-  return error != EIO && error != ENOMEM && error != ESTALE && error != EUCLEAN;
+  // Nothing can be written past the limit on the size of files, wherever.
+  return error != EIO && error != ENOMEM && error != ESTALE && error != EUCLEAN && error != EFBIG;
 }
 
 // Lets the current file's index be another file with the same nodes.
@@ -141,6 +142,11 @@ void Repair::fail(int system_error) {
   if (tally.system_error == 0) tally.system_error = system_error;
 }
 
+void Repair::give_up(int system_error) {
+  fail(system_error);
+  refused_ = refused_ || place_ == Place::kPair;
+}
+
 void Repair::tell_failure(const char* state) const {
   const int error = tally.system_error != 0 ? tally.system_error : filep->failed_write.error;
   remark(std::strerror(error) + std::string("; ") + state);
@@ -189,7 +195,10 @@ int Repair::copy_index() {
 // The old index is kept while nothing has changed. False: that was demanded, and cannot be.
 bool Repair::take_kept() {
   if (!keeps_) return true;
-  if (kept_.take(filep->idxfd, index_) && kept_.show() == 0) return true;
+  if (kept_.take(filep->idxfd, index_) && kept_.show() == 0) {
+    sync_folder(index_);
+    return true;
+  }
   const int error = errno;
   remark(std::string("the index as it was cannot be kept: ") + std::strerror(error));
   if (!index_is_to_be_kept(false)) return true;
@@ -204,22 +213,23 @@ bool Repair::begin_in_place(int reason) {
     refused_ = true;
     return false;
   }
-  if (isam::set_mark(*filep) != 0) {
+  if (isam::set_mark(*filep) != 0 || !sync(filep->idxfd)) {
     fail(iserrno);
+    isam::clear_mark(*filep);
     refused_ = true;
     return false;
   }
   place_ = Place::kInPlace;
   interrupt_->say("\nkestro: " + index_ + ": interrupted in the middle of a repair in place; run " +
                   "kestro again\n");
-  return sync(filep->idxfd);
+  return true;
 }
 
 void Repair::end(bool whole) {
+  forget_prepared_indexes();
   if (options.nflag != 0 || refused_) {
-    forget_changes();  // what was settled in the dictionary's copy stays there
-    if (refused_) tell_failure(kAsItWas);
-    return;
+    if (refused_) return leave_as_it_was();
+    return forget_changes();  // what was settled in the dictionary's copy stays there
   }
   switch (place_) {
     case Place::kPair:
@@ -234,7 +244,7 @@ void Repair::end(bool whole) {
 void Repair::end_dictionary(bool whole) {
   const bool changed = (filep->flags & (isam::kDictionaryChanged | isam::kPageChanged)) != 0;
   if (changed) {
-    if (!take_kept()) return tell_failure(kAsItWas);
+    if (!take_kept()) return leave_as_it_was();
     isam::lksemaphore(isam::Semaphore::kExclusive);
     if (!write_out()) return tell_failure(kAsItWas);
   }
@@ -271,19 +281,22 @@ void Repair::forget_changes() {
   filep->flags = 0;
 }
 
+void Repair::leave_as_it_was() {
+  tell_failure(kAsItWas);
+  forget_changes();
+}
+
 void Repair::end_copy(bool whole) {
   const bool dictionary_alone = !has_failed() && (filep->flags & isam::kPageChanged) == 0;
   const bool complete = !dictionary_alone && complete_copy(whole);
-  if (!complete && !dictionary_alone) {
-    tell_failure(kAsItWas);
-    forget_changes();
-  }
+  if (!complete && !dictionary_alone) leave_as_it_was();
   use(std::exchange(locked_, -1));
   place_ = dictionary_alone ? Place::kPair : Place::kCopy;
   if (dictionary_alone) return end_dictionary(whole);
   if (!complete) return;
-  isam::lksemaphore(isam::Semaphore::kExclusive);
-  put_in_place();
+  if (isam::lksemaphore(isam::Semaphore::kExclusive) == 0) return put_in_place();
+  fail(iserrno);
+  tell_failure(kAsItWas);
 }
 
 void Repair::put_in_place() {
@@ -297,7 +310,8 @@ void Repair::put_in_place() {
     fail(errno);
     return tell_failure(kAsItWas);
   }
-  if (copy_->replace(index_) != 0) {
+  // A link made meanwhile is another name of the old index, which it would lose.
+  if (errno = EMLINK; named.st_nlink > 1 || copy_->replace(index_) != 0) {
     place_ = Place::kInPlace;
     if (leaves_index_usable(errno)) return write_over();
     fail(errno);

@@ -35,6 +35,8 @@ class Repair {
   // Whether an error of the system has ended it.
   [[nodiscard]] static bool has_failed();
   static void fail(int system_error);
+  // Such an error came while nobody looked for it.
+  void give_up(int system_error);
   // Brings what was changed into the pair, or forgets it. `whole`: every step was taken.
   void end(bool whole);
 
@@ -50,7 +52,8 @@ class Repair {
   [[nodiscard]] bool complete_copy(bool whole);
   void put_in_place();
   void write_over();
-  void forget_changes();
+  static void forget_changes();
+  void leave_as_it_was();
   void tell_failure(const char* state) const;
   void keep_kept();
 

@@ -176,6 +176,15 @@ TEST_F(RepairCopy, OwnerPermissionsAndAttributesStay) {
   EXPECT_TRUE(!attributes || ::getxattr(idx_.c_str(), "user.label", label, 3) == 3);
 }
 
+TEST_F(RepairCopy, LimitOnTheSizeOfFilesLeavesThePair) {
+  const Image before = damage(spoil_index);
+  const std::string command = "ulimit -f 1; exec " KESTRO_PROGRAM " -yq " + base_;
+  const RunResult result = run_program({.words = {"/bin/sh", "-c", command}});
+  EXPECT_NE(result.err.find("the pair is as it was"), std::string::npos) << result.err;
+  EXPECT_EQ(read_file(idx_), before);
+  EXPECT_EQ(others(), Names{});
+}
+
 TEST_F(RepairCopy, SymbolicLinkIsFollowed) {
   damage(spoil_count);
   const std::string link = outside_ / "pair.idx";
@@ -231,6 +240,37 @@ TEST_F(RepairCopy, MarkOfUnfinishedChangesGoesWithTheLastFault) {
       EXPECT_EQ(get4(&read_file(idx_)[kMarkAt]), 99);
     }
   }
+}
+
+TEST(RepairInPlace, GathersAllKeysBeforeItChangesAnything) {
+  constexpr int kRecords = 15000;  // whose keys do not fit into a MiB
+  const TempFolder folder;
+  const std::string base = folder / "pair";
+  build_pair_of(base, false, kRecords);
+  Image damaged = read_file(base + ".idx");
+  damaged[damaged.size() / 3072 * 1024] = 0x7F;
+  write_file(base + ".idx", damaged);
+  EXPECT_EQ(end_of(start_process([&] {
+              ::setenv("ISAMSORTMEM", "1", 1);
+              for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
+                ::dup2(::open("/dev/null", O_WRONLY), fd);
+              }
+              // There is room for no copy, nor for sorting: only for the mark.
+              common::system_calls().open = [](const char* path, int flags, mode_t permissions) {
+                const bool nameless = (flags & O_TMPFILE) == O_TMPFILE;
+                errno = ENOSPC;
+                return nameless ? -1 : ::open(path, flags, permissions);
+              };
+              common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
+                                                 off_t offset) {
+                errno = ENOSPC;
+                return count > 8 ? -1 : ::pwrite(fd, from, count, offset);
+              };
+              checker::options.yflag = checker::options.qflag = 1;
+              if (checker::ckfile(base) == 0) ::_exit(1);
+            })),
+            0);
+  EXPECT_EQ(read_file(base + ".idx"), damaged);
 }
 
 // ---- Others, while the copy takes the index's place.
