@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstddef>
 #include <filesystem>
 #include <numeric>
 #include <string>
@@ -17,7 +18,8 @@
 namespace testing_support {
 namespace {
 
-constexpr int kNode = 1024, kPageLimit = kNode - 5, kLength = 20, kKey = 4;
+constexpr std::ptrdiff_t kNode = 1024;
+constexpr int kPageLimit = 1019, kLength = 20, kKey = 4;
 
 void numbered(int number, Image& record) { put4(record.data(), number); }
 
@@ -41,9 +43,9 @@ class DamagedPair : public testing::Test {
     return pair;
   }
   Byte* node(std::int32_t number) {
-    const std::size_t end = static_cast<std::size_t>(number) * kNode;
+    const std::size_t end = static_cast<std::size_t>(number * kNode);
     if (index_.size() < end) index_.resize(end);
-    return index_.data() + end - kNode;
+    return &index_[end - static_cast<std::size_t>(kNode)];
   }
   void save() { write_file(base_ + ".idx", index_); }
   [[nodiscard]] int open(int mode) const { return ::isopen(base_.c_str(), mode); }
@@ -101,7 +103,7 @@ TEST_F(DamagedPair, WalksOverSharedChildrenEnd) {
 
 // The pair stays what it was, and its open in use.
 TEST_F(DamagedPair, IsNotClusteredByAnIndexThatDoesNotNameEachRecordOnce) {
-  constexpr int kItem = kKey + 4;
+  constexpr std::ptrdiff_t kItem = kKey + 4;
   for (const bool misses : {true, false}) {
     SCOPED_TRACE(misses);
     const BuiltPair pair = build(10);
@@ -210,7 +212,8 @@ TEST_F(DamagedPair, MayHaveSoManyDescriptionsAndNoMore) {
       std::fill_n(page, kNode, Byte{0});
       put2(page, 6 + here * kSize);
       put4(page + 2, next);
-      for (int i = 0; i < here; ++i) put2(page + 6 + i * kSize, kSize);  // a key without parts
+      for (int i = 0; i < here; ++i)
+        put2(page + 6 + std::ptrdiff_t{i} * kSize, kSize);  // a key without parts
       page[kNode - 3] = 0xFF;
       page[kNode - 2] = 0x7E;
       number = next;
@@ -229,7 +232,8 @@ TEST_F(DamagedPair, WithoutPrimaryKeyIsRefused) {
   for (const int node_size : {1024, 1023}) {
     const BuiltPair pair = build_pair({.node_size = node_size, .keys = {{0, {{0, 4}}}}}, base_);
     index_ = read_file(base_ + ".idx");
-    const auto key_node = static_cast<std::size_t>((pair.key_nodes[0] - 1) * node_size);
+    const auto key_node =
+        static_cast<std::size_t>(pair.key_nodes[0] - 1) * static_cast<std::size_t>(node_size);
     for (const int used : {6, 9}) {  // none, or the beginning of one
       put2(&index_[key_node], used);
       save();

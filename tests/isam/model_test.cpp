@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <deque>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "isam/pool.h"
@@ -212,6 +213,7 @@ class Script {
         by_number{Target::kNumber, number};
     const auto compare = [&](const char* name, int got, int expected) {
       check({got}, {expected}, name, isfd, number, show(record), ::isreclen);
+      close_unsure();
     };
     switch (call) {
       case 0:
@@ -231,6 +233,13 @@ class Script {
         return compare("isdelcurr", ::isdelcurr(isfd), model_.isdelete(isfd, current, record));
       default:
         compare("isdelrec", ::isdelrec(isfd, number), model_.isdelete(isfd, by_number, record));
+    }
+  }
+
+  void close_unsure() {
+    const std::set<int> unsure = model_.take_unsure();
+    for (int& isfd : opens_) {
+      if (unsure.contains(isfd)) close(isfd);
     }
   }
 

@@ -225,6 +225,11 @@ IsamModel::Place IsamModel::insert(std::size_t i, const Bytes& record, std::int3
     status = "0202";
   }
   indexes_[i].emplace(place, recnum);
+  for (const auto& [isfd, open] : opens_) {
+    const bool again = open.key == i && open.position.record == recnum &&
+                       open.position.place.first == place.first && keys_[i].nparts > 0;
+    if (again) unsure_.insert(isfd);
+  }
   return place;
 }
 

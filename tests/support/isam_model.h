@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -49,6 +50,10 @@ class IsamModel {
   int iswrite(int isfd, Bytes record, bool becomes_current);
   int isrewrite(int isfd, Target target, Bytes record);
   int isdelete(int isfd, Target target, const Bytes& record);
+  // Opens that stood on an item which has gone and come again, with the same key and record.
+  // Whether that is the same item depends on its duplicate number, which only the files know. None
+  // afterwards.
+  std::set<int> take_unsure() { return std::exchange(unsure_, {}); }
 
  private:
   // A key in a form that sorts by its bytes, and the duplicate number. In the order of record
@@ -94,6 +99,7 @@ class IsamModel {
   std::vector<std::int32_t> free_;  // in the order in which they were freed
   std::int32_t last_ = 0;           // highest number in use
   std::map<int, Open> opens_;
+  std::set<int> unsure_;
   bool after_end_ = false;  // the call before ended with ISEEND
 };
 
