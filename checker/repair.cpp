@@ -94,9 +94,8 @@ void use(int fd) {
 // What waits in the pool, the stamp of the change, the dictionary: whether all could be written.
 bool write_out() {
   isam::clear_errors();
-  isam::bfflush(*filep);
   isam::isexit();
-  if ((filep->flags & isam::kDictionaryChanged) != 0) isam::dictwrite();
+  isam::write_delayed();
   if (iserrno != 0) Repair::fail(iserrno);
   return iserrno == 0;
 }
@@ -331,7 +330,6 @@ void Repair::write_over() {
   const int from = copy_->fd();
   const int to = filep->idxfd;
   constexpr std::int64_t kBehindMark = isam::kMarkOffset + isam::kMarkSize;
-  filep->mark = isam::MarkState::kClear;
   if (isam::set_mark(*filep) != 0) {
     fail(iserrno);
     return tell_failure(kAsItWas);

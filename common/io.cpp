@@ -98,15 +98,18 @@ int write_at(int fd, ConstBytes from, std::int64_t offset) {
 
 int cut_file(int fd, std::int64_t size) { return system_calls().ftruncate(fd, size); }
 
-std::int64_t file_size(int fd) {
+int find_size(int fd, std::int64_t& size) {
   struct stat status {};
-  if (system_calls().fstat(fd, &status) != 0) return 0;
-  if (S_ISREG(status.st_mode)) return status.st_size;
-  if (S_ISBLK(status.st_mode)) {
-    const off_t end = ::lseek(fd, 0, SEEK_END);
-    return end < 0 ? 0 : end;
-  }
-  return 0;
+  size = 0;
+  if (system_calls().fstat(fd, &status) != 0) return -1;
+  if (S_ISREG(status.st_mode)) size = status.st_size;
+  if (S_ISBLK(status.st_mode)) size = ::lseek(fd, 0, SEEK_END);
+  return size < 0 ? -1 : 0;
+}
+
+std::int64_t file_size(int fd) {
+  std::int64_t size = 0;
+  return find_size(fd, size) == 0 ? size : 0;
 }
 
 }  // namespace common

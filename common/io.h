@@ -54,6 +54,9 @@ void close_file(int fd);
 // Cuts a file to `size` bytes: 0, or -1 with errno.
 int cut_file(int fd, std::int64_t size);
 
+// Size in bytes of a file, as below: 0, or -1 with errno.
+[[nodiscard]] int find_size(int fd, std::int64_t& size);
+
 // Size in bytes of a regular file or block device; 0 for anything else or on failure.
 [[nodiscard]] std::int64_t file_size(int fd);
 

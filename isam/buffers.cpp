@@ -69,9 +69,13 @@ int bfprocess(FileRecord& file, bool write) {
 
 int bfflush(FileRecord& file) { return bfprocess(file, true); }
 
-int bfcommit(FileRecord& file, int (*dictionary)()) { return pool().bfcommit(file, dictionary); }
+int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last) {
+  return pool().bfcommit(file, first, last);
+}
 
 int bfdiscard(FileRecord& file) { return Pool::bfdiscard(file); }
+
+void bfdrop(FileRecord& file, std::int32_t first) { Pool::discard(file, first); }
 
 int bfpend(FileRecord& file) { return bfprocess(file, false); }
 

@@ -124,20 +124,26 @@ void bfsettle();
 // Counts a file's modified idle pages, writing each when `write` is set.
 int bfprocess(FileRecord& file, bool write);
 // Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
-// file record (failed_write) and is not tried again.
+// file record (failed_write); the pages of an exclusive open stay modified, others are not tried
+// again.
 int bfflush(FileRecord& file);
-// Writes them, and the dictionary by `dictionary` in their middle, in an order that lets other
+// Keeps the failure in iserrno as that of a write whose caller goes on.
+void bfnote_failure(FileRecord& file);
+// Writes them, and the dictionary `first` in their middle, in an order that lets other
 // processes go on safely whenever this one is killed: first what lengthens a file (zero bytes where
 // records will be; a full disk leaves the pair as it was), then free lists, so that nothing is used
 // and listed, then the dictionary, whose change stamp makes others read the rest anew, then nodes,
 // then records, then what records no longer refer to. A call that deletes a record (gives_number)
-// writes it before the nodes, and lists its number last. Neighbouring data blocks go out in one
-// piece. The first failure, or one on record, ends it: what is left is discarded, all pages are
-// forgotten and -1 returned with iserrno. Else 0.
-int bfcommit(FileRecord& file, int (*dictionary)());
+// writes it before the nodes, and lists its number last; then `last`, where it differs, is the
+// dictionary. Neighbouring data blocks go out in one piece. The first failure, or one on record,
+// ends it: what was written is taken back, all pages are forgotten and -1 returned with iserrno.
+// Else 0.
+int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last);
 // Takes the changes since the last commit back, unless some of them have been written already: 0,
 // or -1. The dictionary is the caller's.
 int bfdiscard(FileRecord& file);
+// Forgets what changed of nodes from number `first` on; INT32_MIN: of all of the file.
+void bfdrop(FileRecord& file, std::int32_t first);
 // How many of a file's idle pages are modified.
 int bfpend(FileRecord& file);
 // Forgets every idle page of a file. A modified one is fatal: its change would be lost.

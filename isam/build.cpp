@@ -89,6 +89,12 @@ int lay_out(const RecordLengths& lengths, keydescr& key) {
   return 0;
 }
 
+// A new pair is a pair at once, also where later changes may wait.
+int end_building() {
+  if (isexit() != 0) return -1;
+  return filep->exclusives > 0 ? settle_exclusive() : 0;
+}
+
 int build_lock_mode(int mode) { return issingleuser ? ISEXCLLOCK : lock_mode_of(mode); }
 
 // Takes the new pair for this open and fills it.
@@ -103,11 +109,10 @@ int set_up(OpenRecord& open, const char* name, const RecordLengths& lengths, key
     open.mode &= 0xFF;
     return -1;
   }
-  // A new pair is a pair at once, also where later changes may wait.
   if (lay_out(lengths, key) != 0 || write_delayed() != 0) return -1;
-  if (!txlog::logs_changes()) return isexit();
+  if (!txlog::logs_changes()) return end_building();
   if (txlog::islogbuild(name, lengths.maximum, key, mode) != 0) return -1;
-  if (isexit() == 0) return 0;
+  if (end_building() == 0) return 0;
   txlog::take_back_logged();
   return -1;
 }
@@ -130,7 +135,7 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
     advise_random(*open->file);
     if (set_up(*open, name, lengths, key, mode) == 0) return isfd_of(*open);
     const KeepError keep;
-    bfflush(*open->file);  // nothing of it may be left in the pool
+    bfdrop(*open->file, INT32_MIN);  // nothing of it may be left in the pool
     open->file->flags |= kNotShared;
   }
   remove_pair(name);

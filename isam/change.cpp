@@ -1,11 +1,13 @@
 #include "isam/change.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
 #include "isam/btree.h"
 #include "isam/datafile.h"
 #include "isam/errors.h"
+#include "isam/extent.h"
 #include "isam/files.h"
 #include "isam/freelists.h"
 #include "isam/keytable.h"
@@ -97,7 +99,6 @@ std::int32_t allocdatrec() {
       reason = kLocked;
       locked[locked_count++] = number;
     }
-    filep->keeps_changes = true;
     number = -1;
   }
   if (number < 0) failed_unless_set(reason);
@@ -151,6 +152,7 @@ class Replacement {
 
   void undo() {
     const KeepError keep;
+    const RoomIsThere its_own;
     for (; !changed_.empty(); changed_.pop_back()) {
       const keydescr& k = keys_[changed_.back()];
       Item old = item_of(old_, number_, k);
@@ -207,6 +209,11 @@ int reserve_entry(std::vector<std::int32_t>& list) {
   return 0;
 }
 
+void put_on(std::vector<std::int32_t>& list, std::int32_t number) {
+  list.push_back(number);
+  openp->listed = &list;
+}
+
 // A number for a new record: 0, or -1. A given one must be free.
 int take_number(std::int32_t given, std::int32_t& number) {
   number = given > 0 ? given : allocdatrec();
@@ -244,8 +251,10 @@ int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
   const bool keeps = keeps_storage(old, record);
   if (keeps && reserve_entry(openp->shortened) != 0) return -1;
   if (txlog::logs_changes() && txlog::log_updated(number, old, record) != 0) return -1;
-  if (datawrite(number, record, !keeps) != 0) return -1;
-  if (keeps) openp->shortened.push_back(number);
+  // Storage that is written anew may go elsewhere.
+  const bool same = filep->varlen && std::ranges::equal(old, record);
+  if (!same && datawrite(number, record, !keeps) != 0) return -1;
+  if (keeps) put_on(openp->shortened, number);
   audit(txlog::AuditLetter::kBefore, number, old);
   audit(txlog::AuditLetter::kAfter, number, record);
   return 0;
@@ -254,18 +263,23 @@ int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
 // Its number and storage are kept for as long as the deletion can be undone.
 int remove_for_now(std::int32_t number) {
   if (dataclear(number) != 0) return -1;
-  openp->deleted.push_back(number);
+  put_on(openp->deleted, number);
   return 0;
 }
 
 // Its storage goes before its number: the node that this leaves may serve the list of numbers.
 int remove_at_once(std::int32_t number, ConstBytes old) {
+  // The list may need a node, which must not be missing when the storage is gone.
+  const std::int64_t next = std::int64_t{dictp->d_nextnode()} + 1;
+  if (dictp->d_freenode() == 0 && reserve_nodes(next, next) != 0) return -1;
   if (datadelete(number) != 0) return -1;
   if (freerec(number, FreeList::kRecords) == 0) {
     lkrecord(number, RecordLock::kRelease);
     return 0;
   }
   const KeepError keep;
+  const RoomIsThere its_own;
+  clear_errors();
   static_cast<void>(datawrite(number, old, true));
   return -1;
 }
@@ -343,6 +357,7 @@ int delrecord(std::int32_t number, ConstBytes old) {
   filep->gives_number = true;
   if (removed == keys->size() && remove_record(number, old) == 0) return 0;
   const KeepError keep;
+  const RoomIsThere its_own;
   put_back_items(*keys, removed, old, number);
   return -1;
 }

@@ -53,11 +53,14 @@ struct DirectWrite {
 
 // What this process has to do with the mark of its changes in the index file (isam/mark).
 enum class MarkState : std::uint8_t {
+  kUnknown,   // nobody has looked yet
   kClear,     // to be set before a change stays unwritten
   kSet,       // it stands there
   kNotOurs,   // ... but not by this process, or its place is taken: it stays as it is
   kUnneeded,  // whoever writes the files sees to the mark
 };
+
+[[nodiscard]] inline bool is_missing(MarkState mark) { return mark <= MarkState::kClear; }
 
 // One physical pair, shared by all its opens in the process.
 struct FileRecord {
@@ -82,28 +85,33 @@ struct FileRecord {
   int idxsize = 0;    // node size minus one
   int dupsize = 0;    // width of duplicate numbers
   bool varlen = false;
-  MarkState mark = MarkState::kClear;
-  bool keeps_locks = false;            // a transaction has changed records of it
-  std::uint64_t lastuse = 0;           // value of the use counter at the last call
-  std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale
-  Buffer* modified = nullptr;          // its modified pages in the pool
-  DirectWrite direct;                  // ... and what is written past it
-  std::int64_t last_written = 0;       // offset of the record that was changed last
-  std::int32_t greatest_node = 0;      // that may be given out, by the file's size when last asked
-  std::int32_t greatest_record = 0;    // ... and record number
-  std::int32_t nodes_before = 0;       // when the call began: highest node in use
-  std::int64_t blocks_before = 0;      // ... and data blocks that its records took
-  std::int32_t numbers_before = 0;     // ... highest data record number,
-  std::int32_t free_list_before = 0;   // ... head of the list of free ones
-  std::int32_t free_nodes_before = 0;  // ... and of that of free nodes
-  bool gives_number = false;           // this call gives a record's number back
-  bool spilled = false;                // a changed page has been written during this call
-  bool keeps_changes = false;          // what this call changed stays even if it fails
+  MarkState mark = MarkState::kUnknown;
+  pid_t mark_process = 0;               // this process, while its mark stands there
+  bool keeps_locks = false;             // a transaction has changed records of it
+  std::uint64_t lastuse = 0;            // value of the use counter at the last call
+  std::uint64_t generation = 0;         // of its pages in the pool: pages of another one are stale
+  Buffer* modified = nullptr;           // its modified pages in the pool
+  DirectWrite direct;                   // ... and what is written past it
+  std::int64_t last_written = 0;        // offset of the record that was changed last
+  std::int32_t greatest_node = 0;       // that may be given out, by the file's size when last asked
+  std::int32_t greatest_record = 0;     // ... and record number
+  std::int32_t nodes_before = 0;        // when the call began: highest node in use
+  std::int32_t numbers_before = 0;      // ... highest data record number,
+  std::int32_t free_list_before = 0;    // ... head of the list of free ones
+  std::int32_t free_nodes_before = 0;   // ... and of that of free nodes
+  bool gives_number = false;            // this call gives a record's number back
+  bool spilled = false;                 // a changed page has been written during this call
+  bool keeps_changes = false;           // what this call changed stays even if it fails
+  std::int64_t index_bytes = 0;         // that the index file has and none but an exclusive open
+  std::int64_t data_bytes = 0;          // ... changes, and the data file; 0: not asked yet
+  std::int64_t index_bytes_before = 0;  // ... when it was opened exclusively
   Dictionary dictionary{};
   std::vector<keydescr> keys;         // its key descriptions, as of
   std::uint64_t keys_generation = 0;  // ... this generation
   int calls_unwritten = 0;            // calls of exclusive opens since the dictionary was written
-  FailedWrite failed_write;           // the first since it was last reported
+  FailedWrite failed_write;           // the first since it was last reported,
+  FailedWrite lost_write;             // ... and since it was opened exclusively,
+  bool pages_lost = false;            // ... when also pages were given up
   common::FileMap index_map;          // through which the index file is read,
   common::FileMap data_map;           // ... and the data file
   std::string name;                   // base name, without suffix
@@ -137,6 +145,7 @@ struct OpenRecord {
   // kept until then, and records that became shorter, which keep theirs.
   std::vector<std::int32_t> deleted;
   std::vector<std::int32_t> shortened;
+  std::vector<std::int32_t>* listed = nullptr;  // the one that this call has put its record on
 };
 
 extern OpenRecord* openp;

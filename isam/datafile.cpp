@@ -8,6 +8,7 @@
 #include "common/io.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
+#include "isam/extent.h"
 #include "isam/varlen.h"
 
 namespace isam {
@@ -141,14 +142,35 @@ int read_variable_part(const Trailer& trailer, Bytes to) {
   return got == length ? length : failed_unless_set(kCorrupted);
 }
 
+// Nodes in the head of their free list, and itself.
+std::int64_t free_nodes_at_hand() {
+  if (dictp->d_freenode() == 0) return 0;
+  const KeepError keep;
+  const PageHold head = bfread(dictp->d_freenode());
+  return head ? (head.used() - kEntriesOffset) / kListEntrySize + 1 : 0;
+}
+
+// A node for every piece that a variable part may need: storage that was changed in part could not
+// be put back.
+int reserve_storage(std::size_t length) {
+  const auto chunk = static_cast<std::size_t>(RpageGeometry{filep->idxsize}.chunk);
+  const auto pieces = static_cast<std::int64_t>((length + chunk - 1) / chunk);
+  const std::int64_t last = dictp->d_nextnode();
+  const bool is_there = (last + pieces) * node_size() <= filep->index_bytes;
+  if (pieces == 0 || is_there || !reserves_room() || free_nodes_at_hand() >= pieces) return 0;
+  return reserve_nodes(last + 1, last + pieces);
+}
+
 // The variable part goes first; then the slot, whose trailer refers to it.
 int put_record(std::int32_t k, ConstBytes record, Trailer& trailer, bool release) {
   const auto fixed = static_cast<std::size_t>(filep->reclen);
   if (record.size() < fixed || record.size() > static_cast<std::size_t>(filep->maxreclen)) {
     common::error("dataxfer: arg tlen out of range");
   }
+  if (reserve_slot(k) != 0) return -1;
   if (filep->varlen) {
     const ConstBytes variable = record.subspan(fixed);
+    if (reserve_storage(variable.size()) != 0) return -1;
     const std::int32_t reference = rprupdate(trailer.reference(), variable, release);
     if (reference == -1) return failed_unless_set(kCorrupted);
     trailer.set(kRecordPresent, static_cast<int>(variable.size()), reference);

@@ -173,7 +173,7 @@ Victims look_for_victims() {
     ++found.open;
     if (file->usecount == 0) {
       choose(found.idle, *file);
-    } else if (file->datfd >= 0 && (file->flags & kNotShared) == 0) {
+    } else if (file->datfd >= 0 && (file->flags & kNotShared) == 0 && file->lost_write.error == 0) {
       choose(found.busy, *file);
     }
   }
@@ -337,8 +337,10 @@ void vclose() {
       close_file_record(*found.idle);
     } else {
       bfflush(*found.busy);
-      close_data(*found.busy);
-      close_trail(*found.busy);
+      if (found.busy->lost_write.error == 0) {
+        close_data(*found.busy);
+        close_trail(*found.busy);
+      }
     }
     found = look_for_victims();
   }

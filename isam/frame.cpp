@@ -2,12 +2,15 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "isam/btree.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
+#include "isam/extent.h"
 #include "isam/files.h"
 #include "isam/locks.h"
+#include "isam/mark.h"
 #include "isam/process.h"
 #include "locale/collation.h"
 #include "txlog/logfile.h"
@@ -38,8 +41,20 @@ void end_other_batch(const OpenRecord& open) {
   }
 }
 
+// An exclusive open's page could not be written since the last call.
+int tell_failed_write(int entry) {
+  if ((entry & (kKeptToo | kGoesOn)) != 0) return 0;
+  const FailedWrite failure = std::exchange(filep->failed_write, {});
+  iserrno = failure.error;
+  iserrio = failure.place;
+  return -1;
+}
+
 int take_file(int entry) {
-  if (filep->exclusives > 0 || (openp->flags & kHoldsSemaphore) != 0) return 0;
+  if (filep->exclusives > 0) {
+    return filep->failed_write.error == 0 ? 0 : tell_failed_write(entry);
+  }
+  if ((openp->flags & kHoldsSemaphore) != 0) return 0;
   const bool shared = (entry & kShared) != 0 && batchflag == 0;
   if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
@@ -49,8 +64,6 @@ int take_file(int entry) {
 // What the file is like before the call: what a failure goes back to, and what lengthens it.
 void note_beginning() {
   filep->nodes_before = dictp->d_nextnode();
-  filep->blocks_before =
-      (std::int64_t{dictp->d_nextdata()} * slot_size() + kPageSize - 1) / kPageSize;
   filep->numbers_before = dictp->d_nextdata();
   filep->free_list_before = dictp->d_freedata();
   filep->free_nodes_before = dictp->d_freenode();
@@ -113,16 +126,19 @@ void forget_call() {
   if (dictread() == 0) filep->stamp = openp->stamp = dictp->d_modcount();
 }
 
-// What an exclusive open changes may wait. A lost page is told by the next call.
+void write_mark() {
+  const KeepError keep;
+  if (set_mark(*filep) != 0) bfnote_failure(*filep);
+}
+
+// What an exclusive open changes may wait. A write that fails is told by the next call.
 void write_some() {
+  if ((filep->flags & kDictionaryChanged) == 0) return;
+  if (is_missing(filep->mark)) write_mark();
   bfsettle();
-  const FailedWrite lost = std::exchange(filep->failed_write, {});
-  if ((filep->flags & kDictionaryChanged) != 0 && ++filep->calls_unwritten >= kCallsUnwritten) {
-    dictwrite();
-  }
-  if (lost.error == 0) return;
-  iserrno = lost.error;
-  iserrio = lost.place;
+  if (++filep->calls_unwritten < kCallsUnwritten) return;
+  const KeepError keep;
+  if (dictwrite() != 0) bfnote_failure(*filep);
 }
 
 // Whether what is changed may wait: no other process has the file, through this open or another.
@@ -167,16 +183,19 @@ Dictionary with_given_in_use() {
 
 // All that a call changed, while others wait: 0 or -1.
 int commit() {
-  const Dictionary after = *dictp;
-  *dictp = with_given_in_use();
-  const bool differs = std::memcmp(dictp->raw, after.raw, sizeof after.raw) != 0;
-  const int result = bfcommit(*filep, dictwrite);
-  *dictp = after;
-  return result == 0 && differs ? dictwrite() : result;
+  if (bfcommit(*filep, with_given_in_use(), *dictp) != 0) return -1;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  return 0;
+}
+
+// A record that the call put on a list of its transaction is as it was.
+void unlist() {
+  if (openp->listed != nullptr) std::exchange(openp->listed, nullptr)->pop_back();
 }
 
 void write_changes() {
-  if ((filep->flags & kPageChanged) != 0 && take_back()) return;
+  if ((filep->flags & (kPageChanged | kDictionaryChanged)) == 0) return;
+  if (take_back()) return unlist();
   const bool changed = (filep->flags & kPageChanged) != 0;
   if (changed) {
     filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
@@ -186,15 +205,14 @@ void write_changes() {
   }
   if (is_alone()) {
     write_some();
-  } else if (changed) {
-    if (commit() != 0) forget_call();
-  } else if ((filep->flags & kDictionaryChanged) != 0) {
-    dictwrite();
+  } else if ((changed ? commit() : dictwrite()) != 0) {
+    forget_call();
+    unlist();
   }
+  openp->listed = nullptr;
 }
 
-// What the call has logged is withdrawn when the change was not made. An exclusive open that could
-// not write a page still has its change.
+// What the call has logged is withdrawn when the change was not made.
 void settle_logged(bool undone) {
   const bool made = !undone && (iserrno == 0 || is_alone());
   txlog::logstate.change_logged = false;
@@ -253,16 +271,49 @@ int reread_dictionary(int entry) {
 }
 
 int write_delayed() {
+  const std::int32_t before = iserrno;
   bfflush(*filep);
-  return (filep->flags & kDictionaryChanged) != 0 ? dictwrite() : 0;
+  if ((filep->flags & kDictionaryChanged) != 0 && dictwrite() != 0) bfnote_failure(*filep);
+  const FailedWrite last = std::exchange(filep->failed_write, {});
+  const FailedWrite& lost = filep->lost_write.error != 0 ? filep->lost_write : last;
+  if (lost.error != 0 && before == 0) {
+    iserrno = lost.error;
+    iserrio = lost.place;
+  }
+  return lost.error != 0 ? -1 : 0;
+}
+
+int settle_exclusive() {
+  if (write_delayed() != 0) return -1;
+  cut_unused_nodes();
+  return clear_mark(*filep);
+}
+
+void forget_exclusive() {
+  filep->failed_write = filep->lost_write = {};
+  filep->pages_lost = false;
+  filep->mark = MarkState::kUnknown;
+  filep->mark_process = 0;
+  forget_extent();
+}
+
+int write_handed_out() {
+  const std::uint16_t flags = filep->flags;
+  dictmodify();
+  if (!is_alone() || dictwrite() == 0) return 0;
+  filep->flags = flags;
+  return -1;
 }
 
 int isexit() {
-  openp->position = bt;
   const bool undone = iserrno != 0;
   write_changes();
   if (txlog::logstate.change_logged) settle_logged(undone);
-  openp->position.depth = bt.depth;
+  if (iserrno != 0 && !undone) {
+    bt = openp->position;
+    bt.depth = -1;
+  }
+  openp->position = bt;
   set_status_characters();
   if (batchflag == 0 || ++batchflag >= kBatchCalls) {
     release_semaphore();

@@ -9,8 +9,12 @@
 //         C2 pages that another process may have changed since are not used: the dictionary's
 //            change stamp tells
 //         C3 what a call changed is written before the semaphore goes (exclusive opens: when
-//            their buffers are needed, by isflush or isclose; the dictionary every few calls)
-//         C4 a call whose changes cannot be written fails, and forgets what it had cached
+//            their buffers are needed, by isflush or isclose; the dictionary every few calls; the
+//            file bears their mark meanwhile)
+//         C4 a call whose changes cannot be written fails, takes back what it wrote, forgets what
+//            it had cached and leaves the position where it was
+//         C5 what an exclusive open could not write late is told by the next call, which does
+//            nothing else, and again by isflush and isclose
 #pragma once
 
 #include "isam/current.h"
@@ -26,6 +30,7 @@ enum Entry : int {
   kAnyLocale = 0x80,
   kKeepAutoLock = 0x800,
   kKeptToo = 0x1000,  // also an open that was closed inside a transaction
+  kGoesOn = 0x2000,   // also after a write that failed, which it tells itself
 };
 
 // Consecutive calls of one open for which batch mode keeps the semaphore; 0: off, else counts.
@@ -38,8 +43,19 @@ int isenter(int isfd, int entry);
 // Reads the dictionary again during a call, as entering it has: 0, or -1 with iserrno.
 int reread_dictionary(int entry);
 
-// Writes all that an exclusive open has delayed: 0, or -1 with iserrno.
+// Writes all that an exclusive open has delayed: 0, or -1 with iserrno, also for what an earlier
+// write has lost.
 int write_delayed();
+
+// Writes it and clears the mark: no other process need know of this one.
+int settle_exclusive();
+
+// Nothing is known any more of what an exclusive open has written or not.
+void forget_exclusive();
+
+// What was handed out must not be handed out again: the dictionary of an exclusive open goes to the
+// file now. 0, or -1 with iserrno.
+int write_handed_out();
 
 // Ends a call on the current open: raises the change stamp when a page changed, writes what must
 // be seen by other processes, sets the status characters and releases the semaphore. 0, or -1

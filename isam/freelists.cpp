@@ -7,6 +7,7 @@
 #include "common/io.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
+#include "isam/extent.h"
 
 namespace isam {
 namespace {
@@ -98,6 +99,7 @@ std::int32_t raise_highest(FreeList list) {
   const std::int32_t number = highest(list);
   if (number < lowest(list) - 1 || number == INT32_MAX) return failed(kCorrupted);
   if (!is_reachable(list, number + 1)) return failed(kCorrupted);
+  if (list == FreeList::kNodes && reserve_nodes(number + 1, number + 1) != 0) return -1;
   set_highest(list, number + 1);
   return number + 1;
 }

@@ -7,8 +7,10 @@
 #include "isam/cursor.h"
 #include "isam/datafile.h"
 #include "isam/errors.h"
+#include "isam/extent.h"
 #include "isam/files.h"
 #include "isam/frame.h"
+#include "isam/freelists.h"
 #include "isam/indexload.h"
 #include "isam/keychain.h"
 #include "isam/keytable.h"
@@ -40,9 +42,8 @@ int gather(IndexLoad& load) {
 
 // Fills a new index from the records: 0, or -1 with what is wrong with the first of them that does
 // not go into it.
-int fill_index(const keydescr& key) {
+int fill_index(IndexLoad& load, const keydescr& key) {
   try {
-    IndexLoad load{key};
     bool left_out = false;
     const IndexLoad::Listener listener{[&](std::int32_t) { left_out = true; }, [](std::int64_t) {}};
     const bool all_read = gather(load) == 0;
@@ -73,6 +74,25 @@ bool frees_keys() {
   return false;
 }
 
+// Takes an index back that could not be filled, written or logged. The pair is as it was.
+void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
+               const FailedWrite& lost) {
+  const KeepError keep;
+  load.give_nodes_back();
+  freerec(key.rootnode, FreeList::kNodes);
+  kydelete(key);
+  bfdrop(*filep, dictp->d_nextnode() + 1);
+  cut_unused_nodes();
+  // What could not be written will be tried again.
+  filep->failed_write = {};
+  if (!filep->pages_lost) filep->lost_write = lost;
+  const bool same =
+      dictp->d_nextnode() == before.d_nextnode() && dictp->d_freenode() == before.d_freenode();
+  if (!same) return;
+  *dictp = before;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+}
+
 int add_index(keydescr& key) {
   if (kylegal(key, filep->reclen) != 0) return -1;
   if (!may_compress(key)) return failed(kBadKey);
@@ -81,16 +101,17 @@ int add_index(keydescr& key) {
     key.flags = static_cast<std::int16_t>(key.flags & ~KF_COMPRESS);
   }
   if ((key.flags & KF_DUPS) == 0 && frees_keys()) return failed(kFileInUse);
+  const Dictionary before = *dictp;
+  const FailedWrite lost = filep->lost_write;
+  IndexLoad load{key};
   if (kyadd(key) != 0) return failed_unless_set(kBadKey);
-  const bool has_locale = dictp->d_collate();
-  int result = fill_index(key);
-  if (result == 0 && kynchar(key) && !has_locale) result = name_collation();
+  int result = fill_index(load, key);
+  if (result == 0 && kynchar(key) && !before.d_collate()) result = name_collation();
+  // It is written while it can still be taken back.
+  if (result == 0) result = write_delayed();
   if (result == 0) result = log_event(txlog::IndexEvent::kAdded, key);
   if (result == 0) return 0;
-  const KeepError keep;
-  dictp->set_d_collate(has_locale);
-  btrecover(key.rootnode, key);
-  kydelete(key);
+  take_back(key, load, before, lost);
   return -1;
 }
 
@@ -151,7 +172,11 @@ using namespace isam;
 
 static int add_call(int isfd, keydescr* key) {
   return change_indexes(isfd, key, [](keydescr& k) {
-    add_index(k);
+    try {
+      add_index(k);
+    } catch (const std::bad_alloc&) {
+      failed(kNoMemory);  // before anything was changed
+    }
     const std::uint16_t nearby = bt.state & kSameKeyNearby;
     bt = openp->position;
     bt.state |= nearby;

@@ -6,6 +6,7 @@
 
 #include "environment/settings.h"
 #include "isam/errors.h"
+#include "isam/freelists.h"
 #include "isam/treeload.h"
 
 namespace isam {
@@ -82,7 +83,7 @@ std::int32_t IndexLoad::greatest_duplicate() const {
 }
 
 int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter& rejected) {
-  TreeLoader loader{key_};
+  TreeLoader loader{key_, taken_};
   const std::int32_t greatest = greatest_duplicate();
   std::array<Byte, MAXKEYLEN> previous{};
   bool first = true;
@@ -111,6 +112,10 @@ int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter&
 int IndexLoad::sort() {
   sorted_ = true;
   return sorter_.finish() == 0 ? 0 : failed_sort(errno);
+}
+
+void IndexLoad::give_nodes_back() {
+  for (; !taken_.empty(); taken_.pop_back()) freerec(taken_.back(), FreeList::kNodes);
 }
 
 int IndexLoad::finish(std::int32_t root, const Listener& listener) {

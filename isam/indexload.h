@@ -41,6 +41,8 @@ class IndexLoad {
   [[nodiscard]] int finish(std::int32_t root, const Listener& listener);
   // Whether it has met equal keys.
   [[nodiscard]] bool met_equal() const { return met_equal_; }
+  // Gives the nodes of the tree back, except for the root: the free list is as it was.
+  void give_nodes_back();
 
  private:
   struct Entry;
@@ -62,6 +64,7 @@ class IndexLoad {
   std::size_t memory_;
   std::vector<Byte> entry_;
   common::Sorter sorter_;
+  std::vector<std::int32_t> taken_;  // nodes
 };
 
 }  // namespace isam

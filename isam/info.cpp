@@ -119,7 +119,7 @@ static int take_id_call(int isfd, int32_t* id) {
       failed(kCorrupted);
     } else if (log_id(*id, false) == 0) {
       dictp->set_d_uniqid(*id + 1);
-      dictmodify();
+      if (write_handed_out() != 0) dictp->set_d_uniqid(*id);
     }
   }
   return isexit();
@@ -135,9 +135,10 @@ extern "C" int iscurruniq(int isfd, int32_t* id) {
 
 static int set_id_call(int isfd, int32_t id) {
   if (isenter(isfd, kToWrite) != 0) return -1;
-  if (log_id(id, true) == 0 && dictp->d_uniqid() < id) {
+  const std::int32_t before = dictp->d_uniqid();
+  if (log_id(id, true) == 0 && before < id) {
     dictp->set_d_uniqid(id);
-    dictmodify();
+    if (write_handed_out() != 0) dictp->set_d_uniqid(before);
   }
   return isexit();
 }
@@ -152,9 +153,9 @@ extern "C" int isaltchk(int isfd, int32_t* count) {
 
 extern "C" int isaltinc(int isfd) {
   if (isenter(isfd, kToWrite) != 0) return -1;
-  const auto next = static_cast<std::uint32_t>(dictp->d_altcount()) + 1;
-  dictp->set_d_altcount(static_cast<std::int32_t>(next));
-  dictmodify();
+  const std::int32_t before = dictp->d_altcount();
+  dictp->set_d_altcount(static_cast<std::int32_t>(static_cast<std::uint32_t>(before) + 1));
+  if (write_handed_out() != 0) dictp->set_d_altcount(before);
   return isexit();
 }
 

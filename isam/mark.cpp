@@ -15,9 +15,6 @@ struct Mark {
   Byte raw[kMarkSize] = {};
 
   [[nodiscard]] bool is_set() const { return common::ldlong(raw) == kMarkMagic; }
-  [[nodiscard]] bool is_own() const {
-    return is_set() && common::ldlong(raw + kMarkProcess) == ::getpid();
-  }
   [[nodiscard]] bool is_room() const {
     return std::ranges::all_of(raw, [](Byte byte) { return byte == 0; });
   }
@@ -38,36 +35,40 @@ int write(const FileRecord& file, const Mark& mark) {
 
 int set_mark(FileRecord& file) {
   Mark mark;
-  if (read(file, mark) != 0) return -1;
-  if (!mark.is_room()) {
-    file.mark = MarkState::kNotOurs;
-    return 0;
+  if (file.mark != MarkState::kClear) {
+    if (read(file, mark) != 0) return -1;
+    if (!mark.is_room()) {
+      if (file.mark == MarkState::kUnknown) file.mark = MarkState::kNotOurs;
+      return 0;
+    }
   }
   common::stlong(kMarkMagic, mark.raw);
   common::stlong(static_cast<std::int32_t>(::getpid()), mark.raw + kMarkProcess);
   if (write(file, mark) != 0) return -1;
-  file.mark = MarkState::kSet;
+  if (file.mark != MarkState::kUnneeded) file.mark = MarkState::kSet;
+  file.mark_process = ::getpid();
   return 0;
 }
 
 int clear_mark(FileRecord& file) {
-  Mark mark;
-  if (file.mark != MarkState::kSet) return 0;
-  if (read(file, mark) != 0 || (mark.is_own() && write(file, Mark{}) != 0)) return -1;
-  file.mark = MarkState::kClear;
+  if (file.mark_process != ::getpid()) return 0;
+  if (write(file, Mark{}) != 0) return -1;
+  file.mark_process = 0;
+  if (file.mark == MarkState::kSet) file.mark = MarkState::kClear;
   return 0;
 }
 
 int remove_mark(FileRecord& file) {
   Mark mark;
-  if (read(file, mark) != 0 || (mark.is_set() && write(file, Mark{}) != 0)) return -1;
-  file.mark = MarkState::kClear;
-  return 0;
+  if (read(file, mark) != 0) return -1;
+  return mark.is_set() ? write(file, Mark{}) : 0;
 }
 
-int has_mark(FileRecord& file) {
+int find_mark(FileRecord& file) {
   Mark mark;
-  return read(file, mark) != 0 ? -1 : static_cast<int>(mark.is_set());
+  if (read(file, mark) != 0) return -1;
+  file.mark = mark.is_room() ? MarkState::kClear : MarkState::kNotOurs;
+  return mark.is_set() ? 1 : 0;
 }
 
 }  // namespace isam

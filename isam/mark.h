@@ -21,7 +21,7 @@ int set_mark(FileRecord& file);
 int clear_mark(FileRecord& file);
 // Clears the mark of whatever process: 0, or -1 with the system's error.
 int remove_mark(FileRecord& file);
-// Whether the file bears the mark of any process: 1 or 0, -1 with the system's error.
-[[nodiscard]] int has_mark(FileRecord& file);
+// Looks whether the file bears the mark of any process: 1 or 0, -1 with the system's error.
+[[nodiscard]] int find_mark(FileRecord& file);
 
 }  // namespace isam

@@ -1,6 +1,7 @@
 // open: isopen, isclose and what they leave behind.
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "common/io.h"
@@ -13,6 +14,7 @@
 #include "isam/frame.h"
 #include "isam/keytable.h"
 #include "isam/locks.h"
+#include "isam/mark.h"
 #include "isam/opening.h"
 #include "isam/process.h"
 #include "isam/traced.h"
@@ -22,6 +24,7 @@
 namespace isam {
 
 bool issingleuser = false;
+bool opens_marked = false;
 
 int lock_mode_of(int mode) {
   switch (mode & 0xFF00) {
@@ -64,17 +67,29 @@ int adopt_dictionary() {
   return 0;
 }
 
+// All of the process's exclusive opens of the current file end: 0, or -1 with iserrno, the pair's
+// mark left and what could not be written lost.
+int end_exclusive() {
+  if (settle_exclusive() == 0) return 0;
+  bfflush(*filep);  // once more: what is written need not be mended
+  filep->direct.bytes.clear();
+  bfdrop(*filep, INT32_MIN);
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+  return -1;
+}
+
 int close_open(OpenRecord& open) {
   static_cast<void>((open.flags & kLogged) != 0 ? txlog::logclose(open) : txlog::settle_owed());
   if ((open.flags & kHoldsSemaphore) == 0 && filep->exclusives == 0) {
     lksemaphore(Semaphore::kExclusive);
   }
   // Everything is on disk before the locks go. Of an exclusive open much may still be in the pool.
-  write_delayed();
+  const bool ends = (open.mode & ISEXCLLOCK) != 0 && filep->exclusives == 1;
+  const int result = ends ? end_exclusive() : write_delayed();
   const KeepError keep;
   lkfile(false);
   lkopenlock(0);
-  return 0;
+  return result;
 }
 
 int abandon_open(OpenRecord& open) {
@@ -143,8 +158,7 @@ int settle_lock_method() {
     if (lksemaphore(Semaphore::kExclusive) != 0 || dictread() != 0) return -1;
   }
   dictp->set_d_lockmethod(kLockMethod);
-  dictmodify();
-  return 0;
+  return write_handed_out();
 }
 
 int check_record_format(int mode) {
@@ -189,6 +203,13 @@ int look_again(const char* name, int entry) {
   return -1;
 }
 
+// A pair whose last exclusive open was not closed well is not opened: 0, or -1 with 105.
+int look_for_mark() {
+  forget_exclusive();
+  const int found = find_mark(*filep);
+  return found > 0 && !opens_marked ? failed(kCorrupted) : std::min(found, 0);
+}
+
 int set_up(OpenRecord& open, const char* name, int mode) {
   const int entry = mode + 1 + kShared;
   if (isenter(isfd_of(open), entry) != 0) {
@@ -197,12 +218,14 @@ int set_up(OpenRecord& open, const char* name, int mode) {
     return replaced ? failed_system(ENOENT) : -1;
   }
   const int lock_mode = lock_mode_of(mode);
+  const bool was_shared = filep->exclusives == 0;
   open.mode |= lock_mode;
   if (lkopenlock(lock_mode) != 0) {
     open.mode &= 0xFF;
     return -1;
   }
-  if (look_again(name, entry) != 0 || adopt_dictionary() != 0) return -1;
+  if (look_again(name, entry) != 0 || (was_shared && look_for_mark() != 0)) return -1;
+  if (adopt_dictionary() != 0) return -1;
   if (settle_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
   if (mktemprec(filep->maxreclen) != 0) return -1;
   open.key = filep->keys.front();
@@ -415,8 +438,12 @@ extern "C" int isrelease(int isfd) {
 }
 
 static int flush_call(int isfd) {
-  if (isenter(isfd, kToRead) != 0) return -1;
-  write_delayed();
+  if (isenter(isfd, kToRead | kGoesOn) != 0) return -1;
+  if (filep->exclusives > 0) {
+    settle_exclusive();
+  } else {
+    write_delayed();
+  }
   return isexit();
 }
 

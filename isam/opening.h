@@ -10,6 +10,9 @@ namespace isam {
 // Whether issetsu() has made every open exclusive.
 extern bool issingleuser;
 
+// Whether a pair is opened although a process has left its mark there: for recovery.
+extern bool opens_marked;
+
 // The lock mode that the high byte of a mode means, 0 when it means none.
 [[nodiscard]] int lock_mode_of(int mode);
 

@@ -7,6 +7,7 @@
 
 #include "common/fatal.h"
 #include "environment/settings.h"
+#include "isam/mark.h"
 
 namespace isam {
 namespace {
@@ -16,6 +17,11 @@ constexpr int kMaxBuffers = 32766;
 static_assert(kMaxBuffers + kMostAdded < UINT16_MAX);  // the table numbers them in 16 bits
 constexpr std::uint64_t kNodeLifetimes = 64;           // of an unused data block
 constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
+
+bool may_go(const Buffer* buffer) {
+  return (buffer->flags & kModified) == 0 ||
+         (buffer->file->exclusives > 0 && buffer->file->lost_write.error == 0);
+}
 
 }  // namespace
 
@@ -78,11 +84,8 @@ Buffer* Pool::least_wanted() {
 
 // The buffer to be reused. Pages that a call changed keep theirs until the call ends, so that its
 // changes can be taken back, or are written in their order: the pool grows for them. (Those of an
-// exclusive open go when they must.)
-Buffer* Pool::victim() {
-  const auto may_go = [](const Buffer* buffer) {
-    return (buffer->flags & kModified) == 0 || buffer->file->exclusives > 0;
-  };
+// exclusive open go when they must, as long as they can be written.)
+Buffer* Pool::choose_victim() {
   Buffer* buffer = least_wanted();
   for (std::size_t tries = 0; tries < nbuffs_ && buffer != nullptr && !may_go(buffer); ++tries) {
     put_in_order(buffer);
@@ -93,15 +96,34 @@ Buffer* Pool::victim() {
   return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : buffer;
 }
 
+// Writes a page whose buffer is needed: 0, or -1 when it has to stay. The failure belongs to that
+// page, not to the call that needs the buffer: it is kept in the file record, and told later.
+int Pool::spill(Buffer* buffer) {
+  const KeepError keep;
+  FileRecord& file = *buffer->file;
+  file.spilled = true;
+  if (file.exclusives > 0 && is_missing(file.mark) && set_mark(file) != 0) {
+    bfnote_failure(file);
+    return -1;
+  }
+  return write_delayed(buffer);
+}
+
+Buffer* Pool::victim() {
+  for (;;) {
+    Buffer* const buffer = choose_victim();
+    if (buffer == nullptr || (buffer->flags & kModified) == 0) return buffer;
+    const bool others_may = may_go(buffer);
+    if (spill(buffer) == 0) return buffer;
+    if (others_may && (buffer->flags & kModified) != 0) continue;
+    modified_out(buffer);  // there is no room for more
+    buffer->file->pages_lost = true;
+    return buffer;
+  }
+}
+
 // Gives an idle buffer to another page of the current file.
 void Pool::reuse(Buffer* buffer, std::int32_t block) {
-  if ((buffer->flags & kModified) != 0) {
-    // The failure belongs to the page that goes, not to the call that needs its buffer: it is
-    // kept in the file record and reported at the end.
-    const KeepError keep;
-    buffer->file->spilled = true;
-    write_delayed(buffer);
-  }
   if (buffer->file != nullptr) table_.erase(buffer);
   buffer->block = block;
   buffer->file = filep;

@@ -7,47 +7,25 @@
 
 #include "common/fatal.h"
 #include "common/io.h"
+#include "isam/mark.h"
 #include "isam/pool.h"
 
 namespace isam {
-
-// Where a page stands in the order of a commit; the dictionary goes behind kFreeList.
-enum class Turn : std::uint64_t {
-  kLengthens,
-  kFreeList,
-  kGoingRecord,
-  kNode,
-  kRecord,
-  kGivesUp,
-  kGivenNumber
-};
-
 namespace {
 
 constexpr std::int64_t kSystemPage = 4096;
 
-// The failure in iserrno is that of a write whose caller goes on.
-void note_failed_write(FileRecord& file) {
-  if (file.failed_write.error == 0) file.failed_write = {iserrno, iserrio};
-}
-
-bool lengthens(const Buffer& page) {
-  if (page.block >= 0) return page.block > page.file->nodes_before;
-  return (page.block & INT32_MAX) >= page.file->blocks_before;
-}
-
-Turn turn_of(const Buffer& page) {
-  const bool removes = page.file->gives_number;
-  if (page.block < 0) return removes ? Turn::kGoingRecord : Turn::kRecord;
-  if (lengthens(page)) return Turn::kLengthens;
-  if ((page.flags & kGivesUp) != 0) return Turn::kGivesUp;
-  if (page.level == kFreeLevel && page.node_type >= kIndexFreeNode) {
-    return removes && page.node_type == kServiceNode ? Turn::kGivenNumber : Turn::kFreeList;
-  }
-  return Turn::kNode;
+// What an exclusive open could not write stays in the pool, to be tried again.
+bool waits_on(const FileRecord& file) {
+  return file.exclusives > 0 && file.mark != MarkState::kUnneeded;
 }
 
 }  // namespace
+
+void bfnote_failure(FileRecord& file) {
+  if (file.failed_write.error == 0) file.failed_write = {iserrno, iserrio};
+  if (waits_on(file) && file.lost_write.error == 0) file.lost_write = {iserrno, iserrio};
+}
 
 void Pool::modified(Buffer* buffer) {
   buffer->file->flags |= kPageChanged;
@@ -78,12 +56,10 @@ int Pool::bfwrite(Buffer* buffer) {
   const Place place = bfmapaddr(*buffer);
   window_of(place.kind).overwritten(place.fd, place.offset, place.length);
   const int result = common::write_at(place.fd, {buffer->page, place.length}, place.offset);
-  // A page whose write failed is not tried again.
-  modified_out(buffer);
-  if (result == 0) return 0;
-  failed_system(errno, Operation::kWrite, place.kind);
-  note_failed_write(*buffer->file);
-  return -1;
+  if (result != 0) failed_system(errno, Operation::kWrite, place.kind);
+  if (result == 0 || !waits_on(*buffer->file)) modified_out(buffer);
+  if (result != 0) bfnote_failure(*buffer->file);
+  return result;
 }
 
 // A buffer beside another one of the same file, with a modified idle page; null when there is none.
@@ -96,7 +72,7 @@ Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
 
 // Writes a page, and in one piece with it those beside it that wait as well, within one page of the
 // system: it takes small writes into what was written in large pieces badly.
-void Pool::write_delayed(Buffer* buffer) {
+int Pool::write_delayed(Buffer* buffer) {
   const auto system_page = [](const Buffer& of) { return bfmapaddr(of).offset / kSystemPage; };
   const std::int64_t within = system_page(*buffer);
   Buffer* first = buffer;
@@ -105,22 +81,27 @@ void Pool::write_delayed(Buffer* buffer) {
     at = delayed_beside(*at, -1);
   }
   Buffer* const after = delayed_beside(*first, 1);
-  if (after == nullptr || system_page(*after) != within) {
-    bfwrite(first);
-    return;
-  }
+  if (after == nullptr || system_page(*after) != within) return bfwrite(first);
   const Place place = bfmapaddr(*first);
   FileRecord& file = *first->file;
   run_.clear();
-  for (Buffer* at = first; at != nullptr && system_page(*at) == within;) {
-    run_.insert(run_.end(), at->page, at->page + place.length);
-    modified_out(at);
-    at = delayed_beside(*at, 1);
+  Buffer* end = first;
+  for (; end != nullptr && system_page(*end) == within; end = delayed_beside(*end, 1)) {
+    run_.insert(run_.end(), end->page, end->page + place.length);
   }
   window_of(place.kind).overwritten(place.fd, place.offset, run_.size());
-  if (common::write_at(place.fd, run_, place.offset) == 0) return;
-  failed_system(errno, Operation::kWrite, place.kind);
-  note_failed_write(file);
+  const int result = common::write_at(place.fd, run_, place.offset);
+  if (result != 0) {
+    failed_system(errno, Operation::kWrite, place.kind);
+    bfnote_failure(file);
+    if (waits_on(file)) return -1;
+  }
+  for (Buffer* at = first; at != end;) {
+    Buffer* const next = delayed_beside(*at, 1);
+    modified_out(at);
+    at = next;
+  }
+  return result;
 }
 
 const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
@@ -193,7 +174,7 @@ int Pool::pool_direct() {
   for (std::int64_t at = file.direct.offset; !rest.empty();) {
     Buffer* const block = bfread(static_cast<std::int32_t>(at / kPageSize) | kDataBlock);
     if (block == nullptr) {
-      note_failed_write(file);
+      bfnote_failure(file);
       return -1;
     }
     const auto within = static_cast<std::size_t>(at % kPageSize);
@@ -210,112 +191,35 @@ int Pool::pool_direct() {
 int Pool::bfprocess(FileRecord& file, bool write) {
   const std::vector<Buffer*>& pages = modified_pages(file);
   const int waiting = static_cast<int>(pages.size()) + (file.direct.bytes.empty() ? 0 : 1);
-  if (write) {
-    for (Buffer* page : pages) {
-      if ((page->flags & kModified) != 0) write_delayed(page);
-    }
-    if (write_direct(file) != 0) {
-      note_failed_write(file);
-      file.direct.bytes.clear();
-    }
+  if (!write || waiting == 0) return waiting;
+  // A mark that cannot be set is no reason to write less.
+  if (waits_on(file) && is_missing(file.mark) && set_mark(file) != 0) {
+    bfnote_failure(file);
+  }
+  for (Buffer* page : pages) {
+    if ((page->flags & kModified) != 0) write_delayed(page);
+  }
+  if (write_direct(file) != 0) {
+    bfnote_failure(file);
+    file.direct.bytes.clear();
   }
   return waiting;
 }
 
-// Where data blocks will lengthen the file, zero bytes do so first: absent records, whatever comes
-// between this and the records. 0 or -1.
-int Pool::make_room(const std::vector<Buffer*>& pages) {
-  std::int64_t from = INT64_MAX;
-  std::int64_t to = 0;
-  for (const Buffer* page : pages) {
-    if (page->block >= 0 || !lengthens(*page)) continue;
-    const std::int64_t offset = bfmapaddr(*page).offset;
-    from = std::min(from, offset);
-    to = std::max(to, offset + std::int64_t{kPageSize});
+void Pool::discard(FileRecord& file, std::int32_t first) {
+  for (Buffer* at = file.modified; at != nullptr;) {
+    Buffer* const page = std::exchange(at, at->modified_next);
+    if (page->block < first) continue;
+    modified_out(page);
+    page->flags = static_cast<std::uint16_t>(page->flags & ~kValid);
   }
-  if (to == 0) return 0;
-  static constexpr Byte kZeros[kPageSize] = {};
-  const int fd = pages.front()->file->datfd;
-  for (from = std::max(from, common::file_size(fd)); from < to;) {
-    const auto count = std::min<std::int64_t>(to - from, kPageSize);
-    if (common::write_at(fd, {kZeros, static_cast<std::size_t>(count)}, from) != 0) {
-      return failed_system(errno, Operation::kWrite, FileKind::kData);
-    }
-    from += count;
-  }
-  return 0;
-}
-
-// Writes the page at `at` together with the data blocks right before it: 0 or -1.
-int Pool::write_run(std::size_t& at) {
-  Buffer* const last = to_write_[at++];
-  std::size_t end = at;
-  while (last->block < 0 && end < to_write_.size() && end - at < kLongestRun &&
-         std::int64_t{to_write_[end]->block} == std::int64_t{to_write_[end - 1]->block} - 1) {
-    ++end;
-  }
-  if (end == at) return bfwrite(last);
-  Buffer* const first = to_write_[end - 1];
-  run_.resize((end - at + 1) * kPageSize);
-  for (std::size_t i = at - 1; i < end; ++i) {
-    std::memcpy(run_.data() + (end - 1 - i) * kPageSize, to_write_[i]->page, kPageSize);
-  }
-  const Place place = bfmapaddr(*first);
-  data_window_.overwritten(place.fd, place.offset, run_.size());
-  const int result = common::write_at(place.fd, run_, place.offset);
-  const int reason = errno;
-  for (std::size_t i = at - 1; i < end; ++i) modified_out(to_write_[i]);
-  at = end;
-  return result == 0 ? 0 : failed_system(reason, Operation::kWrite, FileKind::kData);
-}
-
-// Writes from `at` on what has its turn up to `last`: 0 or -1.
-int Pool::write_until(Turn last, std::size_t& at) {
-  while (at < to_write_.size() && turn_of(*to_write_[at]) <= last) {
-    if (write_run(at) != 0) return -1;
-  }
-  return 0;
-}
-
-int Pool::write_in_order(FileRecord& file, int (*dictionary)()) {
-  modified_pages(file);
-  const auto key = [&](const Buffer* page) {
-    // Within a turn the highest block goes first.
-    return static_cast<std::uint64_t>(turn_of(*page)) << 32 |
-           static_cast<std::uint32_t>(~page->block);
-  };
-  std::ranges::sort(to_write_, {}, key);
-  if (make_room(to_write_) != 0) return -1;
-  std::size_t at = 0;
-  if (write_until(Turn::kFreeList, at) != 0 || dictionary() != 0) return -1;
-  const Turn records = file.gives_number ? Turn::kGoingRecord : Turn::kRecord;
-  if (write_until(records, at) != 0 || write_direct(file) != 0) return -1;
-  return write_until(Turn::kGivenNumber, at);
-}
-
-int Pool::bfcommit(FileRecord& file, int (*dictionary)()) {
-  const FailedWrite lost = std::exchange(file.failed_write, {});
-  if (lost.error == 0 && write_in_order(file, dictionary) == 0) return 0;
-  if (lost.error != 0) {
-    iserrno = lost.error;
-    iserrio = lost.place;
-  }
-  file.failed_write = {};
-  file.direct.bytes.clear();
-  while (file.modified != nullptr) modified_out(file.modified);
-  bfignor(file);
-  return -1;
 }
 
 int Pool::bfdiscard(FileRecord& file) {
   if (file.spilled) return -1;
   file.failed_write = {};
   file.direct.bytes.clear();
-  while (file.modified != nullptr) {
-    Buffer* const page = file.modified;
-    modified_out(page);
-    page->flags = static_cast<std::uint16_t>(page->flags & ~kValid);
-  }
+  discard(file, INT32_MIN);
   return 0;
 }
 

@@ -18,24 +18,26 @@ ConstBytes given_record(const char* record) {
   return {reinterpret_cast<const Byte*>(record), static_cast<std::size_t>(length)};
 }
 
+// Ends a call that has changed record `number`.
+int end_with(std::int32_t number) {
+  if (isexit() != 0) return -1;
+  if (number > 0) isrecnum = number;
+  return 0;
+}
+
 int write_record(int isfd, const char* record, Current current) {
   if (isenter(isfd, kToWrite) != 0) return refused_access('8');
   const ConstBytes bytes = given_record(record);
   const std::int32_t number = bytes.empty() ? -1 : wrtrecord(bytes, current);
-  if (number > 0) isrecnum = number;
-  return isexit();
+  return end_with(number);
 }
 
 // Finds a record by `find`, and changes it by `change`.
 template <typename Find, typename Change>
 int change_found(Find find, Change change) {
   const FoundRecord found = find();
-  if (found.number < 0) {
-    bt = openp->position;
-  } else if (change(found) == 0) {
-    isrecnum = found.number;
-  }
-  return isexit();
+  if (found.number < 0) bt = openp->position;
+  return end_with(found.number > 0 && change(found) == 0 ? found.number : -1);
 }
 
 // What is current may be locked by the read before: the lock stays for the change.

@@ -21,7 +21,8 @@ namespace isam {
 
 class TreeLoader {
  public:
-  explicit TreeLoader(const keydescr& k) : layout_(k) {}
+  // The nodes taken for the tree are put on `taken`, in their order.
+  TreeLoader(const keydescr& k, std::vector<std::int32_t>& taken) : layout_(k), taken_(taken) {}
 
   // Appends a leaf item: its key, recptr and dupnm. 0, or -1 with iserrno.
   [[nodiscard]] int add(const Item& item) { return append(0, item); }
@@ -42,6 +43,7 @@ class TreeLoader {
   int write_node(std::int32_t node, std::size_t level);
 
   ItemLayout layout_;
+  std::vector<std::int32_t>& taken_;
   std::vector<std::unique_ptr<Level>> levels_;
 };
 

@@ -4,8 +4,21 @@
 #include <cerrno>
 
 #include "isam/errors.h"
+#include "isam/opening.h"
 
 namespace isam::txlog {
+namespace {
+
+// A pair is recovered as its last writer left it.
+class OpensMarked {
+ public:
+  OpensMarked() { opens_marked = true; }
+  OpensMarked(const OpensMarked&) = delete;
+  OpensMarked& operator=(const OpensMarked&) = delete;
+  ~OpensMarked() { opens_marked = false; }
+};
+
+}  // namespace
 
 ReplayFile& ReplayFiles::make(std::string_view name) {
   ReplayFile& file = files_.emplace_back();
@@ -81,6 +94,7 @@ int ReplayFiles::close_all() {
 
 int ReplayFiles::txoopen(ReplayFile& file) {
   if (file.isfd >= 0) return 0;
+  const OpensMarked as_it_is;
   const auto namesake = std::ranges::find(open_, file.name, &ReplayFile::name);
   if (namesake != open_.end()) close_file(**namesake);
   const int mode = ISINOUT + ISEXCLLOCK + ISANYPRIMARY + (file.varlen ? ISVARLEN : 0);

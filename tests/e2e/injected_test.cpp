@@ -98,6 +98,13 @@ int open_or_fail(const char* path, int flags, mode_t permissions) {
   return of_pair && is_hit(Target::kOpen) ? -1 : ::open(path, flags, permissions);
 }
 
+// Whether an exclusive open has left its mark in the index file.
+bool is_marked(const std::string& base) {
+  const Image index = read_file(base + ".idx");
+  return index.size() > 124 &&
+         std::string_view(reinterpret_cast<const char*>(&index[117]), 4) == "EXCL";
+}
+
 // ---- What is done meanwhile.
 
 struct Scene {
@@ -125,9 +132,9 @@ struct Report {
   std::array<States, kIds + 1> ever;      // since the last good close
   int calls = 0;                          // to the target
   int failures = 0;
-  bool torn = false;    // a part of a call's changes may be in the files
-  bool waited = false;  // ... or a part of those of a whole exclusive open
-  int wrong = 0;        // line of the first call that ended as it must not, and how
+  bool torn = false;  // a part of a call's changes may be in the files
+  bool late = false;  // an exclusive open could not write what it had kept back
+  int wrong = 0;      // line of the first call that ended as it must not, and how
   int reason = 0;
 };
 
@@ -170,12 +177,11 @@ class Script {
   }
 
  private:
-  // Whether a write that fails may leave a part of what was to be written. A full disk is noticed
-  // first, if all changes of a call wait for its end.
+  // Whether a write that fails may leave a part of what was to be written: what was cannot be taken
+  // back either. (A full disk is noticed first.)
   [[nodiscard]] bool tears() const {
-    const Target target = injection.plan.target;
-    return !injection.plan.survived &&
-           (target == Target::kWrite || (target == Target::kGrowth && alone_));
+    return !injection.plan.survived && injection.plan.target == Target::kWrite &&
+           injection.plan.lasts;
   }
   // What an exclusive open's call has changed in storage when a read fails is not taken back.
   [[nodiscard]] bool stays_undone() const {
@@ -193,26 +199,28 @@ class Script {
     report_.reason = ::iserrno;
   }
 
-  // Does a call, which may fail for one of `reasons`, or because of the fault. Whoever has been
-  // told that what waited is lost does no more.
+  // Does a call, which may fail for one of `reasons`, or because of the fault; what an exclusive
+  // open keeps back may fail later, and is then told by a later call.
   template <typename Call>
   bool attempt(int line, const std::set<int>& reasons, Call call) {
-    if (report_.waited) return false;
     const int hits = injection.hits;
     const int result = call();
     const bool good = result >= 0;
     const bool mixed = result == kGarbled && may_be_mixed(session_.row.id);
-    const bool hit = injection.hits != hits && !injection.plan.survived;
-    report_.torn = report_.torn || (hit && (tears() || (!good && stays_undone())));
-    report_.waited = hit && alone_ && tears();
+    const bool keeps_back = alone_ && injection.plan.target == Target::kWrite;
+    const bool comes = injection.hits != hits && !injection.plan.survived;
+    const bool hit = comes || (report_.late && !good);
+    report_.torn = report_.torn || (comes && (tears() || (!good && stays_undone())));
+    report_.late = report_.late || (comes && keeps_back);
     // A read that only looked ahead may fail unnoticed.
-    const bool must_fail = hit && injection.plan.target != Target::kRead;
+    const bool must_fail = hit && injection.plan.target != Target::kRead && !keeps_back;
     if ((good != (::iserrno == 0) && !mixed) || (good && must_fail)) wrong(line);
     if (good) return true;
     ++report_.failures;
     if (mixed) return false;
     const bool told = injection.plan.target == Target::kLock || ::iserrno == injection.plan.error;
-    if (hit ? !told : !report_.torn && !reasons.contains(::iserrno)) wrong(line);
+    const bool expected = report_.torn || reasons.contains(::iserrno);
+    if (!(hit && told) && !(expected && (!comes || keeps_back))) wrong(line);
     return false;
   }
 
@@ -236,16 +244,21 @@ class Script {
   }
   bool open(int lock) {
     if (!std::filesystem::exists(session_.base + ".idx")) return false;
+    if (is_marked(session_.base)) {
+      if (session_.open(ISINOUT | lock) >= 0 || ::iserrno != ISECORRUPT) wrong(__LINE__);
+      return false;
+    }
     alone_ = lock == ISEXCLLOCK;
     return attempt_twice(__LINE__, [&] { return session_.open(ISINOUT | lock); });
   }
   void close() {
-    if (report_.waited) {
-      ::isclose(session_.isfd);
-    } else if (attempt(__LINE__, {}, [&] { return ::isclose(session_.isfd); }) &&
-               injection.hits == 0) {
-      report_.ever = report_.possible;
-    }
+    const bool good = attempt(__LINE__, {}, [&] { return ::isclose(session_.isfd); });
+    // A mark tells of what was not written, unless it could not be written either.
+    const bool told = is_marked(session_.base) || injection.plan.lasts;
+    if (alone_ && (good ? is_marked(session_.base) : !told)) wrong(__LINE__);
+    if (good) report_.late = false;
+    if (good && injection.hits == 0) report_.ever = report_.possible;
+    if (!good && report_.torn) report_.possible = report_.ever;
   }
   void add_index() {
     attempt_twice(__LINE__, [&] {
@@ -266,7 +279,6 @@ class Script {
   // A call that brings a record into a state.
   template <typename Call>
   void change(int line, int id, States aimed, const std::set<int>& reasons, Call call) {
-    if (report_.waited) return;
     const States torn = scene_.varying ? aimed | kAbsent : aimed;
     const bool good = attempt(line, reasons, call);
     report_.ever[static_cast<std::size_t>(id)] |= torn;
@@ -382,13 +394,13 @@ TEST_P(Injected, FailuresAreToldAndLeaveWhatWasDone) {
     const std::string base = folder_ / std::to_string(at);
     const Report report = run(at, base);
     if (!std::filesystem::exists(base + ".idx")) continue;
-    if (report.torn) {
+    if (report.torn || is_marked(base)) {
       EXPECT_GT(report.failures, 0);
       expect_repaired(base, scene_.varying ? kTorn : "");
     } else {
       EXPECT_EQ(walk_pair(base).problems, std::vector<std::string>{});
     }
-    expect_records(report.waited ? report.ever : report.possible, base);
+    expect_records(report.possible, base);
   }
 }
 

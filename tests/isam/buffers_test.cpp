@@ -110,19 +110,26 @@ TEST(BuffersDeathTest, ThePoolGrowsForThePagesThatOneCallChanges) {
   });
 }
 
-TEST(BuffersDeathTest, AFailedWriteIsKeptAndNotRepeated) {
+TEST(BuffersDeathTest, AFailedWriteIsKeptAndItsPagesStay) {
   in_own_process("4", [] {
-    common::system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
+    static bool fails = true;
+    common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
+                                       off_t offset) -> ssize_t {
       errno = EIO;
-      return -1;
+      return fails ? -1 : ::pwrite(fd, from, count, offset);
     };
     filep->exclusives = 1;  // so that changed pages go when their buffers are needed
     for (int node = 20; node < 80; node += 10) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);  // the calls that reused the buffers did not fail
     EXPECT_EQ(filep->failed_write.error, EIO);
     EXPECT_EQ(filep->failed_write.place, 0x51);
-    EXPECT_EQ(bfflush(*filep), 4);
+    EXPECT_EQ(bfflush(*filep), 6);
+    EXPECT_EQ(bfpend(*filep), 6);
+    fails = false;
+    EXPECT_EQ(bfflush(*filep), 6);
     EXPECT_EQ(bfpend(*filep), 0);
+    EXPECT_EQ(filep->lost_write.error, EIO);
+    EXPECT_FALSE(filep->pages_lost);
   });
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "tests/isam/test_pair.h"
 
 namespace isam {
@@ -15,8 +17,8 @@ constexpr std::size_t kPlace = 117;
 
 // The bytes of the index file with `mark` in its place.
 Image marked(Image index, std::initializer_list<int> mark) {
-  auto at = index.begin() + kPlace;
-  for (const int byte : mark) *at++ = static_cast<Byte>(byte);
+  std::size_t at = kPlace;
+  for (const int byte : mark) index.at(at++) = static_cast<Byte>(byte);
   return index;
 }
 
@@ -26,34 +28,33 @@ TEST(Mark, IsSetAndClearedByItsProcessOnly) {
   const int own = ::getpid();
   const Image with_own = marked(
       bare, {0x45, 0x58, 0x43, 0x4C, own >> 24, own >> 16 & 0xFF, own >> 8 & 0xFF, own & 0xFF});
-  EXPECT_EQ(has_mark(*filep), 0);
-  ASSERT_EQ(set_mark(*filep), 0);
-  EXPECT_EQ(has_mark(*filep), 1);
-  EXPECT_EQ(pair.index(), with_own);
-  // Another process's, as after a fork, and what is no mark stay.
-  for (const auto& other : {marked(with_own, {0x45, 0x58, 0x43, 0x4C, 0, 0, 0, 0}),
+  EXPECT_EQ(find_mark(*filep), 0);
+  for (const auto state : {MarkState::kUnknown, MarkState::kClear}) {
+    filep->mark = state;
+    ASSERT_EQ(set_mark(*filep), 0);
+    EXPECT_EQ(pair.index(), with_own);
+    const pid_t other = std::exchange(filep->mark_process, filep->mark_process + 1);
+    EXPECT_EQ(clear_mark(*filep), 0);
+    EXPECT_EQ(find_mark(*filep), 1);
+    filep->mark_process = other;
+    EXPECT_EQ(clear_mark(*filep), 0);
+    EXPECT_EQ(pair.index(), bare);
+  }
+  // Another process's, and what is no mark, stay.
+  for (const auto& other : {marked(bare, {0x45, 0x58, 0x43, 0x4C, 0, 0, 0, 0}),
                             marked(bare, {0, 0, 0, 0, 0, 0, 0, 7}), marked(bare, {1, 2, 3})}) {
-    pair.replace_index(other);
-    filep->mark = MarkState::kSet;
-    EXPECT_EQ(clear_mark(*filep), 0);
-    EXPECT_EQ(pair.index(), other);
-    filep->mark = MarkState::kClear;
-    EXPECT_EQ(set_mark(*filep), 0);
-    EXPECT_EQ(pair.index(), other);
-    EXPECT_EQ(clear_mark(*filep), 0);
-    EXPECT_EQ(pair.index(), other);
     const bool is_mark = other[kPlace] == 0x45;
-    EXPECT_EQ(has_mark(*filep), is_mark ? 1 : 0);
+    pair.replace_index(other);
+    EXPECT_EQ(find_mark(*filep), is_mark ? 1 : 0);
+    EXPECT_EQ(set_mark(*filep), 0);
+    EXPECT_EQ(clear_mark(*filep), 0);
+    EXPECT_EQ(pair.index(), other);
     EXPECT_EQ(remove_mark(*filep), 0);
     EXPECT_EQ(pair.index(), is_mark ? bare : other);
   }
-  pair.replace_index(with_own);
-  filep->mark = MarkState::kSet;
-  EXPECT_EQ(clear_mark(*filep), 0);
-  EXPECT_EQ(pair.index(), bare);
   // A file that ends before it has none.
   pair.replace_index({bare.begin(), bare.begin() + 120});
-  EXPECT_EQ(has_mark(*filep), 0);
+  EXPECT_EQ(find_mark(*filep), 0);
 }
 
 }  // namespace

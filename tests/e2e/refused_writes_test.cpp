@@ -1,0 +1,355 @@
+// Writes that are refused, one after the other, of calls whose pair must be as it was afterwards,
+// and what an exclusive open that is not closed well leaves behind.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <functional>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "common/io.h"
+#include "tests/e2e/sessions.h"
+
+namespace testing_support {
+namespace {
+
+int writes_left = INT_MAX;  // before one is refused, when half of it is done
+bool was_refused = false;
+
+ssize_t write_or_refuse(int fd, const void* from, std::size_t count, off_t offset) {
+  if (writes_left != 0) {
+    if (writes_left != INT_MAX) --writes_left;
+    return ::pwrite(fd, from, count, offset);
+  }
+  if (!std::exchange(was_refused, true) && count > 1) return ::pwrite(fd, from, count / 2, offset);
+  writes_left = INT_MAX;
+  errno = ENOSPC;
+  return -1;
+}
+
+// Does `call` with its write `number` refused; whether there was one.
+bool refuse(int number, const std::function<void()>& call) {
+  writes_left = number;
+  was_refused = false;
+  call();
+  writes_left = INT_MAX;
+  return was_refused;
+}
+
+class RefusedWrites : public testing::Test {
+ protected:
+  using Files = std::pair<Image, Image>;
+
+  [[nodiscard]] Files files() const {
+    return {read_file(base_ + ".idx"), read_file(base_ + ".dat")};
+  }
+  [[nodiscard]] std::string mark() const {
+    const Image index = read_file(base_ + ".idx");
+    return {index.begin() + 117, index.begin() + 125};
+  }
+  static std::string mark_of(pid_t process) {
+    std::string text = "EXCL1234";
+    ::stlong(process, &text[4]);
+    return text;
+  }
+  static inline const std::string kNoMark = std::string(8, '\0');
+
+  // In a process of its own, which is to end by `signal`.
+  static void alone(const std::function<void()>& work, int signal = 0) {
+    const int end = end_of(start_process([&] {
+      common::system_calls().pwrite = write_or_refuse;
+      work();
+      ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    }));
+    EXPECT_EQ(end, signal);
+  }
+  void build(bool varying, int records) const {
+    alone([&] {
+      Session session{base_, varying};
+      ASSERT_GE(session.build(ISINOUT | ISEXCLLOCK), 0);
+      for (int id = 1; id <= records; ++id) {
+        ASSERT_EQ(session.put({id, id % 3, 0}, ::iswrite), 0);
+      }
+      for (int id = 2; id < records; id += 9) ASSERT_EQ(session.put({id}, ::isdelete), 0);
+      ASSERT_EQ(::isclose(session.isfd), 0);
+    });
+    EXPECT_EQ(mark(), kNoMark);
+  }
+
+  const TempFolder folder_;
+  const std::string base_ = folder_ / "pair";
+};
+
+TEST_F(RefusedWrites, OfASharedCallLeaveThePairAndThePositionAsTheyWere) {
+  for (const bool varying : {false, true}) {
+    build(varying, 60);
+    const std::vector<std::function<int(Session&, int)>> calls = {
+        [](Session& s, int n) {
+          return s.put({100 + n, n, 0}, ::iswrite);
+        },
+        [](Session& s, int n) {
+          return s.put({200 + n, n, 0}, ::iswrcurr);
+        },
+        [](Session& s, int n) {
+          return s.put({30 + n, 7, n + 1}, ::isrewrite);
+        },
+        [](Session& s, int n) {
+          return s.put({1, 7, n + 50}, ::isrewcurr);
+        },
+        [](Session& s, int n) { return s.put({50 + n}, ::isdelete); },
+        [](Session& s, int) { return ::isdelcurr(s.isfd); },
+    };
+    alone([&] {
+      Session session{base_, varying};
+      ASSERT_GE(session.open(ISINOUT | ISMANULOCK), 0);
+      int refusals = 0;
+      for (std::size_t which = 0; which < calls.size(); ++which) {
+        for (int n = 0, write = 0; n < 5; ++n, write = 0) {
+          int result = -1;
+          while (result != 0) {
+            SCOPED_TRACE(std::to_string(which) + " " + std::to_string(n) + " " +
+                         std::to_string(write));
+            ASSERT_EQ(session.read(RD_FIRST), 0);
+            const Row first = session.row;
+            ::isrecnum = 77;
+            const Files before = files();
+            const bool refused = refuse(write++, [&] { result = calls[which](session, n); });
+            ASSERT_EQ(result == 0, !refused);
+            if (result == 0) break;
+            ++refusals;
+            EXPECT_EQ(::iserrno, ENOSPC);
+            EXPECT_EQ(::isrecnum, 77);
+            ASSERT_TRUE(files() == before);
+            ASSERT_EQ(session.read(RD_CURR), 0);
+            EXPECT_EQ(session.row.id, first.id);
+            ASSERT_EQ(session.read(RD_NEXT), 0);
+            EXPECT_GT(session.row.id, first.id);
+          }
+        }
+      }
+      EXPECT_GT(refusals, 50);
+      EXPECT_EQ(::isclose(session.isfd), 0);
+    });
+    EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+    std::filesystem::remove(base_ + ".idx");
+    std::filesystem::remove(base_ + ".dat");
+  }
+}
+
+TEST_F(RefusedWrites, ARewriteThatChangesNothingWritesNothing) {
+  for (const bool varying : {false, true}) {
+    build(varying, 20);
+    const Files before = files();
+    alone([&] {
+      Session session{base_, varying};
+      ASSERT_GE(session.open(ISINOUT | ISMANULOCK), 0);
+      for (int id = 3; id <= 10; ++id) EXPECT_EQ(session.put({id, id % 3, 0}, ::isrewrite), 0);
+      EXPECT_EQ(::isclose(session.isfd), 0);
+    });
+    EXPECT_TRUE(files() == before);
+    std::filesystem::remove(base_ + ".idx");
+    std::filesystem::remove(base_ + ".dat");
+  }
+}
+
+TEST_F(RefusedWrites, OfANewIndexLeaveTheExclusivePairAsItWas) {
+  build(false, 400);
+  alone([&] {
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+    keydescr key = {KF_DUPS, 1, {{kGroupAt + 4, 6, KT_CHAR}}, 0, 0};
+    const Files before = files();
+    int result = -1;
+    int write = 0;
+    while (result != 0) {
+      SCOPED_TRACE(write);
+      const bool refused = refuse(write++, [&] { result = ::isaddindex(session.isfd, &key); });
+      // A mark that could not be set for a moment is set later.
+      if (result == 0) continue;
+      ASSERT_TRUE(refused);
+      EXPECT_EQ(::iserrno, ENOSPC);
+      ASSERT_EQ(::isflush(session.isfd), 0);
+      ASSERT_TRUE(files() == before);
+    }
+    EXPECT_GT(write, 10);
+    EXPECT_EQ(::isclose(session.isfd), 0);
+  });
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
+TEST_F(RefusedWrites, AnExclusiveOpenMarksThePairWhileItKeepsChangesBack) {
+  build(false, 20);
+  alone([&] {
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+    const std::string own = mark_of(::getpid());
+    EXPECT_EQ(session.read(RD_EQUAL, 3), 0);
+    EXPECT_EQ(session.put({3}, ::iswrite), -1);  // it is there
+    EXPECT_EQ(::isflush(session.isfd), 0);
+    EXPECT_EQ(mark(), kNoMark);
+    for (int id = 21; id <= 23; ++id) {
+      EXPECT_EQ(session.put({id}, ::iswrite), 0);
+      EXPECT_EQ(mark(), own);
+      EXPECT_EQ(::isflush(session.isfd), 0);
+      EXPECT_EQ(mark(), kNoMark);
+    }
+    // Another open of the process does not look, and the last exclusive one clears.
+    EXPECT_EQ(session.put({24}, ::iswrite), 0);
+    Session other{base_, false};
+    Session shared{base_, false};
+    ASSERT_GE(other.open(ISINOUT | ISEXCLLOCK), 0);
+    ASSERT_GE(shared.open(ISINPUT | ISMANULOCK), 0);
+    EXPECT_EQ(::isclose(session.isfd), 0);
+    EXPECT_EQ(mark(), own);
+    EXPECT_EQ(::isclose(other.isfd), 0);
+    EXPECT_EQ(mark(), kNoMark);
+  });
+  alone(
+      [&] {
+        Session session{base_, false};
+        ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+        EXPECT_EQ(session.put({25}, ::iswrite), 0);
+        ::raise(SIGKILL);
+      },
+      SIGKILL);
+  EXPECT_NE(mark(), kNoMark);
+  alone([&] {
+    Session session{base_, false};
+    for (const int lock : {ISEXCLLOCK, ISMANULOCK}) {
+      EXPECT_EQ(session.open(ISINOUT | lock), -1);
+      EXPECT_EQ(::iserrno, ISECORRUPT);
+    }
+  });
+  static_cast<void>(kestro("-yq", base_));
+  EXPECT_EQ(mark(), kNoMark);
+  // What is no mark means nothing and stays.
+  Image index = read_file(base_ + ".idx");
+  index[120] = 9;
+  write_file(base_ + ".idx", index);
+  alone([&] {
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+    EXPECT_EQ(session.put({26}, ::iswrite), 0);
+    EXPECT_EQ(::isclose(session.isfd), 0);
+  });
+  EXPECT_EQ(mark(), std::string({0, 0, 0, 9, 0, 0, 0, 0}));
+}
+
+TEST_F(RefusedWrites, WhatWasHandedOutIsInTheFile) {
+  build(false, 3);
+  alone(
+      [&] {
+        Session session{base_, false};
+        ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+        std::int32_t id = 0;
+        for (int wanted = 1; wanted <= 3; ++wanted) {
+          EXPECT_TRUE(refuse(0, [&] { EXPECT_EQ(::isuniqueid(session.isfd, &id), -1); }));
+          EXPECT_EQ(::isuniqueid(session.isfd, &id), 0);
+          EXPECT_EQ(id, wanted);
+          EXPECT_TRUE(refuse(0, [&] { EXPECT_EQ(::isaltinc(session.isfd), -1); }));
+          EXPECT_EQ(::isaltinc(session.isfd), 0);
+        }
+        EXPECT_EQ(::issetunique(session.isfd, 40), 0);
+        ::raise(testing::Test::HasFailure() ? SIGTERM : SIGKILL);
+      },
+      SIGKILL);
+  const Image index = read_file(base_ + ".idx");
+  EXPECT_EQ(get4(&index[45]), 40);
+  EXPECT_EQ(get4(&index[55]), 3);
+  EXPECT_EQ(mark(), kNoMark);  // nothing was kept back
+}
+
+TEST_F(RefusedWrites, ALostPageIsToldByTheNextCallAndByEveryClose) {
+  build(false, 20);
+  alone([&] {
+    ::setenv("ISAMBUFS", "4", 1);
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+    // Writes until one is refused that is not this call's own.
+    int id = 21;
+    bool refused = false;
+    for (int result = -1; id < 200 && !(refused && result == 0); ++id) {
+      refused = refuse(1, [&] { result = session.put({id}, ::iswrite); });
+    }
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(session.read(RD_EQUAL, id - 1), -1);
+    EXPECT_EQ(::iserrno, ENOSPC);
+    EXPECT_EQ(session.read(RD_EQUAL, id - 1), 0);
+    EXPECT_EQ(::isflush(session.isfd), -1);
+    EXPECT_EQ(::iscleanup(), -1);
+    EXPECT_EQ(::iserrno, ENOSPC);
+    EXPECT_EQ(std::string({::isstat1, ::isstat2}), "90");
+    EXPECT_NE(mark(), kNoMark);
+    EXPECT_EQ(::isopen(base_.c_str(), ISINOUT | ISMANULOCK), -1);
+    EXPECT_EQ(::iserrno, ISECORRUPT);
+    EXPECT_EQ(::iscleanup(), 0);
+    EXPECT_EQ(::iserrno, ISECORRUPT);  // as it was
+  });
+  expect_repaired(base_, "");
+}
+
+TEST_F(RefusedWrites, AnotherProcessLockOfTheFileLeavesItAsItWas) {
+  build(false, 20);
+  alone([&] {
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISMANULOCK), 0);
+    ASSERT_EQ(session.put({21}, ::iswrite), 0);  // takes the free numbers' list to its end
+    while (::isdelrec(session.isfd, 21) == 0) continue;
+    std::array<int, 2> to_child{}, to_parent{};
+    ASSERT_EQ(::pipe(to_child.data()), 0);
+    ASSERT_EQ(::pipe(to_parent.data()), 0);
+    const pid_t other = start_process([&] {
+      Session locks{base_, false};
+      // The process is new to the pair.
+      ::close(to_child[1]);
+      char byte = locks.open(ISINOUT | ISMANULOCK) >= 0 && ::islock(locks.isfd) == 0 ? 'y' : 'n';
+      if (::write(to_parent[1], &byte, 1) != 1 || ::read(to_child[0], &byte, 1) < 0) ::_exit(1);
+    });
+    char byte = 'n';
+    ASSERT_EQ(::read(to_parent[0], &byte, 1), 1);
+    ASSERT_EQ(byte, 'y');
+    const Files before = files();
+    for (int id = 30; id < 33; ++id) {
+      EXPECT_EQ(session.put({id}, ::iswrite), -1);
+      EXPECT_EQ(::iserrno, ISELOCKED);
+      EXPECT_TRUE(files() == before);
+    }
+    ::close(to_child[1]);
+    EXPECT_EQ(end_of(other), 0);
+    EXPECT_EQ(session.put({30}, ::iswrite), 0);
+    EXPECT_EQ(::isclose(session.isfd), 0);
+  });
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
+TEST_F(RefusedWrites, OfADeleteInATransactionLeavesTheRecordsNumber) {
+  build(false, 20);
+  write_file(folder_ / "log", {});
+  alone([&] {
+    ASSERT_EQ(::islogopen((folder_ / "log").c_str()), 0);
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISMANULOCK | ISTRANS), 0);
+    dictinfo before{};
+    ASSERT_EQ(::isdictinfo(session.isfd, &before), 0);
+    bool refused = true;
+    for (int write = 0; refused; ++write) {
+      ASSERT_EQ(::isbegin(), 0);
+      int result = 0;
+      refused = refuse(write, [&] { result = session.put({20}, ::isdelete); });
+      EXPECT_EQ(result == 0, !refused);
+      EXPECT_EQ(refused ? ::iscommit() : ::isrollback(), 0);
+      dictinfo after{};
+      ASSERT_EQ(::isdictinfo(session.isfd, &after), 0);
+      EXPECT_EQ(after.di_nrecords, before.di_nrecords);
+      EXPECT_EQ(session.read(RD_EQUAL, 20), 0);
+    }
+    EXPECT_EQ(::isclose(session.isfd), 0);
+  });
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
+}  // namespace
+}  // namespace testing_support
