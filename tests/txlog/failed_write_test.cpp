@@ -108,7 +108,8 @@ class FailedWrites : public LogTest {
   void disk_has_room() { common::system_calls() = system_; }
 
   // What every pair of the folder holds, by number, and how many indexes. Half a pair is none.
-  static std::map<std::string, std::string> contents() {
+  // One whose exclusive open was not closed well is left out.
+  std::map<std::string, std::string> contents() {
     std::map<std::string, std::string> all;
     for (const auto& entry : std::filesystem::directory_iterator(".")) {
       if (entry.path().extension() != ".idx") continue;
@@ -118,6 +119,11 @@ class FailedWrites : public LogTest {
       keydescr by_number{};
       dictinfo info{};
       const int isfd = ::isopen(name.c_str(), ISINPUT + ISEXCLLOCK + ISANYLENGTH);
+      if (isfd < 0 && iserrno == ISECORRUPT) marked_.insert(name);
+      if (marked_.contains(name)) {
+        ::isclose(isfd);
+        continue;
+      }
       EXPECT_GE(isfd, 0) << name << " " << iserrno;
       EXPECT_EQ(::isdictinfo(isfd, &info), 0);
       std::string& text = all[name];
@@ -136,10 +142,14 @@ class FailedWrites : public LogTest {
   // Ends the work, and holds what the files hold against what a recovery makes of the copy.
   void expect_the_same_of_recovery(const std::string& what) {
     disk_has_room();
-    EXPECT_TRUE(::iscommit() == 0 || iserrno == ISENOBEGIN) << what;
+    const bool ended = ::iscommit() == 0 || iserrno == ISENOBEGIN;
+    const std::int32_t reason = iserrno;
     ::iscleanup();
     EXPECT_EQ(::islogclose(), 0) << what << " " << iserrno;
+    marked_.clear();
     const auto live = contents();
+    // Only what an exclusive open could not write fails a commit then, and leaves its mark.
+    EXPECT_TRUE(ended || (reason == ENOSPC && !marked_.empty())) << what << " " << reason;
     const std::string log = types();
     restore_copy();
     ASSERT_EQ(::islogopen("log"), 0);
@@ -220,6 +230,7 @@ class FailedWrites : public LogTest {
   int isfd_ = -1;
 
  private:
+  std::set<std::string> marked_;
   bool copied_ = false;
   common::SystemCalls system_ = common::system_calls();
 };
