@@ -40,7 +40,7 @@ inline constexpr std::int32_t kKeptPastEnd = 65536;
 // Whether a node is a storage page with bytes of variable parts in it.
 [[nodiscard]] bool holds_parts(std::int32_t node);
 
-// Whether a rebuild of the node list would list storage pages with bytes in them, which no sound
+// Whether a rebuild of the node list would give up storage pages with bytes in them, which no sound
 // record names.
 [[nodiscard]] bool pages_are_given_up();
 

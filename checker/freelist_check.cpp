@@ -203,14 +203,13 @@ std::vector<std::int32_t> heads_set_apart(std::int32_t highest) {
 // numbers first. A node freed when the list has no room becomes its head.
 void list_unused_nodes(std::int32_t highest) {
   const std::vector<std::int32_t> heads = heads_set_apart(highest);
-  UsageMap& set_apart = findings.idxmap2;
-  set_apart.clrmap();
-  for (const std::int32_t head : heads) set_apart.set_bit(head);
+  findings.idxmap2.clrmap();
+  for (const std::int32_t head : heads) findings.idxmap2.set_bit(head);
   auto next_head = heads.begin();
   int room = 0;
   const auto add = [](std::int32_t node) { return add_to_list(node, isam::FreeList::kNodes); };
   const bool all = for_each_unused(findings.idxmap, highest, [&](std::int32_t node) {
-    if (set_apart.tstbit(node)) return true;
+    if (findings.idxmap2.tstbit(node)) return true;  // set apart
     if (room-- > 0) return add(node);
     room = isam::list_entries(isam::filep->idxsize);
     if (next_head == heads.end()) return add(node);
@@ -245,8 +244,16 @@ std::int32_t last_node_to_keep() {
 }
 
 bool pages_are_given_up() {
-  return !for_each_unused(findings.idxmap, last_real_node(),
-                          [](std::int32_t node) { return !holds_parts(node); });
+  // One that an earlier repair gave up has lost its kind, and nothing is taken from it now.
+  const auto keeps_kind = [](std::int32_t node) {
+    const isam::PageHold page = isam::bfread(node);
+    return page && page.node_type() == isam::kStoragePage;
+  };
+  const bool none = for_each_unused(findings.idxmap, last_real_node(), [&](std::int32_t node) {
+    return !keeps_kind(node) || !holds_parts(node);
+  });
+  isam::clear_errors();
+  return !none;
 }
 
 void unmark_unused_pages() {

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -43,9 +45,20 @@ bool is_to_be_kept() {
                              gives_up_pages);
 }
 
-std::string real_path(const std::string& path) {
+// The file itself, past symbolic links. Where its path is too long to be told, the last link at
+// least is followed.
+std::string real_path(std::string path) {
+  constexpr int kMostLinks = 40;
   const std::unique_ptr<char, void (*)(void*)> real{::realpath(path.c_str(), nullptr), std::free};
-  return real ? real.get() : path;
+  if (real) return real.get();
+  std::array<char, PATH_MAX> target{};
+  for (int links = 0; links < kMostLinks; ++links) {
+    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
+    if (length <= 0) break;
+    const std::string leads_to(target.data(), static_cast<std::size_t>(length));
+    path = leads_to.front() == '/' ? leads_to : path.substr(0, path.rfind('/') + 1) + leads_to;
+  }
+  return path;
 }
 
 std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1) + "."; }
@@ -126,7 +139,12 @@ void remove_mark() {
 }
 
 constexpr isam::Byte kNoMagic[2] = {};
-constexpr char kAsItWas[] = "the pair is as it was";
+// With a new node size the index has been replaced by then.
+const char* as_it_was() {
+  return options.sflag == 0
+             ? "the pair is as it was"
+             : "the index has the new node size and nothing else; the old one is NAME.IDX";
+}
 constexpr char kIncomplete[] = "the repair in place is not complete: run kestro again";
 
 }  // namespace
@@ -153,6 +171,7 @@ void Repair::tell_failure(const char* state) const {
 
 // The pair is repaired.
 void Repair::keep_kept() {
+  Interrupt::say("\nkestro: " + index_ + ": interrupted; the pair is repaired\n");
   if (!kept_.is_taken()) return;
   if (place_ != Place::kCopy && kept_.note(filep->idxfd, filep->datfd) != 0) {
     remark(kept_.name() + ": cannot be used to undo the repair: " + std::strerror(errno));
@@ -166,7 +185,7 @@ bool Repair::begin() {
   index_ = real_path(isam::mkidxname(filep->name));
   keeps_ = is_to_be_kept();
   if (!nodes_will_change()) return true;
-  interrupt_.emplace("\nkestro: " + index_ + ": interrupted; the pair is as it was\n");
+  interrupt_.emplace("\nkestro: " + index_ + ": interrupted; " + as_it_was() + "\n");
   int error = obstacle(filep->idxfd, index_);
   if (error == 0) error = copy_index();
   if (error == 0) return true;
@@ -245,7 +264,7 @@ void Repair::end_dictionary(bool whole) {
   if (changed) {
     if (!take_kept()) return leave_as_it_was();
     isam::lksemaphore(isam::Semaphore::kExclusive);
-    if (!write_out()) return tell_failure(kAsItWas);
+    if (!write_out()) return tell_failure(as_it_was());
   }
   if (clears_mark(whole)) remove_mark();
   keep_kept();
@@ -281,7 +300,7 @@ void Repair::forget_changes() {
 }
 
 void Repair::leave_as_it_was() {
-  tell_failure(kAsItWas);
+  tell_failure(as_it_was());
   forget_changes();
 }
 
@@ -295,7 +314,7 @@ void Repair::end_copy(bool whole) {
   if (!complete) return;
   if (isam::lksemaphore(isam::Semaphore::kExclusive) == 0) return put_in_place();
   fail(iserrno);
-  tell_failure(kAsItWas);
+  tell_failure(as_it_was());
 }
 
 void Repair::put_in_place() {
@@ -307,14 +326,14 @@ void Repair::put_in_place() {
   }
   if (kept_.is_taken() && kept_.show() != 0) {
     fail(errno);
-    return tell_failure(kAsItWas);
+    return tell_failure(as_it_was());
   }
   // A link made meanwhile is another name of the old index, which it would lose.
   if (errno = EMLINK; named.st_nlink > 1 || copy_->replace(index_) != 0) {
     place_ = Place::kInPlace;
     if (leaves_index_usable(errno)) return write_over();
     fail(errno);
-    return tell_failure(kAsItWas);
+    return tell_failure(as_it_was());
   }
   sync_folder(index_);
   if (common::write_at(filep->idxfd, kNoMagic, 0) != 0) {
@@ -332,7 +351,7 @@ void Repair::write_over() {
   constexpr std::int64_t kBehindMark = isam::kMarkOffset + isam::kMarkSize;
   if (isam::set_mark(*filep) != 0) {
     fail(iserrno);
-    return tell_failure(kAsItWas);
+    return tell_failure(as_it_was());
   }
   const bool written =
       sync(to) && common::copy_differences(from, to, kBehindMark, common::file_size(from)) == 0 &&

@@ -53,7 +53,7 @@ asm(R"(
 namespace isam {
 namespace {
 
-constexpr std::string_view kNoteName{"isam", 5};  // with its zero byte
+constexpr char kNoteName[] = "isam";  // stored with its zero byte
 constexpr std::uint32_t kNoteType = 1;
 
 struct Search {
