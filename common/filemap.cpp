@@ -120,13 +120,7 @@ bool FileMap::copy(Bytes to, std::int64_t offset) {
   return false;
 }
 
-bool FileMap::covers(std::size_t length, std::int64_t offset) const {
-  return offset + static_cast<std::int64_t>(length) <= std::min(known_, mapped_) &&
-         system_calls().pread == ::pread;
-}
-
-ssize_t FileMap::read(int fd, Bytes to, std::int64_t offset) {
-  if (covers(to.size(), offset) && copy(to, offset)) return static_cast<ssize_t>(to.size());
+ssize_t FileMap::call(int fd, Bytes to, std::int64_t offset) {
   const std::int64_t end = offset + static_cast<std::int64_t>(to.size());
   const ssize_t got = read_at(fd, to, offset);
   if (!usable_ || system_calls().pread != ::pread || got != static_cast<ssize_t>(to.size()))

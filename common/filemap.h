@@ -10,10 +10,13 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 
 #include "common/bytes.h"
+#include "common/io.h"
 
 namespace common {
 
@@ -27,14 +30,23 @@ class FileMap {
 
   // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno. `fd` is the
   // same at each call until forget().
-  [[nodiscard]] ssize_t read(int fd, Bytes to, std::int64_t offset);
+  [[nodiscard]] ssize_t read(int fd, Bytes to, std::int64_t offset) {
+    const auto size = static_cast<ssize_t>(to.size());
+    return covers(to.size(), offset) && copy(to, offset) ? size : call(fd, to, offset);
+  }
   // Whether a read of these bytes costs no system call.
-  [[nodiscard]] bool covers(std::size_t length, std::int64_t offset) const;
-  // The descriptor is about to be closed.
+  [[nodiscard]] bool covers(std::size_t length, std::int64_t offset) const {
+    return offset + static_cast<std::int64_t>(length) <= std::min(known_, mapped_) &&
+           system_calls().pread == ::pread;
+  }
+  // This process has written up to `end`: there the file has bytes.
+  void written(std::int64_t end) { known_ = std::max(known_, end); }
+  // The descriptor is about to be closed, or the file was cut.
   void forget();
 
  private:
   [[nodiscard]] bool copy(Bytes to, std::int64_t offset);
+  [[nodiscard]] ssize_t call(int fd, Bytes to, std::int64_t offset);
   void map(int fd);
 
   static constexpr int kReadsBeforeMapping = 64;

@@ -25,6 +25,20 @@ int real_link_open(int fd, const char* to) {
 
 int real_clone(int from, int to) { return ::ioctl(to, FICLONE, from); }
 
+// Goes on behind `put`, which the system answered to the first write.
+int write_rest(int fd, ConstBytes from, std::int64_t offset, ssize_t put) {
+  for (;;) {
+    if (put == 0) errno = ENOSPC;
+    if (put == 0 || (put < 0 && errno != EINTR)) return -1;
+    if (put > 0) {
+      offset += put;
+      from = from.subspan(static_cast<std::size_t>(put));
+    }
+    if (from.empty()) return 0;
+    put = system_calls().pwrite(fd, from.data(), from.size(), offset);
+  }
+}
+
 ssize_t real_copy_range(int from, int to, off_t offset, std::size_t count) {
   off_t here = offset;
   return ::copy_file_range(from, &offset, to, &here, count, 0);
@@ -32,25 +46,22 @@ ssize_t real_copy_range(int from, int to, off_t offset, std::size_t count) {
 
 }  // namespace
 
-SystemCalls& system_calls() {
-  static SystemCalls calls{.open = real_open,
-                           .close = ::close,
-                           .pread = ::pread,
-                           .pwrite = ::pwrite,
-                           .fcntl_lock = real_fcntl_lock,
-                           .fstat = ::fstat,
-                           .stat = ::stat,
-                           .link = ::link,
-                           .unlink = ::unlink,
-                           .rename = ::rename,
-                           .link_open = real_link_open,
-                           .fsync = ::fsync,
-                           .ftruncate = ::ftruncate,
-                           .clone = real_clone,
-                           .copy_range = real_copy_range,
-                           .fsetxattr = ::fsetxattr};
-  return calls;
-}
+constinit SystemCalls system_call_table{.open = real_open,
+                                        .close = ::close,
+                                        .pread = ::pread,
+                                        .pwrite = ::pwrite,
+                                        .fcntl_lock = real_fcntl_lock,
+                                        .fstat = ::fstat,
+                                        .stat = ::stat,
+                                        .link = ::link,
+                                        .unlink = ::unlink,
+                                        .rename = ::rename,
+                                        .link_open = real_link_open,
+                                        .fsync = ::fsync,
+                                        .ftruncate = ::ftruncate,
+                                        .clone = real_clone,
+                                        .copy_range = real_copy_range,
+                                        .fsetxattr = ::fsetxattr};
 
 int open_file(const char* path, int flags, mode_t permissions) {
   int fd;
@@ -79,21 +90,9 @@ ssize_t read_at(int fd, Bytes to, std::int64_t offset) {
 }
 
 int write_at(int fd, ConstBytes from, std::int64_t offset) {
-  std::size_t done = 0;
-  while (done < from.size()) {
-    const ssize_t put = system_calls().pwrite(fd, from.data() + done, from.size() - done,
-                                              offset + static_cast<off_t>(done));
-    if (put < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (put == 0) {
-      errno = ENOSPC;
-      return -1;
-    }
-    done += static_cast<std::size_t>(put);
-  }
-  return 0;
+  if (from.empty()) return 0;
+  const ssize_t put = system_calls().pwrite(fd, from.data(), from.size(), offset);
+  return put == static_cast<ssize_t>(from.size()) ? 0 : write_rest(fd, from, offset, put);
 }
 
 int cut_file(int fd, std::int64_t size) { return system_calls().ftruncate(fd, size); }

@@ -37,7 +37,8 @@ struct SystemCalls {
   int (*fsetxattr)(int fd, const char* name, const void* value, std::size_t size, int flags);
 };
 
-[[nodiscard]] SystemCalls& system_calls();
+extern SystemCalls system_call_table;
+[[nodiscard]] inline SystemCalls& system_calls() { return system_call_table; }
 
 // Opens with close-on-exec; the descriptor, or -1 with errno.
 [[nodiscard]] int open_file(const char* path, int flags, mode_t permissions = 0);

@@ -1,7 +1,5 @@
 #include "common/readahead.h"
 
-#include <algorithm>
-
 #include "common/io.h"
 
 namespace common {
@@ -36,15 +34,6 @@ ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {
     return static_cast<ssize_t>(to.size());
   }
   return map.read(fd, to, offset);
-}
-
-void ReadAhead::overwritten(int fd, std::int64_t offset, std::size_t length) {
-  if (fd != fd_) return;
-  const std::int64_t written_end = offset + static_cast<std::int64_t>(length);
-  if (end_ != kUnknown) end_ = std::max(end_, written_end);
-  if (offset < offset_ + static_cast<std::int64_t>(length_) && written_end > offset_) {
-    length_ = 0;
-  }
 }
 
 void ReadAhead::forget(int fd) {

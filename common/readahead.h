@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 
@@ -24,7 +25,12 @@ class ReadAhead {
   // What lies outside the window is read through `map`, which is the file's.
   [[nodiscard]] ssize_t read(int fd, FileMap& map, Bytes to, std::int64_t offset);
 
-  void overwritten(int fd, std::int64_t offset, std::size_t length);
+  void overwritten(int fd, std::int64_t offset, std::size_t length) {
+    if (fd != fd_) return;
+    const std::int64_t written_end = offset + static_cast<std::int64_t>(length);
+    if (end_ != kUnknown) end_ = std::max(end_, written_end);
+    if (offset < offset_ + static_cast<std::int64_t>(length_) && written_end > offset_) length_ = 0;
+  }
   void forget(int fd);
 
  private:

@@ -143,7 +143,7 @@ int Insertion::btinsert(Item& item, int depth) const {
       return 0;
     }
     frame = {node.page().node_type(), node.page().level()};
-    std::ranges::copy(node.area(), scratch.begin());
+    std::memcpy(scratch.data(), node.area().data(), node.area().size());
   }
   weave(scratch, at.length, at.offset, item, seam);
   const Overflow full{at.node,

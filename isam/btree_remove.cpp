@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -21,7 +20,7 @@ class NodeImage {
     node_type_ = node.page().node_type();
     level_ = node.page().level();
     length_ = node.length();
-    std::ranges::copy(node.area(), area_.begin());
+    std::memcpy(area_.data(), node.area().data(), node.area().size());
     return true;
   }
   void put(std::int32_t number) const {

@@ -49,6 +49,7 @@ struct FailedWrite {
 struct DirectWrite {
   std::int64_t offset = 0;
   std::vector<Byte> bytes;
+  std::vector<Byte> before;  // ... what the file has in their place
 };
 
 // What this process has to do with the mark of its changes in the index file (isam/mark).

@@ -27,8 +27,8 @@ bool may_go(const Buffer* buffer) {
 
 std::unique_ptr<Pool> the_pool;
 
-Pool& pool() {
-  if (!the_pool) the_pool = std::make_unique<Pool>();
+Pool& make_pool() {
+  the_pool = std::make_unique<Pool>();
   return *the_pool;
 }
 
@@ -42,6 +42,7 @@ Pool::Pool() {
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(most);
+  in_turn_.reserve(most);
   run_.reserve((kLongestRun + 1) * kPageSize);
 }
 
@@ -54,17 +55,6 @@ bool Pool::add_buffers(std::size_t count) {
     put_in_order(&buffs_[nbuffs_]);
   }
   return true;
-}
-
-Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
-  const FileRecord& file = *buffer.file;
-  if (buffer.block < 0) {
-    return {file.datfd, std::int64_t{buffer.block & INT32_MAX} * kPageSize, kPageSize,
-            FileKind::kData};
-  }
-  const int node_bytes = file.idxsize + 1;
-  return {file.idxfd, std::int64_t{buffer.block - 1} * node_bytes,
-          static_cast<std::size_t>(node_bytes), FileKind::kIndex};
 }
 
 void Pool::put_in_order(Buffer* buffer) {
@@ -157,7 +147,7 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
 bool Pool::load(Buffer& buffer) {
   const Place place = bfmapaddr(buffer);
   FileRecord& file = *buffer.file;
-  common::FileMap& map = place.kind == FileKind::kData ? file.data_map : file.index_map;
+  common::FileMap& map = map_of(file, place.kind);
   const ssize_t got =
       window_of(place.kind).read(place.fd, map, {buffer.page, place.length}, place.offset);
   const bool whole = got == static_cast<ssize_t>(place.length);

@@ -22,7 +22,16 @@ inline constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit of a data 
 inline constexpr std::size_t kMostAdded = 2048;        // buffers, more than one call changes
 inline constexpr std::size_t kLongestRun = 40;         // blocks, more than the longest record takes
 
-enum class Turn : std::uint64_t;  // in the order of a commit
+// Where a page stands in the order of a commit; the dictionary goes behind kFreeList.
+enum class Turn : std::uint64_t {
+  kLengthens,
+  kFreeList,
+  kGoingRecord,
+  kNode,
+  kRecord,
+  kGivesUp,
+  kGivenNumber
+};
 
 class Pool {
  public:
@@ -46,6 +55,8 @@ class Pool {
   void closing(const FileRecord& file) { data_window_.forget(file.datfd); }
 
  private:
+  static constexpr std::int64_t kNotLengthened = INT64_MAX;
+
   // Where a page stands: descriptor, byte offset, length.
   struct Place {
     int fd;
@@ -64,9 +75,13 @@ class Pool {
   int spill(Buffer* buffer);
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const FileRecord& file);
+  void put_in_turn(const FileRecord& file);
+  void reserve_before();
   int make_room(FileRecord& file);
   int remember(FileRecord& file, const Place& place);
+  int write_over(FileRecord& file, const Place& place, const Byte* bytes);
   int write_noted(FileRecord& file, const Place& place, const Byte* bytes);
+  int write_direct_noted(FileRecord& file);
   void write_back(FileRecord& file);
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
   int write_run(FileRecord& file, std::size_t& at);
@@ -76,6 +91,9 @@ class Pool {
   int pool_direct();
   int write_in_order(FileRecord& file, const Dictionary& first, const Dictionary& last);
   bool load(Buffer& buffer);
+  static common::FileMap& map_of(FileRecord& file, FileKind kind) {
+    return kind == FileKind::kData ? file.data_map : file.index_map;
+  }
   common::ReadAhead& window_of(FileKind kind) {
     return kind == FileKind::kData ? data_window_ : index_window_;
   }
@@ -92,20 +110,55 @@ class Pool {
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;
   std::vector<Byte> run_;  // neighbouring pages on their way out
+  // A page that a commit writes: its Turn in the upper half of the order, in the lower what lets
+  // the highest block of a turn go first.
+  struct InTurn {
+    std::uint64_t order;
+    Buffer* page;
+
+    [[nodiscard]] Turn turn() const { return static_cast<Turn>(order >> 32); }
+  };
+  std::vector<InTurn> in_turn_;
   // What a commit has written over, to be written back should it fail.
   struct Overwritten {
-    Place place;
-    std::size_t at;  // in before_
+    int fd;
+    std::int64_t offset;
+    ConstBytes bytes;
   };
   std::vector<Overwritten> overwritten_;
-  std::vector<Byte> before_;
+  std::vector<Byte> before_;  // has room for all that the commit under way writes over
   std::size_t before_used_ = 0;
-  std::int64_t index_size_before_ = -1;  // of a file that it lengthens, else -1
-  std::int64_t data_size_before_ = -1;
+  std::int64_t index_size_before_ = kNotLengthened;  // of a file that it lengthens
+  std::int64_t data_size_before_ = kNotLengthened;
 };
+
+inline Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
+  const FileRecord& file = *buffer.file;
+  if (buffer.block < 0) {
+    return {file.datfd, std::int64_t{buffer.block & INT32_MAX} * kPageSize, kPageSize,
+            FileKind::kData};
+  }
+  const int node_bytes = file.idxsize + 1;
+  return {file.idxfd, std::int64_t{buffer.block - 1} * node_bytes,
+          static_cast<std::size_t>(node_bytes), FileKind::kIndex};
+}
+
+inline void Pool::modified_out(Buffer* buffer) {
+  if ((buffer->flags & kModified) == 0) return;
+  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~(kModified | kGivesUp));
+  if (buffer->modified_previous != nullptr) {
+    buffer->modified_previous->modified_next = buffer->modified_next;
+  } else {
+    buffer->file->modified = buffer->modified_next;
+  }
+  if (buffer->modified_next != nullptr) {
+    buffer->modified_next->modified_previous = buffer->modified_previous;
+  }
+}
 
 // Null before the first page is asked for.
 extern std::unique_ptr<Pool> the_pool;
-[[nodiscard]] Pool& pool();
+Pool& make_pool();
+[[nodiscard]] inline Pool& pool() { return the_pool ? *the_pool : make_pool(); }
 
 }  // namespace isam

@@ -38,19 +38,6 @@ void Pool::modified(Buffer* buffer) {
   head = buffer;
 }
 
-void Pool::modified_out(Buffer* buffer) {
-  if ((buffer->flags & kModified) == 0) return;
-  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~(kModified | kGivesUp));
-  if (buffer->modified_previous != nullptr) {
-    buffer->modified_previous->modified_next = buffer->modified_next;
-  } else {
-    buffer->file->modified = buffer->modified_next;
-  }
-  if (buffer->modified_next != nullptr) {
-    buffer->modified_next->modified_previous = buffer->modified_previous;
-  }
-}
-
 int Pool::bfwrite(Buffer* buffer) {
   if ((buffer->flags & kBusy) != 0) bfrelease(buffer);
   const Place place = bfmapaddr(*buffer);
@@ -123,23 +110,20 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   const bool in_sequence =
       file.exclusives > 0 && std::abs(distance) < std::int64_t{kPageSize} + file.reclen;
   if (!bytes.empty() || in_sequence || !only_in_file(offset, size)) return false;
+  std::vector<Byte>& before = file.direct.before;
   try {
-    bytes.resize(size);
+    before.resize(size);
+    bytes.reserve(size);
   } catch (const std::bad_alloc&) {
     return false;
   }
-  if (file.data_map.read(file.datfd, bytes, offset) != static_cast<ssize_t>(size)) {
-    bytes.clear();
-    return false;
-  }
-  const auto behind = bytes.begin() + static_cast<std::ptrdiff_t>(first.size());
-  if (std::equal(first.begin(), first.end(), bytes.begin()) &&
-      std::equal(second.begin(), second.end(), behind)) {
-    bytes.clear();
+  if (file.data_map.read(file.datfd, before, offset) != static_cast<ssize_t>(size)) return false;
+  if (std::memcmp(first.data(), before.data(), first.size()) == 0 &&
+      std::memcmp(second.data(), before.data() + first.size(), second.size()) == 0) {
     return true;
   }
-  std::ranges::copy(first, bytes.begin());
-  std::ranges::copy(second, behind);
+  bytes.assign(first.begin(), first.end());
+  bytes.insert(bytes.end(), second.begin(), second.end());
   file.direct.offset = offset;
   file.flags |= kPageChanged;
   return true;
