@@ -62,28 +62,33 @@ void Pool::put_in_order(Buffer* buffer) {
   (buffer->block < 0 ? data_blocks_ : nodes_).released(buffer);
 }
 
-// The buffer that was released least recently, where a node counts as released later than it was:
-// it serves many records, a data block few. Null when every buffer is busy.
-Buffer* Pool::least_wanted() {
-  Buffer* const node = nodes_.oldest();
-  Buffer* const block = data_blocks_.oldest();
-  if (node == nullptr || block == nullptr) return node == nullptr ? block : node;
-  const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
-  return block->released < node->released + head_start ? block : node;
+// The buffer of its kind that was released least recently and may go; null when none may.
+Buffer* Pool::oldest_that_may_go(ReleaseOrder& order) {
+  for (std::size_t tries = 0; tries < nbuffs_; ++tries) {
+    Buffer* const buffer = order.oldest();
+    if (buffer == nullptr || may_go(buffer)) return buffer;
+    put_in_order(buffer);
+  }
+  return nullptr;
 }
 
-// The buffer to be reused. Pages that a call changed keep theirs until the call ends, so that its
-// changes can be taken back, or are written in their order: the pool grows for them. (Those of an
-// exclusive open go when they must, as long as they can be written.)
+// The buffer to be reused: the one that was released least recently, where a node counts as
+// released later than it was, for it serves many records, a data block few. Null when every buffer
+// is busy. Pages that a call changed keep theirs until the call ends, so that its changes can be
+// taken back, or are written in their order: the pool grows for them. (Those of an exclusive open
+// go when they must, as long as they can be written.)
 Buffer* Pool::choose_victim() {
-  Buffer* buffer = least_wanted();
-  for (std::size_t tries = 0; tries < nbuffs_ && buffer != nullptr && !may_go(buffer); ++tries) {
-    put_in_order(buffer);
-    buffer = least_wanted();
+  Buffer* const node = oldest_that_may_go(nodes_);
+  Buffer* const block = oldest_that_may_go(data_blocks_);
+  if (node != nullptr && block != nullptr) {
+    const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
+    return block->released < node->released + head_start ? block : node;
   }
-  if (buffer == nullptr || may_go(buffer) || nbuffs_ >= most_buffers_) return buffer;
+  if (node != nullptr || block != nullptr) return node != nullptr ? node : block;
   Buffer* const added = &buffs_[nbuffs_];
-  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : buffer;
+  if (nbuffs_ < most_buffers_ && add_buffers(std::min(nbuffs_, kMostAdded / 8))) return added;
+  Buffer* const any = nodes_.oldest();
+  return any != nullptr ? any : data_blocks_.oldest();
 }
 
 // Writes a page whose buffer is needed: 0, or -1 when it has to stay. The failure belongs to that

@@ -69,7 +69,7 @@ class Pool {
   static void modified_out(Buffer* buffer);
   [[nodiscard]] bool add_buffers(std::size_t count);
   void put_in_order(Buffer* buffer);
-  Buffer* least_wanted();
+  Buffer* oldest_that_may_go(ReleaseOrder& order);
   Buffer* choose_victim();
   Buffer* victim();
   int spill(Buffer* buffer);

@@ -249,14 +249,18 @@ void IsamModel::free_number(std::int32_t recnum) {
 
 // What an exclusive open changes is undone step by step: a number that was listed is freed again,
 // which lowers the highest one if it is that. Others take the whole call back.
-void IsamModel::return_refused(std::int32_t recnum) {
-  const bool alone = std::ranges::any_of(opens_, [](const auto& open) {
+void IsamModel::return_refused() {
+  if (!is_alone() || free_.empty()) return;
+  const std::int32_t recnum = free_.back();
+  free_.pop_back();
+  free_number(recnum);
+}
+
+bool IsamModel::is_alone() const {
+  return std::ranges::any_of(opens_, [](const auto& open) {
     const int lock = open.second.mode & 0xFF00;
     return lock == ISEXCLLOCK || lock == 0x500;
   });
-  if (!alone || free_.empty()) return;
-  free_.pop_back();
-  free_number(recnum);
 }
 
 int IsamModel::iswrite(int isfd, Bytes record, bool becomes_current) {
@@ -264,7 +268,7 @@ int IsamModel::iswrite(int isfd, Bytes record, bool becomes_current) {
   if (open == nullptr || !cut(record)) return -1;
   const std::int32_t recnum = free_.empty() ? last_ + 1 : free_.back();
   if (is_refused(record, recnum)) {
-    return_refused(recnum);
+    return_refused();
     return end(ISEDUPLICATE);
   }
   if (free_.empty()) {

@@ -50,6 +50,11 @@ class IsamModel {
   int iswrite(int isfd, Bytes record, bool becomes_current);
   int isrewrite(int isfd, Target target, Bytes record);
   int isdelete(int isfd, Target target, const Bytes& record);
+  // A call that told of a failed write, and changed nothing.
+  int fails(int reason) { return end(reason); }
+  // An iswrite under an exclusive open that failed after it took a number.
+  void return_refused();
+  [[nodiscard]] bool is_alone() const;  // some open is exclusive
   // Opens that stood on an item which has gone and come again, with the same key and record.
   // Whether that is the same item depends on its duplicate number, which only the files know. None
   // afterwards.
@@ -89,7 +94,6 @@ class IsamModel {
   Place insert(std::size_t index, const Bytes& record, std::int32_t recnum);
   void remove(std::size_t index, const Bytes& record, std::int32_t recnum);
   void free_number(std::int32_t recnum);
-  void return_refused(std::int32_t recnum);
   std::int32_t record_of(const Open& open, Target target, const Bytes& record);
 
   int minimum_;
