@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "checker/checks.h"
 #include "checker/dialogue.h"
@@ -55,8 +56,9 @@ std::string real_path(std::string path) {
   for (int links = 0; links < kMostLinks; ++links) {
     const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
     if (length <= 0) break;
-    const std::string leads_to(target.data(), static_cast<std::size_t>(length));
-    path = leads_to.front() == '/' ? leads_to : path.substr(0, path.rfind('/') + 1) + leads_to;
+    std::string next(target.data(), static_cast<std::size_t>(length));
+    if (next.front() != '/') next.insert(0, path, 0, path.rfind('/') + 1);
+    path = std::move(next);
   }
   return path;
 }
