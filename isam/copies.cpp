@@ -53,7 +53,8 @@ asm(R"(
 namespace isam {
 namespace {
 
-constexpr char kNoteName[] = "isam";  // stored with its zero byte
+constexpr char kNoteName[] = "isam";
+constexpr std::string_view kStoredName{kNoteName, sizeof kNoteName};  // with its zero byte
 constexpr std::uint32_t kNoteType = 1;
 
 struct Search {
@@ -81,7 +82,7 @@ void look_at_notes(std::span<const char> notes, std::size_t alignment, Search& s
     const std::size_t size = padded(note.n_namesz) + padded(note.n_descsz);
     if (size > notes.size()) return;
     const bool is_ours = note.n_type == kNoteType && note.n_descsz == sizeof(std::int32_t) &&
-                         std::string_view{notes.data(), note.n_namesz} == kNoteName;
+                         std::string_view{notes.data(), note.n_namesz} == kStoredName;
     if (is_ours) {
       const char* const from = notes.data() + padded(note.n_namesz);
       std::int32_t distance;
