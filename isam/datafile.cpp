@@ -216,7 +216,10 @@ int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer) {
 }
 
 std::int32_t records_in_file() {
-  bfflush(*filep);
+  {
+    const KeepError keep;  // a failure is told by the next call
+    bfflush(*filep);
+  }
   const std::int64_t slots = common::file_size(filep->datfd) / slot_size() + 1;
   return static_cast<std::int32_t>(std::min<std::int64_t>(dictp->d_nextdata(), slots));
 }

@@ -171,7 +171,7 @@ class Script {
     if (!alone) return hits > 0;
     const bool may = hits > 0 || owed_ || (settles && lost_);
     if (tells && !own_) lost_ = true;
-    owed_ = own_ || (owed_ && ::iserrno == ISENOTOPEN);
+    owed_ = own_ || (owed_ && !tells && ::iserrno != 0);
     return settles && ::iserrno != ISENOTOPEN && lost_ ? true : tells && may;
   }
 

@@ -226,9 +226,9 @@ IsamModel::Place IsamModel::insert(std::size_t i, const Bytes& record, std::int3
   }
   indexes_[i].emplace(place, recnum);
   for (const auto& [isfd, open] : opens_) {
-    const bool again = open.key == i && open.position.record == recnum &&
-                       open.position.place.first == place.first && keys_[i].nparts > 0;
-    if (again) unsure_.insert(isfd);
+    const bool equal = open.key == i && open.position.place.first == place.first;
+    const bool gone = open.position.record == recnum || !is_there(open);
+    if (equal && gone && keys_[i].nparts > 0) unsure_.insert(isfd);
   }
   return place;
 }

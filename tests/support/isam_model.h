@@ -55,9 +55,9 @@ class IsamModel {
   // An iswrite under an exclusive open that failed after it took a number.
   void return_refused();
   [[nodiscard]] bool is_alone() const;  // some open is exclusive
-  // Opens that stood on an item which has gone and come again, with the same key and record.
-  // Whether that is the same item depends on its duplicate number, which only the files know. None
-  // afterwards.
+  // Opens that stood on an item which has gone, when one with the same key came. Whether that is
+  // the same item, or before or behind it, depends on duplicate numbers, which only the files know.
+  // None afterwards.
   std::set<int> take_unsure() { return std::exchange(unsure_, {}); }
 
  private:
