@@ -85,10 +85,10 @@ Buffer* Pool::choose_victim() {
     return block->released < node->released + head_start ? block : node;
   }
   if (node != nullptr || block != nullptr) return node != nullptr ? node : block;
+  Buffer* const changed = nodes_.oldest() != nullptr ? nodes_.oldest() : data_blocks_.oldest();
+  if (changed == nullptr || nbuffs_ >= most_buffers_) return changed;
   Buffer* const added = &buffs_[nbuffs_];
-  if (nbuffs_ < most_buffers_ && add_buffers(std::min(nbuffs_, kMostAdded / 8))) return added;
-  Buffer* const any = nodes_.oldest();
-  return any != nullptr ? any : data_blocks_.oldest();
+  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : changed;
 }
 
 // Writes a page whose buffer is needed: 0, or -1 when it has to stay. The failure belongs to that
