@@ -51,7 +51,19 @@ int varread(std::int32_t record, isam::Bytes buffer) {
 
 namespace {
 
+// How many absent records are looked at: of a wrong record length the first few tell.
+constexpr int kLooks = 1000;
+
+// Whether a record is neither present nor absent: the slots of the file lie elsewhere.
+bool has_no_state(std::int32_t record) {
+  const isam::KeepError keep;
+  isam::Byte trailer[isam::kVariableTrailer] = {};
+  return isam::datainfo(record, trailer) > 0 && trailer[0] != isam::kRecordPresent &&
+         trailer[0] != isam::kRecordAbsent;
+}
+
 void check_records() {
+  int looks = 0;
   const isam::Bytes buffer = isam::temprecord();
   const std::int32_t last = std::min(findings.datlast, findings.datreal);
   Progress progress("Checking data records", last);
@@ -63,7 +75,11 @@ void check_records() {
       findings.datmap.set_bit(record);
     } else if (iserrno != 0 || errno != 0) {
       // iserrno stays as it is: behind a record that failed, absence is no longer certain.
+      findings.data_misfits = true;
+      note_system_error();
       err(Message::kBadRecord);
+    } else if (++looks <= kLooks && has_no_state(record)) {
+      findings.data_misfits = true;
     }
   }
 }

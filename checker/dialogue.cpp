@@ -132,12 +132,21 @@ void remark(const std::string& text) {
 
 bool is_of_system(std::int32_t code) { return (code > 0 && code <= 99) || code == isam::kNoMemory; }
 
-void prterr() {
-  if (iserrno == 0) return;
-  pnewline(1);
+void note_system_error() {
   if (is_of_system(iserrno) && tally.system_error == 0) {
     tally.system_error = iserrno == isam::kNoMemory ? ENOMEM : iserrno;
   }
+}
+
+void pass_over_error() {
+  note_system_error();
+  isam::clear_errors();
+}
+
+void prterr() {
+  if (iserrno == 0) return;
+  pnewline(1);
+  note_system_error();
   if (iserrno > 99) {
     print_library_error(iserrno);
   } else {

@@ -29,7 +29,7 @@ extern Options options;
 // What the dialogue over one file has come to.
 struct Tally {
   int declined = 0;               // questions answered no
-  std::int32_t system_error = 0;  // the first that was printed since it was last cleared
+  std::int32_t system_error = 0;  // the first
 };
 extern Tally tally;
 
@@ -52,7 +52,11 @@ void remark(const std::string& text);
 // Whether an iserrno tells of the system's trouble, not of the files'.
 [[nodiscard]] bool is_of_system(std::int32_t code);
 
-// Prints the library's current error, if any, and clears it.
+// Remembers that the library's current error, if it is one of the system, came.
+void note_system_error();
+// Clears the library's current error without a word, noted as above.
+void pass_over_error();
+// Prints the library's current error, if any, and clears it, noted as above.
 void prterr();
 
 // Asks the operator, or answers for him with -n or -y: true for yes.

@@ -95,7 +95,7 @@ void clear_maps() {
   }
   for (UsageMap* map : {&findings.datmap, &findings.datmap2}) map->reset(findings.datlast);
   findings.idxflag.assign(1, IndexVerdict::kKeep);
-  findings.count_is_fixed = false;
+  findings.count_is_fixed = findings.data_misfits = false;
 }
 
 void mark_dictionary_nodes() {

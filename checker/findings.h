@@ -28,6 +28,8 @@ struct Findings {
   UsageMap datmap;   // records present
   UsageMap datmap2;  // records accounted for by the structure being checked
 
+  bool data_misfits = false;  // bad data records, or slots that are not where they should be
+
   std::int32_t rootlast = 0;  // highest node in use before repairs took any
 
   std::vector<IndexVerdict> idxflag;  // by index number; entry 0 is not used

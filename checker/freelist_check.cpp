@@ -252,7 +252,7 @@ bool pages_are_given_up() {
   const bool none = for_each_unused(findings.idxmap, last_real_node(), [&](std::int32_t node) {
     return !keeps_kind(node) || !holds_parts(node);
   });
-  isam::clear_errors();
+  pass_over_error();
   return !none;
 }
 
@@ -265,7 +265,7 @@ void unmark_unused_pages() {
     }
     return true;
   });
-  isam::clear_errors();
+  pass_over_error();
 }
 
 bool mark_node_list() {
@@ -283,7 +283,7 @@ bool mark_node_list() {
     node = list.next();
   }
   const bool serves = isam::free_nodes_serve();
-  isam::clear_errors();
+  pass_over_error();
   return serves;
 }
 

@@ -80,12 +80,12 @@ bool ckindex() {
       case isam::KeyChain::Step::kFound:
         break;
       case isam::KeyChain::Step::kMalformed:
-        isam::clear_errors();
+        pass_over_error();
         err(Message::kBadKeyFormat);
         return false;
       case isam::KeyChain::Step::kEnd:
       case isam::KeyChain::Step::kUnreadable:
-        isam::clear_errors();
+        pass_over_error();
         settle_index_count(n - 1);
         return true;
     }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "common/filecopy.h"
@@ -61,7 +62,17 @@ int KeptIndex::note_in_file() {
 }
 
 int KeptIndex::note(int repaired_fd, int data_fd) {
-  if (describe(repaired_fd, undo_.repaired) != 0 || describe(data_fd, undo_.data) != 0) return -1;
+  try {
+    const bool described =
+        describe(repaired_fd, undo_.repaired) == 0 && describe(data_fd, undo_.data) == 0;
+    return described ? note_beside() : -1;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
+  }
+}
+
+int KeptIndex::note_beside() {
   if (store_undo_data(file_->fd(), undo_) != 0) return note_in_file();
   return common::system_calls().fsync(file_->fd());
 }
@@ -82,6 +93,13 @@ int KeptIndex::show() {
   }
   errno = EEXIST;
   return -1;
+}
+
+void KeptIndex::keep() {
+  if (file_ == nullptr) return;
+  kept_ = true;
+  file_->keep();
+  if (undo_file_ != nullptr) undo_file_->keep();
 }
 
 KeptIndex::~KeptIndex() {

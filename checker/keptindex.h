@@ -23,9 +23,9 @@ class KeptIndex {
   [[nodiscard]] bool take(int index_fd, const std::string& index);
   // Notes what the repaired index is like: 0, or -1 with errno.
   [[nodiscard]] int note(int repaired_fd, int data_fd);
-  // Gives it its name: 0, or -1 with errno. Until keep() it goes with its holder.
+  // Gives it its name: 0, or -1 with errno. Until keep() it goes with its holder or at a signal.
   [[nodiscard]] int show();
-  void keep() { kept_ = true; }
+  void keep();
   ~KeptIndex();
 
   KeptIndex() = default;
@@ -33,9 +33,11 @@ class KeptIndex {
   KeptIndex& operator=(const KeptIndex&) = delete;
 
   [[nodiscard]] bool is_taken() const { return file_ != nullptr; }
+  [[nodiscard]] bool is_kept() const { return kept_; }
   [[nodiscard]] const std::string& name() const { return name_; }
 
  private:
+  [[nodiscard]] int note_beside();
   [[nodiscard]] int note_in_file();
 
   std::string index_;

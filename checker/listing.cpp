@@ -81,7 +81,7 @@ void list_level(int level) {
 
 void report_unreadable_tree_node() {
   if (options.sflag != 0) {
-    isam::clear_errors();
+    pass_over_error();
     return;
   }
   print_line(Message::kIndexReadError);

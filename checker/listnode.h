@@ -41,7 +41,7 @@ class ListNode {
 // A node could not be read: prints why, but not while a resized index is known to lack nodes.
 inline void report_unreadable_node() {
   if (options.sflag != 0) {
-    isam::clear_errors();
+    pass_over_error();
   } else {
     prterr();
   }

@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "checker/checks.h"
@@ -42,8 +43,10 @@ bool nodes_will_change() {
 bool is_to_be_kept() {
   if (options.sflag != 0) return false;
   const bool gives_up_pages = findings.varlen && nodes_will_change() && pages_are_given_up();
+  // The old indexes name records that are not found now, perhaps for a wrong record length alone.
+  const bool loses_items = findings.data_misfits && has_verdict(IndexVerdict::kRemake);
   return index_is_to_be_kept(has_verdict(IndexVerdict::kDelete) || findings.count_is_fixed ||
-                             gives_up_pages);
+                             gives_up_pages || loses_items);
 }
 
 // The file itself, past symbolic links. Where its path is too long to be told, the last link at
@@ -135,6 +138,17 @@ bool clears_mark(bool whole) {
   return whole && options.iflag == 0 && tally.declined == 0 && !Repair::has_failed();
 }
 
+// Nobody may open a pair that is being changed in place: false, and said, when nothing can tell.
+bool mark_index() {
+  const bool written = isam::set_mark(*filep) == 0;
+  const int found = written ? isam::find_mark(*filep) : -1;
+  filep->mark = isam::MarkState::kUnneeded;
+  if (found == 1) return true;
+  if (found == 0) remark("other bytes stand where the mark of a repair in place would");
+  Repair::fail(found == 0 ? ENOTSUP : iserrno);
+  return false;
+}
+
 void remove_mark() {
   if (isam::remove_mark(*filep) != 0) Repair::fail(iserrno);
   filep->mark = isam::MarkState::kUnneeded;
@@ -169,11 +183,17 @@ void Repair::give_up(int system_error) {
 void Repair::tell_failure(const char* state) const {
   const int error = tally.system_error != 0 ? tally.system_error : filep->failed_write.error;
   remark(std::strerror(error) + std::string("; ") + state);
+  if (kept_.is_kept()) remark("the index as it was is kept as " + kept_.name());
+}
+
+void Repair::is_repaired() {
+  Interrupt::say("\nkestro: " + index_ + ": interrupted; the pair is repaired\n");
+  kept_.keep();
 }
 
 // The pair is repaired.
 void Repair::keep_kept() {
-  Interrupt::say("\nkestro: " + index_ + ": interrupted; the pair is repaired\n");
+  is_repaired();
   if (!kept_.is_taken()) return;
   if (place_ != Place::kCopy && kept_.note(filep->idxfd, filep->datfd) != 0) {
     remark(kept_.name() + ": cannot be used to undo the repair: " + std::strerror(errno));
@@ -183,11 +203,15 @@ void Repair::keep_kept() {
 }
 
 bool Repair::begin() {
-  tally.system_error = 0;
   index_ = real_path(isam::mkidxname(filep->name));
   keeps_ = is_to_be_kept();
+  // What the system did not give to the checks is not gone from the files.
+  refused_ = options.nflag == 0 && has_failed();
+  if (refused_) return false;
+  if (options.nflag == 0) {
+    interrupt_.emplace("\nkestro: " + index_ + ": interrupted; " + as_it_was() + "\n");
+  }
   if (!nodes_will_change()) return true;
-  interrupt_.emplace("\nkestro: " + index_ + ": interrupted; " + as_it_was() + "\n");
   int error = obstacle(filep->idxfd, index_);
   if (error == 0) error = copy_index();
   if (error == 0) return true;
@@ -212,7 +236,7 @@ int Repair::copy_index() {
   return 0;
 }
 
-// The old index is kept while nothing has changed. False: that was demanded, and cannot be.
+// The old index is kept while nothing has changed. False, and said: it cannot be.
 bool Repair::take_kept() {
   if (!keeps_) return true;
   if (kept_.take(filep->idxfd, index_) && kept_.show() == 0) {
@@ -220,8 +244,7 @@ bool Repair::take_kept() {
     return true;
   }
   const int error = errno;
-  remark(std::string("the index as it was cannot be kept: ") + std::strerror(error));
-  if (!index_is_to_be_kept(false)) return true;
+  remark("the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
   fail(error);
   return false;
 }
@@ -233,12 +256,12 @@ bool Repair::begin_in_place(int reason) {
     refused_ = true;
     return false;
   }
-  if (isam::set_mark(*filep) != 0 || !sync(filep->idxfd)) {
-    fail(iserrno);
+  if (!mark_index() || !sync(filep->idxfd)) {
     isam::clear_mark(*filep);
     refused_ = true;
     return false;
   }
+  kept_.keep();
   place_ = Place::kInPlace;
   interrupt_->say("\nkestro: " + index_ + ": interrupted in the middle of a repair in place; run " +
                   "kestro again\n");
@@ -246,7 +269,19 @@ bool Repair::begin_in_place(int reason) {
 }
 
 void Repair::end(bool whole) {
+  try {
+    bring_in(whole);
+  } catch (const std::bad_alloc&) {
+    fail(ENOMEM);
+    tell_failure(place_ == Place::kInPlace ? kIncomplete : as_it_was());
+    forget_changes();
+    if (locked_ != -1) use(std::exchange(locked_, -1));
+  }
+}
+
+void Repair::bring_in(bool whole) {
   forget_prepared_indexes();
+  refused_ = refused_ || (options.nflag == 0 && place_ == Place::kPair && has_failed());
   if (options.nflag != 0 || refused_) {
     if (refused_) return leave_as_it_was();
     return forget_changes();  // what was settled in the dictionary's copy stays there
@@ -266,7 +301,9 @@ void Repair::end_dictionary(bool whole) {
   if (changed) {
     if (!take_kept()) return leave_as_it_was();
     isam::lksemaphore(isam::Semaphore::kExclusive);
+    const SignalBlock block;
     if (!write_out()) return tell_failure(as_it_was());
+    is_repaired();
   }
   if (clears_mark(whole)) remove_mark();
   keep_kept();
@@ -290,7 +327,7 @@ bool Repair::complete_copy(bool whole) {
   if (!keeps_) return true;
   if (kept_.take(locked_, index_) && kept_.note(filep->idxfd, filep->datfd) == 0) return true;
   fail(errno);
-  remark("the index as it was cannot be kept");
+  remark("the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
   return false;
 }
 
@@ -351,12 +388,13 @@ void Repair::write_over() {
   const int from = copy_->fd();
   const int to = filep->idxfd;
   constexpr std::int64_t kBehindMark = isam::kMarkOffset + isam::kMarkSize;
-  if (isam::set_mark(*filep) != 0) {
-    fail(iserrno);
+  if (!mark_index() || !sync(to)) {
+    isam::clear_mark(*filep);
     return tell_failure(as_it_was());
   }
+  kept_.keep();
   const bool written =
-      sync(to) && common::copy_differences(from, to, kBehindMark, common::file_size(from)) == 0 &&
+      common::copy_differences(from, to, kBehindMark, common::file_size(from)) == 0 &&
       common::copy_differences(from, to, 0, isam::kMarkOffset) == 0 && sync(to) &&
       common::copy_differences(from, to, isam::kMarkOffset, kBehindMark) == 0;
   if (!written) {

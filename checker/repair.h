@@ -46,6 +46,7 @@ class Repair {
   [[nodiscard]] int copy_index();
   [[nodiscard]] bool begin_in_place(int reason);
   [[nodiscard]] bool take_kept();
+  void bring_in(bool whole);
   void end_dictionary(bool whole);
   void end_in_place(bool whole);
   void end_copy(bool whole);
@@ -55,6 +56,7 @@ class Repair {
   static void forget_changes();
   void leave_as_it_was();
   void tell_failure(const char* state) const;
+  void is_repaired();
   void keep_kept();
 
   std::string index_;  // the file itself, past symbolic links

@@ -97,11 +97,12 @@ int TemporaryFile::become(const std::string& name) {
   const SignalBlock block;
   if (link_to(name) != 0) return -1;
   if (!name_.empty()) common::system_calls().unlink(name_.c_str());
-  set_name({});
-  name_ = name;
+  set_name(name);
   keeps_name_ = true;
   return 0;
 }
+
+void TemporaryFile::keep() { forget_file(name_); }
 
 int TemporaryFile::replace(const std::string& name) {
   const SignalBlock block;
@@ -133,7 +134,9 @@ bool is_leftover(const std::string& path, std::string_view number, const struct 
   if (!file || common::system_calls().fstat(file.get(), &status) != 0) return false;
   const bool numbered = number == std::to_string(status.st_ino);
   const bool unfinished = number == kUnfinished && status.st_size == 0;
-  return S_ISREG(status.st_mode) && status.st_nlink == 1 && (numbered || unfinished) &&
+  // One that was just given its last name has two for a moment.
+  return S_ISREG(status.st_mode) && status.st_nlink <= (numbered ? 2 : 1) &&
+         (numbered || unfinished) &&
          (status.st_uid == index.st_uid || status.st_uid == ::geteuid()) && lock(file.get());
 }
 

@@ -28,8 +28,10 @@ class TemporaryFile {
   [[nodiscard]] int error() const { return error_; }  // errno, when it could not be made
   [[nodiscard]] int fd() const { return fd_.get(); }
 
-  // Gives it a name that no file has: 0, or -1 with errno (EEXIST: one has it).
+  // Gives it a name that no file has: 0, or -1 with errno (EEXIST: one has it). Until keep() a
+  // signal removes it.
   [[nodiscard]] int become(const std::string& name);
+  void keep();
   // Puts it in the place of the file of that name in one step: 0, or -1 with errno. Meanwhile it
   // has a name of its own, whatever it had before.
   [[nodiscard]] int replace(const std::string& name);

@@ -41,6 +41,14 @@ class RepairCopy : public testing::Test {
     put2(editor.node(editor.built().indexes[1].leaves.back()), 2);
   }
   static void spoil_count(PairEditor& editor) { put2(editor.dictionary() + dict::kKeys, 7); }
+  static void spoil_both(PairEditor& editor) {
+    spoil_index(editor);
+    spoil_count(editor);
+  }
+  static void spoil_length(PairEditor& editor) {
+    Byte* const length = editor.dictionary() + dict::kRecordSize;
+    put2(length, get2(length) + 1);
+  }
   static void spoil_nothing(PairEditor&) {}
   Image damage(Damage apply) {
     write_file(idx_, sound_);
@@ -57,6 +65,24 @@ class RepairCopy : public testing::Test {
     EXPECT_EQ(result.status, 0);
     error_output_ = result.err;
     return result.out;
+  }
+  // Runs `kestro -yq` in a child whose calls `arrange` has changed: the status of waitpid.
+  template <typename Arrange>
+  int run_with(Arrange arrange) const {
+    return end_of(start_process([&] {
+      ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
+      ::dup2(::open((outside_ / "errors").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+             STDERR_FILENO);
+      arrange(common::system_calls());
+      checker::options.yflag = checker::options.qflag = 1;
+      checker::ckfile(base_);
+    }));
+  }
+  void expect_as_it_was(const Image& before) const {
+    const Image text = read_file(outside_ / "errors");
+    EXPECT_NE(std::string(text.begin(), text.end()).find("the pair is as it was"),
+              std::string::npos);
+    EXPECT_EQ(read_file(idx_), before);
   }
   // What the folder holds beside the pair.
   std::set<std::string> others() const {
@@ -94,6 +120,7 @@ TEST_F(RepairCopy, OldIndexIsKeptWhenTheRecordsCannotGiveItBack) {
       {"deleted, never", spoil_index, "-q", "y\nn\n", "0", false},
       {"count", spoil_count, "-yq", "", nullptr, true},
       {"count, never", spoil_count, "-yq", "", "0", false},
+      {"record length", spoil_length, "-yq", "", nullptr, true},
       {"declined", spoil_index, "-q", "n\n", "1", false},
       {"nothing", spoil_nothing, "-yq", "", "1", false},
       {"looked at", spoil_count, "-nq", "", "1", false},
@@ -236,10 +263,104 @@ TEST_F(RepairCopy, MarkOfUnfinishedChangesGoesWithTheLastFault) {
       index = damage(it.damage);
       put4(&index[kMarkAt], 99);
       write_file(idx_, index);
+      if (in_place) fs::create_hard_link(idx_, idx_ + ".2nd");
       run(it.options, it.answers, "0");
       EXPECT_EQ(get4(&read_file(idx_)[kMarkAt]), 99);
+      if (in_place && it.damage == spoil_index) {
+        EXPECT_EQ(read_file(idx_), index) << "nothing could keep others from opening it";
+      }
+      fs::remove(idx_ + ".2nd");
     }
   }
+}
+
+ino_t bad_file = 0;
+off_t bad_place = 0;
+
+ssize_t pread_of_bad_disk(int fd, void* to, std::size_t count, off_t offset) {
+  struct stat status {};
+  ::fstat(fd, &status);
+  errno = EIO;
+  const bool bad = status.st_ino == bad_file && offset <= bad_place &&
+                   bad_place < offset + static_cast<off_t>(count);
+  return bad ? -1 : ::pread(fd, to, count, offset);
+}
+
+TEST_F(RepairCopy, WhatTheSystemDoesNotGiveToTheChecksIsNotGone) {
+  for (const char* file : {".idx", ".dat"}) {
+    SCOPED_TRACE(file);
+    const Image before = damage(spoil_count);
+    EXPECT_EQ(run_with([&](common::SystemCalls& calls) {
+                bad_file = status_of(base_ + file).st_ino;
+                bad_place = (built_.indexes[0].leaves.back() - 1) * 1024;
+                if (file == std::string(".dat")) bad_place = 0;
+                calls.pread = pread_of_bad_disk;
+              }),
+              0);
+    expect_as_it_was(before);
+  }
+}
+
+TEST_F(RepairCopy, NoMemoryAtTheEndLeavesThePair) {
+  const Image before = damage(spoil_both);
+  EXPECT_EQ(run_with([](common::SystemCalls& calls) {
+              calls.fsync = [](int) -> int { throw std::bad_alloc(); };
+            }),
+            0);
+  expect_as_it_was(before);
+  EXPECT_EQ(others(), Names{});
+}
+
+TEST_F(RepairCopy, InPlaceNothingChangesBeforeTheOldIndexIsKeptAndItStays) {
+  const Image before = damage(spoil_both);
+  EXPECT_EQ(run_with([](common::SystemCalls& calls) {
+              calls.open = [](const char* path, int flags, mode_t permissions) {
+                errno = ENOSPC;
+                return (flags & O_TMPFILE) == O_TMPFILE ? -1 : ::open(path, flags, permissions);
+              };
+            }),
+            0);
+  expect_as_it_was(before);
+  fs::create_hard_link(idx_, outside_ / "2nd");
+  EXPECT_EQ(run_with([](common::SystemCalls& calls) {
+              calls.pwrite = [](int fd, const void* from, std::size_t count, off_t offset) {
+                errno = EIO;
+                return count > 8 ? -1 : ::pwrite(fd, from, count, offset);  // all but the mark
+              };
+            }),
+            0);
+  EXPECT_EQ(read_file(idx_ + ".before"), before);
+}
+
+TEST_F(RepairCopy, SignalBeforeTheDictionaryIsWrittenLeavesNothing) {
+  const Image before = damage(spoil_count);
+  EXPECT_EQ(run_with([](common::SystemCalls& calls) {
+              calls.link_open = [](int fd, const char* to) {
+                const std::string from = "/proc/self/fd/" + std::to_string(fd);
+                const int result =
+                    ::linkat(AT_FDCWD, from.c_str(), AT_FDCWD, to, AT_SYMLINK_FOLLOW);
+                ::raise(SIGTERM);
+                return result;
+              };
+            }),
+            SIGTERM);
+  expect_as_it_was(before);
+  EXPECT_EQ(others(), Names{});
+}
+
+TEST_F(RepairCopy, KillBetweenTwoNamesLeavesNoStranger) {
+  damage(spoil_count);
+  EXPECT_EQ(run_with([](common::SystemCalls& calls) {
+              calls.open = [](const char* path, int flags, mode_t permissions) {
+                errno = EOPNOTSUPP;
+                return (flags & O_TMPFILE) == O_TMPFILE ? -1 : ::open(path, flags, permissions);
+              };
+              calls.unlink = [](const char*) -> int { ::_exit(3); };
+            }),
+            3 << 8);
+  EXPECT_EQ(others().size(), 2U);
+  run("-yq");
+  EXPECT_EQ(others(), (Names{"pair.idx.before", "pair.idx.before.2"}));
 }
 
 TEST(RepairInPlace, GathersAllKeysBeforeItChangesAnything) {
