@@ -73,9 +73,9 @@ int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last) 
   return pool().bfcommit(file, first, last);
 }
 
-int bfdiscard(FileRecord& file) { return Pool::bfdiscard(file); }
+int bfdiscard(FileRecord& file) { return pool().bfdiscard(file); }
 
-void bfdrop(FileRecord& file, std::int32_t first) { Pool::discard(file, first); }
+void bfdrop(FileRecord& file, std::int32_t first) { pool().discard(file, first); }
 
 int bfpend(FileRecord& file) { return bfprocess(file, false); }
 

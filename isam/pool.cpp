@@ -62,14 +62,24 @@ void Pool::put_in_order(Buffer* buffer) {
   (buffer->block < 0 ? data_blocks_ : nodes_).released(buffer);
 }
 
-// The buffer of its kind that was released least recently and may go; null when none may.
+// The buffer of its kind that was released least recently and may go; null when none may. Those
+// that may not leave the order, so that they are met once: modified_out() puts them back.
 Buffer* Pool::oldest_that_may_go(ReleaseOrder& order) {
-  for (std::size_t tries = 0; tries < nbuffs_; ++tries) {
-    Buffer* const buffer = order.oldest();
-    if (buffer == nullptr || may_go(buffer)) return buffer;
-    put_in_order(buffer);
+  Buffer* buffer = order.oldest();
+  for (; buffer != nullptr && !may_go(buffer); buffer = order.oldest()) {
+    buffer->released = kOutOfOrder;
   }
-  return nullptr;
+  return buffer;
+}
+
+// The buffer that was released least recently, also one that may not go; null when all are busy.
+Buffer* Pool::oldest_of_all() {
+  for (std::size_t i = 0; i < nbuffs_; ++i) {
+    Buffer& buffer = buffs_[i];
+    if (is_out_of_order(buffer)) put_in_order(&buffer);
+  }
+  Buffer* const node = nodes_.oldest();
+  return node != nullptr ? node : data_blocks_.oldest();
 }
 
 // The buffer to be reused: the one that was released least recently, where a node counts as
@@ -85,10 +95,10 @@ Buffer* Pool::choose_victim() {
     return block->released < node->released + head_start ? block : node;
   }
   if (node != nullptr || block != nullptr) return node != nullptr ? node : block;
-  Buffer* const changed = nodes_.oldest() != nullptr ? nodes_.oldest() : data_blocks_.oldest();
-  if (changed == nullptr || nbuffs_ >= most_buffers_) return changed;
+  Buffer* const waiting = oldest_of_all();
+  if (waiting == nullptr || nbuffs_ >= most_buffers_) return waiting;
   Buffer* const added = &buffs_[nbuffs_];
-  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : changed;
+  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : waiting;
 }
 
 // Writes a page whose buffer is needed: 0, or -1 when it has to stay. The failure belongs to that

@@ -48,14 +48,15 @@ class Pool {
   void settle_direct();
   int bfprocess(FileRecord& file, bool write);
   int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last);
-  static int bfdiscard(FileRecord& file);
-  static void discard(FileRecord& file, std::int32_t first);
+  int bfdiscard(FileRecord& file);
+  void discard(FileRecord& file, std::int32_t first);
   void bfignor(FileRecord& file);
   // The descriptor of the file's data is about to be closed.
   void closing(const FileRecord& file) { data_window_.forget(file.datfd); }
 
  private:
   static constexpr std::int64_t kNotLengthened = INT64_MAX;
+  static constexpr std::uint64_t kOutOfOrder = 0;  // for the time of a release
 
   // Where a page stands: descriptor, byte offset, length.
   struct Place {
@@ -66,10 +67,15 @@ class Pool {
   };
 
   static Place bfmapaddr(const Buffer& buffer);
-  static void modified_out(Buffer* buffer);
+  // Idle, but among those that may not give their buffers up.
+  static bool is_out_of_order(const Buffer& buffer) {
+    return buffer.released == kOutOfOrder && (buffer.flags & kBusy) == 0;
+  }
+  void modified_out(Buffer* buffer);
   [[nodiscard]] bool add_buffers(std::size_t count);
   void put_in_order(Buffer* buffer);
   Buffer* oldest_that_may_go(ReleaseOrder& order);
+  Buffer* oldest_of_all();
   Buffer* choose_victim();
   Buffer* victim();
   int spill(Buffer* buffer);
@@ -154,6 +160,7 @@ inline void Pool::modified_out(Buffer* buffer) {
   if (buffer->modified_next != nullptr) {
     buffer->modified_next->modified_previous = buffer->modified_previous;
   }
+  if (is_out_of_order(*buffer)) put_in_order(buffer);
 }
 
 // Null before the first page is asked for.

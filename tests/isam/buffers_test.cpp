@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <set>
 
 #include "common/io.h"
 #include "isam/errors.h"
@@ -107,6 +108,31 @@ TEST(BuffersDeathTest, ThePoolGrowsForThePagesThatOneCallChanges) {
     EXPECT_EQ(bfdiscard(*filep), 0);
     EXPECT_EQ(bfpend(*filep), 0);
     EXPECT_FALSE(bfread(20));
+  });
+}
+
+TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
+  in_own_process("4", [] {
+    common::system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
+      ADD_FAILURE();
+      return -1;
+    };
+    ASSERT_EQ(::ftruncate(filep->idxfd, 100 * 1024), 0);
+    // Whichever kind is changed and whichever clean, three buffers serve the rest.
+    for (const bool changes_node : {false, true}) {
+      (changes_node ? bfgetclr(20) : bfread_data(20)).modified();
+      std::set<const Byte*> pages;
+      for (int i = 0; i < 6000; ++i) {
+        const PageHold page = i % 2000 < 1000 ? bfread(21 + i % 70) : bfread_data(21 + i);
+        ASSERT_TRUE(page);
+        pages.insert(page.data());
+      }
+      EXPECT_LE(pages.size(), 3U);
+      EXPECT_EQ(bfdiscard(*filep), 0);
+    }
+    // What was out of the order meanwhile is in it again.
+    std::vector<PageHold> held;
+    for (int block = 1; block <= 4; ++block) held.push_back(bfread_data(block));
   });
 }
 
