@@ -33,6 +33,7 @@ class Doubts {
     doubts_[key(file, number)] = {writer.serial, type, writer.last};
     writer.doubted_file = &file;
     writer.doubted_number = number;
+    writer.doubted_at = writer.last;
   }
   void forget(const ReplayFile& file, std::int32_t number) {
     if (!doubts_.empty()) doubts_.erase(key(file, number));

@@ -31,9 +31,21 @@ bool LogOutlook::is_opposite(std::int64_t offset) {
   return std::ranges::binary_search(opposites_, offset);
 }
 
-bool LogOutlook::is_new_process(std::int64_t offset) {
+bool LogOutlook::is_new_process(const Opening& opening) {
+  if (is_followed_up(opening)) return false;
   if (!is_read_) read();
-  return std::ranges::binary_search(of_new_processes_, offset);
+  return std::ranges::binary_search(of_new_processes_, opening.offset) ||
+         (opening.reopens && std::ranges::binary_search(unclaimed_, opening.offset));
+}
+
+// Whether what the file is opened for, the next record, is linked to one of the transaction.
+bool LogOutlook::is_followed_up(const Opening& opening) {
+  const KeepError keep;
+  const LogRecord next = look_.isgetnext(opening.offset + opening.record.length());
+  if (next.bytes().empty() || next.length() < record::kSmallest || !next.is_sound()) return false;
+  const Link previous = next.previous();
+  return next.process() == opening.record.process() && previous.length != 0 &&
+         previous.offset >= opening.begin && previous.offset < opening.offset;
 }
 
 void LogOutlook::read() {
@@ -59,40 +71,71 @@ void LogOutlook::read() {
   }
   for (auto& [number, process] : processes) settle(process);
   std::ranges::sort(taken_back_);
+  std::ranges::sort(unclaimed_);
   std::ranges::sort(of_new_processes_);
 }
 
 // The process that began a transaction ends it, or goes on in it with a record that is linked to
-// one before the opening.
+// one of it. A chain of links with another beginning is another process's.
 void LogOutlook::follow_transaction(Process& process, const LogRecord& record,
                                     std::int64_t offset) {
+  const Link previous = record.previous();
   switch (record.type()) {
     case LogType::kBegin:
+      if (process.begun) follow_link(process, previous, offset);
       settle(process);
+      end_transaction(process);
       process.begun = true;
-      process.begin = offset;
+      process.begin = process.chain_end = offset;
       return;
     case LogType::kCommit:
     case LogType::kRollback:
-      process.begun = false;
-      process.openings.clear();
-      return;
-    case LogType::kOpened:
-      if (process.begun) process.openings.push_back(offset);
+      end_transaction(process);
       return;
     default:
       break;
   }
-  const Link previous = record.previous();
+  if (!process.begun) return;
+  if (record.type() == LogType::kOpened) {
+    process.openings.push_back(offset);
+    if (const auto open = record.open_number()) process.by_number[*open] = {offset, 0};
+  } else if (previous.length != 0) {
+    follow_link(process, previous, offset);
+  } else if (is_image(record.type())) {
+    const auto open = record.open_number();
+    const auto found = open ? process.by_number.find(*open) : process.by_number.end();
+    if (found != process.by_number.end()) found->second.unlinked = offset;
+  }
+}
+
+void LogOutlook::follow_link(Process& process, Link previous, std::int64_t offset) {
   if (previous.length == 0 || previous.offset < process.begin) return;
-  std::vector<std::int64_t>& openings = process.openings;
-  while (!openings.empty() && openings.back() > previous.offset) openings.pop_back();
+  if (previous.offset <= process.chain_end) {
+    process.openings.clear();
+    if (!process.by_number.empty()) process.by_number.clear();
+    process.chain_end = offset;
+    return;
+  }
+  // It is linked to one that begins a chain: the process is another since it opened the file for
+  // that one at the latest.
+  for (const auto& [open, opening] : process.by_number) {
+    if (opening.unlinked != previous.offset) continue;
+    of_new_processes_.push_back(opening.offset);
+    break;
+  }
+  settle(process);
+  end_transaction(process);
 }
 
 void LogOutlook::settle(Process& process) {
-  of_new_processes_.insert(of_new_processes_.end(), process.openings.begin(),
-                           process.openings.end());
+  unclaimed_.insert(unclaimed_.end(), process.openings.begin(), process.openings.end());
   process.openings.clear();
+}
+
+void LogOutlook::end_transaction(Process& process) {
+  process.begun = false;
+  process.openings.clear();
+  process.by_number.clear();
 }
 
 LogOutlook::Trace LogOutlook::trace_of(const LogRecord& record) {

@@ -1,7 +1,8 @@
 // outlook: what stands further on in a log, for the few questions that its records up to some point
 // do not answer.
 //
-// The whole log is read once, when the first question is asked.
+// The whole log is read once, when the first question is asked that the next record does not
+// answer.
 //
 // Keeps   O1 memory: some bytes for each process, and for each record that is an answer
 #pragma once
@@ -25,9 +26,16 @@ class LogOutlook {
 
   [[nodiscard]] bool is_opposite(std::int64_t offset);
 
-  // Whether the process that opens a file by the record at `offset` is another one than the one
-  // with the same number whose transaction is open: what follows is no part of that transaction.
-  [[nodiscard]] bool is_new_process(std::int64_t offset);
+  // A file-open record of a process number whose transaction, begun at `begin`, is open. `reopens`:
+  // it opens by a number that is open already, so rather by another process.
+  struct Opening {
+    LogRecord record;
+    std::int64_t offset = 0;
+    std::int64_t begin = 0;
+    bool reopens = false;
+  };
+  // Whether it is by another process with the number: what follows is no part of the transaction.
+  [[nodiscard]] bool is_new_process(const Opening& opening);
 
  private:
   // An image, as far as its opposite must match it.
@@ -39,17 +47,27 @@ class LogOutlook {
     std::size_t old_hash = 0;
     std::size_t new_hash = 0;
   };
+  // The last opening by a number, since the transaction began.
+  struct LastOpening {
+    std::int64_t offset = 0;
+    std::int64_t unlinked = 0;  // its last image that is linked to none, or that begins a chain
+  };
   struct Process {
     bool begun = false;
     std::int64_t begin = 0;
+    std::int64_t chain_end = 0;          // the transaction's last linked record
     std::vector<std::int64_t> openings;  // since then, of which is not known whose they are
+    std::unordered_map<int, LastOpening> by_number;
     std::int64_t last = 0;
     Trace trace;  // of the last record; none unless it is an image
   };
 
   void read();
+  [[nodiscard]] bool is_followed_up(const Opening& opening);
   void follow_transaction(Process& process, const LogRecord& record, std::int64_t offset);
+  void follow_link(Process& process, Link previous, std::int64_t offset);
   void settle(Process& process);
+  static void end_transaction(Process& process);
   [[nodiscard]] static Trace trace_of(const LogRecord& record);
   [[nodiscard]] static bool are_opposites(const Trace& image, const Trace& next);
 
@@ -57,7 +75,9 @@ class LogOutlook {
   bool is_read_ = false;
   std::vector<std::pair<std::int64_t, std::int64_t>> taken_back_;  // image and opposite
   std::vector<std::int64_t> opposites_;
-  std::vector<std::int64_t> of_new_processes_;
+  std::vector<std::int64_t> unclaimed_;  // openings that nothing shows to be the same process's
+  std::vector<std::int64_t> of_new_processes_;  // ... and those that are shown to be another's
+  LogWindow look_{fd_};
 };
 
 }  // namespace isam::txlog

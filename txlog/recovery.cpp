@@ -83,7 +83,8 @@ class Recovery {
       case LogType::kOpened:
         if (type == LogType::kBegin) {
           if (begin(record.process(), offset) != 0) return -1;
-        } else if (reopens && writer->begun && replay_.outlook().is_new_process(offset)) {
+        } else if (writer != nullptr && writer->begun &&
+                   replay_.outlook().is_new_process({record, offset, writer->begin, reopens})) {
           replay_.close_opens(drop(record.process()));
         }
         hold(record, offset, writer_of(record.process()));
@@ -114,13 +115,22 @@ class Recovery {
   }
 
   // A writer that goes on has made its last change; but one that opens a file by a number that it
-  // has open is rather another process.
+  // has open is rather another process, and after any opening only what leads back to before the
+  // change shows that it is the same.
   void go_on(Writer& writer, const LogRecord& record, std::int64_t offset, bool reopens) {
     const LogType type = record.type();
     if (reopens) {
-      writer.serial = ++serials_;
-      writer.doubted_file = nullptr;
-    } else if (type != LogType::kBegin) {  // then the next record tells
+      leave_doubt(writer);
+      ++writer.epoch;
+    } else if (writer.doubted_file == nullptr) {
+      return;
+    } else if (type == LogType::kOpened) {  // then, and behind a begin mark, the next record tells
+      writer.opened_since = true;
+    } else if (writer.opened_since && !is_of_before(writer, record)) {
+      if (!is_image(type)) return;
+      leave_doubt(writer);
+    } else if (type != LogType::kBegin) {
+      writer.opened_since = false;
       const std::int32_t number = writer.doubted_number;
       if (!replay_.doubts().end(writer) || !is_image(type)) return;
       // It takes back what another change has shown not to be made, or done away with.
@@ -131,13 +141,29 @@ class Recovery {
     }
   }
 
+  // The last change stays in doubt: what follows may be another process's.
+  void leave_doubt(Writer& writer) {
+    writer.serial = ++serials_;
+    writer.doubted_file = nullptr;
+    writer.opened_since = false;
+  }
+
+  // Whether a record is by the process that made the change in doubt: by its link, or by its open.
+  static bool is_of_before(const Writer& writer, const LogRecord& record) {
+    const Link previous = record.previous();
+    if (previous.length != 0) return previous.offset <= writer.doubted_at;
+    const auto open = record.open_number();
+    const auto found = open ? writer.named.find(*open) : writer.named.end();
+    return found != writer.named.end() && found->second.offset < writer.doubted_at;
+  }
+
   // Whether a record opens a file by a number that is open since its writer is known to be the same
   // process.
   static bool is_reopening(const Writer& writer, const LogRecord& record) {
     if (record.type() != LogType::kOpened) return false;
     const auto open = record.open_number();
     const auto found = open ? writer.named.find(*open) : writer.named.end();
-    return found != writer.named.end() && found->second.serial == writer.serial;
+    return found != writer.named.end() && found->second.epoch == writer.epoch;
   }
 
   int redo(const LogRecord& record, std::int64_t offset, Writer& writer) {
@@ -173,7 +199,7 @@ class Recovery {
         const auto named = record.file_named();
         if (!named) return nullptr;
         ReplayFile& file = files.named(named->name);
-        writer.named[named->open] = {&file, writer.serial};
+        writer.named[named->open] = {&file, writer.epoch, offset};
         return &file;
       }
       default:

@@ -11,12 +11,14 @@ namespace isam::txlog {
 // A file by a writer's number of its open, as the log was read.
 struct NamedFile {
   ReplayFile* file = nullptr;
-  std::uint32_t serial = 0;  // of the writer then
+  std::uint32_t epoch = 0;  // of the writer then
+  std::int64_t offset = 0;  // where it was named
 };
 
 struct Writer {
   std::int32_t process = 0;
   std::uint32_t serial = 0;  // of its own, when several processes had the number; 0: not known
+  std::uint32_t epoch = 0;   // counts the times that it was rather another one
   bool begun = false;        // inside a transaction
   std::int64_t begin = 0;    // ... which begins here
   std::int64_t last = 0;     // offset of its last record
@@ -26,6 +28,8 @@ struct Writer {
   // The record that its last change outside transactions is about; see Doubts.
   ReplayFile* doubted_file = nullptr;
   std::int32_t doubted_number = 0;
+  std::int64_t doubted_at = 0;
+  bool opened_since = false;  // it may be another process since then
 };
 
 }  // namespace isam::txlog

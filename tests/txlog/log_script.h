@@ -19,7 +19,7 @@ namespace testing_support {
 //   A*4:7.0>8.0     rewrite
 //   A!              the opposite of its last image, which was taken back
 //   A#              from here on another process with its number; A= the same one, which opens its
-//                   files again
+//                   files again; A5 the next open is by this number, which stays open beside others
 //   Ac  Ai  Ae      cluster, a unique index over groups, erase
 class Script {
  public:
@@ -40,7 +40,7 @@ class Script {
   void add(const std::string& word) {
     const bool linked = word[0] < 'a';
     const int process = 100 + (linked ? word[0] - 'A' : word[0] - 'a');
-    const int open = linked ? kLinked : kUnlinked;
+    const int open = !linked ? kUnlinked : number_[process] != 0 ? number_[process] : kLinked;
     const std::string rest = word.substr(2);
     const std::size_t colon = rest.find(':'), arrow = rest.find('>');
     const int number = std::atoi(rest.c_str());
@@ -57,6 +57,9 @@ class Script {
       case '=':
         opened_.erase({process, kLinked});
         opened_.erase({process, kUnlinked});
+        return;
+      case '5':
+        number_[process] = 5;
         return;
       case 'e':
         return log_.add(LogType::kErased, process, false,
@@ -110,6 +113,7 @@ class Script {
   LogMaker log_;
   std::set<std::pair<int, int>> opened_;
   std::map<int, Logged> last_;
+  std::map<int, int> number_;  // of the open inside of transactions, unless 3
 };
 
 class Evidence : public Recovery {
