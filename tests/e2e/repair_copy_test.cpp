@@ -292,7 +292,7 @@ TEST_F(RepairCopy, WhatTheSystemDoesNotGiveToTheChecksIsNotGone) {
     const Image before = damage(spoil_count);
     EXPECT_EQ(run_with([&](common::SystemCalls& calls) {
                 bad_file = status_of(base_ + file).st_ino;
-                bad_place = (built_.indexes[0].leaves.back() - 1) * 1024;
+                bad_place = off_t{built_.indexes[0].leaves.back() - 1} * 1024;
                 if (file == std::string(".dat")) bad_place = 0;
                 calls.pread = pread_of_bad_disk;
               }),
