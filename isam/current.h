@@ -146,6 +146,8 @@ struct OpenRecord {
   // kept until then, and records that became shorter, which keep theirs.
   std::vector<std::int32_t> deleted;
   std::vector<std::int32_t> shortened;
+  std::size_t committed = 0;  // of the deleted ones, the first so many: nothing puts them back
+  bool frees_again = false;   // freeing what ended transactions have left has failed before
   std::vector<std::int32_t>* listed = nullptr;  // the one that this call has put its record on
 };
 

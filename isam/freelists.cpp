@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "common/io.h"
 #include "isam/buffers.h"
+#include "isam/datafile.h"
 #include "isam/errors.h"
 #include "isam/extent.h"
 
@@ -298,7 +300,9 @@ int getdatrec(std::int32_t number) {
   return 0;
 }
 
-std::int32_t free_records_listed() {
+// Looks at each node of the list of free records: how many numbers these have, or -1.
+template <typename Look>
+static std::int32_t walk_free_records(Look look) {
   std::int32_t listed = 0;
   LoopGuard guard;
   for (std::int32_t node = dictp->d_freedata(); node != 0;) {
@@ -306,9 +310,35 @@ std::int32_t free_records_listed() {
     if (!page) return -1;
     listed += (page.used() - kEntriesOffset) / kListEntrySize;
     if (listed > dictp->d_nextdata() || guard.meets(node)) return failed(kCorrupted);
+    look(page);
     node = common::ldlong(page.data() + kLinkOffset);
   }
   return listed;
+}
+
+std::int32_t free_records_listed() {
+  return walk_free_records([](const PageHold&) {});
+}
+
+int drop_returned(std::vector<std::int32_t>& numbers) {
+  std::vector<std::int32_t> sorted;
+  try {
+    sorted = numbers;
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+  std::ranges::sort(sorted);
+  const auto drop_listed = [&](const PageHold& page) {
+    for (int offset = kEntriesOffset; offset < page.used(); offset += kListEntrySize) {
+      const std::int32_t listed = common::ldlong(page.data() + offset);
+      if (std::ranges::binary_search(sorted, listed)) std::erase(numbers, listed);
+    }
+  };
+  if (walk_free_records(drop_listed) < 0) return -1;
+  std::erase_if(numbers, [](std::int32_t number) {
+    return !in_range(FreeList::kRecords, number) || datacheck(number) == 1;
+  });
+  return 0;
 }
 
 bool free_nodes_serve() {

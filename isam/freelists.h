@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace isam {
 
@@ -38,6 +39,10 @@ int getdatrec(std::int32_t number);
 
 // Numbers on the list of free records; -1 with 105 for a damaged list.
 [[nodiscard]] std::int32_t free_records_listed();
+
+// Takes out of `numbers` those that are free already, or in use: the rest can be returned. 0, or -1
+// with iserrno.
+[[nodiscard]] int drop_returned(std::vector<std::int32_t>& numbers);
 
 // Whether the list of free nodes can be drawn from: every node of it is one, and the chain ends.
 [[nodiscard]] bool free_nodes_serve();

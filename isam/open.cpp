@@ -20,6 +20,7 @@
 #include "isam/traced.h"
 #include "txlog/logfile.h"
 #include "txlog/logwriter.h"
+#include "txlog/transactions.h"
 
 namespace isam {
 
@@ -339,9 +340,12 @@ int close_unentered(OpenRecord& open) {
 }  // namespace
 
 int close_in_use(OpenRecord& open) {
+  FirstFailure failure;
+  if (txlog::owes_storage(open) && !outlives_its_close(open)) failure.note(txlog::free_owed(open));
   const bool shared = bfpend(*open.file) == 0 && !close_waits();
   const int entered = isenter(isfd_of(open), kAnyLocale | kKeptToo | (shared ? kShared : kToLook));
-  return entered == 0 ? close_entered(open) : close_unentered(open);
+  failure.note(entered == 0 ? close_entered(open) : close_unentered(open));
+  return failure.tell();
 }
 
 void close_kept_beside(int isfd) {

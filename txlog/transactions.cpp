@@ -46,23 +46,72 @@ int mark_end(LogType mark) {
   return 0;
 }
 
-bool has_pending(const OpenRecord& open) {
-  return !open.deleted.empty() || !open.shortened.empty();
+// How far freeing has come in the lists of an open.
+struct Freed {
+  std::size_t deleted = 0;
+  std::size_t shortened = 0;
+  bool in_part = false;  // the storage of the next one
+};
+
+// Frees what an open owes up to the first failure, which iserrno tells.
+Freed free_records(const OpenRecord& open) {
+  Freed freed;
+  for (; freed.deleted < open.deleted.size(); ++freed.deleted) {
+    const std::int32_t number = open.deleted[freed.deleted];
+    freed.in_part = datatrunc(number) != 0;
+    if (freed.in_part || freerec(number, FreeList::kRecords) != 0) return freed;
+  }
+  for (; freed.shortened < open.shortened.size(); ++freed.shortened) {
+    freed.in_part = datatrunc(open.shortened[freed.shortened]) != 0;
+    if (freed.in_part) return freed;
+  }
+  clear_errors();
+  return freed;
 }
 
-// Frees what the open's transaction has kept.
-void free_kept_storage(OpenRecord& open, bool commits) {
-  FirstFailure failure;
-  if (commits) {
-    for (const std::int32_t number : open.deleted) {
-      failure.note(datatrunc(number));
-      failure.note(freerec(number, FreeList::kRecords));
-    }
+void strike_off(std::vector<std::int32_t>& list, std::size_t first, std::size_t count) {
+  const auto begin = list.begin() + static_cast<std::ptrdiff_t>(first);
+  list.erase(begin, begin + static_cast<std::ptrdiff_t>(count));
+}
+
+void strike_off_next(OpenRecord& open, const Freed& freed) {
+  const bool deleted = freed.deleted < open.deleted.size();
+  strike_off(deleted ? open.deleted : open.shortened, deleted ? freed.deleted : freed.shortened, 1);
+}
+
+// Of what a failed call has freed after all, nothing is freed again.
+int check_numbers(OpenRecord& open) {
+  if (!open.frees_again || drop_returned(open.deleted) == 0) return 0;
+  if (iserrno == kCorrupted) open.deleted.clear();
+  return -1;
+}
+
+int free_entered(OpenRecord& open) {
+  if (check_numbers(open) != 0) {
+    isexit();
+    return -1;
   }
-  for (const std::int32_t number : open.shortened) failure.note(datatrunc(number));
-  open.deleted.clear();
-  open.shortened.clear();
-  static_cast<void>(failure.tell());
+  const Freed freed = free_records(open);
+  const bool failed = iserrno != 0;
+  const bool damaged = iserrno == kCorrupted;  // and stays so
+  const bool changes_stay = filep->exclusives > 0 || filep->spilled;
+  const int result = isexit();
+  if (failed && (damaged || (changes_stay && freed.in_part))) strike_off_next(open, freed);
+  if (result == 0 || (failed && changes_stay)) {
+    strike_off(open.deleted, 0, freed.deleted);
+    strike_off(open.shortened, 0, freed.shortened);
+  }
+  return result;
+}
+
+// Twice when the file cannot be written; what is damaged is told all the same.
+int free_owed_or_retry(OpenRecord& open) {
+  FirstFailure failure;
+  int result = free_owed(open);
+  if (result != 0 && iserrno == kCorrupted) failure.note(result);
+  if (result != 0 && owes_storage(open)) result = free_owed(open);
+  failure.note(result);
+  return failure.tell();
 }
 
 // What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
@@ -70,28 +119,25 @@ int settle(OpenRecord& open, bool commits) {
   isbatch(2);  // what another open holds in batch mode goes before this one becomes current
   open.flags = static_cast<std::uint16_t>(open.flags & ~(kUndoable | kFreesKeys));
   open.file->keeps_locks = false;
-  if (has_pending(open)) {
-    if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
-    free_kept_storage(open, commits);
-    const int result = isexit();
-    isbatch(2);
-    if (result != 0) return -1;
+  if (commits) {
+    open.committed = open.deleted.size();
+  } else {
+    open.deleted.resize(open.committed);
   }
+  FirstFailure failure;
+  if (owes_storage(open)) failure.note(free_owed_or_retry(open));
   const bool kept = (open.flags & kKept) != 0;
   if (!kept && ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0)) return 0;
   make_current(open);
   const int released = settle_locks();
-  return kept ? close_in_use(open) : released;
+  failure.note(kept && !owes_storage(open) ? close_in_use(open) : released);
+  return failure.tell();
 }
 
 // Ends the transaction, whose mark is in the log.
 int settle_all(bool commits) {
   FirstFailure failure;
-  for_each_open([&](OpenRecord& open) {
-    int result = settle(open, commits);
-    if (result != 0 && has_pending(open)) result = settle(open, commits);
-    failure.note(result);
-  });
+  for_each_open([&](OpenRecord& open) { failure.note(settle(open, commits)); });
   return failure.tell();
 }
 
@@ -212,6 +258,16 @@ int end_transaction(How how) {
 }
 
 }  // namespace
+
+int free_owed(OpenRecord& open) {
+  open.deleted.resize(open.committed);
+  if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
+  const int result = free_entered(open);
+  open.committed = open.deleted.size();
+  open.frees_again = result != 0;
+  isbatch(2);
+  return result;
+}
 
 int leave_log() {
   for_each_open(

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <climits>
 #include <functional>
 #include <set>
 #include <utility>
@@ -373,6 +374,46 @@ TEST_P(FailedWrites, EraseAPairAsFarAsItGoes) {
   disk.moves = 1;
   EXPECT_EQ(::iserase("pair"), -1);
   EXPECT_EQ(types(), "FO IN IN FC ER");
+}
+
+// What a commit could not free is free after whatever ends next, and once.
+TEST_P(FailedWrites, OfACommitAreTriedAgain) {
+  static int turn;
+  static bool lasts;
+  const std::vector<std::function<int()>> ends{
+      [&] { return ::isbegin() + ::iscommit(); },
+      [&] { return ::isbegin() + erase(isfd_, 2) + ::isrollback(); },
+      [&] { return ::isclose(isfd_); }, [] { return ::iscleanup(); }};
+  for (std::size_t round = 0; round <= ends.size(); ++round) {
+    for (int first = 0;; ++first) {
+      ::islogclose();
+      begin({});
+      ASSERT_EQ(::isbegin(), 0);
+      EXPECT_EQ(erase(isfd_, 5) + erase(isfd_, 7) + rewrite(isfd_, row(9, 9)), 0);
+      turn = first;
+      lasts = round < ends.size();
+      common::system_calls().pwrite = [](int fd, const void* from, std::size_t count, off_t at) {
+        struct stat status {};
+        ::fstat(fd, &status);
+        if (status.st_ino == disk.log || turn-- > 0) return ::pwrite(fd, from, count, at);
+        turn = lasts ? 0 : INT_MAX;
+        return static_cast<ssize_t>(refuse(EIO));
+      };
+      disk.refused = 0;
+      const int committed = ::iscommit();
+      const int reason = iserrno;
+      disk_has_room();
+      if (disk.refused == 0) break;
+      EXPECT_EQ((std::pair{committed, reason}), (lasts ? std::pair{-1, EIO} : std::pair{0, 0}));
+      if (lasts) {
+        EXPECT_EQ(ends[round](), 0) << round << " " << iserrno;
+      }
+      ::iscleanup();
+      EXPECT_EQ(faults("pair"), "") << "end " << round << ", from write " << first << " on";
+      if (HasFailure() || (lasts && varying())) break;  // records there cannot be written back
+    }
+    ASSERT_FALSE(HasFailure());
+  }
 }
 
 // An index that would refuse what a rollback puts back.
