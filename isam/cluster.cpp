@@ -63,10 +63,11 @@ keydescr key_of(const Old& old, int n, const keydescr& order) {
   return k;
 }
 
+// Closes and removes a new pair, whatever its files are like.
 void discard(int isfd, const std::string& name) {
   const std::int32_t reason = iserrno;
   isclose(isfd);
-  iserase(name.c_str());
+  remove_pair(name);
   failed_as(reason);
 }
 
@@ -174,7 +175,7 @@ int cluster(const Old& old, keydescr& key) {
   }
   const KeepError keep;
   if (guard >= 0) isclose(guard);
-  iserase(names.first.c_str());
+  remove_pair(names.first);
   return -1;
 }
 

@@ -30,7 +30,7 @@ enum Entry : int {
   kAnyLocale = 0x80,
   kKeepAutoLock = 0x800,
   kKeptToo = 0x1000,  // also an open that was closed inside a transaction
-  kGoesOn = 0x2000,   // also after a write that failed, which it tells itself
+  kGoesOn = 0x2000,   // also after a write that failed: it, or the next call, tells that
 };
 
 // Consecutive calls of one open for which batch mode keeps the semaphore; 0: off, else counts.

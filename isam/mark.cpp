@@ -31,6 +31,24 @@ int write(const FileRecord& file, const Mark& mark) {
   return failed_system(errno, Operation::kWrite, FileKind::kIndex);
 }
 
+// The magic goes last: as long as it stands whole, the pair is marked, also where a write is cut
+// short. Half a magic would be taken for bytes of somebody else's.
+int clear(const FileRecord& file) {
+  constexpr Byte kZeros[kMarkSize - kMarkProcess] = {};
+  const auto write_part = [&file](ConstBytes bytes, std::int64_t within) {
+    return common::write_at(file.idxfd, bytes, kMarkOffset + within);
+  };
+  if (write_part(kZeros, kMarkProcess) == 0) {
+    if (write_part({kZeros, kMarkProcess}, 0) == 0) return 0;
+    const int reason = errno;
+    Byte magic[kMarkProcess];
+    common::stlong(kMarkMagic, magic);
+    static_cast<void>(write_part(magic, 0));
+    errno = reason;
+  }
+  return failed_system(errno, Operation::kWrite, FileKind::kIndex);
+}
+
 }  // namespace
 
 int set_mark(FileRecord& file) {
@@ -41,6 +59,8 @@ int set_mark(FileRecord& file) {
       if (file.mark == MarkState::kUnknown) file.mark = MarkState::kNotOurs;
       return 0;
     }
+    // Half of a mark that fails to be written is no reason to leave it at that.
+    if (file.mark == MarkState::kUnknown) file.mark = MarkState::kClear;
   }
   common::stlong(kMarkMagic, mark.raw);
   common::stlong(static_cast<std::int32_t>(::getpid()), mark.raw + kMarkProcess);
@@ -52,7 +72,7 @@ int set_mark(FileRecord& file) {
 
 int clear_mark(FileRecord& file) {
   if (file.mark_process != ::getpid()) return 0;
-  if (write(file, Mark{}) != 0) return -1;
+  if (clear(file) != 0) return -1;
   file.mark_process = 0;
   if (file.mark == MarkState::kSet) file.mark = MarkState::kClear;
   return 0;
@@ -61,7 +81,7 @@ int clear_mark(FileRecord& file) {
 int remove_mark(FileRecord& file) {
   Mark mark;
   if (read(file, mark) != 0) return -1;
-  return mark.is_set() ? write(file, Mark{}) : 0;
+  return mark.is_set() ? clear(file) : 0;
 }
 
 int find_mark(FileRecord& file) {

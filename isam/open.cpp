@@ -76,6 +76,7 @@ int end_exclusive() {
   filep->direct.bytes.clear();
   bfdrop(*filep, INT32_MIN);
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+  forget_exclusive();  // this close tells it, no call of those that go on sharing the file
   return -1;
 }
 
@@ -212,7 +213,7 @@ int look_for_mark() {
 }
 
 int set_up(OpenRecord& open, const char* name, int mode) {
-  const int entry = mode + 1 + kShared;
+  const int entry = (mode + 1) | kShared | kGoesOn;  // no call is refused that opens
   if (isenter(isfd_of(open), entry) != 0) {
     // The index that a repair has put another one in the place of is no dictionary any more.
     const bool replaced = iserrno == kCorrupted && filep != nullptr && !is_pair_of(*filep, name);

@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <set>
 #include <utility>
 #include <vector>
@@ -180,6 +182,57 @@ TEST_F(RefusedWrites, OfANewIndexLeaveTheExclusivePairAsItWas) {
   EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
 }
 
+TEST_F(RefusedWrites, OfAClusteringLeaveThePairAndNoOtherFile) {
+  build(false, 200);
+  alone([&] {
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+    const Files before = files();
+    keydescr key = group_key();
+    int result = -1;
+    int write = 0;
+    while (result < 0) {
+      SCOPED_TRACE(write);
+      const bool refused = refuse(write++, [&] { result = ::iscluster(session.isfd, &key); });
+      const std::filesystem::directory_iterator folder{folder_.path()};
+      EXPECT_EQ(std::distance(begin(folder), end(folder)), 2);
+      if (result >= 0) continue;
+      ASSERT_TRUE(refused);
+      EXPECT_EQ(::iserrno, ENOSPC);
+      ASSERT_TRUE(files() == before);
+    }
+    EXPECT_GT(write, 10);
+    EXPECT_EQ(::isclose(result), 0);
+  });
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
+TEST_F(RefusedWrites, OfAnExclusiveCloseAreToldByItAlone) {
+  build(false, 200);
+  alone([&] {
+    const Files before = files();
+    bool refused = true;
+    for (int write = 0; refused; ++write) {
+      SCOPED_TRACE(write);
+      write_file(base_ + ".idx", before.first);
+      write_file(base_ + ".dat", before.second);
+      Session shared{base_, false};
+      Session session{base_, false};
+      ASSERT_GE(shared.open(ISINOUT | ISMANULOCK), 0);
+      ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+      ASSERT_EQ(session.put({201}, ::iswrite), 0);
+      int result = -1;
+      refused = refuse(write, [&] { result = ::isclose(session.isfd); });
+      EXPECT_EQ(result == 0, !refused);
+      EXPECT_EQ(shared.put({202}, ::iswrite), 0);
+      EXPECT_EQ(::isflush(shared.isfd), 0);
+      EXPECT_EQ(session.open(ISINOUT | ISMANULOCK) >= 0, !refused);
+      EXPECT_EQ(::iserrno, refused ? ISECORRUPT : 0);
+      EXPECT_EQ(::iscleanup(), 0);
+    }
+  });
+}
+
 TEST_F(RefusedWrites, AnExclusiveOpenMarksThePairWhileItKeepsChangesBack) {
   build(false, 20);
   alone([&] {
@@ -275,6 +328,10 @@ TEST_F(RefusedWrites, ALostPageIsToldByTheNextCallAndByEveryClose) {
       refused = refuse(1, [&] { result = session.put({id}, ::iswrite); });
     }
     ASSERT_TRUE(refused);
+    Session second{base_, false};
+    Session shared{base_, false};
+    EXPECT_GE(second.open(ISINOUT | ISEXCLLOCK), 0);
+    EXPECT_GE(shared.open(ISINOUT | ISMANULOCK), 0);
     EXPECT_EQ(session.read(RD_EQUAL, id - 1), -1);
     EXPECT_EQ(::iserrno, ENOSPC);
     EXPECT_EQ(session.read(RD_EQUAL, id - 1), 0);
