@@ -13,8 +13,8 @@
 //            file bears their mark meanwhile)
 //         C4 a call whose changes cannot be written fails, takes back what it wrote, forgets what
 //            it had cached and leaves the position where it was
-//         C5 what an exclusive open could not write late is told by the next call, which does
-//            nothing else, and again by isflush and isclose
+//         C5 what an exclusive open could not write late is told by the next call but isopen,
+//            which does nothing else, and again by isflush and isclose
 #pragma once
 
 #include "isam/current.h"

@@ -5,8 +5,7 @@
 // process which was killed, or could not write, and the files do not agree with one another.
 //
 // Keeps   a process clears its own mark only; a program that mends pairs clears any, and says in
-// the
-//         file record (MarkState::kUnneeded) that it sees to the mark itself
+//         the file record (MarkState::kUnneeded) that it sees to the mark itself
 // Never   touches other bytes that stand in its place
 #pragma once
 
