@@ -56,7 +56,7 @@ step_tree() {
   cd "$work"
   cmake --install "$build" --prefix "$root" >install.log || fail "$(cat install.log)"
   for file in bin/{kestro,kestroenv,isrecover} include/isam.h include/isam.hpp \
-    share/man/man8/{kestro,isrecover}.8 \
+    share/man/man8/{kestro,isrecover}.8 share/man/man5/zentra-format.5 \
     "$LIBDIR"/libisam.a "$LIBDIR"/pkgconfig/isam.pc "$LIBDIR"/cmake/Isam/IsamConfig.cmake \
     share/doc/libisam-dev/examples/{accounts.c,customers.c,customers.cpp}; do
     [ -f "$root/$file" ] || fail "$file is not installed"
