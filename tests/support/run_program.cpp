@@ -43,7 +43,10 @@ struct Pipe {
   std::vector<char*> words;
   for (const std::string& word : request.words) words.push_back(const_cast<char*>(word.c_str()));
   words.push_back(nullptr);
-  if (::chdir(request.folder.c_str()) == 0) ::execv(words[0], words.data());
+  if (::chdir(request.folder.c_str()) == 0) {
+    if (request.before) request.before();
+    ::execv(words[0], words.data());
+  }
   ::_exit(127);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,7 @@ struct RunRequest {
   std::string input = {};
   std::vector<std::string> environment = {};  // "NAME=value", added to this process's
   int seconds = 60;
+  std::function<void()> before = {};  // done in the new process, last of all
 };
 
 RunResult run_program(const RunRequest& request);

@@ -1,0 +1,150 @@
+// failing_calls: loaded into a program before its libraries, it lets system calls fail.
+//
+// KESTRO_FAILING_CALLS holds rules with a semicolon behind each: CALL FILE ERROR [WHEN]
+//   CALL   open, nameless (an open with O_TMPFILE), read, write, lock, copy, clone, link, rename,
+//          sync, stat, chmod, chown or attribute
+//   FILE   what the name of the file ends with, such as .dat; * for any. Where two are named, the
+//          first one counts, for a copy the one that is read
+//   ERROR  the number that errno gets
+//   WHEN   #N: at the Nth such call alone; @N: when byte N of the file is concerned
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+enum { kMostRules = 8, kMostText = 32 };
+
+static struct Rule {
+  char call[kMostText];
+  char file[kMostText];
+  int error;
+  char when;
+  long number;
+  long calls;
+} rules[kMostRules];
+static int rule_count = -1;
+
+static void load_rules(void) {
+  const char* at = getenv("KESTRO_FAILING_CALLS");
+  rule_count = 0;
+  for (; at != NULL && *at != '\0' && rule_count < kMostRules; at = strchr(at, ';') + 1) {
+    struct Rule* rule = &rules[rule_count++];
+    sscanf(at, " %31s %31s %d %c%ld", rule->call, rule->file, &rule->error, &rule->when,
+           &rule->number);
+  }
+}
+
+static int ends_with(const char* text, const char* end) {
+  const size_t length = strlen(text);
+  const size_t wanted = strlen(end);
+  return strcmp(end, "*") == 0 || (length >= wanted && strcmp(text + length - wanted, end) == 0);
+}
+
+// Whether a call on a file fails, with errno.
+static int fails(const char* call, const char* file, long from, long count) {
+  if (rule_count < 0) load_rules();
+  for (int i = 0; i < rule_count; ++i) {
+    struct Rule* rule = &rules[i];
+    if (strcmp(rule->call, call) != 0 || !ends_with(file, rule->file)) continue;
+    if (rule->when == '#' && ++rule->calls != rule->number) continue;
+    if (rule->when == '@' && (rule->number < from || rule->number >= from + count)) continue;
+    errno = rule->error;
+    return 1;
+  }
+  return 0;
+}
+
+static int fails_at(const char* call, int fd, long from, long count) {
+  char link[32];
+  char name[4096];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  const ssize_t length = readlink(link, name, sizeof name - 1);
+  name[length < 0 ? 0 : length] = '\0';
+  return fails(call, name, from, count);
+}
+
+#define REAL(name) ((__typeof__(&name))dlsym(RTLD_NEXT, #name))
+
+int open(const char* path, int flags, ...) {
+  va_list more;
+  va_start(more, flags);
+  const mode_t permissions = va_arg(more, mode_t);
+  va_end(more);
+  const int nameless = (flags & O_TMPFILE) == O_TMPFILE;
+  if (fails(nameless ? "nameless" : "open", path, 0, 0)) return -1;
+  return REAL(open)(path, flags, permissions);
+}
+ssize_t pread(int fd, void* to, size_t count, off_t at) {
+  return fails_at("read", fd, at, (long)count) ? -1 : REAL(pread)(fd, to, count, at);
+}
+ssize_t pwrite(int fd, const void* from, size_t count, off_t at) {
+  return fails_at("write", fd, at, (long)count) ? -1 : REAL(pwrite)(fd, from, count, at);
+}
+// A mapping would show what cannot be read.
+void* mmap(void* at, size_t length, int protection, int flags, int fd, off_t offset) {
+  if (fd >= 0 && (flags & MAP_SHARED) != 0) {
+    if (rule_count < 0) load_rules();
+    for (int i = 0; i < rule_count; ++i) {
+      errno = ENODEV;
+      if (strcmp(rules[i].call, "read") == 0) return MAP_FAILED;
+    }
+  }
+  return REAL(mmap)(at, length, protection, flags, fd, offset);
+}
+int fcntl(int fd, int command, ...) {
+  va_list more;
+  va_start(more, command);
+  void* const argument = va_arg(more, void*);
+  va_end(more);
+  const int locks = command == F_SETLK || command == F_SETLKW || command == F_GETLK;
+  const struct flock* lock = argument;
+  if (locks && lock->l_type != F_UNLCK && fails_at("lock", fd, lock->l_start, lock->l_len)) {
+    return -1;
+  }
+  return REAL(fcntl)(fd, command, argument);
+}
+ssize_t copy_file_range(int from, off_t* at, int to, off_t* there, size_t count, unsigned flags) {
+  if (fails_at("copy", from, at == NULL ? 0 : *at, (long)count)) return -1;
+  return REAL(copy_file_range)(from, at, to, there, count, flags);
+}
+int ioctl(int fd, unsigned long request, ...) {
+  va_list more;
+  va_start(more, request);
+  void* const argument = va_arg(more, void*);
+  va_end(more);
+  if (request == FICLONE && fails_at("clone", fd, 0, 0)) return -1;
+  return REAL(ioctl)(fd, request, argument);
+}
+int link(const char* from, const char* to) {
+  return fails("link", from, 0, 0) ? -1 : REAL(link)(from, to);
+}
+int linkat(int from_folder, const char* from, int to_folder, const char* to, int flags) {
+  if (fails("link", to, 0, 0)) return -1;
+  return REAL(linkat)(from_folder, from, to_folder, to, flags);
+}
+int rename(const char* from, const char* to) {
+  return fails("rename", to, 0, 0) ? -1 : REAL(rename)(from, to);
+}
+int fsync(int fd) { return fails_at("sync", fd, 0, 0) ? -1 : REAL(fsync)(fd); }
+int fstat(int fd, struct stat* status) {
+  return fails_at("stat", fd, 0, 0) ? -1 : REAL(fstat)(fd, status);
+}
+int fchmod(int fd, mode_t mode) {
+  return fails_at("chmod", fd, 0, 0) ? -1 : REAL(fchmod)(fd, mode);
+}
+int fchown(int fd, uid_t owner, gid_t group) {
+  return fails_at("chown", fd, 0, 0) ? -1 : REAL(fchown)(fd, owner, group);
+}
+int fsetxattr(int fd, const char* name, const void* value, size_t size, int flags) {
+  return fails_at("attribute", fd, 0, 0) ? -1 : REAL(fsetxattr)(fd, name, value, size, flags);
+}
