@@ -23,10 +23,10 @@ struct Findings {
 
   UsageMap idxmap;   // nodes in use
   UsageMap keptmap;  // nodes in use by what is kept: idxmap without the roots to be refilled
-  UsageMap idxmap2;  // nodes of the structure being checked
+  UsageMap idxmap2;  // nodes of the structure being checked alone; no second idxmap
   UsageMap rpgmap;   // nodes that hold pieces of variable parts
   UsageMap datmap;   // records present
-  UsageMap datmap2;  // records accounted for by the structure being checked
+  UsageMap datmap2;  // records accounted for by the structure being checked alone
 
   bool data_misfits = false;  // bad data records, or slots that are not where they should be
 

@@ -4,7 +4,7 @@
 namespace common {
 
 // Writes "\r\nFatal system error: ", the message and "\r\n" to the standard error descriptor and
-// aborts. Never returns.
+// aborts. Never returns. Every other failure is told by iserrno.
 [[noreturn]] void error(const char* message);
 
 }  // namespace common

@@ -85,8 +85,8 @@ int btdelitem(const Item& item, const keydescr& k);
 // last is good for anything any more, also when the change is taken back.
 void btchanged();
 
-// Frees every node of an index, children first. What is not a sound tree node is left alone. 0,
-// or -1 with iserrno when something was left.
+// Frees every node of an index, children first: it is the nodes that are recovered, the index is
+// gone. What is not a sound tree node is left alone. 0, or -1 with iserrno when something was left.
 int btrecover(std::int32_t root, const keydescr& k);
 
 }  // namespace isam

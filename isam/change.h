@@ -39,7 +39,7 @@ struct FoundRecord {
 // A record found through an item of an index, if it has that item's key: none with 105, for it is
 // not the record meant.
 [[nodiscard]] FoundRecord with_key(const FoundRecord& found, const Item& item, const keydescr& k);
-// Record `number`: none with 111 when it is not present.
+// Record `number`, whether it is the current one or not: none with 111 when it is not present.
 [[nodiscard]] FoundRecord getcurrent(std::int32_t number);
 
 }  // namespace isam

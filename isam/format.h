@@ -38,6 +38,7 @@ struct Dictionary {
   [[nodiscard]] bool fixed_bytes_match() const {
     return raw[2] == 2 && raw[3] == 2 && raw[4] == 4 && raw[5] == 4;
   }
+  // The size of a node minus one.
   [[nodiscard]] int d_idxsize() const { return common::ldword(raw + 6); }
   [[nodiscard]] int d_nkeys() const { return common::ldshort(raw + 8); }
   // Compression flags that an index may have, shifted right by one.
@@ -48,6 +49,7 @@ struct Dictionary {
   [[nodiscard]] bool d_collate() const { return raw[19] != 0; }
   [[nodiscard]] std::int32_t d_freedata() const { return common::ldlong(raw + 25); }
   [[nodiscard]] std::int32_t d_freenode() const { return common::ldlong(raw + 29); }
+  // The highest numbers in use, not the next ones.
   [[nodiscard]] std::int32_t d_nextdata() const { return common::ldlong(raw + 33); }
   [[nodiscard]] std::int32_t d_nextnode() const { return common::ldlong(raw + 37); }
   [[nodiscard]] std::uint32_t d_modcount() const {

@@ -39,7 +39,7 @@ int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHel
 // records that an open transaction has changed: 0, or -1 with 107 or 134.
 int lkfile(bool take);
 
-// Releases the locks on the releasable list.
+// Releases the locks on the releasable list: of what was read, not of what was changed.
 void lkrelease();
 
 // Releases what the current open has locked, except what a transaction has changed: 0, or -1.

@@ -116,7 +116,7 @@ class Rpage {
 // The page of a record pointer, with its slot readable.
 [[nodiscard]] PageHold rppgread(std::int32_t pointer);
 
-// The pointer of the piece after this one: 0 for none, -1 for a damaged page.
+// One step of a walk: the pointer of the piece after this one, 0 for none, -1 for a damaged page.
 [[nodiscard]] std::int32_t rprwalk(std::int32_t pointer);
 // Copies up to destination.size() bytes of a variable part; the bytes copied, or -1.
 [[nodiscard]] int rprread(std::int32_t pointer, Bytes destination);

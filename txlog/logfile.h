@@ -130,8 +130,9 @@ class LogWindow {
  public:
   explicit LogWindow(int fd) : fd_(fd) {}
 
-  // The record of `length` bytes at `offset`, when it is wholly there; else none, with iserrno 118
-  // when reading failed. Earlier records are likely to be at hand afterwards.
+  // The record of `length` bytes at `offset`, which the caller knows to be the one before, when it
+  // is wholly there; else none, with iserrno 118 when reading failed. Earlier records are likely to
+  // be at hand afterwards.
   [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
   // The record at `offset`, as long as it says: none at the end of the log, and where a record
   // would reach past it; one shorter than a record can be has less than the smallest length.

@@ -26,7 +26,8 @@ int islogbuild(std::string_view name, int reclen, const keydescr& key, int mode)
 int islogerase(std::string_view name);
 int islogrename(std::string_view from, std::string_view to);
 
-// The close of an open that the log knows of; from now on the log does not know it.
+// The close of an open that the log knows of, not of the log (close_log); from now on the log does
+// not know the open.
 int logclose(OpenRecord& open);
 // The same while the log is held: whether the open closes is not sure yet, and it stays known.
 int log_closed(OpenRecord& open);
