@@ -39,6 +39,7 @@ enum class Search {
   kRead,    // the first item not below the one given
   kPast,    // the first item above it
   kInsert,  // where it is to be inserted, behind its equals
+  kReturn,  // where it stood, by its duplicate number
 };
 enum class Direction { kNext, kPrevious };
 
@@ -77,9 +78,13 @@ int btcurrent(const keydescr& k, bool again);
 // also for an item too large for the node size. Leaves depth -1.
 int btadditem(Item& item, const keydescr& k);
 
-// Removes the item with this key and recptr. 0, or -1 with iserrno (111 when there is none).
-// Leaves depth -1.
-int btdelitem(const Item& item, const keydescr& k);
+// Inserts an item that was removed with this duplicate number where it stood among its equals. 0,
+// or -1 with iserrno. Leaves depth -1.
+int btreturnitem(const Item& item, const keydescr& k);
+
+// Removes the item with this key and recptr, whose duplicate number it leaves in `item`. 0, or -1
+// with iserrno (111 when there is none). Leaves depth -1.
+int btdelitem(Item& item, const keydescr& k);
 
 // A tree was changed, or is about to be: neither the path nor what is remembered of the item read
 // last is good for anything any more, also when the change is taken back.

@@ -275,19 +275,33 @@ int check_item_before(Item& item, const keydescr& k) {
   return btmove(k, Direction::kNext);
 }
 
+// Inserts at the path's place.
+int insert_here(Item item, const keydescr& k) {
+  if (bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);
+  return Insertion{k}.btinsert(item, bt.depth);
+}
+
 int add_item(Item& item, const keydescr& k) {
   if (btsearch(item, k, 0, Search::kInsert) != 0 || check_item_before(item, k) != 0) return -1;
   const ItemLayout layout{k};
   if (layout.dups && item.dupnm > layout.greatest_dupnm()) return failed(kDuplicate);
-  if (bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);
-  Item inserted = item;
-  return Insertion{k}.btinsert(inserted, bt.depth);
+  return insert_here(item, k);
+}
+
+int return_item(Item item, const keydescr& k) {
+  return btsearch(item, k, 0, Search::kReturn) != 0 ? -1 : insert_here(item, k);
 }
 
 }  // namespace
 
 int btadditem(Item& item, const keydescr& k) {
   const int result = k.nparts == 0 ? 0 : add_item(item, k);
+  btchanged();
+  return result;
+}
+
+int btreturnitem(const Item& item, const keydescr& k) {
+  const int result = k.nparts == 0 ? 0 : return_item(item, k);
   btchanged();
   return result;
 }

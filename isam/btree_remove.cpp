@@ -130,14 +130,17 @@ int btremove(const ItemLayout& layout, const WalkStart& start) {
   return 0;
 }
 
-int delete_item(const Item& item, const keydescr& k) {
+int delete_item(Item& item, const keydescr& k) {
   Item sought = item;
   if (btsearch(sought, k, 0, Search::kRead) != 0) return -1;
   const KeyOrder order{k};
   WalkStart start = bt.ends == kOnItem ? btwalkstart(sought) : WalkStart{};
   WalkLimit walk;
   while ((bt.ends & kAfterLast) == 0 && itcompare(treeitem, sought, order) == 0) {
-    if (treeitem.recptr == sought.recptr) return btremove(ItemLayout{k}, start);
+    if (treeitem.recptr == sought.recptr) {
+      item.dupnm = treeitem.dupnm;
+      return btremove(ItemLayout{k}, start);
+    }
     if (walk.exceeded()) return failed(kCorrupted);
     const PathLevel passed = bt.level(bt.depth);
     if (btmove(k, Direction::kNext) != 0) return -1;
@@ -190,7 +193,7 @@ int Recovery::free_subtree(std::int32_t number, int depth) {
 
 }  // namespace
 
-int btdelitem(const Item& item, const keydescr& k) {
+int btdelitem(Item& item, const keydescr& k) {
   const int result = k.nparts == 0 ? 0 : delete_item(item, k);
   btchanged();
   return result;

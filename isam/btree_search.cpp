@@ -270,7 +270,7 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
     }
     number = child_before(node.area(), level.next);
   }
-  if (mode != Search::kInsert) return btmove(k, Direction::kNext);
+  if (mode < Search::kInsert) return btmove(k, Direction::kNext);
   PathLevel& leaf = bt.level(bt.depth);
   leaf.offset = leaf.next = leaf.length;
   last_search = {filep->generation, leaf.node, leaf.offset, descent.passed()};

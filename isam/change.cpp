@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "isam/btree.h"
+#include "isam/buffers.h"
 #include "isam/datafile.h"
 #include "isam/errors.h"
 #include "isam/extent.h"
@@ -107,19 +108,61 @@ std::int32_t allocdatrec() {
   return number;
 }
 
-void remove_items(const Keys& keys, std::size_t count, ConstBytes record, std::int32_t number) {
-  while (count > 0) {
-    --count;
-    btdelitem(item_of(record, number, keys[count]), keys[count]);
-  }
+// What a step that undoes another could not do is told as a lost write is.
+void note_undone(int result) {
+  if (result != 0) bfnote_failure(*filep);
 }
 
-void put_back_items(const Keys& keys, std::size_t count, ConstBytes record, std::int32_t number) {
-  while (count > 0) {
-    --count;
-    Item item = item_of(record, number, keys[count]);
-    btadditem(item, keys[count]);
+void remove_added(const keydescr& k, ConstBytes record, std::int32_t number) {
+  Item item = item_of(record, number, k);
+  note_undone(btdelitem(item, k));
+}
+
+void remove_items(const Keys& keys, std::size_t count, ConstBytes record, std::int32_t number) {
+  while (count > 0) remove_added(keys[--count], record, number);
+}
+
+// The items that the change under way has taken out of indexes; kept between calls for its memory.
+struct Taken {
+  std::size_t index;
+  std::int32_t dupnm;
+};
+std::vector<Taken> taken;
+
+// Before anything is changed: 0, or -1 with 116.
+int begin_taking(const Keys& keys) {
+  taken.clear();
+  try {
+    taken.reserve(keys.size());
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
   }
+  return 0;
+}
+
+int take_out(const Keys& keys, std::size_t index, Item& item) {
+  if (btdelitem(item, keys[index]) != 0) return -1;
+  taken.push_back({index, item.dupnm});
+  return 0;
+}
+
+// Takes all items of a record out: 0, or -1 at the first that cannot be.
+int take_items(const Keys& keys, ConstBytes record, std::int32_t number) {
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (keys[i].nparts == 0) continue;
+    Item item = item_of(record, number, keys[i]);
+    if (take_out(keys, i, item) != 0) return -1;
+  }
+  return 0;
+}
+
+// Puts the item taken out last back where it stood.
+void put_back_last(const Keys& keys, ConstBytes record, std::int32_t number) {
+  const keydescr& k = keys[taken.back().index];
+  Item item = item_of(record, number, k);
+  item.dupnm = taken.back().dupnm;
+  taken.pop_back();
+  note_undone(btreturnitem(item, k));
 }
 
 // Adds a record's items to the first indexes, up to one that refuses it: how many were added.
@@ -139,12 +182,11 @@ std::size_t add_items(const Keys& keys, ConstBytes record, std::int32_t number, 
 class Replacement {
  public:
   Replacement(const Keys& keys, std::int32_t number, ConstBytes old, ConstBytes record)
-      : keys_(keys), number_(number), old_(old), record_(record) {
-    changed_.clear();
-  }
+      : keys_(keys), number_(number), old_(old), record_(record) {}
 
   // Unique indexes come first: they are the ones that may refuse.
   int run(Current current, KeptPosition& position) {
+    if (begin_taking(keys_) != 0) return -1;
     if (change(false, current, position) == 0 && change(true, current, position) == 0) return 0;
     undo();
     return -1;
@@ -153,11 +195,10 @@ class Replacement {
   void undo() {
     const KeepError keep;
     const RoomIsThere its_own;
-    for (; !changed_.empty(); changed_.pop_back()) {
-      const keydescr& k = keys_[changed_.back()];
-      Item old = item_of(old_, number_, k);
-      btadditem(old, k);
-      btdelitem(item_of(record_, number_, k), k);
+    while (!taken.empty()) {
+      const keydescr& k = keys_[taken.back().index];
+      put_back_last(keys_, old_, number_);
+      remove_added(k, record_, number_);
     }
   }
 
@@ -166,31 +207,28 @@ class Replacement {
     for (std::size_t i = 0; i < keys_.size(); ++i) {
       const keydescr& k = keys_[i];
       if (((k.flags & KF_DUPS) != 0) != dups || k.nparts == 0) continue;
-      const Item old = item_of(old_, number_, k);
+      Item old = item_of(old_, number_, k);
       Item fresh = item_of(record_, number_, k);
       if (itcompare(old, fresh, KeyOrder{k}) == 0) continue;
-      if (replace(k, old, fresh) != 0) return -1;
-      changed_.push_back(i);
+      if (replace(i, old, fresh) != 0) return -1;
       position.note_neighbour();
       if (current == Current::kMoves && is_current_key(k)) position.move_to(fresh);
     }
     return 0;
   }
 
-  static int replace(const keydescr& k, const Item& old, Item& fresh) {
+  int replace(std::size_t index, Item& old, Item& fresh) {
+    const keydescr& k = keys_[index];
     if (btadditem(fresh, k) != 0) return -1;
     const std::uint16_t nearby = bt.state & kSameKeyNearby;
-    if (btdelitem(old, k) == 0) {
+    if (take_out(keys_, index, old) == 0) {
       bt.state |= nearby;
       return 0;
     }
     const KeepError keep;
-    btdelitem(fresh, k);
+    note_undone(btdelitem(fresh, k));
     return -1;
   }
-
-  // Indexes changed so far; kept between calls for its memory.
-  static inline std::vector<std::size_t> changed_;
 
   const Keys& keys_;
   std::int32_t number_;
@@ -348,17 +386,13 @@ int delrecord(std::int32_t number, ConstBytes old) {
   const Keys* keys = file_keys();
   if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
   if (may_be_undone() && reserve_entry(openp->deleted) != 0) return -1;
+  if (begin_taking(*keys) != 0) return -1;
   const KeptPosition position;
-  std::size_t removed = 0;
-  for (; removed < keys->size(); ++removed) {
-    const keydescr& k = (*keys)[removed];
-    if (k.nparts > 0 && btdelitem(item_of(old, number, k), k) != 0) break;
-  }
   filep->gives_number = true;
-  if (removed == keys->size() && remove_record(number, old) == 0) return 0;
+  if (take_items(*keys, old, number) == 0 && remove_record(number, old) == 0) return 0;
   const KeepError keep;
   const RoomIsThere its_own;
-  put_back_items(*keys, removed, old, number);
+  while (!taken.empty()) put_back_last(*keys, old, number);
   return -1;
 }
 

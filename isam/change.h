@@ -1,8 +1,8 @@
 // change: adding, replacing and deleting one record together with its index entries.
 //
 // Needs   the current open entered for writing
-// Keeps   R1 a change that fails is undone: indexes, numbers and the record are as they were (in a
-//            file whose changes are written late, a record put back stands last among its equals)
+// Keeps   R1 a change that fails is undone: indexes, numbers and the record are as they were. Of an
+//            undoing that fails the pair's mark is left, as of a lost write
 // Gives   the steps behind the public calls
 // Never   moves the open's position, unless it is told to
 #pragma once

@@ -40,6 +40,7 @@ bool Descent::settle(PathLevel& level, int offset, int next, int result) {
 int Descent::break_tie(std::int32_t dupnm) {
   switch (mode_) {
     case Search::kRead:
+    case Search::kReturn:
       return layout_.dups && sought_.dupnm > dupnm ? 1 : -1;
     case Search::kPast:
       return 0;

@@ -114,7 +114,7 @@ TEST(Btree, TreesThatAreNoneAreLeft) {
     node = make_node(tree, level, std::vector<std::int32_t>(10, node), true);
   }
   graft(tree, std::vector<std::int32_t>(10, node), true);
-  EXPECT_EQ(btdelitem(tree.item_of(0, 2), tree.k), -1);
+  EXPECT_EQ(tree.take_out(0, 2), -1);
   EXPECT_EQ(iserrno, kCorrupted);
 
   graft(tree, std::vector<std::int32_t>(10, tree.k.rootnode), true);
@@ -191,7 +191,7 @@ TEST(Btree, AFailedFreeingChangesNothing) {
     dictp->set_d_freenode(2);  // the key descriptions
     dictp->set_d_nextnode(last + 1);
     clear_errors();
-    const int result = btdelitem(tree.item_of(at->first, at->second), tree.k);
+    const int result = tree.take_out(at->first, at->second);
     dictp->set_d_freenode(head);
     dictp->set_d_nextnode(last);
     if (result == 0) {

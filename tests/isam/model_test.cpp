@@ -160,25 +160,39 @@ class Script {
               .left = any(one ? 6 : 2)};
   }
 
-  // Whether the call that has ended must or may tell, and tells, of a write that failed: its own,
-  // or one that an exclusive open had delayed. The close and the flush tell of those again.
-  bool told(bool settles = false) {
+  // What a call has to do with the failure of a write that an exclusive open had delayed: the next
+  // one that gets as far as the pair tells it and does nothing else, the close and the flush do so
+  // every time, and isopen never does.
+  enum class Late { kTold, kToldAgain, kPassedOver };
+
+  // Whether the call that has ended must tell, or may and does, of a write that failed: its own, or
+  // one that was delayed.
+  bool told(Late late) {
     const int hits = std::exchange(faults.hits, 0);
     const bool tells = faults.error != 0 && ::iserrno == faults.error;
-    const bool alone = model_.is_alone();
-    if (hits > 0) ++refused;
+    const bool again = late == Late::kToldAgain;
     own_ = hits > 0;
-    if (!alone) return hits > 0;
-    const bool may = hits > 0 || owed_ || (settles && lost_);
-    if (tells && !own_) lost_ = true;
-    owed_ = own_ || (owed_ && !tells && ::iserrno != 0);
-    return settles && ::iserrno != ISENOTOPEN && lost_ ? true : tells && may;
+    if (own_) ++refused;
+    if (!model_.is_alone()) return own_;
+    if (own_) {
+      // It was the call's own, or is told by a later one.
+      const Known fresh = tells ? Known::kPerhaps : Known::kYes;
+      owed_ = std::max(late == Late::kPassedOver ? owed_ : Known::kNo, fresh);
+      lost_ = std::max(lost_, fresh);
+      return again || tells;
+    }
+    if (late == Late::kPassedOver || ::iserrno == ISENOTOPEN) return false;
+    Known& known = again ? lost_ : owed_;
+    const bool tells_late = known == Known::kYes || (tells && known == Known::kPerhaps);
+    if (again || tells_late) lost_ = tells_late ? Known::kYes : Known::kNo;
+    owed_ = Known::kNo;
+    return tells_late;
   }
 
   // What the model says of a call that has ended, unless a write failed.
   template <typename Says>
-  int expected(const Says& says, bool settles = false) {
-    return told(settles) ? model_.fails(faults.error) : says();
+  int expected(const Says& says, Late late = Late::kTold) {
+    return told(late) ? model_.fails(faults.error) : says();
   }
 
   // The last exclusive open could not write everything: nobody opens the pair before it is
@@ -191,7 +205,7 @@ class Script {
       model_.isclose(isfd);
       isfd = -1;
     }
-    lost_ = owed_ = false;
+    owed_ = lost_ = Known::kNo;
     const int isfd = ::isopen(base_.c_str(), ISINOUT | ISMANULOCK | format_);
     if (isfd >= 0 ? whole : ::iserrno != ISECORRUPT) return fail("opened without repair");
     ::isclose(isfd);
@@ -256,7 +270,8 @@ class Script {
     const int trouble = misnamed ? among({ENOENT, ISENAME}) : 0;
     const std::string rest = trouble == 0 ? "" : std::string(trouble == ENOENT ? 1 : 123, 'x');
     const int got = ::isopen((base_ + rest).c_str(), mode);
-    const int result = expected([&] { return model_.isopen(trouble, mode, got); });
+    const int result =
+        expected([&] { return model_.isopen(trouble, mode, got); }, Late::kPassedOver);
     if (check({got}, {result}, "isopen", rest, mode)) isfd = got;
   }
 
@@ -264,13 +279,13 @@ class Script {
     for (int times = one_in(4) ? 2 : 1; isfd >= 0 && times > 0; --times) {
       const int result = ::isclose(isfd);
       const bool alone = model_.is_alone();
-      const bool fails = told(true);
+      const bool fails = told(Late::kToldAgain);
       const int closed = model_.isclose(isfd);
       check({result}, {fails ? model_.fails(faults.error) : closed}, "isclose", isfd);
       if (model_.is_alone() || !alone) continue;
       isfd = -1;
       if (fails && !failed) mend();
-      owed_ = false;
+      owed_ = lost_ = Known::kNo;
     }
     isfd = -1;
   }
@@ -326,11 +341,7 @@ class Script {
     char* const at = record.data();
     const Target key{Target::kPrimaryKey}, current{Target::kCurrent},
         by_number{Target::kNumber, number};
-    // An exclusive open that undoes one of these puts items back behind their equals.
-    const bool reorders = call > 1 && model_.is_alone();
-    const Refused what = reorders ? std::exchange(faults.what, Refused::kNone) : faults.what;
     const auto compare = [&](const char* name, int got, const auto& says) {
-      faults.what = reorders ? what : faults.what;
       const int result = expected(says);
       if (result != 0 && call < 2 && own_ && model_.error == faults.error) model_.return_refused();
       check({got}, {result}, name, isfd, number, show(record), ::isreclen);
@@ -382,11 +393,11 @@ class Script {
   }
 
   void ask(int isfd) {
-    const auto other = [&](IsamModel::Access access, bool legal = true, bool settles = false) {
-      return expected([&] { return model_.isother(isfd, access, legal); }, settles);
+    const auto other = [&](IsamModel::Access access, bool legal = true, Late late = Late::kTold) {
+      return expected([&] { return model_.isother(isfd, access, legal); }, late);
     };
     int got = ::isflush(isfd);
-    check({got}, {other(IsamModel::kRead, true, true)}, "isflush", isfd);
+    check({got}, {other(IsamModel::kRead, true, Late::kToldAgain)}, "isflush", isfd);
     got = ::isrelease(isfd);
     check({got}, {other(IsamModel::kNothing)}, "isrelease", isfd);
     std::int32_t id = static_cast<std::int32_t>(any(3000)) - 1000;
@@ -483,10 +494,12 @@ class Script {
   const std::string base_ = folder_ / "pair";
   std::vector<int> opens_ = std::vector<int>(shape_.locks.size(), -1);  // -1: closed
   std::int32_t unique_ = 1;
-  bool own_ = false;   // a write of the last call failed
-  bool owed_ = false;  // the next call may tell of one that was delayed
-  bool lost_ = false;  // one was told: every close and flush fails
-  Bytes last_read_;    // through any open
+  bool own_ = false;  // a write of the last call failed
+  // Whether the next call tells of a write that was delayed, and every close and flush.
+  enum class Known { kNo, kPerhaps, kYes };
+  Known owed_ = Known::kNo;
+  Known lost_ = Known::kNo;
+  Bytes last_read_;  // through any open
   std::deque<std::string> last_calls_;
 };
 

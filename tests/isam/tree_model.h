@@ -113,18 +113,38 @@ class Tree {
     return result;
   }
 
+  // Takes an item out of the tree alone: what btdelitem answers.
+  int take_out(int key, std::int32_t record) const {
+    Item item = item_of(key, record);
+    return btdelitem(item, k);
+  }
+
   int remove(std::multimap<int, std::int32_t>::iterator at) {
     clear_errors();
-    const int result = btdelitem(item_of(at->first, at->second), k);
+    const int result = take_out(at->first, at->second);
     if (result != 0) return result;
     pair.drop_record(at->second);
     model.erase(at);
     return 0;
   }
 
-  void remove_any(std::mt19937& random) {
-    const auto nth = static_cast<std::ptrdiff_t>(random() % model.size());
-    EXPECT_EQ(remove(std::next(model.begin(), nth)), 0);
+  auto any(std::mt19937& random) {
+    return std::next(model.begin(), static_cast<std::ptrdiff_t>(random() % model.size()));
+  }
+
+  void remove_any(std::mt19937& random) { EXPECT_EQ(remove(any(random)), 0); }
+
+  // Takes up to so many items out, and puts them back in reverse order.
+  void take_out_and_return(std::mt19937& random, std::size_t most) {
+    std::map<std::int32_t, Item> items;
+    std::vector<std::int32_t> order;
+    for (; most > 0; --most) {
+      const auto& [key, record] = *any(random);
+      if (!items.emplace(record, item_of(key, record)).second) continue;
+      order.push_back(record);
+      EXPECT_EQ(btdelitem(items[record], k), 0);
+    }
+    for (; !order.empty(); order.pop_back()) EXPECT_EQ(btreturnitem(items[order.back()], k), 0);
   }
 
   bool on(const std::pair<const int, std::int32_t>& entry) const {
