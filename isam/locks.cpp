@@ -270,6 +270,10 @@ int lkrecord(std::int32_t number, RecordLock how, LockList list) {
   }
 }
 
+bool keeps_locked(std::int32_t number) {
+  return (openp->mode & ISEXCLLOCK) != 0 || filep->held.contains(number);
+}
+
 int lkfile(bool take) {
   if ((openp->mode & ISEXCLLOCK) != 0) return 0;
   return take ? take_file_lock() : release_file_lock();

@@ -35,6 +35,9 @@ enum class LockList { kHeld, kReleasable };
 // file covers it. 0, or -1 with 107 (locked by another process) or 134.
 int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHeld);
 
+// Whether a record that the current open has changed in a transaction was locked all the time since.
+[[nodiscard]] bool keeps_locked(std::int32_t number);
+
 // Takes the whole-file lock, or releases it together with all record locks of the file except of
 // records that an open transaction has changed: 0, or -1 with 107 or 134.
 int lkfile(bool take);

@@ -1,5 +1,7 @@
 #include "txlog/apply.h"
 
+#include <algorithm>
+
 #include "isam/btree.h"
 #include "isam/change.h"
 #include "isam/errors.h"
@@ -8,6 +10,7 @@
 #include "isam/freelists.h"
 #include "isam/items.h"
 #include "isam/keytable.h"
+#include "isam/locks.h"
 #include "txlog/logfile.h"
 
 namespace isam::txlog {
@@ -41,13 +44,18 @@ int insert(std::int32_t number, ConstBytes record, How how) {
   return -1;
 }
 
+bool is_as_made(const FoundRecord& found, const Made& made) {
+  return !made || (keeps_locked(found.number) && std::ranges::equal(found.bytes, *made));
+}
+
 // Runs `change` on the record with a number; a record that is not there is no failure: true.
 template <typename Change>
-bool change_record(std::int32_t number, Change change) {
+bool change_record(std::int32_t number, const Made& made, Change change) {
   const FoundRecord found = getcurrent(number);
   if (found.number > 0) {
-    change(found);
-    return false;
+    const bool is_meant = is_as_made(found, made);
+    if (is_meant) change(found);
+    return !is_meant;
   }
   if (iserrno != kNoRecord) return false;
   clear_errors();
@@ -62,18 +70,18 @@ int lginsert(int isfd, std::int32_t number, ConstBytes record, How how) {
   return isexit();
 }
 
-int lgdelete(int isfd, std::int32_t number, bool* absent) {
+int lgdelete(int isfd, std::int32_t number, bool* absent, const Made& made) {
   if (enter(isfd) != 0) return -1;
-  const bool missing =
-      change_record(number, [](const FoundRecord& found) { delrecord(found.number, found.bytes); });
+  const bool missing = change_record(
+      number, made, [](const FoundRecord& found) { delrecord(found.number, found.bytes); });
   if (absent != nullptr) *absent = missing;
   return isexit();
 }
 
-int lgupdate(int isfd, std::int32_t number, ConstBytes record) {
+int lgupdate(int isfd, std::int32_t number, ConstBytes record, const Made& made) {
   if (enter(isfd) != 0) return -1;
   if (check_length(record) == 0) {
-    change_record(number, [&](const FoundRecord& found) {
+    change_record(number, made, [&](const FoundRecord& found) {
       rewrecord(found.number, found.bytes, record, Current::kStays);
     });
   }

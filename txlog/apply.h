@@ -17,12 +17,17 @@ enum class How {
   kRedo,  // what was logged; a new record's number is taken from the free ones first
 };
 
+// What a transaction of this process made of a record, for a rollback: a record that holds anything
+// else, or that another process can have changed since, is not the one meant, and counts as absent.
+// A change that no rollback undoes has come over it, which may have set its number free.
+using Made = std::optional<ConstBytes>;
+
 // Each works on open `isfd`, and counts as done when there is no record to delete or rewrite.
 // 119 when an image has a length that the file's records cannot have; lginsert 126 when the number
 // cannot be had.
 int lginsert(int isfd, std::int32_t number, ConstBytes record, How how);
-int lgdelete(int isfd, std::int32_t number, bool* absent = nullptr);
-int lgupdate(int isfd, std::int32_t number, ConstBytes record);
+int lgdelete(int isfd, std::int32_t number, bool* absent = nullptr, const Made& made = {});
+int lgupdate(int isfd, std::int32_t number, ConstBytes record, const Made& made = {});
 
 // A record's bytes; none when it is not there.
 using Contents = std::optional<std::vector<Byte>>;

@@ -156,7 +156,7 @@ void leave_record(const FileRecord& file, std::int32_t number) {
 
 int undo_insert(const Image& image) {
   const OpenRecord* const open = open_of(image.open);
-  if (lgdelete(image.open, image.number) != 0) return -1;
+  if (lgdelete(image.open, image.number, nullptr, image.new_image) != 0) return -1;
   leave_record(*open->file, image.number);
   return 0;
 }
@@ -170,7 +170,7 @@ int undo(const LogRecord& logged) {
     case LogType::kInsert:
       return undo_insert(*image);
     default:
-      return lgupdate(image->open, image->number, image->old_image);
+      return lgupdate(image->open, image->number, image->old_image, image->new_image);
   }
 }
 

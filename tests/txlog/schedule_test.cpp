@@ -306,9 +306,6 @@ class World {
   std::map<int, int> unmade_;  // changes applied that were not made, by number
 };
 
-TEST_P(Evidence, ZZ) {
-  if (getenv("LOG")) std::printf("-> %s\n", outcome(getenv("LOG")).c_str());
-}
 class Schedules : public Evidence {};
 INSTANTIATE_TEST_SUITE_P(Formats, Schedules, ::testing::Values(false));
 
