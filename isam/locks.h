@@ -35,7 +35,8 @@ enum class LockList { kHeld, kReleasable };
 // file covers it. 0, or -1 with 107 (locked by another process) or 134.
 int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHeld);
 
-// Whether a record that the current open has changed in a transaction was locked all the time since.
+// Whether a record that the current open has changed in a transaction was locked all the time
+// since.
 [[nodiscard]] bool keeps_locked(std::int32_t number);
 
 // Takes the whole-file lock, or releases it together with all record locks of the file except of

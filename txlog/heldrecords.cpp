@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "txlog/outlook.h"
 #include "txlog/replayfiles.h"
 
 namespace isam::txlog {
@@ -126,14 +127,15 @@ std::vector<HeldId> HeldRecords::about_file(const Touch& touch) {
   return found;
 }
 
-void HeldRecords::complete(std::vector<HeldId>& found) {
+void HeldRecords::complete(std::vector<HeldId>& found, LogOutlook& outlook) {
   for (const HeldId id : found) pool_[id].chosen = true;
-  if (!found.empty()) add_companions(found, *pool_[found.front()].file);
+  if (!found.empty()) add_companions(found, *pool_[found.front()].file, outlook);
   for (const HeldId id : found) pool_[id].chosen = false;
   std::ranges::sort(found, {}, [this](HeldId id) { return pool_[id].offset; });
 }
 
-void HeldRecords::add_companions(std::vector<HeldId>& found, ReplayFile& file) {
+void HeldRecords::add_companions(std::vector<HeldId>& found, ReplayFile& file,
+                                 LogOutlook& outlook) {
   struct Ends {
     std::int64_t any = 0;
     std::int64_t unlinked = 0;
@@ -152,17 +154,18 @@ void HeldRecords::add_companions(std::vector<HeldId>& found, ReplayFile& file) {
     const Held& held = pool_[id];
     const auto writers = ends.find(held.writer);
     if (writers == ends.end()) continue;
-    const bool goes = held.about == About::kOpening
-                          ? held.offset < writers->second.any
-                          : held.offset < writers->second.unlinked && !waits_for_image(held);
+    const bool goes = held.about == About::kOpening ? held.offset < writers->second.any
+                                                    : held.offset < writers->second.unlinked &&
+                                                          !waits_for_image(held, outlook);
     if (!goes || held.chosen) continue;
     pool_[id].chosen = true;
     found.push_back(id);
   }
 }
 
-// Whether a linked image of the same writer and record stands before a held record and does not go.
-bool HeldRecords::waits_for_image(const Held& held) {
+// Whether a linked image of the same writer and record stands before a held record and does not go,
+// nor was taken back.
+bool HeldRecords::waits_for_image(const Held& held, LogOutlook& outlook) {
   if (held.about != About::kRecord) return false;
   HeldId id = bucket_of(held.file, held.number).first;
   for (; id != kNoHeld && step() && pool_[id].offset < held.offset;
@@ -170,7 +173,8 @@ bool HeldRecords::waits_for_image(const Held& held) {
     const Held& other = pool_[id];
     const bool same = other.about == About::kRecord && other.file == held.file &&
                       other.number == held.number && other.writer == held.writer;
-    if (same && other.linked && !other.chosen) return true;
+    const bool waits = same && other.linked && !other.chosen;
+    if (waits && !outlook.was_taken_back(other.offset)) return true;
   }
   return false;
 }

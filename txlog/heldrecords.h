@@ -17,6 +17,7 @@
 
 namespace isam::txlog {
 
+class LogOutlook;
 struct ReplayFile;
 struct Writer;
 
@@ -91,7 +92,7 @@ class HeldRecords {
   // Adds to what was found, all about one file, what goes with it: the same writers' openings of
   // the file before, and what they did to it outside of their transactions before what was found
   // of that. With images of a transaction that were not found, later ones of the same record wait.
-  void complete(std::vector<HeldId>& found);
+  void complete(std::vector<HeldId>& found, LogOutlook& outlook);
 
   // One more record of the log has been read: by their number searching is bounded.
   void count_record() { ++records_; }
@@ -120,8 +121,8 @@ class HeldRecords {
 
   void find_about(std::vector<HeldId>& found, const Touch& touch, About about, std::int32_t number);
   void find_all(std::vector<HeldId>& found, const Touch& touch, const HeldList& list);
-  void add_companions(std::vector<HeldId>& found, ReplayFile& file);
-  [[nodiscard]] bool waits_for_image(const Held& held);
+  void add_companions(std::vector<HeldId>& found, ReplayFile& file, LogOutlook& outlook);
+  [[nodiscard]] bool waits_for_image(const Held& held, LogOutlook& outlook);
 
   std::deque<Held> pool_;
   HeldId free_ = kNoHeld;

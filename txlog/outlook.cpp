@@ -61,11 +61,12 @@ void LogOutlook::read() {
     Process& process = processes[record.process()];
     follow_transaction(process, record, offset);
     const Trace trace = trace_of(record);
-    if (are_opposites(process.trace, trace)) {
+    const bool takes_back = are_opposites(process.trace, trace);
+    if (takes_back) {
       taken_back_.emplace_back(process.last, offset);
       opposites_.push_back(offset);
     }
-    process.trace = trace;
+    process.trace = takes_back ? Trace{} : trace;  // an opposite is not taken back itself
     process.last = offset;
     offset += record.length();
   }

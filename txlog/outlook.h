@@ -25,6 +25,10 @@ class LogOutlook {
   [[nodiscard]] std::int64_t opposite_of(std::int64_t image);
 
   [[nodiscard]] bool is_opposite(std::int64_t offset);
+  // Whether a record is such an image, or its opposite.
+  [[nodiscard]] bool was_taken_back(std::int64_t offset) {
+    return opposite_of(offset) >= 0 || is_opposite(offset);
+  }
 
   // A file-open record of a process number whose transaction, begun at `begin`, is open. `reopens`:
   // it opens by a number that is open already, so rather by another process.

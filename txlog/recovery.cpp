@@ -129,7 +129,7 @@ class Recovery {
     } else if (writer.opened_since && !is_of_before(writer, record)) {
       if (!is_image(type)) return;
       leave_doubt(writer);
-    } else if (type != LogType::kBegin) {
+    } else if (type != LogType::kBegin || is_of_before(writer, record)) {
       writer.opened_since = false;
       const std::int32_t number = writer.doubted_number;
       if (!replay_.doubts().end(writer) || !is_image(type)) return;

@@ -151,14 +151,17 @@ void Replay::end_put_off(RecordKey about) {
   if (found) --put_off_at_[found.mapped().depth];
 }
 
-// Whoever has the key got it because the writer went on to change the record once more, before it
-// was killed.
+// Whoever has the key got it because the writer, or somebody else after it, went on to change the
+// record once more.
 int Replay::change_again(RecordKey about, const Held& put_off) {
   const Touch touch{nullptr, INT64_MAX, put_off.file, About::kRecord, false};
   const Writer* const writer = put_off.writer;
+  const std::int64_t offset = put_off.offset;
   for (const HeldId id : held_.about_record(touch, about.second)) {
     if (!put_off_.contains(about)) break;
-    if (held_[id].writer == writer && !held_[id].done && redo_held(id) != 0) return -1;
+    const bool may_go_on = held_[id].writer == writer || held_[id].offset > offset;
+    const bool goes_on = may_go_on && !outlook_.was_taken_back(held_[id].offset);
+    if (goes_on && !held_[id].done && redo_held(id) != 0) return -1;
   }
   return 0;
 }
@@ -171,12 +174,12 @@ int Replay::put_before(const Step& step) {
               needs_all_records(step.record)};
   std::vector<HeldId> found = held_.about_file(touch);
   if (touch.about == About::kRecord) add_standing(step, touch, found);
-  held_.complete(found);
+  held_.complete(found, outlook_);
   if (redo_all(found) != 0) return -1;
   if (other) {
     touch.file = other.mapped();
     found = held_.about_file(touch);
-    held_.complete(found);
+    held_.complete(found, outlook_);
     if (redo_all(found) != 0) return -1;
   }
   return held_.is_exhausted() ? failed(kBadLogRecord) : 0;

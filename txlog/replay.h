@@ -88,7 +88,7 @@ class Replay {
   // The result of an image that was put off.
   static constexpr int kPutOff = 1;
 
-  enum class Way { kNone, kMade, kFailed };
+  enum class Way { kNone, kMade, kUnneeded, kFailed };
 
   int put_before(const Step& step);
   int change_again(RecordKey about, const Held& put_off);
@@ -111,16 +111,20 @@ class Replay {
   void end_put_off(RecordKey about);
   int file_of(const Step& step);
 
+  std::vector<HeldId> held_about(const Touch& touch, std::int32_t number);
   void add_standing(const Step& step, const Touch& touch, std::vector<HeldId>& found);
   void choose_standing(const std::vector<HeldId>& held, const Contents& file, Contents seen);
   [[nodiscard]] bool was_perhaps_not_made(const Held& held);
   std::optional<Doubt> refuted_by(const Step& step, const Image& image, int isfd);
   Way make_way(const Step& step, const Image& image, int isfd);
+  bool is_refuted(const std::vector<HeldId>& held, std::size_t i, const Image& image);
   Way apply_giving_up(const Step& step, const Clash& clash);
   bool give_way(const Step& step, std::int32_t number, int isfd, const Clash* clash);
+  bool change_instead(const Step& step, std::int32_t number, ConstBytes before);
   int undo_doubted(const Doubt& doubt, int isfd);
   void forget_doubted(const ReplayFile& file, std::int32_t number, const Doubt& doubt);
-  [[nodiscard]] const Doubt* doubt_of_another(const Step& step, std::int32_t number) const;
+  [[nodiscard]] const Doubt* doubt_of_another(const Step& step, std::int32_t number,
+                                              std::int64_t before) const;
 
   int mode_;
   RecoveryObserver& observer_;

@@ -1,5 +1,6 @@
 // Applying images of records, and what gives way to them.
 #include <algorithm>
+#include <utility>
 
 #include "isam/errors.h"
 #include "txlog/replay.h"
@@ -21,13 +22,20 @@ Contents after(const Image& image, LogType type) {
 
 }  // namespace
 
+// What is held about a record and may stand: not what takes back what does not.
+std::vector<HeldId> Replay::held_about(const Touch& touch, std::int32_t number) {
+  std::vector<HeldId> found = held_.about_record(touch, number);
+  std::erase_if(found, [this](HeldId id) { return passed_over_.contains(held_[id].offset); });
+  return found;
+}
+
 // Of what others hold about the record of an image, adds what stands in the files: what leads from
 // the record as it is here to the record as the writer of the image met it. The rest is done with:
 // it was undone by a recovery since, or never made.
 void Replay::add_standing(const Step& step, const Touch& touch, std::vector<HeldId>& found) {
   const auto image = step.record.image();
   if (!image) return;
-  const std::vector<HeldId> held = held_.about_record(touch, image->number);
+  const std::vector<HeldId> held = held_about(touch, image->number);
   // What takes an image back tells nothing about the record.
   if (held.empty() || outlook_.is_opposite(step.offset)) return;
   const int isfd = file_of(step);
@@ -75,6 +83,7 @@ int Replay::apply_image(const Step& step) {
   const auto image = step.record.image();
   if (!image) return failed(kBadLogRecord);
   std::optional<Doubt> refuted;
+  bool goes_back = false;  // what it refutes is undone after all: its key is in the way
   for (;;) {
     const int isfd = file_of(step);
     if (isfd < 0) return -1;
@@ -82,11 +91,12 @@ int Replay::apply_image(const Step& step) {
     const int result =
         refuted ? change_as_found(step, *image, isfd) : change_record(step, *image, isfd);
     if (result == 0) break;
+    if (refuted && !goes_back) static_cast<void>(undo_doubted(*refuted, isfd));
+    goes_back = refuted.has_value();
     const Way way = make_way(step, *image, isfd);
     if (way == Way::kMade) continue;
-    const bool later = way == Way::kNone && put_off(step, image->number);
-    if (refuted) static_cast<void>(undo_doubted(*refuted, isfd));
-    return later ? kPutOff : -1;
+    if (way == Way::kUnneeded) return kPutOff;
+    return way == Way::kNone && put_off(step, image->number) ? kPutOff : -1;
   }
   const bool is_last = step.writer->serial != 0 && step.writer->last == step.offset;
   if (is_last) {
@@ -149,10 +159,11 @@ bool Replay::put_off(const Step& step, std::int32_t number) {
   return true;
 }
 
-const Doubt* Replay::doubt_of_another(const Step& step, std::int32_t number) const {
+const Doubt* Replay::doubt_of_another(const Step& step, std::int32_t number,
+                                      std::int64_t before) const {
   const Doubt* const doubt = doubts_.find(*step.file, number);
   const bool counts =
-      doubt != nullptr && doubt->serial != step.writer->serial && doubt->offset < step.offset;
+      doubt != nullptr && doubt->serial != step.writer->serial && doubt->offset < before;
   return counts ? doubt : nullptr;
 }
 
@@ -161,7 +172,7 @@ const Doubt* Replay::doubt_of_another(const Step& step, std::int32_t number) con
 // else's by now.
 std::optional<Doubt> Replay::refuted_by(const Step& step, const Image& image, int isfd) {
   if (step.record.type() == LogType::kInsert) return std::nullopt;
-  const Doubt* const doubt = doubt_of_another(step, image.number);
+  const Doubt* const doubt = doubt_of_another(step, image.number, step.offset);
   if (doubt == nullptr || doubt->type == LogType::kInsert) return std::nullopt;
   const LogRecord record = look_.isgetnext(doubt->offset);
   const auto doubted = record.bytes().empty() ? std::nullopt : record.image();
@@ -173,7 +184,7 @@ std::optional<Doubt> Replay::refuted_by(const Step& step, const Image& image, in
 }
 
 // What stands in the way of an image that was refused: `kMade` when it is out of the way, so that
-// the image can be tried again.
+// the image can be tried again, `kUnneeded` when what it was to put back was changed otherwise.
 Replay::Way Replay::make_way(const Step& step, const Image& image, int isfd) {
   const KeepError keep;
   if (outlook_.opposite_of(step.offset) >= 0) return Way::kNone;  // it was refused then, too
@@ -181,6 +192,8 @@ Replay::Way Replay::make_way(const Step& step, const Image& image, int isfd) {
     return give_way(step, image.number, isfd, nullptr) ? Way::kMade : Way::kNone;
   }
   if (iserrno != kDuplicate) return Way::kNone;
+  const bool takes_back = outlook_.is_opposite(step.offset);
+  if (takes_back && change_instead(step, image.number, image.new_image)) return Way::kUnneeded;
   for (const Clash& clash : lgclashes(isfd, image.number, image.new_image)) {
     const Way way = apply_giving_up(step, clash);
     if (way != Way::kNone) return way;
@@ -189,19 +202,32 @@ Replay::Way Replay::make_way(const Step& step, const Image& image, int isfd) {
   return Way::kNone;
 }
 
+// Whether a held image was not made, as the next one of its record shows, which has the same old
+// image.
+bool Replay::is_refuted(const std::vector<HeldId>& held, std::size_t i, const Image& image) {
+  if (i + 1 >= held.size() || !was_perhaps_not_made(held_[held[i]])) return false;
+  const std::vector<Byte> old{image.old_image.begin(), image.old_image.end()};
+  const LogRecord next = look_.isgetnext(held_[held[i + 1]].offset);
+  const auto after = next.bytes().empty() ? std::nullopt : next.image();
+  return after && next.type() != LogType::kInsert && std::ranges::equal(after->old_image, old);
+}
+
 // Somebody who has the key, perhaps the writer itself, has given it up before, in a transaction
 // that is held.
 Replay::Way Replay::apply_giving_up(const Step& step, const Clash& clash) {
   if (depth_ > kDeepest) return Way::kNone;
   const Touch touch{nullptr, step.offset, step.file, About::kRecord, false};
-  std::vector<HeldId> found = held_.about_record(touch, clash.owner);
+  std::vector<HeldId> found = held_about(touch, clash.owner);
   for (std::size_t i = 0; i < found.size() && !held_.is_exhausted(); ++i) {
     held_.count_look();
-    const LogRecord record = look_.isgetnext(held_[found[i]].offset);
+    const std::int64_t offset = held_[found[i]].offset;
+    if (outlook_.was_taken_back(offset)) continue;
+    const LogRecord record = look_.isgetnext(offset);
     const auto image = record.bytes().empty() ? std::nullopt : record.image();
     if (!image || !clash.has_key(image->old_image) || clash.has_key(image->new_image)) continue;
+    if (is_refuted(found, i, *image)) continue;
     found.resize(i + 1);
-    held_.complete(found);
+    held_.complete(found, outlook_);
     const bool applied =
         redo_all(found) == 0 && redo_put_off({step.file->id, step.record.image()->number}) == 0;
     return applied ? Way::kMade : Way::kFailed;
@@ -212,7 +238,9 @@ Replay::Way Replay::apply_giving_up(const Step& step, const Clash& clash) {
 // Whether the last change of a record was not made: only through it the record has the number, or
 // the key, that somebody else was given afterwards.
 bool Replay::give_way(const Step& step, std::int32_t number, int isfd, const Clash* clash) {
-  const Doubt* const doubt = doubt_of_another(step, number);
+  // What has been put off stood until its transaction ended.
+  const std::int64_t before = may_put_off_ ? step.offset : INT64_MAX;
+  const Doubt* const doubt = doubt_of_another(step, number, before);
   if (doubt == nullptr || doubt->type == LogType::kDelete) return false;
   if (clash == nullptr && doubt->type != LogType::kInsert) return false;
   const LogRecord record = look_.isgetnext(doubt->offset);
@@ -222,9 +250,34 @@ bool Replay::give_way(const Step& step, std::int32_t number, int isfd, const Cla
                                                !clash->has_key(doubted->old_image));
   if (!only_there) return false;
   const Doubt giving_way = *doubt;
-  if (undo_doubted(giving_way, isfd) != 0) return false;
+  const std::vector<Byte> old{doubted->old_image.begin(), doubted->old_image.end()};
+  if (undo_doubted(giving_way, isfd) != 0) return change_instead(step, number, old);
   forget_doubted(*step.file, number, giving_way);
   return true;
+}
+
+// The record cannot be again what it was before a change that was not made, for somebody has that
+// key: it was changed otherwise then, in a transaction that is held.
+bool Replay::change_instead(const Step& step, std::int32_t number, ConstBytes before) {
+  const std::vector<Byte> old{before.begin(), before.end()};
+  const Touch touch{nullptr, step.offset, step.file, About::kRecord, false};
+  for (const HeldId id : held_about(touch, number)) {
+    held_.count_look();
+    if (depth_ > kDeepest || held_.is_exhausted()) return false;
+    const LogRecord record = look_.isgetnext(held_[id].offset);
+    const auto image = record.bytes().empty() ? std::nullopt : record.image();
+    const bool instead = image && record.type() != LogType::kInsert &&
+                         std::ranges::equal(image->old_image, old) &&
+                         !outlook_.was_taken_back(held_[id].offset);
+    if (!instead) continue;
+    std::vector<HeldId> found{id};
+    held_.complete(found, outlook_);
+    const HeldId outer = std::exchange(as_found_, id);
+    const int result = redo_all(found);
+    as_found_ = outer;
+    return result == 0;
+  }
+  return false;
 }
 
 int Replay::undo_doubted(const Doubt& doubt, int isfd) {

@@ -75,8 +75,8 @@ TEST_P(Recovery, RedoesWhatWasCommitted) {
   EXPECT_TRUE(read_file("log") == unfinished) << "recovery does not write to the log";
 }
 
-// Inside a transaction (capital letters) a record is written, rewritten and deleted, also through an
-// open that has no part in it: what that does stands after the rollback, and in a recovery, also
+// Inside a transaction (capital letters) a record is written, rewritten and deleted, also through
+// an open that has no part in it: what that does stands after the rollback, and in a recovery, also
 // when the record has got the same bytes again under the same number.
 TEST_P(Recovery, LeavesWhatCameOverARollback) {
   const struct {
@@ -84,8 +84,8 @@ TEST_P(Recovery, LeavesWhatCameOverARollback) {
     const char* steps;  // each with the group that the record gets, or another one
     int group;          // in the end; -1: the record is gone
   } kCases[] = {
-      {1, "R1 r2", 2},    {1, "R1 r2 R3", 2}, {1, "r2 R1", 2},     {1, "R1 d0", -1},
-      {1, "R1 d0 w2", 2}, {1, "R1 d0 w1", 1}, {1, "R1 d0 W1", -1}, {4, "W1 d0", -1},
+      {1, "R1 r2", 2},    {1, "R1 r2 R3", 2},     {1, "r2 R1", 2},     {1, "R1 d0", -1},
+      {1, "R1 d0 w2", 2}, {1, "R1 d0 w1", 1},     {1, "R1 d0 W1", -1}, {4, "W1 d0", -1},
       {4, "W1 d0 w2", 2}, {4, "W1 d0 r03 w1", 1}, {4, "W1 r2 d0", -1}, {4, "W1 d0 w2 R3 r4 D0", 4},
   };
   build("one", -1);
