@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
+#include "common/io.h"
 #include "tests/isam/test_pair.h"
 
 namespace isam {
@@ -55,6 +57,28 @@ TEST(Mark, IsSetAndClearedByItsProcessOnly) {
   // A file that ends before it has none.
   pair.replace_index({bare.begin(), bare.begin() + 120});
   EXPECT_EQ(find_mark(*filep), 0);
+}
+
+// Half a mark of its own does not keep a process from setting it.
+TEST(Mark, IsSetAfterATryThatWasCutShort) {
+  static int writes;
+  const TestPair pair({.node_size = 1024});
+  const Image bare = pair.index();
+  for (const auto state : {MarkState::kUnknown, MarkState::kClear}) {
+    filep->mark = state;
+    writes = 0;
+    common::system_calls().pwrite = [](int fd, const void* from, std::size_t, off_t at) {
+      if (writes++ == 0) return ::pwrite(fd, from, 6, at);
+      errno = ENOSPC;
+      return ssize_t{-1};
+    };
+    EXPECT_EQ(set_mark(*filep), -1);
+    common::system_calls().pwrite = ::pwrite;
+    EXPECT_EQ(set_mark(*filep), 0);
+    EXPECT_EQ(find_mark(*filep), 1);
+    EXPECT_EQ(clear_mark(*filep), 0);
+    EXPECT_EQ(pair.index(), bare);
+  }
 }
 
 }  // namespace

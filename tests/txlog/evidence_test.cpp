@@ -99,6 +99,7 @@ TEST_P(Evidence, DecidesWhatIsApplied) {
       {"unlinked: the same record", "A[ a*2:2.0>2.1 B*2:2.1>2.2 A]", "1:1.0 2:2.2 3:3.0"},
       {"... and those before", "A[ a*1:1.0>1.1 A*3:3.0>3.1 a*2:2.0>2.1 B*2:2.1>2.2 A~",
        "1:1.1 2:2.2 3:3.0"},
+      {"... without an end", "A[ a*1:1.0>1.1 a*2:2.0>2.1 B*2:2.1>2.2", "1:1.1 2:2.2 3:3.0"},
       {"... except behind images", "A[ A*1:1.0>1.1 a*1:1.1>1.2 a*2:2.0>2.1 B*2:2.1>2.2",
        "1:1.0 2:2.2 3:3.0"},
       {"... that were taken back", "A[ A+7:4.0 A! a+7:6.0 a*2:2.0>2.1 A*7:6.0>6.1 B*2:2.1>2.2",
@@ -107,7 +108,7 @@ TEST_P(Evidence, DecidesWhatIsApplied) {
        "2:2.0 3:3.0 6:1.6"},
       {"... its key", "A[ a-2:2.0 B+4:2.1 A]", "1:1.0 3:3.0 4:2.1"},
       {"... at a rollback", "A[ a*2:2.0>2.1 A*3:3.0>3.1 A~", "1:1.0 2:2.1 3:3.0"},
-      {"... without an end", "A[ a*2:2.0>2.1", "1:1.0 2:2.0 3:3.0"},
+      {"... and no proof of it", "A[ a*2:2.0>2.1", "1:1.0 2:2.0 3:3.0"},
       {"... an index", "A[ A*1:1.0>1.1 A*2:2.0>2.2 ai A]", "1:1.1 2:2.2 3:3.0"},
   };
   for (const auto& c : kCases) EXPECT_EQ(outcome(c.log), c.records) << c.what << ": " << c.log;

@@ -352,6 +352,8 @@ TEST_P(Transactions, KeepOnlyWhatIsOfThem) {
   ASSERT_EQ(::islogopen("log"), 0);
   ASSERT_EQ(::isbegin(), 0);
   ASSERT_EQ(write(built, row(1, 1)), 0);
+  EXPECT_EQ(::iscluster(built, &key), -1) << "the records to be undone would get other numbers";
+  EXPECT_EQ(iserrno, ISEINUSE);
   ASSERT_EQ(::isrollback(), 0);
   EXPECT_EQ(rows(built, key), Rows{});
 }
