@@ -1,0 +1,89 @@
+// Freeing at a commit what its transaction has deleted and shortened, where that is damaged: it is
+// told, the rest is free, and nothing is tried for ever.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "tests/e2e/sessions.h"
+
+namespace testing_support {
+namespace {
+
+class CommitRetries : public testing::Test {
+ protected:
+  void build(bool varying, int records) {
+    std::filesystem::remove(base_ + ".idx");
+    std::filesystem::remove(base_ + ".dat");
+    varying_ = varying;
+    records_ = records;
+    build_pair_of(base_, varying, records);
+    index_ = read_file(base_ + ".idx");
+    data_ = read_file(base_ + ".dat");
+  }
+
+  // In a process of its own begins a transaction that deletes all records but each third and
+  // rewrites these, and goes on with `end`.
+  void delete_and(const std::function<void(Session&)>& end) {
+    write_file(base_ + ".idx", index_);
+    write_file(base_ + ".dat", data_);
+    write_file(log_, {});
+    EXPECT_EQ(end_of(start_process([&] {
+                ::setenv("ISAMBUFS", "4", 1);
+                Session session{base_, varying_};
+                EXPECT_EQ(::islogopen(log_.c_str()), 0);
+                EXPECT_GE(session.open(ISINOUT | ISTRANS | ISMANULOCK), 0);
+                EXPECT_EQ(::isbegin(), 0);
+                for (int id = 1; id <= records_; ++id) {
+                  const bool stays = id % 3 == 0;
+                  EXPECT_EQ(session.put({id, id / 3, stays}, stays ? ::isrewrite : ::isdelete), 0);
+                }
+                end(session);
+                EXPECT_EQ(::isclose(session.isfd), 0);
+                ::_exit(HasFailure() ? 1 : 0);
+              })),
+              0);
+  }
+  static int records_of(const Session& session) {
+    dictinfo info{};
+    EXPECT_EQ(::isdictinfo(session.isfd, &info), 0);
+    return info.di_nrecords;
+  }
+
+  bool varying_ = false;
+  int records_ = 0;
+  const TempFolder folder_;
+  const std::string base_ = folder_ / "pair", log_ = folder_ / "log";
+  Image index_, data_;
+};
+
+TEST_F(CommitRetries, TellOnceWhatIsDamagedAndFreeTheRest) {
+  build(true, 60);
+  const auto commit_twice = [](int freed, Session& session) {
+    EXPECT_EQ(::iscommit(), -1);
+    EXPECT_EQ(::iserrno, ISECORRUPT);
+    EXPECT_EQ(records_of(session), 60 - freed);
+    EXPECT_EQ(::isbegin() + ::iscommit(), 0);
+    EXPECT_EQ(records_of(session), 60 - freed);
+  };
+  delete_and([&](Session& session) {
+    // The storage of record 2 is where none can be; its block has left the pool.
+    Image data = read_file(base_ + ".dat");
+    put4(&data[std::size_t{kMinimum} + 7 + kMinimum + 3], 0x101);
+    write_file(base_ + ".dat", data);
+    while (session.read(RD_NEXT) == 0) continue;
+    commit_twice(39, session);
+  });
+  // No free number can be noted any more.
+  delete_and([&](Session&) {
+    Image index = read_file(base_ + ".idx");
+    put4(&index[dict::kFreeData], 2);
+    write_file(base_ + ".idx", index);
+    EXPECT_EQ(::iscommit(), -1);
+    EXPECT_EQ(::iserrno, ISECORRUPT);
+    EXPECT_EQ(::isbegin() + ::iscommit(), 0);
+  });
+}
+
+}  // namespace
+}  // namespace testing_support
