@@ -59,6 +59,13 @@ ConstBytes build_entry(AuditLetter letter, std::int32_t number, ConstBytes recor
   return entry;
 }
 
+// A rollback and a recovery go on without the trail: the records matter more.
+int failed_unless_records_matter_more() {
+  if (!logstate.in_rollback && !logstate.in_recovery) return -1;
+  clear_errors();
+  return 0;
+}
+
 int append_entry(ConstBytes entry) {
   if (entry.empty()) return failed(kNoMemory);
   const std::int64_t end = common::file_size(filep->audfd);
@@ -99,17 +106,13 @@ int set_audit_trail_name(std::string_view name) {
 int audopen() {
   if (!dictp->d_audits() || (filep->flags & kAuditOpen) != 0) return 0;
   if (open_trail(audit_trail_name()) == 0) return 0;
-  if (!logstate.in_rollback) return -1;
-  clear_errors();  // undoing matters more
-  return 0;
+  return failed_unless_records_matter_more();
 }
 
 int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record) {
   if (!dictp->d_audits() || (filep->flags & kAuditOpen) == 0) return 0;
   if (append_entry(build_entry(letter, number, record)) == 0) return 0;
-  if (!logstate.in_rollback) return -1;
-  clear_errors();
-  return 0;
+  return failed_unless_records_matter_more();
 }
 
 void keep_unaudited() {

@@ -43,8 +43,8 @@ int set_audit_trail_name(std::string_view name);
 // anything is changed.
 int audopen();
 
-// Appends an entry when the trail is open: 0, or -1 with iserrno and iserrio (in a rollback always
-// 0).
+// Appends an entry when the trail is open: 0, or -1 with iserrno and iserrio. In a rollback and a
+// recovery both go on without a trail that cannot be opened or written.
 int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record);
 
 // The change stays although its entry is missing, which the call tells.

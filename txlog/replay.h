@@ -117,6 +117,7 @@ class Replay {
   [[nodiscard]] bool was_perhaps_not_made(const Held& held);
   std::optional<Doubt> refuted_by(const Step& step, const Image& image, int isfd);
   Way make_way(const Step& step, const Image& image, int isfd);
+  void pass_taken_back(std::vector<HeldId>& found);
   bool is_refuted(const std::vector<HeldId>& held, std::size_t i, const Image& image);
   Way apply_giving_up(const Step& step, const Clash& clash);
   bool give_way(const Step& step, std::int32_t number, int isfd, const Clash* clash);

@@ -202,6 +202,20 @@ Replay::Way Replay::make_way(const Step& step, const Image& image, int isfd) {
   return Way::kNone;
 }
 
+// What was found to stand needs no images that were taken back before.
+void Replay::pass_taken_back(std::vector<HeldId>& found) {
+  const std::int64_t last = held_[found.back()].offset;
+  for (const HeldId id : found) {
+    const std::int64_t opposite = outlook_.opposite_of(held_[id].offset);
+    if (opposite < 0 || opposite > last) continue;
+    held_.pass(id);
+    passed_over_.insert(opposite);
+  }
+  std::erase_if(found, [this](HeldId id) {
+    return held_[id].passed || passed_over_.contains(held_[id].offset);
+  });
+}
+
 // Whether a held image was not made, as the next one of its record shows, which has the same old
 // image.
 bool Replay::is_refuted(const std::vector<HeldId>& held, std::size_t i, const Image& image) {
@@ -227,6 +241,7 @@ Replay::Way Replay::apply_giving_up(const Step& step, const Clash& clash) {
     if (!image || !clash.has_key(image->old_image) || clash.has_key(image->new_image)) continue;
     if (is_refuted(found, i, *image)) continue;
     found.resize(i + 1);
+    pass_taken_back(found);
     held_.complete(found, outlook_);
     const bool applied =
         redo_all(found) == 0 && redo_put_off({step.file->id, step.record.image()->number}) == 0;

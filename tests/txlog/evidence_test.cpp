@@ -53,6 +53,8 @@ TEST_P(Evidence, DecidesWhatIsApplied) {
       {"... one after the other", "A[ A*1:1.0>7.0 B[ B*2:2.0>1.0 C+4:2.5",
        "1:7.0 2:1.0 3:3.0 4:2.5"},
       {"... taken back before", "A[ A*2:2.0>7.3 A! A-2:2.0 B+4:2.1", "1:1.0 3:3.0 4:2.1"},
+      {"... and taken back by others", "A[ a-3:3.0 a*1:1.0>1.3 a! B[ b*1:1.0>5.0 C+4:1.1",
+       "1:5.0 2:2.0 3:3.0 4:1.1"},
       {"... not by one that was not made", "A[ A-2:2.0 C[ C*2:2.0>5.0 D+4:2.1",
        "1:1.0 2:5.0 3:3.0 4:2.1"},
       {"... by somebody else since", "A[ a+4:4.0 B[ B*4:4.0>5.0 C+6:4.1 A]",

@@ -123,6 +123,32 @@ TEST_P(Recovery, LeavesWhatCameOverARollback) {
   }
 }
 
+// The trail is no part of the copy: a recovery does not need it, and writes to it when it is there.
+TEST_P(Recovery, GoesOnWithoutTheAuditTrail) {
+  const int isfd = build("one", 0);
+  char name[128] = "trail";
+  EXPECT_EQ(::isaudit(isfd, name, AUDSETNAME), 0);
+  EXPECT_EQ(::isaudit(isfd, name, AUDSTART), 0);
+  ::isclose(isfd);
+  std::filesystem::remove("trail");
+  keep_copy();
+  std::ofstream{"trail"};
+  ASSERT_EQ(::islogopen("log"), 0);
+  const int logged = open("one");
+  EXPECT_EQ(write(logged, row(1, 0)), 0);
+  EXPECT_EQ(rewrite(logged, row(1, 1)), 0);
+  EXPECT_EQ(write(logged, row(2, 0)), 0);
+  EXPECT_EQ(erase(logged, 2), 0);
+  for (const bool missing : {true, false}) {
+    std::filesystem::remove("trail");
+    if (!missing) std::ofstream{"trail"};
+    EXPECT_EQ(replay(), 0) << iserrno;
+    EXPECT_EQ(rows_of("one"), Rows{row(1, 1)});
+    EXPECT_EQ(std::filesystem::exists("trail"), !missing);
+  }
+  EXPECT_GT(std::filesystem::file_size("trail"), 0U);
+}
+
 TEST_P(Recovery, RedoesChangesOfFiles) {
   build("one", -1);
   keep_copy();
