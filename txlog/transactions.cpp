@@ -1,5 +1,6 @@
 #include "txlog/transactions.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "environment/settings.h"
@@ -10,6 +11,7 @@
 #include "isam/freelists.h"
 #include "isam/locks.h"
 #include "isam/opening.h"
+#include "isam/pool.h"
 #include "isam/process.h"
 #include "isam/traced.h"
 #include "txlog/apply.h"
@@ -53,15 +55,26 @@ struct Freed {
   bool in_part = false;  // the storage of the next one
 };
 
-// Frees what an open owes up to the first failure, which iserrno tells.
+// How many records are freed at once: what they change, at most, has room in the pool until the
+// file is written, for only then can it be taken back.
+std::size_t most_at_once() {
+  constexpr std::size_t kBesides = 4;  // pages: of the record, of free lists
+  const auto pages = static_cast<std::size_t>(filep->maxreclen / filep->idxsize);
+  return kMostAdded * 3 / 4 / (pages + kBesides);
+}
+
+// Frees some of what an open owes, up to the first failure, which iserrno tells.
 Freed free_records(const OpenRecord& open) {
   Freed freed;
-  for (; freed.deleted < open.deleted.size(); ++freed.deleted) {
+  const std::size_t most = most_at_once();
+  const std::size_t deleted = std::min(open.deleted.size(), most);
+  for (; freed.deleted < deleted; ++freed.deleted) {
     const std::int32_t number = open.deleted[freed.deleted];
     freed.in_part = datatrunc(number) != 0;
     if (freed.in_part || freerec(number, FreeList::kRecords) != 0) return freed;
   }
-  for (; freed.shortened < open.shortened.size(); ++freed.shortened) {
+  const std::size_t shortened = std::min(open.shortened.size(), most - deleted);
+  for (; freed.shortened < shortened; ++freed.shortened) {
     freed.in_part = datatrunc(open.shortened[freed.shortened]) != 0;
     if (freed.in_part) return freed;
   }
@@ -81,7 +94,11 @@ void strike_off_next(OpenRecord& open, const Freed& freed) {
 
 // Of what a failed call has freed after all, nothing is freed again.
 int check_numbers(OpenRecord& open) {
-  if (!open.frees_again || drop_returned(open.deleted) == 0) return 0;
+  if (!open.frees_again) return 0;
+  if (drop_returned(open.deleted) == 0) {
+    open.frees_again = false;
+    return 0;
+  }
   if (iserrno == kCorrupted) open.deleted.clear();
   return -1;
 }
@@ -261,11 +278,14 @@ int end_transaction(How how) {
 
 int free_owed(OpenRecord& open) {
   open.deleted.resize(open.committed);
-  if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
-  const int result = free_entered(open);
-  open.committed = open.deleted.size();
-  open.frees_again = result != 0;
-  isbatch(2);
+  int result = 0;
+  while (result == 0 && owes_storage(open)) {
+    if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
+    result = free_entered(open);
+    open.committed = open.deleted.size();
+    isbatch(2);
+  }
+  if (result != 0) open.frees_again = true;
   return result;
 }
 

@@ -2,9 +2,11 @@
 // told, the rest is free, and nothing is tried for ever.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <functional>
 
+#include "common/io.h"
 #include "tests/e2e/sessions.h"
 
 namespace testing_support {
@@ -83,6 +85,28 @@ TEST_F(CommitRetries, TellOnceWhatIsDamagedAndFreeTheRest) {
     EXPECT_EQ(::iserrno, ISECORRUPT);
     EXPECT_EQ(::isbegin() + ::iscommit(), 0);
   });
+}
+
+// More than the pool can keep back: what is freed goes to the file in parts, each of which a
+// refused write leaves as it was.
+TEST_F(CommitRetries, FreeMoreThanThePoolHolds) {
+  static int writes_left = 0;
+  build(true, 3600);
+  for (const int nth : {2, 60, 900}) {
+    delete_and([&](Session& session) {
+      writes_left = nth;  // the first is the log's
+      common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
+                                         off_t offset) {
+        if (--writes_left != 0) return ::pwrite(fd, from, count, offset);
+        errno = EIO;
+        return ssize_t{-1};
+      };
+      EXPECT_EQ(::iscommit(), 0) << ::iserrno;
+      EXPECT_LE(writes_left, 0);
+      EXPECT_EQ(records_of(session), 1200);
+    });
+    expect_nothing_found(kestro("-nq", base_));
+  }
 }
 
 }  // namespace
