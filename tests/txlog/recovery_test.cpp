@@ -149,6 +149,28 @@ TEST_P(Recovery, GoesOnWithoutTheAuditTrail) {
   EXPECT_GT(std::filesystem::file_size("trail"), 0U);
 }
 
+// The copy of a pair may have been made while an exclusive open had not written everything.
+TEST_P(Recovery, TakesAPairThatBearsAMark) {
+  build("one", -1);
+  Image index = read_file("one.idx");
+  const Image bare = index;
+  put4(&index[117], 0x4558434C);
+  write_file("one.idx", index);
+  keep_copy();
+  write_file("one.idx", bare);
+  ASSERT_EQ(::islogopen("log"), 0);
+  write(open("one"), row(1, 0));
+  ::iscleanup();
+  ::islogclose();
+  ASSERT_EQ(replay(), 0) << iserrno;
+  EXPECT_LT(::isopen("one", ISINOUT | ISMANULOCK | ISANYLENGTH), 0);
+  EXPECT_EQ(iserrno, ISECORRUPT);
+  index = read_file("one.idx");
+  put4(&index[117], 0);
+  write_file("one.idx", index);
+  EXPECT_EQ(rows_of("one").size(), 1U);
+}
+
 TEST_P(Recovery, RedoesChangesOfFiles) {
   build("one", -1);
   keep_copy();
