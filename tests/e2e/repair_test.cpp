@@ -14,7 +14,6 @@ bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-constexpr char kCorrupted[] = "Zentra ERROR 105: Corrupted isam file";
 constexpr char kNodesAnew[] = "Recreating index node free list.";
 
 class Repair : public ProgramTest {
@@ -50,9 +49,6 @@ class Repair : public ProgramTest {
   BuiltPair built;
 };
 
-void empty_an_index(PairEditor& pair) {
-  put2(pair.node(pair.built().indexes[1].leaves.front()), 2);
-}
 Byte* head_of_free_nodes(PairEditor& pair) { return pair.node(pair.built().free_node_list[0]); }
 // Kind and level of the nodes of the list, and an entry cut in two, which counts for nothing.
 void take_marks(PairEditor& pair) {
@@ -60,53 +56,6 @@ void take_marks(PairEditor& pair) {
     put2(pair.node(node + 1) - 3, 0x0102);
   }
   put2(head_of_free_nodes(pair), get2(head_of_free_nodes(pair)) + 2);
-}
-
-// Nodes that the list lacks harm nobody who takes others from it; anything else may.
-TEST_F(Repair, DrawsOnADeclinedListThatLacksNodes) {
-  const struct {
-    const char* name;
-    bool serves;
-    std::function<void(PairEditor&)> damage;
-    const char* answers;  // to delete, remake, fix the data list if asked, fix the node list
-  } cases[] = {
-      {"entry lost", true,
-       [](PairEditor& p) { put2(head_of_free_nodes(p), get2(head_of_free_nodes(p)) - 4); },
-       "y\ny\nn\n"},
-      {"no list", true, [](PairEditor& p) { put4(p.dictionary() + dict::kFreeNode, 0); },
-       "y\ny\nn\n"},
-      {"entry lost, no marks", true,
-       [](PairEditor& p) {
-         put2(head_of_free_nodes(p), get2(head_of_free_nodes(p)) - 4);
-         take_marks(p);
-       },
-       "y\ny\nn\n"},
-      {"fault of the data list", true,
-       [](PairEditor& p) { put4(p.dictionary() + dict::kFreeData, 99999); }, "y\ny\ny\nn\n"},
-      {"entry past the end", false, [](PairEditor& p) { put4(head_of_free_nodes(p) + 6, 77777); },
-       "y\ny\nn\n"},
-      {"entry twice", false,
-       [](PairEditor& p) { std::copy_n(head_of_free_nodes(p) + 6, 4, head_of_free_nodes(p) + 10); },
-       "y\ny\nn\n"},
-      {"no end", false, [](PairEditor& p) { put2(head_of_free_nodes(p), 4); }, "y\ny\nn\n"},
-      {"highest number low", false,
-       [](PairEditor& p) { put4(p.dictionary() + dict::kNextNode, 20); }, "y\ny\nn\n"}};
-  for (const auto& [name, serves, damage, answers] : cases) {
-    SCOPED_TRACE(name);
-    make(false);
-    apply(damage);
-    apply(empty_an_index);
-    const std::string out = run("-q", answers);
-    EXPECT_TRUE(has(out, "Fix index node free list ? ")) << out;
-    EXPECT_FALSE(has(out, kNodesAnew)) << out;
-    EXPECT_EQ(has(out.substr(out.find("Recreating index 2.")), kCorrupted), !serves) << out;
-    const std::string after = run("-nq");
-    const std::size_t index2 = after.find("Index 2 = ");
-    const bool sound = !has(after.substr(index2, after.find("Index 3 = ") - index2), "ERROR");
-    EXPECT_EQ(sound, serves) << after;
-    run("-yq");
-    expect_sound();
-  }
 }
 
 TEST_F(Repair, MarksTheNodesOfASoundListInPassing) {
@@ -125,33 +74,6 @@ TEST_F(Repair, MarksTheNodesOfASoundListInPassing) {
   EXPECT_EQ(after.size(), before.size() - 1);
   EXPECT_TRUE(std::equal(after.rbegin(), after.rend(), before.rbegin()));
   expect_sound();
-}
-
-// What was not written of a file that grew keeps its numbers, if they can be true.
-TEST_F(Repair, KeepsNumbersSomeWayPastTheEnd) {
-  const auto root = [](PairEditor& p) { return p.description(2) + 2; };
-  const auto audit = [](PairEditor& p) { return p.dictionary() + dict::kAuditNode; };
-  const auto link = [](PairEditor& p) { return p.node(p.built().key_nodes.back()) + 2; };
-  const std::function<Byte*(PairEditor&)> places[] = {root, audit, link};
-  for (const auto& place : places) {
-    for (const bool kept : {true, false}) {
-      SCOPED_TRACE(std::to_string(&place - places) + (kept ? " kept" : " given up"));
-      make(false);
-      std::int32_t number = 0;
-      apply([&](PairEditor& pair) {
-        number = static_cast<std::int32_t>(pair.index.size() / 256) + (kept ? 65536 : 65537);
-        put4(place(pair), number);
-        put4(pair.dictionary() + dict::kNextNode, number + 1'000'000);
-      });
-      const std::string out = run("-yq");
-      PairEditor pair(built);
-      EXPECT_EQ(get4(place(pair)) == number, kept) << get4(place(pair));
-      const bool dropped = has(out, std::string(kNodesAnew) + "\n\n" + kCorrupted + "\n");
-      EXPECT_EQ(dropped, !kept && &place == &places[1]) << out;
-      EXPECT_LE(pair.index.size(), static_cast<std::size_t>(number) * 256);
-      expect_sound();
-    }
-  }
 }
 
 // A damaged length hides records, and with them the pages of their variable parts. Once it is
@@ -201,35 +123,6 @@ TEST_F(Repair, LeavesTheBytesOfHiddenPages) {
   }
 }
 
-// What the last slot lacks reads as zero bytes.
-TEST_F(Repair, TakesTheEndOfADataFileAsItIs) {
-  for (const bool varying : {false, true}) {
-    make(varying);
-    const int last = built.spec.records;
-    const auto used_when_cut = [&](int behind_state) {
-      apply([&](PairEditor& pair) {
-        Byte* const state = pair.state(last);
-        *state = 0x0A;
-        std::fill(state + 1, state + (varying ? 7 : 1), Byte{0});
-        // A record that cannot be read makes absence doubtful, but not that of this one.
-        if (varying) put2(pair.state(1) + 1, -3);
-        pair.data.resize(static_cast<std::size_t>(state - pair.data.data()) + behind_state);
-      });
-      const std::string out = run("-nq");
-      int bad = 0;
-      for (std::size_t at = 0; (at = out.find("bad data record\n", at)) != out.npos; ++at) ++bad;
-      const int used = std::atoi(out.c_str() + out.find(" free -- ") + 9);
-      build_pair(built.spec, folder_ / "pair");
-      return std::pair{used, bad};
-    };
-    const auto [used, bad] = used_when_cut(varying ? 7 : 1);
-    EXPECT_EQ(bad > 0, varying);
-    EXPECT_EQ(used_when_cut(1), std::pair(used, bad));
-    EXPECT_EQ(used_when_cut(0), std::pair(used - 1, bad));
-    EXPECT_EQ(used_when_cut(-20), std::pair(used - 1, bad));
-  }
-}
-
 // The nodes of a list must hold entries; a page with bytes is no such node while there are others.
 TEST_F(Repair, PutsNoListOverHiddenPages) {
   for (const std::uint32_t seed : {1u, 2u, 3u, 4u}) {
@@ -252,22 +145,6 @@ TEST_F(Repair, PutsNoListOverHiddenPages) {
   }
 }
 
-// A page that is listed as a free node is not offered for variable parts as well, even if nothing
-// was to be done about the lists of pages.
-TEST_F(Repair, ListsAPageOnce) {
-  make(true);
-  apply([&](PairEditor& pair) {
-    for (const Fault& fault : faults()) {
-      if (fault.name == "storage_records_of_a_page_gone" || fault.name == "storage_class_byte") {
-        fault.apply(pair);
-      }
-    }
-  });
-  const std::string out = run("-q", "y\ny\ny\ny\ny\nn\ny\n");
-  EXPECT_TRUE(has(out, "Fix variable length storage free lists ? ")) << out;
-  EXPECT_EQ(walk_pair(built.base).problems, std::vector<std::string>{}) << out;
-}
-
 // ---- A new size of node.
 
 class Resize : public Repair {
@@ -277,51 +154,7 @@ class Resize : public Repair {
     spec.audit_node = true;
     make(spec);
   }
-  bool exists(const char* name) { return std::filesystem::exists(folder_ / name); }
 };
-
-TEST_F(Resize, RefusesWhatIsNotThereAndTouchesNothing) {
-  const std::string link = "Error in linking .idx to .IDX\n";
-  const std::string closed = "\nERROR: cannot open Zentra file\n";
-  const auto cut = [this](std::uintmax_t size) {
-    std::filesystem::resize_file(folder_ / "pair.idx", size);
-  };
-  const struct {
-    const char* name;
-    std::function<void()> spoil;
-    std::string says;
-    bool links;
-  } cases[] = {
-      {"no index", [&] { std::filesystem::remove(folder_ / "pair.idx"); }, link, false},
-      {"no pair",
-       [&] {
-         std::filesystem::remove(folder_ / "pair.idx");
-         std::filesystem::remove(folder_ / "pair.dat");
-       },
-       link, false},
-      {"no data", [&] { std::filesystem::remove(folder_ / "pair.dat"); }, closed, false},
-      {"dictionary cut", [&] { cut(90); }, std::string("\n") + kCorrupted + "\n", true},
-      {"description cut", [&] { cut(256 + 30); }, std::string("\n") + kCorrupted + "\n", true},
-      {"no description", [&] { cut(256); }, std::string("\n") + kCorrupted + "\n", true}};
-  for (const auto& [name, spoil, says, links] : cases) {
-    SCOPED_TRACE(name);
-    make_in_one_node();
-    std::filesystem::remove(folder_ / "pair.IDX");
-    spoil();
-    const Image index = exists("pair.idx") ? read_file(folder_ / "pair.idx") : Image{};
-    const std::string out = run("-sq");
-    EXPECT_TRUE(out.ends_with(says + "\n")) << out;
-    EXPECT_FALSE(has(out, "Checking") || has(out, "used,")) << out;
-    EXPECT_EQ(exists("pair.IDX"), links);
-    EXPECT_EQ(exists("pair.idx") ? read_file(folder_ / "pair.idx") : Image{}, index);
-  }
-  // The second name is taken: as before, whatever else is wrong.
-  make_in_one_node();
-  std::ofstream(folder_ / "pair.IDX") << "mine";
-  std::filesystem::remove(folder_ / "pair.dat");
-  EXPECT_TRUE(has(run("-sq"), link));
-  EXPECT_EQ(read_file(folder_ / "pair.IDX"), (Image{'m', 'i', 'n', 'e'}));
-}
 
 // Lists and heads lead to nodes that the new file does not have; nothing is said of that.
 TEST_F(Resize, KeepsTheTrailAndTheFilesOfOthers) {

@@ -1,7 +1,6 @@
-// damage: one fault at a time, in every structure of a pair.
+// damage: the files of a pair in memory, to put something wrong into them.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,22 +32,7 @@ class PairEditor {
   const BuiltPair& built_;
 };
 
-enum class After {
-  kSound,   // kestro -y leaves a sound pair
-  kStays,   // the fault is in a record itself: kestro reports it again
-  kRefused  // kestro cannot judge the pair and leaves it alone
-};
-
-struct Fault {
-  std::string name;
-  bool varying;         // of a pair with variable-length records
-  std::string finding;  // what a check prints; empty when it may print nothing
-  After after;
-  std::function<void(PairEditor&)> apply;
-};
-
-// The pairs that the faults are made for.
+// The pairs that most faults are made for.
 PairSpec fault_spec(bool varying);
-const std::vector<Fault>& faults();
 
 }  // namespace testing_support

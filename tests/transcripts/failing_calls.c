@@ -5,13 +5,14 @@
 //          sync, stat, chmod, chown or attribute
 //   FILE   what the name of the file ends with, such as .dat; * for any. Where two are named, the
 //          first one counts, for a copy the one that is read
-//   ERROR  the number that errno gets
+//   ERROR  the number that errno gets; below 0: the process gets that signal, and the call is done
 //   WHEN   #N: at the Nth such call alone; @N: when byte N of the file is concerned
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -58,6 +59,10 @@ static int fails(const char* call, const char* file, long from, long count) {
     if (strcmp(rule->call, call) != 0 || !ends_with(file, rule->file)) continue;
     if (rule->when == '#' && ++rule->calls != rule->number) continue;
     if (rule->when == '@' && (rule->number < from || rule->number >= from + count)) continue;
+    if (rule->error < 0) {
+      raise(-rule->error);
+      continue;
+    }
     errno = rule->error;
     return 1;
   }

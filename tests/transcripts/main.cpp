@@ -1,7 +1,7 @@
 // transcripts: makes the pairs of tests/pairs, runs kestro on each twice, and compares what it
 // prints with what stands there.
 //
-//   transcripts [NAME...]               compares
+//   transcripts [NAME...]               compares; without names also what can be printed at all
 //   transcripts --update [NAME...]      writes what is printed there instead, to be read by you
 //   transcripts --into FOLDER [NAME...] writes it to FOLDER/NAME/first and second instead
 //   transcripts --make FOLDER [NAME...] only makes the pairs, each in FOLDER/NAME
@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "tests/support/pair_walk.h"
+#include "tests/transcripts/texts.h"
 #include "tests/transcripts/transcript.h"
 
 namespace {
@@ -38,6 +39,7 @@ struct Wanted {
   std::string program = KESTRO_PROGRAM;
   fs::path into;
   std::vector<std::string> names;
+  bool all = false;
 };
 
 const fs::path& pairs_folder() {
@@ -68,7 +70,8 @@ Wanted wanted_by(std::vector<std::string> words) {
     }
   }
   wanted.names = words;
-  if (words.empty()) {
+  wanted.all = words.empty();
+  if (wanted.all) {
     for (const auto& entry : fs::directory_iterator(pairs_folder())) {
       if (entry.is_directory()) wanted.names.push_back(entry.path().filename());
     }
@@ -142,6 +145,10 @@ class Work {
   std::string told_of(const std::string& name) {
     const fs::path folder = pairs_folder() / name;
     const Recipe recipe(folder / "recipe");
+    if (recipe.needs_root() && ::geteuid() != 0) {
+      std::printf("%s is left out: only root can make it\n", name.c_str());
+      return {};
+    }
     if (wanted_.action == Action::kMake) {
       fs::create_directories(wanted_.into / name);
       static_cast<void>(recipe.make(wanted_.into / name));
@@ -181,7 +188,13 @@ int main(int argc, char** argv) {
   try {
     settle_surroundings();
     const Wanted wanted = wanted_by({argv + 1, argv + argc});
-    const bool good = Work(wanted).run();
+    bool good = Work(wanted).run();
+    if (wanted.all && wanted.action == Action::kCompare) {
+      for (const std::string& told : testing_support::texts_not_shown(pairs_folder())) {
+        std::printf("%s\n", told.c_str());
+        good = false;
+      }
+    }
     std::printf("%zu pairs\n", wanted.names.size());
     return good ? 0 : 1;
   } catch (const std::exception& error) {

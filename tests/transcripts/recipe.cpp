@@ -234,6 +234,11 @@ Recipe::Recipe(const std::string& path) {
   }
 }
 
+bool Recipe::needs_root() const {
+  return first_.user != 0 || second_.user != 0 ||
+         std::ranges::any_of(lines_, [](const auto& line) { return line.starts_with("owner "); });
+}
+
 std::vector<std::string> Recipe::make(const std::string& folder) const {
   Maker maker(folder);
   for (const std::string& line : lines_) maker.obey(line);

@@ -36,6 +36,8 @@ class Recipe {
   [[nodiscard]] const std::string& description() const { return description_; }
   [[nodiscard]] const Run& first() const { return first_; }
   [[nodiscard]] const Run& second() const { return second_; }
+  // Whether files are to belong to others, or others to run the program.
+  [[nodiscard]] bool needs_root() const;
   // Makes the files in a folder: the names of the pairs.
   [[nodiscard]] std::vector<std::string> make(const std::string& folder) const;
 
