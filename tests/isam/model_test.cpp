@@ -74,6 +74,7 @@ struct {
   int error = 0;
   unsigned left = 0;  // writes that are still done
   int hits = 0;       // since the last look
+  int records = 0;    // ... of writes of one record: an exclusive open writes its block later
 } faults;
 
 ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset) {
@@ -84,7 +85,7 @@ ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset)
   const bool meant = faults.what != Refused::kNone && (faults.what != Refused::kGrowth || grows());
   if (!meant || (faults.left > 0 && faults.left-- > 0)) return ::pwrite(fd, from, count, offset);
   if (faults.what == Refused::kOne) faults.what = Refused::kNone;
-  ++faults.hits;
+  ++(count == kMinimum + 1 && !grows() ? faults.records : faults.hits);
   errno = faults.error;
   return -1;
 }
@@ -171,7 +172,8 @@ class Script {
     const int hits = std::exchange(faults.hits, 0);
     const bool tells = faults.error != 0 && ::iserrno == faults.error;
     const bool again = late == Late::kToldAgain;
-    own_ = hits > 0;
+    const int records = std::exchange(faults.records, 0);
+    own_ = hits > 0 || (records > 0 && !model_.is_alone());
     if (own_) ++refused;
     if (!model_.is_alone()) return own_;
     if (own_) {
