@@ -6,8 +6,6 @@
 #include <cerrno>
 
 #include "checker/checks.h"
-#include "checker/dialogue.h"
-#include "checker/findings.h"
 #include "checker/listnode.h"
 #include "checker/progress.h"
 #include "isam/buffers.h"
@@ -22,15 +20,15 @@ namespace {
 using isam::dictp;
 
 // Marks every page of a record's chain in rpgmap; false for a chain that cannot be followed.
-bool mark_chain(std::int32_t pointer) {
+bool mark_chain(Check& check, std::int32_t pointer) {
   const int greatest = isam::greatest_chain();
   for (int pieces = 0; pointer != 0; ++pieces) {
     const std::int32_t node = isam::rpage::pointer_node(pointer);
-    if (pieces == greatest || node < 1 || node > findings.idxlast) {
+    if (pieces == greatest || node < 1 || node > check.idxlast) {
       isam::failed_unless_set(isam::kCorrupted);
       return false;
     }
-    findings.rpgmap.set_bit(node);
+    check.rpgmap.set_bit(node);
     pointer = isam::rprwalk(pointer);
     if (pointer == -1) return false;
   }
@@ -39,13 +37,13 @@ bool mark_chain(std::int32_t pointer) {
 
 }  // namespace
 
-int varread(std::int32_t record, isam::Bytes buffer) {
+int varread(Check& check, std::int32_t record, isam::Bytes buffer) {
   isam::Byte trailer[isam::kVariableTrailer] = {};
   if (isam::datainfo(record, trailer) != isam::kVariableTrailer ||
       trailer[0] != isam::kRecordPresent) {
     return -1;
   }
-  if (!mark_chain(common::ldlong(trailer + isam::kTrailerReference))) return -1;
+  if (!mark_chain(check, common::ldlong(trailer + isam::kTrailerReference))) return -1;
   return isam::dataread(record, buffer);
 }
 
@@ -62,51 +60,52 @@ bool has_no_state(std::int32_t record) {
          trailer[0] != isam::kRecordAbsent;
 }
 
-void check_records() {
+void check_records(Check& check) {
   int looks = 0;
   const isam::Bytes buffer = isam::temprecord();
-  const std::int32_t last = std::min(findings.datlast, findings.datreal);
+  const std::int32_t last = std::min(check.datlast, check.datreal);
   Progress progress("Checking data records", last);
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
     errno = 0;
-    const int length = findings.varlen ? varread(record, buffer) : isam::dataread(record, buffer);
+    const int length =
+        check.varlen ? varread(check, record, buffer) : isam::dataread(record, buffer);
     if (length > 0) {
-      findings.datmap.set_bit(record);
+      check.datmap.set_bit(record);
     } else if (iserrno != 0 || errno != 0) {
       // iserrno stays as it is: behind a record that failed, absence is no longer certain.
-      findings.data_misfits = true;
-      note_system_error();
-      err(Message::kBadRecord);
+      check.data_misfits = true;
+      check.note_system_error();
+      check.found(Code::kBadRecord, {.record = record});
     } else if (++looks <= kLooks && has_no_state(record)) {
-      findings.data_misfits = true;
+      check.data_misfits = true;
     }
   }
 }
 
 // Takes every record as present but those that the free list or the extent declares free.
-void take_records_from_free_list() {
-  if (findings.datlast >= 1) findings.datmap.setmap(1, findings.datlast);
+void take_records_from_free_list(Check& check) {
+  if (check.datlast >= 1) check.datmap.setmap(1, check.datlast);
   const std::int32_t extent = std::max(dictp->d_nextdata(), 0);
-  for (std::int32_t record = extent; record < findings.datlast; ++record) {
-    findings.datmap.clr_bit(record + 1);
+  for (std::int32_t record = extent; record < check.datlast; ++record) {
+    check.datmap.clr_bit(record + 1);
   }
   UsageMap visited;
-  visited.reset(findings.idxlast);
+  visited.reset(check.idxlast);
   for (std::int32_t node = dictp->d_freedata(); node != 0;) {
-    if (node < 1 || node > findings.idxlast || visited.set_bit(node)) return;
+    if (node < 1 || node > check.idxlast || visited.set_bit(node)) return;
     const isam::PageHold page = isam::bfread(node);
     if (!page) {
-      report_unreadable_node();
+      check.report_unreadable_node();
       return;
     }
     const ListNode list{page};
     if (!list.is_valid()) {
-      err(Message::kBadFreeDataFormat);
+      check.found(Code::kFreeRecordsUnknown, {.node = node});
       return;
     }
-    list.for_each_entry([](std::int32_t record) {
-      if (record >= 1 && record <= findings.datlast) findings.datmap.clr_bit(record);
+    list.for_each_entry([&check](std::int32_t record) {
+      if (record >= 1 && record <= check.datlast) check.datmap.clr_bit(record);
     });
     node = list.next();
   }
@@ -114,14 +113,14 @@ void take_records_from_free_list() {
 
 }  // namespace
 
-void ckdata() {
-  if (options.iflag != 0 && !findings.varlen) {
-    take_records_from_free_list();
+void ckdata(Check& check) {
+  if (check.options.iflag != 0 && !check.varlen) {
+    take_records_from_free_list(check);
     return;
   }
-  if (options.iflag != 0) print_line(Message::kMustCheckData);
-  print_line(Message::kCheckingData);
-  check_records();
+  if (check.options.iflag != 0) check.listener.begins(Pass::kDataAllTheSame);
+  check.listener.begins(Pass::kData);
+  check_records(check);
 }
 
 }  // namespace checker

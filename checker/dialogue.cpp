@@ -1,7 +1,6 @@
 #include "checker/dialogue.h"
 
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -11,12 +10,9 @@
 #include "isam/errors.h"
 
 namespace checker {
-
-Options options;
-Tally tally;
-
 namespace {
 
+constexpr std::int32_t kHighestSystemError = 99;
 constexpr int kAnswerRoom = 10;  // nine characters and the end
 
 std::string text_of_filling(const Filling& filling) {
@@ -113,77 +109,140 @@ void print_line(Message message, std::initializer_list<Filling> fillings) {
   pnewline(1);
 }
 
-void err(Message message) {
-  pnewline(1);
-  put("ERROR: ");
-  print_line(message);
-}
-
-void errn(Message message, std::int64_t number) {
-  pnewline(1);
-  put("ERROR: ");
-  print_line(message, {number});
-}
-
-void remark(const std::string& text) {
-  Progress::erase();
-  std::fprintf(stderr, "kestro: %s: %s\n", isam::filep->name.c_str(), text.c_str());
-}
-
-bool is_of_system(std::int32_t code) { return (code > 0 && code <= 99) || code == isam::kNoMemory; }
-
-void note_system_error() {
-  if (is_of_system(iserrno) && tally.system_error == 0) {
-    tally.system_error = iserrno == isam::kNoMemory ? ENOMEM : iserrno;
-  }
-}
-
-void pass_over_error() {
-  note_system_error();
-  isam::clear_errors();
-}
-
-void prterr() {
-  if (iserrno == 0) return;
-  pnewline(1);
-  note_system_error();
-  if (iserrno > 99) {
-    print_library_error(iserrno);
-  } else {
-    print_system_error(iserrno, iserrio);
-  }
-  pnewline(1);
-  isam::clear_errors();
-}
-
 namespace {
 
-bool answer_to(Message question) {
-  print(question);
-  if (options.nflag != 0 || options.yflag != 0) {
-    const bool yes = options.nflag == 0;
+// "ERROR: " and a finding, on a line of its own behind an empty one.
+void err(std::string_view text) {
+  pnewline(1);
+  put("ERROR: ");
+  put(text);
+  pnewline(1);
+}
+void errn(std::string_view text, std::int64_t number) { err(filled(text, {number})); }
+
+}  // namespace
+
+void Dialogue::found(const Finding& finding) {
+  const FindingText& text = text_of(finding.code);
+  switch (text.saying) {
+    case Saying::kError:
+      if (text.numbers[0] == nullptr) return err(text.wording);
+      return errn(text.wording, finding.numbers.*text.numbers[0]);
+    case Saying::kLine:
+      put(text.wording);
+      return pnewline(1);
+    case Saying::kCollation:
+      pnewline(1);
+      put(text.wording);
+      pnewline(1);
+      print(Message::kFileCollation, {finding.name});
+      return pnewline(2);
+    case Saying::kRemark:
+      return remark(text.wording);
+    case Saying::kNothing:
+      return;
+  }
+}
+
+bool Dialogue::answer(Question question) {
+  put(text_of(question).wording);
+  if (options_.nflag != 0 || options_.yflag != 0) {
+    const bool yes = options_.nflag == 0;
     put(yes ? "yes" : "no");
     pnewline(2);
     return yes;
   }
   for (;;) {
     std::fflush(stdout);
-    char answer[kAnswerRoom];
-    if (std::fgets(answer, sizeof answer, stdin) == nullptr) return false;
+    char typed[kAnswerRoom];
+    if (std::fgets(typed, sizeof typed, stdin) == nullptr) return text_of(question).by_default;
     pnewline(1);
-    const int first = std::tolower(static_cast<unsigned char>(answer[0]));
+    const int first = std::tolower(static_cast<unsigned char>(typed[0]));
     if (first == 'y') return true;
     if (first == 'n') return false;
     print(Message::kAnswerYesOrNo);
   }
 }
 
-}  // namespace
+void Dialogue::failed(std::int32_t code, std::int32_t place) {
+  pnewline(1);
+  if (code > kHighestSystemError) {
+    print_library_error(code);
+  } else {
+    print_system_error(code, place);
+  }
+  pnewline(1);
+}
 
-bool ask(Message question) {
-  const bool yes = answer_to(question);
-  if (!yes) ++tally.declined;
-  return yes;
+void Dialogue::remark(const std::string& text) {
+  Progress::erase();
+  std::fprintf(stderr, "kestro: %s: %s\n", isam::filep->name.c_str(), text.c_str());
+}
+
+void Dialogue::begins(Pass pass) {
+  switch (pass) {
+    case Pass::kDictionary:
+      return print_line(Message::kCheckingDictionary);
+    case Pass::kDataAllTheSame:
+      return print_line(Message::kMustCheckData);
+    case Pass::kData:
+      return print_line(Message::kCheckingData);
+    case Pass::kIndexes:
+      return print_line(Message::kCheckingIndexes);
+    case Pass::kFreeLists:
+      return print_line(Message::kCheckingFreeLists);
+  }
+}
+
+void Dialogue::fact(Fact fact, std::int64_t value) {
+  switch (fact) {
+    case Fact::kNodeSize:
+      return print_line(Message::kNodeSize, {value});
+    case Fact::kCurrentNodeSize:
+      return print_line(Message::kCurrentNodeSize, {value});
+    case Fact::kOldNodeSize:
+      return print_line(Message::kOldNodeSize, {value});
+    case Fact::kKeyNodeSize:
+      return print_line(Message::kKeyNodeSize, {value});
+  }
+}
+
+void Dialogue::index_walked(std::int32_t nodes, int levels) {
+  print(Message::kNodesUsed, {std::int64_t{nodes}});
+  print_line(Message::kLevelsUsed, {std::int64_t{levels}});
+}
+
+void Dialogue::mends(Mending what, int n) {
+  switch (what) {
+    case Mending::kDeletesIndex:
+      return print_line(Message::kDeletingIndex, {std::int64_t{n}});
+    case Mending::kRemakesIndex:
+      return print_line(Message::kRecreatingIndex, {std::int64_t{n}});
+    case Mending::kRemakesNodeList:
+      return print_line(Message::kRecreatingIndexList);
+    case Mending::kRemakesRecordList:
+      return print_line(Message::kRecreatingDataList);
+  }
+}
+
+void Dialogue::ends(const Summary* summary) {
+  if (summary != nullptr) {
+    shown_ = *summary;
+  } else {
+    shown_.page_bytes_free = 0;
+  }
+  const Summary& s = shown_;
+  print(Message::kNodeSummary, {std::int64_t{s.nodes_used}, std::int64_t{s.nodes_free}});
+  print(Message::kRecordSummary, {std::int64_t{s.records_used}, std::int64_t{s.records_free}});
+  if (s.varlen) {
+    pnewline(1);
+    print(Message::kStoragePages, {std::int64_t{s.pages}});
+    if (s.pages != 0) {
+      pnewline(1);
+      print(Message::kStorageFree, {s.page_bytes_free, s.page_bytes_free / s.pages});
+    }
+  }
+  pnewline(2);
 }
 
 }  // namespace checker

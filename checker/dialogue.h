@@ -1,8 +1,7 @@
-// dialogue: what the operator reads, is asked and answers.
+// dialogue: the listener that kestro is: what the operator reads, is asked and answers.
 //
 // Keeps   every line of output ends through pnewline, which flushes, so that questions and
 //         answers interleave
-// Never   lets an error be printed twice: prterr clears what it printed
 #pragma once
 
 #include <cstdint>
@@ -11,27 +10,11 @@
 #include <string_view>
 #include <variant>
 
+#include "checker/check.h"
+#include "checker/listener.h"
 #include "checker/messages.h"
 
 namespace checker {
-
-// How often each option letter was given; only zero or not matters.
-struct Options {
-  int iflag = 0;  // check the index file only
-  int lflag = 0;  // list the entries of every b-tree
-  int nflag = 0;  // answer no to every question, open for input only
-  int yflag = 0;  // answer yes to every question
-  int qflag = 0;  // no program header
-  int sflag = 0;  // change the index node size first
-};
-extern Options options;
-
-// What the dialogue over one file has come to.
-struct Tally {
-  int declined = 0;               // questions answered no
-  std::int32_t system_error = 0;  // the first
-};
-extern Tally tally;
 
 using Filling = std::variant<std::int64_t, std::string_view>;
 
@@ -42,24 +25,33 @@ void pnewline(int n);
 // Prints a message and ends its line.
 void print_line(Message message, std::initializer_list<Filling> fillings = {});
 
-// "ERROR: " and the message, on a line of its own behind an empty one.
-void err(Message message);
-void errn(Message message, std::int64_t number);
+class Dialogue : public Listener {
+ public:
+  explicit Dialogue(const Options& options) : options_(options) {}
 
-// A line on standard error about the current pair, for what the report has no words for.
-void remark(const std::string& text);
+  void found(const Finding& finding) override;
+  // Asks the operator, or answers for him with -n or -y.
+  [[nodiscard]] bool answer(Question question) override;
+  void failed(std::int32_t code, std::int32_t place) override;
 
-// Whether an iserrno tells of the system's trouble, not of the files'.
-[[nodiscard]] bool is_of_system(std::int32_t code);
+  void begins(Pass pass) override;
+  void fact(Fact fact, std::int64_t value) override;
+  void index_begins(int n, const keydescr& k) override;
+  void index_walked(std::int32_t nodes, int levels) override;
+  void mends(Mending what, int n) override;
+  void remark(const std::string& text) override;
+  void ends(const Summary* summary) override;
 
-// Remembers that the library's current error, if it is one of the system, came.
-void note_system_error();
-// Clears the library's current error without a word, noted as above.
-void pass_over_error();
-// Prints the library's current error, if any, and clears it, noted as above.
-void prterr();
+  [[nodiscard]] bool wants_trees() const override { return options_.lflag != 0; }
+  void tree_node(int level, std::int32_t node, int used) override;
+  void tree_item(const isam::Item& item, const keydescr& k) override;
+  void tree_level(int level) override;
 
-// Asks the operator, or answers for him with -n or -y: true for yes.
-[[nodiscard]] bool ask(Message question);
+ private:
+  const Options& options_;
+  // Of the pair before, where a check ends before it knows what to count: the report shows it
+  // again.
+  Summary shown_;
+};
 
 }  // namespace checker

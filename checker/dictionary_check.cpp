@@ -7,36 +7,31 @@
 #include <algorithm>
 
 #include "checker/checks.h"
-#include "checker/dialogue.h"
-#include "checker/findings.h"
-#include "checker/listnode.h"
 #include "common/io.h"
 #include "isam/buffers.h"
 
 namespace checker {
-
-Findings findings;
-
 namespace {
 
 using isam::dictp;
 using isam::filep;
 
-bool node_size_is_valid() {
+bool node_size_is_valid(Check& check) {
   filep->idxsize = dictp->d_idxsize();
-  print_line(Message::kNodeSize, {std::int64_t{filep->idxsize} + 1});
-  print_line(Message::kCurrentNodeSize, {std::int64_t{isam::kPageSize}});
+  check.listener.fact(Fact::kNodeSize, std::int64_t{filep->idxsize} + 1);
+  check.listener.fact(Fact::kCurrentNodeSize, isam::kPageSize);
   if (filep->idxsize >= isam::kMinStoredNodeSize && filep->idxsize <= isam::kMaxStoredNodeSize) {
     return true;
   }
-  err(Message::kBadNodeSize);
+  check.found(Code::kBadNodeSize, {.found = std::int64_t{filep->idxsize} + 1});
   return false;
 }
 
-bool lock_method_is_settled() {
+bool lock_method_is_settled(Check& check) {
   if (dictp->d_lockmethod() == isam::kLockMethod) return true;
-  if (dictp->d_lockmethod() != 0 && !ask(Message::kForceLockMethod)) {
-    err(Message::kLockMethodDisagrees);
+  if (dictp->d_lockmethod() != 0 && !check.ask(Question::kLockMethod)) {
+    check.found(Code::kOtherLockMethod,
+                {.found = dictp->d_lockmethod(), .expected = isam::kLockMethod});
     return false;
   }
   dictp->set_d_lockmethod(isam::kLockMethod);
@@ -44,20 +39,20 @@ bool lock_method_is_settled() {
   return true;
 }
 
-bool record_sizes_are_valid() {
+bool record_sizes_are_valid(Check& check) {
   filep->reclen = dictp->d_recsize();
   if (filep->reclen <= 0) {
-    err(Message::kBadRecordSize);
+    check.found(Code::kBadRecordSize, {.found = filep->reclen});
     return false;
   }
   filep->maxreclen = dictp->d_maxrecsize();
   if (filep->maxreclen < 0) {
-    err(Message::kBadMaximumSize);
+    check.found(Code::kBadMaximumSize, {.found = filep->maxreclen});
     return false;
   }
   filep->varlen = filep->maxreclen != 0;
   if (!filep->varlen) filep->maxreclen = filep->reclen;
-  findings.varlen = filep->varlen;
+  check.varlen = filep->varlen;
   return true;
 }
 
@@ -76,47 +71,47 @@ std::int32_t last_number(std::int32_t claimed, std::int32_t real, int fd) {
   return is_regular(fd) ? std::max(floor, real) : floor;
 }
 
-void take_extents() {
+void take_extents(Check& check) {
   const std::int64_t index_bytes = common::file_size(filep->idxfd);
-  findings.idxreal = number_of(index_bytes / isam::node_size());
-  findings.idxlast = last_number(dictp->d_nextnode(), findings.idxreal, filep->idxfd);
+  check.idxreal = number_of(index_bytes / isam::node_size());
+  check.idxlast = last_number(dictp->d_nextnode(), check.idxreal, filep->idxfd);
 
   const std::int64_t data_bytes = common::file_size(filep->datfd);
   const int slot = isam::slot_size();
   // A record past the end is one whose state byte the file does not reach.
   const std::int64_t behind_first_record = data_bytes - filep->reclen - 1;
-  findings.datreal = behind_first_record < 0 ? 0 : number_of(behind_first_record / slot + 1);
-  findings.datlast = last_number(dictp->d_nextdata(), number_of(data_bytes / slot), filep->datfd);
+  check.datreal = behind_first_record < 0 ? 0 : number_of(behind_first_record / slot + 1);
+  check.datlast = last_number(dictp->d_nextdata(), number_of(data_bytes / slot), filep->datfd);
 }
 
-void clear_maps() {
-  for (UsageMap* map : {&findings.idxmap, &findings.keptmap, &findings.idxmap2, &findings.rpgmap}) {
-    map->reset(findings.idxlast);
+void clear_maps(Check& check) {
+  for (UsageMap* map : {&check.idxmap, &check.keptmap, &check.idxmap2, &check.rpgmap}) {
+    map->reset(check.idxlast);
   }
-  for (UsageMap* map : {&findings.datmap, &findings.datmap2}) map->reset(findings.datlast);
-  findings.idxflag.assign(1, IndexVerdict::kKeep);
-  findings.count_is_fixed = findings.data_misfits = false;
+  for (UsageMap* map : {&check.datmap, &check.datmap2}) map->reset(check.datlast);
+  check.idxflag.assign(1, IndexVerdict::kKeep);
+  check.sized = true;
 }
 
-void mark_dictionary_nodes() {
-  if (findings.idxlast >= 1) findings.idxmap.set_bit(1);
+void mark_dictionary_nodes(Check& check) {
+  if (check.idxlast >= 1) check.idxmap.set_bit(1);
   const std::int32_t audit = dictp->d_auditnode();
-  if (audit >= 1 && audit <= findings.idxlast) findings.idxmap.set_bit(audit);
+  if (audit >= 1 && audit <= check.idxlast) check.idxmap.set_bit(audit);
 }
 
-bool key_nodes_are_valid() {
+bool key_nodes_are_valid(Check& check) {
   for (std::int32_t node = dictp->d_keysnode(); node != 0;) {
-    if (node < 1 || node > findings.idxlast) {
-      err(Message::kBadKeyNode);
+    if (node < 1 || node > check.idxlast) {
+      check.found(Code::kKeyNodeBad, {.node = node});
       return false;
     }
-    if (findings.idxmap.set_bit(node)) {
-      err(Message::kDuplicateKeyNode);
+    if (check.idxmap.set_bit(node)) {
+      check.found(Code::kKeyNodeDuplicate, {.node = node});
       return false;
     }
     const isam::PageHold page = isam::bfread(node);
     if (!page) {
-      report_unreadable_node();
+      check.report_unreadable_node();
       return true;
     }
     node = common::ldlong(page.data() + isam::kLinkOffset);
@@ -126,19 +121,20 @@ bool key_nodes_are_valid() {
 
 }  // namespace
 
-bool ckdict() {
-  print_line(Message::kCheckingDictionary);
+bool ckdict(Check& check) {
+  check.listener.begins(Pass::kDictionary);
   if (dictp->d_magic() != isam::kDictionaryMagic) {
-    err(Message::kBadMagic);
+    check.found(Code::kBadMagic, {.found = dictp->d_magic(), .expected = isam::kDictionaryMagic});
     return false;
   }
-  if (!node_size_is_valid() || !lock_method_is_settled() || !record_sizes_are_valid()) {
+  if (!node_size_is_valid(check) || !lock_method_is_settled(check) ||
+      !record_sizes_are_valid(check)) {
     return false;
   }
-  take_extents();
-  clear_maps();
-  mark_dictionary_nodes();
-  return key_nodes_are_valid();
+  take_extents(check);
+  clear_maps(check);
+  mark_dictionary_nodes(check);
+  return key_nodes_are_valid(check);
 }
 
 }  // namespace checker

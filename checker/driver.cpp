@@ -8,8 +8,6 @@
 #include <new>
 
 #include "checker/checks.h"
-#include "checker/dialogue.h"
-#include "checker/findings.h"
 #include "checker/repair.h"
 #include "checker/resize.h"
 #include "isam/buffers.h"
@@ -36,10 +34,10 @@ void cut_suffix(std::string& name) {
 }
 
 // Opens the pair and makes it current; false when that failed.
-bool open_pair(const std::string& name) {
+bool open_pair(const Check& check, const std::string& name) {
   isam::OpenRecord* open = isam::allocopen();
   if (open == nullptr) return false;
-  const bool changes_nothing = options.nflag != 0;
+  const bool changes_nothing = check.options.nflag != 0;
   const int access = changes_nothing ? ISINPUT : ISINOUT;
   open->file = isam::allocfile(
       name, access, changes_nothing ? isam::IndexAccess::kOrToRead : isam::IndexAccess::kToWrite);
@@ -65,38 +63,38 @@ bool lock_pair() {
   return locked;
 }
 
-void give_up_pair() {
-  prterr();
+void give_up_pair(Check& check) {
+  check.prterr();
   isam::freeopen(*openp);
 }
 
 // Takes the pair for this process alone and reads its dictionary.
-bool lock_and_load() {
+bool lock_and_load(Check& check) {
   const bool locked = lock_pair();
   if (locked && isam::dictread() == 0) {
     filep->stamp = openp->stamp = dictp->d_modcount();
     return true;
   }
   if (locked) isam::lkopenlock(0);
-  give_up_pair();
+  give_up_pair(check);
   return false;
 }
 
-int refuse_pair() {
+bool refuse_pair(Check& check) {
   isam::clear_errors();
-  err(Message::kCannotOpen);
-  return -1;
+  check.found(Code::kCannotOpen);
+  return false;
 }
 
 // Changes the node size while no other process has the pair open.
-int resize_alone(const std::string& name) {
-  if (!can_be_kept(name)) return -1;
-  if (!open_pair(name)) return refuse_pair();
+bool resize_alone(Check& check, const std::string& name) {
+  if (!can_be_kept(check, name)) return false;
+  if (!open_pair(check, name)) return refuse_pair(check);
   const bool locked = lock_pair();
-  const int result = locked ? resize(name) : -1;
+  const bool resized = locked && resize(check, name) == 0;
   if (locked) isam::lkopenlock(0);
-  give_up_pair();
-  return result;
+  give_up_pair(check);
+  return resized;
 }
 
 // Whether the client's locale orders what a file of the other's name holds: a client's name that
@@ -109,7 +107,7 @@ bool collation_matches(std::string_view client, std::string_view stored) {
   return is_padding || rest[0] == '.' || rest[0] == '@';
 }
 
-bool locale_matches() {
+bool locale_matches(Check& check) {
   if (!dictp->d_collate()) return true;
   if (locale::chkulxinit() != 0) {
     isam::failed(isam::kLocaleInvalid);
@@ -119,145 +117,144 @@ bool locale_matches() {
   const std::string_view stored{dictp->d_collname(),
                                 ::strnlen(dictp->d_collname(), isam::kCollationNameSize)};
   if (collation_matches(client, stored)) return true;
-  pnewline(1);
-  print_line(Message::kLocaleMismatch);
-  print(Message::kFileCollation, {stored});
-  pnewline(2);
+  check.found({.code = Code::kOtherCollation, .name = stored});
   return false;
 }
 
-bool record_buffer_is_ready() {
+bool record_buffer_is_ready(Check& check) {
   if (isam::mktemprec(std::max(filep->maxreclen, filep->reclen)) == 0) return true;
-  err(Message::kNoMemory);
+  check.found(Code::kNoMemory);
   return false;
 }
 
 // Whether a repair that was agreed to takes nodes from the free list.
-bool nodes_will_be_taken() {
-  return findings.baddfree == Verdict::kRebuild ||
-         std::ranges::count(findings.idxflag, IndexVerdict::kRemake) > 0;
+bool nodes_will_be_taken(const Check& check) {
+  return check.baddfree == Verdict::kRebuild ||
+         std::ranges::count(check.idxflag, IndexVerdict::kRemake) > 0;
 }
 
-void rebuild_free_lists() {
-  const bool nodes_are_taken = nodes_will_be_taken();
-  if (findings.badifree != Verdict::kRebuild && nodes_are_taken && !node_list_is_declined() &&
-      !mark_node_list() && findings.badifree == Verdict::kSound) {
-    findings.badifree = Verdict::kRebuild;  // it has a node that is too full to be drawn from
+void rebuild_free_lists(Check& check) {
+  const bool nodes_are_taken = nodes_will_be_taken(check);
+  if (check.badifree != Verdict::kRebuild && nodes_are_taken && !check.node_list_is_declined() &&
+      !mark_node_list(check) && check.badifree == Verdict::kSound) {
+    check.badifree = Verdict::kRebuild;  // it has a node that is too full to be drawn from
   }
-  const bool relisted = findings.badifree == Verdict::kRebuild;
+  const bool relisted = check.badifree == Verdict::kRebuild;
   // A page that is listed as a free node must not be offered for variable parts too.
-  if (relisted && unused_pages_are_listed()) findings.badrfree = Verdict::kRebuild;
-  const bool drawn_from = findings.badifree == Verdict::kSound && nodes_are_taken;
-  if (findings.varlen && (relisted || drawn_from)) unmark_unused_pages();
-  if (relisted) makifree();
-  findings.rootlast = dictp->d_nextnode();
-  if (findings.badrfree == Verdict::kRebuild) makrfree();
-  if (findings.baddfree == Verdict::kRebuild) makdfree();
+  if (relisted && unused_pages_are_listed(check)) check.badrfree = Verdict::kRebuild;
+  const bool drawn_from = check.badifree == Verdict::kSound && nodes_are_taken;
+  if (check.varlen && (relisted || drawn_from)) unmark_unused_pages(check);
+  if (relisted) makifree(check);
+  check.rootlast = dictp->d_nextnode();
+  if (check.badrfree == Verdict::kRebuild) makrfree(check);
+  if (check.baddfree == Verdict::kRebuild) makdfree(check);
 }
 
 // From the highest number down, so that removals do not shift the numbers still to come.
-void settle_indexes() {
-  for (int n = static_cast<int>(findings.idxflag.size()) - 1; n >= 1; --n) {
-    if (Repair::has_failed()) return;
-    switch (findings.idxflag[static_cast<std::size_t>(n)]) {
+void settle_indexes(Check& check, const Repair& repair) {
+  for (int n = static_cast<int>(check.idxflag.size()) - 1; n >= 1; --n) {
+    if (repair.has_failed()) return;
+    switch (check.idxflag[static_cast<std::size_t>(n)]) {
       case IndexVerdict::kKeep:
         break;
       case IndexVerdict::kDelete:
-        delindex(n);
+        delindex(check, n);
         break;
       case IndexVerdict::kRemake:
-        makindex(n);
+        makindex(check, n);
         break;
     }
   }
 }
 
 // What no check tests and no repair mends, though it makes every program refuse the pair.
-void tell_why_refused() {
+void tell_why_refused(Check& check) {
   isam::KeyChain chain;
   keydescr k{};
   if (chain.next(k) != isam::KeyChain::Step::kFound) {
-    remark("no key description is left: programs cannot open the pair; restore the index file");
+    check.found(Code::kNoKeyDescription);
   }
   isam::clear_errors();
   const int width = dictp->d_dupsize();
   if (width != 2 && width != 4) {
-    remark("bad width of duplicate numbers in the dictionary: programs cannot open the pair");
+    check.found(Code::kBadDuplicateWidth, {.found = width});
   }
   if (filep->maxreclen < filep->reclen) {
-    remark("maximum record size below the record size: programs cannot open the pair");
+    check.found(Code::kMaximumTooSmall, {.found = filep->maxreclen, .expected = filep->reclen});
   }
 }
 
 // The checks and repairs between opening and wind-up; false when they stopped early.
-bool check_and_repair(Repair& repair) {
-  if (!ckdict() || !locale_matches() || !record_buffer_is_ready()) return false;
-  ckdata();
-  if (findings.varlen) ckrpage();
-  if (!ckindex()) return false;
-  ckdfree();
-  ckrfree();
-  ckifree();
+bool check_and_repair(Check& check, Repair& repair) {
+  if (!ckdict(check) || !locale_matches(check) || !record_buffer_is_ready(check)) return false;
+  ckdata(check);
+  if (check.varlen) ckrpage(check);
+  if (!ckindex(check)) return false;
+  ckdfree(check);
+  ckrfree(check);
+  ckifree(check);
   if (!repair.begin()) return false;
-  rebuild_free_lists();
-  settle_indexes();
-  tell_why_refused();
+  rebuild_free_lists(check);
+  settle_indexes(check, repair);
+  tell_why_refused(check);
   return true;
 }
 
-bool guarded_check_and_repair(Repair& repair) {
+bool guarded_check_and_repair(Check& check, Repair& repair) {
   try {
-    return check_and_repair(repair);
+    return check_and_repair(check, repair);
   } catch (const std::bad_alloc&) {
-    err(Message::kNoMemory);
+    check.found(Code::kNoMemory);
     repair.give_up(ENOMEM);
     return false;
   }
 }
 
 // Everything is on disk before the open lock goes, so that nobody reads a half-written pair.
-void wind_up(Repair& repair, bool whole) {
-  if (options.sflag != 0) write_audit_node();
+void wind_up(Check& check, Repair& repair, bool whole) {
+  if (check.options.sflag != 0) write_audit_node(check);
   isam::clear_errors();
   repair.end(whole);
   isam::lkopenlock(0);
-  prterr();
+  check.prterr();
   isam::freeopen(*openp);
 }
 
-void print_summary() {
-  const std::int32_t nodes = findings.idxmap.cntmap();
-  const std::int32_t records = findings.datmap.cntmap();
-  print(Message::kNodeSummary, {std::int64_t{nodes}, std::int64_t{findings.idxlast - nodes}});
-  print(Message::kRecordSummary, {std::int64_t{records}, std::int64_t{findings.datlast - records}});
-  if (findings.varlen) {
-    const std::int32_t pages = findings.rpgmap.cntmap();
-    pnewline(1);
-    print(Message::kStoragePages, {std::int64_t{pages}});
-    if (pages != 0) {
-      pnewline(1);
-      print(Message::kStorageFree, {findings.totalrpfree, findings.totalrpfree / pages});
-    }
-  }
-  pnewline(2);
+void tell_summary(Check& check) {
+  if (!check.sized) return check.listener.ends(nullptr);
+  const std::int32_t nodes = check.idxmap.cntmap();
+  const std::int32_t records = check.datmap.cntmap();
+  const Summary summary{.nodes_used = nodes,
+                        .nodes_free = check.idxlast - nodes,
+                        .records_used = records,
+                        .records_free = check.datlast - records,
+                        .varlen = check.varlen,
+                        .pages = check.rpgmap.cntmap(),
+                        .page_bytes_free = check.totalrpfree};
+  check.listener.ends(&summary);
+}
+
+// Whether the whole sequence ran.
+bool check_pair(Check& check, const std::string& name) {
+  isam::clear_errors();
+  if (check.options.sflag != 0 && !resize_alone(check, name)) return false;
+  if (!open_pair(check, name)) return refuse_pair(check);
+  if (!lock_and_load(check)) return false;
+  if (check.options.nflag == 0) Repair::remove_leftovers(name);
+  Repair repair(check);
+  const bool done = guarded_check_and_repair(check, repair);
+  wind_up(check, repair, done);
+  tell_summary(check);
+  return done;
 }
 
 }  // namespace
 
-int ckfile(std::string name) {
+Outcome ckfile(std::string name, const Options& options, Listener& listener) {
   cut_suffix(name);
-  isam::clear_errors();
-  tally = {};
-  if (options.sflag != 0 && resize_alone(name) != 0) return -1;
-  if (!open_pair(name)) return refuse_pair();
-  if (!lock_and_load()) return -1;
-  findings.totalrpfree = 0;  // of a pair that the page check does not come to
-  if (options.nflag == 0) Repair::remove_leftovers(name);
-  Repair repair;
-  const bool done = guarded_check_and_repair(repair);
-  wind_up(repair, done);
-  print_summary();
-  return done ? 0 : -1;
+  Check check(options, listener);
+  const bool whole = check_pair(check, name);
+  return {.whole = whole, .findings = check.count, .declined = check.declined};
 }
 
 }  // namespace checker

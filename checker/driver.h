@@ -3,10 +3,17 @@
 
 #include <string>
 
+#include "checker/check.h"
+
 namespace checker {
 
-// Checks the pair whose base name, ".dat" or ".idx" file is given: 0 when the whole sequence ran,
-// -1 when it stopped early.
-int ckfile(std::string name);
+struct Outcome {
+  bool whole = false;  // the whole sequence ran; else it stopped early
+  int findings = 0;
+  int declined = 0;  // questions answered no
+};
+
+// Checks the pair whose base name, ".dat" or ".idx" file is given.
+Outcome ckfile(std::string name, const Options& options, Listener& listener);
 
 }  // namespace checker

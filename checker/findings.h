@@ -1,51 +1,142 @@
-// findings: what the check of one file has found so far; every pass reads and adds to it.
+// findings: everything that a check can find and ask, in one table each.
 //
-// Reset by the dictionary check of each file.
+// The checks name a code and give the numbers that belong to it. Wordings stand in the tables
+// alone: `kestro` prints them, other programs may show the codes, which are permanent.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
-#include <vector>
-
-#include "checker/usagemap.h"
+#include <span>
+#include <string_view>
 
 namespace checker {
 
-enum class Verdict { kSound, kFaulty, kRebuild };
-enum class IndexVerdict : unsigned char { kKeep, kDelete, kRemake };
+enum class Code : std::size_t {
+  // The pair as a whole.
+  kCannotOpen,
+  kNoMemory,
+  kOtherCollation,
+  // Dictionary and sizes.
+  kBadMagic,
+  kBadNodeSize,
+  kOtherLockMethod,
+  kBadRecordSize,
+  kBadMaximumSize,
+  kMaximumTooSmall,
+  kBadDuplicateWidth,
+  kKeyNodeBad,
+  kKeyNodeDuplicate,
+  // Data records.
+  kBadRecord,
+  kFreeRecordsUnknown,
+  // Indexes.
+  kBadIndexCount,
+  kBadKeyDescription,
+  kNoKeyDescription,
+  kIndexNodeBad,
+  kIndexNodeDuplicate,
+  kIndexRecordBad,
+  kIndexRecordDuplicate,
+  kIndexRecordMissing,
+  kIndexOutOfOrder,
+  kIndexNodeMalformed,
+  kIndexNodeUnreadable,
+  kIndexKeyMissing,
+  kIndexKeyDuplicate,
+  // Free lists.
+  kRecordListNodeBad,
+  kRecordListNodeDuplicate,
+  kRecordListMalformed,
+  kRecordListBad,
+  kRecordListDuplicate,
+  kRecordListMissing,
+  kNodeListMalformed,
+  kNodeListBad,
+  kNodeListDuplicate,
+  kNodeListMissing,
+  // Variable-length storage.
+  kStoragePageBad,
+  kStorageListBad,
+  kStoragePageUnread,
+  kStoragePageUnfiled,
+  // Node size change.
+  kResizeNotLinked,
+  kResizeNotOpened,
+  kResizeVariable,
+  kResizeKeyNodeTooBig,
+  kResizeNotRemoved,
+  kResizeNotCreated,
+  kResizeProtectionUnknown,
+  kResizeProtectionDiffers,
+  kResizeOwnerDiffers,
 
-struct Findings {
-  bool varlen = false;  // the file has variable-length records
-
-  std::int32_t idxlast = 0;  // highest node number to check
-  std::int32_t datlast = 0;  // highest record number to check
-  std::int32_t idxreal = 0;  // nodes that the index file really holds
-  std::int32_t datreal = 0;  // records whose state byte the data file really holds
-
-  UsageMap idxmap;   // nodes in use
-  UsageMap keptmap;  // nodes in use by what is kept: idxmap without the roots to be refilled
-  UsageMap idxmap2;  // nodes of the structure being checked alone; no second idxmap
-  UsageMap rpgmap;   // nodes that hold pieces of variable parts
-  UsageMap datmap;   // records present
-  UsageMap datmap2;  // records accounted for by the structure being checked alone
-
-  bool data_misfits = false;  // bad data records, or slots that are not where they should be
-
-  std::int32_t rootlast = 0;  // highest node in use before repairs took any
-
-  std::vector<IndexVerdict> idxflag;  // by index number; entry 0 is not used
-  bool count_is_fixed = false;        // the number of indexes in the dictionary was put right
-
-  Verdict badifree = Verdict::kSound;  // free list of index nodes
-  bool nodes_unsafe = false;           // ... which hands out what is in use, or has no known end
-  Verdict baddfree = Verdict::kSound;  // free list of data records
-  Verdict badrfree = Verdict::kSound;  // free-space lists of storage pages
-  std::int64_t totalrpfree = 0;        // free bytes of all storage pages checked
+  kCount
 };
-extern Findings findings;
 
-// Whether the list of free nodes stays as it is although what it hands out may be in use.
-[[nodiscard]] inline bool node_list_is_declined() {
-  return findings.badifree == Verdict::kFaulty && findings.nodes_unsafe;
-}
+// What the operator decides. The answer where the input ends is no, to all of them.
+enum class Question : std::size_t {
+  kLockMethod,
+  kIndexCount,
+  kDeleteIndex,
+  kRemakeIndex,
+  kRecordList,
+  kNodeList,
+  kStorageLists,
+
+  kCount,
+  kNone
+};
+
+inline constexpr std::int64_t kNotCarried = INT64_MIN;
+
+// The numbers that a finding carries; its code tells which.
+struct Numbers {
+  std::int64_t record = kNotCarried;
+  std::int64_t node = kNotCarried;
+  std::int64_t key = kNotCarried;       // number of the index, from 1
+  std::int64_t found = kNotCarried;     // what stands there, or how many were met
+  std::int64_t expected = kNotCarried;  // what should stand there
+};
+using Number = std::int64_t Numbers::*;
+using CarriedNumbers = std::array<Number, 2>;
+
+struct Finding {
+  Code code;
+  Numbers numbers{};
+  std::string_view name{};  // the collation that the file asks for
+};
+
+// How kestro says it.
+enum class Saying {
+  kError,      // behind "ERROR: "
+  kLine,       // a line of the report
+  kRemark,     // on standard error
+  kCollation,  // with a line that names what the file asks for
+  kNothing     // the question says it
+};
+
+struct FindingText {
+  Code number;
+  const char* code;     // permanent
+  const char* wording;  // %d stands for the first number
+  Saying saying = Saying::kError;
+  Question question = Question::kNone;  // that it leads to
+  CarriedNumbers numbers{};
+};
+
+struct QuestionText {
+  Question number;
+  const char* code;
+  const char* wording;
+  bool by_default;  // what counts when the input has ended
+  const char* yes;  // what it does
+  const char* no;
+};
+
+[[nodiscard]] std::span<const FindingText> finding_texts();
+[[nodiscard]] std::span<const QuestionText> question_texts();
+[[nodiscard]] const FindingText& text_of(Code code);
+[[nodiscard]] const QuestionText& text_of(Question question);
 
 }  // namespace checker

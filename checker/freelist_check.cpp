@@ -7,8 +7,6 @@
 #include <vector>
 
 #include "checker/checks.h"
-#include "checker/dialogue.h"
-#include "checker/findings.h"
 #include "checker/listnode.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
@@ -46,67 +44,68 @@ void account_for_entry(std::int32_t number, std::int32_t last, UsageMap& account
   }
 }
 
-void report_counts(const ListCounts& counts, Message bad, Message duplicate, Message missing) {
-  if (counts.bad != 0) errn(bad, counts.bad);
-  if (counts.duplicate != 0) errn(duplicate, counts.duplicate);
-  if (counts.missing != 0) errn(missing, counts.missing);
+void report_counts(Check& check, const ListCounts& counts, Code bad, Code duplicate, Code missing) {
+  if (counts.bad != 0) check.found(bad, {.found = counts.bad});
+  if (counts.duplicate != 0) check.found(duplicate, {.found = counts.duplicate});
+  if (counts.missing != 0) check.found(missing, {.found = counts.missing});
 }
 
-void both_lists_faulty(Message message) {
-  err(message);
-  findings.baddfree = findings.badifree = Verdict::kFaulty;
+void both_lists_faulty(Check& check, Code code, std::int32_t node) {
+  check.found(code, {.node = node});
+  check.baddfree = check.badifree = Verdict::kFaulty;
 }
 
-void walk_data_list(ListCounts& counts) {
+void walk_data_list(Check& check, ListCounts& counts) {
   for (std::int32_t node = dictp->d_freedata(); node != 0;) {
-    if (node < 1 || node > findings.idxlast) return both_lists_faulty(Message::kBadListNode);
-    if (findings.idxmap2.set_bit(node) || findings.idxmap.tstbit(node)) {
-      return both_lists_faulty(Message::kDuplicateListNode);
+    if (node < 1 || node > check.idxlast)
+      return both_lists_faulty(check, Code::kRecordListNodeBad, node);
+    if (check.idxmap2.set_bit(node) || check.idxmap.tstbit(node)) {
+      return both_lists_faulty(check, Code::kRecordListNodeDuplicate, node);
     }
     const isam::PageHold page = isam::bfread(node);
     if (!page) {
-      report_unreadable_node();
-      findings.baddfree = Verdict::kFaulty;
+      check.report_unreadable_node();
+      check.baddfree = Verdict::kFaulty;
       return;
     }
     const ListNode list{page};
     if (!list.is_valid()) {
-      err(Message::kBadDataListFormat);
-      findings.baddfree = Verdict::kFaulty;
+      check.found(Code::kRecordListMalformed, {.node = node});
+      check.baddfree = Verdict::kFaulty;
       return;
     }
     list.for_each_entry([&](std::int32_t record) {
-      account_for_entry(record, findings.datlast, findings.datmap2, findings.datmap, counts);
+      account_for_entry(record, check.datlast, check.datmap2, check.datmap, counts);
     });
     node = list.next();
   }
 }
 
 // False when the walk ends before the list does.
-bool walk_index_list(ListCounts& counts) {
+bool walk_index_list(Check& check, ListCounts& counts) {
   for (std::int32_t node = dictp->d_freenode(); node != 0;) {
-    if (node < 1 || node > findings.idxlast) {
+    if (node < 1 || node > check.idxlast) {
       ++counts.bad;
       return false;
     }
-    if (findings.idxmap2.set_bit(node) || findings.idxmap.tstbit(node)) {
+    if (check.idxmap2.set_bit(node) || check.idxmap.tstbit(node)) {
       ++counts.duplicate;
       return false;
     }
     const isam::PageHold page = isam::bfread(node);
     if (!page) {
-      report_unreadable_node();
-      findings.badifree = Verdict::kFaulty;
+      check.report_unreadable_node();
+      check.badifree = Verdict::kFaulty;
       return false;
     }
     const ListNode list{page};
     if (!list.is_valid()) {
-      err(Message::kBadIndexListFormat);
-      findings.badifree = Verdict::kFaulty;
+      check.found(Code::kNodeListMalformed, {.node = node});
+      check.badifree = Verdict::kFaulty;
       return false;
     }
     list.for_each_entry([&](std::int32_t entry) {
-      account_for_entry(entry, findings.idxlast, findings.idxmap2, findings.idxmap, counts);
+      account_for_entry(entry, check.idxlast, check.idxmap2, check.idxmap, counts);
     });
     node = list.next();
   }
@@ -115,49 +114,49 @@ bool walk_index_list(ListCounts& counts) {
 
 }  // namespace
 
-void ckdfree() {
-  print_line(Message::kCheckingFreeLists);
-  findings.idxmap2.clrmap();
-  findings.datmap2.clrmap();
-  findings.baddfree = findings.badifree = Verdict::kSound;
+void ckdfree(Check& check) {
+  check.listener.begins(Pass::kFreeLists);
+  check.idxmap2.clrmap();
+  check.datmap2.clrmap();
+  check.baddfree = check.badifree = Verdict::kSound;
   ListCounts counts;
   counts.duplicate =
-      mark_behind_highest(dictp->d_nextdata(), findings.datlast, findings.datmap2, findings.datmap);
-  walk_data_list(counts);
-  findings.datmap2.ormap(findings.datmap);
-  counts.missing = findings.datlast - findings.datmap2.cntmap();
+      mark_behind_highest(dictp->d_nextdata(), check.datlast, check.datmap2, check.datmap);
+  walk_data_list(check, counts);
+  check.datmap2.ormap(check.datmap);
+  counts.missing = check.datlast - check.datmap2.cntmap();
   if (counts.any()) {
-    report_counts(counts, Message::kBadRecordPointers, Message::kDuplicateRecordPointers,
-                  Message::kMissingRecordPointers);
-    findings.baddfree = Verdict::kFaulty;
+    report_counts(check, counts, Code::kRecordListBad, Code::kRecordListDuplicate,
+                  Code::kRecordListMissing);
+    check.baddfree = Verdict::kFaulty;
   }
-  if (findings.baddfree == Verdict::kFaulty && ask(Message::kFixDataList)) {
+  if (check.baddfree == Verdict::kFaulty && check.ask(Question::kRecordList)) {
     // The nodes of the old list are forgotten, so that the node list's rebuild frees them.
-    findings.idxmap2.clrmap();
-    findings.baddfree = Verdict::kRebuild;
+    check.idxmap2.clrmap();
+    check.baddfree = Verdict::kRebuild;
   }
-  findings.idxmap.ormap(findings.idxmap2);
-  findings.keptmap.ormap(findings.idxmap2);
+  check.idxmap.ormap(check.idxmap2);
+  check.keptmap.ormap(check.idxmap2);
 }
 
-void ckifree() {
-  findings.idxmap2.clrmap();
+void ckifree(Check& check) {
+  check.idxmap2.clrmap();
   ListCounts counts;
   counts.duplicate =
-      mark_behind_highest(dictp->d_nextnode(), findings.idxlast, findings.idxmap2, findings.idxmap);
-  const bool walked = walk_index_list(counts);
+      mark_behind_highest(dictp->d_nextnode(), check.idxlast, check.idxmap2, check.idxmap);
+  const bool walked = walk_index_list(check, counts);
   // Nodes that are merely missing from the list harm nobody who takes others from it.
-  findings.nodes_unsafe = !walked || counts.bad != 0 || counts.duplicate != 0;
-  findings.idxmap2.ormap(findings.idxmap);
-  counts.missing = findings.idxlast - findings.idxmap2.cntmap();
+  check.nodes_unsafe = !walked || counts.bad != 0 || counts.duplicate != 0;
+  check.idxmap2.ormap(check.idxmap);
+  counts.missing = check.idxlast - check.idxmap2.cntmap();
   if (counts.any()) {
-    report_counts(counts, Message::kBadNodePointers, Message::kDuplicateNodePointers,
-                  Message::kMissingNodePointers);
-    findings.badifree = Verdict::kFaulty;
+    report_counts(check, counts, Code::kNodeListBad, Code::kNodeListDuplicate,
+                  Code::kNodeListMissing);
+    check.badifree = Verdict::kFaulty;
   }
-  if (findings.badifree == Verdict::kFaulty && ask(Message::kFixIndexList)) {
-    findings.idxmap2.clrmap();
-    findings.badifree = Verdict::kRebuild;
+  if (check.badifree == Verdict::kFaulty && check.ask(Question::kNodeList)) {
+    check.idxmap2.clrmap();
+    check.badifree = Verdict::kRebuild;
   }
 }
 
@@ -172,27 +171,27 @@ bool for_each_unused(const UsageMap& in_use, std::int32_t highest, Visit visit) 
   return true;
 }
 
-bool add_to_list(std::int32_t number, isam::FreeList list) {
+bool add_to_list(Check& check, std::int32_t number, isam::FreeList list) {
   if (isam::freerec(number, list) == 0) return true;
-  prterr();
+  check.prterr();
   return false;
 }
 
 // The nodes that the list of unused ones is to stand in, where it would come to stand in storage
 // pages with bytes of records otherwise; as many of other nodes as there are. None: in its own
 // order it stands in no such page.
-std::vector<std::int32_t> heads_set_apart(std::int32_t highest) {
+std::vector<std::int32_t> heads_set_apart(const Check& check, std::int32_t highest) {
   const int entries = isam::list_entries(isam::filep->idxsize);
   std::int64_t unused = 0;
   bool meets_page = false;
-  for_each_unused(findings.idxmap, highest, [&](std::int32_t node) {
+  for_each_unused(check.idxmap, highest, [&](std::int32_t node) {
     if (unused++ % (entries + 1) == 0 && holds_parts(node)) meets_page = true;
     return true;
   });
   std::vector<std::int32_t> heads;
   if (!meets_page) return heads;
   const std::int64_t needed = (unused + entries) / (entries + 1);
-  for_each_unused(findings.idxmap, highest, [&](std::int32_t node) {
+  for_each_unused(check.idxmap, highest, [&](std::int32_t node) {
     if (!holds_parts(node)) heads.push_back(node);
     return std::ssize(heads) < needed;
   });
@@ -201,15 +200,17 @@ std::vector<std::int32_t> heads_set_apart(std::int32_t highest) {
 
 // Frees the unused nodes below `highest`, from the top down, so that the list hands out the lowest
 // numbers first. A node freed when the list has no room becomes its head.
-void list_unused_nodes(std::int32_t highest) {
-  const std::vector<std::int32_t> heads = heads_set_apart(highest);
-  findings.idxmap2.clrmap();
-  for (const std::int32_t head : heads) findings.idxmap2.set_bit(head);
+void list_unused_nodes(Check& check, std::int32_t highest) {
+  const std::vector<std::int32_t> heads = heads_set_apart(check, highest);
+  check.idxmap2.clrmap();
+  for (const std::int32_t head : heads) check.idxmap2.set_bit(head);
   auto next_head = heads.begin();
   int room = 0;
-  const auto add = [](std::int32_t node) { return add_to_list(node, isam::FreeList::kNodes); };
-  const bool all = for_each_unused(findings.idxmap, highest, [&](std::int32_t node) {
-    if (findings.idxmap2.tstbit(node)) return true;  // set apart
+  const auto add = [&check](std::int32_t node) {
+    return add_to_list(check, node, isam::FreeList::kNodes);
+  };
+  const bool all = for_each_unused(check.idxmap, highest, [&](std::int32_t node) {
+    if (check.idxmap2.tstbit(node)) return true;  // set apart
     if (room-- > 0) return add(node);
     room = isam::list_entries(isam::filep->idxsize);
     if (next_head == heads.end()) return add(node);
@@ -221,43 +222,43 @@ void list_unused_nodes(std::int32_t highest) {
 
 // The parts of the file that stand at nodes which it does not hold. Numbers past `last` will be
 // given to others: nothing may go on naming them.
-void settle_missing_nodes(std::int32_t last) {
-  if (isam::kycutchain(findings.idxreal, last) != 0) prterr();
+void settle_missing_nodes(Check& check, std::int32_t last) {
+  if (isam::kycutchain(check.idxreal, last) != 0) check.prterr();
   const std::int32_t audit = dictp->d_auditnode();
   if (audit <= last) {
-    if (audit > findings.idxreal) isam::bfgetclr(audit).release();
+    if (audit > check.idxreal) isam::bfgetclr(audit).release();
     return;
   }
   dictp->clear_d_auditnode();
   isam::dictmodify();
   isam::failed(isam::kCorrupted);
-  prterr();
+  check.prterr();
 }
 
-std::int32_t last_real_node() { return std::min(findings.idxlast, findings.idxreal); }
+std::int32_t last_real_node(const Check& check) { return std::min(check.idxlast, check.idxreal); }
 
 }  // namespace
 
-std::int32_t last_node_to_keep() {
-  const std::int64_t last = std::int64_t{findings.idxreal} + kKeptPastEnd;
-  return static_cast<std::int32_t>(std::min<std::int64_t>(findings.idxlast, last));
+std::int32_t last_node_to_keep(const Check& check) {
+  const std::int64_t last = std::int64_t{check.idxreal} + kKeptPastEnd;
+  return static_cast<std::int32_t>(std::min<std::int64_t>(check.idxlast, last));
 }
 
-bool pages_are_given_up() {
+bool pages_are_given_up(Check& check) {
   // One that an earlier repair gave up has lost its kind, and nothing is taken from it now.
   const auto keeps_kind = [](std::int32_t node) {
     const isam::PageHold page = isam::bfread(node);
     return page && page.node_type() == isam::kStoragePage;
   };
-  const bool none = for_each_unused(findings.idxmap, last_real_node(), [&](std::int32_t node) {
+  const bool none = for_each_unused(check.idxmap, last_real_node(check), [&](std::int32_t node) {
     return !keeps_kind(node) || !holds_parts(node);
   });
-  pass_over_error();
+  check.pass_over_error();
   return !none;
 }
 
-void unmark_unused_pages() {
-  for_each_unused(findings.idxmap, last_real_node(), [](std::int32_t node) {
+void unmark_unused_pages(Check& check) {
+  for_each_unused(check.idxmap, last_real_node(check), [](std::int32_t node) {
     isam::PageHold page = isam::bfread(node);
     if (page && page.node_type() == isam::kStoragePage) {
       page.set_frame(page.used(), isam::kTreeNode, page.level());
@@ -265,10 +266,10 @@ void unmark_unused_pages() {
     }
     return true;
   });
-  pass_over_error();
+  check.pass_over_error();
 }
 
-bool mark_node_list() {
+bool mark_node_list(Check& check) {
   std::int32_t left = dictp->d_nextnode();  // a chain has fewer nodes than there are numbers
   for (std::int32_t node = dictp->d_freenode(); node != 0 && left > 0; --left) {
     isam::PageHold page = isam::bfread(node);
@@ -283,32 +284,32 @@ bool mark_node_list() {
     node = list.next();
   }
   const bool serves = isam::free_nodes_serve();
-  pass_over_error();
+  check.pass_over_error();
   return serves;
 }
 
-void makifree() {
-  print_line(Message::kRecreatingIndexList);
-  const std::int32_t highest = findings.idxmap.previous_set(last_node_to_keep());
+void makifree(Check& check) {
+  check.listener.mends(Mending::kRemakesNodeList, 0);
+  const std::int32_t highest = check.idxmap.previous_set(last_node_to_keep(check));
   dictp->set_d_nextnode(highest);
   dictp->set_d_freenode(0);
   isam::dictmodify();
-  list_unused_nodes(highest);
-  settle_missing_nodes(highest);
+  list_unused_nodes(check, highest);
+  settle_missing_nodes(check, highest);
 }
 
-void makdfree() {
-  print_line(Message::kRecreatingDataList);
-  if (node_list_is_declined()) {
+void makdfree(Check& check) {
+  check.listener.mends(Mending::kRemakesRecordList, 0);
+  if (check.node_list_is_declined()) {
     isam::failed(isam::kCorrupted);
-    return prterr();
+    return check.prterr();
   }
-  const std::int32_t highest = findings.datmap.previous_set(findings.datlast);
+  const std::int32_t highest = check.datmap.previous_set(check.datlast);
   dictp->set_d_nextdata(highest);
   dictp->set_d_freedata(0);
   isam::dictmodify();
-  for_each_unused(findings.datmap, highest, [](std::int32_t record) {
-    return add_to_list(record, isam::FreeList::kRecords);
+  for_each_unused(check.datmap, highest, [&check](std::int32_t record) {
+    return add_to_list(check, record, isam::FreeList::kRecords);
   });
 }
 

@@ -4,9 +4,6 @@
 // Gives   idxflag, one verdict per index; the nodes of kept indexes marked in idxmap. Of an index
 //         to be remade only the root stays marked, of one to be deleted nothing.
 #include "checker/checks.h"
-#include "checker/dialogue.h"
-#include "checker/findings.h"
-#include "checker/listing.h"
 #include "checker/tree_check.h"
 #include "isam/errors.h"
 #include "isam/keychain.h"
@@ -17,62 +14,60 @@ namespace {
 
 using isam::dictp;
 
-void report_count(Message message, std::int32_t count) {
-  if (count != 0) errn(message, count);
+void report_tree(Check& check, int n, const TreeFindings& found, std::int32_t misdata) {
+  const auto report = [&](Code code, std::int32_t count) {
+    if (count != 0) check.found(code, {.key = n, .found = count});
+  };
+  report(Code::kIndexNodeBad, found.badindx);
+  report(Code::kIndexNodeDuplicate, found.dupindx);
+  report(Code::kIndexRecordBad, found.baddata);
+  report(Code::kIndexRecordDuplicate, found.dupdata);
+  report(Code::kIndexRecordMissing, misdata);
+  if (found.badorder) check.found(Code::kIndexOutOfOrder, {.key = n});
 }
 
-void report_tree(const TreeFindings& found, std::int32_t misdata) {
-  report_count(Message::kBadNodePointers, found.badindx);
-  report_count(Message::kDuplicateNodePointers, found.dupindx);
-  report_count(Message::kBadRecordPointers, found.baddata);
-  report_count(Message::kDuplicateRecordPointers, found.dupdata);
-  report_count(Message::kMissingRecordPointers, misdata);
-  if (found.badorder) err(Message::kOutOfOrder);
-}
-
-IndexVerdict ask_about_bad_index(std::int32_t root) {
-  if (!ask(Message::kDeleteIndex)) return IndexVerdict::kKeep;
-  findings.idxmap2.clrmap();
-  if (!ask(Message::kRemakeIndex)) return IndexVerdict::kDelete;
-  if (root >= 1 && root <= findings.idxlast) findings.idxmap2.set_bit(root);
+IndexVerdict ask_about_bad_index(Check& check, std::int32_t root) {
+  if (!check.ask(Question::kDeleteIndex)) return IndexVerdict::kKeep;
+  check.idxmap2.clrmap();
+  if (!check.ask(Question::kRemakeIndex)) return IndexVerdict::kDelete;
+  if (root >= 1 && root <= check.idxlast) check.idxmap2.set_bit(root);
   return IndexVerdict::kRemake;
 }
 
-IndexVerdict check_index(int n, const keydescr& k) {
-  prtindex(n, k);
-  findings.idxmap2.clrmap();
-  findings.datmap2.clrmap();
+IndexVerdict check_index(Check& check, int n, const keydescr& k) {
+  check.listener.index_begins(n, k);
+  check.idxmap2.clrmap();
+  check.datmap2.clrmap();
   TreeFindings found;
-  if (k.nparts > 0) found = TreeCheck{k, findings.datmap.cntmap()}.run();
-  print(Message::kNodesUsed, {std::int64_t{found.cntindx}});
-  print_line(Message::kLevelsUsed, {std::int64_t{found.maxlevel} + 1});
+  if (k.nparts > 0) found = TreeCheck{check, n, k}.run();
+  check.listener.index_walked(found.cntindx, found.maxlevel + 1);
   if (k.nparts == 0) return IndexVerdict::kKeep;
 
-  const std::int32_t misdata = findings.datmap.cntmap() - findings.datmap2.cntmap();
+  const std::int32_t misdata = check.datmap.cntmap() - check.datmap2.cntmap();
   const bool faulty = found.badindx != 0 || found.dupindx != 0 || found.baddata != 0 ||
                       found.dupdata != 0 || misdata != 0 || found.badorder;
-  if (faulty) report_tree(found, misdata);
+  if (faulty) report_tree(check, n, found, misdata);
   const IndexVerdict verdict =
-      faulty || found.badindex ? ask_about_bad_index(k.rootnode) : IndexVerdict::kKeep;
-  findings.idxmap.ormap(findings.idxmap2);
-  if (verdict == IndexVerdict::kKeep) findings.keptmap.ormap(findings.idxmap2);
+      faulty || found.badindex ? ask_about_bad_index(check, k.rootnode) : IndexVerdict::kKeep;
+  check.idxmap.ormap(check.idxmap2);
+  if (verdict == IndexVerdict::kKeep) check.keptmap.ormap(check.idxmap2);
   return verdict;
 }
 
-void settle_index_count(int counted) {
+void settle_index_count(Check& check, int counted) {
   if (counted == dictp->d_nkeys()) return;
-  err(Message::kBadIndexCount);
-  if (!ask(Message::kFixNumber)) return;
-  findings.count_is_fixed = true;
+  check.found(Code::kBadIndexCount, {.found = dictp->d_nkeys(), .expected = counted});
+  if (!check.ask(Question::kIndexCount)) return;
+  check.count_is_fixed = true;
   dictp->set_d_nkeys(counted);
   isam::dictmodify();
 }
 
 }  // namespace
 
-bool ckindex() {
-  print_line(Message::kCheckingIndexes);
-  findings.keptmap.ormap(findings.idxmap);
+bool ckindex(Check& check) {
+  check.listener.begins(Pass::kIndexes);
+  check.keptmap.ormap(check.idxmap);
   isam::KeyChain chain;
   keydescr k{};
   for (int n = 1;; ++n) {
@@ -80,22 +75,22 @@ bool ckindex() {
       case isam::KeyChain::Step::kFound:
         break;
       case isam::KeyChain::Step::kMalformed:
-        pass_over_error();
-        err(Message::kBadKeyFormat);
+        check.pass_over_error();
+        check.found(Code::kBadKeyDescription, {.key = n});
         return false;
       case isam::KeyChain::Step::kEnd:
       case isam::KeyChain::Step::kUnreadable:
-        pass_over_error();
-        settle_index_count(n - 1);
+        check.pass_over_error();
+        settle_index_count(check, n - 1);
         return true;
     }
     if (k.nparts > 0 && isam::kylegal(k, isam::filep->reclen) != 0) {
       isam::clear_errors();
-      err(Message::kBadKeyFormat);
+      check.found(Code::kBadKeyDescription, {.key = n});
       return false;
     }
-    findings.idxflag.push_back(IndexVerdict::kKeep);
-    findings.idxflag.back() = check_index(n, k);
+    check.idxflag.push_back(IndexVerdict::kKeep);
+    check.idxflag.back() = check_index(check, n, k);
   }
 }
 

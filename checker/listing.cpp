@@ -1,11 +1,9 @@
-#include "checker/listing.h"
-
+// The part of the dialogue that tells of trees: the heading of every index, and what -l shows.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 #include "checker/dialogue.h"
-#include "isam/errors.h"
 
 namespace checker {
 namespace {
@@ -46,8 +44,16 @@ int print_part(const isam::Byte* at, const keypart& part) {
   }
 }
 
-}  // namespace
+// One line with an item's fields and its key, part by part.
+void pritem(const isam::Item& item, const keydescr& k) {
+  std::printf("%3o  %4d  %4d  %4ld  %6ld  %4d  %4d  ", static_cast<unsigned>(item.flag), item.totln,
+              item.keyln, long{item.dupnm}, long{item.recptr}, item.leadc, item.tailc);
+  const isam::Byte* at = item.key;
+  for (int i = 0; i < k.nparts; ++i) at += print_part(at, k.part[i]);
+  pnewline(1);
+}
 
+// "Index 2 = duplicates  (12,4,2) ": number, kind, and start, length and type of each part.
 void prtindex(int n, const keydescr& k) {
   const bool duplicates = (k.flags & KF_DUPS) != 0;
   print(Message::kIndexHeading,
@@ -60,32 +66,21 @@ void prtindex(int n, const keydescr& k) {
   pnewline(1);
 }
 
-void pritem(const isam::Item& item, const keydescr& k) {
-  std::printf("%3o  %4d  %4d  %4ld  %6ld  %4d  %4d  ", static_cast<unsigned>(item.flag), item.totln,
-              item.keyln, long{item.dupnm}, long{item.recptr}, item.leadc, item.tailc);
-  const isam::Byte* at = item.key;
-  for (int i = 0; i < k.nparts; ++i) at += print_part(at, k.part[i]);
-  pnewline(1);
-}
+}  // namespace
 
-void list_node(int level, std::int32_t node, int used) {
+void Dialogue::index_begins(int n, const keydescr& k) { prtindex(n, k); }
+
+void Dialogue::tree_item(const isam::Item& item, const keydescr& k) { pritem(item, k); }
+
+void Dialogue::tree_node(int level, std::int32_t node, int used) {
   pnewline(1);
   print_line(Message::kListNode, {std::int64_t{level}, std::int64_t{node}, std::int64_t{used}});
   print_line(Message::kListHeading);
 }
 
-void list_level(int level) {
+void Dialogue::tree_level(int level) {
   pnewline(1);
   print_line(Message::kListLevel, {std::int64_t{level}});
-}
-
-void report_unreadable_tree_node() {
-  if (options.sflag != 0) {
-    pass_over_error();
-    return;
-  }
-  print_line(Message::kIndexReadError);
-  prterr();
 }
 
 }  // namespace checker

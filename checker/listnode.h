@@ -3,7 +3,6 @@
 
 #include <cstdint>
 
-#include "checker/dialogue.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
 
@@ -37,14 +36,5 @@ class ListNode {
   isam::ConstBytes bytes_;
   int entry_bytes_;
 };
-
-// A node could not be read: prints why, but not while a resized index is known to lack nodes.
-inline void report_unreadable_node() {
-  if (options.sflag != 0) {
-    pass_over_error();
-  } else {
-    prterr();
-  }
-}
 
 }  // namespace checker

@@ -16,7 +16,8 @@
 namespace {
 
 using checker::Message;
-using checker::options;
+
+checker::Options options;
 
 constexpr int kUsageStatus = 1;
 constexpr int kLocaleStatus = -1;
@@ -84,13 +85,14 @@ void print_usage() {
 }
 
 void check_files(std::span<char*> names) {
+  checker::Dialogue dialogue(options);
   int number = 0;
   for (const char* name : names) {
     checker::Progress::begin_pair(++number, static_cast<int>(names.size()));
     checker::pnewline(1);
     checker::print(Message::kFile, {std::string_view(name)});
     checker::pnewline(2);
-    checker::ckfile(name);
+    checker::ckfile(name, options, dialogue);
   }
   checker::pnewline(1);
   iscleanup();
@@ -118,7 +120,10 @@ int main(int argc, char** argv) {
     if (options.nflag != 0) options.sflag = 0;  // with -n nothing is written
     arguments = arguments.subspan(1);
   }
-  if (options.qflag == 0) print_header();
+  if (options.qflag == 0) {
+    checker::Progress::allow();
+    print_header();
+  }
   if (arguments.empty()) {
     print_usage();
     return kUsageStatus;

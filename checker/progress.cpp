@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "checker/dialogue.h"
-
 namespace checker {
 namespace {
 
@@ -20,9 +18,11 @@ bool line_is_shown = false;
 int pair_number = 1;
 int pairs_named = 1;
 
+bool is_allowed = false;
+
 bool is_wanted() {
   static const bool terminal = ::isatty(STDERR_FILENO) == 1;
-  return terminal && options.qflag == 0;
+  return is_allowed && terminal;
 }
 
 steady_clock::time_point run_start() {
@@ -31,6 +31,8 @@ steady_clock::time_point run_start() {
 }
 
 }  // namespace
+
+void Progress::allow() { is_allowed = true; }
 
 void Progress::begin_pair(int number, int pairs) {
   pair_number = number;

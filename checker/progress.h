@@ -1,9 +1,10 @@
 // progress: how far a long pass has come, for an operator who watches.
 //
-// Shown on standard error, on one line that is rewritten, when that is a terminal, -q was not
-// given and the run has taken more than a second. Standard output never shows any of it: the line
-// is erased before anything is printed there.
+// Shown on standard error, on one line that is rewritten, when it is allowed, standard error is a
+// terminal and the run has taken more than a second. Standard output never shows any of it: the
+// line is erased before anything is printed there.
 //
+//   Progress::allow();
 //   Progress::begin_pair(3, 200);
 //   Progress progress("Checking data records", last);
 //   for (...) { progress.at(record); ... }
@@ -17,6 +18,8 @@ namespace checker {
 
 class Progress {
  public:
+  // Until then nothing is ever shown.
+  static void allow();
   // What follows concerns pair `number` of so many.
   static void begin_pair(int number, int pairs);
 

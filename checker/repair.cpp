@@ -15,8 +15,6 @@
 #include <utility>
 
 #include "checker/checks.h"
-#include "checker/dialogue.h"
-#include "checker/findings.h"
 #include "common/filecopy.h"
 #include "common/io.h"
 #include "isam/buffers.h"
@@ -31,22 +29,14 @@ namespace {
 
 using isam::filep;
 
-bool has_verdict(IndexVerdict verdict) { return std::ranges::count(findings.idxflag, verdict) > 0; }
-
-bool nodes_will_change() {
-  return findings.badifree == Verdict::kRebuild || findings.baddfree == Verdict::kRebuild ||
-         findings.badrfree == Verdict::kRebuild || has_verdict(IndexVerdict::kDelete) ||
-         has_verdict(IndexVerdict::kRemake);
+bool has_verdict(const Check& check, IndexVerdict verdict) {
+  return std::ranges::count(check.idxflag, verdict) > 0;
 }
 
-// The old index of a change of node size stays anyway.
-bool is_to_be_kept() {
-  if (options.sflag != 0) return false;
-  const bool gives_up_pages = findings.varlen && nodes_will_change() && pages_are_given_up();
-  // The old indexes name records that are not found now, perhaps for a wrong record length alone.
-  const bool loses_items = findings.data_misfits && has_verdict(IndexVerdict::kRemake);
-  return index_is_to_be_kept(has_verdict(IndexVerdict::kDelete) || findings.count_is_fixed ||
-                             gives_up_pages || loses_items);
+bool nodes_will_change(const Check& check) {
+  return check.badifree == Verdict::kRebuild || check.baddfree == Verdict::kRebuild ||
+         check.badrfree == Verdict::kRebuild || has_verdict(check, IndexVerdict::kDelete) ||
+         has_verdict(check, IndexVerdict::kRemake);
 }
 
 // The file itself, past symbolic links. Where its path is too long to be told, the last link at
@@ -109,58 +99,7 @@ void use(int fd) {
   filep->idxfd = fd;
 }
 
-// What waits in the pool, the stamp of the change, the dictionary: whether all could be written.
-bool write_out() {
-  isam::clear_errors();
-  isam::isexit();
-  isam::write_delayed();
-  if (iserrno != 0) Repair::fail(iserrno);
-  return iserrno == 0;
-}
-
-bool sync(int fd) {
-  if (common::system_calls().fsync(fd) == 0) return true;
-  Repair::fail(errno);
-  return false;
-}
-
-// Some file systems cannot, and need not.
-void sync_folder(const std::string& index) {
-  const common::FileHold folder{
-      common::open_file(folder_of(index).c_str(), O_RDONLY | O_DIRECTORY)};
-  if (folder && common::system_calls().fsync(folder.get()) != 0 && errno != EINVAL) {
-    remark(std::string("its folder could not be synced: ") + std::strerror(errno));
-  }
-}
-
-// A run that has mended all that it found leaves no mark of others' unfinished changes.
-bool clears_mark(bool whole) {
-  return whole && options.iflag == 0 && tally.declined == 0 && !Repair::has_failed();
-}
-
-// Nobody may open a pair that is being changed in place: false, and said, when nothing can tell.
-bool mark_index() {
-  const bool written = isam::set_mark(*filep) == 0;
-  const int found = written ? isam::find_mark(*filep) : -1;
-  filep->mark = isam::MarkState::kUnneeded;
-  if (found == 1) return true;
-  if (found == 0) remark("other bytes stand where the mark of a repair in place would");
-  Repair::fail(found == 0 ? ENOTSUP : iserrno);
-  return false;
-}
-
-void remove_mark() {
-  if (isam::remove_mark(*filep) != 0) Repair::fail(iserrno);
-  filep->mark = isam::MarkState::kUnneeded;
-}
-
 constexpr isam::Byte kNoMagic[2] = {};
-// With a new node size the index has been replaced by then.
-const char* as_it_was() {
-  return options.sflag == 0
-             ? "the pair is as it was"
-             : "the index has the new node size and nothing else; the old one is NAME.IDX";
-}
 constexpr char kIncomplete[] = "the repair in place is not complete: run kestro again";
 
 }  // namespace
@@ -169,10 +108,12 @@ void Repair::remove_leftovers(const std::string& name) {
   checker::remove_leftovers(real_path(isam::mkidxname(name)));
 }
 
-bool Repair::has_failed() { return tally.system_error != 0 || filep->failed_write.error != 0; }
+bool Repair::has_failed() const {
+  return check_.system_error != 0 || filep->failed_write.error != 0;
+}
 
 void Repair::fail(int system_error) {
-  if (tally.system_error == 0) tally.system_error = system_error;
+  if (check_.system_error == 0) check_.system_error = system_error;
 }
 
 void Repair::give_up(int system_error) {
@@ -180,8 +121,71 @@ void Repair::give_up(int system_error) {
   refused_ = refused_ || place_ == Place::kPair;
 }
 
-void Repair::tell_failure(const char* state) const {
-  const int error = tally.system_error != 0 ? tally.system_error : filep->failed_write.error;
+// The old index of a change of node size stays anyway.
+bool Repair::is_to_be_kept() {
+  if (check_.options.sflag != 0) return false;
+  const bool gives_up_pages =
+      check_.varlen && nodes_will_change(check_) && pages_are_given_up(check_);
+  // The old indexes name records that are not found now, perhaps for a wrong record length alone.
+  const bool loses_items = check_.data_misfits && has_verdict(check_, IndexVerdict::kRemake);
+  return index_is_to_be_kept(has_verdict(check_, IndexVerdict::kDelete) || check_.count_is_fixed ||
+                             gives_up_pages || loses_items);
+}
+
+// With a new node size the index has been replaced by then.
+const char* Repair::as_it_was() const {
+  return check_.options.sflag == 0
+             ? "the pair is as it was"
+             : "the index has the new node size and nothing else; the old one is NAME.IDX";
+}
+
+// What waits in the pool, the stamp of the change, the dictionary: whether all could be written.
+bool Repair::write_out() {
+  isam::clear_errors();
+  isam::isexit();
+  isam::write_delayed();
+  if (iserrno != 0) fail(iserrno);
+  return iserrno == 0;
+}
+
+bool Repair::sync(int fd) {
+  if (common::system_calls().fsync(fd) == 0) return true;
+  fail(errno);
+  return false;
+}
+
+// Some file systems cannot, and need not.
+void Repair::sync_folder() {
+  const common::FileHold folder{
+      common::open_file(folder_of(index_).c_str(), O_RDONLY | O_DIRECTORY)};
+  if (folder && common::system_calls().fsync(folder.get()) != 0 && errno != EINVAL) {
+    remark(std::string("its folder could not be synced: ") + std::strerror(errno));
+  }
+}
+
+// A run that has mended all that it found leaves no mark of others' unfinished changes.
+bool Repair::clears_mark(bool whole) const {
+  return whole && check_.options.iflag == 0 && check_.declined == 0 && !has_failed();
+}
+
+// Nobody may open a pair that is being changed in place: false, and said, when nothing can tell.
+bool Repair::mark_index() {
+  const bool written = isam::set_mark(*filep) == 0;
+  const int found = written ? isam::find_mark(*filep) : -1;
+  filep->mark = isam::MarkState::kUnneeded;
+  if (found == 1) return true;
+  if (found == 0) remark("other bytes stand where the mark of a repair in place would");
+  fail(found == 0 ? ENOTSUP : iserrno);
+  return false;
+}
+
+void Repair::remove_mark() {
+  if (isam::remove_mark(*filep) != 0) fail(iserrno);
+  filep->mark = isam::MarkState::kUnneeded;
+}
+
+void Repair::tell_failure(const char* state) {
+  const int error = check_.system_error != 0 ? check_.system_error : filep->failed_write.error;
   remark(std::strerror(error) + std::string("; ") + state);
   if (kept_.is_kept()) remark("the index as it was is kept as " + kept_.name());
 }
@@ -206,12 +210,12 @@ bool Repair::begin() {
   index_ = real_path(isam::mkidxname(filep->name));
   keeps_ = is_to_be_kept();
   // What the system did not give to the checks is not gone from the files.
-  refused_ = options.nflag == 0 && has_failed();
+  refused_ = check_.options.nflag == 0 && has_failed();
   if (refused_) return false;
-  if (options.nflag == 0) {
+  if (check_.options.nflag == 0) {
     interrupt_.emplace("\nkestro: " + index_ + ": interrupted; " + as_it_was() + "\n");
   }
-  if (!nodes_will_change()) return true;
+  if (!nodes_will_change(check_)) return true;
   int error = obstacle(filep->idxfd, index_);
   if (error == 0) error = copy_index();
   if (error == 0) return true;
@@ -240,7 +244,7 @@ int Repair::copy_index() {
 bool Repair::take_kept() {
   if (!keeps_) return true;
   if (kept_.take(filep->idxfd, index_) && kept_.show() == 0) {
-    sync_folder(index_);
+    sync_folder();
     return true;
   }
   const int error = errno;
@@ -252,7 +256,7 @@ bool Repair::take_kept() {
 bool Repair::begin_in_place(int reason) {
   remark(std::string("no copy can be put in its place (") + std::strerror(reason) +
          "); it is repaired in place");
-  if (!prepare_indexes() || !take_kept()) {
+  if (!prepare_indexes(check_) || !take_kept()) {
     refused_ = true;
     return false;
   }
@@ -280,9 +284,9 @@ void Repair::end(bool whole) {
 }
 
 void Repair::bring_in(bool whole) {
-  forget_prepared_indexes();
-  refused_ = refused_ || (options.nflag == 0 && place_ == Place::kPair && has_failed());
-  if (options.nflag != 0 || refused_) {
+  check_.prepared.clear();
+  refused_ = refused_ || (check_.options.nflag == 0 && place_ == Place::kPair && has_failed());
+  if (check_.options.nflag != 0 || refused_) {
     if (refused_) return leave_as_it_was();
     return forget_changes();  // what was settled in the dictionary's copy stays there
   }
@@ -374,7 +378,7 @@ void Repair::put_in_place() {
     fail(errno);
     return tell_failure(as_it_was());
   }
-  sync_folder(index_);
+  sync_folder();
   if (common::write_at(filep->idxfd, kNoMagic, 0) != 0) {
     remark(std::strerror(errno) + std::string("; end programs that wait for the pair"));
   }

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 
+#include "checker/check.h"
 #include "checker/interrupt.h"
 #include "checker/keptindex.h"
 #include "checker/temporaryfile.h"
@@ -28,19 +29,31 @@ namespace checker {
 
 class Repair {
  public:
+  explicit Repair(Check& check) : check_(check) {}
+
   // Removes what a killed run has left beside a pair.
   static void remove_leftovers(const std::string& name);
   // The last question is answered: false, and said, when nothing may be changed after all.
   [[nodiscard]] bool begin();
   // Whether an error of the system has ended it.
-  [[nodiscard]] static bool has_failed();
-  static void fail(int system_error);
+  [[nodiscard]] bool has_failed() const;
   // Such an error came while nobody looked for it.
   void give_up(int system_error);
   // Brings what was changed into the pair, or forgets it. `whole`: every step was taken.
   void end(bool whole);
 
  private:
+  void fail(int system_error);
+  void remark(const std::string& text) { check_.listener.remark(text); }
+  [[nodiscard]] bool clears_mark(bool whole) const;
+  [[nodiscard]] bool is_to_be_kept();
+  [[nodiscard]] const char* as_it_was() const;
+  [[nodiscard]] bool write_out();
+  [[nodiscard]] bool sync(int fd);
+  void sync_folder();
+  [[nodiscard]] bool mark_index();
+  void remove_mark();
+
   enum class Place { kPair, kCopy, kInPlace };
 
   [[nodiscard]] int copy_index();
@@ -55,10 +68,11 @@ class Repair {
   void write_over();
   static void forget_changes();
   void leave_as_it_was();
-  void tell_failure(const char* state) const;
+  void tell_failure(const char* state);
   void is_repaired();
   void keep_kept();
 
+  Check& check_;
   std::string index_;  // the file itself, past symbolic links
   Place place_ = Place::kPair;
   bool refused_ = false;  // nothing is written

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "checker/checks.h"
-#include "checker/dialogue.h"
 #include "common/holders.h"
 #include "common/io.h"
 #include "isam/buffers.h"
@@ -29,8 +28,8 @@ constexpr std::int32_t kNewNodes = 2;  // whole nodes of the new index file
 
 using KeyNode = std::array<isam::Byte, kCarriedBytes>;
 
-int refuse(Message message) {
-  print_line(message);
+int refuse(Check& check, Code code, const Numbers& numbers = {}) {
+  check.found(code, numbers);
   return -1;
 }
 
@@ -46,54 +45,51 @@ struct Carried {
   KeyNode keys{};
 };
 
-// The beginning of the node that names the audit trail: used count and name. It waits for the end
-// of the check that follows, which finds out what else the file holds; empty for none.
-std::vector<isam::Byte> audit_node;
-
 // Only descriptions that stand in the first 512 bytes of one node, node 2, can be carried over.
-int read_carried(int fd, Carried& carried) {
+int read_carried(Check& check, int fd, Carried& carried) {
   isam::Dictionary& dictionary = carried.dictionary;
   if (const ssize_t got = common::read_at(fd, dictionary.raw, 0); got != isam::kDictionarySize) {
     return refuse_read(got);
   }
-  if (dictionary.d_maxrecsize() != 0) return refuse(Message::kResizeVariable);
+  if (dictionary.d_maxrecsize() != 0) return refuse(check, Code::kResizeVariable);
   const int node_size = dictionary.d_idxsize() + 1;
-  print_line(Message::kOldNodeSize, {std::int64_t{node_size}});
+  check.listener.fact(Fact::kOldNodeSize, node_size);
   const ssize_t got = common::read_at(fd, carried.keys, node_size);
   const int used = got < isam::kUsedBytes ? 0 : common::ldword(carried.keys.data());
-  print_line(Message::kKeyNodeSize, {std::int64_t{used}});
+  check.listener.fact(Fact::kKeyNodeSize, used);
   const bool chained = common::ldlong(carried.keys.data() + isam::kLinkOffset) != 0;
   if (used > kCarriedBytes || chained || dictionary.d_keysnode() != 2) {
-    return refuse(Message::kKeyNodeTooBig);
+    return refuse(check, Code::kResizeKeyNodeTooBig, {.found = used});
   }
   return got < std::max(used, isam::kEntriesOffset) ? refuse_read(got) : 0;
 }
 
-void read_audit_node(int fd, const isam::Dictionary& dictionary) {
+// The beginning of the node that names the audit trail: used count and name; empty for none.
+std::vector<isam::Byte> read_audit_node(int fd, const isam::Dictionary& dictionary) {
   constexpr int kNameEnd = 4 + 128;  // behind the longest name of a trail
-  const std::int64_t node_size = dictionary.d_idxsize() + 1;
-  audit_node.clear();
-  if (dictionary.d_auditnode() <= kNewNodes) return;
-  audit_node.resize(
+  if (dictionary.d_auditnode() <= kNewNodes) return {};
+  std::vector<isam::Byte> node(
       static_cast<std::size_t>(std::min(kNameEnd, isam::node_type_offset(dictionary.d_idxsize()))));
+  const std::int64_t node_size = dictionary.d_idxsize() + 1;
   const std::int64_t offset = (dictionary.d_auditnode() - 1) * node_size;
-  if (common::read_at(fd, audit_node, offset) != std::ssize(audit_node)) audit_node.clear();
+  if (common::read_at(fd, node, offset) != std::ssize(node)) node.clear();
+  return node;
 }
 
-void carry_protection(int old_fd, int new_fd) {
+void carry_protection(Check& check, int old_fd, int new_fd) {
   struct stat before {};
   struct stat after {};
   if (common::system_calls().fstat(old_fd, &before) != 0 ||
       common::system_calls().fstat(new_fd, &after) != 0) {
-    print_line(Message::kProtectionUnknown);
+    check.found(Code::kResizeProtectionUnknown);
     return;
   }
   if (before.st_mode != after.st_mode && ::fchmod(new_fd, before.st_mode) != 0) {
-    print_line(Message::kProtectionDiffers);
+    check.found(Code::kResizeProtectionDiffers);
   }
   if ((before.st_uid != after.st_uid || before.st_gid != after.st_gid) &&
       ::fchown(new_fd, before.st_uid, before.st_gid) != 0) {
-    print_line(Message::kOwnerDiffers);
+    check.found(Code::kResizeOwnerDiffers);
   }
 }
 
@@ -127,14 +123,14 @@ FreshFile make_fresh_file(const std::string& index) {
 }
 
 // Puts the new index file in the old one's place in one step: at no moment is there none.
-int replace_index(int old_fd, const std::string& index, const Carried& carried) {
+int replace_index(Check& check, int old_fd, const std::string& index, const Carried& carried) {
   const FreshFile fresh = make_fresh_file(index);
-  if (!fresh.fd) return refuse(Message::kResizeCreateFailed);
-  carry_protection(old_fd, fresh.fd.get());
+  if (!fresh.fd) return refuse(check, Code::kResizeNotCreated);
+  carry_protection(check, old_fd, fresh.fd.get());
   const bool written = write_carried(fresh.fd.get(), carried) == 0;
   if (written && ::rename(fresh.name.c_str(), index.c_str()) == 0) return 0;
   ::unlink(fresh.name.c_str());
-  return refuse(written ? Message::kResizeRemoveFailed : Message::kResizeCreateFailed);
+  return refuse(check, written ? Code::kResizeNotRemoved : Code::kResizeNotCreated);
 }
 
 std::string second_name(const std::string& name) { return name + ".IDX"; }
@@ -146,27 +142,27 @@ bool has_file(const std::string& path) {
 
 }  // namespace
 
-bool can_be_kept(const std::string& name) {
+bool can_be_kept(Check& check, const std::string& name) {
   if (has_file(isam::mkidxname(name)) && !has_file(second_name(name))) return true;
-  refuse(Message::kResizeLinkFailed);
+  refuse(check, Code::kResizeNotLinked);
   return false;
 }
 
-int resize(const std::string& name) {
+int resize(Check& check, const std::string& name) {
   const std::string index = isam::mkidxname(name);
   const std::string kept = second_name(name);
-  if (::link(index.c_str(), kept.c_str()) != 0) return refuse(Message::kResizeLinkFailed);
+  if (::link(index.c_str(), kept.c_str()) != 0) return refuse(check, Code::kResizeNotLinked);
   const common::FileHold old_index{common::open_file(kept.c_str(), O_RDONLY)};
-  if (!old_index) return refuse(Message::kResizeOpenFailed);
+  if (!old_index) return refuse(check, Code::kResizeNotOpened);
   Carried carried;
-  if (read_carried(old_index.get(), carried) != 0) return -1;
-  read_audit_node(old_index.get(), carried.dictionary);
+  if (read_carried(check, old_index.get(), carried) != 0) return -1;
+  check.audit_node = read_audit_node(old_index.get(), carried.dictionary);
   carried.dictionary.set_d_idxsize(isam::kPageSize - 1);
-  return replace_index(old_index.get(), index, carried);
+  return replace_index(check, old_index.get(), index, carried);
 }
 
-void write_audit_node() {
-  const std::vector<isam::Byte> carried = std::exchange(audit_node, {});
+void write_audit_node(Check& check) {
+  const std::vector<isam::Byte> carried = std::exchange(check.audit_node, {});
   const std::int32_t node = isam::dictp->d_auditnode();
   const std::int32_t last = std::min(kNewNodes + kKeptPastEnd, isam::dictp->d_nextnode());
   // The check may have given it up, or have been kept from that.

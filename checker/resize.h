@@ -8,16 +8,18 @@
 
 #include <string>
 
+#include "checker/check.h"
+
 namespace checker {
 
 // Whether there is an index file, and no file yet with the second name; else says so.
-[[nodiscard]] bool can_be_kept(const std::string& name);
+[[nodiscard]] bool can_be_kept(Check& check, const std::string& name);
 
 // Needs the pair current and locked. 0, or -1 with why printed or in iserrno.
-int resize(const std::string& name);
+int resize(Check& check, const std::string& name);
 
 // At the end of the check: puts the name of the audit trail, which the new file lacks, where the
 // dictionary says that it stands.
-void write_audit_node();
+void write_audit_node(Check& check);
 
 }  // namespace checker

@@ -4,9 +4,6 @@
 // Gives   rpgmap added to idxmap, totalrpfree, badrfree
 // Never   changes a page while checking: pages with faults are reported only
 #include "checker/checks.h"
-#include "checker/dialogue.h"
-#include "checker/findings.h"
-#include "checker/listnode.h"
 #include "isam/errors.h"
 #include "isam/varlen.h"
 
@@ -46,9 +43,9 @@ void test_page(const Rpage& page, Fault fault) {
 }
 
 template <typename Visit>
-void for_each_storage_page(Visit visit) {
-  for (std::int32_t node = findings.rpgmap.next_set(1); node != 0;
-       node = node == INT32_MAX ? 0 : findings.rpgmap.next_set(node + 1)) {
+void for_each_storage_page(const Check& check, Visit visit) {
+  for (std::int32_t node = check.rpgmap.next_set(1); node != 0;
+       node = node == INT32_MAX ? 0 : check.rpgmap.next_set(node + 1)) {
     visit(node);
   }
 }
@@ -80,28 +77,31 @@ bool has_bytes(const Rpage& page) {
   return false;
 }
 
-void ckrferr() { findings.badrfree = Verdict::kFaulty; }
+void ckrferr(Check& check, std::int32_t node) {
+  check.found(Code::kStorageListBad, {.node = node});
+  check.badrfree = Verdict::kFaulty;
+}
 
-void check_list(int rpage_class) {
+void check_list(Check& check, int rpage_class) {
   UsageMap visited;
-  visited.reset(findings.idxlast);
+  visited.reset(check.idxlast);
   std::int32_t previous = 0;
   for (std::int32_t node = dictp->d_varfree(rpage_class); node != 0;) {
     const isam::PageHold page = isam::bfread(node);
     if (!page) {
-      ckrferr();
-      return report_unreadable_node();
+      ckrferr(check, node);
+      return check.report_unreadable_node();
     }
     if (!Rpage{page}.has_magic()) {
-      ckrferr();
+      ckrferr(check, node);
       isam::failed(isam::kCorrupted);
-      return prterr();
+      return check.prterr();
     }
-    if (node > findings.idxlast || visited.set_bit(node)) return ckrferr();
+    if (node > check.idxlast || visited.set_bit(node)) return ckrferr(check, node);
     const Rpage view{page};
-    if (view.page_class() != rpage_class) ckrferr();
-    if (listed_class(view) != rpage_class) ckrferr();
-    if (previous != 0 && view.previous() != previous) ckrferr();
+    if (view.page_class() != rpage_class) ckrferr(check, node);
+    if (listed_class(view) != rpage_class) ckrferr(check, node);
+    if (previous != 0 && view.previous() != previous) ckrferr(check, node);
     previous = node;
     node = view.next();
   }
@@ -123,14 +123,14 @@ Filing filing_of(const Rpage& page) {
   return Filing::kNeedNot;
 }
 
-void filing_failed(Message message) {
-  err(message);
-  prterr();
+void filing_failed(Check& check, Code code, std::int32_t node) {
+  check.found(code, {.node = node});
+  check.prterr();
 }
 
-void file_page(std::int32_t node) {
+void file_page(Check& check, std::int32_t node) {
   isam::PageHold page = isam::bfread(node);
-  if (!page) return filing_failed(Message::kPageReadFailed);
+  if (!page) return filing_failed(check, Code::kStoragePageUnread, node);
   // A key may look like the page's mark: the kind byte tells a node of a tree from a page.
   const Filing filing =
       page.node_type() == isam::kStoragePage ? filing_of(Rpage{page}) : Filing::kMustNot;
@@ -138,9 +138,9 @@ void file_page(std::int32_t node) {
   if (filing == Filing::kMustNot) {
     page.release();
     isam::failed(isam::kCorrupted);
-    return filing_failed(Message::kPageFilingFailed);
+    return filing_failed(check, Code::kStoragePageUnfiled, node);
   }
-  if (isam::rpfladd(std::move(page)) != 0) filing_failed(Message::kPageFilingFailed);
+  if (isam::rpfladd(std::move(page)) != 0) filing_failed(check, Code::kStoragePageUnfiled, node);
 }
 
 }  // namespace
@@ -156,50 +156,50 @@ bool holds_parts(std::int32_t node) {
          (page.node_type() == isam::kTreeNode && is_consistent(view));
 }
 
-void ckrpage() {
-  findings.totalrpfree = 0;
-  findings.idxmap.ormap(findings.rpgmap);
-  for_each_storage_page([](std::int32_t node) {
+void ckrpage(Check& check) {
+  check.totalrpfree = 0;
+  check.idxmap.ormap(check.rpgmap);
+  for_each_storage_page(check, [&check](std::int32_t node) {
     const isam::PageHold page = isam::bfread(node);
-    if (!page) return report_unreadable_node();
+    if (!page) return check.report_unreadable_node();
     const Rpage view{page};
-    test_page(view, [&] { errn(Message::kCorruptPage, node); });
-    findings.totalrpfree += view.free_bytes();
+    test_page(view, [&] { check.found(Code::kStoragePageBad, {.node = node}); });
+    check.totalrpfree += view.free_bytes();
   });
 }
 
-void ckrfree() {
-  findings.badrfree = Verdict::kSound;
+void ckrfree(Check& check) {
+  check.badrfree = Verdict::kSound;
   for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
-    check_list(rpage_class);
+    check_list(check, rpage_class);
   }
-  if (findings.badrfree == Verdict::kFaulty && ask(Message::kFixStorageLists)) {
-    findings.badrfree = Verdict::kRebuild;
+  if (check.badrfree == Verdict::kFaulty && check.ask(Question::kStorageLists)) {
+    check.badrfree = Verdict::kRebuild;
   }
 }
 
-bool unused_pages_are_listed() {
+bool unused_pages_are_listed(Check& check) {
   for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
     UsageMap visited;
-    visited.reset(findings.idxlast);
+    visited.reset(check.idxlast);
     for (std::int32_t node = dictp->d_varfree(rpage_class); node != 0;) {
-      if (node < 1 || node > findings.idxlast || visited.set_bit(node)) break;
-      if (!findings.rpgmap.tstbit(node)) return true;
+      if (node < 1 || node > check.idxlast || visited.set_bit(node)) break;
+      if (!check.rpgmap.tstbit(node)) return true;
       const isam::PageHold page = isam::rpbfread(node);
       if (!page) break;
       node = Rpage{page}.next();
     }
   }
-  pass_over_error();
+  check.pass_over_error();
   return false;
 }
 
-void makrfree() {
+void makrfree(Check& check) {
   for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
     dictp->set_d_varfree(rpage_class, 0);
   }
   isam::dictmodify();
-  for_each_storage_page(file_page);
+  for_each_storage_page(check, [&check](std::int32_t node) { file_page(check, node); });
 }
 
 }  // namespace checker

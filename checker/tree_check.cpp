@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "checker/dialogue.h"
-#include "checker/findings.h"
-#include "checker/listing.h"
 #include "isam/buffers.h"
 #include "isam/errors.h"
 
@@ -22,8 +19,17 @@ TreeFindings TreeCheck::run() {
 }
 
 void TreeCheck::bad_format(std::int32_t node) {
-  errn(Message::kBadTreeNode, node);
+  check_.found(Code::kIndexNodeMalformed, {.node = node, .key = number_});
   found_.badindex = true;
+}
+
+// The new index of a change of node size lacks its trees: nothing is said of that.
+void TreeCheck::unreadable(std::int32_t node) {
+  found_.badindex = true;
+  if (check_.options.sflag == 0) {
+    check_.found(Code::kIndexNodeUnreadable, {.node = node, .key = number_});
+  }
+  check_.report_unreadable_node();
 }
 
 void TreeCheck::check_pair(const Item& prev, const Item& item, int equal) {
@@ -31,10 +37,12 @@ void TreeCheck::check_pair(const Item& prev, const Item& item, int equal) {
   if (order > 0 || (order == 0 && prev.dupnm > item.dupnm)) found_.badorder = true;
 }
 
-void TreeCheck::check_record(std::int32_t record) {
-  if (record <= 0 || record > findings.datlast || !findings.datmap.tstbit(record)) {
+inline void TreeCheck::check_record(std::int32_t record) {
+  Check& check = check_;
+  const bool in_range = static_cast<std::uint32_t>(record) - 1 < last_record_;
+  if (!in_range || !check.datmap.tstbit(record)) {
     ++found_.baddata;
-  } else if (findings.datmap2.set_bit(record)) {
+  } else if (check.datmap2.set_bit(record)) {
     ++found_.dupdata;
   }
 }
@@ -71,7 +79,7 @@ const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area
     if (prev != nullptr) check_pair(*prev, item, before == prev->key ? item.leadc : 0);
     check_record(item.recptr);
     ++items_;
-    if (options.lflag != 0) pritem(item, key_);
+    if (lists_) check_.listener.tree_item(item, key_);
     prev = &item;
   };
   return visit_items(node, area, items, check) ? prev : nullptr;
@@ -85,9 +93,9 @@ const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes are
     found_.maxlevel = std::max(found_.maxlevel, ++level_);
     cktree(item.recptr, prev, last ? bound : &item);
     --level_;
-    if (options.lflag != 0) {
-      list_level(level_);
-      pritem(item, key_);
+    if (lists_) {
+      check_.listener.tree_level(level_);
+      check_.listener.tree_item(item, key_);
     }
     if (!last) prev = &item;
   };
@@ -95,11 +103,11 @@ const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes are
 }
 
 void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
-  if (node < 1 || node > findings.idxlast) {
+  if (node < 1 || node > check_.idxlast) {
     ++found_.badindx;
     return;
   }
-  if (findings.idxmap2.set_bit(node)) {
+  if (check_.idxmap2.set_bit(node)) {
     ++found_.dupindx;
     return;
   }
@@ -109,17 +117,13 @@ void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
     return;
   }
   isam::PageHold page = isam::bfread(node);
-  if (!page) {
-    found_.badindex = true;
-    report_unreadable_tree_node();
-    return;
-  }
+  if (!page) return unreadable(node);
   const int used = page.used() - isam::kUsedBytes;
   if (used < 0 || used > isam::item_area_limit(isam::filep->idxsize)) {
     bad_format(node);
     return;
   }
-  if (options.lflag != 0) list_node(level_, node, used);
+  if (lists_) check_.listener.tree_node(level_, node, used);
 
   Item items[2];
   const auto area = page.bytes().subspan(isam::kUsedBytes, static_cast<std::size_t>(used));

@@ -3,12 +3,13 @@
 // Tests   node numbers in range and used once, node formats, leaf pointers to records in use and
 //         pointed to once, items in key order within and between nodes
 // Needs   idxmap2 and datmap2 cleared; datmap filled by the data check
-// Gives   the counts below; idxmap2 and datmap2 marked; with -l the listing of every node
+// Gives   the counts below; idxmap2 and datmap2 marked; every node to a listener that wants them
 // Never   holds a page while it descends, nor goes below level 20
 #pragma once
 
 #include <cstdint>
 
+#include "checker/check.h"
 #include "checker/progress.h"
 #include "isam.h"
 #include "isam/items.h"
@@ -29,9 +30,16 @@ struct TreeFindings {
 
 class TreeCheck {
  public:
-  // `records`: how many items the leaves should hold, to tell how far the walk has come.
-  TreeCheck(const keydescr& k, std::int32_t records)
-      : key_(k), order_(k), layout_(k), progress_("Checking an index", records) {}
+  // The tree of index `n`.
+  TreeCheck(Check& check, int n, const keydescr& k)
+      : check_(check),
+        number_(n),
+        key_(k),
+        order_(k),
+        layout_(k),
+        last_record_(static_cast<std::uint32_t>(check.datlast)),
+        lists_(check.listener.wants_trees()),
+        progress_("Checking an index", check.datmap.cntmap()) {}
 
   [[nodiscard]] TreeFindings run();
 
@@ -50,10 +58,15 @@ class TreeCheck {
   void check_pair(const Item& prev, const Item& item, int equal);
   void check_record(std::int32_t record);
   void bad_format(std::int32_t node);
+  void unreadable(std::int32_t node);
 
+  Check& check_;
+  int number_;
   const keydescr& key_;
   isam::KeyOrder order_;
   isam::ItemLayout layout_;
+  std::uint32_t last_record_;
+  bool lists_;
   Progress progress_;
   std::int64_t items_ = 0;  // leaf items met
   TreeFindings found_;

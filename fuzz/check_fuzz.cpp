@@ -22,9 +22,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const fuzz::Workplace workplace;
   const auto input = workplace.put({data, size});
   if (!input) return 0;
-  checker::options = options_from(input->choice);
-  checker::ckfile(workplace.base());
-  if (checker::options.nflag != 0 &&
+  const checker::Options options = options_from(input->choice);
+  checker::Dialogue dialogue(options);
+  checker::ckfile(workplace.base(), options, dialogue);
+  if (options.nflag != 0 &&
       (!workplace.holds(".idx", input->index) || !workplace.holds(".dat", input->records))) {
     std::abort();
   }

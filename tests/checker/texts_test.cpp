@@ -37,11 +37,14 @@ class Texts : public testing::Test {
 
   TempFolder folder_;
   const std::string base_ = folder_ / "pair";
+  checker::Options options_;
+  checker::Dialogue dialogue_{options_};
+  checker::Check check_{options_, dialogue_};
 };
 
 // An open refuses such headers before they are checked.
 TEST_F(Texts, TellOfHeadersThatCannotBeRead) {
-  const auto check = [] { EXPECT_FALSE(checker::ckdict()); };
+  const auto check = [&] { EXPECT_FALSE(checker::ckdict(check_)); };
   isam::dictp->set_d_idxsize(126);
   EXPECT_TRUE(printed(check).ends_with("\nERROR: bad index record size\n"));
   isam::dictp->set_d_idxsize(1025);
@@ -51,17 +54,17 @@ TEST_F(Texts, TellOfHeadersThatCannotBeRead) {
 }
 
 TEST_F(Texts, TellOfAnIndexWithoutDescription) {
-  printed([] { EXPECT_TRUE(checker::ckdict()); });
-  EXPECT_EQ(printed([] { checker::makindex(6); }),
+  printed([&] { EXPECT_TRUE(checker::ckdict(check_)); });
+  EXPECT_EQ(printed([&] { checker::makindex(check_, 6); }),
             "Recreating index 6.\n\nERROR: cannot find key for index\n");
 }
 
 TEST_F(Texts, TellWhatFailedWhere) {
-  const auto told = [](std::int32_t code, std::int32_t place) {
+  const auto told = [&](std::int32_t code, std::int32_t place) {
     return printed([&] {
       iserrno = code;
       iserrio = place;
-      checker::prterr();
+      check_.prterr();
       EXPECT_EQ(iserrno, 0);
       EXPECT_EQ(iserrio, 0);
     });
@@ -88,10 +91,9 @@ TEST_F(Texts, TellOfMemoryThatIsNotThere) {
   PairEditor damaged(built);
   put2(damaged.node(damaged.built().indexes[0].leaves[0]), 2);
   damaged.save();
-  checker::options.yflag = 1;
+  options_.yflag = 1;
   const std::string other = folder_ / "other";
-  const std::string out = printed([&] { checker::ckfile(other); });
-  checker::options = {};
+  const std::string out = printed([&] { checker::ckfile(other, options_, dialogue_); });
   common::system_calls() = real;
   EXPECT_NE(out.find("\nERROR: cannot allocate main memory\n"), std::string::npos) << out;
   EXPECT_EQ(read_file(other + ".idx"), damaged.index);

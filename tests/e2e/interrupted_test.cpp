@@ -12,9 +12,8 @@
 #include <random>
 #include <tuple>
 
-#include "checker/dialogue.h"
-#include "checker/driver.h"
 #include "common/io.h"
+#include "tests/e2e/check_here.h"
 #include "tests/e2e/sessions.h"
 #include "tests/support/damage.h"
 
@@ -149,8 +148,7 @@ class Interrupted : public testing::TestWithParam<Case> {
       way = way_;
       left = calls;
       put_in_the_way();
-      checker::options.yflag = checker::options.qflag = 1;
-      checker::ckfile(base_);
+      check_here(base_, 'y');
       std::fflush(stdout);
       ::_exit(left < 0 ? 0 : 1);  // 1: there were not that many calls
     }));

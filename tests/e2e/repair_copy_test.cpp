@@ -7,10 +7,9 @@
 
 #include <filesystem>
 
-#include "checker/dialogue.h"
-#include "checker/driver.h"
 #include "checker/undodata.h"
 #include "common/io.h"
+#include "tests/e2e/check_here.h"
 #include "tests/e2e/peer.h"
 #include "tests/support/damage.h"
 
@@ -74,8 +73,7 @@ class RepairCopy : public testing::Test {
       ::dup2(::open((outside_ / "errors").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
              STDERR_FILENO);
       arrange(common::system_calls());
-      checker::options.yflag = checker::options.qflag = 1;
-      checker::ckfile(base_);
+      check_here(base_, 'y');
     }));
   }
   void expect_as_it_was(const Image& before) const {
@@ -338,8 +336,7 @@ TEST(RepairInPlace, GathersAllKeysBeforeItChangesAnything) {
                 errno = ENOSPC;
                 return count > 8 ? -1 : ::pwrite(fd, from, count, offset);
               };
-              checker::options.yflag = checker::options.qflag = 1;
-              if (checker::ckfile(base) == 0) ::_exit(1);
+              if (check_here(base, 'y').whole) ::_exit(1);
             })),
             0);
   EXPECT_EQ(read_file(base + ".idx"), damaged);
@@ -368,8 +365,7 @@ class StandingRepair {
       from_test = back[0];
       ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
       common::system_calls().rename = rename_when_told;
-      checker::options.yflag = checker::options.qflag = 1;
-      checker::ckfile(base);
+      check_here(base, 'y');
     });
     char byte = 0;
     if (::read(there[0], &byte, 1) != 1) throw std::runtime_error("no rename");

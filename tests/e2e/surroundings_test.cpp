@@ -11,9 +11,8 @@
 #include <iterator>
 #include <thread>
 
-#include "checker/dialogue.h"
-#include "checker/driver.h"
 #include "checker/progress.h"
+#include "tests/e2e/check_here.h"
 #include "tests/e2e/peer.h"
 #include "tests/e2e/program.h"
 
@@ -67,12 +66,11 @@ int open_unless_to_write(const char* path, int flags, mode_t permissions) {
 // Checks the pair of a session in this process.
 int check(Session& session, int /*unused*/, int /*unused*/) {
   common::system_calls().open = open_unless_to_write;
-  checker::options.nflag = 1;
   const std::string report = session.base + ".report";
   if (std::freopen(report.c_str(), "w", stdout) == nullptr) return -1;
-  const int result = checker::ckfile(session.base);
+  const bool whole = check_here(session.base, 'n').whole;
   std::fflush(stdout);
-  return result;
+  return whole ? 0 : -1;
 }
 int pause_check(Session& session, int first, int second) {
   pause_before_read = true;
@@ -195,6 +193,7 @@ std::string on_terminal(Work work) {
 TEST_F(Surroundings, SeeHowFarItIs) {
   const BuiltPair built = build_pair(fault_spec(false), folder_ / "pair");
   const std::string shown = on_terminal([&] {
+    checker::Progress::allow();
     constexpr std::int64_t kTotal = 10'000'000;
     const auto wait = [](int milliseconds) {
       std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
@@ -212,8 +211,7 @@ TEST_F(Surroundings, SeeHowFarItIs) {
     PairEditor pair(built);
     put2(pair.node(9), 2);
     pair.save();
-    checker::options.yflag = 1;
-    if (std::freopen("/dev/null", "w", stdout) != nullptr) checker::ckfile(built.base);
+    if (std::freopen("/dev/null", "w", stdout) != nullptr) check_here(built.base, 'y');
   });
   for (const char* pass :
        {"Checking data records", "Checking an index", "Gathering keys", "Loading an index"}) {

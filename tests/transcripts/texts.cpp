@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "checker/findings.h"
+
 namespace testing_support {
 namespace {
 
@@ -63,7 +65,7 @@ std::vector<std::string> literals(const std::string& source) {
   return all;
 }
 
-// Line by line; outside of the table of messages, what has several words.
+// Line by line; outside of the table of messages what has several words.
 std::set<std::string> printable_texts() {
   std::set<std::string> texts;
   for_each_file(KESTRO_CHECKER, [&](const fs::path& path) {
@@ -77,6 +79,11 @@ std::set<std::string> printable_texts() {
       }
     }
   });
+  // What answers do is said by the manual.
+  for (const checker::QuestionText& question : checker::question_texts()) {
+    texts.erase(question.yes);
+    texts.erase(question.no);
+  }
   return texts;
 }
 

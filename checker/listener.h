@@ -1,0 +1,73 @@
+// listener: whom a check tells what it does and finds, and who decides for it.
+//
+// Everything comes in the order of kestro's report. A listener may be silent, and count, or write
+// another report; its answers may come from an operator or from a rule.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "checker/findings.h"
+#include "isam.h"
+#include "isam/items.h"
+
+namespace checker {
+
+enum class Pass {
+  kDictionary,
+  kDataAllTheSame,  // with -i, for a file of variable-length records; kData follows
+  kData,
+  kIndexes,
+  kFreeLists
+};
+
+enum class Mending { kDeletesIndex, kRemakesIndex, kRemakesNodeList, kRemakesRecordList };
+
+enum class Fact { kNodeSize, kCurrentNodeSize, kOldNodeSize, kKeyNodeSize };
+
+// What a pair holds, as the check found it.
+struct Summary {
+  std::int32_t nodes_used = 0;
+  std::int32_t nodes_free = 0;
+  std::int32_t records_used = 0;
+  std::int32_t records_free = 0;
+  bool varlen = false;
+  std::int32_t pages = 0;  // nodes that hold variable parts
+  std::int64_t page_bytes_free = 0;
+};
+
+class Listener {
+ public:
+  virtual ~Listener() = default;
+
+  virtual void found(const Finding& finding) = 0;
+  // True for yes.
+  [[nodiscard]] virtual bool answer(Question question) = 0;
+  // An operation on the files failed: iserrno and iserrio.
+  virtual void failed(std::int32_t code, std::int32_t place) = 0;
+
+  virtual void begins(Pass /*pass*/) {}
+  virtual void fact(Fact /*fact*/, std::int64_t /*value*/) {}
+  virtual void index_begins(int /*n*/, const keydescr& /*k*/) {}
+  virtual void index_walked(std::int32_t /*nodes*/, int /*levels*/) {}
+  // `n`: the index, where it is about one.
+  virtual void mends(Mending /*what*/, int /*n*/) {}
+  // What became of a repair, where the report has no words for it.
+  virtual void remark(const std::string& /*text*/) {}
+  // The last. Null: the check ended before it knew how large the files are.
+  virtual void ends(const Summary* /*summary*/) {}
+
+  // Whether the nodes and items of every tree are to be told, too.
+  [[nodiscard]] virtual bool wants_trees() const { return false; }
+  virtual void tree_node(int /*level*/, std::int32_t /*node*/, int /*used*/) {}
+  virtual void tree_item(const isam::Item& /*item*/, const keydescr& /*k*/) {}
+  // Back from the node below.
+  virtual void tree_level(int /*level*/) {}
+
+ protected:
+  Listener() = default;
+  Listener(const Listener&) = default;
+  Listener& operator=(const Listener&) = default;
+};
+
+}  // namespace checker
