@@ -141,12 +141,13 @@ int Pool::write_direct(FileRecord& file) {
   return 0;
 }
 
-// What cannot be written now waits in the pool, as other changes do. Nothing is lost by that, and
-// nothing told, unless it cannot be written from there either.
+// What cannot be written now waits in the pool, as other changes do, and is told like those.
 void Pool::settle_direct() {
   if (filep->direct.bytes.empty()) return;
   const KeepError keep;
-  if (write_direct(*filep) != 0) pool_direct();
+  if (write_direct(*filep) == 0) return;
+  bfnote_failure(*filep);
+  pool_direct();
 }
 
 // Brings the bytes that wait into the pool: 0, or -1 with iserrno, which is also kept as that of a

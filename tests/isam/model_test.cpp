@@ -74,7 +74,6 @@ struct {
   int error = 0;
   unsigned left = 0;  // writes that are still done
   int hits = 0;       // since the last look
-  int records = 0;    // ... of writes of one record: an exclusive open writes its block later
 } faults;
 
 ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset) {
@@ -85,7 +84,7 @@ ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset)
   const bool meant = faults.what != Refused::kNone && (faults.what != Refused::kGrowth || grows());
   if (!meant || (faults.left > 0 && faults.left-- > 0)) return ::pwrite(fd, from, count, offset);
   if (faults.what == Refused::kOne) faults.what = Refused::kNone;
-  ++(count == kMinimum + 1 && !grows() ? faults.records : faults.hits);
+  ++faults.hits;
   errno = faults.error;
   return -1;
 }
@@ -172,8 +171,7 @@ class Script {
     const int hits = std::exchange(faults.hits, 0);
     const bool tells = faults.error != 0 && ::iserrno == faults.error;
     const bool again = late == Late::kToldAgain;
-    const int records = std::exchange(faults.records, 0);
-    own_ = hits > 0 || (records > 0 && !model_.is_alone());
+    own_ = hits > 0;
     if (own_) ++refused;
     if (!model_.is_alone()) return own_;
     if (own_) {
