@@ -1,7 +1,7 @@
 #include "tests/transcripts/places.h"
 
 #include <algorithm>
-#include <array>
+#include <cstddef>
 #include <string_view>
 
 namespace testing_support {
@@ -59,7 +59,7 @@ constexpr Known kKnown[] = {
 };
 
 // Where in a row of things of `word` a number such as "slot-3-length" stands: its rest.
-bool take_prefix(std::string_view& name, std::string_view prefix, int& number) {
+bool take_prefix(std::string_view& name, std::string_view prefix, std::ptrdiff_t& number) {
   if (!name.starts_with(prefix)) return false;
   name.remove_prefix(prefix.size());
   number = 0;
@@ -72,7 +72,7 @@ bool take_prefix(std::string_view& name, std::string_view prefix, int& number) {
 
 // Parts that a place has more than one of.
 bool find_counted(const Place& place, std::string_view name, Field& field) {
-  int n = 0;
+  std::ptrdiff_t n = 0;
   if (place.kind == Kind::kDescription && take_prefix(name, "part-", n)) {
     Byte* const part = place.at + 7 + 5 * (n - 1);
     if (name == "-length") field = {part, 2};
@@ -217,10 +217,10 @@ Place take_place(PairEditor& editor, Words& words) {
     const auto parts = built.spec.keys[static_cast<std::size_t>(n - 1)].parts.size();
     return {Kind::kDescription, editor.description(n), static_cast<int>(7 + 5 * parts)};
   }
-  const auto last_slot = static_cast<std::size_t>(built.spec.records + built.spec.records_behind);
-  if (name == "record") return record_at(editor, path.next(last_slot));
+  const int slots = built.spec.records + built.spec.records_behind;
+  if (name == "record") return record_at(editor, path.next(static_cast<std::size_t>(slots)));
   if (name == "page-of") {
-    const Place record = record_at(editor, path.next(last_slot));
+    const Place record = record_at(editor, path.next(static_cast<std::size_t>(slots)));
     return node_at(editor, get4(record.at + record.size - 4) & 0xFFFFFF, Kind::kPage);
   }
   words.fail("what is a " + name + "?");
