@@ -107,9 +107,8 @@ class PageHold {
 // Block `block` (byte offset / 1024) of the current data file. What lies past the end of the file
 // reads as zero bytes.
 [[nodiscard]] PageHold bfread_data(std::int32_t block);
-// Copies bytes at `offset` of the current data file into two pieces, without a buffer. False when
-// the pool has a block of them, or when it takes more than a look into a mapping: then the blocks
-// are to be read.
+// Copies bytes at `offset` of the current data file into two pieces, without holding a buffer.
+// False when it takes more than a look into the pool or a mapping: then the blocks are to be read.
 [[nodiscard]] bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind);
 // Takes two pieces that a call writes at `offset` of the current data file: they go there by
 // themselves when the call ends, and their blocks need not be read into the pool. False, with

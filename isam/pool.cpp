@@ -23,6 +23,20 @@ bool may_go(const Buffer* buffer) {
          (buffer->file->exclusives > 0 && buffer->file->lost_write.error == 0);
 }
 
+bool is_in_one_block(std::int64_t offset, std::size_t size) {
+  return offset >= 0 && offset / kPageSize <= INT32_MAX &&
+         static_cast<std::size_t>(offset % kPageSize) + size <= kPageSize;
+}
+
+// False for a block that has to be read or is held.
+bool copy_block(const Buffer& block, std::int64_t offset, Bytes to, Bytes behind) {
+  if ((block.flags & (kValid | kBusy)) != kValid) return false;
+  const ConstBytes from{block.page + offset % kPageSize, to.size() + behind.size()};
+  std::ranges::copy(from.first(to.size()), to.begin());
+  std::ranges::copy(from.subspan(to.size()), behind.begin());
+  return true;
+}
+
 }  // namespace
 
 std::unique_ptr<Pool> the_pool;
@@ -191,15 +205,19 @@ Buffer* Pool::bfread(std::int32_t block) {
   return buffer;
 }
 
+// The buffer of a block of the current data file as it is now; null for none.
+const Buffer* Pool::data_block(std::int64_t block) const {
+  const Buffer* const buffer = table_.find(static_cast<std::int32_t>(block) | kDataBlock, filep);
+  return buffer != nullptr && buffer->generation == filep->generation ? buffer : nullptr;
+}
+
 // Whether bytes of the current data file are in the file, to be had without a system call, and the
 // pool has none of their blocks as they are now.
 bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
   if (offset < 0 || !filep->data_map.covers(size, offset)) return false;
   const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
   for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
-    if (block > INT32_MAX) return false;
-    const Buffer* const buffer = table_.find(static_cast<std::int32_t>(block) | kDataBlock, filep);
-    if (buffer != nullptr && buffer->generation == filep->generation) return false;
+    if (block > INT32_MAX || data_block(block) != nullptr) return false;
   }
   return true;
 }
@@ -210,7 +228,14 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   // What the pool has and nobody changed is as it is in the file: not worth a look.
   const bool unchanged =
       file.modified == nullptr && offset >= 0 && file.data_map.covers(size, offset);
-  if (!file.direct.bytes.empty() || (!unchanged && !only_in_file(offset, size))) return false;
+  if (!file.direct.bytes.empty()) return false;
+  if (!unchanged && is_in_one_block(offset, size)) {
+    const Buffer* const block = data_block(offset / kPageSize);
+    if (block != nullptr) return copy_block(*block, offset, to, behind);
+    if (!file.data_map.covers(size, offset)) return false;
+  } else if (!unchanged && !only_in_file(offset, size)) {
+    return false;
+  }
   const auto first = static_cast<ssize_t>(to.size());
   if (data_window_.read(file.datfd, file.data_map, to, offset) != first) return false;
   return behind.empty() || file.data_map.read(file.datfd, behind, offset + first) ==

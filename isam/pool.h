@@ -93,6 +93,7 @@ class Pool {
   int write_run(FileRecord& file, std::size_t& at);
   int write_until(FileRecord& file, Turn last, std::size_t& at);
   int write_direct(FileRecord& file);
+  [[nodiscard]] const Buffer* data_block(std::int64_t block) const;
   [[nodiscard]] bool only_in_file(std::int64_t offset, std::size_t size) const;
   int pool_direct();
   int write_in_order(FileRecord& file, const Dictionary& first, const Dictionary& last);
@@ -131,7 +132,8 @@ class Pool {
     std::int64_t offset;
     ConstBytes bytes;
   };
-  std::vector<Overwritten> overwritten_;
+  std::vector<Overwritten> overwritten_;  // has room for all
+  std::size_t overwritten_used_ = 0;
   std::vector<Byte> before_;  // has room for all that the commit under way writes over
   std::size_t before_used_ = 0;
   std::int64_t index_size_before_ = kNotLengthened;  // of a file that it lengthens

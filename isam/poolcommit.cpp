@@ -41,7 +41,7 @@ void Pool::put_in_turn(const FileRecord& file) {
 
 // Room to keep all bytes that will be written over.
 void Pool::reserve_before() {
-  overwritten_.reserve(in_turn_.size() + 2);
+  if (overwritten_.size() < in_turn_.size() + 2) overwritten_.resize(2 * in_turn_.size() + 2);
   const std::size_t most = in_turn_.size() * kMaxNodeSize + sizeof(Dictionary);
   if (before_.size() < most) before_.resize(2 * most);
 }
@@ -56,7 +56,7 @@ inline int Pool::remember(FileRecord& file, const Place& place) {
   Byte* const to = before_.data() + before_used_;
   const ssize_t got = map_of(file, place.kind).read(place.fd, {to, length}, place.offset);
   if (got < 0) return failed_system(errno, Operation::kRead, place.kind);
-  overwritten_.push_back({place.fd, place.offset, {to, static_cast<std::size_t>(got)}});
+  overwritten_[overwritten_used_++] = {place.fd, place.offset, {to, static_cast<std::size_t>(got)}};
   before_used_ += length;
   return 0;
 }
@@ -76,8 +76,8 @@ inline int Pool::write_noted(FileRecord& file, const Place& place, const Byte* b
 
 // As far as the files can be written: what a commit wrote before it failed is taken back.
 void Pool::write_back(FileRecord& file) {
-  for (; !overwritten_.empty(); overwritten_.pop_back()) {
-    const auto& [fd, offset, bytes] = overwritten_.back();
+  while (overwritten_used_ > 0) {
+    const auto& [fd, offset, bytes] = overwritten_[--overwritten_used_];
     static_cast<void>(common::write_at(fd, bytes, offset));
   }
   const auto cut = [](int fd, std::int64_t size, common::FileMap& map) {
@@ -163,7 +163,7 @@ int Pool::write_until(FileRecord& file, Turn last, std::size_t& at) {
 int Pool::write_direct_noted(FileRecord& file) {
   const DirectWrite& direct = file.direct;
   if (direct.bytes.empty()) return 0;
-  overwritten_.push_back({file.datfd, direct.offset, direct.before});
+  overwritten_[overwritten_used_++] = {file.datfd, direct.offset, direct.before};
   return write_direct(file);
 }
 
@@ -187,7 +187,7 @@ int Pool::write_in_order(FileRecord& file, const Dictionary& first, const Dictio
 
 int Pool::bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last) {
   const FailedWrite lost = std::exchange(file.failed_write, {});
-  overwritten_.clear();
+  overwritten_used_ = 0;
   before_used_ = 0;
   index_size_before_ = data_size_before_ = kNotLengthened;
   bool written = false;
