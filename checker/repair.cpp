@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "checker/checks.h"
+#include "checker/temporaryfile.h"
 #include "common/filecopy.h"
 #include "common/io.h"
 #include "isam/buffers.h"
@@ -55,8 +56,6 @@ std::string real_path(std::string path) {
   }
   return path;
 }
-
-std::string folder_of(const std::string& path) { return path.substr(0, path.rfind('/') + 1) + "."; }
 
 bool is_mount_point(int fd) {
   struct statx status {};

@@ -23,11 +23,6 @@ constexpr mode_t kPrivate = 0600;
 constexpr std::string_view kOwnSuffix = ".kestro-";
 constexpr std::string_view kUnfinished = "new";  // instead of a number not known yet
 
-std::string folder_of(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
 std::string own_prefix(const std::string& index) { return index + std::string(kOwnSuffix); }
 
 // Whether a file without a name can be made and named later.
@@ -36,6 +31,11 @@ bool may_be_nameless() { return ::access("/proc/self/fd", X_OK) == 0; }
 bool lock(int fd) { return ::flock(fd, LOCK_EX | LOCK_NB) == 0; }
 
 }  // namespace
+
+std::string folder_of(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
 
 TemporaryFile::TemporaryFile(std::string index) : index_(std::move(index)) {
   errno = EOPNOTSUPP;

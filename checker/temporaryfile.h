@@ -51,6 +51,9 @@ class TemporaryFile {
   int error_ = 0;
 };
 
+// Of the file of this path: ends in a slash, or is ".".
+[[nodiscard]] std::string folder_of(const std::string& path);
+
 // Removes what killed runs have left beside an index. The caller has the pair for itself.
 void remove_leftovers(const std::string& index);
 
