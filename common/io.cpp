@@ -6,6 +6,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 
@@ -93,6 +94,16 @@ int write_at(int fd, ConstBytes from, std::int64_t offset) {
   if (from.empty()) return 0;
   const ssize_t put = system_calls().pwrite(fd, from.data(), from.size(), offset);
   return put == static_cast<ssize_t>(from.size()) ? 0 : write_rest(fd, from, offset, put);
+}
+
+int write_zeros(int fd, std::int64_t from, std::int64_t to) {
+  static constexpr Byte kZeros[4096] = {};
+  while (from < to) {
+    const auto count = std::min(to - from, static_cast<std::int64_t>(sizeof kZeros));
+    if (write_at(fd, {kZeros, static_cast<std::size_t>(count)}, from) != 0) return -1;
+    from += count;
+  }
+  return 0;
 }
 
 int cut_file(int fd, std::int64_t size) { return system_calls().ftruncate(fd, size); }

@@ -52,6 +52,9 @@ void close_file(int fd);
 // 0, or -1 with errno when not every byte could be written.
 [[nodiscard]] int write_at(int fd, ConstBytes from, std::int64_t offset);
 
+// Writes zero bytes from `from` up to `to`: 0, or -1 with errno and some of them perhaps written.
+[[nodiscard]] int write_zeros(int fd, std::int64_t from, std::int64_t to);
+
 // Cuts a file to `size` bytes: 0, or -1 with errno.
 int cut_file(int fd, std::int64_t size);
 

@@ -10,7 +10,6 @@ namespace isam {
 void forget_extent() { filep->index_bytes = filep->data_bytes = filep->index_bytes_before = 0; }
 
 int lengthen(FileKind kind, std::int64_t from, std::int64_t to) {
-  static constexpr Byte kZeros[4 * kPageSize] = {};
   const bool index = kind == FileKind::kIndex;
   const int fd = index ? filep->idxfd : filep->datfd;
   std::int64_t& known = index ? filep->index_bytes : filep->data_bytes;
@@ -20,15 +19,10 @@ int lengthen(FileKind kind, std::int64_t from, std::int64_t to) {
     known = size;
     if (index) filep->index_bytes_before = size;
   }
-  for (std::int64_t at = std::max(from, known); at < to;) {
-    const auto count =
-        static_cast<std::size_t>(std::min(to - at, static_cast<std::int64_t>(sizeof kZeros)));
-    if (common::write_at(fd, {kZeros, count}, at) != 0) {
-      const int reason = errno;
-      common::cut_file(fd, known);
-      return failed_system(reason, Operation::kWrite, kind);
-    }
-    at += static_cast<std::int64_t>(count);
+  if (common::write_zeros(fd, std::max(from, known), to) != 0) {
+    const int reason = errno;
+    common::cut_file(fd, known);
+    return failed_system(reason, Operation::kWrite, kind);
   }
   known = std::max(known, to);
   return 0;

@@ -114,13 +114,9 @@ int Pool::make_room(FileRecord& file) {
   }
   if (to <= file.data_bytes) return 0;
   data_size_before_ = file.data_bytes;
-  static constexpr Byte kZeros[kPageSize] = {};
-  for (std::int64_t from = std::max(first * kPageSize, data_size_before_); from < to;) {
-    const auto count = std::min<std::int64_t>(to - from, kPageSize);
-    if (common::write_at(file.datfd, {kZeros, static_cast<std::size_t>(count)}, from) != 0) {
-      return failed_system(errno, Operation::kWrite, FileKind::kData);
-    }
-    from += count;
+  const std::int64_t from = std::max(first * kPageSize, data_size_before_);
+  if (common::write_zeros(file.datfd, from, to) != 0) {
+    return failed_system(errno, Operation::kWrite, FileKind::kData);
   }
   file.data_bytes = to;
   return 0;
