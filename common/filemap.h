@@ -41,7 +41,9 @@ class FileMap {
   }
   // This process has written up to `end`: there the file has bytes.
   void written(std::int64_t end) { known_ = std::max(known_, end); }
-  // The descriptor is about to be closed, or the file was cut.
+  // This process has cut the file: there it ends now.
+  void cut(std::int64_t end) { known_ = std::min(known_, end); }
+  // The descriptor is about to be closed, or what the file has is not known any more.
   void forget();
 
  private:

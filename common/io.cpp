@@ -97,7 +97,7 @@ int write_at(int fd, ConstBytes from, std::int64_t offset) {
 }
 
 int write_zeros(int fd, std::int64_t from, std::int64_t to) {
-  static constexpr Byte kZeros[4096] = {};
+  static constexpr Byte kZeros[20480] = {};  // sixteen pages of any kind
   while (from < to) {
     const auto count = std::min(to - from, static_cast<std::int64_t>(sizeof kZeros));
     if (write_at(fd, {kZeros, static_cast<std::size_t>(count)}, from) != 0) return -1;

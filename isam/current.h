@@ -44,6 +44,13 @@ struct FailedWrite {
   std::int32_t place = 0;  // as iserrio
 };
 
+// What one of the files has, in bytes (isam/extent).
+struct Extent {
+  std::int64_t bytes = 0;  // 0: not asked yet
+  std::int64_t kept = 0;   // of them, whatever the dictionary says
+  int pages_ahead = 0;     // that it is lengthened by beyond what is needed
+};
+
 // Bytes of the data file that the current call changes, to be written past the pool; empty for
 // none.
 struct DirectWrite {
@@ -87,25 +94,24 @@ struct FileRecord {
   int dupsize = 0;    // width of duplicate numbers
   bool varlen = false;
   MarkState mark = MarkState::kUnknown;
-  pid_t mark_process = 0;               // this process, while its mark stands there
-  bool keeps_locks = false;             // a transaction has changed records of it
-  std::uint64_t lastuse = 0;            // value of the use counter at the last call
-  std::uint64_t generation = 0;         // of its pages in the pool: pages of another one are stale
-  Buffer* modified = nullptr;           // its modified pages in the pool
-  DirectWrite direct;                   // ... and what is written past it
-  std::int64_t last_written = 0;        // offset of the record that was changed last
-  std::int32_t greatest_node = 0;       // that may be given out, by the file's size when last asked
-  std::int32_t greatest_record = 0;     // ... and record number
-  std::int32_t nodes_before = 0;        // when the call began: highest node in use
-  std::int32_t numbers_before = 0;      // ... highest data record number,
-  std::int32_t free_list_before = 0;    // ... head of the list of free ones
-  std::int32_t free_nodes_before = 0;   // ... and of that of free nodes
-  bool gives_number = false;            // this call gives a record's number back
-  bool spilled = false;                 // a changed page has been written during this call
-  bool keeps_changes = false;           // what this call changed stays even if it fails
-  std::int64_t index_bytes = 0;         // that the index file has and none but an exclusive open
-  std::int64_t data_bytes = 0;          // ... changes, and the data file; 0: not asked yet
-  std::int64_t index_bytes_before = 0;  // ... when it was opened exclusively
+  pid_t mark_process = 0;              // this process, while its mark stands there
+  bool keeps_locks = false;            // a transaction has changed records of it
+  std::uint64_t lastuse = 0;           // value of the use counter at the last call
+  std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale
+  Buffer* modified = nullptr;          // its modified pages in the pool
+  DirectWrite direct;                  // ... and what is written past it
+  std::int64_t last_written = 0;       // offset of the record that was changed last
+  std::int32_t greatest_node = 0;      // that may be given out, by the file's size when last asked
+  std::int32_t greatest_record = 0;    // ... and record number
+  std::int32_t nodes_before = 0;       // when the call began: highest node in use
+  std::int32_t numbers_before = 0;     // ... highest data record number,
+  std::int32_t free_list_before = 0;   // ... head of the list of free ones
+  std::int32_t free_nodes_before = 0;  // ... and of that of free nodes
+  bool gives_number = false;           // this call gives a record's number back
+  bool spilled = false;                // a changed page has been written during this call
+  bool keeps_changes = false;          // what this call changed stays even if it fails
+  Extent index_extent;                 // that none but an exclusive open changes,
+  Extent data_extent;                  // ... and of the data file
   Dictionary dictionary{};
   std::vector<keydescr> keys;         // its key descriptions, as of
   std::uint64_t keys_generation = 0;  // ... this generation

@@ -156,7 +156,7 @@ int reserve_storage(std::size_t length) {
   const auto chunk = static_cast<std::size_t>(RpageGeometry{filep->idxsize}.chunk);
   const auto pieces = static_cast<std::int64_t>((length + chunk - 1) / chunk);
   const std::int64_t last = dictp->d_nextnode();
-  const bool is_there = (last + pieces) * node_size() <= filep->index_bytes;
+  const bool is_there = (last + pieces) * node_size() <= filep->index_extent.bytes;
   if (pieces == 0 || is_there || !reserves_room() || free_nodes_at_hand() >= pieces) return 0;
   return reserve_nodes(last + 1, last + pieces);
 }

@@ -1,12 +1,14 @@
 // extent: what lengthens the files of an exclusive open.
 //
 // Its pages are written when their call is long over. Where they will lengthen a file zero bytes do
-// so before, so that a full disk fails the call that needs the room.
+// so before, so that a full disk fails the call that needs the room. They do so for more and more
+// pages at a time, so that a long load has few writes of that kind.
 //
 // Needs   the current file; others than exclusive opens' are left alone: what they change is
 //         written when the call ends
 // Keeps   X1 room that cannot be had in full leaves the file as it was
-//         X2 what was reserved and is not needed goes when the file is given up
+//         X2 what was reserved and is not needed goes when the file is flushed or given up
+//         X3 a disk that has room for what is needed, but for no more, fails nothing
 #pragma once
 
 #include <cstdint>
@@ -41,19 +43,23 @@ class RoomIsThere {
 
 // Room for the nodes from `first` to `last`: 0 or -1.
 [[nodiscard]] inline int reserve_nodes(std::int64_t first, std::int64_t last) {
-  if (!reserves_room() || last * node_size() <= filep->index_bytes) return 0;
+  if (!reserves_room() || last * node_size() <= filep->index_extent.bytes) return 0;
   return lengthen(FileKind::kIndex, (first - 1) * node_size(), last * node_size());
+}
+
+// Where the block ends that has the last byte of the slot of record k.
+[[nodiscard]] inline std::int64_t end_of_slot(std::int64_t k) {
+  return (k * slot_size() + kPageSize - 1) / kPageSize * kPageSize;
 }
 
 // Room for the slot of record k, in whole blocks: 0 or -1.
 [[nodiscard]] inline int reserve_slot(std::int64_t k) {
-  if (!reserves_room() || k * slot_size() <= filep->data_bytes) return 0;
+  if (!reserves_room() || k * slot_size() <= filep->data_extent.kept) return 0;
   const std::int64_t first = (k - 1) * slot_size() / kPageSize * kPageSize;
-  const std::int64_t end = (k * slot_size() + kPageSize - 1) / kPageSize * kPageSize;
-  return lengthen(FileKind::kData, first, end);
+  return lengthen(FileKind::kData, first, end_of_slot(k));
 }
 
-// Cuts nodes off that were reserved past the last one in use.
-void cut_unused_nodes();
+// Cuts off what was reserved past the last node and block in use.
+void cut_unused_room();
 
 }  // namespace isam

@@ -285,7 +285,7 @@ int write_delayed() {
 
 int settle_exclusive() {
   if (write_delayed() != 0) return -1;
-  cut_unused_nodes();
+  cut_unused_room();
   return clear_mark(*filep);
 }
 

@@ -82,7 +82,7 @@ void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
   freerec(key.rootnode, FreeList::kNodes);
   kydelete(key);
   bfdrop(*filep, dictp->d_nextnode() + 1);
-  cut_unused_nodes();
+  cut_unused_room();
   // What could not be written will be tried again.
   filep->failed_write = {};
   if (!filep->pages_lost) filep->lost_write = lost;

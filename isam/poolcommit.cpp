@@ -87,7 +87,7 @@ void Pool::write_back(FileRecord& file) {
   };
   cut(file.idxfd, index_size_before_, file.index_map);
   cut(file.datfd, data_size_before_, file.data_map);
-  file.data_bytes = 0;
+  file.data_extent.bytes = 0;
 }
 
 // Where pages will lengthen the files; data blocks do so with zero bytes before anything else is
@@ -108,17 +108,17 @@ int Pool::make_room(FileRecord& file) {
     last = std::max<std::int64_t>(last, page->block & INT32_MAX);
   }
   const std::int64_t to = (last + 1) * kPageSize;
-  if (to <= file.data_bytes) return 0;
-  if (common::find_size(file.datfd, file.data_bytes) != 0) {
+  if (to <= file.data_extent.bytes) return 0;
+  if (common::find_size(file.datfd, file.data_extent.bytes) != 0) {
     return failed_system(errno, Operation::kRead, FileKind::kData);
   }
-  if (to <= file.data_bytes) return 0;
-  data_size_before_ = file.data_bytes;
+  if (to <= file.data_extent.bytes) return 0;
+  data_size_before_ = file.data_extent.bytes;
   const std::int64_t from = std::max(first * kPageSize, data_size_before_);
   if (common::write_zeros(file.datfd, from, to) != 0) {
     return failed_system(errno, Operation::kWrite, FileKind::kData);
   }
-  file.data_bytes = to;
+  file.data_extent.bytes = to;
   return 0;
 }
 

@@ -2,6 +2,7 @@
 // and what an exclusive open that is not closed well leaves behind.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -20,8 +21,17 @@ namespace {
 
 int writes_left = INT_MAX;  // before one is refused, when half of it is done
 bool was_refused = false;
+std::pair<int, off_t> no_room{-1, 0};  // file and end of it that the refused write was to lengthen
+off_t end_of_disk = INT64_MAX;
 
 ssize_t write_or_refuse(int fd, const void* from, std::size_t count, off_t offset) {
+  const bool lengthens = offset >= common::file_size(fd);
+  const bool again = lengthens && no_room == std::pair{fd, offset};  // perhaps with less
+  if (again || offset + static_cast<off_t>(count) > end_of_disk) {
+    errno = ENOSPC;
+    return -1;
+  }
+  if (writes_left == 0 && !was_refused && lengthens) no_room = {fd, offset};
   if (writes_left != 0) {
     if (writes_left != INT_MAX) --writes_left;
     return ::pwrite(fd, from, count, offset);
@@ -36,7 +46,9 @@ ssize_t write_or_refuse(int fd, const void* from, std::size_t count, off_t offse
 bool refuse(int number, const std::function<void()>& call) {
   writes_left = number;
   was_refused = false;
+  no_room.first = -1;
   call();
+  no_room.first = -1;
   writes_left = INT_MAX;
   return was_refused;
 }
@@ -302,6 +314,43 @@ TEST_F(RefusedWrites, OfANewIndexLeaveTheExclusivePairAsItWas) {
     EXPECT_EQ(::isclose(session.isfd), 0);
   });
   EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
+// An exclusive open lengthens its files by more than it needs for the moment. No byte of that is
+// left when it has written everything, and none is missed.
+TEST_F(RefusedWrites, OfRoomThatIsNotNeededAreNotTold) {
+  constexpr int kRecords = 600;
+  for (const bool varying : {false, true}) {
+    std::vector<std::uintmax_t> ends[2];
+    for (const int lock : {ISMANULOCK, ISEXCLLOCK}) {
+      build(varying, 0);
+      const auto sizes = [this] {
+        return std::vector{std::filesystem::file_size(base_ + ".idx"),
+                           std::filesystem::file_size(base_ + ".dat")};
+      };
+      const bool exclusive = lock == ISEXCLLOCK;
+      alone([&] {
+        Session session{base_, varying};
+        ASSERT_GE(session.open(ISINOUT | lock), 0);
+        if (exclusive) end_of_disk = std::ranges::max(ends[0]);
+        bool ahead = false;
+        for (int id = 1; id <= kRecords; ++id) {
+          ASSERT_EQ(session.put({id, id % 3, id % 40}, ::iswrite), 0) << id;
+          const auto before = sizes();
+          if (id % 200 == 0) {
+            ASSERT_EQ(::isflush(session.isfd), 0);
+          }
+          ahead = ahead || (sizes()[0] < before[0] && sizes()[1] < before[1]);
+        }
+        EXPECT_EQ(ahead, exclusive);
+        EXPECT_EQ(::isclose(session.isfd), 0);
+        end_of_disk = INT64_MAX;
+      });
+      ends[exclusive ? 1 : 0] = sizes();
+    }
+    EXPECT_EQ(ends[1], ends[0]);
+    EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+  }
 }
 
 TEST_F(RefusedWrites, OfAClusteringLeaveThePairAndNoOtherFile) {
