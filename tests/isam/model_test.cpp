@@ -72,8 +72,9 @@ enum class Refused { kNone, kOne, kGrowth, kAll };
 struct {
   Refused what = Refused::kNone;
   int error = 0;
-  unsigned left = 0;  // writes that are still done
-  int hits = 0;       // since the last look
+  unsigned left = 0;                     // writes that are still done
+  int hits = 0;                          // since the last look
+  std::pair<int, off_t> no_room{-1, 0};  // in this call: file and end that one was to lengthen
 } faults;
 
 ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset) {
@@ -81,9 +82,15 @@ ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset)
   const auto grows = [&] {
     return ::fstat(fd, &status) == 0 && offset + static_cast<off_t>(count) > status.st_size;
   };
+  const bool again = faults.no_room == std::pair{fd, offset} && grows();  // perhaps with less
   const bool meant = faults.what != Refused::kNone && (faults.what != Refused::kGrowth || grows());
-  if (!meant || (faults.left > 0 && faults.left-- > 0)) return ::pwrite(fd, from, count, offset);
-  if (faults.what == Refused::kOne) faults.what = Refused::kNone;
+  if (!again && (!meant || (faults.left > 0 && faults.left-- > 0))) {
+    return ::pwrite(fd, from, count, offset);
+  }
+  if (faults.what == Refused::kOne) {
+    faults.what = Refused::kNone;
+    if (grows()) faults.no_room = {fd, offset};
+  }
   ++faults.hits;
   errno = faults.error;
   return -1;
@@ -148,6 +155,7 @@ class Script {
   // Seldom the next write fails, or one soon; the disk is full for a while, or broken. (Where
   // others write no more, a shared call cannot take back what it wrote.)
   void choose_faults() {
+    faults.no_room.first = -1;
     const bool over = faults.what == Refused::kAll && !model_.is_alone();
     if (over || one_in(8)) faults.what = Refused::kNone;
     if (faults.what != Refused::kNone || !one_in(200)) return;
