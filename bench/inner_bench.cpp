@@ -13,7 +13,7 @@
 #include <system_error>
 
 #include "isam.h"
-#include "isam/keys.h"
+#include "isam/keys/keys.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "isam/errors.h"
+#include "isam/base/errors.h"
 
 namespace checker {
 

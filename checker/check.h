@@ -14,7 +14,7 @@
 #include "checker/listener.h"
 #include "checker/usagemap.h"
 #include "common/bytes.h"
-#include "isam/indexload.h"
+#include "isam/tree/indexload.h"
 
 namespace checker {
 

@@ -8,11 +8,11 @@
 #include "checker/checks.h"
 #include "checker/listnode.h"
 #include "checker/progress.h"
-#include "isam/buffers.h"
-#include "isam/datafile.h"
-#include "isam/errors.h"
-#include "isam/files.h"
-#include "isam/varlen.h"
+#include "isam/base/errors.h"
+#include "isam/files/files.h"
+#include "isam/pool/buffers.h"
+#include "isam/records/datafile.h"
+#include "isam/records/varlen.h"
 
 namespace checker {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "checker/progress.h"
-#include "isam/current.h"
-#include "isam/errors.h"
+#include "isam/base/current.h"
+#include "isam/base/errors.h"
 
 namespace checker {
 namespace {

@@ -8,7 +8,7 @@
 
 #include "checker/checks.h"
 #include "common/io.h"
-#include "isam/buffers.h"
+#include "isam/pool/buffers.h"
 
 namespace checker {
 namespace {

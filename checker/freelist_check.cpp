@@ -8,10 +8,10 @@
 
 #include "checker/checks.h"
 #include "checker/listnode.h"
-#include "isam/buffers.h"
-#include "isam/errors.h"
-#include "isam/freelists.h"
-#include "isam/keychain.h"
+#include "isam/base/errors.h"
+#include "isam/keys/keychain.h"
+#include "isam/pool/buffers.h"
+#include "isam/records/freelists.h"
 
 namespace checker {
 namespace {

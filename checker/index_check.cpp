@@ -5,9 +5,9 @@
 //         to be remade only the root stays marked, of one to be deleted nothing.
 #include "checker/checks.h"
 #include "checker/tree_check.h"
-#include "isam/errors.h"
-#include "isam/keychain.h"
-#include "isam/keys.h"
+#include "isam/base/errors.h"
+#include "isam/keys/keychain.h"
+#include "isam/keys/keys.h"
 
 namespace checker {
 namespace {

@@ -7,14 +7,14 @@
 
 #include "checker/checks.h"
 #include "checker/progress.h"
-#include "isam/buffers.h"
-#include "isam/datafile.h"
-#include "isam/errors.h"
-#include "isam/files.h"
-#include "isam/freelists.h"
-#include "isam/indexload.h"
-#include "isam/keychain.h"
-#include "isam/keys.h"
+#include "isam/base/errors.h"
+#include "isam/files/files.h"
+#include "isam/keys/keychain.h"
+#include "isam/keys/keys.h"
+#include "isam/pool/buffers.h"
+#include "isam/records/datafile.h"
+#include "isam/records/freelists.h"
+#include "isam/tree/indexload.h"
 
 namespace checker {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "checker/findings.h"
 #include "isam.h"
-#include "isam/items.h"
+#include "isam/tree/items.h"
 
 namespace checker {
 

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 
-#include "isam/buffers.h"
-#include "isam/errors.h"
+#include "isam/base/errors.h"
+#include "isam/pool/buffers.h"
 
 namespace checker {
 

@@ -10,7 +10,7 @@
 #include "checker/progress.h"
 #include "common/nulldevice.h"
 #include "isam.h"
-#include "isam/version.h"
+#include "isam/calls/version.h"
 #include "locale/collation.h"
 
 namespace {

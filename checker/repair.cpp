@@ -1,29 +1,26 @@
 #include "checker/repair.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
 
 #include "checker/checks.h"
+#include "checker/obstacle.h"
 #include "checker/temporaryfile.h"
 #include "common/filecopy.h"
 #include "common/io.h"
-#include "isam/buffers.h"
-#include "isam/errors.h"
-#include "isam/files.h"
-#include "isam/frame.h"
-#include "isam/locks.h"
-#include "isam/mark.h"
+#include "isam/base/errors.h"
+#include "isam/calls/frame.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/pool/buffers.h"
+#include "isam/pool/mark.h"
 
 namespace checker {
 namespace {
@@ -38,57 +35,6 @@ bool nodes_will_change(const Check& check) {
   return check.badifree == Verdict::kRebuild || check.baddfree == Verdict::kRebuild ||
          check.badrfree == Verdict::kRebuild || has_verdict(check, IndexVerdict::kDelete) ||
          has_verdict(check, IndexVerdict::kRemake);
-}
-
-// The file itself, past symbolic links. Where its path is too long to be told, the last link at
-// least is followed.
-std::string real_path(std::string path) {
-  constexpr int kMostLinks = 40;
-  const std::unique_ptr<char, void (*)(void*)> real{::realpath(path.c_str(), nullptr), std::free};
-  if (real) return real.get();
-  std::array<char, PATH_MAX> target{};
-  for (int links = 0; links < kMostLinks; ++links) {
-    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
-    if (length <= 0) break;
-    std::string next(target.data(), static_cast<std::size_t>(length));
-    if (next.front() != '/') next.insert(0, path, 0, path.rfind('/') + 1);
-    path = std::move(next);
-  }
-  return path;
-}
-
-bool is_mount_point(int fd) {
-  struct statx status {};
-  return ::statx(fd, "", AT_EMPTY_PATH, STATX_TYPE, &status) == 0 &&
-         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
-}
-
-// Why another file cannot take the index's place, as an errno; 0 when nothing is known to be in
-// the way.
-int obstacle(int fd, const std::string& index) {
-  struct stat status {};
-  struct stat folder {};
-  struct rlimit limit {};
-  const std::string folder_name = folder_of(index);
-  if (common::system_calls().fstat(fd, &status) != 0 ||
-      common::system_calls().stat(folder_name.c_str(), &folder) != 0) {
-    return errno;
-  }
-  if (!S_ISREG(status.st_mode)) return ENOTSUP;
-  if (status.st_nlink > 1) return EMLINK;
-  if (is_mount_point(fd)) return EBUSY;
-  const uid_t user = ::geteuid();
-  const bool others = user != 0 && user != status.st_uid && user != folder.st_uid;
-  if ((folder.st_mode & S_ISVTX) != 0 && others) return EPERM;
-  if (::faccessat(AT_FDCWD, folder_name.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return errno;
-  const bool limited = ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
-  return limited && limit.rlim_cur < static_cast<rlim_t>(status.st_size) ? EFBIG : 0;
-}
-
-// Whether an error in making a copy leaves the index itself fit to be changed.
-bool leaves_index_usable(int error) {
-  // Nothing can be written past the limit on the size of files, wherever.
-  return error != EIO && error != ENOMEM && error != ESTALE && error != EUCLEAN && error != EFBIG;
 }
 
 // Lets the current file's index be another file with the same nodes.

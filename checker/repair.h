@@ -6,7 +6,7 @@
 // index's place in one step when it is complete and on the disk: a run that is ended before that,
 // or meets an error of the system, leaves the pair as it was. A change of the dictionary alone is
 // one write. Where no copy can be made the index file itself is changed: what needs room is
-// gathered first, and the mark of unfinished changes (isam/mark) stands in it meanwhile.
+// gathered first, and the mark of unfinished changes (isam/pool/mark) stands in it meanwhile.
 //
 // Needs   the pair locked for this process alone
 // Keeps   R1 no file is left over but what is kept on purpose (checker/keptindex); a killed run

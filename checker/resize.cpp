@@ -14,10 +14,10 @@
 #include "checker/checks.h"
 #include "common/holders.h"
 #include "common/io.h"
-#include "isam/buffers.h"
-#include "isam/errors.h"
-#include "isam/files.h"
-#include "isam/format.h"
+#include "isam/base/errors.h"
+#include "isam/base/format.h"
+#include "isam/files/files.h"
+#include "isam/pool/buffers.h"
 
 namespace checker {
 namespace {

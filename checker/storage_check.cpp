@@ -4,8 +4,8 @@
 // Gives   rpgmap added to idxmap, totalrpfree, badrfree
 // Never   changes a page while checking: pages with faults are reported only
 #include "checker/checks.h"
-#include "isam/errors.h"
-#include "isam/varlen.h"
+#include "isam/base/errors.h"
+#include "isam/records/varlen.h"
 
 namespace checker {
 namespace {

@@ -12,8 +12,8 @@
 #include "checker/check.h"
 #include "checker/progress.h"
 #include "isam.h"
-#include "isam/items.h"
-#include "isam/keys.h"
+#include "isam/keys/keys.h"
+#include "isam/tree/items.h"
 
 namespace checker {
 

@@ -11,7 +11,7 @@
 #include "common/filecopy.h"
 #include "common/holders.h"
 #include "common/io.h"
-#include "isam/format.h"
+#include "isam/base/format.h"
 
 namespace checker {
 namespace {

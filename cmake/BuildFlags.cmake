@@ -7,6 +7,14 @@ option(KESTRO_BENCH "Build the benchmark programs" OFF)
 option(KESTRO_FUZZ "Build the fuzz targets (needs clang with libFuzzer)" OFF)
 set(KESTRO_SANITIZE "" CACHE STRING "Sanitizers to build with, such as address,undefined")
 
+# A sanitized or instrumented shared library serves nobody: its users would need the same flags.
+if(KESTRO_SANITIZE OR KESTRO_COVERAGE OR KESTRO_FUZZ)
+  set(plain_build OFF)
+else()
+  set(plain_build ON)
+endif()
+option(KESTRO_SHARED "Build and install the shared library" ${plain_build})
+
 add_library(build_flags INTERFACE)
 
 target_compile_options(

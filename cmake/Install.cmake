@@ -3,20 +3,13 @@
 #   runtime      the shared library
 #   development  what building against the library takes
 
-# A sanitized or instrumented shared library serves nobody: its users would need the same flags.
-if(KESTRO_SANITIZE OR KESTRO_COVERAGE OR KESTRO_FUZZ)
-  set(plain_build OFF)
-else()
-  set(plain_build ON)
-endif()
-option(KESTRO_SHARED "Build and install the shared library" ${plain_build})
-
 set(cmake_package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Isam)
 set(example_folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/libisam-dev/examples)
 
 if(KESTRO_SHARED)
   set(symbol_map ${PROJECT_SOURCE_DIR}/cmake/isam.map)
-  add_library(isam_shared SHARED ${isam_sources})
+  floor_objects(objects _shared ${library_floors})
+  add_library(isam_shared SHARED ${objects})
   target_include_directories(isam_shared PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
   target_link_libraries(isam_shared PRIVATE $<BUILD_INTERFACE:project_internal>)
   target_link_options(isam_shared PRIVATE -Wl,--version-script=${symbol_map} -Wl,-z,defs)

@@ -7,9 +7,9 @@
 
 #include "fuzz/log_input.h"
 #include "fuzz/log_pairs.h"
+#include "isam/log/audit.h"
 #include "tests/support/pair_walk.h"
 #include "tests/support/run_program.h"
-#include "txlog/audit.h"
 #include "txlog/errorlog.h"
 
 namespace fuzz {

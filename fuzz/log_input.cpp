@@ -2,7 +2,7 @@
 
 #include <vector>
 
-#include "txlog/logformat.h"
+#include "isam/log/logformat.h"
 
 extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most);
 

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <optional>
 
-#include "isam/errors.h"
+#include "isam/base/errors.h"
 #include "recover/text.h"
 #include "recover/words.h"
 #include "txlog/errorlog.h"

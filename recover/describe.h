@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "txlog/logformat.h"
+#include "isam/log/logformat.h"
 
 namespace recover {
 

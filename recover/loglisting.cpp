@@ -3,12 +3,12 @@
 #include <array>
 #include <cstdio>
 
-#include "isam/errors.h"
+#include "isam/base/errors.h"
+#include "isam/log/logfile.h"
 #include "recover/describe.h"
 #include "recover/plainfile.h"
 #include "recover/tally.h"
 #include "recover/text.h"
-#include "txlog/logfile.h"
 
 namespace recover {
 namespace {

@@ -2,7 +2,7 @@
 #include <cstdio>
 
 #include "common/nulldevice.h"
-#include "isam/version.h"
+#include "isam/calls/version.h"
 #include "recover/loglisting.h"
 #include "recover/options.h"
 #include "recover/output.h"

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <map>
 
-#include "isam/errors.h"
+#include "isam/base/errors.h"
 #include "recover/describe.h"
 #include "recover/plainfile.h"
 #include "recover/tally.h"

@@ -8,10 +8,10 @@
 #include <map>
 #include <vector>
 
+#include "isam/log/audit.h"
 #include "recover/plainfile.h"
 #include "recover/text.h"
 #include "recover/words.h"
-#include "txlog/audit.h"
 
 namespace recover {
 namespace {

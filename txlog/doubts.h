@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <unordered_map>
 
-#include "txlog/logformat.h"
+#include "isam/log/logformat.h"
 #include "txlog/replayfiles.h"
 #include "txlog/writer.h"
 

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <ctime>
 
-#include "isam/errors.h"
+#include "isam/base/errors.h"
 
 namespace isam::txlog {
 namespace {

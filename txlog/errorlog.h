@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "common/holders.h"
-#include "txlog/logformat.h"
+#include "isam/log/logformat.h"
 
 namespace isam::txlog {
 

@@ -13,7 +13,7 @@
 #include <deque>
 #include <vector>
 
-#include "txlog/logformat.h"
+#include "isam/log/logformat.h"
 
 namespace isam::txlog {
 

@@ -4,7 +4,7 @@
 #include <functional>
 #include <string_view>
 
-#include "isam/errors.h"
+#include "isam/base/errors.h"
 
 namespace isam::txlog {
 namespace {

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "txlog/logfile.h"
+#include "isam/log/logfile.h"
 
 namespace isam::txlog {
 

@@ -8,12 +8,11 @@
 #include <vector>
 
 #include "common/io.h"
-#include "isam/errors.h"
-#include "isam/files.h"
-#include "isam/traced.h"
-#include "txlog/logfile.h"
+#include "isam/base/errors.h"
+#include "isam/calls/transactions.h"
+#include "isam/files/files.h"
+#include "isam/log/logfile.h"
 #include "txlog/replay.h"
-#include "txlog/transactions.h"
 
 namespace isam::txlog {
 namespace {
@@ -394,14 +393,3 @@ int recover(int mode, RecoveryObserver& observer) {
 }
 
 }  // namespace isam::txlog
-
-static int recover_call(int mode) {
-  isam::txlog::RecoveryObserver silent;
-  return isam::txlog::recover(mode, silent);
-}
-
-extern "C" int isrecvr(int mode) {
-  return isam::traced("isrecvr", mode, [=] { return recover_call(mode); });
-}
-
-extern "C" int isrecover(void) { return isrecvr(0); }

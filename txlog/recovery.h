@@ -23,7 +23,7 @@
 
 #include <string_view>
 
-#include "txlog/logformat.h"
+#include "isam/log/logformat.h"
 
 namespace isam::txlog {
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "isam/errors.h"
-#include "isam/files.h"
+#include "isam/base/errors.h"
+#include "isam/files/files.h"
 
 namespace isam::txlog {
 namespace {

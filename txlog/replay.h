@@ -24,7 +24,7 @@
 #include <utility>
 #include <vector>
 
-#include "txlog/apply.h"
+#include "isam/calls/apply.h"
 #include "txlog/doubts.h"
 #include "txlog/errorlog.h"
 #include "txlog/heldrecords.h"

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "isam/errors.h"
-#include "isam/opening.h"
+#include "isam/base/errors.h"
+#include "isam/calls/opening.h"
 
 namespace isam::txlog {
 namespace {

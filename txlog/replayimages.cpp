@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "isam/errors.h"
+#include "isam/base/errors.h"
 #include "txlog/replay.h"
 
 namespace isam::txlog {

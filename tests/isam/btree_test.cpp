@@ -1,4 +1,4 @@
-#include "isam/btree.h"
+#include "isam/tree/btree.h"
 
 #include "tests/isam/tree_model.h"
 

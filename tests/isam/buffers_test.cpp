@@ -1,4 +1,4 @@
-#include "isam/buffers.h"
+#include "isam/pool/buffers.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -8,7 +8,7 @@
 #include <set>
 
 #include "common/io.h"
-#include "isam/errors.h"
+#include "isam/base/errors.h"
 #include "tests/isam/test_pair.h"
 #include "tests/support/run_program.h"
 

@@ -1,4 +1,4 @@
-#include "isam/items.h"
+#include "isam/tree/items.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "isam/keys.h"
+#include "isam/keys/keys.h"
 
 #include <gtest/gtest.h>
 
@@ -8,8 +8,8 @@
 #include <random>
 #include <string>
 
-#include "isam/btree.h"
-#include "isam/keychain.h"
+#include "isam/keys/keychain.h"
+#include "isam/tree/btree.h"
 #include "tests/isam/test_pair.h"
 #include "tests/support/descriptions.h"
 

@@ -1,4 +1,4 @@
-#include "isam/mark.h"
+#include "isam/pool/mark.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

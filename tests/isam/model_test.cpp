@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "common/io.h"
-#include "isam/pool.h"
+#include "isam/pool/pool.h"
 #include "tests/support/descriptions.h"
 #include "tests/support/isam_model.h"
 #include "tests/support/run_program.h"

@@ -11,10 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "isam/buffers.h"
-#include "isam/errors.h"
-#include "isam/files.h"
-#include "isam/freelists.h"
+#include "isam/base/errors.h"
+#include "isam/files/dictionary.h"
+#include "isam/files/files.h"
+#include "isam/pool/buffers.h"
+#include "isam/records/freelists.h"
 #include "tests/support/layout.h"
 #include "tests/support/pair_walk.h"
 

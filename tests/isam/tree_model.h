@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "isam/btree.h"
-#include "isam/keychain.h"
-#include "isam/treenode.h"
+#include "isam/keys/keychain.h"
+#include "isam/tree/btree.h"
+#include "isam/tree/treenode.h"
 #include "tests/isam/test_pair.h"
 #include "tests/support/descriptions.h"
 

@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "common/holders.h"
-#include "isam/version.h"
+#include "isam/calls/version.h"
 #include "tests/support/child_process.h"
 #include "tests/support/pair_walk.h"
 #include "tests/support/run_program.h"

@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "common/io.h"
+#include "isam/log/logformat.h"
 #include "tests/txlog/log_fixture.h"
-#include "txlog/logformat.h"
 
 namespace testing_support {
 namespace {

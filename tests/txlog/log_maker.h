@@ -4,8 +4,8 @@
 #include <map>
 #include <string>
 
+#include "isam/log/logformat.h"
 #include "tests/txlog/log_fixture.h"
-#include "txlog/logformat.h"
 
 namespace testing_support {
 

@@ -1,0 +1,19 @@
+// obstacle: whether a copy of an index file can take its place.
+#pragma once
+
+#include <string>
+
+namespace checker {
+
+// The file itself, past symbolic links. Where its path is too long to be told, the last link at
+// least is followed.
+[[nodiscard]] std::string real_path(std::string path);
+
+// Why another file cannot take the place of an index, open as `fd`, as an errno; 0 when nothing is
+// known to be in the way.
+[[nodiscard]] int obstacle(int fd, const std::string& index);
+
+// Whether an error in making a copy leaves the index itself fit to be changed.
+[[nodiscard]] bool leaves_index_usable(int error);
+
+}  // namespace checker

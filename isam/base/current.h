@@ -1,0 +1,178 @@
+// current: what is global in the library, seen at a glance.
+//
+// The library is process-wide: one open is current during a call. `openp`, `filep` and `dictp`
+// name it, its file and the file's dictionary copy; every internal operation works on them.
+// isam/files/files sets them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/filemap.h"
+#include "isam.h"
+#include "isam/base/format.h"
+#include "isam/base/position.h"
+#include "isam/base/recordset.h"
+
+namespace isam {
+
+struct Buffer;
+
+inline constexpr int nopens = 256;  // open records of a process
+inline constexpr int nfiles = 256;  // file records of a process
+
+// Whether the process logs its changes, and whether a transaction is open.
+enum TransactionFlag : int { kInTransaction = 0, kNotLogging = 1, kLogging = 2 };
+extern int txflag;
+
+// Flags of a file record.
+enum FileFlag : std::uint16_t {
+  kPageChanged = 1,        // a page was changed during this call
+  kDictionaryChanged = 2,  // the dictionary copy differs from the file's
+  kRecordsLocked = 8,      // this process holds locks in the record range
+  kAuditOpen = 4,          // the audit trail is open
+  kNotShared = 16,         // no new open may use the record
+  kNumbersListed = 32,     // a freed number goes on its list, even the highest
+};
+
+// A write that failed after its caller had gone on; 0 for none.
+struct FailedWrite {
+  std::int32_t error = 0;  // as iserrno
+  std::int32_t place = 0;  // as iserrio
+};
+
+// What one of the files has, in bytes (isam/pool/extent).
+struct Extent {
+  std::int64_t bytes = 0;  // 0: not asked yet
+  std::int64_t kept = 0;   // of them, whatever the dictionary says
+  int pages_ahead = 0;     // that it is lengthened by beyond what is needed
+};
+
+// Bytes of the data file that the current call changes, to be written past the pool; empty for
+// none.
+struct DirectWrite {
+  std::int64_t offset = 0;
+  std::vector<Byte> bytes;
+  std::vector<Byte> before;  // ... what the file has in their place
+};
+
+// What this process has to do with the mark of its changes in the index file (isam/pool/mark).
+enum class MarkState : std::uint8_t {
+  kUnknown,   // nobody has looked yet
+  kClear,     // to be set before a change stays unwritten
+  kSet,       // it stands there
+  kNotOurs,   // ... but not by this process, or its place is taken: it stays as it is
+  kUnneeded,  // whoever writes the files sees to the mark
+};
+
+[[nodiscard]] inline bool is_missing(MarkState mark) { return mark <= MarkState::kClear; }
+
+// One physical pair, shared by all its opens in the process.
+struct FileRecord {
+  std::uint16_t flags = 0;
+  std::int16_t usecount = -1;   // opens using it; 0: idle, still open; -1: the record is free
+  std::int16_t exclusives = 0;  // exclusive opens of this process that hold the open lock
+  std::int16_t filelocks = 0;   // opens of this process that hold the whole-file lock
+  RecordSet held;               // records that this process has locked
+  RecordSet releasable;         // ... of which isrelease may let go during a transaction
+  dev_t device = 0;             // identity of the index file
+  ino_t inode = 0;
+  dev_t data_device = 0;  // ... and of the data file
+  ino_t data_inode = 0;
+  std::uint32_t stamp = 0;  // change stamp last seen in this process
+  int datfd = -1;           // -1 while vclose has it closed
+  int idxfd = -1;
+  int audfd = -1;     // of the audit trail, while kAuditOpen
+  int datmode = 0;    // access that the data file was opened with, as O_RDWR,
+  int idxmode = 0;    // ... and the index file
+  int reclen = 0;     // record length; the fixed part's with variable length
+  int maxreclen = 0;  // greatest record length; reclen for fixed length
+  int idxsize = 0;    // node size minus one
+  int dupsize = 0;    // width of duplicate numbers
+  bool varlen = false;
+  MarkState mark = MarkState::kUnknown;
+  pid_t mark_process = 0;              // this process, while its mark stands there
+  bool keeps_locks = false;            // a transaction has changed records of it
+  std::uint64_t lastuse = 0;           // value of the use counter at the last call
+  std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale
+  Buffer* modified = nullptr;          // its modified pages in the pool
+  DirectWrite direct;                  // ... and what is written past it
+  std::int64_t last_written = 0;       // offset of the record that was changed last
+  std::int32_t greatest_node = 0;      // that may be given out, by the file's size when last asked
+  std::int32_t greatest_record = 0;    // ... and record number
+  std::int32_t nodes_before = 0;       // when the call began: highest node in use
+  std::int32_t numbers_before = 0;     // ... highest data record number,
+  std::int32_t free_list_before = 0;   // ... head of the list of free ones
+  std::int32_t free_nodes_before = 0;  // ... and of that of free nodes
+  bool gives_number = false;           // this call gives a record's number back
+  bool spilled = false;                // a changed page has been written during this call
+  bool keeps_changes = false;          // what this call changed stays even if it fails
+  Extent index_extent;                 // that none but an exclusive open changes,
+  Extent data_extent;                  // ... and of the data file
+  Dictionary dictionary{};
+  std::vector<keydescr> keys;         // its key descriptions, as of
+  std::uint64_t keys_generation = 0;  // ... this generation
+  int calls_unwritten = 0;            // calls of exclusive opens since the dictionary was written
+  FailedWrite failed_write;           // the first since it was last reported,
+  FailedWrite lost_write;             // ... and since it was opened exclusively,
+  bool pages_lost = false;            // ... when also pages were given up
+  common::FileMap index_map;          // through which the index file is read,
+  common::FileMap data_map;           // ... and the data file
+  std::string name;                   // base name, without suffix
+  std::string folder;                 // what the name is relative to, with its "/"; may be empty
+};
+
+// Flags of an open record.
+enum OpenFlag : std::uint16_t {
+  kOpenInUse = 1,
+  kHoldsFileLock = 0x20,
+  kHoldsSemaphore = 64,
+  kHoldsRecordLocks = 0x100,
+  kLogged = 0x200,      // the log knows of the open
+  kUndoable = 0x800,    // its transaction has changed records through it
+  kFreesKeys = 0x1000,  // ... deleted or rewritten some, whose keys an undoing brings back
+  kKept = 0x400,        // closed inside a transaction, until that ends or the file is opened again
+  kInherited = 0x2000,  // nothing but a number that was the parent process's open
+};
+
+// One open of a pair.
+struct OpenRecord {
+  std::uint16_t flags = 0;
+  std::uint16_t process = 0;  // low 16 bits of the process and user ids when it was made
+  std::uint16_t user = 0;
+  int mode = 0;             // access and option bits, plus the lock mode in the high byte
+  std::uint32_t stamp = 0;  // change stamp last seen by this open
+  FileRecord* file = nullptr;
+  keydescr key{};     // the current index
+  Position position;  // the position in it, between calls
+  // What the end of the transaction has to see to: records deleted, whose numbers and storage are
+  // kept until then, and records that became shorter, which keep theirs.
+  std::vector<std::int32_t> deleted;
+  std::vector<std::int32_t> shortened;
+  std::size_t committed = 0;  // of the deleted ones, the first so many: nothing puts them back
+  bool frees_again = false;   // freeing what ended transactions have left has failed before
+  std::vector<std::int32_t>* listed = nullptr;  // the one that this call has put its record on
+};
+
+extern OpenRecord* openp;
+extern FileRecord* filep;
+extern Dictionary* dictp;
+
+// Whether what the current open changes can still be undone: locks and storage are kept.
+[[nodiscard]] inline bool may_be_undone() {
+  return txflag == kInTransaction && (openp->mode & (ISTRANS | ISNOLOG)) == ISTRANS;
+}
+
+// Marks the current file's dictionary copy as changed, to be written at the end of the call.
+inline void dictmodify() { filep->flags |= kDictionaryChanged; }
+
+// Byte widths that follow from the current file.
+[[nodiscard]] inline int node_size() { return filep->idxsize + 1; }
+[[nodiscard]] inline int slot_size() {
+  return filep->reclen + (filep->varlen ? kVariableTrailer : kFixedTrailer);
+}
+
+}  // namespace isam

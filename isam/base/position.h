@@ -1,0 +1,75 @@
+// position: one item of an index and the path that leads to it.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+#include "isam.h"
+#include "isam/base/format.h"
+
+namespace isam {
+
+enum ItemFlag : int {
+  kRepeatsPrevious = 1,  // this item repeats the previous item's key and stores no key bytes
+  kNextRepeats = 2,      // the next item repeats this item's key
+};
+
+struct Item {
+  int flag = 0;
+  int totln = 0;            // stored length, all fields
+  int keyln = 0;            // key bytes stored
+  std::int32_t dupnm = 0;   // duplicate number
+  std::int32_t recptr = 0;  // record number (leaf) or child node
+  int leadc = 0;            // leading key bytes taken from the previous item
+  int tailc = 0;            // trailing blanks left out
+  Byte key[MAXKEYLEN] = {};
+};
+
+// Flags of a position, of meaning to the record calls.
+enum PositionFlag : std::uint16_t {
+  kHasCurrent = 4,       // there is a current item
+  kCurrentRead = 8,      // its record has been read
+  kSameKeyNearby = 16,   // a neighbour item has the same key
+  kCurrentDeleted = 32,  // its record was deleted
+};
+
+// Where a position stands beside the items.
+enum Ends : std::uint16_t {
+  kOnItem = 0,
+  kBeforeFirst = 1,
+  kAfterLast = 2,
+  kEmptyTree = kBeforeFirst | kAfterLast,
+};
+
+struct PathLevel {
+  std::int32_t node = 0;
+  int offset = 0;  // of the current item in the node's item area
+  int next = 0;    // of the item behind it
+  int length = 0;  // of the item area
+};
+
+struct Position {
+  std::uint16_t state = 0;  // PositionFlag
+  Item item;                // the current item; of a key without parts only recptr counts
+  std::array<PathLevel, kMaxTreeLevels> path;
+  int depth = -1;                // level of the leaf in the path; -1: no valid path is held
+  std::uint16_t ends = kOnItem;  // Ends
+
+  Position() = default;
+  Position(const Position& other) { *this = other; }
+  // Copies the levels in use only: this happens at both ends of every call.
+  Position& operator=(const Position& other) {
+    if (this == &other) return *this;
+    state = other.state;
+    item = other.item;
+    depth = other.depth;
+    ends = other.ends;
+    std::copy_n(other.path.begin(), depth + 1, path.begin());
+    return *this;
+  }
+
+  [[nodiscard]] PathLevel& level(int of) { return path[static_cast<std::size_t>(of)]; }
+};
+
+}  // namespace isam

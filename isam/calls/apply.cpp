@@ -1,0 +1,134 @@
+#include "isam/calls/apply.h"
+
+#include <algorithm>
+
+#include "isam/base/errors.h"
+#include "isam/calls/change.h"
+#include "isam/calls/frame.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/keys/keytable.h"
+#include "isam/log/logfile.h"
+#include "isam/records/freelists.h"
+#include "isam/tree/btree.h"
+#include "isam/tree/items.h"
+
+namespace isam::txlog {
+
+std::int64_t skippable_numbers = 0;
+
+namespace {
+
+int enter(int isfd) { return isenter(isfd, kToWrite | kKeptToo | kKeepAutoLock); }
+
+int check_length(ConstBytes record) {
+  const auto least = static_cast<std::size_t>(filep->reclen);
+  const auto most = static_cast<std::size_t>(filep->maxreclen);
+  return record.size() >= least && record.size() <= most ? 0 : failed(kBadLogRecord);
+}
+
+// Takes a number that the log says was used: 0, or -1 with 126.
+int take_logged_number(std::int32_t number) {
+  const std::int64_t skipped = std::int64_t{number} - dictp->d_nextdata() - 1;
+  if (skipped > skippable_numbers || getdatrec(number) != 0) return failed(kBadRecordNumber);
+  if (skipped > 0) skippable_numbers -= skipped;
+  return 0;
+}
+
+int insert(std::int32_t number, ConstBytes record, How how) {
+  if (check_length(record) != 0) return -1;
+  if (how == How::kRedo && take_logged_number(number) != 0) return -1;
+  if (wrtrecord(record, Current::kStays, number) > 0) return 0;
+  const KeepError keep;
+  if (how == How::kRedo) freerec(number, FreeList::kRecords);
+  return -1;
+}
+
+bool is_as_made(const FoundRecord& found, const Made& made) {
+  return !made || (keeps_locked(found.number) && std::ranges::equal(found.bytes, *made));
+}
+
+// Runs `change` on the record with a number; a record that is not there is no failure: true.
+template <typename Change>
+bool change_record(std::int32_t number, const Made& made, Change change) {
+  const FoundRecord found = getcurrent(number);
+  if (found.number > 0) {
+    const bool is_meant = is_as_made(found, made);
+    if (is_meant) change(found);
+    return !is_meant;
+  }
+  if (iserrno != kNoRecord) return false;
+  clear_errors();
+  return true;
+}
+
+}  // namespace
+
+int lginsert(int isfd, std::int32_t number, ConstBytes record, How how) {
+  if (enter(isfd) != 0) return -1;
+  insert(number, record, how);
+  return isexit();
+}
+
+int lgdelete(int isfd, std::int32_t number, bool* absent, const Made& made) {
+  if (enter(isfd) != 0) return -1;
+  const bool missing = change_record(
+      number, made, [](const FoundRecord& found) { delrecord(found.number, found.bytes); });
+  if (absent != nullptr) *absent = missing;
+  return isexit();
+}
+
+int lgupdate(int isfd, std::int32_t number, ConstBytes record, const Made& made) {
+  if (enter(isfd) != 0) return -1;
+  if (check_length(record) == 0) {
+    change_record(number, made, [&](const FoundRecord& found) {
+      rewrecord(found.number, found.bytes, record, Current::kStays);
+    });
+  }
+  return isexit();
+}
+
+Contents lgread(int isfd, std::int32_t number) {
+  const KeepError keep;
+  Contents contents;
+  if (enter(isfd) != 0) return contents;
+  const FoundRecord found = getcurrent(number);
+  if (found.number > 0) contents.emplace(found.bytes.begin(), found.bytes.end());
+  clear_errors();
+  isexit();
+  return contents;
+}
+
+bool Clash::has_key(ConstBytes record) const {
+  for (int i = 0; i < key.nparts; ++i) {
+    const keypart& part = key.part[i];
+    if (static_cast<std::size_t>(part.start + part.length) > record.size()) return false;
+  }
+  if (record.empty()) return false;
+  Item other;
+  itmake(record.data(), other, key);
+  return itcompare(item, other, KeyOrder{key}) == 0;
+}
+
+std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record) {
+  const KeepError keep;
+  std::vector<Clash> clashes;
+  if (enter(isfd) != 0) return clashes;
+  const std::vector<keydescr>* const keys = check_length(record) == 0 ? file_keys() : nullptr;
+  for (std::size_t i = 0; keys != nullptr && i < keys->size(); ++i) {
+    const keydescr& k = (*keys)[i];
+    if ((k.flags & KF_DUPS) != 0 || k.nparts == 0) continue;
+    Clash clash{0, k, {}};
+    itmake(record.data(), clash.item, k);
+    Item wanted = clash.item;
+    if (btsearch(wanted, k, 0, Search::kRead) != 0 || bt.ends != kOnItem) continue;
+    if (treeitem.recptr == number || itcompare(wanted, treeitem, KeyOrder{k}) != 0) continue;
+    clash.owner = treeitem.recptr;
+    clashes.push_back(clash);
+  }
+  clear_errors();
+  isexit();
+  return clashes;
+}
+
+}  // namespace isam::txlog

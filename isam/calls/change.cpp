@@ -1,0 +1,267 @@
+#include "isam/calls/change.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "isam/base/errors.h"
+#include "isam/calls/keptposition.h"
+#include "isam/calls/recorditems.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/keys/keytable.h"
+#include "isam/log/audit.h"
+#include "isam/log/logfile.h"
+#include "isam/log/logwriter.h"
+#include "isam/pool/buffers.h"
+#include "isam/pool/extent.h"
+#include "isam/records/datafile.h"
+#include "isam/records/freelists.h"
+#include "isam/tree/btree.h"
+
+namespace isam {
+namespace {
+
+// A change locks its record; outside ISAUTOLOCK it is enough that nobody else has it locked.
+int lock_for_change(std::int32_t number) {
+  const bool keeps = (openp->mode & ISAUTOLOCK) != 0 || may_be_undone();
+  if (may_be_undone()) filep->keeps_locks = true;
+  if (keeps) return lkrecord(number, RecordLock::kTry);
+  if (filep->held.contains(number) || filep->releasable.contains(number)) return 0;
+  return lkrecord(number, RecordLock::kTest);
+}
+
+// A number to write a new record under. Numbers of records that are present are taken off the list
+// for good, those that another process has locked go back.
+std::int32_t allocdatrec() {
+  constexpr int kTries = 4;
+  std::array<std::int32_t, kTries> locked{};
+  std::size_t locked_count = 0;
+  std::int32_t number = -1;
+  Code reason = kCorrupted;
+  for (int tries = 0; tries < kTries; ++tries) {
+    number = allocrec(FreeList::kRecords);
+    if (number < 0) break;
+    const int present = datacheck(number);
+    if (present == 0 && lock_for_change(number) == 0) break;
+    if (present < 0 || (present == 0 && iserrno != kLocked)) {
+      const KeepError keep;
+      freerec(number, FreeList::kRecords);
+      number = -1;
+      break;
+    }
+    if (present == 0) {
+      clear_errors();
+      reason = kLocked;
+      locked[locked_count++] = number;
+    }
+    number = -1;
+  }
+  if (number < 0) failed_unless_set(reason);
+  const KeepError keep;
+  while (locked_count > 0) freerec(locked[--locked_count], FreeList::kRecords);
+  return number;
+}
+
+// Room for one more number on a list of the transaction, before anything is changed: 0, or -1 with
+// 116.
+int reserve_entry(std::vector<std::int32_t>& list) {
+  try {
+    if (list.size() == list.capacity()) list.reserve(2 * list.size() + 16);
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+  return 0;
+}
+
+void put_on(std::vector<std::int32_t>& list, std::int32_t number) {
+  list.push_back(number);
+  openp->listed = &list;
+}
+
+// A number for a new record: 0, or -1. A given one must be free.
+int take_number(std::int32_t given, std::int32_t& number) {
+  number = given > 0 ? given : allocdatrec();
+  if (number < 0) return -1;
+  return given > 0 && datacheck(given) != 0 ? failed_unless_set(kCorrupted) : 0;
+}
+
+// A record put back may find the storage that was kept for it.
+int store(std::int32_t number, ConstBytes record, bool given) {
+  const bool logged = !txlog::logs_changes() || txlog::log_inserted(number, record) == 0;
+  if (!logged) return -1;
+  return given ? datawrite(number, record, true) : datacreate(number, record);
+}
+
+// A call of a shared open is taken back as a whole; until then the list is as it was.
+void give_number_back(std::int32_t number, std::int32_t highest) {
+  if (number > highest || filep->exclusives > 0) {
+    freerec(number, FreeList::kRecords);
+  } else {
+    enlist(number, FreeList::kRecords);
+  }
+  lkrecord(number, RecordLock::kRelease);
+}
+
+void audit(txlog::AuditLetter letter, std::int32_t number, ConstBytes record) {
+  if (txlog::audoutput(letter, number, record) != 0) txlog::keep_unaudited();
+}
+
+// Whether a record that becomes shorter keeps its storage until the transaction ends.
+bool keeps_storage(ConstBytes old, ConstBytes record) {
+  return record.size() < old.size() && (may_be_undone() || txlog::logstate.in_rollback);
+}
+
+int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
+  const bool keeps = keeps_storage(old, record);
+  if (keeps && reserve_entry(openp->shortened) != 0) return -1;
+  if (txlog::logs_changes() && txlog::log_updated(number, old, record) != 0) return -1;
+  // Storage that is written anew may go elsewhere.
+  const bool same = filep->varlen && std::ranges::equal(old, record);
+  if (!same && datawrite(number, record, !keeps) != 0) return -1;
+  if (keeps) put_on(openp->shortened, number);
+  audit(txlog::AuditLetter::kBefore, number, old);
+  audit(txlog::AuditLetter::kAfter, number, record);
+  return 0;
+}
+
+// Its number and storage are kept for as long as the deletion can be undone.
+int remove_for_now(std::int32_t number) {
+  if (dataclear(number) != 0) return -1;
+  put_on(openp->deleted, number);
+  return 0;
+}
+
+// Its storage goes before its number: the node that this leaves may serve the list of numbers.
+int remove_at_once(std::int32_t number, ConstBytes old) {
+  // The list may need a node, which must not be missing when the storage is gone.
+  const std::int64_t next = std::int64_t{dictp->d_nextnode()} + 1;
+  if (dictp->d_freenode() == 0 && reserve_nodes(next, next) != 0) return -1;
+  if (datadelete(number) != 0) return -1;
+  if (freerec(number, FreeList::kRecords) == 0) {
+    lkrecord(number, RecordLock::kRelease);
+    return 0;
+  }
+  const KeepError keep;
+  const RoomIsThere its_own;
+  clear_errors();
+  static_cast<void>(datawrite(number, old, true));
+  return -1;
+}
+
+int log_and_remove(std::int32_t number, ConstBytes old) {
+  if (txlog::logs_changes() && txlog::log_deleted(number, old) != 0) return -1;
+  return may_be_undone() ? remove_for_now(number) : remove_at_once(number, old);
+}
+
+// The entry of the trail stands before the log's image, and stays whatever becomes of the deletion.
+int remove_record(std::int32_t number, ConstBytes old) {
+  const bool audited = txlog::audoutput(txlog::AuditLetter::kDeleted, number, old) == 0;
+  const std::int32_t reason = iserrno;
+  const std::int32_t place = iserrio;
+  clear_errors();
+  if (log_and_remove(number, old) != 0) return -1;
+  if (audited) return 0;
+  iserrno = reason;
+  iserrio = place;
+  txlog::keep_unaudited();
+  return 0;
+}
+
+Bytes record_room() { return temprecord().first(static_cast<std::size_t>(filep->maxreclen)); }
+
+}  // namespace
+
+std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr || txlog::audopen() != 0) return -1;
+  const std::int32_t highest = dictp->d_nextdata();
+  std::int32_t number = 0;
+  if (take_number(given, number) != 0) return -1;
+  KeptPosition position;
+  if (current == Current::kMoves && openp->key.nparts == 0) {
+    Item item;
+    item.recptr = number;
+    position.move_to_new(item);
+  }
+  const std::size_t added = add_items(*keys, record, number, current, position);
+  if (added == keys->size() && store(number, record, given > 0) == 0) {
+    audit(txlog::AuditLetter::kAdded, number, record);
+    return number;
+  }
+  position.stay();
+  const KeepError keep;
+  remove_items(*keys, added, record, number);
+  if (given == 0) give_number_back(number, highest);
+  return -1;
+}
+
+int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current current) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
+  KeptPosition position;
+  Replacement replacement{*keys, number, old, record};
+  if (replacement.run(current, position) == 0) {
+    if (replace_record(number, old, record) == 0) return 0;
+    replacement.undo();
+  }
+  position.stay();
+  return -1;
+}
+
+int delrecord(std::int32_t number, ConstBytes old) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
+  if (may_be_undone() && reserve_entry(openp->deleted) != 0) return -1;
+  const KeptPosition position;
+  filep->gives_number = true;
+  if (take_items(*keys, old, number) == 0 && remove_record(number, old) == 0) return 0;
+  const KeepError keep;
+  const RoomIsThere its_own;
+  put_items_back(*keys, old, number);
+  return -1;
+}
+
+FoundRecord with_key(const FoundRecord& found, const Item& item, const keydescr& k) {
+  if (found.number < 0) return found;
+  if (itcompare(item_of(found.bytes, found.number, k), item, KeyOrder{k}) == 0) return found;
+  failed(kCorrupted);
+  return {};
+}
+
+FoundRecord getrecord(const Byte* record) {
+  const Keys* keys = file_keys();
+  if (keys == nullptr) return {};
+  if (keys->empty() || keys->front().nparts == 0) {
+    failed(kNoPrimaryKey);
+    return {};
+  }
+  const keydescr& k = keys->front();
+  Item wanted;
+  itmake(record, wanted, k);
+  std::int32_t number = -1;
+  {
+    const KeptPosition position;
+    if (btsearch(wanted, k, 0, Search::kRead) != 0) return {};
+    if (bt.ends == kOnItem && itcompare(wanted, treeitem, KeyOrder{k}) == 0) {
+      number = treeitem.recptr;
+    }
+  }
+  return with_key(getcurrent(number), wanted, k);
+}
+
+FoundRecord getcurrent(std::int32_t number) {
+  if (number < 1 || number > dictp->d_nextdata()) {
+    failed(kNoRecord);
+    return {};
+  }
+  const Bytes room = record_room();
+  const int length = dataread(number, room);
+  if (length < 0) {
+    failed_unless_set(kNoRecord);
+    return {};
+  }
+  return {number, room.first(static_cast<std::size_t>(length))};
+}
+
+}  // namespace isam

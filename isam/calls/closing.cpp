@@ -1,0 +1,115 @@
+#include "isam/calls/closing.h"
+
+#include <climits>
+
+#include "environment/settings.h"
+#include "isam/base/errors.h"
+#include "isam/calls/frame.h"
+#include "isam/calls/process.h"
+#include "isam/calls/transactions.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/log/logfile.h"
+#include "isam/log/logwriter.h"
+#include "isam/pool/buffers.h"
+
+namespace isam {
+namespace {
+
+// All of the process's exclusive opens of the current file end: 0, or -1 with iserrno, the pair's
+// mark left and what could not be written lost.
+int end_exclusive() {
+  if (settle_exclusive() == 0) return 0;
+  bfflush(*filep);  // once more: what is written need not be mended
+  filep->direct.bytes.clear();
+  bfdrop(*filep, INT32_MIN);
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+  forget_exclusive();  // this close tells it, no call of those that go on sharing the file
+  return -1;
+}
+
+// Whether closing waits for readers: the environment's ISCLOSE_SHARE_LOCK is 0.
+bool close_waits() {
+  static const bool waits = environment::leading_number("ISCLOSE_SHARE_LOCK") == 0;
+  return waits;
+}
+
+bool is_writable(const OpenRecord& open) { return (open.mode & 3) != ISINPUT; }
+
+// A transaction may have to undo changes made through the open.
+bool outlives_its_close(const OpenRecord& open) {
+  return txlog::transaction_is_open() && is_writable(open) &&
+         (open.mode & (ISTRANS | ISNOLOG)) == ISTRANS && (open.flags & kKept) == 0;
+}
+
+}  // namespace
+
+int close_open(OpenRecord& open) {
+  static_cast<void>((open.flags & kLogged) != 0 ? txlog::logclose(open) : txlog::settle_owed());
+  if ((open.flags & kHoldsSemaphore) == 0 && filep->exclusives == 0) {
+    lksemaphore(Semaphore::kExclusive);
+  }
+  // Everything is on disk before the locks go. Of an exclusive open much may still be in the pool.
+  const bool ends = (open.mode & ISEXCLLOCK) != 0 && filep->exclusives == 1;
+  const int result = ends ? end_exclusive() : write_delayed();
+  const KeepError keep;
+  lkfile(false);
+  lkopenlock(0);
+  return result;
+}
+
+namespace {
+
+int close_entered(OpenRecord& open) {
+  if (outlives_its_close(open)) {
+    open.flags |= kKept;
+    txlog::settle_owed();
+    write_delayed();  // the process may end before the transaction
+    return isexit();
+  }
+  close_open(open);
+  const int result = isexit();
+  release_semaphore();
+  const KeepError keep;
+  freeopen(open);
+  openp = nullptr;
+  return result;
+}
+
+// What cannot be entered any more is closed all the same; the error stays.
+int close_unentered(OpenRecord& open) {
+  const KeepError keep;
+  make_current(open);
+  if (filep->exclusives == 0) {
+    filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+  }
+  close_open(open);
+  release_semaphore();
+  freeopen(open);
+  openp = nullptr;
+  return -1;
+}
+
+}  // namespace
+
+int close_in_use(OpenRecord& open) {
+  FirstFailure failure;
+  if (txlog::owes_storage(open) && !outlives_its_close(open)) failure.note(txlog::free_owed(open));
+  const bool shared = bfpend(*open.file) == 0 && !close_waits();
+  const int entered = isenter(isfd_of(open), kAnyLocale | kKeptToo | (shared ? kShared : kToLook));
+  failure.note(entered == 0 ? close_entered(open) : close_unentered(open));
+  return failure.tell();
+}
+
+void close_kept_beside(int isfd) {
+  know_process();
+  const OpenRecord* const alone = open_of(isfd);
+  if (alone == nullptr || (alone->flags & kKept) != 0 || (alone->mode & ISEXCLLOCK) == 0) return;
+  for (int other = 0; other < nopens; ++other) {
+    OpenRecord* const open = open_of(other);
+    if (open == nullptr || open->file != alone->file) continue;
+    if ((open->flags & (kKept | kUndoable)) == kKept) close_in_use(*open);
+  }
+}
+
+}  // namespace isam

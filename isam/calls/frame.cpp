@@ -1,0 +1,332 @@
+#include "isam/calls/frame.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "isam/base/errors.h"
+#include "isam/calls/filelocale.h"
+#include "isam/calls/process.h"
+#include "isam/files/dictionary.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/log/logfile.h"
+#include "isam/log/logwriter.h"
+#include "isam/pool/buffers.h"
+#include "isam/pool/extent.h"
+#include "isam/pool/mark.h"
+#include "isam/tree/btree.h"
+
+namespace isam {
+
+int batchflag = 0;
+
+namespace {
+
+constexpr int kBatchCalls = 7;
+// An exclusive open's dictionary may lag behind by this many calls, as its pages do.
+constexpr int kCallsUnwritten = 16;
+std::uint64_t use_counter = 1;  // of a file that has not been used it is 0
+
+int refuse(OpenRecord* open) {
+  if (open != nullptr) isstat2 = '4';
+  return failed(kNotOpen);
+}
+
+// In batch mode another open may still have its file held up.
+void end_other_batch(const OpenRecord& open) {
+  if (batchflag == 0 || openp == nullptr || openp == &open) return;
+  if ((openp->flags & kHoldsSemaphore) != 0) {
+    lksemaphore(Semaphore::kRelease);
+    batchflag = 1;
+  }
+}
+
+// An exclusive open's page could not be written since the last call.
+int tell_failed_write(int entry) {
+  if ((entry & (kKeptToo | kGoesOn)) != 0) return 0;
+  const FailedWrite failure = std::exchange(filep->failed_write, {});
+  iserrno = failure.error;
+  iserrio = failure.place;
+  return -1;
+}
+
+int take_file(int entry) {
+  if (filep->exclusives > 0) {
+    return filep->failed_write.error == 0 ? 0 : tell_failed_write(entry);
+  }
+  if ((openp->flags & kHoldsSemaphore) != 0) return 0;
+  const bool shared = (entry & kShared) != 0 && batchflag == 0;
+  if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  return dictread();
+}
+
+// What the file is like before the call: what a failure goes back to, and what lengthens it.
+void note_beginning() {
+  filep->nodes_before = dictp->d_nextnode();
+  filep->numbers_before = dictp->d_nextdata();
+  filep->free_list_before = dictp->d_freedata();
+  filep->free_nodes_before = dictp->d_freenode();
+  filep->gives_number = filep->spilled = filep->keeps_changes = false;
+}
+
+void notice_changes() {
+  const std::uint32_t stamp = dictp->d_modcount();
+  if (stamp != openp->stamp) {
+    openp->stamp = stamp;
+    openp->position.depth = -1;
+  }
+  if (stamp != filep->stamp) {
+    filep->stamp = stamp;
+    bfignor(*filep);
+  }
+}
+
+int open_data() {
+  if (filep->datfd < 0 && reopen_data(*filep) != 0) {
+    if (iserrno == ENOENT) {
+      isstat3 = '3';
+      isstat4 = '5';
+    }
+    return -1;
+  }
+  if (filep->lastuse != use_counter) filep->lastuse = ++use_counter;
+  return 0;
+}
+
+int release_automatic_lock(int entry) {
+  if ((openp->mode & ISAUTOLOCK) == 0 || (entry & kKeepAutoLock) != 0) return 0;
+  return release_locks();
+}
+
+int enter(OpenRecord* open, int entry) {
+  if (open == nullptr || ((open->flags & kKept) != 0 && (entry & kKeptToo) == 0)) {
+    return refuse(nullptr);
+  }
+  end_other_batch(*open);
+  make_current(*open);
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+  const int access = open->mode + 1;
+  const int needed = entry & (kToRead | kToWrite);
+  if ((access & needed) != needed) return refuse(open);
+  if (take_file(entry) != 0) return -1;
+  note_beginning();
+  notice_changes();
+  openp->position.state = static_cast<std::uint16_t>(openp->position.state & ~kSameKeyNearby);
+  bt = openp->position;
+  if ((entry & kAnyLocale) == 0 && check_locale() != 0) return -1;
+  return open_data() != 0 ? -1 : release_automatic_lock(entry);
+}
+
+// The changes of this call could not be written. Nothing that was read before is trusted.
+void forget_call() {
+  const KeepError keep;
+  bt.depth = -1;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  if (dictread() == 0) filep->stamp = openp->stamp = dictp->d_modcount();
+}
+
+void write_mark() {
+  const KeepError keep;
+  if (set_mark(*filep) != 0) bfnote_failure(*filep);
+}
+
+// What an exclusive open changes may wait. A write that fails is told by the next call.
+void write_some() {
+  if ((filep->flags & kDictionaryChanged) == 0) return;
+  if (is_missing(filep->mark)) write_mark();
+  bfsettle();
+  if (++filep->calls_unwritten < kCallsUnwritten) return;
+  const KeepError keep;
+  if (dictwrite() != 0) bfnote_failure(*filep);
+}
+
+// Whether what is changed may wait: no other process has the file, through this open or another.
+bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->exclusives > 0; }
+
+// A call that failed has undone its changes in the pool; where that is all there is of them, the
+// file need not hear of it.
+bool take_back() {
+  const bool wanted = iserrno != 0 && !filep->keeps_changes && !is_alone();
+  if (!wanted || bfdiscard(*filep) != 0) return false;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+  forget_call();
+  return true;
+}
+
+// The list of free nodes without heads that are written after the records that used them.
+std::int32_t free_nodes_written() {
+  const KeepError keep;
+  std::int32_t head = dictp->d_freenode();
+  for (std::int32_t left = dictp->d_nextnode(); head != 0 && left > 0; --left) {
+    const PageHold page = bfread(head);
+    if (!page) return 0;
+    if (!page.is_given_up()) break;
+    head = common::ldlong(page.data() + kLinkOffset);
+  }
+  return head;
+}
+
+// The dictionary in the middle of a commit. What the call gives back is still in use: as long as an
+// index or a record may refer to it, nobody else gets it.
+Dictionary with_given_in_use() {
+  Dictionary early = *dictp;
+  if (filep->gives_number) {
+    early.set_d_nextdata(filep->numbers_before);
+    early.set_d_freedata(filep->free_list_before);
+  }
+  if (filep->varlen && dictp->d_freenode() != filep->free_nodes_before) {
+    early.set_d_freenode(free_nodes_written());
+  }
+  return early;
+}
+
+// All that a call changed, while others wait: 0 or -1.
+int commit() {
+  if (bfcommit(*filep, with_given_in_use(), *dictp) != 0) return -1;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  return 0;
+}
+
+// A record that the call put on a list of its transaction is as it was.
+void unlist() {
+  if (openp->listed != nullptr) std::exchange(openp->listed, nullptr)->pop_back();
+}
+
+void write_changes() {
+  if ((filep->flags & (kPageChanged | kDictionaryChanged)) == 0) return;
+  if (take_back()) return unlist();
+  const bool changed = (filep->flags & kPageChanged) != 0;
+  if (changed) {
+    filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+    openp->stamp = ++filep->stamp;
+    dictp->set_d_modcount(filep->stamp);
+    dictmodify();
+  }
+  if (is_alone()) {
+    write_some();
+  } else if ((changed ? commit() : dictwrite()) != 0) {
+    forget_call();
+    unlist();
+  }
+  openp->listed = nullptr;
+}
+
+// What the call has logged is withdrawn when the change was not made.
+void settle_logged(bool undone) {
+  const bool made = !undone && (iserrno == 0 || is_alone());
+  txlog::logstate.change_logged = false;
+  if (!made) txlog::withdraw_change();
+}
+
+// The last two characters stay as a call has set them.
+void set_unless_set(char third, char fourth) {
+  if (isstat3 != '0') return;
+  isstat3 = third;
+  isstat4 = fourth;
+}
+
+void set_status_characters() {
+  const auto set_first = [](char first, char second) {
+    isstat1 = first;
+    isstat2 = second;
+  };
+  switch (iserrno) {
+    case 0:
+      return (bt.state & kSameKeyNearby) != 0 ? set_status("0202") : set_status("0000");
+    case kDuplicate:
+      return set_status("2222");
+    case kEndOfFile:
+      set_first('1', '0');
+      return set_unless_set('1', '0');
+    case kNoRecord:
+      return set_status("2323");
+    case kNoCurrent:
+      set_first('2', '1');
+      return set_unless_set('4', '3');
+    default:
+      set_first('9', '0');
+      return set_unless_set('9', '0');
+  }
+}
+
+}  // namespace
+
+int isenter(int isfd, int entry) {
+  know_process();
+  clear_errors();
+  set_status("0000");
+  if (enter(open_of(isfd), entry) == 0) return 0;
+  if (openp != nullptr && openp == open_of(isfd)) release_semaphore();
+  isstat1 = '9';
+  if (isstat3 == '0') isstat3 = '9';
+  return -1;
+}
+
+int reread_dictionary(int entry) {
+  if (dictread() != 0) return -1;
+  note_beginning();
+  notice_changes();
+  return (entry & kAnyLocale) != 0 ? 0 : check_locale();
+}
+
+int write_delayed() {
+  const std::int32_t before = iserrno;
+  bfflush(*filep);
+  if ((filep->flags & kDictionaryChanged) != 0 && dictwrite() != 0) bfnote_failure(*filep);
+  const FailedWrite last = std::exchange(filep->failed_write, {});
+  const FailedWrite& lost = filep->lost_write.error != 0 ? filep->lost_write : last;
+  if (lost.error != 0 && before == 0) {
+    iserrno = lost.error;
+    iserrio = lost.place;
+  }
+  return lost.error != 0 ? -1 : 0;
+}
+
+int settle_exclusive() {
+  if (write_delayed() != 0) return -1;
+  cut_unused_room();
+  return clear_mark(*filep);
+}
+
+void forget_exclusive() {
+  filep->failed_write = filep->lost_write = {};
+  filep->pages_lost = false;
+  filep->mark = MarkState::kUnknown;
+  filep->mark_process = 0;
+  forget_extent();
+}
+
+int write_handed_out() {
+  const std::uint16_t flags = filep->flags;
+  dictmodify();
+  if (!is_alone() || dictwrite() == 0) return 0;
+  filep->flags = flags;
+  return -1;
+}
+
+int isexit() {
+  const bool undone = iserrno != 0;
+  write_changes();
+  if (txlog::logstate.change_logged) settle_logged(undone);
+  if (iserrno != 0 && !undone) {
+    bt = openp->position;
+    bt.depth = -1;
+  }
+  openp->position = bt;
+  set_status_characters();
+  if (batchflag == 0 || ++batchflag >= kBatchCalls) {
+    release_semaphore();
+    if (batchflag != 0) batchflag = 1;
+  }
+  return iserrno == 0 ? 0 : -1;
+}
+
+void release_semaphore() {
+  if ((openp->flags & kHoldsSemaphore) == 0) return;
+  const KeepError keep;
+  lksemaphore(Semaphore::kRelease);
+}
+
+}  // namespace isam

@@ -1,0 +1,206 @@
+// isaddindex: isaddindex and isdelindex.
+#include <algorithm>
+#include <new>
+
+#include "isam/base/errors.h"
+#include "isam/calls/closing.h"
+#include "isam/calls/cursor.h"
+#include "isam/calls/filelocale.h"
+#include "isam/calls/frame.h"
+#include "isam/calls/opening.h"
+#include "isam/calls/traced.h"
+#include "isam/files/files.h"
+#include "isam/keys/keychain.h"
+#include "isam/keys/keytable.h"
+#include "isam/log/logfile.h"
+#include "isam/log/logwriter.h"
+#include "isam/pool/buffers.h"
+#include "isam/pool/extent.h"
+#include "isam/records/datafile.h"
+#include "isam/records/freelists.h"
+#include "isam/tree/btree.h"
+#include "isam/tree/indexload.h"
+#include "locale/collation.h"
+
+namespace isam {
+namespace {
+
+bool may_compress(const keydescr& key) {
+  return (key.flags & KF_COMPRESS & ~(dictp->d_compression() << 1)) == 0;
+}
+
+int gather(IndexLoad& load) {
+  const std::int32_t last = records_in_file();
+  const Bytes room = temprecord().first(static_cast<std::size_t>(filep->maxreclen));
+  for (std::int32_t number = 1; number <= last; ++number) {
+    if (dataread(number, room) < 0) {
+      if (iserrno != 0) return -1;
+    } else if (load.add(room.data(), number) != 0) {
+      return -1;
+    }
+  }
+  return 0;
+}
+
+// Fills a new index from the records: 0, or -1 with what is wrong with the first of them that does
+// not go into it.
+int fill_index(IndexLoad& load, const keydescr& key) {
+  try {
+    bool left_out = false;
+    const IndexLoad::Listener listener{[&](std::int32_t) { left_out = true; }, [](std::int64_t) {}};
+    const bool all_read = gather(load) == 0;
+    if (all_read) {
+      if (load.finish(key.rootnode, listener) != 0) return -1;
+    } else {
+      const KeepError keep;  // unless a key comes twice among the records before
+      static_cast<void>(load.finish(key.rootnode, listener));
+    }
+    if (left_out) return failed(kDuplicate);
+    if (load.met_equal()) bt.state |= kSameKeyNearby;
+    return all_read ? 0 : -1;
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+}
+
+int log_event(txlog::IndexEvent event, const keydescr& key) {
+  return txlog::logs_changes() ? txlog::islogidx(event, key) : 0;
+}
+
+// Whether the open transaction may have to bring back keys of the file.
+bool frees_keys() {
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    const OpenRecord* const open = open_of(isfd);
+    if (open != nullptr && open->file == filep && (open->flags & kFreesKeys) != 0) return true;
+  }
+  return false;
+}
+
+// Takes an index back that could not be filled, written or logged. The pair is as it was.
+void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
+               const FailedWrite& lost) {
+  const KeepError keep;
+  load.give_nodes_back();
+  freerec(key.rootnode, FreeList::kNodes);
+  kydelete(key);
+  bfdrop(*filep, dictp->d_nextnode() + 1);
+  cut_unused_room();
+  // What could not be written will be tried again.
+  filep->failed_write = {};
+  if (!filep->pages_lost) filep->lost_write = lost;
+  const bool same =
+      dictp->d_nextnode() == before.d_nextnode() && dictp->d_freenode() == before.d_freenode();
+  if (!same) return;
+  *dictp = before;
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+}
+
+int add_index(keydescr& key) {
+  if (kylegal(key, filep->reclen) != 0) return -1;
+  if (!may_compress(key)) return failed(kBadKey);
+  if (kynchar(key)) {
+    if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
+    key.flags = static_cast<std::int16_t>(key.flags & ~KF_COMPRESS);
+  }
+  if ((key.flags & KF_DUPS) == 0 && frees_keys()) return failed(kFileInUse);
+  const Dictionary before = *dictp;
+  const FailedWrite lost = filep->lost_write;
+  IndexLoad load{key};
+  if (kyadd(key) != 0) return failed_unless_set(kBadKey);
+  int result = fill_index(load, key);
+  if (result == 0 && kynchar(key) && !before.d_collate()) result = name_collation();
+  // It is written while it can still be taken back.
+  if (result == 0) result = write_delayed();
+  if (result == 0) result = log_event(txlog::IndexEvent::kAdded, key);
+  if (result == 0) return 0;
+  take_back(key, load, before, lost);
+  return -1;
+}
+
+// The index that `key` defines may go: 0, or -1 with 103, 109 or 113.
+int check_drop(keydescr& key) {
+  const int number = kysearch(key, 0);
+  if (number < 0) return failed_unless_set(kBadKey);
+  const auto* keys = file_keys();
+  if (keys == nullptr) return -1;
+  const bool any = (openp->mode & ISANYPRIMARY) != 0;
+  if (keys->size() == 1 || (number == 1 && !any)) return failed(kPrimaryIndex);
+  if (kycompare(key, openp->key) == 0 && !any) return failed(kBadKey);
+  return filep->usecount > 1 ? failed(kFileInUse) : 0;
+}
+
+int drop_index(keydescr& key) {
+  if (check_drop(key) != 0 || log_event(txlog::IndexEvent::kDropped, key) != 0 ||
+      kydelete(key) != 0) {
+    return -1;
+  }
+  // The index is gone, even where not all of its nodes can be freed.
+  txlog::logstate.change_logged = false;
+  const int freed = btrecover(key.rootnode, key);
+  const auto* keys = file_keys();
+  if (keys == nullptr || freed != 0) return -1;
+  if (kycompare(key, openp->key) == 0) {
+    openp->key = keys->front();
+    stand_before_first();
+  }
+  return 0;
+}
+
+// Whether any index left is in the order of a locale.
+bool needs_locale() {
+  const auto* keys = file_keys();
+  return keys == nullptr || std::ranges::any_of(*keys, kynchar);
+}
+
+// Enters an exclusive open to change its indexes; the position's path does not survive that.
+template <typename Change>
+int change_indexes(int isfd, keydescr* key, Change change) {
+  if (isenter(isfd, kToWrite) != 0) return -1;
+  if ((openp->mode & ISEXCLLOCK) == 0) {
+    failed(kNotExclusive);
+  } else if (key == nullptr) {
+    failed(kBadArgument);
+  } else {
+    change(*key);
+  }
+  bt.depth = -1;
+  return isexit();
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+static int add_call(int isfd, keydescr* key) {
+  return change_indexes(isfd, key, [](keydescr& k) {
+    try {
+      add_index(k);
+    } catch (const std::bad_alloc&) {
+      failed(kNoMemory);  // before anything was changed
+    }
+    const std::uint16_t nearby = bt.state & kSameKeyNearby;
+    bt = openp->position;
+    bt.state |= nearby;
+  });
+}
+
+extern "C" int isaddindex(int isfd, struct keydescr* key) {
+  return traced("isaddindex", isfd, reinterpret_cast<const char*>(key), Carries::kDescription,
+                [=] { return add_call(isfd, key); });
+}
+
+static int drop_call(int isfd, keydescr* key) {
+  close_kept_beside(isfd);
+  const int result = change_indexes(isfd, key, drop_index);
+  if (result == 0 && kynchar(*key) && !needs_locale()) {
+    dictp->set_d_collate(false);
+    dictmodify();
+  }
+  return result;
+}
+
+extern "C" int isdelindex(int isfd, struct keydescr* key) {
+  return traced("isdelindex", isfd, reinterpret_cast<const char*>(key), Carries::kDescription,
+                [=] { return drop_call(isfd, key); });
+}

@@ -1,0 +1,316 @@
+#include <algorithm>
+#include <utility>
+
+#include "environment/settings.h"
+#include "isam/base/errors.h"
+#include "isam/calls/apply.h"
+#include "isam/calls/closing.h"
+#include "isam/calls/frame.h"
+#include "isam/calls/opening.h"
+#include "isam/calls/process.h"
+#include "isam/calls/traced.h"
+#include "isam/calls/transactions.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/log/logfile.h"
+#include "isam/log/logwriter.h"
+#include "isam/pool/pool.h"
+#include "isam/records/datafile.h"
+#include "isam/records/freelists.h"
+
+namespace isam::txlog {
+namespace {
+
+// Calls `work` with each open in use.
+template <typename Work>
+void for_each_open(Work work) {
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    if (OpenRecord* const open = open_of(isfd)) work(*open);
+  }
+}
+
+bool commits_wait_for_disk() {
+  static const bool wait = environment::leading_number("ISAM_LOG_SYNC") != 0;
+  return wait;
+}
+
+// Logs that the transaction ends, which opens close with it, and what is owed: 0, or -1 with 121.
+int mark_end(LogType mark) {
+  int result = 0;
+  for_each_open([&](OpenRecord& open) {
+    constexpr int kClosing = kKept | kLogged;
+    if (result == 0 && (open.flags & kClosing) == kClosing) result = logclose(open);
+  });
+  if (result != 0) return -1;
+  const bool marks = logstate.begin == Begin::kWritten;
+  if ((marks ? log_end(mark) : settle_owed()) != 0) return -1;
+  logstate.begin = Begin::kNone;
+  return 0;
+}
+
+// How far freeing has come in the lists of an open.
+struct Freed {
+  std::size_t deleted = 0;
+  std::size_t shortened = 0;
+  bool in_part = false;  // the storage of the next one
+};
+
+// How many records are freed at once: what they change, at most, has room in the pool until the
+// file is written, for only then can it be taken back.
+std::size_t most_at_once() {
+  constexpr std::size_t kBesides = 4;  // pages: of the record, of free lists
+  const auto pages = static_cast<std::size_t>(filep->maxreclen / filep->idxsize);
+  return kMostAdded * 3 / 4 / (pages + kBesides);
+}
+
+// Frees some of what an open owes, up to the first failure, which iserrno tells.
+Freed free_records(const OpenRecord& open) {
+  Freed freed;
+  const std::size_t most = most_at_once();
+  const std::size_t deleted = std::min(open.deleted.size(), most);
+  for (; freed.deleted < deleted; ++freed.deleted) {
+    const std::int32_t number = open.deleted[freed.deleted];
+    freed.in_part = datatrunc(number) != 0;
+    if (freed.in_part || freerec(number, FreeList::kRecords) != 0) return freed;
+  }
+  const std::size_t shortened = std::min(open.shortened.size(), most - deleted);
+  for (; freed.shortened < shortened; ++freed.shortened) {
+    freed.in_part = datatrunc(open.shortened[freed.shortened]) != 0;
+    if (freed.in_part) return freed;
+  }
+  clear_errors();
+  return freed;
+}
+
+void strike_off(std::vector<std::int32_t>& list, std::size_t first, std::size_t count) {
+  const auto begin = list.begin() + static_cast<std::ptrdiff_t>(first);
+  list.erase(begin, begin + static_cast<std::ptrdiff_t>(count));
+}
+
+void strike_off_next(OpenRecord& open, const Freed& freed) {
+  const bool deleted = freed.deleted < open.deleted.size();
+  strike_off(deleted ? open.deleted : open.shortened, deleted ? freed.deleted : freed.shortened, 1);
+}
+
+// Of what a failed call has freed after all, nothing is freed again.
+int check_numbers(OpenRecord& open) {
+  if (!open.frees_again) return 0;
+  if (drop_returned(open.deleted) == 0) {
+    open.frees_again = false;
+    return 0;
+  }
+  if (iserrno == kCorrupted) open.deleted.clear();
+  return -1;
+}
+
+int free_entered(OpenRecord& open) {
+  if (check_numbers(open) != 0) {
+    isexit();
+    return -1;
+  }
+  const Freed freed = free_records(open);
+  const bool failed = iserrno != 0;
+  const bool damaged = iserrno == kCorrupted;  // and stays so
+  const bool changes_stay = filep->exclusives > 0 || filep->spilled;
+  const int result = isexit();
+  if (failed && (damaged || (changes_stay && freed.in_part))) strike_off_next(open, freed);
+  if (result == 0 || (failed && changes_stay)) {
+    strike_off(open.deleted, 0, freed.deleted);
+    strike_off(open.shortened, 0, freed.shortened);
+  }
+  return result;
+}
+
+// Twice when the file cannot be written; what is damaged is told all the same.
+int free_owed_or_retry(OpenRecord& open) {
+  FirstFailure failure;
+  int result = free_owed(open);
+  if (result != 0 && iserrno == kCorrupted) failure.note(result);
+  if (result != 0 && owes_storage(open)) result = free_owed(open);
+  failure.note(result);
+  return failure.tell();
+}
+
+// What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
+int settle(OpenRecord& open, bool commits) {
+  isbatch(2);  // what another open holds in batch mode goes before this one becomes current
+  open.flags = static_cast<std::uint16_t>(open.flags & ~(kUndoable | kFreesKeys));
+  open.file->keeps_locks = false;
+  if (commits) {
+    open.committed = open.deleted.size();
+  } else {
+    open.deleted.resize(open.committed);
+  }
+  FirstFailure failure;
+  if (owes_storage(open)) failure.note(free_owed_or_retry(open));
+  const bool kept = (open.flags & kKept) != 0;
+  if (!kept && ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0)) return 0;
+  make_current(open);
+  const int released = settle_locks();
+  failure.note(kept && !owes_storage(open) ? close_in_use(open) : released);
+  return failure.tell();
+}
+
+// Ends the transaction, whose mark is in the log.
+int settle_all(bool commits) {
+  FirstFailure failure;
+  for_each_open([&](OpenRecord& open) { failure.note(settle(open, commits)); });
+  return failure.tell();
+}
+
+// A record that was added is gone: it is nobody's current record any more, whoever gets its number.
+void leave_record(const FileRecord& file, std::int32_t number) {
+  int left = file.usecount;
+  for (int isfd = 0; isfd < nopens && left > 0; ++isfd) {
+    OpenRecord* const open = open_of(isfd);
+    if (open == nullptr || open->file != &file) continue;
+    --left;
+    Position& position = open->position;
+    const bool stands = (position.state & kHasCurrent) != 0 && position.ends == kOnItem;
+    if (stands && position.item.recptr == number) position.state |= kCurrentDeleted;
+  }
+}
+
+int undo_insert(const Image& image) {
+  const OpenRecord* const open = open_of(image.open);
+  if (lgdelete(image.open, image.number, nullptr, image.new_image) != 0) return -1;
+  leave_record(*open->file, image.number);
+  return 0;
+}
+
+int undo(const LogRecord& logged) {
+  const std::optional<Image> image = logged.image();
+  if (!image) return failed(kBadLogRecord);
+  switch (logged.type()) {
+    case LogType::kDelete:
+      return lginsert(image->open, image->number, image->old_image, How::kUndo);
+    case LogType::kInsert:
+      return undo_insert(*image);
+    default:
+      return lgupdate(image->open, image->number, image->old_image, image->new_image);
+  }
+}
+
+// Undoes this process's changes from the newest back to the begin mark: 0, or -1 with iserrno.
+int undo_all() {
+  LogWindow window{logstate.fd};
+  Link at = logstate.last;
+  for (;;) {
+    const LogRecord logged = window.isgetprev(at.offset, at.length);
+    if (logged.bytes().empty()) return failed_unless_set(kLogRead);
+    const Link previous = logged.previous();
+    const bool own = logged.length() == at.length && logged.process() == logstate.process &&
+                     previous.offset < at.offset;
+    if (!own) return failed(kBadLogRecord);
+    switch (logged.type()) {
+      case LogType::kBegin:
+        return 0;
+      case LogType::kDelete:
+      case LogType::kInsert:
+      case LogType::kUpdate:
+        if (undo(logged) != 0) return -1;
+        break;
+      case LogType::kOpened:
+        break;
+      default:
+        return failed_unless_set(kBadLogRecord);
+    }
+    at = previous;
+  }
+}
+
+int roll_back() {
+  FirstFailure failure;
+  if (logstate.begin == Begin::kWritten) {
+    logstate.in_rollback = true;
+    txflag = kNotLogging;
+    failure.note(undo_all());
+    logstate.in_rollback = false;
+  }
+  txflag = kLogging;
+  const int marked = mark_end(LogType::kRollback);
+  failure.note(marked);
+  if (marked != 0 && logstate.begin == Begin::kWritten) logstate.owes_rollback = true;
+  logstate.begin = Begin::kNone;
+  failure.note(settle_all(false));
+  return failure.tell();
+}
+
+int commit() {
+  if (mark_end(LogType::kCommit) != 0) return -1;
+  txflag = kLogging;
+  FirstFailure failure;
+  if (commits_wait_for_disk()) failure.note(sync_log());
+  failure.note(settle_all(true));
+  return failure.tell();
+}
+
+// Starts a call: 0, or -1 with 122.
+int start_call() {
+  know_process();
+  clear_errors();
+  set_status("0000");
+  if (txflag != kNotLogging) return 0;
+  isstat1 = '9';
+  return failed(kNoLog);
+}
+
+// Ends the transaction by `how`.
+template <typename How>
+int end_transaction(How how) {
+  if (start_call() != 0) return -1;
+  if (txflag == kLogging) {
+    isstat1 = '9';
+    return failed(kNoBegin);
+  }
+  isbatch(2);
+  const int result = how();
+  isbatch(2);
+  if (result == 0) {
+    set_status("0000");
+  } else {
+    set_status("9090");
+  }
+  return result;
+}
+
+}  // namespace
+
+int free_owed(OpenRecord& open) {
+  open.deleted.resize(open.committed);
+  int result = 0;
+  while (result == 0 && owes_storage(open)) {
+    if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
+    result = free_entered(open);
+    open.committed = open.deleted.size();
+    isbatch(2);
+  }
+  if (result != 0) open.frees_again = true;
+  return result;
+}
+
+}  // namespace isam::txlog
+
+using namespace isam;
+using namespace isam::txlog;
+
+namespace {
+
+int begin_call() {
+  if (start_call() != 0) return -1;
+  txflag = kInTransaction;
+  if (logstate.begin == Begin::kNone) logstate.begin = Begin::kPending;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" int isbegin(void) { return traced("isbegin", kNoNumber, begin_call); }
+
+extern "C" int iscommit(void) {
+  return traced("iscommit", kNoNumber, [] { return end_transaction(commit); });
+}
+
+extern "C" int isrollback(void) {
+  return traced("isrollback", kNoNumber, [] { return end_transaction(roll_back); });
+}

@@ -1,0 +1,19 @@
+// iserrno: the texts of codes, and the library's version.
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "isam.h"
+#include "isam/base/errors.h"
+#include "isam/calls/version.h"
+
+extern "C" const char* iserrtext(std::int32_t code) {
+  const std::string_view text = isam::is_errlist(code);
+  if (!text.empty()) return text.data();
+  return code > 0 && code < 100 ? std::strerror(code) : "unknown error code";
+}
+
+const char* isversion() {
+  static const std::string text = std::string("Zentra-ISAM ") + isam::kVersionNumber;
+  return text.c_str();
+}

@@ -1,0 +1,27 @@
+// isflush: when other processes see what this one has changed.
+#include "isam/calls/frame.h"
+#include "isam/calls/process.h"
+#include "isam/calls/traced.h"
+
+using namespace isam;
+
+static int flush_call(int isfd) {
+  if (isenter(isfd, kToRead | kGoesOn) != 0) return -1;
+  if (filep->exclusives > 0) {
+    settle_exclusive();
+  } else {
+    write_delayed();
+  }
+  return isexit();
+}
+
+extern "C" int isflush(int isfd) {
+  return traced("isflush", isfd, [=] { return flush_call(isfd); });
+}
+
+extern "C" int isbatch(int n) {
+  know_process();
+  if (n == 0 || n == 1) batchflag = n;
+  if (openp != nullptr && openp->file != nullptr) release_semaphore();
+  return 0;
+}

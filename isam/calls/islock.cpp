@@ -1,0 +1,70 @@
+// islock: locks of whole files, and the release of all locks of an open.
+#include "isam/base/errors.h"
+#include "isam/calls/frame.h"
+#include "isam/calls/traced.h"
+#include "isam/files/locks.h"
+
+namespace isam {
+namespace {
+
+bool is_exclusive() { return (openp->mode & ISEXCLLOCK) != 0; }
+bool is_manual() { return (openp->mode & ISMANULOCK) != 0; }
+
+int lock_or_unlock(bool take) {
+  if (is_exclusive()) return 0;
+  if (!is_manual()) return failed(kNotManualLock);
+  return take ? lkfile(true) : release_locks();
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+static int lock_call(int isfd) {
+  if (isenter(isfd, kToLook) != 0) return -1;
+  lock_or_unlock(true);
+  return isexit();
+}
+
+extern "C" int islock(int isfd) {
+  return traced("islock", isfd, [=] { return lock_call(isfd); });
+}
+
+static int unlock_call(int isfd) {
+  if (isenter(isfd, kToLook | kShared) != 0) return -1;
+  lock_or_unlock(false);
+  return isexit();
+}
+
+extern "C" int isunlock(int isfd) {
+  return traced("isunlock", isfd, [=] { return unlock_call(isfd); });
+}
+
+extern "C" int isfilelocked(int isfd, int how) {
+  if (isenter(isfd, kToLook | kShared) != 0) return -1;
+  bool locked = false;
+  if (how == 0) {
+    locked = lkrecord(kLastLockedRecord, RecordLock::kTest) != 0;
+  } else {
+    // Waiting with the semaphore held would keep the other process from ever unlocking.
+    isexit();
+    release_semaphore();
+    locked = lkrecord(kLastLockedRecord, RecordLock::kWait) != 0;
+    if (!locked) lkrecord(kLastLockedRecord, RecordLock::kRelease);
+    set_status("0000");
+  }
+  clear_errors();
+  if (how == 0) isexit();
+  return locked ? 1 : 0;
+}
+
+static int release_call(int isfd) {
+  if (isenter(isfd, kToLook | kShared) != 0) return -1;
+  release_locks();
+  return isexit();
+}
+
+extern "C" int isrelease(int isfd) {
+  return traced("isrelease", isfd, [=] { return release_call(isfd); });
+}

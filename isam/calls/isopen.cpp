@@ -1,0 +1,353 @@
+// isopen: isopen, isclose and iscleanup; what opens leave behind.
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "common/io.h"
+#include "environment/settings.h"
+#include "isam/base/errors.h"
+#include "isam/calls/closing.h"
+#include "isam/calls/cursor.h"
+#include "isam/calls/frame.h"
+#include "isam/calls/opening.h"
+#include "isam/calls/process.h"
+#include "isam/calls/traced.h"
+#include "isam/calls/transactions.h"
+#include "isam/files/dictionary.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/keys/keytable.h"
+#include "isam/log/logfile.h"
+#include "isam/log/logwriter.h"
+#include "isam/pool/buffers.h"
+#include "isam/pool/mark.h"
+#include "isam/tree/btree.h"
+
+namespace isam {
+
+bool issingleuser = false;
+bool opens_marked = false;
+
+int lock_mode_of(int mode) {
+  switch (mode & 0xFF00) {
+    case ISAUTOLOCK:
+    case 0x300:
+      return ISAUTOLOCK;
+    case ISMANULOCK:
+      return ISMANULOCK;
+    case ISEXCLLOCK:
+    case 0x500:
+      return ISEXCLLOCK;
+    default:
+      return 0;
+  }
+}
+
+void advise_random(const FileRecord& file) {
+  // Without this, small writes into pages that were read far ahead cost many times as much.
+  ::posix_fadvise(file.idxfd, 0, 0, POSIX_FADV_RANDOM);
+  ::posix_fadvise(file.datfd, 0, 0, POSIX_FADV_RANDOM);
+}
+
+int adopt_dictionary() {
+  FileRecord& file = *filep;
+  const int reclen = dictp->d_recsize();
+  const bool varlen = dictp->d_maxrecsize() != 0;
+  const int maxreclen = varlen ? dictp->d_maxrecsize() : reclen;
+  const bool same = file.reclen == reclen && file.varlen == varlen && file.maxreclen == maxreclen &&
+                    file.idxsize == dictp->d_idxsize() && file.dupsize == dictp->d_dupsize();
+  if (same) return 0;
+  if (file.usecount > 1) return failed(kCorrupted);
+  // An idle pair may have pages of other sizes in the pool.
+  if (file.reclen != 0) bfignor(file);
+  file.greatest_node = file.greatest_record = 0;
+  file.reclen = reclen;
+  file.varlen = varlen;
+  file.maxreclen = maxreclen;
+  file.idxsize = dictp->d_idxsize();
+  file.dupsize = dictp->d_dupsize();
+  return 0;
+}
+
+int abandon_open(OpenRecord& open) {
+  {
+    const KeepError keep;
+    if (openp == &open && open.file != nullptr) {
+      if ((open.mode & 0xFF00) != 0) lkopenlock(0);
+      release_semaphore();
+    }
+    freeopen(open);
+    if (openp == &open) openp = nullptr;
+  }
+  isstat1 = '9';
+  isstat2 = '0';
+  if (isstat3 == '0') isstat3 = '9';
+  return -1;
+}
+
+namespace {
+
+int refuse_mode(char last) {
+  isstat3 = '3';
+  isstat4 = last;
+  return failed(kBadArgument);
+}
+
+// Whether the mode asks for something that there is: 0, or -1 with 102. What it says of logging
+// comes first, then the name, then the rest.
+int check_logging(int mode) {
+  const int logging = mode & (ISTRANS | ISNOLOG);
+  const bool bad = txflag == kNotLogging ? logging != 0 : logging == (ISTRANS | ISNOLOG);
+  return bad ? refuse_mode('7') : 0;
+}
+
+int check_access(int mode) {
+  return (mode & 3) == 3 || lock_mode_of(mode) == 0 ? refuse_mode('7') : 0;
+}
+
+void tell_system_error() {
+  if (iserrno != ENOENT && iserrno != EACCES) return;
+  isstat3 = '3';
+  isstat4 = iserrno == ENOENT ? '5' : '7';
+}
+
+int refuse_dictionary() { return failed(dictp->d_idxsize() % 2 == 0 ? kFormatChange : kCorrupted); }
+
+// Tests of the dictionary that only an open makes. The file record follows it.
+int validate() {
+  const bool lengths_agree = filep->reclen > 0 && filep->maxreclen >= filep->reclen;
+  const bool sound = dictp->d_idxsize() < kMaxStoredNodeSize && lengths_agree &&
+                     (dictp->d_dupsize() == 2 || dictp->d_dupsize() == 4);
+  if (!sound) return refuse_dictionary();
+  const auto* keys = file_keys();
+  if (keys == nullptr) return iserrno == kCorrupted ? refuse_dictionary() : -1;
+  return keys->empty() ? refuse_dictionary() : 0;
+}
+
+// A method of before, or one that RESETLOCK lets pass, becomes the current one.
+int settle_lock_method() {
+  const int method = dictp->d_lockmethod();
+  if (method == kLockMethod) return 0;
+  const bool known = method == 0 || method == 3 || method == 4 || method == 5 || method == 7;
+  if (!known) return failed(method < kLockMethod ? kFormatChange : kCorrupted);
+  if (filep->exclusives == 0) {
+    lksemaphore(Semaphore::kRelease);
+    if (lksemaphore(Semaphore::kExclusive) != 0 || dictread() != 0) return -1;
+  }
+  dictp->set_d_lockmethod(kLockMethod);
+  return write_handed_out();
+}
+
+int check_record_format(int mode) {
+  if ((mode & ISANYLENGTH) != 0) return 0;
+  return ((mode & ISVARLEN) != 0) == filep->varlen ? 0 : refuse_mode('9');
+}
+
+bool leads_to(const std::string& path, dev_t device, ino_t inode) {
+  struct stat status {};
+  return common::system_calls().stat(path.c_str(), &status) == 0 && status.st_dev == device &&
+         status.st_ino == inode;
+}
+
+// Whether the name, relative to the folder of the moment, still leads to the pair.
+bool is_pair_of(const FileRecord& file, const char* name) {
+  return leads_to(mkidxname(name), file.device, file.inode) &&
+         leads_to(mkdatname(name), file.data_device, file.data_inode);
+}
+
+bool is_there(const std::string& path) {
+  struct stat status {};
+  return common::system_calls().stat(path.c_str(), &status) == 0;
+}
+
+// Whether a pair has the name although it could not be opened: it is being replaced.
+bool was_replaced(const char* name) {
+  return iserrno == ENOENT && is_there(mkidxname(name)) && is_there(mkdatname(name));
+}
+
+// Until the open lock was had, an exclusive open of another process may have been there, which
+// writes its dictionary when it closes, and may have given the name to another pair, or to none: 0,
+// or -1 (with ENOENT then, and the pair is not kept at hand).
+int look_again(const char* name, int entry) {
+  if (filep->usecount > 1) return 0;
+  if (is_pair_of(*filep, name)) return reread_dictionary(entry);
+  filep->flags |= kNotShared;
+  failed_system(ENOENT);
+  if (is_there(mkidxname(name)) && !is_there(mkdatname(name))) {
+    failed_system(ENOENT, Operation::kOpen, FileKind::kData);
+  }
+  tell_system_error();
+  return -1;
+}
+
+// A pair whose last exclusive open was not closed well is not opened: 0, or -1 with 105.
+int look_for_mark() {
+  forget_exclusive();
+  const int found = find_mark(*filep);
+  return found > 0 && !opens_marked ? failed(kCorrupted) : std::min(found, 0);
+}
+
+int set_up(OpenRecord& open, const char* name, int mode) {
+  const int entry = (mode + 1) | kShared | kGoesOn;  // no call is refused that opens
+  if (isenter(isfd_of(open), entry) != 0) {
+    // The index that a repair has put another one in the place of is no dictionary any more.
+    const bool replaced = iserrno == kCorrupted && filep != nullptr && !is_pair_of(*filep, name);
+    return replaced ? failed_system(ENOENT) : -1;
+  }
+  const int lock_mode = lock_mode_of(mode);
+  const bool was_shared = filep->exclusives == 0;
+  open.mode |= lock_mode;
+  if (lkopenlock(lock_mode) != 0) {
+    open.mode &= 0xFF;
+    return -1;
+  }
+  if (look_again(name, entry) != 0 || (was_shared && look_for_mark() != 0)) return -1;
+  if (adopt_dictionary() != 0) return -1;
+  if (settle_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
+  if (mktemprec(filep->maxreclen) != 0) return -1;
+  open.key = filep->keys.front();
+  stand_before_first();
+  isreclen = filep->maxreclen;
+  return isexit();
+}
+
+// An open that was closed in this transaction and serves again; null for none.
+OpenRecord* find_kept(const char* name, int mode) {
+  const int wanted = (mode & 0xFF) | lock_mode_of(mode);
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    OpenRecord* const open = open_of(isfd);
+    if (open != nullptr && (open->flags & kKept) != 0 && open->mode == wanted &&
+        (open->file->flags & kNotShared) == 0 && open->file->name == name &&
+        is_pair_of(*open->file, name)) {
+      return open;
+    }
+  }
+  return nullptr;
+}
+
+int use_again(OpenRecord& open) {
+  const int isfd = isfd_of(open);
+  if (isenter(isfd, kToRead | kShared | kKeptToo) != 0) return -1;
+  const auto* keys = file_keys();
+  if (keys == nullptr || keys->empty()) {
+    failed_unless_set(kCorrupted);
+  } else {
+    open.key = keys->front();
+    stand_before_first();
+    isreclen = filep->maxreclen;
+    open.flags = static_cast<std::uint16_t>(open.flags & ~kKept);
+  }
+  return isexit() == 0 ? isfd : -1;
+}
+
+int open_anew(const char* name, int mode) {
+  clear_errors();
+  set_status("0000");
+  OpenRecord* open = allocopen();
+  if (open == nullptr) return -1;
+  open->mode = mode & 0xFF;
+  open->file = allocfile(name, mode & 0xFF);
+  if (open->file == nullptr) {
+    tell_system_error();
+    return abandon_open(*open);
+  }
+  if (open->file->usecount == 1) advise_random(*open->file);
+  return set_up(*open, name, mode) == 0 ? isfd_of(*open) : abandon_open(*open);
+}
+
+int open_pair(const char* name, int mode) {
+  constexpr int kTries = 3;  // while the pair is being replaced
+  if (issingleuser) mode = (mode & 0xFF) | ISEXCLLOCK;
+  if (check_logging(mode) != 0 || ckfilname(name) != 0 || check_access(mode) != 0) return -1;
+  isbatch(2);
+  clear_errors();
+  if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
+  int isfd = open_anew(name, mode);
+  for (int tries = 1; isfd < 0 && was_replaced(name) && tries < kTries; ++tries) {
+    isfd = open_anew(name, mode);
+  }
+  return isfd;
+}
+
+int open_call(const char* name, int mode) {
+  know_process();
+  clear_errors();
+  set_status("0000");
+  const int isfd = open_pair(name, mode);
+  if (isfd >= 0) return isfd;
+  isstat1 = '9';
+  isstat2 = '0';
+  if (isstat3 == '0') isstat3 = '9';
+  return -1;
+}
+
+int close_call(int isfd) {
+  know_process();
+  OpenRecord* const open = open_of(isfd);
+  if (open != nullptr && (open->flags & kKept) == 0) return close_in_use(*open);
+  isenter(isfd, kToLook);  // fails, and says why
+  forget_inherited(isfd);
+  isstat3 = '4';
+  isstat4 = '2';
+  return -1;
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isopen(const char* name, int mode) {
+  return traced("isopen", mode, name, Carries::kName, [=] { return open_call(name, mode); });
+}
+
+extern "C" int isclose(int isfd) {
+  return traced("isclose", isfd, [=] { return close_call(isfd); });
+}
+
+// Rolls an open transaction back, also one of a log that is suspended.
+static int end_transaction() {
+  if (!txlog::transaction_is_open()) return 0;
+  const bool suspended = txlog::logstate.is_suspended;
+  if (suspended) isresumlog();
+  const int result = isrollback();
+  if (suspended) issusplog();
+  return result;
+}
+
+extern "C" int iscleanup(void) {
+  know_process();
+  const std::int32_t error = iserrno;
+  const std::int32_t place = iserrio;
+  const char status[5] = {isstat1, isstat2, isstat3, isstat4, 0};
+  FirstFailure failure;
+  failure.note(end_transaction());
+  for (int isfd = 0; isfd < nopens; ++isfd) {
+    forget_inherited(isfd);
+    OpenRecord* const open = open_of(isfd);
+    if (open == nullptr) continue;
+    failure.note(traced("isclose", isfd, [=] { return close_in_use(*open); }));
+  }
+  close_idle_files();
+  if (failure.tell() != 0) {
+    set_status("9090");
+    return -1;
+  }
+  iserrno = error;
+  iserrio = place;
+  set_status(status);
+  return 0;
+}
+
+extern "C" int isvclose(int n) {
+  know_process();
+  ismaxfds = n < 0 ? 0 : n;
+  close_idle_files(ismaxfds);
+  return 0;
+}
+
+extern "C" int issetsu(int n) {
+  issingleuser = n != 0;
+  return 0;
+}

@@ -1,0 +1,226 @@
+// isread: isstart and isread.
+#include "isam/base/errors.h"
+#include "isam/base/walklimit.h"
+#include "isam/calls/cursor.h"
+#include "isam/calls/frame.h"
+#include "isam/calls/recordcalls.h"
+#include "isam/calls/traced.h"
+#include "isam/files/locks.h"
+#include "isam/keys/keychain.h"
+#include "isam/log/logfile.h"
+#include "isam/records/datafile.h"
+#include "isam/tree/btree.h"
+
+namespace isam {
+namespace {
+
+struct Request {
+  ReadMode mode;
+  bool lock;
+  bool skip;
+  bool wait;
+};
+
+// 0, or -1 with 102.
+int parse(int mode, Request& request) {
+  const int bits = mode & ~0xFF;
+  const int low = mode & 0xFF;
+  const bool both = (bits & RD_SKIPLOCK) != 0 && (bits & RD_WAIT) != 0;
+  const bool known = (bits & ~(RD_LOCK | RD_SKIPLOCK | RD_WAIT)) == 0;
+  if (low > RD_GTEQ || !known || both) return failed(kBadArgument);
+  request = {static_cast<ReadMode>(low), (bits & RD_LOCK) != 0 || (openp->mode & ISAUTOLOCK) != 0,
+             (bits & RD_SKIPLOCK) != 0, (bits & RD_WAIT) != 0};
+  return 0;
+}
+
+bool goes_back(ReadMode mode) { return mode == ReadMode::kPrevious || mode == ReadMode::kLast; }
+
+Direction direction_of(ReadMode mode) {
+  return goes_back(mode) ? Direction::kPrevious : Direction::kNext;
+}
+
+// Moves to the item that a read asks for: 0, or -1.
+int go_to_item(const Byte* record, ReadMode mode) {
+  const keydescr& k = openp->key;
+  const bool in_tree = k.nparts > 0;
+  if (positions_anew(mode)) {
+    if (kposition(record, 0, mode) != 0) return -1;
+    return mode == ReadMode::kLast && in_tree ? btmove(k, Direction::kPrevious) : 0;
+  }
+  if (find_current(mode == ReadMode::kCurrent) != 0) return -1;
+  const bool was_read = (bt.state & kCurrentRead) != 0;
+  if (mode == ReadMode::kNext && (was_read || (bt.ends & kBeforeFirst) != 0)) {
+    return btmove(k, Direction::kNext);
+  }
+  if (mode == ReadMode::kPrevious && (was_read || in_tree)) return btmove(k, Direction::kPrevious);
+  return 0;
+}
+
+// Moves on from an item whose record is absent: 0 or -1.
+int move_on(ReadMode mode) {
+  if (openp->key.nparts > 0) return btmove(openp->key, direction_of(mode));
+  const bool backwards = goes_back(mode);
+  const std::int32_t number = next_present(treeitem.recptr + (backwards ? -1 : 1), backwards);
+  if (number < 0) return -1;
+  bt.item.recptr = number;
+  btnumber(number);
+  if (number == 0) bt.ends = backwards ? kBeforeFirst : kAfterLast;
+  return 0;
+}
+
+// Reads the record of the item, or of the next one in the direction of the read whose record is
+// present: its length, or -1.
+int read_present(Byte* record, ReadMode mode) {
+  WalkLimit walk;
+  while (true) {
+    if (bt.ends != kOnItem) return failed(kEndOfFile);
+    const int length =
+        dataread(treeitem.recptr, {record, static_cast<std::size_t>(filep->maxreclen)});
+    if (length >= 0) return length;
+    if (iserrno != 0) return -1;
+    if (mode == ReadMode::kCurrent) return failed(kNoCurrent);
+    if (mode == ReadMode::kEqual) return failed(kNoRecord);
+    if (move_on(mode) != 0) return -1;
+    if (walk.exceeded()) return failed(kCorrupted);
+  }
+}
+
+void make_item_current() {
+  take_found_item();
+  bt.state |= kHasCurrent | kCurrentRead;
+  isrecnum = bt.item.recptr;
+}
+
+// In a transaction what was only read can be released before what was changed.
+LockList list_of_reads() {
+  return txlog::transaction_is_open() ? LockList::kReleasable : LockList::kHeld;
+}
+
+enum class Outcome { kRead, kFailed, kKeptPlace, kMustWait };
+
+Outcome read_record(Byte* record, const Request& request) {
+  if (go_to_item(record, request.mode) != 0) return Outcome::kFailed;
+  bt.state = static_cast<std::uint16_t>(bt.state & ~(kCurrentRead | kCurrentDeleted));
+  const int length = read_present(record, request.mode);
+  if (length < 0) return Outcome::kFailed;
+  if (request.lock && lkrecord(treeitem.recptr, RecordLock::kTry, list_of_reads()) != 0) {
+    if (iserrno != kLocked) return Outcome::kFailed;
+    if (request.wait) return Outcome::kMustWait;
+    if (!request.skip && !positions_anew(request.mode)) return Outcome::kFailed;
+    make_item_current();
+    return Outcome::kKeptPlace;
+  }
+  make_item_current();
+  if ((openp->key.flags & KF_DUPS) != 0 && btdups(openp->key, direction_of(request.mode)) != 0) {
+    return Outcome::kFailed;
+  }
+  isreclen = length;
+  return Outcome::kRead;
+}
+
+// Outside the call, so that other processes go on meanwhile. 0 when the record is worth another
+// try.
+int wait_for(std::int32_t number) {
+  clear_errors();
+  isexit();
+  release_semaphore();
+  if (lkrecord(number, RecordLock::kWait) != 0) {
+    set_status("9090");
+    return -1;
+  }
+  return lkrecord(number, RecordLock::kRelease);
+}
+
+// Makes `k` the index meant by a start at an edge or at a key of `len` bytes: 0, or -1 with 102 or
+// 103.
+int selected_key(keydescr& k, int len, bool edge) {
+  if (len < 0 && !edge) return failed(kBadArgument);
+  const bool is_current = kycompare(k, openp->key) == 0;
+  if (is_current) {
+    k.flags = openp->key.flags;
+    k.keylen = openp->key.keylen;
+    k.rootnode = openp->key.rootnode;
+  } else if (k.nparts == 0) {
+    k = keydescr{};
+  } else if (kysearch(k, 0) < 0) {
+    return failed_unless_set(kBadKey);
+  }
+  if (k.nparts == 0 || (edge && is_current)) return 0;
+  return len >= 0 && len <= k.keylen && kyckstart(k, len) == 0 ? 0 : failed(kBadArgument);
+}
+
+int start(keydescr& k, int len, const Byte* record, int mode) {
+  const auto read_mode = static_cast<ReadMode>(mode);
+  const bool edge = mode == RD_FIRST || mode == RD_LAST;
+  if (mode < 0 || !positions_anew(read_mode) || (!edge && record == nullptr)) {
+    return failed(kBadArgument);
+  }
+  if (selected_key(k, len, edge) != 0) return -1;
+  openp->key = k;
+  if (kposition(record, len, read_mode) != 0) return 0;
+  isrecnum = bt.item.recptr;
+  return 1;
+}
+
+int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
+  if (isenter(isfd, kToRead | kShared) != 0) return refused_access('7');
+  const int started = key == nullptr ? failed(kBadArgument)
+                                     : start(*key, len, reinterpret_cast<Byte*>(record), mode);
+  if (started < 0) {
+    bt = openp->position;
+  } else if (started == 0) {
+    bt.state = 0;
+    bt.depth = -1;
+  }
+  return isexit();
+}
+
+int read_call(int isfd, char* record, int mode) {
+  const bool after_end = iserrno == kEndOfFile;
+  while (true) {
+    if (isenter(isfd, kToRead | kShared) != 0) return refused_access('7');
+    Request request{};
+    Outcome outcome = Outcome::kFailed;
+    if (record == nullptr || mode < 0) {
+      failed(kBadArgument);
+    } else if (parse(mode, request) == 0) {
+      outcome = read_record(reinterpret_cast<Byte*>(record), request);
+    }
+    const std::int32_t number = treeitem.recptr;
+    if (outcome == Outcome::kFailed || outcome == Outcome::kMustWait) bt = openp->position;
+    if (outcome == Outcome::kMustWait) {
+      if (wait_for(number) != 0) return -1;
+      continue;
+    }
+    const bool relative = !positions_anew(request.mode);
+    if ((iserrno == kEndOfFile || iserrno == kNoCurrent) && relative &&
+        (request.mode == ReadMode::kNext || after_end)) {
+      isstat3 = '4';
+      isstat4 = '6';
+    }
+    return isexit();
+  }
+}
+
+// What a read is given besides room for the record.
+Carries carried_by(int mode) {
+  const int low = mode & 0xFF;
+  const bool by_key = low == RD_EQUAL || low == RD_GREAT || low == RD_GTEQ;
+  return by_key ? Carries::kKeyAndReceives : Carries::kReceives;
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isstart(int isfd, struct keydescr* key, int len, char* record, int mode) {
+  const bool edge = mode == RD_FIRST || mode == RD_LAST;
+  return traced("isstart", isfd, record, edge ? Carries::kNothing : Carries::kKey,
+                [=] { return start_call(isfd, key, len, record, mode); });
+}
+
+extern "C" int isread(int isfd, char* record, int mode) {
+  return traced("isread", isfd, record, carried_by(mode),
+                [=] { return read_call(isfd, record, mode); });
+}

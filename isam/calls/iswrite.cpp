@@ -1,0 +1,140 @@
+// iswrite: the public calls that change records.
+#include "isam/base/errors.h"
+#include "isam/calls/change.h"
+#include "isam/calls/cursor.h"
+#include "isam/calls/frame.h"
+#include "isam/calls/process.h"
+#include "isam/calls/recordcalls.h"
+#include "isam/calls/traced.h"
+#include "isam/tree/btree.h"
+
+namespace isam {
+namespace {
+
+// The caller's record, as long as it says; none with 102.
+ConstBytes given_record(const char* record) {
+  const int length = record == nullptr ? failed(kBadArgument) : isxgetlen();
+  if (length < 0) return {};
+  return {reinterpret_cast<const Byte*>(record), static_cast<std::size_t>(length)};
+}
+
+// Ends a call that has changed record `number`.
+int end_with(std::int32_t number) {
+  if (isexit() != 0) return -1;
+  if (number > 0) isrecnum = number;
+  return 0;
+}
+
+int write_record(int isfd, const char* record, Current current) {
+  if (isenter(isfd, kToWrite) != 0) return refused_access('8');
+  const ConstBytes bytes = given_record(record);
+  const std::int32_t number = bytes.empty() ? -1 : wrtrecord(bytes, current);
+  return end_with(number);
+}
+
+// Finds a record by `find`, and changes it by `change`.
+template <typename Find, typename Change>
+int change_found(Find find, Change change) {
+  const FoundRecord found = find();
+  if (found.number < 0) bt = openp->position;
+  return end_with(found.number > 0 && change(found) == 0 ? found.number : -1);
+}
+
+// What is current may be locked by the read before: the lock stays for the change.
+template <typename Find>
+int rewrite_found(int isfd, const char* record, Current current, Find find, int entry = kToWrite) {
+  if (isenter(isfd, entry) != 0) return refused_access('9');
+  const ConstBytes bytes = given_record(record);
+  if (bytes.empty()) return isexit();
+  return change_found(find, [&](const FoundRecord& found) {
+    return rewrecord(found.number, found.bytes, bytes, current);
+  });
+}
+
+int delete_current_or_other(const FoundRecord& found) {
+  const bool is_current =
+      (bt.state & kHasCurrent) != 0 && bt.ends == kOnItem && bt.item.recptr == found.number;
+  if (delrecord(found.number, found.bytes) != 0) return -1;
+  if (is_current) bt.state |= kCurrentDeleted;
+  return 0;
+}
+
+template <typename Find>
+int delete_found(int isfd, Find find, int entry = kToWrite) {
+  if (isenter(isfd, entry) != 0) return refused_access('9');
+  return change_found(find, delete_current_or_other);
+}
+
+FoundRecord find_current_record() {
+  const std::int32_t number = current_record();
+  if (number < 0) return {};
+  const FoundRecord found = getcurrent(number);
+  if (found.number < 0 && iserrno == kNoRecord) failed(kNoCurrent);
+  return openp->key.nparts == 0 ? found : with_key(found, bt.item, openp->key);
+}
+
+FoundRecord find_by_key(const char* record) {
+  return getrecord(reinterpret_cast<const Byte*>(record));
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isxgetlen(void) {
+  know_process();
+  if (filep == nullptr) return failed(kNotOpen);
+  if (!filep->varlen) return filep->reclen;
+  if (isreclen >= filep->reclen && isreclen <= filep->maxreclen) return isreclen;
+  isstat3 = isstat4 = '4';
+  return failed(kBadArgument);
+}
+
+extern "C" int iswrite(int isfd, char* record) {
+  return traced("iswrite", isfd, record, Carries::kRecord,
+                [=] { return write_record(isfd, record, Current::kStays); });
+}
+
+extern "C" int iswrcurr(int isfd, char* record) {
+  return traced("iswrcurr", isfd, record, Carries::kRecord,
+                [=] { return write_record(isfd, record, Current::kMoves); });
+}
+
+extern "C" int isrewrite(int isfd, char* record) {
+  return traced("isrewrite", isfd, record, Carries::kRecord, [=] {
+    return rewrite_found(isfd, record, Current::kStays, [&] { return find_by_key(record); });
+  });
+}
+
+extern "C" int isrewcurr(int isfd, char* record) {
+  return traced("isrewcurr", isfd, record, Carries::kRecord, [=] {
+    return rewrite_found(isfd, record, Current::kMoves, find_current_record,
+                         kToWrite | kKeepAutoLock);
+  });
+}
+
+extern "C" int isrewrec(int isfd, int32_t recnum, char* record) {
+  return traced("isrewrec", isfd, record, Carries::kRecord, [=] {
+    return rewrite_found(isfd, record, Current::kStays, [&] { return getcurrent(recnum); });
+  });
+}
+
+extern "C" int isdelete(int isfd, char* record) {
+  const auto find = [=] {
+    if (record != nullptr) return find_by_key(record);
+    failed(kBadArgument);
+    return FoundRecord{};
+  };
+  return traced("isdelete", isfd, record, Carries::kKey, [=] { return delete_found(isfd, find); });
+}
+
+extern "C" int isdelcurr(int isfd) {
+  return traced("isdelcurr", isfd,
+                [=] { return delete_found(isfd, find_current_record, kToWrite | kKeepAutoLock); });
+}
+
+extern "C" int isdelrec(int isfd, int32_t recnum) {
+  return traced("isdelrec", isfd,
+                [=] { return delete_found(isfd, [&] { return getcurrent(recnum); }); });
+}

@@ -1,0 +1,36 @@
+// opening: what opening and building a file have in common.
+#pragma once
+
+#include <string>
+
+#include "isam/base/current.h"
+
+namespace isam {
+
+// Whether issetsu() has made every open exclusive.
+extern bool issingleuser;
+
+// Whether a pair is opened although a process has left its mark there: for recovery.
+extern bool opens_marked;
+
+// The lock mode that the high byte of a mode means, 0 when it means none.
+[[nodiscard]] int lock_mode_of(int mode);
+
+// Takes an open record that failed to become an open back; the status characters say so. -1.
+int abandon_open(OpenRecord& open);
+
+// The file is written at random from now on.
+void advise_random(const FileRecord& file);
+
+// Sets what the file record says of lengths, node size and duplicate numbers from the dictionary
+// copy. A record that other opens of the process use must say the same already: 0, or -1 with 105
+// and nothing changed.
+[[nodiscard]] int adopt_dictionary();
+
+// Gives a pair another name: 0, or -1 with the system's error and the pair under its old one.
+int move_whole_pair(const std::string& from, const std::string& to);
+
+// Removes both files of a pair, as far as they can go.
+void remove_pair(const std::string& name);
+
+}  // namespace isam

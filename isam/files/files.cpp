@@ -1,0 +1,389 @@
+#include "isam/files/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "common/holders.h"
+#include "common/io.h"
+#include "environment/settings.h"
+#include "isam/base/errors.h"
+#include "isam/files/copies.h"
+#include "isam/pool/buffers.h"
+
+namespace isam {
+
+OpenRecord* openp = nullptr;
+FileRecord* filep = nullptr;
+Dictionary* dictp = nullptr;
+int ismaxfds = 0;
+int isopenfds = 0;
+int txflag = kNotLogging;
+
+namespace {
+
+constexpr std::size_t kMaxBaseName = 122;
+constexpr mode_t kPermissions = 0664;
+
+// Records are made on first use and kept for the life of the process.
+std::array<std::unique_ptr<OpenRecord>, nopens> opens;
+std::array<std::unique_ptr<FileRecord>, nfiles> files;
+std::vector<Byte> record_buffer;
+
+bool is_open(const std::unique_ptr<FileRecord>& file) { return file && file->usecount >= 0; }
+
+FileRecord* find_file(dev_t device, ino_t inode) {
+  for (const auto& file : files) {
+    if (is_open(file) && (file->flags & kNotShared) == 0 && file->device == device &&
+        file->inode == inode) {
+      return file.get();
+    }
+  }
+  return nullptr;
+}
+
+// Null with iserrno 0 when all are in use, with 116 without memory.
+FileRecord* unused_file_record() {
+  for (auto& file : files) {
+    if (!file) file.reset(new (std::nothrow) FileRecord);
+    if (!file) {
+      failed(kNoMemory);
+      return nullptr;
+    }
+    if (file->usecount < 0) return file.get();
+  }
+  return nullptr;
+}
+
+FileRecord* free_file_record() {
+  FileRecord* file = unused_file_record();
+  if (file == nullptr && iserrno == 0) {
+    vclose();
+    file = unused_file_record();
+    if (file == nullptr) failed_unless_set(kTooManyFiles);
+  }
+  return file;
+}
+
+void close_data(FileRecord& file) {
+  bfclosing(file);
+  file.data_map.forget();
+  if (file.datfd >= 0) common::close_file(file.datfd);
+  file.datfd = -1;
+}
+
+void close_file_record(FileRecord& file) {
+  bfignor(file);
+  close_data(file);
+  close_trail(file);
+  if (file.idxfd >= 0) common::close_file(file.idxfd);
+  note_closed(file.device, file.inode);
+  file = FileRecord{};
+  --isopenfds;
+}
+
+void freefile(FileRecord& file) {
+  if (--file.usecount > 0) return;
+  const bool stays = isopenfds < ismaxfds && (file.flags & kNotShared) == 0;
+  if (!stays) close_file_record(file);
+}
+
+// An idle record of this name that stands for another file than the one on disk (none: identity
+// null). One in use serves its opens on; files are shared by their identity, not by their names.
+void retire_replaced(std::string_view name, const struct stat* identity) {
+  for (const auto& file : files) {
+    if (!is_open(file) || file->name != name) continue;
+    if (identity != nullptr && file->device == identity->st_dev &&
+        file->inode == identity->st_ino) {
+      continue;
+    }
+    if (file->usecount == 0) close_file_record(*file);
+  }
+}
+
+// Short of descriptors, closes what can be closed and tries once more.
+common::FileHold open_with_retry(const std::string& path, int flags, mode_t permissions = 0) {
+  common::FileHold fd{common::open_file(path.c_str(), flags, permissions)};
+  if (!fd && errno == EMFILE) {
+    vclose();
+    fd = common::FileHold{common::open_file(path.c_str(), flags, permissions)};
+  }
+  return fd;
+}
+
+common::FileHold open_of_pair(const std::string& path, int flags, FileKind kind) {
+  common::FileHold fd = open_with_retry(path, flags);
+  if (!fd) failed_system(errno, Operation::kOpen, kind);
+  return fd;
+}
+
+bool writing_is_refused(std::int32_t error) {
+  return error == EACCES || error == EPERM || error == EROFS;
+}
+
+// Opens a file for reading where that is enough and no more can be had; `access` tells.
+common::FileHold open_to_use(const std::string& path, FileKind kind, bool reading_is_enough,
+                             int& access) {
+  access = O_RDWR;
+  common::FileHold fd = open_of_pair(path, access, kind);
+  if (!fd && reading_is_enough && writing_is_refused(iserrno)) {
+    clear_errors();
+    access = O_RDONLY;
+    fd = open_of_pair(path, access, kind);
+  }
+  return fd;
+}
+
+FileRecord* share(FileRecord& file, int mode) {
+  if (file.datmode == O_RDONLY && mode != 0) {
+    failed_system(EACCES, Operation::kOpen, FileKind::kData);
+    return nullptr;
+  }
+  ++file.usecount;
+  return &file;
+}
+
+struct Victims {
+  int open = 0;  // records in use or idle
+  FileRecord* idle = nullptr;
+  FileRecord* busy = nullptr;
+};
+
+void choose(FileRecord*& best, FileRecord& file) {
+  if (best == nullptr || file.lastuse < best->lastuse) best = &file;
+}
+
+Victims look_for_victims() {
+  Victims found;
+  for (const auto& file : files) {
+    if (!is_open(file)) continue;
+    ++found.open;
+    if (file->usecount == 0) {
+      choose(found.idle, *file);
+    } else if (file->datfd >= 0 && (file->flags & kNotShared) == 0 && file->lost_write.error == 0) {
+      choose(found.busy, *file);
+    }
+  }
+  return found;
+}
+
+}  // namespace
+
+std::string mkidxname(std::string_view base) { return std::string(base) + ".idx"; }
+std::string mkdatname(std::string_view base) { return std::string(base) + ".dat"; }
+
+int ckfilname(const char* base) {
+  const std::string_view name = base == nullptr ? std::string_view{} : base;
+  const bool named = !name.empty() && name.back() != '/';
+  return named && name.size() <= kMaxBaseName ? 0 : failed(kBadName);
+}
+
+OpenRecord* allocopen() {
+  for (auto& open : opens) {
+    if (!open) open.reset(new (std::nothrow) OpenRecord);
+    if (!open) {
+      failed(kNoMemory);
+      return nullptr;
+    }
+    if ((open->flags & (kOpenInUse | kInherited)) == 0) {
+      *open = OpenRecord{};
+      open->flags = kOpenInUse;
+      open->process = static_cast<std::uint16_t>(::getpid());
+      open->user = static_cast<std::uint16_t>(::getuid());
+      return open.get();
+    }
+  }
+  failed(kTooManyFiles);
+  return nullptr;
+}
+
+OpenRecord* open_of(int isfd) {
+  if (isfd < 0 || isfd >= nopens) return nullptr;
+  OpenRecord* open = opens[static_cast<std::size_t>(isfd)].get();
+  return open != nullptr && (open->flags & kOpenInUse) != 0 ? open : nullptr;
+}
+
+int isfd_of(const OpenRecord& open) {
+  for (std::size_t i = 0; i < opens.size(); ++i) {
+    if (opens[i].get() == &open) return static_cast<int>(i);
+  }
+  return -1;
+}
+
+void freeopen(OpenRecord& open) {
+  if (open.file != nullptr) freefile(*open.file);
+  open = OpenRecord{};
+}
+
+void forget_opens() {
+  for (const auto& file : files) {
+    if (!is_open(file)) continue;
+    file->spilled = false;
+    bfdiscard(*file);
+    // Another copy of the library may have locks of this process on it by now.
+    if (another_copy_has(file->device, file->inode)) file->idxfd = -1;
+    close_file_record(*file);
+  }
+  for (const auto& open : opens) {
+    if (!open || open->flags == 0) continue;
+    *open = OpenRecord{};
+    open->flags = kInherited;
+  }
+  openp = nullptr;
+  filep = nullptr;
+  dictp = nullptr;
+}
+
+void forget_inherited(int isfd) {
+  if (isfd < 0 || isfd >= nopens) return;
+  OpenRecord* const open = opens[static_cast<std::size_t>(isfd)].get();
+  if (open != nullptr && (open->flags & kInherited) != 0) open->flags = 0;
+}
+
+FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access) {
+  const std::string path = mkidxname(name);
+  struct stat status {};
+  if (common::system_calls().stat(path.c_str(), &status) != 0) {
+    const int reason = errno;
+    retire_replaced(name, nullptr);
+    failed_system(reason);
+    return nullptr;
+  }
+  retire_replaced(name, &status);
+  if (FileRecord* shared = find_file(status.st_dev, status.st_ino)) return share(*shared, mode);
+  if (another_copy_has(status.st_dev, status.st_ino)) {
+    failed(kFileInUse);
+    return nullptr;
+  }
+  FileRecord* file = free_file_record();
+  if (file == nullptr) return nullptr;
+  int idxmode = 0;
+  int datmode = 0;
+  common::FileHold index =
+      open_to_use(path, FileKind::kIndex, index_access == IndexAccess::kOrToRead, idxmode);
+  if (!index) return nullptr;
+  common::FileHold data = open_to_use(mkdatname(name), FileKind::kData, mode == 0, datmode);
+  if (!data) return nullptr;
+  // The name may have come to lead to another file since it was looked up.
+  struct stat data_status {};
+  if (common::system_calls().fstat(index.get(), &status) != 0 ||
+      common::system_calls().fstat(data.get(), &data_status) != 0) {
+    failed_system(errno);
+    return nullptr;
+  }
+  *file = FileRecord{};
+  name_file(*file, name);
+  file->data_device = data_status.st_dev;
+  file->data_inode = data_status.st_ino;
+  file->device = status.st_dev;
+  file->inode = status.st_ino;
+  file->idxfd = index.release();
+  file->datfd = data.release();
+  file->datmode = datmode;
+  file->idxmode = idxmode;
+  file->generation = bfgeneration();
+  file->usecount = 1;
+  ++isopenfds;
+  note_open(file->device, file->inode);
+  return file;
+}
+
+void name_file(FileRecord& file, std::string_view name) {
+  std::array<char, PATH_MAX> folder{};
+  file.name = name;
+  file.folder.clear();
+  const bool relative = !name.starts_with('/');
+  if (!relative || ::getcwd(folder.data(), folder.size()) == nullptr) return;
+  // A folder out of reach has no path.
+  if (folder.front() == '/') file.folder = std::string(folder.data()) + '/';
+}
+
+int reopen_data(FileRecord& file) {
+  const std::string path = mkdatname(file.folder + file.name);
+  common::FileHold fd = open_of_pair(path, file.datmode, FileKind::kData);
+  if (!fd) return -1;
+  struct stat status {};
+  if (common::system_calls().fstat(fd.get(), &status) != 0) return failed_system(errno);
+  // Another file has the name by now.
+  if (status.st_dev != file.data_device || status.st_ino != file.data_inode) {
+    return failed_system(ENOENT, Operation::kOpen, FileKind::kData);
+  }
+  file.datfd = fd.release();
+  return 0;
+}
+
+int makefile(const std::string& path, FileKind kind) {
+  const common::FileHold fd = open_with_retry(path, O_RDWR | O_CREAT | O_EXCL, kPermissions);
+  return fd ? 0 : failed_system(errno, Operation::kCreate, kind);
+}
+
+void vclose() {
+  Victims found = look_for_victims();
+  while ((found.idle != nullptr || found.busy != nullptr) && found.open >= ismaxfds) {
+    if (found.idle != nullptr) {
+      close_file_record(*found.idle);
+    } else {
+      bfflush(*found.busy);
+      if (found.busy->lost_write.error == 0) {
+        close_data(*found.busy);
+        close_trail(*found.busy);
+      }
+    }
+    found = look_for_victims();
+  }
+  isopenfds = found.open;
+}
+
+void close_idle_files(int most) {
+  Victims found = look_for_victims();
+  while (found.idle != nullptr && found.open > most) {
+    close_file_record(*found.idle);
+    found = look_for_victims();
+  }
+}
+
+int open_trail(const std::string& path) {
+  common::FileHold fd = open_with_retry(path, O_WRONLY);
+  if (!fd) return failed_system(errno, Operation::kOpen, FileKind::kAudit);
+  // Room for it may have been made by closing the data file of the file it belongs to.
+  if (filep->datfd < 0 && reopen_data(*filep) != 0) return -1;
+  filep->audfd = fd.release();
+  filep->flags |= kAuditOpen;
+  return 0;
+}
+
+void close_trail(FileRecord& file) {
+  if ((file.flags & kAuditOpen) == 0) return;
+  common::close_file(file.audfd);
+  file.audfd = -1;
+  file.flags = static_cast<std::uint16_t>(file.flags & ~kAuditOpen);
+}
+
+void make_current(OpenRecord& open) {
+  openp = &open;
+  filep = open.file;
+  dictp = &open.file->dictionary;
+}
+
+int mktemprec(int size) {
+  const auto needed = (static_cast<std::size_t>(size) / 256 + 1) * 256;
+  if (record_buffer.size() >= needed) return 0;
+  try {
+    record_buffer.resize(needed);
+  } catch (const std::bad_alloc&) {
+    return failed_system(ENOMEM);
+  }
+  return 0;
+}
+
+std::span<Byte> temprecord() { return record_buffer; }
+
+}  // namespace isam

@@ -1,0 +1,305 @@
+#include "isam/files/locks.h"
+
+#include <fcntl.h>
+#include <sched.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <vector>
+
+#include "common/io.h"
+#include "environment/settings.h"
+#include "isam/base/current.h"
+#include "isam/base/errors.h"
+
+namespace isam {
+namespace {
+
+// Ranges in the lock space of the index file.
+constexpr off_t kSemaphoreStart = 0;
+constexpr off_t kSemaphoreLength = 0x3FFFFFFF;
+constexpr off_t kOpenLockStart = 0x7FFFFFFF;
+constexpr off_t kOpenLockLength = 1;
+constexpr off_t kRecordsStart = 0x40000000;
+constexpr off_t kRecordsLength = 0x3FFFFFFE;
+
+struct DeadlockRetry {
+  long count;
+  long milliseconds;
+};
+
+void do_msleep(long milliseconds) {
+  if (milliseconds < 0) return;
+  if (milliseconds == 0) {
+    ::sched_yield();
+    return;
+  }
+  timespec pause{milliseconds / 1000, milliseconds % 1000 * 1'000'000};
+  ::nanosleep(&pause, nullptr);
+}
+
+// Every lock request; a reported deadlock is tried again as the environment says.
+int do_fcntl(int fd, int command, struct flock* lock) {
+  static const DeadlockRetry retry{environment::leading_number("ISAM_DEADLOCK_COUNT"),
+                                   environment::leading_number("ISAM_DEADLOCK_SLEEP")};
+  int result = common::system_calls().fcntl_lock(fd, command, lock);
+  for (long left = retry.count; left > 0 && result < 0 && errno == EDEADLK; --left) {
+    do_msleep(retry.milliseconds);
+    result = common::system_calls().fcntl_lock(fd, command, lock);
+  }
+  return result;
+}
+
+int request_of(int fd, int command, int type, off_t start, off_t length) {
+  struct flock lock {};
+  lock.l_type = static_cast<short>(type);
+  lock.l_whence = SEEK_SET;
+  lock.l_start = start;
+  lock.l_len = length;
+  return do_fcntl(fd, command, &lock);
+}
+
+int request(int command, int type, off_t start, off_t length) {
+  return request_of(filep->idxfd, command, type, start, length);
+}
+
+// Signals do not end this wait.
+int wait_for(int fd, int type, off_t start, off_t length) {
+  int result;
+  do {
+    result = request_of(fd, F_SETLKW, type, start, length);
+  } while (result != 0 && errno == EINTR);
+  return result != 0 ? failed_system(errno, Operation::kLock, FileKind::kIndex) : 0;
+}
+
+int request_open_lock(int type) {
+  if (request(F_SETLK, type, kOpenLockStart, kOpenLockLength) == 0) return 0;
+  return failed(kFileInUse);
+}
+
+// Gives up the current open's part in the process's open lock.
+int release_open_lock() {
+  const bool shared_remains = filep->usecount > 1;
+  if ((openp->mode & ISEXCLLOCK) != 0) {
+    // An open that never got its exclusive lock holds no part of it.
+    if (filep->exclusives == 0) return 0;
+    if (--filep->exclusives > 0) return 0;
+    return request_open_lock(shared_remains ? F_RDLCK : F_UNLCK);
+  }
+  return shared_remains ? 0 : request_open_lock(F_UNLCK);
+}
+
+int refused(int system_error) {
+  if (system_error == ENOLCK) return failed(kNoMoreLocks);
+  return failed_unless_set(kLocked);
+}
+
+int request_record(int command, int type, std::int32_t number) {
+  return request(command, type, kRecordsStart + number, 1) == 0 ? 0 : refused(errno);
+}
+
+// Whether another process has any lock on a byte: 0 or 1, or -1 with errno.
+int is_locked(off_t byte) {
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = byte;
+  lock.l_len = 1;
+  if (do_fcntl(filep->idxfd, F_GETLK, &lock) != 0) return -1;
+  return lock.l_type == F_UNLCK ? 0 : 1;
+}
+
+int test_record(std::int32_t number) {
+  const int locked = is_locked(kRecordsStart + number);
+  if (locked < 0) return refused(errno);
+  return locked == 0 ? 0 : failed(kLocked);
+}
+
+// Whether the process's hold on the file covers every record.
+bool records_are_covered() {
+  return filep->exclusives > 0 || filep->filelocks > 0 || (openp->mode & ISEXCLLOCK) != 0;
+}
+
+// Whether a lock has to last for a transaction through this open, whatever becomes of other opens
+// that cover the record now.
+bool outlasts_cover(RecordLock how, LockList list) {
+  return how == RecordLock::kTry && list == LockList::kHeld && may_be_undone() &&
+         (openp->mode & ISEXCLLOCK) == 0;
+}
+
+void clear_open_flag(int flags) {
+  openp->flags = static_cast<std::uint16_t>(openp->flags & ~flags);
+}
+
+// Whether the process has the record locked already; then the lock is put on the list asked for.
+bool is_held(std::int32_t number, LockList list) {
+  if (!filep->held.contains(number)) {
+    if (!filep->releasable.contains(number)) return false;
+    if (list == LockList::kHeld && filep->held.insert(number)) filep->releasable.erase(number);
+  }
+  openp->flags |= kHoldsRecordLocks;
+  return true;
+}
+
+int take_record(std::int32_t number, RecordLock how, LockList list) {
+  if (is_held(number, list)) return 0;
+  const int command = how == RecordLock::kWait ? F_SETLKW : F_SETLK;
+  const bool in_file_lock = filep->filelocks > 0;
+  if (!in_file_lock && request_record(command, F_WRLCK, number) != 0) return -1;
+  RecordSet& set = list == LockList::kHeld ? filep->held : filep->releasable;
+  if (!set.insert(number)) {
+    if (!in_file_lock) request_record(F_SETLK, F_UNLCK, number);
+    return failed(kNoMemory);
+  }
+  openp->flags |= kHoldsRecordLocks;
+  filep->flags |= kRecordsLocked;
+  return 0;
+}
+
+int release_record(std::int32_t number) {
+  if (!filep->releasable.erase(number) && !filep->held.erase(number)) return 0;
+  return request_record(F_SETLK, F_UNLCK, number);
+}
+
+int take_file_lock() {
+  // An exclusive open of the process may end before the lock does.
+  const bool has_it = filep->filelocks > 0;
+  if (!has_it && request(F_SETLK, F_WRLCK, kRecordsStart, kRecordsLength) != 0) {
+    return refused(errno);
+  }
+  if ((openp->flags & kHoldsFileLock) == 0) ++filep->filelocks;
+  openp->flags |= kHoldsFileLock;
+  return 0;
+}
+
+bool holds_file_lock() { return (openp->flags & kHoldsFileLock) != 0; }
+
+// Whether another open of the process has the whole file locked.
+bool another_holds_file() { return filep->filelocks > (holds_file_lock() ? 1 : 0); }
+
+void release_releasable() {
+  while (!filep->releasable.empty() && filep->filelocks == 0) {
+    const std::int32_t number = filep->releasable.numbers().back();
+    filep->releasable.erase(number);
+    request_record(F_SETLK, F_UNLCK, number);
+  }
+  filep->releasable.clear();
+}
+
+// Unlocks the record range but for the records on the held list, from its end: 0, or -1.
+int release_all_but_held() {
+  off_t end = kRecordsLength;  // of what is still to be unlocked
+  const std::vector<std::int32_t>& kept = filep->held.numbers();
+  for (auto number = kept.rbegin(); number != kept.rend(); ++number) {
+    const off_t behind = off_t{*number} + 1;
+    if (behind < end && request(F_SETLK, F_UNLCK, kRecordsStart + behind, end - behind) != 0) {
+      return refused(errno);
+    }
+    end = std::min<off_t>(end, *number);
+  }
+  const bool all = end == 0 || request(F_SETLK, F_UNLCK, kRecordsStart, end) == 0;
+  return all ? 0 : refused(errno);
+}
+
+void forget_records() {
+  filep->held.clear();
+  filep->releasable.clear();
+  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kRecordsLocked);
+}
+
+// While a transaction has changed records of the file, these stay locked: the locks belong to the
+// process, so that any of its opens could release them.
+int release_file_lock() {
+  const bool holds = holds_file_lock();
+  if (!holds && (openp->flags & kHoldsRecordLocks) == 0) return 0;
+  const bool in_part = filep->keeps_locks;
+  if (in_part) {
+    if (holds && !another_holds_file() && release_all_but_held() != 0) return -1;
+    release_releasable();
+  } else if (filep->filelocks < 2 || !holds) {
+    if (request(F_SETLK, F_UNLCK, kRecordsStart, kRecordsLength) != 0) return refused(errno);
+    forget_records();
+  }
+  if (holds) --filep->filelocks;
+  clear_open_flag(in_part ? kHoldsFileLock : kHoldsFileLock | kHoldsRecordLocks);
+  return 0;
+}
+
+}  // namespace
+
+int lksemaphore(Semaphore how) {
+  const int type = how == Semaphore::kRelease     ? F_UNLCK
+                   : how == Semaphore::kExclusive ? F_WRLCK
+                                                  : F_RDLCK;
+  if (wait_for(filep->idxfd, type, kSemaphoreStart, kSemaphoreLength) != 0) return -1;
+  if (how == Semaphore::kRelease) {
+    clear_open_flag(kHoldsSemaphore);
+  } else {
+    openp->flags |= kHoldsSemaphore;
+  }
+  return 0;
+}
+
+int lkopenlock(int mode) {
+  if (mode == 0) return release_open_lock();
+  if (mode == ISEXCLLOCK) {
+    if (filep->exclusives == 0 && request_open_lock(F_WRLCK) != 0) return -1;
+    ++filep->exclusives;
+    return 0;
+  }
+  return filep->usecount > 1 ? 0 : request_open_lock(F_RDLCK);
+}
+
+int lkreading() {
+  if (lksemaphore(Semaphore::kShared) != 0) return -1;
+  if (is_locked(kOpenLockStart) == 0 && request_open_lock(F_RDLCK) == 0) return 0;
+  lksemaphore(Semaphore::kRelease);
+  return failed(kFileInUse);
+}
+
+int lkrecord(std::int32_t number, RecordLock how, LockList list) {
+  if (records_are_covered() && !outlasts_cover(how, list)) return 0;
+  switch (how) {
+    case RecordLock::kRelease:
+      return release_record(number);
+    case RecordLock::kTest:
+      return test_record(number);
+    default:
+      return take_record(number, how, list);
+  }
+}
+
+bool keeps_locked(std::int32_t number) {
+  return (openp->mode & ISEXCLLOCK) != 0 || filep->held.contains(number);
+}
+
+int lkfile(bool take) {
+  if ((openp->mode & ISEXCLLOCK) != 0) return 0;
+  return take ? take_file_lock() : release_file_lock();
+}
+
+void lkrelease() {
+  if (!filep->held.empty()) {
+    release_releasable();
+  } else if (!filep->releasable.empty()) {
+    lkfile(false);
+  }
+}
+
+int release_locks() {
+  if (!may_be_undone() || holds_file_lock()) return lkfile(false);
+  lkrelease();
+  return 0;
+}
+
+int settle_locks() {
+  if (holds_file_lock() || !another_holds_file()) return lkfile(false);
+  forget_records();
+  clear_open_flag(kHoldsRecordLocks);
+  return 0;
+}
+
+int lock_whole_file(int fd, bool take) { return wait_for(fd, take ? F_WRLCK : F_UNLCK, 0, 0); }
+
+}  // namespace isam

@@ -1,0 +1,86 @@
+// keys: key descriptions, which define indexes, and the order of key values.
+//
+// Gives   legality, packing and unpacking of key descriptions, and KeyOrder for comparing key
+//         values: a total order whatever the bytes
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "common/bytes.h"
+#include "isam.h"
+#include "isam/base/format.h"
+
+namespace isam {
+
+// 0 when `k` is legal for records of `reclen` bytes, with keylen computed; else -1 with 103.
+int kylegal(keydescr& k, int reclen);
+
+// Reads a stored description that has been found well formed.
+[[nodiscard]] keydescr kyunpack(const Byte* stored);
+
+// Bytes that a description takes when it is stored.
+[[nodiscard]] inline int stored_key_size(const keydescr& k) {
+  return kKeyHeadSize + k.nparts * kKeyPartSize;
+}
+
+// Writes the stored form of a legal description at `to`, stored_key_size() bytes.
+void kypack(const keydescr& k, Byte* to);
+
+// 0 when two descriptions define the same key: the same parts, whatever flags and root; else -1.
+[[nodiscard]] int kycompare(const keydescr& a, const keydescr& b);
+
+// Whether a type code (low 7 bits) belongs to a collation: 7, 16, 32, ... 112.
+[[nodiscard]] bool clchktype(int type);
+
+// -1 when a partial key of `len` bytes would end inside a locale part, else 0.
+[[nodiscard]] int kyckstart(const keydescr& k, int len);
+
+// Whether any part of a description is in the order of the client's locale.
+[[nodiscard]] bool kynchar(const keydescr& k);
+
+// Compares key values laid out as the concatenation of their parts.
+class KeyOrder {
+ public:
+  explicit KeyOrder(const keydescr& k);
+
+  // Negative, 0 or positive, over at most `length` bytes (below 1: the whole key).
+  [[nodiscard]] int compare(const Byte* a, const Byte* b, int length = 0) const {
+    const int bytes = length < 1 || length > keylen_ ? keylen_ : length;
+    return plain_ ? common::bycmpr(a, b, static_cast<std::size_t>(bytes))
+                  : compare_parts(a, b, bytes);
+  }
+
+  // The same over the whole key, of values whose first `equal` bytes are known to be the same.
+  [[nodiscard]] int compare_from(const Byte* a, const Byte* b, int equal) const {
+    if (!plain_) return compare(a, b);
+    return std::memcmp(a + equal, b + equal, static_cast<std::size_t>(keylen_ - equal));
+  }
+
+  // Whether the first byte that differs decides the order of two keys, as it does unless a part
+  // is a float, a double or collated.
+  [[nodiscard]] bool bytewise() const { return bytewise_; }
+  // Orders two keys that first differ at offset `at` by their bytes `a` and `b` there. Only for
+  // keys that are bytewise().
+  [[nodiscard]] int compare_at(int at, Byte a, Byte b) const {
+    return plain_ ? int{a} - int{b} : compare_in_part(at, a, b);
+  }
+
+ private:
+  struct Part {
+    int length;
+    int type;
+    bool descending;
+  };
+
+  [[nodiscard]] int compare_parts(const Byte* a, const Byte* b, int length) const;
+  [[nodiscard]] int compare_in_part(int at, Byte a, Byte b) const;
+
+  std::array<Part, MAXPARTS> parts_;  // the first nparts_
+  int nparts_;
+  int keylen_;
+  bool plain_ = true;     // unsigned bytes ascending throughout
+  bool bytewise_ = true;  // unsigned bytes and integers throughout
+};
+
+}  // namespace isam

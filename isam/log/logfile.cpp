@@ -1,0 +1,374 @@
+#include "isam/log/logfile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <new>
+#include <optional>
+#include <utility>
+
+#include "common/holders.h"
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/files/copies.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+
+namespace isam::txlog {
+
+LogState logstate;
+
+namespace {
+
+constexpr std::size_t kWindow = 65536;
+// The longest piece: a record, an opposite that is owed, and up to three short ones.
+constexpr std::int64_t kLongestPiece = 2 * record::kGreatest + 512;
+
+std::vector<Byte> piece;   // what is being appended; kept for its memory
+std::vector<Byte> owed;    // the opposite of a change not made, which the log must have yet
+std::int64_t end_we_left;  // end of the log when this process last looked
+
+// The record logged last, which `piece` holds to its end.
+struct LoggedLast {
+  std::int64_t offset = 0;
+  std::size_t start = 0;  // in `piece`
+  Link before;            // the chain without it
+} last;
+
+int lock_depth = 0;         // how many hold the log's lock within each other
+LogHold* holder = nullptr;  // what takes note of what is appended
+
+int write_magic(int fd) {
+  Byte magic[kMagicSize];
+  common::stlong(static_cast<std::int32_t>(kLogMagic), magic);
+  if (common::write_at(fd, magic, 0) == 0) return 0;
+  common::cut_file(fd, 0);  // a part of it would be no log, for ever
+  return failed(kLogWrite);
+}
+
+int check_magic(int fd) {
+  Byte magic[kMagicSize];
+  if (common::read_at(fd, magic, 0) < kMagicSize) return failed(kLogRead);
+  const bool known = static_cast<std::uint32_t>(common::ldlong(magic)) == kLogMagic;
+  return known ? 0 : failed(kBadLogMagic);
+}
+
+// Whether a whole record ends at `end`.
+bool record_ends_at(std::int64_t end) {
+  if (end == kMagicSize) return true;
+  Byte length_bytes[2];
+  if (common::read_at(logstate.fd, length_bytes, end - record::kTrailer) != record::kTrailer) {
+    return false;
+  }
+  const int length = common::ldword(length_bytes);
+  if (length < record::kSmallest || length > end - kMagicSize) return false;
+  Byte header[record::kProcess];
+  if (common::read_at(logstate.fd, header, end - length) != record::kProcess) return false;
+  const KeepError keep;
+  return common::ldword(header) == length &&
+         getlogtype(&header[record::kType]) != LogType::kUnknown;
+}
+
+// The end of the last whole record, looking on from `offset`, where a record begins.
+std::int64_t end_of_whole_records(std::int64_t offset, std::int64_t end) {
+  Byte length_bytes[2];
+  while (end - offset >= record::kSmallest) {
+    if (common::read_at(logstate.fd, length_bytes, offset) != record::kTrailer) break;
+    const int length = common::ldword(length_bytes);
+    if (length < record::kSmallest || length > end - offset) break;
+    offset += length;
+  }
+  return offset;
+}
+
+// Where the next record goes, under the log lock; -1 when the log cannot be appended to.
+std::int64_t end_of_log() {
+  const std::int64_t end = ::lseek(logstate.fd, 0, SEEK_END);
+  if (end < kMagicSize) return -1;
+  if (end == end_we_left || record_ends_at(end)) return end;
+  // A killed process left a part of what it appended. Anything longer is no such part.
+  const bool grown = end_we_left >= kMagicSize && end_we_left <= end;
+  const std::int64_t whole = end_of_whole_records(grown ? end_we_left : kMagicSize, end);
+  if (whole != end && end - whole > kLongestPiece) return -1;
+  return common::cut_file(logstate.fd, whole) == 0 ? whole : -1;
+}
+
+bool lock_log() {
+  if (lock_depth == 0 && lkloglog(true) != 0) return false;
+  ++lock_depth;
+  return true;
+}
+
+void unlock_log() {
+  const KeepError keep;
+  if (--lock_depth == 0) lkloglog(false);
+}
+
+class LogLock {
+ public:
+  LogLock() : held_(lock_log()) {}
+  LogLock(const LogLock&) = delete;
+  LogLock& operator=(const LogLock&) = delete;
+  ~LogLock() {
+    if (held_) unlock_log();
+  }
+  [[nodiscard]] bool held() const { return held_; }
+
+ private:
+  bool held_;
+};
+
+std::int32_t now() { return static_cast<std::int32_t>(std::time(nullptr)); }
+
+// Writes `piece` at the end: where it begins, or -1 with 121 and nothing written.
+template <typename Stamp>
+std::int64_t append(Stamp stamp) {
+  const LogLock lock;
+  const std::int64_t end = lock.held() ? end_of_log() : -1;
+  if (end < 0) return failed(kLogWrite);
+  stamp(end);
+  if (common::write_at(logstate.fd, piece, end) != 0) {
+    common::cut_file(logstate.fd, end);
+    return failed(kLogWrite);
+  }
+  end_we_left = end + static_cast<std::int64_t>(piece.size());
+  return end;
+}
+
+void stamp(std::size_t at, Link previous, std::int32_t time) {
+  stamp_record(&piece[at], logstate.process, logstate.user, time, previous);
+}
+
+// What must go before a record about `open`, which may be null.
+LeadIn lead_in_for(OpenRecord* open) {
+  const bool is_new = open != nullptr && (open->flags & kLogged) == 0;
+  return {.opposite = !owed.empty(),
+          .rollback = logstate.owes_rollback,
+          .begin = logstate.begin == Begin::kPending,
+          .opens = is_new ? open : nullptr};
+}
+
+// Starts a piece with its lead-in: how long that is.
+std::size_t start_piece(const LeadIn& lead) {
+  piece.clear();
+  if (lead.opposite) piece = owed;
+  if (lead.rollback) static_cast<void>(RecordBuilder{piece, LogType::kRollback}.finish());
+  if (lead.begin) static_cast<void>(RecordBuilder{piece, LogType::kBegin}.finish());
+  if (lead.opens != nullptr) {
+    RecordBuilder builder{piece, LogType::kOpened};
+    builder.put_word(isfd_of(*lead.opens));
+    builder.put_word(lead.opens->file->varlen ? 1 : 0);
+    builder.put_name(lead.opens->file->name);
+    static_cast<void>(builder.finish());
+  }
+  return piece.size();
+}
+
+int length_at(std::size_t at) { return common::ldword(&piece[at + record::kLength]); }
+
+// Appends a piece, whose records are stamped one after the other: where it begins, or -1 with 121.
+// `linked` tells of the record behind the lead-in, if there is one.
+std::int64_t append_piece(const LeadIn& lead, std::optional<Linked> linked) {
+  Link chain = logstate.last;
+  const std::int64_t begin = append([&](std::int64_t at) {
+    const std::int32_t time = now();
+    std::size_t here = 0;
+    const auto stamp_next = [&](Link previous) {
+      stamp(here, previous, time);
+      here += static_cast<std::size_t>(length_at(here));
+    };
+    const auto stamp_linked = [&] {
+      const Link itself{at + static_cast<std::int64_t>(here), length_at(here)};
+      stamp_next(std::exchange(chain, itself));
+    };
+    // Linked as its image was, though not part of the chain: how the transaction ends decides about
+    // both alike.
+    if (lead.opposite) stamp_next(LogRecord{owed}.previous());
+    if (lead.rollback) stamp_linked();
+    if (lead.begin) stamp_linked();
+    if (lead.opens != nullptr) stamp_next({});
+    if (!linked) return;
+    last = {.offset = at + static_cast<std::int64_t>(here), .start = here, .before = chain};
+    if (*linked == Linked::kYes) {
+      stamp_linked();
+    } else {
+      stamp_next({});
+    }
+  });
+  if (begin < 0) return -1;
+  logstate.last = chain;
+  owed.clear();
+  logstate.owes_rollback = false;
+  if (lead.begin) logstate.begin = Begin::kWritten;
+  if (lead.opens != nullptr) lead.opens->flags |= kLogged;
+  return begin;
+}
+
+void forget_all() {
+  logstate = LogState{};
+  owed.clear();
+}
+
+// The log that is open.
+struct stat log_identity;
+
+// Two writers of one process number would spoil it.
+bool is_anothers(const char* path) {
+  struct stat status {};
+  return common::system_calls().stat(path, &status) == 0 &&
+         another_copy_has(status.st_dev, status.st_ino);
+}
+
+void begin_in_own_name(int fd) {
+  forget_all();
+  logstate.fd = fd;
+  logstate.process = ::getpid();
+  logstate.user = static_cast<int>(::getuid() & 0xFFFF);
+  end_we_left = 0;
+  note_open(log_identity.st_dev, log_identity.st_ino);
+}
+
+}  // namespace
+
+int open_log(const char* path) {
+  if (path != nullptr && is_anothers(path)) return failed(kLogOpen);
+  common::FileHold fd{path == nullptr ? -1 : common::open_file(path, O_RDWR)};
+  if (!fd && path != nullptr && errno == EMFILE) {
+    vclose();
+    fd = common::FileHold{common::open_file(path, O_RDWR)};
+  }
+  if (!fd) return failed(kLogOpen);
+  const std::int64_t size = common::file_size(fd.get());
+  if ((size == 0 ? write_magic(fd.get()) : check_magic(fd.get())) != 0) return -1;
+  if (common::system_calls().fstat(fd.get(), &log_identity) != 0) return failed(kLogRead);
+  begin_in_own_name(fd.release());
+  return 0;
+}
+
+void take_log_over() {
+  if (!log_is_open()) return;
+  const bool suspended = logstate.is_suspended;
+  note_closed(log_identity.st_dev, log_identity.st_ino);
+  begin_in_own_name(logstate.fd);
+  logstate.is_suspended = suspended;
+  logstate.suspended = kLogging;
+  txflag = suspended ? kNotLogging : kLogging;
+}
+
+int close_log() {
+  if (!log_is_open()) return failed(kNotOpen);
+  const int fd = logstate.fd;
+  forget_all();
+  note_closed(log_identity.st_dev, log_identity.st_ino);
+  return common::system_calls().close(fd) == 0 ? 0 : failed_system(errno);
+}
+
+int sync_log() { return ::fdatasync(logstate.fd) == 0 ? 0 : failed_system(errno); }
+
+int lkloglog(bool take) { return lock_whole_file(logstate.fd, take); }
+
+LogPiece::LogPiece(OpenRecord* open, LogType type, Linked linked)
+    : lead_(lead_in_for(open)), linked_(linked), start_(start_piece(lead_)), record_(piece, type) {}
+
+int LogPiece::writelog() {
+  if (!record_.finish()) return failed(kLogWrite);
+  const std::int64_t begin = append_piece(lead_, linked_);
+  if (begin < 0) return -1;
+  if (holder != nullptr && holder->start_ == LogHold::kNothing) {
+    holder->start_ = begin + static_cast<std::int64_t>(start_);
+  }
+  return 0;
+}
+
+int settle_owed() {
+  const LeadIn lead{.opposite = !owed.empty(), .rollback = logstate.owes_rollback};
+  if (!lead.opposite && !lead.rollback) return 0;
+  start_piece(lead);
+  return append_piece(lead, std::nullopt) < 0 ? -1 : 0;
+}
+
+void take_back_logged() {
+  const KeepError keep;
+  const LogLock lock;
+  logstate.last = last.before;
+  piece.erase(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(last.start));
+  const std::int64_t end = last.offset + static_cast<std::int64_t>(piece.size());
+  if (lock.held() && ::lseek(logstate.fd, 0, SEEK_END) == end &&
+      common::cut_file(logstate.fd, last.offset) == 0) {
+    end_we_left = last.offset;
+    return;
+  }
+  if (!make_opposite(piece)) return;
+  const Link previous = LogRecord{piece}.previous();
+  if (append([&](std::int64_t) { stamp(0, previous, now()); }) < 0) owed.swap(piece);
+}
+
+LogHold::LogHold() : held_(lock_log()) {
+  if (held_) {
+    holder = this;
+  } else {
+    failed(kLogWrite);
+  }
+}
+
+LogHold::~LogHold() {
+  if (!held_) return;
+  holder = nullptr;
+  if (start_ != kNothing && common::cut_file(logstate.fd, start_) == 0) end_we_left = start_;
+  unlock_log();
+}
+
+bool LogWindow::holds(std::int64_t offset, std::size_t length) const {
+  if (offset < start_) return false;
+  const auto skipped = static_cast<std::uint64_t>(offset - start_);
+  return skipped <= filled_ && length <= filled_ - skipped;
+}
+
+ConstBytes LogWindow::at(std::int64_t offset, std::size_t length) const {
+  return ConstBytes{buffer_}.subspan(static_cast<std::size_t>(offset - start_), length);
+}
+
+int LogWindow::readlog(std::int64_t offset, std::size_t length) {
+  filled_ = 0;
+  start_ = offset;
+  try {
+    if (buffer_.size() < length) buffer_.resize(length);
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+  const ssize_t got = common::read_at(fd_, Bytes{buffer_}.first(length), offset);
+  if (got < 0) return failed(kLogRead);
+  filled_ = static_cast<std::size_t>(got);
+  return 0;
+}
+
+LogRecord LogWindow::isgetprev(std::int64_t offset, int length) {
+  const auto size = static_cast<std::size_t>(length);
+  if (offset < kMagicSize || length < record::kSmallest) return {};
+  if (!holds(offset, size)) {
+    const std::int64_t end = offset + length;
+    const std::int64_t start = std::max<std::int64_t>(
+        kMagicSize, end - static_cast<std::int64_t>(std::max(kWindow, size)));
+    if (readlog(start, static_cast<std::size_t>(end - start)) != 0 || !holds(offset, size)) {
+      return {};
+    }
+  }
+  return LogRecord{at(offset, size)};
+}
+
+LogRecord LogWindow::isgetnext(std::int64_t offset) {
+  if (!holds(offset, record::kSmallest)) {
+    if (readlog(offset, kWindow) != 0 || !holds(offset, record::kSmallest)) return {};
+  }
+  const auto length = static_cast<std::size_t>(common::ldword(at(offset, 2).data()));
+  if (length < record::kSmallest) return LogRecord{at(offset, record::kSmallest)};
+  if (!holds(offset, length)) {
+    if (readlog(offset, kWindow) != 0 || !holds(offset, length)) return {};
+  }
+  return LogRecord{at(offset, length)};
+}
+
+}  // namespace isam::txlog

@@ -1,0 +1,153 @@
+// logfile: the transaction log that this process has open, and what of it is the process's own.
+//
+//   not logging (1) --islogopen--> logging (2) --isbegin--> in a transaction (0)
+//         ^------islogclose----------+  ^-----iscommit, isrollback-----+
+//
+// Keeps   T1 what one call logs goes to the end of the log in one piece, under the log lock
+//         T2 a piece that could not be written whole is taken off again: the log ends with a whole
+//            record, and this process's chain is as it was
+//         T3 what a killed process left of a record at the end of the log is cut off before
+//            anything is appended
+//         T4 what is logged of a change that is not made after all is taken off again, or its
+//            opposite is this process's next record: as long as that cannot be written, nothing
+//            else of the process can
+// Gives   appending (`LogPiece`), taking back (`take_back_logged`, `LogHold`) and reading
+//         (`LogWindow`)
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "isam/base/current.h"
+#include "isam/log/logformat.h"
+
+namespace isam::txlog {
+
+// Whether isbegin() has been called, and whether the log knows.
+enum class Begin : int { kNone = 0, kPending = 1, kWritten = 2 };
+
+struct LogState {
+  int fd = -1;
+  Begin begin = Begin::kNone;
+  bool in_rollback = false;
+  bool in_recovery = false;
+  bool owes_rollback = false;  // a rollback's end mark could not be written: it goes first
+  Link last;                   // the last linked record of this process
+  std::int32_t process = 0;    // as stored in records: ids of the moment when the log was opened
+  int user = 0;
+  bool is_suspended = false;
+  int suspended = kNotLogging;     // txflag before it was suspended
+  bool change_logged = false;      // the current call has logged a change that may yet fail
+  std::uint16_t flags_before = 0;  // ... and what the flags of its open were
+};
+extern LogState logstate;
+
+[[nodiscard]] inline bool log_is_open() { return logstate.fd >= 0; }
+// Whether a transaction is open, also while logging is suspended.
+[[nodiscard]] inline bool transaction_is_open() {
+  return (logstate.is_suspended ? logstate.suspended : txflag) == kInTransaction;
+}
+// Whether a change through the current open is logged.
+[[nodiscard]] inline bool logs_changes() {
+  return txflag != kNotLogging && (openp->mode & ISNOLOG) == 0;
+}
+
+// Opens the log file: 0, or -1 with 116, 118, 120, 121 or 21502. What another copy of the library
+// in this process has open cannot be opened (120).
+int open_log(const char* path);
+// In a child of the process that opened the log: it goes on in the child's own name, without what
+// the parent had begun.
+void take_log_over();
+// Closes it: 0, or -1 with 101 or the system's error.
+int close_log();
+// Waits until the log is on the disk: 0, or -1 with the system's error.
+int sync_log();
+// Takes and releases the lock on the whole log: 0, or -1 with the system's error and iserrio 0x61.
+int lkloglog(bool take);
+
+enum class Linked : bool { kNo, kYes };
+
+// What stands before the record itself in a piece.
+struct LeadIn {
+  bool opposite = false;        // that is owed
+  bool rollback = false;        // mark that is owed
+  bool begin = false;           // mark that is due
+  OpenRecord* opens = nullptr;  // of which the log has no file-open record
+};
+
+// What one call appends to the log: what is owed, the begin mark if it is due, the file-open record
+// of the open if the log does not have it, and the record itself.
+class LogPiece {
+ public:
+  // `open` may be null: then the record is about no open file.
+  LogPiece(OpenRecord* open, LogType type, Linked linked);
+
+  RecordBuilder& record() { return record_; }
+  // Appends it all: 0, or -1 with 121.
+  int writelog();
+
+ private:
+  LeadIn lead_;
+  Linked linked_;
+  std::size_t start_;  // of the record itself
+  RecordBuilder record_;
+};
+
+// Takes the record logged last back, for what it tells was not done after all. As long as nobody
+// has logged anything behind it it is cut off, else its opposite is logged: a rollback passes both
+// by. An opposite that cannot be logged is owed.
+void take_back_logged();
+
+// Writes what is owed, if anything is: 0, or -1 with 121.
+int settle_owed();
+
+// The log for as long as it lives: nobody else appends anything, and what this process appends is
+// cut off at the end, unless it is kept. For what must be logged before it is done and cannot be
+// told to have failed by another record.
+class LogHold {
+ public:
+  LogHold();
+  LogHold(const LogHold&) = delete;
+  LogHold& operator=(const LogHold&) = delete;
+  ~LogHold();
+
+  // Whether the lock was had; false with 121.
+  [[nodiscard]] bool held() const { return held_; }
+  void keep() { start_ = kNothing; }
+
+ private:
+  friend class LogPiece;
+  static constexpr std::int64_t kNothing = -1;
+
+  bool held_;
+  std::int64_t start_ = kNothing;  // of the first record appended, without its lead-in
+};
+
+// Reads a log piece by piece through one buffer.
+class LogWindow {
+ public:
+  explicit LogWindow(int fd) : fd_(fd) {}
+
+  // The record of `length` bytes at `offset`, which the caller knows to be the one before, when it
+  // is wholly there; else none, with iserrno 118 when reading failed. Earlier records are likely to
+  // be at hand afterwards.
+  [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
+  // The record at `offset`, as long as it says: none at the end of the log, and where a record
+  // would reach past it; one shorter than a record can be has less than the smallest length.
+  [[nodiscard]] LogRecord isgetnext(std::int64_t offset);
+
+ private:
+  [[nodiscard]] bool holds(std::int64_t offset, std::size_t length) const;
+  [[nodiscard]] ConstBytes at(std::int64_t offset, std::size_t length) const;
+  // Reads `length` bytes from `offset` into the buffer.
+  int readlog(std::int64_t offset, std::size_t length);
+
+  int fd_;
+  std::int64_t start_ = 0;
+  std::vector<Byte> buffer_;
+  std::size_t filled_ = 0;
+};
+
+}  // namespace isam::txlog

@@ -1,0 +1,41 @@
+// logwriter: one function for each kind of change that the calls of the library log.
+//
+// Needs   the current open, whose changes are logged (logs_changes), except where said otherwise
+// Gives   0, or -1 with 121: then nothing was logged
+#pragma once
+
+#include <string_view>
+
+#include "isam/base/current.h"
+#include "isam/log/logformat.h"
+
+namespace isam::txlog {
+
+// The image of a change to one record: of a deletion the old one, of an insertion the new one.
+int log_deleted(std::int32_t number, ConstBytes old);
+int log_inserted(std::int32_t number, ConstBytes record);
+int log_updated(std::int32_t number, ConstBytes old, ConstBytes record);
+
+enum class IndexEvent { kAdded, kDropped, kClustered };
+int islogidx(IndexEvent event, const keydescr& key);
+// A unique id handed out, or (`set`) the value that the counter was given.
+int isloguid(std::int32_t value, bool set);
+
+// The same about files; they need a log, not an open.
+int islogbuild(std::string_view name, int reclen, const keydescr& key, int mode);
+int islogerase(std::string_view name);
+int islogrename(std::string_view from, std::string_view to);
+
+// The close of an open that the log knows of, not of the log (close_log); from now on the log does
+// not know the open.
+int logclose(OpenRecord& open);
+// The same while the log is held: whether the open closes is not sure yet, and it stays known.
+int log_closed(OpenRecord& open);
+
+// What the current call has logged through the current open is taken back: it was not done.
+void withdraw_change();
+
+// The mark that ends this process's transaction: kCommit or kRollback.
+int log_end(LogType mark);
+
+}  // namespace isam::txlog

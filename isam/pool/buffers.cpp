@@ -1,0 +1,92 @@
+#include "isam/pool/buffers.h"
+
+#include <utility>
+
+#include "isam/base/errors.h"
+#include "isam/pool/pool.h"
+
+namespace isam {
+namespace {
+
+std::uint64_t last_generation = 0;
+
+}  // namespace
+
+Bytes PageHold::bytes() const {
+  const int length = buffer_->block < 0 ? kPageSize : buffer_->file->idxsize + 1;
+  return {buffer_->page, static_cast<std::size_t>(length)};
+}
+
+void PageHold::modified() const { the_pool->modified(buffer_); }
+
+void PageHold::gives_up() const {
+  modified();
+  buffer_->flags |= kGivesUp;
+}
+
+bool PageHold::is_given_up() const { return (buffer_->flags & kGivesUp) != 0; }
+
+void PageHold::release() {
+  if (buffer_ != nullptr) the_pool->bfrelease(std::exchange(buffer_, nullptr));
+}
+
+int PageHold::write() {
+  modified();
+  return the_pool->bfwrite(std::exchange(buffer_, nullptr));
+}
+
+PageHold bfread(std::int32_t node) {
+  if (node < 1) {
+    failed(kCorrupted);
+    return {};
+  }
+  return PageHold{pool().bfread(node)};
+}
+
+PageHold bfread_data(std::int32_t block) { return PageHold{pool().bfread(block | kDataBlock)}; }
+
+bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind) {
+  return pool().copy_data(offset, to, behind);
+}
+
+bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second) {
+  return pool().take_direct(offset, first, second);
+}
+
+void bfsettle() { pool().settle_direct(); }
+
+PageHold bfgetclr(std::int32_t node) {
+  if (node < 1) {
+    failed(kCorrupted);
+    return {};
+  }
+  return PageHold{pool().bfgetclr(node)};
+}
+
+int bfprocess(FileRecord& file, bool write) {
+  return the_pool ? the_pool->bfprocess(file, write) : 0;
+}
+
+int bfflush(FileRecord& file) { return bfprocess(file, true); }
+
+int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last) {
+  return pool().bfcommit(file, first, last);
+}
+
+int bfdiscard(FileRecord& file) { return pool().bfdiscard(file); }
+
+void bfdrop(FileRecord& file, std::int32_t first) { pool().discard(file, first); }
+
+int bfpend(FileRecord& file) { return bfprocess(file, false); }
+
+void bfignor(FileRecord& file) {
+  if (the_pool) the_pool->bfignor(file);
+}
+
+void bfclosing(const FileRecord& file) {
+  if (the_pool) the_pool->closing(file);
+}
+
+std::uint64_t bfgeneration() { return ++last_generation; }
+
+}  // namespace isam

@@ -1,0 +1,156 @@
+// buffers: the page pool. Every index node and every block of a data file that is changed passes
+// through it; records that are only read may be copied from the file.
+//
+// A page is free (of no file), cached (of a file, idle) or busy (held by one caller):
+//
+//            bfgetblk            bfrelease, bfdwrite, bfwrite
+//     free ----------> busy -----------------------------> cached
+//       ^               ^               bfgetblk (hit)        |
+//       |               +-------------------------------------+
+//       +----------------------- bfignor ---------------------+
+//
+// Needs   pages are asked for relative to the current file (`filep`)
+// Keeps   B1 a page has at most one holder
+//         B2 a modified page is written before its buffer serves another page
+//         B3 the frame fields of a modified node (used count, kind, level) are put back into the
+//            page when it is released
+//         B4 of the index nodes and of the data blocks, the least recently released is the first to
+//            give its buffer up; nodes stay longer than data blocks
+//         B5 what a call changes of a file that others use too stays in the pool until the call
+//            ends: the pool grows for it, and the call can be taken back
+//         B6 forgetting a file costs the same however many pages of it are cached: its generation
+//            changes, and pages of an older one count as not read
+// Gives   PageHold: a busy page that gives itself back when it leaves scope
+// Never   locks; the call frame makes it forget a file that another process changed
+//
+//   PageHold page = bfread(node);
+//   if (!page) return -1;               // iserrno is set
+//   common::stlong(link, page.bytes().data() + kLinkOffset);
+//   page.modified();                    // written later: on reuse of the buffer or bfflush
+//
+// `ISAMBUFS` (4 to 32766, default 16) sets the number of buffers to begin with.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "isam/base/current.h"
+
+namespace isam {
+
+enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp = 8 };
+
+// What a call touches of a buffer lies in one cache line.
+struct alignas(64) Buffer {
+  std::uint16_t flags;  // BufferFlag
+  std::uint16_t used;   // frame fields of a node, kept here while the page is in the pool
+  Byte node_type;
+  Byte level;
+  std::int32_t block;  // node number, or number of a data block with the top bit set
+  FileRecord* file;    // null: the buffer holds no page
+  Byte* page;
+  std::uint64_t generation;  // the file's when the page was read
+  std::uint64_t released;    // when it was released last, counted in releases
+  Buffer* modified_next;     // among the file's modified pages
+  Buffer* modified_previous;
+};
+
+// A busy page. Released when it leaves scope.
+class PageHold {
+ public:
+  PageHold() = default;
+  explicit PageHold(Buffer* buffer) : buffer_(buffer) {}
+  PageHold(PageHold&& other) noexcept : buffer_(std::exchange(other.buffer_, nullptr)) {}
+  PageHold& operator=(PageHold&& other) noexcept {
+    if (this != &other) {
+      release();
+      buffer_ = std::exchange(other.buffer_, nullptr);
+    }
+    return *this;
+  }
+  ~PageHold() { release(); }
+
+  explicit operator bool() const { return buffer_ != nullptr; }
+
+  // The whole page: the node's bytes, or the 1024 bytes of a data block.
+  [[nodiscard]] Bytes bytes() const;
+  [[nodiscard]] Byte* data() const { return buffer_->page; }
+  [[nodiscard]] std::int32_t node() const { return buffer_->block; }
+
+  [[nodiscard]] int used() const { return buffer_->used; }
+  [[nodiscard]] Byte node_type() const { return buffer_->node_type; }
+  [[nodiscard]] Byte level() const { return buffer_->level; }
+  void set_used(int used) { buffer_->used = static_cast<std::uint16_t>(used); }
+  void set_frame(int used, Byte node_type, Byte level) {
+    set_used(used);
+    buffer_->node_type = node_type;
+    buffer_->level = level;
+  }
+
+  // The page was changed: it will be written, at the latest by bfflush.
+  void modified() const;
+  // ... and gives up what a record may still refer to: it is written after the records.
+  void gives_up() const;
+  // ... whatever it has become since.
+  [[nodiscard]] bool is_given_up() const;
+  void release();
+  // Writes the page now and gives it back: 0, or -1 with iserrno.
+  int write();
+
+ private:
+  Buffer* buffer_ = nullptr;
+};
+
+// Node `node` of the current file; empty with iserrno when it cannot be read whole (105 without a
+// system error, and for a number below 1).
+[[nodiscard]] PageHold bfread(std::int32_t node);
+// Block `block` (byte offset / 1024) of the current data file. What lies past the end of the file
+// reads as zero bytes.
+[[nodiscard]] PageHold bfread_data(std::int32_t block);
+// Copies bytes at `offset` of the current data file into two pieces, without holding a buffer.
+// False when it takes more than a look into the pool or a mapping: then the blocks are to be read.
+[[nodiscard]] bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind);
+// Takes two pieces that a call writes at `offset` of the current data file: they go there by
+// themselves when the call ends, and their blocks need not be read into the pool. False, with
+// nothing taken, when that cannot be or would not pay: then the blocks are to be changed.
+[[nodiscard]] bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second);
+// Writes what was taken so of the current file, whose other changes stay in the pool: so does this
+// one when it cannot be written.
+void bfsettle();
+// A node to be written as a whole: zeroed, valid and modified.
+[[nodiscard]] PageHold bfgetclr(std::int32_t node);
+
+// Counts a file's modified idle pages, writing each when `write` is set.
+int bfprocess(FileRecord& file, bool write);
+// Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
+// file record (failed_write); the pages of an exclusive open stay modified, others are not tried
+// again.
+int bfflush(FileRecord& file);
+// Keeps the failure in iserrno as that of a write whose caller goes on.
+void bfnote_failure(FileRecord& file);
+// Writes them, and the dictionary `first` in their middle, in an order that lets other
+// processes go on safely whenever this one is killed: first what lengthens a file (zero bytes where
+// records will be; a full disk leaves the pair as it was), then free lists, so that nothing is used
+// and listed, then the dictionary, whose change stamp makes others read the rest anew, then nodes,
+// then records, then what records no longer refer to. A call that deletes a record (gives_number)
+// writes it before the nodes, and lists its number last; then `last`, where it differs, is the
+// dictionary. Neighbouring data blocks go out in one piece. The first failure, or one on record,
+// ends it: what was written is taken back, all pages are forgotten and -1 returned with iserrno.
+// Else 0.
+int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last);
+// Takes the changes since the last commit back, unless some of them have been written already: 0,
+// or -1. The dictionary is the caller's.
+int bfdiscard(FileRecord& file);
+// Forgets what changed of nodes from number `first` on; INT32_MIN: of all of the file.
+void bfdrop(FileRecord& file, std::int32_t first);
+// How many of a file's idle pages are modified.
+int bfpend(FileRecord& file);
+// Forgets every idle page of a file. A modified one is fatal: its change would be lost.
+void bfignor(FileRecord& file);
+// The descriptor of a file's data is about to be closed: nothing that was read ahead through it is
+// kept.
+void bfclosing(const FileRecord& file);
+// A generation that no file has had yet, for a record that takes up another file.
+[[nodiscard]] std::uint64_t bfgeneration();
+
+}  // namespace isam

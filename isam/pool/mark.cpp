@@ -1,0 +1,94 @@
+#include "isam/pool/mark.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "common/io.h"
+#include "isam/base/errors.h"
+
+namespace isam {
+namespace {
+
+struct Mark {
+  Byte raw[kMarkSize] = {};
+
+  [[nodiscard]] bool is_set() const { return common::ldlong(raw) == kMarkMagic; }
+  [[nodiscard]] bool is_room() const {
+    return std::ranges::all_of(raw, [](Byte byte) { return byte == 0; });
+  }
+};
+
+// What lies past the end of the file is zero.
+int read(const FileRecord& file, Mark& mark) {
+  if (common::read_at(file.idxfd, mark.raw, kMarkOffset) >= 0) return 0;
+  return failed_system(errno, Operation::kRead, FileKind::kIndex);
+}
+
+int write(const FileRecord& file, const Mark& mark) {
+  if (common::write_at(file.idxfd, mark.raw, kMarkOffset) == 0) return 0;
+  return failed_system(errno, Operation::kWrite, FileKind::kIndex);
+}
+
+// The magic goes last: as long as it stands whole, the pair is marked, also where a write is cut
+// short. Half a magic would be taken for bytes of somebody else's.
+int clear(const FileRecord& file) {
+  constexpr Byte kZeros[kMarkSize - kMarkProcess] = {};
+  const auto write_part = [&file](ConstBytes bytes, std::int64_t within) {
+    return common::write_at(file.idxfd, bytes, kMarkOffset + within);
+  };
+  if (write_part(kZeros, kMarkProcess) == 0) {
+    if (write_part({kZeros, kMarkProcess}, 0) == 0) return 0;
+    const int reason = errno;
+    Byte magic[kMarkProcess];
+    common::stlong(kMarkMagic, magic);
+    static_cast<void>(write_part(magic, 0));
+    errno = reason;
+  }
+  return failed_system(errno, Operation::kWrite, FileKind::kIndex);
+}
+
+}  // namespace
+
+int set_mark(FileRecord& file) {
+  Mark mark;
+  if (file.mark != MarkState::kClear) {
+    if (read(file, mark) != 0) return -1;
+    if (!mark.is_room()) {
+      if (file.mark == MarkState::kUnknown) file.mark = MarkState::kNotOurs;
+      return 0;
+    }
+    // Half of a mark that fails to be written is no reason to leave it at that.
+    if (file.mark == MarkState::kUnknown) file.mark = MarkState::kClear;
+  }
+  common::stlong(kMarkMagic, mark.raw);
+  common::stlong(static_cast<std::int32_t>(::getpid()), mark.raw + kMarkProcess);
+  if (write(file, mark) != 0) return -1;
+  if (file.mark != MarkState::kUnneeded) file.mark = MarkState::kSet;
+  file.mark_process = ::getpid();
+  return 0;
+}
+
+int clear_mark(FileRecord& file) {
+  if (file.mark_process != ::getpid()) return 0;
+  if (clear(file) != 0) return -1;
+  file.mark_process = 0;
+  if (file.mark == MarkState::kSet) file.mark = MarkState::kClear;
+  return 0;
+}
+
+int remove_mark(FileRecord& file) {
+  Mark mark;
+  if (read(file, mark) != 0) return -1;
+  return mark.is_set() ? clear(file) : 0;
+}
+
+int find_mark(FileRecord& file) {
+  Mark mark;
+  if (read(file, mark) != 0) return -1;
+  file.mark = mark.is_room() ? MarkState::kClear : MarkState::kNotOurs;
+  return mark.is_set() ? 1 : 0;
+}
+
+}  // namespace isam

@@ -1,0 +1,26 @@
+// mark: tells whoever opens a pair that a process was to write more to it and did not.
+//
+// An exclusive open keeps changes back. Before the first of them the mark goes into node 1, behind
+// the dictionary, and leaves it when all are written: one that is met at an open is that of a
+// process which was killed, or could not write, and the files do not agree with one another.
+//
+// Keeps   a process clears its own mark only; a program that mends pairs clears any, and says in
+//         the file record (MarkState::kUnneeded) that it sees to the mark itself
+// Never   touches other bytes that stand in its place
+#pragma once
+
+#include "isam/base/current.h"
+
+namespace isam {
+
+// Sets this process's mark, unless one stands there or the place is taken: 0, or -1 with the
+// system's error.
+int set_mark(FileRecord& file);
+// Clears the mark that this process has set: 0, or -1 with the system's error.
+int clear_mark(FileRecord& file);
+// Clears the mark of whatever process: 0, or -1 with the system's error.
+int remove_mark(FileRecord& file);
+// Looks whether the file bears the mark of any process: 1 or 0, -1 with the system's error.
+[[nodiscard]] int find_mark(FileRecord& file);
+
+}  // namespace isam

@@ -1,0 +1,85 @@
+// pagetable: finds the buffer of a page of the pool.
+//
+// Keeps   a look-up reads one line of one array of small slots, much of which stays in the
+//         processor's caches, and the buffer that it finds
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+#include "common/arena.h"
+#include "isam/pool/buffers.h"
+
+namespace isam {
+
+// Open addressing.
+class PageTable {
+ public:
+  // False without memory.
+  [[nodiscard]] bool reserve(Buffer* buffers, std::size_t count) {
+    const std::size_t slots = std::bit_ceil(count * 2);
+    buffers_ = buffers;
+    mask_ = slots - 1;
+    slots_ = common::make_arena<Slot>(slots);
+    return slots_ != nullptr;
+  }
+  [[nodiscard]] Buffer* find(std::int32_t block, const FileRecord* file) const {
+    const std::uint16_t tag = tag_of(file);
+    for (std::size_t at = home(block, tag);; at = (at + 1) & mask_) {
+      const Slot slot = slots_[at];
+      if (slot.buffer == kNone) return nullptr;
+      if (slot.block != block || slot.file_tag != tag) continue;
+      Buffer* const buffer = &buffers_[slot.buffer - 1];
+      if (buffer->file == file) return buffer;
+    }
+  }
+  void insert(const Buffer* buffer) {
+    const std::uint16_t tag = tag_of(buffer->file);
+    std::size_t at = home(buffer->block, tag);
+    while (slots_[at].buffer != kNone) at = (at + 1) & mask_;
+    slots_[at] = {buffer->block, tag, number_of(buffer)};
+  }
+  void erase(const Buffer* buffer) {
+    const std::uint16_t number = number_of(buffer);
+    std::size_t gap = home(buffer->block, tag_of(buffer->file));
+    while (slots_[gap].buffer != number) gap = (gap + 1) & mask_;
+    // What stands behind moves up as long as its way from home leads over the gap.
+    for (std::size_t at = gap;;) {
+      at = (at + 1) & mask_;
+      const Slot& slot = slots_[at];
+      if (slot.buffer == kNone) break;
+      if (((at - home(slot.block, slot.file_tag)) & mask_) < ((at - gap) & mask_)) continue;
+      slots_[gap] = slot;
+      gap = at;
+    }
+    slots_[gap] = {};
+  }
+
+ private:
+  struct Slot {
+    std::int32_t block;
+    std::uint16_t file_tag;  // of its address; two files may have the same
+    std::uint16_t buffer;    // number from 1
+  };
+  static constexpr std::uint16_t kNone = 0;
+  static constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
+
+  [[nodiscard]] std::uint16_t number_of(const Buffer* buffer) const {
+    return static_cast<std::uint16_t>(buffer - buffers_ + 1);
+  }
+  [[nodiscard]] static std::uint16_t tag_of(const FileRecord* file) {
+    const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(file));
+    return static_cast<std::uint16_t>(address * kSpread >> 48);
+  }
+  [[nodiscard]] std::size_t home(std::int32_t block, std::uint16_t tag) const {
+    const std::uint64_t name = std::uint64_t{tag} << 32 | static_cast<std::uint32_t>(block);
+    return (name * kSpread >> 32) & mask_;
+  }
+
+  Buffer* buffers_ = nullptr;
+  common::Arena<Slot> slots_;
+  std::size_t mask_ = 0;
+};
+
+}  // namespace isam

@@ -1,0 +1,265 @@
+#include "isam/pool/pool.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "common/fatal.h"
+#include "environment/settings.h"
+#include "isam/pool/mark.h"
+
+namespace isam {
+namespace {
+
+constexpr int kMinBuffers = 4;
+constexpr int kMaxBuffers = 32766;
+static_assert(kMaxBuffers + kMostAdded < UINT16_MAX);  // the table numbers them in 16 bits
+constexpr std::uint64_t kNodeLifetimes = 64;           // of an unused data block
+constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
+
+bool may_go(const Buffer* buffer) {
+  return (buffer->flags & kModified) == 0 ||
+         (buffer->file->exclusives > 0 && buffer->file->lost_write.error == 0);
+}
+
+bool is_in_one_block(std::int64_t offset, std::size_t size) {
+  return offset >= 0 && offset / kPageSize <= INT32_MAX &&
+         static_cast<std::size_t>(offset % kPageSize) + size <= kPageSize;
+}
+
+// False for a block that has to be read or is held.
+bool copy_block(const Buffer& block, std::int64_t offset, Bytes to, Bytes behind) {
+  if ((block.flags & (kValid | kBusy)) != kValid) return false;
+  const ConstBytes from{block.page + offset % kPageSize, to.size() + behind.size()};
+  std::ranges::copy(from.first(to.size()), to.begin());
+  std::ranges::copy(from.subspan(to.size()), behind.begin());
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<Pool> the_pool;
+
+Pool& make_pool() {
+  the_pool = std::make_unique<Pool>();
+  return *the_pool;
+}
+
+Pool::Pool() {
+  const auto count =
+      static_cast<std::size_t>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
+  const std::size_t most = most_buffers_ = count + kMostAdded;
+  buffs_ = common::make_arena<Buffer>(count, kMostAdded);
+  pages_ = common::make_arena<Byte>(count * kPageStride, kMostAdded * kPageStride);
+  if (!buffs_ || !pages_ || !table_.reserve(buffs_.get(), most) || !add_buffers(count)) {
+    common::error("cannot allocate buffers");
+  }
+  to_write_.reserve(most);
+  in_turn_.reserve(most);
+  run_.reserve((kLongestRun + 1) * kPageSize);
+}
+
+// Puts buffers to use that have been spare: false without memory, with the pool as it was.
+bool Pool::add_buffers(std::size_t count) {
+  const std::size_t all = std::min(nbuffs_ + count, most_buffers_);
+  if (!nodes_.reserve(all) || !data_blocks_.reserve(all)) return false;
+  for (; nbuffs_ < all; ++nbuffs_) {
+    buffs_[nbuffs_].page = pages_.get() + nbuffs_ * kPageStride;
+    put_in_order(&buffs_[nbuffs_]);
+  }
+  return true;
+}
+
+void Pool::put_in_order(Buffer* buffer) {
+  buffer->released = ++releases_;
+  (buffer->block < 0 ? data_blocks_ : nodes_).released(buffer);
+}
+
+// The buffer of its kind that was released least recently and may go; null when none may. Those
+// that may not leave the order, so that they are met once: modified_out() puts them back.
+Buffer* Pool::oldest_that_may_go(ReleaseOrder& order) {
+  Buffer* buffer = order.oldest();
+  for (; buffer != nullptr && !may_go(buffer); buffer = order.oldest()) {
+    buffer->released = kOutOfOrder;
+  }
+  return buffer;
+}
+
+// The buffer that was released least recently, also one that may not go; null when all are busy.
+Buffer* Pool::oldest_of_all() {
+  for (std::size_t i = 0; i < nbuffs_; ++i) {
+    Buffer& buffer = buffs_[i];
+    if (is_out_of_order(buffer)) put_in_order(&buffer);
+  }
+  Buffer* const node = nodes_.oldest();
+  return node != nullptr ? node : data_blocks_.oldest();
+}
+
+// The buffer to be reused: the one that was released least recently, where a node counts as
+// released later than it was, for it serves many records, a data block few. Null when every buffer
+// is busy. Pages that a call changed keep theirs until the call ends, so that its changes can be
+// taken back, or are written in their order: the pool grows for them. (Those of an exclusive open
+// go when they must, as long as they can be written.)
+Buffer* Pool::choose_victim() {
+  Buffer* const node = oldest_that_may_go(nodes_);
+  Buffer* const block = oldest_that_may_go(data_blocks_);
+  if (node != nullptr && block != nullptr) {
+    const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
+    return block->released < node->released + head_start ? block : node;
+  }
+  if (node != nullptr || block != nullptr) return node != nullptr ? node : block;
+  Buffer* const waiting = oldest_of_all();
+  if (waiting == nullptr || nbuffs_ >= most_buffers_) return waiting;
+  Buffer* const added = &buffs_[nbuffs_];
+  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : waiting;
+}
+
+// Writes a page whose buffer is needed: 0, or -1 when it has to stay. The failure belongs to that
+// page, not to the call that needs the buffer: it is kept in the file record, and told later.
+int Pool::spill(Buffer* buffer) {
+  const KeepError keep;
+  FileRecord& file = *buffer->file;
+  file.spilled = true;
+  if (file.exclusives > 0 && is_missing(file.mark) && set_mark(file) != 0) {
+    bfnote_failure(file);
+    return -1;
+  }
+  return write_delayed(buffer);
+}
+
+Buffer* Pool::victim() {
+  for (;;) {
+    Buffer* const buffer = choose_victim();
+    if (buffer == nullptr || (buffer->flags & kModified) == 0) return buffer;
+    const bool others_may = may_go(buffer);
+    if (spill(buffer) == 0) return buffer;
+    if (others_may && (buffer->flags & kModified) != 0) continue;
+    modified_out(buffer);  // there is no room for more
+    buffer->file->pages_lost = true;
+    return buffer;
+  }
+}
+
+// Gives an idle buffer to another page of the current file.
+void Pool::reuse(Buffer* buffer, std::int32_t block) {
+  if (buffer->file != nullptr) table_.erase(buffer);
+  buffer->block = block;
+  buffer->file = filep;
+  buffer->flags = 0;
+  table_.insert(buffer);
+}
+
+Buffer* Pool::bfgetblk(std::int32_t block) {
+  Buffer* buffer = table_.find(block, filep);
+  if (buffer != nullptr) {
+    // Under way while the buffer's own line is waited for.
+    const Byte* const page =
+        pages_.get() + static_cast<std::size_t>(buffer - buffs_.get()) * kPageStride;
+    __builtin_prefetch(page);
+    __builtin_prefetch(page + 64);
+    __builtin_prefetch(page + 512);
+  } else {
+    buffer = victim();
+    if (buffer == nullptr) common::error("no more buffers");
+    reuse(buffer, block);
+  }
+  if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
+  if (buffer->generation != filep->generation) {
+    if ((buffer->flags & kModified) == 0) buffer->flags = 0;
+    buffer->generation = filep->generation;
+  }
+  buffer->flags |= kBusy;
+  return buffer;
+}
+
+bool Pool::load(Buffer& buffer) {
+  const Place place = bfmapaddr(buffer);
+  FileRecord& file = *buffer.file;
+  common::FileMap& map = map_of(file, place.kind);
+  const ssize_t got =
+      window_of(place.kind).read(place.fd, map, {buffer.page, place.length}, place.offset);
+  const bool whole = got == static_cast<ssize_t>(place.length);
+  if (got < 0 || (!whole && place.kind == FileKind::kIndex)) {
+    failed_system(got < 0 ? errno : 0, Operation::kRead, place.kind);
+    failed_unless_set(kCorrupted);
+    return false;
+  }
+  if (!whole) std::memset(buffer.page + got, 0, place.length - static_cast<std::size_t>(got));
+  if (place.kind == FileKind::kIndex) {
+    buffer.used = common::ldword(buffer.page) & 0x7FFF;
+    buffer.node_type = buffer.page[node_type_offset(buffer.file->idxsize)];
+    buffer.level = buffer.page[node_level_offset(buffer.file->idxsize)] & 0x7F;
+  }
+  buffer.flags |= kValid;
+  return true;
+}
+
+Buffer* Pool::bfread(std::int32_t block) {
+  if (block < 0 && !filep->direct.bytes.empty() && pool_direct() != 0) return nullptr;
+  Buffer* buffer = bfgetblk(block);
+  if ((buffer->flags & kValid) == 0 && !load(*buffer)) {
+    bfrelease(buffer);
+    return nullptr;
+  }
+  return buffer;
+}
+
+// The buffer of a block of the current data file as it is now; null for none.
+const Buffer* Pool::data_block(std::int64_t block) const {
+  const Buffer* const buffer = table_.find(static_cast<std::int32_t>(block) | kDataBlock, filep);
+  return buffer != nullptr && buffer->generation == filep->generation ? buffer : nullptr;
+}
+
+// Whether bytes of the current data file are in the file, to be had without a system call, and the
+// pool has none of their blocks as they are now.
+bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
+  if (offset < 0 || !filep->data_map.covers(size, offset)) return false;
+  const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
+  for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
+    if (block > INT32_MAX || data_block(block) != nullptr) return false;
+  }
+  return true;
+}
+
+bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
+  FileRecord& file = *filep;
+  const std::size_t size = to.size() + behind.size();
+  // What the pool has and nobody changed is as it is in the file: not worth a look.
+  const bool unchanged =
+      file.modified == nullptr && offset >= 0 && file.data_map.covers(size, offset);
+  if (!file.direct.bytes.empty()) return false;
+  if (!unchanged && is_in_one_block(offset, size)) {
+    const Buffer* const block = data_block(offset / kPageSize);
+    if (block != nullptr) return copy_block(*block, offset, to, behind);
+    if (!file.data_map.covers(size, offset)) return false;
+  } else if (!unchanged && !only_in_file(offset, size)) {
+    return false;
+  }
+  const auto first = static_cast<ssize_t>(to.size());
+  if (data_window_.read(file.datfd, file.data_map, to, offset) != first) return false;
+  return behind.empty() || file.data_map.read(file.datfd, behind, offset + first) ==
+                               static_cast<ssize_t>(behind.size());
+}
+
+Buffer* Pool::bfgetclr(std::int32_t block) {
+  Buffer* buffer = bfgetblk(block);
+  std::memset(buffer->page, 0, kPageStride);
+  buffer->used = 0;
+  buffer->node_type = buffer->level = 0;
+  modified(buffer);
+  return buffer;
+}
+
+void Pool::bfrelease(Buffer* buffer) {
+  if ((buffer->flags & kBusy) == 0) common::error("buffer not busy");
+  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kBusy);
+  if ((buffer->flags & kModified) != 0 && buffer->block >= 0) {
+    common::stword(buffer->used, buffer->page);
+    buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
+    buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
+  }
+  put_in_order(buffer);
+}
+
+}  // namespace isam

@@ -1,0 +1,222 @@
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "common/fatal.h"
+#include "common/io.h"
+#include "isam/pool/mark.h"
+#include "isam/pool/pool.h"
+
+namespace isam {
+namespace {
+
+constexpr std::int64_t kSystemPage = 4096;
+
+// What an exclusive open could not write stays in the pool, to be tried again.
+bool waits_on(const FileRecord& file) {
+  return file.exclusives > 0 && file.mark != MarkState::kUnneeded;
+}
+
+}  // namespace
+
+void bfnote_failure(FileRecord& file) {
+  if (file.failed_write.error == 0) file.failed_write = {iserrno, iserrio};
+  if (waits_on(file) && file.lost_write.error == 0) file.lost_write = {iserrno, iserrio};
+}
+
+void Pool::modified(Buffer* buffer) {
+  buffer->file->flags |= kPageChanged;
+  if ((buffer->flags & kModified) != 0) return;
+  buffer->flags |= kValid | kModified;
+  Buffer*& head = buffer->file->modified;
+  buffer->modified_previous = nullptr;
+  buffer->modified_next = head;
+  if (head != nullptr) head->modified_previous = buffer;
+  head = buffer;
+}
+
+int Pool::bfwrite(Buffer* buffer) {
+  if ((buffer->flags & kBusy) != 0) bfrelease(buffer);
+  const Place place = bfmapaddr(*buffer);
+  window_of(place.kind).overwritten(place.fd, place.offset, place.length);
+  const int result = common::write_at(place.fd, {buffer->page, place.length}, place.offset);
+  if (result != 0) failed_system(errno, Operation::kWrite, place.kind);
+  if (result == 0 || !waits_on(*buffer->file)) modified_out(buffer);
+  if (result != 0) bfnote_failure(*buffer->file);
+  return result;
+}
+
+// A buffer beside another one of the same file, with a modified idle page; null when there is none.
+Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
+  if (buffer.block == (step < 0 ? kDataBlock : INT32_MAX)) return nullptr;
+  Buffer* const beside = table_.find(buffer.block + step, buffer.file);
+  const bool waits = beside != nullptr && (beside->flags & (kModified | kBusy)) == kModified;
+  return waits ? beside : nullptr;
+}
+
+// Writes a page, and in one piece with it those beside it that wait as well, within one page of the
+// system: it takes small writes into what was written in large pieces badly.
+int Pool::write_delayed(Buffer* buffer) {
+  const auto system_page = [](const Buffer& of) { return bfmapaddr(of).offset / kSystemPage; };
+  const std::int64_t within = system_page(*buffer);
+  Buffer* first = buffer;
+  for (Buffer* at = buffer; at != nullptr && system_page(*at) == within;) {
+    first = at;
+    at = delayed_beside(*at, -1);
+  }
+  Buffer* const after = delayed_beside(*first, 1);
+  if (after == nullptr || system_page(*after) != within) return bfwrite(first);
+  const Place place = bfmapaddr(*first);
+  FileRecord& file = *first->file;
+  run_.clear();
+  Buffer* end = first;
+  for (; end != nullptr && system_page(*end) == within; end = delayed_beside(*end, 1)) {
+    run_.insert(run_.end(), end->page, end->page + place.length);
+  }
+  window_of(place.kind).overwritten(place.fd, place.offset, run_.size());
+  const int result = common::write_at(place.fd, run_, place.offset);
+  if (result != 0) {
+    failed_system(errno, Operation::kWrite, place.kind);
+    bfnote_failure(file);
+    if (waits_on(file)) return -1;
+  }
+  for (Buffer* at = first; at != end;) {
+    Buffer* const next = delayed_beside(*at, 1);
+    modified_out(at);
+    at = next;
+  }
+  return result;
+}
+
+const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
+  to_write_.clear();
+  for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+    if ((at->flags & kBusy) == 0) to_write_.push_back(at);
+  }
+  return to_write_;
+}
+
+// Takes bytes that are better written by themselves than with their blocks. One change of a call
+// at the most: a second one goes through the pool, and takes the first with it.
+bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second) {
+  FileRecord& file = *filep;
+  std::vector<Byte>& bytes = file.direct.bytes;
+  const std::size_t size = first.size() + second.size();
+  const std::int64_t distance = offset - std::exchange(file.last_written, offset);
+  // Those of an exclusive open wait in the pool for others of their block.
+  const bool in_sequence =
+      file.exclusives > 0 && std::abs(distance) < std::int64_t{kPageSize} + file.reclen;
+  if (!bytes.empty() || in_sequence || !only_in_file(offset, size)) return false;
+  std::vector<Byte>& before = file.direct.before;
+  try {
+    before.resize(size);
+    bytes.reserve(size);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  if (file.data_map.read(file.datfd, before, offset) != static_cast<ssize_t>(size)) return false;
+  if (std::memcmp(first.data(), before.data(), first.size()) == 0 &&
+      std::memcmp(second.data(), before.data() + first.size(), second.size()) == 0) {
+    return true;
+  }
+  bytes.assign(first.begin(), first.end());
+  bytes.insert(bytes.end(), second.begin(), second.end());
+  file.direct.offset = offset;
+  file.flags |= kPageChanged;
+  return true;
+}
+
+// 0, or -1 with iserrno and the bytes still waiting.
+int Pool::write_direct(FileRecord& file) {
+  std::vector<Byte>& bytes = file.direct.bytes;
+  if (bytes.empty()) return 0;
+  data_window_.overwritten(file.datfd, file.direct.offset, bytes.size());
+  if (common::write_at(file.datfd, bytes, file.direct.offset) != 0) {
+    return failed_system(errno, Operation::kWrite, FileKind::kData);
+  }
+  bytes.clear();
+  return 0;
+}
+
+// What cannot be written now waits in the pool, as other changes do, and is told like those.
+void Pool::settle_direct() {
+  if (filep->direct.bytes.empty()) return;
+  const KeepError keep;
+  if (write_direct(*filep) == 0) return;
+  bfnote_failure(*filep);
+  pool_direct();
+}
+
+// Brings the bytes that wait into the pool: 0, or -1 with iserrno, which is also kept as that of a
+// write that failed.
+int Pool::pool_direct() {
+  FileRecord& file = *filep;
+  std::vector<Byte> bytes = std::move(file.direct.bytes);
+  file.direct.bytes.clear();
+  ConstBytes rest = bytes;
+  for (std::int64_t at = file.direct.offset; !rest.empty();) {
+    Buffer* const block = bfread(static_cast<std::int32_t>(at / kPageSize) | kDataBlock);
+    if (block == nullptr) {
+      bfnote_failure(file);
+      return -1;
+    }
+    const auto within = static_cast<std::size_t>(at % kPageSize);
+    const std::size_t count = std::min(rest.size(), kPageSize - within);
+    std::memcpy(block->page + within, rest.data(), count);
+    modified(block);
+    bfrelease(block);
+    rest = rest.subspan(count);
+    at += static_cast<std::int64_t>(count);
+  }
+  return 0;
+}
+
+int Pool::bfprocess(FileRecord& file, bool write) {
+  const std::vector<Buffer*>& pages = modified_pages(file);
+  const int waiting = static_cast<int>(pages.size()) + (file.direct.bytes.empty() ? 0 : 1);
+  if (!write || waiting == 0) return waiting;
+  // A mark that cannot be set is no reason to write less.
+  if (waits_on(file) && is_missing(file.mark) && set_mark(file) != 0) {
+    bfnote_failure(file);
+  }
+  for (Buffer* page : pages) {
+    if ((page->flags & kModified) != 0) write_delayed(page);
+  }
+  if (write_direct(file) != 0) {
+    bfnote_failure(file);
+    file.direct.bytes.clear();
+  }
+  return waiting;
+}
+
+void Pool::discard(FileRecord& file, std::int32_t first) {
+  for (Buffer* at = file.modified; at != nullptr;) {
+    Buffer* const page = std::exchange(at, at->modified_next);
+    if (page->block < first) continue;
+    modified_out(page);
+    page->flags = static_cast<std::uint16_t>(page->flags & ~kValid);
+  }
+}
+
+int Pool::bfdiscard(FileRecord& file) {
+  if (file.spilled) return -1;
+  file.failed_write = {};
+  file.direct.bytes.clear();
+  discard(file, INT32_MIN);
+  return 0;
+}
+
+void Pool::bfignor(FileRecord& file) {
+  index_window_.forget(file.idxfd);
+  data_window_.forget(file.datfd);
+  if (!file.direct.bytes.empty()) common::error("ignoring modified bytes");
+  for (const Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+    if ((at->flags & kBusy) == 0) common::error("ignoring modified buffer");
+  }
+  file.generation = bfgeneration();
+}
+
+}  // namespace isam

@@ -1,0 +1,71 @@
+// releaseorder: the order in which buffers of the pool were released.
+//
+// A ring of releases, read from its old end; a release counts only while it is its buffer's last
+// one and the buffer idle. Unlike a linked list it costs a page found in the pool no look at other
+// buffers.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+#include "common/arena.h"
+#include "isam/pool/buffers.h"
+
+namespace isam {
+
+class ReleaseOrder {
+ public:
+  // Makes room for so many buffers; false without memory, with everything as it was.
+  [[nodiscard]] bool reserve(std::size_t buffers) {
+    const std::size_t releases = std::bit_ceil(buffers * 4);
+    if (releases <= mask_ + 1) return true;
+    ReleaseOrder larger;
+    larger.ring_ = common::make_arena<Buffer*>(releases);
+    larger.numbers_ = common::make_arena<std::uint64_t>(releases);
+    if (larger.ring_ == nullptr || larger.numbers_ == nullptr) return false;
+    larger.mask_ = releases - 1;
+    for (; begin_ != end_; ++begin_) {
+      if (counts(begin_)) larger.released(ring_[begin_ & mask_]);
+    }
+    *this = std::move(larger);
+    return true;
+  }
+  void released(Buffer* buffer) {
+    if (end_ - begin_ > mask_) compact();
+    ring_[end_ & mask_] = buffer;
+    numbers_[end_++ & mask_] = buffer->released;
+  }
+  // Null when every buffer is busy.
+  [[nodiscard]] Buffer* oldest() {
+    for (; begin_ != end_; ++begin_) {
+      if (counts(begin_)) return ring_[begin_ & mask_];
+    }
+    return nullptr;
+  }
+
+ private:
+  [[nodiscard]] bool counts(std::uint64_t at) const {
+    const Buffer& buffer = *ring_[at & mask_];
+    return buffer.released == numbers_[at & mask_] && (buffer.flags & kBusy) == 0;
+  }
+  // At most one release of each buffer counts, so that most of a full ring goes.
+  void compact() {
+    std::uint64_t to = begin_;
+    for (std::uint64_t from = begin_; from != end_; ++from) {
+      if (!counts(from)) continue;
+      ring_[to & mask_] = ring_[from & mask_];
+      numbers_[to++ & mask_] = numbers_[from & mask_];
+    }
+    end_ = to;
+  }
+
+  common::Arena<Buffer*> ring_;
+  common::Arena<std::uint64_t> numbers_;
+  std::uint64_t mask_ = 0;
+  std::uint64_t begin_ = 0;
+  std::uint64_t end_ = 0;
+};
+
+}  // namespace isam

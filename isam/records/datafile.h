@@ -1,0 +1,46 @@
+// datafile: record slots of the data file.
+//
+// Record k (from 1) occupies the slot at byte (k - 1) * slot size: the record, a state byte and,
+// with variable length, the length of the variable part and its reference. A slot may straddle
+// blocks of the pool.
+//
+// Needs   the current file
+// Keeps   D1 what a slot's trailer says is checked before it is used: 105
+//         D2 the variable part is stored before the slot changes: a failure leaves the slot as it
+//            was
+//         D3 a block whose bytes stay the same is not written
+// Never   holds a block while it calls the variable-length storage
+#pragma once
+
+#include <cstdint>
+
+#include "isam/base/format.h"
+
+namespace isam {
+
+// Reads record k into `to`, which holds maxreclen bytes: its length, or -1. A record that is not
+// present leaves iserrno untouched; 105 for a damaged one.
+[[nodiscard]] int dataread(std::int32_t k, Bytes to);
+
+// Copies record k's raw trailer: its length (7 with variable length, else 1), or -1.
+[[nodiscard]] int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer);
+
+// The last record number that the data file can hold, whatever the dictionary says. What is still
+// in the pool is written first.
+[[nodiscard]] std::int32_t records_in_file();
+
+// Whether record k is present: 1 or 0, -1 when its slot cannot be read.
+[[nodiscard]] int datacheck(std::int32_t k);
+
+// Writes a new record k, from reclen to maxreclen bytes: 0 or -1; 105 when the slot still refers to
+// a variable part.
+[[nodiscard]] int datacreate(std::int32_t k, ConstBytes record);
+// Rewrites record k: 0 or -1. Without `release` a variable part that becomes shorter keeps its
+// storage, until datatrunc().
+[[nodiscard]] int datawrite(std::int32_t k, ConstBytes record, bool release);
+[[nodiscard]] int datatrunc(std::int32_t k);
+// Marks record k absent, keeping (dataclear) or freeing (datadelete) its variable part: 0 or -1.
+[[nodiscard]] int dataclear(std::int32_t k);
+[[nodiscard]] int datadelete(std::int32_t k);
+
+}  // namespace isam

@@ -1,0 +1,355 @@
+#include "isam/records/freelists.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/pool/buffers.h"
+#include "isam/pool/extent.h"
+#include "isam/records/datafile.h"
+
+namespace isam {
+namespace {
+
+constexpr std::int32_t kFirstFreeNode = 2;  // node 1 is the dictionary
+
+std::int32_t head_of(FreeList list) {
+  return list == FreeList::kNodes ? dictp->d_freenode() : dictp->d_freedata();
+}
+
+void set_head(FreeList list, std::int32_t node) {
+  if (list == FreeList::kNodes) {
+    dictp->set_d_freenode(node);
+  } else {
+    dictp->set_d_freedata(node);
+  }
+  dictmodify();
+}
+
+std::int32_t highest(FreeList list) {
+  return list == FreeList::kNodes ? dictp->d_nextnode() : dictp->d_nextdata();
+}
+
+void set_highest(FreeList list, std::int32_t number) {
+  if (list == FreeList::kNodes) {
+    dictp->set_d_nextnode(number);
+  } else {
+    dictp->set_d_nextdata(number);
+  }
+  dictmodify();
+}
+
+Byte node_type_of(FreeList list) {
+  return list == FreeList::kNodes ? kIndexFreeNode : kServiceNode;
+}
+
+std::int32_t lowest(FreeList list) { return list == FreeList::kNodes ? kFirstFreeNode : 1; }
+
+bool in_range(FreeList list, std::int32_t number) {
+  return number >= lowest(list) && number <= highest(list);
+}
+
+bool has_room(const PageHold& page) {
+  return page.used() + kListEntrySize < node_type_offset(filep->idxsize);
+}
+
+bool is_list_node(FreeList list, const PageHold& page, std::int32_t node) {
+  const int entries = page.used() - kEntriesOffset;
+  const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
+  return page.node_type() == node_type_of(list) && page.level() == kFreeLevel && entries >= 0 &&
+         entries % kListEntrySize == 0 && page.used() < node_type_offset(filep->idxsize) &&
+         (link == 0 || (in_range(FreeList::kNodes, link) && link != node));
+}
+
+// A list's node, checked; empty with iserrno 105 when it is not one.
+PageHold list_node(FreeList list, std::int32_t node) {
+  if (!in_range(FreeList::kNodes, node)) {
+    failed(kCorrupted);
+    return {};
+  }
+  PageHold page = bfread(node);
+  if (page && !is_list_node(list, page, node)) {
+    failed(kCorrupted);
+    return {};
+  }
+  return page;
+}
+
+// Pages that may be missing at the end of a file at most. Those of an exclusive open wait in the
+// pool, which has fewer than 40,000 buffers, and go with it when its process is killed; that may
+// happen a few times before one reaches the file.
+constexpr std::int64_t kMostUnwritten = 1 << 17;
+
+// Whether a file can have come to hold `number`. The dictionary may name any, and a page written
+// there would make the file immense. Each data block changed may be the only one of a long record,
+// or hold many short ones. The file's size is asked for once in a great many numbers.
+bool is_reachable(FreeList list, std::int32_t number) {
+  const bool nodes = list == FreeList::kNodes;
+  std::int32_t& known = nodes ? filep->greatest_node : filep->greatest_record;
+  if (number <= known) return true;
+  const int unit = nodes ? node_size() : slot_size();
+  const std::int64_t held = common::file_size(nodes ? filep->idxfd : filep->datfd) / unit;
+  const std::int64_t last = held + kMostUnwritten * (nodes ? 1 : kPageSize / unit + 1);
+  known = static_cast<std::int32_t>(std::min<std::int64_t>(last, INT32_MAX));
+  return number <= known;
+}
+
+std::int32_t raise_highest(FreeList list) {
+  const std::int32_t number = highest(list);
+  if (number < lowest(list) - 1 || number == INT32_MAX) return failed(kCorrupted);
+  if (!is_reachable(list, number + 1)) return failed(kCorrupted);
+  if (list == FreeList::kNodes && reserve_nodes(number + 1, number + 1) != 0) return -1;
+  set_highest(list, number + 1);
+  return number + 1;
+}
+
+std::int32_t pop_entry(FreeList list, PageHold& page) {
+  Byte* entry = page.data() + page.used() - kListEntrySize;
+  const std::int32_t number = common::ldlong(entry);
+  if (!in_range(list, number)) return failed(kCorrupted);
+  common::stlong(0, entry);
+  page.set_used(page.used() - kListEntrySize);
+  page.modified();
+  return number;
+}
+
+// The data list's head has no entries left: its node is returned and the next one serves.
+std::int32_t pop_behind_empty_head(PageHold head) {
+  const std::int32_t emptied = head.node();
+  const std::int32_t next = common::ldlong(head.data() + kLinkOffset);
+  head.release();
+  if (next == 0) {
+    if (freerec(emptied, FreeList::kNodes) != 0) return -1;
+    set_head(FreeList::kRecords, 0);
+    return raise_highest(FreeList::kRecords);
+  }
+  PageHold page = list_node(FreeList::kRecords, next);
+  if (!page) return -1;
+  if (page.used() == kEntriesOffset) return failed(kCorrupted);  // only a head may be empty
+  const std::int32_t number = pop_entry(FreeList::kRecords, page);
+  page.release();
+  if (number < 0 || freerec(emptied, FreeList::kNodes) != 0) return -1;
+  set_head(FreeList::kRecords, next);
+  return number;
+}
+
+// Lays `node` out as the new head, without entries, in front of the old one.
+PageHold start_head(FreeList list, std::int32_t node) {
+  PageHold page = bfgetclr(node);
+  if (!page) return page;
+  page.set_frame(kEntriesOffset, node_type_of(list), kFreeLevel);
+  common::stlong(head_of(list), page.data() + kLinkOffset);
+  set_head(list, node);
+  return page;
+}
+
+void append_entry(PageHold& page, std::int32_t number) {
+  common::stlong(number, page.data() + page.used());
+  page.set_used(page.used() + kListEntrySize);
+  page.modified();
+}
+
+std::int32_t take(FreeList list) {
+  const std::int32_t head = head_of(list);
+  if (head == 0) return raise_highest(list);
+  PageHold page = list_node(list, head);
+  if (!page) return -1;
+  if (page.used() > kEntriesOffset) return pop_entry(list, page);
+  if (list == FreeList::kRecords) return pop_behind_empty_head(std::move(page));
+  set_head(list, common::ldlong(page.data() + kLinkOffset));
+  return head;
+}
+
+// Whether a node looks like a storage page with bytes of records in it.
+bool holds_records(std::int32_t node) {
+  const KeepError keep;
+  const PageHold page = bfread(node);
+  if (!page || page.node_type() != kStoragePage) return false;
+  const Byte* const bytes = page.data();
+  const int slots = bytes[rpage::kSlotCount];
+  const int empty = rpage::capacity(filep->idxsize) - slots * rpage::kSlotSize;
+  return common::ldword(bytes + rpage::kMagicOffset) == rpage::kMagic && slots > 0 &&
+         common::ldshort(bytes + rpage::kFree) != empty;
+}
+
+// A node that holds no records' bytes. What was taken and holds some is lost to the list: put back
+// it could become the list's head, which would clear it.
+std::int32_t take_unused_node() {
+  constexpr int kTries = 16;
+  for (int tries = 0;; ++tries) {
+    const std::int32_t number =
+        tries < kTries ? take(FreeList::kNodes) : raise_highest(FreeList::kNodes);
+    if (number < 0 || !holds_records(number)) return number;
+  }
+}
+
+// Tells a walk along a chain that it goes round: a node left behind at growing distances meets
+// every loop.
+class LoopGuard {
+ public:
+  bool meets(std::int32_t node) {
+    if (node == mark_) return true;
+    if (++nodes_ == next_mark_) {
+      mark_ = node;
+      next_mark_ *= 2;
+    }
+    return false;
+  }
+
+ private:
+  std::int32_t mark_ = 0;
+  std::int64_t nodes_ = 0;
+  std::int64_t next_mark_ = 1;
+};
+
+void remove_entry(PageHold& page, int offset) {
+  Byte* const entry = page.data() + offset;
+  const int behind = page.used() - offset - kListEntrySize;
+  std::memmove(entry, entry + kListEntrySize, static_cast<std::size_t>(behind));
+  page.set_used(page.used() - kListEntrySize);
+  common::stlong(0, page.data() + page.used());
+  page.modified();
+}
+
+// The offset of a number in a list node, -1 when it is not there.
+int find_entry(const PageHold& page, std::int32_t number) {
+  for (int offset = page.used() - kListEntrySize; offset >= kEntriesOffset;
+       offset -= kListEntrySize) {
+    if (common::ldlong(page.data() + offset) == number) return offset;
+  }
+  return -1;
+}
+
+// Takes a node without entries out of the list of free records; `before` is the node that names it,
+// 0 for the dictionary.
+int unlink_node(PageHold page, std::int32_t before) {
+  const std::int32_t node = page.node();
+  const std::int32_t next = common::ldlong(page.data() + kLinkOffset);
+  page.release();
+  if (before == 0) {
+    set_head(FreeList::kRecords, next);
+  } else {
+    PageHold naming = list_node(FreeList::kRecords, before);
+    if (!naming) return -1;
+    common::stlong(next, naming.data() + kLinkOffset);
+    naming.modified();
+  }
+  return freerec(node, FreeList::kNodes);
+}
+
+int take_listed(std::int32_t number) {
+  LoopGuard guard;
+  std::int32_t before = 0;
+  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
+    PageHold page = list_node(FreeList::kRecords, node);
+    if (!page) return -1;
+    if (guard.meets(node)) return failed(kCorrupted);
+    if (const int offset = find_entry(page, number); offset >= 0) {
+      remove_entry(page, offset);
+      return page.used() > kEntriesOffset ? 0 : unlink_node(std::move(page), before);
+    }
+    before = node;
+    node = common::ldlong(page.data() + kLinkOffset);
+  }
+  return failed(kBadLogRecord);
+}
+
+}  // namespace
+
+std::int32_t allocrec(FreeList list) {
+  return list == FreeList::kNodes && filep->varlen ? take_unused_node() : take(list);
+}
+
+int freerec(std::int32_t number, FreeList list) {
+  if (!in_range(list, number)) return failed(kCorrupted);
+  if (number != highest(list) || (filep->flags & kNumbersListed) != 0) return enlist(number, list);
+  set_highest(list, number - 1);
+  return 0;
+}
+
+int enlist(std::int32_t number, FreeList list) {
+  if (!in_range(list, number)) return failed(kCorrupted);
+  if (const std::int32_t head = head_of(list); head != 0) {
+    PageHold page = list_node(list, head);
+    if (!page) return -1;
+    if (has_room(page)) {
+      append_entry(page, number);
+      return 0;
+    }
+  }
+  // A freed node becomes its list's head; a freed record needs a node for its list.
+  const std::int32_t node = list == FreeList::kNodes ? number : allocrec(FreeList::kNodes);
+  if (node < 0) return -1;
+  PageHold page = start_head(list, node);
+  if (!page) return -1;
+  if (list == FreeList::kRecords) append_entry(page, number);
+  return 0;
+}
+
+int getdatrec(std::int32_t number) {
+  const std::int32_t last = dictp->d_nextdata();
+  if (number < 1) return failed(kBadLogRecord);
+  if (number <= last) return take_listed(number);
+  set_highest(FreeList::kRecords, number);
+  for (std::int32_t skipped = last + 1; skipped < number; ++skipped) {
+    if (enlist(skipped, FreeList::kRecords) != 0) return -1;
+  }
+  return 0;
+}
+
+// Looks at each node of the list of free records: how many numbers these have, or -1.
+template <typename Look>
+static std::int32_t walk_free_records(Look look) {
+  std::int32_t listed = 0;
+  LoopGuard guard;
+  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
+    const PageHold page = list_node(FreeList::kRecords, node);
+    if (!page) return -1;
+    listed += (page.used() - kEntriesOffset) / kListEntrySize;
+    if (listed > dictp->d_nextdata() || guard.meets(node)) return failed(kCorrupted);
+    look(page);
+    node = common::ldlong(page.data() + kLinkOffset);
+  }
+  return listed;
+}
+
+std::int32_t free_records_listed() {
+  return walk_free_records([](const PageHold&) {});
+}
+
+int drop_returned(std::vector<std::int32_t>& numbers) {
+  std::vector<std::int32_t> sorted;
+  try {
+    sorted = numbers;
+  } catch (const std::bad_alloc&) {
+    return failed(kNoMemory);
+  }
+  std::ranges::sort(sorted);
+  const auto drop_listed = [&](const PageHold& page) {
+    for (int offset = kEntriesOffset; offset < page.used(); offset += kListEntrySize) {
+      const std::int32_t listed = common::ldlong(page.data() + offset);
+      if (std::ranges::binary_search(sorted, listed)) std::erase(numbers, listed);
+    }
+  };
+  if (walk_free_records(drop_listed) < 0) return -1;
+  std::erase_if(numbers, [](std::int32_t number) {
+    return !in_range(FreeList::kRecords, number) || datacheck(number) == 1;
+  });
+  return 0;
+}
+
+bool free_nodes_serve() {
+  // A chain has fewer nodes than there are numbers.
+  std::int32_t left = dictp->d_nextnode();
+  for (std::int32_t node = dictp->d_freenode(); node != 0; --left) {
+    const PageHold page = left > 0 ? list_node(FreeList::kNodes, node) : PageHold{};
+    if (!page) return false;
+    node = common::ldlong(page.data() + kLinkOffset);
+  }
+  return true;
+}
+
+}  // namespace isam

@@ -1,0 +1,127 @@
+// rpageslots: the slots of one storage page.
+//
+// Data are packed from the header up, the slot table grows from the page's end down. Before
+// anything moves, every slot is found to lie between the header and the data end.
+#include <algorithm>
+#include <cstring>
+
+#include "isam/base/errors.h"
+#include "isam/records/varlen.h"
+
+namespace isam {
+
+void Rpage::set_slot(int number, const Slot& slot) {
+  const int entry = geometry_.first_slot - number * rpage::kSlotSize;
+  set_word(entry, slot.length);
+  set_word(entry + 2, slot.offset);
+}
+
+bool Rpage::movable() const {
+  const int slots = slot_count();
+  const int end = data_end();
+  if (slots > geometry_.slots_that_fit() || end < rpage::kData || end > table_start(slots)) {
+    return false;
+  }
+  for (int i = 0; i < slots; ++i) {
+    const Slot at = slot(i);
+    if (at.length < 0) return false;
+    if (at.length > 0 && (at.offset < rpage::kData || at.offset + at.length > end)) return false;
+  }
+  return true;
+}
+
+void Rpage::rpinit() {
+  set_word(rpage::kMagicOffset, rpage::kMagic);
+  set_word(rpage::kFree, geometry_.capacity);
+  set_word(rpage::kDataEnd, rpage::kData);
+  bytes_[rpage::kClass] = rpage::kNotFiled;
+}
+
+int Rpage::rpslalloc(int size) {
+  if (!movable()) return failed_unless_set(kCorrupted);
+  const int slots = slot_count();
+  int number = 0;
+  while (number < slots && slot(number).length != 0) ++number;
+  const bool fresh = number == slots;
+  const int cost = size + (fresh ? rpage::kSlotSize : 0);
+  const int table = table_start(fresh ? slots + 1 : slots);
+  if (number >= rpage::kMaxSlots || cost > free_bytes() || data_end() + size > table) {
+    return failed_unless_set(kCorrupted);
+  }
+  const int end = data_end();
+  set_slot(number, {size, end});
+  set_word(rpage::kDataEnd, end + size);
+  set_word(rpage::kFree, free_bytes() - cost);
+  if (fresh) bytes_[rpage::kSlotCount] = static_cast<Byte>(slots + 1);
+  return number;
+}
+
+int Rpage::rpslchange(int number, int length) {
+  if (number >= slot_count() || !movable()) return failed_unless_set(kCorrupted);
+  Slot changed = slot(number);
+  const int growth = length - changed.length;
+  if (growth == 0) return 0;
+  const int end = data_end();
+  if (growth > free_bytes() || end + growth > table_start(slot_count())) {
+    return failed_unless_set(kCorrupted);
+  }
+  if (changed.length == 0) changed.offset = end;
+  // The bytes behind the slot close up to what of it stays.
+  const int behind = changed.offset + changed.length;
+  const int kept = growth < 0 ? length : 0;
+  const int tail = end - behind;
+  const int shift = changed.length - kept;
+  Byte* const base = bytes_.data();
+  std::memmove(base + changed.offset + kept, base + behind, static_cast<std::size_t>(tail));
+  std::memset(base + end - shift, 0, static_cast<std::size_t>(shift));
+  for (int i = 0; i < slot_count(); ++i) {
+    Slot other = slot(i);
+    if (i == number || other.length == 0 || other.offset < behind) continue;
+    other.offset -= shift;
+    set_slot(i, other);
+  }
+  if (growth > 0) changed.offset += tail;
+  set_slot(number, {length, length == 0 ? 0 : changed.offset});
+  set_word(rpage::kDataEnd, end + growth);
+  set_word(rpage::kFree, free_bytes() - growth);
+  return 0;
+}
+
+int Rpage::rpslfree(int number) {
+  if (rpslchange(number, 0) != 0) return -1;
+  int slots = slot_count();
+  int freed = free_bytes();
+  while (slots > 0 && slot(slots - 1).length == 0) {
+    set_slot(--slots, {0, 0});
+    freed += rpage::kSlotSize;
+  }
+  bytes_[rpage::kSlotCount] = static_cast<Byte>(slots);
+  set_word(rpage::kFree, freed);
+  return 0;
+}
+
+int Rpage::rpsload(int number, ConstBytes source) {
+  const Slot at = number < slots_in_page() ? slot(number) : Slot{};
+  const auto length = static_cast<std::size_t>(std::max(at.length, 0));
+  if (!readable(at) || length < source.size()) return failed_unless_set(kCorrupted);
+  Byte* const to = bytes_.data() + at.offset;
+  if (!source.empty()) std::memcpy(to, source.data(), source.size());
+  std::memset(to + source.size(), 0, length - source.size());
+  return 0;
+}
+
+int Rpage::rpsetext(std::int32_t pointer) {
+  if (slot_count() != 1 || slot(0).length != geometry_.chunk) return failed_unless_set(kCorrupted);
+  common::stlong(pointer, bytes_.data() + rpage::kContinuation);
+  bytes_[rpage::kFlags] |= rpage::kContinues;
+  return 0;
+}
+
+int Rpage::rpmksmall() {
+  if (!is_big()) return failed_unless_set(kCorrupted);
+  common::stlong(0, bytes_.data() + rpage::kContinuation);
+  bytes_[rpage::kFlags] = static_cast<Byte>(bytes_[rpage::kFlags] & ~rpage::kContinues);
+  return 0;
+}
+
+}  // namespace isam

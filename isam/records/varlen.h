@@ -1,0 +1,148 @@
+// varlen: the variable parts of records, in storage pages (rpages) of the index file.
+//
+// A variable part is cut into pieces, each in a slot of an rpage. All but the last piece fill a
+// page of their own and name the next; the last, small piece shares its page with others'. Pages
+// with room stand in four lists by the room they have.
+//
+//   0 used  2 magic  4 next  8 previous  12 free bytes  14 data end  16 continuation  20 flags
+//   21 slots  22 class  23 data -> ...   <- slot table, 4 bytes a slot, from offset S - 6 down
+//
+// Needs   the current file; pointers and pages may hold any bytes
+// Keeps   V1 a slot counts only when its entry lies behind the header and its data in the page
+//         V2 a chain has at most as many pieces as the greatest variable part needs
+// Never   holds more than two pages
+//
+// Failures leave -1 (or no page) and iserrno 105 unless a deeper routine set a code.
+#pragma once
+
+#include <cstdint>
+
+#include "isam/pool/buffers.h"
+
+namespace isam {
+
+// Sizes that follow from the stored node size S of the current file.
+struct RpageGeometry {
+  explicit RpageGeometry(int stored_size)
+      : capacity(rpage::capacity(stored_size)),
+        first_slot(stored_size - 6),
+        chunk(stored_size - 29),
+        class_width((stored_size - 25) / 5 + 1) {}
+
+  int capacity;     // free bytes of an empty page
+  int first_slot;   // offset of slot entry 0; entry i lies 4 * i below it
+  int chunk;        // the largest piece of one slot
+  int class_width;  // free bytes that one class spans
+
+  // Slot entries that lie behind the page's header.
+  [[nodiscard]] int slots_that_fit() const {
+    return (first_slot - rpage::kData) / rpage::kSlotSize + 1;
+  }
+};
+
+// A checked view of a storage page.
+class Rpage {
+ public:
+  struct Slot {
+    int length;
+    int offset;
+  };
+
+  explicit Rpage(const PageHold& page) : bytes_(page.bytes()), geometry_(filep->idxsize) {}
+
+  [[nodiscard]] bool has_magic() const {
+    return common::ldword(bytes_.data() + rpage::kMagicOffset) == rpage::kMagic;
+  }
+  [[nodiscard]] std::int32_t next() const { return field(rpage::kNext); }
+  [[nodiscard]] std::int32_t previous() const { return field(rpage::kPrevious); }
+  [[nodiscard]] int free_bytes() const { return common::ldshort(bytes_.data() + rpage::kFree); }
+  [[nodiscard]] int slot_count() const { return bytes_[rpage::kSlotCount]; }
+  // Slots whose entries lie in the page, whatever the count says.
+  [[nodiscard]] int slots_in_page() const {
+    return std::min(slot_count(), geometry_.slots_that_fit());
+  }
+  [[nodiscard]] int page_class() const { return bytes_[rpage::kClass]; }
+  [[nodiscard]] int data_end() const { return common::ldshort(bytes_.data() + rpage::kDataEnd); }
+  [[nodiscard]] Slot slot(int number) const;
+  // Whether a slot's data can be read: of no length, or between the header and the page's end.
+  [[nodiscard]] bool readable(const Slot& slot) const;
+  [[nodiscard]] bool has_empty_slot() const;
+  [[nodiscard]] bool is_big() const;
+  // The next piece of a big page, 0 for any other page, -1 with 105 when a big page names none.
+  [[nodiscard]] std::int32_t rpgetext() const;
+  [[nodiscard]] const RpageGeometry& geometry() const { return geometry_; }
+
+  void set_next(std::int32_t node) { common::stlong(node, bytes_.data() + rpage::kNext); }
+  void set_previous(std::int32_t node) { common::stlong(node, bytes_.data() + rpage::kPrevious); }
+  void set_page_class(int value) { bytes_[rpage::kClass] = static_cast<Byte>(value); }
+
+  // Changing slots (rpageslots). Each answers 0 (rpslalloc: the slot), or -1 with 105 and the page
+  // as it was.
+  void rpinit();  // lays out a zeroed page
+  [[nodiscard]] int rpslalloc(int size);
+  // A slot that grows loses its data, one that shrinks keeps the first bytes.
+  [[nodiscard]] int rpslchange(int slot, int length);
+  // Frees a slot, and the empty entries at the end of the table with it.
+  [[nodiscard]] int rpslfree(int slot);
+  // Fills a slot, the rest of it with zero bytes.
+  [[nodiscard]] int rpsload(int slot, ConstBytes source);
+  // Makes the page a big one that goes on at `pointer`; makes a big page a small one.
+  [[nodiscard]] int rpsetext(std::int32_t pointer);
+  [[nodiscard]] int rpmksmall();
+
+ private:
+  [[nodiscard]] int table_start(int slots) const {
+    return geometry_.first_slot + rpage::kSlotSize - slots * rpage::kSlotSize;
+  }
+  [[nodiscard]] bool movable() const;
+  void set_word(int offset, int value) {
+    common::stword(static_cast<std::uint32_t>(value), bytes_.data() + offset);
+  }
+  void set_slot(int number, const Slot& slot);
+
+  [[nodiscard]] std::int32_t field(int offset) const {
+    return common::ldlong(bytes_.data() + offset);
+  }
+
+  Bytes bytes_;
+  RpageGeometry geometry_;
+};
+
+// The free-space class that a page's free bytes and slots call for: 0 to 4, or kEmptyClass.
+[[nodiscard]] int rpage_class_of(const Rpage& page);
+
+// A node with the page mark; empty with iserrno otherwise.
+[[nodiscard]] PageHold rpbfread(std::int32_t node);
+// The page of a record pointer, with its slot readable.
+[[nodiscard]] PageHold rppgread(std::int32_t pointer);
+
+// One step of a walk: the pointer of the piece after this one, 0 for none, -1 for a damaged page.
+[[nodiscard]] std::int32_t rprwalk(std::int32_t pointer);
+// Copies up to destination.size() bytes of a variable part; the bytes copied, or -1.
+[[nodiscard]] int rprread(std::int32_t pointer, Bytes destination);
+// Pieces that the greatest variable part of the current file needs, at least one: a length that is
+// damaged hides no page that a record names.
+[[nodiscard]] int greatest_chain();
+
+// Stores a new variable part: its first pointer, 0 for no bytes, -1 on failure.
+[[nodiscard]] std::int32_t rprwrite(ConstBytes source);
+// Replaces a variable part: its first pointer, which may be another one, or -1. Without `release`
+// a part that becomes shorter keeps its storage.
+[[nodiscard]] std::int32_t rprupdate(std::int32_t pointer, ConstBytes source, bool release);
+// Cuts a variable part to its first `length` bytes: 0 or -1.
+[[nodiscard]] int rprtrunc(std::int32_t pointer, int length);
+// Releases all storage of a variable part: 0 or -1.
+[[nodiscard]] int rprfree(std::int32_t pointer);
+// Fills a variable part with zero bytes and keeps its storage: 0 or -1.
+[[nodiscard]] int rprclear(std::int32_t pointer);
+
+// A page with room for a piece of `size` bytes, a fresh one when no list has any.
+[[nodiscard]] PageHold rpgetspc(int size);
+
+// Files a page, held, in the list that its room calls for, and writes it; a page that holds
+// nothing goes back to the free nodes. 0, or -1 (the page is written all the same).
+int rpflmove(PageHold held);
+// Files a page that is on no list.
+int rpfladd(PageHold page);
+
+}  // namespace isam

@@ -1,0 +1,294 @@
+// varwrite: storing, replacing and releasing variable parts.
+#include <algorithm>
+#include <utility>
+
+#include "isam/base/errors.h"
+#include "isam/records/freelists.h"
+#include "isam/records/varlen.h"
+
+namespace isam {
+namespace {
+
+constexpr std::int32_t kMaxPageNode = 0x00FFFFFF;
+
+std::int32_t pointer_of(int slot, std::int32_t node) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(slot) << 24 |
+                                   static_cast<std::uint32_t>(node));
+}
+
+// A variable part in pieces: `big` of the chunk size, then one of `rest` bytes.
+struct Pieces {
+  explicit Pieces(ConstBytes source)
+      : bytes(source), chunk(static_cast<std::size_t>(RpageGeometry{filep->idxsize}.chunk)) {
+    big = (source.size() - 1) / chunk;
+    rest = source.size() - big * chunk;
+  }
+
+  [[nodiscard]] ConstBytes big_piece(std::size_t number) const {
+    return bytes.subspan(number * chunk, chunk);
+  }
+  [[nodiscard]] ConstBytes small_piece() const { return bytes.last(rest); }
+
+  ConstBytes bytes;
+  std::size_t chunk;
+  std::size_t big;
+  std::size_t rest;
+};
+
+PageHold fresh_page() {
+  const std::int32_t node = allocrec(FreeList::kNodes);
+  if (node < 0) return {};
+  if (node > kMaxPageNode) {
+    freerec(node, FreeList::kNodes);
+    failed(kCorrupted);  // a record pointer cannot name it
+    return {};
+  }
+  PageHold page = bfgetclr(node);
+  if (!page) return page;
+  page.set_frame(0, kStoragePage, kStorageLevel);
+  Rpage{page}.rpinit();
+  return page;
+}
+
+// Stores a piece in a slot of its own, going on at `continuation` unless that is 0: its pointer.
+std::int32_t store_piece(ConstBytes piece, std::int32_t continuation) {
+  PageHold page = rpgetspc(static_cast<int>(piece.size()));
+  if (!page) return -1;
+  const std::int32_t node = page.node();
+  Rpage view{page};
+  const int slot = view.rpslalloc(static_cast<int>(piece.size()));
+  bool stored = slot >= 0 && view.rpsload(slot, piece) == 0;
+  if (stored && continuation != 0) stored = view.rpsetext(continuation) == 0;
+  const int filed = rpflmove(std::move(page));
+  return stored && filed == 0 ? pointer_of(slot, node) : -1;
+}
+
+// Stores the big pieces `count` - 1 down to `first`, each pointing to the piece behind it, the last
+// to `pointer`: the pointer of the first of them.
+std::int32_t store_big_pieces(const Pieces& pieces, std::size_t first, std::int32_t pointer) {
+  for (std::size_t i = pieces.big; i > first && pointer != -1; --i) {
+    pointer = store_piece(pieces.big_piece(i - 1), pointer);
+  }
+  return pointer;
+}
+
+// Rewrites a small piece; with `release` in a slot of its length, wherever that is.
+std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bool release) {
+  const auto length = static_cast<int>(piece.size());
+  int slot = rpage::pointer_slot(pointer);
+  Rpage view{page};
+  const int old_length = view.slot(slot).length;
+  int result = 0;
+  if (view.free_bytes() + old_length < length) {
+    if (!release) return failed_unless_set(kCorrupted);
+    page.gives_up();
+    if (view.rpslfree(slot) != 0) return -1;
+    if (view.free_bytes() < length + rpage::kSlotSize) {
+      return rpflmove(std::move(page)) == 0 ? store_piece(piece, 0) : -1;
+    }
+    slot = view.rpslalloc(length);
+    if (slot < 0) result = -1;
+  } else if (length > old_length || (release && length < old_length)) {
+    result = view.rpslchange(slot, length);
+  }
+  if (result == 0) result = view.rpsload(slot, piece);
+  const std::int32_t node = page.node();
+  const int filed = rpflmove(std::move(page));
+  return result == 0 && filed == 0 ? pointer_of(slot, node) : -1;
+}
+
+// Frees the slot of a held piece and files its page; the pointer of the next piece, 0 or -1.
+std::int32_t free_piece(PageHold page, std::int32_t pointer) {
+  Rpage view{page};
+  const std::int32_t next = view.rpgetext();
+  page.gives_up();
+  if (next == -1 || view.rpslfree(rpage::pointer_slot(pointer)) != 0) return -1;
+  return rpflmove(std::move(page)) == 0 ? next : -1;
+}
+
+// One piece of a chain after the other, as many as a chain may have.
+class Walk {
+ public:
+  explicit Walk(std::int32_t pointer) : pointer_(pointer), left_(greatest_chain()) {}
+
+  [[nodiscard]] std::int32_t pointer() const { return pointer_; }
+  // The page of the piece; empty with 105 when the chain is damaged.
+  [[nodiscard]] PageHold page() {
+    if (left_-- <= 0) {
+      failed_unless_set(kCorrupted);
+      return {};
+    }
+    return rppgread(pointer_);
+  }
+  void go_to(std::int32_t pointer) { pointer_ = pointer; }
+
+ private:
+  std::int32_t pointer_;
+  int left_;
+};
+
+// Overwrites a big piece: 0 or -1.
+int rpupbig(ConstBytes piece, const PageHold& page) {
+  page.modified();
+  return Rpage{page}.rpsload(0, piece);
+}
+
+int link_to(std::int32_t from, std::int32_t pointer) {
+  const PageHold page = rppgread(from);
+  if (!page) return -1;
+  page.modified();
+  return Rpage{page}.rpsetext(pointer);
+}
+
+// Replaces the pieces of one chain by those of another variable part.
+class Update {
+ public:
+  Update(std::int32_t pointer, ConstBytes source, bool release)
+      : first_(pointer), walk_(pointer), pieces_(source), release_(release) {}
+
+  std::int32_t run() {
+    PageHold page = walk_.page();
+    if (!page) return -1;
+    std::int32_t next = Rpage{page}.rpgetext();
+    for (; next != 0 && done_ < pieces_.big; ++done_) {
+      if (next == -1 || rpupbig(pieces_.big_piece(done_), page) != 0) return -1;
+      page.release();
+      previous_ = walk_.pointer();
+      walk_.go_to(next);
+      page = walk_.page();
+      if (!page) return -1;
+      next = Rpage{page}.rpgetext();
+    }
+    if (next == -1) return -1;
+    if (next != 0) return release_ ? drop_rest(std::move(page)) : end_here(std::move(page), next);
+    return put_rest(std::move(page));
+  }
+
+ private:
+  // The new part ends before the old chain does: its last page takes the small piece.
+  std::int32_t drop_rest(PageHold page) {
+    while (true) {
+      const std::int32_t next = Rpage{page}.rpgetext();
+      if (next == 0) return put_rest(std::move(page));
+      if (next == -1 || free_piece(std::move(page), walk_.pointer()) == -1) return -1;
+      walk_.go_to(next);
+      page = walk_.page();
+      if (!page) return -1;
+    }
+  }
+
+  // ... and keeps its storage, all zero behind the new part.
+  std::int32_t end_here(PageHold page, std::int32_t next) {
+    if (rpupbig(pieces_.small_piece(), page) != 0) return -1;
+    page.release();
+    return rprclear(next) == 0 ? first_ : -1;
+  }
+
+  std::int32_t put_rest(PageHold page) {
+    std::int32_t pointer =
+        rpupsmall(pieces_.small_piece(), std::move(page), walk_.pointer(), release_);
+    if (pointer != -1) pointer = store_big_pieces(pieces_, done_, pointer);
+    if (pointer == -1) return -1;
+    if (previous_ == 0) return pointer;
+    return link_to(previous_, pointer) == 0 ? first_ : -1;
+  }
+
+  std::int32_t first_;
+  std::int32_t previous_ = 0;  // the last big piece that was overwritten
+  Walk walk_;
+  Pieces pieces_;
+  std::size_t done_ = 0;
+  bool release_;
+};
+
+}  // namespace
+
+PageHold rpgetspc(int size) {
+  const RpageGeometry geometry{filep->idxsize};
+  std::int32_t left = dictp->d_nextnode();  // no list has more pages
+  for (int at = size / geometry.class_width + 1; at < kRpageClasses;) {
+    const std::int32_t head = dictp->d_varfree(at);
+    if (head == 0) {
+      ++at;
+      continue;
+    }
+    PageHold page = rpbfread(head);
+    if (!page) return page;
+    const Rpage view{page};
+    if (view.free_bytes() < size) {
+      // Its class is stale.
+      if (rpflmove(std::move(page)) != 0) return {};
+      if (dictp->d_varfree(at) != head && left-- > 0) continue;
+      failed(kCorrupted);
+      return {};
+    }
+    const bool new_slot =
+        view.slot_count() < rpage::kMaxSlots && view.free_bytes() >= size + rpage::kSlotSize;
+    if (new_slot || view.has_empty_slot()) return page;
+    ++at;
+  }
+  return fresh_page();
+}
+
+std::int32_t rprwrite(ConstBytes source) {
+  if (source.empty()) return 0;
+  const Pieces pieces{source};
+  const std::int32_t pointer = store_piece(pieces.small_piece(), 0);
+  return pointer == -1 ? -1 : store_big_pieces(pieces, 0, pointer);
+}
+
+std::int32_t rprupdate(std::int32_t pointer, ConstBytes source, bool release) {
+  if (pointer == 0) return rprwrite(source);
+  if (!source.empty()) return Update{pointer, source, release}.run();
+  if (!release) return rprclear(pointer) == 0 ? pointer : -1;
+  return rprfree(pointer);
+}
+
+int rprfree(std::int32_t pointer) {
+  Walk walk{pointer};
+  while (walk.pointer() != 0) {
+    PageHold page = walk.page();
+    if (!page) return -1;
+    const std::int32_t next = free_piece(std::move(page), walk.pointer());
+    if (next == -1) return -1;
+    walk.go_to(next);
+  }
+  return 0;
+}
+
+int rprclear(std::int32_t pointer) {
+  Walk walk{pointer};
+  while (walk.pointer() != 0) {
+    const PageHold page = walk.page();
+    if (!page) return -1;
+    Rpage view{page};
+    page.modified();
+    if (view.rpsload(rpage::pointer_slot(walk.pointer()), {}) != 0) return -1;
+    const std::int32_t next = view.rpgetext();
+    if (next == -1) return -1;
+    walk.go_to(next);
+  }
+  return 0;
+}
+
+int rprtrunc(std::int32_t pointer, int length) {
+  if (length < 1) return rprfree(pointer);
+  const int chunk = RpageGeometry{filep->idxsize}.chunk;
+  Walk walk{pointer};
+  for (; length > chunk; length -= chunk) {
+    const std::int32_t next = rprwalk(walk.pointer());
+    if (next == -1 || next == 0) return failed_unless_set(kCorrupted);
+    walk.go_to(next);
+  }
+  PageHold page = walk.page();
+  if (!page) return -1;
+  Rpage view{page};
+  const std::int32_t next = view.rpgetext();
+  if (next == -1 || (next != 0 && view.rpmksmall() != 0)) return -1;
+  const int slot = rpage::pointer_slot(walk.pointer());
+  if (view.slot(slot).length < length) return failed_unless_set(kCorrupted);
+  if (view.rpslchange(slot, length) != 0 || rpflmove(std::move(page)) != 0) return -1;
+  return rprfree(next);
+}
+
+}  // namespace isam

@@ -1,0 +1,309 @@
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "isam/base/errors.h"
+#include "isam/records/freelists.h"
+#include "isam/tree/btree.h"
+#include "isam/tree/treenode.h"
+
+namespace isam {
+namespace {
+
+constexpr int kLargestItem = 2 + MAXKEYLEN + 4 + kRecordPointerSize;
+// An old item area, the item inserted and the growth of the item behind it.
+constexpr std::size_t kScratchSize = kMaxNodeSize + 2 * kLargestItem;
+
+struct Frame {
+  Byte node_type;
+  Byte level;
+};
+
+// Gives a node back after a failure, whose reason stays in iserrno.
+void give_back(std::int32_t node) {
+  const std::int32_t reason = iserrno;
+  freerec(node, FreeList::kNodes);
+  iserrno = reason;
+}
+
+// Whether the insertion is at the right edge of the whole tree: ascending keys.
+bool btlarge() {
+  for (int depth = 0; depth < bt.depth; ++depth) {
+    if (bt.level(depth).next != bt.level(depth).length) return false;
+  }
+  return bt.level(bt.depth).offset == bt.level(bt.depth).length;
+}
+
+// Inserts into the nodes of the path, from the leaf up as far as nodes overflow. Everything above
+// a node has been changed before the node itself is, so that a failure leaves the tree as it was.
+class Insertion {
+ public:
+  explicit Insertion(const keydescr& k)
+      : layout_(k), right_edge_(btlarge()), limit_(item_area_limit(filep->idxsize)) {}
+
+  // Inserts at the path's place at `depth`: 0, or -1 with iserrno.
+  int btinsert(Item& item, int depth) const;
+
+ private:
+  // How an item goes between its neighbours.
+  struct Seam {
+    Item next;  // the item behind it, pressed anew
+    bool has_next;
+    int old_next_end;  // where that item ended; without one, the place of insertion
+    int total;         // length of the whole area afterwards
+  };
+  // A split of an item area behind one of its items.
+  struct Cut {
+    int start;       // of that item
+    int end;         // of that item
+    int first_end;   // of the item behind it
+    Item separator;  // that item as it was
+    Item last;       // that item as the left part's last
+    Item first;      // the item behind it as the right part's first
+  };
+  // An item area that is too long for its node.
+  struct Overflow {
+    std::int32_t node;
+    int depth;
+    Frame frame;
+    int old_length;
+    int inserted_end;
+    ConstBytes area;
+  };
+
+  [[nodiscard]] bool plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam) const;
+  void weave(Bytes area, int length, int pos, const Item& item, const Seam& seam) const;
+  [[nodiscard]] bool cut_at(const Overflow& full, int least_end, Cut& cut) const;
+  [[nodiscard]] bool choose_cut(const Overflow& full, Cut& cut) const;
+  int split(const Overflow& full, const Cut& cut) const;
+  int split_root(const Overflow& full, const Cut& cut) const;
+  void put_left(std::int32_t node, const Overflow& full, const Cut& cut) const;
+  void put_right(std::int32_t node, const Overflow& full, const Cut& cut) const;
+
+  ItemLayout layout_;
+  bool right_edge_;
+  int limit_;  // bytes of a node's item area
+};
+
+// Presses the item at `pos` and the one behind it. False when the area's bytes make no items.
+bool Insertion::plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam) const {
+  const auto length = static_cast<int>(area.size());
+  if (pos > length || (!leaf && pos == length)) return false;
+  Item prev;
+  item.flag = 0;
+  if (pos > 0) {
+    const WalkStart start = leaf ? btwalkstart(item) : WalkStart{};
+    if (itprevious(layout_, area, pos, prev, start) < 0) return false;
+    itpress(layout_, &prev, item, Press::kAfter);
+  } else {
+    itpress(layout_, nullptr, item, Press::kFirst);
+  }
+  seam.total = length + item.totln;
+  seam.old_next_end = pos;
+  seam.has_next = pos < length;
+  if (!seam.has_next) return true;
+  seam.old_next_end = itunpack(layout_, area, pos, pos > 0 ? prev.key : kNoKey, seam.next);
+  if (seam.old_next_end < 0) return false;
+  seam.total -= seam.next.totln;
+  // The key of an upper node's last item carries no meaning, and a repeated one compresses best.
+  if (!leaf && seam.old_next_end == length) {
+    std::memcpy(seam.next.key, item.key, static_cast<std::size_t>(layout_.keylen));
+  }
+  itpress(layout_, &item, seam.next, Press::kAfter);
+  seam.total += seam.next.totln;
+  return true;
+}
+
+void Insertion::weave(Bytes area, int length, int pos, const Item& item, const Seam& seam) const {
+  const int rest = length - seam.old_next_end;
+  Byte* const bytes = area.data();
+  std::memmove(bytes + seam.total - rest, bytes + seam.old_next_end,
+               static_cast<std::size_t>(rest));
+  pos = itpack(layout_, item, area, pos);
+  if (seam.has_next) itpack(layout_, seam.next, area, pos);
+  if (seam.total < length) {
+    std::memset(bytes + seam.total, 0, static_cast<std::size_t>(length - seam.total));
+  }
+}
+
+int Insertion::btinsert(Item& item, int depth) const {
+  const PathLevel& at = bt.level(depth);
+  std::array<Byte, kScratchSize> scratch;
+  Seam seam;
+  Frame frame{};
+  {
+    TreeNode node{at.node};
+    if (!node) return -1;
+    if (node.length() != at.length || !plan(node.area(), at.offset, node.is_leaf(), item, seam)) {
+      return failed(kCorrupted);
+    }
+    if (seam.total <= limit_) {
+      weave(node.room(), at.length, at.offset, item, seam);
+      node.changed(seam.total);
+      return 0;
+    }
+    frame = {node.page().node_type(), node.page().level()};
+    std::memcpy(scratch.data(), node.area().data(), node.area().size());
+  }
+  weave(scratch, at.length, at.offset, item, seam);
+  const Overflow full{at.node,
+                      depth,
+                      frame,
+                      at.length,
+                      at.offset + item.totln,
+                      {scratch.data(), static_cast<std::size_t>(seam.total)}};
+  Cut cut;
+  if (!choose_cut(full, cut)) return failed(kCorrupted);
+  return depth > 0 ? split(full, cut) : split_root(full, cut);
+}
+
+// Cuts behind the first item that ends at or beyond `least_end`: whether both parts fit a node.
+bool Insertion::cut_at(const Overflow& full, int least_end, Cut& cut) const {
+  const auto total = static_cast<int>(full.area.size());
+  Item before;
+  cut.end = 0;
+  const Byte* previous = kNoKey;
+  do {
+    cut.start = cut.end;
+    if (cut.start > 0) before = cut.separator;
+    cut.end = itunpack(layout_, full.area, cut.start, previous, cut.separator);
+    previous = cut.separator.key;
+  } while (cut.end >= 0 && cut.end < least_end && cut.end < total);
+  if (cut.end < 0 || cut.end >= total) {
+    cut.end = total;
+    return false;
+  }
+  cut.last = cut.separator;
+  if (full.frame.level != kLeafLevel) {
+    const Press press = cut.start > 0 ? Press::kRepeat : Press::kFirst;
+    itpress(layout_, &before, cut.last, press);
+  }
+  cut.last.flag &= ~kNextRepeats;
+  cut.first_end = itunpack(layout_, full.area, cut.end, cut.separator.key, cut.first);
+  itpress(layout_, nullptr, cut.first, Press::kFirst);
+  return cut.first_end >= 0 && cut.start + cut.last.totln <= limit_ &&
+         cut.first.totln + total - cut.first_end <= limit_;
+}
+
+bool Insertion::choose_cut(const Overflow& full, Cut& cut) const {
+  // Ascending keys leave full nodes behind.
+  if (right_edge_) {
+    const bool leaf = full.frame.level == kLeafLevel;
+    if (cut_at(full, leaf ? full.old_length : full.inserted_end, cut)) return true;
+  }
+  if (cut_at(full, limit_ / 2, cut)) return true;
+  // A small node may hold so few large items that neither fits.
+  const auto total = static_cast<int>(full.area.size());
+  for (int least_end = 1; least_end < total; least_end = cut.end + 1) {
+    if (cut_at(full, least_end, cut)) return true;
+  }
+  return false;
+}
+
+void Insertion::put_left(std::int32_t node, const Overflow& full, const Cut& cut) const {
+  PageHold page = bfgetclr(node);
+  if (!page) return;
+  const Bytes area = page.bytes().subspan(kUsedBytes);
+  std::memcpy(area.data(), full.area.data(), static_cast<std::size_t>(cut.start));
+  const int length = itpack(layout_, cut.last, area, cut.start);
+  page.set_frame(length + kUsedBytes, full.frame.node_type, full.frame.level);
+}
+
+void Insertion::put_right(std::int32_t node, const Overflow& full, const Cut& cut) const {
+  PageHold page = bfgetclr(node);
+  if (!page) return;
+  const Bytes area = page.bytes().subspan(kUsedBytes);
+  const int start = itpack(layout_, cut.first, area, 0);
+  const ConstBytes rest = full.area.subspan(static_cast<std::size_t>(cut.first_end));
+  std::memcpy(area.data() + start, rest.data(), rest.size());
+  page.set_frame(start + static_cast<int>(rest.size()) + kUsedBytes, full.frame.node_type,
+                 full.frame.level);
+}
+
+// The left part goes to a new node, whose last item becomes the separator in the parent.
+int Insertion::split(const Overflow& full, const Cut& cut) const {
+  Item separator = cut.separator;
+  separator.recptr = allocrec(FreeList::kNodes);
+  if (separator.recptr < 0) return -1;
+  put_left(separator.recptr, full, cut);
+  if (btinsert(separator, full.depth - 1) != 0) {
+    give_back(separator.recptr);
+    return -1;
+  }
+  put_right(full.node, full, cut);
+  return 0;
+}
+
+// Both parts of the root go to new nodes, and it keeps an item for each.
+int Insertion::split_root(const Overflow& full, const Cut& cut) const {
+  Item left = cut.separator;
+  Item right = cut.separator;
+  left.flag = right.flag = 0;
+  itpress(layout_, nullptr, left, Press::kFirst);
+  itpress(layout_, &left, right, Press::kRepeat);
+  if (left.totln + right.totln > limit_ || full.frame.level >= kFreeLevel) {
+    return failed(kCorrupted);
+  }
+  left.recptr = allocrec(FreeList::kNodes);
+  if (left.recptr < 0) return -1;
+  right.recptr = allocrec(FreeList::kNodes);
+  if (right.recptr < 0) {
+    give_back(left.recptr);
+    return -1;
+  }
+  put_left(left.recptr, full, cut);
+  put_right(right.recptr, full, cut);
+  PageHold page = bfgetclr(full.node);
+  if (!page) return -1;
+  const Bytes area = page.bytes().subspan(kUsedBytes);
+  const int length = itpack(layout_, right, area, itpack(layout_, left, area, 0));
+  page.set_frame(length + kUsedBytes, full.frame.node_type,
+                 static_cast<Byte>(full.frame.level + 1));
+  return 0;
+}
+
+// An equal item may end the leaf before the one that the search came to.
+int check_item_before(Item& item, const keydescr& k) {
+  if (bt.level(bt.depth).offset != 0 || bt.ends != kOnItem) return 0;
+  if (btmove(k, Direction::kPrevious) != 0) return -1;
+  if (bt.ends == kOnItem && itcompare(treeitem, item, KeyOrder{k}) == 0) {
+    const ItemLayout layout{k};
+    if (!layout.dups || treeitem.dupnm >= layout.greatest_dupnm()) return failed(kDuplicate);
+    bt.state |= kSameKeyNearby;
+    item.dupnm = std::max(item.dupnm, treeitem.dupnm + 1);
+  }
+  return btmove(k, Direction::kNext);
+}
+
+// Inserts at the path's place.
+int insert_here(Item item, const keydescr& k) {
+  if (bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);
+  return Insertion{k}.btinsert(item, bt.depth);
+}
+
+int add_item(Item& item, const keydescr& k) {
+  if (btsearch(item, k, 0, Search::kInsert) != 0 || check_item_before(item, k) != 0) return -1;
+  const ItemLayout layout{k};
+  if (layout.dups && item.dupnm > layout.greatest_dupnm()) return failed(kDuplicate);
+  return insert_here(item, k);
+}
+
+int return_item(Item item, const keydescr& k) {
+  return btsearch(item, k, 0, Search::kReturn) != 0 ? -1 : insert_here(item, k);
+}
+
+}  // namespace
+
+int btadditem(Item& item, const keydescr& k) {
+  const int result = k.nparts == 0 ? 0 : add_item(item, k);
+  btchanged();
+  return result;
+}
+
+int btreturnitem(const Item& item, const keydescr& k) {
+  const int result = k.nparts == 0 ? 0 : return_item(item, k);
+  btchanged();
+  return result;
+}
+
+}  // namespace isam

@@ -1,0 +1,207 @@
+#include <array>
+#include <cstring>
+
+#include "isam/base/errors.h"
+#include "isam/base/walklimit.h"
+#include "isam/records/freelists.h"
+#include "isam/tree/btree.h"
+#include "isam/tree/treenode.h"
+
+namespace isam {
+namespace {
+
+// A node as it was, to be put back.
+class NodeImage {
+ public:
+  // False with iserrno when the node cannot be read.
+  [[nodiscard]] bool take(std::int32_t number) {
+    TreeNode node{number};
+    if (!node) return false;
+    node_type_ = node.page().node_type();
+    level_ = node.page().level();
+    length_ = node.length();
+    std::memcpy(area_.data(), node.area().data(), node.area().size());
+    return true;
+  }
+  void put(std::int32_t number) const {
+    PageHold page = bfgetclr(number);
+    if (!page) return;
+    std::memcpy(page.data() + kUsedBytes, area_.data(), static_cast<std::size_t>(length_));
+    page.set_frame(length_ + kUsedBytes, node_type_, level_);
+  }
+
+  [[nodiscard]] bool is_tree_node() const { return node_type_ == kTreeNode; }
+  [[nodiscard]] bool is_leaf() const { return level_ == kLeafLevel; }
+  [[nodiscard]] ConstBytes area() const {
+    return {area_.data(), static_cast<std::size_t>(length_)};
+  }
+
+ private:
+  Byte node_type_ = 0;
+  Byte level_ = 0;
+  int length_ = 0;
+  std::array<Byte, kMaxNodeSize> area_;
+};
+
+// Takes the item at `pos` out of an area: its new length, or -1 with 105 and nothing changed.
+int take_out(const ItemLayout& layout, Bytes room, int length, int pos, const WalkStart& start) {
+  const ConstBytes area = room.first(static_cast<std::size_t>(length));
+  Item prev;
+  Item gone;
+  if (pos >= length || (pos > 0 && itprevious(layout, area, pos, prev, start) < 0)) {
+    return failed(kCorrupted);
+  }
+  const int end = itunpack(layout, area, pos, pos > 0 ? prev.key : kNoKey, gone);
+  if (end < 0) return failed(kCorrupted);
+  int total = pos;
+  if (end < length) {
+    Item next;
+    const int next_end = itunpack(layout, area, end, gone.key, next);
+    if (next_end < 0) return failed(kCorrupted);
+    itpress(layout, &prev, next, pos > 0 ? Press::kAfter : Press::kFirst);
+    const int rest = length - next_end;
+    total = pos + next.totln + rest;
+    if (total > static_cast<int>(room.size())) return failed(kCorrupted);
+    std::memmove(room.data() + total - rest, room.data() + next_end,
+                 static_cast<std::size_t>(rest));
+    itpack(layout, next, room, pos);
+  } else if (pos > 0) {
+    room[static_cast<std::size_t>(pos - kRecordPointerSize)] &= kRecordPointerMask;
+  }
+  if (total < length) {
+    std::memset(room.data() + total, 0, static_cast<std::size_t>(length - total));
+  }
+  return total;
+}
+
+// Removes the path's item from its node at `depth`. Only the root may become empty by that.
+int remove_item(const ItemLayout& layout, int depth, const WalkStart& start = {}) {
+  const PathLevel& at = bt.level(depth);
+  TreeNode node{at.node};
+  if (!node) return -1;
+  if (node.length() != at.length) return failed(kCorrupted);
+  const int length = take_out(layout, node.room(), at.length, at.offset, start);
+  if (length < 0) return -1;
+  node.changed(length);
+  if (length == 0) node.page().set_frame(kUsedBytes, node.page().node_type(), kLeafLevel);
+  return 0;
+}
+
+// The lowest level of the path whose node keeps items when those below it go, or the root; -1 with
+// iserrno.
+int lowest_level_kept(const ItemLayout& layout) {
+  int depth = bt.depth;
+  for (; depth > 0; --depth) {
+    const TreeNode node{bt.level(depth).node};
+    StoredItem only;
+    if (!node) return -1;
+    if (node.length() == 0 || !itlocate(layout, node.area(), 0, only)) return failed(kCorrupted);
+    if (only.end < node.length()) break;
+  }
+  return depth;
+}
+
+// Frees a node whose only item goes: 0, or -1 with iserrno and the node as it was.
+int free_emptied(std::int32_t number) {
+  NodeImage before;
+  if (!before.take(number)) return -1;
+  NodeImage{}.put(number);
+  if (freerec(number, FreeList::kNodes) == 0) return 0;
+  before.put(number);
+  return -1;
+}
+
+// Removes the item on the path, and with it the nodes that it leaves empty. A walk to the item
+// before it may begin at `start`.
+int btremove(const ItemLayout& layout, const WalkStart& start) {
+  const int top = lowest_level_kept(layout);
+  if (top < 0) return -1;
+  if (top == bt.depth) return remove_item(layout, top, start);
+  NodeImage before;
+  if (!before.take(bt.level(top).node) || remove_item(layout, top) != 0) return -1;
+  if (free_emptied(bt.level(bt.depth).node) != 0) {
+    before.put(bt.level(top).node);
+    return -1;
+  }
+  // A node above it that cannot be freed is lost to the file; the tree is sound without it.
+  const std::int32_t error = iserrno;
+  for (int depth = bt.depth - 1; depth > top; --depth) free_emptied(bt.level(depth).node);
+  iserrno = error;
+  return 0;
+}
+
+int delete_item(Item& item, const keydescr& k) {
+  Item sought = item;
+  if (btsearch(sought, k, 0, Search::kRead) != 0) return -1;
+  const KeyOrder order{k};
+  WalkStart start = bt.ends == kOnItem ? btwalkstart(sought) : WalkStart{};
+  WalkLimit walk;
+  while ((bt.ends & kAfterLast) == 0 && itcompare(treeitem, sought, order) == 0) {
+    if (treeitem.recptr == sought.recptr) {
+      item.dupnm = treeitem.dupnm;
+      return btremove(ItemLayout{k}, start);
+    }
+    if (walk.exceeded()) return failed(kCorrupted);
+    const PathLevel passed = bt.level(bt.depth);
+    if (btmove(k, Direction::kNext) != 0) return -1;
+    // Equal keys that are not bytewise may have other bytes.
+    const bool same_node = bt.level(bt.depth).node == passed.node && order.bytewise();
+    start = same_node ? WalkStart{passed.offset, sought.key} : WalkStart{};
+  }
+  return failed(kNoRecord);
+}
+
+class Recovery {
+ public:
+  explicit Recovery(const keydescr& k) : layout_(k), budget_(dictp->d_nextnode()) {}
+
+  int free_subtree(std::int32_t number, int depth);
+
+ private:
+  int free_children(ConstBytes area, int depth);
+
+  ItemLayout layout_;
+  std::int32_t budget_;  // nodes that may still be met
+};
+
+int Recovery::free_children(ConstBytes area, int depth) {
+  int result = 0;
+  StoredItem stored;
+  for (int pos = 0; pos < static_cast<int>(area.size()); pos = stored.end) {
+    if (!itlocate(layout_, area, pos, stored)) return failed(kCorrupted);
+    const Byte* const pointer = area.data() + stored.end - kRecordPointerSize;
+    if (free_subtree(stored_recptr(pointer), depth) != 0) result = -1;
+  }
+  return result;
+}
+
+int Recovery::free_subtree(std::int32_t number, int depth) {
+  if (depth == kMaxTreeLevels || budget_ == 0 || number > dictp->d_nextnode()) {
+    return failed(kCorrupted);
+  }
+  --budget_;
+  NodeImage node;
+  if (!node.take(number)) return -1;
+  const bool astray = depth > 0 && node.area().empty();
+  if (!node.is_tree_node() || astray) return failed(kCorrupted);
+  // Empty from now on, so that a second way to it leads nowhere.
+  NodeImage{}.put(number);
+  const int children = node.is_leaf() ? 0 : free_children(node.area(), depth + 1);
+  const int freed = freerec(number, FreeList::kNodes);
+  return children == 0 ? freed : -1;
+}
+
+}  // namespace
+
+int btdelitem(Item& item, const keydescr& k) {
+  const int result = k.nparts == 0 ? 0 : delete_item(item, k);
+  btchanged();
+  return result;
+}
+
+int btrecover(std::int32_t root, const keydescr& k) {
+  btchanged();
+  return root == 0 ? 0 : Recovery{k}.free_subtree(root, 0);
+}
+
+}  // namespace isam

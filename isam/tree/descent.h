@@ -1,0 +1,61 @@
+// descent: the place of one item in the nodes of a search path, one node after the other.
+//
+// Gives   per node the first item that is greater than the one sought, or the node's last
+// Never   puts more keys together than the search needs: in a compressed node an item that takes
+//         more bytes from its predecessor than this shares with the item sought is passed over
+#pragma once
+
+#include "isam/tree/btree.h"
+#include "isam/tree/treenode.h"
+
+namespace isam {
+
+class Descent {
+ public:
+  // Both items must outlive the descent. The duplicate number of `sought` is raised in the mode
+  // kInsert; `found` is working space until take() is called.
+  Descent(Item& sought, Item& found, const keydescr& k, int len, Search mode);
+
+  // Sets the offsets of `level` to the item chosen. False with iserrno: 105 when the node's items
+  // cannot be read, 100 when an equal item forbids the insertion.
+  [[nodiscard]] bool choose(const TreeNode& node, PathLevel& level);
+
+  // Of the node chosen from last: whether the item chosen is greater than the one sought, and
+  // whether a leaf item was equal, as far as the search met it.
+  [[nodiscard]] bool on_greater() const { return greater_; }
+  [[nodiscard]] bool met_equal() const { return met_equal_; }
+  // ... and of the items passed, one that takes its leading bytes from the key sought; 0 for none.
+  [[nodiscard]] int passed() const { return from_; }
+
+  // Leaves that greater item of a leaf unpacked in `found`: false with 105 when its bytes make no
+  // item.
+  [[nodiscard]] bool take(const TreeNode& node, const PathLevel& leaf);
+
+ private:
+  bool choose_fixed(ConstBytes area, PathLevel& level);
+  bool choose_reading(ConstBytes area, PathLevel& level);
+  bool choose_skipping(ConstBytes area, PathLevel& level);
+  int compare_bytes(const StoredItem& stored, int& match) const;
+  int break_tie(std::int32_t dupnm);
+  int compare_fixed(ConstBytes area, int pos);
+  // The key of an upper node's last item carries no meaning; but an insertion among equals takes a
+  // duplicate number above that item's too, where it repeats the key.
+  [[nodiscard]] bool covers_all(bool last) const { return last && !leaf_ && !numbers_; }
+  bool settle(PathLevel& level, int offset, int next, int result);
+
+  Item& sought_;
+  Item& found_;
+  ItemLayout layout_;
+  KeyOrder order_;
+  int len_;
+  Search mode_;
+  bool numbers_;  // an item of an index with duplicates is to be inserted
+  bool skips_;    // keys are decided by their first differing byte, and compared whole
+  int from_ = 0;
+  bool leaf_ = false;
+  bool greater_ = false;
+  bool met_equal_ = false;
+  bool refused_ = false;  // there is an equal item that forbids this one
+};
+
+}  // namespace isam
