@@ -11,7 +11,7 @@
 #include "checker/repair.h"
 #include "checker/resize.h"
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/files/dictionary.h"
 #include "isam/files/files.h"
 #include "isam/files/locks.h"
@@ -36,7 +36,7 @@ void cut_suffix(std::string& name) {
 
 // Opens the pair and makes it current; false when that failed.
 bool open_pair(const Check& check, const std::string& name) {
-  isam::OpenRecord* open = isam::allocopen();
+  isam::Open* open = isam::allocopen();
   if (open == nullptr) return false;
   const bool changes_nothing = check.options.nflag != 0;
   const int access = changes_nothing ? ISINPUT : ISINOUT;
@@ -152,7 +152,7 @@ void rebuild_free_lists(Check& check) {
 }
 
 // From the highest number down, so that removals do not shift the numbers still to come.
-void settle_indexes(Check& check, const Repair& repair) {
+void apply_index_verdicts(Check& check, const Repair& repair) {
   for (int n = static_cast<int>(check.idxflag.size()) - 1; n >= 1; --n) {
     if (repair.has_failed()) return;
     switch (check.idxflag[static_cast<std::size_t>(n)]) {
@@ -196,7 +196,7 @@ bool check_and_repair(Check& check, Repair& repair) {
   ckifree(check);
   if (!repair.begin()) return false;
   rebuild_free_lists(check);
-  settle_indexes(check, repair);
+  apply_index_verdicts(check, repair);
   tell_why_refused(check);
   return true;
 }

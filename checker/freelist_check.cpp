@@ -222,7 +222,7 @@ void list_unused_nodes(Check& check, std::int32_t highest) {
 
 // The parts of the file that stand at nodes which it does not hold. Numbers past `last` will be
 // given to others: nothing may go on naming them.
-void settle_missing_nodes(Check& check, std::int32_t last) {
+void cut_references_past_end(Check& check, std::int32_t last) {
   if (isam::kycutchain(check.idxreal, last) != 0) check.prterr();
   const std::int32_t audit = dictp->d_auditnode();
   if (audit <= last) {
@@ -295,7 +295,7 @@ void makifree(Check& check) {
   dictp->set_d_freenode(0);
   isam::dictmodify();
   list_unused_nodes(check, highest);
-  settle_missing_nodes(check, highest);
+  cut_references_past_end(check, highest);
 }
 
 void makdfree(Check& check) {

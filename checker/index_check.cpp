@@ -54,7 +54,7 @@ IndexVerdict check_index(Check& check, int n, const keydescr& k) {
   return verdict;
 }
 
-void settle_index_count(Check& check, int counted) {
+void repair_index_count(Check& check, int counted) {
   if (counted == dictp->d_nkeys()) return;
   check.found(Code::kBadIndexCount, {.found = dictp->d_nkeys(), .expected = counted});
   if (!check.ask(Question::kIndexCount)) return;
@@ -81,7 +81,7 @@ bool ckindex(Check& check) {
       case isam::KeyChain::Step::kEnd:
       case isam::KeyChain::Step::kUnreadable:
         check.pass_over_error();
-        settle_index_count(check, n - 1);
+        repair_index_count(check, n - 1);
         return true;
     }
     if (k.nparts > 0 && isam::kylegal(k, isam::filep->reclen) != 0) {

@@ -35,7 +35,7 @@ int clear_root(std::int32_t root) {
 }
 
 // The node that the new tree grows from: 0 or more, or -1 with iserrno.
-std::int32_t settle_root(Check& check, int n, const keydescr& k) {
+std::int32_t root_for_new_tree(Check& check, int n, const keydescr& k) {
   if (claim_root(check, k.rootnode)) return k.rootnode;
   const std::int32_t fresh = isam::allocrec(isam::FreeList::kNodes);
   if (fresh < 0 || isam::kysetroot(n, fresh) != 0) return -1;
@@ -79,7 +79,7 @@ int fill_index(Check& check, int n, const keydescr& k) {
     if (gather_keys(check, gathered.mapped()) != 0) return -1;
   }
   isam::IndexLoad& load = gathered.mapped();
-  const std::int32_t root = settle_root(check, n, k);
+  const std::int32_t root = root_for_new_tree(check, n, k);
   if (root < 0 || clear_root(root) != 0) return -1;
   Progress progress("Loading an index", check.datmap.cntmap());
   return load.finish(root, {.left_out =

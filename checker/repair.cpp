@@ -16,7 +16,7 @@
 #include "common/filecopy.h"
 #include "common/io.h"
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/files/files.h"
 #include "isam/files/locks.h"
 #include "isam/pool/buffers.h"

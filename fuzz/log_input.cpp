@@ -8,7 +8,7 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 
 namespace {
 
-namespace record = isam::txlog::record;
+namespace log_record = isam::txlog::log_record;
 using Bytes = std::vector<std::uint8_t>;
 
 struct Place {
@@ -18,9 +18,9 @@ struct Place {
 
 std::vector<Place> records_in(const Bytes& log) {
   std::vector<Place> records;
-  for (std::size_t at = 1; at + record::kSmallest <= log.size();) {
+  for (std::size_t at = 1; at + log_record::kSmallest <= log.size();) {
     const auto length = std::size_t{common::ldword(&log[at])};
-    if (length < record::kSmallest || length > log.size() - at) break;
+    if (length < log_record::kSmallest || length > log.size() - at) break;
     records.push_back({at, length});
     at += length;
   }
@@ -29,13 +29,13 @@ std::vector<Place> records_in(const Bytes& log) {
 
 // The bytes of a record from its type on, changed somehow.
 Bytes changed_record(const Bytes& log, const Place& place) {
-  constexpr std::size_t kLengths = record::kType + record::kTrailer;
+  constexpr std::size_t kLengths = log_record::kType + log_record::kTrailer;
   const auto start = log.begin() + static_cast<std::ptrdiff_t>(place.at);
-  Bytes inner(start + record::kType,
-              start + static_cast<std::ptrdiff_t>(place.length) - record::kTrailer);
+  Bytes inner(start + log_record::kType,
+              start + static_cast<std::ptrdiff_t>(place.length) - log_record::kTrailer);
   const std::size_t size = inner.size();
-  inner.resize(std::min(record::kGreatest - kLengths, 2 * size + 64));
-  inner.resize(std::max<std::size_t>(record::kPayload - record::kType,
+  inner.resize(std::min(log_record::kGreatest - kLengths, 2 * size + 64));
+  inner.resize(std::max<std::size_t>(log_record::kPayload - log_record::kType,
                                      LLVMFuzzerMutate(inner.data(), size, inner.size())));
   std::array<std::uint8_t, 2> length{};
   common::stword(static_cast<std::uint32_t>(inner.size() + kLengths), length.data());

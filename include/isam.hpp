@@ -23,10 +23,10 @@
 #include "isam/failures.hpp"
 #include "isam/fields.hpp"
 #include "isam/file.hpp"
-#include "isam/keys.hpp"
-#include "isam/locks.hpp"
+#include "isam/key.hpp"
+#include "isam/lock.hpp"
 #include "isam/ranges.hpp"
-#include "isam/transactions.hpp"
+#include "isam/transaction.hpp"
 
 namespace zentra {
 

@@ -60,9 +60,9 @@ struct Message {
 std::optional<Message> message_of(const LogRecord& logged) {
   using namespace message_record;
   const ConstBytes bytes = logged.bytes();
-  const std::size_t end = bytes.size() - record::kTrailer;
+  const std::size_t end = bytes.size() - log_record::kTrailer;
   // Without a text there are only three of the status characters.
-  if (bytes.size() < record::kSmallest || end < kText - 1) return std::nullopt;
+  if (bytes.size() < log_record::kSmallest || end < kText - 1) return std::nullopt;
   const std::string_view all{reinterpret_cast<const char*>(bytes.data()), end};
   return Message{common::ldword(&bytes[kError]), common::ldword(&bytes[kSystemError]),
                  common::ldword(&bytes[kPlace]), all.substr(kStatus, kText - kStatus),
@@ -284,8 +284,8 @@ std::string dump_of(const LogRecord& record) {
     }
   }
   const std::size_t size = record.bytes().size();
-  if (is_sound(record) || size <= record::kSmallest) return {};
-  return dump_text(record.bytes().subspan(record::kPayload, size - record::kSmallest));
+  if (is_sound(record) || size <= log_record::kSmallest) return {};
+  return dump_text(record.bytes().subspan(log_record::kPayload, size - log_record::kSmallest));
 }
 
 bool is_sound(const LogRecord& record) {

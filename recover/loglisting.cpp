@@ -13,7 +13,7 @@
 namespace recover {
 namespace {
 
-namespace record = isam::txlog::record;
+namespace log_record = isam::txlog::log_record;
 using isam::txlog::kMagicSize;
 using isam::txlog::LogWindow;
 
@@ -38,7 +38,7 @@ class Listing {
         return Status::kFailed;
       }
       if (logged.bytes().empty()) break;
-      if (logged.length() < record::kSmallest) {
+      if (logged.length() < log_record::kSmallest) {
         damage(offset, "a record cannot be " + std::to_string(logged.length()) +
                            " bytes long; nothing behind it can be read");
         return finish();
@@ -67,7 +67,7 @@ class Listing {
 
   void check(const LogRecord& logged, std::int64_t offset) {
     const auto size = static_cast<std::size_t>(logged.length());
-    const int trailer = common::ldword(&logged.bytes()[size - record::kTrailer]);
+    const int trailer = common::ldword(&logged.bytes()[size - log_record::kTrailer]);
     const isam::txlog::Link previous = logged.previous();
     if (trailer != logged.length()) {
       damage(offset, "the record is " + std::to_string(logged.length()) +

@@ -13,7 +13,8 @@ namespace {
 
 constexpr mode_t kPermissions = 0666;
 
-constexpr std::size_t kLongestText = record::kGreatest - message_record::kText - record::kTrailer;
+constexpr std::size_t kLongestText =
+    log_record::kGreatest - message_record::kText - log_record::kTrailer;
 
 std::int32_t now() { return static_cast<std::int32_t>(std::time(nullptr)); }
 
@@ -32,7 +33,7 @@ int ErrorLog::opbadlog() {
 void ErrorLog::bdmemlog(std::string_view message) {
   message = message.substr(0, kLongestText);
   const std::size_t start = buffer_.size();
-  RecordBuilder builder{buffer_, LogType::kMessage};
+  LogRecordBuilder builder{buffer_, LogType::kMessage};
   builder.put_long(0);
   builder.put_word(iserrno);
   builder.put_word(errno);
@@ -53,8 +54,8 @@ void ErrorLog::dobadlog(const LogRecord& record, std::string_view message) {
     if (!buffer_.empty()) {
       // Whatever lengths the record had: what is written must be legible to its end.
       const auto length = static_cast<std::uint32_t>(buffer_.size());
-      common::stword(length, &buffer_[record::kLength]);
-      common::stword(length, &buffer_[buffer_.size() - record::kTrailer]);
+      common::stword(length, &buffer_[log_record::kLength]);
+      common::stword(length, &buffer_[buffer_.size() - log_record::kTrailer]);
       stamp_record(buffer_.data(), record.process(), record.user(), now(), {});
     }
     bdmemlog(message);

@@ -42,7 +42,8 @@ bool LogOutlook::is_new_process(const Opening& opening) {
 bool LogOutlook::is_followed_up(const Opening& opening) {
   const KeepError keep;
   const LogRecord next = look_.isgetnext(opening.offset + opening.record.length());
-  if (next.bytes().empty() || next.length() < record::kSmallest || !next.is_sound()) return false;
+  if (next.bytes().empty() || next.length() < log_record::kSmallest || !next.is_sound())
+    return false;
   const Link previous = next.previous();
   return next.process() == opening.record.process() && previous.length != 0 &&
          previous.offset >= opening.begin && previous.offset < opening.offset;
@@ -56,7 +57,8 @@ void LogOutlook::read() {
   std::int64_t offset = kMagicSize;
   for (;;) {
     const LogRecord record = window.isgetnext(offset);
-    if (record.bytes().empty() || record.length() < record::kSmallest || !record.is_sound()) break;
+    if (record.bytes().empty() || record.length() < log_record::kSmallest || !record.is_sound())
+      break;
     if (record.type() == LogType::kEnd) break;
     Process& process = processes[record.process()];
     follow_transaction(process, record, offset);
@@ -70,7 +72,7 @@ void LogOutlook::read() {
     process.last = offset;
     offset += record.length();
   }
-  for (auto& [number, process] : processes) settle(process);
+  for (auto& [number, process] : processes) leave_unclaimed(process);
   std::ranges::sort(taken_back_);
   std::ranges::sort(unclaimed_);
   std::ranges::sort(of_new_processes_);
@@ -84,7 +86,7 @@ void LogOutlook::follow_transaction(Process& process, const LogRecord& record,
   switch (record.type()) {
     case LogType::kBegin:
       if (process.begun) follow_link(process, previous, offset);
-      settle(process);
+      leave_unclaimed(process);
       end_transaction(process);
       process.begun = true;
       process.begin = process.chain_end = offset;
@@ -124,11 +126,11 @@ void LogOutlook::follow_link(Process& process, Link previous, std::int64_t offse
     of_new_processes_.push_back(opening.offset);
     break;
   }
-  settle(process);
+  leave_unclaimed(process);
   end_transaction(process);
 }
 
-void LogOutlook::settle(Process& process) {
+void LogOutlook::leave_unclaimed(Process& process) {
   unclaimed_.insert(unclaimed_.end(), process.openings.begin(), process.openings.end());
   process.openings.clear();
 }

@@ -70,7 +70,7 @@ class LogOutlook {
   [[nodiscard]] bool is_followed_up(const Opening& opening);
   void follow_transaction(Process& process, const LogRecord& record, std::int64_t offset);
   void follow_link(Process& process, Link previous, std::int64_t offset);
-  void settle(Process& process);
+  void leave_unclaimed(Process& process);
   static void end_transaction(Process& process);
   [[nodiscard]] static Trace trace_of(const LogRecord& record);
   [[nodiscard]] static bool are_opposites(const Trace& image, const Trace& next);

@@ -41,7 +41,7 @@ class Recovery {
       clear_errors();
       const LogRecord record = scan_.isgetnext(offset);
       if (record.bytes().empty()) return iserrno == 0 ? finish() : -1;
-      if (record.length() < record::kSmallest || !record.is_sound()) return stop(record);
+      if (record.length() < log_record::kSmallest || !record.is_sound()) return stop(record);
       if (record.type() == LogType::kEnd) return finish();
       replay_.held().count_record();
       if (handle(record, offset) != 0) return -1;

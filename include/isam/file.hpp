@@ -15,7 +15,7 @@
 #include "isam.h"
 #include "isam/failures.hpp"
 #include "isam/fields.hpp"
-#include "isam/keys.hpp"
+#include "isam/key.hpp"
 
 namespace zentra {
 

@@ -14,21 +14,21 @@
 #include "common/filemap.h"
 #include "isam.h"
 #include "isam/base/format.h"
+#include "isam/base/numberset.h"
 #include "isam/base/position.h"
-#include "isam/base/recordset.h"
 
 namespace isam {
 
 struct Buffer;
 
-inline constexpr int nopens = 256;  // open records of a process
-inline constexpr int nfiles = 256;  // file records of a process
+inline constexpr int nopens = 256;  // opens of a process
+inline constexpr int nfiles = 256;  // open pairs of a process
 
 // Whether the process logs its changes, and whether a transaction is open.
 enum TransactionFlag : int { kInTransaction = 0, kNotLogging = 1, kLogging = 2 };
 extern int txflag;
 
-// Flags of a file record.
+// Flags of an open pair.
 enum FileFlag : std::uint16_t {
   kPageChanged = 1,        // a page was changed during this call
   kDictionaryChanged = 2,  // the dictionary copy differs from the file's
@@ -71,13 +71,13 @@ enum class MarkState : std::uint8_t {
 [[nodiscard]] inline bool is_missing(MarkState mark) { return mark <= MarkState::kClear; }
 
 // One physical pair, shared by all its opens in the process.
-struct FileRecord {
+struct OpenPair {
   std::uint16_t flags = 0;
   std::int16_t usecount = -1;   // opens using it; 0: idle, still open; -1: the record is free
   std::int16_t exclusives = 0;  // exclusive opens of this process that hold the open lock
   std::int16_t filelocks = 0;   // opens of this process that hold the whole-file lock
-  RecordSet held;               // records that this process has locked
-  RecordSet releasable;         // ... of which isrelease may let go during a transaction
+  NumberSet held;               // records that this process has locked
+  NumberSet releasable;         // ... of which isrelease may let go during a transaction
   dev_t device = 0;             // identity of the index file
   ino_t inode = 0;
   dev_t data_device = 0;  // ... and of the data file
@@ -125,7 +125,7 @@ struct FileRecord {
   std::string folder;                 // what the name is relative to, with its "/"; may be empty
 };
 
-// Flags of an open record.
+// Flags of an open.
 enum OpenFlag : std::uint16_t {
   kOpenInUse = 1,
   kHoldsFileLock = 0x20,
@@ -139,13 +139,13 @@ enum OpenFlag : std::uint16_t {
 };
 
 // One open of a pair.
-struct OpenRecord {
+struct Open {
   std::uint16_t flags = 0;
   std::uint16_t process = 0;  // low 16 bits of the process and user ids when it was made
   std::uint16_t user = 0;
   int mode = 0;             // access and option bits, plus the lock mode in the high byte
   std::uint32_t stamp = 0;  // change stamp last seen by this open
-  FileRecord* file = nullptr;
+  OpenPair* file = nullptr;
   keydescr key{};     // the current index
   Position position;  // the position in it, between calls
   // What the end of the transaction has to see to: records deleted, whose numbers and storage are
@@ -157,8 +157,8 @@ struct OpenRecord {
   std::vector<std::int32_t>* listed = nullptr;  // the one that this call has put its record on
 };
 
-extern OpenRecord* openp;
-extern FileRecord* filep;
+extern Open* openp;
+extern OpenPair* filep;
 extern Dictionary* dictp;
 
 // Whether what the current open changes can still be undone: locks and storage are kept.

@@ -3,8 +3,8 @@
 #include <algorithm>
 
 #include "isam/base/errors.h"
+#include "isam/calls/call.h"
 #include "isam/calls/change.h"
-#include "isam/calls/frame.h"
 #include "isam/files/files.h"
 #include "isam/files/locks.h"
 #include "isam/keys/keytable.h"

@@ -4,7 +4,7 @@
 
 #include "environment/settings.h"
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/calls/process.h"
 #include "isam/calls/transactions.h"
 #include "isam/files/files.h"
@@ -19,7 +19,7 @@ namespace {
 // All of the process's exclusive opens of the current file end: 0, or -1 with iserrno, the pair's
 // mark left and what could not be written lost.
 int end_exclusive() {
-  if (settle_exclusive() == 0) return 0;
+  if (write_and_unmark() == 0) return 0;
   bfflush(*filep);  // once more: what is written need not be mended
   filep->direct.bytes.clear();
   bfdrop(*filep, INT32_MIN);
@@ -34,18 +34,18 @@ bool close_waits() {
   return waits;
 }
 
-bool is_writable(const OpenRecord& open) { return (open.mode & 3) != ISINPUT; }
+bool is_writable(const Open& open) { return (open.mode & 3) != ISINPUT; }
 
 // A transaction may have to undo changes made through the open.
-bool outlives_its_close(const OpenRecord& open) {
+bool outlives_its_close(const Open& open) {
   return txlog::transaction_is_open() && is_writable(open) &&
          (open.mode & (ISTRANS | ISNOLOG)) == ISTRANS && (open.flags & kKept) == 0;
 }
 
 }  // namespace
 
-int close_open(OpenRecord& open) {
-  static_cast<void>((open.flags & kLogged) != 0 ? txlog::logclose(open) : txlog::settle_owed());
+int close_open(Open& open) {
+  static_cast<void>((open.flags & kLogged) != 0 ? txlog::logclose(open) : txlog::append_owed());
   if ((open.flags & kHoldsSemaphore) == 0 && filep->exclusives == 0) {
     lksemaphore(Semaphore::kExclusive);
   }
@@ -60,10 +60,10 @@ int close_open(OpenRecord& open) {
 
 namespace {
 
-int close_entered(OpenRecord& open) {
+int close_entered(Open& open) {
   if (outlives_its_close(open)) {
     open.flags |= kKept;
-    txlog::settle_owed();
+    txlog::append_owed();
     write_delayed();  // the process may end before the transaction
     return isexit();
   }
@@ -77,7 +77,7 @@ int close_entered(OpenRecord& open) {
 }
 
 // What cannot be entered any more is closed all the same; the error stays.
-int close_unentered(OpenRecord& open) {
+int close_unentered(Open& open) {
   const KeepError keep;
   make_current(open);
   if (filep->exclusives == 0) {
@@ -92,7 +92,7 @@ int close_unentered(OpenRecord& open) {
 
 }  // namespace
 
-int close_in_use(OpenRecord& open) {
+int close_in_use(Open& open) {
   FirstFailure failure;
   if (txlog::owes_storage(open) && !outlives_its_close(open)) failure.note(txlog::free_owed(open));
   const bool shared = bfpend(*open.file) == 0 && !close_waits();
@@ -103,10 +103,10 @@ int close_in_use(OpenRecord& open) {
 
 void close_kept_beside(int isfd) {
   know_process();
-  const OpenRecord* const alone = open_of(isfd);
+  const Open* const alone = open_of(isfd);
   if (alone == nullptr || (alone->flags & kKept) != 0 || (alone->mode & ISEXCLLOCK) == 0) return;
   for (int other = 0; other < nopens; ++other) {
-    OpenRecord* const open = open_of(other);
+    Open* const open = open_of(other);
     if (open == nullptr || open->file != alone->file) continue;
     if ((open->flags & (kKept | kUndoable)) == kKept) close_in_use(*open);
   }

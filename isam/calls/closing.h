@@ -7,11 +7,11 @@ namespace isam {
 
 // Writes what an open has delayed and gives its locks back: 0, or -1 when something could not be
 // written.
-int close_open(OpenRecord& open);
+int close_open(Open& open);
 
 // Closes an open, or inside a transaction keeps it until that ends; one that was kept closes for
 // good. 0, or -1 with iserrno.
-int close_in_use(OpenRecord& open);
+int close_in_use(Open& open);
 
 // Closes what a transaction keeps of the file of exclusive open `isfd`, as far as it has changed
 // nothing through it: before a change that only a single open may make.

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/records/datafile.h"
 #include "isam/tree/items.h"
 

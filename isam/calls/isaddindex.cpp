@@ -3,10 +3,10 @@
 #include <new>
 
 #include "isam/base/errors.h"
+#include "isam/calls/call.h"
 #include "isam/calls/closing.h"
 #include "isam/calls/cursor.h"
 #include "isam/calls/filelocale.h"
-#include "isam/calls/frame.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/traced.h"
 #include "isam/files/files.h"
@@ -70,7 +70,7 @@ int log_event(txlog::IndexEvent event, const keydescr& key) {
 // Whether the open transaction may have to bring back keys of the file.
 bool frees_keys() {
   for (int isfd = 0; isfd < nopens; ++isfd) {
-    const OpenRecord* const open = open_of(isfd);
+    const Open* const open = open_of(isfd);
     if (open != nullptr && open->file == filep && (open->flags & kFreesKeys) != 0) return true;
   }
   return false;

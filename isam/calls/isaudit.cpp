@@ -4,7 +4,7 @@
 
 #include "common/holders.h"
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/calls/traced.h"
 #include "isam/files/files.h"
 #include "isam/log/audit.h"

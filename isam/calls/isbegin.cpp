@@ -4,8 +4,8 @@
 #include "environment/settings.h"
 #include "isam/base/errors.h"
 #include "isam/calls/apply.h"
+#include "isam/calls/call.h"
 #include "isam/calls/closing.h"
-#include "isam/calls/frame.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/process.h"
 #include "isam/calls/traced.h"
@@ -25,7 +25,7 @@ namespace {
 template <typename Work>
 void for_each_open(Work work) {
   for (int isfd = 0; isfd < nopens; ++isfd) {
-    if (OpenRecord* const open = open_of(isfd)) work(*open);
+    if (Open* const open = open_of(isfd)) work(*open);
   }
 }
 
@@ -37,13 +37,13 @@ bool commits_wait_for_disk() {
 // Logs that the transaction ends, which opens close with it, and what is owed: 0, or -1 with 121.
 int mark_end(LogType mark) {
   int result = 0;
-  for_each_open([&](OpenRecord& open) {
+  for_each_open([&](Open& open) {
     constexpr int kClosing = kKept | kLogged;
     if (result == 0 && (open.flags & kClosing) == kClosing) result = logclose(open);
   });
   if (result != 0) return -1;
   const bool marks = logstate.begin == Begin::kWritten;
-  if ((marks ? log_end(mark) : settle_owed()) != 0) return -1;
+  if ((marks ? log_end(mark) : append_owed()) != 0) return -1;
   logstate.begin = Begin::kNone;
   return 0;
 }
@@ -64,7 +64,7 @@ std::size_t most_at_once() {
 }
 
 // Frees some of what an open owes, up to the first failure, which iserrno tells.
-Freed free_records(const OpenRecord& open) {
+Freed free_records(const Open& open) {
   Freed freed;
   const std::size_t most = most_at_once();
   const std::size_t deleted = std::min(open.deleted.size(), most);
@@ -87,13 +87,13 @@ void strike_off(std::vector<std::int32_t>& list, std::size_t first, std::size_t 
   list.erase(begin, begin + static_cast<std::ptrdiff_t>(count));
 }
 
-void strike_off_next(OpenRecord& open, const Freed& freed) {
+void strike_off_next(Open& open, const Freed& freed) {
   const bool deleted = freed.deleted < open.deleted.size();
   strike_off(deleted ? open.deleted : open.shortened, deleted ? freed.deleted : freed.shortened, 1);
 }
 
 // Of what a failed call has freed after all, nothing is freed again.
-int check_numbers(OpenRecord& open) {
+int check_numbers(Open& open) {
   if (!open.frees_again) return 0;
   if (drop_returned(open.deleted) == 0) {
     open.frees_again = false;
@@ -103,7 +103,7 @@ int check_numbers(OpenRecord& open) {
   return -1;
 }
 
-int free_entered(OpenRecord& open) {
+int free_entered(Open& open) {
   if (check_numbers(open) != 0) {
     isexit();
     return -1;
@@ -122,7 +122,7 @@ int free_entered(OpenRecord& open) {
 }
 
 // Twice when the file cannot be written; what is damaged is told all the same.
-int free_owed_or_retry(OpenRecord& open) {
+int free_owed_or_retry(Open& open) {
   FirstFailure failure;
   int result = free_owed(open);
   if (result != 0 && iserrno == kCorrupted) failure.note(result);
@@ -132,7 +132,7 @@ int free_owed_or_retry(OpenRecord& open) {
 }
 
 // What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
-int settle(OpenRecord& open, bool commits) {
+int end_in_open(Open& open, bool commits) {
   isbatch(2);  // what another open holds in batch mode goes before this one becomes current
   open.flags = static_cast<std::uint16_t>(open.flags & ~(kUndoable | kFreesKeys));
   open.file->keeps_locks = false;
@@ -146,23 +146,23 @@ int settle(OpenRecord& open, bool commits) {
   const bool kept = (open.flags & kKept) != 0;
   if (!kept && ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0)) return 0;
   make_current(open);
-  const int released = settle_locks();
+  const int released = release_transaction_locks();
   failure.note(kept && !owes_storage(open) ? close_in_use(open) : released);
   return failure.tell();
 }
 
 // Ends the transaction, whose mark is in the log.
-int settle_all(bool commits) {
+int end_in_all_opens(bool commits) {
   FirstFailure failure;
-  for_each_open([&](OpenRecord& open) { failure.note(settle(open, commits)); });
+  for_each_open([&](Open& open) { failure.note(end_in_open(open, commits)); });
   return failure.tell();
 }
 
 // A record that was added is gone: it is nobody's current record any more, whoever gets its number.
-void leave_record(const FileRecord& file, std::int32_t number) {
+void leave_record(const OpenPair& file, std::int32_t number) {
   int left = file.usecount;
   for (int isfd = 0; isfd < nopens && left > 0; ++isfd) {
-    OpenRecord* const open = open_of(isfd);
+    Open* const open = open_of(isfd);
     if (open == nullptr || open->file != &file) continue;
     --left;
     Position& position = open->position;
@@ -172,7 +172,7 @@ void leave_record(const FileRecord& file, std::int32_t number) {
 }
 
 int undo_insert(const Image& image) {
-  const OpenRecord* const open = open_of(image.open);
+  const Open* const open = open_of(image.open);
   if (lgdelete(image.open, image.number, nullptr, image.new_image) != 0) return -1;
   leave_record(*open->file, image.number);
   return 0;
@@ -232,7 +232,7 @@ int roll_back() {
   failure.note(marked);
   if (marked != 0 && logstate.begin == Begin::kWritten) logstate.owes_rollback = true;
   logstate.begin = Begin::kNone;
-  failure.note(settle_all(false));
+  failure.note(end_in_all_opens(false));
   return failure.tell();
 }
 
@@ -241,7 +241,7 @@ int commit() {
   txflag = kLogging;
   FirstFailure failure;
   if (commits_wait_for_disk()) failure.note(sync_log());
-  failure.note(settle_all(true));
+  failure.note(end_in_all_opens(true));
   return failure.tell();
 }
 
@@ -276,7 +276,7 @@ int end_transaction(How how) {
 
 }  // namespace
 
-int free_owed(OpenRecord& open) {
+int free_owed(Open& open) {
   open.deleted.resize(open.committed);
   int result = 0;
   while (result == 0 && owes_storage(open)) {

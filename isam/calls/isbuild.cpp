@@ -5,8 +5,8 @@
 
 #include "common/io.h"
 #include "isam/base/errors.h"
+#include "isam/calls/call.h"
 #include "isam/calls/filelocale.h"
-#include "isam/calls/frame.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/process.h"
 #include "isam/calls/traced.h"
@@ -92,14 +92,13 @@ int lay_out(const RecordLengths& lengths, keydescr& key) {
 // A new pair is a pair at once, also where later changes may wait.
 int end_building() {
   if (isexit() != 0) return -1;
-  return filep->exclusives > 0 ? settle_exclusive() : 0;
+  return filep->exclusives > 0 ? write_and_unmark() : 0;
 }
 
 int build_lock_mode(int mode) { return issingleuser ? ISEXCLLOCK : lock_mode_of(mode); }
 
 // Takes the new pair for this open and fills it.
-int set_up(OpenRecord& open, const char* name, const RecordLengths& lengths, keydescr& key,
-           int mode) {
+int set_up(Open& open, const char* name, const RecordLengths& lengths, keydescr& key, int mode) {
   make_current(open);
   const int lock_mode = build_lock_mode(mode);
   bt = Position{};
@@ -126,7 +125,7 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
   if (build_lock_mode(mode) == 0) return failed(kBadArgument);
   isbatch(2);
   clear_errors();
-  OpenRecord* open = allocopen();
+  Open* open = allocopen();
   if (open == nullptr) return -1;
   open->mode = mode & (ISTRANS | ISNOLOG | ISVARLEN | ISANYPRIMARY | ISANYLENGTH | 3);
   if (make_pair(name) != 0) return abandon_open(*open);

@@ -3,9 +3,9 @@
 #include <utility>
 
 #include "isam/base/errors.h"
+#include "isam/calls/call.h"
 #include "isam/calls/closing.h"
 #include "isam/calls/clustercopy.h"
-#include "isam/calls/frame.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/traced.h"
 #include "isam/files/files.h"
@@ -136,7 +136,7 @@ class Unlogged {
 
 // The log learns of the new pair, and that the old open closes: 0, or -1 with neither done.
 int log_and_swap(const Old& old, const TemporaryNames& names, const keydescr& key) {
-  OpenRecord& open = *open_of(old.isfd);
+  Open& open = *open_of(old.isfd);
   txlog::LogHold hold;
   if (!hold.held()) return -1;
   make_current(open);

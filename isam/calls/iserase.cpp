@@ -7,7 +7,7 @@
 
 #include "common/io.h"
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/traced.h"
 #include "isam/files/files.h"
@@ -29,9 +29,9 @@ int open_alone(const char* name) {
 // Calls `work` with each open of a file that the log knows of, up to one for which it fails: 0 or
 // -1.
 template <typename Work>
-int for_each_logged(const FileRecord& file, Work work) {
+int for_each_logged(const OpenPair& file, Work work) {
   for (int isfd = 0; isfd < nopens; ++isfd) {
-    OpenRecord* const open = open_of(isfd);
+    Open* const open = open_of(isfd);
     const bool known = open != nullptr && open->file == &file && (open->flags & kLogged) != 0;
     if (known && work(*open) != 0) return -1;
   }
@@ -60,14 +60,14 @@ bool unlink_all(const char* name, const std::string& trail) {
 
 // The log learns that its opens of the file close, and then that the file goes: whether any of it
 // is gone, as above; false with 121 also.
-bool log_and_unlink(const FileRecord& file, const char* name, const std::string& trail) {
+bool log_and_unlink(const OpenPair& file, const char* name, const std::string& trail) {
   txlog::LogHold hold;
   if (!hold.held() || for_each_logged(file, txlog::log_closed) != 0 ||
       txlog::islogerase(name) != 0 || !unlink_all(name, trail)) {
     return false;
   }
   hold.keep();
-  static_cast<void>(for_each_logged(file, [](OpenRecord& open) {
+  static_cast<void>(for_each_logged(file, [](Open& open) {
     open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
     return 0;
   }));
@@ -156,7 +156,7 @@ static int erase_call(const char* name) {
     isexit();
   }
   clear_errors();
-  FileRecord& file = *open_of(isfd)->file;
+  OpenPair& file = *open_of(isfd)->file;
   const bool gone =
       txflag == kNotLogging ? unlink_all(name, trail) : log_and_unlink(file, name, trail);
   const std::int32_t reason = iserrno;

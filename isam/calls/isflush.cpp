@@ -1,5 +1,5 @@
 // isflush: when other processes see what this one has changed.
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/calls/process.h"
 #include "isam/calls/traced.h"
 
@@ -8,7 +8,7 @@ using namespace isam;
 static int flush_call(int isfd) {
   if (isenter(isfd, kToRead | kGoesOn) != 0) return -1;
   if (filep->exclusives > 0) {
-    settle_exclusive();
+    write_and_unmark();
   } else {
     write_delayed();
   }

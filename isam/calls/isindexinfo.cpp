@@ -1,7 +1,7 @@
 // isindexinfo: isdictinfo, iskeyinfo, isindexinfo and iststindex.
 
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/calls/traced.h"
 #include "isam/files/files.h"
 #include "isam/keys/keychain.h"

@@ -1,6 +1,6 @@
 // islock: locks of whole files, and the release of all locks of an open.
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/calls/traced.h"
 #include "isam/files/locks.h"
 

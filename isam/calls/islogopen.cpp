@@ -13,7 +13,7 @@ namespace isam::txlog {
 
 int leave_log() {
   for (int isfd = 0; isfd < nopens; ++isfd) {
-    OpenRecord* const open = open_of(isfd);
+    Open* const open = open_of(isfd);
     if (open != nullptr) open->flags = static_cast<std::uint16_t>(open->flags & ~kLogged);
   }
   txflag = kNotLogging;
@@ -46,7 +46,7 @@ int close_call() {
   isresumlog();
   FirstFailure failure;
   if (txflag == kInTransaction) failure.note(isrollback());
-  failure.note(settle_owed());
+  failure.note(append_owed());
   failure.note(leave_log());
   if (failure.tell() == 0) return 0;
   set_status("9090");

@@ -7,9 +7,9 @@
 #include "common/io.h"
 #include "environment/settings.h"
 #include "isam/base/errors.h"
+#include "isam/calls/call.h"
 #include "isam/calls/closing.h"
 #include "isam/calls/cursor.h"
-#include "isam/calls/frame.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/process.h"
 #include "isam/calls/traced.h"
@@ -44,14 +44,14 @@ int lock_mode_of(int mode) {
   }
 }
 
-void advise_random(const FileRecord& file) {
+void advise_random(const OpenPair& file) {
   // Without this, small writes into pages that were read far ahead cost many times as much.
   ::posix_fadvise(file.idxfd, 0, 0, POSIX_FADV_RANDOM);
   ::posix_fadvise(file.datfd, 0, 0, POSIX_FADV_RANDOM);
 }
 
 int adopt_dictionary() {
-  FileRecord& file = *filep;
+  OpenPair& file = *filep;
   const int reclen = dictp->d_recsize();
   const bool varlen = dictp->d_maxrecsize() != 0;
   const int maxreclen = varlen ? dictp->d_maxrecsize() : reclen;
@@ -70,7 +70,7 @@ int adopt_dictionary() {
   return 0;
 }
 
-int abandon_open(OpenRecord& open) {
+int abandon_open(Open& open) {
   {
     const KeepError keep;
     if (openp == &open && open.file != nullptr) {
@@ -114,7 +114,7 @@ void tell_system_error() {
 
 int refuse_dictionary() { return failed(dictp->d_idxsize() % 2 == 0 ? kFormatChange : kCorrupted); }
 
-// Tests of the dictionary that only an open makes. The file record follows it.
+// Tests of the dictionary that only an open makes. The open pair follows it.
 int validate() {
   const bool lengths_agree = filep->reclen > 0 && filep->maxreclen >= filep->reclen;
   const bool sound = dictp->d_idxsize() < kMaxStoredNodeSize && lengths_agree &&
@@ -126,7 +126,7 @@ int validate() {
 }
 
 // A method of before, or one that RESETLOCK lets pass, becomes the current one.
-int settle_lock_method() {
+int adopt_lock_method() {
   const int method = dictp->d_lockmethod();
   if (method == kLockMethod) return 0;
   const bool known = method == 0 || method == 3 || method == 4 || method == 5 || method == 7;
@@ -151,7 +151,7 @@ bool leads_to(const std::string& path, dev_t device, ino_t inode) {
 }
 
 // Whether the name, relative to the folder of the moment, still leads to the pair.
-bool is_pair_of(const FileRecord& file, const char* name) {
+bool is_pair_of(const OpenPair& file, const char* name) {
   return leads_to(mkidxname(name), file.device, file.inode) &&
          leads_to(mkdatname(name), file.data_device, file.data_inode);
 }
@@ -188,7 +188,7 @@ int look_for_mark() {
   return found > 0 && !opens_marked ? failed(kCorrupted) : std::min(found, 0);
 }
 
-int set_up(OpenRecord& open, const char* name, int mode) {
+int set_up(Open& open, const char* name, int mode) {
   const int entry = (mode + 1) | kShared | kGoesOn;  // no call is refused that opens
   if (isenter(isfd_of(open), entry) != 0) {
     // The index that a repair has put another one in the place of is no dictionary any more.
@@ -204,7 +204,7 @@ int set_up(OpenRecord& open, const char* name, int mode) {
   }
   if (look_again(name, entry) != 0 || (was_shared && look_for_mark() != 0)) return -1;
   if (adopt_dictionary() != 0) return -1;
-  if (settle_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
+  if (adopt_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
   if (mktemprec(filep->maxreclen) != 0) return -1;
   open.key = filep->keys.front();
   stand_before_first();
@@ -213,10 +213,10 @@ int set_up(OpenRecord& open, const char* name, int mode) {
 }
 
 // An open that was closed in this transaction and serves again; null for none.
-OpenRecord* find_kept(const char* name, int mode) {
+Open* find_kept(const char* name, int mode) {
   const int wanted = (mode & 0xFF) | lock_mode_of(mode);
   for (int isfd = 0; isfd < nopens; ++isfd) {
-    OpenRecord* const open = open_of(isfd);
+    Open* const open = open_of(isfd);
     if (open != nullptr && (open->flags & kKept) != 0 && open->mode == wanted &&
         (open->file->flags & kNotShared) == 0 && open->file->name == name &&
         is_pair_of(*open->file, name)) {
@@ -226,7 +226,7 @@ OpenRecord* find_kept(const char* name, int mode) {
   return nullptr;
 }
 
-int use_again(OpenRecord& open) {
+int use_again(Open& open) {
   const int isfd = isfd_of(open);
   if (isenter(isfd, kToRead | kShared | kKeptToo) != 0) return -1;
   const auto* keys = file_keys();
@@ -244,7 +244,7 @@ int use_again(OpenRecord& open) {
 int open_anew(const char* name, int mode) {
   clear_errors();
   set_status("0000");
-  OpenRecord* open = allocopen();
+  Open* open = allocopen();
   if (open == nullptr) return -1;
   open->mode = mode & 0xFF;
   open->file = allocfile(name, mode & 0xFF);
@@ -262,7 +262,7 @@ int open_pair(const char* name, int mode) {
   if (check_logging(mode) != 0 || ckfilname(name) != 0 || check_access(mode) != 0) return -1;
   isbatch(2);
   clear_errors();
-  if (OpenRecord* const kept = find_kept(name, mode)) return use_again(*kept);
+  if (Open* const kept = find_kept(name, mode)) return use_again(*kept);
   int isfd = open_anew(name, mode);
   for (int tries = 1; isfd < 0 && was_replaced(name) && tries < kTries; ++tries) {
     isfd = open_anew(name, mode);
@@ -284,7 +284,7 @@ int open_call(const char* name, int mode) {
 
 int close_call(int isfd) {
   know_process();
-  OpenRecord* const open = open_of(isfd);
+  Open* const open = open_of(isfd);
   if (open != nullptr && (open->flags & kKept) == 0) return close_in_use(*open);
   isenter(isfd, kToLook);  // fails, and says why
   forget_inherited(isfd);
@@ -325,7 +325,7 @@ extern "C" int iscleanup(void) {
   failure.note(end_transaction());
   for (int isfd = 0; isfd < nopens; ++isfd) {
     forget_inherited(isfd);
-    OpenRecord* const open = open_of(isfd);
+    Open* const open = open_of(isfd);
     if (open == nullptr) continue;
     failure.note(traced("isclose", isfd, [=] { return close_in_use(*open); }));
   }

@@ -1,8 +1,8 @@
 // isread: isstart and isread.
 #include "isam/base/errors.h"
 #include "isam/base/walklimit.h"
+#include "isam/calls/call.h"
 #include "isam/calls/cursor.h"
-#include "isam/calls/frame.h"
 #include "isam/calls/recordcalls.h"
 #include "isam/calls/traced.h"
 #include "isam/files/locks.h"

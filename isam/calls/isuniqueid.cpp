@@ -2,7 +2,7 @@
 #include <cstdint>
 
 #include "isam/base/errors.h"
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 #include "isam/calls/traced.h"
 #include "isam/log/logfile.h"
 #include "isam/log/logwriter.h"

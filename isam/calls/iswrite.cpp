@@ -1,8 +1,8 @@
 // iswrite: the public calls that change records.
 #include "isam/base/errors.h"
+#include "isam/calls/call.h"
 #include "isam/calls/change.h"
 #include "isam/calls/cursor.h"
-#include "isam/calls/frame.h"
 #include "isam/calls/process.h"
 #include "isam/calls/recordcalls.h"
 #include "isam/calls/traced.h"

@@ -16,13 +16,13 @@ extern bool opens_marked;
 // The lock mode that the high byte of a mode means, 0 when it means none.
 [[nodiscard]] int lock_mode_of(int mode);
 
-// Takes an open record that failed to become an open back; the status characters say so. -1.
-int abandon_open(OpenRecord& open);
+// Takes an open that failed back; the status characters say so. -1.
+int abandon_open(Open& open);
 
 // The file is written at random from now on.
-void advise_random(const FileRecord& file);
+void advise_random(const OpenPair& file);
 
-// Sets what the file record says of lengths, node size and duplicate numbers from the dictionary
+// Sets what the open pair says of lengths, node size and duplicate numbers from the dictionary
 // copy. A record that other opens of the process use must say the same already: 0, or -1 with 105
 // and nothing changed.
 [[nodiscard]] int adopt_dictionary();

@@ -23,9 +23,9 @@ ConstBytes bytes_of(const char* buffer, std::size_t length) {
 
 // The record of an open, as long as `length` if the file may have such a record; else the least.
 ConstBytes record_of(const Exchange& exchange, std::int32_t length) {
-  const OpenRecord* open = open_of(exchange.number);
+  const Open* open = open_of(exchange.number);
   if (open == nullptr) return {};
-  const FileRecord& file = *open->file;
+  const OpenPair& file = *open->file;
   const bool known = file.varlen && length >= file.reclen && length <= file.maxreclen;
   return bytes_of(exchange.buffer, static_cast<std::size_t>(known ? length : file.reclen));
 }

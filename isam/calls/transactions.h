@@ -12,13 +12,13 @@
 namespace isam::txlog {
 
 // Whether ended transactions have left something to free through an open.
-[[nodiscard]] inline bool owes_storage(const OpenRecord& open) {
+[[nodiscard]] inline bool owes_storage(const Open& open) {
   return open.committed > 0 || !open.shortened.empty();
 }
 
 // Frees it: 0, or -1 with iserrno and the rest still owed. No transaction that is open has deleted
 // records through it.
-int free_owed(OpenRecord& open);
+int free_owed(Open& open);
 
 // The log is not this process's any more: 0, or -1 with iserrno. A transaction must have ended.
 int leave_log();

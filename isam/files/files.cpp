@@ -21,8 +21,8 @@
 
 namespace isam {
 
-OpenRecord* openp = nullptr;
-FileRecord* filep = nullptr;
+Open* openp = nullptr;
+OpenPair* filep = nullptr;
 Dictionary* dictp = nullptr;
 int ismaxfds = 0;
 int isopenfds = 0;
@@ -34,13 +34,13 @@ constexpr std::size_t kMaxBaseName = 122;
 constexpr mode_t kPermissions = 0664;
 
 // Records are made on first use and kept for the life of the process.
-std::array<std::unique_ptr<OpenRecord>, nopens> opens;
-std::array<std::unique_ptr<FileRecord>, nfiles> files;
+std::array<std::unique_ptr<Open>, nopens> opens;
+std::array<std::unique_ptr<OpenPair>, nfiles> files;
 std::vector<Byte> record_buffer;
 
-bool is_open(const std::unique_ptr<FileRecord>& file) { return file && file->usecount >= 0; }
+bool is_open(const std::unique_ptr<OpenPair>& file) { return file && file->usecount >= 0; }
 
-FileRecord* find_file(dev_t device, ino_t inode) {
+OpenPair* find_file(dev_t device, ino_t inode) {
   for (const auto& file : files) {
     if (is_open(file) && (file->flags & kNotShared) == 0 && file->device == device &&
         file->inode == inode) {
@@ -51,9 +51,9 @@ FileRecord* find_file(dev_t device, ino_t inode) {
 }
 
 // Null with iserrno 0 when all are in use, with 116 without memory.
-FileRecord* unused_file_record() {
+OpenPair* unused_file_record() {
   for (auto& file : files) {
-    if (!file) file.reset(new (std::nothrow) FileRecord);
+    if (!file) file.reset(new (std::nothrow) OpenPair);
     if (!file) {
       failed(kNoMemory);
       return nullptr;
@@ -63,8 +63,8 @@ FileRecord* unused_file_record() {
   return nullptr;
 }
 
-FileRecord* free_file_record() {
-  FileRecord* file = unused_file_record();
+OpenPair* free_file_record() {
+  OpenPair* file = unused_file_record();
   if (file == nullptr && iserrno == 0) {
     vclose();
     file = unused_file_record();
@@ -73,24 +73,24 @@ FileRecord* free_file_record() {
   return file;
 }
 
-void close_data(FileRecord& file) {
+void close_data(OpenPair& file) {
   bfclosing(file);
   file.data_map.forget();
   if (file.datfd >= 0) common::close_file(file.datfd);
   file.datfd = -1;
 }
 
-void close_file_record(FileRecord& file) {
+void close_file_record(OpenPair& file) {
   bfignor(file);
   close_data(file);
   close_trail(file);
   if (file.idxfd >= 0) common::close_file(file.idxfd);
   note_closed(file.device, file.inode);
-  file = FileRecord{};
+  file = OpenPair{};
   --isopenfds;
 }
 
-void freefile(FileRecord& file) {
+void freefile(OpenPair& file) {
   if (--file.usecount > 0) return;
   const bool stays = isopenfds < ismaxfds && (file.flags & kNotShared) == 0;
   if (!stays) close_file_record(file);
@@ -142,7 +142,7 @@ common::FileHold open_to_use(const std::string& path, FileKind kind, bool readin
   return fd;
 }
 
-FileRecord* share(FileRecord& file, int mode) {
+OpenPair* share(OpenPair& file, int mode) {
   if (file.datmode == O_RDONLY && mode != 0) {
     failed_system(EACCES, Operation::kOpen, FileKind::kData);
     return nullptr;
@@ -153,11 +153,11 @@ FileRecord* share(FileRecord& file, int mode) {
 
 struct Victims {
   int open = 0;  // records in use or idle
-  FileRecord* idle = nullptr;
-  FileRecord* busy = nullptr;
+  OpenPair* idle = nullptr;
+  OpenPair* busy = nullptr;
 };
 
-void choose(FileRecord*& best, FileRecord& file) {
+void choose(OpenPair*& best, OpenPair& file) {
   if (best == nullptr || file.lastuse < best->lastuse) best = &file;
 }
 
@@ -186,15 +186,15 @@ int ckfilname(const char* base) {
   return named && name.size() <= kMaxBaseName ? 0 : failed(kBadName);
 }
 
-OpenRecord* allocopen() {
+Open* allocopen() {
   for (auto& open : opens) {
-    if (!open) open.reset(new (std::nothrow) OpenRecord);
+    if (!open) open.reset(new (std::nothrow) Open);
     if (!open) {
       failed(kNoMemory);
       return nullptr;
     }
     if ((open->flags & (kOpenInUse | kInherited)) == 0) {
-      *open = OpenRecord{};
+      *open = Open{};
       open->flags = kOpenInUse;
       open->process = static_cast<std::uint16_t>(::getpid());
       open->user = static_cast<std::uint16_t>(::getuid());
@@ -205,22 +205,22 @@ OpenRecord* allocopen() {
   return nullptr;
 }
 
-OpenRecord* open_of(int isfd) {
+Open* open_of(int isfd) {
   if (isfd < 0 || isfd >= nopens) return nullptr;
-  OpenRecord* open = opens[static_cast<std::size_t>(isfd)].get();
+  Open* open = opens[static_cast<std::size_t>(isfd)].get();
   return open != nullptr && (open->flags & kOpenInUse) != 0 ? open : nullptr;
 }
 
-int isfd_of(const OpenRecord& open) {
+int isfd_of(const Open& open) {
   for (std::size_t i = 0; i < opens.size(); ++i) {
     if (opens[i].get() == &open) return static_cast<int>(i);
   }
   return -1;
 }
 
-void freeopen(OpenRecord& open) {
+void freeopen(Open& open) {
   if (open.file != nullptr) freefile(*open.file);
-  open = OpenRecord{};
+  open = Open{};
 }
 
 void forget_opens() {
@@ -234,7 +234,7 @@ void forget_opens() {
   }
   for (const auto& open : opens) {
     if (!open || open->flags == 0) continue;
-    *open = OpenRecord{};
+    *open = Open{};
     open->flags = kInherited;
   }
   openp = nullptr;
@@ -244,11 +244,11 @@ void forget_opens() {
 
 void forget_inherited(int isfd) {
   if (isfd < 0 || isfd >= nopens) return;
-  OpenRecord* const open = opens[static_cast<std::size_t>(isfd)].get();
+  Open* const open = opens[static_cast<std::size_t>(isfd)].get();
   if (open != nullptr && (open->flags & kInherited) != 0) open->flags = 0;
 }
 
-FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access) {
+OpenPair* allocfile(std::string_view name, int mode, IndexAccess index_access) {
   const std::string path = mkidxname(name);
   struct stat status {};
   if (common::system_calls().stat(path.c_str(), &status) != 0) {
@@ -258,12 +258,12 @@ FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access)
     return nullptr;
   }
   retire_replaced(name, &status);
-  if (FileRecord* shared = find_file(status.st_dev, status.st_ino)) return share(*shared, mode);
+  if (OpenPair* shared = find_file(status.st_dev, status.st_ino)) return share(*shared, mode);
   if (another_copy_has(status.st_dev, status.st_ino)) {
     failed(kFileInUse);
     return nullptr;
   }
-  FileRecord* file = free_file_record();
+  OpenPair* file = free_file_record();
   if (file == nullptr) return nullptr;
   int idxmode = 0;
   int datmode = 0;
@@ -279,7 +279,7 @@ FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access)
     failed_system(errno);
     return nullptr;
   }
-  *file = FileRecord{};
+  *file = OpenPair{};
   name_file(*file, name);
   file->data_device = data_status.st_dev;
   file->data_inode = data_status.st_ino;
@@ -296,7 +296,7 @@ FileRecord* allocfile(std::string_view name, int mode, IndexAccess index_access)
   return file;
 }
 
-void name_file(FileRecord& file, std::string_view name) {
+void name_file(OpenPair& file, std::string_view name) {
   std::array<char, PATH_MAX> folder{};
   file.name = name;
   file.folder.clear();
@@ -306,7 +306,7 @@ void name_file(FileRecord& file, std::string_view name) {
   if (folder.front() == '/') file.folder = std::string(folder.data()) + '/';
 }
 
-int reopen_data(FileRecord& file) {
+int reopen_data(OpenPair& file) {
   const std::string path = mkdatname(file.folder + file.name);
   common::FileHold fd = open_of_pair(path, file.datmode, FileKind::kData);
   if (!fd) return -1;
@@ -360,14 +360,14 @@ int open_trail(const std::string& path) {
   return 0;
 }
 
-void close_trail(FileRecord& file) {
+void close_trail(OpenPair& file) {
   if ((file.flags & kAuditOpen) == 0) return;
   common::close_file(file.audfd);
   file.audfd = -1;
   file.flags = static_cast<std::uint16_t>(file.flags & ~kAuditOpen);
 }
 
-void make_current(OpenRecord& open) {
+void make_current(Open& open) {
   openp = &open;
   filep = open.file;
   dictp = &open.file->dictionary;

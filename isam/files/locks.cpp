@@ -147,7 +147,7 @@ int take_record(std::int32_t number, RecordLock how, LockList list) {
   const int command = how == RecordLock::kWait ? F_SETLKW : F_SETLK;
   const bool in_file_lock = filep->filelocks > 0;
   if (!in_file_lock && request_record(command, F_WRLCK, number) != 0) return -1;
-  RecordSet& set = list == LockList::kHeld ? filep->held : filep->releasable;
+  NumberSet& set = list == LockList::kHeld ? filep->held : filep->releasable;
   if (!set.insert(number)) {
     if (!in_file_lock) request_record(F_SETLK, F_UNLCK, number);
     return failed(kNoMemory);
@@ -293,7 +293,7 @@ int release_locks() {
   return 0;
 }
 
-int settle_locks() {
+int release_transaction_locks() {
   if (holds_file_lock() || !another_holds_file()) return lkfile(false);
   forget_records();
   clear_open_flag(kHoldsRecordLocks);

@@ -1,7 +1,7 @@
 // locks: byte-range locks on the index file, far beyond any real data.
 //
 // Needs   the current open and file
-// Keeps   locks belong to the process, not to an open: the file record counts what the process's
+// Keeps   locks belong to the process, not to an open: the open pair counts what the process's
 //         opens hold, and the kernel is asked only when the state of the whole process changes
 // Never   waits for an open lock; the semaphore waits
 //
@@ -50,7 +50,7 @@ void lkrelease();
 int release_locks();
 // Releases it when the transaction has ended, with what that has changed. A lock of the whole file
 // that another open has stays: 0, or -1.
-int settle_locks();
+int release_transaction_locks();
 
 // Takes (waiting) or releases a lock on all of another file: 0, or -1 with iserrno = errno and
 // iserrio = 0x61.

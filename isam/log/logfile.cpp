@@ -25,7 +25,7 @@ namespace {
 
 constexpr std::size_t kWindow = 65536;
 // The longest piece: a record, an opposite that is owed, and up to three short ones.
-constexpr std::int64_t kLongestPiece = 2 * record::kGreatest + 512;
+constexpr std::int64_t kLongestPiece = 2 * log_record::kGreatest + 512;
 
 std::vector<Byte> piece;   // what is being appended; kept for its memory
 std::vector<Byte> owed;    // the opposite of a change not made, which the log must have yet
@@ -60,25 +60,26 @@ int check_magic(int fd) {
 bool record_ends_at(std::int64_t end) {
   if (end == kMagicSize) return true;
   Byte length_bytes[2];
-  if (common::read_at(logstate.fd, length_bytes, end - record::kTrailer) != record::kTrailer) {
+  if (common::read_at(logstate.fd, length_bytes, end - log_record::kTrailer) !=
+      log_record::kTrailer) {
     return false;
   }
   const int length = common::ldword(length_bytes);
-  if (length < record::kSmallest || length > end - kMagicSize) return false;
-  Byte header[record::kProcess];
-  if (common::read_at(logstate.fd, header, end - length) != record::kProcess) return false;
+  if (length < log_record::kSmallest || length > end - kMagicSize) return false;
+  Byte header[log_record::kProcess];
+  if (common::read_at(logstate.fd, header, end - length) != log_record::kProcess) return false;
   const KeepError keep;
   return common::ldword(header) == length &&
-         getlogtype(&header[record::kType]) != LogType::kUnknown;
+         getlogtype(&header[log_record::kType]) != LogType::kUnknown;
 }
 
 // The end of the last whole record, looking on from `offset`, where a record begins.
 std::int64_t end_of_whole_records(std::int64_t offset, std::int64_t end) {
   Byte length_bytes[2];
-  while (end - offset >= record::kSmallest) {
-    if (common::read_at(logstate.fd, length_bytes, offset) != record::kTrailer) break;
+  while (end - offset >= log_record::kSmallest) {
+    if (common::read_at(logstate.fd, length_bytes, offset) != log_record::kTrailer) break;
     const int length = common::ldword(length_bytes);
-    if (length < record::kSmallest || length > end - offset) break;
+    if (length < log_record::kSmallest || length > end - offset) break;
     offset += length;
   }
   return offset;
@@ -143,7 +144,7 @@ void stamp(std::size_t at, Link previous, std::int32_t time) {
 }
 
 // What must go before a record about `open`, which may be null.
-LeadIn lead_in_for(OpenRecord* open) {
+LeadIn lead_in_for(Open* open) {
   const bool is_new = open != nullptr && (open->flags & kLogged) == 0;
   return {.opposite = !owed.empty(),
           .rollback = logstate.owes_rollback,
@@ -155,10 +156,10 @@ LeadIn lead_in_for(OpenRecord* open) {
 std::size_t start_piece(const LeadIn& lead) {
   piece.clear();
   if (lead.opposite) piece = owed;
-  if (lead.rollback) static_cast<void>(RecordBuilder{piece, LogType::kRollback}.finish());
-  if (lead.begin) static_cast<void>(RecordBuilder{piece, LogType::kBegin}.finish());
+  if (lead.rollback) static_cast<void>(LogRecordBuilder{piece, LogType::kRollback}.finish());
+  if (lead.begin) static_cast<void>(LogRecordBuilder{piece, LogType::kBegin}.finish());
   if (lead.opens != nullptr) {
-    RecordBuilder builder{piece, LogType::kOpened};
+    LogRecordBuilder builder{piece, LogType::kOpened};
     builder.put_word(isfd_of(*lead.opens));
     builder.put_word(lead.opens->file->varlen ? 1 : 0);
     builder.put_name(lead.opens->file->name);
@@ -167,7 +168,7 @@ std::size_t start_piece(const LeadIn& lead) {
   return piece.size();
 }
 
-int length_at(std::size_t at) { return common::ldword(&piece[at + record::kLength]); }
+int length_at(std::size_t at) { return common::ldword(&piece[at + log_record::kLength]); }
 
 // Appends a piece, whose records are stamped one after the other: where it begins, or -1 with 121.
 // `linked` tells of the record behind the lead-in, if there is one.
@@ -270,7 +271,7 @@ int sync_log() { return ::fdatasync(logstate.fd) == 0 ? 0 : failed_system(errno)
 
 int lkloglog(bool take) { return lock_whole_file(logstate.fd, take); }
 
-LogPiece::LogPiece(OpenRecord* open, LogType type, Linked linked)
+LogPiece::LogPiece(Open* open, LogType type, Linked linked)
     : lead_(lead_in_for(open)), linked_(linked), start_(start_piece(lead_)), record_(piece, type) {}
 
 int LogPiece::writelog() {
@@ -283,7 +284,7 @@ int LogPiece::writelog() {
   return 0;
 }
 
-int settle_owed() {
+int append_owed() {
   const LeadIn lead{.opposite = !owed.empty(), .rollback = logstate.owes_rollback};
   if (!lead.opposite && !lead.rollback) return 0;
   start_piece(lead);
@@ -347,7 +348,7 @@ int LogWindow::readlog(std::int64_t offset, std::size_t length) {
 
 LogRecord LogWindow::isgetprev(std::int64_t offset, int length) {
   const auto size = static_cast<std::size_t>(length);
-  if (offset < kMagicSize || length < record::kSmallest) return {};
+  if (offset < kMagicSize || length < log_record::kSmallest) return {};
   if (!holds(offset, size)) {
     const std::int64_t end = offset + length;
     const std::int64_t start = std::max<std::int64_t>(
@@ -360,11 +361,11 @@ LogRecord LogWindow::isgetprev(std::int64_t offset, int length) {
 }
 
 LogRecord LogWindow::isgetnext(std::int64_t offset) {
-  if (!holds(offset, record::kSmallest)) {
-    if (readlog(offset, kWindow) != 0 || !holds(offset, record::kSmallest)) return {};
+  if (!holds(offset, log_record::kSmallest)) {
+    if (readlog(offset, kWindow) != 0 || !holds(offset, log_record::kSmallest)) return {};
   }
   const auto length = static_cast<std::size_t>(common::ldword(at(offset, 2).data()));
-  if (length < record::kSmallest) return LogRecord{at(offset, record::kSmallest)};
+  if (length < log_record::kSmallest) return LogRecord{at(offset, log_record::kSmallest)};
   if (!holds(offset, length)) {
     if (readlog(offset, kWindow) != 0 || !holds(offset, length)) return {};
   }

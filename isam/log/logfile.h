@@ -71,10 +71,10 @@ enum class Linked : bool { kNo, kYes };
 
 // What stands before the record itself in a piece.
 struct LeadIn {
-  bool opposite = false;        // that is owed
-  bool rollback = false;        // mark that is owed
-  bool begin = false;           // mark that is due
-  OpenRecord* opens = nullptr;  // of which the log has no file-open record
+  bool opposite = false;  // that is owed
+  bool rollback = false;  // mark that is owed
+  bool begin = false;     // mark that is due
+  Open* opens = nullptr;  // of which the log has no file-open record
 };
 
 // What one call appends to the log: what is owed, the begin mark if it is due, the file-open record
@@ -82,9 +82,9 @@ struct LeadIn {
 class LogPiece {
  public:
   // `open` may be null: then the record is about no open file.
-  LogPiece(OpenRecord* open, LogType type, Linked linked);
+  LogPiece(Open* open, LogType type, Linked linked);
 
-  RecordBuilder& record() { return record_; }
+  LogRecordBuilder& record() { return record_; }
   // Appends it all: 0, or -1 with 121.
   int writelog();
 
@@ -92,7 +92,7 @@ class LogPiece {
   LeadIn lead_;
   Linked linked_;
   std::size_t start_;  // of the record itself
-  RecordBuilder record_;
+  LogRecordBuilder record_;
 };
 
 // Takes the record logged last back, for what it tells was not done after all. As long as nobody
@@ -101,7 +101,7 @@ class LogPiece {
 void take_back_logged();
 
 // Writes what is owed, if anything is: 0, or -1 with 121.
-int settle_owed();
+int append_owed();
 
 // The log for as long as it lives: nobody else appends anything, and what this process appends is
 // cut off at the end, unless it is kept. For what must be logged before it is done and cannot be

@@ -102,34 +102,34 @@ LogType getlogtype(const Byte* letters) {
   return LogType::kUnknown;
 }
 
-RecordBuilder::RecordBuilder(std::vector<Byte>& buffer, LogType type)
+LogRecordBuilder::LogRecordBuilder(std::vector<Byte>& buffer, LogType type)
     : buffer_(buffer), start_(buffer.size()) {
-  buffer_.resize(start_ + record::kPayload);
-  std::memcpy(&buffer_[start_ + record::kType], letters_of(type), 2);
+  buffer_.resize(start_ + log_record::kPayload);
+  std::memcpy(&buffer_[start_ + log_record::kType], letters_of(type), 2);
 }
 
-void RecordBuilder::put_word(int value) {
+void LogRecordBuilder::put_word(int value) {
   Byte bytes[2];
   common::stword(static_cast<std::uint32_t>(value), bytes);
   put_bytes(bytes);
 }
 
-void RecordBuilder::put_long(std::int32_t value) {
+void LogRecordBuilder::put_long(std::int32_t value) {
   Byte bytes[4];
   common::stlong(value, bytes);
   put_bytes(bytes);
 }
 
-void RecordBuilder::put_bytes(ConstBytes bytes) {
+void LogRecordBuilder::put_bytes(ConstBytes bytes) {
   buffer_.insert(buffer_.end(), bytes.begin(), bytes.end());
 }
 
-void RecordBuilder::put_name(std::string_view name) {
+void LogRecordBuilder::put_name(std::string_view name) {
   put_bytes({reinterpret_cast<const Byte*>(name.data()), name.size()});
   buffer_.push_back(0);
 }
 
-void RecordBuilder::put_key(const keydescr& key) {
+void LogRecordBuilder::put_key(const keydescr& key) {
   put_word(key.flags);
   put_word(key.nparts);
   put_word(key.keylen);
@@ -140,7 +140,7 @@ void RecordBuilder::put_key(const keydescr& key) {
   }
 }
 
-void RecordBuilder::put_image(LogType type, const Image& image) {
+void LogRecordBuilder::put_image(LogType type, const Image& image) {
   Byte head[10];
   std::size_t length = 6;
   const auto put_length = [&](ConstBytes bytes) {
@@ -156,31 +156,32 @@ void RecordBuilder::put_image(LogType type, const Image& image) {
   put_bytes(image.new_image);
 }
 
-bool RecordBuilder::finish() {
-  const std::size_t length = buffer_.size() - start_ + record::kTrailer;
-  if (length > record::kGreatest) return false;
+bool LogRecordBuilder::finish() {
+  const std::size_t length = buffer_.size() - start_ + log_record::kTrailer;
+  if (length > log_record::kGreatest) return false;
   put_word(static_cast<int>(length));
-  common::stword(static_cast<std::uint32_t>(length), &buffer_[start_ + record::kLength]);
+  common::stword(static_cast<std::uint32_t>(length), &buffer_[start_ + log_record::kLength]);
   return true;
 }
 
 void stamp_record(Byte* at, std::int32_t process, int user, std::int32_t time, Link previous) {
-  common::stlong(process, at + record::kProcess);
-  common::stword(static_cast<std::uint32_t>(user), at + record::kUser);
-  common::stlong(time, at + record::kTime);
-  common::stlong(static_cast<std::int32_t>(previous.offset >> 32), at + record::kPreviousOffset);
-  common::stlong(static_cast<std::int32_t>(previous.offset), at + record::kPreviousOffset + 4);
-  common::stword(static_cast<std::uint32_t>(previous.length), at + record::kPreviousLength);
+  common::stlong(process, at + log_record::kProcess);
+  common::stword(static_cast<std::uint32_t>(user), at + log_record::kUser);
+  common::stlong(time, at + log_record::kTime);
+  common::stlong(static_cast<std::int32_t>(previous.offset >> 32),
+                 at + log_record::kPreviousOffset);
+  common::stlong(static_cast<std::int32_t>(previous.offset), at + log_record::kPreviousOffset + 4);
+  common::stword(static_cast<std::uint32_t>(previous.length), at + log_record::kPreviousLength);
 }
 
 namespace {
 
 void set_letters(std::vector<Byte>& bytes, LogType type) {
-  std::memcpy(&bytes[record::kType], letters_of(type), 2);
+  std::memcpy(&bytes[log_record::kType], letters_of(type), 2);
 }
 
 void exchange_images(std::vector<Byte>& update) {
-  Byte* const lengths = &update[record::kPayload + 6];
+  Byte* const lengths = &update[log_record::kPayload + 6];
   const auto old_length = common::ldword(lengths);
   const auto new_length = common::ldword(lengths + 2);
   common::stword(new_length, lengths);
@@ -193,7 +194,7 @@ void make_erasure(std::vector<Byte>& built) {
   const std::string name{LogRecord{built}.built()->name};
   const Link previous = LogRecord{built}.previous();
   built.clear();
-  RecordBuilder erased{built, LogType::kErased};
+  LogRecordBuilder erased{built, LogType::kErased};
   erased.put_name(name);
   static_cast<void>(erased.finish());
   stamp_record(built.data(), 0, 0, 0, previous);
@@ -227,15 +228,17 @@ bool make_opposite(std::vector<Byte>& bytes) {
 }
 
 Link LogRecord::previous() const {
-  const auto high = std::int64_t{common::ldlong(&bytes_[record::kPreviousOffset])};
-  const auto low = static_cast<std::uint32_t>(common::ldlong(&bytes_[record::kPreviousOffset + 4]));
-  return {high * (std::int64_t{1} << 32) + low, common::ldword(&bytes_[record::kPreviousLength])};
+  const auto high = std::int64_t{common::ldlong(&bytes_[log_record::kPreviousOffset])};
+  const auto low =
+      static_cast<std::uint32_t>(common::ldlong(&bytes_[log_record::kPreviousOffset + 4]));
+  return {high * (std::int64_t{1} << 32) + low,
+          common::ldword(&bytes_[log_record::kPreviousLength])};
 }
 
 ConstBytes LogRecord::payload() const {
   const auto end = std::min(static_cast<std::size_t>(length()), bytes_.size());
-  if (end < record::kSmallest) return {};
-  return bytes_.subspan(record::kPayload, end - record::kSmallest);
+  if (end < log_record::kSmallest) return {};
+  return bytes_.subspan(log_record::kPayload, end - log_record::kSmallest);
 }
 
 std::optional<Image> LogRecord::image() const {

@@ -54,7 +54,7 @@ enum class LogType : int {
   kSP = 24,            // SP, never written
 };
 
-namespace record {
+namespace log_record {
 inline constexpr int kLength = 0;
 inline constexpr int kType = 2;
 inline constexpr int kProcess = 4;
@@ -66,7 +66,7 @@ inline constexpr int kPayload = 24;
 inline constexpr int kTrailer = 2;
 inline constexpr int kSmallest = kPayload + kTrailer;
 inline constexpr int kGreatest = 65535;
-}  // namespace record
+}  // namespace log_record
 
 // The two letters of a type, null for kUnknown.
 [[nodiscard]] const char* letters_of(LogType type);
@@ -81,10 +81,10 @@ struct Image {
 };
 
 // A record being built. Numbers that depend on the moment of writing are filled in then.
-class RecordBuilder {
+class LogRecordBuilder {
  public:
   // Starts a record behind what the buffer holds.
-  RecordBuilder(std::vector<Byte>& buffer, LogType type);
+  LogRecordBuilder(std::vector<Byte>& buffer, LogType type);
   void put_word(int value);
   void put_long(std::int32_t value);
   void put_bytes(ConstBytes bytes);
@@ -149,19 +149,21 @@ class LogRecord {
 
   [[nodiscard]] ConstBytes bytes() const { return bytes_; }
   // What the header says; 0 to 65535.
-  [[nodiscard]] int length() const { return common::ldword(&bytes_[record::kLength]); }
+  [[nodiscard]] int length() const { return common::ldword(&bytes_[log_record::kLength]); }
   // Whether both ends, which `bytes` must hold, say the same length.
   [[nodiscard]] bool is_sound() const {
-    return common::ldword(&bytes_[static_cast<std::size_t>(length() - record::kTrailer)]) ==
+    return common::ldword(&bytes_[static_cast<std::size_t>(length() - log_record::kTrailer)]) ==
            length();
   }
-  [[nodiscard]] LogType type() const { return getlogtype(&bytes_[record::kType]); }
+  [[nodiscard]] LogType type() const { return getlogtype(&bytes_[log_record::kType]); }
   [[nodiscard]] std::string_view letters() const {
-    return {reinterpret_cast<const char*>(&bytes_[record::kType]), 2};
+    return {reinterpret_cast<const char*>(&bytes_[log_record::kType]), 2};
   }
-  [[nodiscard]] std::int32_t process() const { return common::ldlong(&bytes_[record::kProcess]); }
-  [[nodiscard]] int user() const { return common::ldword(&bytes_[record::kUser]); }
-  [[nodiscard]] std::int32_t time() const { return common::ldlong(&bytes_[record::kTime]); }
+  [[nodiscard]] std::int32_t process() const {
+    return common::ldlong(&bytes_[log_record::kProcess]);
+  }
+  [[nodiscard]] int user() const { return common::ldword(&bytes_[log_record::kUser]); }
+  [[nodiscard]] std::int32_t time() const { return common::ldlong(&bytes_[log_record::kTime]); }
   [[nodiscard]] Link previous() const;
   [[nodiscard]] bool is_linked() const { return previous().length != 0; }
 

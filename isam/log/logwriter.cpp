@@ -61,7 +61,7 @@ int isloguid(std::int32_t value, bool set) {
 
 int islogbuild(std::string_view name, int reclen, const keydescr& key, int mode) {
   LogPiece piece{nullptr, LogType::kBuilt, Linked::kNo};
-  RecordBuilder& builder = piece.record();
+  LogRecordBuilder& builder = piece.record();
   builder.put_word(mode);
   builder.put_word(isreclen);
   builder.put_word(reclen);
@@ -78,7 +78,7 @@ int islogerase(std::string_view name) {
 
 int islogrename(std::string_view from, std::string_view to) {
   LogPiece piece{nullptr, LogType::kRenamed, Linked::kNo};
-  RecordBuilder& builder = piece.record();
+  LogRecordBuilder& builder = piece.record();
   builder.put_word(static_cast<int>(from.size()) + 1);
   builder.put_word(static_cast<int>(to.size()) + 1);
   builder.put_name(from);
@@ -86,16 +86,16 @@ int islogrename(std::string_view from, std::string_view to) {
   return piece.writelog();
 }
 
-int log_closed(OpenRecord& open) {
+int log_closed(Open& open) {
   LogPiece piece{&open, LogType::kClosed, Linked::kNo};
-  RecordBuilder& builder = piece.record();
+  LogRecordBuilder& builder = piece.record();
   builder.put_word(isfd_of(open));
   builder.put_word(open.file->varlen ? 1 : 0);
   builder.put_name(open.file->name);
   return piece.writelog();
 }
 
-int logclose(OpenRecord& open) {
+int logclose(Open& open) {
   if (log_closed(open) != 0) return -1;
   open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
   return 0;

@@ -28,9 +28,9 @@ int islogrename(std::string_view from, std::string_view to);
 
 // The close of an open that the log knows of, not of the log (close_log); from now on the log does
 // not know the open.
-int logclose(OpenRecord& open);
+int logclose(Open& open);
 // The same while the log is held: whether the open closes is not sure yet, and it stays known.
-int log_closed(OpenRecord& open);
+int log_closed(Open& open);
 
 // What the current call has logged through the current open is taken back: it was not done.
 void withdraw_change();

@@ -53,7 +53,7 @@ bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second) {
   return pool().take_direct(offset, first, second);
 }
 
-void bfsettle() { pool().settle_direct(); }
+void bfwrite_direct() { pool().write_direct_or_pool(); }
 
 PageHold bfgetclr(std::int32_t node) {
   if (node < 1) {
@@ -63,27 +63,27 @@ PageHold bfgetclr(std::int32_t node) {
   return PageHold{pool().bfgetclr(node)};
 }
 
-int bfprocess(FileRecord& file, bool write) {
+int bfprocess(OpenPair& file, bool write) {
   return the_pool ? the_pool->bfprocess(file, write) : 0;
 }
 
-int bfflush(FileRecord& file) { return bfprocess(file, true); }
+int bfflush(OpenPair& file) { return bfprocess(file, true); }
 
-int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last) {
+int bfcommit(OpenPair& file, const Dictionary& first, const Dictionary& last) {
   return pool().bfcommit(file, first, last);
 }
 
-int bfdiscard(FileRecord& file) { return pool().bfdiscard(file); }
+int bfdiscard(OpenPair& file) { return pool().bfdiscard(file); }
 
-void bfdrop(FileRecord& file, std::int32_t first) { pool().discard(file, first); }
+void bfdrop(OpenPair& file, std::int32_t first) { pool().discard(file, first); }
 
-int bfpend(FileRecord& file) { return bfprocess(file, false); }
+int bfpend(OpenPair& file) { return bfprocess(file, false); }
 
-void bfignor(FileRecord& file) {
+void bfignor(OpenPair& file) {
   if (the_pool) the_pool->bfignor(file);
 }
 
-void bfclosing(const FileRecord& file) {
+void bfclosing(const OpenPair& file) {
   if (the_pool) the_pool->closing(file);
 }
 

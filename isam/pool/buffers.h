@@ -21,7 +21,7 @@
 //         B6 forgetting a file costs the same however many pages of it are cached: its generation
 //            changes, and pages of an older one count as not read
 // Gives   PageHold: a busy page that gives itself back when it leaves scope
-// Never   locks; the call frame makes it forget a file that another process changed
+// Never   locks; entering a call makes it forget a file that another process changed
 //
 //   PageHold page = bfread(node);
 //   if (!page) return -1;               // iserrno is set
@@ -47,7 +47,7 @@ struct alignas(64) Buffer {
   Byte node_type;
   Byte level;
   std::int32_t block;  // node number, or number of a data block with the top bit set
-  FileRecord* file;    // null: the buffer holds no page
+  OpenPair* file;      // null: the buffer holds no page
   Byte* page;
   std::uint64_t generation;  // the file's when the page was read
   std::uint64_t released;    // when it was released last, counted in releases
@@ -116,18 +116,18 @@ class PageHold {
 [[nodiscard]] bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second);
 // Writes what was taken so of the current file, whose other changes stay in the pool: so does this
 // one when it cannot be written.
-void bfsettle();
+void bfwrite_direct();
 // A node to be written as a whole: zeroed, valid and modified.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
 
 // Counts a file's modified idle pages, writing each when `write` is set.
-int bfprocess(FileRecord& file, bool write);
+int bfprocess(OpenPair& file, bool write);
 // Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
-// file record (failed_write); the pages of an exclusive open stay modified, others are not tried
+// open pair (failed_write); the pages of an exclusive open stay modified, others are not tried
 // again.
-int bfflush(FileRecord& file);
+int bfflush(OpenPair& file);
 // Keeps the failure in iserrno as that of a write whose caller goes on.
-void bfnote_failure(FileRecord& file);
+void bfnote_failure(OpenPair& file);
 // Writes them, and the dictionary `first` in their middle, in an order that lets other
 // processes go on safely whenever this one is killed: first what lengthens a file (zero bytes where
 // records will be; a full disk leaves the pair as it was), then free lists, so that nothing is used
@@ -137,19 +137,19 @@ void bfnote_failure(FileRecord& file);
 // dictionary. Neighbouring data blocks go out in one piece. The first failure, or one on record,
 // ends it: what was written is taken back, all pages are forgotten and -1 returned with iserrno.
 // Else 0.
-int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last);
+int bfcommit(OpenPair& file, const Dictionary& first, const Dictionary& last);
 // Takes the changes since the last commit back, unless some of them have been written already: 0,
 // or -1. The dictionary is the caller's.
-int bfdiscard(FileRecord& file);
+int bfdiscard(OpenPair& file);
 // Forgets what changed of nodes from number `first` on; INT32_MIN: of all of the file.
-void bfdrop(FileRecord& file, std::int32_t first);
+void bfdrop(OpenPair& file, std::int32_t first);
 // How many of a file's idle pages are modified.
-int bfpend(FileRecord& file);
+int bfpend(OpenPair& file);
 // Forgets every idle page of a file. A modified one is fatal: its change would be lost.
-void bfignor(FileRecord& file);
+void bfignor(OpenPair& file);
 // The descriptor of a file's data is about to be closed: nothing that was read ahead through it is
 // kept.
-void bfclosing(const FileRecord& file);
+void bfclosing(const OpenPair& file);
 // A generation that no file has had yet, for a record that takes up another file.
 [[nodiscard]] std::uint64_t bfgeneration();
 

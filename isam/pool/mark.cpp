@@ -21,19 +21,19 @@ struct Mark {
 };
 
 // What lies past the end of the file is zero.
-int read(const FileRecord& file, Mark& mark) {
+int read(const OpenPair& file, Mark& mark) {
   if (common::read_at(file.idxfd, mark.raw, kMarkOffset) >= 0) return 0;
   return failed_system(errno, Operation::kRead, FileKind::kIndex);
 }
 
-int write(const FileRecord& file, const Mark& mark) {
+int write(const OpenPair& file, const Mark& mark) {
   if (common::write_at(file.idxfd, mark.raw, kMarkOffset) == 0) return 0;
   return failed_system(errno, Operation::kWrite, FileKind::kIndex);
 }
 
 // The magic goes last: as long as it stands whole, the pair is marked, also where a write is cut
 // short. Half a magic would be taken for bytes of somebody else's.
-int clear(const FileRecord& file) {
+int clear(const OpenPair& file) {
   constexpr Byte kZeros[kMarkSize - kMarkProcess] = {};
   const auto write_part = [&file](ConstBytes bytes, std::int64_t within) {
     return common::write_at(file.idxfd, bytes, kMarkOffset + within);
@@ -51,7 +51,7 @@ int clear(const FileRecord& file) {
 
 }  // namespace
 
-int set_mark(FileRecord& file) {
+int set_mark(OpenPair& file) {
   Mark mark;
   if (file.mark != MarkState::kClear) {
     if (read(file, mark) != 0) return -1;
@@ -70,7 +70,7 @@ int set_mark(FileRecord& file) {
   return 0;
 }
 
-int clear_mark(FileRecord& file) {
+int clear_mark(OpenPair& file) {
   if (file.mark_process != ::getpid()) return 0;
   if (clear(file) != 0) return -1;
   file.mark_process = 0;
@@ -78,13 +78,13 @@ int clear_mark(FileRecord& file) {
   return 0;
 }
 
-int remove_mark(FileRecord& file) {
+int remove_mark(OpenPair& file) {
   Mark mark;
   if (read(file, mark) != 0) return -1;
   return mark.is_set() ? clear(file) : 0;
 }
 
-int find_mark(FileRecord& file) {
+int find_mark(OpenPair& file) {
   Mark mark;
   if (read(file, mark) != 0) return -1;
   file.mark = mark.is_room() ? MarkState::kClear : MarkState::kNotOurs;

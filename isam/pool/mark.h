@@ -5,7 +5,7 @@
 // process which was killed, or could not write, and the files do not agree with one another.
 //
 // Keeps   a process clears its own mark only; a program that mends pairs clears any, and says in
-//         the file record (MarkState::kUnneeded) that it sees to the mark itself
+//         the open pair (MarkState::kUnneeded) that it sees to the mark itself
 // Never   touches other bytes that stand in its place
 #pragma once
 
@@ -15,12 +15,12 @@ namespace isam {
 
 // Sets this process's mark, unless one stands there or the place is taken: 0, or -1 with the
 // system's error.
-int set_mark(FileRecord& file);
+int set_mark(OpenPair& file);
 // Clears the mark that this process has set: 0, or -1 with the system's error.
-int clear_mark(FileRecord& file);
+int clear_mark(OpenPair& file);
 // Clears the mark of whatever process: 0, or -1 with the system's error.
-int remove_mark(FileRecord& file);
+int remove_mark(OpenPair& file);
 // Looks whether the file bears the mark of any process: 1 or 0, -1 with the system's error.
-[[nodiscard]] int find_mark(FileRecord& file);
+[[nodiscard]] int find_mark(OpenPair& file);
 
 }  // namespace isam

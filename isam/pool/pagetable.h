@@ -24,7 +24,7 @@ class PageTable {
     slots_ = common::make_arena<Slot>(slots);
     return slots_ != nullptr;
   }
-  [[nodiscard]] Buffer* find(std::int32_t block, const FileRecord* file) const {
+  [[nodiscard]] Buffer* find(std::int32_t block, const OpenPair* file) const {
     const std::uint16_t tag = tag_of(file);
     for (std::size_t at = home(block, tag);; at = (at + 1) & mask_) {
       const Slot slot = slots_[at];
@@ -68,7 +68,7 @@ class PageTable {
   [[nodiscard]] std::uint16_t number_of(const Buffer* buffer) const {
     return static_cast<std::uint16_t>(buffer - buffers_ + 1);
   }
-  [[nodiscard]] static std::uint16_t tag_of(const FileRecord* file) {
+  [[nodiscard]] static std::uint16_t tag_of(const OpenPair* file) {
     const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(file));
     return static_cast<std::uint16_t>(address * kSpread >> 48);
   }

@@ -78,7 +78,7 @@ void Pool::put_in_order(Buffer* buffer) {
 
 // The buffer of its kind that was released least recently and may go; null when none may. Those
 // that may not leave the order, so that they are met once: modified_out() puts them back.
-Buffer* Pool::oldest_that_may_go(ReleaseOrder& order) {
+Buffer* Pool::oldest_that_may_go(LruRing& order) {
   Buffer* buffer = order.oldest();
   for (; buffer != nullptr && !may_go(buffer); buffer = order.oldest()) {
     buffer->released = kOutOfOrder;
@@ -116,16 +116,16 @@ Buffer* Pool::choose_victim() {
 }
 
 // Writes a page whose buffer is needed: 0, or -1 when it has to stay. The failure belongs to that
-// page, not to the call that needs the buffer: it is kept in the file record, and told later.
+// page, not to the call that needs the buffer: it is kept in the open pair, and told later.
 int Pool::spill(Buffer* buffer) {
   const KeepError keep;
-  FileRecord& file = *buffer->file;
+  OpenPair& file = *buffer->file;
   file.spilled = true;
   if (file.exclusives > 0 && is_missing(file.mark) && set_mark(file) != 0) {
     bfnote_failure(file);
     return -1;
   }
-  return write_delayed(buffer);
+  return write_buffer(buffer);
 }
 
 Buffer* Pool::victim() {
@@ -175,7 +175,7 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
 
 bool Pool::load(Buffer& buffer) {
   const Place place = bfmapaddr(buffer);
-  FileRecord& file = *buffer.file;
+  OpenPair& file = *buffer.file;
   common::FileMap& map = map_of(file, place.kind);
   const ssize_t got =
       window_of(place.kind).read(place.fd, map, {buffer.page, place.length}, place.offset);
@@ -223,7 +223,7 @@ bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
 }
 
 bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
-  FileRecord& file = *filep;
+  OpenPair& file = *filep;
   const std::size_t size = to.size() + behind.size();
   // What the pool has and nobody changed is as it is in the file: not worth a look.
   const bool unchanged =

@@ -13,8 +13,8 @@
 #include "common/readahead.h"
 #include "isam/base/errors.h"
 #include "isam/pool/buffers.h"
+#include "isam/pool/lruring.h"
 #include "isam/pool/pagetable.h"
-#include "isam/pool/releaseorder.h"
 
 namespace isam {
 
@@ -42,17 +42,17 @@ class Pool {
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
   int bfwrite(Buffer* buffer);
-  int write_delayed(Buffer* buffer);
+  int write_buffer(Buffer* buffer);
   void modified(Buffer* buffer);
   bool take_direct(std::int64_t offset, ConstBytes first, ConstBytes second);
-  void settle_direct();
-  int bfprocess(FileRecord& file, bool write);
-  int bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last);
-  int bfdiscard(FileRecord& file);
-  void discard(FileRecord& file, std::int32_t first);
-  void bfignor(FileRecord& file);
+  void write_direct_or_pool();
+  int bfprocess(OpenPair& file, bool write);
+  int bfcommit(OpenPair& file, const Dictionary& first, const Dictionary& last);
+  int bfdiscard(OpenPair& file);
+  void discard(OpenPair& file, std::int32_t first);
+  void bfignor(OpenPair& file);
   // The descriptor of the file's data is about to be closed.
-  void closing(const FileRecord& file) { data_window_.forget(file.datfd); }
+  void closing(const OpenPair& file) { data_window_.forget(file.datfd); }
 
  private:
   static constexpr std::int64_t kNotLengthened = INT64_MAX;
@@ -74,31 +74,31 @@ class Pool {
   void modified_out(Buffer* buffer);
   [[nodiscard]] bool add_buffers(std::size_t count);
   void put_in_order(Buffer* buffer);
-  Buffer* oldest_that_may_go(ReleaseOrder& order);
+  Buffer* oldest_that_may_go(LruRing& order);
   Buffer* oldest_of_all();
   Buffer* choose_victim();
   Buffer* victim();
   int spill(Buffer* buffer);
   void reuse(Buffer* buffer, std::int32_t block);
-  const std::vector<Buffer*>& modified_pages(const FileRecord& file);
-  void put_in_turn(const FileRecord& file);
+  const std::vector<Buffer*>& modified_pages(const OpenPair& file);
+  void put_in_turn(const OpenPair& file);
   void reserve_before();
-  int make_room(FileRecord& file);
-  int remember(FileRecord& file, const Place& place);
-  int write_over(FileRecord& file, const Place& place, const Byte* bytes);
-  int write_noted(FileRecord& file, const Place& place, const Byte* bytes);
-  int write_direct_noted(FileRecord& file);
-  void write_back(FileRecord& file);
+  int make_room(OpenPair& file);
+  int remember(OpenPair& file, const Place& place);
+  int write_over(OpenPair& file, const Place& place, const Byte* bytes);
+  int write_noted(OpenPair& file, const Place& place, const Byte* bytes);
+  int write_direct_noted(OpenPair& file);
+  void write_back(OpenPair& file);
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
-  int write_run(FileRecord& file, std::size_t& at);
-  int write_until(FileRecord& file, Turn last, std::size_t& at);
-  int write_direct(FileRecord& file);
+  int write_run(OpenPair& file, std::size_t& at);
+  int write_until(OpenPair& file, Turn last, std::size_t& at);
+  int write_direct(OpenPair& file);
   [[nodiscard]] const Buffer* data_block(std::int64_t block) const;
   [[nodiscard]] bool only_in_file(std::int64_t offset, std::size_t size) const;
   int pool_direct();
-  int write_in_order(FileRecord& file, const Dictionary& first, const Dictionary& last);
+  int write_in_order(OpenPair& file, const Dictionary& first, const Dictionary& last);
   bool load(Buffer& buffer);
-  static common::FileMap& map_of(FileRecord& file, FileKind kind) {
+  static common::FileMap& map_of(OpenPair& file, FileKind kind) {
     return kind == FileKind::kData ? file.data_map : file.index_map;
   }
   common::ReadAhead& window_of(FileKind kind) {
@@ -108,8 +108,8 @@ class Pool {
   std::size_t nbuffs_ = 0;
   std::size_t most_buffers_ = 0;
   PageTable table_;
-  ReleaseOrder nodes_;
-  ReleaseOrder data_blocks_;
+  LruRing nodes_;
+  LruRing data_blocks_;
   std::uint64_t releases_ = 0;
   common::Arena<Buffer> buffs_;
   common::Arena<Byte> pages_;
@@ -141,7 +141,7 @@ class Pool {
 };
 
 inline Pool::Place Pool::bfmapaddr(const Buffer& buffer) {
-  const FileRecord& file = *buffer.file;
+  const OpenPair& file = *buffer.file;
   if (buffer.block < 0) {
     return {file.datfd, std::int64_t{buffer.block & INT32_MAX} * kPageSize, kPageSize,
             FileKind::kData};

@@ -28,7 +28,7 @@ Turn turn_of(const Buffer& page) {
 }  // namespace
 
 // The pages that go out, in their order.
-void Pool::put_in_turn(const FileRecord& file) {
+void Pool::put_in_turn(const OpenPair& file) {
   in_turn_.clear();
   for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
     if ((at->flags & kBusy) != 0) continue;
@@ -47,7 +47,7 @@ void Pool::reserve_before() {
 
 // Keeps the bytes that stand where a commit will write. Those past the end of a file as it was go
 // when that is cut: 0 or -1.
-inline int Pool::remember(FileRecord& file, const Place& place) {
+inline int Pool::remember(OpenPair& file, const Place& place) {
   const bool index = place.kind == FileKind::kIndex;
   const std::int64_t left = (index ? index_size_before_ : data_size_before_) - place.offset;
   if (left <= 0) return 0;
@@ -60,7 +60,7 @@ inline int Pool::remember(FileRecord& file, const Place& place) {
   return 0;
 }
 
-inline int Pool::write_over(FileRecord& file, const Place& place, const Byte* bytes) {
+inline int Pool::write_over(OpenPair& file, const Place& place, const Byte* bytes) {
   window_of(place.kind).overwritten(place.fd, place.offset, place.length);
   if (common::write_at(place.fd, {bytes, place.length}, place.offset) != 0) {
     return failed_system(errno, Operation::kWrite, place.kind);
@@ -69,12 +69,12 @@ inline int Pool::write_over(FileRecord& file, const Place& place, const Byte* by
   return 0;
 }
 
-inline int Pool::write_noted(FileRecord& file, const Place& place, const Byte* bytes) {
+inline int Pool::write_noted(OpenPair& file, const Place& place, const Byte* bytes) {
   return remember(file, place) != 0 ? -1 : write_over(file, place, bytes);
 }
 
 // As far as the files can be written: what a commit wrote before it failed is taken back.
-void Pool::write_back(FileRecord& file) {
+void Pool::write_back(OpenPair& file) {
   while (overwritten_used_ > 0) {
     const auto& [fd, offset, bytes] = overwritten_[--overwritten_used_];
     static_cast<void>(common::write_at(fd, bytes, offset));
@@ -91,7 +91,7 @@ void Pool::write_back(FileRecord& file) {
 
 // Where pages will lengthen the files; data blocks do so with zero bytes before anything else is
 // written: absent records, whatever comes between this and the records. 0 or -1.
-int Pool::make_room(FileRecord& file) {
+int Pool::make_room(OpenPair& file) {
   if (!in_turn_.empty() && in_turn_.front().turn() == Turn::kLengthens) {
     std::int64_t size = 0;
     if (common::find_size(file.idxfd, size) != 0) {
@@ -122,7 +122,7 @@ int Pool::make_room(FileRecord& file) {
 }
 
 // Writes the page at `at` together with the data blocks right before it: 0 or -1.
-int Pool::write_run(FileRecord& file, std::size_t& at) {
+int Pool::write_run(OpenPair& file, std::size_t& at) {
   const std::size_t begin = at;
   const auto page_at = [this](std::size_t i) { return in_turn_[i].page; };
   std::size_t end = begin + 1;
@@ -147,7 +147,7 @@ int Pool::write_run(FileRecord& file, std::size_t& at) {
 }
 
 // Writes from `at` on what has its turn up to `last`: 0 or -1.
-int Pool::write_until(FileRecord& file, Turn last, std::size_t& at) {
+int Pool::write_until(OpenPair& file, Turn last, std::size_t& at) {
   while (at < in_turn_.size() && in_turn_[at].turn() <= last) {
     if (write_run(file, at) != 0) return -1;
   }
@@ -155,14 +155,14 @@ int Pool::write_until(FileRecord& file, Turn last, std::size_t& at) {
 }
 
 // What is written past the pool; what stood there was read when it was taken.
-int Pool::write_direct_noted(FileRecord& file) {
+int Pool::write_direct_noted(OpenPair& file) {
   const DirectWrite& direct = file.direct;
   if (direct.bytes.empty()) return 0;
   overwritten_[overwritten_used_++] = {file.datfd, direct.offset, direct.before};
   return write_direct(file);
 }
 
-int Pool::write_in_order(FileRecord& file, const Dictionary& first, const Dictionary& last) {
+int Pool::write_in_order(OpenPair& file, const Dictionary& first, const Dictionary& last) {
   put_in_turn(file);
   reserve_before();
   const Place dictionary{file.idxfd, 0, kDictionarySize, FileKind::kIndex};
@@ -180,7 +180,7 @@ int Pool::write_in_order(FileRecord& file, const Dictionary& first, const Dictio
   return differs ? write_over(file, dictionary, last.raw) : 0;
 }
 
-int Pool::bfcommit(FileRecord& file, const Dictionary& first, const Dictionary& last) {
+int Pool::bfcommit(OpenPair& file, const Dictionary& first, const Dictionary& last) {
   const FailedWrite lost = std::exchange(file.failed_write, {});
   overwritten_used_ = 0;
   before_used_ = 0;

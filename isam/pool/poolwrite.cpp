@@ -16,13 +16,13 @@ namespace {
 constexpr std::int64_t kSystemPage = 4096;
 
 // What an exclusive open could not write stays in the pool, to be tried again.
-bool waits_on(const FileRecord& file) {
+bool waits_on(const OpenPair& file) {
   return file.exclusives > 0 && file.mark != MarkState::kUnneeded;
 }
 
 }  // namespace
 
-void bfnote_failure(FileRecord& file) {
+void bfnote_failure(OpenPair& file) {
   if (file.failed_write.error == 0) file.failed_write = {iserrno, iserrio};
   if (waits_on(file) && file.lost_write.error == 0) file.lost_write = {iserrno, iserrio};
 }
@@ -59,7 +59,7 @@ Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
 
 // Writes a page, and in one piece with it those beside it that wait as well, within one page of the
 // system: it takes small writes into what was written in large pieces badly.
-int Pool::write_delayed(Buffer* buffer) {
+int Pool::write_buffer(Buffer* buffer) {
   const auto system_page = [](const Buffer& of) { return bfmapaddr(of).offset / kSystemPage; };
   const std::int64_t within = system_page(*buffer);
   Buffer* first = buffer;
@@ -70,7 +70,7 @@ int Pool::write_delayed(Buffer* buffer) {
   Buffer* const after = delayed_beside(*first, 1);
   if (after == nullptr || system_page(*after) != within) return bfwrite(first);
   const Place place = bfmapaddr(*first);
-  FileRecord& file = *first->file;
+  OpenPair& file = *first->file;
   run_.clear();
   Buffer* end = first;
   for (; end != nullptr && system_page(*end) == within; end = delayed_beside(*end, 1)) {
@@ -91,7 +91,7 @@ int Pool::write_delayed(Buffer* buffer) {
   return result;
 }
 
-const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
+const std::vector<Buffer*>& Pool::modified_pages(const OpenPair& file) {
   to_write_.clear();
   for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
     if ((at->flags & kBusy) == 0) to_write_.push_back(at);
@@ -102,7 +102,7 @@ const std::vector<Buffer*>& Pool::modified_pages(const FileRecord& file) {
 // Takes bytes that are better written by themselves than with their blocks. One change of a call
 // at the most: a second one goes through the pool, and takes the first with it.
 bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second) {
-  FileRecord& file = *filep;
+  OpenPair& file = *filep;
   std::vector<Byte>& bytes = file.direct.bytes;
   const std::size_t size = first.size() + second.size();
   const std::int64_t distance = offset - std::exchange(file.last_written, offset);
@@ -130,7 +130,7 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
 }
 
 // 0, or -1 with iserrno and the bytes still waiting.
-int Pool::write_direct(FileRecord& file) {
+int Pool::write_direct(OpenPair& file) {
   std::vector<Byte>& bytes = file.direct.bytes;
   if (bytes.empty()) return 0;
   data_window_.overwritten(file.datfd, file.direct.offset, bytes.size());
@@ -142,7 +142,7 @@ int Pool::write_direct(FileRecord& file) {
 }
 
 // What cannot be written now waits in the pool, as other changes do, and is told like those.
-void Pool::settle_direct() {
+void Pool::write_direct_or_pool() {
   if (filep->direct.bytes.empty()) return;
   const KeepError keep;
   if (write_direct(*filep) == 0) return;
@@ -153,7 +153,7 @@ void Pool::settle_direct() {
 // Brings the bytes that wait into the pool: 0, or -1 with iserrno, which is also kept as that of a
 // write that failed.
 int Pool::pool_direct() {
-  FileRecord& file = *filep;
+  OpenPair& file = *filep;
   std::vector<Byte> bytes = std::move(file.direct.bytes);
   file.direct.bytes.clear();
   ConstBytes rest = bytes;
@@ -174,7 +174,7 @@ int Pool::pool_direct() {
   return 0;
 }
 
-int Pool::bfprocess(FileRecord& file, bool write) {
+int Pool::bfprocess(OpenPair& file, bool write) {
   const std::vector<Buffer*>& pages = modified_pages(file);
   const int waiting = static_cast<int>(pages.size()) + (file.direct.bytes.empty() ? 0 : 1);
   if (!write || waiting == 0) return waiting;
@@ -183,7 +183,7 @@ int Pool::bfprocess(FileRecord& file, bool write) {
     bfnote_failure(file);
   }
   for (Buffer* page : pages) {
-    if ((page->flags & kModified) != 0) write_delayed(page);
+    if ((page->flags & kModified) != 0) write_buffer(page);
   }
   if (write_direct(file) != 0) {
     bfnote_failure(file);
@@ -192,7 +192,7 @@ int Pool::bfprocess(FileRecord& file, bool write) {
   return waiting;
 }
 
-void Pool::discard(FileRecord& file, std::int32_t first) {
+void Pool::discard(OpenPair& file, std::int32_t first) {
   for (Buffer* at = file.modified; at != nullptr;) {
     Buffer* const page = std::exchange(at, at->modified_next);
     if (page->block < first) continue;
@@ -201,7 +201,7 @@ void Pool::discard(FileRecord& file, std::int32_t first) {
   }
 }
 
-int Pool::bfdiscard(FileRecord& file) {
+int Pool::bfdiscard(OpenPair& file) {
   if (file.spilled) return -1;
   file.failed_write = {};
   file.direct.bytes.clear();
@@ -209,7 +209,7 @@ int Pool::bfdiscard(FileRecord& file) {
   return 0;
 }
 
-void Pool::bfignor(FileRecord& file) {
+void Pool::bfignor(OpenPair& file) {
   index_window_.forget(file.idxfd);
   data_window_.forget(file.datfd);
   if (!file.direct.bytes.empty()) common::error("ignoring modified bytes");

@@ -41,7 +41,7 @@ class Descent {
   // The key of an upper node's last item carries no meaning; but an insertion among equals takes a
   // duplicate number above that item's too, where it repeats the key.
   [[nodiscard]] bool covers_all(bool last) const { return last && !leaf_ && !numbers_; }
-  bool settle(PathLevel& level, int offset, int next, int result);
+  bool choose(PathLevel& level, int offset, int next, int result);
 
   Item& sought_;
   Item& found_;

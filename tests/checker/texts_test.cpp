@@ -21,7 +21,7 @@ class Texts : public testing::Test {
  protected:
   void SetUp() override {
     build_pair(fault_spec(false), base_);
-    isam::OpenRecord* const open = isam::allocopen();
+    isam::Open* const open = isam::allocopen();
     open->file = isam::allocfile(base_, ISINPUT, isam::IndexAccess::kOrToRead);
     ASSERT_NE(open->file, nullptr);
     isam::make_current(*open);

@@ -115,7 +115,7 @@ class TestPair {
 
   std::string folder_;
   std::string base_;
-  isam::OpenRecord* open_;
+  isam::Open* open_;
   std::map<std::int32_t, Image> records_;
 };
 

@@ -37,7 +37,7 @@ struct Disk {
 
 void append_as_stranger() {
   std::vector<Byte> record;
-  EXPECT_TRUE((isam::txlog::RecordBuilder{record, isam::txlog::LogType::kBegin}.finish()));
+  EXPECT_TRUE((isam::txlog::LogRecordBuilder{record, isam::txlog::LogType::kBegin}.finish()));
   isam::txlog::stamp_record(record.data(), 1, 1, 1, {});
   std::ofstream log{"log", std::ios::app | std::ios::binary};
   log.write(reinterpret_cast<const char*>(record.data()),

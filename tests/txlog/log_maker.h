@@ -10,8 +10,8 @@
 namespace testing_support {
 
 using isam::txlog::Link;
+using isam::txlog::LogRecordBuilder;
 using isam::txlog::LogType;
-using isam::txlog::RecordBuilder;
 using isam::txlog::stamp_record;
 
 class Recovery : public LogTest {
@@ -41,7 +41,7 @@ class LogMaker {
   template <typename Fill>
   void add(LogType type, int process, bool linked, Fill fill) {
     const std::size_t at = bytes_.size();
-    RecordBuilder builder{bytes_, type};
+    LogRecordBuilder builder{bytes_, type};
     fill(builder);
     EXPECT_TRUE(builder.finish());
     Link& last = chains_[process];
@@ -51,10 +51,10 @@ class LogMaker {
   // Another process gets a number, or the chain is as it was before a record that was taken back.
   Link& chain(int process) { return chains_[process]; }
   void mark(LogType type, int process) {
-    add(type, process, true, [](RecordBuilder&) {});
+    add(type, process, true, [](LogRecordBuilder&) {});
   }
   void opens(LogType type, int process, int open, const char* name) {
-    add(type, process, false, [&](RecordBuilder& builder) {
+    add(type, process, false, [&](LogRecordBuilder& builder) {
       builder.put_word(open);
       builder.put_word(0);
       builder.put_name(name);
@@ -62,7 +62,7 @@ class LogMaker {
   }
   void image(LogType type, int process, int open, int number, const std::string& record,
              bool linked = true) {
-    add(type, process, linked, [&](RecordBuilder& builder) {
+    add(type, process, linked, [&](LogRecordBuilder& builder) {
       builder.put_word(open);
       builder.put_long(number);
       builder.put_word(static_cast<int>(record.size()));
@@ -71,7 +71,7 @@ class LogMaker {
   }
   void update(int process, int open, int number, const std::string& old, const std::string& record,
               bool linked = true) {
-    add(LogType::kUpdate, process, linked, [&](RecordBuilder& builder) {
+    add(LogType::kUpdate, process, linked, [&](LogRecordBuilder& builder) {
       builder.put_word(open);
       builder.put_long(number);
       builder.put_word(static_cast<int>(old.size()));
@@ -84,7 +84,7 @@ class LogMaker {
   void save() const { write_file("log", bytes_); }
 
  private:
-  static void put(RecordBuilder& builder, const std::string& text) {
+  static void put(LogRecordBuilder& builder, const std::string& text) {
     builder.put_bytes({reinterpret_cast<const Byte*>(text.data()), text.size()});
   }
 

@@ -63,7 +63,7 @@ class Script {
         return;
       case 'e':
         return log_.add(LogType::kErased, process, false,
-                        [](RecordBuilder& builder) { builder.put_name("pair"); });
+                        [](LogRecordBuilder& builder) { builder.put_name("pair"); });
       case '!':
         return image(last_[process].inverted(), process);
       default:
@@ -74,7 +74,7 @@ class Script {
       const bool clusters = word[1] == 'c';
       const keydescr groups{0, 1, {{kGroupAt + 1, 7, KT_CHAR}}, 0, 0};
       return log_.add(clusters ? LogType::kClustered : LogType::kIndexAdded, process, false,
-                      [&](RecordBuilder& builder) {
+                      [&](LogRecordBuilder& builder) {
                         builder.put_word(open);
                         builder.put_key(clusters ? id_key() : groups);
                       });

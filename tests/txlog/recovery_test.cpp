@@ -437,7 +437,7 @@ TEST_P(HandMadeLogs, OpenAPairAgainThatTheyLostWhenItWasClustered) {
   keep_copy();
   log_.opens(LogType::kOpened, 7, 3, "pair");
   log_.image(LogType::kInsert, 7, 3, 1, row(1, 0), false);
-  log_.add(LogType::kClustered, 7, false, [](RecordBuilder& builder) {
+  log_.add(LogType::kClustered, 7, false, [](LogRecordBuilder& builder) {
     builder.put_word(3);
     builder.put_key(id_key());
   });

@@ -1,4 +1,4 @@
-// frame: what every public call on an open runs inside.
+// call: what every public call on an open runs inside.
 //
 //   if (isenter(isfd, kToRead) != 0) return -1;
 //   ... work on the current file ...
@@ -48,7 +48,7 @@ int reread_dictionary(int entry);
 int write_delayed();
 
 // Writes it and clears the mark: no other process need know of this one.
-int settle_exclusive();
+int write_and_unmark();
 
 // Nothing is known any more of what an exclusive open has written or not.
 void forget_exclusive();

@@ -1,4 +1,4 @@
-// recordset: a set of record numbers, for the locks that a process holds.
+// numberset: a set of record numbers, for the locks that a process holds.
 //
 // Never   allocates while it holds no more numbers than it once held
 #pragma once
@@ -10,7 +10,7 @@
 
 namespace isam {
 
-class RecordSet {
+class NumberSet {
  public:
   [[nodiscard]] bool empty() const { return numbers_.empty(); }
   [[nodiscard]] bool contains(std::int32_t number) const {

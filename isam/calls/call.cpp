@@ -1,4 +1,4 @@
-#include "isam/calls/frame.h"
+#include "isam/calls/call.h"
 
 #include <cerrno>
 #include <cstring>
@@ -28,13 +28,13 @@ constexpr int kBatchCalls = 7;
 constexpr int kCallsUnwritten = 16;
 std::uint64_t use_counter = 1;  // of a file that has not been used it is 0
 
-int refuse(OpenRecord* open) {
+int refuse(Open* open) {
   if (open != nullptr) isstat2 = '4';
   return failed(kNotOpen);
 }
 
 // In batch mode another open may still have its file held up.
-void end_other_batch(const OpenRecord& open) {
+void end_other_batch(const Open& open) {
   if (batchflag == 0 || openp == nullptr || openp == &open) return;
   if ((openp->flags & kHoldsSemaphore) != 0) {
     lksemaphore(Semaphore::kRelease);
@@ -100,7 +100,7 @@ int release_automatic_lock(int entry) {
   return release_locks();
 }
 
-int enter(OpenRecord* open, int entry) {
+int enter(Open* open, int entry) {
   if (open == nullptr || ((open->flags & kKept) != 0 && (entry & kKeptToo) == 0)) {
     return refuse(nullptr);
   }
@@ -136,7 +136,7 @@ void write_mark() {
 void write_some() {
   if ((filep->flags & kDictionaryChanged) == 0) return;
   if (is_missing(filep->mark)) write_mark();
-  bfsettle();
+  bfwrite_direct();
   if (++filep->calls_unwritten < kCallsUnwritten) return;
   const KeepError keep;
   if (dictwrite() != 0) bfnote_failure(*filep);
@@ -214,7 +214,7 @@ void write_changes() {
 }
 
 // What the call has logged is withdrawn when the change was not made.
-void settle_logged(bool undone) {
+void withdraw_unless_made(bool undone) {
   const bool made = !undone && (iserrno == 0 || is_alone());
   txlog::logstate.change_logged = false;
   if (!made) txlog::withdraw_change();
@@ -284,7 +284,7 @@ int write_delayed() {
   return lost.error != 0 ? -1 : 0;
 }
 
-int settle_exclusive() {
+int write_and_unmark() {
   if (write_delayed() != 0) return -1;
   cut_unused_room();
   return clear_mark(*filep);
@@ -309,7 +309,7 @@ int write_handed_out() {
 int isexit() {
   const bool undone = iserrno != 0;
   write_changes();
-  if (txlog::logstate.change_logged) settle_logged(undone);
+  if (txlog::logstate.change_logged) withdraw_unless_made(undone);
   if (iserrno != 0 && !undone) {
     bt = openp->position;
     bt.depth = -1;

@@ -1,4 +1,4 @@
-// releaseorder: the order in which buffers of the pool were released.
+// lruring: the order in which buffers of the pool were released.
 //
 // A ring of releases, read from its old end; a release counts only while it is its buffer's last
 // one and the buffer idle. Unlike a linked list it costs a page found in the pool no look at other
@@ -15,13 +15,13 @@
 
 namespace isam {
 
-class ReleaseOrder {
+class LruRing {
  public:
   // Makes room for so many buffers; false without memory, with everything as it was.
   [[nodiscard]] bool reserve(std::size_t buffers) {
     const std::size_t releases = std::bit_ceil(buffers * 4);
     if (releases <= mask_ + 1) return true;
-    ReleaseOrder larger;
+    LruRing larger;
     larger.ring_ = common::make_arena<Buffer*>(releases);
     larger.numbers_ = common::make_arena<std::uint64_t>(releases);
     if (larger.ring_ == nullptr || larger.numbers_ == nullptr) return false;
