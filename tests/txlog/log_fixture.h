@@ -19,6 +19,9 @@
 
 namespace testing_support {
 
+// Not the records of sessions.h: one test program may hold tests of both.
+inline namespace logged_pairs {
+
 inline constexpr int kIdLength = 8, kGroupAt = 8, kMinimum = 16, kMaximum = 3000;
 
 inline keydescr id_key() { return {0, 1, {{0, kIdLength, KT_CHAR}}, 0, 0}; }
@@ -30,6 +33,8 @@ inline std::string row(int id, int group, int filler = 0, char fill = 'x') {
   std::snprintf(head, sizeof head, "%08d%08d", id, group);
   return std::string(head, kMinimum) + std::string(static_cast<std::size_t>(filler), fill);
 }
+
+}  // namespace logged_pairs
 
 using Rows = std::vector<std::string>;
 
