@@ -146,7 +146,7 @@ void write_some() {
 bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->exclusives > 0; }
 
 // A call that failed has undone its changes in the pool; where that is all there is of them, the
-// file need not hear of it.
+// file need not hear of it. (No record is on a list of its transaction yet: that comes last.)
 bool take_back() {
   const bool wanted = iserrno != 0 && !filep->keeps_changes && !is_alone();
   if (!wanted || bfdiscard(*filep) != 0) return false;
@@ -196,7 +196,7 @@ void unlist() {
 
 void write_changes() {
   if ((filep->flags & (kPageChanged | kDictionaryChanged)) == 0) return;
-  if (take_back()) return unlist();
+  if (take_back()) return;
   const bool changed = (filep->flags & kPageChanged) != 0;
   if (changed) {
     filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);

@@ -93,13 +93,8 @@ int store(std::int32_t number, ConstBytes record, bool given) {
   return given ? datawrite(number, record, true) : datacreate(number, record);
 }
 
-// A call of a shared open is taken back as a whole; until then the list is as it was.
-void give_number_back(std::int32_t number, std::int32_t highest) {
-  if (number > highest || filep->exclusives > 0) {
-    freerec(number, FreeList::kRecords);
-  } else {
-    enlist(number, FreeList::kRecords);
-  }
+void give_number_back(std::int32_t number) {
+  freerec(number, FreeList::kRecords);
   lkrecord(number, RecordLock::kRelease);
 }
 
@@ -175,7 +170,6 @@ Bytes record_room() { return temprecord().first(static_cast<std::size_t>(filep->
 std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given) {
   const Keys* keys = file_keys();
   if (keys == nullptr || txlog::audopen() != 0) return -1;
-  const std::int32_t highest = dictp->d_nextdata();
   std::int32_t number = 0;
   if (take_number(given, number) != 0) return -1;
   KeptPosition position;
@@ -192,7 +186,7 @@ std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given) {
   position.stay();
   const KeepError keep;
   remove_items(*keys, added, record, number);
-  if (given == 0) give_number_back(number, highest);
+  if (given == 0) give_number_back(number);
   return -1;
 }
 

@@ -152,6 +152,26 @@ void append_entry(PageHold& page, std::int32_t number) {
   page.modified();
 }
 
+// Returns a number without lowering the highest in use: 0, or -1 with iserrno.
+int enlist(std::int32_t number, FreeList list) {
+  if (!in_range(list, number)) return failed(kCorrupted);
+  if (const std::int32_t head = head_of(list); head != 0) {
+    PageHold page = list_node(list, head);
+    if (!page) return -1;
+    if (has_room(page)) {
+      append_entry(page, number);
+      return 0;
+    }
+  }
+  // A freed node becomes its list's head; a freed record needs a node for its list.
+  const std::int32_t node = list == FreeList::kNodes ? number : allocrec(FreeList::kNodes);
+  if (node < 0) return -1;
+  PageHold page = start_head(list, node);
+  if (!page) return -1;
+  if (list == FreeList::kRecords) append_entry(page, number);
+  return 0;
+}
+
 std::int32_t take(FreeList list) {
   const std::int32_t head = head_of(list);
   if (head == 0) return raise_highest(list);
@@ -267,25 +287,6 @@ int freerec(std::int32_t number, FreeList list) {
   if (!in_range(list, number)) return failed(kCorrupted);
   if (number != highest(list) || (filep->flags & kNumbersListed) != 0) return enlist(number, list);
   set_highest(list, number - 1);
-  return 0;
-}
-
-int enlist(std::int32_t number, FreeList list) {
-  if (!in_range(list, number)) return failed(kCorrupted);
-  if (const std::int32_t head = head_of(list); head != 0) {
-    PageHold page = list_node(list, head);
-    if (!page) return -1;
-    if (has_room(page)) {
-      append_entry(page, number);
-      return 0;
-    }
-  }
-  // A freed node becomes its list's head; a freed record needs a node for its list.
-  const std::int32_t node = list == FreeList::kNodes ? number : allocrec(FreeList::kNodes);
-  if (node < 0) return -1;
-  PageHold page = start_head(list, node);
-  if (!page) return -1;
-  if (list == FreeList::kRecords) append_entry(page, number);
   return 0;
 }
 

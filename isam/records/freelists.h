@@ -30,9 +30,6 @@ enum class FreeList { kNodes, kRecords };
 // Returns a number: 0, or -1 with iserrno.
 int freerec(std::int32_t number, FreeList list);
 
-// The same without lowering the highest number in use: puts back what was taken from the list.
-int enlist(std::int32_t number, FreeList list);
-
 // Takes a certain record number out of the free ones: 0, or -1 with 119 when it is not free. One
 // past the end makes the file longer, and the numbers in between are listed in ascending order.
 int getdatrec(std::int32_t number);
