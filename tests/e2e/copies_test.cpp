@@ -224,12 +224,14 @@ TEST_F(Inherited, OrRatherSharedWithAnotherCopyNothingIs) {
 
     // In a child nothing of that counts, and each copy notices for itself.
     apart([&] {
-      EXPECT_GE(first.open(base_), 0);
+      const int own = first.open(other_);
+      std::string record = record_of({.id = 1}, false);
+      EXPECT_EQ(first.the(::isread, "isread")(own, record.data(), RD_EQUAL | RD_LOCK), 0);
       EXPECT_EQ(pair.read(RD_EQUAL, 1), -1);
       EXPECT_EQ(iserrno, ISENOTOPEN);
-      EXPECT_EQ(second.open(base_), -1);
+      EXPECT_EQ(second.open(other_), -1);
       EXPECT_EQ(second.error(), ISEINUSE);
-      EXPECT_TRUE(byte_locked(base_, kOpenLock));
+      EXPECT_TRUE(byte_locked(other_, kRecords + 1));
     });
   });
 }

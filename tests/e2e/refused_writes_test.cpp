@@ -83,7 +83,10 @@ class RefusedWrites : public testing::Test {
   void build(bool varying, int records) const {
     alone([&] {
       Session session{base_, varying};
-      ASSERT_GE(session.build(ISINOUT | ISEXCLLOCK), 0);
+      ASSERT_GE(session.build_empty(ISINOUT | ISEXCLLOCK), 0);
+      EXPECT_EQ(mark(), kNoMark);
+      keydescr group = group_key();
+      ASSERT_EQ(::isaddindex(session.isfd, &group), 0);
       for (int id = 1; id <= records; ++id) {
         ASSERT_EQ(session.put({id, id % 3, 0}, ::iswrite), 0);
       }
@@ -521,6 +524,57 @@ TEST_F(RefusedWrites, ALostPageIsToldByTheNextCallAndByEveryClose) {
     EXPECT_EQ(::iserrno, ISECORRUPT);  // as it was
   });
   expect_repaired(base_, "");
+}
+
+TEST_F(RefusedWrites, OfDataThatWaitsKeepItsFileOpen) {
+  build(false, 20);
+  for (const char* suffix : {".idx", ".dat"}) {
+    std::filesystem::copy_file(base_ + suffix, base_ + "2" + suffix);
+  }
+  alone([&] {
+    Session session{base_, false};
+    ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+    EXPECT_EQ(session.put({3, 0, 7}, ::isrewrite), 0);
+    // No descriptors are left, and none can be given up.
+    end_of_disk = 0;
+    common::system_calls().open = [](const char*, int, mode_t) {
+      errno = EMFILE;
+      return -1;
+    };
+    EXPECT_EQ(Session{base_ + "2"}.open(ISINOUT | ISMANULOCK), -1);
+    EXPECT_EQ(::iserrno, EMFILE);
+    end_of_disk = INT64_MAX;
+    EXPECT_EQ(::isclose(session.isfd), -1);
+    EXPECT_EQ(::iserrno, ENOSPC);
+  });
+  EXPECT_EQ(counters_in(base_, false, 1, 20)[3], 7);
+}
+
+// A process that is killed before any write of its first call leaves what it has written marked.
+TEST_F(RefusedWrites, AreMarkedBeforeACallNeedsTheirBuffers) {
+  build(true, 60);
+  const Files before = files();
+  for (int write = 0; write < 20; ++write) {
+    write_file(base_ + ".idx", before.first);
+    write_file(base_ + ".dat", before.second);
+    alone(
+        [&] {
+          static int left;
+          left = write;
+          ::setenv("ISAMBUFS", "4", 1);
+          Session session{base_, true};
+          ASSERT_GE(session.open(ISINOUT | ISEXCLLOCK), 0);
+          common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
+                                             off_t at) {
+            if (left-- == 0) ::raise(SIGKILL);
+            return ::pwrite(fd, from, count, at);
+          };
+          EXPECT_EQ(session.put({30, 7, 50}, ::isrewrite), 0);
+          ::raise(SIGKILL);
+        },
+        SIGKILL);
+    EXPECT_TRUE(files() == before || mark() != kNoMark) << write;
+  }
 }
 
 TEST_F(RefusedWrites, AnotherProcessLockOfTheFileLeavesItAsItWas) {

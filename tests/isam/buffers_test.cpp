@@ -159,6 +159,26 @@ TEST(BuffersDeathTest, AFailedWriteIsKeptAndItsPagesStay) {
   });
 }
 
+// ... of a page that a call of others' file had no room for in the pool.
+TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
+  in_own_process("4", [] {
+    static bool fails = true;
+    common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
+                                       off_t offset) -> ssize_t {
+      errno = EIO;
+      return std::exchange(fails, false) ? -1 : ::pwrite(fd, from, count, offset);
+    };
+    ASSERT_EQ(::ftruncate(filep->idxfd, 3000 * 1024), 0);
+    filep->nodes_before = 3000;
+    for (int node = 20; fails; ++node) bfgetclr(node).release();
+    EXPECT_EQ(iserrno, 0);
+    EXPECT_EQ(bfdiscard(*filep), -1);
+    EXPECT_EQ(bfcommit(*filep, *dictp, *dictp), -1);
+    EXPECT_EQ(iserrno, EIO);
+    EXPECT_EQ(bfpend(*filep), 0);
+  });
+}
+
 int writes = 0;
 
 TEST(BuffersDeathTest, DelayedNeighboursAreWrittenInOnePiece) {

@@ -374,6 +374,11 @@ TEST_P(FailedWrites, EraseAPairAsFarAsItGoes) {
   disk.moves = 1;
   EXPECT_EQ(::iserase("pair"), -1);
   EXPECT_EQ(types(), "FO IN IN FC ER");
+  ::islogclose();  // either file goes without the other
+  begin({.moves = 0});
+  EXPECT_EQ(::iserase("pair"), -1);
+  EXPECT_EQ(iserrno, EACCES);
+  EXPECT_FALSE(std::filesystem::exists("pair.dat"));
 }
 
 // What a commit could not free is free after whatever ends next, and once.
