@@ -155,36 +155,9 @@ bool take_back() {
   return true;
 }
 
-// The list of free nodes without heads that are written after the records that used them.
-std::int32_t free_nodes_written() {
-  const KeepError keep;
-  std::int32_t head = dictp->d_freenode();
-  for (std::int32_t left = dictp->d_nextnode(); head != 0 && left > 0; --left) {
-    const PageHold page = bfread(head);
-    if (!page) return 0;
-    if (!page.is_given_up()) break;
-    head = common::ldlong(page.data() + kLinkOffset);
-  }
-  return head;
-}
-
-// The dictionary in the middle of a commit. What the call gives back is still in use: as long as an
-// index or a record may refer to it, nobody else gets it.
-Dictionary with_given_in_use() {
-  Dictionary early = *dictp;
-  if (filep->gives_number) {
-    early.set_d_nextdata(filep->numbers_before);
-    early.set_d_freedata(filep->free_list_before);
-  }
-  if (filep->varlen && dictp->d_freenode() != filep->free_nodes_before) {
-    early.set_d_freenode(free_nodes_written());
-  }
-  return early;
-}
-
 // All that a call changed, while others wait: 0 or -1.
 int commit() {
-  if (bfcommit(*filep, with_given_in_use(), *dictp) != 0) return -1;
+  if (bfcommit(*filep) != 0) return -1;
   filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
   return 0;
 }

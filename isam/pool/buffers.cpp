@@ -69,9 +69,7 @@ int bfprocess(OpenPair& file, bool write) {
 
 int bfflush(OpenPair& file) { return bfprocess(file, true); }
 
-int bfcommit(OpenPair& file, const Dictionary& first, const Dictionary& last) {
-  return pool().bfcommit(file, first, last);
-}
+int bfcommit(OpenPair& file) { return pool().order().commit(file); }
 
 int bfdiscard(OpenPair& file) { return pool().bfdiscard(file); }
 

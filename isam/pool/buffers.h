@@ -128,16 +128,11 @@ int bfprocess(OpenPair& file, bool write);
 int bfflush(OpenPair& file);
 // Keeps the failure in iserrno as that of a write whose caller goes on.
 void bfnote_failure(OpenPair& file);
-// Writes them, and the dictionary `first` in their middle, in an order that lets other
-// processes go on safely whenever this one is killed: first what lengthens a file (zero bytes where
-// records will be; a full disk leaves the pair as it was), then free lists, so that nothing is used
-// and listed, then the dictionary, whose change stamp makes others read the rest anew, then nodes,
-// then records, then what records no longer refer to. A call that deletes a record (gives_number)
-// writes it before the nodes, and lists its number last; then `last`, where it differs, is the
-// dictionary. Neighbouring data blocks go out in one piece. The first failure, or one on record,
-// ends it: what was written is taken back, all pages are forgotten and -1 returned with iserrno.
-// Else 0.
-int bfcommit(OpenPair& file, const Dictionary& first, const Dictionary& last);
+// Writes them and the dictionary in the order of isam/pool/writeorder, which lets other processes
+// go on safely whenever this one is killed. The file is the current one. The first failure, or one
+// on record, ends it: what was written is taken back, all pages are forgotten and -1 returned with
+// iserrno. Else 0.
+int bfcommit(OpenPair& file);
 // Takes the changes since the last commit back, unless some of them have been written already: 0,
 // or -1. The dictionary is the caller's.
 int bfdiscard(OpenPair& file);

@@ -46,18 +46,20 @@ Pool& make_pool() {
   return *the_pool;
 }
 
-Pool::Pool() {
-  const auto count =
-      static_cast<std::size_t>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers));
-  const std::size_t most = most_buffers_ = count + kMostAdded;
+Pool::Pool()
+    : most_buffers_(
+          static_cast<std::size_t>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers)) +
+          kMostAdded),
+      order_(*this) {
+  const std::size_t most = most_buffers_;
+  const std::size_t count = most - kMostAdded;
   buffs_ = common::make_arena<Buffer>(count, kMostAdded);
   pages_ = common::make_arena<Byte>(count * kPageStride, kMostAdded * kPageStride);
   if (!buffs_ || !pages_ || !table_.reserve(buffs_.get(), most) || !add_buffers(count)) {
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(most);
-  in_turn_.reserve(most);
-  run_.reserve((kLongestRun + 1) * kPageSize);
+  run_.reserve(kSystemPage + kMaxNodeSize);
 }
 
 // Puts buffers to use that have been spare: false without memory, with the pool as it was.

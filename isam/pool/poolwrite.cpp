@@ -13,8 +13,6 @@
 namespace isam {
 namespace {
 
-constexpr std::int64_t kSystemPage = 4096;
-
 // What an exclusive open could not write stays in the pool, to be tried again.
 bool waits_on(const OpenPair& file) {
   return file.exclusives > 0 && file.mark != MarkState::kUnneeded;

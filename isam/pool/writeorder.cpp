@@ -1,0 +1,247 @@
+#include "isam/pool/writeorder.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "common/io.h"
+#include "isam/pool/pool.h"
+
+namespace isam {
+namespace {
+
+constexpr std::size_t kLongestRun = 41;  // blocks, more than the longest record takes
+
+Place place_of_dictionary(const OpenPair& file) {
+  return {file.idxfd, 0, kDictionarySize, FileKind::kIndex};
+}
+
+bool lengthens(const Buffer& node) { return node.block > node.file->nodes_before; }
+
+WriteStep step_of_records(const OpenPair& file) {
+  return file.gives_number ? WriteStep::kRecordsGoing : WriteStep::kRecords;
+}
+
+WriteStep step_of(const Buffer& page) {
+  if (page.block < 0) return step_of_records(*page.file);
+  if (lengthens(page)) return WriteStep::kNewNodes;
+  if ((page.flags & kGivesUp) != 0) return WriteStep::kStorageGivenUp;
+  if (page.level != kFreeLevel || page.node_type < kIndexFreeNode) return WriteStep::kNodes;
+  const bool lists_records = page.node_type == kServiceNode;
+  return page.file->gives_number && lists_records ? WriteStep::kNumbersListed
+                                                  : WriteStep::kFreeLists;
+}
+
+// The head of the list of free nodes without those that are written in step kStorageGivenUp.
+std::int32_t free_nodes_written() {
+  const KeepError keep;
+  std::int32_t head = dictp->d_freenode();
+  for (std::int32_t left = dictp->d_nextnode(); head != 0 && left > 0; --left) {
+    const PageHold page = bfread(head);
+    if (!page) return 0;
+    if (!page.is_given_up()) break;
+    head = common::ldlong(page.data() + kLinkOffset);
+  }
+  return head;
+}
+
+}  // namespace
+
+int WriteOrder::write_all(OpenPair& file) {
+  withhold_given(file);
+  gather_pages(file);
+  overwritten_.reserve(pages_.size());
+  bool done = true;
+  done = done && take<WriteStep::kRoom>(file);
+  done = done && take<WriteStep::kNewNodes>(file);
+  done = done && take<WriteStep::kFreeLists>(file);
+  done = done && take<WriteStep::kDictionary>(file);
+  done = done && take<WriteStep::kRecordsGoing>(file);
+  done = done && take<WriteStep::kNodes>(file);
+  done = done && take<WriteStep::kRecords>(file);
+  done = done && take<WriteStep::kStorageGivenUp>(file);
+  done = done && take<WriteStep::kNumbersListed>(file);
+  done = done && take<WriteStep::kDictionaryAgain>(file);
+  return done ? 0 : -1;
+}
+
+// False with iserrno. A template, so that a step without pages costs next to nothing.
+template <WriteStep kStep>
+inline bool WriteOrder::take(OpenPair& file) {
+  switch (kStep) {
+    case WriteStep::kRoom:
+      return make_room(file) == 0;
+    case WriteStep::kDictionary:
+      return write_noted(file, place_of_dictionary(file), dictionary_.raw) == 0;
+    case WriteStep::kDictionaryAgain:
+      return write_dictionary_again(file) == 0;
+    case WriteStep::kRecordsGoing:
+    case WriteStep::kRecords:
+      return write_records(kStep, file) == 0;
+    default:
+      return write_pages(kStep, file) == 0;
+  }
+}
+
+WriteOrder::WriteOrder(Pool& pool) : pool_(pool) {
+  pages_.reserve(pool.most_buffers());
+  run_.reserve(kLongestRun * kPageSize);
+}
+
+// What the call gives back is still in use in step kDictionary: as long as an index or a record may
+// refer to it, nobody else gets it.
+void WriteOrder::withhold_given(const OpenPair& file) {
+  dictionary_ = file.dictionary;
+  if (file.gives_number) {
+    dictionary_.set_d_nextdata(file.numbers_before);
+    dictionary_.set_d_freedata(file.free_list_before);
+  }
+  if (file.varlen && dictionary_.d_freenode() != file.free_nodes_before) {
+    dictionary_.set_d_freenode(free_nodes_written());
+  }
+}
+
+void WriteOrder::gather_pages(const OpenPair& file) {
+  pages_.clear();
+  for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+    if ((at->flags & kBusy) != 0) continue;
+    const std::uint64_t within = static_cast<std::uint32_t>(~at->block);
+    pages_.push_back({static_cast<std::uint64_t>(step_of(*at)) << 32 | within, at});
+  }
+  std::ranges::sort(pages_, {}, &Outgoing::order);
+  rest_ = pages_;
+}
+
+int WriteOrder::make_room(OpenPair& file) {
+  if (is_next(WriteStep::kNewNodes)) {
+    std::int64_t size = 0;
+    if (common::find_size(file.idxfd, size) != 0) {
+      return failed_system(errno, Operation::kRead, FileKind::kIndex);
+    }
+    overwritten_.note_size(FileKind::kIndex, size);
+  }
+  return lengthen_data(file);
+}
+
+// Absent records, whatever comes between this and the records. 0, or -1 with iserrno.
+int WriteOrder::lengthen_data(OpenPair& file) {
+  std::int64_t first = INT32_MAX;  // blocks
+  std::int64_t last = -1;
+  for (const auto& [order, page] : pages_) {
+    if (page->block >= 0) continue;
+    first = std::min<std::int64_t>(first, page->block & INT32_MAX);
+    last = std::max<std::int64_t>(last, page->block & INT32_MAX);
+  }
+  std::int64_t& size = file.data_extent.bytes;
+  const std::int64_t to = (last + 1) * kPageSize;
+  if (to <= size) return 0;
+  if (common::find_size(file.datfd, size) != 0) {
+    return failed_system(errno, Operation::kRead, FileKind::kData);
+  }
+  if (to <= size) return 0;
+  overwritten_.note_size(FileKind::kData, size);
+  if (common::write_zeros(file.datfd, std::max(first * kPageSize, size), to) != 0) {
+    return failed_system(errno, Operation::kWrite, FileKind::kData);
+  }
+  size = to;
+  return 0;
+}
+
+inline int WriteOrder::write_over(OpenPair& file, const Place& place, const Byte* bytes) {
+  pool_.window_of(place.kind).overwritten(place.fd, place.offset, place.length);
+  if (common::write_at(place.fd, {bytes, place.length}, place.offset) != 0) {
+    return failed_system(errno, Operation::kWrite, place.kind);
+  }
+  map_of(file, place.kind).written(place.offset + static_cast<std::int64_t>(place.length));
+  return 0;
+}
+
+inline int WriteOrder::write_noted(OpenPair& file, const Place& place, const Byte* bytes) {
+  return overwritten_.keep(file, place) != 0 ? -1 : write_over(file, place, bytes);
+}
+
+// The next page, and with it the blocks of data right before it in the file.
+inline std::span<const WriteOrder::Outgoing> WriteOrder::next_run() const {
+  const auto block = [this](std::size_t at) { return std::int64_t{rest_[at].page->block}; };
+  std::size_t count = 1;
+  if (block(0) < 0) {
+    const std::size_t most = std::min(rest_.size(), kLongestRun);
+    while (count < most && block(count) == block(count - 1) - 1) ++count;
+  }
+  return rest_.first(count);
+}
+
+// Writes it in one piece.
+int WriteOrder::write_run(OpenPair& file) {
+  const std::span<const Outgoing> run = next_run();
+  const Buffer* const first = run.back().page;
+  Place place = bfmapaddr(*first);
+  const Byte* bytes = first->page;
+  if (run.size() > 1) {
+    place.length = run.size() * kPageSize;
+    run_.resize(place.length);
+    Byte* to = run_.data() + place.length;
+    for (const Outgoing& outgoing : run) {
+      to -= kPageSize;
+      std::memcpy(to, outgoing.page->page, kPageSize);
+    }
+    bytes = run_.data();
+  }
+  if (write_noted(file, place, bytes) != 0) return -1;
+  for (const Outgoing& outgoing : run) pool_.modified_out(outgoing.page);
+  rest_ = rest_.subspan(run.size());
+  return 0;
+}
+
+inline int WriteOrder::write_pages(WriteStep step, OpenPair& file) {
+  while (is_next(step)) {
+    if (write_run(file) != 0) return -1;
+  }
+  return 0;
+}
+
+// Those of the pool, then what is written past it. What stood there was read when that was taken.
+inline int WriteOrder::write_records(WriteStep step, OpenPair& file) {
+  if (step != step_of_records(file)) return 0;
+  if (write_pages(step, file) != 0) return -1;
+  const DirectWrite& direct = file.direct;
+  if (direct.bytes.empty()) return 0;
+  overwritten_.keep_read(file.datfd, direct.offset, direct.before);
+  return pool_.write_direct(file);
+}
+
+int WriteOrder::write_dictionary_again(OpenPair& file) {
+  const Byte* const bytes = file.dictionary.raw;
+  const bool differs = std::memcmp(dictionary_.raw, bytes, kDictionarySize) != 0;
+  return differs ? write_over(file, place_of_dictionary(file), bytes) : 0;
+}
+
+void WriteOrder::forget_changes(OpenPair& file) {
+  file.failed_write = {};
+  file.direct.bytes.clear();
+  while (file.modified != nullptr) pool_.modified_out(file.modified);
+  pool_.bfignor(file);
+}
+
+int WriteOrder::commit(OpenPair& file) {
+  const FailedWrite lost = std::exchange(file.failed_write, {});
+  overwritten_.begin();
+  bool written = false;
+  try {
+    written = lost.error == 0 && write_all(file) == 0;
+  } catch (const std::bad_alloc&) {
+    failed(kNoMemory);
+  }
+  if (written) return 0;
+  if (lost.error != 0) {
+    iserrno = lost.error;
+    iserrio = lost.place;
+  }
+  overwritten_.write_back(file);
+  forget_changes(file);
+  return -1;
+}
+
+}  // namespace isam
