@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -176,6 +177,7 @@ class Work {
 // What the surroundings of this run might change.
 void settle_surroundings() {
   ::umask(022);
+  for (const int signal : {SIGHUP, SIGINT, SIGPIPE, SIGTERM}) ::signal(signal, SIG_DFL);
   for (const char* name : {"CLIENT_LOCALE", "DB_LOCALE", "SERVER_LOCALE", "LANG", "LC_ALL",
                            "ISAMBUFS", "KESTRO_KEEP", "ISAMSORTMEM"}) {
     ::unsetenv(name);

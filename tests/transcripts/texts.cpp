@@ -69,7 +69,7 @@ std::vector<std::string> literals(const std::string& source) {
 std::set<std::string> printable_texts() {
   std::set<std::string> texts;
   for_each_file(KESTRO_CHECKER, [&](const fs::path& path) {
-    const bool is_table = path.filename() == "messages.h";
+    const bool is_table = path.filename() == "messages.cpp";
     for (const std::string& literal : literals(contents(path))) {
       std::istringstream lines(literal);
       for (std::string text; std::getline(lines, text);) {
