@@ -69,6 +69,53 @@ TEST(Findings, StandInTheManual) {
   EXPECT_NE(text.find("The end of the input counts as no."), text.npos);
 }
 
+// A row as the document has it, without the marks of code.
+std::string row_of(std::initializer_list<std::string> cells) {
+  std::string row = "|";
+  for (const std::string& cell : cells) row += cell.empty() ? " |" : ' ' + cell + " |";
+  return row;
+}
+
+std::string names_of(const checker::CarriedNumbers& numbers) {
+  const std::pair<checker::Number, const char*> all[] = {{&checker::Numbers::record, "record"},
+                                                         {&checker::Numbers::node, "node"},
+                                                         {&checker::Numbers::key, "key"},
+                                                         {&checker::Numbers::found, "found"},
+                                                         {&checker::Numbers::expected, "expected"}};
+  std::string names;
+  for (const checker::Number number : numbers) {
+    for (const auto& [carried, name] : all) {
+      if (number == carried) names += (names.empty() ? "" : ", ") + std::string(name);
+    }
+  }
+  return names;
+}
+
+TEST(Findings, StandInTheDocument) {
+  std::vector<std::string> listed;
+  std::ifstream document(KESTRO_DOCUMENTS "/findings.md");
+  for (std::string line; std::getline(document, line);) {
+    if (!line.starts_with("| `")) continue;
+    std::erase(line, '`');
+    listed.push_back(line);
+  }
+  const char* const sayings[] = {"error", "line", "remark", "collation", "nothing"};
+  std::vector<std::string> rows;
+  for (const checker::FindingText& finding : checker::finding_texts()) {
+    const bool asks = finding.question != Question::kNone;
+    rows.push_back(
+        row_of({finding.code, sayings[static_cast<int>(finding.saying)], finding.wording,
+                names_of(finding.numbers), asks ? checker::text_of(finding.question).code : ""}));
+  }
+  for (const checker::QuestionText& question : checker::question_texts()) {
+    std::string wording = question.wording;
+    wording.pop_back();
+    rows.push_back(row_of(
+        {question.code, wording, question.by_default ? "yes" : "no", question.yes, question.no}));
+  }
+  EXPECT_EQ(listed, rows);
+}
+
 TEST(Findings, HaveACodeOfTheirOwn) {
   std::set<std::string> codes;
   for (const checker::FindingText& finding : checker::finding_texts()) codes.insert(finding.code);
