@@ -220,6 +220,7 @@ TEST_F(Surroundings, SeeHowFarItIs) {
   EXPECT_TRUE(has(shown, "\rpair 3 of 200: Going: 0%\033[K")) << shown;
   EXPECT_TRUE(has(shown, "\rpair 3 of 200: Going: 25%, about 1 s left\033[K")) << shown;
   EXPECT_TRUE(has(shown, "\rAlone: 50%, about 0 s left\033[K")) << shown;
+  EXPECT_TRUE(has(shown, "\r\033[K")) << shown;  // erased
 }
 
 }  // namespace
