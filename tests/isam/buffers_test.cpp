@@ -173,7 +173,7 @@ TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
     for (int node = 20; fails; ++node) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);
     EXPECT_EQ(bfdiscard(*filep), -1);
-    EXPECT_EQ(bfcommit(*filep, *dictp, *dictp), -1);
+    EXPECT_EQ(bfcommit(*filep), -1);
     EXPECT_EQ(iserrno, EIO);
     EXPECT_EQ(bfpend(*filep), 0);
   });
