@@ -17,13 +17,14 @@ using isam::dictp;
 using isam::filep;
 
 bool node_size_is_valid(Check& check) {
-  filep->idxsize = dictp->d_idxsize();
-  check.listener.fact(Fact::kNodeSize, std::int64_t{filep->idxsize} + 1);
+  filep->geometry.idxsize = dictp->d_idxsize();
+  check.listener.fact(Fact::kNodeSize, std::int64_t{filep->geometry.idxsize} + 1);
   check.listener.fact(Fact::kCurrentNodeSize, isam::kPageSize);
-  if (filep->idxsize >= isam::kMinStoredNodeSize && filep->idxsize <= isam::kMaxStoredNodeSize) {
+  if (filep->geometry.idxsize >= isam::kMinStoredNodeSize &&
+      filep->geometry.idxsize <= isam::kMaxStoredNodeSize) {
     return true;
   }
-  check.found(Code::kBadNodeSize, {.found = std::int64_t{filep->idxsize} + 1});
+  check.found(Code::kBadNodeSize, {.found = std::int64_t{filep->geometry.idxsize} + 1});
   return false;
 }
 
@@ -40,19 +41,19 @@ bool lock_method_is_settled(Check& check) {
 }
 
 bool record_sizes_are_valid(Check& check) {
-  filep->reclen = dictp->d_recsize();
-  if (filep->reclen <= 0) {
-    check.found(Code::kBadRecordSize, {.found = filep->reclen});
+  filep->geometry.reclen = dictp->d_recsize();
+  if (filep->geometry.reclen <= 0) {
+    check.found(Code::kBadRecordSize, {.found = filep->geometry.reclen});
     return false;
   }
-  filep->maxreclen = dictp->d_maxrecsize();
-  if (filep->maxreclen < 0) {
-    check.found(Code::kBadMaximumSize, {.found = filep->maxreclen});
+  filep->geometry.maxreclen = dictp->d_maxrecsize();
+  if (filep->geometry.maxreclen < 0) {
+    check.found(Code::kBadMaximumSize, {.found = filep->geometry.maxreclen});
     return false;
   }
-  filep->varlen = filep->maxreclen != 0;
-  if (!filep->varlen) filep->maxreclen = filep->reclen;
-  check.varlen = filep->varlen;
+  filep->geometry.varlen = filep->geometry.maxreclen != 0;
+  if (!filep->geometry.varlen) filep->geometry.maxreclen = filep->geometry.reclen;
+  check.varlen = filep->geometry.varlen;
   return true;
 }
 
@@ -72,16 +73,16 @@ std::int32_t last_number(std::int32_t claimed, std::int32_t real, int fd) {
 }
 
 void take_extents(Check& check) {
-  const std::int64_t index_bytes = common::file_size(filep->idxfd);
+  const std::int64_t index_bytes = common::file_size(filep->index.fd);
   check.idxreal = number_of(index_bytes / isam::node_size());
-  check.idxlast = last_number(dictp->d_nextnode(), check.idxreal, filep->idxfd);
+  check.idxlast = last_number(dictp->d_nextnode(), check.idxreal, filep->index.fd);
 
-  const std::int64_t data_bytes = common::file_size(filep->datfd);
+  const std::int64_t data_bytes = common::file_size(filep->data.fd);
   const int slot = isam::slot_size();
   // A record past the end is one whose state byte the file does not reach.
-  const std::int64_t behind_first_record = data_bytes - filep->reclen - 1;
+  const std::int64_t behind_first_record = data_bytes - filep->geometry.reclen - 1;
   check.datreal = behind_first_record < 0 ? 0 : number_of(behind_first_record / slot + 1);
-  check.datlast = last_number(dictp->d_nextdata(), number_of(data_bytes / slot), filep->datfd);
+  check.datlast = last_number(dictp->d_nextdata(), number_of(data_bytes / slot), filep->data.fd);
 }
 
 void clear_maps(Check& check) {

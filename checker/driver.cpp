@@ -46,13 +46,13 @@ bool open_pair(const Check& check, const std::string& name) {
     isam::freeopen(*open);
     return false;
   }
-  open->mode = access + (open->file->idxmode == O_RDONLY ? ISMANULOCK : ISEXCLLOCK);
-  open->file->mark = isam::MarkState::kUnneeded;
+  open->mode = access + (open->file->index.mode == O_RDONLY ? ISMANULOCK : ISEXCLLOCK);
+  open->file->mark.state = isam::MarkState::kUnneeded;
   isam::make_current(*open);
   return true;
 }
 
-bool index_can_be_written() { return filep->idxmode != O_RDONLY; }
+bool index_can_be_written() { return filep->index.mode != O_RDONLY; }
 
 // Takes the open lock, so that no other process uses the pair, or none changes it where nothing
 // more is possible. False with iserrno set.
@@ -73,7 +73,7 @@ void give_up_pair(Check& check) {
 bool lock_and_load(Check& check) {
   const bool locked = lock_pair();
   if (locked && isam::dictread() == 0) {
-    filep->stamp = openp->stamp = dictp->d_modcount();
+    filep->cached.stamp = openp->stamp = dictp->d_modcount();
     return true;
   }
   if (locked) isam::lkopenlock(0);
@@ -123,7 +123,8 @@ bool locale_matches(Check& check) {
 }
 
 bool record_buffer_is_ready(Check& check) {
-  if (isam::mktemprec(std::max(filep->maxreclen, filep->reclen)) == 0) return true;
+  const isam::Geometry& is = filep->geometry;
+  if (isam::mktemprec(std::max(is.maxreclen, is.reclen)) == 0) return true;
   check.found(Code::kNoMemory);
   return false;
 }
@@ -180,8 +181,9 @@ void tell_why_refused(Check& check) {
   if (width != 2 && width != 4) {
     check.found(Code::kBadDuplicateWidth, {.found = width});
   }
-  if (filep->maxreclen < filep->reclen) {
-    check.found(Code::kMaximumTooSmall, {.found = filep->maxreclen, .expected = filep->reclen});
+  if (filep->geometry.maxreclen < filep->geometry.reclen) {
+    check.found(Code::kMaximumTooSmall,
+                {.found = filep->geometry.maxreclen, .expected = filep->geometry.reclen});
   }
 }
 

@@ -181,7 +181,7 @@ bool add_to_list(Check& check, std::int32_t number, isam::FreeList list) {
 // pages with bytes of records otherwise; as many of other nodes as there are. None: in its own
 // order it stands in no such page.
 std::vector<std::int32_t> heads_set_apart(const Check& check, std::int32_t highest) {
-  const int entries = isam::list_entries(isam::filep->idxsize);
+  const int entries = isam::list_entries(isam::filep->geometry.idxsize);
   std::int64_t unused = 0;
   bool meets_page = false;
   for_each_unused(check.idxmap, highest, [&](std::int32_t node) {
@@ -212,7 +212,7 @@ void list_unused_nodes(Check& check, std::int32_t highest) {
   const bool all = for_each_unused(check.idxmap, highest, [&](std::int32_t node) {
     if (check.idxmap2.tstbit(node)) return true;  // set apart
     if (room-- > 0) return add(node);
-    room = isam::list_entries(isam::filep->idxsize);
+    room = isam::list_entries(isam::filep->geometry.idxsize);
     if (next_head == heads.end()) return add(node);
     --room;
     return add(*next_head++) && add(node);

@@ -84,7 +84,7 @@ bool ckindex(Check& check) {
         repair_index_count(check, n - 1);
         return true;
     }
-    if (k.nparts > 0 && isam::kylegal(k, isam::filep->reclen) != 0) {
+    if (k.nparts > 0 && isam::kylegal(k, isam::filep->geometry.reclen) != 0) {
       isam::clear_errors();
       check.found(Code::kBadKeyDescription, {.key = n});
       return false;

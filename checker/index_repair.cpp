@@ -97,7 +97,8 @@ bool prepare_indexes(Check& check) {
   for (int n = static_cast<int>(check.idxflag.size()) - 1; n >= 1; --n) {
     if (check.idxflag[static_cast<std::size_t>(n)] != IndexVerdict::kRemake) continue;
     keydescr k{};
-    const bool described = isam::kysearch(k, n) >= 0 && isam::kylegal(k, isam::filep->reclen) == 0;
+    const bool described =
+        isam::kysearch(k, n) >= 0 && isam::kylegal(k, isam::filep->geometry.reclen) == 0;
     if (!described && !is_of_system(iserrno)) {
       isam::clear_errors();  // told when its turn comes
       continue;
@@ -119,7 +120,7 @@ void delindex(Check& check, int n) {
 void makindex(Check& check, int n) {
   check.listener.mends(Mending::kRemakesIndex, n);
   keydescr k{};
-  if (isam::kysearch(k, n) < 0 || isam::kylegal(k, isam::filep->reclen) != 0) {
+  if (isam::kysearch(k, n) < 0 || isam::kylegal(k, isam::filep->geometry.reclen) != 0) {
     if (is_of_system(iserrno)) return check.prterr();
     isam::clear_errors();
     check.found(Code::kIndexKeyMissing, {.key = n});

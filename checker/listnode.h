@@ -15,7 +15,8 @@ class ListNode {
 
   // Whether the used count leaves room for entries in the node.
   [[nodiscard]] bool is_valid() const {
-    return entry_bytes_ >= 0 && entry_bytes_ <= isam::list_entries_limit(isam::filep->idxsize);
+    return entry_bytes_ >= 0 &&
+           entry_bytes_ <= isam::list_entries_limit(isam::filep->geometry.idxsize);
   }
   [[nodiscard]] std::int32_t next() const {
     return common::ldlong(bytes_.data() + isam::kLinkOffset);

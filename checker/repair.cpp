@@ -40,8 +40,8 @@ bool nodes_will_change(const Check& check) {
 // Lets the current file's index be another file with the same nodes.
 void use(int fd) {
   isam::bfignor(*filep);
-  filep->index_map.forget();
-  filep->idxfd = fd;
+  filep->index.map.forget();
+  filep->index.fd = fd;
 }
 
 constexpr isam::Byte kNoMagic[2] = {};
@@ -54,7 +54,7 @@ void Repair::remove_leftovers(const std::string& name) {
 }
 
 bool Repair::has_failed() const {
-  return check_.system_error != 0 || filep->failed_write.error != 0;
+  return check_.system_error != 0 || filep->unwritten.failed.error != 0;
 }
 
 void Repair::fail(int system_error) {
@@ -117,7 +117,7 @@ bool Repair::clears_mark(bool whole) const {
 bool Repair::mark_index() {
   const bool written = isam::set_mark(*filep) == 0;
   const int found = written ? isam::find_mark(*filep) : -1;
-  filep->mark = isam::MarkState::kUnneeded;
+  filep->mark.state = isam::MarkState::kUnneeded;
   if (found == 1) return true;
   if (found == 0) remark("other bytes stand where the mark of a repair in place would");
   fail(found == 0 ? ENOTSUP : iserrno);
@@ -126,11 +126,11 @@ bool Repair::mark_index() {
 
 void Repair::remove_mark() {
   if (isam::remove_mark(*filep) != 0) fail(iserrno);
-  filep->mark = isam::MarkState::kUnneeded;
+  filep->mark.state = isam::MarkState::kUnneeded;
 }
 
 void Repair::tell_failure(const char* state) {
-  const int error = check_.system_error != 0 ? check_.system_error : filep->failed_write.error;
+  const int error = check_.system_error != 0 ? check_.system_error : filep->unwritten.failed.error;
   remark(std::strerror(error) + std::string("; ") + state);
   if (kept_.is_kept()) remark("the index as it was is kept as " + kept_.name());
 }
@@ -144,7 +144,7 @@ void Repair::is_repaired() {
 void Repair::keep_kept() {
   is_repaired();
   if (!kept_.is_taken()) return;
-  if (place_ != Place::kCopy && kept_.note(filep->idxfd, filep->datfd) != 0) {
+  if (place_ != Place::kCopy && kept_.note(filep->index.fd, filep->data.fd) != 0) {
     remark(kept_.name() + ": cannot be used to undo the repair: " + std::strerror(errno));
   }
   kept_.keep();
@@ -161,7 +161,7 @@ bool Repair::begin() {
     interrupt_.emplace("\nkestro: " + index_ + ": interrupted; " + as_it_was() + "\n");
   }
   if (!nodes_will_change(check_)) return true;
-  int error = obstacle(filep->idxfd, index_);
+  int error = obstacle(filep->index.fd, index_);
   if (error == 0) error = copy_index();
   if (error == 0) return true;
   copy_.reset();
@@ -175,11 +175,11 @@ bool Repair::begin() {
 int Repair::copy_index() {
   copy_ = std::make_unique<TemporaryFile>(index_);
   if (!*copy_) return copy_->error();
-  if (common::copy_attributes(filep->idxfd, copy_->fd()) != 0 ||
-      common::copy_contents(filep->idxfd, copy_->fd()) != 0) {
+  if (common::copy_attributes(filep->index.fd, copy_->fd()) != 0 ||
+      common::copy_contents(filep->index.fd, copy_->fd()) != 0) {
     return errno;
   }
-  locked_ = filep->idxfd;
+  locked_ = filep->index.fd;
   use(copy_->fd());
   place_ = Place::kCopy;
   return 0;
@@ -188,7 +188,7 @@ int Repair::copy_index() {
 // The old index is kept while nothing has changed. False, and said: it cannot be.
 bool Repair::take_kept() {
   if (!keeps_) return true;
-  if (kept_.take(filep->idxfd, index_) && kept_.show() == 0) {
+  if (kept_.take(filep->index.fd, index_) && kept_.show() == 0) {
     sync_folder();
     return true;
   }
@@ -205,7 +205,7 @@ bool Repair::begin_in_place(int reason) {
     refused_ = true;
     return false;
   }
-  if (!mark_index() || !sync(filep->idxfd)) {
+  if (!mark_index() || !sync(filep->index.fd)) {
     isam::clear_mark(*filep);
     refused_ = true;
     return false;
@@ -246,7 +246,7 @@ void Repair::bring_in(bool whole) {
 }
 
 void Repair::end_dictionary(bool whole) {
-  const bool changed = (filep->flags & (isam::kDictionaryChanged | isam::kPageChanged)) != 0;
+  const bool changed = filep->unwritten.dictionary || filep->call.page_changed;
   if (changed) {
     if (!take_kept()) return leave_as_it_was();
     isam::lksemaphore(isam::Semaphore::kExclusive);
@@ -260,7 +260,7 @@ void Repair::end_dictionary(bool whole) {
 
 void Repair::end_in_place(bool whole) {
   const bool good = !has_failed();
-  if (!write_out() || !good || !sync(filep->idxfd)) {
+  if (!write_out() || !good || !sync(filep->index.fd)) {
     return tell_failure(kIncomplete);
   }
   if (isam::clear_mark(*filep) != 0) fail(iserrno);
@@ -272,19 +272,19 @@ void Repair::end_in_place(bool whole) {
 bool Repair::complete_copy(bool whole) {
   if (has_failed() || !write_out()) return false;
   if (clears_mark(whole)) remove_mark();
-  if (has_failed() || !sync(filep->idxfd)) return false;
+  if (has_failed() || !sync(filep->index.fd)) return false;
   if (!keeps_) return true;
-  if (kept_.take(locked_, index_) && kept_.note(filep->idxfd, filep->datfd) == 0) return true;
+  if (kept_.take(locked_, index_) && kept_.note(filep->index.fd, filep->data.fd) == 0) return true;
   fail(errno);
   remark("the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
   return false;
 }
 
 void Repair::forget_changes() {
-  filep->failed_write = {};
-  filep->spilled = false;  // the copy goes as a whole
+  filep->unwritten.failed = {};
+  filep->call.spilled = false;  // the copy goes as a whole
   isam::bfdiscard(*filep);
-  filep->flags = 0;
+  filep->call.page_changed = filep->unwritten.dictionary = false;
 }
 
 void Repair::leave_as_it_was() {
@@ -293,7 +293,7 @@ void Repair::leave_as_it_was() {
 }
 
 void Repair::end_copy(bool whole) {
-  const bool dictionary_alone = !has_failed() && (filep->flags & isam::kPageChanged) == 0;
+  const bool dictionary_alone = !has_failed() && !filep->call.page_changed;
   const bool complete = !dictionary_alone && complete_copy(whole);
   if (!complete && !dictionary_alone) leave_as_it_was();
   use(std::exchange(locked_, -1));
@@ -308,8 +308,8 @@ void Repair::end_copy(bool whole) {
 void Repair::put_in_place() {
   const SignalBlock block;
   struct stat named {};
-  if (common::system_calls().stat(index_.c_str(), &named) != 0 || named.st_dev != filep->device ||
-      named.st_ino != filep->inode) {
+  if (common::system_calls().stat(index_.c_str(), &named) != 0 ||
+      named.st_dev != filep->index.device || named.st_ino != filep->index.inode) {
     return remark("was replaced by another file meanwhile; nothing is repaired");
   }
   if (kept_.is_taken() && kept_.show() != 0) {
@@ -324,7 +324,7 @@ void Repair::put_in_place() {
     return tell_failure(as_it_was());
   }
   sync_folder();
-  if (common::write_at(filep->idxfd, kNoMagic, 0) != 0) {
+  if (common::write_at(filep->index.fd, kNoMagic, 0) != 0) {
     remark(std::strerror(errno) + std::string("; end programs that wait for the pair"));
   }
   keep_kept();
@@ -335,7 +335,7 @@ void Repair::write_over() {
   remark(std::string("no copy can be put in its place (") + std::strerror(errno) +
          "); it is repaired in place");
   const int from = copy_->fd();
-  const int to = filep->idxfd;
+  const int to = filep->index.fd;
   constexpr std::int64_t kBehindMark = isam::kMarkOffset + isam::kMarkSize;
   if (!mark_index() || !sync(to)) {
     isam::clear_mark(*filep);

@@ -25,6 +25,7 @@ void test_page(const Rpage& page, Fault fault) {
   if (!page.has_magic()) fault();
   if (page.slot_count() == 0) fault();
   if (page.slot_count() > slots) fault();
+  const int last_byte = isam::filep->geometry.idxsize;
   int total = 0;
   for (int i = 0; i < slots; ++i) {
     const int length = page.slot(i).length;
@@ -36,7 +37,7 @@ void test_page(const Rpage& page, Fault fault) {
   }
   for (int i = 0; i < slots; ++i) {
     const Rpage::Slot slot = page.slot(i);
-    if (slot.length != 0 && (slot.offset < 0 || slot.offset > isam::filep->idxsize)) fault();
+    if (slot.length != 0 && (slot.offset < 0 || slot.offset > last_byte)) fault();
   }
   if (total > geometry.capacity) fault();
   if (!free_bytes_in_range(page, geometry.capacity)) fault();

@@ -119,7 +119,7 @@ void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
   isam::PageHold page = isam::bfread(node);
   if (!page) return unreadable(node);
   const int used = page.used() - isam::kUsedBytes;
-  if (used < 0 || used > isam::item_area_limit(isam::filep->idxsize)) {
+  if (used < 0 || used > isam::item_area_limit(isam::filep->geometry.idxsize)) {
     bad_format(node);
     return;
   }

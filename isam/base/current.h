@@ -28,16 +28,6 @@ inline constexpr int nfiles = 256;  // open pairs of a process
 enum TransactionFlag : int { kInTransaction = 0, kNotLogging = 1, kLogging = 2 };
 extern int txflag;
 
-// Flags of an open pair.
-enum FileFlag : std::uint16_t {
-  kPageChanged = 1,        // a page was changed during this call
-  kDictionaryChanged = 2,  // the dictionary copy differs from the file's
-  kRecordsLocked = 8,      // this process holds locks in the record range
-  kAuditOpen = 4,          // the audit trail is open
-  kNotShared = 16,         // no new open may use the record
-  kNumbersListed = 32,     // a freed number goes on its list, even the highest
-};
-
 // A write that failed after its caller had gone on; 0 for none.
 struct FailedWrite {
   std::int32_t error = 0;  // as iserrno
@@ -70,77 +60,122 @@ enum class MarkState : std::uint8_t {
 
 [[nodiscard]] inline bool is_missing(MarkState mark) { return mark <= MarkState::kClear; }
 
-// One physical pair, shared by all its opens in the process.
-struct OpenPair {
-  std::uint16_t flags = 0;
-  std::int16_t usecount = -1;   // opens using it; 0: idle, still open; -1: the record is free
-  std::int16_t exclusives = 0;  // exclusive opens of this process that hold the open lock
-  std::int16_t filelocks = 0;   // opens of this process that hold the whole-file lock
-  NumberSet held;               // records that this process has locked
-  NumberSet releasable;         // ... of which isrelease may let go during a transaction
-  dev_t device = 0;             // identity of the index file
+// One of the two files of a pair. Valid while the pair is open; only `fd` of the data file goes and
+// comes meanwhile.
+struct PairFile {
+  int fd = -1;       // -1 while vclose has it closed
+  int mode = 0;      // access that it was opened with, as O_RDWR
+  dev_t device = 0;  // identity, by which pairs are told apart
   ino_t inode = 0;
-  dev_t data_device = 0;  // ... and of the data file
-  ino_t data_inode = 0;
-  std::uint32_t stamp = 0;  // change stamp last seen in this process
-  int datfd = -1;           // -1 while vclose has it closed
-  int idxfd = -1;
-  int audfd = -1;     // of the audit trail, while kAuditOpen
-  int datmode = 0;    // access that the data file was opened with, as O_RDWR,
-  int idxmode = 0;    // ... and the index file
+  Extent extent;        // that none but an exclusive open changes
+  common::FileMap map;  // through which it is read
+};
+
+// What lengths and sizes follow from. Valid from an open's first call on, and the same as long as
+// the pair has an open (adopt_dictionary).
+struct Geometry {
   int reclen = 0;     // record length; the fixed part's with variable length
   int maxreclen = 0;  // greatest record length; reclen for fixed length
   int idxsize = 0;    // node size minus one
   int dupsize = 0;    // width of duplicate numbers
   bool varlen = false;
-  MarkState mark = MarkState::kUnknown;
-  pid_t mark_process = 0;              // this process, while its mark stands there
-  bool keeps_locks = false;            // a transaction has changed records of it
-  std::uint64_t lastuse = 0;           // value of the use counter at the last call
-  std::uint64_t generation = 0;        // of its pages in the pool: pages of another one are stale
-  Buffer* modified = nullptr;          // its modified pages in the pool
-  DirectWrite direct;                  // ... and what is written past it
-  std::int64_t last_written = 0;       // offset of the record that was changed last
-  std::int32_t greatest_node = 0;      // that may be given out, by the file's size when last asked
-  std::int32_t greatest_record = 0;    // ... and record number
-  std::int32_t nodes_before = 0;       // when the call began: highest node in use
+
+  bool operator==(const Geometry&) const = default;
+};
+
+// The locks that this process has on the pair through any of its opens. Valid always.
+struct PairLocks {
+  std::int16_t exclusives = 0;  // exclusive opens that hold the open lock
+  std::int16_t filelocks = 0;   // opens that hold the whole-file lock
+  NumberSet held;               // records locked
+  NumberSet releasable;         // ... of which isrelease may let go during a transaction
+  bool kept = false;            // a transaction has changed records of it
+};
+
+// What a call knows of the file it works on. Valid from isenter to isexit; each call begins with a
+// fresh one (note_beginning).
+struct OfCall {
+  std::int32_t nodes_before = 0;       // when it began: highest node in use
   std::int32_t numbers_before = 0;     // ... highest data record number,
   std::int32_t free_list_before = 0;   // ... head of the list of free ones
   std::int32_t free_nodes_before = 0;  // ... and of that of free nodes
-  bool gives_number = false;           // this call gives a record's number back
-  bool spilled = false;                // a changed page has been written during this call
-  bool keeps_changes = false;          // what this call changed stays even if it fails
-  Extent index_extent;                 // that none but an exclusive open changes,
-  Extent data_extent;                  // ... and of the data file
+  bool page_changed = false;           // it has changed a page
+  bool gives_number = false;           // it gives a record's number back
+  bool spilled = false;                // a changed page has been written meanwhile
+  bool keeps_changes = false;          // what it changed stays even if it fails
+};
+
+// What is changed in this process and not yet in the files. Empty between the calls of shared
+// opens; of exclusive ones it stays until isflush or the last of them is closed.
+struct Unwritten {
+  Buffer* pages = nullptr;        // modified pages in the pool
+  DirectWrite direct;             // bytes that are written past it
+  std::int64_t last_written = 0;  // offset of the record that was changed last
+  bool dictionary = false;        // the dictionary copy differs from the file's
+  int calls = 0;                  // calls of exclusive opens since the dictionary was written
+  FailedWrite failed;             // the first since it was last reported,
+  FailedWrite lost;               // ... and since it was opened exclusively,
+  bool pages_lost = false;        // ... when also pages were given up
+};
+
+// The mark of changes that are not written. Known from an exclusive open on.
+struct PairMark {
+  MarkState state = MarkState::kUnknown;
+  pid_t process = 0;  // this process, while its mark stands in the file
+};
+
+// Copies of what the files hold. Valid as of the change stamp and generation beside them.
+struct Cached {
+  std::uint32_t stamp = 0;       // change stamp last seen in this process
+  std::uint64_t generation = 0;  // of its pages in the pool: pages of another one are stale
   Dictionary dictionary{};
   std::vector<keydescr> keys;         // its key descriptions, as of
   std::uint64_t keys_generation = 0;  // ... this generation
-  int calls_unwritten = 0;            // calls of exclusive opens since the dictionary was written
-  FailedWrite failed_write;           // the first since it was last reported,
-  FailedWrite lost_write;             // ... and since it was opened exclusively,
-  bool pages_lost = false;            // ... when also pages were given up
-  common::FileMap index_map;          // through which the index file is read,
-  common::FileMap data_map;           // ... and the data file
-  std::string name;                   // base name, without suffix
-  std::string folder;                 // what the name is relative to, with its "/"; may be empty
+  std::int32_t greatest_node = 0;     // that may be given out, by the file's size when last asked
+  std::int32_t greatest_record = 0;   // ... and record number
 };
 
-// Flags of an open.
-enum OpenFlag : std::uint16_t {
-  kOpenInUse = 1,
-  kHoldsFileLock = 0x20,
-  kHoldsSemaphore = 64,
-  kHoldsRecordLocks = 0x100,
-  kLogged = 0x200,      // the log knows of the open
-  kUndoable = 0x800,    // its transaction has changed records through it
-  kFreesKeys = 0x1000,  // ... deleted or rewritten some, whose keys an undoing brings back
-  kKept = 0x400,        // closed inside a transaction, until that ends or the file is opened again
-  kInherited = 0x2000,  // nothing but a number that was the parent process's open
+// One physical pair, shared by all its opens in the process.
+struct OpenPair {
+  std::int16_t usecount = -1;  // opens using it; 0: idle, still open; -1: the record is free
+  std::uint64_t lastuse = 0;   // value of the use counter at the last call
+  bool takes_no_open = false;  // no new open may use it
+  bool lists_numbers = false;  // a freed number goes on its list, even the highest
+  std::string name;            // base name, without suffix
+  std::string folder;          // what the name is relative to, with its "/"; may be empty
+  PairFile index;
+  PairFile data;
+  int trail_fd = -1;  // of the audit trail, -1 while that is closed
+  Geometry geometry;
+  PairLocks locks;
+  OfCall call;
+  Unwritten unwritten;
+  PairMark mark;
+  Cached cached;
+};
+
+// What an open's number stands for.
+enum class OpenState : std::uint8_t {
+  kFree,
+  kInUse,
+  kInherited,  // nothing but a number that was the parent process's open
+};
+
+// What the transaction under way has done through an open. Valid while it lasts.
+struct OfTransaction {
+  bool undoable = false;    // it has changed records
+  bool frees_keys = false;  // ... deleted or rewritten some, whose keys an undoing brings back
 };
 
 // One open of a pair.
 struct Open {
-  std::uint16_t flags = 0;
+  OpenState state = OpenState::kFree;
+  bool kept = false;    // closed inside a transaction, until that ends or the file is opened again
+  bool logged = false;  // the log knows of it
+  bool holds_semaphore = false;
+  bool holds_file_lock = false;
+  bool holds_record_locks = false;
+  OfTransaction transaction;
   std::uint16_t process = 0;  // low 16 bits of the process and user ids when it was made
   std::uint16_t user = 0;
   int mode = 0;             // access and option bits, plus the lock mode in the high byte
@@ -167,12 +202,12 @@ extern Dictionary* dictp;
 }
 
 // Marks the current file's dictionary copy as changed, to be written at the end of the call.
-inline void dictmodify() { filep->flags |= kDictionaryChanged; }
+inline void dictmodify() { filep->unwritten.dictionary = true; }
 
 // Byte widths that follow from the current file.
-[[nodiscard]] inline int node_size() { return filep->idxsize + 1; }
+[[nodiscard]] inline int node_size() { return filep->geometry.idxsize + 1; }
 [[nodiscard]] inline int slot_size() {
-  return filep->reclen + (filep->varlen ? kVariableTrailer : kFixedTrailer);
+  return filep->geometry.reclen + (filep->geometry.varlen ? kVariableTrailer : kFixedTrailer);
 }
 
 }  // namespace isam

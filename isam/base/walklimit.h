@@ -36,7 +36,7 @@ class WalkLimit {
 
   static std::int64_t most_records() {
     const std::int64_t slot = slot_size();
-    const std::int64_t written = common::file_size(filep->datfd) / slot;
+    const std::int64_t written = common::file_size(filep->data.fd) / slot;
     const std::int64_t slots = written + kMostUnwritten * (kPageSize / slot + 1);
     return std::min<std::int64_t>(dictp->d_nextdata(), slots);
   }

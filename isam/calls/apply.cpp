@@ -22,8 +22,8 @@ namespace {
 int enter(int isfd) { return isenter(isfd, kToWrite | kKeptToo | kKeepAutoLock); }
 
 int check_length(ConstBytes record) {
-  const auto least = static_cast<std::size_t>(filep->reclen);
-  const auto most = static_cast<std::size_t>(filep->maxreclen);
+  const auto least = static_cast<std::size_t>(filep->geometry.reclen);
+  const auto most = static_cast<std::size_t>(filep->geometry.maxreclen);
   return record.size() >= least && record.size() <= most ? 0 : failed(kBadLogRecord);
 }
 

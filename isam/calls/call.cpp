@@ -36,7 +36,7 @@ int refuse(Open* open) {
 // In batch mode another open may still have its file held up.
 void end_other_batch(const Open& open) {
   if (batchflag == 0 || openp == nullptr || openp == &open) return;
-  if ((openp->flags & kHoldsSemaphore) != 0) {
+  if (openp->holds_semaphore) {
     lksemaphore(Semaphore::kRelease);
     batchflag = 1;
   }
@@ -45,30 +45,29 @@ void end_other_batch(const Open& open) {
 // An exclusive open's page could not be written since the last call.
 int tell_failed_write(int entry) {
   if ((entry & (kKeptToo | kGoesOn)) != 0) return 0;
-  const FailedWrite failure = std::exchange(filep->failed_write, {});
+  const FailedWrite failure = std::exchange(filep->unwritten.failed, {});
   iserrno = failure.error;
   iserrio = failure.place;
   return -1;
 }
 
 int take_file(int entry) {
-  if (filep->exclusives > 0) {
-    return filep->failed_write.error == 0 ? 0 : tell_failed_write(entry);
+  if (filep->locks.exclusives > 0) {
+    return filep->unwritten.failed.error == 0 ? 0 : tell_failed_write(entry);
   }
-  if ((openp->flags & kHoldsSemaphore) != 0) return 0;
+  if (openp->holds_semaphore) return 0;
   const bool shared = (entry & kShared) != 0 && batchflag == 0;
   if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  filep->unwritten.dictionary = false;
   return dictread();
 }
 
 // What the file is like before the call: what a failure goes back to, and what lengthens it.
 void note_beginning() {
-  filep->nodes_before = dictp->d_nextnode();
-  filep->numbers_before = dictp->d_nextdata();
-  filep->free_list_before = dictp->d_freedata();
-  filep->free_nodes_before = dictp->d_freenode();
-  filep->gives_number = filep->spilled = filep->keeps_changes = false;
+  filep->call = {.nodes_before = dictp->d_nextnode(),
+                 .numbers_before = dictp->d_nextdata(),
+                 .free_list_before = dictp->d_freedata(),
+                 .free_nodes_before = dictp->d_freenode()};
 }
 
 void notice_changes() {
@@ -77,14 +76,14 @@ void notice_changes() {
     openp->stamp = stamp;
     openp->position.depth = -1;
   }
-  if (stamp != filep->stamp) {
-    filep->stamp = stamp;
+  if (stamp != filep->cached.stamp) {
+    filep->cached.stamp = stamp;
     bfignor(*filep);
   }
 }
 
 int open_data() {
-  if (filep->datfd < 0 && reopen_data(*filep) != 0) {
+  if (filep->data.fd < 0 && reopen_data(*filep) != 0) {
     if (iserrno == ENOENT) {
       isstat3 = '3';
       isstat4 = '5';
@@ -101,12 +100,11 @@ int release_automatic_lock(int entry) {
 }
 
 int enter(Open* open, int entry) {
-  if (open == nullptr || ((open->flags & kKept) != 0 && (entry & kKeptToo) == 0)) {
+  if (open == nullptr || (open->kept && (entry & kKeptToo) == 0)) {
     return refuse(nullptr);
   }
   end_other_batch(*open);
   make_current(*open);
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
   const int access = open->mode + 1;
   const int needed = entry & (kToRead | kToWrite);
   if ((access & needed) != needed) return refuse(open);
@@ -123,8 +121,8 @@ int enter(Open* open, int entry) {
 void forget_call() {
   const KeepError keep;
   bt.depth = -1;
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
-  if (dictread() == 0) filep->stamp = openp->stamp = dictp->d_modcount();
+  filep->unwritten.dictionary = false;
+  if (dictread() == 0) filep->cached.stamp = openp->stamp = dictp->d_modcount();
 }
 
 void write_mark() {
@@ -134,23 +132,23 @@ void write_mark() {
 
 // What an exclusive open changes may wait. A write that fails is told by the next call.
 void write_some() {
-  if ((filep->flags & kDictionaryChanged) == 0) return;
-  if (is_missing(filep->mark)) write_mark();
+  if (!filep->unwritten.dictionary) return;
+  if (is_missing(filep->mark.state)) write_mark();
   bfwrite_direct();
-  if (++filep->calls_unwritten < kCallsUnwritten) return;
+  if (++filep->unwritten.calls < kCallsUnwritten) return;
   const KeepError keep;
   if (dictwrite() != 0) bfnote_failure(*filep);
 }
 
 // Whether what is changed may wait: no other process has the file, through this open or another.
-bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->exclusives > 0; }
+bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.exclusives > 0; }
 
 // A call that failed has undone its changes in the pool; where that is all there is of them, the
 // file need not hear of it. (No record is on a list of its transaction yet: that comes last.)
 bool take_back() {
-  const bool wanted = iserrno != 0 && !filep->keeps_changes && !is_alone();
+  const bool wanted = iserrno != 0 && !filep->call.keeps_changes && !is_alone();
   if (!wanted || bfdiscard(*filep) != 0) return false;
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+  filep->call.page_changed = false;
   forget_call();
   return true;
 }
@@ -158,7 +156,7 @@ bool take_back() {
 // All that a call changed, while others wait: 0 or -1.
 int commit() {
   if (bfcommit(*filep) != 0) return -1;
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
+  filep->unwritten.dictionary = false;
   return 0;
 }
 
@@ -168,13 +166,13 @@ void unlist() {
 }
 
 void write_changes() {
-  if ((filep->flags & (kPageChanged | kDictionaryChanged)) == 0) return;
+  if (!filep->call.page_changed && !filep->unwritten.dictionary) return;
   if (take_back()) return;
-  const bool changed = (filep->flags & kPageChanged) != 0;
+  const bool changed = filep->call.page_changed;
   if (changed) {
-    filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
-    openp->stamp = ++filep->stamp;
-    dictp->set_d_modcount(filep->stamp);
+    filep->call.page_changed = false;
+    openp->stamp = ++filep->cached.stamp;
+    dictp->set_d_modcount(filep->cached.stamp);
     dictmodify();
   }
   if (is_alone()) {
@@ -247,9 +245,9 @@ int reread_dictionary(int entry) {
 int write_delayed() {
   const std::int32_t before = iserrno;
   bfflush(*filep);
-  if ((filep->flags & kDictionaryChanged) != 0 && dictwrite() != 0) bfnote_failure(*filep);
-  const FailedWrite last = std::exchange(filep->failed_write, {});
-  const FailedWrite& lost = filep->lost_write.error != 0 ? filep->lost_write : last;
+  if (filep->unwritten.dictionary && dictwrite() != 0) bfnote_failure(*filep);
+  const FailedWrite last = std::exchange(filep->unwritten.failed, {});
+  const FailedWrite& lost = filep->unwritten.lost.error != 0 ? filep->unwritten.lost : last;
   if (lost.error != 0 && before == 0) {
     iserrno = lost.error;
     iserrio = lost.place;
@@ -264,18 +262,16 @@ int write_and_unmark() {
 }
 
 void forget_exclusive() {
-  filep->failed_write = filep->lost_write = {};
-  filep->pages_lost = false;
-  filep->mark = MarkState::kUnknown;
-  filep->mark_process = 0;
+  filep->unwritten.failed = filep->unwritten.lost = {};
+  filep->unwritten.pages_lost = false;
+  filep->mark = {};
   forget_extent();
 }
 
 int write_handed_out() {
-  const std::uint16_t flags = filep->flags;
-  dictmodify();
+  const bool was_changed = std::exchange(filep->unwritten.dictionary, true);
   if (!is_alone() || dictwrite() == 0) return 0;
-  filep->flags = flags;
+  filep->unwritten.dictionary = was_changed;
   return -1;
 }
 
@@ -297,7 +293,7 @@ int isexit() {
 }
 
 void release_semaphore() {
-  if ((openp->flags & kHoldsSemaphore) == 0) return;
+  if (!openp->holds_semaphore) return;
   const KeepError keep;
   lksemaphore(Semaphore::kRelease);
 }

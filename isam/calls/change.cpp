@@ -25,9 +25,9 @@ namespace {
 // A change locks its record; outside ISAUTOLOCK it is enough that nobody else has it locked.
 int lock_for_change(std::int32_t number) {
   const bool keeps = (openp->mode & ISAUTOLOCK) != 0 || may_be_undone();
-  if (may_be_undone()) filep->keeps_locks = true;
+  if (may_be_undone()) filep->locks.kept = true;
   if (keeps) return lkrecord(number, RecordLock::kTry);
-  if (filep->held.contains(number) || filep->releasable.contains(number)) return 0;
+  if (filep->locks.held.contains(number) || filep->locks.releasable.contains(number)) return 0;
   return lkrecord(number, RecordLock::kTest);
 }
 
@@ -112,7 +112,7 @@ int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
   if (keeps && reserve_entry(openp->shortened) != 0) return -1;
   if (txlog::logs_changes() && txlog::log_updated(number, old, record) != 0) return -1;
   // Storage that is written anew may go elsewhere.
-  const bool same = filep->varlen && std::ranges::equal(old, record);
+  const bool same = filep->geometry.varlen && std::ranges::equal(old, record);
   if (!same && datawrite(number, record, !keeps) != 0) return -1;
   if (keeps) put_on(openp->shortened, number);
   audit(txlog::AuditLetter::kBefore, number, old);
@@ -163,7 +163,9 @@ int remove_record(std::int32_t number, ConstBytes old) {
   return 0;
 }
 
-Bytes record_room() { return temprecord().first(static_cast<std::size_t>(filep->maxreclen)); }
+Bytes record_room() {
+  return temprecord().first(static_cast<std::size_t>(filep->geometry.maxreclen));
+}
 
 }  // namespace
 
@@ -208,7 +210,7 @@ int delrecord(std::int32_t number, ConstBytes old) {
   if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
   if (may_be_undone() && reserve_entry(openp->deleted) != 0) return -1;
   const KeptPosition position;
-  filep->gives_number = true;
+  filep->call.gives_number = true;
   if (take_items(*keys, old, number) == 0 && remove_record(number, old) == 0) return 0;
   const KeepError keep;
   const RoomIsThere its_own;

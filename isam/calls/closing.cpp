@@ -21,9 +21,9 @@ namespace {
 int end_exclusive() {
   if (write_and_unmark() == 0) return 0;
   bfflush(*filep);  // once more: what is written need not be mended
-  filep->direct.bytes.clear();
+  filep->unwritten.direct.bytes.clear();
   bfdrop(*filep, INT32_MIN);
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+  filep->call.page_changed = filep->unwritten.dictionary = false;
   forget_exclusive();  // this close tells it, no call of those that go on sharing the file
   return -1;
 }
@@ -39,18 +39,18 @@ bool is_writable(const Open& open) { return (open.mode & 3) != ISINPUT; }
 // A transaction may have to undo changes made through the open.
 bool outlives_its_close(const Open& open) {
   return txlog::transaction_is_open() && is_writable(open) &&
-         (open.mode & (ISTRANS | ISNOLOG)) == ISTRANS && (open.flags & kKept) == 0;
+         (open.mode & (ISTRANS | ISNOLOG)) == ISTRANS && !open.kept;
 }
 
 }  // namespace
 
 int close_open(Open& open) {
-  static_cast<void>((open.flags & kLogged) != 0 ? txlog::logclose(open) : txlog::append_owed());
-  if ((open.flags & kHoldsSemaphore) == 0 && filep->exclusives == 0) {
+  static_cast<void>(open.logged ? txlog::logclose(open) : txlog::append_owed());
+  if (!open.holds_semaphore && filep->locks.exclusives == 0) {
     lksemaphore(Semaphore::kExclusive);
   }
   // Everything is on disk before the locks go. Of an exclusive open much may still be in the pool.
-  const bool ends = (open.mode & ISEXCLLOCK) != 0 && filep->exclusives == 1;
+  const bool ends = (open.mode & ISEXCLLOCK) != 0 && filep->locks.exclusives == 1;
   const int result = ends ? end_exclusive() : write_delayed();
   const KeepError keep;
   lkfile(false);
@@ -62,7 +62,7 @@ namespace {
 
 int close_entered(Open& open) {
   if (outlives_its_close(open)) {
-    open.flags |= kKept;
+    open.kept = true;
     txlog::append_owed();
     write_delayed();  // the process may end before the transaction
     return isexit();
@@ -80,8 +80,8 @@ int close_entered(Open& open) {
 int close_unentered(Open& open) {
   const KeepError keep;
   make_current(open);
-  if (filep->exclusives == 0) {
-    filep->flags = static_cast<std::uint16_t>(filep->flags & ~(kPageChanged | kDictionaryChanged));
+  if (filep->locks.exclusives == 0) {
+    filep->call.page_changed = filep->unwritten.dictionary = false;
   }
   close_open(open);
   release_semaphore();
@@ -104,11 +104,11 @@ int close_in_use(Open& open) {
 void close_kept_beside(int isfd) {
   know_process();
   const Open* const alone = open_of(isfd);
-  if (alone == nullptr || (alone->flags & kKept) != 0 || (alone->mode & ISEXCLLOCK) == 0) return;
+  if (alone == nullptr || alone->kept || (alone->mode & ISEXCLLOCK) == 0) return;
   for (int other = 0; other < nopens; ++other) {
     Open* const open = open_of(other);
     if (open == nullptr || open->file != alone->file) continue;
-    if ((open->flags & (kKept | kUndoable)) == kKept) close_in_use(*open);
+    if (open->kept && !open->transaction.undoable) close_in_use(*open);
   }
 }
 

@@ -31,7 +31,7 @@ bool may_compress(const keydescr& key) {
 
 int gather(IndexLoad& load) {
   const std::int32_t last = records_in_file();
-  const Bytes room = temprecord().first(static_cast<std::size_t>(filep->maxreclen));
+  const Bytes room = temprecord().first(static_cast<std::size_t>(filep->geometry.maxreclen));
   for (std::int32_t number = 1; number <= last; ++number) {
     if (dataread(number, room) < 0) {
       if (iserrno != 0) return -1;
@@ -71,7 +71,7 @@ int log_event(txlog::IndexEvent event, const keydescr& key) {
 bool frees_keys() {
   for (int isfd = 0; isfd < nopens; ++isfd) {
     const Open* const open = open_of(isfd);
-    if (open != nullptr && open->file == filep && (open->flags & kFreesKeys) != 0) return true;
+    if (open != nullptr && open->file == filep && open->transaction.frees_keys) return true;
   }
   return false;
 }
@@ -86,17 +86,17 @@ void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
   bfdrop(*filep, dictp->d_nextnode() + 1);
   cut_unused_room();
   // What could not be written will be tried again.
-  filep->failed_write = {};
-  if (!filep->pages_lost) filep->lost_write = lost;
+  filep->unwritten.failed = {};
+  if (!filep->unwritten.pages_lost) filep->unwritten.lost = lost;
   const bool same =
       dictp->d_nextnode() == before.d_nextnode() && dictp->d_freenode() == before.d_freenode();
   if (!same) return;
   *dictp = before;
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kPageChanged);
+  filep->call.page_changed = false;
 }
 
 int add_index(keydescr& key) {
-  if (kylegal(key, filep->reclen) != 0) return -1;
+  if (kylegal(key, filep->geometry.reclen) != 0) return -1;
   if (!may_compress(key)) return failed(kBadKey);
   if (kynchar(key)) {
     if (locale::chkulxinit() != 0) return failed(kLocaleInvalid);
@@ -104,7 +104,7 @@ int add_index(keydescr& key) {
   }
   if ((key.flags & KF_DUPS) == 0 && frees_keys()) return failed(kFileInUse);
   const Dictionary before = *dictp;
-  const FailedWrite lost = filep->lost_write;
+  const FailedWrite lost = filep->unwritten.lost;
   IndexLoad load{key};
   if (kyadd(key) != 0) return failed_unless_set(kBadKey);
   int result = fill_index(load, key);

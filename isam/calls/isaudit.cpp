@@ -44,7 +44,7 @@ int tell_name(char* to) {
 }
 
 int switch_on() {
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kNumbersListed);
+  filep->lists_numbers = false;
   if (!has_trail()) return failed(kBadArgument);
   switch_trail(true);
   return 0;
@@ -67,7 +67,7 @@ int run(char* name, int mode) {
     case AUDSTART:
       return switch_on();
     case AUDRECVR:
-      filep->flags |= kNumbersListed;
+      filep->lists_numbers = true;
       [[fallthrough]];
     case AUDSTOP:
       return switch_off();

@@ -38,8 +38,7 @@ bool commits_wait_for_disk() {
 int mark_end(LogType mark) {
   int result = 0;
   for_each_open([&](Open& open) {
-    constexpr int kClosing = kKept | kLogged;
-    if (result == 0 && (open.flags & kClosing) == kClosing) result = logclose(open);
+    if (result == 0 && open.kept && open.logged) result = logclose(open);
   });
   if (result != 0) return -1;
   const bool marks = logstate.begin == Begin::kWritten;
@@ -59,7 +58,7 @@ struct Freed {
 // file is written, for only then can it be taken back.
 std::size_t most_at_once() {
   constexpr std::size_t kBesides = 4;  // pages: of the record, of free lists
-  const auto pages = static_cast<std::size_t>(filep->maxreclen / filep->idxsize);
+  const auto pages = static_cast<std::size_t>(filep->geometry.maxreclen / filep->geometry.idxsize);
   return kMostAdded * 3 / 4 / (pages + kBesides);
 }
 
@@ -111,7 +110,7 @@ int free_entered(Open& open) {
   const Freed freed = free_records(open);
   const bool failed = iserrno != 0;
   const bool damaged = iserrno == kCorrupted;  // and stays so
-  const bool changes_stay = filep->exclusives > 0 || filep->spilled;
+  const bool changes_stay = filep->locks.exclusives > 0 || filep->call.spilled;
   const int result = isexit();
   if (failed && (damaged || (changes_stay && freed.in_part))) strike_off_next(open, freed);
   if (result == 0 || (failed && changes_stay)) {
@@ -134,8 +133,8 @@ int free_owed_or_retry(Open& open) {
 // What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
 int end_in_open(Open& open, bool commits) {
   isbatch(2);  // what another open holds in batch mode goes before this one becomes current
-  open.flags = static_cast<std::uint16_t>(open.flags & ~(kUndoable | kFreesKeys));
-  open.file->keeps_locks = false;
+  open.transaction = {};
+  open.file->locks.kept = false;
   if (commits) {
     open.committed = open.deleted.size();
   } else {
@@ -143,7 +142,7 @@ int end_in_open(Open& open, bool commits) {
   }
   FirstFailure failure;
   if (owes_storage(open)) failure.note(free_owed_or_retry(open));
-  const bool kept = (open.flags & kKept) != 0;
+  const bool kept = open.kept;
   if (!kept && ((open.mode & 3) == ISINPUT || (open.mode & ISNOLOG) != 0)) return 0;
   make_current(open);
   const int released = release_transaction_locks();

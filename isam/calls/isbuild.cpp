@@ -92,7 +92,7 @@ int lay_out(const RecordLengths& lengths, keydescr& key) {
 // A new pair is a pair at once, also where later changes may wait.
 int end_building() {
   if (isexit() != 0) return -1;
-  return filep->exclusives > 0 ? write_and_unmark() : 0;
+  return filep->locks.exclusives > 0 ? write_and_unmark() : 0;
 }
 
 int build_lock_mode(int mode) { return issingleuser ? ISEXCLLOCK : lock_mode_of(mode); }
@@ -135,7 +135,7 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
     if (set_up(*open, name, lengths, key, mode) == 0) return isfd_of(*open);
     const KeepError keep;
     bfdrop(*open->file, INT32_MIN);  // nothing of it may be left in the pool
-    open->file->flags |= kNotShared;
+    open->file->takes_no_open = true;
   }
   remove_pair(name);
   return abandon_open(*open);

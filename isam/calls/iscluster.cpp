@@ -44,14 +44,14 @@ int look(int isfd, keydescr& key, Old& old) {
     failed(kNotExclusive);
   } else if (dictp->d_auditnode() != 0) {
     failed(kAuditTrailExists);
-  } else if (filep->usecount > 1 || (openp->flags & kUndoable) != 0) {
+  } else if (filep->usecount > 1 || openp->transaction.undoable) {
     // Changes to be undone are known by numbers that would not be theirs any more.
     failed(kFileInUse);
   } else if (key.nparts != 0 && kysearch(key, 0) < 0) {
     failed_unless_set(kBadKey);
   }
   old = {.isfd = isfd, .mode = openp->mode, .name = filep->name};
-  old.minimum = filep->reclen;
+  old.minimum = filep->geometry.reclen;
   old.dup_width = dictp->d_dupsize();
   return isexit() == 0 ? isdictinfo(isfd, &old.info) : -1;
 }
@@ -145,7 +145,7 @@ int log_and_swap(const Old& old, const TemporaryNames& names, const keydescr& ke
     return -1;
   }
   hold.keep();
-  open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
+  open.logged = false;
   return 0;
 }
 

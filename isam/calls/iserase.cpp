@@ -32,7 +32,7 @@ template <typename Work>
 int for_each_logged(const OpenPair& file, Work work) {
   for (int isfd = 0; isfd < nopens; ++isfd) {
     Open* const open = open_of(isfd);
-    const bool known = open != nullptr && open->file == &file && (open->flags & kLogged) != 0;
+    const bool known = open != nullptr && open->file == &file && open->logged;
     if (known && work(*open) != 0) return -1;
   }
   return 0;
@@ -68,7 +68,7 @@ bool log_and_unlink(const OpenPair& file, const char* name, const std::string& t
   }
   hold.keep();
   static_cast<void>(for_each_logged(file, [](Open& open) {
-    open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
+    open.logged = false;
     return 0;
   }));
   return true;
@@ -160,7 +160,7 @@ static int erase_call(const char* name) {
   const bool gone =
       txflag == kNotLogging ? unlink_all(name, trail) : log_and_unlink(file, name, trail);
   const std::int32_t reason = iserrno;
-  if (gone) file.flags |= kNotShared;
+  if (gone) file.takes_no_open = true;
   close_for_real(isfd);
   clear_errors();
   if (reason != 0) failed_as(reason);

@@ -7,7 +7,7 @@ using namespace isam;
 
 static int flush_call(int isfd) {
   if (isenter(isfd, kToRead | kGoesOn) != 0) return -1;
-  if (filep->exclusives > 0) {
+  if (filep->locks.exclusives > 0) {
     write_and_unmark();
   } else {
     write_delayed();

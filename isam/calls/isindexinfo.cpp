@@ -16,9 +16,9 @@ constexpr int kReading = kToRead | kShared;
 int fill(dictinfo& info) {
   const std::int32_t listed = free_records_listed();
   if (listed < 0) return -1;
-  info.di_nkeys = dictp->d_nkeys() + (filep->varlen ? DI_VARLEN : 0);
-  info.di_recsize = filep->maxreclen;
-  info.di_idxsize = filep->idxsize;
+  info.di_nkeys = dictp->d_nkeys() + (filep->geometry.varlen ? DI_VARLEN : 0);
+  info.di_recsize = filep->geometry.maxreclen;
+  info.di_idxsize = filep->geometry.idxsize;
   info.di_nrecords = dictp->d_nextdata() - listed;
   return 0;
 }
@@ -28,7 +28,7 @@ int fill(keydescr& key, int n) {
   if (keys == nullptr) return -1;
   if (n < 1 || static_cast<std::size_t>(n) > keys->size()) return failed(kBadArgument);
   key = (*keys)[static_cast<std::size_t>(n) - 1];
-  isreclen = filep->reclen;
+  isreclen = filep->geometry.reclen;
   return 0;
 }
 

@@ -15,7 +15,7 @@ template <typename Look>
 int look_at(const char* name, Look look) {
   const int isfd = isopen(name, ISINPUT + ISMANULOCK + ISANYLENGTH);
   if (isfd < 0) return -1;
-  const int result = look(open_of(isfd)->file->dictionary);
+  const int result = look(open_of(isfd)->file->cached.dictionary);
   isclose(isfd);
   return result;
 }

@@ -14,7 +14,7 @@ namespace isam::txlog {
 int leave_log() {
   for (int isfd = 0; isfd < nopens; ++isfd) {
     Open* const open = open_of(isfd);
-    if (open != nullptr) open->flags = static_cast<std::uint16_t>(open->flags & ~kLogged);
+    if (open != nullptr) open->logged = false;
   }
   txflag = kNotLogging;
   return close_log();

@@ -46,27 +46,25 @@ int lock_mode_of(int mode) {
 
 void advise_random(const OpenPair& file) {
   // Without this, small writes into pages that were read far ahead cost many times as much.
-  ::posix_fadvise(file.idxfd, 0, 0, POSIX_FADV_RANDOM);
-  ::posix_fadvise(file.datfd, 0, 0, POSIX_FADV_RANDOM);
+  ::posix_fadvise(file.index.fd, 0, 0, POSIX_FADV_RANDOM);
+  ::posix_fadvise(file.data.fd, 0, 0, POSIX_FADV_RANDOM);
 }
 
 int adopt_dictionary() {
   OpenPair& file = *filep;
   const int reclen = dictp->d_recsize();
   const bool varlen = dictp->d_maxrecsize() != 0;
-  const int maxreclen = varlen ? dictp->d_maxrecsize() : reclen;
-  const bool same = file.reclen == reclen && file.varlen == varlen && file.maxreclen == maxreclen &&
-                    file.idxsize == dictp->d_idxsize() && file.dupsize == dictp->d_dupsize();
-  if (same) return 0;
+  const Geometry stored{.reclen = reclen,
+                        .maxreclen = varlen ? dictp->d_maxrecsize() : reclen,
+                        .idxsize = dictp->d_idxsize(),
+                        .dupsize = dictp->d_dupsize(),
+                        .varlen = varlen};
+  if (file.geometry == stored) return 0;
   if (file.usecount > 1) return failed(kCorrupted);
   // An idle pair may have pages of other sizes in the pool.
-  if (file.reclen != 0) bfignor(file);
-  file.greatest_node = file.greatest_record = 0;
-  file.reclen = reclen;
-  file.varlen = varlen;
-  file.maxreclen = maxreclen;
-  file.idxsize = dictp->d_idxsize();
-  file.dupsize = dictp->d_dupsize();
+  if (file.geometry.reclen != 0) bfignor(file);
+  file.cached.greatest_node = file.cached.greatest_record = 0;
+  file.geometry = stored;
   return 0;
 }
 
@@ -116,7 +114,8 @@ int refuse_dictionary() { return failed(dictp->d_idxsize() % 2 == 0 ? kFormatCha
 
 // Tests of the dictionary that only an open makes. The open pair follows it.
 int validate() {
-  const bool lengths_agree = filep->reclen > 0 && filep->maxreclen >= filep->reclen;
+  const bool lengths_agree =
+      filep->geometry.reclen > 0 && filep->geometry.maxreclen >= filep->geometry.reclen;
   const bool sound = dictp->d_idxsize() < kMaxStoredNodeSize && lengths_agree &&
                      (dictp->d_dupsize() == 2 || dictp->d_dupsize() == 4);
   if (!sound) return refuse_dictionary();
@@ -131,7 +130,7 @@ int adopt_lock_method() {
   if (method == kLockMethod) return 0;
   const bool known = method == 0 || method == 3 || method == 4 || method == 5 || method == 7;
   if (!known) return failed(method < kLockMethod ? kFormatChange : kCorrupted);
-  if (filep->exclusives == 0) {
+  if (filep->locks.exclusives == 0) {
     lksemaphore(Semaphore::kRelease);
     if (lksemaphore(Semaphore::kExclusive) != 0 || dictread() != 0) return -1;
   }
@@ -141,7 +140,7 @@ int adopt_lock_method() {
 
 int check_record_format(int mode) {
   if ((mode & ISANYLENGTH) != 0) return 0;
-  return ((mode & ISVARLEN) != 0) == filep->varlen ? 0 : refuse_mode('9');
+  return ((mode & ISVARLEN) != 0) == filep->geometry.varlen ? 0 : refuse_mode('9');
 }
 
 bool leads_to(const std::string& path, dev_t device, ino_t inode) {
@@ -152,8 +151,8 @@ bool leads_to(const std::string& path, dev_t device, ino_t inode) {
 
 // Whether the name, relative to the folder of the moment, still leads to the pair.
 bool is_pair_of(const OpenPair& file, const char* name) {
-  return leads_to(mkidxname(name), file.device, file.inode) &&
-         leads_to(mkdatname(name), file.data_device, file.data_inode);
+  return leads_to(mkidxname(name), file.index.device, file.index.inode) &&
+         leads_to(mkdatname(name), file.data.device, file.data.inode);
 }
 
 bool is_there(const std::string& path) {
@@ -172,7 +171,7 @@ bool was_replaced(const char* name) {
 int look_again(const char* name, int entry) {
   if (filep->usecount > 1) return 0;
   if (is_pair_of(*filep, name)) return reread_dictionary(entry);
-  filep->flags |= kNotShared;
+  filep->takes_no_open = true;
   failed_system(ENOENT);
   if (is_there(mkidxname(name)) && !is_there(mkdatname(name))) {
     failed_system(ENOENT, Operation::kOpen, FileKind::kData);
@@ -196,7 +195,7 @@ int set_up(Open& open, const char* name, int mode) {
     return replaced ? failed_system(ENOENT) : -1;
   }
   const int lock_mode = lock_mode_of(mode);
-  const bool was_shared = filep->exclusives == 0;
+  const bool was_shared = filep->locks.exclusives == 0;
   open.mode |= lock_mode;
   if (lkopenlock(lock_mode) != 0) {
     open.mode &= 0xFF;
@@ -205,10 +204,10 @@ int set_up(Open& open, const char* name, int mode) {
   if (look_again(name, entry) != 0 || (was_shared && look_for_mark() != 0)) return -1;
   if (adopt_dictionary() != 0) return -1;
   if (adopt_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
-  if (mktemprec(filep->maxreclen) != 0) return -1;
-  open.key = filep->keys.front();
+  if (mktemprec(filep->geometry.maxreclen) != 0) return -1;
+  open.key = filep->cached.keys.front();
   stand_before_first();
-  isreclen = filep->maxreclen;
+  isreclen = filep->geometry.maxreclen;
   return isexit();
 }
 
@@ -217,9 +216,8 @@ Open* find_kept(const char* name, int mode) {
   const int wanted = (mode & 0xFF) | lock_mode_of(mode);
   for (int isfd = 0; isfd < nopens; ++isfd) {
     Open* const open = open_of(isfd);
-    if (open != nullptr && (open->flags & kKept) != 0 && open->mode == wanted &&
-        (open->file->flags & kNotShared) == 0 && open->file->name == name &&
-        is_pair_of(*open->file, name)) {
+    if (open != nullptr && open->kept && open->mode == wanted && !open->file->takes_no_open &&
+        open->file->name == name && is_pair_of(*open->file, name)) {
       return open;
     }
   }
@@ -235,8 +233,8 @@ int use_again(Open& open) {
   } else {
     open.key = keys->front();
     stand_before_first();
-    isreclen = filep->maxreclen;
-    open.flags = static_cast<std::uint16_t>(open.flags & ~kKept);
+    isreclen = filep->geometry.maxreclen;
+    open.kept = false;
   }
   return isexit() == 0 ? isfd : -1;
 }
@@ -285,7 +283,7 @@ int open_call(const char* name, int mode) {
 int close_call(int isfd) {
   know_process();
   Open* const open = open_of(isfd);
-  if (open != nullptr && (open->flags & kKept) == 0) return close_in_use(*open);
+  if (open != nullptr && !open->kept) return close_in_use(*open);
   isenter(isfd, kToLook);  // fails, and says why
   forget_inherited(isfd);
   isstat3 = '4';

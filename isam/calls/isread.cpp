@@ -75,7 +75,7 @@ int read_present(Byte* record, ReadMode mode) {
   while (true) {
     if (bt.ends != kOnItem) return failed(kEndOfFile);
     const int length =
-        dataread(treeitem.recptr, {record, static_cast<std::size_t>(filep->maxreclen)});
+        dataread(treeitem.recptr, {record, static_cast<std::size_t>(filep->geometry.maxreclen)});
     if (length >= 0) return length;
     if (iserrno != 0) return -1;
     if (mode == ReadMode::kCurrent) return failed(kNoCurrent);

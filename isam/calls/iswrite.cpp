@@ -85,8 +85,8 @@ using namespace isam;
 extern "C" int isxgetlen(void) {
   know_process();
   if (filep == nullptr) return failed(kNotOpen);
-  if (!filep->varlen) return filep->reclen;
-  if (isreclen >= filep->reclen && isreclen <= filep->maxreclen) return isreclen;
+  if (!filep->geometry.varlen) return filep->geometry.reclen;
+  if (isreclen >= filep->geometry.reclen && isreclen <= filep->geometry.maxreclen) return isreclen;
   isstat3 = isstat4 = '4';
   return failed(kBadArgument);
 }

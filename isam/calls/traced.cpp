@@ -26,8 +26,9 @@ ConstBytes record_of(const Exchange& exchange, std::int32_t length) {
   const Open* open = open_of(exchange.number);
   if (open == nullptr) return {};
   const OpenPair& file = *open->file;
-  const bool known = file.varlen && length >= file.reclen && length <= file.maxreclen;
-  return bytes_of(exchange.buffer, static_cast<std::size_t>(known ? length : file.reclen));
+  const bool known =
+      file.geometry.varlen && length >= file.geometry.reclen && length <= file.geometry.maxreclen;
+  return bytes_of(exchange.buffer, static_cast<std::size_t>(known ? length : file.geometry.reclen));
 }
 
 ConstBytes sent(const Exchange& exchange) {

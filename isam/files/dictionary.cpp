@@ -18,7 +18,7 @@ bool other_lock_method_accepted() {
 }  // namespace
 
 int dictread() {
-  const ssize_t got = filep->index_map.read(filep->idxfd, dictp->raw, 0);
+  const ssize_t got = filep->index.map.read(filep->index.fd, dictp->raw, 0);
   if (got < 0) return failed_system(errno, Operation::kRead, FileKind::kIndex);
   if (got < kDictionarySize) return failed(kCorrupted);
   const int stored_size = dictp->d_idxsize();
@@ -33,11 +33,11 @@ int dictread() {
 }
 
 int dictwrite() {
-  if (common::write_at(filep->idxfd, dictp->raw, 0) != 0) {
+  if (common::write_at(filep->index.fd, dictp->raw, 0) != 0) {
     return failed_system(errno, Operation::kWrite, FileKind::kIndex);
   }
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kDictionaryChanged);
-  filep->calls_unwritten = 0;
+  filep->unwritten.dictionary = false;
+  filep->unwritten.calls = 0;
   return 0;
 }
 

@@ -42,8 +42,8 @@ bool is_open(const std::unique_ptr<OpenPair>& file) { return file && file->useco
 
 OpenPair* find_file(dev_t device, ino_t inode) {
   for (const auto& file : files) {
-    if (is_open(file) && (file->flags & kNotShared) == 0 && file->device == device &&
-        file->inode == inode) {
+    if (is_open(file) && !file->takes_no_open && file->index.device == device &&
+        file->index.inode == inode) {
       return file.get();
     }
   }
@@ -75,24 +75,24 @@ OpenPair* free_file_record() {
 
 void close_data(OpenPair& file) {
   bfclosing(file);
-  file.data_map.forget();
-  if (file.datfd >= 0) common::close_file(file.datfd);
-  file.datfd = -1;
+  file.data.map.forget();
+  if (file.data.fd >= 0) common::close_file(file.data.fd);
+  file.data.fd = -1;
 }
 
 void close_file_record(OpenPair& file) {
   bfignor(file);
   close_data(file);
   close_trail(file);
-  if (file.idxfd >= 0) common::close_file(file.idxfd);
-  note_closed(file.device, file.inode);
+  if (file.index.fd >= 0) common::close_file(file.index.fd);
+  note_closed(file.index.device, file.index.inode);
   file = OpenPair{};
   --isopenfds;
 }
 
 void freefile(OpenPair& file) {
   if (--file.usecount > 0) return;
-  const bool stays = isopenfds < ismaxfds && (file.flags & kNotShared) == 0;
+  const bool stays = isopenfds < ismaxfds && !file.takes_no_open;
   if (!stays) close_file_record(file);
 }
 
@@ -101,8 +101,8 @@ void freefile(OpenPair& file) {
 void retire_replaced(std::string_view name, const struct stat* identity) {
   for (const auto& file : files) {
     if (!is_open(file) || file->name != name) continue;
-    if (identity != nullptr && file->device == identity->st_dev &&
-        file->inode == identity->st_ino) {
+    if (identity != nullptr && file->index.device == identity->st_dev &&
+        file->index.inode == identity->st_ino) {
       continue;
     }
     if (file->usecount == 0) close_file_record(*file);
@@ -143,7 +143,7 @@ common::FileHold open_to_use(const std::string& path, FileKind kind, bool readin
 }
 
 OpenPair* share(OpenPair& file, int mode) {
-  if (file.datmode == O_RDONLY && mode != 0) {
+  if (file.data.mode == O_RDONLY && mode != 0) {
     failed_system(EACCES, Operation::kOpen, FileKind::kData);
     return nullptr;
   }
@@ -168,7 +168,7 @@ Victims look_for_victims() {
     ++found.open;
     if (file->usecount == 0) {
       choose(found.idle, *file);
-    } else if (file->datfd >= 0 && (file->flags & kNotShared) == 0 && file->lost_write.error == 0) {
+    } else if (file->data.fd >= 0 && !file->takes_no_open && file->unwritten.lost.error == 0) {
       choose(found.busy, *file);
     }
   }
@@ -193,9 +193,9 @@ Open* allocopen() {
       failed(kNoMemory);
       return nullptr;
     }
-    if ((open->flags & (kOpenInUse | kInherited)) == 0) {
+    if (open->state == OpenState::kFree) {
       *open = Open{};
-      open->flags = kOpenInUse;
+      open->state = OpenState::kInUse;
       open->process = static_cast<std::uint16_t>(::getpid());
       open->user = static_cast<std::uint16_t>(::getuid());
       return open.get();
@@ -208,7 +208,7 @@ Open* allocopen() {
 Open* open_of(int isfd) {
   if (isfd < 0 || isfd >= nopens) return nullptr;
   Open* open = opens[static_cast<std::size_t>(isfd)].get();
-  return open != nullptr && (open->flags & kOpenInUse) != 0 ? open : nullptr;
+  return open != nullptr && open->state == OpenState::kInUse ? open : nullptr;
 }
 
 int isfd_of(const Open& open) {
@@ -226,16 +226,16 @@ void freeopen(Open& open) {
 void forget_opens() {
   for (const auto& file : files) {
     if (!is_open(file)) continue;
-    file->spilled = false;
+    file->call.spilled = false;
     bfdiscard(*file);
     // Another copy of the library may have locks of this process on it by now.
-    if (another_copy_has(file->device, file->inode)) file->idxfd = -1;
+    if (another_copy_has(file->index.device, file->index.inode)) file->index.fd = -1;
     close_file_record(*file);
   }
   for (const auto& open : opens) {
-    if (!open || open->flags == 0) continue;
+    if (!open || open->state == OpenState::kFree) continue;
     *open = Open{};
-    open->flags = kInherited;
+    open->state = OpenState::kInherited;
   }
   openp = nullptr;
   filep = nullptr;
@@ -245,7 +245,7 @@ void forget_opens() {
 void forget_inherited(int isfd) {
   if (isfd < 0 || isfd >= nopens) return;
   Open* const open = opens[static_cast<std::size_t>(isfd)].get();
-  if (open != nullptr && (open->flags & kInherited) != 0) open->flags = 0;
+  if (open != nullptr && open->state == OpenState::kInherited) open->state = OpenState::kFree;
 }
 
 OpenPair* allocfile(std::string_view name, int mode, IndexAccess index_access) {
@@ -281,18 +281,18 @@ OpenPair* allocfile(std::string_view name, int mode, IndexAccess index_access) {
   }
   *file = OpenPair{};
   name_file(*file, name);
-  file->data_device = data_status.st_dev;
-  file->data_inode = data_status.st_ino;
-  file->device = status.st_dev;
-  file->inode = status.st_ino;
-  file->idxfd = index.release();
-  file->datfd = data.release();
-  file->datmode = datmode;
-  file->idxmode = idxmode;
-  file->generation = bfgeneration();
+  file->data.device = data_status.st_dev;
+  file->data.inode = data_status.st_ino;
+  file->index.device = status.st_dev;
+  file->index.inode = status.st_ino;
+  file->index.fd = index.release();
+  file->data.fd = data.release();
+  file->data.mode = datmode;
+  file->index.mode = idxmode;
+  file->cached.generation = bfgeneration();
   file->usecount = 1;
   ++isopenfds;
-  note_open(file->device, file->inode);
+  note_open(file->index.device, file->index.inode);
   return file;
 }
 
@@ -308,15 +308,15 @@ void name_file(OpenPair& file, std::string_view name) {
 
 int reopen_data(OpenPair& file) {
   const std::string path = mkdatname(file.folder + file.name);
-  common::FileHold fd = open_of_pair(path, file.datmode, FileKind::kData);
+  common::FileHold fd = open_of_pair(path, file.data.mode, FileKind::kData);
   if (!fd) return -1;
   struct stat status {};
   if (common::system_calls().fstat(fd.get(), &status) != 0) return failed_system(errno);
   // Another file has the name by now.
-  if (status.st_dev != file.data_device || status.st_ino != file.data_inode) {
+  if (status.st_dev != file.data.device || status.st_ino != file.data.inode) {
     return failed_system(ENOENT, Operation::kOpen, FileKind::kData);
   }
-  file.datfd = fd.release();
+  file.data.fd = fd.release();
   return 0;
 }
 
@@ -332,7 +332,7 @@ void vclose() {
       close_file_record(*found.idle);
     } else {
       bfflush(*found.busy);
-      if (found.busy->lost_write.error == 0) {
+      if (found.busy->unwritten.lost.error == 0) {
         close_data(*found.busy);
         close_trail(*found.busy);
       }
@@ -354,23 +354,21 @@ int open_trail(const std::string& path) {
   common::FileHold fd = open_with_retry(path, O_WRONLY);
   if (!fd) return failed_system(errno, Operation::kOpen, FileKind::kAudit);
   // Room for it may have been made by closing the data file of the file it belongs to.
-  if (filep->datfd < 0 && reopen_data(*filep) != 0) return -1;
-  filep->audfd = fd.release();
-  filep->flags |= kAuditOpen;
+  if (filep->data.fd < 0 && reopen_data(*filep) != 0) return -1;
+  filep->trail_fd = fd.release();
   return 0;
 }
 
 void close_trail(OpenPair& file) {
-  if ((file.flags & kAuditOpen) == 0) return;
-  common::close_file(file.audfd);
-  file.audfd = -1;
-  file.flags = static_cast<std::uint16_t>(file.flags & ~kAuditOpen);
+  if (file.trail_fd < 0) return;
+  common::close_file(file.trail_fd);
+  file.trail_fd = -1;
 }
 
 void make_current(Open& open) {
   openp = &open;
   filep = open.file;
-  dictp = &open.file->dictionary;
+  dictp = &open.file->cached.dictionary;
 }
 
 int mktemprec(int size) {

@@ -61,7 +61,7 @@ int request_of(int fd, int command, int type, off_t start, off_t length) {
 }
 
 int request(int command, int type, off_t start, off_t length) {
-  return request_of(filep->idxfd, command, type, start, length);
+  return request_of(filep->index.fd, command, type, start, length);
 }
 
 // Signals do not end this wait.
@@ -83,8 +83,8 @@ int release_open_lock() {
   const bool shared_remains = filep->usecount > 1;
   if ((openp->mode & ISEXCLLOCK) != 0) {
     // An open that never got its exclusive lock holds no part of it.
-    if (filep->exclusives == 0) return 0;
-    if (--filep->exclusives > 0) return 0;
+    if (filep->locks.exclusives == 0) return 0;
+    if (--filep->locks.exclusives > 0) return 0;
     return request_open_lock(shared_remains ? F_RDLCK : F_UNLCK);
   }
   return shared_remains ? 0 : request_open_lock(F_UNLCK);
@@ -106,7 +106,7 @@ int is_locked(off_t byte) {
   lock.l_whence = SEEK_SET;
   lock.l_start = byte;
   lock.l_len = 1;
-  if (do_fcntl(filep->idxfd, F_GETLK, &lock) != 0) return -1;
+  if (do_fcntl(filep->index.fd, F_GETLK, &lock) != 0) return -1;
   return lock.l_type == F_UNLCK ? 0 : 1;
 }
 
@@ -118,7 +118,8 @@ int test_record(std::int32_t number) {
 
 // Whether the process's hold on the file covers every record.
 bool records_are_covered() {
-  return filep->exclusives > 0 || filep->filelocks > 0 || (openp->mode & ISEXCLLOCK) != 0;
+  return filep->locks.exclusives > 0 || filep->locks.filelocks > 0 ||
+         (openp->mode & ISEXCLLOCK) != 0;
 }
 
 // Whether a lock has to last for a transaction through this open, whatever becomes of other opens
@@ -128,69 +129,65 @@ bool outlasts_cover(RecordLock how, LockList list) {
          (openp->mode & ISEXCLLOCK) == 0;
 }
 
-void clear_open_flag(int flags) {
-  openp->flags = static_cast<std::uint16_t>(openp->flags & ~flags);
-}
-
 // Whether the process has the record locked already; then the lock is put on the list asked for.
 bool is_held(std::int32_t number, LockList list) {
-  if (!filep->held.contains(number)) {
-    if (!filep->releasable.contains(number)) return false;
-    if (list == LockList::kHeld && filep->held.insert(number)) filep->releasable.erase(number);
+  PairLocks& locks = filep->locks;
+  if (!locks.held.contains(number)) {
+    if (!locks.releasable.contains(number)) return false;
+    if (list == LockList::kHeld && locks.held.insert(number)) locks.releasable.erase(number);
   }
-  openp->flags |= kHoldsRecordLocks;
+  openp->holds_record_locks = true;
   return true;
 }
 
 int take_record(std::int32_t number, RecordLock how, LockList list) {
   if (is_held(number, list)) return 0;
   const int command = how == RecordLock::kWait ? F_SETLKW : F_SETLK;
-  const bool in_file_lock = filep->filelocks > 0;
+  const bool in_file_lock = filep->locks.filelocks > 0;
   if (!in_file_lock && request_record(command, F_WRLCK, number) != 0) return -1;
-  NumberSet& set = list == LockList::kHeld ? filep->held : filep->releasable;
+  NumberSet& set = list == LockList::kHeld ? filep->locks.held : filep->locks.releasable;
   if (!set.insert(number)) {
     if (!in_file_lock) request_record(F_SETLK, F_UNLCK, number);
     return failed(kNoMemory);
   }
-  openp->flags |= kHoldsRecordLocks;
-  filep->flags |= kRecordsLocked;
+  openp->holds_record_locks = true;
   return 0;
 }
 
 int release_record(std::int32_t number) {
-  if (!filep->releasable.erase(number) && !filep->held.erase(number)) return 0;
+  if (!filep->locks.releasable.erase(number) && !filep->locks.held.erase(number)) return 0;
   return request_record(F_SETLK, F_UNLCK, number);
 }
 
 int take_file_lock() {
   // An exclusive open of the process may end before the lock does.
-  const bool has_it = filep->filelocks > 0;
+  const bool has_it = filep->locks.filelocks > 0;
   if (!has_it && request(F_SETLK, F_WRLCK, kRecordsStart, kRecordsLength) != 0) {
     return refused(errno);
   }
-  if ((openp->flags & kHoldsFileLock) == 0) ++filep->filelocks;
-  openp->flags |= kHoldsFileLock;
+  if (!openp->holds_file_lock) ++filep->locks.filelocks;
+  openp->holds_file_lock = true;
   return 0;
 }
 
-bool holds_file_lock() { return (openp->flags & kHoldsFileLock) != 0; }
+bool holds_file_lock() { return openp->holds_file_lock; }
 
 // Whether another open of the process has the whole file locked.
-bool another_holds_file() { return filep->filelocks > (holds_file_lock() ? 1 : 0); }
+bool another_holds_file() { return filep->locks.filelocks > (holds_file_lock() ? 1 : 0); }
 
 void release_releasable() {
-  while (!filep->releasable.empty() && filep->filelocks == 0) {
-    const std::int32_t number = filep->releasable.numbers().back();
-    filep->releasable.erase(number);
+  while (!filep->locks.releasable.empty() && filep->locks.filelocks == 0) {
+    const std::int32_t number = filep->locks.releasable.numbers().back();
+    filep->locks.releasable.erase(number);
     request_record(F_SETLK, F_UNLCK, number);
   }
-  filep->releasable.clear();
+  filep->locks.releasable.clear();
 }
 
 // Unlocks the record range but for the records on the held list, from its end: 0, or -1.
 int release_all_but_held() {
   off_t end = kRecordsLength;  // of what is still to be unlocked
-  const std::vector<std::int32_t>& kept = filep->held.numbers();
+  const std::vector<std::int32_t>& kept = filep->locks.held.numbers();
   for (auto number = kept.rbegin(); number != kept.rend(); ++number) {
     const off_t behind = off_t{*number} + 1;
     if (behind < end && request(F_SETLK, F_UNLCK, kRecordsStart + behind, end - behind) != 0) {
@@ -203,26 +200,26 @@ int release_all_but_held() {
 }
 
 void forget_records() {
-  filep->held.clear();
-  filep->releasable.clear();
-  filep->flags = static_cast<std::uint16_t>(filep->flags & ~kRecordsLocked);
+  filep->locks.held.clear();
+  filep->locks.releasable.clear();
 }
 
 // While a transaction has changed records of the file, these stay locked: the locks belong to the
 // process, so that any of its opens could release them.
 int release_file_lock() {
   const bool holds = holds_file_lock();
-  if (!holds && (openp->flags & kHoldsRecordLocks) == 0) return 0;
-  const bool in_part = filep->keeps_locks;
+  if (!holds && !openp->holds_record_locks) return 0;
+  const bool in_part = filep->locks.kept;
   if (in_part) {
     if (holds && !another_holds_file() && release_all_but_held() != 0) return -1;
     release_releasable();
-  } else if (filep->filelocks < 2 || !holds) {
+  } else if (filep->locks.filelocks < 2 || !holds) {
     if (request(F_SETLK, F_UNLCK, kRecordsStart, kRecordsLength) != 0) return refused(errno);
     forget_records();
   }
-  if (holds) --filep->filelocks;
-  clear_open_flag(in_part ? kHoldsFileLock : kHoldsFileLock | kHoldsRecordLocks);
+  if (holds) --filep->locks.filelocks;
+  openp->holds_file_lock = false;
+  if (!in_part) openp->holds_record_locks = false;
   return 0;
 }
 
@@ -232,20 +229,16 @@ int lksemaphore(Semaphore how) {
   const int type = how == Semaphore::kRelease     ? F_UNLCK
                    : how == Semaphore::kExclusive ? F_WRLCK
                                                   : F_RDLCK;
-  if (wait_for(filep->idxfd, type, kSemaphoreStart, kSemaphoreLength) != 0) return -1;
-  if (how == Semaphore::kRelease) {
-    clear_open_flag(kHoldsSemaphore);
-  } else {
-    openp->flags |= kHoldsSemaphore;
-  }
+  if (wait_for(filep->index.fd, type, kSemaphoreStart, kSemaphoreLength) != 0) return -1;
+  openp->holds_semaphore = how != Semaphore::kRelease;
   return 0;
 }
 
 int lkopenlock(int mode) {
   if (mode == 0) return release_open_lock();
   if (mode == ISEXCLLOCK) {
-    if (filep->exclusives == 0 && request_open_lock(F_WRLCK) != 0) return -1;
-    ++filep->exclusives;
+    if (filep->locks.exclusives == 0 && request_open_lock(F_WRLCK) != 0) return -1;
+    ++filep->locks.exclusives;
     return 0;
   }
   return filep->usecount > 1 ? 0 : request_open_lock(F_RDLCK);
@@ -271,7 +264,7 @@ int lkrecord(std::int32_t number, RecordLock how, LockList list) {
 }
 
 bool keeps_locked(std::int32_t number) {
-  return (openp->mode & ISEXCLLOCK) != 0 || filep->held.contains(number);
+  return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.held.contains(number);
 }
 
 int lkfile(bool take) {
@@ -280,9 +273,9 @@ int lkfile(bool take) {
 }
 
 void lkrelease() {
-  if (!filep->held.empty()) {
+  if (!filep->locks.held.empty()) {
     release_releasable();
-  } else if (!filep->releasable.empty()) {
+  } else if (!filep->locks.releasable.empty()) {
     lkfile(false);
   }
 }
@@ -296,7 +289,7 @@ int release_locks() {
 int release_transaction_locks() {
   if (holds_file_lock() || !another_holds_file()) return lkfile(false);
   forget_records();
-  clear_open_flag(kHoldsRecordLocks);
+  openp->holds_record_locks = false;
   return 0;
 }
 

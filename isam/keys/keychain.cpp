@@ -13,7 +13,7 @@ namespace {
 
 // Bytes of a key-description node that may hold descriptions.
 int description_end(const PageHold& page) {
-  return std::min(page.used(), node_type_offset(filep->idxsize));
+  return std::min(page.used(), node_type_offset(filep->geometry.idxsize));
 }
 
 bool well_formed(const Byte* stored, int room) {
@@ -86,7 +86,7 @@ int go_to_same(KeyChain& chain, const keydescr& k, keydescr& found) {
 }
 
 int find_same(keydescr& k) {
-  if (kylegal(k, filep->reclen) != 0) return -1;
+  if (kylegal(k, filep->geometry.reclen) != 0) return -1;
   KeyChain chain;
   keydescr found{};
   const int number = go_to_same(chain, k, found);
@@ -101,7 +101,7 @@ int fetch(keydescr& k, int n) {
   KeyChain chain;
   keydescr found{};
   if (go_to(chain, n, found) != 0) return -1;
-  if (found.nparts > 0 && kylegal(found, filep->reclen) != 0) return failed(kCorrupted);
+  if (found.nparts > 0 && kylegal(found, filep->geometry.reclen) != 0) return failed(kCorrupted);
   k = found;
   return n;
 }
@@ -109,7 +109,7 @@ int fetch(keydescr& k, int n) {
 void count_indexes(int change) {
   dictp->set_d_nkeys(std::max(dictp->d_nkeys() + change, 0));
   dictmodify();
-  filep->keys_generation = 0;  // the array of descriptions is out of date
+  filep->cached.keys_generation = 0;  // the array of descriptions is out of date
 }
 
 // Takes the description that the chain has found out of its node.
@@ -160,7 +160,7 @@ int find_place(int size, Place& place) {
         page.used() < kEntriesOffset) {
       return failed(kCorrupted);
     }
-    place.fits = page.used() + size < node_type_offset(filep->idxsize);
+    place.fits = page.used() + size < node_type_offset(filep->geometry.idxsize);
     const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
     if (place.fits || link == 0) return 0;
     place.node = link;

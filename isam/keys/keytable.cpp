@@ -11,31 +11,31 @@ namespace {
 
 // Of what the library works with, more than of what is stored, must be legal.
 bool usable(keydescr& k) {
-  const bool fits = k.nparts == 0 || kylegal(k, filep->reclen) == 0;
+  const bool fits = k.nparts == 0 || kylegal(k, filep->geometry.reclen) == 0;
   return fits && (k.nparts == 0 || k.rootnode > 0);
 }
 
 int load() {
-  filep->keys.clear();
-  filep->keys_generation = 0;
+  filep->cached.keys.clear();
+  filep->cached.keys_generation = 0;
   KeyChain chain;
   keydescr k{};
   KeyChain::Step step;
   while ((step = chain.next(k)) == KeyChain::Step::kFound) {
-    if (!usable(k) || filep->keys.size() == kMostDescriptions) return failed(kCorrupted);
-    filep->keys.push_back(k);
+    if (!usable(k) || filep->cached.keys.size() == kMostDescriptions) return failed(kCorrupted);
+    filep->cached.keys.push_back(k);
   }
   if (step != KeyChain::Step::kEnd) return failed_unless_set(kCorrupted);
-  filep->keys_generation = filep->generation;
+  filep->cached.keys_generation = filep->cached.generation;
   return 0;
 }
 
 }  // namespace
 
 const std::vector<keydescr>* file_keys() {
-  if (filep->keys_generation == filep->generation) return &filep->keys;
+  if (filep->cached.keys_generation == filep->cached.generation) return &filep->cached.keys;
   try {
-    return load() == 0 ? &filep->keys : nullptr;
+    return load() == 0 ? &filep->cached.keys : nullptr;
   } catch (const std::bad_alloc&) {
     failed(kNoMemory);
     return nullptr;

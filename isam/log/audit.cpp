@@ -23,7 +23,7 @@ constexpr Byte kNewline = '\n';
 
 // Bytes of a node that a name and its zero byte may take.
 std::size_t room_for_name() {
-  const int room = node_type_offset(filep->idxsize) - kNameOffset;
+  const int room = node_type_offset(filep->geometry.idxsize) - kNameOffset;
   return std::min<std::size_t>(kMaxTrailName + 1, static_cast<std::size_t>(room));
 }
 
@@ -39,7 +39,7 @@ int write_name(std::int32_t node, std::string_view name) {
 ConstBytes build_entry(AuditLetter letter, std::int32_t number, ConstBytes record) {
   using namespace audit_entry;
   static std::vector<Byte> entry;
-  const std::size_t header = filep->varlen ? kVariableHeader : kFixedHeader;
+  const std::size_t header = filep->geometry.varlen ? kVariableHeader : kFixedHeader;
   try {
     entry.resize(header + record.size() + 1);
   } catch (const std::bad_alloc&) {
@@ -51,7 +51,7 @@ ConstBytes build_entry(AuditLetter letter, std::int32_t number, ConstBytes recor
   common::stword(openp->process, at + kProcess);
   common::stword(openp->user, at + kUser);
   common::stlong(number, at + kNumber);
-  if (filep->varlen) {
+  if (filep->geometry.varlen) {
     common::stword(static_cast<std::uint32_t>(record.size() + 1), at + kLength);
   }
   std::ranges::copy(record, at + header);
@@ -68,11 +68,11 @@ int failed_unless_records_matter_more() {
 
 int append_entry(ConstBytes entry) {
   if (entry.empty()) return failed(kNoMemory);
-  const std::int64_t end = common::file_size(filep->audfd);
-  if (common::write_at(filep->audfd, entry, end) == 0) return 0;
+  const std::int64_t end = common::file_size(filep->trail_fd);
+  if (common::write_at(filep->trail_fd, entry, end) == 0) return 0;
   const int reason = errno;
   // Half an entry would make what follows unreadable.
-  common::cut_file(filep->audfd, end);
+  common::cut_file(filep->trail_fd, end);
   return failed_system(reason, Operation::kWrite, FileKind::kAudit);
 }
 
@@ -104,19 +104,19 @@ int set_audit_trail_name(std::string_view name) {
 }
 
 int audopen() {
-  if (!dictp->d_audits() || (filep->flags & kAuditOpen) != 0) return 0;
+  if (!dictp->d_audits() || filep->trail_fd >= 0) return 0;
   if (open_trail(audit_trail_name()) == 0) return 0;
   return failed_unless_records_matter_more();
 }
 
 int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record) {
-  if (!dictp->d_audits() || (filep->flags & kAuditOpen) == 0) return 0;
+  if (!dictp->d_audits() || filep->trail_fd < 0) return 0;
   if (append_entry(build_entry(letter, number, record)) == 0) return 0;
   return failed_unless_records_matter_more();
 }
 
 void keep_unaudited() {
-  filep->keeps_changes = true;
+  filep->call.keeps_changes = true;
   logstate.change_logged = false;
 }
 

@@ -145,7 +145,7 @@ void stamp(std::size_t at, Link previous, std::int32_t time) {
 
 // What must go before a record about `open`, which may be null.
 LeadIn lead_in_for(Open* open) {
-  const bool is_new = open != nullptr && (open->flags & kLogged) == 0;
+  const bool is_new = open != nullptr && !open->logged;
   return {.opposite = !owed.empty(),
           .rollback = logstate.owes_rollback,
           .begin = logstate.begin == Begin::kPending,
@@ -161,7 +161,7 @@ std::size_t start_piece(const LeadIn& lead) {
   if (lead.opens != nullptr) {
     LogRecordBuilder builder{piece, LogType::kOpened};
     builder.put_word(isfd_of(*lead.opens));
-    builder.put_word(lead.opens->file->varlen ? 1 : 0);
+    builder.put_word(lead.opens->file->geometry.varlen ? 1 : 0);
     builder.put_name(lead.opens->file->name);
     static_cast<void>(builder.finish());
   }
@@ -204,7 +204,7 @@ std::int64_t append_piece(const LeadIn& lead, std::optional<Linked> linked) {
   owed.clear();
   logstate.owes_rollback = false;
   if (lead.begin) logstate.begin = Begin::kWritten;
-  if (lead.opens != nullptr) lead.opens->flags |= kLogged;
+  if (lead.opens != nullptr) lead.opens->logged = true;
   return begin;
 }
 

@@ -38,9 +38,9 @@ struct LogState {
   std::int32_t process = 0;    // as stored in records: ids of the moment when the log was opened
   int user = 0;
   bool is_suspended = false;
-  int suspended = kNotLogging;     // txflag before it was suspended
-  bool change_logged = false;      // the current call has logged a change that may yet fail
-  std::uint16_t flags_before = 0;  // ... and what the flags of its open were
+  int suspended = kNotLogging;       // txflag before it was suspended
+  bool change_logged = false;        // the current call has logged a change that may yet fail
+  OfTransaction transaction_before;  // ... and what its open had of the transaction
 };
 extern LogState logstate;
 

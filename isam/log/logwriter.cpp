@@ -13,7 +13,7 @@ Linked linked_as_open() { return (openp->mode & ISTRANS) != 0 ? Linked::kYes : L
 int may_fail_yet(int result) {
   if (result != 0) return result;
   logstate.change_logged = true;
-  logstate.flags_before = openp->flags;
+  logstate.transaction_before = openp->transaction;
   return 0;
 }
 
@@ -22,8 +22,8 @@ int iswimage(LogType type, std::int32_t number, ConstBytes old, ConstBytes recor
   LogPiece piece{openp, type, linked_as_open()};
   piece.record().put_image(type, {isfd_of(*openp), number, old, record});
   if (may_fail_yet(piece.writelog()) != 0) return -1;
-  if (may_be_undone()) openp->flags |= kUndoable;
-  if (may_be_undone() && type != LogType::kInsert) openp->flags |= kFreesKeys;
+  if (may_be_undone()) openp->transaction.undoable = true;
+  if (may_be_undone() && type != LogType::kInsert) openp->transaction.frees_keys = true;
   return 0;
 }
 
@@ -90,22 +90,20 @@ int log_closed(Open& open) {
   LogPiece piece{&open, LogType::kClosed, Linked::kNo};
   LogRecordBuilder& builder = piece.record();
   builder.put_word(isfd_of(open));
-  builder.put_word(open.file->varlen ? 1 : 0);
+  builder.put_word(open.file->geometry.varlen ? 1 : 0);
   builder.put_name(open.file->name);
   return piece.writelog();
 }
 
 int logclose(Open& open) {
   if (log_closed(open) != 0) return -1;
-  open.flags = static_cast<std::uint16_t>(open.flags & ~kLogged);
+  open.logged = false;
   return 0;
 }
 
 void withdraw_change() {
   logstate.change_logged = false;
-  constexpr int kOfChanges = kUndoable | kFreesKeys;
-  openp->flags = static_cast<std::uint16_t>((openp->flags & ~kOfChanges) |
-                                            (logstate.flags_before & kOfChanges));
+  openp->transaction = logstate.transaction_before;
   take_back_logged();
 }
 

@@ -13,7 +13,7 @@ std::uint64_t last_generation = 0;
 }  // namespace
 
 Bytes PageHold::bytes() const {
-  const int length = buffer_->block < 0 ? kPageSize : buffer_->file->idxsize + 1;
+  const int length = buffer_->block < 0 ? kPageSize : buffer_->file->geometry.idxsize + 1;
   return {buffer_->page, static_cast<std::size_t>(length)};
 }
 

@@ -11,35 +11,36 @@ namespace {
 constexpr int kMostAhead = 15;
 
 // Zero bytes up to `to`, or the file as it was: 0, or -1 with errno.
-int fill(int fd, Extent& extent, std::int64_t from, std::int64_t to) {
-  if (common::write_zeros(fd, from, to) == 0) {
-    extent.bytes = to;
+int fill(PairFile& file, std::int64_t from, std::int64_t to) {
+  if (common::write_zeros(file.fd, from, to) == 0) {
+    file.extent.bytes = to;
     return 0;
   }
   const int reason = errno;
-  common::cut_file(fd, extent.bytes);
+  common::cut_file(file.fd, file.extent.bytes);
   errno = reason;
   return -1;
 }
 
-void cut(int fd, Extent& extent, common::FileMap& map, std::int64_t used) {
+void cut(PairFile& file, std::int64_t used) {
+  Extent& extent = file.extent;
   const std::int64_t end = std::max(used, extent.kept);
   extent.pages_ahead = 0;
-  if (end >= extent.bytes || common::cut_file(fd, end) != 0) return;
+  if (end >= extent.bytes || common::cut_file(file.fd, end) != 0) return;
   extent.bytes = end;
-  map.cut(end);
+  file.map.cut(end);
 }
 
 }  // namespace
 
-void forget_extent() { filep->index_extent = filep->data_extent = {}; }
+void forget_extent() { filep->index.extent = filep->data.extent = {}; }
 
 int lengthen(FileKind kind, std::int64_t from, std::int64_t to) {
   const bool index = kind == FileKind::kIndex;
-  const int fd = index ? filep->idxfd : filep->datfd;
-  Extent& extent = index ? filep->index_extent : filep->data_extent;
+  PairFile& file = index ? filep->index : filep->data;
+  Extent& extent = file.extent;
   if (extent.bytes == 0) {
-    if (common::find_size(fd, extent.bytes) != 0) {
+    if (common::find_size(file.fd, extent.bytes) != 0) {
       return failed_system(errno, Operation::kRead, kind);
     }
     extent.kept = extent.bytes;
@@ -48,8 +49,7 @@ int lengthen(FileKind kind, std::int64_t from, std::int64_t to) {
   if (start < to) {
     const int page = index ? node_size() : static_cast<int>(kPageSize);
     const std::int64_t ahead = std::int64_t{extent.pages_ahead} * page;
-    if ((ahead == 0 || fill(fd, extent, start, to + ahead) != 0) &&
-        fill(fd, extent, start, to) != 0) {
+    if ((ahead == 0 || fill(file, start, to + ahead) != 0) && fill(file, start, to) != 0) {
       return failed_system(errno, Operation::kWrite, kind);
     }
     extent.pages_ahead = std::min(2 * extent.pages_ahead + 1, kMostAhead);
@@ -61,8 +61,8 @@ int lengthen(FileKind kind, std::int64_t from, std::int64_t to) {
 
 void cut_unused_room() {
   const std::int64_t nodes_end = std::int64_t{dictp->d_nextnode()} * node_size();
-  cut(filep->idxfd, filep->index_extent, filep->index_map, nodes_end);
-  cut(filep->datfd, filep->data_extent, filep->data_map, end_of_slot(dictp->d_nextdata()));
+  cut(filep->index, nodes_end);
+  cut(filep->data, end_of_slot(dictp->d_nextdata()));
 }
 
 }  // namespace isam

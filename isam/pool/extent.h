@@ -38,12 +38,13 @@ class RoomIsThere {
 
 // Whether the current file's room is seen to here.
 [[nodiscard]] inline bool reserves_room() {
-  return filep->exclusives > 0 && filep->mark != MarkState::kUnneeded && !RoomIsThere::active;
+  return filep->locks.exclusives > 0 && filep->mark.state != MarkState::kUnneeded &&
+         !RoomIsThere::active;
 }
 
 // Room for the nodes from `first` to `last`: 0 or -1.
 [[nodiscard]] inline int reserve_nodes(std::int64_t first, std::int64_t last) {
-  if (!reserves_room() || last * node_size() <= filep->index_extent.bytes) return 0;
+  if (!reserves_room() || last * node_size() <= filep->index.extent.bytes) return 0;
   return lengthen(FileKind::kIndex, (first - 1) * node_size(), last * node_size());
 }
 
@@ -54,7 +55,7 @@ class RoomIsThere {
 
 // Room for the slot of record k, in whole blocks: 0 or -1.
 [[nodiscard]] inline int reserve_slot(std::int64_t k) {
-  if (!reserves_room() || k * slot_size() <= filep->data_extent.kept) return 0;
+  if (!reserves_room() || k * slot_size() <= filep->data.extent.kept) return 0;
   const std::int64_t first = (k - 1) * slot_size() / kPageSize * kPageSize;
   return lengthen(FileKind::kData, first, end_of_slot(k));
 }

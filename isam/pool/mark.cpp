@@ -22,12 +22,12 @@ struct Mark {
 
 // What lies past the end of the file is zero.
 int read(const OpenPair& file, Mark& mark) {
-  if (common::read_at(file.idxfd, mark.raw, kMarkOffset) >= 0) return 0;
+  if (common::read_at(file.index.fd, mark.raw, kMarkOffset) >= 0) return 0;
   return failed_system(errno, Operation::kRead, FileKind::kIndex);
 }
 
 int write(const OpenPair& file, const Mark& mark) {
-  if (common::write_at(file.idxfd, mark.raw, kMarkOffset) == 0) return 0;
+  if (common::write_at(file.index.fd, mark.raw, kMarkOffset) == 0) return 0;
   return failed_system(errno, Operation::kWrite, FileKind::kIndex);
 }
 
@@ -36,7 +36,7 @@ int write(const OpenPair& file, const Mark& mark) {
 int clear(const OpenPair& file) {
   constexpr Byte kZeros[kMarkSize - kMarkProcess] = {};
   const auto write_part = [&file](ConstBytes bytes, std::int64_t within) {
-    return common::write_at(file.idxfd, bytes, kMarkOffset + within);
+    return common::write_at(file.index.fd, bytes, kMarkOffset + within);
   };
   if (write_part(kZeros, kMarkProcess) == 0) {
     if (write_part({kZeros, kMarkProcess}, 0) == 0) return 0;
@@ -53,28 +53,28 @@ int clear(const OpenPair& file) {
 
 int set_mark(OpenPair& file) {
   Mark mark;
-  if (file.mark != MarkState::kClear) {
+  if (file.mark.state != MarkState::kClear) {
     if (read(file, mark) != 0) return -1;
     if (!mark.is_room()) {
-      if (file.mark == MarkState::kUnknown) file.mark = MarkState::kNotOurs;
+      if (file.mark.state == MarkState::kUnknown) file.mark.state = MarkState::kNotOurs;
       return 0;
     }
     // Half of a mark that fails to be written is no reason to leave it at that.
-    if (file.mark == MarkState::kUnknown) file.mark = MarkState::kClear;
+    if (file.mark.state == MarkState::kUnknown) file.mark.state = MarkState::kClear;
   }
   common::stlong(kMarkMagic, mark.raw);
   common::stlong(static_cast<std::int32_t>(::getpid()), mark.raw + kMarkProcess);
   if (write(file, mark) != 0) return -1;
-  if (file.mark != MarkState::kUnneeded) file.mark = MarkState::kSet;
-  file.mark_process = ::getpid();
+  if (file.mark.state != MarkState::kUnneeded) file.mark.state = MarkState::kSet;
+  file.mark.process = ::getpid();
   return 0;
 }
 
 int clear_mark(OpenPair& file) {
-  if (file.mark_process != ::getpid()) return 0;
+  if (file.mark.process != ::getpid()) return 0;
   if (clear(file) != 0) return -1;
-  file.mark_process = 0;
-  if (file.mark == MarkState::kSet) file.mark = MarkState::kClear;
+  file.mark.process = 0;
+  if (file.mark.state == MarkState::kSet) file.mark.state = MarkState::kClear;
   return 0;
 }
 
@@ -87,7 +87,7 @@ int remove_mark(OpenPair& file) {
 int find_mark(OpenPair& file) {
   Mark mark;
   if (read(file, mark) != 0) return -1;
-  file.mark = mark.is_room() ? MarkState::kClear : MarkState::kNotOurs;
+  file.mark.state = mark.is_room() ? MarkState::kClear : MarkState::kNotOurs;
   return mark.is_set() ? 1 : 0;
 }
 

@@ -29,9 +29,9 @@ void Overwritten::write_back(OpenPair& file) {
     common::cut_file(fd, size);
     map.forget();
   };
-  cut(file.idxfd, index_size_, file.index_map);
-  cut(file.datfd, data_size_, file.data_map);
-  file.data_extent.bytes = 0;
+  cut(file.index.fd, index_size_, file.index.map);
+  cut(file.data.fd, data_size_, file.data.map);
+  file.data.extent.bytes = 0;
 }
 
 }  // namespace isam

@@ -19,16 +19,16 @@ struct Place {
 [[nodiscard]] inline Place bfmapaddr(const Buffer& buffer) {
   const OpenPair& file = *buffer.file;
   if (buffer.block < 0) {
-    return {file.datfd, std::int64_t{buffer.block & INT32_MAX} * kPageSize, kPageSize,
+    return {file.data.fd, std::int64_t{buffer.block & INT32_MAX} * kPageSize, kPageSize,
             FileKind::kData};
   }
-  const int node_bytes = file.idxsize + 1;
-  return {file.idxfd, std::int64_t{buffer.block - 1} * node_bytes,
+  const int node_bytes = file.geometry.idxsize + 1;
+  return {file.index.fd, std::int64_t{buffer.block - 1} * node_bytes,
           static_cast<std::size_t>(node_bytes), FileKind::kIndex};
 }
 
 [[nodiscard]] inline common::FileMap& map_of(OpenPair& file, FileKind kind) {
-  return kind == FileKind::kData ? file.data_map : file.index_map;
+  return kind == FileKind::kData ? file.data.map : file.index.map;
 }
 
 }  // namespace isam

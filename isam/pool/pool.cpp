@@ -20,7 +20,7 @@ constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in 
 
 bool may_go(const Buffer* buffer) {
   return (buffer->flags & kModified) == 0 ||
-         (buffer->file->exclusives > 0 && buffer->file->lost_write.error == 0);
+         (buffer->file->locks.exclusives > 0 && buffer->file->unwritten.lost.error == 0);
 }
 
 bool is_in_one_block(std::int64_t offset, std::size_t size) {
@@ -122,8 +122,8 @@ Buffer* Pool::choose_victim() {
 int Pool::spill(Buffer* buffer) {
   const KeepError keep;
   OpenPair& file = *buffer->file;
-  file.spilled = true;
-  if (file.exclusives > 0 && is_missing(file.mark) && set_mark(file) != 0) {
+  file.call.spilled = true;
+  if (file.locks.exclusives > 0 && is_missing(file.mark.state) && set_mark(file) != 0) {
     bfnote_failure(file);
     return -1;
   }
@@ -138,7 +138,7 @@ Buffer* Pool::victim() {
     if (spill(buffer) == 0) return buffer;
     if (others_may && (buffer->flags & kModified) != 0) continue;
     modified_out(buffer);  // there is no room for more
-    buffer->file->pages_lost = true;
+    buffer->file->unwritten.pages_lost = true;
     return buffer;
   }
 }
@@ -167,9 +167,9 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
     reuse(buffer, block);
   }
   if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
-  if (buffer->generation != filep->generation) {
+  if (buffer->generation != filep->cached.generation) {
     if ((buffer->flags & kModified) == 0) buffer->flags = 0;
-    buffer->generation = filep->generation;
+    buffer->generation = filep->cached.generation;
   }
   buffer->flags |= kBusy;
   return buffer;
@@ -190,15 +190,15 @@ bool Pool::load(Buffer& buffer) {
   if (!whole) std::memset(buffer.page + got, 0, place.length - static_cast<std::size_t>(got));
   if (place.kind == FileKind::kIndex) {
     buffer.used = common::ldword(buffer.page) & 0x7FFF;
-    buffer.node_type = buffer.page[node_type_offset(buffer.file->idxsize)];
-    buffer.level = buffer.page[node_level_offset(buffer.file->idxsize)] & 0x7F;
+    buffer.node_type = buffer.page[node_type_offset(buffer.file->geometry.idxsize)];
+    buffer.level = buffer.page[node_level_offset(buffer.file->geometry.idxsize)] & 0x7F;
   }
   buffer.flags |= kValid;
   return true;
 }
 
 Buffer* Pool::bfread(std::int32_t block) {
-  if (block < 0 && !filep->direct.bytes.empty() && pool_direct() != 0) return nullptr;
+  if (block < 0 && !filep->unwritten.direct.bytes.empty() && pool_direct() != 0) return nullptr;
   Buffer* buffer = bfgetblk(block);
   if ((buffer->flags & kValid) == 0 && !load(*buffer)) {
     bfrelease(buffer);
@@ -210,13 +210,13 @@ Buffer* Pool::bfread(std::int32_t block) {
 // The buffer of a block of the current data file as it is now; null for none.
 const Buffer* Pool::data_block(std::int64_t block) const {
   const Buffer* const buffer = table_.find(static_cast<std::int32_t>(block) | kDataBlock, filep);
-  return buffer != nullptr && buffer->generation == filep->generation ? buffer : nullptr;
+  return buffer != nullptr && buffer->generation == filep->cached.generation ? buffer : nullptr;
 }
 
 // Whether bytes of the current data file are in the file, to be had without a system call, and the
 // pool has none of their blocks as they are now.
 bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
-  if (offset < 0 || !filep->data_map.covers(size, offset)) return false;
+  if (offset < 0 || !filep->data.map.covers(size, offset)) return false;
   const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
   for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
     if (block > INT32_MAX || data_block(block) != nullptr) return false;
@@ -229,18 +229,18 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   const std::size_t size = to.size() + behind.size();
   // What the pool has and nobody changed is as it is in the file: not worth a look.
   const bool unchanged =
-      file.modified == nullptr && offset >= 0 && file.data_map.covers(size, offset);
-  if (!file.direct.bytes.empty()) return false;
+      file.unwritten.pages == nullptr && offset >= 0 && file.data.map.covers(size, offset);
+  if (!file.unwritten.direct.bytes.empty()) return false;
   if (!unchanged && is_in_one_block(offset, size)) {
     const Buffer* const block = data_block(offset / kPageSize);
     if (block != nullptr) return copy_block(*block, offset, to, behind);
-    if (!file.data_map.covers(size, offset)) return false;
+    if (!file.data.map.covers(size, offset)) return false;
   } else if (!unchanged && !only_in_file(offset, size)) {
     return false;
   }
   const auto first = static_cast<ssize_t>(to.size());
-  if (data_window_.read(file.datfd, file.data_map, to, offset) != first) return false;
-  return behind.empty() || file.data_map.read(file.datfd, behind, offset + first) ==
+  if (data_window_.read(file.data.fd, file.data.map, to, offset) != first) return false;
+  return behind.empty() || file.data.map.read(file.data.fd, behind, offset + first) ==
                                static_cast<ssize_t>(behind.size());
 }
 
@@ -258,8 +258,8 @@ void Pool::bfrelease(Buffer* buffer) {
   buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kBusy);
   if ((buffer->flags & kModified) != 0 && buffer->block >= 0) {
     common::stword(buffer->used, buffer->page);
-    buffer->page[node_type_offset(buffer->file->idxsize)] = buffer->node_type;
-    buffer->page[node_level_offset(buffer->file->idxsize)] = buffer->level;
+    buffer->page[node_type_offset(buffer->file->geometry.idxsize)] = buffer->node_type;
+    buffer->page[node_level_offset(buffer->file->geometry.idxsize)] = buffer->level;
   }
   put_in_order(buffer);
 }

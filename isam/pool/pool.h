@@ -43,7 +43,7 @@ class Pool {
   void discard(OpenPair& file, std::int32_t first);
   void bfignor(OpenPair& file);
   // The descriptor of the file's data is about to be closed.
-  void closing(const OpenPair& file) { data_window_.forget(file.datfd); }
+  void closing(const OpenPair& file) { data_window_.forget(file.data.fd); }
   common::ReadAhead& window_of(FileKind kind) {
     return kind == FileKind::kData ? data_window_ : index_window_;
   }
@@ -93,7 +93,7 @@ inline void Pool::modified_out(Buffer* buffer) {
   if (buffer->modified_previous != nullptr) {
     buffer->modified_previous->modified_next = buffer->modified_next;
   } else {
-    buffer->file->modified = buffer->modified_next;
+    buffer->file->unwritten.pages = buffer->modified_next;
   }
   if (buffer->modified_next != nullptr) {
     buffer->modified_next->modified_previous = buffer->modified_previous;

@@ -15,21 +15,21 @@ namespace {
 
 // What an exclusive open could not write stays in the pool, to be tried again.
 bool waits_on(const OpenPair& file) {
-  return file.exclusives > 0 && file.mark != MarkState::kUnneeded;
+  return file.locks.exclusives > 0 && file.mark.state != MarkState::kUnneeded;
 }
 
 }  // namespace
 
 void bfnote_failure(OpenPair& file) {
-  if (file.failed_write.error == 0) file.failed_write = {iserrno, iserrio};
-  if (waits_on(file) && file.lost_write.error == 0) file.lost_write = {iserrno, iserrio};
+  if (file.unwritten.failed.error == 0) file.unwritten.failed = {iserrno, iserrio};
+  if (waits_on(file) && file.unwritten.lost.error == 0) file.unwritten.lost = {iserrno, iserrio};
 }
 
 void Pool::modified(Buffer* buffer) {
-  buffer->file->flags |= kPageChanged;
+  buffer->file->call.page_changed = true;
   if ((buffer->flags & kModified) != 0) return;
   buffer->flags |= kValid | kModified;
-  Buffer*& head = buffer->file->modified;
+  Buffer*& head = buffer->file->unwritten.pages;
   buffer->modified_previous = nullptr;
   buffer->modified_next = head;
   if (head != nullptr) head->modified_previous = buffer;
@@ -91,7 +91,7 @@ int Pool::write_buffer(Buffer* buffer) {
 
 const std::vector<Buffer*>& Pool::modified_pages(const OpenPair& file) {
   to_write_.clear();
-  for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+  for (Buffer* at = file.unwritten.pages; at != nullptr; at = at->modified_next) {
     if ((at->flags & kBusy) == 0) to_write_.push_back(at);
   }
   return to_write_;
@@ -101,38 +101,38 @@ const std::vector<Buffer*>& Pool::modified_pages(const OpenPair& file) {
 // at the most: a second one goes through the pool, and takes the first with it.
 bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second) {
   OpenPair& file = *filep;
-  std::vector<Byte>& bytes = file.direct.bytes;
+  std::vector<Byte>& bytes = file.unwritten.direct.bytes;
   const std::size_t size = first.size() + second.size();
-  const std::int64_t distance = offset - std::exchange(file.last_written, offset);
+  const std::int64_t distance = offset - std::exchange(file.unwritten.last_written, offset);
   // Those of an exclusive open wait in the pool for others of their block.
-  const bool in_sequence =
-      file.exclusives > 0 && std::abs(distance) < std::int64_t{kPageSize} + file.reclen;
+  const bool in_sequence = file.locks.exclusives > 0 &&
+                           std::abs(distance) < std::int64_t{kPageSize} + file.geometry.reclen;
   if (!bytes.empty() || in_sequence || !only_in_file(offset, size)) return false;
-  std::vector<Byte>& before = file.direct.before;
+  std::vector<Byte>& before = file.unwritten.direct.before;
   try {
     before.resize(size);
     bytes.reserve(size);
   } catch (const std::bad_alloc&) {
     return false;
   }
-  if (file.data_map.read(file.datfd, before, offset) != static_cast<ssize_t>(size)) return false;
+  if (file.data.map.read(file.data.fd, before, offset) != static_cast<ssize_t>(size)) return false;
   if (std::memcmp(first.data(), before.data(), first.size()) == 0 &&
       std::memcmp(second.data(), before.data() + first.size(), second.size()) == 0) {
     return true;
   }
   bytes.assign(first.begin(), first.end());
   bytes.insert(bytes.end(), second.begin(), second.end());
-  file.direct.offset = offset;
-  file.flags |= kPageChanged;
+  file.unwritten.direct.offset = offset;
+  file.call.page_changed = true;
   return true;
 }
 
 // 0, or -1 with iserrno and the bytes still waiting.
 int Pool::write_direct(OpenPair& file) {
-  std::vector<Byte>& bytes = file.direct.bytes;
+  std::vector<Byte>& bytes = file.unwritten.direct.bytes;
   if (bytes.empty()) return 0;
-  data_window_.overwritten(file.datfd, file.direct.offset, bytes.size());
-  if (common::write_at(file.datfd, bytes, file.direct.offset) != 0) {
+  data_window_.overwritten(file.data.fd, file.unwritten.direct.offset, bytes.size());
+  if (common::write_at(file.data.fd, bytes, file.unwritten.direct.offset) != 0) {
     return failed_system(errno, Operation::kWrite, FileKind::kData);
   }
   bytes.clear();
@@ -141,7 +141,7 @@ int Pool::write_direct(OpenPair& file) {
 
 // What cannot be written now waits in the pool, as other changes do, and is told like those.
 void Pool::write_direct_or_pool() {
-  if (filep->direct.bytes.empty()) return;
+  if (filep->unwritten.direct.bytes.empty()) return;
   const KeepError keep;
   if (write_direct(*filep) == 0) return;
   bfnote_failure(*filep);
@@ -152,10 +152,10 @@ void Pool::write_direct_or_pool() {
 // write that failed.
 int Pool::pool_direct() {
   OpenPair& file = *filep;
-  std::vector<Byte> bytes = std::move(file.direct.bytes);
-  file.direct.bytes.clear();
+  std::vector<Byte> bytes = std::move(file.unwritten.direct.bytes);
+  file.unwritten.direct.bytes.clear();
   ConstBytes rest = bytes;
-  for (std::int64_t at = file.direct.offset; !rest.empty();) {
+  for (std::int64_t at = file.unwritten.direct.offset; !rest.empty();) {
     Buffer* const block = bfread(static_cast<std::int32_t>(at / kPageSize) | kDataBlock);
     if (block == nullptr) {
       bfnote_failure(file);
@@ -174,10 +174,11 @@ int Pool::pool_direct() {
 
 int Pool::bfprocess(OpenPair& file, bool write) {
   const std::vector<Buffer*>& pages = modified_pages(file);
-  const int waiting = static_cast<int>(pages.size()) + (file.direct.bytes.empty() ? 0 : 1);
+  const int waiting =
+      static_cast<int>(pages.size()) + (file.unwritten.direct.bytes.empty() ? 0 : 1);
   if (!write || waiting == 0) return waiting;
   // A mark that cannot be set is no reason to write less.
-  if (waits_on(file) && is_missing(file.mark) && set_mark(file) != 0) {
+  if (waits_on(file) && is_missing(file.mark.state) && set_mark(file) != 0) {
     bfnote_failure(file);
   }
   for (Buffer* page : pages) {
@@ -185,13 +186,13 @@ int Pool::bfprocess(OpenPair& file, bool write) {
   }
   if (write_direct(file) != 0) {
     bfnote_failure(file);
-    file.direct.bytes.clear();
+    file.unwritten.direct.bytes.clear();
   }
   return waiting;
 }
 
 void Pool::discard(OpenPair& file, std::int32_t first) {
-  for (Buffer* at = file.modified; at != nullptr;) {
+  for (Buffer* at = file.unwritten.pages; at != nullptr;) {
     Buffer* const page = std::exchange(at, at->modified_next);
     if (page->block < first) continue;
     modified_out(page);
@@ -200,21 +201,21 @@ void Pool::discard(OpenPair& file, std::int32_t first) {
 }
 
 int Pool::bfdiscard(OpenPair& file) {
-  if (file.spilled) return -1;
-  file.failed_write = {};
-  file.direct.bytes.clear();
+  if (file.call.spilled) return -1;
+  file.unwritten.failed = {};
+  file.unwritten.direct.bytes.clear();
   discard(file, INT32_MIN);
   return 0;
 }
 
 void Pool::bfignor(OpenPair& file) {
-  index_window_.forget(file.idxfd);
-  data_window_.forget(file.datfd);
-  if (!file.direct.bytes.empty()) common::error("ignoring modified bytes");
-  for (const Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+  index_window_.forget(file.index.fd);
+  data_window_.forget(file.data.fd);
+  if (!file.unwritten.direct.bytes.empty()) common::error("ignoring modified bytes");
+  for (const Buffer* at = file.unwritten.pages; at != nullptr; at = at->modified_next) {
     if ((at->flags & kBusy) == 0) common::error("ignoring modified buffer");
   }
-  file.generation = bfgeneration();
+  file.cached.generation = bfgeneration();
 }
 
 }  // namespace isam

@@ -15,13 +15,13 @@ namespace {
 constexpr std::size_t kLongestRun = 41;  // blocks, more than the longest record takes
 
 Place place_of_dictionary(const OpenPair& file) {
-  return {file.idxfd, 0, kDictionarySize, FileKind::kIndex};
+  return {file.index.fd, 0, kDictionarySize, FileKind::kIndex};
 }
 
-bool lengthens(const Buffer& node) { return node.block > node.file->nodes_before; }
+bool lengthens(const Buffer& node) { return node.block > node.file->call.nodes_before; }
 
 WriteStep step_of_records(const OpenPair& file) {
-  return file.gives_number ? WriteStep::kRecordsGoing : WriteStep::kRecords;
+  return file.call.gives_number ? WriteStep::kRecordsGoing : WriteStep::kRecords;
 }
 
 WriteStep step_of(const Buffer& page) {
@@ -30,8 +30,8 @@ WriteStep step_of(const Buffer& page) {
   if ((page.flags & kGivesUp) != 0) return WriteStep::kStorageGivenUp;
   if (page.level != kFreeLevel || page.node_type < kIndexFreeNode) return WriteStep::kNodes;
   const bool lists_records = page.node_type == kServiceNode;
-  return page.file->gives_number && lists_records ? WriteStep::kNumbersListed
-                                                  : WriteStep::kFreeLists;
+  return page.file->call.gives_number && lists_records ? WriteStep::kNumbersListed
+                                                       : WriteStep::kFreeLists;
 }
 
 // The head of the list of free nodes without those that are written in step kStorageGivenUp.
@@ -93,19 +93,19 @@ WriteOrder::WriteOrder(Pool& pool) : pool_(pool) {
 // What the call gives back is still in use in step kDictionary: as long as an index or a record may
 // refer to it, nobody else gets it.
 void WriteOrder::withhold_given(const OpenPair& file) {
-  dictionary_ = file.dictionary;
-  if (file.gives_number) {
-    dictionary_.set_d_nextdata(file.numbers_before);
-    dictionary_.set_d_freedata(file.free_list_before);
+  dictionary_ = file.cached.dictionary;
+  if (file.call.gives_number) {
+    dictionary_.set_d_nextdata(file.call.numbers_before);
+    dictionary_.set_d_freedata(file.call.free_list_before);
   }
-  if (file.varlen && dictionary_.d_freenode() != file.free_nodes_before) {
+  if (file.geometry.varlen && dictionary_.d_freenode() != file.call.free_nodes_before) {
     dictionary_.set_d_freenode(free_nodes_written());
   }
 }
 
 void WriteOrder::gather_pages(const OpenPair& file) {
   pages_.clear();
-  for (Buffer* at = file.modified; at != nullptr; at = at->modified_next) {
+  for (Buffer* at = file.unwritten.pages; at != nullptr; at = at->modified_next) {
     if ((at->flags & kBusy) != 0) continue;
     const std::uint64_t within = static_cast<std::uint32_t>(~at->block);
     pages_.push_back({static_cast<std::uint64_t>(step_of(*at)) << 32 | within, at});
@@ -117,7 +117,7 @@ void WriteOrder::gather_pages(const OpenPair& file) {
 int WriteOrder::make_room(OpenPair& file) {
   if (is_next(WriteStep::kNewNodes)) {
     std::int64_t size = 0;
-    if (common::find_size(file.idxfd, size) != 0) {
+    if (common::find_size(file.index.fd, size) != 0) {
       return failed_system(errno, Operation::kRead, FileKind::kIndex);
     }
     overwritten_.note_size(FileKind::kIndex, size);
@@ -134,15 +134,15 @@ int WriteOrder::lengthen_data(OpenPair& file) {
     first = std::min<std::int64_t>(first, page->block & INT32_MAX);
     last = std::max<std::int64_t>(last, page->block & INT32_MAX);
   }
-  std::int64_t& size = file.data_extent.bytes;
+  std::int64_t& size = file.data.extent.bytes;
   const std::int64_t to = (last + 1) * kPageSize;
   if (to <= size) return 0;
-  if (common::find_size(file.datfd, size) != 0) {
+  if (common::find_size(file.data.fd, size) != 0) {
     return failed_system(errno, Operation::kRead, FileKind::kData);
   }
   if (to <= size) return 0;
   overwritten_.note_size(FileKind::kData, size);
-  if (common::write_zeros(file.datfd, std::max(first * kPageSize, size), to) != 0) {
+  if (common::write_zeros(file.data.fd, std::max(first * kPageSize, size), to) != 0) {
     return failed_system(errno, Operation::kWrite, FileKind::kData);
   }
   size = to;
@@ -206,27 +206,27 @@ inline int WriteOrder::write_pages(WriteStep step, OpenPair& file) {
 inline int WriteOrder::write_records(WriteStep step, OpenPair& file) {
   if (step != step_of_records(file)) return 0;
   if (write_pages(step, file) != 0) return -1;
-  const DirectWrite& direct = file.direct;
+  const DirectWrite& direct = file.unwritten.direct;
   if (direct.bytes.empty()) return 0;
-  overwritten_.keep_read(file.datfd, direct.offset, direct.before);
+  overwritten_.keep_read(file.data.fd, direct.offset, direct.before);
   return pool_.write_direct(file);
 }
 
 int WriteOrder::write_dictionary_again(OpenPair& file) {
-  const Byte* const bytes = file.dictionary.raw;
+  const Byte* const bytes = file.cached.dictionary.raw;
   const bool differs = std::memcmp(dictionary_.raw, bytes, kDictionarySize) != 0;
   return differs ? write_over(file, place_of_dictionary(file), bytes) : 0;
 }
 
 void WriteOrder::forget_changes(OpenPair& file) {
-  file.failed_write = {};
-  file.direct.bytes.clear();
-  while (file.modified != nullptr) pool_.modified_out(file.modified);
+  file.unwritten.failed = {};
+  file.unwritten.direct.bytes.clear();
+  while (file.unwritten.pages != nullptr) pool_.modified_out(file.unwritten.pages);
   pool_.bfignor(file);
 }
 
 int WriteOrder::commit(OpenPair& file) {
-  const FailedWrite lost = std::exchange(file.failed_write, {});
+  const FailedWrite lost = std::exchange(file.unwritten.failed, {});
   overwritten_.begin();
   bool written = false;
   try {

@@ -90,7 +90,7 @@ class Transfer {
 
 std::int64_t slot_offset(std::int32_t k) { return std::int64_t{k - 1} * slot_size(); }
 
-int trailer_size() { return filep->varlen ? kVariableTrailer : kFixedTrailer; }
+int trailer_size() { return filep->geometry.varlen ? kVariableTrailer : kFixedTrailer; }
 
 // What stands behind a record in its slot; of a fixed-length file only the state.
 struct Trailer {
@@ -110,26 +110,26 @@ struct Trailer {
 // 0, or -1 with 105 for a trailer that cannot be.
 int check(const Trailer& trailer) {
   const int length = trailer.length();
-  const bool sound = length >= 0 && length <= filep->maxreclen - filep->reclen &&
+  const bool sound = length >= 0 && length <= filep->geometry.maxreclen - filep->geometry.reclen &&
                      (length == 0 || trailer.reference() != 0);
   return sound ? 0 : failed(kCorrupted);
 }
 
 // Of a fixed-length record nothing is needed.
 int read_trailer(std::int32_t k, Trailer& trailer) {
-  if (!filep->varlen) return 0;
-  Transfer from{slot_offset(k) + filep->reclen};
+  if (!filep->geometry.varlen) return 0;
+  Transfer from{slot_offset(k) + filep->geometry.reclen};
   return from.read(trailer.stored()) != 0 ? -1 : check(trailer);
 }
 
 int write_trailer(std::int32_t k, Trailer& trailer) {
-  Transfer to{slot_offset(k) + filep->reclen};
+  Transfer to{slot_offset(k) + filep->geometry.reclen};
   return to.write(trailer.stored());
 }
 
 int write_slot(std::int32_t k, ConstBytes fixed, Trailer& trailer) {
   const std::int64_t offset = slot_offset(k);
-  if (!filep->varlen && bfdirect(offset, fixed, trailer.stored())) return 0;
+  if (!filep->geometry.varlen && bfdirect(offset, fixed, trailer.stored())) return 0;
   Transfer to{offset, slot_size()};
   return to.write(fixed) != 0 ? -1 : to.write(trailer.stored());
 }
@@ -153,22 +153,23 @@ std::int64_t free_nodes_at_hand() {
 // A node for every piece that a variable part may need: storage that was changed in part could not
 // be put back.
 int reserve_storage(std::size_t length) {
-  const auto chunk = static_cast<std::size_t>(RpageGeometry{filep->idxsize}.chunk);
+  const auto chunk = static_cast<std::size_t>(RpageGeometry{filep->geometry.idxsize}.chunk);
   const auto pieces = static_cast<std::int64_t>((length + chunk - 1) / chunk);
   const std::int64_t last = dictp->d_nextnode();
-  const bool is_there = (last + pieces) * node_size() <= filep->index_extent.bytes;
+  const bool is_there = (last + pieces) * node_size() <= filep->index.extent.bytes;
   if (pieces == 0 || is_there || !reserves_room() || free_nodes_at_hand() >= pieces) return 0;
   return reserve_nodes(last + 1, last + pieces);
 }
 
 // The variable part goes first; then the slot, whose trailer refers to it.
 int put_record(std::int32_t k, ConstBytes record, Trailer& trailer, bool release) {
-  const auto fixed = static_cast<std::size_t>(filep->reclen);
-  if (record.size() < fixed || record.size() > static_cast<std::size_t>(filep->maxreclen)) {
+  const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
+  if (record.size() < fixed ||
+      record.size() > static_cast<std::size_t>(filep->geometry.maxreclen)) {
     common::error("dataxfer: arg tlen out of range");
   }
   if (reserve_slot(k) != 0) return -1;
-  if (filep->varlen) {
+  if (filep->geometry.varlen) {
     const ConstBytes variable = record.subspan(fixed);
     if (reserve_storage(variable.size()) != 0) return -1;
     const std::int32_t reference = rprupdate(trailer.reference(), variable, release);
@@ -190,27 +191,27 @@ int remove_record(std::int32_t k, bool keep_storage) {
   }
   trailer.set(kRecordAbsent, 0, reference);
   static constexpr Byte kZeros[INT16_MAX] = {};
-  return write_slot(k, {kZeros, static_cast<std::size_t>(filep->reclen)}, trailer);
+  return write_slot(k, {kZeros, static_cast<std::size_t>(filep->geometry.reclen)}, trailer);
 }
 
 }  // namespace
 
 int dataread(std::int32_t k, Bytes to) {
   Trailer trailer;
-  const Bytes fixed = to.first(static_cast<std::size_t>(filep->reclen));
+  const Bytes fixed = to.first(static_cast<std::size_t>(filep->geometry.reclen));
   if (!bfcopy_data(slot_offset(k), fixed, trailer.stored())) {
     Transfer from{slot_offset(k)};
     if (from.read(fixed) != 0 || from.read(trailer.stored()) != 0) return -1;
   }
   if (!trailer.is_present()) return -1;
-  if (!filep->varlen) return filep->reclen;
+  if (!filep->geometry.varlen) return filep->geometry.reclen;
   const int variable =
-      read_variable_part(trailer, to.subspan(static_cast<std::size_t>(filep->reclen)));
-  return variable < 0 ? -1 : filep->reclen + variable;
+      read_variable_part(trailer, to.subspan(static_cast<std::size_t>(filep->geometry.reclen)));
+  return variable < 0 ? -1 : filep->geometry.reclen + variable;
 }
 
 int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer) {
-  Transfer from{slot_offset(k) + filep->reclen};
+  Transfer from{slot_offset(k) + filep->geometry.reclen};
   const int size = trailer_size();
   return from.read(trailer.first(static_cast<std::size_t>(size))) == 0 ? size : -1;
 }
@@ -220,13 +221,13 @@ std::int32_t records_in_file() {
     const KeepError keep;  // a failure is told by the next call
     bfflush(*filep);
   }
-  const std::int64_t slots = common::file_size(filep->datfd) / slot_size() + 1;
+  const std::int64_t slots = common::file_size(filep->data.fd) / slot_size() + 1;
   return static_cast<std::int32_t>(std::min<std::int64_t>(dictp->d_nextdata(), slots));
 }
 
 int datacheck(std::int32_t k) {
   Byte state = 0;
-  const std::int64_t offset = slot_offset(k) + filep->reclen;
+  const std::int64_t offset = slot_offset(k) + filep->geometry.reclen;
   if (!bfcopy_data(offset, {&state, 1}, {})) {
     Transfer from{offset};
     if (from.read({&state, 1}) != 0) return -1;

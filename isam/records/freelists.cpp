@@ -53,14 +53,14 @@ bool in_range(FreeList list, std::int32_t number) {
 }
 
 bool has_room(const PageHold& page) {
-  return page.used() + kListEntrySize < node_type_offset(filep->idxsize);
+  return page.used() + kListEntrySize < node_type_offset(filep->geometry.idxsize);
 }
 
 bool is_list_node(FreeList list, const PageHold& page, std::int32_t node) {
   const int entries = page.used() - kEntriesOffset;
   const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
   return page.node_type() == node_type_of(list) && page.level() == kFreeLevel && entries >= 0 &&
-         entries % kListEntrySize == 0 && page.used() < node_type_offset(filep->idxsize) &&
+         entries % kListEntrySize == 0 && page.used() < node_type_offset(filep->geometry.idxsize) &&
          (link == 0 || (in_range(FreeList::kNodes, link) && link != node));
 }
 
@@ -88,10 +88,10 @@ constexpr std::int64_t kMostUnwritten = 1 << 17;
 // or hold many short ones. The file's size is asked for once in a great many numbers.
 bool is_reachable(FreeList list, std::int32_t number) {
   const bool nodes = list == FreeList::kNodes;
-  std::int32_t& known = nodes ? filep->greatest_node : filep->greatest_record;
+  std::int32_t& known = nodes ? filep->cached.greatest_node : filep->cached.greatest_record;
   if (number <= known) return true;
   const int unit = nodes ? node_size() : slot_size();
-  const std::int64_t held = common::file_size(nodes ? filep->idxfd : filep->datfd) / unit;
+  const std::int64_t held = common::file_size(nodes ? filep->index.fd : filep->data.fd) / unit;
   const std::int64_t last = held + kMostUnwritten * (nodes ? 1 : kPageSize / unit + 1);
   known = static_cast<std::int32_t>(std::min<std::int64_t>(last, INT32_MAX));
   return number <= known;
@@ -190,7 +190,7 @@ bool holds_records(std::int32_t node) {
   if (!page || page.node_type() != kStoragePage) return false;
   const Byte* const bytes = page.data();
   const int slots = bytes[rpage::kSlotCount];
-  const int empty = rpage::capacity(filep->idxsize) - slots * rpage::kSlotSize;
+  const int empty = rpage::capacity(filep->geometry.idxsize) - slots * rpage::kSlotSize;
   return common::ldword(bytes + rpage::kMagicOffset) == rpage::kMagic && slots > 0 &&
          common::ldshort(bytes + rpage::kFree) != empty;
 }
@@ -280,12 +280,12 @@ int take_listed(std::int32_t number) {
 }  // namespace
 
 std::int32_t allocrec(FreeList list) {
-  return list == FreeList::kNodes && filep->varlen ? take_unused_node() : take(list);
+  return list == FreeList::kNodes && filep->geometry.varlen ? take_unused_node() : take(list);
 }
 
 int freerec(std::int32_t number, FreeList list) {
   if (!in_range(list, number)) return failed(kCorrupted);
-  if (number != highest(list) || (filep->flags & kNumbersListed) != 0) return enlist(number, list);
+  if (number != highest(list) || filep->lists_numbers) return enlist(number, list);
   set_highest(list, number - 1);
   return 0;
 }

@@ -70,8 +70,8 @@ std::int32_t rprwalk(std::int32_t pointer) {
 }
 
 int greatest_chain() {
-  const int chunk = RpageGeometry{filep->idxsize}.chunk;
-  const int greatest = filep->maxreclen - filep->reclen;
+  const int chunk = RpageGeometry{filep->geometry.idxsize}.chunk;
+  const int greatest = filep->geometry.maxreclen - filep->geometry.reclen;
   return std::max(1, (greatest + chunk - 1) / chunk);
 }
 

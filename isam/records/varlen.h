@@ -48,7 +48,7 @@ class Rpage {
     int offset;
   };
 
-  explicit Rpage(const PageHold& page) : bytes_(page.bytes()), geometry_(filep->idxsize) {}
+  explicit Rpage(const PageHold& page) : bytes_(page.bytes()), geometry_(filep->geometry.idxsize) {}
 
   [[nodiscard]] bool has_magic() const {
     return common::ldword(bytes_.data() + rpage::kMagicOffset) == rpage::kMagic;

@@ -19,7 +19,8 @@ std::int32_t pointer_of(int slot, std::int32_t node) {
 // A variable part in pieces: `big` of the chunk size, then one of `rest` bytes.
 struct Pieces {
   explicit Pieces(ConstBytes source)
-      : bytes(source), chunk(static_cast<std::size_t>(RpageGeometry{filep->idxsize}.chunk)) {
+      : bytes(source),
+        chunk(static_cast<std::size_t>(RpageGeometry{filep->geometry.idxsize}.chunk)) {
     big = (source.size() - 1) / chunk;
     rest = source.size() - big * chunk;
   }
@@ -204,7 +205,7 @@ class Update {
 }  // namespace
 
 PageHold rpgetspc(int size) {
-  const RpageGeometry geometry{filep->idxsize};
+  const RpageGeometry geometry{filep->geometry.idxsize};
   std::int32_t left = dictp->d_nextnode();  // no list has more pages
   for (int at = size / geometry.class_width + 1; at < kRpageClasses;) {
     const std::int32_t head = dictp->d_varfree(at);
@@ -273,7 +274,7 @@ int rprclear(std::int32_t pointer) {
 
 int rprtrunc(std::int32_t pointer, int length) {
   if (length < 1) return rprfree(pointer);
-  const int chunk = RpageGeometry{filep->idxsize}.chunk;
+  const int chunk = RpageGeometry{filep->geometry.idxsize}.chunk;
   Walk walk{pointer};
   for (; length > chunk; length -= chunk) {
     const std::int32_t next = rprwalk(walk.pointer());

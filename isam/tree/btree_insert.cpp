@@ -39,7 +39,7 @@ bool btlarge() {
 class Insertion {
  public:
   explicit Insertion(const keydescr& k)
-      : layout_(k), right_edge_(btlarge()), limit_(item_area_limit(filep->idxsize)) {}
+      : layout_(k), right_edge_(btlarge()), limit_(item_area_limit(filep->geometry.idxsize)) {}
 
   // Inserts at the path's place at `depth`: 0, or -1 with iserrno.
   int btinsert(Item& item, int depth) const;

@@ -48,7 +48,7 @@ void clear_state(int flags) { bt.state = static_cast<std::uint16_t>(bt.state & ~
 void arrived(PathLevel& leaf, int offset, int next) {
   leaf.offset = offset;
   leaf.next = next;
-  treeitem_place = {filep->generation, leaf.node, offset};
+  treeitem_place = {filep->cached.generation, leaf.node, offset};
 }
 
 std::int32_t child_before(ConstBytes area, int end) {
@@ -104,7 +104,7 @@ std::int32_t step_above(const ItemLayout& layout, ConstBytes area, PathLevel& le
 
 bool treeitem_is_at(const PathLevel& leaf) {
   return treeitem_place.node == leaf.node && treeitem_place.offset == leaf.offset &&
-         treeitem_place.generation == filep->generation;
+         treeitem_place.generation == filep->cached.generation;
 }
 
 // Steps to the neighbour item within a leaf and unpacks it into treeitem.
@@ -159,7 +159,7 @@ int stop_at_end(Direction direction) {
 }
 
 // Another process may have added records, unless this one holds the newer dictionary.
-int refresh_dictionary() { return (filep->flags & kDictionaryChanged) != 0 ? 0 : dictread(); }
+int refresh_dictionary() { return filep->unwritten.dictionary ? 0 : dictread(); }
 
 // Moves the number of a key without parts. Past an end it stands one beyond.
 int move_number(Direction direction) {
@@ -188,7 +188,7 @@ int read_item(const ItemLayout& layout) {
       itprevious(layout, node.area(), leaf.next, treeitem) != leaf.offset) {
     return lost(kCorrupted);
   }
-  treeitem_place = {filep->generation, leaf.node, leaf.offset};
+  treeitem_place = {filep->cached.generation, leaf.node, leaf.offset};
   return 0;
 }
 
@@ -265,8 +265,8 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
       if (descent.met_equal()) bt.state |= kSameKeyNearby;
       if (!descent.on_greater()) break;
       if (!descent.take(node, level)) return lost();
-      treeitem_place = {filep->generation, level.node, level.offset};
-      last_search = {filep->generation, level.node, level.offset, descent.passed()};
+      treeitem_place = {filep->cached.generation, level.node, level.offset};
+      last_search = {filep->cached.generation, level.node, level.offset, descent.passed()};
       return 0;
     }
     number = child_before(node.area(), level.next);
@@ -274,7 +274,7 @@ int btsearch(Item& item, const keydescr& k, int len, Search mode) {
   if (mode < Search::kInsert) return btmove(k, Direction::kNext);
   PathLevel& leaf = bt.level(bt.depth);
   leaf.offset = leaf.next = leaf.length;
-  last_search = {filep->generation, leaf.node, leaf.offset, descent.passed()};
+  last_search = {filep->cached.generation, leaf.node, leaf.offset, descent.passed()};
   return 0;
 }
 
@@ -282,7 +282,7 @@ WalkStart btwalkstart(const Item& sought) {
   const PathLevel& leaf = bt.level(bt.depth);
   const bool known = last_search.passed > 0 && last_search.node == leaf.node &&
                      last_search.offset == leaf.offset &&
-                     last_search.generation == filep->generation;
+                     last_search.generation == filep->cached.generation;
   return known ? WalkStart{last_search.passed, sought.key} : WalkStart{};
 }
 

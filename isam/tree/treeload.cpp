@@ -32,15 +32,16 @@ int TreeLoader::append(std::size_t level, const Item& item) {
     levels_.push_back(std::make_unique<Level>());
   }
   Level& to = *levels_[level];
+  const int limit = item_area_limit(filep->geometry.idxsize);
   Item next = item;
   next.flag = 0;
   if (to.used > 0) {
     itpress(layout_, &to.last, next, Press::kAfter);
-    if (to.used + next.totln > item_area_limit(filep->idxsize) && close(level) != 0) return -1;
+    if (to.used + next.totln > limit && close(level) != 0) return -1;
   }
   if (to.used == 0) {
     itpress(layout_, nullptr, next, Press::kFirst);
-    if (next.totln > item_area_limit(filep->idxsize)) return failed(kCorrupted);
+    if (next.totln > limit) return failed(kCorrupted);
   }
   itpack(layout_, next, to.area, to.used);
   to.used += next.totln;

@@ -12,7 +12,7 @@ class TreeNode {
   // Empty with iserrno when the node cannot be read, 105 when its used count is impossible or it
   // is a node of another kind.
   explicit TreeNode(std::int32_t node) : page_(bfread(node)) {
-    if (page_ && (length() < 0 || length() > item_area_limit(filep->idxsize) ||
+    if (page_ && (length() < 0 || length() > item_area_limit(filep->geometry.idxsize) ||
                   page_.node_type() >= kIndexFreeNode || page_.node_type() == kStoragePage)) {
       page_.release();
       failed(kCorrupted);
@@ -29,7 +29,8 @@ class TreeNode {
     return {page_.data() + kUsedBytes, static_cast<std::size_t>(length())};
   }
   [[nodiscard]] Bytes room() {
-    return {page_.data() + kUsedBytes, static_cast<std::size_t>(item_area_limit(filep->idxsize))};
+    return {page_.data() + kUsedBytes,
+            static_cast<std::size_t>(item_area_limit(filep->geometry.idxsize))};
   }
 
   // The node's items were changed and now take `length` bytes.

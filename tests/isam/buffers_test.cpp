@@ -117,7 +117,7 @@ TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
       ADD_FAILURE();
       return -1;
     };
-    ASSERT_EQ(::ftruncate(filep->idxfd, 100 * 1024), 0);
+    ASSERT_EQ(::ftruncate(filep->index.fd, 100 * 1024), 0);
     // Whichever kind is changed and whichever clean, three buffers serve the rest.
     for (const bool changes_node : {false, true}) {
       (changes_node ? bfgetclr(20) : bfread_data(20)).modified();
@@ -144,18 +144,18 @@ TEST(BuffersDeathTest, AFailedWriteIsKeptAndItsPagesStay) {
       errno = EIO;
       return fails ? -1 : ::pwrite(fd, from, count, offset);
     };
-    filep->exclusives = 1;  // so that changed pages go when their buffers are needed
+    filep->locks.exclusives = 1;  // so that changed pages go when their buffers are needed
     for (int node = 20; node < 80; node += 10) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);  // the calls that reused the buffers did not fail
-    EXPECT_EQ(filep->failed_write.error, EIO);
-    EXPECT_EQ(filep->failed_write.place, 0x51);
+    EXPECT_EQ(filep->unwritten.failed.error, EIO);
+    EXPECT_EQ(filep->unwritten.failed.place, 0x51);
     EXPECT_EQ(bfflush(*filep), 6);
     EXPECT_EQ(bfpend(*filep), 6);
     fails = false;
     EXPECT_EQ(bfflush(*filep), 6);
     EXPECT_EQ(bfpend(*filep), 0);
-    EXPECT_EQ(filep->lost_write.error, EIO);
-    EXPECT_FALSE(filep->pages_lost);
+    EXPECT_EQ(filep->unwritten.lost.error, EIO);
+    EXPECT_FALSE(filep->unwritten.pages_lost);
   });
 }
 
@@ -168,8 +168,8 @@ TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
       errno = EIO;
       return std::exchange(fails, false) ? -1 : ::pwrite(fd, from, count, offset);
     };
-    ASSERT_EQ(::ftruncate(filep->idxfd, 3000 * 1024), 0);
-    filep->nodes_before = 3000;
+    ASSERT_EQ(::ftruncate(filep->index.fd, 3000 * 1024), 0);
+    filep->call.nodes_before = 3000;
     for (int node = 20; fails; ++node) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);
     EXPECT_EQ(bfdiscard(*filep), -1);

@@ -32,13 +32,13 @@ TEST(Mark, IsSetAndClearedByItsProcessOnly) {
       bare, {0x45, 0x58, 0x43, 0x4C, own >> 24, own >> 16 & 0xFF, own >> 8 & 0xFF, own & 0xFF});
   EXPECT_EQ(find_mark(*filep), 0);
   for (const auto state : {MarkState::kUnknown, MarkState::kClear}) {
-    filep->mark = state;
+    filep->mark.state = state;
     ASSERT_EQ(set_mark(*filep), 0);
     EXPECT_EQ(pair.index(), with_own);
-    const pid_t other = std::exchange(filep->mark_process, filep->mark_process + 1);
+    const pid_t other = std::exchange(filep->mark.process, filep->mark.process + 1);
     EXPECT_EQ(clear_mark(*filep), 0);
     EXPECT_EQ(find_mark(*filep), 1);
-    filep->mark_process = other;
+    filep->mark.process = other;
     EXPECT_EQ(clear_mark(*filep), 0);
     EXPECT_EQ(pair.index(), bare);
   }
@@ -65,7 +65,7 @@ TEST(Mark, IsSetAfterATryThatWasCutShort) {
   const TestPair pair({.node_size = 1024});
   const Image bare = pair.index();
   for (const auto state : {MarkState::kUnknown, MarkState::kClear}) {
-    filep->mark = state;
+    filep->mark.state = state;
     writes = 0;
     common::system_calls().pwrite = [](int fd, const void* from, std::size_t, off_t at) {
       if (writes++ == 0) return ::pwrite(fd, from, 6, at);

@@ -39,8 +39,8 @@ class TestPair {
     open_ = isam::allocopen();
     open_->file = isam::allocfile(base_, 0);
     isam::make_current(*open_);
-    isam::filep->idxsize = shape.node_size - 1;
-    isam::filep->reclen = isam::filep->maxreclen = shape.record_length;
+    isam::filep->geometry.idxsize = shape.node_size - 1;
+    isam::filep->geometry.reclen = isam::filep->geometry.maxreclen = shape.record_length;
     EXPECT_EQ(isam::dictread(), 0);
   }
   TestPair(const TestPair&) = delete;
@@ -66,12 +66,12 @@ class TestPair {
   void save() const {
     isam::bfflush(*isam::filep);
     isam::dictwrite();
-    const auto slot = static_cast<std::size_t>(isam::filep->reclen) + 1;
+    const auto slot = static_cast<std::size_t>(isam::filep->geometry.reclen) + 1;
     Image data(slot * static_cast<std::size_t>(isam::dictp->d_nextdata()));
     for (const auto& [number, record] : records_) {
       const auto at = data.begin() + static_cast<std::ptrdiff_t>(slot) * (number - 1);
       std::copy(record.begin(), record.end(), at);
-      at[isam::filep->reclen] = isam::kRecordPresent;
+      at[isam::filep->geometry.reclen] = isam::kRecordPresent;
     }
     write_file(base_ + ".dat", data);
   }
