@@ -1,7 +1,9 @@
 // dictionary_check: the dictionary against the sizes of the two files.
 //
-// Tests   record and node sizes, the locking method, the chain of key-description nodes
-// Gives   idxlast, datlast, cleared maps, and the dictionary's own nodes marked in idxmap
+// Tests   the magic, record and node sizes, the locking method, the chain of key-description nodes
+// Gives   sizes of nodes and records in the current file; idxlast, datlast, idxreal, datreal and
+//         varlen; cleared maps, and in idxmap the nodes of the dictionary, of the audit trail's
+//         name and of the key descriptions
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -16,6 +18,7 @@ namespace {
 using isam::dictp;
 using isam::filep;
 
+// Tells the size, takes it into the current file and tests it.
 bool node_size_is_valid(Check& check) {
   filep->geometry.idxsize = dictp->d_idxsize();
   check.listener.fact(Fact::kNodeSize, std::int64_t{filep->geometry.idxsize} + 1);
@@ -28,6 +31,8 @@ bool node_size_is_valid(Check& check) {
   return false;
 }
 
+// Whether the dictionary has the current method by now: 0 is replaced without a question, any other
+// when the operator wants it.
 bool lock_method_is_settled(Check& check) {
   if (dictp->d_lockmethod() == isam::kLockMethod) return true;
   if (dictp->d_lockmethod() != 0 && !check.ask(Question::kLockMethod)) {
@@ -40,6 +45,8 @@ bool lock_method_is_settled(Check& check) {
   return true;
 }
 
+// Takes the sizes into the current file and tests them; a file is of variable length when its
+// greatest size is not 0.
 bool record_sizes_are_valid(Check& check) {
   filep->geometry.reclen = dictp->d_recsize();
   if (filep->geometry.reclen <= 0) {
@@ -62,14 +69,17 @@ bool is_regular(int fd) {
   return common::system_calls().fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+// A count from a file's size as a number that can be counted past without overflow.
 std::int32_t number_of(std::int64_t count) {
   return static_cast<std::int32_t>(std::clamp<std::int64_t>(count, 0, INT32_MAX - 1));
 }
 
-// The highest number to check: the dictionary's, or the regular file's own when that is larger.
-std::int32_t last_number(std::int32_t claimed, std::int32_t real, int fd) {
-  const std::int32_t floor = std::max(claimed, 0);
-  return is_regular(fd) ? std::max(floor, real) : floor;
+// The highest number to check: the one that the dictionary claims, or what the file has room for
+// when that is more. Of anything but a regular file the room says nothing: a device has its own
+// size.
+std::int32_t last_number(std::int32_t claimed, std::int32_t room, int fd) {
+  const std::int32_t least = std::max(claimed, 0);
+  return is_regular(fd) ? std::max(least, room) : least;
 }
 
 void take_extents(Check& check) {
@@ -79,9 +89,10 @@ void take_extents(Check& check) {
 
   const std::int64_t data_bytes = common::file_size(filep->data.fd);
   const int slot = isam::slot_size();
-  // A record past the end is one whose state byte the file does not reach.
-  const std::int64_t behind_first_record = data_bytes - filep->geometry.reclen - 1;
-  check.datreal = behind_first_record < 0 ? 0 : number_of(behind_first_record / slot + 1);
+  // The file has a record when it has the state byte, which stands behind the record's bytes; of
+  // the last slot the rest may be missing. For datlast the file has room for whole slots only.
+  const std::int64_t behind_first_state = data_bytes - filep->geometry.reclen - 1;
+  check.datreal = behind_first_state < 0 ? 0 : number_of(behind_first_state / slot + 1);
   check.datlast = last_number(dictp->d_nextdata(), number_of(data_bytes / slot), filep->data.fd);
 }
 
@@ -100,6 +111,8 @@ void mark_dictionary_nodes(Check& check) {
   if (audit >= 1 && audit <= check.idxlast) check.idxmap.set_bit(audit);
 }
 
+// Follows the chain of key-description nodes and marks each as used. A node that cannot be read is
+// told and ends the walk, but not the check: when the indexes are checked it is met again.
 bool key_nodes_are_valid(Check& check) {
   for (std::int32_t node = dictp->d_keysnode(); node != 0;) {
     if (node < 1 || node > check.idxlast) {

@@ -1,8 +1,14 @@
 // keptindex: the index as it was before a repair took from it what the records cannot give back.
 //
-//   "NAME.idx.before", or ".before.2", ".before.3" and so on: what is there stays
+// It is named "NAME.idx.before". When a file has that name already, it stays, and the new one is
+// named "NAME.idx.before.2", "NAME.idx.before.3" and so on. With it goes a note for undoing the
+// repair (checker/undodata).
 //
-// `KESTRO_KEEP` 1 keeps it at every repair, 0 never.
+// `KESTRO_KEEP` 1 keeps it at every repair, 0 never; without either it is kept when the repair
+// takes something away.
+//
+// Needs   take() first and keep() last; show() and note() in any order between them
+// Never   leaves a named file behind without keep(), unless the process is killed
 #pragma once
 
 #include <memory>
@@ -14,17 +20,22 @@
 
 namespace checker {
 
-// Whether a repair that takes something away (or takes nothing away) is to keep the old index.
+// Whether a repair is to keep the old index. `takes_away`: it takes from the index what the records
+// cannot give back.
 [[nodiscard]] bool index_is_to_be_kept(bool takes_away);
 
 class KeptIndex {
  public:
-  // Copies the index, which is not changed yet. False with errno.
+  // Copies the index, whose path is `index`, into a temporary file. The index must not have been
+  // changed yet. False with errno.
   [[nodiscard]] bool take(int index_fd, const std::string& index);
-  // Notes what the repaired index is like: 0, or -1 with errno.
+  // Notes what the repaired index and the data file are like, in an attribute of the kept file or
+  // in a file beside it: 0, or -1 with errno. Undoing the repair takes this note.
   [[nodiscard]] int note(int repaired_fd, int data_fd);
-  // Gives it its name: 0, or -1 with errno. Until keep() it goes with its holder or at a signal.
+  // Gives the kept file, and the one beside it if there is one, their names: 0, or -1 with errno.
+  // Until keep() a signal removes them, and so does the destructor.
   [[nodiscard]] int show();
+  // From now on they stay. Does nothing when nothing was taken.
   void keep();
   ~KeptIndex();
 
@@ -37,13 +48,15 @@ class KeptIndex {
   [[nodiscard]] const std::string& name() const { return name_; }
 
  private:
+  // Stores the note as an attribute of the kept file, or where that cannot be in a file beside it.
   [[nodiscard]] int note_beside();
+  // Stores it in the file beside it.
   [[nodiscard]] int note_in_file();
 
-  std::string index_;
-  std::string name_;
-  std::unique_ptr<TemporaryFile> file_;
-  std::unique_ptr<TemporaryFile> undo_file_;
+  std::string index_;                         // path of the index
+  std::string name_;                          // path of the kept file; empty before show()
+  std::unique_ptr<TemporaryFile> file_;       // the kept file
+  std::unique_ptr<TemporaryFile> undo_file_;  // the one beside it; null while there is none
   UndoData undo_;
   bool kept_ = false;
 };

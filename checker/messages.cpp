@@ -6,7 +6,7 @@ namespace checker {
 namespace {
 
 struct MessageText {
-  Message number;
+  Message number;  // its place in the table; never shown
   const char* text;
 };
 

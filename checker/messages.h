@@ -1,5 +1,8 @@
-// messages: what kestro prints besides findings and questions (checker/findings), in one numbered
-// table. %d takes a number and %s a text.
+// messages: what kestro prints besides findings and questions (checker/findings), in one table.
+//
+// %d takes a number and %s a text, in the order in which they are given. No message ends its line:
+// behind one that ends in a blank, more is printed or typed on the same line; behind others
+// print_line() or pnewline() ends it.
 #pragma once
 
 #include <cstddef>
@@ -12,38 +15,38 @@ enum class Message : std::size_t {
   kNotice,
   kIllegalOption,
   kUsage,
-  kUsageI,
+  kUsageI,  // by option letter
   kUsageL,
   kUsageN,
   kUsageY,
   kUsageQ,
   kUsageS,
   kFile,
-  kAnswerYesOrNo,
+  kAnswerYesOrNo,  // after an answer that is neither
   kLibraryError,
-  kSystemError,
-  kSystemErrorPlace,
+  kSystemError,       // before the system's own text,
+  kSystemErrorPlace,  // ... and between the two: the operation and the kind of file
   kUnknownCode,
   // Collation.
   kFileCollation,
   // Dictionary and sizes.
   kCheckingDictionary,
-  kNodeSize,
-  kCurrentNodeSize,
+  kNodeSize,         // of the pair checked
+  kCurrentNodeSize,  // of a new pair: the same at every check
   // Data records.
   kCheckingData,
-  kMustCheckData,
+  kMustCheckData,  // although -i was given
   // Indexes.
   kCheckingIndexes,
   kIndexHeading,
-  kDuplicates,
-  kUniqueKey,
+  kDuplicates,  // a text for the heading,
+  kUniqueKey,   // ... and the other one
   kKeyPart,
   kNodesUsed,
   kLevelsUsed,
-  kListNode,
-  kListHeading,
-  kListLevel,
+  kListNode,     // before a node's items,
+  kListHeading,  // ... over their columns,
+  kListLevel,    // ... and when the listing comes back to a node from one below it
   // Repair of indexes.
   kDeletingIndex,
   kRecreatingIndex,
@@ -52,11 +55,11 @@ enum class Message : std::size_t {
   kRecreatingIndexList,
   kRecreatingDataList,
   // Variable-length storage.
-  kStoragePages,
+  kStoragePages,  // printed with the summary
   kStorageFree,
   // Node size change.
   kOldNodeSize,
-  kKeyNodeSize,
+  kKeyNodeSize,  // bytes in use of the node of key descriptions
   // Summary.
   kNodeSummary,
   kRecordSummary,

@@ -1,10 +1,11 @@
 // tree_check: the walk over the B-tree of one index.
 //
-// Tests   node numbers in range and used once, node formats, leaf pointers to records in use and
-//         pointed to once, items in key order within and between nodes
+// Tests   that node numbers are in range and met once, that nodes have the form of tree nodes, that
+//         each item of a leaf points to a record in use which no other points to, that items are in
+//         key order within and between nodes
 // Needs   idxmap2 and datmap2 cleared; datmap filled by the data check
 // Gives   the counts below; idxmap2 and datmap2 marked; every node to a listener that wants them
-// Never   holds a page while it descends, nor goes below level 20
+// Never   holds a page while it descends; reads a node below level 19, the root's being 0
 #pragma once
 
 #include <cstdint>
@@ -17,15 +18,16 @@
 
 namespace checker {
 
+// Two names that are nearly one: badindx counts pointers, badindex tells of nodes.
 struct TreeFindings {
-  std::int32_t cntindx = 0;  // nodes counted
+  std::int32_t cntindx = 0;  // nodes met, each once
   std::int32_t badindx = 0;  // node pointers out of range
   std::int32_t dupindx = 0;  // node pointers met a second time
   std::int32_t baddata = 0;  // leaf pointers out of range or to a record not in use
   std::int32_t dupdata = 0;  // records pointed to more than once
   bool badorder = false;     // two items are out of order
-  bool badindex = false;     // a node is malformed or could not be read
-  int maxlevel = 0;          // deepest level, the root being 0
+  bool badindex = false;     // a node is malformed, too deep, or could not be read
+  int maxlevel = 0;          // deepest level that an item points to, the root being 0
 };
 
 class TreeCheck {
@@ -46,31 +48,36 @@ class TreeCheck {
  private:
   using Item = isam::Item;
 
-  // `prev` precedes the subtree in key order (null on the leftmost path), `bound` is not to be
-  // exceeded by its last item (null on the rightmost path).
+  // Checks a node and all below it. `prev` is the item that precedes them in key order (null on the
+  // leftmost path), `bound` one that their last item must not exceed (null on the rightmost path).
   void cktree(std::int32_t node, const Item* prev, const Item* bound);
+  // Unpacks a node's items into the two of `items` by turns, so that `visit` has the one before at
+  // hand. False when the rest of the node cannot be read.
   template <typename Visit>
   bool visit_items(std::int32_t node, isam::ConstBytes area, Item (&items)[2], Visit visit);
+  // Check a node's items. They return the item that precedes what follows the node in key order
+  // (`prev` when the node adds none), or null when the rest of the node cannot be read.
   const Item* check_upper(std::int32_t node, isam::ConstBytes area, const Item* prev,
                           const Item* bound, Item (&items)[2]);
   const Item* check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
                          Item (&items)[2]);
+  // The keys of the two are known to have their first `equal` bytes in common.
   void check_pair(const Item& prev, const Item& item, int equal);
   void check_record(std::int32_t record);
   void bad_format(std::int32_t node);
   void unreadable(std::int32_t node);
 
   Check& check_;
-  int number_;
+  int number_;  // of the index
   const keydescr& key_;
   isam::KeyOrder order_;
   isam::ItemLayout layout_;
-  std::uint32_t last_record_;
-  bool lists_;
+  std::uint32_t last_record_;  // the highest record number to check
+  bool lists_;                 // the listener wants the nodes and items
   Progress progress_;
   std::int64_t items_ = 0;  // leaf items met
   TreeFindings found_;
-  int level_ = 0;
+  int level_ = 0;  // of the node under way
 };
 
 }  // namespace checker

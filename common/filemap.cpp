@@ -14,14 +14,17 @@
 namespace common {
 namespace {
 
-// The copy under way, for the handler.
+// Which bytes of a mapping are being copied, for the handler; begin and end are equal while none
+// are.
 volatile std::uintptr_t copy_begin = 0;
 volatile std::uintptr_t copy_end = 0;
 volatile std::sig_atomic_t page_missing = 0;
 std::uintptr_t page_size = 0;
 struct sigaction handler_before {};
 
-// Puts a page of zeros where a page of the file cannot be had, so that the copy comes to its end.
+// Where a page of the file cannot be had, puts a page of zeros into the mapping, so that the copy
+// can go on to its end; page_missing then tells that the copy is worth nothing. False when the
+// address is not one being copied, so that the fault is somebody else's, or no page can be had.
 bool stand_in_for_page(std::uintptr_t at) {
   if (at < copy_begin || at >= copy_end) return false;
   // NOLINTNEXTLINE(performance-no-int-to-ptr): the address of the fault
@@ -44,13 +47,15 @@ void on_bus_error(int number, siginfo_t* info, void* context) {
   } else if (handler_before.sa_handler != SIG_DFL && handler_before.sa_handler != SIG_IGN) {
     handler_before.sa_handler(number);
   } else if (info->si_code > 0 || handler_before.sa_handler == SIG_DFL) {
-    // Ends the process, as it would have without this handler.
+    // Ends the process, as it would have without this handler: a signal that was sent (its code is
+    // not above 0) may be ignored, a fault may not.
     ::signal(number, SIG_DFL);
     ::raise(number);
   }
 }
 
-// Whether a missing page will come to the handler above.
+// Puts the handler in place at the first call. Whether a missing page will come to it: the program
+// may have replaced it since, and it is not put in place a second time.
 bool handler_is_in_place() {
   struct sigaction now {};
   if (::sigaction(SIGBUS, nullptr, &now) != 0) return false;
@@ -87,7 +92,8 @@ void FileMap::forget() {
   usable_ = true;
 }
 
-// Maps all there is and room for as much again.
+// Maps the file from its start anew, with room for it to grow: twice its size, or 1 MiB if that is
+// more. Nothing is read from the room before the file has come to it.
 void FileMap::map(int fd) {
   constexpr std::int64_t kLeast = std::int64_t{1} << 20;
   forget();
@@ -105,6 +111,8 @@ void FileMap::map(int fd) {
   known_ = size;
 }
 
+// Copies bytes that covers() has said yes to. False when a page of them was missing: `to` then
+// holds anything, and the file is not mapped again before forget() is called.
 bool FileMap::copy(Bytes to, std::int64_t offset) {
   const Byte* const from = pages_ + offset;
   copy_begin = reinterpret_cast<std::uintptr_t>(from);
@@ -120,6 +128,8 @@ bool FileMap::copy(Bytes to, std::int64_t offset) {
   return false;
 }
 
+// Reads by the system. A read that got all it asked for shows how far the file goes, and when
+// enough of them went beyond the mapping (at first there is none), the file is mapped anew.
 ssize_t FileMap::call(int fd, Bytes to, std::int64_t offset) {
   const std::int64_t end = offset + static_cast<std::int64_t>(to.size());
   const ssize_t got = read_at(fd, to, offset);

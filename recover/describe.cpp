@@ -16,7 +16,8 @@ namespace {
 using common::ConstBytes;
 using namespace isam::txlog;
 
-// More opens at once than any machine's processes have; a log that names more is damaged.
+// Names of opens are remembered up to this many at a time, so that a damaged log cannot take all
+// memory: no machine's processes have as many files open.
 constexpr std::size_t kMostNames = 65536;
 // Characters of a name that are remembered; the library takes none that long.
 constexpr std::size_t kLongestName = 255;
@@ -57,23 +58,25 @@ struct Message {
   std::string_view text;
 };
 
-std::optional<Message> message_of(const LogRecord& logged) {
+std::optional<Message> message_of(const LogRecord& record) {
   using namespace message_record;
-  const ConstBytes bytes = logged.bytes();
-  const std::size_t end = bytes.size() - log_record::kTrailer;
-  // Without a text there are only three of the status characters.
-  if (bytes.size() < log_record::kSmallest || end < kText - 1) return std::nullopt;
-  const std::string_view all{reinterpret_cast<const char*>(bytes.data()), end};
+  const ConstBytes bytes = record.bytes();
+  const std::size_t text_end = bytes.size() - log_record::kTrailer;
+  // A message without a text has only three status characters, so ends one byte before kText.
+  if (bytes.size() < log_record::kSmallest || text_end < kText - 1) return std::nullopt;
+  const std::string_view all{reinterpret_cast<const char*>(bytes.data()), text_end};
   return Message{common::ldword(&bytes[kError]), common::ldword(&bytes[kSystemError]),
                  common::ldword(&bytes[kPlace]), all.substr(kStatus, kText - kStatus),
-                 all.substr(std::min<std::size_t>(kText, end))};
+                 all.substr(std::min<std::size_t>(kText, text_end))};
 }
 
-// What a record's payload says; none when it is not what the type demands.
+// What a record's payload says, in words. `name` is that of the file that the record is about,
+// empty when it is not known.
 class Payload {
  public:
   Payload(const LogRecord& record, std::string_view name) : record_(record), name_(name) {}
 
+  // Nothing when the payload is not what the type demands; empty for a type of which none is shown.
   [[nodiscard]] std::optional<std::string> text() const {
     switch (type_of(record_)) {
       case LogType::kDelete:
@@ -183,17 +186,18 @@ bool is_image(LogType type) {
   return type == LogType::kDelete || type == LogType::kInsert || type == LogType::kUpdate;
 }
 
-// How the record hangs together with the others of its process.
-std::string link_text(const LogRecord& logged) {
-  const Link previous = logged.previous();
+// Which record of its process comes before this one in the chain that a rollback follows, as offset
+// and length. Only marks and images belong into it: of others without a link nothing is said.
+std::string link_text(const LogRecord& record) {
+  const Link previous = record.previous();
   if (previous.length != 0) {
     return "previous " + std::to_string(previous.offset) + "+" + std::to_string(previous.length);
   }
-  if (is_mark(type_of(logged))) return "no previous";
-  return is_image(type_of(logged)) ? "unlinked" : "";
+  if (is_mark(type_of(record))) return "no previous";
+  return is_image(type_of(record)) ? "unlinked" : "";
 }
 
-// The file that the record itself names.
+// The file that the record itself names; empty when it names none.
 std::string_view name_in(const LogRecord& record) {
   switch (type_of(record)) {
     case LogType::kOpened:
@@ -224,7 +228,7 @@ const char* words_of(LogType type) {
 }
 
 LogType type_of(const LogRecord& record) {
-  const isam::KeepError keep;
+  const isam::KeepError keep;  // here and below: an unknown type sets iserrno
   return record.type();
 }
 
@@ -283,6 +287,7 @@ std::string dump_of(const LogRecord& record) {
       return text;
     }
   }
+  // What describe() has put into words needs no dump.
   const std::size_t size = record.bytes().size();
   if (is_sound(record) || size <= log_record::kSmallest) return {};
   return dump_text(record.bytes().subspan(log_record::kPayload, size - log_record::kSmallest));

@@ -9,15 +9,16 @@
 namespace recover {
 namespace {
 
-// Transactions that are remembered: more than any machine runs at once, and more of each kind than
-// anybody reads about.
+// Memory is bounded, whatever the log holds. No more transactions than this are followed at a time;
+// no machine runs as many.
 constexpr std::size_t kMostRunning = 65536;
+// No more than this of each way of ending are listed one by one; nobody reads as many.
 constexpr std::size_t kMostListed = 10000;
 
 template <typename Kind>
 std::int64_t sum_of(const std::map<Kind, std::int64_t>& counts) {
   return std::accumulate(counts.begin(), counts.end(), std::int64_t{0},
-                         [](std::int64_t sum, const auto& kind) { return sum + kind.second; });
+                         [](std::int64_t sum, const auto& entry) { return sum + entry.second; });
 }
 
 }  // namespace
@@ -40,13 +41,14 @@ void Transactions::add(const LogRecord& record, std::int64_t offset) {
   switch (type_of(record)) {
     case LogType::kBegin:
       if (found != running_.end()) {
+        // The mark belongs to the new transaction; above it was counted for the old one.
         --found->second.records;
         end(process, Ending::kUnfinished, offset);
       }
       if (running_.size() < kMostRunning) {
         running_[process] = {offset, 1};
       } else {
-        ++not_followed_;
+        ++not_followed_;  // its end mark will count among those without a begin
       }
       break;
     case LogType::kCommit:
@@ -73,6 +75,7 @@ void Transactions::end(std::int32_t process, Ending how, std::int64_t offset) {
 }
 
 void Transactions::finish() {
+  // There is no end mark, so no offset of one.
   while (!running_.empty()) end(running_.begin()->first, Ending::kUnfinished, 0);
 }
 

@@ -44,7 +44,7 @@ class Transactions {
   struct Ended {
     std::int32_t process;
     Running what;
-    std::int64_t last;  // offset of the end mark
+    std::int64_t last;  // offset of the end mark; of no meaning when there is none
   };
 
   void end(std::int32_t process, Ending how, std::int64_t offset);
@@ -52,8 +52,8 @@ class Transactions {
   std::map<std::int32_t, Running> running_;
   std::map<Ending, std::vector<Ended>> ended_;
   std::map<Ending, std::int64_t> counts_;
-  std::int64_t stray_marks_ = 0;  // ends without a begin
-  std::int64_t not_followed_ = 0;
+  std::int64_t stray_marks_ = 0;   // ends without a begin, or with one that is not followed
+  std::int64_t not_followed_ = 0;  // transactions begun while too many others were running
 };
 
 }  // namespace recover

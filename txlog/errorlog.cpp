@@ -30,6 +30,7 @@ int ErrorLog::opbadlog() {
   return 0;
 }
 
+// Adds the LM record to the buffer: the codes in force, and why a record was left out.
 void ErrorLog::bdmemlog(std::string_view message) {
   message = message.substr(0, kLongestText);
   const std::size_t start = buffer_.size();
@@ -40,7 +41,8 @@ void ErrorLog::bdmemlog(std::string_view message) {
   builder.put_word(iserrio);
   const Byte status[4] = {static_cast<Byte>(isstat1), static_cast<Byte>(isstat2),
                           static_cast<Byte>(isstat3), static_cast<Byte>(isstat4)};
-  // Without a text the length takes the place of the last character.
+  // Such is the format: without a text the fourth character is left out, and the trailing length
+  // stands in its place.
   builder.put_bytes(message.empty() ? ConstBytes{status, 3} : ConstBytes{status});
   builder.put_bytes({reinterpret_cast<const Byte*>(message.data()), message.size()});
   static_cast<void>(builder.finish());
@@ -52,13 +54,15 @@ void ErrorLog::dobadlog(const LogRecord& record, std::string_view message) {
     const ConstBytes bytes = record.bytes();
     buffer_.assign(bytes.begin(), bytes.end());
     if (!buffer_.empty()) {
-      // Whatever lengths the record had: what is written must be legible to its end.
+      // A damaged record may say other lengths than it has. Whoever reads the error log must find
+      // the next record behind it, so both its ends get the length that is written.
       const auto length = static_cast<std::uint32_t>(buffer_.size());
       common::stword(length, &buffer_[log_record::kLength]);
       common::stword(length, &buffer_[buffer_.size() - log_record::kTrailer]);
       stamp_record(buffer_.data(), record.process(), record.user(), now(), {});
     }
     bdmemlog(message);
+    // A note that cannot be written is lost, and the next one takes its place: recovery goes on.
     if (common::write_at(fd_.get(), buffer_, end_) == 0) {
       end_ += static_cast<std::int64_t>(buffer_.size());
     }

@@ -5,7 +5,7 @@
 //
 //   24 zero  28 iserrno  30 errno  32 iserrio  34 isstat1 to isstat4  38 text
 //
-// The text ends where the trailing length begins.
+// The text ends where the trailing length begins. Without a text isstat4 is left out, too.
 #pragma once
 
 #include <string_view>
@@ -32,7 +32,7 @@ class ErrorLog {
   // Makes the file in the current folder: 0, or -1 with 120 (it exists, or cannot be made) or 121.
   int opbadlog();
   // Notes a record (none: an empty view) and why it was left out, with the codes in force, and
-  // clears them.
+  // clears them. Without a file made by opbadlog() it only clears them.
   void dobadlog(const LogRecord& record, std::string_view message);
 
  private:

@@ -1,5 +1,7 @@
-// outlook: what stands further on in a log, for the few questions that its records up to some point
-// do not answer.
+// outlook: what stands further on in a log, for two questions that its records up to some point do
+// not answer: whether a change was taken back by its writer, and whether a file-open record inside
+// a transaction is another process's that got the same number. Which transactions have ended is not
+// asked here: Recovery holds a transaction's records until it meets the end mark.
 //
 // The whole log is read once, when the first question is asked that the next record does not
 // answer.

@@ -1,4 +1,8 @@
 // writer: one process that wrote the log, as far as a recovery has read it.
+//
+// Records name their process by its number alone, and the system gives the number of a process that
+// has ended to a new one. Where the records do not show that this has happened, several processes
+// are one Writer.
 #pragma once
 
 #include <cstdint>
@@ -8,28 +12,35 @@
 
 namespace isam::txlog {
 
-// A file by a writer's number of its open, as the log was read.
+// The file that one of a writer's opens stands for: it is named in the file-open record.
 struct NamedFile {
   ReplayFile* file = nullptr;
-  std::uint32_t epoch = 0;  // of the writer then
-  std::int64_t offset = 0;  // where it was named
+  std::uint32_t epoch = 0;  // the writer's when the record was read
+  std::int64_t offset = 0;  // of that record
 };
 
 struct Writer {
   std::int32_t process = 0;
-  std::uint32_t serial = 0;  // of its own, when several processes had the number; 0: not known
-  std::uint32_t epoch = 0;   // counts the times that it was rather another one
-  bool begun = false;        // inside a transaction
-  std::int64_t begin = 0;    // ... which begins here
-  std::int64_t last = 0;     // offset of its last record
-  HeldList held;             // by Held::next
+  // By it a doubt is known to be this writer's. The writer gets a new one when another process may
+  // have taken the number. 0: its start is not in the log, and its changes are not doubted.
+  std::uint32_t serial = 0;
+  // Raised when it opens a file by a number that is open: it is rather another process then, and
+  // what was opened in an earlier epoch no longer counts as open.
+  std::uint32_t epoch = 0;
+  bool begun = false;      // inside a transaction
+  std::int64_t begin = 0;  // offset of the transaction's begin mark
+  std::int64_t last = 0;   // offset of its last record; 0 behind a transaction's end
+  HeldList held;           // records held back, in the log's order, by Held::next
+  // By the writer's number of the open: what is open as far as the log was read,
   std::map<int, NamedFile> named;
-  std::map<int, ReplayFile*> opened;  // by number too, as the log was applied
-  // The record that its last change outside transactions is about; see Doubts.
+  // ... and what is open as far as it was applied, which lags behind while records are held.
+  std::map<int, ReplayFile*> opened;
+  // The record of its last change outside transactions, which it may have been killed before
+  // making; see Doubts. No file: no change is in doubt.
   ReplayFile* doubted_file = nullptr;
   std::int32_t doubted_number = 0;
-  std::int64_t doubted_at = 0;
-  bool opened_since = false;  // it may be another process since then
+  std::int64_t doubted_at = 0;  // offset of the change's image in the log
+  bool opened_since = false;    // it has opened a file since, so may be another process by now
 };
 
 }  // namespace isam::txlog

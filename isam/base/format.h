@@ -52,6 +52,7 @@ struct Dictionary {
   // The highest numbers in use, not the next ones.
   [[nodiscard]] std::int32_t d_nextdata() const { return common::ldlong(raw + 33); }
   [[nodiscard]] std::int32_t d_nextnode() const { return common::ldlong(raw + 37); }
+  // The change stamp: raised by every call that changed a page.
   [[nodiscard]] std::uint32_t d_modcount() const {
     return static_cast<std::uint32_t>(common::ldlong(raw + 41));
   }

@@ -3,7 +3,7 @@
 // Needs   the current open and file
 // Keeps   locks belong to the process, not to an open: the open pair counts what the process's
 //         opens hold, and the kernel is asked only when the state of the whole process changes
-// Never   waits for an open lock; the semaphore waits
+// Never   waits for an open lock; lksemaphore() always waits, lkrecord() only with kWait
 //
 // `ISAM_DEADLOCK_COUNT` (default 0) is the number of retries after a reported deadlock,
 // `ISAM_DEADLOCK_SLEEP` (milliseconds, default 0: yield) the pause before each.

@@ -1,6 +1,7 @@
 // descent: the place of one item in the nodes of a search path, one node after the other.
 //
-// Gives   per node the first item that is greater than the one sought, or the node's last
+// Gives   per node the first item that is greater than the one sought, or the node's last; on the
+//         way it refuses to insert a key that an index without duplicates has already
 // Never   puts more keys together than the search needs: in a compressed node an item that takes
 //         more bytes from its predecessor than this shares with the item sought is passed over
 #pragma once
