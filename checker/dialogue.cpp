@@ -12,14 +12,16 @@
 namespace checker {
 namespace {
 
-constexpr std::int32_t kHighestSystemError = 99;
-constexpr int kAnswerRoom = 10;  // nine characters and the end
+constexpr std::int32_t kHighestSystemError = 99;  // in iserrno; above it: codes of the library
+constexpr int kAnswerRoom = 10;                   // nine characters and the end
 
 std::string text_of_filling(const Filling& filling) {
   if (const auto* number = std::get_if<std::int64_t>(&filling)) return std::to_string(*number);
   return std::string(std::get<std::string_view>(filling));
 }
 
+// The text with a filling instead of each % and the letter behind it. A % for which no filling is
+// left stays.
 std::string filled(std::string_view text, std::initializer_list<Filling> fillings) {
   std::string result;
   const Filling* next = fillings.begin();
@@ -39,6 +41,8 @@ void put(std::string_view text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
 }
 
+// A place is an iserrio (isam/base/errors.h): its high four bits tell the operation that failed,
+// its low four the kind of file.
 const char* operation_word(std::int32_t place) {
   switch (place & 0xF0) {
     case 0x10:
@@ -111,13 +115,14 @@ void print_line(Message message, std::initializer_list<Filling> fillings) {
 
 namespace {
 
-// "ERROR: " and a finding, on a line of its own behind an empty one.
+// Prints "ERROR: " and a finding on a line of its own, behind an empty line.
 void err(std::string_view text) {
   pnewline(1);
   put("ERROR: ");
   put(text);
   pnewline(1);
 }
+// The same, with the number in the place of %d.
 void errn(std::string_view text, std::int64_t number) { err(filled(text, {number})); }
 
 }  // namespace
@@ -126,6 +131,7 @@ void Dialogue::found(const Finding& finding) {
   const FindingText& text = text_of(finding.code);
   switch (text.saying) {
     case Saying::kError:
+      // The report shows at most the first of the numbers that the finding carries.
       if (text.numbers[0] == nullptr) return err(text.wording);
       return errn(text.wording, finding.numbers.*text.numbers[0]);
     case Saying::kLine:
@@ -154,6 +160,7 @@ bool Dialogue::answer(Question question) {
   }
   for (;;) {
     std::fflush(stdout);
+    // What does not fit is left in the input and read as the next answer.
     char typed[kAnswerRoom];
     if (std::fgets(typed, sizeof typed, stdin) == nullptr) return text_of(question).by_default;
     pnewline(1);
@@ -229,17 +236,19 @@ void Dialogue::ends(const Summary* summary) {
   if (summary != nullptr) {
     shown_ = *summary;
   } else {
+    // The check ended before it could count: the report shows the numbers of the pair before once
+    // more, all but the free bytes of storage pages.
     shown_.page_bytes_free = 0;
   }
-  const Summary& s = shown_;
-  print(Message::kNodeSummary, {std::int64_t{s.nodes_used}, std::int64_t{s.nodes_free}});
-  print(Message::kRecordSummary, {std::int64_t{s.records_used}, std::int64_t{s.records_free}});
-  if (s.varlen) {
+  print(Message::kNodeSummary, {std::int64_t{shown_.nodes_used}, std::int64_t{shown_.nodes_free}});
+  print(Message::kRecordSummary,
+        {std::int64_t{shown_.records_used}, std::int64_t{shown_.records_free}});
+  if (shown_.varlen) {
     pnewline(1);
-    print(Message::kStoragePages, {std::int64_t{s.pages}});
-    if (s.pages != 0) {
+    print(Message::kStoragePages, {std::int64_t{shown_.pages}});
+    if (shown_.pages != 0) {
       pnewline(1);
-      print(Message::kStorageFree, {s.page_bytes_free, s.page_bytes_free / s.pages});
+      print(Message::kStorageFree, {shown_.page_bytes_free, shown_.page_bytes_free / shown_.pages});
     }
   }
   pnewline(2);

@@ -5,29 +5,33 @@
 namespace checker {
 namespace {
 
+// The numbers that a finding can carry.
 constexpr Number kRecord = &Numbers::record;
 constexpr Number kNode = &Numbers::node;
 constexpr Number kKey = &Numbers::key;
 constexpr Number kFound = &Numbers::found;
 constexpr Number kExpected = &Numbers::expected;
 
+// The question that a finding leads to, by what it asks about.
 constexpr auto kIndex = Question::kDeleteIndex;
 constexpr auto kRecords = Question::kRecordList;
 constexpr auto kNodes = Question::kNodeList;
 constexpr auto kPages = Question::kStorageLists;
 constexpr auto kNone = Question::kNone;
 
-constexpr FindingText error(Code number, const char* code, const char* wording,
+// The entries of the table, by how kestro says them. `name` is the permanent code as a text. In the
+// wording of an error() %d stands for the first number; the report shows no other number.
+constexpr FindingText error(Code code, const char* name, const char* wording,
                             Question question = kNone, CarriedNumbers numbers = {}) {
-  return {number, code, wording, Saying::kError, question, numbers};
+  return {code, name, wording, Saying::kError, question, numbers};
 }
-constexpr FindingText line(Code number, const char* code, const char* wording,
+constexpr FindingText line(Code code, const char* name, const char* wording,
                            Question question = kNone, CarriedNumbers numbers = {}) {
-  return {number, code, wording, Saying::kLine, question, numbers};
+  return {code, name, wording, Saying::kLine, question, numbers};
 }
-constexpr FindingText remark(Code number, const char* code, const char* wording,
+constexpr FindingText remark(Code code, const char* name, const char* wording,
                              CarriedNumbers numbers = {}) {
-  return {number, code, wording, Saying::kRemark, kNone, numbers};
+  return {code, name, wording, Saying::kRemark, kNone, numbers};
 }
 
 constexpr std::array<FindingText, static_cast<std::size_t>(Code::kCount)> kFindings = {{
@@ -123,6 +127,7 @@ constexpr std::array<FindingText, static_cast<std::size_t>(Code::kCount)> kFindi
          "warning: the group and user ids of the new index are different than the original"),
 }};
 
+// The `false` of each is its answer where the input ends: no.
 constexpr std::array<QuestionText, static_cast<std::size_t>(Question::kCount)> kQuestions = {{
     {Question::kLockMethod, "force-lock-method", "force locking method to agree ? ", false,
      "sets the present one", "ends the check of this pair"},
@@ -141,7 +146,8 @@ constexpr std::array<QuestionText, static_cast<std::size_t>(Question::kCount)> k
      false, "builds the list anew from what was found in use", "leaves it as it is"},
 }};
 
-// The tables are looked up by position: each entry stands at its own number.
+// Whether each entry of a table stands at the place that its code or question counts: text_of()
+// looks an entry up by its place.
 template <typename Table>
 constexpr bool is_in_order(const Table& table) {
   for (std::size_t i = 0; i < table.size(); ++i) {

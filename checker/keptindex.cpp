@@ -24,6 +24,7 @@ common::ConstBytes bytes_of(const std::string& text) {
 
 }  // namespace
 
+// Unless KESTRO_KEEP is 1 or 0, what the repair takes away decides.
 bool index_is_to_be_kept(bool takes_away) {
   const std::string wish = environment::lookup("KESTRO_KEEP").value_or("");
   return wish == "1" || (wish != "0" && takes_away);
@@ -36,6 +37,7 @@ bool KeptIndex::take(int index_fd, const std::string& index) {
     errno = file->error();
     return false;
   }
+  // undo_.kept describes the index that the repair finds, not the copy of it.
   if (common::copy_contents(index_fd, file->fd()) != 0 ||
       common::copy_attributes(index_fd, file->fd()) != 0 || describe(index_fd, undo_.kept) != 0 ||
       common::system_calls().fsync(file->fd()) != 0) {
@@ -45,7 +47,8 @@ bool KeptIndex::take(int index_fd, const std::string& index) {
   return true;
 }
 
-int KeptIndex::note_in_file() {
+// Writes the undo data into a file of their own, which takes the place of one noted before.
+int KeptIndex::note_undo_file() {
   if (undo_file_ != nullptr) undo_file_->withdraw();
   auto file = std::make_unique<TemporaryFile>(index_);
   if (!*file) {
@@ -57,7 +60,7 @@ int KeptIndex::note_in_file() {
     return -1;
   }
   undo_file_ = std::move(file);
-  // Named together with the index when that gets its name.
+  // A kept index without a name gets it in show(), and this file gets its name there too.
   return name_.empty() ? 0 : undo_file_->become(undo_file_of(name_));
 }
 
@@ -65,18 +68,21 @@ int KeptIndex::note(int repaired_fd, int data_fd) {
   try {
     const bool described =
         describe(repaired_fd, undo_.repaired) == 0 && describe(data_fd, undo_.data) == 0;
-    return described ? note_beside() : -1;
+    return described ? note_undo_data() : -1;
   } catch (const std::bad_alloc&) {
     errno = ENOMEM;
     return -1;
   }
 }
 
-int KeptIndex::note_beside() {
-  if (store_undo_data(file_->fd(), undo_) != 0) return note_in_file();
+// Stores the undo data as an attribute of the kept index, or else in a file beside it.
+int KeptIndex::note_undo_data() {
+  if (store_undo_data(file_->fd(), undo_) != 0) return note_undo_file();
   return common::system_calls().fsync(file_->fd());
 }
 
+// Takes the first name that is free for the kept index and for its undo file. A name that somebody
+// else takes between the look and become() (EEXIST) is passed by.
 int KeptIndex::show() {
   constexpr int kMostKept = 100000;
   const std::string first = index_ + ".before";
@@ -95,6 +101,7 @@ int KeptIndex::show() {
   return -1;
 }
 
+// From here on neither a signal nor the destructor removes the files.
 void KeptIndex::keep() {
   if (file_ == nullptr) return;
   kept_ = true;
@@ -102,6 +109,7 @@ void KeptIndex::keep() {
   if (undo_file_ != nullptr) undo_file_->keep();
 }
 
+// Files that have got their names would stay by themselves: they go unless keep() was called.
 KeptIndex::~KeptIndex() {
   if (kept_ || file_ == nullptr) return;
   file_->withdraw();

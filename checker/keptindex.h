@@ -49,9 +49,9 @@ class KeptIndex {
 
  private:
   // Stores the note as an attribute of the kept file, or where that cannot be in a file beside it.
-  [[nodiscard]] int note_beside();
+  [[nodiscard]] int note_undo_data();
   // Stores it in the file beside it.
-  [[nodiscard]] int note_in_file();
+  [[nodiscard]] int note_undo_file();
 
   std::string index_;                         // path of the index
   std::string name_;                          // path of the kept file; empty before show()

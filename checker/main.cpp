@@ -20,19 +20,22 @@ using checker::Message;
 checker::Options options;
 
 constexpr int kUsageStatus = 1;
-constexpr int kLocaleStatus = -1;
+constexpr int kLocaleStatus = -1;  // a shell sees 255
 
-// The letters as the operator types them, and those that the switch acts on.
+// The option letters as the operator types them, and at the same places the letters that
+// take_option() acts on. Both are the same: a translated program would change the first alone.
 constexpr std::string_view kTypedLetters = "ilnyqs";
 constexpr std::string_view kActionLetters = "ilnyqs";
 static_assert(kTypedLetters.size() == kActionLetters.size());
 
-// The letter of `to` at the place where `from` has c, searched from the last; 0 when absent.
+// Translates a typed letter: the letter of `to` at the place where `from` has c for the last time;
+// 0 when `from` does not have it.
 char toanglo(char c, std::string_view from, std::string_view to) {
   const std::size_t at = from.rfind(c);
   return at == std::string_view::npos ? '\0' : to[at];
 }
 
+// Acts on one typed letter: false when there is no such option.
 bool take_option(char letter) {
   switch (toanglo(letter, kTypedLetters, kActionLetters)) {
     case 'i':
@@ -59,6 +62,7 @@ bool take_option(char letter) {
   }
 }
 
+// Acts on the letters behind the hyphen: false, after a message, at the first that is no option.
 bool take_options(std::string_view letters) {
   for (const char letter : letters) {
     if (take_option(letter)) continue;
@@ -108,6 +112,7 @@ int main(int argc, char** argv) {
     std::printf("%s\n", isversion());
     return EXIT_SUCCESS;
   }
+  // A locale that cannot be loaded ends the program before options but -V are read.
   if (locale::initulx() != 0) {
     std::fprintf(stderr, "ulx function %s failed, error %d\n", "initulx", locale::get_ulxerror());
     return kLocaleStatus;

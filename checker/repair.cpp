@@ -31,20 +31,21 @@ bool has_verdict(const Check& check, IndexVerdict verdict) {
   return std::ranges::count(check.idxflag, verdict) > 0;
 }
 
+// Whether what was agreed to changes more of the index file than its dictionary.
 bool nodes_will_change(const Check& check) {
   return check.badifree == Verdict::kRebuild || check.baddfree == Verdict::kRebuild ||
          check.badrfree == Verdict::kRebuild || has_verdict(check, IndexVerdict::kDelete) ||
          has_verdict(check, IndexVerdict::kRemake);
 }
 
-// Lets the current file's index be another file with the same nodes.
+// Makes the file open as `fd`, which has the same nodes, serve as the index of the current pair.
 void use(int fd) {
   isam::bfignor(*filep);
   filep->index.map.forget();
   filep->index.fd = fd;
 }
 
-constexpr isam::Byte kNoMagic[2] = {};
+constexpr isam::Byte kNoMagic[2] = {};  // over its magic: a file is no index any more
 constexpr char kIncomplete[] = "the repair in place is not complete: run kestro again";
 
 }  // namespace
@@ -63,28 +64,31 @@ void Repair::fail(int system_error) {
 
 void Repair::give_up(int system_error) {
   fail(system_error);
+  // A repair that has begun notices at its end that it has failed.
   refused_ = refused_ || place_ == Place::kPair;
 }
 
-// The old index of a change of node size stays anyway.
+// Whether the old index is to be kept. A change of node size leaves it behind anyway, as NAME.IDX.
 bool Repair::is_to_be_kept() {
   if (check_.options.sflag != 0) return false;
   const bool gives_up_pages =
       check_.varlen && nodes_will_change(check_) && pages_are_given_up(check_);
-  // The old indexes name records that are not found now, perhaps for a wrong record length alone.
+  // A remade index has no items for records that are not found now. Perhaps nothing but a wrong
+  // record length hides them, and the old index names them.
   const bool loses_items = check_.data_misfits && has_verdict(check_, IndexVerdict::kRemake);
   return index_is_to_be_kept(has_verdict(check_, IndexVerdict::kDelete) || check_.count_is_fixed ||
                              gives_up_pages || loses_items);
 }
 
-// With a new node size the index has been replaced by then.
+// What the pair is like when the repair does not come into it. A change of node size has replaced
+// the index before the repair.
 const char* Repair::as_it_was() const {
   return check_.options.sflag == 0
              ? "the pair is as it was"
              : "the index has the new node size and nothing else; the old one is NAME.IDX";
 }
 
-// What waits in the pool, the stamp of the change, the dictionary: whether all could be written.
+// Writes the pages that wait in the pool, and the dictionary with a new stamp: false on a failure.
 bool Repair::write_out() {
   isam::clear_errors();
   isam::isexit();
@@ -99,7 +103,7 @@ bool Repair::sync(int fd) {
   return false;
 }
 
-// Some file systems cannot, and need not.
+// Syncs the index's folder. A file system that cannot sync folders says EINVAL: no failure.
 void Repair::sync_folder() {
   const common::FileHold folder{
       common::open_file(folder_of(index_).c_str(), O_RDONLY | O_DIRECTORY)};
@@ -108,16 +112,19 @@ void Repair::sync_folder() {
   }
 }
 
-// A run that has mended all that it found leaves no mark of others' unfinished changes.
+// Whether the mark that others left for unfinished changes may go: the run has checked both files
+// and mended all that it found.
 bool Repair::clears_mark(bool whole) const {
   return whole && check_.options.iflag == 0 && check_.declined == 0 && !has_failed();
 }
 
-// Nobody may open a pair that is being changed in place: false, and said, when nothing can tell.
+// Marks an index that is to be changed in place, so that nobody opens the pair meanwhile. False
+// when the mark does not stand there; set_mark() alone also succeeds where other bytes have its
+// place.
 bool Repair::mark_index() {
   const bool written = isam::set_mark(*filep) == 0;
   const int found = written ? isam::find_mark(*filep) : -1;
-  filep->mark.state = isam::MarkState::kUnneeded;
+  filep->mark.state = isam::MarkState::kUnneeded;  // as before: the repair sees to the mark
   if (found == 1) return true;
   if (found == 0) remark("other bytes stand where the mark of a repair in place would");
   fail(found == 0 ? ENOTSUP : iserrno);
@@ -135,15 +142,17 @@ void Repair::tell_failure(const char* state) {
   if (kept_.is_kept()) remark("the index as it was is kept as " + kept_.name());
 }
 
-void Repair::is_repaired() {
+// From here on a signal finds the pair repaired: it says so, and leaves the kept index.
+void Repair::note_repaired() {
   Interrupt::say("\nkestro: " + index_ + ": interrupted; the pair is repaired\n");
   kept_.keep();
 }
 
-// The pair is repaired.
+// Ends a repair that has come into the pair: the kept index stays, and can undo the repair.
 void Repair::keep_kept() {
-  is_repaired();
+  note_repaired();
   if (!kept_.is_taken()) return;
+  // For a copy complete_copy() has noted how the repaired index looks.
   if (place_ != Place::kCopy && kept_.note(filep->index.fd, filep->data.fd) != 0) {
     remark(kept_.name() + ": cannot be used to undo the repair: " + std::strerror(errno));
   }
@@ -154,7 +163,7 @@ void Repair::keep_kept() {
 bool Repair::begin() {
   index_ = real_path(isam::mkidxname(filep->name));
   keeps_ = is_to_be_kept();
-  // What the system did not give to the checks is not gone from the files.
+  // The checks take for missing what the system failed to read, but the files may still hold it.
   refused_ = check_.options.nflag == 0 && has_failed();
   if (refused_) return false;
   if (check_.options.nflag == 0) {
@@ -171,7 +180,7 @@ bool Repair::begin() {
   return false;
 }
 
-// 0, or errno.
+// Copies the index and lets the copy serve in its place: 0, or errno.
 int Repair::copy_index() {
   copy_ = std::make_unique<TemporaryFile>(index_);
   if (!*copy_) return copy_->error();
@@ -185,7 +194,8 @@ int Repair::copy_index() {
   return 0;
 }
 
-// The old index is kept while nothing has changed. False, and said: it cannot be.
+// Keeps the old index, if it is to be kept, before its first byte changes. False, after a remark,
+// when it cannot be kept.
 bool Repair::take_kept() {
   if (!keeps_) return true;
   if (kept_.take(filep->index.fd, index_) && kept_.show() == 0) {
@@ -201,6 +211,7 @@ bool Repair::take_kept() {
 bool Repair::begin_in_place(int reason) {
   remark(std::string("no copy can be put in its place (") + std::strerror(reason) +
          "); it is repaired in place");
+  // What needs room comes first: a change in place cannot be taken back.
   if (!prepare_indexes(check_) || !take_kept()) {
     refused_ = true;
     return false;
@@ -233,7 +244,7 @@ void Repair::bring_in(bool whole) {
   refused_ = refused_ || (check_.options.nflag == 0 && place_ == Place::kPair && has_failed());
   if (check_.options.nflag != 0 || refused_) {
     if (refused_) return leave_as_it_was();
-    return forget_changes();  // what was settled in the dictionary's copy stays there
+    return forget_changes();  // with -n only the dictionary's copy in memory has changed
   }
   switch (place_) {
     case Place::kPair:
@@ -245,6 +256,7 @@ void Repair::bring_in(bool whole) {
   }
 }
 
+// Ends a repair that needed no copy: what has changed, the dictionary mostly, goes into the index.
 void Repair::end_dictionary(bool whole) {
   const bool changed = filep->unwritten.dictionary || filep->call.page_changed;
   if (changed) {
@@ -252,15 +264,16 @@ void Repair::end_dictionary(bool whole) {
     isam::lksemaphore(isam::Semaphore::kExclusive);
     const SignalBlock block;
     if (!write_out()) return tell_failure(as_it_was());
-    is_repaired();
+    note_repaired();
   }
   if (clears_mark(whole)) remove_mark();
   keep_kept();
 }
 
 void Repair::end_in_place(bool whole) {
-  const bool good = !has_failed();
-  if (!write_out() || !good || !sync(filep->index.fd)) {
+  const bool failed_before = has_failed();
+  // Written even then: the index is not as it was any more.
+  if (!write_out() || failed_before || !sync(filep->index.fd)) {
     return tell_failure(kIncomplete);
   }
   if (isam::clear_mark(*filep) != 0) fail(iserrno);
@@ -268,7 +281,7 @@ void Repair::end_in_place(bool whole) {
   keep_kept();
 }
 
-// The copy as it will stand, and what is kept beside it: on the disk.
+// Brings the copy, as the index is to be, and what is kept of the old index to the disk.
 bool Repair::complete_copy(bool whole) {
   if (has_failed() || !write_out()) return false;
   if (clears_mark(whole)) remove_mark();
@@ -282,7 +295,7 @@ bool Repair::complete_copy(bool whole) {
 
 void Repair::forget_changes() {
   filep->unwritten.failed = {};
-  filep->call.spilled = false;  // the copy goes as a whole
+  filep->call.spilled = false;  // written pages go with the copy, so bfdiscard() need not refuse
   isam::bfdiscard(*filep);
   filep->call.page_changed = filep->unwritten.dictionary = false;
 }
@@ -292,6 +305,8 @@ void Repair::leave_as_it_was() {
   forget_changes();
 }
 
+// Ends a repair in a copy. When no page of the copy was changed after all, the copy is not needed:
+// the dictionary goes into the index by itself.
 void Repair::end_copy(bool whole) {
   const bool dictionary_alone = !has_failed() && !filep->call.page_changed;
   const bool complete = !dictionary_alone && complete_copy(whole);
@@ -305,6 +320,7 @@ void Repair::end_copy(bool whole) {
   tell_failure(as_it_was());
 }
 
+// Puts the complete copy in the index's place (docs/architecture.md). The semaphore is held.
 void Repair::put_in_place() {
   const SignalBlock block;
   struct stat named {};
@@ -316,7 +332,8 @@ void Repair::put_in_place() {
     fail(errno);
     return tell_failure(as_it_was());
   }
-  // A link made meanwhile is another name of the old index, which it would lose.
+  // A link made meanwhile is a second name, which would go on leading to the old index. Then EMLINK
+  // is the reason to write over; replace() gives its own.
   if (errno = EMLINK; named.st_nlink > 1 || copy_->replace(index_) != 0) {
     place_ = Place::kInPlace;
     if (leaves_index_usable(errno)) return write_over();
@@ -330,7 +347,8 @@ void Repair::put_in_place() {
   keep_kept();
 }
 
-// The copy is complete and cannot take the index's place: the index becomes like it.
+// Makes the index like the complete copy, which cannot take its place. The bytes of the mark are
+// copied last, so that the mark stands until all others are on the disk.
 void Repair::write_over() {
   remark(std::string("no copy can be put in its place (") + std::strerror(errno) +
          "); it is repaired in place");

@@ -69,7 +69,7 @@ class Repair {
   static void forget_changes();
   void leave_as_it_was();
   void tell_failure(const char* state);
-  void is_repaired();
+  void note_repaired();
   void keep_kept();
 
   Check& check_;

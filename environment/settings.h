@@ -3,14 +3,16 @@
 //   const std::int64_t buffers = environment::number("ISAMBUFS", 4, 32766);
 //
 // A variable's value comes from the first of these that has one:
-//   1. the process environment, unless `ENVIGNORE` lists the name. ENVIGNORE itself is taken
-//      together from everywhere: what one source lists no other can lift.
+//   1. the process environment, unless `ENVIGNORE` lists the variable's name
 //   2. the file ".marvolen" in the home directory
 //   3. the file "etc/marvolen.rc" below `MARVOLENDIR`
 //   4. the table of known variables
-// A process that runs with more rights than its user has neither 1 nor 2.
+// `ENVIGNORE` is no such choice: the names that it lists in 1, 2 and 3 count together, so that no
+// source lifts what another one forbids. A process that runs with more rights than its user looks
+// at neither 1 nor 2, which the user could change.
 //
-// Keeps   the files are read once, when the first variable is looked up
+// Keeps   the files are read once, when the first variable is looked up; the process environment
+//         is looked at every time
 // Gives   values as text or as checked numbers. A look-up costs time: keep what it gives.
 #pragma once
 
@@ -28,10 +30,11 @@ namespace environment {
 
 struct KnownVariable {
   const char* name;
-  const char* fallback;  // null: not set
+  const char* fallback;  // its default; null: without a source it has no value
 };
 
 [[nodiscard]] std::span<const KnownVariable> known_variables();
+// Null for a name that is not known.
 [[nodiscard]] const KnownVariable* known_variable(std::string_view name);
 
 enum class Source { kNone, kFallback, kSystemFile, kUserFile, kProcess };
@@ -39,18 +42,20 @@ enum class Source { kNone, kFallback, kSystemFile, kUserFile, kProcess };
 struct Found {
   Source source = Source::kNone;
   std::string value = {};
-  int line = 0;          // in its file
-  bool ignored = false;  // ENVIGNORE hides a value of the process environment
+  int line = 0;          // in the file that has the value; 0 for other sources
+  bool ignored = false;  // the process environment has a value, but ENVIGNORE lists the name
 };
 
 class Settings {
  public:
-  // Reads the files that the process environment of the moment leads to.
+  // Reads the file that `HOME` leads to, then the one that `MARVOLENDIR` leads to. What the second
+  // lists in `ENVIGNORE` comes too late for `MARVOLENDIR` itself.
   Settings();
 
   [[nodiscard]] Found find(const std::string& name) const;
 
-  // An absent file has an empty path.
+  // A file that does not exist has its path and no settings. The user's file has no path either
+  // when `HOME` leads nowhere.
   [[nodiscard]] const SettingsFile& user_file() const { return user_file_; }
   [[nodiscard]] const SettingsFile& system_file() const { return system_file_; }
 
@@ -66,13 +71,15 @@ class Settings {
 // The process's settings, read at the first call.
 [[nodiscard]] const Settings& settings();
 
-// The value of a variable, none when it has none.
+// The value of a variable, known or not; none when no source has one.
 [[nodiscard]] std::optional<std::string> lookup(const char* name);
 
-// A known variable's value when it is a decimal number in low..high, else its default.
+// A known variable's value when it is a decimal number in low..high; else its default when that is
+// such a number; else `low`.
 [[nodiscard]] std::int64_t number(const char* name, std::int64_t low, std::int64_t high);
 
-// The number that a known variable's value begins with, in base 8, 10 or 16 by its prefix.
+// The number that a variable's value begins with, in base 8, 10 or 16 by its prefix; 0 when it
+// begins with none, or the variable has no value.
 [[nodiscard]] long leading_number(const char* name);
 
 }  // namespace environment

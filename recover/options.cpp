@@ -10,7 +10,7 @@
 namespace recover {
 namespace {
 
-constexpr int kGreatestRecord = 32511;
+constexpr int kGreatestRecord = 32511;  // the greatest length that isbuild() takes
 
 constexpr char kUsage[] =
     "usage: isrecover [-akvx] [-C FOLDER] LOG\n"
@@ -34,6 +34,7 @@ constexpr char kUsage[] =
     "Exit status: 0 all applied or listed, 1 something was left out or is damaged,\n"
     "2 stopped, or not begun.\n";
 
+// The values of options without a letter: above those of all letters.
 enum LongOnly : int { kAudit = 256 };
 
 constexpr option kLongOptions[] = {{"directory", required_argument, nullptr, 'C'},
@@ -48,6 +49,7 @@ constexpr option kLongOptions[] = {{"directory", required_argument, nullptr, 'C'
                                    {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
 
+// The argument of --length: none after a complaint.
 std::optional<TrailFormat> parse_format(std::string_view text) {
   if (text == "variable") return TrailFormat{true, kGreatestRecord};
   int length = 0;
@@ -60,7 +62,8 @@ std::optional<TrailFormat> parse_format(std::string_view text) {
   return TrailFormat{false, length};
 }
 
-// The task of one option: false after a complaint.
+// Takes the task that an option chooses: false, after a complaint, when another option has chosen
+// another one.
 bool take_task(Options& options, Task task) {
   if (options.task != Task::kReplay && options.task != task) {
     complain("a log and an audit trail are not listed together");
@@ -70,7 +73,9 @@ bool take_task(Options& options, Task task) {
   return true;
 }
 
-// One option letter: false when it makes no sense.
+// Takes one option, by its letter or its value in LongOnly: false when it makes no sense. Whoever
+// noticed that (getopt_long() for an unknown option) has complained. An assignment of true is the
+// result as well.
 bool take_option(Options& options, int letter) {
   switch (letter) {
     case 'C':
@@ -96,19 +101,20 @@ bool take_option(Options& options, int letter) {
   }
 }
 
-// What is left on the command line behind the options.
+// Takes the names behind the options: the log, the pair and perhaps its trail, or with --length the
+// trail alone. False after a complaint.
 bool take_names(Options& options, int count, char** names) {
-  const bool pair = options.task == Task::kListTrail && !options.format;
+  const bool names_pair = options.task == Task::kListTrail && !options.format;
   if (options.format && options.task != Task::kListTrail) {
     complain("--length goes with --audit");
     return false;
   }
-  if (count < 1 || count > (pair ? 2 : 1)) {
-    complain(pair ? "--audit takes a pair and at most one trail" : "one file is to be named");
+  if (count < 1 || count > (names_pair ? 2 : 1)) {
+    complain(names_pair ? "--audit takes a pair and at most one trail" : "one file is to be named");
     return false;
   }
-  std::string& first = options.format ? options.trail : options.file;
-  first = names[0];
+  std::string& first_name = options.format ? options.trail : options.file;
+  first_name = names[0];
   if (count == 2) options.trail = names[1];
   return true;
 }

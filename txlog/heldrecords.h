@@ -1,11 +1,13 @@
-// heldrecords: the records of writers inside transactions, held until the transactions end.
+// heldrecords: the log records of writers inside transactions, held until the transactions end.
 //
-// Each writer's are listed in the order of the log. What is still to be applied can also be found
-// by the file, and by the file and the record that it is about, again in the order of the log: a
-// record of another writer may say that some of it stands in the files.
+// The held records of a writer form a list in the order of the log. Those still to be applied can
+// also be found by the file, and by the file and the data record that they are about, again in the
+// order of the log: a log record of another writer may show that a held change stands in the files,
+// which is then applied first.
 //
-// Keeps   H1 finding takes steps in proportion to what is found. What a log can do to make it take
-//            more is bounded: then it is said to be exhausted
+// Keeps   H1 a search takes steps in proportion to what it finds, unless a log is made to slow it
+//            down. The steps of all searches are bounded by the number of log records read: beyond
+//            that is_exhausted() holds, searches end early, and the recovery is to stop
 //         H2 a held record costs about 64 bytes, less than most take in the log
 #pragma once
 
@@ -30,7 +32,8 @@ struct HeldList {
   HeldId last = kNoHeld;
 };
 
-// What a record is about, as far as others' records can be about the same.
+// What a log record is about. The order counts: from kOpening on a held record can be found by its
+// file, from kFile on also by what it is about.
 enum class About : std::uint8_t {
   kNothing,  // a mark
   kClosing,  // the closing of a file
@@ -43,41 +46,42 @@ struct Held {
   std::int64_t offset = 0;
   Writer* writer = nullptr;
   ReplayFile* file = nullptr;  // null: none that is known
-  std::int32_t number = 0;     // of the record
+  std::int32_t number = 0;     // of the data record
   std::uint16_t length = 0;
   About about = About::kNothing;
-  bool linked : 1 = false;
-  bool done : 1 = false;      // applied before its turn
-  bool passed : 1 = false;    // not applied at all: the file shows that it does not stand
-  bool findable : 1 = false;  // to be found by its file
-  bool chosen : 1 = false;    // while what goes first is gathered
+  bool linked : 1 = false;    // an image of the transaction; others stand however that ends
+  bool done : 1 = false;      // was applied, perhaps before its turn
+  bool passed : 1 = false;    // is never applied: the file shows that the change does not stand
+  bool findable : 1 = false;  // stands in the lists that searches walk
+  bool chosen : 1 = false;    // is among what was found, while complete() runs
 
+  // The neighbours in one list.
   struct Links {
     HeldId before = kNoHeld;
     HeldId behind = kNoHeld;
   };
-  HeldId next = kNoHeld;  // the writer's next
-  Links by_record;
-  Links by_file;
+  HeldId next = kNoHeld;  // the writer's next; once removed, the next free one
+  Links by_record;        // in its bucket, which several files and data records may share
+  Links by_file;          // in ReplayFile::linked or ReplayFile::unlinked
 };
 
-// A record that is applied, and what it can be about.
+// A log record that is to be applied, as far as a search for held ones must know it.
 struct Touch {
-  const Writer* writer = nullptr;
-  std::int64_t offset = 0;
+  const Writer* writer = nullptr;  // whose own records are not found; null: all writers' are
+  std::int64_t offset = 0;         // only what stands before this in the log is found
   ReplayFile* file = nullptr;
   About about = About::kNothing;
-  bool all_records = false;  // whatever record of the file
+  bool all_records = false;  // what is held about any data record of the file comes before it
 };
 
 class HeldRecords {
  public:
-  // Adds a record behind all others.
+  // Adds a held record, which stands behind all others in the log.
   HeldId add(const Held& held);
   Held& operator[](HeldId id) { return pool_[id]; }
-  // It is applied, or will be in its turn: it is not found any more.
+  // No search finds it any more: it is applied now, or will be in its turn.
   void hide(HeldId id);
-  // It is not to be applied at all.
+  // It is never to be applied, and no search finds it any more.
   void pass(HeldId id) {
     hide(id);
     pool_[id].passed = true;
@@ -85,18 +89,22 @@ class HeldRecords {
   void remove(HeldId id);
   [[nodiscard]] bool none_findable() const { return findable_ == 0; }
 
-  // What other writers hold about one record before the one applied, in the order of the log.
+  // The held records about data record `number` of the touch's file, in the order of the log.
   [[nodiscard]] std::vector<HeldId> about_record(const Touch& touch, std::int32_t number);
-  // The same about its file as a whole; or all that is held about the file.
+  // The held records about the file as a whole; with Touch::all_records all that are about the file
+  // or its data records, without openings, in an order that only complete() puts right.
   [[nodiscard]] std::vector<HeldId> about_file(const Touch& touch);
-  // Adds to what was found, all about one file, what goes with it: the same writers' openings of
-  // the file before, and what they did to it outside of their transactions before what was found
-  // of that. With images of a transaction that were not found, later ones of the same record wait.
+  // Adds to `found`, which is all about one file, what is to be applied with it, and sorts it in
+  // the order of the log. What is added of each writer in `found`:
+  //   - its openings of the file before its last record in `found`
+  //   - what it did to the file outside of its transaction, before the last of such records in
+  //     `found`. A change waits, though, when the writer's transaction holds an earlier image of
+  //     the same data record that is neither in `found` nor taken back
   void complete(std::vector<HeldId>& found, LogOutlook& outlook);
 
-  // One more record of the log has been read: by their number searching is bounded.
+  // Counts one more log record that was read: their number bounds the steps of searches.
   void count_record() { ++records_; }
-  // What a found record costs that must be looked into.
+  // Counts a found record whose bytes are read from the log, which costs more than a step.
   void count_look() { steps_ += kStepsPerLook; }
   [[nodiscard]] bool is_exhausted() const {
     return steps_ > kFreeSteps + kStepsPerRecord * records_;
@@ -114,6 +122,7 @@ class HeldRecords {
   void unlink(HeldList& list, HeldId id, Which which);
   HeldList& file_list(const Held& held);
   void grow();
+  // Counts one step of a search: false when the search must end.
   bool step() {
     ++steps_;
     return !is_exhausted();

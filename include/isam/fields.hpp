@@ -26,11 +26,13 @@ std::span<Byte> bytes_of_field(std::span<Byte> record, std::size_t offset, std::
   return record.subspan(offset, length);
 }
 
+// Fills the field with the text and blanks behind it.
 inline void store_text(std::span<char> field, std::string_view text) {
   if (text.size() > field.size()) throw std::length_error("zentra: text longer than its field");
   std::fill(std::copy(text.begin(), text.end(), field.begin()), field.end(), ' ');
 }
 
+// The conversions of isam.h under one name, so that Number finds that of its type.
 inline void load(const char* from, std::int16_t& value) { value = ldint(from); }
 inline void load(const char* from, std::int32_t& value) { value = ldlong(from); }
 inline void load(const char* from, double& value) { value = lddbl(from); }
@@ -40,6 +42,7 @@ inline void store(std::int32_t value, char* to) { stlong(value, to); }
 inline void store(double value, char* to) { stdbl(to, value); }
 inline void store(float value, char* to) { stfloat(to, value); }
 
+// A number at a fixed offset, stored as the key type `Type` wants it.
 template <typename Stored, int Offset, int Type>
 struct Number {
   static_assert(Offset >= 0 && Offset + int{sizeof(Stored)} <= INT16_MAX);
@@ -59,8 +62,9 @@ struct Number {
 
 }  // namespace detail
 
-// Characters, padded with blanks. Reading cuts the padding off; a text that is too long throws
-// std::length_error. All fields throw std::out_of_range where a variable record ends before them.
+// Characters, padded with blanks. get() cuts all blanks at the end off; set() throws
+// std::length_error for a text longer than the field. get() and set() of every kind of field throw
+// std::out_of_range when the record ends before the field does, as a record of variable length may.
 template <int Offset, int Length>
 struct Text {
   static_assert(Offset >= 0 && Length > 0 && Offset + Length <= INT16_MAX);
@@ -89,7 +93,11 @@ using Double = detail::Number<double, Offset, KT_DOUBLE>;
 template <int Offset>
 using Float = detail::Number<float, Offset, KT_FLOAT>;
 
-// Any of the above, or a type of the application's with the same members.
+// Any of the above, or a type of the application's with these members. A field has no state: an
+// object of it only names it, as in
+//
+//   constexpr zentra::Text<8, 24> kName;
+//   record.get(kName)
 template <typename T>
 concept Field = requires(std::span<const char> record) {
   { T::offset } -> std::convertible_to<int>;
@@ -98,10 +106,10 @@ concept Field = requires(std::span<const char> record) {
   T::get(record);
 };
 
-// A record in memory: its bytes, and its number once it has been read or added.
+// A record in memory: its bytes, and its number after File has read or added it.
 class Record {
  public:
-  // All blanks: texts are empty, numbers must be set.
+  // All bytes are blanks: a text is empty, but a number has no sensible value before set().
   explicit Record(std::size_t length) : bytes_(length, ' ') {}
 
   template <Field F>

@@ -1,4 +1,4 @@
-// locks: locks on records and files that end with their scope. Part of isam.hpp.
+// lock: locks on records and files that end with their scope. Part of isam.hpp.
 #pragma once
 
 #include "isam.h"
@@ -7,8 +7,9 @@
 
 namespace zentra {
 
-// Releases at the end of its scope all records of a file that this process has locked by reading
-// them. The file must stay open until then.
+// Takes no lock. At the end of its scope it releases the record locks that this process has in the
+// file, and a FileLock of the same file with them; records that an open transaction has changed
+// stay locked. The file must stay open until then.
 class RecordLocks {
  public:
   explicit RecordLocks(const File& file) : isfd_(file.number()) {}
@@ -20,8 +21,11 @@ class RecordLocks {
   int isfd_;
 };
 
-// Holds a lock on a whole file of Locking::kManual against other processes, if none of them has a
-// lock in it: test it before use. Its end also releases the file's record locks.
+// Locks a whole file, opened with Locking::kManual, against other processes. It does not wait: when
+// another process has a lock in the file, the object holds nothing and is false, so test it before
+// use. Its end also releases the process's record locks in the file. With Locking::kExclusive it is
+// true and does nothing; with Locking::kAutomatic it throws Error. The file must stay open until
+// its end.
 class FileLock {
  public:
   explicit FileLock(const File& file) : isfd_(file.number()), held_(islock(isfd_) == 0) {
