@@ -48,9 +48,10 @@ class KeptIndex {
   [[nodiscard]] const std::string& name() const { return name_; }
 
  private:
-  // Stores the note as an attribute of the kept file, or where that cannot be in a file beside it.
+  // Stores the undo data as an attribute of the kept file, or where that cannot be in a file of
+  // their own beside it. 0, or -1 with errno.
   [[nodiscard]] int note_undo_data();
-  // Stores it in the file beside it.
+  // Stores it in that file.
   [[nodiscard]] int note_undo_file();
 
   std::string index_;                         // path of the index
