@@ -10,7 +10,7 @@
 #include "checker/progress.h"
 #include "isam/base/errors.h"
 #include "isam/files/files.h"
-#include "isam/pool/buffers.h"
+#include "isam/pool/nodechain.h"
 #include "isam/records/datafile.h"
 #include "isam/records/varlen.h"
 
@@ -83,6 +83,18 @@ void check_records(Check& check) {
   }
 }
 
+// The rule of the list of free records, before any other use of its nodes is known.
+struct ListRule {
+  std::int32_t last;
+  UsageMap& visited;
+
+  [[nodiscard]] bool may_name(std::int32_t node) const { return node >= 1 && node <= last; }
+  [[nodiscard]] bool has_met(std::int32_t node) const { return visited.set_bit(node); }
+  [[nodiscard]] static bool is_sound(const isam::PageHold& page) {
+    return ListNode{page}.is_valid();
+  }
+};
+
 // Takes every record as present but those that the free list or the extent declares free.
 void take_records_from_free_list(Check& check) {
   if (check.datlast >= 1) check.datmap.setmap(1, check.datlast);
@@ -92,22 +104,16 @@ void take_records_from_free_list(Check& check) {
   }
   UsageMap visited;
   visited.reset(check.idxlast);
-  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
-    if (node < 1 || node > check.idxlast || visited.set_bit(node)) return;
-    const isam::PageHold page = isam::bfread(node);
-    if (!page) {
-      check.report_unreadable_node();
-      return;
-    }
-    const ListNode list{page};
-    if (!list.is_valid()) {
-      check.found(Code::kFreeRecordsUnknown, {.node = node});
-      return;
-    }
-    list.for_each_entry([&check](std::int32_t record) {
+  isam::NodeChain<ListRule> chain{dictp->d_freedata(), {check.idxlast, visited}};
+  while (const isam::PageHold page = chain.read()) {
+    ListNode{page}.for_each_entry([&check](std::int32_t record) {
       if (record >= 1 && record <= check.datlast) check.datmap.clr_bit(record);
     });
-    node = list.next();
+    chain.follow(page);
+  }
+  if (chain.end() == isam::ChainEnd::kUnreadable) check.report_unreadable_node();
+  if (chain.end() == isam::ChainEnd::kMalformed) {
+    check.found(Code::kFreeRecordsUnknown, {.node = chain.node()});
   }
 }
 

@@ -10,7 +10,7 @@
 
 #include "checker/checks.h"
 #include "common/io.h"
-#include "isam/pool/buffers.h"
+#include "isam/pool/nodechain.h"
 
 namespace checker {
 namespace {
@@ -111,26 +111,35 @@ void mark_dictionary_nodes(Check& check) {
   if (audit >= 1 && audit <= check.idxlast) check.idxmap.set_bit(audit);
 }
 
+// The rule of the chain of key descriptions: its nodes serve for nothing else.
+struct KeyNodes {
+  Check& check;
+
+  [[nodiscard]] bool may_name(std::int32_t node) const {
+    return node >= 1 && node <= check.idxlast;
+  }
+  [[nodiscard]] bool has_met(std::int32_t node) const { return check.idxmap.set_bit(node); }
+  [[nodiscard]] static bool is_sound(const isam::PageHold& /*page*/) { return true; }
+};
+
 // Follows the chain of key-description nodes and marks each as used. A node that cannot be read is
 // told and ends the walk, but not the check: when the indexes are checked it is met again.
 bool key_nodes_are_valid(Check& check) {
-  for (std::int32_t node = dictp->d_keysnode(); node != 0;) {
-    if (node < 1 || node > check.idxlast) {
-      check.found(Code::kKeyNodeBad, {.node = node});
+  isam::NodeChain<KeyNodes> nodes{dictp->d_keysnode(), {check}};
+  while (const isam::PageHold page = nodes.read()) nodes.follow(page);
+  switch (nodes.end()) {
+    case isam::ChainEnd::kOutOfRange:
+      check.found(Code::kKeyNodeBad, {.node = nodes.node()});
       return false;
-    }
-    if (check.idxmap.set_bit(node)) {
-      check.found(Code::kKeyNodeDuplicate, {.node = node});
+    case isam::ChainEnd::kMetTwice:
+      check.found(Code::kKeyNodeDuplicate, {.node = nodes.node()});
       return false;
-    }
-    const isam::PageHold page = isam::bfread(node);
-    if (!page) {
+    case isam::ChainEnd::kUnreadable:
       check.report_unreadable_node();
       return true;
-    }
-    node = common::ldlong(page.data() + isam::kLinkOffset);
+    default:
+      return true;
   }
-  return true;
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include "checker/listnode.h"
 #include "isam/base/errors.h"
 #include "isam/keys/keychain.h"
-#include "isam/pool/buffers.h"
+#include "isam/pool/nodechain.h"
 #include "isam/records/freelists.h"
 
 namespace checker {
@@ -50,66 +50,84 @@ void report_counts(Check& check, const ListCounts& counts, Code bad, Code duplic
   if (counts.missing != 0) check.found(missing, {.found = counts.missing});
 }
 
+// The rule of a free list's chain: its nodes serve for nothing else.
+struct ListRule {
+  Check& check;
+
+  [[nodiscard]] bool may_name(std::int32_t node) const {
+    return node >= 1 && node <= check.idxlast;
+  }
+  [[nodiscard]] bool has_met(std::int32_t node) const {
+    return check.idxmap2.set_bit(node) || check.idxmap.tstbit(node);
+  }
+  [[nodiscard]] static bool is_sound(const isam::PageHold& page) {
+    return ListNode{page}.is_valid();
+  }
+};
+using ListChain = isam::NodeChain<ListRule>;
+
+// Visits the entries of a list, as far as it can be followed.
+template <typename Visit>
+void walk_list(ListChain& chain, Visit visit) {
+  while (const isam::PageHold page = chain.read()) {
+    ListNode{page}.for_each_entry(visit);
+    chain.follow(page);
+  }
+}
+
+// A node that two things claim may also be a free one: both lists are in doubt.
 void both_lists_faulty(Check& check, Code code, std::int32_t node) {
   check.found(code, {.node = node});
   check.baddfree = check.badifree = Verdict::kFaulty;
 }
 
 void walk_data_list(Check& check, ListCounts& counts) {
-  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
-    if (node < 1 || node > check.idxlast)
-      return both_lists_faulty(check, Code::kRecordListNodeBad, node);
-    if (check.idxmap2.set_bit(node) || check.idxmap.tstbit(node)) {
-      return both_lists_faulty(check, Code::kRecordListNodeDuplicate, node);
-    }
-    const isam::PageHold page = isam::bfread(node);
-    if (!page) {
+  ListChain chain{dictp->d_freedata(), {check}};
+  walk_list(chain, [&](std::int32_t record) {
+    account_for_entry(record, check.datlast, check.datmap2, check.datmap, counts);
+  });
+  switch (chain.end()) {
+    case isam::ChainEnd::kOutOfRange:
+      return both_lists_faulty(check, Code::kRecordListNodeBad, chain.node());
+    case isam::ChainEnd::kMetTwice:
+      return both_lists_faulty(check, Code::kRecordListNodeDuplicate, chain.node());
+    case isam::ChainEnd::kUnreadable:
       check.report_unreadable_node();
       check.baddfree = Verdict::kFaulty;
       return;
-    }
-    const ListNode list{page};
-    if (!list.is_valid()) {
-      check.found(Code::kRecordListMalformed, {.node = node});
+    case isam::ChainEnd::kMalformed:
+      check.found(Code::kRecordListMalformed, {.node = chain.node()});
       check.baddfree = Verdict::kFaulty;
       return;
-    }
-    list.for_each_entry([&](std::int32_t record) {
-      account_for_entry(record, check.datlast, check.datmap2, check.datmap, counts);
-    });
-    node = list.next();
+    default:
+      return;
   }
 }
 
 // False when the walk ends before the list does.
 bool walk_index_list(Check& check, ListCounts& counts) {
-  for (std::int32_t node = dictp->d_freenode(); node != 0;) {
-    if (node < 1 || node > check.idxlast) {
+  ListChain chain{dictp->d_freenode(), {check}};
+  walk_list(chain, [&](std::int32_t entry) {
+    account_for_entry(entry, check.idxlast, check.idxmap2, check.idxmap, counts);
+  });
+  switch (chain.end()) {
+    case isam::ChainEnd::kOutOfRange:
       ++counts.bad;
       return false;
-    }
-    if (check.idxmap2.set_bit(node) || check.idxmap.tstbit(node)) {
+    case isam::ChainEnd::kMetTwice:
       ++counts.duplicate;
       return false;
-    }
-    const isam::PageHold page = isam::bfread(node);
-    if (!page) {
+    case isam::ChainEnd::kUnreadable:
       check.report_unreadable_node();
       check.badifree = Verdict::kFaulty;
       return false;
-    }
-    const ListNode list{page};
-    if (!list.is_valid()) {
-      check.found(Code::kNodeListMalformed, {.node = node});
+    case isam::ChainEnd::kMalformed:
+      check.found(Code::kNodeListMalformed, {.node = chain.node()});
       check.badifree = Verdict::kFaulty;
       return false;
-    }
-    list.for_each_entry([&](std::int32_t entry) {
-      account_for_entry(entry, check.idxlast, check.idxmap2, check.idxmap, counts);
-    });
-    node = list.next();
+    default:
+      return true;
   }
-  return true;
 }
 
 }  // namespace
@@ -270,10 +288,8 @@ void unmark_unused_pages(Check& check) {
 }
 
 bool mark_node_list(Check& check) {
-  std::int32_t left = dictp->d_nextnode();  // a chain has fewer nodes than there are numbers
-  for (std::int32_t node = dictp->d_freenode(); node != 0 && left > 0; --left) {
-    isam::PageHold page = isam::bfread(node);
-    if (!page) break;
+  isam::NodeChain<isam::AnyNode> chain{dictp->d_freenode(), {}};
+  while (isam::PageHold page = chain.read()) {
     const ListNode list{page};
     const int used = list.used_by_entries();
     if (page.node_type() != isam::kIndexFreeNode || page.level() != isam::kFreeLevel ||
@@ -281,7 +297,7 @@ bool mark_node_list(Check& check) {
       page.set_frame(used, isam::kIndexFreeNode, isam::kFreeLevel);
       page.modified();
     }
-    node = list.next();
+    chain.follow(page);
   }
   const bool serves = isam::free_nodes_serve();
   check.pass_over_error();

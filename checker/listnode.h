@@ -18,9 +18,6 @@ class ListNode {
     return entry_bytes_ >= 0 &&
            entry_bytes_ <= isam::list_entries_limit(isam::filep->geometry.idxsize);
   }
-  [[nodiscard]] std::int32_t next() const {
-    return common::ldlong(bytes_.data() + isam::kLinkOffset);
-  }
   // The used count that ends behind the last whole entry of a valid node.
   [[nodiscard]] int used_by_entries() const {
     return isam::kEntriesOffset + entry_bytes_ - entry_bytes_ % isam::kListEntrySize;

@@ -17,7 +17,7 @@
 #include "isam/base/errors.h"
 #include "isam/base/format.h"
 #include "isam/files/files.h"
-#include "isam/pool/buffers.h"
+#include "isam/pool/nodechain.h"
 
 namespace checker {
 namespace {
@@ -57,7 +57,7 @@ int read_carried(Check& check, int fd, Carried& carried) {
   const ssize_t got = common::read_at(fd, carried.keys, node_size);
   const int used = got < isam::kUsedBytes ? 0 : common::ldword(carried.keys.data());
   check.listener.fact(Fact::kKeyNodeSize, used);
-  const bool chained = common::ldlong(carried.keys.data() + isam::kLinkOffset) != 0;
+  const bool chained = !isam::ListLink{carried.keys.data()}.is_last();
   if (used > kCarriedBytes || chained || dictionary.d_keysnode() != 2) {
     return refuse(check, Code::kResizeKeyNodeTooBig, {.found = used});
   }

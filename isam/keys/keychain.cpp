@@ -25,23 +25,10 @@ bool well_formed(const Byte* stored, int room) {
 
 }  // namespace
 
-KeyChain::KeyChain() : node_(dictp->d_keysnode()), offset_(kEntriesOffset), mark_(node_) {}
-
-bool KeyChain::follow(std::int32_t link) {
-  if (link == mark_) return false;
-  if (++steps_ == next_mark_) {
-    mark_ = link;
-    next_mark_ *= 2;
-  }
-  node_ = link;
-  offset_ = kEntriesOffset;
-  return true;
-}
+KeyChain::KeyChain() : nodes_(dictp->d_keysnode(), AnyNode{}) {}
 
 KeyChain::Step KeyChain::next(keydescr& k) {
-  while (node_ != 0) {
-    const PageHold page = bfread(node_);
-    if (!page) return Step::kUnreadable;
+  while (const PageHold page = nodes_.read()) {
     const int end = description_end(page);
     if (offset_ < end) {
       const Byte* stored = page.data() + offset_;
@@ -50,20 +37,18 @@ KeyChain::Step KeyChain::next(keydescr& k) {
         return Step::kMalformed;
       }
       k = kyunpack(stored);
-      found_node_ = node_;
+      found_node_ = nodes_.node();
       found_offset_ = offset_;
       offset_ += common::ldword(stored);
       return Step::kFound;
     }
-    const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
-    if (link == 0) {
-      node_ = 0;
-    } else if (!follow(link)) {
-      failed(kCorrupted);
-      return Step::kMalformed;
-    }
+    nodes_.follow(page);
+    offset_ = kEntriesOffset;
   }
-  return Step::kEnd;
+  if (nodes_.end() == ChainEnd::kLast) return Step::kEnd;
+  if (nodes_.end() == ChainEnd::kUnreadable) return Step::kUnreadable;
+  failed(kCorrupted);
+  return Step::kMalformed;
 }
 
 namespace {
@@ -150,21 +135,24 @@ struct Place {
   bool fits;
 };
 
-// Goes along a chain that is known to end. 0, or -1 with iserrno.
-int find_place(int size, Place& place) {
-  place = {dictp->d_keysnode(), false};
-  while (true) {
-    const PageHold page = bfread(place.node);
-    if (!page) return -1;
-    if (page.node_type() != kServiceNode || page.level() != kKeyLevel ||
-        page.used() < kEntriesOffset) {
-      return failed(kCorrupted);
-    }
-    place.fits = page.used() + size < node_type_offset(filep->geometry.idxsize);
-    const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
-    if (place.fits || link == 0) return 0;
-    place.node = link;
+// The rule of a chain to which a description is to be added.
+struct KeyNodes : AnyNode {
+  [[nodiscard]] static bool is_sound(const PageHold& page) {
+    return page.node_type() == kServiceNode && page.level() == kKeyLevel &&
+           page.used() >= kEntriesOffset;
   }
+};
+
+// 0, or -1 with iserrno.
+int find_place(int size, Place& place) {
+  NodeChain<KeyNodes> nodes{dictp->d_keysnode(), {}};
+  while (const PageHold page = nodes.read()) {
+    place = {page.node(), page.used() + size < node_type_offset(filep->geometry.idxsize)};
+    if (place.fits) return 0;
+    nodes.follow(page);
+  }
+  if (nodes.end() == ChainEnd::kUnreadable) return -1;
+  return nodes.end() == ChainEnd::kLast && place.node != 0 ? 0 : failed(kCorrupted);
 }
 
 int append_to(std::int32_t node, const keydescr& k) {
@@ -185,7 +173,7 @@ int append_behind(std::int32_t last, const keydescr& k) {
     give_back(node);
     return -1;
   }
-  common::stlong(node, page.data() + kLinkOffset);
+  ListLink{page}.set(node);
   page.modified();
   page.release();
   return append_to(node, k);
@@ -254,6 +242,13 @@ namespace {
 
 void lay_out_key_node(PageHold& page) { page.set_frame(kEntriesOffset, kServiceNode, kKeyLevel); }
 
+// The rule of a chain in a file whose last node is `last`.
+struct NodesUpTo : AnyNode {
+  std::int32_t last;
+
+  [[nodiscard]] bool may_name(std::int32_t node) const { return node <= last; }
+};
+
 int start_chain() {
   const std::int32_t node = allocrec(FreeList::kNodes);
   if (node < 0) return -1;
@@ -269,20 +264,18 @@ int start_chain() {
 
 int kycutchain(std::int32_t real, std::int32_t last) {
   if (dictp->d_keysnode() > last) return start_chain();
-  std::int32_t left = last;  // a chain has fewer nodes than there are numbers
-  for (std::int32_t node = dictp->d_keysnode(); node != 0 && left > 0; --left) {
-    const bool missing = node > real;
-    PageHold page = missing ? bfgetclr(node) : bfread(node);
-    if (!page) {
-      clear_errors();  // of a node that has been reported
-      return 0;
-    }
-    if (missing) lay_out_key_node(page);
-    node = common::ldlong(page.data() + kLinkOffset);
-    if (node <= last) continue;
-    common::stlong(0, page.data() + kLinkOffset);
+  NodeChain<NodesUpTo> nodes{dictp->d_keysnode(), {{}, real}};
+  while (const PageHold page = nodes.read()) {
+    nodes.follow(page);
+    if (nodes.node() <= last) continue;
+    ListLink{page}.set(0);
     page.modified();
     return 0;
+  }
+  if (nodes.end() == ChainEnd::kUnreadable) clear_errors();  // of a node that has been reported
+  if (nodes.end() == ChainEnd::kOutOfRange) {
+    PageHold missing = bfgetclr(nodes.node());
+    lay_out_key_node(missing);
   }
   return 0;
 }

@@ -14,6 +14,7 @@
 
 #include "isam.h"
 #include "isam/base/format.h"
+#include "isam/pool/nodechain.h"
 
 namespace isam {
 
@@ -35,16 +36,10 @@ class KeyChain {
   [[nodiscard]] int found_offset() const { return found_offset_; }
 
  private:
-  [[nodiscard]] bool follow(std::int32_t link);
-
-  std::int32_t node_;
-  int offset_;
+  NodeChain<AnyNode> nodes_;
+  int offset_ = kEntriesOffset;
   std::int32_t found_node_ = 0;
   int found_offset_ = 0;
-  // Brent's method: a mark left behind at growing distances meets every loop.
-  std::int32_t mark_;
-  std::uint32_t steps_ = 0;
-  std::uint32_t next_mark_ = 1;
 };
 
 // With n from 1 fetches description n into `k`; with n 0 finds the description that defines the

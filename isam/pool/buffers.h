@@ -25,7 +25,7 @@
 //
 //   PageHold page = bfread(node);
 //   if (!page) return -1;               // iserrno is set
-//   common::stlong(link, page.bytes().data() + kLinkOffset);
+//   page.data()[offset] = byte;
 //   page.modified();                    // written later: on reuse of the buffer or bfflush
 //
 // `ISAMBUFS` (4 to 32766, default 16) sets the number of buffers to begin with.

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/io.h"
+#include "isam/pool/nodechain.h"
 #include "isam/pool/pool.h"
 
 namespace isam {
@@ -37,14 +38,12 @@ WriteStep step_of(const Buffer& page) {
 // The head of the list of free nodes without those that are written in step kStorageGivenUp.
 std::int32_t free_nodes_written() {
   const KeepError keep;
-  std::int32_t head = dictp->d_freenode();
-  for (std::int32_t left = dictp->d_nextnode(); head != 0 && left > 0; --left) {
-    const PageHold page = bfread(head);
-    if (!page) return 0;
+  NodeChain<AnyNode> chain{dictp->d_freenode(), {}};
+  while (const PageHold page = chain.read()) {
     if (!page.is_given_up()) break;
-    head = common::ldlong(page.data() + kLinkOffset);
+    chain.follow(page);
   }
-  return head;
+  return chain.end() == ChainEnd::kUnreadable ? 0 : chain.node();
 }
 
 }  // namespace

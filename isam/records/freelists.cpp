@@ -9,6 +9,7 @@
 #include "isam/base/errors.h"
 #include "isam/pool/buffers.h"
 #include "isam/pool/extent.h"
+#include "isam/pool/nodechain.h"
 #include "isam/records/datafile.h"
 
 namespace isam {
@@ -56,12 +57,36 @@ bool has_room(const PageHold& page) {
   return page.used() + kListEntrySize < node_type_offset(filep->geometry.idxsize);
 }
 
-bool is_list_node(FreeList list, const PageHold& page, std::int32_t node) {
+bool is_list_node(FreeList list, const PageHold& page) {
   const int entries = page.used() - kEntriesOffset;
-  const std::int32_t link = common::ldlong(page.data() + kLinkOffset);
   return page.node_type() == node_type_of(list) && page.level() == kFreeLevel && entries >= 0 &&
          entries % kListEntrySize == 0 && page.used() < node_type_offset(filep->geometry.idxsize) &&
-         (link == 0 || (in_range(FreeList::kNodes, link) && link != node));
+         ListLink{page}.is_sound(page.node(), kFirstFreeNode, dictp->d_nextnode());
+}
+
+// The rule of a free list's chain.
+struct ListRule {
+  FreeList list;
+  LoopGuard guard;
+
+  [[nodiscard]] bool may_name(std::int32_t node) const { return in_range(FreeList::kNodes, node); }
+  [[nodiscard]] bool has_met(std::int32_t node) { return guard.meets(node); }
+  [[nodiscard]] bool is_sound(const PageHold& page) const { return is_list_node(list, page); }
+};
+
+NodeChain<ListRule> chain_of(FreeList list) { return {head_of(list), ListRule{list, {}}}; }
+
+// The node behind one of a list, 0 for none.
+std::int32_t node_behind(FreeList list, const PageHold& page) {
+  NodeChain<ListRule> chain{page.node(), ListRule{list, {}}};
+  chain.follow(page);
+  return chain.node();
+}
+
+// 0 where a walk has come to the end of its list, else -1 with iserrno.
+int outcome_of(ChainEnd end) {
+  if (end == ChainEnd::kLast) return 0;
+  return end == ChainEnd::kUnreadable ? -1 : failed(kCorrupted);
 }
 
 // A list's node, checked; empty with iserrno 105 when it is not one.
@@ -71,7 +96,7 @@ PageHold list_node(FreeList list, std::int32_t node) {
     return {};
   }
   PageHold page = bfread(node);
-  if (page && !is_list_node(list, page, node)) {
+  if (page && !is_list_node(list, page)) {
     failed(kCorrupted);
     return {};
   }
@@ -119,7 +144,7 @@ std::int32_t pop_entry(FreeList list, PageHold& page) {
 // The data list's head has no entries left: its node is returned and the next one serves.
 std::int32_t pop_behind_empty_head(PageHold head) {
   const std::int32_t emptied = head.node();
-  const std::int32_t next = common::ldlong(head.data() + kLinkOffset);
+  const std::int32_t next = node_behind(FreeList::kRecords, head);
   head.release();
   if (next == 0) {
     if (freerec(emptied, FreeList::kNodes) != 0) return -1;
@@ -141,7 +166,7 @@ PageHold start_head(FreeList list, std::int32_t node) {
   PageHold page = bfgetclr(node);
   if (!page) return page;
   page.set_frame(kEntriesOffset, node_type_of(list), kFreeLevel);
-  common::stlong(head_of(list), page.data() + kLinkOffset);
+  ListLink{page}.set(head_of(list));
   set_head(list, node);
   return page;
 }
@@ -179,7 +204,7 @@ std::int32_t take(FreeList list) {
   if (!page) return -1;
   if (page.used() > kEntriesOffset) return pop_entry(list, page);
   if (list == FreeList::kRecords) return pop_behind_empty_head(std::move(page));
-  set_head(list, common::ldlong(page.data() + kLinkOffset));
+  set_head(list, node_behind(list, page));
   return head;
 }
 
@@ -206,25 +231,6 @@ std::int32_t take_unused_node() {
   }
 }
 
-// Tells a walk along a chain that it goes round: a node left behind at growing distances meets
-// every loop.
-class LoopGuard {
- public:
-  bool meets(std::int32_t node) {
-    if (node == mark_) return true;
-    if (++nodes_ == next_mark_) {
-      mark_ = node;
-      next_mark_ *= 2;
-    }
-    return false;
-  }
-
- private:
-  std::int32_t mark_ = 0;
-  std::int64_t nodes_ = 0;
-  std::int64_t next_mark_ = 1;
-};
-
 void remove_entry(PageHold& page, int offset) {
   Byte* const entry = page.data() + offset;
   const int behind = page.used() - offset - kListEntrySize;
@@ -247,34 +253,31 @@ int find_entry(const PageHold& page, std::int32_t number) {
 // 0 for the dictionary.
 int unlink_node(PageHold page, std::int32_t before) {
   const std::int32_t node = page.node();
-  const std::int32_t next = common::ldlong(page.data() + kLinkOffset);
+  const std::int32_t next = node_behind(FreeList::kRecords, page);
   page.release();
   if (before == 0) {
     set_head(FreeList::kRecords, next);
   } else {
     PageHold naming = list_node(FreeList::kRecords, before);
     if (!naming) return -1;
-    common::stlong(next, naming.data() + kLinkOffset);
+    ListLink{naming}.set(next);
     naming.modified();
   }
   return freerec(node, FreeList::kNodes);
 }
 
 int take_listed(std::int32_t number) {
-  LoopGuard guard;
+  NodeChain<ListRule> chain = chain_of(FreeList::kRecords);
   std::int32_t before = 0;
-  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
-    PageHold page = list_node(FreeList::kRecords, node);
-    if (!page) return -1;
-    if (guard.meets(node)) return failed(kCorrupted);
+  while (PageHold page = chain.read()) {
     if (const int offset = find_entry(page, number); offset >= 0) {
       remove_entry(page, offset);
       return page.used() > kEntriesOffset ? 0 : unlink_node(std::move(page), before);
     }
-    before = node;
-    node = common::ldlong(page.data() + kLinkOffset);
+    before = page.node();
+    chain.follow(page);
   }
-  return failed(kBadLogRecord);
+  return outcome_of(chain.end()) != 0 ? -1 : failed(kBadLogRecord);
 }
 
 }  // namespace
@@ -305,16 +308,14 @@ int getdatrec(std::int32_t number) {
 template <typename Look>
 static std::int32_t walk_free_records(Look look) {
   std::int32_t listed = 0;
-  LoopGuard guard;
-  for (std::int32_t node = dictp->d_freedata(); node != 0;) {
-    const PageHold page = list_node(FreeList::kRecords, node);
-    if (!page) return -1;
+  NodeChain<ListRule> chain = chain_of(FreeList::kRecords);
+  while (const PageHold page = chain.read()) {
     listed += (page.used() - kEntriesOffset) / kListEntrySize;
-    if (listed > dictp->d_nextdata() || guard.meets(node)) return failed(kCorrupted);
+    if (listed > dictp->d_nextdata()) return failed(kCorrupted);
     look(page);
-    node = common::ldlong(page.data() + kLinkOffset);
+    chain.follow(page);
   }
-  return listed;
+  return outcome_of(chain.end()) != 0 ? -1 : listed;
 }
 
 std::int32_t free_records_listed() {
@@ -343,14 +344,9 @@ int drop_returned(std::vector<std::int32_t>& numbers) {
 }
 
 bool free_nodes_serve() {
-  // A chain has fewer nodes than there are numbers.
-  std::int32_t left = dictp->d_nextnode();
-  for (std::int32_t node = dictp->d_freenode(); node != 0; --left) {
-    const PageHold page = left > 0 ? list_node(FreeList::kNodes, node) : PageHold{};
-    if (!page) return false;
-    node = common::ldlong(page.data() + kLinkOffset);
-  }
-  return true;
+  NodeChain<ListRule> chain = chain_of(FreeList::kNodes);
+  while (const PageHold page = chain.read()) chain.follow(page);
+  return outcome_of(chain.end()) == 0;
 }
 
 }  // namespace isam

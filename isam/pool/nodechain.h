@@ -1,0 +1,127 @@
+// nodechain: the one walk along nodes of which each names the next: free lists and the nodes of the
+// key descriptions.
+//
+// Needs   a rule: which numbers the chain may name, which pages it may consist of, and whether a
+//         node has been met before
+// Keeps   N1 every walk ends: no node is given twice, whatever the file says
+//         N2 only the walk follows a link (ListLink)
+// Gives   one page after the other, and why the walk ended
+// Never   sets iserrno; a page that cannot be read has
+//
+//   NodeChain<AnyNode> chain{dictp->d_freenode(), {}};
+//   while (const PageHold page = chain.read()) {
+//     ... look at the page; the walk may end here ...
+//     chain.follow(page);
+//   }
+//   if (chain.end() != ChainEnd::kLast) ...
+#pragma once
+
+#include <cstdint>
+#include <utility>
+
+#include "isam/pool/buffers.h"
+
+namespace isam {
+
+// Why a walk has ended.
+enum class ChainEnd : std::uint8_t {
+  kNotYet,
+  kLast,        // behind the last node
+  kOutOfRange,  // a link leads where the chain cannot have a node,
+  kMetTwice,    // ... or to a node that was met before
+  kUnreadable,
+  kMalformed,  // a page that is no node of such a chain
+};
+
+// Tells a walk that it goes round: a node remembered at growing distances meets every loop.
+class LoopGuard {
+ public:
+  [[nodiscard]] bool meets(std::int32_t node) {
+    if (node == remembered_) return true;
+    if (nodes_ == next_) {
+      remembered_ = node;
+      next_ = next_ == 0 ? 1 : 2 * next_;
+    }
+    ++nodes_;
+    return false;
+  }
+
+ private:
+  std::int32_t remembered_ = 0;
+  std::int64_t nodes_ = 0;
+  std::int64_t next_ = 0;  // the count of nodes at which one is remembered
+};
+
+// The rule of a chain about which nothing is known.
+struct AnyNode {
+  LoopGuard guard;
+
+  [[nodiscard]] bool may_name(std::int32_t /*node*/) const { return true; }
+  [[nodiscard]] bool has_met(std::int32_t node) { return guard.meets(node); }
+  [[nodiscard]] bool is_sound(const PageHold& /*page*/) const { return true; }
+};
+
+// The link of a node, 0 in the last one.
+class ListLink {
+ public:
+  explicit ListLink(Byte* node) : bytes_(node + kLinkOffset) {}
+  explicit ListLink(const PageHold& page) : ListLink(page.data()) {}
+
+  void set(std::int32_t node) const { common::stlong(node, bytes_); }
+  [[nodiscard]] bool is_last() const { return node() == 0; }
+  // Whether it names no node, or one from `lowest` to `highest` other than its own.
+  [[nodiscard]] bool is_sound(std::int32_t own, std::int32_t lowest, std::int32_t highest) const {
+    return is_last() || (node() >= lowest && node() <= highest && node() != own);
+  }
+
+ private:
+  template <typename Rule>
+  friend class NodeChain;
+
+  [[nodiscard]] std::int32_t node() const { return common::ldlong(bytes_); }
+
+  Byte* bytes_;
+};
+
+template <typename Rule>
+class NodeChain {
+ public:
+  NodeChain(std::int32_t head, Rule rule) : rule_(std::move(rule)) { go_to(head); }
+
+  // The page of the node that the walk stands at; empty when the walk has ended.
+  [[nodiscard]] PageHold read() {
+    if (end_ != ChainEnd::kNotYet) return {};
+    PageHold page = bfread(node_);
+    if (!page) {
+      end_ = ChainEnd::kUnreadable;
+    } else if (!rule_.is_sound(page)) {
+      end_ = ChainEnd::kMalformed;
+      page.release();
+    }
+    return page;
+  }
+  // Goes to the node behind that of the page.
+  void follow(const PageHold& page) { go_to(ListLink{page}.node()); }
+
+  // The node that the walk stands at, or that it could not go to; 0 behind the last one.
+  [[nodiscard]] std::int32_t node() const { return node_; }
+  [[nodiscard]] ChainEnd end() const { return end_; }
+
+ private:
+  void go_to(std::int32_t node) {
+    node_ = node;
+    if (node == 0) {
+      end_ = ChainEnd::kLast;
+    } else if (!rule_.may_name(node)) {
+      end_ = ChainEnd::kOutOfRange;
+    } else if (rule_.has_met(node)) {
+      end_ = ChainEnd::kMetTwice;
+    }
+  }
+
+  Rule rule_;
+  std::int32_t node_ = 0;
+  ChainEnd end_ = ChainEnd::kNotYet;
+};
+
+}  // namespace isam
