@@ -577,6 +577,33 @@ TEST_F(RefusedWrites, AreMarkedBeforeACallNeedsTheirBuffers) {
   }
 }
 
+// The leaf that the first index gives up serves the second; what the third refuses is undone, also
+// where the first then needs a node more and the disk is full.
+TEST_F(RefusedWrites, OfRoomDoNotKeepACallFromBeingUndone) {
+  alone([&] {
+    const auto record = [](int a, int b, int c) {
+      std::array<char, 3 * kGroupAt + 1> text{};
+      std::snprintf(text.data(), text.size(), "%060d%060d%060d", a, b, c);
+      return std::string(text.data());
+    };
+    keydescr key = id_key();
+    const int isfd = ::isbuild(base_.c_str(), 3 * kGroupAt, &key, ISINOUT | ISEXCLLOCK);
+    for (const int start : {kGroupAt, 2 * kGroupAt}) {
+      key.part[0].start = static_cast<std::int16_t>(start);
+      EXPECT_EQ(::isaddindex(isfd, &key), 0);
+    }
+    for (int n = 2; n <= 92; n += 2) EXPECT_EQ(::iswrite(isfd, record(n, n, n).data()), 0);
+    EXPECT_EQ(::isdelrec(isfd, 5), 0);
+    EXPECT_EQ(::isflush(isfd), 0);
+    end_of_disk = static_cast<off_t>(std::filesystem::file_size(base_ + ".idx"));
+    EXPECT_EQ(::isrewrec(isfd, 46, record(11, 33, 2).data()), -1);
+    EXPECT_EQ(::iserrno, ISEDUPLICATE);
+    end_of_disk = INT64_MAX;
+    EXPECT_EQ(::isclose(isfd), 0);
+  });
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
 TEST_F(RefusedWrites, AnotherProcessLockOfTheFileLeavesItAsItWas) {
   build(false, 20);
   alone([&] {
