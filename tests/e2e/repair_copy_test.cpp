@@ -186,6 +186,29 @@ TEST_F(RepairCopy, LeftoverOfAKilledRunGoesAndNothingElse) {
   EXPECT_EQ(others(), Names{});
 }
 
+// Names without a folder are all that is left where the folder's path is too long for the system.
+TEST_F(RepairCopy, IsMadeInAFolderThatNoPathLeadsTo) {
+  damage(spoil_index);
+  const int end = end_of(start_process([&] {
+    if (::chdir(outside_.path().c_str()) != 0) ::_exit(2);
+    const std::string deep(250, 'd');
+    for (int depth = 0; depth < 20; ++depth) {
+      if (::mkdir(deep.c_str(), 0700) != 0 || ::chdir(deep.c_str()) != 0) ::_exit(2);
+    }
+    for (const char* file : {"pair.idx", "pair.dat"}) fs::rename(folder_ + '/' + file, file);
+    write_file("x", {1, 2});
+    const std::string leftover = "pair.idx.kestro-" + std::to_string(status_of("x").st_ino);
+    fs::rename("x", leftover);
+    const RunResult run = run_program({.words = {KESTRO_PROGRAM, "-yq", "pair"}});
+    const bool good = run.status == 0 && run.err.empty() && !fs::exists(leftover);
+    fs::rename("pair.idx", idx_);
+    fs::rename("pair.dat", base_ + ".dat");
+    ::_exit(good ? 0 : 1);
+  }));
+  EXPECT_EQ(end, 0);
+  EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
 TEST_F(RepairCopy, OwnerPermissionsAndAttributesStay) {
   damage(spoil_index);
   ASSERT_EQ(::chmod(idx_.c_str(), 0642), 0);

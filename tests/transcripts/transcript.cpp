@@ -187,7 +187,9 @@ class Stage {
     std::set<std::string> all;
     for (const auto& entry : fs::directory_iterator(folder_.path())) {
       std::string name = entry.path().filename();
-      if (const std::size_t at = name.find(".kestro-"); at != name.npos) name.resize(at + 7);
+      for (const std::string_view part : {".kestro", ".idx.new"}) {
+        if (const std::size_t at = name.find(part); at != name.npos) name.resize(at + part.size());
+      }
       if (!name.ends_with(".undo")) all.insert(name);
     }
     return all;
