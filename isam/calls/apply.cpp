@@ -19,7 +19,7 @@ std::int64_t skippable_numbers = 0;
 
 namespace {
 
-int enter(int isfd) { return isenter(isfd, kToWrite | kKeptToo | kKeepAutoLock); }
+constexpr Entry kApplying{.access = Access::kToWrite, .keeps_auto_lock = true, .kept_too = true};
 
 int check_length(ConstBytes record) {
   const auto least = static_cast<std::size_t>(filep->geometry.reclen);
@@ -65,37 +65,40 @@ bool change_record(std::int32_t number, const Made& made, Change change) {
 }  // namespace
 
 int lginsert(int isfd, std::int32_t number, ConstBytes record, How how) {
-  if (enter(isfd) != 0) return -1;
+  Call call{isfd, kApplying};
+  if (!call) return -1;
   insert(number, record, how);
-  return isexit();
+  return call.end();
 }
 
 int lgdelete(int isfd, std::int32_t number, bool* absent, const Made& made) {
-  if (enter(isfd) != 0) return -1;
+  Call call{isfd, kApplying};
+  if (!call) return -1;
   const bool missing = change_record(
       number, made, [](const FoundRecord& found) { delrecord(found.number, found.bytes); });
   if (absent != nullptr) *absent = missing;
-  return isexit();
+  return call.end();
 }
 
 int lgupdate(int isfd, std::int32_t number, ConstBytes record, const Made& made) {
-  if (enter(isfd) != 0) return -1;
+  Call call{isfd, kApplying};
+  if (!call) return -1;
   if (check_length(record) == 0) {
     change_record(number, made, [&](const FoundRecord& found) {
       rewrecord(found.number, found.bytes, record, Current::kStays);
     });
   }
-  return isexit();
+  return call.end();
 }
 
 Contents lgread(int isfd, std::int32_t number) {
   const KeepError keep;
   Contents contents;
-  if (enter(isfd) != 0) return contents;
+  const Call call{isfd, kApplying};
+  if (!call) return contents;
   const FoundRecord found = getcurrent(number);
   if (found.number > 0) contents.emplace(found.bytes.begin(), found.bytes.end());
   clear_errors();
-  isexit();
   return contents;
 }
 
@@ -113,7 +116,8 @@ bool Clash::has_key(ConstBytes record) const {
 std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record) {
   const KeepError keep;
   std::vector<Clash> clashes;
-  if (enter(isfd) != 0) return clashes;
+  const Call call{isfd, kApplying};
+  if (!call) return clashes;
   const std::vector<keydescr>* const keys = check_length(record) == 0 ? file_keys() : nullptr;
   for (std::size_t i = 0; keys != nullptr && i < keys->size(); ++i) {
     const keydescr& k = (*keys)[i];
@@ -127,7 +131,6 @@ std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record) {
     clashes.push_back(clash);
   }
   clear_errors();
-  isexit();
   return clashes;
 }
 

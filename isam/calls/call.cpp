@@ -43,20 +43,20 @@ void end_other_batch(const Open& open) {
 }
 
 // An exclusive open's page could not be written since the last call.
-int tell_failed_write(int entry) {
-  if ((entry & (kKeptToo | kGoesOn)) != 0) return 0;
+int tell_failed_write(Entry entry) {
+  if (entry.kept_too || entry.goes_on) return 0;
   const FailedWrite failure = std::exchange(filep->unwritten.failed, {});
   iserrno = failure.error;
   iserrio = failure.place;
   return -1;
 }
 
-int take_file(int entry) {
+int take_file(Entry entry) {
   if (filep->locks.exclusives > 0) {
     return filep->unwritten.failed.error == 0 ? 0 : tell_failed_write(entry);
   }
   if (openp->holds_semaphore) return 0;
-  const bool shared = (entry & kShared) != 0 && batchflag == 0;
+  const bool shared = entry.shared && batchflag == 0;
   if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
   filep->unwritten.dictionary = false;
   return dictread();
@@ -94,26 +94,24 @@ int open_data() {
   return 0;
 }
 
-int release_automatic_lock(int entry) {
-  if ((openp->mode & ISAUTOLOCK) == 0 || (entry & kKeepAutoLock) != 0) return 0;
+int release_automatic_lock(Entry entry) {
+  if ((openp->mode & ISAUTOLOCK) == 0 || entry.keeps_auto_lock) return 0;
   return release_locks();
 }
 
-int enter(Open* open, int entry) {
-  if (open == nullptr || (open->kept && (entry & kKeptToo) == 0)) {
-    return refuse(nullptr);
-  }
+int enter(Open* open, Entry entry) {
+  if (open == nullptr || (open->kept && !entry.kept_too)) return refuse(nullptr);
   end_other_batch(*open);
   make_current(*open);
   const int access = open->mode + 1;
-  const int needed = entry & (kToRead | kToWrite);
+  const int needed = static_cast<int>(entry.access);
   if ((access & needed) != needed) return refuse(open);
   if (take_file(entry) != 0) return -1;
   note_beginning();
   notice_changes();
   openp->position.state = static_cast<std::uint16_t>(openp->position.state & ~kSameKeyNearby);
   bt = openp->position;
-  if ((entry & kAnyLocale) == 0 && check_locale() != 0) return -1;
+  if (!entry.any_locale && check_locale() != 0) return -1;
   return open_data() != 0 ? -1 : release_automatic_lock(entry);
 }
 
@@ -224,7 +222,7 @@ void set_status_characters() {
 
 }  // namespace
 
-int isenter(int isfd, int entry) {
+int isenter(int isfd, Entry entry) {
   know_process();
   clear_errors();
   set_status("0000");
@@ -235,11 +233,11 @@ int isenter(int isfd, int entry) {
   return -1;
 }
 
-int reread_dictionary(int entry) {
+int reread_dictionary(Entry entry) {
   if (dictread() != 0) return -1;
   note_beginning();
   notice_changes();
-  return (entry & kAnyLocale) != 0 ? 0 : check_locale();
+  return entry.any_locale ? 0 : check_locale();
 }
 
 int write_delayed() {

@@ -1,8 +1,11 @@
 // call: what every public call on an open runs inside.
 //
-//   if (isenter(isfd, kToRead) != 0) return -1;
+//   Call call{isfd, {.access = Access::kToRead}};
+//   if (!call) return -1;                          // iserrno is set
 //   ... work on the current file ...
-//   return isexit();
+//   return call.end();
+//
+// A path that returns without ending its call leaves the file all the same (~Call).
 //
 // Keeps   C1 between isenter and isexit no other process changes the file: the semaphore is held,
 //            or the file is open exclusively
@@ -21,27 +24,29 @@
 
 namespace isam {
 
-// What a call needs of its open, and how it enters.
-enum Entry : int {
-  kToLook = 0,   // neither access
-  kToRead = 1,   // the open's mode includes reading
-  kToWrite = 2,  // ... writing
-  kShared = 64,  // other processes' shared entries do not wait
-  kAnyLocale = 0x80,
-  kKeepAutoLock = 0x800,
-  kKeptToo = 0x1000,  // also an open that was closed inside a transaction
-  kGoesOn = 0x2000,   // also after a write that failed: it, or the next call, tells that
+// What a call needs its open's mode to include.
+enum class Access : std::uint8_t { kToLook = 0, kToRead = 1, kToWrite = 2, kToReadAndWrite = 3 };
+
+// How a call enters.
+struct Entry {
+  Access access = Access::kToLook;
+  bool shared = false;           // other processes' shared entries do not wait
+  bool any_locale = false;       // whatever locale the order of the file's keys needs
+  bool keeps_auto_lock = false;  // what the read before has locked stays locked
+  bool kept_too = false;         // also an open that was closed inside a transaction
+  bool goes_on = false;          // also after a write that failed: it, or the next call, tells that
 };
 
 // Consecutive calls of one open for which batch mode keeps the semaphore; 0: off, else counts.
 extern int batchflag;
 
-// Makes an open current and takes its file for one call. 0, or -1 with 101 (not open; status "4" in
-// isstat2 when it is open for another access) or whatever reading the dictionary fails with.
-int isenter(int isfd, int entry);
+// Makes an open current and takes its file for one call (Call does). 0, or -1 with 101 (not open;
+// status "4" in isstat2 when it is open for another access) or whatever reading the dictionary
+// fails with.
+int isenter(int isfd, Entry entry);
 
 // Reads the dictionary again during a call, as entering it has: 0, or -1 with iserrno.
-int reread_dictionary(int entry);
+int reread_dictionary(Entry entry);
 
 // Writes all that an exclusive open has delayed: 0, or -1 with iserrno, also for what an earlier
 // write has lost.
@@ -57,10 +62,41 @@ void forget_exclusive();
 // file now. 0, or -1 with iserrno.
 int write_handed_out();
 
-// Ends a call on the current open: raises the change stamp when a page changed, writes what must
-// be seen by other processes, sets the status characters and releases the semaphore. 0, or -1
-// when iserrno is set.
+// Ends a call on the current open (Call does): raises the change stamp when a page changed, writes
+// what must be seen by other processes, sets the status characters and releases the semaphore. 0,
+// or -1 when iserrno is set.
 int isexit();
+
+// One call on an open: enters where it is made, and leaves when it ends, at the latest with its
+// scope.
+class [[nodiscard]] Call {
+ public:
+  Call(int isfd, Entry entry) : entered_(isenter(isfd, entry) == 0) {}
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
+  ~Call() {
+    if (entered_) isexit();
+  }
+
+  // Whether it has entered. If not, iserrno and the status characters say why.
+  explicit operator bool() const { return entered_; }
+
+  // Leaves: what isexit gives.
+  [[nodiscard]] int end() {
+    entered_ = false;
+    return isexit();
+  }
+  // Leaves where the result is -1 whatever isexit gives.
+  int end_failed() {
+    static_cast<void>(end());
+    return -1;
+  }
+  // Does not leave: the open is given up, and with it all that the call did.
+  void give_up() { entered_ = false; }
+
+ private:
+  bool entered_;
+};
 
 // The current open's semaphore goes even in batch mode.
 void release_semaphore();

@@ -60,15 +60,15 @@ int close_open(Open& open) {
 
 namespace {
 
-int close_entered(Open& open) {
+int close_entered(Open& open, Call& call) {
   if (outlives_its_close(open)) {
     open.kept = true;
     txlog::append_owed();
     write_delayed();  // the process may end before the transaction
-    return isexit();
+    return call.end();
   }
   close_open(open);
-  const int result = isexit();
+  const int result = call.end();
   release_semaphore();
   const KeepError keep;
   freeopen(open);
@@ -96,8 +96,8 @@ int close_in_use(Open& open) {
   FirstFailure failure;
   if (txlog::owes_storage(open) && !outlives_its_close(open)) failure.note(txlog::free_owed(open));
   const bool shared = bfpend(*open.file) == 0 && !close_waits();
-  const int entered = isenter(isfd_of(open), kAnyLocale | kKeptToo | (shared ? kShared : kToLook));
-  failure.note(entered == 0 ? close_entered(open) : close_unentered(open));
+  Call call{isfd_of(open), {.shared = shared, .any_locale = true, .kept_too = true}};
+  failure.note(call ? close_entered(open, call) : close_unentered(open));
   return failure.tell();
 }
 

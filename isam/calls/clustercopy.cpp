@@ -66,12 +66,13 @@ class Copy {
   }
 
   int read_again(std::int32_t number) {
-    if (isenter(from_, kToRead) != 0) return -1;
+    Call call{from_, {.access = Access::kToRead}};
+    if (!call) return -1;
     const int length = dataread(number, {reinterpret_cast<Byte*>(record_.data()),
                                          static_cast<std::size_t>(filep->geometry.maxreclen)});
     if (length < 0) failed_unless_set(kCorrupted);
     isreclen = length;
-    return isexit();
+    return call.end();
   }
 
   int from_;

@@ -155,7 +155,8 @@ bool needs_locale() {
 // Enters an exclusive open to change its indexes; the position's path does not survive that.
 template <typename Change>
 int change_indexes(int isfd, keydescr* key, Change change) {
-  if (isenter(isfd, kToWrite) != 0) return -1;
+  Call call{isfd, {.access = Access::kToWrite}};
+  if (!call) return -1;
   if ((openp->mode & ISEXCLLOCK) == 0) {
     failed(kNotExclusive);
   } else if (key == nullptr) {
@@ -164,7 +165,7 @@ int change_indexes(int isfd, keydescr* key, Change change) {
     change(*key);
   }
   bt.depth = -1;
-  return isexit();
+  return call.end();
 }
 
 }  // namespace

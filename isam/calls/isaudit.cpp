@@ -86,9 +86,10 @@ using namespace isam;
 
 static int audit_call(int isfd, char* name, int mode) {
   const bool looks = mode == AUDGETNAME || mode == AUDINFO;
-  if (isenter(isfd, looks ? kToRead | kShared : kToWrite) != 0) return -1;
+  Call call{isfd, {.access = looks ? Access::kToRead : Access::kToWrite, .shared = looks}};
+  if (!call) return -1;
   txlog::run(name, mode);
-  return isexit();
+  return call.end();
 }
 
 extern "C" int isaudit(int isfd, char* name, int mode) {

@@ -102,16 +102,13 @@ int check_numbers(Open& open) {
   return -1;
 }
 
-int free_entered(Open& open) {
-  if (check_numbers(open) != 0) {
-    isexit();
-    return -1;
-  }
+int free_entered(Open& open, Call& call) {
+  if (check_numbers(open) != 0) return call.end_failed();
   const Freed freed = free_records(open);
   const bool failed = iserrno != 0;
   const bool damaged = iserrno == kCorrupted;  // and stays so
   const bool changes_stay = filep->locks.exclusives > 0 || filep->call.spilled;
-  const int result = isexit();
+  const int result = call.end();
   if (failed && (damaged || (changes_stay && freed.in_part))) strike_off_next(open, freed);
   if (result == 0 || (failed && changes_stay)) {
     strike_off(open.deleted, 0, freed.deleted);
@@ -279,8 +276,10 @@ int free_owed(Open& open) {
   open.deleted.resize(open.committed);
   int result = 0;
   while (result == 0 && owes_storage(open)) {
-    if (isenter(isfd_of(open), kToWrite | kKeptToo | kKeepAutoLock) != 0) return -1;
-    result = free_entered(open);
+    Call call{isfd_of(open),
+              {.access = Access::kToWrite, .keeps_auto_lock = true, .kept_too = true}};
+    if (!call) return -1;
+    result = free_entered(open, call);
     open.committed = open.deleted.size();
     isbatch(2);
   }

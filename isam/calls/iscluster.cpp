@@ -39,7 +39,8 @@ int end_with(std::int32_t reason) {
 
 // Whether the open may be clustered by `key`; fills what is known of the old pair.
 int look(int isfd, keydescr& key, Old& old) {
-  if (isenter(isfd, kToRead) != 0) return -1;
+  Call call{isfd, {.access = Access::kToRead}};
+  if (!call) return -1;
   if ((openp->mode & ISEXCLLOCK) == 0) {
     failed(kNotExclusive);
   } else if (dictp->d_auditnode() != 0) {
@@ -53,7 +54,7 @@ int look(int isfd, keydescr& key, Old& old) {
   old = {.isfd = isfd, .mode = openp->mode, .name = filep->name};
   old.minimum = filep->geometry.reclen;
   old.dup_width = dictp->d_dupsize();
-  return isexit() == 0 ? isdictinfo(isfd, &old.info) : -1;
+  return call.end() == 0 ? isdictinfo(isfd, &old.info) : -1;
 }
 
 keydescr key_of(const Old& old, int n, const keydescr& order) {

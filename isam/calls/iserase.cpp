@@ -151,10 +151,7 @@ static int erase_call(const char* name) {
     return -1;
   }
   std::string trail;
-  if (isenter(isfd, kToRead) == 0) {
-    trail = txlog::audit_trail_name();
-    isexit();
-  }
+  if (const Call call{isfd, {.access = Access::kToRead}}) trail = txlog::audit_trail_name();
   clear_errors();
   OpenPair& file = *open_of(isfd)->file;
   const bool gone =

@@ -6,13 +6,14 @@
 using namespace isam;
 
 static int flush_call(int isfd) {
-  if (isenter(isfd, kToRead | kGoesOn) != 0) return -1;
+  Call call{isfd, {.access = Access::kToRead, .goes_on = true}};
+  if (!call) return -1;
   if (filep->locks.exclusives > 0) {
     write_and_unmark();
   } else {
     write_delayed();
   }
-  return isexit();
+  return call.end();
 }
 
 extern "C" int isflush(int isfd) {

@@ -11,7 +11,7 @@
 namespace isam {
 namespace {
 
-constexpr int kReading = kToRead | kShared;
+constexpr Entry kReading{.access = Access::kToRead, .shared = true};
 
 int fill(dictinfo& info) {
   const std::int32_t listed = free_records_listed();
@@ -38,13 +38,14 @@ int fill(keydescr& key, int n) {
 using namespace isam;
 
 static int info_call(int isfd, dictinfo* info) {
-  if (isenter(isfd, kReading) != 0) return -1;
+  Call call{isfd, kReading};
+  if (!call) return -1;
   if (info == nullptr) {
     failed(kBadArgument);
   } else {
     static_cast<void>(fill(*info));
   }
-  return isexit();
+  return call.end();
 }
 
 extern "C" int isdictinfo(int isfd, struct dictinfo* info) {
@@ -53,13 +54,14 @@ extern "C" int isdictinfo(int isfd, struct dictinfo* info) {
 }
 
 static int key_call(int isfd, keydescr* key, int n) {
-  if (isenter(isfd, kReading) != 0) return -1;
+  Call call{isfd, kReading};
+  if (!call) return -1;
   if (key == nullptr) {
     failed(kBadArgument);
   } else {
     static_cast<void>(fill(*key, n));
   }
-  return isexit();
+  return call.end();
 }
 
 extern "C" int iskeyinfo(int isfd, struct keydescr* key, int n) {
@@ -73,7 +75,8 @@ extern "C" int isindexinfo(int isfd, void* buffer, int n) {
 }
 
 extern "C" int iststindex(int isfd, struct keydescr* key) {
-  if (isenter(isfd, kReading) != 0) return -1;
+  Call call{isfd, kReading};
+  if (!call) return -1;
   if (key == nullptr || kysearch(*key, 0) < 0) failed_unless_set(kBadKey);
-  return isexit();
+  return call.end();
 }

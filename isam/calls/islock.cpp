@@ -22,9 +22,10 @@ int lock_or_unlock(bool take) {
 using namespace isam;
 
 static int lock_call(int isfd) {
-  if (isenter(isfd, kToLook) != 0) return -1;
+  Call call{isfd, {}};
+  if (!call) return -1;
   lock_or_unlock(true);
-  return isexit();
+  return call.end();
 }
 
 extern "C" int islock(int isfd) {
@@ -32,9 +33,10 @@ extern "C" int islock(int isfd) {
 }
 
 static int unlock_call(int isfd) {
-  if (isenter(isfd, kToLook | kShared) != 0) return -1;
+  Call call{isfd, {.shared = true}};
+  if (!call) return -1;
   lock_or_unlock(false);
-  return isexit();
+  return call.end();
 }
 
 extern "C" int isunlock(int isfd) {
@@ -42,27 +44,28 @@ extern "C" int isunlock(int isfd) {
 }
 
 extern "C" int isfilelocked(int isfd, int how) {
-  if (isenter(isfd, kToLook | kShared) != 0) return -1;
+  Call call{isfd, {.shared = true}};
+  if (!call) return -1;
   bool locked = false;
   if (how == 0) {
     locked = lkrecord(kLastLockedRecord, RecordLock::kTest) != 0;
   } else {
     // Waiting with the semaphore held would keep the other process from ever unlocking.
-    isexit();
+    static_cast<void>(call.end());
     release_semaphore();
     locked = lkrecord(kLastLockedRecord, RecordLock::kWait) != 0;
     if (!locked) lkrecord(kLastLockedRecord, RecordLock::kRelease);
     set_status("0000");
   }
   clear_errors();
-  if (how == 0) isexit();
   return locked ? 1 : 0;
 }
 
 static int release_call(int isfd) {
-  if (isenter(isfd, kToLook | kShared) != 0) return -1;
+  Call call{isfd, {.shared = true}};
+  if (!call) return -1;
   release_locks();
-  return isexit();
+  return call.end();
 }
 
 extern "C" int isrelease(int isfd) {

@@ -168,7 +168,7 @@ bool was_replaced(const char* name) {
 // Until the open lock was had, an exclusive open of another process may have been there, which
 // writes its dictionary when it closes, and may have given the name to another pair, or to none: 0,
 // or -1 (with ENOENT then, and the pair is not kept at hand).
-int look_again(const char* name, int entry) {
+int look_again(const char* name, Entry entry) {
   if (filep->usecount > 1) return 0;
   if (is_pair_of(*filep, name)) return reread_dictionary(entry);
   filep->takes_no_open = true;
@@ -187,13 +187,8 @@ int look_for_mark() {
   return found > 0 && !opens_marked ? failed(kCorrupted) : std::min(found, 0);
 }
 
-int set_up(Open& open, const char* name, int mode) {
-  const int entry = (mode + 1) | kShared | kGoesOn;  // no call is refused that opens
-  if (isenter(isfd_of(open), entry) != 0) {
-    // The index that a repair has put another one in the place of is no dictionary any more.
-    const bool replaced = iserrno == kCorrupted && filep != nullptr && !is_pair_of(*filep, name);
-    return replaced ? failed_system(ENOENT) : -1;
-  }
+// Locks the pair that has been entered, and has it as the mode asks for it: 0 or -1.
+int lock_and_validate(Open& open, const char* name, int mode, Entry entry) {
   const int lock_mode = lock_mode_of(mode);
   const bool was_shared = filep->locks.exclusives == 0;
   open.mode |= lock_mode;
@@ -208,7 +203,23 @@ int set_up(Open& open, const char* name, int mode) {
   open.key = filep->cached.keys.front();
   stand_before_first();
   isreclen = filep->geometry.maxreclen;
-  return isexit();
+  return 0;
+}
+
+int set_up(Open& open, const char* name, int mode) {
+  const Entry entry{.access = static_cast<Access>((mode & 3) + 1),
+                    .shared = true,
+                    .any_locale = (mode & ISANYLENGTH) != 0,
+                    .goes_on = true};  // no call is refused that opens
+  Call call{isfd_of(open), entry};
+  if (!call) {
+    // The index that a repair has put another one in the place of is no dictionary any more.
+    const bool replaced = iserrno == kCorrupted && filep != nullptr && !is_pair_of(*filep, name);
+    return replaced ? failed_system(ENOENT) : -1;
+  }
+  if (lock_and_validate(open, name, mode, entry) == 0) return call.end();
+  call.give_up();
+  return -1;
 }
 
 // An open that was closed in this transaction and serves again; null for none.
@@ -226,7 +237,8 @@ Open* find_kept(const char* name, int mode) {
 
 int use_again(Open& open) {
   const int isfd = isfd_of(open);
-  if (isenter(isfd, kToRead | kShared | kKeptToo) != 0) return -1;
+  Call call{isfd, {.access = Access::kToRead, .shared = true, .kept_too = true}};
+  if (!call) return -1;
   const auto* keys = file_keys();
   if (keys == nullptr || keys->empty()) {
     failed_unless_set(kCorrupted);
@@ -236,7 +248,7 @@ int use_again(Open& open) {
     isreclen = filep->geometry.maxreclen;
     open.kept = false;
   }
-  return isexit() == 0 ? isfd : -1;
+  return call.end() == 0 ? isfd : -1;
 }
 
 int open_anew(const char* name, int mode) {
@@ -284,7 +296,7 @@ int close_call(int isfd) {
   know_process();
   Open* const open = open_of(isfd);
   if (open != nullptr && !open->kept) return close_in_use(*open);
-  isenter(isfd, kToLook);  // fails, and says why
+  isenter(isfd, {});  // fails, and says why
   forget_inherited(isfd);
   isstat3 = '4';
   isstat4 = '2';

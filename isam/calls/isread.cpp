@@ -120,9 +120,9 @@ Outcome read_record(Byte* record, const Request& request) {
 
 // Outside the call, so that other processes go on meanwhile. 0 when the record is worth another
 // try.
-int wait_for(std::int32_t number) {
+int wait_for(std::int32_t number, Call& call) {
   clear_errors();
-  isexit();
+  static_cast<void>(call.end());
   release_semaphore();
   if (lkrecord(number, RecordLock::kWait) != 0) {
     set_status("9090");
@@ -163,7 +163,8 @@ int start(keydescr& k, int len, const Byte* record, int mode) {
 }
 
 int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
-  if (isenter(isfd, kToRead | kShared) != 0) return refused_access('7');
+  Call call{isfd, {.access = Access::kToRead, .shared = true}};
+  if (!call) return refused_access('7');
   const int started = key == nullptr ? failed(kBadArgument)
                                      : start(*key, len, reinterpret_cast<Byte*>(record), mode);
   if (started < 0) {
@@ -172,13 +173,14 @@ int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
     bt.state = 0;
     bt.depth = -1;
   }
-  return isexit();
+  return call.end();
 }
 
 int read_call(int isfd, char* record, int mode) {
   const bool after_end = iserrno == kEndOfFile;
   while (true) {
-    if (isenter(isfd, kToRead | kShared) != 0) return refused_access('7');
+    Call call{isfd, {.access = Access::kToRead, .shared = true}};
+    if (!call) return refused_access('7');
     Request request{};
     Outcome outcome = Outcome::kFailed;
     if (record == nullptr || mode < 0) {
@@ -189,7 +191,7 @@ int read_call(int isfd, char* record, int mode) {
     const std::int32_t number = treeitem.recptr;
     if (outcome == Outcome::kFailed || outcome == Outcome::kMustWait) bt = openp->position;
     if (outcome == Outcome::kMustWait) {
-      if (wait_for(number) != 0) return -1;
+      if (wait_for(number, call) != 0) return -1;
       continue;
     }
     const bool relative = !positions_anew(request.mode);
@@ -198,7 +200,7 @@ int read_call(int isfd, char* record, int mode) {
       isstat3 = '4';
       isstat4 = '6';
     }
-    return isexit();
+    return call.end();
   }
 }
 

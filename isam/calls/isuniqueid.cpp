@@ -12,13 +12,14 @@ namespace {
 
 template <typename T>
 int tell(int isfd, T* to, T (*value)(const Dictionary&)) {
-  if (isenter(isfd, kToRead | kShared) != 0) return -1;
+  Call call{isfd, {.access = Access::kToRead, .shared = true}};
+  if (!call) return -1;
   if (to == nullptr) {
     failed(kBadArgument);
   } else {
     *to = value(*dictp);
   }
-  return isexit();
+  return call.end();
 }
 
 int log_id(std::int32_t id, bool set) {
@@ -31,7 +32,8 @@ int log_id(std::int32_t id, bool set) {
 using namespace isam;
 
 static int take_id_call(int isfd, int32_t* id) {
-  if (isenter(isfd, kToWrite) != 0) return -1;
+  Call call{isfd, {.access = Access::kToWrite}};
+  if (!call) return -1;
   if (id == nullptr) {
     failed(kBadArgument);
   } else {
@@ -43,7 +45,7 @@ static int take_id_call(int isfd, int32_t* id) {
       if (write_handed_out() != 0) dictp->set_d_uniqid(*id);
     }
   }
-  return isexit();
+  return call.end();
 }
 
 extern "C" int isuniqueid(int isfd, int32_t* id) {
@@ -55,13 +57,14 @@ extern "C" int iscurruniq(int isfd, int32_t* id) {
 }
 
 static int set_id_call(int isfd, int32_t id) {
-  if (isenter(isfd, kToWrite) != 0) return -1;
+  Call call{isfd, {.access = Access::kToWrite}};
+  if (!call) return -1;
   const std::int32_t before = dictp->d_uniqid();
   if (log_id(id, true) == 0 && before < id) {
     dictp->set_d_uniqid(id);
     if (write_handed_out() != 0) dictp->set_d_uniqid(before);
   }
-  return isexit();
+  return call.end();
 }
 
 extern "C" int issetunique(int isfd, int32_t id) {
@@ -73,9 +76,10 @@ extern "C" int isaltchk(int isfd, int32_t* count) {
 }
 
 extern "C" int isaltinc(int isfd) {
-  if (isenter(isfd, kToWrite) != 0) return -1;
+  Call call{isfd, {.access = Access::kToWrite}};
+  if (!call) return -1;
   const std::int32_t before = dictp->d_altcount();
   dictp->set_d_altcount(static_cast<std::int32_t>(static_cast<std::uint32_t>(before) + 1));
   if (write_handed_out() != 0) dictp->set_d_altcount(before);
-  return isexit();
+  return call.end();
 }

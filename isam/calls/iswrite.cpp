@@ -11,6 +11,9 @@
 namespace isam {
 namespace {
 
+constexpr Entry kChanging{.access = Access::kToWrite};
+constexpr Entry kChangingCurrent{.access = Access::kToWrite, .keeps_auto_lock = true};
+
 // The caller's record, as long as it says; none with 102.
 ConstBytes given_record(const char* record) {
   const int length = record == nullptr ? failed(kBadArgument) : isxgetlen();
@@ -19,34 +22,37 @@ ConstBytes given_record(const char* record) {
 }
 
 // Ends a call that has changed record `number`.
-int end_with(std::int32_t number) {
-  if (isexit() != 0) return -1;
+int end_with(Call& call, std::int32_t number) {
+  if (call.end() != 0) return -1;
   if (number > 0) isrecnum = number;
   return 0;
 }
 
 int write_record(int isfd, const char* record, Current current) {
-  if (isenter(isfd, kToWrite) != 0) return refused_access('8');
+  Call call{isfd, kChanging};
+  if (!call) return refused_access('8');
   const ConstBytes bytes = given_record(record);
   const std::int32_t number = bytes.empty() ? -1 : wrtrecord(bytes, current);
-  return end_with(number);
+  return end_with(call, number);
 }
 
 // Finds a record by `find`, and changes it by `change`.
 template <typename Find, typename Change>
-int change_found(Find find, Change change) {
+int change_found(Call& call, Find find, Change change) {
   const FoundRecord found = find();
   if (found.number < 0) bt = openp->position;
-  return end_with(found.number > 0 && change(found) == 0 ? found.number : -1);
+  return end_with(call, found.number > 0 && change(found) == 0 ? found.number : -1);
 }
 
 // What is current may be locked by the read before: the lock stays for the change.
 template <typename Find>
-int rewrite_found(int isfd, const char* record, Current current, Find find, int entry = kToWrite) {
-  if (isenter(isfd, entry) != 0) return refused_access('9');
+int rewrite_found(int isfd, const char* record, Current current, Find find,
+                  Entry entry = kChanging) {
+  Call call{isfd, entry};
+  if (!call) return refused_access('9');
   const ConstBytes bytes = given_record(record);
-  if (bytes.empty()) return isexit();
-  return change_found(find, [&](const FoundRecord& found) {
+  if (bytes.empty()) return call.end();
+  return change_found(call, find, [&](const FoundRecord& found) {
     return rewrecord(found.number, found.bytes, bytes, current);
   });
 }
@@ -60,9 +66,10 @@ int delete_current_or_other(const FoundRecord& found) {
 }
 
 template <typename Find>
-int delete_found(int isfd, Find find, int entry = kToWrite) {
-  if (isenter(isfd, entry) != 0) return refused_access('9');
-  return change_found(find, delete_current_or_other);
+int delete_found(int isfd, Find find, Entry entry = kChanging) {
+  Call call{isfd, entry};
+  if (!call) return refused_access('9');
+  return change_found(call, find, delete_current_or_other);
 }
 
 FoundRecord find_current_record() {
@@ -109,8 +116,7 @@ extern "C" int isrewrite(int isfd, char* record) {
 
 extern "C" int isrewcurr(int isfd, char* record) {
   return traced("isrewcurr", isfd, record, Carries::kRecord, [=] {
-    return rewrite_found(isfd, record, Current::kMoves, find_current_record,
-                         kToWrite | kKeepAutoLock);
+    return rewrite_found(isfd, record, Current::kMoves, find_current_record, kChangingCurrent);
   });
 }
 
@@ -131,7 +137,7 @@ extern "C" int isdelete(int isfd, char* record) {
 
 extern "C" int isdelcurr(int isfd) {
   return traced("isdelcurr", isfd,
-                [=] { return delete_found(isfd, find_current_record, kToWrite | kKeepAutoLock); });
+                [=] { return delete_found(isfd, find_current_record, kChangingCurrent); });
 }
 
 extern "C" int isdelrec(int isfd, int32_t recnum) {
