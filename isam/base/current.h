@@ -183,6 +183,7 @@ struct Open {
   OpenPair* file = nullptr;
   keydescr key{};     // the current index
   Position position;  // the position in it, between calls
+  Cursor cursor;      // ... and what a call works with
   // What the end of the transaction has to see to: records deleted, whose numbers and storage are
   // kept until then, and records that became shorter, which keep theirs.
   std::vector<std::int32_t> deleted;

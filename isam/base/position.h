@@ -70,6 +70,34 @@ struct Position {
   }
 
   [[nodiscard]] PathLevel& level(int of) { return path[static_cast<std::size_t>(of)]; }
+  [[nodiscard]] const PathLevel& level(int of) const { return path[static_cast<std::size_t>(of)]; }
+};
+
+// Which stored item an item in memory is, no node when it may be anything: a step forward from it
+// needs no reading of what lies before it. Valid in the file's generation, until the tree changes.
+struct ItemPlace {
+  std::uint64_t generation = 0;
+  std::int32_t node = 0;
+  int offset = 0;
+};
+
+// The leaf that a search came to, its place there, and the item that it compared last before.
+// Valid as an ItemPlace is.
+struct LastSearch {
+  std::uint64_t generation = 0;
+  std::int32_t node = 0;
+  int offset = 0;
+  int passed = 0;
+};
+
+// What a call works with in the trees of its open's file: a position, and the item read last on its
+// path. What is remembered of these is still good in the open's next call, unless the file has been
+// changed through another open since (notice_changes).
+struct Cursor {
+  Position bt;
+  Item treeitem;    // written by the functions of isam/tree/btree only, and no argument of theirs
+  ItemPlace place;  // of treeitem
+  LastSearch searched;
 };
 
 }  // namespace isam

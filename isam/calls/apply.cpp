@@ -35,10 +35,10 @@ int take_logged_number(std::int32_t number) {
   return 0;
 }
 
-int insert(std::int32_t number, ConstBytes record, How how) {
+int insert(Cursor& cursor, std::int32_t number, ConstBytes record, How how) {
   if (check_length(record) != 0) return -1;
   if (how == How::kRedo && take_logged_number(number) != 0) return -1;
-  if (wrtrecord(record, Current::kStays, number) > 0) return 0;
+  if (wrtrecord(cursor, record, Current::kStays, number) > 0) return 0;
   const KeepError keep;
   if (how == How::kRedo) freerec(number, FreeList::kRecords);
   return -1;
@@ -67,15 +67,16 @@ bool change_record(std::int32_t number, const Made& made, Change change) {
 int lginsert(int isfd, std::int32_t number, ConstBytes record, How how) {
   Call call{isfd, kApplying};
   if (!call) return -1;
-  insert(number, record, how);
+  insert(call.cursor(), number, record, how);
   return call.end();
 }
 
 int lgdelete(int isfd, std::int32_t number, bool* absent, const Made& made) {
   Call call{isfd, kApplying};
   if (!call) return -1;
-  const bool missing = change_record(
-      number, made, [](const FoundRecord& found) { delrecord(found.number, found.bytes); });
+  const bool missing = change_record(number, made, [&](const FoundRecord& found) {
+    delrecord(call.cursor(), found.number, found.bytes);
+  });
   if (absent != nullptr) *absent = missing;
   return call.end();
 }
@@ -85,7 +86,7 @@ int lgupdate(int isfd, std::int32_t number, ConstBytes record, const Made& made)
   if (!call) return -1;
   if (check_length(record) == 0) {
     change_record(number, made, [&](const FoundRecord& found) {
-      rewrecord(found.number, found.bytes, record, Current::kStays);
+      rewrecord(call.cursor(), found.number, found.bytes, record, Current::kStays);
     });
   }
   return call.end();
@@ -118,6 +119,7 @@ std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record) {
   std::vector<Clash> clashes;
   const Call call{isfd, kApplying};
   if (!call) return clashes;
+  Cursor& cursor = call.cursor();
   const std::vector<keydescr>* const keys = check_length(record) == 0 ? file_keys() : nullptr;
   for (std::size_t i = 0; keys != nullptr && i < keys->size(); ++i) {
     const keydescr& k = (*keys)[i];
@@ -125,9 +127,10 @@ std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record) {
     Clash clash{0, k, {}};
     itmake(record.data(), clash.item, k);
     Item wanted = clash.item;
-    if (btsearch(wanted, k, 0, Search::kRead) != 0 || bt.ends != kOnItem) continue;
-    if (treeitem.recptr == number || itcompare(wanted, treeitem, KeyOrder{k}) != 0) continue;
-    clash.owner = treeitem.recptr;
+    if (btsearch(cursor, wanted, k, 0, Search::kRead) != 0 || cursor.bt.ends != kOnItem) continue;
+    const Item& met = cursor.treeitem;
+    if (met.recptr == number || itcompare(wanted, met, KeyOrder{k}) != 0) continue;
+    clash.owner = met.recptr;
     clashes.push_back(clash);
   }
   clear_errors();

@@ -75,6 +75,7 @@ void notice_changes() {
   if (stamp != openp->stamp) {
     openp->stamp = stamp;
     openp->position.depth = -1;
+    openp->cursor.place = {};
   }
   if (stamp != filep->cached.stamp) {
     filep->cached.stamp = stamp;
@@ -110,7 +111,7 @@ int enter(Open* open, Entry entry) {
   note_beginning();
   notice_changes();
   openp->position.state = static_cast<std::uint16_t>(openp->position.state & ~kSameKeyNearby);
-  bt = openp->position;
+  openp->cursor.bt = openp->position;
   if (!entry.any_locale && check_locale() != 0) return -1;
   return open_data() != 0 ? -1 : release_automatic_lock(entry);
 }
@@ -118,7 +119,7 @@ int enter(Open* open, Entry entry) {
 // The changes of this call could not be written. Nothing that was read before is trusted.
 void forget_call() {
   const KeepError keep;
-  bt.depth = -1;
+  openp->cursor.bt.depth = -1;
   filep->unwritten.dictionary = false;
   if (dictread() == 0) filep->cached.stamp = openp->stamp = dictp->d_modcount();
 }
@@ -203,7 +204,8 @@ void set_status_characters() {
   };
   switch (iserrno) {
     case 0:
-      return (bt.state & kSameKeyNearby) != 0 ? set_status("0202") : set_status("0000");
+      return (openp->cursor.bt.state & kSameKeyNearby) != 0 ? set_status("0202")
+                                                            : set_status("0000");
     case kDuplicate:
       return set_status("2222");
     case kEndOfFile:
@@ -277,6 +279,7 @@ int isexit() {
   const bool undone = iserrno != 0;
   write_changes();
   if (txlog::logstate.change_logged) withdraw_unless_made(undone);
+  Position& bt = openp->cursor.bt;
   if (iserrno != 0 && !undone) {
     bt = openp->position;
     bt.depth = -1;

@@ -91,6 +91,9 @@ class [[nodiscard]] Call {
     static_cast<void>(end());
     return -1;
   }
+  // What the call works with in the trees. Its position is kept for the open's next call, if this
+  // one does not fail.
+  [[nodiscard]] Cursor& cursor() const { return openp->cursor; }
   // Does not leave: the open is given up, and with it all that the call did.
   void give_up() { entered_ = false; }
 

@@ -169,34 +169,35 @@ Bytes record_room() {
 
 }  // namespace
 
-std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given) {
+std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::int32_t given) {
   const Keys* keys = file_keys();
   if (keys == nullptr || txlog::audopen() != 0) return -1;
   std::int32_t number = 0;
   if (take_number(given, number) != 0) return -1;
-  KeptPosition position;
+  KeptPosition position{cursor};
   if (current == Current::kMoves && openp->key.nparts == 0) {
     Item item;
     item.recptr = number;
     position.move_to_new(item);
   }
-  const std::size_t added = add_items(*keys, record, number, current, position);
+  const std::size_t added = add_items(cursor, *keys, record, number, current, position);
   if (added == keys->size() && store(number, record, given > 0) == 0) {
     audit(txlog::AuditLetter::kAdded, number, record);
     return number;
   }
   position.stay();
   const KeepError keep;
-  remove_items(*keys, added, record, number);
+  remove_items(cursor, *keys, added, record, number);
   if (given == 0) give_number_back(number);
   return -1;
 }
 
-int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current current) {
+int rewrecord(Cursor& cursor, std::int32_t number, ConstBytes old, ConstBytes record,
+              Current current) {
   const Keys* keys = file_keys();
   if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
-  KeptPosition position;
-  Replacement replacement{*keys, number, old, record};
+  KeptPosition position{cursor};
+  Replacement replacement{cursor, *keys, number, old, record};
   if (replacement.run(current, position) == 0) {
     if (replace_record(number, old, record) == 0) return 0;
     replacement.undo();
@@ -205,16 +206,16 @@ int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current cu
   return -1;
 }
 
-int delrecord(std::int32_t number, ConstBytes old) {
+int delrecord(Cursor& cursor, std::int32_t number, ConstBytes old) {
   const Keys* keys = file_keys();
   if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
   if (may_be_undone() && reserve_entry(openp->deleted) != 0) return -1;
-  const KeptPosition position;
+  const KeptPosition position{cursor};
   filep->call.gives_number = true;
-  if (take_items(*keys, old, number) == 0 && remove_record(number, old) == 0) return 0;
+  if (take_items(cursor, *keys, old, number) == 0 && remove_record(number, old) == 0) return 0;
   const KeepError keep;
   const RoomIsThere its_own;
-  put_items_back(*keys, old, number);
+  put_items_back(cursor, *keys, old, number);
   return -1;
 }
 
@@ -225,7 +226,7 @@ FoundRecord with_key(const FoundRecord& found, const Item& item, const keydescr&
   return {};
 }
 
-FoundRecord getrecord(const Byte* record) {
+FoundRecord getrecord(Cursor& cursor, const Byte* record) {
   const Keys* keys = file_keys();
   if (keys == nullptr) return {};
   if (keys->empty() || keys->front().nparts == 0) {
@@ -237,10 +238,10 @@ FoundRecord getrecord(const Byte* record) {
   itmake(record, wanted, k);
   std::int32_t number = -1;
   {
-    const KeptPosition position;
-    if (btsearch(wanted, k, 0, Search::kRead) != 0) return {};
-    if (bt.ends == kOnItem && itcompare(wanted, treeitem, KeyOrder{k}) == 0) {
-      number = treeitem.recptr;
+    const KeptPosition position{cursor};
+    if (btsearch(cursor, wanted, k, 0, Search::kRead) != 0) return {};
+    if (cursor.bt.ends == kOnItem && itcompare(wanted, cursor.treeitem, KeyOrder{k}) == 0) {
+      number = cursor.treeitem.recptr;
     }
   }
   return with_key(getcurrent(number), wanted, k);

@@ -19,14 +19,15 @@ namespace isam {
 // Adds a record: its number, or -1 with 100, 105 or 107. kMoves makes it the current one. `given`
 // is the number of an absent record that it is to have, 0 for any; it stays the caller's if that
 // fails.
-std::int32_t wrtrecord(ConstBytes record, Current current, std::int32_t given = 0);
+std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::int32_t given = 0);
 
 // Replaces record `number`, which holds `old`: 0, or -1 with 100 or 107. With kMoves a changed key
 // takes the current item along.
-int rewrecord(std::int32_t number, ConstBytes old, ConstBytes record, Current current);
+int rewrecord(Cursor& cursor, std::int32_t number, ConstBytes old, ConstBytes record,
+              Current current);
 
 // Deletes record `number`, which holds `old`: 0, or -1 with 107.
-int delrecord(std::int32_t number, ConstBytes old);
+int delrecord(Cursor& cursor, std::int32_t number, ConstBytes old);
 
 // A record found to be changed, its bytes in the shared record buffer.
 struct FoundRecord {
@@ -34,7 +35,7 @@ struct FoundRecord {
   ConstBytes bytes;
 };
 // The first record with the primary key of `record`: none with 111, or 127 without a primary key.
-[[nodiscard]] FoundRecord getrecord(const Byte* record);
+[[nodiscard]] FoundRecord getrecord(Cursor& cursor, const Byte* record);
 // A record found through an item of an index, if it has that item's key: none with 105, for it is
 // not the record meant.
 [[nodiscard]] FoundRecord with_key(const FoundRecord& found, const Item& item, const keydescr& k);

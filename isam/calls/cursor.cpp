@@ -12,16 +12,16 @@ namespace {
 
 bool by_number() { return openp->key.nparts == 0; }
 
-int position_in_tree(const Byte* record, int len, ReadMode mode) {
+int position_in_tree(Cursor& cursor, const Byte* record, int len, ReadMode mode) {
   const keydescr& k = openp->key;
-  if (mode == ReadMode::kFirst) return btposition(k, Edge::kFirst);
-  if (mode == ReadMode::kLast) return btposition(k, Edge::kLast);
+  if (mode == ReadMode::kFirst) return btposition(cursor, k, Edge::kFirst);
+  if (mode == ReadMode::kLast) return btposition(cursor, k, Edge::kLast);
   Item wanted;
   itmake(record, wanted, k);
   const Search search = mode == ReadMode::kGreater ? Search::kPast : Search::kRead;
-  if (btsearch(wanted, k, len, search) != 0) return -1;
-  if (bt.ends != kOnItem) return failed(kNoRecord);
-  if (mode == ReadMode::kEqual && itcompare(wanted, treeitem, KeyOrder{k}, len) != 0) {
+  if (btsearch(cursor, wanted, k, len, search) != 0) return -1;
+  if (cursor.bt.ends != kOnItem) return failed(kNoRecord);
+  if (mode == ReadMode::kEqual && itcompare(wanted, cursor.treeitem, KeyOrder{k}, len) != 0) {
     return failed(kNoRecord);
   }
   return 0;
@@ -29,7 +29,7 @@ int position_in_tree(const Byte* record, int len, ReadMode mode) {
 
 bool past_last(std::int32_t number) { return number > dictp->d_nextdata(); }
 
-int position_by_number(ReadMode mode) {
+int position_by_number(Cursor& cursor, ReadMode mode) {
   std::int32_t number = 1;
   if (mode == ReadMode::kLast) {
     number = dictp->d_nextdata();
@@ -48,8 +48,8 @@ int position_by_number(ReadMode mode) {
     const bool edge = mode == ReadMode::kFirst || mode == ReadMode::kLast;
     if (number == 0 && !edge) return failed(kEndOfFile);
   }
-  btnumber(number);
-  if (number == 0) bt.ends = kBeforeFirst;
+  btnumber(cursor, number);
+  if (number == 0) cursor.bt.ends = kBeforeFirst;
   return 0;
 }
 
@@ -70,39 +70,40 @@ std::int32_t next_present(std::int32_t number, bool backwards) {
   return 0;
 }
 
-void take_found_item() { bt.item = treeitem; }
+void take_found_item(Cursor& cursor) { cursor.bt.item = cursor.treeitem; }
 
-void stand_before_first() {
-  bt.state = kHasCurrent;
-  bt.ends = kBeforeFirst;
-  bt.depth = -1;
-  bt.item = Item{};
+void stand_before_first(Cursor& cursor) {
+  cursor.bt.state = kHasCurrent;
+  cursor.bt.ends = kBeforeFirst;
+  cursor.bt.depth = -1;
+  cursor.bt.item = Item{};
 }
 
-int kposition(const Byte* record, int len, ReadMode mode) {
-  bt.depth = -1;
-  bt.ends = kOnItem;
-  bt.state = 0;
+int kposition(Cursor& cursor, const Byte* record, int len, ReadMode mode) {
+  cursor.bt.depth = -1;
+  cursor.bt.ends = kOnItem;
+  cursor.bt.state = 0;
   if (!positions_anew(mode)) return failed(kBadArgument);
-  const int found = by_number() ? position_by_number(mode) : position_in_tree(record, len, mode);
+  const int found =
+      by_number() ? position_by_number(cursor, mode) : position_in_tree(cursor, record, len, mode);
   if (found != 0) return -1;
-  if (bt.ends == kEmptyTree) btnumber(0);
-  take_found_item();
-  bt.state |= kHasCurrent;
+  if (cursor.bt.ends == kEmptyTree) btnumber(cursor, 0);
+  take_found_item(cursor);
+  cursor.bt.state |= kHasCurrent;
   return 0;
 }
 
-int find_current(bool again) {
-  if ((bt.state & kHasCurrent) == 0) return failed(kNoCurrent);
-  if (btcurrent(openp->key, again) != 0) return failed_unless_set(kNoCurrent);
-  if (by_number()) btnumber(bt.item.recptr);
+int find_current(Cursor& cursor, bool again) {
+  if ((cursor.bt.state & kHasCurrent) == 0) return failed(kNoCurrent);
+  if (btcurrent(cursor, openp->key, again) != 0) return failed_unless_set(kNoCurrent);
+  if (by_number()) btnumber(cursor, cursor.bt.item.recptr);
   return 0;
 }
 
-std::int32_t current_record() {
-  if (find_current(true) != 0) return -1;
-  if (bt.ends != kOnItem) return failed(kNoCurrent);
-  return bt.item.recptr;
+std::int32_t current_record(Cursor& cursor) {
+  if (find_current(cursor, true) != 0) return -1;
+  if (cursor.bt.ends != kOnItem) return failed(kNoCurrent);
+  return cursor.bt.item.recptr;
 }
 
 }  // namespace isam

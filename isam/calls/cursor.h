@@ -16,6 +16,7 @@
 #pragma once
 
 #include "isam/base/format.h"
+#include "isam/base/position.h"
 
 namespace isam {
 
@@ -37,25 +38,25 @@ enum class ReadMode : int {
 }
 
 // Makes the item found on the path current.
-void take_found_item();
+void take_found_item(Cursor& cursor);
 
 // Positions the current index by the first `len` bytes of the key in `record` (0: all of it), or by
 // isrecnum in the order of record numbers, and sets isrecnum to the record found. 0, or -1 with
 // 102, 110, 111; then there is no position.
-int kposition(const Byte* record, int len, ReadMode mode);
+int kposition(Cursor& cursor, const Byte* record, int len, ReadMode mode);
 
 // The first present record from `number` on, in one direction: its number, 0 when there is none, or
 // -1 with iserrno.
 [[nodiscard]] std::int32_t next_present(std::int32_t number, bool backwards);
 
 // Stands before the first item without looking for it.
-void stand_before_first();
+void stand_before_first(Cursor& cursor);
 
 // Finds the place of the current item again for a move, or (`again`) that very record: 0, or -1
 // with 112 when there is none.
-int find_current(bool again);
+int find_current(Cursor& cursor, bool again);
 
 // The record number of the current record, or -1 with 112 when it is not there any more.
-[[nodiscard]] std::int32_t current_record();
+[[nodiscard]] std::int32_t current_record(Cursor& cursor);
 
 }  // namespace isam

@@ -56,7 +56,7 @@ int fill_index(IndexLoad& load, const keydescr& key) {
       static_cast<void>(load.finish(key.rootnode, listener));
     }
     if (left_out) return failed(kDuplicate);
-    if (load.met_equal()) bt.state |= kSameKeyNearby;
+    if (load.met_equal()) openp->cursor.bt.state |= kSameKeyNearby;
     return all_read ? 0 : -1;
   } catch (const std::bad_alloc&) {
     return failed(kNoMemory);
@@ -141,7 +141,7 @@ int drop_index(keydescr& key) {
   if (keys == nullptr || freed != 0) return -1;
   if (kycompare(key, openp->key) == 0) {
     openp->key = keys->front();
-    stand_before_first();
+    stand_before_first(openp->cursor);
   }
   return 0;
 }
@@ -164,7 +164,7 @@ int change_indexes(int isfd, keydescr* key, Change change) {
   } else {
     change(*key);
   }
-  bt.depth = -1;
+  btchanged(call.cursor());
   return call.end();
 }
 
@@ -180,6 +180,7 @@ static int add_call(int isfd, keydescr* key) {
     } catch (const std::bad_alloc&) {
       failed(kNoMemory);  // before anything was changed
     }
+    Position& bt = openp->cursor.bt;
     const std::uint16_t nearby = bt.state & kSameKeyNearby;
     bt = openp->position;
     bt.state |= nearby;

@@ -101,7 +101,6 @@ int build_lock_mode(int mode) { return issingleuser ? ISEXCLLOCK : lock_mode_of(
 int set_up(Open& open, const char* name, const RecordLengths& lengths, keydescr& key, int mode) {
   make_current(open);
   const int lock_mode = build_lock_mode(mode);
-  bt = Position{};
   if (lksemaphore(Semaphore::kExclusive) != 0) return -1;
   open.mode |= lock_mode;
   if (lkopenlock(lock_mode) != 0) {

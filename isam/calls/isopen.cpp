@@ -201,7 +201,7 @@ int lock_and_validate(Open& open, const char* name, int mode, Entry entry) {
   if (adopt_lock_method() != 0 || check_record_format(mode) != 0 || validate() != 0) return -1;
   if (mktemprec(filep->geometry.maxreclen) != 0) return -1;
   open.key = filep->cached.keys.front();
-  stand_before_first();
+  stand_before_first(open.cursor);
   isreclen = filep->geometry.maxreclen;
   return 0;
 }
@@ -244,7 +244,7 @@ int use_again(Open& open) {
     failed_unless_set(kCorrupted);
   } else {
     open.key = keys->front();
-    stand_before_first();
+    stand_before_first(call.cursor());
     isreclen = filep->geometry.maxreclen;
     open.kept = false;
   }

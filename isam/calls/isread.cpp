@@ -40,55 +40,58 @@ Direction direction_of(ReadMode mode) {
 }
 
 // Moves to the item that a read asks for: 0, or -1.
-int go_to_item(const Byte* record, ReadMode mode) {
+int go_to_item(Cursor& cursor, const Byte* record, ReadMode mode) {
   const keydescr& k = openp->key;
   const bool in_tree = k.nparts > 0;
   if (positions_anew(mode)) {
-    if (kposition(record, 0, mode) != 0) return -1;
-    return mode == ReadMode::kLast && in_tree ? btmove(k, Direction::kPrevious) : 0;
+    if (kposition(cursor, record, 0, mode) != 0) return -1;
+    return mode == ReadMode::kLast && in_tree ? btmove(cursor, k, Direction::kPrevious) : 0;
   }
-  if (find_current(mode == ReadMode::kCurrent) != 0) return -1;
-  const bool was_read = (bt.state & kCurrentRead) != 0;
-  if (mode == ReadMode::kNext && (was_read || (bt.ends & kBeforeFirst) != 0)) {
-    return btmove(k, Direction::kNext);
+  if (find_current(cursor, mode == ReadMode::kCurrent) != 0) return -1;
+  const bool was_read = (cursor.bt.state & kCurrentRead) != 0;
+  if (mode == ReadMode::kNext && (was_read || (cursor.bt.ends & kBeforeFirst) != 0)) {
+    return btmove(cursor, k, Direction::kNext);
   }
-  if (mode == ReadMode::kPrevious && (was_read || in_tree)) return btmove(k, Direction::kPrevious);
+  if (mode == ReadMode::kPrevious && (was_read || in_tree)) {
+    return btmove(cursor, k, Direction::kPrevious);
+  }
   return 0;
 }
 
 // Moves on from an item whose record is absent: 0 or -1.
-int move_on(ReadMode mode) {
-  if (openp->key.nparts > 0) return btmove(openp->key, direction_of(mode));
+int move_on(Cursor& cursor, ReadMode mode) {
+  if (openp->key.nparts > 0) return btmove(cursor, openp->key, direction_of(mode));
   const bool backwards = goes_back(mode);
-  const std::int32_t number = next_present(treeitem.recptr + (backwards ? -1 : 1), backwards);
+  const std::int32_t number =
+      next_present(cursor.treeitem.recptr + (backwards ? -1 : 1), backwards);
   if (number < 0) return -1;
-  bt.item.recptr = number;
-  btnumber(number);
-  if (number == 0) bt.ends = backwards ? kBeforeFirst : kAfterLast;
+  cursor.bt.item.recptr = number;
+  btnumber(cursor, number);
+  if (number == 0) cursor.bt.ends = backwards ? kBeforeFirst : kAfterLast;
   return 0;
 }
 
 // Reads the record of the item, or of the next one in the direction of the read whose record is
 // present: its length, or -1.
-int read_present(Byte* record, ReadMode mode) {
+int read_present(Cursor& cursor, Byte* record, ReadMode mode) {
   WalkLimit walk;
   while (true) {
-    if (bt.ends != kOnItem) return failed(kEndOfFile);
-    const int length =
-        dataread(treeitem.recptr, {record, static_cast<std::size_t>(filep->geometry.maxreclen)});
+    if (cursor.bt.ends != kOnItem) return failed(kEndOfFile);
+    const int length = dataread(cursor.treeitem.recptr,
+                                {record, static_cast<std::size_t>(filep->geometry.maxreclen)});
     if (length >= 0) return length;
     if (iserrno != 0) return -1;
     if (mode == ReadMode::kCurrent) return failed(kNoCurrent);
     if (mode == ReadMode::kEqual) return failed(kNoRecord);
-    if (move_on(mode) != 0) return -1;
+    if (move_on(cursor, mode) != 0) return -1;
     if (walk.exceeded()) return failed(kCorrupted);
   }
 }
 
-void make_item_current() {
-  take_found_item();
-  bt.state |= kHasCurrent | kCurrentRead;
-  isrecnum = bt.item.recptr;
+void make_item_current(Cursor& cursor) {
+  take_found_item(cursor);
+  cursor.bt.state |= kHasCurrent | kCurrentRead;
+  isrecnum = cursor.bt.item.recptr;
 }
 
 // In a transaction what was only read can be released before what was changed.
@@ -98,20 +101,21 @@ LockList list_of_reads() {
 
 enum class Outcome { kRead, kFailed, kKeptPlace, kMustWait };
 
-Outcome read_record(Byte* record, const Request& request) {
-  if (go_to_item(record, request.mode) != 0) return Outcome::kFailed;
-  bt.state = static_cast<std::uint16_t>(bt.state & ~(kCurrentRead | kCurrentDeleted));
-  const int length = read_present(record, request.mode);
+Outcome read_record(Cursor& cursor, Byte* record, const Request& request) {
+  if (go_to_item(cursor, record, request.mode) != 0) return Outcome::kFailed;
+  cursor.bt.state = static_cast<std::uint16_t>(cursor.bt.state & ~(kCurrentRead | kCurrentDeleted));
+  const int length = read_present(cursor, record, request.mode);
   if (length < 0) return Outcome::kFailed;
-  if (request.lock && lkrecord(treeitem.recptr, RecordLock::kTry, list_of_reads()) != 0) {
+  if (request.lock && lkrecord(cursor.treeitem.recptr, RecordLock::kTry, list_of_reads()) != 0) {
     if (iserrno != kLocked) return Outcome::kFailed;
     if (request.wait) return Outcome::kMustWait;
     if (!request.skip && !positions_anew(request.mode)) return Outcome::kFailed;
-    make_item_current();
+    make_item_current(cursor);
     return Outcome::kKeptPlace;
   }
-  make_item_current();
-  if ((openp->key.flags & KF_DUPS) != 0 && btdups(openp->key, direction_of(request.mode)) != 0) {
+  make_item_current(cursor);
+  if ((openp->key.flags & KF_DUPS) != 0 &&
+      btdups(cursor, openp->key, direction_of(request.mode)) != 0) {
     return Outcome::kFailed;
   }
   isreclen = length;
@@ -149,7 +153,7 @@ int selected_key(keydescr& k, int len, bool edge) {
   return len >= 0 && len <= k.keylen && kyckstart(k, len) == 0 ? 0 : failed(kBadArgument);
 }
 
-int start(keydescr& k, int len, const Byte* record, int mode) {
+int start(Cursor& cursor, keydescr& k, int len, const Byte* record, int mode) {
   const auto read_mode = static_cast<ReadMode>(mode);
   const bool edge = mode == RD_FIRST || mode == RD_LAST;
   if (mode < 0 || !positions_anew(read_mode) || (!edge && record == nullptr)) {
@@ -157,21 +161,22 @@ int start(keydescr& k, int len, const Byte* record, int mode) {
   }
   if (selected_key(k, len, edge) != 0) return -1;
   openp->key = k;
-  if (kposition(record, len, read_mode) != 0) return 0;
-  isrecnum = bt.item.recptr;
+  if (kposition(cursor, record, len, read_mode) != 0) return 0;
+  isrecnum = cursor.bt.item.recptr;
   return 1;
 }
 
 int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
   Call call{isfd, {.access = Access::kToRead, .shared = true}};
   if (!call) return refused_access('7');
-  const int started = key == nullptr ? failed(kBadArgument)
-                                     : start(*key, len, reinterpret_cast<Byte*>(record), mode);
+  const int started = key == nullptr
+                          ? failed(kBadArgument)
+                          : start(call.cursor(), *key, len, reinterpret_cast<Byte*>(record), mode);
   if (started < 0) {
-    bt = openp->position;
+    call.cursor().bt = openp->position;
   } else if (started == 0) {
-    bt.state = 0;
-    bt.depth = -1;
+    call.cursor().bt.state = 0;
+    call.cursor().bt.depth = -1;
   }
   return call.end();
 }
@@ -181,15 +186,16 @@ int read_call(int isfd, char* record, int mode) {
   while (true) {
     Call call{isfd, {.access = Access::kToRead, .shared = true}};
     if (!call) return refused_access('7');
+    Cursor& cursor = call.cursor();
     Request request{};
     Outcome outcome = Outcome::kFailed;
     if (record == nullptr || mode < 0) {
       failed(kBadArgument);
     } else if (parse(mode, request) == 0) {
-      outcome = read_record(reinterpret_cast<Byte*>(record), request);
+      outcome = read_record(cursor, reinterpret_cast<Byte*>(record), request);
     }
-    const std::int32_t number = treeitem.recptr;
-    if (outcome == Outcome::kFailed || outcome == Outcome::kMustWait) bt = openp->position;
+    const std::int32_t number = cursor.treeitem.recptr;
+    if (outcome == Outcome::kFailed || outcome == Outcome::kMustWait) cursor.bt = openp->position;
     if (outcome == Outcome::kMustWait) {
       if (wait_for(number, call) != 0) return -1;
       continue;

@@ -32,15 +32,15 @@ int write_record(int isfd, const char* record, Current current) {
   Call call{isfd, kChanging};
   if (!call) return refused_access('8');
   const ConstBytes bytes = given_record(record);
-  const std::int32_t number = bytes.empty() ? -1 : wrtrecord(bytes, current);
+  const std::int32_t number = bytes.empty() ? -1 : wrtrecord(call.cursor(), bytes, current);
   return end_with(call, number);
 }
 
 // Finds a record by `find`, and changes it by `change`.
 template <typename Find, typename Change>
 int change_found(Call& call, Find find, Change change) {
-  const FoundRecord found = find();
-  if (found.number < 0) bt = openp->position;
+  const FoundRecord found = find(call.cursor());
+  if (found.number < 0) call.cursor().bt = openp->position;
   return end_with(call, found.number > 0 && change(found) == 0 ? found.number : -1);
 }
 
@@ -53,15 +53,15 @@ int rewrite_found(int isfd, const char* record, Current current, Find find,
   const ConstBytes bytes = given_record(record);
   if (bytes.empty()) return call.end();
   return change_found(call, find, [&](const FoundRecord& found) {
-    return rewrecord(found.number, found.bytes, bytes, current);
+    return rewrecord(call.cursor(), found.number, found.bytes, bytes, current);
   });
 }
 
-int delete_current_or_other(const FoundRecord& found) {
-  const bool is_current =
-      (bt.state & kHasCurrent) != 0 && bt.ends == kOnItem && bt.item.recptr == found.number;
-  if (delrecord(found.number, found.bytes) != 0) return -1;
-  if (is_current) bt.state |= kCurrentDeleted;
+int delete_current_or_other(Cursor& cursor, const FoundRecord& found) {
+  const bool is_current = (cursor.bt.state & kHasCurrent) != 0 && cursor.bt.ends == kOnItem &&
+                          cursor.bt.item.recptr == found.number;
+  if (delrecord(cursor, found.number, found.bytes) != 0) return -1;
+  if (is_current) cursor.bt.state |= kCurrentDeleted;
   return 0;
 }
 
@@ -69,19 +69,21 @@ template <typename Find>
 int delete_found(int isfd, Find find, Entry entry = kChanging) {
   Call call{isfd, entry};
   if (!call) return refused_access('9');
-  return change_found(call, find, delete_current_or_other);
+  return change_found(call, find, [&](const FoundRecord& found) {
+    return delete_current_or_other(call.cursor(), found);
+  });
 }
 
-FoundRecord find_current_record() {
-  const std::int32_t number = current_record();
+FoundRecord find_current_record(Cursor& cursor) {
+  const std::int32_t number = current_record(cursor);
   if (number < 0) return {};
   const FoundRecord found = getcurrent(number);
   if (found.number < 0 && iserrno == kNoRecord) failed(kNoCurrent);
-  return openp->key.nparts == 0 ? found : with_key(found, bt.item, openp->key);
+  return openp->key.nparts == 0 ? found : with_key(found, cursor.bt.item, openp->key);
 }
 
-FoundRecord find_by_key(const char* record) {
-  return getrecord(reinterpret_cast<const Byte*>(record));
+FoundRecord find_by_key(Cursor& cursor, const char* record) {
+  return getrecord(cursor, reinterpret_cast<const Byte*>(record));
 }
 
 }  // namespace
@@ -110,7 +112,8 @@ extern "C" int iswrcurr(int isfd, char* record) {
 
 extern "C" int isrewrite(int isfd, char* record) {
   return traced("isrewrite", isfd, record, Carries::kRecord, [=] {
-    return rewrite_found(isfd, record, Current::kStays, [&] { return find_by_key(record); });
+    return rewrite_found(isfd, record, Current::kStays,
+                         [&](Cursor& cursor) { return find_by_key(cursor, record); });
   });
 }
 
@@ -122,13 +125,14 @@ extern "C" int isrewcurr(int isfd, char* record) {
 
 extern "C" int isrewrec(int isfd, int32_t recnum, char* record) {
   return traced("isrewrec", isfd, record, Carries::kRecord, [=] {
-    return rewrite_found(isfd, record, Current::kStays, [&] { return getcurrent(recnum); });
+    return rewrite_found(isfd, record, Current::kStays,
+                         [&](Cursor&) { return getcurrent(recnum); });
   });
 }
 
 extern "C" int isdelete(int isfd, char* record) {
-  const auto find = [=] {
-    if (record != nullptr) return find_by_key(record);
+  const auto find = [=](Cursor& cursor) {
+    if (record != nullptr) return find_by_key(cursor, record);
     failed(kBadArgument);
     return FoundRecord{};
   };
@@ -142,5 +146,5 @@ extern "C" int isdelcurr(int isfd) {
 
 extern "C" int isdelrec(int isfd, int32_t recnum) {
   return traced("isdelrec", isfd,
-                [=] { return delete_found(isfd, [&] { return getcurrent(recnum); }); });
+                [=] { return delete_found(isfd, [&](Cursor&) { return getcurrent(recnum); }); });
 }

@@ -14,21 +14,21 @@ enum class Current { kStays, kMoves };
 // What changing the trees leaves of the position: it is put back, its path is no longer valid.
 class KeptPosition {
  public:
-  KeptPosition() = default;
+  explicit KeptPosition(Cursor& cursor) : bt_(cursor.bt) {}
   KeptPosition(const KeptPosition&) = delete;
   KeptPosition& operator=(const KeptPosition&) = delete;
   ~KeptPosition() {
-    bt = openp->position;
-    bt.state |= nearby_;
-    bt.depth = -1;
+    bt_ = openp->position;
+    bt_.state |= nearby_;
+    bt_.depth = -1;
     if (!moved_) return;
-    bt.item = item_;
-    bt.ends = kOnItem;
-    bt.state = static_cast<std::uint16_t>((bt.state & ~kCurrentDeleted) | moved_state_);
+    bt_.item = item_;
+    bt_.ends = kOnItem;
+    bt_.state = static_cast<std::uint16_t>((bt_.state & ~kCurrentDeleted) | moved_state_);
   }
 
   // An insertion met an equal key.
-  void note_neighbour() { nearby_ |= bt.state & kSameKeyNearby; }
+  void note_neighbour() { nearby_ |= bt_.state & kSameKeyNearby; }
   // A new record becomes current as if it had been read.
   void move_to_new(const Item& item) {
     move_to(item);
@@ -41,6 +41,7 @@ class KeptPosition {
   void stay() { moved_ = false; }
 
  private:
+  Position& bt_;
   std::uint16_t nearby_ = 0;
   std::uint16_t moved_state_ = kHasCurrent;
   bool moved_ = false;

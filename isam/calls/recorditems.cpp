@@ -18,15 +18,16 @@ void note_undone(int result) {
   if (result != 0) bfnote_failure(*filep);
 }
 
-void remove_added(const keydescr& k, ConstBytes record, std::int32_t number) {
+void remove_added(Cursor& cursor, const keydescr& k, ConstBytes record, std::int32_t number) {
   Item item = item_of(record, number, k);
-  note_undone(btdelitem(item, k));
+  note_undone(btdelitem(cursor, item, k));
 }
 
 }  // namespace
 
-void remove_items(const Keys& keys, std::size_t count, ConstBytes record, std::int32_t number) {
-  while (count > 0) remove_added(keys[--count], record, number);
+void remove_items(Cursor& cursor, const Keys& keys, std::size_t count, ConstBytes record,
+                  std::int32_t number) {
+  while (count > 0) remove_added(cursor, keys[--count], record, number);
 }
 
 namespace {
@@ -49,43 +50,43 @@ int begin_taking(const Keys& keys) {
   return 0;
 }
 
-int take_out(const Keys& keys, std::size_t index, Item& item) {
-  if (btdelitem(item, keys[index]) != 0) return -1;
+int take_out(Cursor& cursor, const Keys& keys, std::size_t index, Item& item) {
+  if (btdelitem(cursor, item, keys[index]) != 0) return -1;
   taken.push_back({index, item.dupnm});
   return 0;
 }
 
 // Puts the item taken out last back where it stood.
-void put_back_last(const Keys& keys, ConstBytes record, std::int32_t number) {
+void put_back_last(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number) {
   const keydescr& k = keys[taken.back().index];
   Item item = item_of(record, number, k);
   item.dupnm = taken.back().dupnm;
   taken.pop_back();
-  note_undone(btreturnitem(item, k));
+  note_undone(btreturnitem(cursor, item, k));
 }
 
 }  // namespace
 
-int take_items(const Keys& keys, ConstBytes record, std::int32_t number) {
+int take_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number) {
   if (begin_taking(keys) != 0) return -1;
   for (std::size_t i = 0; i < keys.size(); ++i) {
     if (keys[i].nparts == 0) continue;
     Item item = item_of(record, number, keys[i]);
-    if (take_out(keys, i, item) != 0) return -1;
+    if (take_out(cursor, keys, i, item) != 0) return -1;
   }
   return 0;
 }
 
-void put_items_back(const Keys& keys, ConstBytes record, std::int32_t number) {
-  while (!taken.empty()) put_back_last(keys, record, number);
+void put_items_back(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number) {
+  while (!taken.empty()) put_back_last(cursor, keys, record, number);
 }
 
-std::size_t add_items(const Keys& keys, ConstBytes record, std::int32_t number, Current current,
-                      KeptPosition& position) {
+std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number,
+                      Current current, KeptPosition& position) {
   std::size_t added = 0;
   for (; added < keys.size(); ++added) {
     Item item = item_of(record, number, keys[added]);
-    if (btadditem(item, keys[added]) != 0) break;
+    if (btadditem(cursor, item, keys[added]) != 0) break;
     position.note_neighbour();
     if (current == Current::kMoves && is_current_key(keys[added])) position.move_to_new(item);
   }
@@ -105,8 +106,8 @@ void Replacement::undo() {
   const RoomIsThere its_own;
   while (!taken.empty()) {
     const keydescr& k = keys_[taken.back().index];
-    put_back_last(keys_, old_, number_);
-    remove_added(k, record_, number_);
+    put_back_last(cursor_, keys_, old_, number_);
+    remove_added(cursor_, k, record_, number_);
   }
 }
 
@@ -126,14 +127,14 @@ int Replacement::change(bool dups, Current current, KeptPosition& position) {
 
 int Replacement::replace(std::size_t index, Item& old, Item& fresh) {
   const keydescr& k = keys_[index];
-  if (btadditem(fresh, k) != 0) return -1;
-  const std::uint16_t nearby = bt.state & kSameKeyNearby;
-  if (take_out(keys_, index, old) == 0) {
-    bt.state |= nearby;
+  if (btadditem(cursor_, fresh, k) != 0) return -1;
+  const std::uint16_t nearby = cursor_.bt.state & kSameKeyNearby;
+  if (take_out(cursor_, keys_, index, old) == 0) {
+    cursor_.bt.state |= nearby;
     return 0;
   }
   const KeepError keep;
-  note_undone(btdelitem(fresh, k));
+  note_undone(btdelitem(cursor_, fresh, k));
   return -1;
 }
 

@@ -24,21 +24,23 @@ inline Item item_of(ConstBytes record, std::int32_t number, const keydescr& k) {
 }
 
 // Adds a record's items to the first indexes, up to one that refuses it: how many were added.
-std::size_t add_items(const Keys& keys, ConstBytes record, std::int32_t number, Current current,
-                      KeptPosition& position);
+std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number,
+                      Current current, KeptPosition& position);
 // Removes the items that a call has added to the first `count` indexes.
-void remove_items(const Keys& keys, std::size_t count, ConstBytes record, std::int32_t number);
+void remove_items(Cursor& cursor, const Keys& keys, std::size_t count, ConstBytes record,
+                  std::int32_t number);
 
 // Takes all items of a record out: 0, or -1 at the first that cannot be, or with 116.
-int take_items(const Keys& keys, ConstBytes record, std::int32_t number);
+int take_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number);
 // Puts those that were taken out back where they stood.
-void put_items_back(const Keys& keys, ConstBytes record, std::int32_t number);
+void put_items_back(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number);
 
 // The replacement of one record's items by another's, index by index.
 class Replacement {
  public:
-  Replacement(const Keys& keys, std::int32_t number, ConstBytes old, ConstBytes record)
-      : keys_(keys), number_(number), old_(old), record_(record) {}
+  Replacement(Cursor& cursor, const Keys& keys, std::int32_t number, ConstBytes old,
+              ConstBytes record)
+      : cursor_(cursor), keys_(keys), number_(number), old_(old), record_(record) {}
 
   // 0, or -1 with everything as it was.
   int run(Current current, KeptPosition& position);
@@ -49,6 +51,7 @@ class Replacement {
   int change(bool dups, Current current, KeptPosition& position);
   int replace(std::size_t index, Item& old, Item& fresh);
 
+  Cursor& cursor_;
   const Keys& keys_;
   std::int32_t number_;
   ConstBytes old_;

@@ -5,20 +5,20 @@
 // whatever its key. A position is a path of items from the root to a leaf.
 //
 // Needs   the current file with its dictionary loaded and the semaphore held; a legal key
-//         description. A path held in `bt` (depth from 0) belongs to the tree as it is now: whoever
-//         lets the tree change sets the depth to -1.
+//         description. A path held in a cursor's `bt` (depth from 0) belongs to the tree as it is
+//         now: whoever lets the tree change sets the depth to -1.
 // Keeps   T1 the items of a node are in key order; duplicate numbers ascend within equal keys
 //         T2 the root keeps its node number for the life of the index
 //         T3 only an empty root has no items: a node that becomes empty is freed
 //         T4 a change that fails for want of a node, of room or of soundness changes nothing
-// Gives   a position (bt) and the item read last (treeitem)
+// Gives   in the caller's cursor a position (bt) and the item read last (treeitem)
 // Never   follows a damaged tree below level 19, for ever, or outside a page (105); holds more
 //         than one page while it asks for another
 //
-//   btsearch(item, k, 0, Search::kRead);
-//   while (bt.depth >= 0 && (bt.ends & kAfterLast) == 0) {
-//     use(treeitem);
-//     btmove(k, Direction::kNext);
+//   btsearch(cursor, item, k, 0, Search::kRead);
+//   while (cursor.bt.depth >= 0 && (cursor.bt.ends & kAfterLast) == 0) {
+//     use(cursor.treeitem);
+//     btmove(cursor, k, Direction::kNext);
 //   }
 #pragma once
 
@@ -28,11 +28,6 @@
 #include "isam/tree/items.h"
 
 namespace isam {
-
-// The position that the current call works with, and the item that was read last on its path.
-// treeitem is written by the functions below only, and is no argument of theirs.
-extern Position bt;
-extern Item treeitem;
 
 enum class Edge { kFirst, kLast };
 enum class Search {
@@ -46,49 +41,49 @@ enum class Direction { kNext, kPrevious };
 // All of these answer 0, or -1 with iserrno; then depth is -1.
 
 // Positions on the first item, or behind the last one, so that a move back comes to it.
-int btposition(const keydescr& k, Edge edge);
+int btposition(Cursor& cursor, const keydescr& k, Edge edge);
 
 // Positions by `item` over at most `len` bytes of its key (below 1: the whole key). Reading, a
 // duplicate number decides between equal keys. To insert, the item's duplicate number is raised
 // above that of its equals; 100 when there may be none.
-int btsearch(Item& item, const keydescr& k, int len, Search mode);
+int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode);
 
 // Where a walk to the item before the path's may begin, right after a search for `sought` over its
 // whole key.
-[[nodiscard]] WalkStart btwalkstart(const Item& sought);
+[[nodiscard]] WalkStart btwalkstart(const Cursor& cursor, const Item& sought);
 
 // Moves to the neighbour item; past the last one in that direction, `ends` says so. Without parts
 // the current record number is moved, up to the last one of the file.
-int btmove(const keydescr& k, Direction direction);
+int btmove(Cursor& cursor, const keydescr& k, Direction direction);
 
 // Makes record `number` the item read last, in the order of record numbers.
-void btnumber(std::int32_t number);
+void btnumber(Cursor& cursor, std::int32_t number);
 
 // Sets the flag kSameKeyNearby when the neighbour has the key of the item on the path, else clears
 // it. The position stays.
-int btdups(const keydescr& k, Direction direction);
+int btdups(Cursor& cursor, const keydescr& k, Direction direction);
 
 // Finds the current item again. 0 also when it is gone: then the position is on the item that
 // follows its place, and the flags kCurrentRead and kCurrentDeleted are cleared. -1 without a
 // current item, or when `again` asks for that very item and it is gone or its record was deleted.
-int btcurrent(const keydescr& k, bool again);
+int btcurrent(Cursor& cursor, const keydescr& k, bool again);
 
 // Inserts an item (key, recptr; dupnm is raised as needed). 0, or -1 with iserrno: 100 when an
 // equal key is not allowed or no duplicate number is left, 26062 when the tree is too deep, 105
 // also for an item too large for the node size. Leaves depth -1.
-int btadditem(Item& item, const keydescr& k);
+int btadditem(Cursor& cursor, Item& item, const keydescr& k);
 
 // Inserts an item that was removed with this duplicate number where it stood among its equals. 0,
 // or -1 with iserrno. Leaves depth -1.
-int btreturnitem(const Item& item, const keydescr& k);
+int btreturnitem(Cursor& cursor, const Item& item, const keydescr& k);
 
 // Removes the item with this key and recptr, whose duplicate number it leaves in `item`. 0, or -1
 // with iserrno (111 when there is none). Leaves depth -1.
-int btdelitem(Item& item, const keydescr& k);
+int btdelitem(Cursor& cursor, Item& item, const keydescr& k);
 
 // A tree was changed, or is about to be: neither the path nor what is remembered of the item read
 // last is good for anything any more, also when the change is taken back.
-void btchanged();
+void btchanged(Cursor& cursor);
 
 // Frees every node of an index, children first: it is the nodes that are recovered, the index is
 // gone. What is not a sound tree node is left alone. 0, or -1 with iserrno when something was left.

@@ -27,19 +27,22 @@ void give_back(std::int32_t node) {
 }
 
 // Whether the insertion is at the right edge of the whole tree: ascending keys.
-bool btlarge() {
-  for (int depth = 0; depth < bt.depth; ++depth) {
-    if (bt.level(depth).next != bt.level(depth).length) return false;
+bool btlarge(const Cursor& cursor) {
+  for (int depth = 0; depth < cursor.bt.depth; ++depth) {
+    if (cursor.bt.level(depth).next != cursor.bt.level(depth).length) return false;
   }
-  return bt.level(bt.depth).offset == bt.level(bt.depth).length;
+  return cursor.bt.level(cursor.bt.depth).offset == cursor.bt.level(cursor.bt.depth).length;
 }
 
 // Inserts into the nodes of the path, from the leaf up as far as nodes overflow. Everything above
 // a node has been changed before the node itself is, so that a failure leaves the tree as it was.
 class Insertion {
  public:
-  explicit Insertion(const keydescr& k)
-      : layout_(k), right_edge_(btlarge()), limit_(item_area_limit(filep->geometry.idxsize)) {}
+  Insertion(const Cursor& cursor, const keydescr& k)
+      : cursor_(cursor),
+        layout_(k),
+        right_edge_(btlarge(cursor)),
+        limit_(item_area_limit(filep->geometry.idxsize)) {}
 
   // Inserts at the path's place at `depth`: 0, or -1 with iserrno.
   int btinsert(Item& item, int depth) const;
@@ -80,6 +83,7 @@ class Insertion {
   void put_left(std::int32_t node, const Overflow& full, const Cut& cut) const;
   void put_right(std::int32_t node, const Overflow& full, const Cut& cut) const;
 
+  const Cursor& cursor_;  // on the place of the insertion
   ItemLayout layout_;
   bool right_edge_;
   int limit_;  // bytes of a node's item area
@@ -92,7 +96,7 @@ bool Insertion::plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam
   Item prev;
   item.flag = 0;
   if (pos > 0) {
-    const WalkStart start = leaf ? btwalkstart(item) : WalkStart{};
+    const WalkStart start = leaf ? btwalkstart(cursor_, item) : WalkStart{};
     if (itprevious(layout_, area, pos, prev, start) < 0) return false;
     itpress(layout_, &prev, item, Press::kAfter);
   } else {
@@ -127,7 +131,7 @@ void Insertion::weave(Bytes area, int length, int pos, const Item& item, const S
 }
 
 int Insertion::btinsert(Item& item, int depth) const {
-  const PathLevel& at = bt.level(depth);
+  const PathLevel& at = cursor_.bt.level(depth);
   std::array<Byte, kScratchSize> scratch;
   Seam seam;
   Frame frame{};
@@ -263,46 +267,47 @@ int Insertion::split_root(const Overflow& full, const Cut& cut) const {
 }
 
 // An equal item may end the leaf before the one that the search came to.
-int check_item_before(Item& item, const keydescr& k) {
-  if (bt.level(bt.depth).offset != 0 || bt.ends != kOnItem) return 0;
-  if (btmove(k, Direction::kPrevious) != 0) return -1;
-  if (bt.ends == kOnItem && itcompare(treeitem, item, KeyOrder{k}) == 0) {
+int check_item_before(Cursor& cursor, Item& item, const keydescr& k) {
+  if (cursor.bt.level(cursor.bt.depth).offset != 0 || cursor.bt.ends != kOnItem) return 0;
+  if (btmove(cursor, k, Direction::kPrevious) != 0) return -1;
+  if (cursor.bt.ends == kOnItem && itcompare(cursor.treeitem, item, KeyOrder{k}) == 0) {
     const ItemLayout layout{k};
-    if (!layout.dups || treeitem.dupnm >= layout.greatest_dupnm()) return failed(kDuplicate);
-    bt.state |= kSameKeyNearby;
-    item.dupnm = std::max(item.dupnm, treeitem.dupnm + 1);
+    if (!layout.dups || cursor.treeitem.dupnm >= layout.greatest_dupnm()) return failed(kDuplicate);
+    cursor.bt.state |= kSameKeyNearby;
+    item.dupnm = std::max(item.dupnm, cursor.treeitem.dupnm + 1);
   }
-  return btmove(k, Direction::kNext);
+  return btmove(cursor, k, Direction::kNext);
 }
 
 // Inserts at the path's place.
-int insert_here(Item item, const keydescr& k) {
-  if (bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);
-  return Insertion{k}.btinsert(item, bt.depth);
+int insert_here(const Cursor& cursor, Item item, const keydescr& k) {
+  if (cursor.bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);
+  return Insertion{cursor, k}.btinsert(item, cursor.bt.depth);
 }
 
-int add_item(Item& item, const keydescr& k) {
-  if (btsearch(item, k, 0, Search::kInsert) != 0 || check_item_before(item, k) != 0) return -1;
+int add_item(Cursor& cursor, Item& item, const keydescr& k) {
+  if (btsearch(cursor, item, k, 0, Search::kInsert) != 0) return -1;
+  if (check_item_before(cursor, item, k) != 0) return -1;
   const ItemLayout layout{k};
   if (layout.dups && item.dupnm > layout.greatest_dupnm()) return failed(kDuplicate);
-  return insert_here(item, k);
+  return insert_here(cursor, item, k);
 }
 
-int return_item(Item item, const keydescr& k) {
-  return btsearch(item, k, 0, Search::kReturn) != 0 ? -1 : insert_here(item, k);
+int return_item(Cursor& cursor, Item item, const keydescr& k) {
+  return btsearch(cursor, item, k, 0, Search::kReturn) != 0 ? -1 : insert_here(cursor, item, k);
 }
 
 }  // namespace
 
-int btadditem(Item& item, const keydescr& k) {
-  const int result = k.nparts == 0 ? 0 : add_item(item, k);
-  btchanged();
+int btadditem(Cursor& cursor, Item& item, const keydescr& k) {
+  const int result = k.nparts == 0 ? 0 : add_item(cursor, item, k);
+  btchanged(cursor);
   return result;
 }
 
-int btreturnitem(const Item& item, const keydescr& k) {
-  const int result = k.nparts == 0 ? 0 : return_item(item, k);
-  btchanged();
+int btreturnitem(Cursor& cursor, const Item& item, const keydescr& k) {
+  const int result = k.nparts == 0 ? 0 : return_item(cursor, item, k);
+  btchanged(cursor);
   return result;
 }
 

@@ -75,8 +75,9 @@ int take_out(const ItemLayout& layout, Bytes room, int length, int pos, const Wa
 }
 
 // Removes the path's item from its node at `depth`. Only the root may become empty by that.
-int remove_item(const ItemLayout& layout, int depth, const WalkStart& start = {}) {
-  const PathLevel& at = bt.level(depth);
+int remove_item(const Cursor& cursor, const ItemLayout& layout, int depth,
+                const WalkStart& start = {}) {
+  const PathLevel& at = cursor.bt.level(depth);
   TreeNode node{at.node};
   if (!node) return -1;
   if (node.length() != at.length) return failed(kCorrupted);
@@ -89,10 +90,10 @@ int remove_item(const ItemLayout& layout, int depth, const WalkStart& start = {}
 
 // The lowest level of the path whose node keeps items when those below it go, or the root; -1 with
 // iserrno.
-int lowest_level_kept(const ItemLayout& layout) {
-  int depth = bt.depth;
+int lowest_level_kept(const Cursor& cursor, const ItemLayout& layout) {
+  int depth = cursor.bt.depth;
   for (; depth > 0; --depth) {
-    const TreeNode node{bt.level(depth).node};
+    const TreeNode node{cursor.bt.level(depth).node};
     StoredItem only;
     if (!node) return -1;
     if (node.length() == 0 || !itlocate(layout, node.area(), 0, only)) return failed(kCorrupted);
@@ -113,39 +114,40 @@ int free_emptied(std::int32_t number) {
 
 // Removes the item on the path, and with it the nodes that it leaves empty. A walk to the item
 // before it may begin at `start`.
-int btremove(const ItemLayout& layout, const WalkStart& start) {
-  const int top = lowest_level_kept(layout);
+int btremove(const Cursor& cursor, const ItemLayout& layout, const WalkStart& start) {
+  const int top = lowest_level_kept(cursor, layout);
   if (top < 0) return -1;
-  if (top == bt.depth) return remove_item(layout, top, start);
+  if (top == cursor.bt.depth) return remove_item(cursor, layout, top, start);
   NodeImage before;
-  if (!before.take(bt.level(top).node) || remove_item(layout, top) != 0) return -1;
-  if (free_emptied(bt.level(bt.depth).node) != 0) {
-    before.put(bt.level(top).node);
+  if (!before.take(cursor.bt.level(top).node) || remove_item(cursor, layout, top) != 0) return -1;
+  if (free_emptied(cursor.bt.level(cursor.bt.depth).node) != 0) {
+    before.put(cursor.bt.level(top).node);
     return -1;
   }
   // A node above it that cannot be freed is lost to the file; the tree is sound without it.
   const std::int32_t error = iserrno;
-  for (int depth = bt.depth - 1; depth > top; --depth) free_emptied(bt.level(depth).node);
+  for (int depth = cursor.bt.depth - 1; depth > top; --depth)
+    free_emptied(cursor.bt.level(depth).node);
   iserrno = error;
   return 0;
 }
 
-int delete_item(Item& item, const keydescr& k) {
+int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
   Item sought = item;
-  if (btsearch(sought, k, 0, Search::kRead) != 0) return -1;
+  if (btsearch(cursor, sought, k, 0, Search::kRead) != 0) return -1;
   const KeyOrder order{k};
-  WalkStart start = bt.ends == kOnItem ? btwalkstart(sought) : WalkStart{};
+  WalkStart start = cursor.bt.ends == kOnItem ? btwalkstart(cursor, sought) : WalkStart{};
   WalkLimit walk;
-  while ((bt.ends & kAfterLast) == 0 && itcompare(treeitem, sought, order) == 0) {
-    if (treeitem.recptr == sought.recptr) {
-      item.dupnm = treeitem.dupnm;
-      return btremove(ItemLayout{k}, start);
+  while ((cursor.bt.ends & kAfterLast) == 0 && itcompare(cursor.treeitem, sought, order) == 0) {
+    if (cursor.treeitem.recptr == sought.recptr) {
+      item.dupnm = cursor.treeitem.dupnm;
+      return btremove(cursor, ItemLayout{k}, start);
     }
     if (walk.exceeded()) return failed(kCorrupted);
-    const PathLevel passed = bt.level(bt.depth);
-    if (btmove(k, Direction::kNext) != 0) return -1;
+    const PathLevel passed = cursor.bt.level(cursor.bt.depth);
+    if (btmove(cursor, k, Direction::kNext) != 0) return -1;
     // Equal keys that are not bytewise may have other bytes.
-    const bool same_node = bt.level(bt.depth).node == passed.node && order.bytewise();
+    const bool same_node = cursor.bt.level(cursor.bt.depth).node == passed.node && order.bytewise();
     start = same_node ? WalkStart{passed.offset, sought.key} : WalkStart{};
   }
   return failed(kNoRecord);
@@ -193,14 +195,13 @@ int Recovery::free_subtree(std::int32_t number, int depth) {
 
 }  // namespace
 
-int btdelitem(Item& item, const keydescr& k) {
-  const int result = k.nparts == 0 ? 0 : delete_item(item, k);
-  btchanged();
+int btdelitem(Cursor& cursor, Item& item, const keydescr& k) {
+  const int result = k.nparts == 0 ? 0 : delete_item(cursor, item, k);
+  btchanged(cursor);
   return result;
 }
 
 int btrecover(std::int32_t root, const keydescr& k) {
-  btchanged();
   return root == 0 ? 0 : Recovery{k}.free_subtree(root, 0);
 }
 

@@ -7,48 +7,27 @@
 
 namespace isam {
 
-Position bt;
-Item treeitem;
-
 namespace {
 
-// Which stored item treeitem is, no node when it may be anything: a step forward from it needs no
-// reading of what lies before it. It outlives the call, so the file's generation goes with it, and
-// every change of a tree ends it.
-struct TreeItemPlace {
-  std::uint64_t generation = 0;
-  std::int32_t node = 0;
-  int offset = 0;
-};
-TreeItemPlace treeitem_place;
-
-// The leaf that the last search came to, its place there, and the item that it compared last
-// before.
-struct LastSearch {
-  std::uint64_t generation = 0;
-  std::int32_t node = 0;
-  int offset = 0;
-  int passed = 0;
-};
-LastSearch last_search;
-
-int lost() {
-  bt.depth = -1;
+int lost(Cursor& cursor) {
+  cursor.bt.depth = -1;
   return -1;
 }
 
-int lost(Code code) {
+int lost(Cursor& cursor, Code code) {
   failed(code);
-  return lost();
+  return lost(cursor);
 }
 
-void clear_state(int flags) { bt.state = static_cast<std::uint16_t>(bt.state & ~flags); }
+void clear_state(Cursor& cursor, int flags) {
+  cursor.bt.state = static_cast<std::uint16_t>(cursor.bt.state & ~flags);
+}
 
 // The path has come to the leaf's item at `offset`, which treeitem now is.
-void arrived(PathLevel& leaf, int offset, int next) {
+void arrived(Cursor& cursor, PathLevel& leaf, int offset, int next) {
   leaf.offset = offset;
   leaf.next = next;
-  treeitem_place = {filep->cached.generation, leaf.node, offset};
+  cursor.place = {filep->cached.generation, leaf.node, offset};
 }
 
 std::int32_t child_before(ConstBytes area, int end) {
@@ -64,19 +43,19 @@ bool has_neighbour(const PathLevel& level, Direction direction) {
 }
 
 // Reads a node into the path. Below the root an empty one is damage.
-TreeNode node_at(int depth, std::int32_t number) {
+TreeNode node_at(Cursor& cursor, int depth, std::int32_t number) {
   TreeNode node{number};
   if (!node) {
-    lost();
+    lost(cursor);
     return node;
   }
   const bool too_deep = depth >= kMaxTreeLevels - 1 && !node.is_leaf();
   const bool astray = node.length() == 0 && (depth > 0 || !node.is_leaf());
   if (too_deep || astray) {
-    lost(kCorrupted);
+    lost(cursor, kCorrupted);
     return TreeNode{};
   }
-  bt.level(depth) = {number, 0, 0, node.length()};
+  cursor.bt.level(depth) = {number, 0, 0, node.length()};
   return node;
 }
 
@@ -86,70 +65,74 @@ void stand_outside(PathLevel& level, Direction direction) {
 }
 
 // Steps to the neighbour item within an upper node: its child, or -1.
-std::int32_t step_above(const ItemLayout& layout, ConstBytes area, PathLevel& level,
+std::int32_t step_above(Cursor& cursor, const ItemLayout& layout, ConstBytes area, PathLevel& level,
                         Direction direction) {
   if (direction == Direction::kNext) {
     StoredItem stored;
-    if (!itlocate(layout, area, level.next, stored)) return lost(kCorrupted);
+    if (!itlocate(layout, area, level.next, stored)) return lost(cursor, kCorrupted);
     level.offset = level.next;
     level.next = stored.end;
   } else {
     const int start = itbefore(layout, area, level.offset);
-    if (start < 0) return lost(kCorrupted);
+    if (start < 0) return lost(cursor, kCorrupted);
     level.next = level.offset;
     level.offset = start;
   }
   return child_before(area, level.next);
 }
 
-bool treeitem_is_at(const PathLevel& leaf) {
-  return treeitem_place.node == leaf.node && treeitem_place.offset == leaf.offset &&
-         treeitem_place.generation == filep->cached.generation;
+bool treeitem_is_at(const Cursor& cursor, const PathLevel& leaf) {
+  return cursor.place.node == leaf.node && cursor.place.offset == leaf.offset &&
+         cursor.place.generation == filep->cached.generation;
 }
 
 // Steps to the neighbour item within a leaf and unpacks it into treeitem.
-int step_in_leaf(const ItemLayout& layout, ConstBytes area, PathLevel& leaf, Direction direction) {
-  const bool known = treeitem_is_at(leaf);
-  treeitem_place = {};
+int step_in_leaf(Cursor& cursor, const ItemLayout& layout, ConstBytes area, PathLevel& leaf,
+                 Direction direction) {
+  const bool known = treeitem_is_at(cursor, leaf);
+  cursor.place = {};
   if (direction == Direction::kPrevious) {
-    const int start = itprevious(layout, area, leaf.offset, treeitem);
-    if (start < 0) return lost(kCorrupted);
-    arrived(leaf, start, leaf.offset);
+    const int start = itprevious(layout, area, leaf.offset, cursor.treeitem);
+    if (start < 0) return lost(cursor, kCorrupted);
+    arrived(cursor, leaf, start, leaf.offset);
     return 0;
   }
   const int pos = leaf.next;
-  if (pos > 0 && !known && itprevious(layout, area, pos, treeitem) < 0) return lost(kCorrupted);
-  const int next = itunpack(layout, area, pos, pos > 0 ? treeitem.key : kNoKey, treeitem);
-  if (next < 0) return lost(kCorrupted);
-  arrived(leaf, pos, next);
+  if (pos > 0 && !known && itprevious(layout, area, pos, cursor.treeitem) < 0) {
+    return lost(cursor, kCorrupted);
+  }
+  const int next =
+      itunpack(layout, area, pos, pos > 0 ? cursor.treeitem.key : kNoKey, cursor.treeitem);
+  if (next < 0) return lost(cursor, kCorrupted);
+  arrived(cursor, leaf, pos, next);
   return 0;
 }
 
 // Goes down from node `number` at level `depth` of the path to the outermost item of a leaf, which
 // lies at `leaf_depth` unless that is below 0.
-int descend(const ItemLayout& layout, std::int32_t number, int depth, int leaf_depth,
-            Direction direction) {
+int descend(Cursor& cursor, const ItemLayout& layout, std::int32_t number, int depth,
+            int leaf_depth, Direction direction) {
   for (;; ++depth) {
-    const TreeNode node = node_at(depth, number);
+    const TreeNode node = node_at(cursor, depth, number);
     if (!node) return -1;
-    if (leaf_depth >= 0 && node.is_leaf() != (depth == leaf_depth)) return lost(kCorrupted);
-    PathLevel& level = bt.level(depth);
+    if (leaf_depth >= 0 && node.is_leaf() != (depth == leaf_depth)) return lost(cursor, kCorrupted);
+    PathLevel& level = cursor.bt.level(depth);
     stand_outside(level, direction);
     if (node.is_leaf()) {
-      bt.depth = depth;
-      if (level.length > 0) return step_in_leaf(layout, node.area(), level, direction);
-      bt.ends = kEmptyTree;
+      cursor.bt.depth = depth;
+      if (level.length > 0) return step_in_leaf(cursor, layout, node.area(), level, direction);
+      cursor.bt.ends = kEmptyTree;
       return 0;
     }
-    number = step_above(layout, node.area(), level, direction);
+    number = step_above(cursor, layout, node.area(), level, direction);
     if (number < 0) return -1;
   }
 }
 
 // There is no item in this direction: the path stands beside the outermost one.
-int stop_at_end(Direction direction) {
-  PathLevel& leaf = bt.level(bt.depth);
-  bt.ends = end_towards(direction);
+int stop_at_end(Cursor& cursor, Direction direction) {
+  PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
+  cursor.bt.ends = end_towards(direction);
   if (direction == Direction::kNext) {
     leaf.offset = leaf.length;
   } else {
@@ -162,177 +145,179 @@ int stop_at_end(Direction direction) {
 int refresh_dictionary() { return filep->unwritten.dictionary ? 0 : dictread(); }
 
 // Moves the number of a key without parts. Past an end it stands one beyond.
-int move_number(Direction direction) {
-  std::int32_t& number = bt.item.recptr;
-  bt.ends = kOnItem;
+int move_number(Cursor& cursor, Direction direction) {
+  std::int32_t& number = cursor.bt.item.recptr;
+  cursor.bt.ends = kOnItem;
   if (direction == Direction::kPrevious) {
     number = number > 1 ? number - 1 : 0;
-    if (number == 0) bt.ends = kBeforeFirst;
+    if (number == 0) cursor.bt.ends = kBeforeFirst;
   } else {
     if (number < INT32_MAX) ++number;
     if (number > dictp->d_nextdata() && refresh_dictionary() != 0) return -1;
-    if (number > dictp->d_nextdata()) bt.ends = kAfterLast;
+    if (number > dictp->d_nextdata()) cursor.bt.ends = kAfterLast;
   }
-  btnumber(number);
+  btnumber(cursor, number);
   return 0;
 }
 
 // Reads the item on the path into treeitem.
-int read_item(const ItemLayout& layout) {
-  const PathLevel& leaf = bt.level(bt.depth);
-  if (treeitem_is_at(leaf)) return 0;
-  treeitem_place = {};
+int read_item(Cursor& cursor, const ItemLayout& layout) {
+  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
+  if (treeitem_is_at(cursor, leaf)) return 0;
+  cursor.place = {};
   const TreeNode node{leaf.node};
-  if (!node) return lost();
+  if (!node) return lost(cursor);
   if (node.length() != leaf.length ||
-      itprevious(layout, node.area(), leaf.next, treeitem) != leaf.offset) {
-    return lost(kCorrupted);
+      itprevious(layout, node.area(), leaf.next, cursor.treeitem) != leaf.offset) {
+    return lost(cursor, kCorrupted);
   }
-  treeitem_place = {filep->cached.generation, leaf.node, leaf.offset};
+  cursor.place = {filep->cached.generation, leaf.node, leaf.offset};
   return 0;
 }
 
 // Whether the item on the path is one of two neighbours in a leaf of which the later stores no key.
-int read_repeat_bit(Direction direction, bool& repeats) {
-  const PathLevel& leaf = bt.level(bt.depth);
+int read_repeat_bit(Cursor& cursor, Direction direction, bool& repeats) {
+  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
   const TreeNode node{leaf.node};
-  if (!node) return lost();
-  if (node.length() != leaf.length) return lost(kCorrupted);
+  if (!node) return lost(cursor);
+  if (node.length() != leaf.length) return lost(cursor, kCorrupted);
   const int between = direction == Direction::kNext ? leaf.next : leaf.offset;
   repeats = (node.area().data()[between - kRecordPointerSize] & kRepeatBit) != 0;
   return 0;
 }
 
 // Goes to the neighbour and back to see whether it has the same key.
-int compare_neighbour(const keydescr& k, Direction direction, bool& same) {
-  if (read_item(ItemLayout{k}) != 0) return -1;
-  const Item here = treeitem;
-  if (btmove(k, direction) != 0) return -1;
-  same = bt.ends == kOnItem && itcompare(treeitem, here, KeyOrder{k}) == 0;
-  return btmove(k, direction == Direction::kNext ? Direction::kPrevious : Direction::kNext);
+int compare_neighbour(Cursor& cursor, const keydescr& k, Direction direction, bool& same) {
+  if (read_item(cursor, ItemLayout{k}) != 0) return -1;
+  const Item here = cursor.treeitem;
+  if (btmove(cursor, k, direction) != 0) return -1;
+  same = cursor.bt.ends == kOnItem && itcompare(cursor.treeitem, here, KeyOrder{k}) == 0;
+  return btmove(cursor, k, direction == Direction::kNext ? Direction::kPrevious : Direction::kNext);
 }
 
 // Takes a position beside the items up again. In a tree that was empty it is before the first.
-int stand_at_end_again(const keydescr& k) {
-  if (bt.ends == kAfterLast) return btposition(k, Edge::kLast);
-  if (btposition(k, Edge::kFirst) != 0) return -1;
-  return bt.ends == kOnItem ? stop_at_end(Direction::kPrevious) : 0;
+int stand_at_end_again(Cursor& cursor, const keydescr& k) {
+  if (cursor.bt.ends == kAfterLast) return btposition(cursor, k, Edge::kLast);
+  if (btposition(cursor, k, Edge::kFirst) != 0) return -1;
+  return cursor.bt.ends == kOnItem ? stop_at_end(cursor, Direction::kPrevious) : 0;
 }
 
-bool is_current(const Item& item, const keydescr& k) {
-  return item.recptr == bt.item.recptr && item.dupnm == bt.item.dupnm &&
-         itcompare(item, bt.item, KeyOrder{k}) == 0;
+bool is_current(const Cursor& cursor, const Item& item, const keydescr& k) {
+  return item.recptr == cursor.bt.item.recptr && item.dupnm == cursor.bt.item.dupnm &&
+         itcompare(item, cursor.bt.item, KeyOrder{k}) == 0;
 }
 
 }  // namespace
 
-void btchanged() {
-  bt.depth = -1;
-  treeitem_place = {};
-  last_search = {};
+void btchanged(Cursor& cursor) {
+  cursor.bt.depth = -1;
+  cursor.place = {};
+  cursor.searched = {};
 }
 
-void btnumber(std::int32_t number) {
-  treeitem.recptr = number;
-  treeitem_place = {};
+void btnumber(Cursor& cursor, std::int32_t number) {
+  cursor.treeitem.recptr = number;
+  cursor.place = {};
 }
 
-int btposition(const keydescr& k, Edge edge) {
+int btposition(Cursor& cursor, const keydescr& k, Edge edge) {
   const ItemLayout layout{k};
   const Direction inwards = edge == Edge::kFirst ? Direction::kNext : Direction::kPrevious;
-  bt.ends = kOnItem;
-  if (descend(layout, k.rootnode, 0, -1, inwards) != 0) return -1;
-  return edge == Edge::kLast && bt.ends == kOnItem ? stop_at_end(Direction::kNext) : 0;
+  cursor.bt.ends = kOnItem;
+  if (descend(cursor, layout, k.rootnode, 0, -1, inwards) != 0) return -1;
+  return edge == Edge::kLast && cursor.bt.ends == kOnItem ? stop_at_end(cursor, Direction::kNext)
+                                                          : 0;
 }
 
-int btsearch(Item& item, const keydescr& k, int len, Search mode) {
-  Descent descent{item, treeitem, k, len, mode};
-  bt.ends = kOnItem;
-  treeitem_place = {};
-  last_search = {};
-  if (mode == Search::kInsert) clear_state(kSameKeyNearby);
+int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode) {
+  Descent descent{item, cursor.treeitem, k, len, mode};
+  cursor.bt.ends = kOnItem;
+  cursor.place = {};
+  cursor.searched = {};
+  if (mode == Search::kInsert) clear_state(cursor, kSameKeyNearby);
   std::int32_t number = k.rootnode;
-  for (bt.depth = 0;; ++bt.depth) {
-    const TreeNode node = node_at(bt.depth, number);
+  for (cursor.bt.depth = 0;; ++cursor.bt.depth) {
+    const TreeNode node = node_at(cursor, cursor.bt.depth, number);
     if (!node) return -1;
-    PathLevel& level = bt.level(bt.depth);
+    PathLevel& level = cursor.bt.level(cursor.bt.depth);
     if (level.length == 0) {
-      bt.ends = kEmptyTree;
+      cursor.bt.ends = kEmptyTree;
       return 0;
     }
-    if (!descent.choose(node, level)) return lost();
+    if (!descent.choose(node, level)) return lost(cursor);
     if (node.is_leaf()) {
-      if (descent.met_equal()) bt.state |= kSameKeyNearby;
+      if (descent.met_equal()) cursor.bt.state |= kSameKeyNearby;
       if (!descent.on_greater()) break;
-      if (!descent.take(node, level)) return lost();
-      treeitem_place = {filep->cached.generation, level.node, level.offset};
-      last_search = {filep->cached.generation, level.node, level.offset, descent.passed()};
+      if (!descent.take(node, level)) return lost(cursor);
+      cursor.place = {filep->cached.generation, level.node, level.offset};
+      cursor.searched = {filep->cached.generation, level.node, level.offset, descent.passed()};
       return 0;
     }
     number = child_before(node.area(), level.next);
   }
-  if (mode < Search::kInsert) return btmove(k, Direction::kNext);
-  PathLevel& leaf = bt.level(bt.depth);
+  if (mode < Search::kInsert) return btmove(cursor, k, Direction::kNext);
+  PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
   leaf.offset = leaf.next = leaf.length;
-  last_search = {filep->cached.generation, leaf.node, leaf.offset, descent.passed()};
+  cursor.searched = {filep->cached.generation, leaf.node, leaf.offset, descent.passed()};
   return 0;
 }
 
-WalkStart btwalkstart(const Item& sought) {
-  const PathLevel& leaf = bt.level(bt.depth);
-  const bool known = last_search.passed > 0 && last_search.node == leaf.node &&
-                     last_search.offset == leaf.offset &&
-                     last_search.generation == filep->cached.generation;
-  return known ? WalkStart{last_search.passed, sought.key} : WalkStart{};
+WalkStart btwalkstart(const Cursor& cursor, const Item& sought) {
+  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
+  const bool known = cursor.searched.passed > 0 && cursor.searched.node == leaf.node &&
+                     cursor.searched.offset == leaf.offset &&
+                     cursor.searched.generation == filep->cached.generation;
+  return known ? WalkStart{cursor.searched.passed, sought.key} : WalkStart{};
 }
 
-int btmove(const keydescr& k, Direction direction) {
-  if ((bt.ends & end_towards(direction)) != 0) return 0;
-  if (k.nparts == 0) return move_number(direction);
-  bt.ends = kOnItem;
-  if (bt.depth < 0) {
-    bt.ends = end_towards(direction);
+int btmove(Cursor& cursor, const keydescr& k, Direction direction) {
+  if ((cursor.bt.ends & end_towards(direction)) != 0) return 0;
+  if (k.nparts == 0) return move_number(cursor, direction);
+  cursor.bt.ends = kOnItem;
+  if (cursor.bt.depth < 0) {
+    cursor.bt.ends = end_towards(direction);
     return 0;
   }
-  const int leaf_depth = bt.depth;
+  const int leaf_depth = cursor.bt.depth;
   int depth = leaf_depth;
-  while (depth >= 0 && !has_neighbour(bt.level(depth), direction)) --depth;
-  if (depth < 0) return stop_at_end(direction);
+  while (depth >= 0 && !has_neighbour(cursor.bt.level(depth), direction)) --depth;
+  if (depth < 0) return stop_at_end(cursor, direction);
 
   const ItemLayout layout{k};
   std::int32_t child = 0;
   {
-    PathLevel& level = bt.level(depth);
+    PathLevel& level = cursor.bt.level(depth);
     const TreeNode node{level.node};
-    if (!node) return lost();
-    if (node.length() != level.length) return lost(kCorrupted);
-    if (depth == leaf_depth) return step_in_leaf(layout, node.area(), level, direction);
-    child = step_above(layout, node.area(), level, direction);
+    if (!node) return lost(cursor);
+    if (node.length() != level.length) return lost(cursor, kCorrupted);
+    if (depth == leaf_depth) return step_in_leaf(cursor, layout, node.area(), level, direction);
+    child = step_above(cursor, layout, node.area(), level, direction);
   }
-  return child < 0 ? -1 : descend(layout, child, depth + 1, leaf_depth, direction);
+  return child < 0 ? -1 : descend(cursor, layout, child, depth + 1, leaf_depth, direction);
 }
 
-int btdups(const keydescr& k, Direction direction) {
-  clear_state(kSameKeyNearby);
-  if (k.nparts == 0 || bt.depth < 0 || bt.ends != kOnItem) return 0;
-  const bool in_leaf = has_neighbour(bt.level(bt.depth), direction);
+int btdups(Cursor& cursor, const keydescr& k, Direction direction) {
+  clear_state(cursor, kSameKeyNearby);
+  if (k.nparts == 0 || cursor.bt.depth < 0 || cursor.bt.ends != kOnItem) return 0;
+  const bool in_leaf = has_neighbour(cursor.bt.level(cursor.bt.depth), direction);
   bool same = false;
   const int result = (k.flags & KF_DCOMPRESS) != 0 && in_leaf
-                         ? read_repeat_bit(direction, same)
-                         : compare_neighbour(k, direction, same);
-  if (same) bt.state |= kSameKeyNearby;
+                         ? read_repeat_bit(cursor, direction, same)
+                         : compare_neighbour(cursor, k, direction, same);
+  if (same) cursor.bt.state |= kSameKeyNearby;
   return result;
 }
 
-int btcurrent(const keydescr& k, bool again) {
-  if ((bt.state & kHasCurrent) == 0 || (again && (bt.state & kCurrentDeleted) != 0)) return -1;
+int btcurrent(Cursor& cursor, const keydescr& k, bool again) {
+  const int state = cursor.bt.state;
+  if ((state & kHasCurrent) == 0 || (again && (state & kCurrentDeleted) != 0)) return -1;
   if (k.nparts == 0) return 0;
-  if (bt.ends != kOnItem) return bt.depth >= 0 ? 0 : stand_at_end_again(k);
-  const int found =
-      bt.depth >= 0 ? read_item(ItemLayout{k}) : btsearch(bt.item, k, 0, Search::kRead);
+  if (cursor.bt.ends != kOnItem) return cursor.bt.depth >= 0 ? 0 : stand_at_end_again(cursor, k);
+  const int found = cursor.bt.depth >= 0 ? read_item(cursor, ItemLayout{k})
+                                         : btsearch(cursor, cursor.bt.item, k, 0, Search::kRead);
   if (found != 0) return -1;
-  if (bt.ends == kOnItem && is_current(treeitem, k)) return 0;
-  clear_state(kCurrentRead | kCurrentDeleted);
+  if (cursor.bt.ends == kOnItem && is_current(cursor, cursor.treeitem, k)) return 0;
+  clear_state(cursor, kCurrentRead | kCurrentDeleted);
   return again ? -1 : 0;
 }
 

@@ -31,23 +31,24 @@ TEST_P(BtreeDamage, DamagedNodesAreSurvived) {
       clear_errors();
       switch (random() % 4) {
         case 0:
-          btsearch(item, tree.k, 0, random() % 2 == 0 ? Search::kRead : Search::kPast);
+          btsearch(tree.cursor, item, tree.k, 0, random() % 2 == 0 ? Search::kRead : Search::kPast);
           break;
         case 1:
-          btposition(tree.k, random() % 2 == 0 ? Edge::kFirst : Edge::kLast);
+          btposition(tree.cursor, tree.k, random() % 2 == 0 ? Edge::kFirst : Edge::kLast);
           break;
         case 2:
-          btadditem(item, tree.k);
+          btadditem(tree.cursor, item, tree.k);
           continue;
         default:
-          btdelitem(item, tree.k);
+          btdelitem(tree.cursor, item, tree.k);
           continue;
       }
       const auto direction = random() % 2 == 0 ? Direction::kNext : Direction::kPrevious;
-      for (int moves = 0; moves < 300 && bt.depth >= 0 && bt.ends == kOnItem; ++moves) {
-        btmove(tree.k, direction);
+      for (int moves = 0;
+           moves < 300 && tree.cursor.bt.depth >= 0 && tree.cursor.bt.ends == kOnItem; ++moves) {
+        btmove(tree.cursor, tree.k, direction);
       }
-      EXPECT_EQ(bt.depth < 0, iserrno == kCorrupted) << iserrno;
+      EXPECT_EQ(tree.cursor.bt.depth < 0, iserrno == kCorrupted) << iserrno;
     }
     btrecover(tree.k.rootnode, tree.k);
   }
@@ -97,7 +98,7 @@ TEST(Btree, TwentyLevelsAreTheMost) {
     for (int level = 1; level < levels - 1; ++level) node = make_node(tree, level, {node});
     graft(tree, {node});
     Item item = tree.item_of(0);
-    EXPECT_EQ(btsearch(item, tree.k, 0, Search::kRead), levels <= 20 ? 0 : -1);
+    EXPECT_EQ(btsearch(tree.cursor, item, tree.k, 0, Search::kRead), levels <= 20 ? 0 : -1);
     EXPECT_EQ(iserrno, levels <= 20 ? 0 : kCorrupted);
     EXPECT_EQ(tree.insert(7), levels < 20 ? 0 : -1);
     EXPECT_EQ(iserrno, levels < 20 ? 0 : levels == 20 ? kTreeTooDeep : kCorrupted);
@@ -121,8 +122,8 @@ TEST(Btree, TreesThatAreNoneAreLeft) {
   Item item = tree.item_of(0, 1);
   for (const Search mode : {Search::kRead, Search::kPast, Search::kInsert}) {
     clear_errors();
-    EXPECT_EQ(btsearch(item, tree.k, 0, mode), -1);
-    EXPECT_EQ(bt.depth, -1);
+    EXPECT_EQ(btsearch(tree.cursor, item, tree.k, 0, mode), -1);
+    EXPECT_EQ(tree.cursor.bt.depth, -1);
     EXPECT_EQ(iserrno, kCorrupted);
   }
 }
@@ -133,21 +134,21 @@ TEST(Btree, UnevenTreesAreDamaged) {
   const std::int32_t leaf = make_node(tree, 0, {1});
   for (const std::int32_t uneven : {make_node(tree, 0, {}), make_node(tree, 1, {leaf})}) {
     graft(tree, {leaf, uneven});
-    const auto expect_damage = [](int result) {
+    const auto expect_damage = [&](int result) {
       EXPECT_EQ(result, -1);
       EXPECT_EQ(iserrno, kCorrupted);
-      EXPECT_EQ(bt.depth, -1);
+      EXPECT_EQ(tree.cursor.bt.depth, -1);
       clear_errors();
     };
-    ASSERT_EQ(btposition(tree.k, Edge::kFirst), 0);
-    expect_damage(btmove(tree.k, Direction::kNext));
+    ASSERT_EQ(btposition(tree.cursor, tree.k, Edge::kFirst), 0);
+    expect_damage(btmove(tree.cursor, tree.k, Direction::kNext));
     Item item = tree.item_of(0, 1);
-    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
-    expect_damage(btdups(tree.k, Direction::kNext));
+    ASSERT_EQ(btsearch(tree.cursor, item, tree.k, 0, Search::kRead), 0);
+    expect_damage(btdups(tree.cursor, tree.k, Direction::kNext));
   }
   graft(tree, {leaf, make_node(tree, 0, {})});
   clear_errors();
-  EXPECT_EQ(btposition(tree.k, Edge::kLast), -1);
+  EXPECT_EQ(btposition(tree.cursor, tree.k, Edge::kLast), -1);
   EXPECT_EQ(iserrno, kCorrupted);
   EXPECT_EQ(tree.insert(399), -1);
   EXPECT_EQ(iserrno, kCorrupted);
@@ -161,8 +162,8 @@ TEST(Btree, RecoveryFreesEveryNodeOnce) {
       // One pointer leads back to the root, another to the key descriptions.
       for (const auto& [key, pointer] : {std::pair{100, tree.k.rootnode}, {300, 2}}) {
         Item item = tree.item_of(key);
-        ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
-        const PathLevel& above = bt.level(bt.depth - 1);
+        ASSERT_EQ(btsearch(tree.cursor, item, tree.k, 0, Search::kRead), 0);
+        const PathLevel& above = tree.cursor.bt.level(tree.cursor.bt.depth - 1);
         const PageHold page = bfread(above.node);
         common::stlong(pointer, page.data() + kUsedBytes + above.next - kRecordPointerSize);
         page.modified();

@@ -47,25 +47,25 @@ TEST_P(BtreeModel, SearchesFindTheirPlace) {
   for (int key = 0; key < 120; ++key) {
     SCOPED_TRACE(key);
     Item item = tree.item_of(key);
-    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
+    ASSERT_EQ(btsearch(tree.cursor, item, tree.k, 0, Search::kRead), 0);
     EXPECT_TRUE(expect_position(tree, model.lower_bound(key)));
-    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kPast), 0);
+    ASSERT_EQ(btsearch(tree.cursor, item, tree.k, 0, Search::kPast), 0);
     EXPECT_TRUE(expect_position(tree, model.upper_bound(key)));
     // The neighbours of a place between items.
-    ASSERT_EQ(btmove(tree.k, Direction::kPrevious), 0);
+    ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kPrevious), 0);
     if (model.upper_bound(key) == model.begin()) {
-      EXPECT_EQ(bt.ends, kBeforeFirst);
+      EXPECT_EQ(tree.cursor.bt.ends, kBeforeFirst);
     } else {
       EXPECT_TRUE(tree.on(*std::prev(model.upper_bound(key))));
     }
   }
   // A duplicate number leads to the very item, or to the one behind its place.
-  ASSERT_EQ(btposition(tree.k, Edge::kFirst), 0);
+  ASSERT_EQ(btposition(tree.cursor, tree.k, Edge::kFirst), 0);
   for (const auto& entry : model) {
-    Item item = treeitem;
-    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
+    Item item = tree.cursor.treeitem;
+    ASSERT_EQ(btsearch(tree.cursor, item, tree.k, 0, Search::kRead), 0);
     ASSERT_TRUE(tree.on(entry));
-    ASSERT_EQ(btmove(tree.k, Direction::kNext), 0);
+    ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kNext), 0);
   }
 }
 
@@ -79,13 +79,13 @@ INSTANTIATE_TEST_SUITE_P(
 std::vector<int> leaf_fill(const Tree& tree) {
   std::vector<int> fill;
   const ItemLayout layout{tree.k};
-  EXPECT_EQ(btposition(tree.k, Edge::kFirst), 0);
+  EXPECT_EQ(btposition(tree.cursor, tree.k, Edge::kFirst), 0);
   std::int32_t leaf = 0;
   for (std::size_t i = 0; i < tree.model.size(); ++i) {
-    const PathLevel& at = bt.level(bt.depth);
+    const PathLevel& at = tree.cursor.bt.level(tree.cursor.bt.depth);
     if (at.node != leaf) fill.push_back(at.length / layout.fixed_size());
     leaf = at.node;
-    EXPECT_EQ(btmove(tree.k, Direction::kNext), 0);
+    EXPECT_EQ(btmove(tree.cursor, tree.k, Direction::kNext), 0);
   }
   return fill;
 }
@@ -126,7 +126,7 @@ TEST(Btree, AnEqualItemAtTheEndOfTheLeafBeforeIsFound) {
     for (int key = 0; key < 300; ++key) {
       ASSERT_EQ(tree.insert(key), flags == 0 ? -1 : 0);
       ASSERT_EQ(iserrno, flags == 0 ? kDuplicate : 0);
-      ASSERT_EQ((bt.state & kSameKeyNearby) != 0, flags != 0);
+      ASSERT_EQ((tree.cursor.bt.state & kSameKeyNearby) != 0, flags != 0);
     }
     tree.expect_sound();
   }
@@ -138,11 +138,11 @@ TEST(Btree, DuplicateNumbersThatNoLongerFitAreRefused) {
     Item item = tree.item_of(3, tree.pair.add_record(tree.keys[3]));
     if (width == 2) {
       item.dupnm = greatest + 1;
-      EXPECT_EQ(btadditem(item, tree.k), -1);
+      EXPECT_EQ(btadditem(tree.cursor, item, tree.k), -1);
       EXPECT_EQ(iserrno, kDuplicate);
     }
     item.dupnm = greatest - 1;
-    ASSERT_EQ(btadditem(item, tree.k), 0);
+    ASSERT_EQ(btadditem(tree.cursor, item, tree.k), 0);
     tree.model.emplace(3, item.recptr);
     ASSERT_EQ(tree.insert(3), 0);
     EXPECT_EQ(tree.insert(3), -1);
@@ -172,8 +172,9 @@ TEST(Btree, DuplicateNumbersGoAboveTheLastItemsOfUpperNodes) {
     for (std::size_t i = 0; i < numbers.size(); ++i) ASSERT_EQ(tree.insert(6), 0);
     Item item = tree.item_of(6);
     std::vector<std::int32_t> stored;
-    ASSERT_EQ(btsearch(item, tree.k, 0, Search::kRead), 0);
-    for (; bt.ends == kOnItem; btmove(tree.k, Direction::kNext)) stored.push_back(treeitem.dupnm);
+    ASSERT_EQ(btsearch(tree.cursor, item, tree.k, 0, Search::kRead), 0);
+    for (; tree.cursor.bt.ends == kOnItem; btmove(tree.cursor, tree.k, Direction::kNext))
+      stored.push_back(tree.cursor.treeitem.dupnm);
     EXPECT_EQ(stored, numbers);
     tree.expect_sound();
   }
@@ -199,25 +200,25 @@ TEST(Btree, PositionsTakeTurns) {
       SCOPED_TRACE(name_of(flags, kind));
       Tree tree{flags, kind, {.node_size = 128}};
       for (int key = 0; key < 400; ++key) ASSERT_EQ(tree.insert(key), 0);
-      bt.state = kHasCurrent;
-      ASSERT_EQ(btposition(tree.k, Edge::kLast), 0);
-      ASSERT_EQ(btmove(tree.k, Direction::kPrevious), 0);
-      Position other = bt;
-      ASSERT_EQ(btposition(tree.k, Edge::kFirst), 0);
+      tree.cursor.bt.state = kHasCurrent;
+      ASSERT_EQ(btposition(tree.cursor, tree.k, Edge::kLast), 0);
+      ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kPrevious), 0);
+      Position other = tree.cursor.bt;
+      ASSERT_EQ(btposition(tree.cursor, tree.k, Edge::kFirst), 0);
       for (auto at = tree.model.begin(), to = std::prev(tree.model.end());; ++at, --to) {
         ASSERT_TRUE(tree.on(*at));
-        std::swap(bt, other);
-        ASSERT_EQ(btcurrent(tree.k, false), 0);
+        std::swap(tree.cursor.bt, other);
+        ASSERT_EQ(btcurrent(tree.cursor, tree.k, false), 0);
         ASSERT_TRUE(tree.on(*to));
         if (to == tree.model.begin()) break;
-        ASSERT_EQ(btmove(tree.k, Direction::kPrevious), 0);
-        std::swap(bt, other);
-        const Position kept = bt;
-        ASSERT_EQ(btcurrent(tree.k, false), 0);
+        ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kPrevious), 0);
+        std::swap(tree.cursor.bt, other);
+        const Position kept = tree.cursor.bt;
+        ASSERT_EQ(btcurrent(tree.cursor, tree.k, false), 0);
         Item last = tree.item_of(399);
-        ASSERT_EQ(btsearch(last, tree.k, 0, Search::kInsert), 0);
-        bt = kept;
-        ASSERT_EQ(btmove(tree.k, Direction::kNext), 0);
+        ASSERT_EQ(btsearch(tree.cursor, last, tree.k, 0, Search::kInsert), 0);
+        tree.cursor.bt = kept;
+        ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kNext), 0);
       }
     }
   }
@@ -230,14 +231,14 @@ TEST(Btree, ARecordThatAnotherProcessAddedIsReached) {
   testing_support::put4(&index[testing_support::dict::kNextData], 4);
   pair.replace_index(index);
   dictp->set_d_nextdata(3);
-  bt = Position{};
-  bt.item.recptr = 3;
-  ASSERT_EQ(btmove(keydescr{}, Direction::kNext), 0);
-  EXPECT_EQ(bt.item.recptr, 4);
-  EXPECT_EQ(bt.ends, kOnItem);
+  Cursor cursor;
+  cursor.bt.item.recptr = 3;
+  ASSERT_EQ(btmove(cursor, keydescr{}, Direction::kNext), 0);
+  EXPECT_EQ(cursor.bt.item.recptr, 4);
+  EXPECT_EQ(cursor.bt.ends, kOnItem);
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(btmove(keydescr{}, Direction::kNext), 0);
-    EXPECT_EQ(bt.ends, kAfterLast);
+    ASSERT_EQ(btmove(cursor, keydescr{}, Direction::kNext), 0);
+    EXPECT_EQ(cursor.bt.ends, kAfterLast);
   }
 }
 

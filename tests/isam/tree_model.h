@@ -103,8 +103,8 @@ class Tree {
     const std::int32_t record = pair.add_record(keys[static_cast<std::size_t>(key)]);
     Item item = item_of(key, record);
     clear_errors();
-    const int result = btadditem(item, k);
-    EXPECT_EQ(bt.depth, -1);
+    const int result = btadditem(cursor, item, k);
+    EXPECT_EQ(cursor.bt.depth, -1);
     if (result == 0) {
       model.emplace(key, record);
     } else {
@@ -116,7 +116,7 @@ class Tree {
   // Takes an item out of the tree alone: what btdelitem answers.
   int take_out(int key, std::int32_t record) const {
     Item item = item_of(key, record);
-    return btdelitem(item, k);
+    return btdelitem(cursor, item, k);
   }
 
   int remove(std::multimap<int, std::int32_t>::iterator at) {
@@ -142,37 +142,38 @@ class Tree {
       const auto& [key, record] = *any(random);
       if (!items.emplace(record, item_of(key, record)).second) continue;
       order.push_back(record);
-      EXPECT_EQ(btdelitem(items[record], k), 0);
+      EXPECT_EQ(btdelitem(cursor, items[record], k), 0);
     }
-    for (; !order.empty(); order.pop_back()) EXPECT_EQ(btreturnitem(items[order.back()], k), 0);
+    for (; !order.empty(); order.pop_back())
+      EXPECT_EQ(btreturnitem(cursor, items[order.back()], k), 0);
   }
 
   bool on(const std::pair<const int, std::int32_t>& entry) const {
     const Image& key = keys[static_cast<std::size_t>(entry.first)];
-    return bt.ends == kOnItem && treeitem.recptr == entry.second &&
-           std::equal(key.begin(), key.end(), treeitem.key);
+    return cursor.bt.ends == kOnItem && cursor.treeitem.recptr == entry.second &&
+           std::equal(key.begin(), key.end(), cursor.treeitem.key);
   }
 
   // Walks over all items and back again, against the model.
   void expect_walks() const {
-    ASSERT_EQ(btposition(k, Edge::kFirst), 0);
+    ASSERT_EQ(btposition(cursor, k, Edge::kFirst), 0);
     std::int32_t dupnm = -1;
     for (auto at = model.begin(); at != model.end(); ++at) {
       ASSERT_TRUE(on(*at)) << at->first;
       if (at != model.begin() && std::prev(at)->first != at->first) dupnm = -1;
-      ASSERT_TRUE((k.flags & KF_DUPS) == 0 || treeitem.dupnm > dupnm);
-      dupnm = treeitem.dupnm;
-      ASSERT_EQ(btmove(k, Direction::kNext), 0);
+      ASSERT_TRUE((k.flags & KF_DUPS) == 0 || cursor.treeitem.dupnm > dupnm);
+      dupnm = cursor.treeitem.dupnm;
+      ASSERT_EQ(btmove(cursor, k, Direction::kNext), 0);
     }
-    ASSERT_EQ(bt.ends, model.empty() ? kEmptyTree : kAfterLast);
+    ASSERT_EQ(cursor.bt.ends, model.empty() ? kEmptyTree : kAfterLast);
     for (auto at = model.rbegin(); at != model.rend(); ++at) {
-      ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
+      ASSERT_EQ(btmove(cursor, k, Direction::kPrevious), 0);
       ASSERT_TRUE(on(*at)) << at->first;
     }
-    ASSERT_EQ(btmove(k, Direction::kPrevious), 0);
+    ASSERT_EQ(btmove(cursor, k, Direction::kPrevious), 0);
     if (model.empty()) return;
-    ASSERT_EQ(bt.ends, kBeforeFirst);
-    ASSERT_EQ(btmove(k, Direction::kNext), 0);
+    ASSERT_EQ(cursor.bt.ends, kBeforeFirst);
+    ASSERT_EQ(btmove(cursor, k, Direction::kNext), 0);
     ASSERT_TRUE(on(*model.begin()));
   }
 
@@ -208,6 +209,7 @@ class Tree {
     return root.page().level() + 1;
   }
 
+  mutable Cursor cursor;
   keydescr k;
   std::vector<Image> keys;
   TestPair pair;
@@ -215,7 +217,7 @@ class Tree {
 };
 
 inline bool expect_position(const Tree& tree, std::multimap<int, std::int32_t>::const_iterator at) {
-  return at == tree.model.end() ? bt.ends == kAfterLast : tree.on(*at);
+  return at == tree.model.end() ? tree.cursor.bt.ends == kAfterLast : tree.on(*at);
 }
 
 inline std::string name_of(int flags, Kind kind) {
