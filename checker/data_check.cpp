@@ -21,16 +21,16 @@ using isam::dictp;
 
 // Marks every page of a record's chain in rpgmap; false for a chain that cannot be followed.
 bool mark_chain(Check& check, std::int32_t pointer) {
-  const int greatest = isam::greatest_chain();
-  for (int pieces = 0; pointer != 0; ++pieces) {
-    const std::int32_t node = isam::rpage::pointer_node(pointer);
-    if (pieces == greatest || node < 1 || node > check.idxlast) {
+  isam::PieceChain chain{pointer};
+  while (chain.pointer() != 0) {
+    const std::int32_t node = isam::rpage::pointer_node(chain.pointer());
+    if (chain.is_too_long() || node < 1 || node > check.idxlast) {
       isam::failed_unless_set(isam::kCorrupted);
       return false;
     }
     check.rpgmap.set_bit(node);
-    pointer = isam::rprwalk(pointer);
-    if (pointer == -1) return false;
+    const isam::PageHold page = chain.page();
+    if (!page || !chain.follow(page)) return false;
   }
   return true;
 }

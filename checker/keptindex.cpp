@@ -1,7 +1,5 @@
 #include "checker/keptindex.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <new>
 #include <utility>
@@ -12,11 +10,6 @@
 
 namespace checker {
 namespace {
-
-bool exists(const std::string& path) {
-  struct stat status {};
-  return ::lstat(path.c_str(), &status) == 0;
-}
 
 common::ConstBytes bytes_of(const std::string& text) {
   return {reinterpret_cast<const common::Byte*>(text.data()), text.size()};
@@ -88,7 +81,7 @@ int KeptIndex::show() {
   const std::string first = index_ + ".before";
   std::string name = first;
   for (int number = 2; number < kMostKept; ++number) {
-    if (!exists(name) && !exists(undo_file_of(name))) {
+    if (!common::name_exists(name) && !common::name_exists(undo_file_of(name))) {
       if (file_->become(name) == 0) {
         name_ = name;
         return undo_file_ == nullptr ? 0 : undo_file_->become(undo_file_of(name));

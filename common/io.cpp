@@ -74,6 +74,16 @@ int open_file(const char* path, int flags, mode_t permissions) {
 
 void close_file(int fd) { system_calls().close(fd); }
 
+bool file_exists(const std::string& path) {
+  struct stat status {};
+  return system_calls().stat(path.c_str(), &status) == 0;
+}
+
+bool name_exists(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
+}
+
 ssize_t read_at(int fd, Bytes to, std::int64_t offset) {
   std::size_t done = 0;
   while (done < to.size()) {

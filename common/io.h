@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <string>
 
 #include "common/bytes.h"
 
@@ -44,6 +45,10 @@ extern SystemCalls system_call_table;
 [[nodiscard]] int open_file(const char* path, int flags, mode_t permissions = 0);
 
 void close_file(int fd);
+
+// Whether a path leads to a file; whether its name is taken, by a link that leads nowhere too.
+[[nodiscard]] bool file_exists(const std::string& path);
+[[nodiscard]] bool name_exists(const std::string& path);
 
 // Bytes transferred: less than the span at the end of the file; -1 with errno on failure (errno
 // is left at 0 by a short read without an error).

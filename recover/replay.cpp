@@ -1,11 +1,11 @@
 #include "recover/replay.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <map>
 
+#include "common/io.h"
 #include "isam/base/errors.h"
 #include "recover/describe.h"
 #include "recover/plainfile.h"
@@ -122,11 +122,6 @@ class Reporter : public isam::txlog::RecoveryObserver {
   std::string last_left_out_;
 };
 
-bool exists(const char* name) {
-  struct stat status {};
-  return ::lstat(name, &status) == 0;
-}
-
 std::string folder_text(const Options& options) {
   return options.folder.empty() ? "here" : "in " + quoted(options.folder);
 }
@@ -144,7 +139,7 @@ bool prepare(const Options& options) {
     islogclose();
     return false;
   }
-  if ((options.keep_going || options.any_writer) && exists(kErrorLogName)) {
+  if ((options.keep_going || options.any_writer) && common::name_exists(kErrorLogName)) {
     complain(std::string{kErrorLogName} + " of an earlier recovery is " + folder_text(options) +
              ": see it with -n, then move it away");
     islogclose();
@@ -160,7 +155,7 @@ Status run(const Options& options) {
   const int result = isam::txlog::recover(mode, reporter);
   const std::int32_t reason = iserrno;
   reporter.print_summary();
-  if (mode != 0 && exists(kErrorLogName)) {
+  if (mode != 0 && common::name_exists(kErrorLogName)) {
     print(
         std::string{kErrorLogName} + " is " + folder_text(options) +
         (reporter.left_something_out() ? ": it holds what was left out\n" : ", without records\n"));

@@ -1,5 +1,4 @@
 // iserase: iserase, isrename and isremlock; how a pair goes, or gets another name.
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <string>
@@ -83,11 +82,6 @@ int end_without_open() {
   return -1;
 }
 
-bool exists(const std::string& path) {
-  struct stat status {};
-  return common::system_calls().stat(path.c_str(), &status) == 0;
-}
-
 // Gives a file another name: 0, or -1 with iserrno.
 int move_file(const std::string& from, const std::string& to) {
   if (common::system_calls().link(from.c_str(), to.c_str()) != 0) return failed_system(errno);
@@ -96,7 +90,8 @@ int move_file(const std::string& from, const std::string& to) {
 
 int move_pair(const char* from, const char* to) {
   // The second file in the way would leave the pair split between two names.
-  if (exists(mkidxname(to)) || exists(mkdatname(to))) return failed_system(EEXIST);
+  if (common::file_exists(mkidxname(to)) || common::file_exists(mkdatname(to)))
+    return failed_system(EEXIST);
   if (move_file(mkidxname(from), mkidxname(to)) != 0) return -1;
   return move_file(mkdatname(from), mkdatname(to));
 }

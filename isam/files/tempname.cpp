@@ -1,6 +1,5 @@
 #include "isam/files/tempname.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "common/io.h"
@@ -9,13 +8,9 @@
 namespace isam {
 namespace {
 
-bool exists(const std::string& path) {
-  struct stat status {};
-  return common::system_calls().stat(path.c_str(), &status) == 0;
-}
-
 bool taken(const std::string& base) {
-  return exists(base) || exists(mkidxname(base)) || exists(mkdatname(base));
+  return common::file_exists(base) || common::file_exists(mkidxname(base)) ||
+         common::file_exists(mkdatname(base));
 }
 
 // Advances the three characters from `first` on: false past the last combination.

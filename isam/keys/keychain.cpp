@@ -122,13 +122,6 @@ std::int32_t fresh_node(int used, Byte node_type, Byte level) {
   return node;
 }
 
-// Gives a node back after a failure, whose reason stays in iserrno.
-void give_back(std::int32_t node) {
-  const std::int32_t reason = iserrno;
-  freerec(node, FreeList::kNodes);
-  iserrno = reason;
-}
-
 // Where a description of `size` bytes may go: in `node` when `fits`, else behind it, the last.
 struct Place {
   std::int32_t node;
@@ -170,7 +163,7 @@ int append_behind(std::int32_t last, const keydescr& k) {
   if (node < 0) return -1;
   PageHold page = bfread(last);
   if (!page) {
-    give_back(node);
+    give_node_back(node);
     return -1;
   }
   ListLink{page}.set(node);
@@ -208,7 +201,7 @@ int kyadd(keydescr& k) {
   if (result == 0) {
     k.rootnode = root;
   } else if (root > 0) {
-    give_back(root);
+    give_node_back(root);
   }
   return result;
 }

@@ -293,6 +293,12 @@ int freerec(std::int32_t number, FreeList list) {
   return 0;
 }
 
+void give_node_back(std::int32_t node) {
+  const std::int32_t reason = iserrno;
+  freerec(node, FreeList::kNodes);
+  iserrno = reason;
+}
+
 int getdatrec(std::int32_t number) {
   const std::int32_t last = dictp->d_nextdata();
   if (number < 1) return failed(kBadLogRecord);

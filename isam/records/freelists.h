@@ -30,6 +30,9 @@ enum class FreeList { kNodes, kRecords };
 // Returns a number: 0, or -1 with iserrno.
 int freerec(std::int32_t number, FreeList list);
 
+// Returns a node after a failure, whose reason stays in iserrno.
+void give_node_back(std::int32_t node);
+
 // Takes a certain record number out of the free ones: 0, or -1 with 119 when it is not free. One
 // past the end makes the file longer, and the numbers in between are listed in ascending order.
 int getdatrec(std::int32_t number);

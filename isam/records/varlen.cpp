@@ -75,23 +75,31 @@ int greatest_chain() {
   return std::max(1, (greatest + chunk - 1) / chunk);
 }
 
+PageHold PieceChain::page() {
+  if (left_-- > 0) return rppgread(pointer_);
+  failed_unless_set(kCorrupted);
+  return {};
+}
+
+bool PieceChain::follow(const PageHold& page) {
+  pointer_ = Rpage{page}.rpgetext();
+  return pointer_ != -1;
+}
+
 int rprread(std::int32_t pointer, Bytes destination) {
   std::size_t copied = 0;
-  const int pieces = greatest_chain();
-  for (int piece = 0; pointer != 0 && copied < destination.size(); ++piece) {
-    if (piece == pieces) return failed_unless_set(kCorrupted);
-    const PageHold page = rppgread(pointer);
+  PieceChain chain{pointer};
+  while (chain.pointer() != 0 && copied < destination.size()) {
+    const PageHold page = chain.page();
     if (!page) return -1;
-    const Rpage view{page};
-    const Rpage::Slot slot = view.slot(rpage::pointer_slot(pointer));
+    const Rpage::Slot slot = Rpage{page}.slot(rpage::pointer_slot(chain.pointer()));
     const std::size_t count =
         std::min(static_cast<std::size_t>(slot.length), destination.size() - copied);
     if (count > 0) {
       std::memcpy(destination.data() + copied, page.data() + slot.offset, count);
     }
     copied += count;
-    pointer = view.rpgetext();
-    if (pointer == -1) return -1;
+    if (!chain.follow(page)) return -1;
   }
   return static_cast<int>(copied);
 }

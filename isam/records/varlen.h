@@ -124,6 +124,26 @@ class Rpage {
 // damaged hides no page that a record names.
 [[nodiscard]] int greatest_chain();
 
+// One piece of a variable part after the other.
+class PieceChain {
+ public:
+  explicit PieceChain(std::int32_t pointer) : pointer_(pointer), left_(greatest_chain()) {}
+
+  // Of the piece that the walk stands at; 0 behind the last one.
+  [[nodiscard]] std::int32_t pointer() const { return pointer_; }
+  // Whether there are more pieces than a variable part can have.
+  [[nodiscard]] bool is_too_long() const { return left_ <= 0 && pointer_ != 0; }
+  // The page of the piece; empty when the chain is damaged.
+  [[nodiscard]] PageHold page();
+  void go_to(std::int32_t pointer) { pointer_ = pointer; }
+  // Goes to the piece behind the one in the page: false when that is damaged.
+  [[nodiscard]] bool follow(const PageHold& page);
+
+ private:
+  std::int32_t pointer_;
+  int left_;
+};
+
 // Stores a new variable part: its first pointer, 0 for no bytes, -1 on failure.
 [[nodiscard]] std::int32_t rprwrite(ConstBytes source);
 // Replaces a variable part: its first pointer, which may be another one, or -1. Without `release`

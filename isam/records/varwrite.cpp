@@ -107,27 +107,6 @@ std::int32_t free_piece(PageHold page, std::int32_t pointer) {
   return rpflmove(std::move(page)) == 0 ? next : -1;
 }
 
-// One piece of a chain after the other, as many as a chain may have.
-class Walk {
- public:
-  explicit Walk(std::int32_t pointer) : pointer_(pointer), left_(greatest_chain()) {}
-
-  [[nodiscard]] std::int32_t pointer() const { return pointer_; }
-  // The page of the piece; empty with 105 when the chain is damaged.
-  [[nodiscard]] PageHold page() {
-    if (left_-- <= 0) {
-      failed_unless_set(kCorrupted);
-      return {};
-    }
-    return rppgread(pointer_);
-  }
-  void go_to(std::int32_t pointer) { pointer_ = pointer; }
-
- private:
-  std::int32_t pointer_;
-  int left_;
-};
-
 // Overwrites a big piece: 0 or -1.
 int rpupbig(ConstBytes piece, const PageHold& page) {
   page.modified();
@@ -196,7 +175,7 @@ class Update {
 
   std::int32_t first_;
   std::int32_t previous_ = 0;  // the last big piece that was overwritten
-  Walk walk_;
+  PieceChain walk_;
   Pieces pieces_;
   std::size_t done_ = 0;
   bool release_;
@@ -246,7 +225,7 @@ std::int32_t rprupdate(std::int32_t pointer, ConstBytes source, bool release) {
 }
 
 int rprfree(std::int32_t pointer) {
-  Walk walk{pointer};
+  PieceChain walk{pointer};
   while (walk.pointer() != 0) {
     PageHold page = walk.page();
     if (!page) return -1;
@@ -258,16 +237,14 @@ int rprfree(std::int32_t pointer) {
 }
 
 int rprclear(std::int32_t pointer) {
-  Walk walk{pointer};
+  PieceChain walk{pointer};
   while (walk.pointer() != 0) {
     const PageHold page = walk.page();
     if (!page) return -1;
     Rpage view{page};
     page.modified();
     if (view.rpsload(rpage::pointer_slot(walk.pointer()), {}) != 0) return -1;
-    const std::int32_t next = view.rpgetext();
-    if (next == -1) return -1;
-    walk.go_to(next);
+    if (!walk.follow(page)) return -1;
   }
   return 0;
 }
@@ -275,7 +252,7 @@ int rprclear(std::int32_t pointer) {
 int rprtrunc(std::int32_t pointer, int length) {
   if (length < 1) return rprfree(pointer);
   const int chunk = RpageGeometry{filep->geometry.idxsize}.chunk;
-  Walk walk{pointer};
+  PieceChain walk{pointer};
   for (; length > chunk; length -= chunk) {
     const std::int32_t next = rprwalk(walk.pointer());
     if (next == -1 || next == 0) return failed_unless_set(kCorrupted);

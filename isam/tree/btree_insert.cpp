@@ -19,13 +19,6 @@ struct Frame {
   Byte level;
 };
 
-// Gives a node back after a failure, whose reason stays in iserrno.
-void give_back(std::int32_t node) {
-  const std::int32_t reason = iserrno;
-  freerec(node, FreeList::kNodes);
-  iserrno = reason;
-}
-
 // Whether the insertion is at the right edge of the whole tree: ascending keys.
 bool btlarge(const Cursor& cursor) {
   for (int depth = 0; depth < cursor.bt.depth; ++depth) {
@@ -231,7 +224,7 @@ int Insertion::split(const Overflow& full, const Cut& cut) const {
   if (separator.recptr < 0) return -1;
   put_left(separator.recptr, full, cut);
   if (btinsert(separator, full.depth - 1) != 0) {
-    give_back(separator.recptr);
+    give_node_back(separator.recptr);
     return -1;
   }
   put_right(full.node, full, cut);
@@ -252,7 +245,7 @@ int Insertion::split_root(const Overflow& full, const Cut& cut) const {
   if (left.recptr < 0) return -1;
   right.recptr = allocrec(FreeList::kNodes);
   if (right.recptr < 0) {
-    give_back(left.recptr);
+    give_node_back(left.recptr);
     return -1;
   }
   put_left(left.recptr, full, cut);

@@ -76,15 +76,9 @@ int IndexLoad::add(const Byte* record, std::int32_t number) {
   return sorter_.add(entry_.data()) == 0 ? 0 : failed_sort(errno);
 }
 
-std::int32_t IndexLoad::greatest_duplicate() const {
-  const int width = ItemLayout{key_}.dupwidth;
-  if (width == 0) return 0;
-  return width == 4 ? INT32_MAX : UINT16_MAX;
-}
-
 int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter& rejected) {
   TreeLoader loader{key_, taken_};
-  const std::int32_t greatest = greatest_duplicate();
+  const std::int32_t greatest = ItemLayout{key_}.greatest_dupnm();
   std::array<Byte, MAXKEYLEN> previous{};
   bool first = true;
   Item item;

@@ -50,7 +50,6 @@ class IndexLoad {
   [[nodiscard]] common::Sorter::Shape shape() const;
   [[nodiscard]] bool same_key(const Byte* a, const Byte* b) const;
   [[nodiscard]] const Byte* key_of(const Byte* entry) const;
-  [[nodiscard]] std::int32_t greatest_duplicate() const;
   [[nodiscard]] int load(std::int32_t root, const Listener& listener, common::Sorter& rejected);
 
   keydescr key_;
