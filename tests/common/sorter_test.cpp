@@ -72,12 +72,6 @@ TEST(Sorter, FollowsAGivenOrder) {
   EXPECT_EQ(result, entries);
 }
 
-TEST(Sorter, HoldsNothing) {
-  Sorter sorter(shape(1));
-  EXPECT_EQ(sorter.finish(), 0);
-  EXPECT_EQ(sorter.next(), nullptr);
-}
-
 TEST(Sorter, ReportsWhatTheTemporaryFileRefuses) {
   const SystemCalls real = system_calls();
   system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {

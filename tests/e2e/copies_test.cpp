@@ -18,18 +18,6 @@ namespace {
 constexpr off_t kRecords = 0x40000000;
 constexpr off_t kOpenLock = 0x7FFFFFFF;
 
-// Whether a process other than the caller's has a byte of the index locked.
-bool byte_locked(const std::string& base, off_t at) {
-  return end_of(start_process([&] {
-           struct flock lock {};
-           lock.l_type = F_WRLCK;
-           lock.l_start = at;
-           lock.l_len = 1;
-           const int fd = ::open((base + ".idx").c_str(), O_RDWR);
-           ::_exit(::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK ? 0 : 1);
-         })) != 0;
-}
-
 // Runs a test's part in a process of its own, which may leave things open.
 void apart(const std::function<void()>& work) {
   EXPECT_EQ(end_of(start_process([&] {
@@ -66,7 +54,7 @@ TEST_F(Inherited, OpensAreRefusedAndNumbersStayTaken) {
       EXPECT_EQ(own.read(RD_EQUAL | RD_LOCK, 7), -1);
       EXPECT_EQ(iserrno, ISELOCKED);
       EXPECT_EQ(own.read(RD_EQUAL | RD_LOCK, 8), 0);
-      EXPECT_TRUE(byte_locked(base_, kRecords + 8))
+      EXPECT_TRUE(byte_locked(base_ + ".idx", kRecords + 8))
           << "closing what was inherited took no lock along";
       EXPECT_EQ(::isclose(pair.isfd), -1);
       EXPECT_EQ(iserrno, ISENOTOPEN);
@@ -74,7 +62,7 @@ TEST_F(Inherited, OpensAreRefusedAndNumbersStayTaken) {
       EXPECT_EQ(again.open(ISINOUT | ISMANULOCK), pair.isfd) << "the number is free now";
       EXPECT_EQ(::iscleanup(), 0);
     });
-    EXPECT_TRUE(byte_locked(base_, kRecords + 7)) << "the parent's lock is still there";
+    EXPECT_TRUE(byte_locked(base_ + ".idx", kRecords + 7)) << "the parent's lock is still there";
     EXPECT_EQ(pair.read(RD_NEXT), 0);
   });
 }
@@ -110,7 +98,7 @@ TEST_F(Inherited, OpensAreNoticedByTheFirstCall) {
       }
       EXPECT_EQ(end_of(child), 0) << &first - firsts;
       EXPECT_EQ(read_file(base_ + ".dat"), before) << &first - firsts;
-      EXPECT_TRUE(byte_locked(base_, kOpenLock));
+      EXPECT_TRUE(byte_locked(base_ + ".idx", kOpenLock));
       EXPECT_EQ(::isclose(pair.isfd), 0);
       EXPECT_EQ(counters_in(base_, false, 1, 30).at(7), 1);
       ASSERT_GE(pair.open(ISINOUT | ISEXCLLOCK), 0);
@@ -196,7 +184,7 @@ TEST_F(Inherited, OrRatherSharedWithAnotherCopyNothingIs) {
     for (const Plugin* plugin : {&first, &second}) {
       EXPECT_EQ(plugin->open(base_), -1);
       EXPECT_EQ(plugin->error(), ISEINUSE);
-      EXPECT_TRUE(byte_locked(base_, kRecords + 7));
+      EXPECT_TRUE(byte_locked(base_ + ".idx", kRecords + 7));
     }
     const int theirs = first.open(other_, ISEXCLLOCK);
     EXPECT_GE(theirs, 0);
@@ -204,7 +192,7 @@ TEST_F(Inherited, OrRatherSharedWithAnotherCopyNothingIs) {
     EXPECT_EQ(second.error(), ISEINUSE);
     EXPECT_EQ(Session{other_}.open(ISINOUT | ISMANULOCK), -1);
     EXPECT_EQ(iserrno, ISEINUSE);
-    EXPECT_TRUE(byte_locked(other_, kOpenLock));
+    EXPECT_TRUE(byte_locked(other_ + ".idx", kOpenLock));
     // A pair kept at hand is refused as well, until it is closed.
     ::isvclose(2);
     EXPECT_EQ(::isclose(pair.isfd), 0);
@@ -231,7 +219,7 @@ TEST_F(Inherited, OrRatherSharedWithAnotherCopyNothingIs) {
       EXPECT_EQ(iserrno, ISENOTOPEN);
       EXPECT_EQ(second.open(other_), -1);
       EXPECT_EQ(second.error(), ISEINUSE);
-      EXPECT_TRUE(byte_locked(other_, kRecords + 1));
+      EXPECT_TRUE(byte_locked(other_ + ".idx", kRecords + 1));
     });
   });
 }

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -146,18 +145,6 @@ TEST_F(RepairCopy, OldIndexIsKeptWhenTheRecordsCannotGiveItBack) {
   }
 }
 
-TEST_F(RepairCopy, WhatIsThereStays) {
-  const Image before = damage(spoil_count);
-  write_file(idx_ + ".before", {1});
-  write_file(idx_ + ".before.2.undo", {2});
-  write_file(idx_ + ".kestro-1", {3});  // not its own number
-  run("-yq");
-  EXPECT_EQ(others(), (Names{"pair.idx.before", "pair.idx.before.2.undo", "pair.idx.before.3",
-                             "pair.idx.kestro-1"}));
-  EXPECT_EQ(read_file(idx_ + ".before"), Image{1});
-  EXPECT_EQ(read_file(idx_ + ".before.3"), before);
-}
-
 TEST(UndoData, IsTakenOnlyAsItIsWritten) {
   checker::UndoData data;
   data.repaired = {{5120, {1790000000, 7}}, 4000000000U, 0xFEDCBA9876543210U};
@@ -207,21 +194,6 @@ TEST_F(RepairCopy, IsMadeInAFolderThatNoPathLeadsTo) {
   }));
   EXPECT_EQ(end, 0);
   EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
-}
-
-TEST_F(RepairCopy, OwnerPermissionsAndAttributesStay) {
-  damage(spoil_index);
-  ASSERT_EQ(::chmod(idx_.c_str(), 0642), 0);
-  const bool attributes = ::setxattr(idx_.c_str(), "user.label", "abc", 3, 0) == 0;
-  const bool owner = ::chown(idx_.c_str(), 12345, 23456) == 0;
-  const ino_t inode = status_of(idx_).st_ino;
-  run("-yq");
-  const struct stat now = status_of(idx_);
-  EXPECT_NE(now.st_ino, inode);
-  EXPECT_EQ(now.st_mode & 07777, 0642U);
-  EXPECT_TRUE(!owner || (now.st_uid == 12345 && now.st_gid == 23456));
-  char label[4] = {};
-  EXPECT_TRUE(!attributes || ::getxattr(idx_.c_str(), "user.label", label, 3) == 3);
 }
 
 TEST_F(RepairCopy, ChangeOfTheDictionaryAloneIsMadeInPlace) {

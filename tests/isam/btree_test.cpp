@@ -119,19 +119,6 @@ TEST(Btree, AFullNodeSplitsAtHalfItsItemArea) {
   EXPECT_EQ(leaf_fill(tree), (std::vector<int>{22, 21}));
 }
 
-TEST(Btree, AnEqualItemAtTheEndOfTheLeafBeforeIsFound) {
-  for (const int flags : {0, +KF_DUPS}) {
-    Tree tree{flags, Kind::kNumber, {.node_size = 128}, 300};
-    for (int key = 0; key < 300; ++key) ASSERT_EQ(tree.insert(key), 0);
-    for (int key = 0; key < 300; ++key) {
-      ASSERT_EQ(tree.insert(key), flags == 0 ? -1 : 0);
-      ASSERT_EQ(iserrno, flags == 0 ? kDuplicate : 0);
-      ASSERT_EQ((tree.cursor.bt.state & kSameKeyNearby) != 0, flags != 0);
-    }
-    tree.expect_sound();
-  }
-}
-
 TEST(Btree, DuplicateNumbersThatNoLongerFitAreRefused) {
   for (const auto& [width, greatest] : {std::pair{2, 65'535}, {4, INT32_MAX}}) {
     Tree tree{KF_DUPS, Kind::kNumber, {.node_size = 128, .dup_width = width}};
@@ -177,50 +164,6 @@ TEST(Btree, DuplicateNumbersGoAboveTheLastItemsOfUpperNodes) {
       stored.push_back(tree.cursor.treeitem.dupnm);
     EXPECT_EQ(stored, numbers);
     tree.expect_sound();
-  }
-}
-
-TEST(Btree, DeletingAnItemThatIsNotThere) {
-  Tree tree{KF_DUPS, Kind::kText, {}};
-  EXPECT_EQ(tree.take_out(1, 1), -1);
-  EXPECT_EQ(iserrno, kNoRecord);
-  for (int i = 0; i < 5; ++i) ASSERT_EQ(tree.insert(1), 0);
-  for (const auto& [key, record] : {std::pair{1, 77}, {0, 1}, {2, 1}}) {
-    clear_errors();
-    EXPECT_EQ(tree.take_out(key, record), -1);
-    EXPECT_EQ(iserrno, kNoRecord);
-  }
-  tree.expect_sound();
-}
-
-// A path that is put back goes on from its own item, whatever was read in the meantime.
-TEST(Btree, PositionsTakeTurns) {
-  for (const int flags : {+KF_DUPS, KF_DUPS | KF_LCOMPRESS | KF_TCOMPRESS}) {
-    for (const Kind kind : {Kind::kText, Kind::kReal}) {
-      SCOPED_TRACE(name_of(flags, kind));
-      Tree tree{flags, kind, {.node_size = 128}};
-      for (int key = 0; key < 400; ++key) ASSERT_EQ(tree.insert(key), 0);
-      tree.cursor.bt.state = kHasCurrent;
-      ASSERT_EQ(btposition(tree.cursor, tree.k, Edge::kLast), 0);
-      ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kPrevious), 0);
-      Position other = tree.cursor.bt;
-      ASSERT_EQ(btposition(tree.cursor, tree.k, Edge::kFirst), 0);
-      for (auto at = tree.model.begin(), to = std::prev(tree.model.end());; ++at, --to) {
-        ASSERT_TRUE(tree.on(*at));
-        std::swap(tree.cursor.bt, other);
-        ASSERT_EQ(btcurrent(tree.cursor, tree.k, false), 0);
-        ASSERT_TRUE(tree.on(*to));
-        if (to == tree.model.begin()) break;
-        ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kPrevious), 0);
-        std::swap(tree.cursor.bt, other);
-        const Position kept = tree.cursor.bt;
-        ASSERT_EQ(btcurrent(tree.cursor, tree.k, false), 0);
-        Item last = tree.item_of(399);
-        ASSERT_EQ(btsearch(tree.cursor, last, tree.k, 0, Search::kInsert), 0);
-        tree.cursor.bt = kept;
-        ASSERT_EQ(btmove(tree.cursor, tree.k, Direction::kNext), 0);
-      }
-    }
   }
 }
 

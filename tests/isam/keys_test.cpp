@@ -57,28 +57,6 @@ TEST(Keys, LegalityOfADescription) {
   EXPECT_EQ(kylegal(nine, kRecord), -1);
 }
 
-TEST(Keys, StoredFormAndBack) {
-  keydescr k = key_of({{3, 258, KT_CHAR}, {260, 4, KT_LONG | KT_DESC}}, KF_DUPS | KF_TCOMPRESS);
-  k.rootnode = 0x01020304;
-  const Byte expected[] = {0, 17, 1, 2, 3, 4, 4, 0x81, 2, 0, 3, 0, 0, 4, 1, 4, 130};
-  Image stored(sizeof expected);
-  ASSERT_EQ(stored_key_size(k), static_cast<int>(stored.size()));
-  kypack(k, stored.data());
-  EXPECT_EQ(stored, Image(std::begin(expected), std::end(expected)));
-  const keydescr back = kyunpack(stored.data());
-  EXPECT_EQ(kycompare(back, k), 0);
-  EXPECT_EQ(back.flags, k.flags);
-  EXPECT_EQ(back.rootnode, k.rootnode);
-  EXPECT_EQ(back.keylen, 262);
-
-  // Without parts it stands for the order of record numbers.
-  kypack(keydescr{}, stored.data());
-  const keydescr number = kyunpack(stored.data());
-  EXPECT_EQ(number.nparts, 0);
-  EXPECT_EQ(number.part[0].length, 2);
-  EXPECT_EQ(number.part[0].type, KT_INT);
-}
-
 template <typename Number>
 void expect_number_order(int type) {
   using Limits = std::numeric_limits<Number>;
@@ -184,68 +162,6 @@ class KeyChainTest : public testing::Test {
 
   TestPair pair_{{.node_size = 128}};
 };
-
-TEST_F(KeyChainTest, DescriptionsAreNumberedInTheirOrder) {
-  add(30);
-  for (int i = 0; i < 30; ++i) {
-    keydescr k{};
-    ASSERT_EQ(kysearch(k, i + 1), i + 1);
-    EXPECT_EQ(kycompare(k, nth(i)), 0);
-    const std::int32_t root = k.rootnode;
-    k = nth(i);
-    k.flags = KF_LCOMPRESS;
-    ASSERT_EQ(kysearch(k, 0), i + 1);
-    EXPECT_EQ(k.flags, 0);
-    EXPECT_EQ(k.rootnode, root);
-    // The same parts are the same key.
-    k.flags = KF_DUPS;
-    clear_errors();
-    EXPECT_EQ(kyadd(k), -1);
-    EXPECT_EQ(iserrno, kIndexExists);
-  }
-  clear_errors();
-  keydescr k = nth(30);
-  EXPECT_EQ(kysearch(k, 0), -1);
-  EXPECT_EQ(kysearch(k, 31), -1);
-  EXPECT_EQ(iserrno, 0);
-  k = nth(7);
-  k.part[0].type = KT_CHAR | KT_DESC;
-  EXPECT_EQ(kysearch(k, 0), -1);
-  EXPECT_EQ(iserrno, 0);
-  k.part[0].length = 100;
-  EXPECT_EQ(kysearch(k, 0), -1);
-  EXPECT_EQ(iserrno, kBadKey);
-  EXPECT_EQ(pair_.problems(), std::vector<std::string>{});
-}
-
-TEST_F(KeyChainTest, RemovalMovesTheRestUp) {
-  add(12);
-  const auto remove = [](int place) {
-    keydescr k = nth(place);
-    EXPECT_GT(kysearch(k, 0), 0);
-    EXPECT_EQ(kydelete(k), 0);
-    EXPECT_EQ(btrecover(k.rootnode, k), 0);
-  };
-  remove(0);
-  remove(5);
-  EXPECT_EQ(stored(), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 9, 10, 11}));
-  EXPECT_EQ(kyremove(9), 0);
-  EXPECT_EQ(stored(), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 9, 11}));
-  keydescr tenth = nth(10);
-  EXPECT_EQ(kyadd(tenth), 0);  // the first node has room again
-  EXPECT_EQ(stored(), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 10, 9, 11}));
-  for (const int place : {1, 2, 3, 4, 6, 7, 8, 10, 9, 11}) remove(place);
-  EXPECT_EQ(stored(), std::vector<int>{});
-  {
-    const PageHold page = bfread(2);
-    EXPECT_EQ(page.used(), kEntriesOffset);
-    EXPECT_EQ(std::count(page.data() + kEntriesOffset, page.data() + 125, 0), 119);
-    EXPECT_NE(common::ldlong(page.data() + kLinkOffset), 0);  // an empty node stays
-  }
-  clear_errors();
-  EXPECT_EQ(kydelete(nth(1)), -1);
-  EXPECT_EQ(iserrno, kBadKey);
-}
 
 TEST_F(KeyChainTest, AFailedAdditionChangesNothing) {
   add(9);

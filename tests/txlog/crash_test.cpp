@@ -5,7 +5,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <set>
 #include <vector>
 
 #include "common/io.h"
@@ -204,29 +203,6 @@ TEST_F(Crashes, AtAnyWriteLeaveWhatWasCommitted) {
 }
 
 // ---- The log ends anywhere within its last records.
-
-TEST_F(Crashes, OfALogCutAnywhereLeaveTheLastWholeUnit) {
-  constexpr std::size_t kRecords = 8;
-  prepare({.files = 2, .own = 6, .longest = 40});
-  ASSERT_EQ(end_of(start_worker(0, 5, 20)), 0);
-  const Image log = read_file("log");
-  std::vector<std::size_t> ends;
-  for (std::size_t at = 4; at < log.size(); at += static_cast<std::size_t>(get2(&log[at]))) {
-    ends.push_back(at);
-  }
-  ASSERT_GT(ends.size(), kRecords);
-  std::set<int> units;
-  for (std::size_t end = ends[ends.size() - kRecords]; end <= log.size(); ++end) {
-    SCOPED_TRACE(end);
-    const Image cut(log.begin(), log.begin() + static_cast<std::ptrdiff_t>(end));
-    write_file("log", cut);
-    journals_->front().units = units_in(cut)[started_.front().first];
-    units.insert(journals_->front().units);
-    recover_and_compare();
-    if (HasFailure()) break;
-  }
-  EXPECT_GT(units.size(), 2U);
-}
 
 // ---- What a rollback leaves.
 

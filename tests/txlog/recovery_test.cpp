@@ -1,7 +1,5 @@
 // Replaying logs: real ones over restored files, and ones put together by hand.
-#include <algorithm>
 #include <cerrno>
-#include <random>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -14,66 +12,6 @@ namespace {
 
 INSTANTIATE_TEST_SUITE_P(Formats, Recovery, ::testing::Bool(),
                          [](const auto& format) { return format.param ? "Varying" : "Fixed"; });
-
-// A transaction changes files through several opens, in every way, and ends in one of three.
-TEST_P(Recovery, RedoesWhatWasCommitted) {
-  build("one", -1);
-  build("two", -1);
-  const int before = ::isopen("one", ISINOUT + ISEXCLLOCK + format());
-  for (int id = 1; id <= 40; ++id) ASSERT_EQ(write(before, row(id, id % 6, filler(id * 30))), 0);
-  ::isclose(before);
-  keep_copy();
-  ASSERT_EQ(::islogopen("log"), 0);
-  const int plain = open("two", 0);
-  int one = open("one");
-  int two = open("two");
-  std::mt19937 random{7};
-  const auto pick = [&](int count) {
-    return static_cast<int>(random() % static_cast<unsigned>(count));
-  };
-  for (int round = 0; round < 80; ++round) {
-    const bool inside = pick(4) != 0;
-    if (inside) {
-      ASSERT_EQ(::isbegin(), 0);
-    }
-    for (int change = 1 + pick(8); change > 0; --change) {
-      const int isfd = pick(2) == 0 ? one : two;
-      const int id = 1 + pick(60);
-      switch (pick(3)) {
-        case 0:
-          write(isfd, row(id, pick(5), filler(pick(2900))));
-          break;
-        case 1:
-          rewrite(isfd, row(id, pick(5), filler(pick(2900))));
-          break;
-        default:
-          erase(isfd, id);
-      }
-    }
-    write(plain, row(1000 + round, 1));
-    if (pick(5) == 0) {
-      ASSERT_EQ(::isclose(two), 0);
-      two = open("two");
-    }
-    if (inside) {
-      ASSERT_EQ(pick(3) == 0 ? ::isrollback() : ::iscommit(), 0) << iserrno;
-    }
-  }
-  const Rows first = rows(one);
-  const Rows second = rows(two);
-  // The last transaction has no end; another process would have been killed in it.
-  ASSERT_EQ(::isbegin(), 0);
-  ASSERT_EQ(write(one, row(5000, 1)), 0);
-  ASSERT_EQ(erase(two, std::stoi(second.front().substr(0, kIdLength))), 0);
-  const Image unfinished = read_file("log");
-  ::isrollback();
-  ::islogclose();
-  write_file("log", unfinished);
-  ASSERT_EQ(replay(), 0) << iserrno;
-  EXPECT_TRUE(rows_of("one") == first);
-  EXPECT_TRUE(rows_of("two") == second);
-  EXPECT_TRUE(read_file("log") == unfinished) << "recovery does not write to the log";
-}
 
 // Inside a transaction (capital letters) a record is written, rewritten and deleted, also through
 // an open that has no part in it: what that does stands after the rollback, and in a recovery, also
@@ -295,59 +233,6 @@ class HandMadeLogs : public Recovery {
   LogMaker log_;
 };
 INSTANTIATE_TEST_SUITE_P(Formats, HandMadeLogs, ::testing::Values(false));
-
-TEST_P(HandMadeLogs, AreReadAsFarAsTheyGo) {
-  log_.save();
-  EXPECT_EQ(replay(), 0);
-  log_.opens(LogType::kOpened, 7, 3, "pair");
-  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0), false);
-  log_.mark(LogType::kBegin, 7);
-  log_.image(LogType::kInsert, 7, 3, 2, row(2, 0));
-  log_.raw({0, 40, 'I', 'N', 0});  // what a killed process left
-  log_.save();
-  EXPECT_EQ(replay(), 0);
-  EXPECT_EQ(rows_of("pair"), Rows{row(1, 0)});
-}
-
-TEST_P(HandMadeLogs, MixWritersAndReuseTheirNumbers) {
-  log_.opens(LogType::kOpened, 7, 3, "pair");
-  log_.opens(LogType::kOpened, 8, 3, "pair");
-  log_.mark(LogType::kBegin, 7);
-  log_.mark(LogType::kBegin, 8);
-  log_.image(LogType::kInsert, 7, 3, 3, row(1, 0));
-  log_.image(LogType::kInsert, 8, 3, 2, row(2, 0));
-  log_.image(LogType::kInsert, 8, 3, 1, row(5, 0), false);  // stands, however the rest ends
-  log_.mark(LogType::kRollback, 8);
-  log_.mark(LogType::kCommit, 7);
-  log_.mark(LogType::kBegin, 7);
-  log_.image(LogType::kInsert, 7, 3, 4, row(3, 0));
-  // Killed; another process has got the number.
-  log_.mark(LogType::kBegin, 7);
-  log_.opens(LogType::kOpened, 7, 5, "pair");
-  log_.image(LogType::kInsert, 7, 5, 4, row(4, 0));
-  log_.mark(LogType::kCommit, 7);
-  log_.save();
-  EXPECT_EQ(replay(), 0) << iserrno;
-  EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(4, 0), row(5, 0)}));
-  const int isfd = open("pair", 0);
-  EXPECT_EQ(write(isfd, row(9, 0)), 0);
-  EXPECT_EQ(isrecnum, 2) << "the number in between is free";
-}
-
-TEST_P(HandMadeLogs, TellOfInsertionsThatKilledProcessesDidNotMake) {
-  log_.opens(LogType::kOpened, 7, 3, "pair");
-  log_.opens(LogType::kOpened, 8, 3, "pair");
-  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0), false);
-  log_.image(LogType::kInsert, 7, 3, 2, row(2, 0), false);  // killed before it was made
-  log_.image(LogType::kInsert, 8, 3, 2, row(3, 0), false);
-  log_.save();
-  EXPECT_EQ(replay(), 0) << iserrno;
-  EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(3, 0)}));
-  log_.image(LogType::kInsert, 8, 3, 1, row(4, 0), false);  // that one was made: more followed it
-  log_.save();
-  EXPECT_EQ(replay(), -1);
-  EXPECT_EQ(iserrno, ISERECNUM);
-}
 
 TEST_P(HandMadeLogs, StopAtWhatCannotBe) {
   struct Case {

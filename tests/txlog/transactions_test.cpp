@@ -214,52 +214,6 @@ TEST_P(Transactions, RefuseWhatIsOutOfPlace) {
   }
 }
 
-TEST_P(Transactions, UndoEverythingOnRollback) {
-  build("second", -1);
-  const int other = open("second");
-  const int plain = open("pair", 0);
-  for (int id = 1; id <= 60; ++id) {
-    ASSERT_EQ(write(isfd_, row(id, id % 7, filler(id * 40))), 0);
-    ASSERT_EQ(write(other, row(id, id % 5, filler(id * 9))), 0);
-  }
-  const Rows first_before = rows(isfd_);
-  const Rows second_before = rows(other);
-  for (int round = 0; round < 3; ++round) {
-    ASSERT_EQ(::isbegin(), 0);
-    for (int id = 1; id <= 60; ++id) {
-      const int isfd = id % 3 == 0 ? other : isfd_;
-      if (id % 4 == 0) {
-        EXPECT_EQ(erase(isfd, id), 0);
-      }
-      // Longer, shorter and longer again; then away.
-      if (id % 4 == 1) {
-        EXPECT_EQ(rewrite(isfd, row(id, 99, filler(2900), 'y')), 0);
-        EXPECT_EQ(rewrite(isfd, row(id, 98, filler(1), 'z')), 0);
-        EXPECT_EQ(rewrite(isfd, row(id, 97, filler(700), 'w')), 0);
-      }
-      if (id % 4 == 2) {
-        EXPECT_EQ(write(isfd, row(100 + id, id, filler(1500))), 0);
-        EXPECT_EQ(rewrite(isfd, row(100 + id, id, filler(5))), 0);
-      }
-      if (id % 20 == 5) {
-        EXPECT_EQ(erase(isfd, id), 0);
-      }
-      if (id % 8 == 4) {  // what was deleted
-        EXPECT_EQ(write(isfd, row(id, 1, filler(20))), 0);
-      }
-    }
-    ASSERT_EQ(write(plain, row(1000 + round, 0)), 0);  // not of the transaction
-    ASSERT_EQ(::isrollback(), 0);
-    Rows expected = first_before;
-    for (int done = 0; done <= round; ++done) expected.push_back(row(1000 + done, 0));
-    EXPECT_TRUE(rows(isfd_) == expected);
-    EXPECT_TRUE(rows(other) == second_before);
-  }
-  ::iscleanup();
-  EXPECT_EQ(faults("pair"), "");
-  EXPECT_EQ(faults("second"), "");
-}
-
 TEST_P(Transactions, FreeNumbersAndStorageOnCommitOnly) {
   for (int id = 1; id <= 20; ++id) ASSERT_EQ(write(isfd_, row(id, 0, filler(1000))), 0);
   ASSERT_EQ(::isbegin(), 0);
@@ -414,37 +368,8 @@ TEST_P(Transactions, GiveUpWhatTheyNeedNotKeep) {
   EXPECT_EQ(faults("pair"), "");
 }
 
-// Whether this process has a byte of a pair's index locked, as another one sees it.
-bool byte_locked(const char* index, off_t at) {
-  return end_of(start_process([=] {
-           struct flock lock {};
-           lock.l_type = F_WRLCK;
-           lock.l_start = at;
-           lock.l_len = 1;
-           const int fd = ::open(index, O_RDWR);
-           ::_exit(::fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type == F_UNLCK ? 0 : 1);
-         })) != 0;
-}
 // The lock of a record's number, which is its id here.
 bool locked(int number) { return byte_locked("pair.idx", 0x40000000 + number); }
-
-TEST_P(Transactions, KeepWhatTheyChangeLocked) {
-  for (int id = 1; id <= 3; ++id) ASSERT_EQ(write(isfd_, row(id, 0)), 0);
-  std::string record = row(3, 0);
-  record.resize(kMaximum);
-  ASSERT_EQ(::isbegin(), 0);
-  ASSERT_EQ(rewrite(isfd_, row(1, 5)), 0);
-  ASSERT_EQ(write(isfd_, row(4, 5)), 0);
-  ASSERT_EQ(::isread(isfd_, record.data(), RD_EQUAL + RD_LOCK), 0);
-  EXPECT_TRUE(locked(3));
-  ASSERT_EQ(::isrelease(isfd_), 0);
-  EXPECT_TRUE(locked(1));
-  EXPECT_FALSE(locked(2));
-  EXPECT_FALSE(locked(3)) << "only read";
-  EXPECT_TRUE(locked(4));
-  ASSERT_EQ(::iscommit(), 0);
-  for (int id = 1; id <= 4; ++id) EXPECT_FALSE(locked(id)) << id;
-}
 
 // The whole file is locked around a change, through the open of the transaction or another, and
 // unlocked before the end: what was changed stays locked until then, the rest does not.
