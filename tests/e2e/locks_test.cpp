@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <list>
 #include <ostream>
 #include <vector>
 
@@ -75,6 +76,8 @@ std::ostream& operator<<(std::ostream& out, const Lock& lock) {
              << lock.length << std::dec << " process " << lock.process;
 }
 
+constexpr int kManual = ISINOUT | ISMANULOCK;
+
 class Locks : public testing::Test {
  protected:
   // Records 1 to 9, with the ids 1 to 9.
@@ -105,16 +108,20 @@ class Locks : public testing::Test {
     return {type, 0, 0x3FFFFFFF, peer.process()};
   }
 
+  // A peer that has the pair open.
+  Peer& opened() {
+    Peer& peer = peers_.emplace_back(base_);
+    EXPECT_EQ(peer(open, kManual), 0);
+    return peer;
+  }
+
   TempFolder folder_;
   const std::string base_ = folder_ / "pair";
+  std::list<Peer> peers_;
 };
 
-constexpr int kManual = ISINOUT | ISMANULOCK;
-
 TEST_F(Locks, ARecordIsRefusedToOthersUntilItIsReleased) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   ASSERT_EQ(a(read, RD_EQUAL | RD_LOCK, 3), 0);
   EXPECT_EQ(held(kRecords, 1000), record_lock(a, 3));
   EXPECT_EQ(b(read, RD_EQUAL, 3), 0);
@@ -139,9 +146,7 @@ TEST_F(Locks, ARecordIsRefusedToOthersUntilItIsReleased) {
 }
 
 TEST_F(Locks, AReadStaysBeforeALockedRecordUnlessItSkips) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   ASSERT_EQ(a(read, RD_EQUAL | RD_LOCK, 3), 0);
   ASSERT_EQ(b(read, RD_EQUAL, 2), 0);
   for (int times = 0; times < 2; ++times) EXPECT_EQ(b(read, RD_NEXT | RD_LOCK), ISELOCKED);
@@ -157,9 +162,7 @@ TEST_F(Locks, AReadStaysBeforeALockedRecordUnlessItSkips) {
 }
 
 TEST_F(Locks, AWaitingReadSeesWhatTheHolderLeft) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   ASSERT_EQ(a(read, RD_EQUAL | RD_LOCK, 3), 0);
   EXPECT_EQ(b(read, RD_EQUAL | RD_LOCK | RD_WAIT, 3), kWaits);
   EXPECT_EQ(a(read, RD_EQUAL, 5), 0);  // who waits keeps nobody from working
@@ -200,9 +203,7 @@ TEST_F(Locks, AnAutomaticLockLastsUntilTheNextCall) {
 }
 
 TEST_F(Locks, AFileLockStandsAgainstAllLocksOfOthers) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   EXPECT_EQ(b(read, RD_EQUAL | RD_LOCK, 5), 0);
   EXPECT_EQ(a(lock), ISELOCKED);
   EXPECT_EQ(b(release), 0);
@@ -273,9 +274,7 @@ TEST_F(Locks, AnOpenGoesByWhatAnExclusiveOneHasLeft) {
 }
 
 TEST_F(Locks, ReadersShareTheFileAndWritersTakeTurns) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   ASSERT_EQ(b(read, RD_FIRST), 0);
   a(pause_next);
   EXPECT_EQ(a(read, RD_FIRST), kPaused);
@@ -294,9 +293,7 @@ TEST_F(Locks, ReadersShareTheFileAndWritersTakeTurns) {
 }
 
 TEST_F(Locks, BatchModeKeepsTheFileForSixCalls) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   a(batch, 1);
   for (int call = 1; call <= 6; ++call) {
     EXPECT_EQ(a(read, RD_NEXT), 0);
@@ -323,9 +320,7 @@ void await_blocked(const Peer& peer) {
 }
 
 TEST_F(Locks, RefusesWhoWouldCloseACircle) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   ASSERT_EQ(a(read, RD_EQUAL | RD_LOCK, 1), 0);
   ASSERT_EQ(b(read, RD_EQUAL | RD_LOCK, 2), 0);
   EXPECT_EQ(a(read, RD_EQUAL | RD_LOCK | RD_WAIT, 2), kWaits);
@@ -365,9 +360,7 @@ TEST_F(Locks, TriesAgainAfterADeadlockAsOftenAsItMay) {
 }
 
 TEST_F(Locks, WhatAnotherProcessChangedIsSeenAtOnceFromTheOldPosition) {
-  Peer a(base_), b(base_);
-  ASSERT_EQ(a(open, kManual), 0);
-  ASSERT_EQ(b(open, kManual), 0);
+  Peer &a = opened(), &b = opened();
   const auto expect_read = [&a](int mode, int id) {
     EXPECT_EQ(a(read, mode), 0);
     EXPECT_EQ(a.last().row.id, id);

@@ -12,6 +12,10 @@
 
 namespace testing_support {
 
+inline bool has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 class ProgramTest : public testing::Test {
  protected:
   RunResult kestro(std::vector<std::string> words, const std::string& input = {},

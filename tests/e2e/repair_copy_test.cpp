@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -194,6 +195,21 @@ TEST_F(RepairCopy, IsMadeInAFolderThatNoPathLeadsTo) {
   }));
   EXPECT_EQ(end, 0);
   EXPECT_EQ(walk_pair(base_).problems, std::vector<std::string>{});
+}
+
+TEST_F(RepairCopy, OwnerPermissionsAndAttributesStay) {
+  damage(spoil_index);
+  ASSERT_EQ(::chmod(idx_.c_str(), 0642), 0);
+  const bool attributes = ::setxattr(idx_.c_str(), "user.label", "abc", 3, 0) == 0;
+  const bool owner = ::chown(idx_.c_str(), 12345, 23456) == 0;
+  const ino_t inode = status_of(idx_).st_ino;
+  run("-yq");
+  const struct stat now = status_of(idx_);
+  EXPECT_NE(now.st_ino, inode);
+  EXPECT_EQ(now.st_mode & 07777, 0642U);
+  EXPECT_TRUE(!owner || (now.st_uid == 12345 && now.st_gid == 23456));
+  char label[4] = {};
+  EXPECT_TRUE(!attributes || ::getxattr(idx_.c_str(), "user.label", label, 3) == 3);
 }
 
 TEST_F(RepairCopy, ChangeOfTheDictionaryAloneIsMadeInPlace) {

@@ -10,10 +10,6 @@
 namespace testing_support {
 namespace {
 
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 constexpr char kNodesAnew[] = "Recreating index node free list.";
 
 class Repair : public ProgramTest {

@@ -19,10 +19,6 @@
 namespace testing_support {
 namespace {
 
-bool has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 class Surroundings : public ProgramTest {
  protected:
   // A command line of the shell, with the program as $KESTRO.

@@ -421,6 +421,18 @@ TEST_P(Transactions, KeepWhatTheyChangedUnderALockOfTheFile) {
   EXPECT_FALSE(locked(1));
   ASSERT_EQ(::isrollback(), 0);
   EXPECT_FALSE(locked(2));
+
+  // What was only read is released before the end.
+  std::string record = row(3, 0, kMaximum - kMinimum);
+  ASSERT_EQ(::isbegin(), 0);
+  ASSERT_EQ(rewrite(isfd_, row(1, 3)), 0);
+  ASSERT_EQ(::isread(isfd_, record.data(), RD_EQUAL + RD_LOCK), 0);
+  EXPECT_TRUE(locked(1) && locked(3));
+  ASSERT_EQ(::isrelease(isfd_), 0);
+  EXPECT_TRUE(locked(1));
+  EXPECT_FALSE(locked(3)) << "only read";
+  ASSERT_EQ(::iscommit(), 0);
+  EXPECT_FALSE(locked(1));
 }
 
 TEST_P(Transactions, AreRolledBackByACleanup) {
