@@ -130,6 +130,7 @@ TEST_F(RepairCopy, OldIndexIsKeptWhenTheRecordsCannotGiveItBack) {
     EXPECT_EQ(others(), it.kept ? Names{"pair.idx.before"} : Names{}) << error_output_;
     if (!it.kept) continue;
     EXPECT_EQ(read_file(idx_ + ".before"), before);
+    EXPECT_GT(::getxattr((idx_ + ".before").c_str(), "user.kestro.undo", nullptr, 0), 0);
     const auto undo = checker::load_undo_data(idx_ + ".before");
     ASSERT_TRUE(undo.has_value());
     checker::UndoData now;
