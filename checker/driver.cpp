@@ -54,8 +54,8 @@ bool open_pair(const Check& check, const std::string& name) {
 
 bool index_can_be_written() { return filep->index.mode != O_RDONLY; }
 
-// Takes the open lock, so that no other process uses the pair, or none changes it where nothing
-// more is possible. False with iserrno set.
+// Takes the open lock: no other process uses the pair. An index file that can only be read does
+// not allow that; then others may still read the pair, but none changes it. False with iserrno set.
 bool lock_pair() {
   if (!index_can_be_written()) return isam::lkreading() == 0;
   if (isam::lksemaphore(isam::Semaphore::kExclusive) != 0) return false;
@@ -64,12 +64,14 @@ bool lock_pair() {
   return locked;
 }
 
-void give_up_pair(Check& check) {
+// Closes the pair, which holds no lock any more. Tells the library's current error first, if there
+// is one.
+void close_pair(Check& check) {
   check.prterr();
   isam::freeopen(*openp);
 }
 
-// Takes the pair for this process alone and reads its dictionary.
+// Locks the pair and reads its dictionary. False when that failed: the pair is closed again.
 bool lock_and_load(Check& check) {
   const bool locked = lock_pair();
   if (locked && isam::dictread() == 0) {
@@ -77,7 +79,7 @@ bool lock_and_load(Check& check) {
     return true;
   }
   if (locked) isam::lkopenlock(0);
-  give_up_pair(check);
+  close_pair(check);
   return false;
 }
 
@@ -94,12 +96,13 @@ bool resize_alone(Check& check, const std::string& name) {
   const bool locked = lock_pair();
   const bool resized = locked && resize(check, name) == 0;
   if (locked) isam::lkopenlock(0);
-  give_up_pair(check);
+  close_pair(check);
   return resized;
 }
 
-// Whether the client's locale orders what a file of the other's name holds: a client's name that
-// the file's begins with does, but the one that stands for no locale is no such beginning.
+// Whether the client's locale is accepted for a file whose keys the locale `stored` has ordered:
+// the client's name must be the stored one or its beginning. But "c", the order of bytes, is no
+// beginning of "ca_es": it is accepted for "c" (blanks may follow), "c." and "c@" only.
 bool collation_matches(std::string_view client, std::string_view stored) {
   if (client.empty() || !stored.starts_with(client)) return false;
   if (client != locale::kByteOrder) return true;
@@ -137,6 +140,9 @@ bool nodes_will_be_taken(const Check& check) {
 
 void rebuild_free_lists(Check& check) {
   const bool nodes_are_taken = nodes_will_be_taken(check);
+  // Where nodes will be taken from the list as it is, its nodes get the marks that they lack. A
+  // list that was found sound and yet cannot be drawn from is rebuilt unasked; one whose rebuild
+  // was declined stays.
   if (check.badifree != Verdict::kRebuild && nodes_are_taken && !check.node_list_is_declined() &&
       !mark_node_list(check) && check.badifree == Verdict::kSound) {
     check.badifree = Verdict::kRebuild;  // it has a node that is too full to be drawn from

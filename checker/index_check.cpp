@@ -14,6 +14,7 @@ namespace {
 
 using isam::dictp;
 
+// Tells what was counted. `misdata` is the number of records present that no item points to.
 void report_tree(Check& check, int n, const TreeFindings& found, std::int32_t misdata) {
   const auto report = [&](Code code, std::int32_t count) {
     if (count != 0) check.found(code, {.key = n, .found = count});
@@ -41,14 +42,17 @@ IndexVerdict check_index(Check& check, int n, const keydescr& k) {
   TreeFindings found;
   if (k.nparts > 0) found = TreeCheck{check, n, k}.run();
   check.listener.index_walked(found.cntindx, found.maxlevel + 1);
+  // Without parts it stands for the order of record numbers and has no tree.
   if (k.nparts == 0) return IndexVerdict::kKeep;
 
   const std::int32_t misdata = check.datmap.cntmap() - check.datmap2.cntmap();
   const bool faulty = found.badindx != 0 || found.dupindx != 0 || found.baddata != 0 ||
                       found.dupdata != 0 || misdata != 0 || found.badorder;
   if (faulty) report_tree(check, n, found, misdata);
+  // A node that could not be read or taken apart is in none of the counts: the walk has told it.
+  const bool has_bad_node = found.badindex;
   const IndexVerdict verdict =
-      faulty || found.badindex ? ask_about_bad_index(check, k.rootnode) : IndexVerdict::kKeep;
+      faulty || has_bad_node ? ask_about_bad_index(check, k.rootnode) : IndexVerdict::kKeep;
   check.idxmap.ormap(check.idxmap2);
   if (verdict == IndexVerdict::kKeep) check.keptmap.ormap(check.idxmap2);
   return verdict;
@@ -67,7 +71,7 @@ void repair_index_count(Check& check, int counted) {
 
 bool ckindex(Check& check) {
   check.listener.begins(Pass::kIndexes);
-  check.keptmap.ormap(check.idxmap);
+  check.keptmap.ormap(check.idxmap);  // what the dictionary, descriptions and records use
   isam::KeyChain chain;
   keydescr k{};
   for (int n = 1;; ++n) {
@@ -79,7 +83,7 @@ bool ckindex(Check& check) {
         check.found(Code::kBadKeyDescription, {.key = n});
         return false;
       case isam::KeyChain::Step::kEnd:
-      case isam::KeyChain::Step::kUnreadable:
+      case isam::KeyChain::Step::kUnreadable:  // ckdict has told it
         check.pass_over_error();
         repair_index_count(check, n - 1);
         return true;
@@ -89,8 +93,7 @@ bool ckindex(Check& check) {
       check.found(Code::kBadKeyDescription, {.key = n});
       return false;
     }
-    check.idxflag.push_back(IndexVerdict::kKeep);
-    check.idxflag.back() = check_index(check, n, k);
+    check.idxflag.push_back(check_index(check, n, k));
   }
 }
 

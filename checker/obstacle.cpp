@@ -54,15 +54,17 @@ int obstacle(int fd, const std::string& index) {
   if (status.st_nlink > 1) return EMLINK;
   if (is_mount_point(fd)) return EBUSY;
   const uid_t user = ::geteuid();
-  const bool others = user != 0 && user != status.st_uid && user != folder.st_uid;
-  if ((folder.st_mode & S_ISVTX) != 0 && others) return EPERM;
+  // With the sticky bit, only root and the owners of the file and the folder may replace the file.
+  const bool may_replace = user == 0 || user == status.st_uid || user == folder.st_uid;
+  if ((folder.st_mode & S_ISVTX) != 0 && !may_replace) return EPERM;
   if (::faccessat(AT_FDCWD, folder_name.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return errno;
   const bool limited = ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY;
   return limited && limit.rlim_cur < static_cast<rlim_t>(status.st_size) ? EFBIG : 0;
 }
 
 bool leaves_index_usable(int error) {
-  // Nothing can be written past the limit on the size of files, wherever.
+  // What would hinder a change of the index itself as well: a damaged disk or file system, no
+  // memory, a file that its server has lost, the limit on the size of files.
   return error != EIO && error != ENOMEM && error != ESTALE && error != EUCLEAN && error != EFBIG;
 }
 

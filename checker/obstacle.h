@@ -5,8 +5,8 @@
 
 namespace checker {
 
-// The file itself, past symbolic links. Where its path is too long to be told, the last link at
-// least is followed.
+// The path of the file itself, past symbolic links. Where the system cannot tell it (too long, or
+// no file there), links in the last part of the path are followed, and others may stay in it.
 [[nodiscard]] std::string real_path(std::string path);
 
 // Why another file cannot take the place of an index, open as `fd`, as an errno; 0 when nothing is

@@ -8,10 +8,11 @@
 
 namespace common {
 
-// Into an empty file: 0, or -1 with errno.
+// Makes `to`, an empty file, like `from`: 0, or -1 with errno.
 [[nodiscard]] int copy_contents(int from, int to);
 
-// Writes what differs from `at` to `end`: 0, or -1 with errno.
+// Makes the bytes of `to` like those of `from`, in the range from offset `at` to `end`, and as far
+// as `from` goes. It writes only pieces that differ. 0, or -1 with errno.
 [[nodiscard]] int copy_differences(int from, int to, std::int64_t at, std::int64_t end);
 
 // Owner, permissions and extended attributes: 0, or -1 with errno when one cannot be given.

@@ -289,11 +289,11 @@ std::string dump_of(const LogRecord& record) {
   }
   // What describe() has put into words needs no dump.
   const std::size_t size = record.bytes().size();
-  if (is_sound(record) || size <= log_record::kSmallest) return {};
+  if (payload_is_sound(record) || size <= log_record::kSmallest) return {};
   return dump_text(record.bytes().subspan(log_record::kPayload, size - log_record::kSmallest));
 }
 
-bool is_sound(const LogRecord& record) {
+bool payload_is_sound(const LogRecord& record) {
   const isam::KeepError keep;
   return Payload{record, {}}.text().has_value();
 }

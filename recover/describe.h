@@ -40,7 +40,7 @@ class OpenNames {
 [[nodiscard]] std::string description_heading();
 // The images of a record, or without any the payload that could not be taken apart.
 [[nodiscard]] std::string dump_of(const LogRecord& record);
-// Whether the payload is what the record's type demands.
-[[nodiscard]] bool is_sound(const LogRecord& record);
+// Whether the payload is what the record's type demands. LogRecord::is_sound() is about the length.
+[[nodiscard]] bool payload_is_sound(const LogRecord& record);
 
 }  // namespace recover

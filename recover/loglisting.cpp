@@ -65,6 +65,7 @@ class Listing {
     transactions_.add(logged, offset);
   }
 
+  // The record is whole: it has as many bytes as its header says.
   void check(const LogRecord& logged, std::int64_t offset) {
     const auto size = static_cast<std::size_t>(logged.length());
     const int trailer = common::ldword(&logged.bytes()[size - log_record::kTrailer]);
@@ -75,7 +76,7 @@ class Listing {
     }
     if (type_of(logged) == LogType::kUnknown) {
       damage(offset, "no record has this type; a recovery stops here");
-    } else if (!is_sound(logged)) {
+    } else if (!payload_is_sound(logged)) {
       damage(offset, "what the record holds does not fit its type");
     }
     if (previous.length != 0 && (previous.offset < kMagicSize || previous.offset >= offset)) {

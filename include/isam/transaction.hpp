@@ -58,14 +58,19 @@ class Transaction {
     end();
   }
 
-  // The changes stand. When it throws with ISELOGWRITE the transaction is still open.
+  // Ends the transaction; its changes stand. When it throws with ISELOGWRITE the transaction is
+  // still open and may be committed again or rolled back. When it throws with another reason it has
+  // ended and its changes stand, but what they give up could not all be freed, or the disk may lack
+  // them.
   void commit() {
     expect_open();
     const bool done = iscommit() == 0;
     if (done || iserrno != ISELOGWRITE) end();
     if (!done) throw Error("iscommit");
   }
-  // Undoes the changes now, so that a failure is told.
+  // Undoes the changes now, the last first, so that a failure is told. When it throws, the
+  // transaction has ended all the same; the change that could not be undone may stand, and those
+  // made before it.
   void roll_back() {
     expect_open();
     end();

@@ -49,8 +49,8 @@ enum Code : std::int32_t {
 // The first code past the message table.
 inline constexpr std::int32_t is_nerr = 172;
 
-// Text of a library code from 100 to is_nerr - 1, or of one of the two behind the table; empty for
-// any other number.
+// Text of a library code from 100 to is_nerr - 1, or of kBadLogMagic or kTreeTooDeep; empty for any
+// other number.
 [[nodiscard]] std::string_view is_errlist(std::int32_t code);
 
 // iserrio: operation in the high four bits, file in the low four.
@@ -66,12 +66,12 @@ enum class FileKind : std::int32_t { kIndex = 1, kData = 2, kAudit = 3, kLock = 
 
 // Set iserrno (and iserrio); the result is always -1, so that a caller can return it.
 int failed(Code code);
-// With an errno. From 100 on it would read as one of the library's own codes: a full quota is told
-// as ENOSPC, anything else as EIO.
+// The same for an error of the system. iserrno becomes the errno when that is below 100. A greater
+// one would read as one of the library's own codes: EDQUOT becomes ENOSPC, any other becomes EIO.
 int failed_system(int system_error);
 int failed_system(int system_error, Operation operation, FileKind file);
 
-// Fails with what iserrno was before, of the system or the library.
+// Sets iserrno to `reason`, an iserrno that the caller kept while it went on: -1. iserrio stays.
 int failed_as(std::int32_t reason);
 
 // Sets the code only when no deeper routine has set one.
@@ -103,7 +103,9 @@ class KeepError {
   std::int32_t place_ = iserrio;
 };
 
-// The first failure of several steps, to be told at the end.
+// The first failure of several steps, to be told at the end. note() takes the result of a step,
+// whose failure is in iserrno. tell() sets iserrno and iserrio to those of the first failure and
+// gives -1; when there was none it clears both and gives 0.
 class FirstFailure {
  public:
   void note(int result) {

@@ -43,11 +43,14 @@ int set_audit_trail_name(std::string_view name);
 // anything is changed.
 int audopen();
 
-// Appends an entry when the trail is open: 0, or -1 with iserrno and iserrio. In a rollback and a
-// recovery both go on without a trail that cannot be opened or written.
+// Appends an entry when the trail is on and open: 0, or -1 with iserrno and iserrio.
+//
+// During a rollback or a recovery, audopen() and audoutput() give 0 also when the trail cannot be
+// opened or written: the records matter more.
 int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record);
 
-// The change stays although its entry is missing, which the call tells.
+// Called when a record was changed and its entry could not be written: the call fails with the
+// error in iserrno, but what it changed stays and is not withdrawn from the log.
 void keep_unaudited();
 
 }  // namespace isam::txlog

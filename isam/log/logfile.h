@@ -134,8 +134,10 @@ class LogWindow {
   // is wholly there; else none, with iserrno 118 when reading failed. Earlier records are likely to
   // be at hand afterwards.
   [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
-  // The record at `offset`, as long as it says: none at the end of the log, and where a record
-  // would reach past it; one shorter than a record can be has less than the smallest length.
+  // The record at `offset`, whole: as many bytes as its header says. None, with iserrno 0, at the
+  // end of the log and where the record would reach past it; none with iserrno 118 or 116 when
+  // reading failed. A header may say less than a record can have: that record has kSmallest bytes,
+  // and the caller compares its length() before it goes on.
   [[nodiscard]] LogRecord isgetnext(std::int64_t offset);
 
  private:

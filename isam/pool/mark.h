@@ -13,10 +13,10 @@
 
 namespace isam {
 
-// Sets this process's mark, unless one stands there or the place is taken: 0, or -1 with the
-// system's error.
+// Sets this process's mark: 0, or -1 with the system's error. Where a mark stands already,
+// whosever it is, or other bytes have its place, it writes nothing and gives 0 too.
 int set_mark(OpenPair& file);
-// Clears the mark that this process has set: 0, or -1 with the system's error.
+// Clears the mark that this process has set, if it has: 0, or -1 with the system's error.
 int clear_mark(OpenPair& file);
 // Clears the mark of whatever process: 0, or -1 with the system's error.
 int remove_mark(OpenPair& file);

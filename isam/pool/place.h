@@ -16,6 +16,8 @@ struct Place {
   FileKind kind;
 };
 
+// The file, and the bytes in it, that a page was read from and is written to. A negative block is
+// that of a data file: its number with the top bit set. A node's size is idxsize + 1.
 [[nodiscard]] inline Place bfmapaddr(const Buffer& buffer) {
   const OpenPair& file = *buffer.file;
   if (buffer.block < 0) {
@@ -27,6 +29,7 @@ struct Place {
           static_cast<std::size_t>(node_bytes), FileKind::kIndex};
 }
 
+// The mapping through which that file of the pair is read.
 [[nodiscard]] inline common::FileMap& map_of(OpenPair& file, FileKind kind) {
   return kind == FileKind::kData ? file.data.map : file.index.map;
 }

@@ -16,7 +16,8 @@ std::int32_t pointer_of(int slot, std::int32_t node) {
                                    static_cast<std::uint32_t>(node));
 }
 
-// A variable part in pieces: `big` of the chunk size, then one of `rest` bytes.
+// A variable part, not empty, in pieces: `big` of the chunk size, then one of `rest` bytes, 1 to
+// the chunk size.
 struct Pieces {
   explicit Pieces(ConstBytes source)
       : bytes(source),
@@ -64,8 +65,10 @@ std::int32_t store_piece(ConstBytes piece, std::int32_t continuation) {
   return stored && filed == 0 ? pointer_of(slot, node) : -1;
 }
 
-// Stores the big pieces `count` - 1 down to `first`, each pointing to the piece behind it, the last
-// to `pointer`: the pointer of the first of them.
+// Stores the big pieces from number `first` on, the last of them first, because each names the
+// piece behind it. The last big piece names `pointer`. Gives the pointer of piece `first`,
+// `pointer` itself when there is no such piece; -1 when `pointer` is -1 or a piece cannot be
+// stored.
 std::int32_t store_big_pieces(const Pieces& pieces, std::size_t first, std::int32_t pointer) {
   for (std::size_t i = pieces.big; i > first && pointer != -1; --i) {
     pointer = store_piece(pieces.big_piece(i - 1), pointer);
@@ -73,7 +76,10 @@ std::int32_t store_big_pieces(const Pieces& pieces, std::size_t first, std::int3
   return pointer;
 }
 
-// Rewrites a small piece; with `release` in a slot of its length, wherever that is.
+// Puts a small piece in place of the one at `pointer`: its pointer, which may be another one, or
+// -1. With `release` the slot gets the length of the piece, and the piece goes to another slot or
+// page where the old page is too full. Without it the part has become shorter: a longer slot stays
+// as long, and a page that is too full can only be damaged.
 std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bool release) {
   const auto length = static_cast<int>(piece.size());
   int slot = rpage::pointer_slot(pointer);
@@ -84,6 +90,7 @@ std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bo
     if (!release) return failed_unless_set(kCorrupted);
     page.gives_up();
     if (view.rpslfree(slot) != 0) return -1;
+    // Entries that were empty have gone with the slot's, so the page may have room after all.
     if (view.free_bytes() < length + rpage::kSlotSize) {
       return rpflmove(std::move(page)) == 0 ? store_piece(piece, 0) : -1;
     }
@@ -107,12 +114,13 @@ std::int32_t free_piece(PageHold page, std::int32_t pointer) {
   return rpflmove(std::move(page)) == 0 ? next : -1;
 }
 
-// Overwrites a big piece: 0 or -1.
+// Overwrites what the one slot of a big page holds, all zero behind a shorter piece: 0 or -1.
 int rpupbig(ConstBytes piece, const PageHold& page) {
   page.modified();
   return Rpage{page}.rpsload(0, piece);
 }
 
+// Makes the big page of the piece `from` go on at `pointer`: 0 or -1.
 int link_to(std::int32_t from, std::int32_t pointer) {
   const PageHold page = rppgread(from);
   if (!page) return -1;
@@ -120,7 +128,9 @@ int link_to(std::int32_t from, std::int32_t pointer) {
   return Rpage{page}.rpsetext(pointer);
 }
 
-// Replaces the pieces of one chain by those of another variable part.
+// Replaces the pieces of one chain by those of another variable part. Big pieces go over big ones
+// as long as both have one. Then the new part has only its small piece left (drop_rest, end_here),
+// or the old chain has only its last page left (put_rest).
 class Update {
  public:
   Update(std::int32_t pointer, ConstBytes source, bool release)
@@ -145,7 +155,8 @@ class Update {
   }
 
  private:
-  // The new part ends before the old chain does: its last page takes the small piece.
+  // The new part ends before the old chain does: the chain's big pages from `page` on are freed,
+  // and its last page takes the small piece.
   std::int32_t drop_rest(PageHold page) {
     while (true) {
       const std::int32_t next = Rpage{page}.rpgetext();
@@ -157,13 +168,16 @@ class Update {
     }
   }
 
-  // ... and keeps its storage, all zero behind the new part.
+  // The same without releasing storage: `page` takes the small piece, and the pages behind it stay
+  // in the chain, filled with zero bytes.
   std::int32_t end_here(PageHold page, std::int32_t next) {
     if (rpupbig(pieces_.small_piece(), page) != 0) return -1;
     page.release();
     return rprclear(next) == 0 ? first_ : -1;
   }
 
+  // `page` is the last of the old chain. Its slot takes the small piece; big pieces that are left
+  // are stored anew between the last one overwritten and this page.
   std::int32_t put_rest(PageHold page) {
     std::int32_t pointer =
         rpupsmall(pieces_.small_piece(), std::move(page), walk_.pointer(), release_);
