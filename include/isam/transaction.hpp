@@ -58,23 +58,24 @@ class Transaction {
     end();
   }
 
-  // Ends the transaction; its changes stand. When it throws with ISELOGWRITE the transaction is
-  // still open and may be committed again or rolled back. When it throws with another reason it has
-  // ended and its changes stand, but what they give up could not all be freed, or the disk may lack
-  // them.
+  // Ends the transaction; its changes stand. When it throws with ISELOGWRITE or, while the log is
+  // suspended, with ISENOLOG, the transaction is still open and may be committed again or rolled
+  // back. When it throws with another reason it has ended and its changes stand, but what they give
+  // up could not all be freed, or the disk may lack them.
   void commit() {
     expect_open();
     const bool done = iscommit() == 0;
-    if (done || iserrno != ISELOGWRITE) end();
+    if (done || (iserrno != ISELOGWRITE && iserrno != ISENOLOG)) end();
     if (!done) throw Error("iscommit");
   }
   // Undoes the changes now, the last first, so that a failure is told. When it throws, the
-  // transaction has ended all the same; the change that could not be undone may stand, and those
-  // made before it.
+  // transaction has ended all the same (but for ISENOLOG, as above); the change that could not be
+  // undone may stand, and those made before it.
   void roll_back() {
     expect_open();
-    end();
-    if (isrollback() < 0) throw Error("isrollback");
+    const bool done = isrollback() == 0;
+    if (done || iserrno != ISENOLOG) end();
+    if (!done) throw Error("isrollback");
   }
 
  private:

@@ -275,6 +275,10 @@ TEST_F(Hpp, ATransactionIsUndoneUnlessItIsCommitted) {
     Transaction transaction;
     EXPECT_EQ(add(3), Outcome::kDone);
     EXPECT_EQ(add(1), Outcome::kDuplicate);
+    ::issusplog();
+    EXPECT_THROW(transaction.commit(), Error);
+    EXPECT_THROW(transaction.roll_back(), Error);
+    ::isresumlog();
     transaction.roll_back();
     EXPECT_THROW(transaction.commit(), std::logic_error);
     file = File::open(pair, Access::kReadWrite, Locking::kManual, Logging::kUnlogged);
