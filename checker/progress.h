@@ -23,6 +23,7 @@ class Progress {
   // What follows concerns pair `number` of so many.
   static void begin_pair(int number, int pairs);
 
+  // A pass of this name begins. The name must outlive it, as a literal does.
   Progress(std::string_view pass, std::int64_t total);
   ~Progress() { erase(); }
   Progress(const Progress&) = delete;
@@ -39,12 +40,13 @@ class Progress {
  private:
   using Clock = std::chrono::steady_clock;
 
+  // Looks at the clock and shows the line when it is time.
   void look(std::int64_t done);
   void show(std::int64_t done, Clock::time_point now) const;
 
   std::string_view pass_;
   std::int64_t total_;
-  std::int64_t next_look_;
+  std::int64_t next_look_;  // the count at which the clock is looked at; INT64_MAX: never
   Clock::time_point start_;
   Clock::time_point next_show_;
 };

@@ -25,7 +25,7 @@ constexpr std::string_view kUnfinished = "new";  // instead of a number not know
 
 std::string own_prefix(const std::string& index) { return index + std::string(kOwnSuffix); }
 
-// Whether a file without a name can be made and named later.
+// Whether a file without a name can be named later: link_open() does it through this folder.
 bool may_be_nameless() { return ::access("/proc/self/fd", X_OK) == 0; }
 
 bool lock(int fd) { return ::flock(fd, LOCK_EX | LOCK_NB) == 0; }
@@ -38,12 +38,12 @@ std::string folder_of(const std::string& path) {
 }
 
 TemporaryFile::TemporaryFile(std::string index) : index_(std::move(index)) {
-  errno = EOPNOTSUPP;
+  errno = EOPNOTSUPP;  // stands for the answer of a system that is not asked
   if (may_be_nameless()) {
     fd_ = common::FileHold{
         common::open_file(folder_of(index_).c_str(), O_TMPFILE | O_RDWR, kPrivate)};
   }
-  // The system's ways of saying that it has no such files.
+  // The system's answers when it cannot make a file without a name.
   if (!fd_ && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL || errno == ENOENT)) {
     make_with_name();
   }
@@ -55,7 +55,9 @@ TemporaryFile::~TemporaryFile() {
   if (!keeps_name_) withdraw();
 }
 
-// The inode number is known when the file is there: until then the name says so.
+// The own name holds the inode number, which is not known before the file is made. So the file is
+// made as ".kestro-new" and renamed. Signals wait meanwhile, so that each finds a name noted that
+// the file has.
 void TemporaryFile::make_with_name() {
   const std::string first = own_prefix(index_) + std::string(kUnfinished);
   const SignalBlock block;
@@ -64,7 +66,7 @@ void TemporaryFile::make_with_name() {
   set_name(first);
   const std::string name = own_name();
   struct stat status {};
-  if (::lstat(name.c_str(), &status) == 0) {
+  if (::lstat(name.c_str(), &status) == 0) {  // rename would replace that file
     errno = EEXIST;
   } else if (common::system_calls().rename(first.c_str(), name.c_str()) == 0) {
     set_name(name);
@@ -134,7 +136,7 @@ bool is_leftover(const std::string& path, std::string_view number, const struct 
   if (!file || common::system_calls().fstat(file.get(), &status) != 0) return false;
   const bool numbered = number == std::to_string(status.st_ino);
   const bool unfinished = number == kUnfinished && status.st_size == 0;
-  // One that was just given its last name has two for a moment.
+  // A run killed inside become() has left two names of one file, the own one and the new one.
   return S_ISREG(status.st_mode) && status.st_nlink <= (numbered ? 2 : 1) &&
          (numbered || unfinished) &&
          (status.st_uid == index.st_uid || status.st_uid == ::geteuid()) && lock(file.get());
@@ -142,7 +144,7 @@ bool is_leftover(const std::string& path, std::string_view number, const struct 
 
 // The names in a folder that look like one of ours. A run over many pairs reads a folder once.
 const std::vector<std::string>& own_names_in(const std::string& folder) {
-  static std::string known;
+  static std::string known;  // the folder that `names` are of
   static std::vector<std::string> names;
   if (folder == known) return names;
   known = folder;

@@ -7,7 +7,11 @@
 //   TemporaryFile file{index};
 //   if (!file) return failed(file.error());
 //   ... fill file.fd() ...
-//   if (file.become(name) != 0) ...             // keeps it; else it goes with its holder
+//   if (file.become(name) != 0) ...
+//   file.keep();
+//
+// Two things remove a file: its destructor, until become() or replace() has succeeded, and a signal
+// that ends the program, until keep() or replace().
 #pragma once
 
 #include <string>
@@ -28,14 +32,15 @@ class TemporaryFile {
   [[nodiscard]] int error() const { return error_; }  // errno, when it could not be made
   [[nodiscard]] int fd() const { return fd_.get(); }
 
-  // Gives it a name that no file has: 0, or -1 with errno (EEXIST: one has it). Until keep() a
-  // signal removes it.
+  // Gives it a name that no file has: 0, or -1 with errno (EEXIST: one has it). From then on the
+  // destructor leaves it there.
   [[nodiscard]] int become(const std::string& name);
+  // Signals, too, leave it there.
   void keep();
-  // Puts it in the place of the file of that name in one step: 0, or -1 with errno. Meanwhile it
-  // has a name of its own, whatever it had before.
+  // Puts it in the place of the file of that name in one step: 0, or -1 with errno. A file without
+  // a name gets its own name first, and still has that after a failure.
   [[nodiscard]] int replace(const std::string& name);
-  // Takes back the name that it became.
+  // Removes the name that it has, even one from become(). Its bytes go when it is closed.
   void withdraw();
 
  private:
@@ -46,12 +51,12 @@ class TemporaryFile {
 
   std::string index_;
   common::FileHold fd_;
-  std::string name_;  // that it has for the moment; empty for none
-  bool keeps_name_ = false;
+  std::string name_;         // that it has for the moment; empty for none
+  bool keeps_name_ = false;  // the destructor leaves the file its name
   int error_ = 0;
 };
 
-// Of the file of this path: ends in a slash, or is ".".
+// The folder of the file of this path. It ends in a slash; "." for a path without a slash.
 [[nodiscard]] std::string folder_of(const std::string& path);
 
 // Removes what killed runs have left beside an index. The caller has the pair for itself.

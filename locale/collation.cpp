@@ -35,14 +35,15 @@ struct Client {
   bool bytewise = true;
   bool ready = false;
   int error = 0;
-  std::string name;
+  std::string name;                      // as file_name() gives it
   std::array<bool, 256> is_character{};  // bytes that are a character each, zero excepted
-  std::string texts[2];                  // that are being compared; kept for their memory
+  std::string texts[2];                  // copies being compared; they stay for their memory
 };
 
 Client client;
 
-// Bytes of the character at the beginning of `text`, 0 when there is none.
+// Bytes of the character at the beginning of `text`; 0 when there is none, as before a zero byte.
+// mbrlen() tells a foreign or torn character by a number greater than any size.
 std::size_t character_length(ConstBytes text) {
   std::mbstate_t state{};
   const std::size_t length =
@@ -65,7 +66,8 @@ std::size_t skip_single_bytes(ConstBytes field, std::size_t at) {
   return at;
 }
 
-// Where the text ends that a field begins with.
+// Where the text ends that a field begins with (compare() in the header defines the text). While
+// it has single bytes only, the thread's locale need not change.
 std::size_t text_end(ConstBytes field) {
   std::size_t end = skip_single_bytes(field, 0);
   if (end == field.size() || field[end] == 0) return end;

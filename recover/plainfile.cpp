@@ -29,8 +29,9 @@ PlainFile open_plain(const std::string& path) {
   return file;
 }
 
+// iserrtext() has texts for the system's codes too.
 void complain_errno(const std::string& what, const std::string& name) {
-  const int reason = errno;
+  const int reason = errno;  // putting the text together may change errno
   complain(what + " " + quoted(name) + ": " + iserrtext(reason));
 }
 

@@ -31,7 +31,7 @@ constexpr std::array kWords = {
     Words{AuditLetter::kAfter, "after"},
 };
 
-// Null for a letter of no operation.
+// What the listing calls the operation of a letter; null for any other byte.
 const char* words_of(common::Byte letter) {
   return word_for(kWords, AuditLetter{static_cast<char>(letter)});
 }
@@ -98,13 +98,15 @@ class TrailListing {
   Entry entry_at(std::int64_t offset) {
     constexpr Entry kTorn{{}, "the trail ends with a part of an entry"};
     const ConstBytes header = window_.at(offset, header_size());
-    const auto two = header.first(std::min<std::size_t>(header.size(), 2));
-    if (std::ranges::any_of(
-            two, [&](common::Byte c) { return words_of(c) == nullptr || c != two.front(); })) {
-      return {{}, "no operation has these letters"};
-    }
+    // An entry begins with the letter of its operation, twice. The file may end behind the first.
+    const auto letters = header.first(std::min<std::size_t>(header.size(), 2));
+    const auto is_wrong = [&](common::Byte letter) {
+      return words_of(letter) == nullptr || letter != letters.front();
+    };
+    if (std::ranges::any_of(letters, is_wrong)) return {{}, "no operation has these letters"};
     if (header.size() < static_cast<std::size_t>(header_size())) return kTorn;
     if (common::ldlong(&header[entry::kNumber]) <= 0) return {{}, "no record has this number"};
+    // The length that is stored counts the newline; `length` does not.
     const int length =
         format_.variable ? common::ldword(&header[entry::kLength]) - 1 : format_.length;
     if (length < 0 || length > format_.length) return {{}, "no record has this length"};
@@ -158,7 +160,7 @@ class TrailListing {
   std::int64_t damages_ = 0;
 };
 
-// What a pair says of its trail.
+// What a pair tells of its trail. Its records have the trail's format.
 struct Pair {
   TrailFormat format;
   std::string trail;  // empty when it has none
@@ -184,7 +186,8 @@ std::optional<Pair> ask_pair(const std::string& name) {
   return pair;
 }
 
-// The pair's trail is named from the folder in which the programs ran.
+// A pair holds its trail's name as the programs gave it: a relative one starts from the folder in
+// which they ran, which the option names.
 bool go_to(const std::string& folder) {
   if (folder.empty() || ::chdir(folder.c_str()) == 0) return true;
   complain_errno("cannot work in", folder);
@@ -194,6 +197,7 @@ bool go_to(const std::string& folder) {
 }  // namespace
 
 Status list_trail(const Options& options) {
+  // Both the format and the path come from the command line, or else from the pair.
   std::optional<TrailFormat> format = options.format;
   std::string path = options.trail;
   if (!format) {

@@ -22,25 +22,28 @@ class LogOutlook {
  public:
   explicit LogOutlook(int fd) : fd_(fd) {}
 
-  // Where the record is that takes an image back: the next one of its writer, if it is the image's
-  // opposite; else -1.
-  [[nodiscard]] std::int64_t opposite_of(std::int64_t image);
+  // All offsets are of records in the log. A change that failed after its image was logged is taken
+  // back by the image's opposite, the next record of the same process: same open and record
+  // number, same link, the images exchanged.
 
+  // The record that takes back the image at `image`; -1 when the image was not taken back.
+  [[nodiscard]] std::int64_t opposite_of(std::int64_t image);
+  // Whether the record takes an image back.
   [[nodiscard]] bool is_opposite(std::int64_t offset);
-  // Whether a record is such an image, or its opposite.
+  // Whether the record is an image that was taken back, or takes one back: neither counts.
   [[nodiscard]] bool was_taken_back(std::int64_t offset) {
     return opposite_of(offset) >= 0 || is_opposite(offset);
   }
 
-  // A file-open record of a process number whose transaction, begun at `begin`, is open. `reopens`:
-  // it opens by a number that is open already, so rather by another process.
+  // A file-open record behind a begin mark with the same process number, with no end mark between.
   struct Opening {
     LogRecord record;
     std::int64_t offset = 0;
-    std::int64_t begin = 0;
-    bool reopens = false;
+    std::int64_t begin = 0;  // of the begin mark
+    bool reopens = false;    // its open number is open already: rather another process wrote it
   };
-  // Whether it is by another process with the number: what follows is no part of the transaction.
+  // Whether another process wrote it, which got the number of a killed one. Then neither this
+  // record nor what follows it belongs to the transaction.
   [[nodiscard]] bool is_new_process(const Opening& opening);
 
  private:
@@ -53,19 +56,22 @@ class LogOutlook {
     std::size_t old_hash = 0;
     std::size_t new_hash = 0;
   };
-  // The last opening by a number, since the transaction began.
+  // The last file-open record with an open number, behind the transaction's last linked record.
   struct LastOpening {
     std::int64_t offset = 0;
-    std::int64_t unlinked = 0;  // its last image that is linked to none, or that begins a chain
+    // The last image through that open which names no record before it. Such an image is not
+    // linked, or is the first of its process: a later record that is linked to it tells which.
+    std::int64_t unlinked = 0;
   };
+  // What was read of a process number so far.
   struct Process {
-    bool begun = false;
-    std::int64_t begin = 0;
+    bool begun = false;                  // inside a transaction,
+    std::int64_t begin = 0;              // ... whose begin mark stands here
     std::int64_t chain_end = 0;          // the transaction's last linked record
-    std::vector<std::int64_t> openings;  // since then, of which is not known whose they are
-    std::unordered_map<int, LastOpening> by_number;
-    std::int64_t last = 0;
-    Trace trace;  // of the last record; none unless it is an image
+    std::vector<std::int64_t> openings;  // file-open records since then; whose is not known yet
+    std::unordered_map<int, LastOpening> by_number;  // ... by their open numbers
+    std::int64_t last = 0;                           // the last record,
+    Trace trace;                                     // ... if that is an image
   };
 
   void read();
@@ -81,8 +87,11 @@ class LogOutlook {
   bool is_read_ = false;
   std::vector<std::pair<std::int64_t, std::int64_t>> taken_back_;  // image and opposite
   std::vector<std::int64_t> opposites_;
-  std::vector<std::int64_t> unclaimed_;  // openings that nothing shows to be the same process's
-  std::vector<std::int64_t> of_new_processes_;  // ... and those that are shown to be another's
+  // File-open records inside transactions, of which no later record shows that the process of the
+  // transaction wrote them,
+  std::vector<std::int64_t> unclaimed_;
+  // ... and those of which one shows that another process did.
+  std::vector<std::int64_t> of_new_processes_;
   LogWindow look_{fd_};
 };
 

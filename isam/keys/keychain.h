@@ -1,12 +1,14 @@
 // keychain: the chain of nodes in which a file's key descriptions stand.
 //
-// The place of a description in the chain, counted from 1, is the number of its index.
+// The place of a description in the chain, counted from 1, is the number of its index. Removing
+// one lowers the numbers of those behind it.
 //
 // Needs   the current file with its dictionary loaded
 // Keeps   K1 a stored description is taken only when its size, its parts and its place in the
 //            node agree; anything else is malformed (105)
 //         K2 a chain that loops is malformed
 //         K3 the dictionary's count of indexes follows every change
+// Never   frees the nodes of a tree whose description it removes: the caller sees to them
 #pragma once
 
 #include <cstddef>
@@ -18,7 +20,8 @@
 
 namespace isam {
 
-// The number of its indexes has 15 bits in what a pair tells of itself.
+// The most descriptions that a file may have: isdictinfo tells their number in 15 bits, beside
+// DI_VARLEN.
 inline constexpr std::size_t kMostDescriptions = 32767;
 
 // Walks the stored descriptions of the current file in index order.
@@ -27,8 +30,8 @@ class KeyChain {
   enum class Step { kFound, kEnd, kMalformed, kUnreadable };
 
   KeyChain();
-  // kFound fills `k`; kMalformed (iserrno 105) and kUnreadable (iserrno as the read left it) end
-  // the walk.
+  // kFound fills `k`. Anything else ends the walk: kEnd leaves iserrno alone, kMalformed sets it to
+  // 105, kUnreadable leaves it as the read did.
   [[nodiscard]] Step next(keydescr& k);
 
   // Where the description found last stands.
@@ -42,30 +45,32 @@ class KeyChain {
   int found_offset_ = 0;
 };
 
-// With n from 1 fetches description n into `k`; with n 0 finds the description that defines the
-// same key as `k` and gives `k` its flags, key length and root. The index number; or -1 with
-// iserrno 0 when there is none, 103 when `k` is not legal, 105 for a malformed chain or
-// description, or the read's error.
+// Two look-ups in one. With n from 1 it fetches description n into `k`, whatever that held. With n
+// 0 it looks for the description that defines the same key as `k`, which must be legal (else 103),
+// and copies its flags, key length and root into `k`.
+// Returns the index number; or -1 with iserrno 105 for a malformed chain or description, with the
+// error of a read, or with iserrno as it was when there is no such description.
 int kysearch(keydescr& k, int n);
 
-// Stores a legal new description at the first place with room and makes its root, an empty leaf
-// (none for a key without parts). 0, or -1 with iserrno (108 when the key is defined already); then
-// nothing has changed.
+// Stores `k`, a legal description, at the first place with room. It makes the root, an empty leaf,
+// and stores its number in `k` too; a key without parts gets root 0. 0, or -1 with iserrno and
+// nothing changed: 108 when the key is defined already, 103 when the file has kMostDescriptions.
 int kyadd(keydescr& k);
 
-// Removes the description that defines the same key as `k`: 0, or -1 (103 when there is none).
+// Remove a description, by the key that it defines or by its number: 0, or -1 with iserrno (when
+// there is none 103, or what it was if it was set). What stands behind it in its node moves up; a
+// node that becomes empty stays in the chain.
 int kydelete(const keydescr& k);
-
-// Removes description n, closing the gap, and lowers the dictionary's count of indexes. A node
-// that becomes empty stays in the chain. 0, or -1 (103 when there is no such description).
 int kyremove(int n);
 
-// Stores another root node in description n: 0, or -1.
+// Stores another root node in description n: 0, or -1 with iserrno as above.
 int kysetroot(int n, std::int32_t root);
 
-// Makes the chain end in the file, whose last node is `real` and will be `last`: it is cut in front
-// of a node past `last`, one past `real` becomes an empty node, and an unreadable one ends it. A
-// chain that has no node left gets a new, empty one. 0, or -1 with iserrno.
+// For a repair: makes the chain stay within the file. The file holds the nodes up to `real`, and
+// those up to `last` will be in use. In front of the first node past `last` the chain is cut; a
+// chain that begins past `last` is replaced by one new, empty node. The first node between `real`
+// and `last`, which the file lacks, becomes an empty last node. A node that cannot be read, or is
+// met twice, is left to the check's report. 0, or -1 with iserrno.
 int kycutchain(std::int32_t real, std::int32_t last);
 
 }  // namespace isam

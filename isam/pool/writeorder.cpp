@@ -19,23 +19,28 @@ Place place_of_dictionary(const OpenPair& file) {
   return {file.index.fd, 0, kDictionarySize, FileKind::kIndex};
 }
 
+// Whether a node is one that the call has added to the index file.
 bool lengthens(const Buffer& node) { return node.block > node.file->call.nodes_before; }
 
+// `gives_number` is set by a delete.
 WriteStep step_of_records(const OpenPair& file) {
   return file.call.gives_number ? WriteStep::kRecordsGoing : WriteStep::kRecords;
 }
 
 WriteStep step_of(const Buffer& page) {
+  // Data blocks have the top bit of their number set.
   if (page.block < 0) return step_of_records(*page.file);
   if (lengthens(page)) return WriteStep::kNewNodes;
   if ((page.flags & kGivesUp) != 0) return WriteStep::kStorageGivenUp;
-  if (page.level != kFreeLevel || page.node_type < kIndexFreeNode) return WriteStep::kNodes;
+  const bool is_list_node = page.level == kFreeLevel && page.node_type >= kIndexFreeNode;
+  if (!is_list_node) return WriteStep::kNodes;
   const bool lists_records = page.node_type == kServiceNode;
   return page.file->call.gives_number && lists_records ? WriteStep::kNumbersListed
                                                        : WriteStep::kFreeLists;
 }
 
-// The head of the list of free nodes without those that are written in step kStorageGivenUp.
+// The head of the list of free nodes in step kDictionary: the first node behind the nodes that go
+// out in step kStorageGivenUp. 0, an empty list, when it cannot be read.
 std::int32_t free_nodes_written() {
   const KeepError keep;
   NodeChain<AnyNode> chain{dictp->d_freenode(), {}};
@@ -89,8 +94,9 @@ WriteOrder::WriteOrder(Pool& pool) : pool_(pool) {
   run_.reserve(kLongestRun * kPageSize);
 }
 
-// What the call gives back is still in use in step kDictionary: as long as an index or a record may
-// refer to it, nobody else gets it.
+// Makes the dictionary of step kDictionary: what the call gives back is not free in it yet. As long
+// as an index or a record may refer to it, nobody else gets it.
+// (Nodes that give storage up exist with variable length only.)
 void WriteOrder::withhold_given(const OpenPair& file) {
   dictionary_ = file.cached.dictionary;
   if (file.call.gives_number) {
@@ -102,6 +108,8 @@ void WriteOrder::withhold_given(const OpenPair& file) {
   }
 }
 
+// Sorts the file's modified idle pages by their steps and, within a step, from the highest block
+// down.
 void WriteOrder::gather_pages(const OpenPair& file) {
   pages_.clear();
   for (Buffer* at = file.unwritten.pages; at != nullptr; at = at->modified_next) {
@@ -113,6 +121,7 @@ void WriteOrder::gather_pages(const OpenPair& file) {
   rest_ = pages_;
 }
 
+// A file that will be longer is noted with its size, so that a commit that fails can cut it back.
 int WriteOrder::make_room(OpenPair& file) {
   if (is_next(WriteStep::kNewNodes)) {
     std::int64_t size = 0;
@@ -124,7 +133,8 @@ int WriteOrder::make_room(OpenPair& file) {
   return lengthen_data(file);
 }
 
-// Absent records, whatever comes between this and the records. 0, or -1 with iserrno.
+// Writes zero bytes where the data file will be longer. They read as absent records if the commit
+// is interrupted before it writes the records. 0, or -1 with iserrno.
 int WriteOrder::lengthen_data(OpenPair& file) {
   std::int64_t first = INT32_MAX;  // blocks
   std::int64_t last = -1;
@@ -133,21 +143,22 @@ int WriteOrder::lengthen_data(OpenPair& file) {
     first = std::min<std::int64_t>(first, page->block & INT32_MAX);
     last = std::max<std::int64_t>(last, page->block & INT32_MAX);
   }
-  std::int64_t& size = file.data.extent.bytes;
-  const std::int64_t to = (last + 1) * kPageSize;
-  if (to <= size) return 0;
+  std::int64_t& size = file.data.extent.bytes;  // as last known
+  const std::int64_t end = (last + 1) * kPageSize;
+  if (end <= size) return 0;
   if (common::find_size(file.data.fd, size) != 0) {
     return failed_system(errno, Operation::kRead, FileKind::kData);
   }
-  if (to <= size) return 0;
+  if (end <= size) return 0;
   overwritten_.note_size(FileKind::kData, size);
-  if (common::write_zeros(file.data.fd, std::max(first * kPageSize, size), to) != 0) {
+  if (common::write_zeros(file.data.fd, std::max(first * kPageSize, size), end) != 0) {
     return failed_system(errno, Operation::kWrite, FileKind::kData);
   }
-  size = to;
+  size = end;
   return 0;
 }
 
+// Writes without keeping what stood there.
 inline int WriteOrder::write_over(OpenPair& file, const Place& place, const Byte* bytes) {
   pool_.window_of(place.kind).overwritten(place.fd, place.offset, place.length);
   if (common::write_at(place.fd, {bytes, place.length}, place.offset) != 0) {
@@ -157,6 +168,7 @@ inline int WriteOrder::write_over(OpenPair& file, const Place& place, const Byte
   return 0;
 }
 
+// Writes after keeping what stood there: a commit that fails can write it back.
 inline int WriteOrder::write_noted(OpenPair& file, const Place& place, const Byte* bytes) {
   return overwritten_.keep(file, place) != 0 ? -1 : write_over(file, place, bytes);
 }
@@ -172,7 +184,8 @@ inline std::span<const WriteOrder::Outgoing> WriteOrder::next_run() const {
   return rest_.first(count);
 }
 
-// Writes it in one piece.
+// Writes the next run in one piece. The run begins with its highest block, the piece with its
+// lowest.
 int WriteOrder::write_run(OpenPair& file) {
   const std::span<const Outgoing> run = next_run();
   const Buffer* const first = run.back().page;
@@ -201,7 +214,8 @@ inline int WriteOrder::write_pages(WriteStep step, OpenPair& file) {
   return 0;
 }
 
-// Those of the pool, then what is written past it. What stood there was read when that was taken.
+// Writes the data blocks of the pool, then the bytes that wait to be written past the pool. What
+// the file has in place of these was read when they were taken (DirectWrite::before).
 inline int WriteOrder::write_records(WriteStep step, OpenPair& file) {
   if (step != step_of_records(file)) return 0;
   if (write_pages(step, file) != 0) return -1;
@@ -211,6 +225,7 @@ inline int WriteOrder::write_records(WriteStep step, OpenPair& file) {
   return pool_.write_direct(file);
 }
 
+// What stood there is kept since step kDictionary.
 int WriteOrder::write_dictionary_again(OpenPair& file) {
   const Byte* const bytes = file.cached.dictionary.raw;
   const bool differs = std::memcmp(dictionary_.raw, bytes, kDictionarySize) != 0;
@@ -225,18 +240,19 @@ void WriteOrder::forget_changes(OpenPair& file) {
 }
 
 int WriteOrder::commit(OpenPair& file) {
-  const FailedWrite lost = std::exchange(file.unwritten.failed, {});
+  // A write that failed before the commit: then nothing more is written, and it is told.
+  const FailedWrite earlier = std::exchange(file.unwritten.failed, {});
   overwritten_.begin();
   bool written = false;
   try {
-    written = lost.error == 0 && write_all(file) == 0;
+    written = earlier.error == 0 && write_all(file) == 0;
   } catch (const std::bad_alloc&) {
     failed(kNoMemory);
   }
   if (written) return 0;
-  if (lost.error != 0) {
-    iserrno = lost.error;
-    iserrio = lost.place;
+  if (earlier.error != 0) {
+    iserrno = earlier.error;
+    iserrio = earlier.place;
   }
   overwritten_.write_back(file);
   forget_changes(file);
