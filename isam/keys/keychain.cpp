@@ -233,8 +233,6 @@ int kysetroot(int n, std::int32_t root) {
 
 namespace {
 
-void lay_out_key_node(PageHold& page) { page.set_frame(kEntriesOffset, kServiceNode, kKeyLevel); }
-
 // The rule of a chain in a file whose last node is `last`.
 struct NodesUpTo : AnyNode {
   std::int32_t last;
@@ -243,11 +241,8 @@ struct NodesUpTo : AnyNode {
 };
 
 int start_chain() {
-  const std::int32_t node = allocrec(FreeList::kNodes);
+  const std::int32_t node = fresh_node(kEntriesOffset, kServiceNode, kKeyLevel);
   if (node < 0) return -1;
-  PageHold page = bfgetclr(node);
-  if (!page) return -1;
-  lay_out_key_node(page);
   dictp->set_d_keysnode(node);
   dictmodify();
   return 0;
@@ -268,7 +263,8 @@ int kycutchain(std::int32_t real, std::int32_t last) {
   if (nodes.end() == ChainEnd::kUnreadable) clear_errors();  // of a node that has been reported
   if (nodes.end() == ChainEnd::kOutOfRange) {
     PageHold missing = bfgetclr(nodes.node());
-    lay_out_key_node(missing);
+    if (!missing) return -1;
+    missing.set_frame(kEntriesOffset, kServiceNode, kKeyLevel);
   }
   return 0;
 }
