@@ -1,7 +1,5 @@
 #include "tests/support/damage.h"
 
-#include <algorithm>
-#include <cstring>
 #include <stdexcept>
 
 #include "tests/support/pair_walk.h"
@@ -34,15 +32,6 @@ Byte* PairEditor::description(int n) {
     }
   }
   throw std::runtime_error("no such description");
-}
-
-std::vector<Byte*> PairEditor::items(int n, std::int32_t number) {
-  const KeySpec& key = built_.spec.keys[static_cast<std::size_t>(n - 1)];
-  int width = 4 + ((key.flags & kDups) != 0 ? built_.spec.dup_width : 0);
-  for (const PartSpec& part : key.parts) width += part.length;
-  std::vector<Byte*> result;
-  for (int pos = 2; pos < get2(node(number)); pos += width) result.push_back(node(number) + pos);
-  return result;
 }
 
 PairSpec fault_spec(bool varying) {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "tests/support/pair_builder.h"
 
@@ -22,8 +21,6 @@ class PairEditor {
   Byte* state(int number) { return slot(number) + built_.spec.record_length; }
   // The stored description of index n, from 1.
   Byte* description(int n);
-  // First bytes of the fixed-size items of a node of an index without compression.
-  std::vector<Byte*> items(int n, std::int32_t number);
 
   Image index;
   Image data;
