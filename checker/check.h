@@ -39,7 +39,7 @@ struct Check {
   void found(Code code, const Numbers& numbers = {});
   void found(const Finding& finding);
   [[nodiscard]] bool ask(Question question);
-  // Remembers that the library's current error, if it is one of the system, came.
+  // Keeps the library's current error in system_error if it is the system's and the first such.
   void note_system_error();
   // Clears the library's current error without a word, noted as above.
   void pass_over_error();

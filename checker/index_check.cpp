@@ -1,8 +1,9 @@
 // index_check: every index of the file, and what is to be done about the bad ones.
 //
 // Needs   datmap from the data check
-// Gives   idxflag, one verdict per index; the nodes of kept indexes marked in idxmap. Of an index
-//         to be remade only the root stays marked, of one to be deleted nothing.
+// Gives   idxflag, one verdict per index; in idxmap the nodes of kept indexes, and of one to be
+//         remade the root; in keptmap all that stays as it is: what idxmap held before, and the
+//         nodes of kept indexes
 #include "checker/checks.h"
 #include "checker/tree_check.h"
 #include "isam/base/errors.h"
@@ -27,6 +28,8 @@ void report_tree(Check& check, int n, const TreeFindings& found, std::int32_t mi
   if (found.badorder) check.found(Code::kIndexOutOfOrder, {.key = n});
 }
 
+// Asks what becomes of a bad index, and leaves in idxmap2 the nodes that it will need: all that
+// were met when it is kept, the root when it is remade, none when it is deleted.
 IndexVerdict ask_about_bad_index(Check& check, std::int32_t root) {
   if (!check.ask(Question::kDeleteIndex)) return IndexVerdict::kKeep;
   check.idxmap2.clrmap();
@@ -42,7 +45,8 @@ IndexVerdict check_index(Check& check, int n, const keydescr& k) {
   TreeFindings found;
   if (k.nparts > 0) found = TreeCheck{check, n, k}.run();
   check.listener.index_walked(found.cntindx, found.maxlevel + 1);
-  // Without parts it stands for the order of record numbers and has no tree.
+  // An index without parts stands for the order of record numbers. It has no tree: the listener has
+  // been told of 0 nodes on 1 level.
   if (k.nparts == 0) return IndexVerdict::kKeep;
 
   const std::int32_t misdata = check.datmap.cntmap() - check.datmap2.cntmap();
@@ -83,7 +87,8 @@ bool ckindex(Check& check) {
         check.found(Code::kBadKeyDescription, {.key = n});
         return false;
       case isam::KeyChain::Step::kEnd:
-      case isam::KeyChain::Step::kUnreadable:  // ckdict has told it
+      case isam::KeyChain::Step::kUnreadable:
+        // ckdict has told of a node that cannot be read: the indexes before it are all that count.
         check.pass_over_error();
         repair_index_count(check, n - 1);
         return true;

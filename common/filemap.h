@@ -2,11 +2,11 @@
 //
 // Gives   read(): the same bytes and the same failures as read_at()
 // Keeps   the mapping shows what any process has written, at once
-// Never   maps a file that is read a few times only; lets a disk error, or a file that was cut
-//         off, end the process: the page that cannot be had is told by a SIGBUS, which is taken
-//         here, and the bytes are asked for again by a call that can fail. A SIGBUS from elsewhere
-//         goes to the handler of before. Serves while a test has put its own reading in place of
-//         the system's
+// Never   maps a file that is read a few times only; uses the mapping while a test has put its own
+//         reading in place of the system's; lets a disk error, or a file that was cut off, end the
+//         process: the page that cannot be had is told by a SIGBUS, which is taken here, and the
+//         bytes are asked for again by a call that can fail. A SIGBUS from elsewhere goes to the
+//         handler of before
 #pragma once
 
 #include <sys/types.h>

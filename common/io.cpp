@@ -26,7 +26,8 @@ int real_link_open(int fd, const char* to) {
 
 int real_clone(int from, int to) { return ::ioctl(to, FICLONE, from); }
 
-// Goes on behind `put`, which the system answered to the first write.
+// Writes what a first write has left. `put` is the result of that one: bytes written, or -1 with
+// errno. A write of nothing means that the disk is full.
 int write_rest(int fd, ConstBytes from, std::int64_t offset, ssize_t put) {
   for (;;) {
     if (put == 0) errno = ENOSPC;
@@ -107,7 +108,7 @@ int write_at(int fd, ConstBytes from, std::int64_t offset) {
 }
 
 int write_zeros(int fd, std::int64_t from, std::int64_t to) {
-  static constexpr Byte kZeros[20480] = {};  // sixteen pages of any kind
+  static constexpr Byte kZeros[20480] = {};  // an exclusive open may take sixteen pages at once
   while (from < to) {
     const auto count = std::min(to - from, static_cast<std::int64_t>(sizeof kZeros));
     if (write_at(fd, {kZeros, static_cast<std::size_t>(count)}, from) != 0) return -1;

@@ -1,9 +1,10 @@
-// io: every system call on files goes through one small table.
+// io: most system calls on files go through one small table, which tests replace.
 //
 // Gives   `system_calls()`: the table in use; tests put their own in its place to make a disk
 //         full, a transfer short or a lock refused at a chosen call
-// Keeps   a call is restarted when a signal interrupts it before it did anything, and a short
-//         transfer is continued until it is whole, at the end of the file, or fails
+// Keeps   open_file(), read_at() and write_at() repeat a call that a signal has interrupted;
+//         read_at() and write_at() continue a short transfer until it is whole, at the end of the
+//         file, or fails
 #pragma once
 
 #include <sys/stat.h>
@@ -63,10 +64,11 @@ void close_file(int fd);
 // Cuts a file to `size` bytes: 0, or -1 with errno.
 int cut_file(int fd, std::int64_t size);
 
-// Size in bytes of a file, as below: 0, or -1 with errno.
+// Gives `size` the bytes of a regular file or block device, or 0 for anything else. Returns 0, or
+// -1 with errno.
 [[nodiscard]] int find_size(int fd, std::int64_t& size);
 
-// Size in bytes of a regular file or block device; 0 for anything else or on failure.
+// The size that find_size() gives; 0 also when that fails.
 [[nodiscard]] std::int64_t file_size(int fd);
 
 }  // namespace common

@@ -19,7 +19,7 @@ void ReadAhead::fill(int fd, std::int64_t offset) {
 
 ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {
   if (fd != fd_) {
-    forget(fd_);
+    forget(fd_);  // the window is still over another file
     fd_ = fd;
   }
   const auto size = static_cast<std::int64_t>(to.size());
@@ -33,6 +33,8 @@ ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {
     std::memcpy(to.data(), window_.get() + (offset - offset_), to.size());
     return static_cast<ssize_t>(to.size());
   }
+  // Also a window just filled does not cover them when it could not be read or the file ends within
+  // them: a read of these bytes alone tells which.
   return map.read(fd, to, offset);
 }
 

@@ -1,4 +1,6 @@
-// readahead: a window over one file that turns a run of small sequential reads into large ones.
+// readahead: a window that turns a run of small sequential reads of a file into large ones.
+//
+// The window is over the file that was read last. A read of another file moves it there.
 //
 // Gives   read(): the same bytes and the same failures as read_at(), at a fraction of the calls
 //         while reads go forward through the file
@@ -48,7 +50,7 @@ class ReadAhead {
   std::size_t length_ = 0;
   std::int64_t end_ = kUnknown;  // of the file, once a read has come to it
   std::int64_t expected_ = 0;    // where the last read ended
-  int run_ = 0;
+  int run_ = 0;                  // forward reads in a row
 };
 
 }  // namespace common

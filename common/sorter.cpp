@@ -23,15 +23,16 @@ constexpr std::size_t kSpillBuffer = std::size_t{1} << 20;
 
 // One sorted run of the temporary file, read through a buffer.
 struct Sorter::Run {
-  std::int64_t offset;
-  std::int64_t end;
+  std::int64_t offset;  // of what the buffer takes next, in the file
+  std::int64_t end;     // of the run, in the file
   std::vector<Byte> buffer;
-  std::size_t at = 0;
-  std::size_t filled = 0;
-  const Byte* least = nullptr;
-  std::size_t number = 0;  // earlier runs hold what was added earlier
+  std::size_t at = 0;           // in the buffer: behind the entry `least`
+  std::size_t filled = 0;       // bytes of the buffer that were read
+  const Byte* least = nullptr;  // the run's first entry that next() has not passed yet
+  std::size_t number = 0;       // counts the runs: an earlier one holds what was added earlier
 };
 
+// An entry takes its own bytes and a place in both halves of the radix sort.
 Sorter::Sorter(Shape shape)
     : shape_(std::move(shape)),
       entries_per_block_(std::max<std::size_t>(1, kBlockBytes / shape_.entry_size)),
@@ -81,11 +82,12 @@ void Sorter::sort_references() {
   for (std::size_t i = 0; i < count_; ++i) {
     references_.push_back({shape_.order ? 0 : prefix_of(entry_at(i)), entry_at(i)});
   }
+  // With a given order all prefixes are 0: then all entries are sorted as one group of equal ones.
   if (!shape_.order) sort_by_prefix();
   if (shape_.order || skip_ + sizeof(std::uint64_t) < shape_.key_size) sort_equal_prefixes();
 }
 
-// Radix sort from the last byte to the first; a byte that is the same everywhere costs nothing.
+// Radix sort from the last byte to the first. A byte that is the same in all prefixes is left out.
 void Sorter::sort_by_prefix() {
   constexpr std::size_t kDigits = 256;
   std::array<std::array<std::size_t, kDigits>, sizeof(std::uint64_t)> counts{};
@@ -179,7 +181,8 @@ void Sorter::start_merge() {
   for (std::size_t i = heap_.size(); i-- > 0;) sift_down(i);
 }
 
-// Makes the run's next entry its least; false at its end or on a failure.
+// Moves the run's `least` to its next entry, which is read when the buffer is used up. False at the
+// end of the run, or with error_ when the read fails.
 bool Sorter::refill(Run& run) {
   if (run.at == run.filled) {
     const std::size_t wanted =
@@ -227,6 +230,7 @@ const Byte* Sorter::next() {
     return references_[position_++].entry;
   }
   if (advance_) {
+    // A run that has ended leaves the heap.
     if (!refill(*heap_.front())) {
       std::swap(heap_.front(), heap_.back());
       heap_.pop_back();

@@ -10,7 +10,8 @@
 //   while (const Byte* entry = sorter.next()) ...     // valid until the next call
 //   if (sorter.error() != 0) return failed();
 //
-// Keeps   memory within the limit (plus a read buffer of at least 64 KiB a run while merging)
+// Keeps   memory near the limit. Beyond it go what 1024 entries take, 1 MiB while a run is spilled,
+//         and a read buffer of at least 64 KiB a run while merging
 // Throws  std::bad_alloc
 #pragma once
 
@@ -43,7 +44,8 @@ class Sorter {
 
   // 0, or -1 with errno when a full run could not be spilled.
   [[nodiscard]] int add(const Byte* entry);
-  // Ends the adding; entries come out from now on. 0, or -1 with errno.
+  // Ends the adding; entries come out from now on. 0, or -1: with errno when a run could not be
+  // spilled; with error(), and errno of no meaning, when one could not be read back.
   [[nodiscard]] int finish();
   // The next entry in order; null at the end or on a failure.
   [[nodiscard]] const Byte* next();

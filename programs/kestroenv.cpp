@@ -1,6 +1,7 @@
 // kestroenv: lists the variables that the library and kestro read, and where each value is from.
 //
-// The list is a settings file itself. What cannot be read goes to standard error.
+// The list is a settings file itself. Standard error gets the lines and files of settings that
+// cannot be read; then the status is 1.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -17,8 +18,8 @@ using environment::Found;
 using environment::SettingsFile;
 using environment::Source;
 
-// As a settings file has it. Bytes that it cannot have (those of the process environment may be
-// any) are shown as question marks.
+// A value as a settings file has it, in quotes where it needs them. Bytes that no settings file can
+// have are shown as question marks: the process environment may hold any.
 std::string written(std::string_view value) {
   const bool plain = !value.empty() && value.find_first_of(" \t#\"'\\") == std::string_view::npos;
   std::string text = plain ? "" : "\"";
@@ -30,6 +31,7 @@ std::string written(std::string_view value) {
   return plain ? text : text + '"';
 }
 
+// Where a value is from; empty for a variable without a value.
 std::string place(const Found& found) {
   const auto line_of = [&](const SettingsFile& file) {
     return file.path + ":" + std::to_string(found.line);

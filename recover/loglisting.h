@@ -10,9 +10,9 @@
 
 namespace recover {
 
-// Prints the log, then how many records of what kind it has and how the transactions in it ended.
-// kSome when the log is damaged or ends with a part of a record, kFailed when it cannot be read or
-// is none.
+// Prints the log, with `dump` also the bytes of each record; then how many records of what kind it
+// has and how the transactions in it ended. kSome when the log is damaged or ends with a part of a
+// record, kFailed when the file cannot be read or is not a log.
 [[nodiscard]] Status list_log(const std::string& path, bool dump);
 
 }  // namespace recover

@@ -15,6 +15,8 @@ constexpr std::size_t kMostRunning = 65536;
 // No more than this of each way of ending are listed one by one; nobody reads as many.
 constexpr std::size_t kMostListed = 10000;
 
+constexpr std::int64_t kNoEndMark = 0;  // in place of the offset of one
+
 template <typename Kind>
 std::int64_t sum_of(const std::map<Kind, std::int64_t>& counts) {
   return std::accumulate(counts.begin(), counts.end(), std::int64_t{0},
@@ -43,7 +45,7 @@ void Transactions::add(const LogRecord& record, std::int64_t offset) {
       if (found != running_.end()) {
         // The mark belongs to the new transaction; above it was counted for the old one.
         --found->second.records;
-        end(process, Ending::kUnfinished, offset);
+        end(process, Ending::kUnfinished, kNoEndMark);
       }
       if (running_.size() < kMostRunning) {
         running_[process] = {offset, 1};
@@ -75,8 +77,7 @@ void Transactions::end(std::int32_t process, Ending how, std::int64_t offset) {
 }
 
 void Transactions::finish() {
-  // There is no end mark, so no offset of one.
-  while (!running_.empty()) end(running_.begin()->first, Ending::kUnfinished, 0);
+  while (!running_.empty()) end(running_.begin()->first, Ending::kUnfinished, kNoEndMark);
 }
 
 std::string Transactions::text() const {
@@ -87,9 +88,10 @@ std::string Transactions::text() const {
   for (const auto& [how, list] : ended_) {
     for (const Ended& ended : list) {
       text += "  " + std::string{word_for(kWords, how)} + ": process " +
-              std::to_string(ended.process) + ", offset " + std::to_string(ended.what.offset);
+              std::to_string(ended.process) + ", offset " +
+              std::to_string(ended.transaction.offset);
       if (how != Ending::kUnfinished) text += " to " + std::to_string(ended.last);
-      text += ", " + std::to_string(ended.what.records) + " records\n";
+      text += ", " + std::to_string(ended.transaction.records) + " records\n";
     }
     const std::int64_t more = counts_.at(how) - static_cast<std::int64_t>(list.size());
     if (more == 0) continue;

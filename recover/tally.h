@@ -43,7 +43,7 @@ class Transactions {
   };
   struct Ended {
     std::int32_t process;
-    Running what;
+    Running transaction;
     std::int64_t last;  // offset of the end mark; of no meaning when there is none
   };
 

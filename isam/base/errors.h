@@ -53,7 +53,7 @@ inline constexpr std::int32_t is_nerr = 172;
 // other number.
 [[nodiscard]] std::string_view is_errlist(std::int32_t code);
 
-// iserrio: operation in the high four bits, file in the low four.
+// iserrio has the operation in bits 4 to 7 and the file in bits 0 to 3.
 enum class Operation : std::int32_t {
   kOpen = 0x10,
   kCreate = 0x20,
@@ -64,14 +64,16 @@ enum class Operation : std::int32_t {
 };
 enum class FileKind : std::int32_t { kIndex = 1, kData = 2, kAudit = 3, kLock = 4, kSemaphore = 5 };
 
-// Set iserrno (and iserrio); the result is always -1, so that a caller can return it.
+// Sets iserrno; iserrio stays. The result of this and the next ones is always -1, so that a caller
+// can return it.
 int failed(Code code);
-// The same for an error of the system. iserrno becomes the errno when that is below 100. A greater
-// one would read as one of the library's own codes: EDQUOT becomes ENOSPC, any other becomes EIO.
+// The same for an error of the system; the second sets iserrio, too. iserrno becomes the errno when
+// that is below 100. Another one would read as one of the library's own codes: EDQUOT becomes
+// ENOSPC, any other becomes EIO.
 int failed_system(int system_error);
 int failed_system(int system_error, Operation operation, FileKind file);
 
-// Sets iserrno to `reason`, an iserrno that the caller kept while it went on: -1. iserrio stays.
+// Sets iserrno to `reason`, an iserrno that the caller has kept over other steps. iserrio stays.
 int failed_as(std::int32_t reason);
 
 // Sets the code only when no deeper routine has set one.
@@ -87,7 +89,8 @@ inline void set_status(const char (&four)[5]) {
   isstat4 = four[3];
 }
 
-// Keeps iserrno and iserrio over steps that undo something.
+// Keeps iserrno and iserrio over steps whose failure the caller does not tell, such as undoing what
+// was done before an error: its end sets both as they were at its beginning.
 class KeepError {
  public:
   KeepError() = default;

@@ -13,7 +13,10 @@ bool taken(const std::string& base) {
          common::file_exists(mkdatname(base));
 }
 
-// Advances the three characters from `first` on: false past the last combination.
+// Advances the three characters from `first` on as a counter: each goes by its code up to 'z',
+// then becomes 'a' while the one before it advances. False past the last combination. In the second
+// template, which has only two "N", the third character is a digit of the process id: it counts
+// like a letter from the digit's code on. That is as the system's names have always been.
 bool inctfid(std::string& name, std::size_t first) {
   for (std::size_t at = first + 3; at > first; --at) {
     char& character = name[at - 1];
@@ -26,9 +29,10 @@ bool inctfid(std::string& name, std::size_t first) {
   return false;
 }
 
-// Fills in a template: letters for "N", digits of the process id, from the right, for "X".
-std::string ismktemp(std::string text, std::size_t& counted) {
-  counted = text.find('N');
+// Fills in a template: 'a' for each "N", the last digits of the process id for the "X" at its end.
+// `first_counted` becomes the place of the first "N", where inctfid() counts.
+std::string ismktemp(std::string text, std::size_t& first_counted) {
+  first_counted = text.find('N');
   for (char& character : text) {
     if (character == 'N') character = 'a';
   }
@@ -39,14 +43,15 @@ std::string ismktemp(std::string text, std::size_t& counted) {
   return text;
 }
 
+// Finds a free name in the folder of the pair `name`: false when all are taken.
 bool mktmpname(std::string_view name, const char* pattern, std::string& result) {
   const std::string folder{name.substr(0, name.rfind('/') + 1)};
-  std::size_t counted = 0;
-  std::string last = ismktemp(pattern, counted);
-  while (taken(folder + last)) {
-    if (!inctfid(last, counted)) return false;
+  std::size_t first_counted = 0;
+  std::string own_name = ismktemp(pattern, first_counted);
+  while (taken(folder + own_name)) {
+    if (!inctfid(own_name, first_counted)) return false;
   }
-  result = folder + last;
+  result = folder + own_name;
   return true;
 }
 

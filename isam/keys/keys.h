@@ -13,7 +13,8 @@
 
 namespace isam {
 
-// 0 when `k` is legal for records of `reclen` bytes, with keylen computed; else -1 with 103.
+// 0 when `k` has parts and is legal for records of `reclen` bytes: its keylen is computed then.
+// Else -1 with 103. A key without parts is refused, too: where one may be, the caller asks first.
 int kylegal(keydescr& k, int reclen);
 
 // Reads a stored description that has been found well formed.
@@ -24,7 +25,8 @@ int kylegal(keydescr& k, int reclen);
   return kKeyHeadSize + k.nparts * kKeyPartSize;
 }
 
-// Writes the stored form of a legal description at `to`, stored_key_size() bytes.
+// Writes the stored form of a description that is legal or has no parts at `to`, stored_key_size()
+// bytes.
 void kypack(const keydescr& k, Byte* to);
 
 // 0 when two descriptions define the same key: the same parts, whatever flags and root; else -1.

@@ -123,15 +123,15 @@ void bfwrite_direct();
 // Counts a file's modified idle pages, writing each when `write` is set.
 int bfprocess(OpenPair& file, bool write);
 // Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
-// open pair (failed_write); the pages of an exclusive open stay modified, others are not tried
+// open pair (Unwritten::failed); the pages of an exclusive open stay modified, others are not tried
 // again.
 int bfflush(OpenPair& file);
 // Keeps the failure in iserrno as that of a write whose caller goes on.
 void bfnote_failure(OpenPair& file);
-// Writes them and the dictionary in the order of isam/pool/writeorder, which lets other processes
-// go on safely whenever this one is killed. The file is the current one. The first failure, or one
-// on record, ends it: what was written is taken back, all pages are forgotten and -1 returned with
-// iserrno. Else 0.
+// Writes the current file's modified idle pages, what goes past the pool, and the dictionary in the
+// order of isam/pool/writeorder, which lets other processes go on safely whenever this one is
+// killed. The first failure, or one that bfnote_failure() has noted before, ends it: what was
+// written is taken back, all pages are forgotten and -1 returned with iserrno. Else 0.
 int bfcommit(OpenPair& file);
 // Takes the changes since the last commit back, unless some of them have been written already: 0,
 // or -1. The dictionary is the caller's.

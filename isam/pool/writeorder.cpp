@@ -71,7 +71,7 @@ int WriteOrder::write_all(OpenPair& file) {
   return done ? 0 : -1;
 }
 
-// False with iserrno. A template, so that a step without pages costs next to nothing.
+// A template, so that a step without pages costs next to nothing.
 template <WriteStep kStep>
 inline bool WriteOrder::take(OpenPair& file) {
   switch (kStep) {

@@ -1,6 +1,7 @@
 // writeorder: the order in which the changes of a call reach a pair that other processes use.
 //
-// Needs   the current file, with the dictionary as the call leaves it; the semaphore exclusively
+// Needs   the current file, with the dictionary as the call leaves it; its semaphore, held
+//         exclusively
 // Keeps   W1 whenever the process is killed, what the calls of other processes complete is not
 //            lost: docs/architecture.md tells for each step why
 //         W2 a commit that fails leaves both files as they were, as far as they can be written
@@ -26,8 +27,8 @@ enum class WriteStep : std::uint8_t {
   kFreeLists,        // what was taken is no longer listed before it is used
   kDictionary,       // its new stamp makes others read the rest anew
   kRecordsGoing,     // of a delete: before the items that refer to them
-  kNodes,            // all others
-  kRecords,          // once the items are there that refer to them
+  kNodes,            // all nodes that no other step writes
+  kRecords,          // of any other call: once the items are there that refer to them
   kStorageGivenUp,   // pages with bytes of records, once no record refers to them
   kNumbersListed,    // of a delete: once no item refers to them
   kDictionaryAgain,  // with the heads of lists that step kDictionary withheld
@@ -36,12 +37,13 @@ enum class WriteStep : std::uint8_t {
 class WriteOrder {
  public:
   explicit WriteOrder(Pool& pool);
-  // As bfcommit (isam/pool/buffers.h).
+  // What bfcommit() of isam/pool/buffers.h does.
   int commit(OpenPair& file);
 
  private:
-  // A page on its way out: its step in the upper half of the order, in the lower what lets the
-  // highest block of a step go first.
+  // A page on its way out. `order` has the step in its upper half. Its lower half has the block's
+  // number with all bits turned over, which sorts the highest block of a step first: the highest of
+  // the new nodes gives the file its new length at once.
   struct Outgoing {
     std::uint64_t order;
     Buffer* page;
@@ -50,6 +52,7 @@ class WriteOrder {
   };
 
   int write_all(OpenPair& file);
+  // Runs one step: false with iserrno.
   template <WriteStep kStep>
   [[nodiscard]] bool take(OpenPair& file);
   void withhold_given(const OpenPair& file);
@@ -71,7 +74,7 @@ class WriteOrder {
   Pool& pool_;
   std::vector<Outgoing> pages_;
   std::span<const Outgoing> rest_;  // of pages_, to be written
-  Dictionary dictionary_{};         // of step kDictionary
+  Dictionary dictionary_{};         // as step kDictionary writes it
   std::vector<Byte> run_;           // neighbouring blocks on their way out
   Overwritten overwritten_;
 };
