@@ -165,6 +165,7 @@ int Sorter::finish() {
   }
   if (count_ > 0 && spill() != 0) return -1;
   start_merge();
+  errno = error_;
   return error_ == 0 ? 0 : -1;
 }
 

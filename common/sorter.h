@@ -44,8 +44,8 @@ class Sorter {
 
   // 0, or -1 with errno when a full run could not be spilled.
   [[nodiscard]] int add(const Byte* entry);
-  // Ends the adding; entries come out from now on. 0, or -1: with errno when a run could not be
-  // spilled; with error(), and errno of no meaning, when one could not be read back.
+  // Ends the adding; entries come out from now on. 0, or -1 with errno when a run could not be
+  // spilled or read back.
   [[nodiscard]] int finish();
   // The next entry in order; null at the end or on a failure.
   [[nodiscard]] const Byte* next();
