@@ -1,0 +1,322 @@
+// actor: a process that does library calls and meets failing system calls as scripts.py tells it.
+//
+//   actor fixed|varying WHICH LINE...
+//
+// Each LINE is the descriptor of a socket, a message an order; this process obeys what comes by
+// LINE number WHICH, one that it forks has another. Answers "ok", what there is to show, or "!" and
+// iserrno. "waits" comes ahead of an answer when a lock request has to wait for another process,
+// "paused" when the process stands before a system call as it was told to; the next message makes
+// it go on. tests/scripts/README.md tells the words; modes and errors come as numbers.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+#include "tests/support/between.h"
+#include "tests/support/session.h"
+
+namespace testing_support {
+namespace {
+
+Row row_of(const std::string& word) {
+  Row row;
+  std::sscanf(word.c_str(), "%d.%d.%d", &row.id, &row.group, &row.counter);
+  return row;
+}
+
+// "id", "group", "number" for the order of record numbers, or "START,LENGTH" for characters there.
+keydescr key_of(const std::string& name) {
+  if (name == "id") return id_key();
+  if (name == "group") return group_key();
+  keydescr key{KF_DUPS, 1, {}, 0, 0};
+  if (name == "number") return {};
+  std::sscanf(name.c_str(), "%hd,%hd", &key.part[0].start, &key.part[0].length);
+  return key;
+}
+
+// What a call is told, and what it has to show.
+struct Asked {
+  Session& session;
+  std::istream& words;
+  bool varying = false;
+  std::string shown = "ok";
+
+  std::string word() {
+    std::string next;
+    words >> next;
+    return next;
+  }
+  int number() { return std::stoi(word()); }
+  // Of a variable, which no call has to do with.
+  int show_variable(int number) {
+    ::iserrno = 0;
+    return show(0, number);
+  }
+  int show(int result, int number) {
+    shown = std::to_string(number);
+    return result;
+  }
+  int read(int mode, int id = 0) {
+    const int result = session.read(mode, id);
+    shown = std::to_string(session.row.id) + '.' + std::to_string(session.row.group) + '.' +
+            std::to_string(session.row.counter);
+    return result;
+  }
+  int open(int (Session::*call)(int)) {
+    session = {.base = word(), .varying = varying};
+    return (session.*call)(number());
+  }
+};
+
+// The calls by the names under which a script knows them, those of a kind together. None is found
+// for a name that is no call's.
+const std::map<std::string, int (*)()> kAlone = {
+    {"cleanup", ::iscleanup}, {"logclose", ::islogclose}, {"recover", ::isrecover},
+    {"begin", ::isbegin},     {"commit", ::iscommit},     {"rollback", ::isrollback}};
+const std::map<std::string, int (*)(int)> kOfAnOpen = {
+    {"close", ::isclose},   {"delcurr", ::isdelcurr}, {"lock", ::islock},
+    {"unlock", ::isunlock}, {"release", ::isrelease}, {"flush", ::isflush},
+    {"altinc", ::isaltinc}};
+const std::map<std::string, int (*)(int, char*)> kWithRecord = {{"write", ::iswrite},
+                                                                {"wrcurr", ::iswrcurr},
+                                                                {"rewrite", ::isrewrite},
+                                                                {"rewcurr", ::isrewcurr},
+                                                                {"delete", ::isdelete}};
+const std::map<std::string, int (*)(int, keydescr*)> kWithKey = {
+    {"addindex", ::isaddindex}, {"delindex", ::isdelindex}, {"cluster", ::iscluster}};
+const std::map<std::string, int (*)(const char*)> kWithName = {{"erase", ::iserase},
+                                                               {"logopen", ::islogopen}};
+const std::map<std::string, int (*)(int, std::int32_t*)> kGiving = {{"uniqueid", ::isuniqueid},
+                                                                    {"curruniq", ::iscurruniq}};
+const std::map<std::string, int (*)(Asked&)> kOthers = {
+    {"open", [](Asked& a) { return a.open(&Session::open); }},
+    {"build", [](Asked& a) { return a.open(&Session::build); }},
+    {"read", [](Asked& a) { return a.read(a.number()); }},
+    {"find",
+     [](Asked& a) {
+       const int mode = RD_EQUAL | a.number();
+       return a.read(mode, a.number());
+     }},
+    {"start",
+     [](Asked& a) {
+       const keydescr key = key_of(a.word());
+       const int mode = a.number();
+       a.session.row = row_of(a.word());
+       return a.session.start(key, mode);
+     }},
+    {"count",  // one more, in the current record
+     [](Asked& a) {
+       ++a.session.row.counter;
+       return a.session.put(a.session.row, ::isrewcurr);
+     }},
+    {"delrec", [](Asked& a) { return ::isdelrec(a.session.isfd, a.number()); }},
+    {"setunique", [](Asked& a) { return ::issetunique(a.session.isfd, a.number()); }},
+    {"filelocked",
+     [](Asked& a) {
+       const int result = ::isfilelocked(a.session.isfd, a.number());
+       return a.show(result, result);
+     }},
+    {"batch", [](Asked& a) { return ::isbatch(a.number()); }},
+    {"vclose", [](Asked& a) { return ::isvclose(a.number()); }},
+    {"recnum", [](Asked& a) { return a.show_variable(::isrecnum); }},
+    {"number", [](Asked& a) { return a.show_variable(a.session.isfd); }},
+    {"records", [](Asked& a) {
+       dictinfo info{};
+       const int result = ::isdictinfo(a.session.isfd, &info);
+       return a.show(result, info.di_nrecords);
+     }}};
+
+int do_call(const std::string& name, Asked& asked) {
+  Session& session = asked.session;
+  const auto find = [&](const auto& calls) {
+    const auto at = calls.find(name);
+    return at == calls.end() ? nullptr : at->second;
+  };
+  if (const auto call = find(kAlone)) return call();
+  if (const auto call = find(kOfAnOpen)) return call(session.isfd);
+  if (const auto call = find(kWithRecord)) return session.put(row_of(asked.word()), call);
+  if (const auto call = find(kWithName)) return call(asked.word().c_str());
+  if (const auto call = find(kOthers)) return call(asked);
+  if (const auto call = find(kWithKey)) {
+    keydescr key = key_of(asked.word());
+    const int result = call(session.isfd, &key);
+    if (result >= 0 && name == "cluster") session.isfd = result;
+    return result;
+  }
+  const auto call = find(kGiving);
+  if (call == nullptr) throw std::runtime_error("what is " + name + "?");
+  std::int32_t given = 0;
+  const int result = call(session.isfd, &given);
+  return asked.show(result, given);
+}
+
+// ---- Calls by the system.
+
+// The names are those of tests/transcripts/failing_calls.c, and some for single kinds of locks.
+bool is_of(const SystemCall& call, const std::string& kind) {
+  static const std::map<std::string, SystemCall::Kind> kinds = {
+      {"open", SystemCall::kOpen},     {"nameless", SystemCall::kNameless},
+      {"read", SystemCall::kRead},     {"write", SystemCall::kWrite},
+      {"copy", SystemCall::kCopy},     {"lock", SystemCall::kLock},
+      {"clone", SystemCall::kClone},   {"link", SystemCall::kLink},
+      {"rename", SystemCall::kRename}, {"unlink", SystemCall::kUnlink},
+      {"sync", SystemCall::kSync},     {"cut", SystemCall::kCut}};
+  const auto at = kinds.find(kind);
+  if (at != kinds.end()) return at->second == call.kind;
+  if (kind == "grow") return call.kind == SystemCall::kWrite && call.grows();
+  if (call.kind != SystemCall::kLock || call.lock->l_type == F_UNLCK) return false;
+  constexpr off_t kRecords = 0x40000000, kOpenLock = 0x7FFFFFFF;
+  if (kind == "open-lock") return call.at == kOpenLock;
+  return kind == "record-lock" && call.lock->l_len == 1 && call.at >= kRecords &&
+         call.at != kOpenLock;
+}
+
+// A kind of call on files whose name ends so.
+struct Concern {
+  std::string kind;
+  std::string file;
+  bool operator()(const SystemCall& call) const {
+    return is_of(call, kind) && (file == "*" || call.name().ends_with(file));
+  }
+};
+
+class Actor {
+ public:
+  Actor(std::vector<int> lines, std::size_t which, bool varying)
+      : lines_(std::move(lines)), line_(lines_[which]), varying_(varying) {
+    stand_between([this](SystemCall& call) { return before(call); });
+    ::alarm(120);
+  }
+
+  void obey() {
+    for (std::string order; !(order = hear()).empty();) {
+      std::string said;
+      try {
+        said = answer(order);
+      } catch (const std::exception& error) {
+        said = std::string("cannot: ") + error.what();
+      }
+      tell(said);
+    }
+  }
+
+ private:
+  void tell(const std::string& message) const {
+    static_cast<void>(::send(line_, message.data(), message.size(), MSG_NOSIGNAL));
+  }
+  [[nodiscard]] std::string hear() const {
+    std::string message(4096, '\0');
+    const ssize_t got = ::recv(line_, message.data(), message.size(), 0);
+    message.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return message;
+  }
+
+  std::string answer(const std::string& order) {
+    std::istringstream words(order);
+    char who = 0;
+    int which = 1;
+    std::string what;
+    if (words >> who; words.peek() != ' ') words >> which;
+    words >> what;
+    Asked asked{sessions_[which], words, varying_};
+    if (instruct(what, asked)) return asked.shown;
+    const int result = do_call(what, asked);
+    const int error = ::iserrno;
+    if (!words || !(words >> std::ws).eof()) throw std::runtime_error("too few or many words");
+    if (result == kGarbled) return "garbled";
+    if ((result < 0) != (error != 0)) return "contradicts " + std::to_string(error);
+    return result < 0 ? '!' + std::to_string(error) : asked.shown;
+  }
+
+  // What is no call: rules for the system, and the process itself.
+  bool instruct(const std::string& what, Asked& asked) {
+    if (what == "starts") {
+      while (!(asked.words >> std::ws).eof()) ::putenv(::strdup(asked.word().c_str()));
+    } else if (what == "forks") {
+      const auto other = static_cast<std::size_t>(asked.word()[0] - 'a');
+      const pid_t child = ::fork();
+      if (child == 0) line_ = lines_.at(other);
+      asked.show(0, child);
+    } else if (what == "goes-to") {
+      std::filesystem::current_path(asked.word());
+    } else if (what == "pauses") {
+      pause_.kind = asked.word();
+      pause_.file = asked.word();
+    } else if (what == "fails") {
+      failing_.kind = asked.word();
+      failing_.file = asked.word();
+      error_ = asked.number();
+      if (!(asked.words >> when_ >> nth_)) when_ = '*';
+      asked.words.clear();
+      met_ = 0;
+    } else if (what == "works") {
+      failing_ = {};
+    } else if (what == "met") {
+      asked.show(0, met_);
+    } else if (what == "refuses") {
+      refusal_.begin(asked.number());
+    } else if (what == "refused") {
+      asked.show(0, refusal_.end() ? 1 : 0);
+    } else {
+      return false;
+    }
+    return true;
+  }
+
+  int before(SystemCall& call) {
+    if (pause_(call)) {
+      pause_ = {};
+      tell("paused");
+      static_cast<void>(hear());
+    }
+    if (const int refused = refusal_.before(call); refused != 0) return refused;
+    if (const int error = failure(call); error != 0) return error;
+    if (call.kind == SystemCall::kLock && call.flags == F_SETLKW &&
+        ::fcntl(call.fd, F_SETLK, call.lock) != 0) {
+      tell("waits");
+    }
+    return 0;
+  }
+  int failure(const SystemCall& call) {
+    if (!failing_(call)) return 0;
+    ++met_;
+    const bool now = when_ == '*' || (when_ == '#' && met_ == nth_) ||
+                     (when_ == '+' && met_ >= nth_) || (when_ == 'x' && met_ <= nth_);
+    if (!now || error_ >= 0) return now ? error_ : 0;
+    ::raise(-error_);
+    return 0;
+  }
+
+  std::vector<int> lines_;  // of this process and those that it forks
+  int line_;
+  bool varying_;
+  std::map<int, Session> sessions_;
+  Concern pause_;
+  Concern failing_;
+  int error_ = 0;  // below 0: a signal
+  char when_ = 0;  // '#': at the nth alone, '+': from there on, 'x': so many times, '*': always
+  int nth_ = 0;
+  int met_ = 0;  // since the rule was made
+  RefusedWrite refusal_;
+};
+
+}  // namespace
+}  // namespace testing_support
+
+int main(int argc, char** argv) {
+  std::vector<int> lines;
+  for (int i = 3; i < argc; ++i) lines.push_back(std::atoi(argv[i]));
+  const bool varying = argc > 1 && std::strcmp(argv[1], "varying") == 0;
+  const auto which = static_cast<std::size_t>(argc > 2 ? std::atoi(argv[2]) : 0);
+  if (which >= lines.size()) return 2;
+  testing_support::Actor(lines, which, varying).obey();
+  return 0;
+}
