@@ -29,8 +29,8 @@ bool mark_chain(Check& check, std::int32_t pointer) {
       return false;
     }
     check.rpgmap.set_bit(node);
-    const isam::PageHold page = chain.page();
-    if (!page || !chain.follow(page)) return false;
+    const isam::PageHold page = chain.read();
+    if (!page || !chain.rprwalk()) return false;
   }
   return true;
 }

@@ -83,29 +83,40 @@ void ckrferr(Check& check, std::int32_t node) {
   check.badrfree = Verdict::kFaulty;
 }
 
-void check_list(Check& check, int rpage_class) {
+// The rule of a list of storage pages.
+struct ListRule {
+  explicit ListRule(std::int32_t last_node) : last(last_node) { visited.reset(last); }
+
+  [[nodiscard]] bool may_name(std::int32_t node) const { return node >= 1 && node <= last; }
+  [[nodiscard]] bool has_met(std::int32_t node) { return visited.set_bit(node); }
+  [[nodiscard]] static bool is_sound(const isam::PageHold& page) { return Rpage{page}.has_magic(); }
+
+  std::int32_t last;
   UsageMap visited;
-  visited.reset(check.idxlast);
+};
+using ListChain = isam::NodeChain<ListRule, isam::RpageLinks>;
+
+void check_list(Check& check, int rpage_class) {
+  ListChain chain{dictp->d_varfree(rpage_class), ListRule{check.idxlast}};
   std::int32_t previous = 0;
-  for (std::int32_t node = dictp->d_varfree(rpage_class); node != 0;) {
-    const isam::PageHold page = isam::bfread(node);
-    if (!page) {
-      ckrferr(check, node);
-      return check.report_unreadable_node();
-    }
-    if (!Rpage{page}.has_magic()) {
-      ckrferr(check, node);
-      isam::failed(isam::kCorrupted);
-      return check.prterr();
-    }
-    if (node > check.idxlast || visited.set_bit(node)) return ckrferr(check, node);
+  while (const isam::PageHold page = chain.read()) {
+    const std::int32_t node = page.node();
     const Rpage view{page};
     if (view.page_class() != rpage_class) ckrferr(check, node);
     if (listed_class(view) != rpage_class) ckrferr(check, node);
-    if (previous != 0 && view.previous() != previous) ckrferr(check, node);
+    if (previous != 0 && !isam::RpageLinks{page}.is_behind(previous)) ckrferr(check, node);
     previous = node;
-    node = view.next();
+    chain.follow(page);
   }
+  if (chain.end() == isam::ChainEnd::kLast) return;
+  ckrferr(check, chain.node());
+  if (chain.end() == isam::ChainEnd::kUnreadable) return check.report_unreadable_node();
+  // What is wrong with the page itself is told even where the list cannot have it.
+  const isam::PageHold page = isam::bfread(chain.node());
+  if (!page) return check.report_unreadable_node();
+  if (Rpage{page}.has_magic()) return;
+  isam::failed(isam::kCorrupted);
+  check.prterr();
 }
 
 enum class Filing { kMay, kMustNot, kNeedNot };
@@ -181,14 +192,10 @@ void ckrfree(Check& check) {
 
 bool unused_pages_are_listed(Check& check) {
   for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
-    UsageMap visited;
-    visited.reset(check.idxlast);
-    for (std::int32_t node = dictp->d_varfree(rpage_class); node != 0;) {
-      if (node < 1 || node > check.idxlast || visited.set_bit(node)) break;
-      if (!check.rpgmap.tstbit(node)) return true;
-      const isam::PageHold page = isam::rpbfread(node);
-      if (!page) break;
-      node = Rpage{page}.next();
+    ListChain chain{dictp->d_varfree(rpage_class), ListRule{check.idxlast}};
+    while (chain.end() == isam::ChainEnd::kNotYet) {
+      if (!check.rpgmap.tstbit(chain.node())) return true;
+      if (const isam::PageHold page = chain.read()) chain.follow(page);
     }
   }
   check.pass_over_error();

@@ -166,8 +166,8 @@ inline constexpr int kTrailerReference = 3;  // offset of the variable part's re
 namespace rpage {
 inline constexpr int kMagic = 0x7E26;
 inline constexpr int kMagicOffset = 2;
-inline constexpr int kNext = 4;
-inline constexpr int kPrevious = 8;
+inline constexpr int kNextPage = 4;
+inline constexpr int kPreviousPage = 8;
 inline constexpr int kFree = 12;
 inline constexpr int kDataEnd = 14;
 inline constexpr int kContinuation = 16;

@@ -1,10 +1,10 @@
-// nodechain: the one walk along nodes of which each names the next: free lists and the nodes of the
-// key descriptions.
+// nodechain: the one walk along nodes of which each names the next: free lists, the nodes of the
+// key descriptions and the lists of storage pages.
 //
 // Needs   a rule: which numbers the chain may name, which pages it may consist of, and whether a
 //         node has been met before
 // Keeps   N1 every walk ends: no node is given twice, whatever the file says
-//         N2 only the walk follows a link (ListLink)
+//         N2 only the walk follows a link (ListLink, or the Link that it was made for)
 // Gives   one page after the other, and why the walk ended
 // Never   sets iserrno; a page that cannot be read has
 //
@@ -75,7 +75,7 @@ class ListLink {
   }
 
  private:
-  template <typename Rule>
+  template <typename Rule, typename Link>
   friend class NodeChain;
 
   [[nodiscard]] std::int32_t node() const { return common::ldlong(bytes_); }
@@ -83,7 +83,7 @@ class ListLink {
   Byte* bytes_;
 };
 
-template <typename Rule>
+template <typename Rule, typename Link = ListLink>
 class NodeChain {
  public:
   NodeChain(std::int32_t head, Rule rule) : rule_(std::move(rule)) { go_to(head); }
@@ -101,7 +101,7 @@ class NodeChain {
     return page;
   }
   // Goes to the node behind that of the page.
-  void follow(const PageHold& page) { go_to(ListLink{page}.node()); }
+  void follow(const PageHold& page) { go_to(Link{page}.node()); }
 
   // The node that the walk stands at, or that it could not go to; 0 behind the last one.
   [[nodiscard]] std::int32_t node() const { return node_; }

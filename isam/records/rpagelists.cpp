@@ -9,6 +9,18 @@
 #include "isam/records/varlen.h"
 
 namespace isam {
+
+// Takes pages out of the lists and puts them in.
+class RpageLists {
+ public:
+  static int unlink_page(const PageHold& page);
+  static int link_page(const PageHold& page, int to);
+
+ private:
+  template <typename Change>
+  static int mend(std::int32_t node, Change change);
+};
+
 namespace {
 
 bool on_a_list(int page_class) { return page_class >= 1 && page_class < kRpageClasses; }
@@ -18,64 +30,67 @@ void set_head(int page_class, std::int32_t node) {
   dictmodify();
 }
 
-// Points the neighbour `node` of a page that leaves its list past it.
+}  // namespace
+
+// Changes a link of the page `node`, a neighbour of one that leaves or joins its list.
 template <typename Change>
-int mend(std::int32_t node, Change change) {
+int RpageLists::mend(std::int32_t node, Change change) {
   const PageHold neighbour = rpbfread(node);
   if (!neighbour) return -1;
-  Rpage view{neighbour};
-  change(view);
+  change(RpageLinks{neighbour});
   neighbour.modified();
   return 0;
 }
 
-int unlink_page(std::int32_t node, const Rpage& page) {
-  const int from = page.page_class();
-  const std::int32_t next = page.next();
-  const std::int32_t previous = page.previous();
+int RpageLists::unlink_page(const PageHold& page) {
+  const std::int32_t node = page.node();
+  const int from = Rpage{page}.page_class();
+  const std::int32_t next = RpageLinks{page}.node();
+  const std::int32_t previous = RpageLinks{page}.previous();
   const bool is_head = dictp->d_varfree(from) == node;
   if ((!is_head && previous == 0) || next == node || previous == node) {
     return failed_unless_set(kCorrupted);
   }
   const std::int32_t before = is_head ? 0 : previous;
-  if (next != 0 && mend(next, [&](Rpage& view) { view.set_previous(before); }) != 0) return -1;
-  if (!is_head) return mend(previous, [&](Rpage& view) { view.set_next(next); });
+  if (next != 0 && mend(next, [&](RpageLinks links) { links.set_previous(before); }) != 0)
+    return -1;
+  if (!is_head) return mend(previous, [&](RpageLinks links) { links.set_node(next); });
   set_head(from, next);
   return 0;
 }
 
-int link_page(std::int32_t node, Rpage& page, int to) {
-  page.set_page_class(to);
-  page.set_next(0);
-  page.set_previous(0);
+int RpageLists::link_page(const PageHold& page, int to) {
+  const std::int32_t node = page.node();
+  const RpageLinks links{page};
+  Rpage{page}.set_page_class(to);
+  links.set_node(0);
+  links.set_previous(0);
   if (!on_a_list(to)) return 0;
   const std::int32_t old_head = dictp->d_varfree(to);
   if (old_head == node) return failed_unless_set(kCorrupted);
-  if (old_head != 0 && mend(old_head, [&](Rpage& view) { view.set_previous(node); }) != 0) {
+  if (old_head != 0 && mend(old_head, [&](RpageLinks head) { head.set_previous(node); }) != 0) {
     return -1;
   }
-  page.set_next(old_head);
+  links.set_node(old_head);
   set_head(to, node);
   return 0;
 }
-
-}  // namespace
 
 int rpflmove(PageHold held) {
   // An argument may live until the caller's whole expression ends, and the page with it.
   PageHold page = std::move(held);
   const std::int32_t node = page.node();
-  Rpage view{page};
+  const Rpage view{page};
   const int from = view.page_class();
   const int to = rpage_class_of(view);
   page.modified();
   if (from == to && from < kRpageClasses) return 0;
-  if (on_a_list(from) && unlink_page(node, view) != 0) return -1;
+  if (on_a_list(from) && RpageLists::unlink_page(page) != 0) return -1;
   if (to == rpage::kEmptyClass) {
     page.release();
     return freerec(node, FreeList::kNodes);
   }
-  return link_page(node, view, to);
+  return RpageLists::link_page(page, to);
 }
 
 int rpfladd(PageHold page) {

@@ -32,7 +32,7 @@ bool Rpage::is_big() const {
 
 std::int32_t Rpage::rpgetext() const {
   if (!is_big()) return 0;
-  const std::int32_t pointer = field(rpage::kContinuation);
+  const std::int32_t pointer = common::ldlong(bytes_.data() + rpage::kContinuation);
   return pointer == 0 || pointer == -1 ? failed_unless_set(kCorrupted) : pointer;
 }
 
@@ -64,42 +64,36 @@ PageHold rppgread(std::int32_t pointer) {
   return {};
 }
 
-std::int32_t rprwalk(std::int32_t pointer) {
-  const PageHold page = rppgread(pointer);
-  return page ? Rpage{page}.rpgetext() : -1;
-}
-
 int greatest_chain() {
   const int chunk = RpageGeometry{filep->geometry.idxsize}.chunk;
   const int greatest = filep->geometry.maxreclen - filep->geometry.reclen;
   return std::max(1, (greatest + chunk - 1) / chunk);
 }
 
-PageHold PieceChain::page() {
-  if (left_-- > 0) return rppgread(pointer_);
-  failed_unless_set(kCorrupted);
-  return {};
-}
-
-bool PieceChain::follow(const PageHold& page) {
-  pointer_ = Rpage{page}.rpgetext();
-  return pointer_ != -1;
+PageHold PieceChain::read() {
+  if (left_-- <= 0) {
+    failed_unless_set(kCorrupted);
+    return {};
+  }
+  PageHold page = rppgread(pointer_);
+  if (page) next_ = Rpage{page}.rpgetext();
+  return page;
 }
 
 int rprread(std::int32_t pointer, Bytes destination) {
   std::size_t copied = 0;
   PieceChain chain{pointer};
   while (chain.pointer() != 0 && copied < destination.size()) {
-    const PageHold page = chain.page();
+    const PageHold page = chain.read();
     if (!page) return -1;
-    const Rpage::Slot slot = Rpage{page}.slot(rpage::pointer_slot(chain.pointer()));
+    const Rpage::Slot slot = Rpage{page}.slot(chain.slot());
     const std::size_t count =
         std::min(static_cast<std::size_t>(slot.length), destination.size() - copied);
     if (count > 0) {
       std::memcpy(destination.data() + copied, page.data() + slot.offset, count);
     }
     copied += count;
-    if (!chain.follow(page)) return -1;
+    if (!chain.rprwalk()) return -1;
   }
   return static_cast<int>(copied);
 }

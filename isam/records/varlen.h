@@ -17,7 +17,7 @@
 
 #include <cstdint>
 
-#include "isam/pool/buffers.h"
+#include "isam/pool/nodechain.h"
 
 namespace isam {
 
@@ -53,8 +53,6 @@ class Rpage {
   [[nodiscard]] bool has_magic() const {
     return common::ldword(bytes_.data() + rpage::kMagicOffset) == rpage::kMagic;
   }
-  [[nodiscard]] std::int32_t next() const { return field(rpage::kNext); }
-  [[nodiscard]] std::int32_t previous() const { return field(rpage::kPrevious); }
   [[nodiscard]] int free_bytes() const { return common::ldshort(bytes_.data() + rpage::kFree); }
   [[nodiscard]] int slot_count() const { return bytes_[rpage::kSlotCount]; }
   // Slots whose entries lie in the page, whatever the count says.
@@ -68,12 +66,8 @@ class Rpage {
   [[nodiscard]] bool readable(const Slot& slot) const;
   [[nodiscard]] bool has_empty_slot() const;
   [[nodiscard]] bool is_big() const;
-  // The next piece of a big page, 0 for any other page, -1 with 105 when a big page names none.
-  [[nodiscard]] std::int32_t rpgetext() const;
   [[nodiscard]] const RpageGeometry& geometry() const { return geometry_; }
 
-  void set_next(std::int32_t node) { common::stlong(node, bytes_.data() + rpage::kNext); }
-  void set_previous(std::int32_t node) { common::stlong(node, bytes_.data() + rpage::kPrevious); }
   void set_page_class(int value) { bytes_[rpage::kClass] = static_cast<Byte>(value); }
 
   // Changing slots (rpageslots). Each answers 0 (rpslalloc: the slot), or -1 with 105 and the page
@@ -91,6 +85,10 @@ class Rpage {
   [[nodiscard]] int rpmksmall();
 
  private:
+  friend class PieceChain;
+
+  // The next piece of a big page, 0 for any other page, -1 with 105 when a big page names none.
+  [[nodiscard]] std::int32_t rpgetext() const;
   [[nodiscard]] int table_start(int slots) const {
     return geometry_.first_slot + rpage::kSlotSize - slots * rpage::kSlotSize;
   }
@@ -100,12 +98,33 @@ class Rpage {
   }
   void set_slot(int number, const Slot& slot);
 
-  [[nodiscard]] std::int32_t field(int offset) const {
-    return common::ldlong(bytes_.data() + offset);
-  }
-
   Bytes bytes_;
   RpageGeometry geometry_;
+};
+
+// The neighbours of a storage page in the list of its class, 0 for none.
+class RpageLinks {
+ public:
+  explicit RpageLinks(const PageHold& page) : bytes_(page.data()) {}
+
+  // Whether the page names `node` as the one before it.
+  [[nodiscard]] bool is_behind(std::int32_t node) const { return previous() == node; }
+
+ private:
+  template <typename Rule, typename Link>
+  friend class NodeChain;
+  friend class RpageLists;  // which links and unlinks pages
+
+  [[nodiscard]] std::int32_t node() const { return common::ldlong(bytes_ + rpage::kNextPage); }
+  [[nodiscard]] std::int32_t previous() const {
+    return common::ldlong(bytes_ + rpage::kPreviousPage);
+  }
+  void set_node(std::int32_t node) const { common::stlong(node, bytes_ + rpage::kNextPage); }
+  void set_previous(std::int32_t node) const {
+    common::stlong(node, bytes_ + rpage::kPreviousPage);
+  }
+
+  Byte* bytes_;
 };
 
 // The free-space class that a page's free bytes and slots call for: 0 to 4, or kEmptyClass.
@@ -116,31 +135,45 @@ class Rpage {
 // The page of a record pointer, with its slot readable.
 [[nodiscard]] PageHold rppgread(std::int32_t pointer);
 
-// One step of a walk: the pointer of the piece after this one, 0 for none, -1 for a damaged page.
-[[nodiscard]] std::int32_t rprwalk(std::int32_t pointer);
 // Copies up to destination.size() bytes of a variable part; the bytes copied, or -1.
 [[nodiscard]] int rprread(std::int32_t pointer, Bytes destination);
 // Pieces that the greatest variable part of the current file needs, at least one: a length that is
 // damaged hides no page that a record names.
 [[nodiscard]] int greatest_chain();
 
-// One piece of a variable part after the other.
+// The one walk over the pieces of a variable part:
+//
+//   PieceChain chain{pointer};
+//   while (chain.pointer() != 0) {
+//     const PageHold page = chain.read();
+//     if (!page) return -1;
+//     ... look at slot chain.slot() of the page ...
+//     if (!chain.rprwalk()) return -1;
+//   }
 class PieceChain {
  public:
   explicit PieceChain(std::int32_t pointer) : pointer_(pointer), left_(greatest_chain()) {}
 
   // Of the piece that the walk stands at; 0 behind the last one.
   [[nodiscard]] std::int32_t pointer() const { return pointer_; }
+  [[nodiscard]] int slot() const { return rpage::pointer_slot(pointer_); }
   // Whether there are more pieces than a variable part can have.
   [[nodiscard]] bool is_too_long() const { return left_ <= 0 && pointer_ != 0; }
   // The page of the piece; empty when the chain is damaged.
-  [[nodiscard]] PageHold page();
-  void go_to(std::int32_t pointer) { pointer_ = pointer; }
-  // Goes to the piece behind the one in the page: false when that is damaged.
-  [[nodiscard]] bool follow(const PageHold& page);
+  [[nodiscard]] PageHold read();
+  // Of the piece that was read: whether it is the last, and whether it names another. Neither, with
+  // 105, when it should name one and does not.
+  [[nodiscard]] bool is_last() const { return next_ == 0; }
+  [[nodiscard]] bool goes_on() const { return next_ != 0 && next_ != -1; }
+  // One step: goes to the piece behind the one that was read, false when that is damaged.
+  [[nodiscard]] bool rprwalk() {
+    pointer_ = next_;
+    return pointer_ != -1;
+  }
 
  private:
   std::int32_t pointer_;
+  std::int32_t next_ = 0;  // what the piece that was read names
   int left_;
 };
 

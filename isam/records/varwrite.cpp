@@ -105,13 +105,12 @@ std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bo
   return result == 0 && filed == 0 ? pointer_of(slot, node) : -1;
 }
 
-// Frees the slot of a held piece and files its page; the pointer of the next piece, 0 or -1.
-std::int32_t free_piece(PageHold page, std::int32_t pointer) {
-  Rpage view{page};
-  const std::int32_t next = view.rpgetext();
+// Frees the slot of the piece that the walk has read, files its page and goes to the next: 0 or -1.
+int free_piece(PieceChain& walk, PageHold page) {
+  const int slot = walk.slot();
   page.gives_up();
-  if (next == -1 || view.rpslfree(rpage::pointer_slot(pointer)) != 0) return -1;
-  return rpflmove(std::move(page)) == 0 ? next : -1;
+  if (!walk.rprwalk() || Rpage{page}.rpslfree(slot) != 0) return -1;
+  return rpflmove(std::move(page));
 }
 
 // Overwrites what the one slot of a big page holds, all zero behind a shorter piece: 0 or -1.
@@ -129,51 +128,45 @@ int link_to(std::int32_t from, std::int32_t pointer) {
 }
 
 // Replaces the pieces of one chain by those of another variable part. Big pieces go over big ones
-// as long as both have one. Then the new part has only its small piece left (drop_rest, end_here),
-// or the old chain has only its last page left (put_rest).
+// as long as both have one. Then the new part has only its small piece left, or the old chain has
+// only its last page left.
 class Update {
  public:
   Update(std::int32_t pointer, ConstBytes source, bool release)
       : first_(pointer), walk_(pointer), pieces_(source), release_(release) {}
 
   std::int32_t run() {
-    PageHold page = walk_.page();
+    PageHold page = walk_.read();
     if (!page) return -1;
-    std::int32_t next = Rpage{page}.rpgetext();
-    for (; next != 0 && done_ < pieces_.big; ++done_) {
-      if (next == -1 || rpupbig(pieces_.big_piece(done_), page) != 0) return -1;
+    for (; walk_.goes_on() && done_ < pieces_.big; ++done_) {
+      if (rpupbig(pieces_.big_piece(done_), page) != 0) return -1;
       page.release();
       previous_ = walk_.pointer();
-      walk_.go_to(next);
-      page = walk_.page();
+      if (walk_.rprwalk()) page = walk_.read();
       if (!page) return -1;
-      next = Rpage{page}.rpgetext();
     }
-    if (next == -1) return -1;
-    if (next != 0) return release_ ? drop_rest(std::move(page)) : end_here(std::move(page), next);
-    return put_rest(std::move(page));
+    if (walk_.goes_on() && !release_) return end_here(std::move(page));
+    return drop_rest(std::move(page));
   }
 
  private:
-  // The new part ends before the old chain does: the chain's big pages from `page` on are freed,
-  // and its last page takes the small piece.
+  // Where the new part ends before the old chain does, the chain's big pages from `page` on are
+  // freed. Its last page takes the small piece.
   std::int32_t drop_rest(PageHold page) {
-    while (true) {
-      const std::int32_t next = Rpage{page}.rpgetext();
-      if (next == 0) return put_rest(std::move(page));
-      if (next == -1 || free_piece(std::move(page), walk_.pointer()) == -1) return -1;
-      walk_.go_to(next);
-      page = walk_.page();
+    while (walk_.goes_on()) {
+      if (free_piece(walk_, std::move(page)) != 0) return -1;
+      page = walk_.read();
       if (!page) return -1;
     }
+    return walk_.is_last() ? put_rest(std::move(page)) : -1;
   }
 
   // The same without releasing storage: `page` takes the small piece, and the pages behind it stay
   // in the chain, filled with zero bytes.
-  std::int32_t end_here(PageHold page, std::int32_t next) {
+  std::int32_t end_here(PageHold page) {
     if (rpupbig(pieces_.small_piece(), page) != 0) return -1;
     page.release();
-    return rprclear(next) == 0 ? first_ : -1;
+    return walk_.rprwalk() && rprclear(walk_.pointer()) == 0 ? first_ : -1;
   }
 
   // `page` is the last of the old chain. Its slot takes the small piece; big pieces that are left
@@ -241,11 +234,8 @@ std::int32_t rprupdate(std::int32_t pointer, ConstBytes source, bool release) {
 int rprfree(std::int32_t pointer) {
   PieceChain walk{pointer};
   while (walk.pointer() != 0) {
-    PageHold page = walk.page();
-    if (!page) return -1;
-    const std::int32_t next = free_piece(std::move(page), walk.pointer());
-    if (next == -1) return -1;
-    walk.go_to(next);
+    PageHold page = walk.read();
+    if (!page || free_piece(walk, std::move(page)) != 0) return -1;
   }
   return 0;
 }
@@ -253,12 +243,10 @@ int rprfree(std::int32_t pointer) {
 int rprclear(std::int32_t pointer) {
   PieceChain walk{pointer};
   while (walk.pointer() != 0) {
-    const PageHold page = walk.page();
+    const PageHold page = walk.read();
     if (!page) return -1;
-    Rpage view{page};
     page.modified();
-    if (view.rpsload(rpage::pointer_slot(walk.pointer()), {}) != 0) return -1;
-    if (!walk.follow(page)) return -1;
+    if (Rpage{page}.rpsload(walk.slot(), {}) != 0 || !walk.rprwalk()) return -1;
   }
   return 0;
 }
@@ -268,19 +256,17 @@ int rprtrunc(std::int32_t pointer, int length) {
   const int chunk = RpageGeometry{filep->geometry.idxsize}.chunk;
   PieceChain walk{pointer};
   for (; length > chunk; length -= chunk) {
-    const std::int32_t next = rprwalk(walk.pointer());
-    if (next == -1 || next == 0) return failed_unless_set(kCorrupted);
-    walk.go_to(next);
+    if (!walk.read() || walk.is_last() || !walk.rprwalk()) return failed_unless_set(kCorrupted);
   }
-  PageHold page = walk.page();
+  PageHold page = walk.read();
   if (!page) return -1;
   Rpage view{page};
-  const std::int32_t next = view.rpgetext();
-  if (next == -1 || (next != 0 && view.rpmksmall() != 0)) return -1;
-  const int slot = rpage::pointer_slot(walk.pointer());
+  if (walk.goes_on() && view.rpmksmall() != 0) return -1;
+  const int slot = walk.slot();
+  if (!walk.rprwalk()) return -1;
   if (view.slot(slot).length < length) return failed_unless_set(kCorrupted);
   if (view.rpslchange(slot, length) != 0 || rpflmove(std::move(page)) != 0) return -1;
-  return rprfree(next);
+  return rprfree(walk.pointer());
 }
 
 }  // namespace isam
