@@ -5,12 +5,10 @@
 #include <cstdio>
 #include <ctime>
 
+#include "common/hexdump.h"
+
 namespace recover {
 namespace {
-
-constexpr std::size_t kBytesALine = 16;
-
-bool is_printable(unsigned char c) { return c >= ' ' && c <= '~'; }
 
 std::string hex(unsigned value, int digits) {
   std::array<char, 16> text{};
@@ -61,7 +59,7 @@ std::string quoted(std::string_view bytes) {
   for (const char c : bytes) {
     const auto byte = static_cast<unsigned char>(c);
     if (c == '"' || c == '\\') text += '\\';
-    text += is_printable(byte) ? std::string(1, c) : "\\x" + hex(byte, 2);
+    text += common::is_printable(byte) ? std::string(1, c) : "\\x" + hex(byte, 2);
   }
   return text + '"';
 }
@@ -85,20 +83,10 @@ std::string code_text(std::int32_t code) {
 }
 
 std::string dump_text(common::ConstBytes bytes) {
-  std::string text;
-  for (std::size_t at = 0; at < bytes.size(); at += kBytesALine) {
-    const auto line = bytes.subspan(at, std::min(kBytesALine, bytes.size() - at));
-    text += "    " + hex(static_cast<unsigned>(at), 4) + " ";
-    for (std::size_t i = 0; i < kBytesALine; ++i) {
-      text += i < line.size() ? " " + hex(line[i], 2) : "   ";
-    }
-    text += "  ";
-    for (const common::Byte byte : line) {
-      text += is_printable(byte) ? static_cast<char>(byte) : '.';
-    }
-    text += '\n';
-  }
-  return text;
+  const auto place = [](std::size_t at) {
+    return "    " + hex(static_cast<unsigned>(at), 4) + "  ";
+  };
+  return common::hex_dump(bytes, {place, "", ""});
 }
 
 }  // namespace recover

@@ -10,14 +10,12 @@
 #include <new>
 #include <string>
 
+#include "common/hexdump.h"
 #include "environment/settings.h"
 #include "trace/private_file.h"
 
 namespace trace {
 namespace {
-
-constexpr std::size_t kPerLine = 16;  // bytes
-constexpr std::size_t kPerGroup = 8;
 
 // Stays open as long as the process.
 struct TraceFile {
@@ -73,21 +71,10 @@ void append_head(std::string& entry, Direction direction) {
   append(entry, "%ld %c ", static_cast<long>(::getpid()), static_cast<char>(direction));
 }
 
-void append_line(std::string& entry, std::size_t offset, common::ConstBytes bytes) {
-  append(entry, "%6zu ", offset);
-  for (std::size_t i = 0; i < kPerLine; ++i) {
-    if (i % kPerGroup == 0) entry += ' ';
-    if (i < bytes.size()) {
-      append(entry, "%02X ", unsigned{bytes[i]});
-    } else {
-      entry += "   ";
-    }
-  }
-  entry += " |";
-  for (const common::Byte byte : bytes) {
-    entry += byte >= ' ' && byte <= '~' ? static_cast<char>(byte) : '.';
-  }
-  entry += "|\n";
+std::string place_text(std::size_t at) {
+  std::string text;
+  append(text, "%6zu  ", at);
+  return text;
 }
 
 std::string entry_of(Direction direction, std::string_view call, common::ConstBytes buffer) {
@@ -96,10 +83,7 @@ std::string entry_of(Direction direction, std::string_view call, common::ConstBy
   entry += call;
   if (!buffer.empty()) append(entry, ", %zu bytes", buffer.size());
   entry += '\n';
-  for (std::size_t at = 0; at < buffer.size(); at += kPerLine) {
-    append_line(entry, at, buffer.subspan(at, std::min(kPerLine, buffer.size() - at)));
-  }
-  return entry;
+  return entry + common::hex_dump(buffer, {place_text, " ", "|"});
 }
 
 }  // namespace

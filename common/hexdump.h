@@ -1,0 +1,27 @@
+// hexdump: bytes as lines of text.
+//
+// Gives   printable ASCII only, each line ended
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "common/bytes.h"
+
+namespace common {
+
+[[nodiscard]] constexpr bool is_printable(Byte byte) { return byte >= ' ' && byte <= '~'; }
+
+// How the lines of a dump look.
+struct DumpStyle {
+  std::string (*place)(std::size_t at);  // the text for the place of a line's first byte
+  std::string_view between_halves;       // behind the eighth byte
+  std::string_view edge;                 // before and behind the characters
+};
+
+// Lines of 16 bytes each: their place, the bytes in hex, then as characters, with a dot for each
+// that is not printable.
+[[nodiscard]] std::string hex_dump(ConstBytes bytes, const DumpStyle& style);
+
+}  // namespace common
