@@ -76,16 +76,18 @@ std::string row_of(std::initializer_list<std::string> cells) {
   return row;
 }
 
+const std::pair<checker::Number, std::string> kNumbers[] = {
+    {&checker::Numbers::record, "record"},
+    {&checker::Numbers::node, "node"},
+    {&checker::Numbers::key, "key"},
+    {&checker::Numbers::found, "found"},
+    {&checker::Numbers::expected, "expected"}};
+
 std::string names_of(const checker::CarriedNumbers& numbers) {
-  const std::pair<checker::Number, const char*> all[] = {{&checker::Numbers::record, "record"},
-                                                         {&checker::Numbers::node, "node"},
-                                                         {&checker::Numbers::key, "key"},
-                                                         {&checker::Numbers::found, "found"},
-                                                         {&checker::Numbers::expected, "expected"}};
   std::string names;
   for (const checker::Number number : numbers) {
-    for (const auto& [carried, name] : all) {
-      if (number == carried) names += (names.empty() ? "" : ", ") + std::string(name);
+    for (const auto& [carried, name] : kNumbers) {
+      if (number == carried) names += (names.empty() ? "" : ", ") + name;
     }
   }
   return names;
@@ -132,11 +134,9 @@ class Recorder : public checker::Listener {
     errors += text.saying == checker::Saying::kError ? 1 : 0;
     codes.insert(text.code);
     due.insert(text.question);
-    for (const checker::Number number :
-         {&checker::Numbers::record, &checker::Numbers::node, &checker::Numbers::key,
-          &checker::Numbers::found, &checker::Numbers::expected}) {
+    for (const auto& [number, name] : kNumbers) {
       const bool carried = finding.numbers.*number != checker::kNotCarried;
-      EXPECT_EQ(carried, std::ranges::count(text.numbers, number) == 1) << text.code;
+      EXPECT_EQ(carried, std::ranges::count(text.numbers, number) == 1) << text.code << name;
     }
   }
   bool answer(Question question) override {

@@ -6,10 +6,10 @@
 #include "checker/checks.h"
 #include "checker/dialogue.h"
 #include "checker/driver.h"
-#include "common/io.h"
 #include "isam/base/current.h"
 #include "isam/files/dictionary.h"
 #include "isam/files/files.h"
+#include "tests/support/between.h"
 #include "tests/support/damage.h"
 #include "tests/support/pair_walk.h"
 #include "tests/support/run_program.h"
@@ -83,19 +83,18 @@ TEST_F(Texts, TellWhatFailedWhere) {
 }
 
 TEST_F(Texts, TellOfMemoryThatIsNotThere) {
-  const common::SystemCalls real = common::system_calls();
-  common::system_calls().copy_range = [](int, int, off_t, std::size_t) -> ssize_t {
-    throw std::bad_alloc();
-  };
-  common::system_calls().clone = [](int, int) { return -1; };
-  const BuiltPair built = build_pair(fault_spec(false), folder_ / "other");
+  stand_between([](const SystemCall& call) {
+    if (call.kind == SystemCall::kCopy) throw std::bad_alloc();
+    return call.kind == SystemCall::kClone ? EOPNOTSUPP : 0;
+  });
+  const std::string other = folder_ / "other";
+  const BuiltPair built = build_pair(fault_spec(false), other);
   PairEditor damaged(built);
-  put2(damaged.node(damaged.built().indexes[0].leaves[0]), 2);
+  put2(damaged.node(built.indexes[0].leaves[0]), 2);
   damaged.save();
   options_.yflag = 1;
-  const std::string other = folder_ / "other";
   const std::string out = printed([&] { checker::ckfile(other, options_, dialogue_); });
-  common::system_calls() = real;
+  stand_aside();
   EXPECT_NE(out.find("\nERROR: cannot allocate main memory\n"), std::string::npos) << out;
   EXPECT_EQ(read_file(other + ".idx"), damaged.index);
 }

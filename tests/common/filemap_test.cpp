@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/io.h"
+#include "tests/support/between.h"
 
 namespace common {
 namespace {
@@ -70,15 +71,11 @@ TEST_F(FileMapTest, AFileCutOffIsAShortRead) {
 }
 
 TEST_F(FileMapTest, ReadsThatATestReplacesAreAskedFor) {
-  const SystemCalls real = system_calls();
-  system_calls().pread = [](int, void*, std::size_t, off_t) -> ssize_t {
-    errno = EIO;
-    return -1;
-  };
+  testing_support::refuse(testing_support::SystemCall::kRead, EIO);
   Byte byte = 0;
   EXPECT_EQ(map_.read(fd_, {&byte, 1}, 0), -1);
   EXPECT_EQ(errno, EIO);
-  system_calls() = real;
+  testing_support::stand_aside();
   expect(0, 10, 'a');
 }
 

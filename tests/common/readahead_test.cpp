@@ -1,8 +1,6 @@
 #include "common/readahead.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,12 +9,10 @@
 #include <vector>
 
 #include "common/io.h"
+#include "tests/support/between.h"
 
 namespace common {
 namespace {
-
-int reads = 0;
-std::int64_t bad_from = INT64_MAX;  // reads that touch bytes from here on fail
 
 class ReadAheadTest : public testing::Test {
  protected:
@@ -27,20 +23,13 @@ class ReadAheadTest : public testing::Test {
     file_ = std::tmpfile();
     fd_ = ::fileno(file_);
     ASSERT_EQ(write_at(fd_, content_, 0), 0);
-    reads = 0;
-    bad_from = INT64_MAX;
-    real_ = system_calls();
-    system_calls().pread = [](int fd, void* to, std::size_t count, off_t offset) -> ssize_t {
-      ++reads;
-      if (offset + static_cast<off_t>(count) > bad_from) {
-        errno = EIO;
-        return -1;
-      }
-      return ::pread(fd, to, count, offset);
-    };
+    testing_support::stand_between([this](const testing_support::SystemCall& call) {
+      if (call.kind == testing_support::SystemCall::kRead) ++reads_;
+      return call.at + static_cast<off_t>(call.count) > bad_from_ ? EIO : 0;
+    });
   }
   void TearDown() override {
-    system_calls() = real_;
+    testing_support::stand_aside();
     std::fclose(file_);
   }
 
@@ -59,20 +48,21 @@ class ReadAheadTest : public testing::Test {
   int fd_ = -1;
   ReadAhead window_;
   FileMap map_;
-  SystemCalls real_{};
+  int reads_ = 0;
+  std::int64_t bad_from_ = INT64_MAX;  // reads that touch bytes from here on fail
 };
 
 // The end of the file cuts a page.
 TEST_F(ReadAheadTest, SequentialPagesCostFewCalls) {
   for (std::int64_t at = 0; at < 303'000; at += 1024) expect_page(at);
-  EXPECT_LT(reads, 16);
+  EXPECT_LT(reads_, 16);
 }
 
 TEST_F(ReadAheadTest, RandomPagesAreReadAlone) {
   std::mt19937 random(2);
   for (int i = 0; i < 500; ++i) expect_page(static_cast<std::int64_t>(random() % 300) * 1024);
-  EXPECT_GE(reads, 450);
-  EXPECT_LE(reads, 500);
+  EXPECT_GE(reads_, 450);
+  EXPECT_LE(reads_, 500);
 }
 
 TEST_F(ReadAheadTest, WrittenBytesAreSeen) {
@@ -84,7 +74,7 @@ TEST_F(ReadAheadTest, WrittenBytesAreSeen) {
 }
 
 TEST_F(ReadAheadTest, AFailureBehindThePageIsNotItsFailure) {
-  bad_from = 10'240;
+  bad_from_ = 10'240;
   for (std::int64_t at = 0; at < 10'240; at += 1024) expect_page(at);
   std::vector<Byte> page(1024);
   EXPECT_EQ(window_.read(fd_, map_, page, 10'240), -1);

@@ -1,14 +1,13 @@
 #include "common/sorter.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <random>
 
-#include "common/io.h"
+#include "tests/support/between.h"
 
 namespace common {
 namespace {
@@ -73,28 +72,25 @@ TEST(Sorter, FollowsAGivenOrder) {
 }
 
 TEST(Sorter, ReportsWhatTheTemporaryFileRefuses) {
-  const SystemCalls real = system_calls();
-  system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
-    errno = ENOSPC;
-    return -1;
-  };
+  using testing_support::SystemCall;
+  const std::vector<Entry> entries = random_entries(3'000, 9);
   Sorter full(shape(1));
-  int result = 0;
-  for (const Entry& entry : random_entries(3'000, 9)) {
-    if ((result = full.add(entry.data())) != 0) break;
-  }
-  EXPECT_EQ(result, -1);
+  testing_support::refuse(SystemCall::kWrite, ENOSPC);
+  EXPECT_FALSE(
+      std::ranges::all_of(entries, [&](const Entry& e) { return full.add(e.data()) == 0; }));
   EXPECT_EQ(errno, ENOSPC);
-  system_calls() = real;
 
   Sorter unreadable(shape(1));
-  for (const Entry& entry : random_entries(3'000, 9)) ASSERT_EQ(unreadable.add(entry.data()), 0);
-  system_calls().pread = [](int, void*, std::size_t, off_t) -> ssize_t { return errno = 0; };
+  testing_support::stand_between([](SystemCall& call) {
+    if (call.kind == SystemCall::kRead) call.count = 0;
+    return 0;
+  });
+  for (const Entry& entry : entries) ASSERT_EQ(unreadable.add(entry.data()), 0);
   EXPECT_EQ(unreadable.finish(), -1);
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(unreadable.next(), nullptr);
   EXPECT_EQ(unreadable.error(), EIO);
-  system_calls() = real;
+  testing_support::stand_aside();
 }
 
 }  // namespace

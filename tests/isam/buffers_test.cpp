@@ -7,22 +7,23 @@
 #include <cstdlib>
 #include <set>
 
-#include "common/io.h"
 #include "isam/base/errors.h"
 #include "tests/isam/test_pair.h"
+#include "tests/support/between.h"
 #include "tests/support/run_program.h"
 
 namespace isam {
 namespace {
 
+using testing_support::refuse;
+using testing_support::SystemCall;
 using testing_support::TestPair;
 
 constexpr char kFatal[] = "Fatal system error: ";
 
 // The pool is made on first use and stays: every case that counts buffers has its own process,
 // which leaves its files in a folder of this one.
-template <typename Work>
-void work_with(const char* buffers, const testing_support::TempFolder& folder, Work work) {
+void work_with(const char* buffers, const testing_support::TempFolder& folder, void (*work)()) {
   ::setenv("TMPDIR", folder.path().c_str(), 1);
   ::setenv("ISAMBUFS", buffers, 1);
   const TestPair pair({.node_size = 1024});
@@ -30,16 +31,20 @@ void work_with(const char* buffers, const testing_support::TempFolder& folder, W
   std::exit(testing::Test::HasFailure() ? 1 : 0);
 }
 
-template <typename Work>
-void in_own_process(const char* buffers, Work work) {
+void in_own_process(const char* buffers, void (*work)()) {
   const testing_support::TempFolder folder;
   EXPECT_EXIT(work_with(buffers, folder, work), testing::ExitedWithCode(0), "");
 }
 
-template <typename Work>
-void dies_with(const char* buffers, const char* message, Work work) {
+void dies_with(const char* buffers, const char* message, void (*work)()) {
   const testing_support::TempFolder folder;
   EXPECT_DEATH(work_with(buffers, folder, work), std::string(kFatal) + message);
+}
+
+int writes = 0;
+int count_writes(const SystemCall& call) {
+  if (call.kind == SystemCall::kWrite) ++writes;
+  return 0;
 }
 
 void hold(int count) {
@@ -97,10 +102,7 @@ TEST(BuffersDeathTest, ReadsAndWritesPages) {
 
 TEST(BuffersDeathTest, ThePoolGrowsForThePagesThatOneCallChanges) {
   in_own_process("4", [] {
-    common::system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
-      ADD_FAILURE();
-      return -1;
-    };
+    testing_support::stand_between(count_writes);
     constexpr int kChanged = 300;
     for (int node = 20; node < 20 + kChanged; ++node) bfgetclr(node).set_used(node);
     EXPECT_EQ(bfpend(*filep), kChanged);
@@ -108,15 +110,13 @@ TEST(BuffersDeathTest, ThePoolGrowsForThePagesThatOneCallChanges) {
     EXPECT_EQ(bfdiscard(*filep), 0);
     EXPECT_EQ(bfpend(*filep), 0);
     EXPECT_FALSE(bfread(20));
+    EXPECT_EQ(writes, 0);
   });
 }
 
 TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
   in_own_process("4", [] {
-    common::system_calls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
-      ADD_FAILURE();
-      return -1;
-    };
+    testing_support::stand_between(count_writes);
     ASSERT_EQ(::ftruncate(filep->index.fd, 100 * 1024), 0);
     // Whichever kind is changed and whichever clean, three buffers serve the rest.
     for (const bool changes_node : {false, true}) {
@@ -129,6 +129,7 @@ TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
       }
       EXPECT_LE(pages.size(), 3U);
       EXPECT_EQ(bfdiscard(*filep), 0);
+      EXPECT_EQ(writes, 0);
     }
     // What was out of the order meanwhile is in it again.
     std::vector<PageHold> held;
@@ -138,12 +139,7 @@ TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
 
 TEST(BuffersDeathTest, AFailedWriteIsKeptAndItsPagesStay) {
   in_own_process("4", [] {
-    static bool fails = true;
-    common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
-                                       off_t offset) -> ssize_t {
-      errno = EIO;
-      return fails ? -1 : ::pwrite(fd, from, count, offset);
-    };
+    refuse(SystemCall::kWrite, EIO);
     filep->locks.exclusives = 1;  // so that changed pages go when their buffers are needed
     for (int node = 20; node < 80; node += 10) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);  // the calls that reused the buffers did not fail
@@ -151,7 +147,7 @@ TEST(BuffersDeathTest, AFailedWriteIsKeptAndItsPagesStay) {
     EXPECT_EQ(filep->unwritten.failed.place, 0x51);
     EXPECT_EQ(bfflush(*filep), 6);
     EXPECT_EQ(bfpend(*filep), 6);
-    fails = false;
+    testing_support::stand_aside();
     EXPECT_EQ(bfflush(*filep), 6);
     EXPECT_EQ(bfpend(*filep), 0);
     EXPECT_EQ(filep->unwritten.lost.error, EIO);
@@ -162,12 +158,10 @@ TEST(BuffersDeathTest, AFailedWriteIsKeptAndItsPagesStay) {
 // ... of a page that a call of others' file had no room for in the pool.
 TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
   in_own_process("4", [] {
-    static bool fails = true;
-    common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
-                                       off_t offset) -> ssize_t {
-      errno = EIO;
-      return std::exchange(fails, false) ? -1 : ::pwrite(fd, from, count, offset);
-    };
+    bool fails = true;
+    testing_support::stand_between([&](const SystemCall& call) {
+      return call.kind == SystemCall::kWrite && std::exchange(fails, false) ? EIO : 0;
+    });
     ASSERT_EQ(::ftruncate(filep->index.fd, 3000 * 1024), 0);
     filep->call.nodes_before = 3000;
     for (int node = 20; fails; ++node) bfgetclr(node).release();
@@ -179,8 +173,6 @@ TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
   });
 }
 
-int writes = 0;
-
 TEST(BuffersDeathTest, DelayedNeighboursAreWrittenInOnePiece) {
   in_own_process("16", [] {
     // Nodes 41 to 44 share a page of the system; 45 stands in the next one.
@@ -189,11 +181,7 @@ TEST(BuffersDeathTest, DelayedNeighboursAreWrittenInOnePiece) {
       page.data()[100] = static_cast<Byte>(node);
       page.set_frame(node, 0, 0);
     }
-    common::system_calls().pwrite = [](int fd, const void* from, std::size_t count,
-                                       off_t offset) -> ssize_t {
-      ++writes;
-      return ::pwrite(fd, from, count, offset);
-    };
+    testing_support::stand_between(count_writes);
     EXPECT_EQ(bfflush(*filep), 5);
     EXPECT_EQ(writes, 2);
     EXPECT_EQ(bfpend(*filep), 0);

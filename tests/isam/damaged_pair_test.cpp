@@ -1,11 +1,14 @@
 // Public calls on pairs whose dictionary, descriptions, trees or records are not what they should
 // be.
+#include "tests/support/damaged_pair.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstddef>
 #include <filesystem>
-#include <numeric>
+#include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -50,10 +53,27 @@ class DamagedPair : public testing::Test {
   void save() { write_file(base_ + ".idx", index_); }
   [[nodiscard]] int open(int mode) const { return ::isopen(base_.c_str(), mode); }
   [[nodiscard]] Image data() const { return read_file(base_ + ".dat"); }
+  // A tree node with these pointers under ascending keys, beginning with 1.
+  void put_node(std::int32_t number, int level, const std::vector<std::int32_t>& pointers) {
+    Byte* const page = node(number);
+    std::fill_n(page, kNode, Byte{0});
+    int used = 2;
+    for (std::size_t i = 0; i < pointers.size(); ++i, used += kKey + 4) {
+      put4(page + used, static_cast<std::int64_t>(i) + 1);
+      put4(page + used + kKey, pointers[i]);
+    }
+    put2(page, used);
+    page[kNode - 2] = static_cast<Byte>(level);
+    put4(&index_[dict::kNextNode], std::max(number, get4(&index_[dict::kNextNode])));
+  }
+  static void expect_damage(int result) {
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(::iserrno, ISECORRUPT);
+  }
 
-  // Nodes of so many upper levels whose every item leads to the next, and a leaf that is full of
-  // items of one record. All have the key 1.
-  void share_children(const BuiltPair& pair, int levels, bool dups, int record) {
+  // Nodes of so many upper levels whose every item leads to the next, and a leaf whose items are of
+  // one record. All have the key 1; they fill their nodes, or there are at most so many in each.
+  void share_children(const BuiltPair& pair, int levels, bool dups, int record, int most = kNode) {
     std::int32_t number = pair.indexes[0].root;
     std::int32_t last = pair.last_node;
     for (int level = levels; level >= 0; --level) {
@@ -62,7 +82,7 @@ class DamagedPair : public testing::Test {
       std::fill_n(page, kNode, Byte{0});
       const int item = kKey + (dups ? 4 : 0) + 4;
       int used = 2;
-      for (; used - 2 + item <= kPageLimit; used += item) {
+      for (int i = 0; i < most && used - 2 + item <= kPageLimit; ++i, used += item) {
         put4(page + used, 1);
         put4(page + used + item - 4, next);
       }
@@ -84,21 +104,115 @@ TEST_F(DamagedPair, WalksOverSharedChildrenEnd) {
   std::array<char, kLength> record{};
   share_children(build(2, 0, {2}), 18, false, 2);
   int isfd = open(ISINPUT | ISMANULOCK);
-  for (const int mode : {RD_FIRST, RD_LAST}) {
-    EXPECT_EQ(::isread(isfd, record.data(), mode), -1);
-    EXPECT_EQ(::iserrno, ISECORRUPT);
-  }
+  for (const int mode : {RD_FIRST, RD_LAST}) expect_damage(::isread(isfd, record.data(), mode));
   ::isclose(isfd);
   isfd = open(ISINOUT | ISMANULOCK);
-  EXPECT_EQ(::isdelrec(isfd, 1), -1);
-  EXPECT_EQ(::iserrno, ISECORRUPT);
+  expect_damage(::isdelrec(isfd, 1));
   ::isclose(isfd);
 
   share_children(build(2, kDups, {2}), 4, true, 1);
   keydescr key = key_of({{0, kKey, KT_LONG}}, KF_DUPS);
   isfd = open(ISINOUT | ISEXCLLOCK);
-  EXPECT_EQ(::iscluster(isfd, &key), -1);
-  EXPECT_EQ(::iserrno, ISECORRUPT);
+  expect_damage(::iscluster(isfd, &key));
+}
+
+TEST_F(DamagedPair, TwentyLevelsAreTheMost) {
+  for (const int levels : {18, 19, 20, 21}) {
+    SCOPED_TRACE(levels);
+    share_children(build(1), levels - 1, false, 1, 1);
+    std::array<char, kLength> record{};
+    const int isfd = open(ISINOUT | ISEXCLLOCK);
+    EXPECT_EQ(::isread(isfd, record.data(), RD_FIRST), levels <= 20 ? 0 : -1);
+    EXPECT_EQ(::iserrno, levels <= 20 ? 0 : ISECORRUPT);
+    ::stlong(0, record.data());
+    EXPECT_EQ(::iswrite(isfd, record.data()), levels < 20 ? 0 : -1);
+    EXPECT_EQ(::iserrno, levels < 20 ? 0 : levels == 20 ? ISETOODEEP : ISECORRUPT);
+    ::isclose(isfd);
+  }
+}
+
+// A node without items below the root, a leaf beside an upper node, a node that is its own child.
+TEST_F(DamagedPair, TreesThatAreNoneAreLeft) {
+  enum { kEmpty, kUpper, kOwnChild };
+  for (const int what : {kEmpty, kUpper, kOwnChild}) {
+    SCOPED_TRACE(what);
+    const BuiltPair pair = build(1);
+    const std::int32_t root = pair.indexes[0].root;
+    const std::int32_t leaf = pair.last_node + 1;
+    put_node(leaf, 0, {1});
+    put_node(leaf + 1, what == kUpper ? 1 : 0,
+             what == kUpper ? std::vector{leaf} : std::vector<std::int32_t>{});
+    put_node(root, 1, {what == kOwnChild ? root : leaf, what == kOwnChild ? root : leaf + 1});
+    save();
+    const int isfd = open(ISINOUT | ISEXCLLOCK);
+    std::array<char, kLength> record{};
+    if (what == kOwnChild) {
+      ::stlong(1, record.data());
+      for (const int mode : {RD_EQUAL, RD_GREAT})
+        expect_damage(::isread(isfd, record.data(), mode));
+    } else {
+      EXPECT_EQ(::isread(isfd, record.data(), RD_FIRST), 0);
+      expect_damage(::isread(isfd, record.data(), RD_NEXT));
+    }
+    if (what != kUpper) {
+      expect_damage(::isread(isfd, record.data(), RD_LAST));
+      ::stlong(2, record.data());
+      expect_damage(::iswrite(isfd, record.data()));
+    }
+    ::isclose(isfd);
+  }
+}
+
+// Whatever is in its files, every call ends and tells whether it failed.
+TEST_F(DamagedPair, IsSurvivedByEveryCall) {
+  constexpr int kPairs = 200, kCalls = 60, kMostRecords = 80;
+  std::mt19937 random(1);
+  const auto any = [&](unsigned below) { return static_cast<int>(random() % below); };
+  std::map<int, int> ends;  // errors, and how often
+  for (int number = 0; number < kPairs; ++number) {
+    write_damaged_pair(number, base_, kMostRecords);
+    std::string record(5000, '\0');
+    const int isfd = open(ISINOUT | ISANYLENGTH | (any(2) == 0 ? ISEXCLLOCK : ISMANULOCK));
+    for (int i = 0; isfd >= 0 && i < kCalls; ++i) {
+      const int call = any(9);
+      keydescr key{};
+      dictinfo info{};
+      if (::isdictinfo(isfd, &info) != 0) break;
+      ::iskeyinfo(isfd, &key, any(6));
+      if (call < 4) std::generate_n(record.begin(), 50, random);
+      ::isreclen = any(4) == 0 ? info.di_recsize : ::isreclen;
+      int result = 0;
+      switch (call) {
+        case 0:
+          result = ::iswrcurr(isfd, record.data());
+          break;
+        case 1:
+        case 2:
+          result = ::isstart(isfd, &key, 0, record.data(), any(8));
+          break;
+        case 3:
+          result = ::isrewrec(isfd, any(99), record.data());
+          break;
+        case 4:
+          result = ::isdelrec(isfd, any(99));
+          break;
+        case 5:
+          result = any(9) == 0 ? ::isdelindex(isfd, &key) : ::isflush(isfd);
+          break;
+        default: {
+          const int mode = any(2) == 0 ? RD_NEXT : RD_PREV;
+          for (int moves = 0; moves < 300 && result == 0; ++moves) {
+            result = ::isread(isfd, record.data(), mode);
+          }
+        }
+      }
+      EXPECT_EQ(result < 0, ::iserrno != 0);
+      ++ends[::iserrno];
+    }
+    ::isclose(isfd);
+  }
+  EXPECT_GT(ends[0], kPairs * kCalls / 5);
+  EXPECT_GT(ends[ISECORRUPT], kPairs);
 }
 
 // The pair stays what it was, and its open in use.
@@ -117,8 +231,7 @@ TEST_F(DamagedPair, IsNotClusteredByAnIndexThatDoesNotNameEachRecordOnce) {
     const Image before = data();
     keydescr key = key_of({{0, kKey, KT_LONG}});
     const int isfd = open(ISINOUT | ISEXCLLOCK);
-    EXPECT_EQ(::iscluster(isfd, &key), -1);
-    EXPECT_EQ(::iserrno, ISECORRUPT);
+    expect_damage(::iscluster(isfd, &key));
     std::array<char, kLength> record{};
     EXPECT_EQ(::isread(isfd, record.data(), RD_FIRST), 0);
     EXPECT_EQ(::isclose(isfd), 0);
@@ -150,8 +263,7 @@ TEST_F(DamagedPair, IsNotOpenedTwiceWithDifferentLengths) {
     ASSERT_GE(first, 0);
     put2(&index_[static_cast<std::size_t>(field)], value);
     save();
-    EXPECT_EQ(open(ISINPUT | ISMANULOCK | ISANYLENGTH), -1);
-    EXPECT_EQ(::iserrno, ISECORRUPT);
+    expect_damage(open(ISINPUT | ISMANULOCK | ISANYLENGTH));
     std::string record(40000, '#');
     EXPECT_EQ(::isread(first, record.data(), RD_FIRST), 0);
     EXPECT_EQ(record.find('#'), std::size_t{kLength});
@@ -169,8 +281,7 @@ TEST_F(DamagedPair, IsNotOpenedTwiceWithDifferentLengths) {
   const int first = open(ISINPUT | ISMANULOCK);
   index_[dict::kDupSize] = 2;
   save();
-  EXPECT_EQ(open(ISINPUT | ISMANULOCK), -1);
-  EXPECT_EQ(::iserrno, ISECORRUPT);
+  expect_damage(open(ISINPUT | ISMANULOCK));
   ::isclose(first);
   EXPECT_GE(open(ISINPUT | ISMANULOCK), 0);
 }
@@ -212,8 +323,7 @@ TEST_F(DamagedPair, MayHaveSoManyDescriptionsAndNoMore) {
       std::fill_n(page, kNode, Byte{0});
       put2(page, 6 + here * kSize);
       put4(page + 2, next);
-      for (int i = 0; i < here; ++i)
-        put2(page + 6 + std::ptrdiff_t{i} * kSize, kSize);  // a key without parts
+      for (int i = 0; i < here; ++i) put2(page + 6 + i * kSize, kSize);  // a key without parts
       page[kNode - 3] = 0xFF;
       page[kNode - 2] = 0x7E;
       number = next;

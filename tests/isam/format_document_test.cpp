@@ -1,6 +1,5 @@
 // The bytes that docs/format.md shows are those that the library writes.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,40 +9,30 @@
 #include <string>
 
 #include "isam.h"
+#include "tests/support/descriptions.h"
+#include "tests/support/run_program.h"
 
 namespace {
+
+using testing_support::key_of;
 
 std::string contents(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-keydescr key_of(int flags, int start, int length, int type = KT_CHAR) {
-  keydescr k{};
-  k.flags = static_cast<std::int16_t>(flags);
-  k.nparts = 1;
-  k.part[0] = {static_cast<std::int16_t>(start), static_cast<std::int16_t>(length),
-               static_cast<std::int16_t>(type)};
-  return k;
-}
-
 // The example files, in a folder of their own.
 class FormatDocument : public testing::Test {
  protected:
   void SetUp() override {
-    std::string folder = std::filesystem::temp_directory_path() / "kestro-XXXXXX";
-    folder_ = ::mkdtemp(folder.data());
-    std::filesystem::current_path(folder_);
+    std::filesystem::current_path(folder_.path());
     const int towns = build_towns("towns");
     ASSERT_EQ(isclose(towns), 0);
     write_lists();
     write_notes();
     log_transaction();
   }
-  void TearDown() override {
-    std::filesystem::current_path("/");
-    std::filesystem::remove_all(folder_);
-  }
+  void TearDown() override { std::filesystem::current_path("/"); }
 
  private:
   static void add(int isfd, std::string record) {
@@ -52,8 +41,8 @@ class FormatDocument : public testing::Test {
   }
 
   static int build_towns(const char* name) {
-    keydescr code = key_of(0, 0, 4);
-    keydescr town = key_of(KF_DUPS + KF_COMPRESS, 4, 12);
+    keydescr code = key_of({{0, 4, KT_CHAR}});
+    keydescr town = key_of({{4, 12, KT_CHAR}}, KF_DUPS + KF_COMPRESS);
     const int isfd = isbuild(name, 16, &code, ISINOUT + ISEXCLLOCK);
     EXPECT_EQ(isaddindex(isfd, &town), 0) << iserrno;
     for (const char* record :
@@ -64,8 +53,8 @@ class FormatDocument : public testing::Test {
   }
 
   static void write_lists() {
-    keydescr town = key_of(KF_DUPS + KF_COMPRESS, 4, 12);
-    keydescr descending = key_of(0, 0, 4, KT_CHAR + KT_DESC);
+    keydescr town = key_of({{4, 12, KT_CHAR}}, KF_DUPS + KF_COMPRESS);
+    keydescr descending = key_of({{0, 4, KT_CHAR + KT_DESC}});
     const int isfd = build_towns("lists");
     std::filesystem::copy_file("lists.idx", "held.idx");
     ASSERT_EQ(isaddindex(isfd, &descending), 0);
@@ -76,7 +65,7 @@ class FormatDocument : public testing::Test {
   }
 
   static void write_notes() {
-    keydescr code = key_of(0, 0, 4);
+    keydescr code = key_of({{0, 4, KT_CHAR}});
     isreclen = 4;
     const int isfd = isbuild("notes", 2000, &code, ISINOUT + ISEXCLLOCK + ISVARLEN);
     add(isfd, "A001seen from the sea");
@@ -99,7 +88,7 @@ class FormatDocument : public testing::Test {
     ASSERT_EQ(islogclose(), 0);
   }
 
-  std::string folder_;
+  testing_support::TempFolder folder_;
 };
 
 // A heading in a drawn block names a file and a byte; lines below it, up to an empty one, begin

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "common/io.h"
 #include "tests/isam/test_pair.h"
+#include "tests/support/between.h"
 
 namespace isam {
 namespace {
@@ -61,19 +61,18 @@ TEST(Mark, IsSetAndClearedByItsProcessOnly) {
 
 // Half a mark of its own does not keep a process from setting it.
 TEST(Mark, IsSetAfterATryThatWasCutShort) {
-  static int writes;
   const TestPair pair({.node_size = 1024});
   const Image bare = pair.index();
   for (const auto state : {MarkState::kUnknown, MarkState::kClear}) {
     filep->mark.state = state;
-    writes = 0;
-    common::system_calls().pwrite = [](int fd, const void* from, std::size_t, off_t at) {
-      if (writes++ == 0) return ::pwrite(fd, from, 6, at);
-      errno = ENOSPC;
-      return ssize_t{-1};
-    };
+    testing_support::stand_between([](testing_support::SystemCall& call) {
+      if (call.kind != call.kWrite) return 0;
+      if (call.count < 8) return ENOSPC;
+      call.count = 6;
+      return 0;
+    });
     EXPECT_EQ(set_mark(*filep), -1);
-    common::system_calls().pwrite = ::pwrite;
+    testing_support::stand_aside();
     EXPECT_EQ(set_mark(*filep), 0);
     EXPECT_EQ(find_mark(*filep), 1);
     EXPECT_EQ(clear_mark(*filep), 0);

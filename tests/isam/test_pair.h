@@ -4,9 +4,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -16,8 +14,9 @@
 #include "isam/files/files.h"
 #include "isam/pool/buffers.h"
 #include "isam/records/freelists.h"
-#include "tests/support/layout.h"
+#include "tests/support/pair_builder.h"
 #include "tests/support/pair_walk.h"
+#include "tests/support/run_program.h"
 
 namespace testing_support {
 
@@ -30,11 +29,12 @@ class TestPair {
   };
 
   explicit TestPair(const Shape& shape) {
-    std::string folder = std::filesystem::temp_directory_path() / "kestro-XXXXXX";
-    folder_ = ::mkdtemp(folder.data());
-    base_ = folder_ + "/pair";
-    write_file(base_ + ".idx", empty_index(shape));
-    write_file(base_ + ".dat", {});
+    build_pair({.node_size = shape.node_size,
+                .dup_width = shape.dup_width,
+                .record_length = shape.record_length,
+                .keys = {},
+                .records = 0},
+               base_);
     isam::clear_errors();
     open_ = isam::allocopen();
     open_->file = isam::allocfile(base_, 0);
@@ -48,7 +48,6 @@ class TestPair {
   ~TestPair() {
     isam::bfflush(*isam::filep);
     isam::freeopen(*open_);
-    std::filesystem::remove_all(folder_);
   }
 
   // A new record: its number.
@@ -96,25 +95,8 @@ class TestPair {
   }
 
  private:
-  static Image empty_index(const Shape& shape) {
-    const auto size = static_cast<std::size_t>(shape.node_size);
-    Image bytes(2 * size);
-    const Byte fixed[] = {0xFE, 0x53, 2, 2, 4, 4};
-    std::copy(std::begin(fixed), std::end(fixed), bytes.begin());
-    put2(&bytes[dict::kNodeSize], shape.node_size - 1);
-    bytes[dict::kDupSize] = static_cast<Byte>(shape.dup_width);
-    put2(&bytes[dict::kRecordSize], shape.record_length);
-    put4(&bytes[dict::kKeyNode], 2);
-    put4(&bytes[dict::kNextNode], 2);
-    put2(&bytes[dict::kLockMethod], 8);
-    put2(&bytes[size], 6);
-    bytes[2 * size - 3] = 0xFF;
-    bytes[2 * size - 2] = 0x7E;
-    return bytes;
-  }
-
-  std::string folder_;
-  std::string base_;
+  TempFolder folder_;
+  const std::string base_ = folder_ / "pair";
   isam::Open* open_;
   std::map<std::int32_t, Image> records_;
 };

@@ -54,6 +54,10 @@ struct SystemCall {
 // A function that is asked before each call: 0, or errno of the call, which is not done then.
 void stand_between(std::function<int(SystemCall&)> between);
 void stand_aside();
+// All calls of a kind fail.
+inline void refuse(SystemCall::Kind kind, int error) {
+  stand_between([=](const SystemCall& call) { return call.kind == kind ? error : 0; });
+}
 
 // One write that the system has no room for, after so many others: half of it is done. If it was to
 // lengthen a file, no other write can begin there; perhaps with less.

@@ -86,8 +86,8 @@ class Builder {
   void write_trees() {
     for (std::size_t i = 0; i < spec_.keys.size(); ++i) {
       if (spec_.keys[i].parts.empty()) continue;
-      built_.indexes[i] =
-          write_tree(spec_, spec_.keys[i], {records_, keys_[i]}, built_.indexes[i].root, nodes_);
+      built_.indexes[i] = TreeWriter(spec_, spec_.keys[i], nodes_)
+                              .run({records_, keys_[i]}, built_.indexes[i].root);
     }
   }
 

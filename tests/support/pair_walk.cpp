@@ -256,23 +256,30 @@ class Walker {
       items.push_back({key, dup, get4(from + pos) & 0x7FFFFFFF});
       pos += 4;
     }
+    const bool zeros =
+        std::all_of(from + end, from + size_ - 4, [](Byte byte) { return byte == 0; });
+    if (repeated || !zeros || from[size_ - 1] != 0) {
+      walk_.untidy.push_back("node " + std::to_string(number));
+    }
     return items;
   }
 
   // Collects the leaf items below a node in order; every one must not be above `bound`.
   void collect(const Index& index, std::int32_t number, int level, const Item* bound,
-               std::vector<Item>& leaves) {
+               std::vector<Item>& leaves, WalkedIndex& walked) {
     if (!use_node(number, "tree")) return;
     const int stands_at = node(number)[size_ - 2] & 0x7F;
     if (level >= 0 && stands_at != level) problem("level of node " + std::to_string(number));
     const std::vector<Item> items = items_of(index, number);
+    walked.levels = std::max(walked.levels, stands_at + 1);
+    if (stands_at == 0) walked.leaves.push_back(static_cast<int>(items.size()));
     for (std::size_t i = 0; i < items.size(); ++i) {
       if (stands_at == 0) {
         leaves.push_back(items[i]);
         if (bound != nullptr && follows(index, *bound, items[i])) problem("item above separator");
       } else {
         const bool last = i + 1 == items.size();
-        collect(index, items[i].pointer, stands_at - 1, last ? bound : &items[i], leaves);
+        collect(index, items[i].pointer, stands_at - 1, last ? bound : &items[i], leaves, walked);
         if (!last && (leaves.empty() || follows(index, items[i], leaves.back()))) {
           problem("separator below its subtree");
         }
@@ -283,12 +290,15 @@ class Walker {
   void check_index(std::size_t i) {
     const Index& index = indexes_[i];
     const std::string name = "index " + std::to_string(i + 1);
+    WalkedIndex& walked = walk_.indexes.emplace_back();
     if (index.parts.empty()) return;
     std::vector<Item> leaves;
-    collect(index, index.root, -1, nullptr, leaves);
+    collect(index, index.root, -1, nullptr, leaves, walked);
     std::set<std::int32_t> seen;
     for (std::size_t k = 0; k < leaves.size(); ++k) {
       const Item& item = leaves[k];
+      walked.records.push_back(item.pointer);
+      walked.numbers.push_back(item.dup);
       const auto record = walk_.records.find(item.pointer);
       if (record == walk_.records.end()) {
         problem(name + ": an item without a record");

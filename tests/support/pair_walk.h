@@ -14,9 +14,18 @@
 
 namespace testing_support {
 
+struct WalkedIndex {
+  std::vector<std::int32_t> records;  // of its items, in order
+  std::vector<std::int64_t> numbers;  // their duplicate numbers
+  std::vector<int> leaves;            // items of each leaf, from the left
+  int levels = 0;
+};
+
 struct Walk {
   std::vector<std::string> problems;      // none: the pair is sound
+  std::vector<std::string> untidy;        // what harms nobody, but no sound writer leaves in nodes
   std::map<std::int32_t, Image> records;  // the readable ones, variable parts included
+  std::vector<WalkedIndex> indexes;
 };
 
 Walk walk_pair(const std::string& base);
