@@ -32,11 +32,10 @@ class Output {
   // What was written since the last time.
   [[nodiscard]] std::string take() const {
     std::fflush(stdout);
-    std::ifstream file(path_, std::ios::binary);
-    std::string text(std::istreambuf_iterator<char>(file), {});
+    const fuzz::Image bytes = testing_support::read_file(path_);
     std::rewind(stdout);
     if (::ftruncate(::fileno(stdout), 0) != 0) std::abort();
-    return text;
+    return {bytes.begin(), bytes.end()};
   }
 
  private:
@@ -54,7 +53,7 @@ Status list(const std::string& path, fuzz::Input input) {
   options.trail = path;
   options.dump = dump;
   options.format = {(how & kVariable) != 0, 1 + common::ldword(&input[1]) % kGreatestRecord};
-  fuzz::write_file(path, {input.subspan(kHeader)});
+  testing_support::write_file(path, fuzz::image_of(input.subspan(kHeader)));
   return recover::list_trail(options);
 }
 

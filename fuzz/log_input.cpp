@@ -69,9 +69,9 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
 namespace fuzz {
 
 void write_log(const std::string& path, Input data) {
-  std::array<std::uint8_t, isam::txlog::kMagicSize> magic{};
-  common::stlong(static_cast<std::int32_t>(isam::txlog::kLogMagic), magic.data());
-  write_file(path, {magic, data.subspan(1)});
+  Image log{0xFB, 0x85, 0x9E, 0x78};
+  log.insert(log.end(), data.begin() + 1, data.end());
+  testing_support::write_file(path, log);
 }
 
 }  // namespace fuzz

@@ -11,18 +11,18 @@
 
 #include <cerrno>
 #include <map>
-#include <vector>
 
 #include "common/io.h"
 #include "fuzz/log_input.h"
-#include "fuzz/log_pairs.h"
+#include "tests/support/logged_pairs.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<std::uint8_t>;
+using testing_support::sure;
 
 constexpr int kModes = 4;
+constexpr int kPresent = 3;  // records of each pair
 
 // ---- The private folder.
 
@@ -55,23 +55,24 @@ class PrivatePairs {
     calls.stat = private_stat;
     calls.link = private_link;
     calls.unlink = private_unlink;
-    fuzz::build_pairs();
-    iscleanup();
-    for (const auto& entry : fs::directory_iterator(".")) {
-      std::ifstream file(entry.path(), std::ios::binary);
-      files_[entry.path()] = Bytes(std::istreambuf_iterator<char>(file), {});
+    for (const std::string name : {"pair", "varying"}) {
+      testing_support::build_pair(name, name == "varying", kPresent);
+      for (const char* part : {".idx", ".dat"}) {
+        files_[name + part] = testing_support::read_file(name + part);
+      }
     }
+    iscleanup();
   }
 
   // The folder holds the pairs as built, and nothing else.
   void restore() const {
     for (const auto& entry : fs::directory_iterator(".")) fs::remove_all(entry.path());
-    for (const auto& [name, bytes] : files_) fuzz::write_file(name, {bytes});
+    for (const auto& [name, bytes] : files_) testing_support::write_file(name, bytes);
   }
 
  private:
   fuzz::Workplace workplace_;
-  std::map<std::string, Bytes> files_;
+  std::map<std::string, fuzz::Image> files_;
 };
 
 // The lowest: it shows a descriptor left open.
@@ -82,14 +83,14 @@ int free_descriptor() {
 }
 
 void use_pairs() {
-  std::vector<char> record(fuzz::kMost);
-  for (int pair = 0; pair < 2; ++pair) {
-    const int isfd = fuzz::sure(fuzz::open_pair(pair, ISMANULOCK));
+  std::string record(testing_support::kMaximum, 0);
+  for (const std::string name : {"pair", "varying"}) {
+    const int isfd = sure(testing_support::open_pair(name, name == "varying", ISMANULOCK));
     int found = 0;
     while (isread(isfd, record.data(), found == 0 ? RD_FIRST : RD_NEXT) == 0) ++found;
-    if (found != fuzz::kPresent - 1 || iserrno != ISEEND) std::abort();
-    fuzz::sure(fuzz::add(isfd, 100, fuzz::kLeast));
-    fuzz::sure(isclose(isfd));
+    if (found != kPresent || iserrno != ISEEND) std::abort();
+    sure(testing_support::add(isfd, testing_support::row(100, 0)));
+    sure(isclose(isfd));
   }
   iscleanup();
 }
@@ -102,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   pairs.restore();
   fuzz::write_log("log", {data, size});
   const int before = free_descriptor();
-  fuzz::sure(islogopen("log"));
+  sure(islogopen("log"));
   isrecvr(data[0] % kModes);
   if (free_descriptor() != before) std::abort();
   pairs.restore();

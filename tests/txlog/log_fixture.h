@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -13,28 +14,11 @@
 #include <vector>
 
 #include "isam.h"
-#include "tests/support/layout.h"
+#include "tests/support/logged_pairs.h"
 #include "tests/support/pair_walk.h"
 #include "tests/support/run_program.h"
 
 namespace testing_support {
-
-// Not the records of sessions.h: one test program may hold tests of both.
-inline namespace logged_pairs {
-
-inline constexpr int kIdLength = 8, kGroupAt = 8, kMinimum = 16, kMaximum = 3000;
-
-inline keydescr id_key() { return {0, 1, {{0, kIdLength, KT_CHAR}}, 0, 0}; }
-inline keydescr group_key() { return {KF_DUPS | KF_COMPRESS, 1, {{kGroupAt, 8, KT_CHAR}}, 0, 0}; }
-
-// A record as a text: id, group, and a filler of the length asked for.
-inline std::string row(int id, int group, int filler = 0, char fill = 'x') {
-  char head[kMinimum + 1];
-  std::snprintf(head, sizeof head, "%08d%08d", id, group);
-  return std::string(head, kMinimum) + std::string(static_cast<std::size_t>(filler), fill);
-}
-
-}  // namespace logged_pairs
 
 using Rows = std::vector<std::string>;
 
@@ -56,26 +40,16 @@ class LogTest : public ::testing::TestWithParam<bool> {
   [[nodiscard]] static int format() { return varying() ? ISVARLEN : 0; }
 
   static int build(const char* name, int mode = ISTRANS) {
-    keydescr id = id_key();
-    keydescr group = group_key();
-    isreclen = kMinimum;
-    const int made =
-        ::isbuild(name, varying() ? kMaximum : kMinimum, &id, ISINOUT + ISEXCLLOCK + format());
-    EXPECT_GE(made, 0);
-    EXPECT_EQ(::isaddindex(made, &group), 0);
-    ::isclose(made);
+    build_pair(name, varying());
     return mode < 0 ? -1 : open(name, mode);
   }
   static int open(const char* name, int mode = ISTRANS) {
-    return ::isopen(name, ISINOUT + ISMANULOCK + format() + mode);
+    return open_pair(name, varying(), ISMANULOCK + mode);
   }
   // A filler that fits the format.
   static int filler(int length) { return varying() ? length : 0; }
 
-  static int write(int isfd, std::string record) {
-    isreclen = static_cast<int>(record.size());
-    return ::iswrite(isfd, record.data());
-  }
+  static int write(int isfd, const std::string& record) { return add(isfd, record); }
   static int rewrite(int isfd, std::string record) {
     isreclen = static_cast<int>(record.size());
     return ::isrewrite(isfd, record.data());
@@ -102,6 +76,30 @@ class LogTest : public ::testing::TestWithParam<bool> {
     ::isdictinfo(isfd, &info);
     EXPECT_EQ(info.di_nrecords, static_cast<int>(by_id.size()));
     return by_id;
+  }
+  // All records as number:id.group+filler, in the order of their numbers.
+  static std::string contents(int isfd) {
+    rows(isfd);
+    std::string text, record(kMaximum, 0);
+    keydescr by_number{};
+    ::isstart(isfd, &by_number, 0, record.data(), RD_FIRST);
+    while (::isread(isfd, record.data(), RD_NEXT) == 0) {
+      const int id = std::atoi(record.substr(0, kIdLength).c_str());
+      const int group = std::atoi(record.substr(kGroupAt, 8).c_str());
+      const int more = varying() ? isreclen - kMinimum : 0;
+      text += (text.empty() ? "" : " ") + std::to_string(isrecnum) + ':' + std::to_string(id) +
+              '.' + std::to_string(group) + (more == 0 ? "" : '+' + std::to_string(more));
+      const std::string whole = row(id, group, more);
+      if (record.compare(0, whole.size(), whole) != 0) text += '?';
+    }
+    return text;
+  }
+  static std::string contents_of(const char* name) {
+    const int isfd = open_pair(name, varying(), ISMANULOCK);
+    if (isfd < 0) return "none";
+    std::string text = contents(isfd);
+    ::isclose(isfd);
+    return text;
   }
   // What kestro finds wrong with a pair.
   static std::string faults(const std::string& name) {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "common/io.h"
-#include "tests/txlog/log_maker.h"
+#include "tests/txlog/recoveries.h"
 
 namespace testing_support {
 namespace {
@@ -207,104 +207,6 @@ TEST_P(Recovery, GivesClusteredEqualsTheSameNumbers) {
   ::isclose(one);
 }
 
-// ---- Logs by hand.
-
-// The texts of an error log, one a record.
-std::vector<std::string> messages() {
-  const Image log = read_file("isrecvr_err.log");
-  std::vector<std::string> texts;
-  for (std::size_t at = 4; at < log.size(); at += static_cast<std::size_t>(get2(&log[at]))) {
-    const auto end = at + static_cast<std::size_t>(get2(&log[at])) - 2;
-    if (std::string{static_cast<char>(log[at + 2]), static_cast<char>(log[at + 3])} != "LM")
-      continue;
-    texts.push_back(std::to_string(get2(&log[at + 28])) + ' ' +
-                    std::string(log.begin() + static_cast<std::ptrdiff_t>(at) + 38,
-                                log.begin() + static_cast<std::ptrdiff_t>(end)));
-  }
-  return texts;
-}
-
-class HandMadeLogs : public Recovery {
- protected:
-  HandMadeLogs() {
-    build("pair", -1);
-    keep_copy();
-  }
-  LogMaker log_;
-};
-INSTANTIATE_TEST_SUITE_P(Formats, HandMadeLogs, ::testing::Values(false));
-
-TEST_P(HandMadeLogs, StopAtWhatCannotBe) {
-  struct Case {
-    const char* what;
-    void (*add)(LogMaker& log);
-    int code;
-  };
-  const Case cases[] = {
-      {"unknown letters",
-       [](LogMaker& log) {
-         log.raw(
-             {0, 26, 'X', 'X', 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 26});
-       },
-       ISELOGRECORD},
-      {"too short",
-       [](LogMaker& log) {
-         log.raw(
-             {0, 25, 'C', 'W', 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 26});
-       },
-       ISELOGRECORD},
-      {"a strange writer", [](LogMaker& log) { log.mark(LogType::kCommit, 9); }, ISELOGRECORD},
-      {"an open not logged", [](LogMaker& log) { log.image(LogType::kInsert, 7, 4, 1, row(1, 0)); },
-       ISENOTOPEN},
-      {"a length that is none",
-       [](LogMaker& log) { log.image(LogType::kInsert, 7, 3, 1, "short"); }, ISELOGRECORD},
-      {"a number in use",
-       [](LogMaker& log) {
-         log.image(LogType::kInsert, 7, 3, 1, row(1, 0));
-         log.image(LogType::kInsert, 7, 3, 1, row(2, 0));
-       },
-       ISERECNUM},
-      {"a number far beyond",
-       [](LogMaker& log) { log.image(LogType::kInsert, 7, 3, INT32_MAX, row(1, 0)); }, ISERECNUM},
-      {"no such file",
-       [](LogMaker& log) {
-         log.opens(LogType::kOpened, 7, 4, "none");
-         log.image(LogType::kInsert, 7, 4, 1, row(1, 0));
-       },
-       ENOENT},
-  };
-  for (const Case& c : cases) {
-    LogMaker log;
-    log.opens(LogType::kOpened, 7, 3, "pair");
-    c.add(log);
-    log.save();
-    EXPECT_EQ(replay(), -1) << c.what;
-    EXPECT_EQ(iserrno, c.code) << c.what;
-    EXPECT_EQ((std::string{isstat1, isstat2, isstat3, isstat4}), "9090") << c.what;
-    EXPECT_FALSE(std::filesystem::exists("isrecvr_err.log"));
-  }
-}
-
-// No mode goes on behind such a record, and what is noted of it can be listed.
-TEST_P(HandMadeLogs, StopAtLengthsThatDiffer) {
-  log_.opens(LogType::kOpened, 7, 3, "pair");
-  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0));
-  log_.save();
-  Image log = read_file("log");
-  log.back() ^= 1;
-  for (int mode = 0; mode <= RCV_ANY + RCV_SKIP; ++mode) {
-    write_file("log", log);
-    EXPECT_EQ(replay(mode), -1);
-    EXPECT_EQ(iserrno, ISELOGRECORD);
-    if (mode == 0) continue;
-    EXPECT_EQ(messages(), std::vector<std::string>{"119 transaction problem"});
-    EXPECT_EQ(types("isrecvr_err.log"), "IN LM");
-    const Image noted = read_file("isrecvr_err.log");
-    EXPECT_EQ(get2(&noted[4]), get2(&noted[4 + static_cast<std::size_t>(get2(&noted[4])) - 2]));
-    std::filesystem::remove("isrecvr_err.log");
-  }
-}
-
 // Fails to look at the pair for once after it got its name back.
 bool pair_is_back = false;
 int link_and_tell(const char* from, const char* to) {
@@ -317,62 +219,16 @@ int stat_or_fail(const char* path, struct stat* status) {
 }
 
 // When the pair cannot be opened after it was clustered, its number is given to the next one.
-TEST_P(HandMadeLogs, OpenAPairAgainThatTheyLostWhenItWasClustered) {
+TEST_P(Evidence, OpensAPairAgainThatItLostWhenItWasClustered) {
   build("second", -1);
   keep_copy();
-  log_.opens(LogType::kOpened, 7, 3, "pair");
-  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0), false);
-  log_.add(LogType::kClustered, 7, false, [](LogRecordBuilder& builder) {
-    builder.put_word(3);
-    builder.put_key(id_key());
-  });
-  log_.opens(LogType::kOpened, 7, 4, "second");
-  log_.image(LogType::kInsert, 7, 3, 2, row(2, 0), false);
-  log_.image(LogType::kInsert, 7, 4, 1, row(3, 0), false);
-  log_.save();
   const auto system = common::system_calls();
   common::system_calls().link = link_and_tell;
   common::system_calls().stat = stat_or_fail;
-  EXPECT_EQ(replay(RCV_SKIP), 0) << iserrno;
+  EXPECT_EQ(outcome("-k ac bo4:second a+4:4.0 b+1:1.0"),
+            "1:1.0 2:2.0 3:3.0 4:4.0 CL=5 cluster index redo problem");
   common::system_calls() = system;
-  EXPECT_EQ(messages(), std::vector<std::string>{"5 cluster index redo problem"});
-  EXPECT_EQ(rows_of("pair"), (Rows{row(1, 0), row(2, 0)}));
-  EXPECT_EQ(rows_of("second"), Rows{row(3, 0)});
-}
-
-TEST_P(HandMadeLogs, NoteWhatTheyLeaveOut) {
-  log_.opens(LogType::kOpened, 7, 3, "none");
-  log_.opens(LogType::kOpened, 7, 4, "pair");
-  log_.image(LogType::kInsert, 7, 3, 1, row(1, 0));
-  log_.image(LogType::kInsert, 7, 4, 1, row(2, 0));
-  log_.image(LogType::kInsert, 7, 4, 1, row(3, 0));
-  log_.opens(LogType::kClosed, 7, 3, "none");
-  log_.image(LogType::kDelete, 7, 3, 1, row(1, 0));
-  log_.save();
-  EXPECT_EQ(replay(RCV_SKIP), 0) << iserrno;
-  EXPECT_EQ(messages(), (std::vector<std::string>{
-                            "2 file open redo problem",
-                            "0 insert record skipped (filename = none)",
-                            "126 insert record redo problem",
-                            "0 close file skipped (filename = none)",
-                            "101 delete record redo problem",
-                        }));
-  EXPECT_EQ(types("isrecvr_err.log"), "FO LM IN LM IN LM FC LM DE LM");
-  EXPECT_EQ(rows_of("pair"), Rows{row(2, 0)});
-  EXPECT_EQ(replay(RCV_SKIP), -1);
-  EXPECT_EQ(iserrno, ISELOGOPEN) << "the notes of before are kept";
-
-  std::filesystem::remove("isrecvr_err.log");
-  LogMaker other;
-  other.mark(LogType::kCommit, 7);
-  other.image(LogType::kInsert, 7, 3, 1, row(1, 0));
-  other.save();
-  EXPECT_EQ(replay(RCV_SKIP), -1);
-  EXPECT_EQ(iserrno, ISELOGRECORD);
-  EXPECT_EQ(messages(), std::vector<std::string>{"119 transaction problem"});
-  std::filesystem::remove("isrecvr_err.log");
-  EXPECT_EQ(replay(RCV_SKIP + RCV_ANY), 0);
-  EXPECT_EQ(messages(), std::vector<std::string>{"101 insert record redo problem"});
+  EXPECT_EQ(contents_of("second"), "1:1.0");
 }
 
 }  // namespace

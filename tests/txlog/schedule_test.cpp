@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/txlog/log_script.h"
+#include "tests/txlog/recoveries.h"
 
 namespace testing_support {
 namespace {
