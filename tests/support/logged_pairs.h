@@ -10,7 +10,7 @@
 
 namespace testing_support {
 
-// Not the records of sessions.h: one test program may hold tests of both.
+// Not the records of session.h: one test program may hold tests of both.
 inline namespace logged_pairs {
 
 inline constexpr int kIdLength = 8, kGroupAt = 8, kMinimum = 16, kMaximum = 3000;

@@ -11,20 +11,16 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <utility>
 #include <vector>
 
 #include "common/io.h"
-#include "isam.h"
 #include "tests/support/run_program.h"
 
 namespace testing_support {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr int kRecordLength = 20;
 
 class Trace : public testing::Test {
  protected:
@@ -54,78 +50,6 @@ class Trace : public testing::Test {
   TempFolder folder_;
   std::string path_;
 };
-
-TEST_F(Trace, ShowsWhatIsExchanged) {
-  trace_to(path_);
-  const std::string base = folder_ / "pair";
-  keydescr key{0, 1, {{0, 8, KT_CHAR}}, 0, 0};
-  const int isfd = isbuild(base.c_str(), kRecordLength, &key, ISINOUT + ISMANULOCK);
-  ASSERT_EQ(isfd, 0);
-  char record[kRecordLength + 1] = "00000042Smith   \0\0\0\x07";
-  EXPECT_EQ(iswrite(isfd, record), 0);
-  EXPECT_EQ(iswrite(isfd, record), -1);
-  EXPECT_EQ(isread(isfd, record, RD_EQUAL), 0);
-  EXPECT_EQ(isread(isfd, record, RD_NEXT), -1);
-  EXPECT_EQ(iserrno, ISEEND);
-  EXPECT_EQ(isdelcurr(isfd), 0);
-  EXPECT_EQ(isbegin(), -1);
-  dictinfo info{};
-  EXPECT_EQ(isdictinfo(isfd, &info), 0);
-  EXPECT_EQ(isclose(isfd), 0);
-  EXPECT_EQ(isread(isfd, record, RD_EQUAL), -1);
-
-  const std::vector<std::string> dump = {
-      "     0  30 30 30 30 30 30 34 32  53 6D 69 74 68 20 20 20  |00000042Smith   |",
-      "    16  00 00 00 07                                       |....|"};
-  const std::string pid = std::to_string(::getpid());
-  const std::vector<std::string> expected = {
-      "> isbuild 1026, " + std::to_string(base.size()) + " bytes",
-      "*",  // the name
-      "< isbuild 1026 = 0",
-      "> iswrite 0, 20 bytes",
-      dump[0],
-      dump[1],
-      "< iswrite 0 = 0",
-      "> iswrite 0, 20 bytes",
-      dump[0],
-      dump[1],
-      "< iswrite 0 = -1, error 100, status 2222",
-      "> isread 0, 20 bytes",
-      dump[0],
-      dump[1],
-      "< isread 0 = 0, 20 bytes",
-      dump[0],
-      dump[1],
-      "> isread 0",
-      "< isread 0 = -1, error 110, status 1046",
-      "> isdelcurr 0",
-      "< isdelcurr 0 = 0",
-      "> isbegin",
-      "< isbegin = -1, error 122, status 9000",
-      "> isdictinfo 0",
-      "< isdictinfo 0 = 0, 16 bytes",
-      "     0  01 00 00 00 14 00 00 00  FF 03 00 00 00 00 00 00  |................|",
-      "> isclose 0",
-      "< isclose 0 = 0",
-      "> isread 0",
-      "< isread 0 = -1, error 101, status 9090",
-  };
-  const std::regex head(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z (\d+) ([<>] .*))");
-  auto want = expected.begin();
-  for (const std::string& line : lines(path_)) {
-    std::smatch found;
-    const bool begins = std::regex_match(line, found, head);
-    EXPECT_TRUE(!begins || found[1] == pid) << line;
-    if (want != expected.end() && *want == "*") {
-      if (!begins) continue;
-      ++want;
-    }
-    ASSERT_NE(want, expected.end()) << line;
-    EXPECT_EQ(begins ? found[2].str() : line, *want);
-    ++want;
-  }
-  EXPECT_EQ(want, expected.end());
-}
 
 TEST_F(Trace, IsTheUsersOwn) {
   ASSERT_TRUE(is_traced_to(path_));

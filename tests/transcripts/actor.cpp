@@ -32,13 +32,15 @@ Row row_of(const std::string& word) {
   return row;
 }
 
-// "id", "group", "number" for the order of record numbers, or "START,LENGTH" for characters there.
+// "id", "group", "number" for the order of record numbers, or "START,LENGTH" or
+// "START,LENGTH,TYPE" for a part of the record.
 keydescr key_of(const std::string& name) {
   if (name == "id") return id_key();
   if (name == "group") return group_key();
-  keydescr key{KF_DUPS, 1, {}, 0, 0};
   if (name == "number") return {};
-  std::sscanf(name.c_str(), "%hd,%hd", &key.part[0].start, &key.part[0].length);
+  keydescr key{KF_DUPS, 1, {}, 0, 0};
+  std::sscanf(name.c_str(), "%hd,%hd,%hd", &key.part[0].start, &key.part[0].length,
+              &key.part[0].type);
   return key;
 }
 
@@ -80,7 +82,8 @@ struct Asked {
 // for a name that is no call's.
 const std::map<std::string, int (*)()> kAlone = {
     {"cleanup", ::iscleanup}, {"logclose", ::islogclose}, {"recover", ::isrecover},
-    {"begin", ::isbegin},     {"commit", ::iscommit},     {"rollback", ::isrollback}};
+    {"begin", ::isbegin},     {"commit", ::iscommit},     {"rollback", ::isrollback},
+    {"susplog", ::issusplog}, {"resumlog", ::isresumlog}};
 const std::map<std::string, int (*)(int)> kOfAnOpen = {
     {"close", ::isclose},   {"delcurr", ::isdelcurr}, {"lock", ::islock},
     {"unlock", ::isunlock}, {"release", ::isrelease}, {"flush", ::isflush},
@@ -90,12 +93,14 @@ const std::map<std::string, int (*)(int, char*)> kWithRecord = {{"write", ::iswr
                                                                 {"rewrite", ::isrewrite},
                                                                 {"rewcurr", ::isrewcurr},
                                                                 {"delete", ::isdelete}};
-const std::map<std::string, int (*)(int, keydescr*)> kWithKey = {
-    {"addindex", ::isaddindex}, {"delindex", ::isdelindex}, {"cluster", ::iscluster}};
+const std::map<std::string, int (*)(int, keydescr*)> kWithKey = {{"addindex", ::isaddindex},
+                                                                 {"delindex", ::isdelindex},
+                                                                 {"cluster", ::iscluster},
+                                                                 {"tstindex", ::iststindex}};
 const std::map<std::string, int (*)(const char*)> kWithName = {{"erase", ::iserase},
                                                                {"logopen", ::islogopen}};
-const std::map<std::string, int (*)(int, std::int32_t*)> kGiving = {{"uniqueid", ::isuniqueid},
-                                                                    {"curruniq", ::iscurruniq}};
+const std::map<std::string, int (*)(int, std::int32_t*)> kGiving = {
+    {"uniqueid", ::isuniqueid}, {"curruniq", ::iscurruniq}, {"altchk", ::isaltchk}};
 const std::map<std::string, int (*)(Asked&)> kOthers = {
     {"open", [](Asked& a) { return a.open(&Session::open); }},
     {"build", [](Asked& a) { return a.open(&Session::build); }},
@@ -117,6 +122,11 @@ const std::map<std::string, int (*)(Asked&)> kOthers = {
        ++a.session.row.counter;
        return a.session.put(a.session.row, ::isrewcurr);
      }},
+    {"rename",
+     [](Asked& a) {
+       const std::string from = a.word();
+       return ::isrename(from.c_str(), a.word().c_str());
+     }},
     {"delrec", [](Asked& a) { return ::isdelrec(a.session.isfd, a.number()); }},
     {"setunique", [](Asked& a) { return ::issetunique(a.session.isfd, a.number()); }},
     {"filelocked",
@@ -124,6 +134,27 @@ const std::map<std::string, int (*)(Asked&)> kOthers = {
        const int result = ::isfilelocked(a.session.isfd, a.number());
        return a.show(result, result);
      }},
+    {"audit",
+     [](Asked& a) {
+       const int mode = a.number();
+       std::string name = a.word() + std::string(200, '\0');
+       a.words.clear();
+       const int result = ::isaudit(a.session.isfd, name.data(), mode);
+       if (mode == AUDGETNAME) a.shown = name.c_str();
+       return mode == AUDINFO ? a.show(result, name[0]) : result;
+     }},
+    {"keyinfo",
+     [](Asked& a) {
+       keydescr key{};
+       return ::iskeyinfo(a.session.isfd, &key, a.number());
+     }},
+    {"status",
+     [](Asked& a) {
+       a.show_variable(0);
+       a.shown = {isstat1, isstat2, isstat3, isstat4};
+       return 0;
+     }},
+    {"place", [](Asked& a) { return a.show_variable(::iserrio); }},
     {"batch", [](Asked& a) { return ::isbatch(a.number()); }},
     {"vclose", [](Asked& a) { return ::isvclose(a.number()); }},
     {"recnum", [](Asked& a) { return a.show_variable(::isrecnum); }},

@@ -24,7 +24,7 @@ SOURCE = pathlib.Path(__file__).resolve().parents[2]
 SCRIPTS = SOURCE / 'tests' / 'scripts'
 HEADER = (SOURCE / 'include' / 'isam.h').read_text()
 NUMBERS = {name: int(value, 0)
-           for name, value in re.findall(r'\b((?:IS|RD_|KF_)[A-Z]+) = (\w+)', HEADER)}
+           for name, value in re.findall(r'\b((?:IS|RD_|KF_|AUD)[A-Z]+) = (\w+)', HEADER)}
 ERRORS = {**errno.errorcode, **{value: name for name, value in NUMBERS.items()
                                 if name.startswith('ISE') and value >= 100}}
 FAILURES = {**{name: getattr(errno, name) for name in dir(errno) if name[0] == 'E'},
@@ -33,8 +33,10 @@ MODES = {'input': 'ISINPUT', 'output': 'ISOUTPUT', 'inout': 'ISINOUT', 'manual':
          'auto': 'ISAUTOLOCK', 'exclusive': 'ISEXCLLOCK', 'trans': 'ISTRANS', 'nolog': 'ISNOLOG',
          **{word: 'RD_' + word.upper()
             for word in 'first last next prev curr equal great gteq lock wait'.split()},
-         'skip': 'RD_SKIPLOCK'}
-MODE_AT = {'open': 3, 'build': 3, 'start': 3, 'read': 2, 'find': 2}  # where a call's words have one
+         'skip': 'RD_SKIPLOCK',
+         **{word: 'AUD' + word.upper() for word in 'setname getname start stop info'.split()}}
+# Where a call's words have one.
+MODE_AT = {'open': 3, 'build': 3, 'start': 3, 'read': 2, 'find': 2, 'audit': 2}
 RECORDS, OPEN_LOCK, END = 0x40000000, 0x7FFFFFFF, 0x80000000
 LONGEST = 60  # seconds
 
@@ -181,6 +183,25 @@ class Stage:
             return report
         return f'{len(look) - 1} records' if look[0] == 'sound' else look[0]
 
+    def do_records(self, name):
+        """What an independent reader finds, as NUMBER=ID.GROUP.COUNTER."""
+        look = subprocess.run([self.given.pairs, 'look', self.folder / name], text=True,
+                              stdout=subprocess.PIPE, check=True).stdout.splitlines()
+        shown = [] if look[0] == 'sound' else look[:1]
+        for number, content in map(str.split, look[1:]):
+            record = bytes.fromhex(content)
+            shown.append(f'{number}={int(record[:60])}.{int(record[60:68])}.'
+                         f'{int.from_bytes(record[68:72], "big", signed=True)}')
+        return ' '.join(shown) or 'none'
+
+    def do_logged(self, name):
+        """The types of the records in a log."""
+        log, letters, at = (self.folder / name).read_bytes(), [], 4
+        while at < len(log):
+            letters.append(log[at + 2:at + 4].decode('latin-1'))
+            at += int.from_bytes(log[at:at + 2], 'big') or len(log)
+        return ' '.join(letters) or 'nothing'
+
     def do_keep(self):
         self.kept = self.files()
         return 'ok'
@@ -244,7 +265,7 @@ class Stage:
         said = said.replace(str(self.folder), 'FOLDER')
         said = re.sub(r'\d{4}-\d\d-\d\d[ T]\d\d:\d\d:\d\d', 'TIME', said)
         for name, number in self.cast.numbers.items():
-            said = re.sub(rf'\b{number}\b', f'PROCESS-{name}', said)
+            said = re.sub(rf'\b({number}|{number & 0xFFFF})\b', f'PROCESS-{name}', said)
         return said
 
 
