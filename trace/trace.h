@@ -12,6 +12,7 @@
 #pragma once
 
 #include <string_view>
+#include <utility>
 
 #include "common/bytes.h"
 
@@ -27,5 +28,14 @@ enum class Direction : char { kToLibrary = '>', kToApplication = '<' };
 
 // Writes an entry. Only while on().
 void write(Direction direction, std::string_view call, common::ConstBytes buffer) noexcept;
+
+// Runs what is part of a call that shows: calls made within it do not.
+template <typename Body>
+int untraced(Body body) {
+  const State before = std::exchange(state, State::kOff);
+  const int result = body();
+  state = before;
+  return result;
+}
 
 }  // namespace trace

@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/calls/transactions.h"
 #include "isam/files/files.h"
@@ -16,10 +15,6 @@
 
 namespace isam::txlog {
 namespace {
-
-// Numbers that a damaged record may skip at most, beyond those that the log can have inserted.
-constexpr std::int64_t kSpareNumbers = 1 << 20;
-constexpr std::int64_t kSmallestImage = 34;
 
 constexpr const char* kTransactionProblem = "transaction problem";
 
@@ -370,7 +365,6 @@ int recover_all(int mode, RecoveryObserver& observer) {
   if (!log_is_open()) return failed(kNoLog);
   if (txflag == kInTransaction) return failed(kBadArgument);
   txflag = kNotLogging;
-  skippable_numbers = common::file_size(logstate.fd) / kSmallestImage + kSpareNumbers;
   const int result = run(mode, observer);
   const std::int32_t reason = iserrno;
   leave_log();

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 
+#include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/files/files.h"
 
 namespace isam::txlog {
 namespace {
+
+// Numbers that a damaged record may skip at most, beyond those that the log can have inserted.
+constexpr std::int64_t kSpareNumbers = 1 << 20;
+constexpr std::int64_t kSmallestImage = 34;
 
 // What is said of a record that is not applied.
 struct Texts {
@@ -67,6 +72,11 @@ bool is_applied(LogType type) { return texts_of(type) != nullptr; }
 About about_of(LogType type) {
   const Texts* const texts = texts_of(type);
   return texts == nullptr ? About::kNothing : texts->about;
+}
+
+int Replay::start() {
+  skippable_numbers_ = common::file_size(logstate.fd) / kSmallestImage + kSpareNumbers;
+  return mode_ != 0 ? errors_.opbadlog() : 0;
 }
 
 int Replay::redo(const Step& step) {

@@ -56,7 +56,7 @@ class Replay {
   Replay(int mode, RecoveryObserver& observer) : mode_(mode), observer_(observer) {}
 
   // All of them: 0, or -1 with iserrno when the recovery must stop.
-  int start() { return mode_ != 0 ? errors_.opbadlog() : 0; }
+  int start();
   int redo(const Step& step);
   // A record that is held; it is not found any more.
   int redo_held(HeldId id);
@@ -147,9 +147,10 @@ class Replay {
   std::map<RecordKey, PutOff> put_off_;
   std::vector<std::size_t> put_off_at_;  // how many of them, by depth
   bool may_put_off_ = true;
-  HeldId in_hand_ = kNoHeld;       // the held record that is being applied
-  HeldId as_found_ = kNoHeld;      // ... when it stands for more
-  std::deque<LogWindow> windows_;  // one for each record in hand that was held
+  HeldId in_hand_ = kNoHeld;            // the held record that is being applied
+  HeldId as_found_ = kNoHeld;           // ... when it stands for more
+  std::deque<LogWindow> windows_;       // one for each record in hand that was held
+  std::int64_t skippable_numbers_ = 0;  // see lginsert
   std::size_t depth_ = 0;
   LogWindow look_{logstate.fd};  // for what is compared only
 };

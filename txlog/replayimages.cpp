@@ -136,7 +136,7 @@ int Replay::change_record(const Step& step, const Image& image, int isfd) {
   }
   switch (step.record.type()) {
     case LogType::kInsert:
-      return lginsert(isfd, image.number, image.new_image, How::kRedo);
+      return lginsert(isfd, image.number, image.new_image, skippable_numbers_);
     case LogType::kUpdate:
       return lgupdate(isfd, image.number, image.new_image);
     default:
@@ -155,7 +155,7 @@ int Replay::change_as_found(const Step& step, const Image& image, int isfd) {
   const bool present = lgread(isfd, image.number).has_value();
   if (step.record.type() != LogType::kDelete) {
     return present ? lgupdate(isfd, image.number, image.new_image)
-                   : lginsert(isfd, image.number, image.new_image, How::kRedo);
+                   : lginsert(isfd, image.number, image.new_image, skippable_numbers_);
   }
   return present ? lgdelete(isfd, image.number) : 0;
 }
@@ -331,7 +331,7 @@ int Replay::undo_doubted(const Doubt& doubt, int isfd) {
   if (!image) return -1;
   if (doubt.type == LogType::kInsert) return lgdelete(isfd, image->number);
   return doubt.type == LogType::kDelete
-             ? lginsert(isfd, image->number, image->old_image, How::kRedo)
+             ? lginsert(isfd, image->number, image->old_image, skippable_numbers_)
              : lgupdate(isfd, image->number, image->old_image);
 }
 

@@ -103,6 +103,7 @@ struct OfCall {
   bool gives_number = false;           // it gives a record's number back
   bool spilled = false;                // a changed page has been written meanwhile
   bool keeps_changes = false;          // what it changed stays even if it fails
+  bool has_room = false;               // what it puts back needs no more room (RoomIsThere)
 };
 
 // What is changed in this process and not yet in the files. Empty between the calls of shared
@@ -167,6 +168,12 @@ struct OfTransaction {
   bool frees_keys = false;  // ... deleted or rewritten some, whose keys an undoing brings back
 };
 
+// An item that a change has taken out of the index with this place among the file's.
+struct TakenItem {
+  std::size_t index;
+  std::int32_t dupnm;
+};
+
 // One open of a pair.
 struct Open {
   OpenState state = OpenState::kFree;
@@ -181,9 +188,10 @@ struct Open {
   int mode = 0;             // access and option bits, plus the lock mode in the high byte
   std::uint32_t stamp = 0;  // change stamp last seen by this open
   OpenPair* file = nullptr;
-  keydescr key{};     // the current index
-  Position position;  // the position in it, between calls
-  Cursor cursor;      // ... and what a call works with
+  keydescr key{};                // the current index
+  Position position;             // the position in it, between calls
+  Cursor cursor;                 // ... and what a call works with
+  std::vector<TakenItem> taken;  // by the change under way; keeps its memory from call to call
   // What the end of the transaction has to see to: records deleted, whose numbers and storage are
   // kept until then, and records that became shorter, which keep theirs.
   std::vector<std::int32_t> deleted;

@@ -15,8 +15,6 @@
 
 namespace isam::txlog {
 
-std::int64_t skippable_numbers = 0;
-
 namespace {
 
 constexpr Entry kApplying{.access = Access::kToWrite, .keeps_auto_lock = true, .kept_too = true};
@@ -28,19 +26,18 @@ int check_length(ConstBytes record) {
 }
 
 // Takes a number that the log says was used: 0, or -1 with 126.
-int take_logged_number(std::int32_t number) {
+int take_logged_number(std::int32_t number, std::int64_t& skippable) {
   const std::int64_t skipped = std::int64_t{number} - dictp->d_nextdata() - 1;
-  if (skipped > skippable_numbers || getdatrec(number) != 0) return failed(kBadRecordNumber);
-  if (skipped > 0) skippable_numbers -= skipped;
+  if (skipped > skippable || getdatrec(number) != 0) return failed(kBadRecordNumber);
+  if (skipped > 0) skippable -= skipped;
   return 0;
 }
 
-int insert(Cursor& cursor, std::int32_t number, ConstBytes record, How how) {
-  if (check_length(record) != 0) return -1;
-  if (how == How::kRedo && take_logged_number(number) != 0) return -1;
+int insert(Cursor& cursor, std::int32_t number, ConstBytes record, std::int64_t& skippable) {
+  if (check_length(record) != 0 || take_logged_number(number, skippable) != 0) return -1;
   if (wrtrecord(cursor, record, Current::kStays, number) > 0) return 0;
   const KeepError keep;
-  if (how == How::kRedo) freerec(number, FreeList::kRecords);
+  freerec(number, FreeList::kRecords);
   return -1;
 }
 
@@ -64,10 +61,17 @@ bool change_record(std::int32_t number, const Made& made, Change change) {
 
 }  // namespace
 
-int lginsert(int isfd, std::int32_t number, ConstBytes record, How how) {
+int lgputback(int isfd, std::int32_t number, ConstBytes record) {
   Call call{isfd, kApplying};
   if (!call) return -1;
-  insert(call.cursor(), number, record, how);
+  if (check_length(record) == 0) wrtrecord(call.cursor(), record, Current::kStays, number);
+  return call.end();
+}
+
+int lginsert(int isfd, std::int32_t number, ConstBytes record, std::int64_t& skippable) {
+  Call call{isfd, kApplying};
+  if (!call) return -1;
+  insert(call.cursor(), number, record, skippable);
   return call.end();
 }
 

@@ -12,20 +12,20 @@
 
 namespace isam::txlog {
 
-enum class How {
-  kUndo,  // the opposite of what was logged; numbers and storage were kept for it
-  kRedo,  // what was logged; a new record's number is taken from the free ones first
-};
-
 // What a transaction of this process made of a record, for a rollback: a record that holds anything
 // else, or that another process can have changed since, is not the one meant, and counts as absent.
 // A change that no rollback undoes has come over it, which may have set its number free.
 using Made = std::optional<ConstBytes>;
 
 // Each works on open `isfd`, and counts as done when there is no record to delete or rewrite.
-// 119 when an image has a length that the file's records cannot have; lginsert 126 when the number
-// cannot be had.
-int lginsert(int isfd, std::int32_t number, ConstBytes record, How how);
+// 119 when an image has a length that the file's records cannot have.
+
+// Puts a deleted record back, for which its number and storage were kept.
+int lgputback(int isfd, std::int32_t number, ConstBytes record);
+// Inserts a record with the number that it had, which is taken from the free ones first: 126 when
+// it cannot be had. `skippable` are the free numbers that insertions of this recovery may still
+// leave behind when they stand past the end of the file. It bounds what a damaged number can cost.
+int lginsert(int isfd, std::int32_t number, ConstBytes record, std::int64_t& skippable);
 int lgdelete(int isfd, std::int32_t number, bool* absent = nullptr, const Made& made = {});
 int lgupdate(int isfd, std::int32_t number, ConstBytes record, const Made& made = {});
 
@@ -43,9 +43,5 @@ struct Clash {
 };
 // Whom record `number` would meet that way; iserrno stays.
 [[nodiscard]] std::vector<Clash> lgclashes(int isfd, std::int32_t number, ConstBytes record);
-
-// Free record numbers that insertions of this recovery may still leave behind when they stand past
-// the end of the file. It bounds what a damaged number can cost.
-extern std::int64_t skippable_numbers;
 
 }  // namespace isam::txlog

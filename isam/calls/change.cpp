@@ -212,10 +212,9 @@ int delrecord(Cursor& cursor, std::int32_t number, ConstBytes old) {
   if (may_be_undone() && reserve_entry(openp->deleted) != 0) return -1;
   const KeptPosition position{cursor};
   filep->call.gives_number = true;
-  if (take_items(cursor, *keys, old, number) == 0 && remove_record(number, old) == 0) return 0;
-  const KeepError keep;
-  const RoomIsThere its_own;
-  put_items_back(cursor, *keys, old, number);
+  TakenItems items{cursor, *keys, number, old};
+  if (items.take_all() == 0 && remove_record(number, old) == 0) return 0;
+  items.put_all_back();
   return -1;
 }
 

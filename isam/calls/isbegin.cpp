@@ -179,7 +179,7 @@ int undo(const LogRecord& logged) {
   if (!image) return failed(kBadLogRecord);
   switch (logged.type()) {
     case LogType::kDelete:
-      return lginsert(image->open, image->number, image->old_image, How::kUndo);
+      return lgputback(image->open, image->number, image->old_image);
     case LogType::kInsert:
       return undo_insert(*image);
     default:

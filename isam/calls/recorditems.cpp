@@ -30,55 +30,46 @@ void remove_items(Cursor& cursor, const Keys& keys, std::size_t count, ConstByte
   while (count > 0) remove_added(cursor, keys[--count], record, number);
 }
 
-namespace {
-
-// The items that the change under way has taken out of indexes; kept between calls for its memory.
-struct Taken {
-  std::size_t index;
-  std::int32_t dupnm;
-};
-std::vector<Taken> taken;
-
-// Before anything is changed: 0, or -1 with 116.
-int begin_taking(const Keys& keys) {
-  taken.clear();
+int TakenItems::begin() {
+  list_.clear();
   try {
-    taken.reserve(keys.size());
+    list_.reserve(keys_.size());
   } catch (const std::bad_alloc&) {
     return failed(kNoMemory);
   }
   return 0;
 }
 
-int take_out(Cursor& cursor, const Keys& keys, std::size_t index, Item& item) {
-  if (btdelitem(cursor, item, keys[index]) != 0) return -1;
-  taken.push_back({index, item.dupnm});
+int TakenItems::take_out(std::size_t index, Item& item) {
+  if (btdelitem(cursor_, item, keys_[index]) != 0) return -1;
+  list_.push_back({index, item.dupnm});
   return 0;
 }
 
-// Puts the item taken out last back where it stood.
-void put_back_last(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number) {
-  const keydescr& k = keys[taken.back().index];
-  Item item = item_of(record, number, k);
-  item.dupnm = taken.back().dupnm;
-  taken.pop_back();
-  note_undone(btreturnitem(cursor, item, k));
-}
-
-}  // namespace
-
-int take_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number) {
-  if (begin_taking(keys) != 0) return -1;
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    if (keys[i].nparts == 0) continue;
-    Item item = item_of(record, number, keys[i]);
-    if (take_out(cursor, keys, i, item) != 0) return -1;
+int TakenItems::take_all() {
+  if (begin() != 0) return -1;
+  for (std::size_t i = 0; i < keys_.size(); ++i) {
+    if (keys_[i].nparts == 0) continue;
+    Item item = item_of(record_, number_, keys_[i]);
+    if (take_out(i, item) != 0) return -1;
   }
   return 0;
 }
 
-void put_items_back(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number) {
-  while (!taken.empty()) put_back_last(cursor, keys, record, number);
+std::size_t TakenItems::put_last_back() {
+  const TakenItem last = list_.back();
+  list_.pop_back();
+  const keydescr& k = keys_[last.index];
+  Item item = item_of(record_, number_, k);
+  item.dupnm = last.dupnm;
+  note_undone(btreturnitem(cursor_, item, k));
+  return last.index;
+}
+
+void TakenItems::put_all_back() {
+  const KeepError keep;
+  const RoomIsThere its_own;
+  while (!is_empty()) put_last_back();
 }
 
 std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number,
@@ -95,7 +86,7 @@ std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::
 
 // Unique indexes come first: they are the ones that may refuse.
 int Replacement::run(Current current, KeptPosition& position) {
-  if (begin_taking(keys_) != 0) return -1;
+  if (taken_.begin() != 0) return -1;
   if (change(false, current, position) == 0 && change(true, current, position) == 0) return 0;
   undo();
   return -1;
@@ -104,10 +95,9 @@ int Replacement::run(Current current, KeptPosition& position) {
 void Replacement::undo() {
   const KeepError keep;
   const RoomIsThere its_own;
-  while (!taken.empty()) {
-    const keydescr& k = keys_[taken.back().index];
-    put_back_last(cursor_, keys_, old_, number_);
-    remove_added(cursor_, k, record_, number_);
+  while (!taken_.is_empty()) {
+    const std::size_t index = taken_.put_last_back();
+    remove_added(cursor_, keys_[index], record_, number_);
   }
 }
 
@@ -129,7 +119,7 @@ int Replacement::replace(std::size_t index, Item& old, Item& fresh) {
   const keydescr& k = keys_[index];
   if (btadditem(cursor_, fresh, k) != 0) return -1;
   const std::uint16_t nearby = cursor_.bt.state & kSameKeyNearby;
-  if (take_out(cursor_, keys_, index, old) == 0) {
+  if (taken_.take_out(index, old) == 0) {
     cursor_.bt.state |= nearby;
     return 0;
   }

@@ -30,17 +30,44 @@ std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::
 void remove_items(Cursor& cursor, const Keys& keys, std::size_t count, ConstBytes record,
                   std::int32_t number);
 
-// Takes all items of a record out: 0, or -1 at the first that cannot be, or with 116.
-int take_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number);
-// Puts those that were taken out back where they stood.
-void put_items_back(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number);
+// The items of one record that a change takes out of the indexes, to be put back where they stood
+// when it fails. A call has one such change at a time.
+class TakenItems {
+ public:
+  TakenItems(Cursor& cursor, const Keys& keys, std::int32_t number, ConstBytes record)
+      : cursor_(cursor), keys_(keys), number_(number), record_(record), list_(openp->taken) {}
+
+  // Before anything is changed: 0, or -1 with 116.
+  int begin();
+  // Takes out the item of one index: 0 or -1. It leaves the item's duplicate number in `item`.
+  int take_out(std::size_t index, Item& item);
+  // Begins, and takes out those of all indexes: 0, or -1 at the first that cannot be.
+  int take_all();
+
+  [[nodiscard]] bool is_empty() const { return list_.empty(); }
+  // Puts the item taken out last back: of which index it was.
+  std::size_t put_last_back();
+  void put_all_back();
+
+ private:
+  Cursor& cursor_;
+  const Keys& keys_;
+  std::int32_t number_;
+  ConstBytes record_;
+  std::vector<TakenItem>& list_;
+};
 
 // The replacement of one record's items by another's, index by index.
 class Replacement {
  public:
   Replacement(Cursor& cursor, const Keys& keys, std::int32_t number, ConstBytes old,
               ConstBytes record)
-      : cursor_(cursor), keys_(keys), number_(number), old_(old), record_(record) {}
+      : cursor_(cursor),
+        keys_(keys),
+        number_(number),
+        old_(old),
+        record_(record),
+        taken_(cursor, keys, number, old) {}
 
   // 0, or -1 with everything as it was.
   int run(Current current, KeptPosition& position);
@@ -56,6 +83,7 @@ class Replacement {
   std::int32_t number_;
   ConstBytes old_;
   ConstBytes record_;
+  TakenItems taken_;
 };
 
 }  // namespace isam

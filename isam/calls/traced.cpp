@@ -14,8 +14,6 @@ namespace {
 constexpr std::size_t kMostNameBytes = 4096;
 constexpr std::size_t kMostText = 128;  // more than any call and its result take
 
-int depth = 0;  // of calls within calls
-
 ConstBytes bytes_of(const char* buffer, std::size_t length) {
   if (buffer == nullptr) return {};
   return {reinterpret_cast<const Byte*>(buffer), length};
@@ -80,14 +78,12 @@ std::size_t put_call(const Exchange& exchange, std::span<char> to) {
 }  // namespace
 
 void trace_entry(const Exchange& exchange) {
-  if (depth++ > 0) return;
   std::array<char, kMostText> text;
   put_call(exchange, text);
   trace::write(trace::Direction::kToLibrary, text.data(), sent(exchange));
 }
 
 void trace_exit(const Exchange& exchange, int result) {
-  if (--depth > 0) return;
   std::array<char, kMostText> text;
   std::size_t length = put_call(exchange, text);
   length += put(std::span{text}.subspan(length), " = %d", result);

@@ -40,11 +40,11 @@ void trace_exit(const Exchange& exchange, int result);
 template <typename Body>
 [[gnu::noinline, gnu::cold]] int call_traced(const char* call, int number, const char* buffer,
                                              Carries carries, Body body) {
+  if (!trace::on()) return body();
   const Exchange exchange{call, number, buffer, carries};
-  const bool shows = trace::on();
-  if (shows) trace_entry(exchange);
-  const int result = body();
-  if (shows) trace_exit(exchange, result);
+  trace_entry(exchange);
+  const int result = trace::untraced(body);
+  trace_exit(exchange, result);
   return result;
 }
 

@@ -28,18 +28,19 @@ int lengthen(FileKind kind, std::int64_t from, std::int64_t to);
 // While it lives room need not be had: what a failed call puts back was there before.
 class RoomIsThere {
  public:
-  RoomIsThere() { active = true; }
+  RoomIsThere() : call_(filep->call) { call_.has_room = true; }
   RoomIsThere(const RoomIsThere&) = delete;
   RoomIsThere& operator=(const RoomIsThere&) = delete;
-  ~RoomIsThere() { active = false; }
+  ~RoomIsThere() { call_.has_room = false; }
 
-  static inline bool active = false;
+ private:
+  OfCall& call_;
 };
 
 // Whether the current file's room is seen to here.
 [[nodiscard]] inline bool reserves_room() {
   return filep->locks.exclusives > 0 && filep->mark.state != MarkState::kUnneeded &&
-         !RoomIsThere::active;
+         !filep->call.has_room;
 }
 
 // Room for the nodes from `first` to `last`: 0 or -1.
