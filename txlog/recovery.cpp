@@ -67,45 +67,65 @@ class Recovery {
   int handle(const LogRecord& record, std::int64_t offset) {
     const LogType type = record.type();
     const auto found = writers_.find(record.process());
-    Writer* writer = found == writers_.end() ? nullptr : found->second.get();
-    const bool reopens = writer != nullptr && is_reopening(*writer, record);
+    Writer* const writer = found == writers_.end() ? nullptr : found->second.get();
+    const bool reopens = writer != nullptr && writer->is_reopened_by(record);
+    // First, for what has been in doubt so far decides on what is applied now.
     if (writer != nullptr) go_on(*writer, record, offset, reopens);
     switch (type) {
       case LogType::kUnknown:
         return stop(record);
       case LogType::kBegin:
+        return handle_begin(record, offset);
       case LogType::kOpened:
-        if (type == LogType::kBegin) {
-          if (begin(record.process(), offset) != 0) return -1;
-        } else if (writer != nullptr && writer->begun &&
-                   replay_.outlook().is_new_process({record, offset, writer->begin, reopens})) {
-          replay_.close_opens(drop(record.process()));
-        }
-        hold(record, offset, writer_of(record.process()));
-        return 0;
+        return handle_opening(record, offset, writer, reopens);
       case LogType::kCommit:
       case LogType::kRollback:
-        if (writer != nullptr) return end(*writer, type);
-        return (mode_ & kAnyWriter) != 0 ? 0 : stop(record);
+        return writer != nullptr ? end(*writer, type) : handle_end_of_unknown(record);
       default:
         if (!is_applied(type)) return 0;  // of no meaning here
-        break;
+        return writer != nullptr ? handle_change(record, offset, *writer)
+                                 : handle_change_of_unknown(record, offset);
     }
-    if (writer == nullptr) {
-      if (!is_about_files(type) && (mode_ & kAnyWriter) == 0) return stop(record);
-      Writer nobody;
-      return redo(record, offset, nobody);
+  }
+
+  int handle_begin(const LogRecord& record, std::int64_t offset) {
+    if (begin(record.process(), offset) != 0) return -1;
+    hold(record, offset, writer_of(record.process()));
+    return 0;
+  }
+
+  // An opening is held also outside a transaction: the file is opened when a change is applied.
+  int handle_opening(const LogRecord& record, std::int64_t offset, const Writer* writer,
+                     bool reopens) {
+    if (writer != nullptr && writer->begun &&
+        replay_.outlook().is_new_process({record, offset, writer->begin, reopens})) {
+      replay_.close_opens(drop(record.process()));
     }
-    if (writer->begun) {
-      hold(record, offset, *writer);
+    hold(record, offset, writer_of(record.process()));
+    return 0;
+  }
+
+  int handle_change(const LogRecord& record, std::int64_t offset, Writer& writer) {
+    if (writer.begun) {
+      hold(record, offset, writer);
       return 0;
     }
     // Files that it opened come first.
-    if (rollforward(*writer, LogType::kCommit) != 0) return -1;
-    writer->last = offset;
-    if (redo(record, offset, *writer) != 0) return -1;
-    if (!is_image(type)) retire(*writer);
+    if (rollforward(writer, LogType::kCommit) != 0) return -1;
+    writer.last = offset;
+    if (redo(record, offset, writer) != 0) return -1;
+    if (!is_image(record.type())) retire(writer);
     return 0;
+  }
+
+  int handle_end_of_unknown(const LogRecord& record) {
+    return (mode_ & kAnyWriter) != 0 ? 0 : stop(record);
+  }
+
+  int handle_change_of_unknown(const LogRecord& record, std::int64_t offset) {
+    if (!is_about_files(record.type()) && (mode_ & kAnyWriter) == 0) return stop(record);
+    Writer nobody;
+    return redo(record, offset, nobody);
   }
 
   // A writer that goes on has made its last change; but one that opens a file by a number that it
@@ -116,22 +136,30 @@ class Recovery {
     if (reopens) {
       leave_doubt(writer);
       ++writer.epoch;
-    } else if (writer.doubted_file == nullptr) {
       return;
-    } else if (type == LogType::kOpened) {  // then, and behind a begin mark, the next record tells
+    }
+    if (writer.doubted_file == nullptr) return;
+    if (type == LogType::kOpened) {  // then, and behind a begin mark, the next record tells
       writer.opened_since = true;
-    } else if (writer.opened_since && !is_of_before(writer, record)) {
-      if (!is_image(type)) return;
-      leave_doubt(writer);
-    } else if (type != LogType::kBegin || is_of_before(writer, record)) {
-      writer.opened_since = false;
-      const std::int32_t number = writer.doubted_number;
-      if (!replay_.doubts().end(writer) || !is_image(type)) return;
-      // It takes back what another change has shown not to be made, or done away with.
-      const auto image = record.image();
-      if (image && image->number == number && replay_.outlook().is_opposite(offset)) {
-        replay_.pass_over(offset);
-      }
+      return;
+    }
+    if (writer.opened_since && !writer.is_of_before(record)) {
+      if (is_image(type)) leave_doubt(writer);
+      return;
+    }
+    if (type == LogType::kBegin && !writer.is_of_before(record)) return;
+    end_doubt(writer, record, offset);
+  }
+
+  // The writer's last change was made, for this record is by the same process.
+  void end_doubt(Writer& writer, const LogRecord& record, std::int64_t offset) {
+    writer.opened_since = false;
+    const std::int32_t number = writer.doubted_number;
+    if (!replay_.doubts().end(writer) || !is_image(record.type())) return;
+    // It takes back what another change has shown not to be made, or done away with.
+    const auto image = record.image();
+    if (image && image->number == number && replay_.outlook().is_opposite(offset)) {
+      replay_.pass_over(offset);
     }
   }
 
@@ -140,24 +168,6 @@ class Recovery {
     writer.serial = ++serials_;
     writer.doubted_file = nullptr;
     writer.opened_since = false;
-  }
-
-  // Whether a record is by the process that made the change in doubt: by its link, or by its open.
-  static bool is_of_before(const Writer& writer, const LogRecord& record) {
-    const Link previous = record.previous();
-    if (previous.length != 0) return previous.offset <= writer.doubted_at;
-    const auto open = record.open_number();
-    const auto found = open ? writer.named.find(*open) : writer.named.end();
-    return found != writer.named.end() && found->second.offset < writer.doubted_at;
-  }
-
-  // Whether a record opens a file by a number that is open since its writer is known to be the same
-  // process.
-  static bool is_reopening(const Writer& writer, const LogRecord& record) {
-    if (record.type() != LogType::kOpened) return false;
-    const auto open = record.open_number();
-    const auto found = open ? writer.named.find(*open) : writer.named.end();
-    return found != writer.named.end() && found->second.epoch == writer.epoch;
   }
 
   int redo(const LogRecord& record, std::int64_t offset, Writer& writer) {
@@ -202,11 +212,10 @@ class Recovery {
   }
 
   static ReplayFile* file_of_open(const LogRecord& record, Writer& writer) {
-    const auto open = record.open_number();
-    const auto found = open ? writer.named.find(*open) : writer.named.end();
-    if (found == writer.named.end()) return nullptr;
-    ReplayFile* const file = found->second.file;
-    if (record.type() == LogType::kClosed) writer.named.erase(found);
+    const NamedFile* const named = writer.named_by(record);
+    if (named == nullptr) return nullptr;
+    ReplayFile* const file = named->file;
+    if (record.type() == LogType::kClosed) writer.named.erase(*record.open_number());
     return file;
   }
 

@@ -41,6 +41,26 @@ struct Writer {
   std::int32_t doubted_number = 0;
   std::int64_t doubted_at = 0;  // offset of the change's image in the log
   bool opened_since = false;    // it has opened a file since, so may be another process by now
+
+  // The file of the open that a record is about; null when the log has not told of it.
+  [[nodiscard]] const NamedFile* named_by(const LogRecord& record) const {
+    const auto open = record.open_number();
+    const auto found = open ? named.find(*open) : named.end();
+    return found != named.end() ? &found->second : nullptr;
+  }
+  // Whether a record of its number opens a file by a number that is open since the writer is known
+  // to be the same process.
+  [[nodiscard]] bool is_reopened_by(const LogRecord& record) const {
+    const NamedFile* const open = record.type() == LogType::kOpened ? named_by(record) : nullptr;
+    return open != nullptr && open->epoch == epoch;
+  }
+  // Whether a record is by the process that made the change in doubt: by its link, or by its open.
+  [[nodiscard]] bool is_of_before(const LogRecord& record) const {
+    const Link previous = record.previous();
+    if (previous.length != 0) return previous.offset <= doubted_at;
+    const NamedFile* const open = named_by(record);
+    return open != nullptr && open->offset < doubted_at;
+  }
 };
 
 }  // namespace isam::txlog

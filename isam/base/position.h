@@ -71,6 +71,10 @@ struct Position {
 
   [[nodiscard]] PathLevel& level(int of) { return path[static_cast<std::size_t>(of)]; }
   [[nodiscard]] const PathLevel& level(int of) const { return path[static_cast<std::size_t>(of)]; }
+  // The lowest level of the path that is held.
+  [[nodiscard]] PathLevel& leaf() { return level(depth); }
+  [[nodiscard]] const PathLevel& leaf() const { return level(depth); }
+  void clear(int flags) { state = static_cast<std::uint16_t>(state & ~flags); }
 };
 
 // Which stored item an item in memory is, no node when it may be anything: a step forward from it

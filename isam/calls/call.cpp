@@ -110,7 +110,7 @@ int enter(Open* open, Entry entry) {
   if (take_file(entry) != 0) return -1;
   note_beginning();
   notice_changes();
-  openp->position.state = static_cast<std::uint16_t>(openp->position.state & ~kSameKeyNearby);
+  openp->position.clear(kSameKeyNearby);
   openp->cursor.bt = openp->position;
   if (!entry.any_locale && check_locale() != 0) return -1;
   return open_data() != 0 ? -1 : release_automatic_lock(entry);

@@ -31,36 +31,60 @@ int lock_for_change(std::int32_t number) {
   return lkrecord(number, RecordLock::kTest);
 }
 
-// A number to write a new record under. Numbers of records that are present are taken off the list
-// for good, those that another process has locked go back.
-std::int32_t allocdatrec() {
-  constexpr int kTries = 4;
-  std::array<std::int32_t, kTries> locked{};
-  std::size_t locked_count = 0;
-  std::int32_t number = -1;
-  Code reason = kCorrupted;
-  for (int tries = 0; tries < kTries; ++tries) {
-    number = allocrec(FreeList::kRecords);
-    if (number < 0) break;
-    const int present = datacheck(number);
-    if (present == 0 && lock_for_change(number) == 0) break;
-    if (present < 0 || (present == 0 && iserrno != kLocked)) {
-      const KeepError keep;
-      freerec(number, FreeList::kRecords);
-      number = -1;
-      break;
-    }
-    if (present == 0) {
-      clear_errors();
-      reason = kLocked;
-      locked[locked_count++] = number;
-    }
-    number = -1;
+constexpr int kTriesForNumber = 4;
+
+// Numbers taken off the list of free ones that the call has no use for. They go back when it has
+// found one or given up, not before, for the list would give the same ones again; the last first,
+// so that the list is as it was.
+class NumbersNotUsed {
+ public:
+  NumbersNotUsed() = default;
+  NumbersNotUsed(const NumbersNotUsed&) = delete;
+  NumbersNotUsed& operator=(const NumbersNotUsed&) = delete;
+  ~NumbersNotUsed() {
+    const KeepError keep;
+    while (count_ > 0) freerec(numbers_[--count_], FreeList::kRecords);
   }
-  if (number < 0) failed_unless_set(reason);
-  const KeepError keep;
-  while (locked_count > 0) freerec(locked[--locked_count], FreeList::kRecords);
-  return number;
+  void add(std::int32_t number) { numbers_[count_++] = number; }
+
+ private:
+  std::array<std::int32_t, kTriesForNumber> numbers_{};
+  std::size_t count_ = 0;
+};
+
+// What a number from the list of free ones is good for.
+enum class Offer {
+  kUsable,       // it is free, and locked where that is due
+  kInUse,        // the list is damaged: its record is present
+  kLockedThere,  // another process has it locked
+  kUnknown,      // that cannot be found out; iserrno tells why
+};
+
+Offer look_at_offer(std::int32_t number) {
+  const int present = datacheck(number);
+  if (present > 0) return Offer::kInUse;
+  if (present < 0) return Offer::kUnknown;
+  if (lock_for_change(number) == 0) return Offer::kUsable;
+  return iserrno == kLocked ? Offer::kLockedThere : Offer::kUnknown;
+}
+
+// A number to write a new record under, or -1: with 107 when one was locked, else with 105 unless a
+// deeper routine set a code. Numbers of records that are present are taken off the list for good.
+std::int32_t allocdatrec() {
+  NumbersNotUsed not_used;
+  Code reason = kCorrupted;
+  for (int tries = 0; tries < kTriesForNumber; ++tries) {
+    const std::int32_t number = allocrec(FreeList::kRecords);
+    if (number < 0) break;
+    const Offer offer = look_at_offer(number);
+    if (offer == Offer::kUsable) return number;
+    if (offer == Offer::kInUse) continue;
+    not_used.add(number);
+    if (offer == Offer::kUnknown) break;
+    reason = kLocked;
+    clear_errors();
+  }
+  return failed_unless_set(reason);
 }
 
 // Room for one more number on a list of the transaction, before anything is changed: 0, or -1 with

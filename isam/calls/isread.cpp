@@ -22,7 +22,8 @@ struct Request {
 };
 
 // 0, or -1 with 102.
-int parse(int mode, Request& request) {
+int parse(const char* record, int mode, Request& request) {
+  if (record == nullptr || mode < 0) return failed(kBadArgument);
   const int bits = mode & ~0xFF;
   const int low = mode & 0xFF;
   const bool both = (bits & RD_SKIPLOCK) != 0 && (bits & RD_WAIT) != 0;
@@ -99,11 +100,16 @@ LockList list_of_reads() {
   return txlog::transaction_is_open() ? LockList::kReleasable : LockList::kHeld;
 }
 
-enum class Outcome { kRead, kFailed, kKeptPlace, kMustWait };
+enum class Outcome {
+  kRead,
+  kFailed,
+  kKeptPlace,  // the record is locked; it is the current one all the same
+  kMustWait,   // it is locked, and the read is to be tried again when it no longer is
+};
 
 Outcome read_record(Cursor& cursor, Byte* record, const Request& request) {
   if (go_to_item(cursor, record, request.mode) != 0) return Outcome::kFailed;
-  cursor.bt.state = static_cast<std::uint16_t>(cursor.bt.state & ~(kCurrentRead | kCurrentDeleted));
+  cursor.bt.clear(kCurrentRead | kCurrentDeleted);
   const int length = read_present(cursor, record, request.mode);
   if (length < 0) return Outcome::kFailed;
   if (request.lock && lkrecord(cursor.treeitem.recptr, RecordLock::kTry, list_of_reads()) != 0) {
@@ -122,9 +128,11 @@ Outcome read_record(Cursor& cursor, Byte* record, const Request& request) {
   return Outcome::kRead;
 }
 
-// Outside the call, so that other processes go on meanwhile. 0 when the record is worth another
-// try.
-int wait_for(std::int32_t number, Call& call) {
+// Waits for the record of the item read last, outside the call, so that other processes go on
+// meanwhile. 0 when the record is worth another try.
+int wait_outside(Call& call) {
+  const std::int32_t number = call.cursor().treeitem.recptr;
+  call.cursor().bt = openp->position;
   clear_errors();
   static_cast<void>(call.end());
   release_semaphore();
@@ -181,32 +189,32 @@ int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
   return call.end();
 }
 
+// A failed read leaves the position where it was. A step to the next item that leads nowhere has
+// status characters of its own, and so has any step that does so right after a call at the end.
+void fail_to_read(Cursor& cursor, ReadMode mode, bool after_end) {
+  cursor.bt = openp->position;
+  const bool leads_nowhere = iserrno == kEndOfFile || iserrno == kNoCurrent;
+  const bool is_step = mode == ReadMode::kNext || (after_end && !positions_anew(mode));
+  if (!leads_nowhere || !is_step) return;
+  isstat3 = '4';
+  isstat4 = '6';
+}
+
 int read_call(int isfd, char* record, int mode) {
-  const bool after_end = iserrno == kEndOfFile;
+  const bool after_end = iserrno == kEndOfFile;  // of the call before
   while (true) {
     Call call{isfd, {.access = Access::kToRead, .shared = true}};
     if (!call) return refused_access('7');
-    Cursor& cursor = call.cursor();
     Request request{};
     Outcome outcome = Outcome::kFailed;
-    if (record == nullptr || mode < 0) {
-      failed(kBadArgument);
-    } else if (parse(mode, request) == 0) {
-      outcome = read_record(cursor, reinterpret_cast<Byte*>(record), request);
+    if (parse(record, mode, request) == 0) {
+      outcome = read_record(call.cursor(), reinterpret_cast<Byte*>(record), request);
     }
-    const std::int32_t number = cursor.treeitem.recptr;
-    if (outcome == Outcome::kFailed || outcome == Outcome::kMustWait) cursor.bt = openp->position;
-    if (outcome == Outcome::kMustWait) {
-      if (wait_for(number, call) != 0) return -1;
-      continue;
+    if (outcome != Outcome::kMustWait) {
+      if (outcome == Outcome::kFailed) fail_to_read(call.cursor(), request.mode, after_end);
+      return call.end();
     }
-    const bool relative = !positions_anew(request.mode);
-    if ((iserrno == kEndOfFile || iserrno == kNoCurrent) && relative &&
-        (request.mode == ReadMode::kNext || after_end)) {
-      isstat3 = '4';
-      isstat4 = '6';
-    }
-    return call.end();
+    if (wait_outside(call) != 0) return -1;
   }
 }
 

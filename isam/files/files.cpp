@@ -129,17 +129,58 @@ bool writing_is_refused(std::int32_t error) {
   return error == EACCES || error == EPERM || error == EROFS;
 }
 
-// Opens a file for reading where that is enough and no more can be had; `access` tells.
-common::FileHold open_to_use(const std::string& path, FileKind kind, bool reading_is_enough,
-                             int& access) {
-  access = O_RDWR;
-  common::FileHold fd = open_of_pair(path, access, kind);
-  if (!fd && reading_is_enough && writing_is_refused(iserrno)) {
-    clear_errors();
-    access = O_RDONLY;
-    fd = open_of_pair(path, access, kind);
+struct Opened {
+  common::FileHold fd;
+  int access;  // as O_RDWR
+};
+
+// Opens a file for reading where that is enough and no more can be had.
+Opened open_to_use(const std::string& path, FileKind kind, bool reading_is_enough) {
+  common::FileHold fd = open_of_pair(path, O_RDWR, kind);
+  if (fd || !reading_is_enough || !writing_is_refused(iserrno)) return {std::move(fd), O_RDWR};
+  clear_errors();
+  return {open_of_pair(path, O_RDONLY, kind), O_RDONLY};
+}
+
+void take_over(PairFile& file, Opened& opened, const struct stat& status) {
+  file.fd = opened.fd.release();
+  file.mode = opened.access;
+  file.device = status.st_dev;
+  file.inode = status.st_ino;
+}
+
+// Opens the files of a pair for a free record, which then has them and nothing else: false with
+// iserrno, and the record as it was.
+bool open_files(OpenPair& file, std::string_view name, int mode, IndexAccess index_access) {
+  Opened index =
+      open_to_use(mkidxname(name), FileKind::kIndex, index_access == IndexAccess::kOrToRead);
+  if (!index.fd) return false;
+  Opened data = open_to_use(mkdatname(name), FileKind::kData, mode == 0);
+  if (!data.fd) return false;
+  // The name may have come to lead to another file since it was looked up.
+  struct stat index_status {};
+  struct stat data_status {};
+  if (common::system_calls().fstat(index.fd.get(), &index_status) != 0 ||
+      common::system_calls().fstat(data.fd.get(), &data_status) != 0) {
+    failed_system(errno);
+    return false;
   }
-  return fd;
+  file = OpenPair{};
+  take_over(file.index, index, index_status);
+  take_over(file.data, data, data_status);
+  return true;
+}
+
+// Which file has the name of an index: false with iserrno when none can be found.
+bool look_up(std::string_view name, struct stat& status) {
+  if (common::system_calls().stat(mkidxname(name).c_str(), &status) != 0) {
+    const int reason = errno;
+    retire_replaced(name, nullptr);
+    failed_system(reason);
+    return false;
+  }
+  retire_replaced(name, &status);
+  return true;
 }
 
 OpenPair* share(OpenPair& file, int mode) {
@@ -249,46 +290,18 @@ void forget_inherited(int isfd) {
 }
 
 OpenPair* allocfile(std::string_view name, int mode, IndexAccess index_access) {
-  const std::string path = mkidxname(name);
   struct stat status {};
-  if (common::system_calls().stat(path.c_str(), &status) != 0) {
-    const int reason = errno;
-    retire_replaced(name, nullptr);
-    failed_system(reason);
-    return nullptr;
-  }
-  retire_replaced(name, &status);
+  if (!look_up(name, status)) return nullptr;
   if (OpenPair* shared = find_file(status.st_dev, status.st_ino)) return share(*shared, mode);
   if (another_copy_has(status.st_dev, status.st_ino)) {
     failed(kFileInUse);
     return nullptr;
   }
-  OpenPair* file = free_file_record();
-  if (file == nullptr) return nullptr;
-  int idxmode = 0;
-  int datmode = 0;
-  common::FileHold index =
-      open_to_use(path, FileKind::kIndex, index_access == IndexAccess::kOrToRead, idxmode);
-  if (!index) return nullptr;
-  common::FileHold data = open_to_use(mkdatname(name), FileKind::kData, mode == 0, datmode);
-  if (!data) return nullptr;
-  // The name may have come to lead to another file since it was looked up.
-  struct stat data_status {};
-  if (common::system_calls().fstat(index.get(), &status) != 0 ||
-      common::system_calls().fstat(data.get(), &data_status) != 0) {
-    failed_system(errno);
-    return nullptr;
-  }
-  *file = OpenPair{};
+  // A place first: to have one, pairs without a user may have to be closed, and descriptors with
+  // them that the files need.
+  OpenPair* const file = free_file_record();
+  if (file == nullptr || !open_files(*file, name, mode, index_access)) return nullptr;
   name_file(*file, name);
-  file->data.device = data_status.st_dev;
-  file->data.inode = data_status.st_ino;
-  file->index.device = status.st_dev;
-  file->index.inode = status.st_ino;
-  file->index.fd = index.release();
-  file->data.fd = data.release();
-  file->data.mode = datmode;
-  file->index.mode = idxmode;
   file->cached.generation = bfgeneration();
   file->usecount = 1;
   ++isopenfds;

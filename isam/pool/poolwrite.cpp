@@ -18,6 +18,30 @@ bool waits_on(const OpenPair& file) {
   return file.locks.exclusives > 0 && file.mark.state != MarkState::kUnneeded;
 }
 
+// Whether an exclusive open changes one record after another of the same blocks, which wait for
+// each other in the pool. Notes where this change is.
+bool is_one_of_many(OpenPair& file, std::int64_t offset) {
+  const std::int64_t distance = offset - std::exchange(file.unwritten.last_written, offset);
+  return file.locks.exclusives > 0 &&
+         std::abs(distance) < std::int64_t{kPageSize} + file.geometry.reclen;
+}
+
+// False without memory.
+bool make_room(DirectWrite& direct, std::size_t size) {
+  try {
+    direct.before.resize(size);
+    direct.bytes.reserve(size);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return true;
+}
+
+bool are_there(ConstBytes there, ConstBytes first, ConstBytes second) {
+  return std::memcmp(first.data(), there.data(), first.size()) == 0 &&
+         std::memcmp(second.data(), there.data() + first.size(), second.size()) == 0;
+}
+
 }  // namespace
 
 void bfnote_failure(OpenPair& file) {
@@ -97,32 +121,25 @@ const std::vector<Buffer*>& Pool::modified_pages(const OpenPair& file) {
   return to_write_;
 }
 
-// Takes bytes that are better written by themselves than with their blocks. One change of a call
-// at the most: a second one goes through the pool, and takes the first with it.
+// Takes bytes that are better written by themselves than with their blocks; false when they are
+// not, and are to go through the pool.
 bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second) {
   OpenPair& file = *filep;
-  std::vector<Byte>& bytes = file.unwritten.direct.bytes;
+  DirectWrite& direct = file.unwritten.direct;
   const std::size_t size = first.size() + second.size();
-  const std::int64_t distance = offset - std::exchange(file.unwritten.last_written, offset);
-  // Those of an exclusive open wait in the pool for others of their block.
-  const bool in_sequence = file.locks.exclusives > 0 &&
-                           std::abs(distance) < std::int64_t{kPageSize} + file.geometry.reclen;
-  if (!bytes.empty() || in_sequence || !only_in_file(offset, size)) return false;
-  std::vector<Byte>& before = file.unwritten.direct.before;
-  try {
-    before.resize(size);
-    bytes.reserve(size);
-  } catch (const std::bad_alloc&) {
+  const bool waits_for_others = is_one_of_many(file, offset);
+  // One change of a call at the most: a second one goes through the pool, and takes the first with
+  // it.
+  if (!direct.bytes.empty() || waits_for_others || !only_in_file(offset, size)) return false;
+  if (!make_room(direct, size)) return false;
+  // A commit that fails puts them back.
+  if (file.data.map.read(file.data.fd, direct.before, offset) != static_cast<ssize_t>(size)) {
     return false;
   }
-  if (file.data.map.read(file.data.fd, before, offset) != static_cast<ssize_t>(size)) return false;
-  if (std::memcmp(first.data(), before.data(), first.size()) == 0 &&
-      std::memcmp(second.data(), before.data() + first.size(), second.size()) == 0) {
-    return true;
-  }
-  bytes.assign(first.begin(), first.end());
-  bytes.insert(bytes.end(), second.begin(), second.end());
-  file.unwritten.direct.offset = offset;
+  if (are_there(direct.before, first, second)) return true;
+  direct.bytes.assign(first.begin(), first.end());
+  direct.bytes.insert(direct.bytes.end(), second.begin(), second.end());
+  direct.offset = offset;
   file.call.page_changed = true;
   return true;
 }

@@ -56,33 +56,37 @@ int Rpage::rpslalloc(int size) {
   return number;
 }
 
+// What lies behind the gap moves down over it, with the slots that are there.
+void Rpage::close_gap(int start, int size) {
+  if (size == 0) return;
+  const int behind = start + size;
+  const int end = data_end();
+  Byte* const base = bytes_.data();
+  std::memmove(base + start, base + behind, static_cast<std::size_t>(end - behind));
+  std::memset(base + end - size, 0, static_cast<std::size_t>(size));
+  for (int i = 0; i < slot_count(); ++i) {
+    const Slot at = slot(i);
+    if (at.length > 0 && at.offset >= behind) set_slot(i, {at.length, at.offset - size});
+  }
+  set_word(rpage::kDataEnd, end - size);
+}
+
 int Rpage::rpslchange(int number, int length) {
   if (number >= slot_count() || !movable()) return failed_unless_set(kCorrupted);
-  Slot changed = slot(number);
-  const int growth = length - changed.length;
+  const Slot old = slot(number);
+  const int growth = length - old.length;
   if (growth == 0) return 0;
-  const int end = data_end();
-  if (growth > free_bytes() || end + growth > table_start(slot_count())) {
+  if (growth > free_bytes() || data_end() + growth > table_start(slot_count())) {
     return failed_unless_set(kCorrupted);
   }
-  if (changed.length == 0) changed.offset = end;
-  // The bytes behind the slot close up to what of it stays.
-  const int behind = changed.offset + changed.length;
-  const int kept = growth < 0 ? length : 0;
-  const int tail = end - behind;
-  const int shift = changed.length - kept;
-  Byte* const base = bytes_.data();
-  std::memmove(base + changed.offset + kept, base + behind, static_cast<std::size_t>(tail));
-  std::memset(base + end - shift, 0, static_cast<std::size_t>(shift));
-  for (int i = 0; i < slot_count(); ++i) {
-    Slot other = slot(i);
-    if (i == number || other.length == 0 || other.offset < behind) continue;
-    other.offset -= shift;
-    set_slot(i, other);
+  if (growth < 0) {
+    close_gap(old.offset + length, -growth);
+    set_slot(number, {length, length == 0 ? 0 : old.offset});
+  } else {  // its place goes, and it gets another one behind all data
+    close_gap(old.offset, old.length);
+    set_slot(number, {length, data_end()});
+    set_word(rpage::kDataEnd, data_end() + length);
   }
-  if (growth > 0) changed.offset += tail;
-  set_slot(number, {length, length == 0 ? 0 : changed.offset});
-  set_word(rpage::kDataEnd, end + growth);
   set_word(rpage::kFree, free_bytes() - growth);
   return 0;
 }

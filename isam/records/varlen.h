@@ -93,6 +93,7 @@ class Rpage {
     return geometry_.first_slot + rpage::kSlotSize - slots * rpage::kSlotSize;
   }
   [[nodiscard]] bool movable() const;
+  void close_gap(int start, int size);
   void set_word(int offset, int value) {
     common::stword(static_cast<std::uint32_t>(value), bytes_.data() + offset);
   }

@@ -21,10 +21,11 @@ struct Frame {
 
 // Whether the insertion is at the right edge of the whole tree: ascending keys.
 bool btlarge(const Cursor& cursor) {
-  for (int depth = 0; depth < cursor.bt.depth; ++depth) {
-    if (cursor.bt.level(depth).next != cursor.bt.level(depth).length) return false;
+  const Position& bt = cursor.bt;
+  for (int depth = 0; depth < bt.depth; ++depth) {
+    if (bt.level(depth).next != bt.level(depth).length) return false;
   }
-  return cursor.bt.level(cursor.bt.depth).offset == cursor.bt.level(cursor.bt.depth).length;
+  return bt.leaf().offset == bt.leaf().length;
 }
 
 // Inserts into the nodes of the path, from the leaf up as far as nodes overflow. Everything above
@@ -69,6 +70,9 @@ class Insertion {
 
   [[nodiscard]] bool plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam) const;
   void weave(Bytes area, int length, int pos, const Item& item, const Seam& seam) const;
+  [[nodiscard]] bool find_separator(const Overflow& full, int least_end, Cut& cut) const;
+  [[nodiscard]] bool press_ends(const Overflow& full, Cut& cut) const;
+  [[nodiscard]] bool press_upper_end(const Overflow& full, Cut& cut) const;
   [[nodiscard]] bool cut_at(const Overflow& full, int least_end, Cut& cut) const;
   [[nodiscard]] bool choose_cut(const Overflow& full, Cut& cut) const;
   int split(const Overflow& full, const Cut& cut) const;
@@ -154,32 +158,45 @@ int Insertion::btinsert(Item& item, int depth) const {
   return depth > 0 ? split(full, cut) : split_root(full, cut);
 }
 
-// Cuts behind the first item that ends at or beyond `least_end`: whether both parts fit a node.
-bool Insertion::cut_at(const Overflow& full, int least_end, Cut& cut) const {
+// Goes to the first item that ends at or beyond `least_end`. False when only the last one does,
+// behind which nothing can be cut, or when the area's bytes make no items.
+bool Insertion::find_separator(const Overflow& full, int least_end, Cut& cut) const {
   const auto total = static_cast<int>(full.area.size());
-  Item before;
-  cut.end = 0;
   const Byte* previous = kNoKey;
+  cut.end = 0;
   do {
     cut.start = cut.end;
-    if (cut.start > 0) before = cut.separator;
     cut.end = itunpack(layout_, full.area, cut.start, previous, cut.separator);
     previous = cut.separator.key;
-  } while (cut.end >= 0 && cut.end < least_end && cut.end < total);
-  if (cut.end < 0 || cut.end >= total) {
-    cut.end = total;
-    return false;
-  }
+  } while (cut.end >= 0 && cut.end < least_end);
+  return cut.end >= 0 && cut.end < total;
+}
+
+// Presses the items on both sides of the cut for their new places: whether both parts fit a node.
+bool Insertion::press_ends(const Overflow& full, Cut& cut) const {
   cut.last = cut.separator;
-  if (full.frame.level != kLeafLevel) {
-    const Press press = cut.start > 0 ? Press::kRepeat : Press::kFirst;
-    itpress(layout_, &before, cut.last, press);
-  }
+  if (full.frame.level != kLeafLevel && !press_upper_end(full, cut)) return false;
   cut.last.flag &= ~kNextRepeats;
   cut.first_end = itunpack(layout_, full.area, cut.end, cut.separator.key, cut.first);
+  if (cut.first_end < 0) return false;
   itpress(layout_, nullptr, cut.first, Press::kFirst);
-  return cut.first_end >= 0 && cut.start + cut.last.totln <= limit_ &&
-         cut.first.totln + total - cut.first_end <= limit_;
+  const int left = cut.start + cut.last.totln;
+  const int right = cut.first.totln + static_cast<int>(full.area.size()) - cut.first_end;
+  return left <= limit_ && right <= limit_;
+}
+
+// The key of an upper node's last item carries no meaning, so it repeats the one before it.
+bool Insertion::press_upper_end(const Overflow& full, Cut& cut) const {
+  Item before;
+  const bool is_only = cut.start == 0;
+  if (!is_only && itprevious(layout_, full.area, cut.start, before) < 0) return false;
+  itpress(layout_, &before, cut.last, is_only ? Press::kFirst : Press::kRepeat);
+  return true;
+}
+
+// Cuts behind the first item that ends at or beyond `least_end`, if both parts then fit a node.
+bool Insertion::cut_at(const Overflow& full, int least_end, Cut& cut) const {
+  return find_separator(full, least_end, cut) && press_ends(full, cut);
 }
 
 bool Insertion::choose_cut(const Overflow& full, Cut& cut) const {
@@ -190,9 +207,8 @@ bool Insertion::choose_cut(const Overflow& full, Cut& cut) const {
   }
   if (cut_at(full, limit_ / 2, cut)) return true;
   // A small node may hold so few large items that neither fits.
-  const auto total = static_cast<int>(full.area.size());
-  for (int least_end = 1; least_end < total; least_end = cut.end + 1) {
-    if (cut_at(full, least_end, cut)) return true;
+  for (int least_end = 1; find_separator(full, least_end, cut); least_end = cut.end + 1) {
+    if (press_ends(full, cut)) return true;
   }
   return false;
 }
@@ -261,7 +277,7 @@ int Insertion::split_root(const Overflow& full, const Cut& cut) const {
 
 // An equal item may end the leaf before the one that the search came to.
 int check_item_before(Cursor& cursor, Item& item, const keydescr& k) {
-  if (cursor.bt.level(cursor.bt.depth).offset != 0 || cursor.bt.ends != kOnItem) return 0;
+  if (cursor.bt.leaf().offset != 0 || cursor.bt.ends != kOnItem) return 0;
   if (btmove(cursor, k, Direction::kPrevious) != 0) return -1;
   if (cursor.bt.ends == kOnItem && itcompare(cursor.treeitem, item, KeyOrder{k}) == 0) {
     const ItemLayout layout{k};

@@ -120,7 +120,7 @@ int btremove(const Cursor& cursor, const ItemLayout& layout, const WalkStart& st
   if (top == cursor.bt.depth) return remove_item(cursor, layout, top, start);
   NodeImage before;
   if (!before.take(cursor.bt.level(top).node) || remove_item(cursor, layout, top) != 0) return -1;
-  if (free_emptied(cursor.bt.level(cursor.bt.depth).node) != 0) {
+  if (free_emptied(cursor.bt.leaf().node) != 0) {
     before.put(cursor.bt.level(top).node);
     return -1;
   }
@@ -144,10 +144,10 @@ int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
       return btremove(cursor, ItemLayout{k}, start);
     }
     if (walk.exceeded()) return failed(kCorrupted);
-    const PathLevel passed = cursor.bt.level(cursor.bt.depth);
+    const PathLevel passed = cursor.bt.leaf();
     if (btmove(cursor, k, Direction::kNext) != 0) return -1;
     // Equal keys that are not bytewise may have other bytes.
-    const bool same_node = cursor.bt.level(cursor.bt.depth).node == passed.node && order.bytewise();
+    const bool same_node = cursor.bt.leaf().node == passed.node && order.bytewise();
     start = same_node ? WalkStart{passed.offset, sought.key} : WalkStart{};
   }
   return failed(kNoRecord);

@@ -19,15 +19,21 @@ int lost(Cursor& cursor, Code code) {
   return lost(cursor);
 }
 
-void clear_state(Cursor& cursor, int flags) {
-  cursor.bt.state = static_cast<std::uint16_t>(cursor.bt.state & ~flags);
+// treeitem is now the item on the path.
+void note_place(Cursor& cursor, const PathLevel& leaf) {
+  cursor.place = {filep->cached.generation, leaf.node, leaf.offset};
 }
 
 // The path has come to the leaf's item at `offset`, which treeitem now is.
 void arrived(Cursor& cursor, PathLevel& leaf, int offset, int next) {
   leaf.offset = offset;
   leaf.next = next;
-  cursor.place = {filep->cached.generation, leaf.node, offset};
+  note_place(cursor, leaf);
+}
+
+// A search has come to the path's place in the leaf.
+void note_search(Cursor& cursor, const PathLevel& leaf, int passed) {
+  cursor.searched = {filep->cached.generation, leaf.node, leaf.offset, passed};
 }
 
 std::int32_t child_before(ConstBytes area, int end) {
@@ -130,13 +136,12 @@ int descend(Cursor& cursor, const ItemLayout& layout, std::int32_t number, int d
 }
 
 // There is no item in this direction: the path stands beside the outermost one.
-int stop_at_end(Cursor& cursor, Direction direction) {
-  PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
-  cursor.bt.ends = end_towards(direction);
+int stop_at_end(Position& bt, Direction direction) {
+  bt.ends = end_towards(direction);
   if (direction == Direction::kNext) {
-    leaf.offset = leaf.length;
+    bt.leaf().offset = bt.leaf().length;
   } else {
-    leaf.next = 0;
+    bt.leaf().next = 0;
   }
   return 0;
 }
@@ -146,15 +151,16 @@ int refresh_dictionary() { return filep->unwritten.dictionary ? 0 : dictread(); 
 
 // Moves the number of a key without parts. Past an end it stands one beyond.
 int move_number(Cursor& cursor, Direction direction) {
-  std::int32_t& number = cursor.bt.item.recptr;
-  cursor.bt.ends = kOnItem;
+  Position& bt = cursor.bt;
+  std::int32_t& number = bt.item.recptr;
+  bt.ends = kOnItem;
   if (direction == Direction::kPrevious) {
     number = number > 1 ? number - 1 : 0;
-    if (number == 0) cursor.bt.ends = kBeforeFirst;
+    if (number == 0) bt.ends = kBeforeFirst;
   } else {
     if (number < INT32_MAX) ++number;
     if (number > dictp->d_nextdata() && refresh_dictionary() != 0) return -1;
-    if (number > dictp->d_nextdata()) cursor.bt.ends = kAfterLast;
+    if (number > dictp->d_nextdata()) bt.ends = kAfterLast;
   }
   btnumber(cursor, number);
   return 0;
@@ -162,7 +168,7 @@ int move_number(Cursor& cursor, Direction direction) {
 
 // Reads the item on the path into treeitem.
 int read_item(Cursor& cursor, const ItemLayout& layout) {
-  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
+  const PathLevel& leaf = cursor.bt.leaf();
   if (treeitem_is_at(cursor, leaf)) return 0;
   cursor.place = {};
   const TreeNode node{leaf.node};
@@ -171,13 +177,13 @@ int read_item(Cursor& cursor, const ItemLayout& layout) {
       itprevious(layout, node.area(), leaf.next, cursor.treeitem) != leaf.offset) {
     return lost(cursor, kCorrupted);
   }
-  cursor.place = {filep->cached.generation, leaf.node, leaf.offset};
+  note_place(cursor, leaf);
   return 0;
 }
 
 // Whether the item on the path is one of two neighbours in a leaf of which the later stores no key.
 int read_repeat_bit(Cursor& cursor, Direction direction, bool& repeats) {
-  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
+  const PathLevel& leaf = cursor.bt.leaf();
   const TreeNode node{leaf.node};
   if (!node) return lost(cursor);
   if (node.length() != leaf.length) return lost(cursor, kCorrupted);
@@ -199,12 +205,38 @@ int compare_neighbour(Cursor& cursor, const keydescr& k, Direction direction, bo
 int stand_at_end_again(Cursor& cursor, const keydescr& k) {
   if (cursor.bt.ends == kAfterLast) return btposition(cursor, k, Edge::kLast);
   if (btposition(cursor, k, Edge::kFirst) != 0) return -1;
-  return cursor.bt.ends == kOnItem ? stop_at_end(cursor, Direction::kPrevious) : 0;
+  return cursor.bt.ends == kOnItem ? stop_at_end(cursor.bt, Direction::kPrevious) : 0;
 }
 
-bool is_current(const Cursor& cursor, const Item& item, const keydescr& k) {
-  return item.recptr == cursor.bt.item.recptr && item.dupnm == cursor.bt.item.dupnm &&
-         itcompare(item, cursor.bt.item, KeyOrder{k}) == 0;
+bool is_same(const Item& a, const Item& b, const keydescr& k) {
+  return a.recptr == b.recptr && a.dupnm == b.dupnm && itcompare(a, b, KeyOrder{k}) == 0;
+}
+
+// What a search has come to.
+enum class Met {
+  kFailed,
+  kEmptyTree,
+  kGreater,     // a greater item than the one sought, which treeitem now is; the path is on it
+  kLastPassed,  // the end of a leaf without one; the path is on its last item
+};
+
+// Goes down by what `descent` chooses in each node, to the leaf in which the search ends.
+Met go_down(Cursor& cursor, Descent& descent, std::int32_t root) {
+  Position& bt = cursor.bt;
+  std::int32_t number = root;
+  for (bt.depth = 0;; ++bt.depth) {
+    const TreeNode node = node_at(cursor, bt.depth, number);
+    if (!node) return Met::kFailed;
+    PathLevel& level = bt.leaf();
+    if (level.length == 0) return Met::kEmptyTree;
+    if (!descent.choose(node, level)) return Met::kFailed;
+    if (node.is_leaf()) {
+      if (descent.met_equal()) bt.state |= kSameKeyNearby;
+      if (!descent.on_greater()) return Met::kLastPassed;
+      return descent.take(node, level) ? Met::kGreater : Met::kFailed;
+    }
+    number = child_before(node.area(), level.next);
+  }
 }
 
 }  // namespace
@@ -225,68 +257,62 @@ int btposition(Cursor& cursor, const keydescr& k, Edge edge) {
   const Direction inwards = edge == Edge::kFirst ? Direction::kNext : Direction::kPrevious;
   cursor.bt.ends = kOnItem;
   if (descend(cursor, layout, k.rootnode, 0, -1, inwards) != 0) return -1;
-  return edge == Edge::kLast && cursor.bt.ends == kOnItem ? stop_at_end(cursor, Direction::kNext)
-                                                          : 0;
+  const bool goes_behind = edge == Edge::kLast && cursor.bt.ends == kOnItem;
+  return goes_behind ? stop_at_end(cursor.bt, Direction::kNext) : 0;
 }
 
 int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode) {
   Descent descent{item, cursor.treeitem, k, len, mode};
-  cursor.bt.ends = kOnItem;
+  Position& bt = cursor.bt;
+  bt.ends = kOnItem;
   cursor.place = {};
   cursor.searched = {};
-  if (mode == Search::kInsert) clear_state(cursor, kSameKeyNearby);
-  std::int32_t number = k.rootnode;
-  for (cursor.bt.depth = 0;; ++cursor.bt.depth) {
-    const TreeNode node = node_at(cursor, cursor.bt.depth, number);
-    if (!node) return -1;
-    PathLevel& level = cursor.bt.level(cursor.bt.depth);
-    if (level.length == 0) {
-      cursor.bt.ends = kEmptyTree;
+  if (mode == Search::kInsert) bt.clear(kSameKeyNearby);
+  switch (go_down(cursor, descent, k.rootnode)) {
+    case Met::kFailed:
+      return lost(cursor);
+    case Met::kEmptyTree:
+      bt.ends = kEmptyTree;
       return 0;
-    }
-    if (!descent.choose(node, level)) return lost(cursor);
-    if (node.is_leaf()) {
-      if (descent.met_equal()) cursor.bt.state |= kSameKeyNearby;
-      if (!descent.on_greater()) break;
-      if (!descent.take(node, level)) return lost(cursor);
-      cursor.place = {filep->cached.generation, level.node, level.offset};
-      cursor.searched = {filep->cached.generation, level.node, level.offset, descent.passed()};
-      return 0;
-    }
-    number = child_before(node.area(), level.next);
+    case Met::kGreater:
+      note_place(cursor, bt.leaf());
+      break;
+    case Met::kLastPassed:
+      // A read goes on to the first item of the next leaf; an insertion stays in this one.
+      if (mode < Search::kInsert) return btmove(cursor, k, Direction::kNext);
+      bt.leaf().offset = bt.leaf().next = bt.leaf().length;
+      break;
   }
-  if (mode < Search::kInsert) return btmove(cursor, k, Direction::kNext);
-  PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
-  leaf.offset = leaf.next = leaf.length;
-  cursor.searched = {filep->cached.generation, leaf.node, leaf.offset, descent.passed()};
+  note_search(cursor, bt.leaf(), descent.passed());
   return 0;
 }
 
 WalkStart btwalkstart(const Cursor& cursor, const Item& sought) {
-  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
-  const bool known = cursor.searched.passed > 0 && cursor.searched.node == leaf.node &&
-                     cursor.searched.offset == leaf.offset &&
-                     cursor.searched.generation == filep->cached.generation;
-  return known ? WalkStart{cursor.searched.passed, sought.key} : WalkStart{};
+  const PathLevel& leaf = cursor.bt.leaf();
+  const LastSearch& last = cursor.searched;
+  const bool known = last.passed > 0 && last.node == leaf.node && last.offset == leaf.offset &&
+                     last.generation == filep->cached.generation;
+  return known ? WalkStart{last.passed, sought.key} : WalkStart{};
 }
 
 int btmove(Cursor& cursor, const keydescr& k, Direction direction) {
-  if ((cursor.bt.ends & end_towards(direction)) != 0) return 0;
+  Position& bt = cursor.bt;
+  if ((bt.ends & end_towards(direction)) != 0) return 0;
   if (k.nparts == 0) return move_number(cursor, direction);
-  cursor.bt.ends = kOnItem;
-  if (cursor.bt.depth < 0) {
-    cursor.bt.ends = end_towards(direction);
+  bt.ends = kOnItem;
+  if (bt.depth < 0) {
+    bt.ends = end_towards(direction);
     return 0;
   }
-  const int leaf_depth = cursor.bt.depth;
+  const int leaf_depth = bt.depth;
   int depth = leaf_depth;
-  while (depth >= 0 && !has_neighbour(cursor.bt.level(depth), direction)) --depth;
-  if (depth < 0) return stop_at_end(cursor, direction);
+  while (depth >= 0 && !has_neighbour(bt.level(depth), direction)) --depth;
+  if (depth < 0) return stop_at_end(bt, direction);
 
   const ItemLayout layout{k};
   std::int32_t child = 0;
   {
-    PathLevel& level = cursor.bt.level(depth);
+    PathLevel& level = bt.level(depth);
     const TreeNode node{level.node};
     if (!node) return lost(cursor);
     if (node.length() != level.length) return lost(cursor, kCorrupted);
@@ -297,27 +323,29 @@ int btmove(Cursor& cursor, const keydescr& k, Direction direction) {
 }
 
 int btdups(Cursor& cursor, const keydescr& k, Direction direction) {
-  clear_state(cursor, kSameKeyNearby);
-  if (k.nparts == 0 || cursor.bt.depth < 0 || cursor.bt.ends != kOnItem) return 0;
-  const bool in_leaf = has_neighbour(cursor.bt.level(cursor.bt.depth), direction);
+  Position& bt = cursor.bt;
+  bt.clear(kSameKeyNearby);
+  if (k.nparts == 0 || bt.depth < 0 || bt.ends != kOnItem) return 0;
+  const bool in_leaf = has_neighbour(bt.leaf(), direction);
   bool same = false;
   const int result = (k.flags & KF_DCOMPRESS) != 0 && in_leaf
                          ? read_repeat_bit(cursor, direction, same)
                          : compare_neighbour(cursor, k, direction, same);
-  if (same) cursor.bt.state |= kSameKeyNearby;
+  if (same) bt.state |= kSameKeyNearby;
   return result;
 }
 
 int btcurrent(Cursor& cursor, const keydescr& k, bool again) {
-  const int state = cursor.bt.state;
-  if ((state & kHasCurrent) == 0 || (again && (state & kCurrentDeleted) != 0)) return -1;
+  Position& bt = cursor.bt;
+  if ((bt.state & kHasCurrent) == 0 || (again && (bt.state & kCurrentDeleted) != 0)) return -1;
   if (k.nparts == 0) return 0;
-  if (cursor.bt.ends != kOnItem) return cursor.bt.depth >= 0 ? 0 : stand_at_end_again(cursor, k);
-  const int found = cursor.bt.depth >= 0 ? read_item(cursor, ItemLayout{k})
-                                         : btsearch(cursor, cursor.bt.item, k, 0, Search::kRead);
+  const bool has_path = bt.depth >= 0;
+  if (bt.ends != kOnItem) return has_path ? 0 : stand_at_end_again(cursor, k);
+  const int found =
+      has_path ? read_item(cursor, ItemLayout{k}) : btsearch(cursor, bt.item, k, 0, Search::kRead);
   if (found != 0) return -1;
-  if (cursor.bt.ends == kOnItem && is_current(cursor, cursor.treeitem, k)) return 0;
-  clear_state(cursor, kCurrentRead | kCurrentDeleted);
+  if (bt.ends == kOnItem && is_same(cursor.treeitem, bt.item, k)) return 0;
+  bt.clear(kCurrentRead | kCurrentDeleted);
   return again ? -1 : 0;
 }
 

@@ -2,11 +2,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <set>
 #include <string>
 
 #include "isam.h"
@@ -104,6 +107,46 @@ TEST_F(Calls, EveryCodeHasItsText) {
     const auto text = texts.find(code);
     EXPECT_EQ(::iserrtext(code), text == texts.end() ? "unknown error code" : text->second) << code;
   }
+}
+
+// Each goes on from its own place in an order of its own, whatever itself or the other deletes.
+TEST_F(Calls, TwoOpensOfAPairTakeTurns) {
+  constexpr int kRecords = 400;
+  keydescr all_equal{KF_DUPS, 1, {{8, 4, KT_CHAR}}, 0, 0};
+  std::string record = record_of(1);
+  std::set<int> left{1};
+  const int builder = build("pair", ISEXCLLOCK);
+  EXPECT_EQ(::isaddindex(builder, &all_equal), 0);
+  for (int id = 2; id <= kRecords; left.insert(id++)) ::iswrite(builder, record_of(id).data());
+  ::isclose(builder);
+  struct Reader {
+    int isfd;
+    int mode;
+    int at;
+  };
+  std::array<Reader, 2> readers{{{open("pair"), RD_NEXT, 1}, {open("pair"), RD_PREV, kRecords}}};
+  EXPECT_EQ(::isstart(readers[0].isfd, &all_equal, 0, record.data(), RD_FIRST), 0);
+  EXPECT_EQ(::isread(readers[0].isfd, record.data(), RD_FIRST), 0);
+  EXPECT_EQ(::isread(readers[1].isfd, record.data(), RD_LAST), 0);
+  for (int turn = 0; left.size() > 1 && turn < 5 * kRecords && !HasFailure(); ++turn) {
+    Reader& reader = readers[turn % 2];
+    const bool forward = reader.mode == RD_NEXT;
+    const auto met = forward ? left.upper_bound(reader.at) : left.lower_bound(reader.at);
+    const bool ends = met == (forward ? left.end() : left.begin());
+    EXPECT_EQ(::isread(reader.isfd, record.data(), reader.mode), ends ? -1 : 0);
+    EXPECT_EQ(iserrno, ends ? ISEEND : 0);
+    if (ends) {
+      reader.mode = forward ? RD_PREV : RD_NEXT;
+      continue;
+    }
+    reader.at = forward ? *met : *std::prev(met);
+    EXPECT_EQ(record, record_of(reader.at)) << turn;
+    if (turn % 3 == 0) continue;
+    const Reader& other = readers[(turn + 1) % 2];
+    EXPECT_EQ(turn % 3 == 1 ? ::isdelcurr(reader.isfd) : ::isdelrec(other.isfd, reader.at), 0);
+    left.erase(reader.at);
+  }
+  EXPECT_EQ(left.size(), 1U);
 }
 
 TEST_F(Calls, SoManyIdlePairsStayOpen) {
