@@ -12,15 +12,16 @@ constexpr Number kKey = &Numbers::key;
 constexpr Number kFound = &Numbers::found;
 constexpr Number kExpected = &Numbers::expected;
 
-// The question that a finding leads to, by what it asks about.
-constexpr auto kIndex = Question::kDeleteIndex;
-constexpr auto kRecords = Question::kRecordList;
-constexpr auto kNodes = Question::kNodeList;
-constexpr auto kPages = Question::kStorageLists;
+// The question that a finding leads to.
+constexpr auto kAskIndex = Question::kDeleteIndex;
+constexpr auto kAskRecords = Question::kRecordList;
+constexpr auto kAskNodes = Question::kNodeList;
+constexpr auto kAskPages = Question::kStorageLists;
 constexpr auto kNone = Question::kNone;
 
-// The entries of the table, by how kestro says them. `name` is the permanent code as a text. In the
-// wording of an error() %d stands for the first number; the report shows no other number.
+// Each makes an entry of the table, and is named after the way in which kestro says the finding
+// (Saying). `name` is the permanent code as a text. In the wording of an error() %d stands for the
+// first of `numbers`; kestro prints no other of them.
 constexpr FindingText error(Code code, const char* name, const char* wording,
                             Question question = kNone, CarriedNumbers numbers = {}) {
   return {code, name, wording, Saying::kError, question, numbers};
@@ -66,47 +67,47 @@ constexpr std::array<FindingText, static_cast<std::size_t>(Code::kCount)> kFindi
           {kKey}),
     remark(Code::kNoKeyDescription, "descriptions.none",
            "no key description is left: programs cannot open the pair; restore the index file"),
-    error(Code::kIndexNodeBad, "index.node-bad", "%d bad index node pointer(s)", kIndex,
+    error(Code::kIndexNodeBad, "index.node-bad", "%d bad index node pointer(s)", kAskIndex,
           {kFound, kKey}),
     error(Code::kIndexNodeDuplicate, "index.node-duplicate", "%d duplicate index node pointer(s)",
-          kIndex, {kFound, kKey}),
-    error(Code::kIndexRecordBad, "index.record-bad", "%d bad data record pointer(s)", kIndex,
+          kAskIndex, {kFound, kKey}),
+    error(Code::kIndexRecordBad, "index.record-bad", "%d bad data record pointer(s)", kAskIndex,
           {kFound, kKey}),
     error(Code::kIndexRecordDuplicate, "index.record-duplicate",
-          "%d duplicate data record pointer(s)", kIndex, {kFound, kKey}),
+          "%d duplicate data record pointer(s)", kAskIndex, {kFound, kKey}),
     error(Code::kIndexRecordMissing, "index.record-missing", "%d missing data record pointer(s)",
-          kIndex, {kFound, kKey}),
-    error(Code::kIndexOutOfOrder, "index.out-of-order", "index out of order", kIndex, {kKey}),
-    error(Code::kIndexNodeMalformed, "index.node-malformed", "bad b-tree node (%d) format", kIndex,
-          {kNode, kKey}),
-    line(Code::kIndexNodeUnreadable, "index.node-unreadable", "Error in reading index file", kIndex,
-         {kNode, kKey}),
+          kAskIndex, {kFound, kKey}),
+    error(Code::kIndexOutOfOrder, "index.out-of-order", "index out of order", kAskIndex, {kKey}),
+    error(Code::kIndexNodeMalformed, "index.node-malformed", "bad b-tree node (%d) format",
+          kAskIndex, {kNode, kKey}),
+    line(Code::kIndexNodeUnreadable, "index.node-unreadable", "Error in reading index file",
+         kAskIndex, {kNode, kKey}),
     error(Code::kIndexKeyMissing, "index.description-missing", "cannot find key for index", kNone,
           {kKey}),
     error(Code::kIndexKeyDuplicate, "index.key-duplicate", "duplicate key value, record %d", kNone,
           {kRecord, kKey}),
-    error(Code::kRecordListNodeBad, "record-list.node-bad", "bad index node", kRecords, {kNode}),
+    error(Code::kRecordListNodeBad, "record-list.node-bad", "bad index node", kAskRecords, {kNode}),
     error(Code::kRecordListNodeDuplicate, "record-list.node-duplicate", "duplicate index node",
-          kRecords, {kNode}),
+          kAskRecords, {kNode}),
     error(Code::kRecordListMalformed, "record-list.node-malformed",
-          "bad data record free list format", kRecords, {kNode}),
-    error(Code::kRecordListBad, "record-list.record-bad", "%d bad data record pointer(s)", kRecords,
-          {kFound}),
+          "bad data record free list format", kAskRecords, {kNode}),
+    error(Code::kRecordListBad, "record-list.record-bad", "%d bad data record pointer(s)",
+          kAskRecords, {kFound}),
     error(Code::kRecordListDuplicate, "record-list.record-duplicate",
-          "%d duplicate data record pointer(s)", kRecords, {kFound}),
+          "%d duplicate data record pointer(s)", kAskRecords, {kFound}),
     error(Code::kRecordListMissing, "record-list.record-missing",
-          "%d missing data record pointer(s)", kRecords, {kFound}),
+          "%d missing data record pointer(s)", kAskRecords, {kFound}),
     error(Code::kNodeListMalformed, "node-list.node-malformed", "bad index free list format",
-          kNodes, {kNode}),
-    error(Code::kNodeListBad, "node-list.node-bad", "%d bad index node pointer(s)", kNodes,
+          kAskNodes, {kNode}),
+    error(Code::kNodeListBad, "node-list.node-bad", "%d bad index node pointer(s)", kAskNodes,
           {kFound}),
     error(Code::kNodeListDuplicate, "node-list.node-duplicate",
-          "%d duplicate index node pointer(s)", kNodes, {kFound}),
+          "%d duplicate index node pointer(s)", kAskNodes, {kFound}),
     error(Code::kNodeListMissing, "node-list.node-missing", "%d missing index node pointer(s)",
-          kNodes, {kFound}),
+          kAskNodes, {kFound}),
     error(Code::kStoragePageBad, "storage.page-bad",
           "Corrupt variable length record storage page, index node %d", kNone, {kNode}),
-    {Code::kStorageListBad, "storage.list-bad", "", Saying::kNothing, kPages, {kNode}},
+    {Code::kStorageListBad, "storage.list-bad", "", Saying::kNothing, kAskPages, {kNode}},
     error(Code::kStoragePageUnread, "storage.page-unread",
           "Rpage read failed while making variable length storage free lists.", kNone, {kNode}),
     error(Code::kStoragePageUnfiled, "storage.page-unfiled",
@@ -127,7 +128,7 @@ constexpr std::array<FindingText, static_cast<std::size_t>(Code::kCount)> kFindi
          "warning: the group and user ids of the new index are different than the original"),
 }};
 
-// The `false` of each is its answer where the input ends: no.
+// The `false` in each entry is its by_default: where the input ends, the answer is no.
 constexpr std::array<QuestionText, static_cast<std::size_t>(Question::kCount)> kQuestions = {{
     {Question::kLockMethod, "force-lock-method", "force locking method to agree ? ", false,
      "sets the present one", "ends the check of this pair"},

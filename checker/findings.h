@@ -117,16 +117,16 @@ enum class Saying {
 };
 
 struct FindingText {
-  Code number;
-  const char* code;     // permanent
-  const char* wording;  // %d stands for the first number
+  Code number;          // also the place of the entry in the table
+  const char* code;     // the permanent code as a text
+  const char* wording;  // %d stands for the first of `numbers`
   Saying saying = Saying::kError;
   Question question = Question::kNone;  // that it leads to
   CarriedNumbers numbers{};
 };
 
 struct QuestionText {
-  Question number;
+  Question number;  // also the place of the entry in the table
   const char* code;
   const char* wording;
   bool by_default;  // what counts when the input has ended

@@ -11,14 +11,15 @@
 namespace checker {
 namespace {
 
-// What ends a program that does not care. A broken program (SIGSEGV and the like) is left alone.
+// The signals that end a program unless it handles them; without those that tell of a fault in the
+// program itself, such as SIGSEGV.
 constexpr std::array kSignals = {SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM, SIGTERM, SIGUSR1,
                                  SIGUSR2, SIGXCPU, SIGXFSZ, SIGVTALRM, SIGPROF, SIGIO,   SIGPWR};
 
 constexpr std::size_t kMostFiles = 4;
 constexpr std::size_t kLineRoom = PATH_MAX + 200;
 
-// For the handler, which may come at any moment outside of a SignalBlock.
+// What on_signal() reads. It may run at any moment outside of a SignalBlock.
 std::array<std::array<char, PATH_MAX>, kMostFiles> files{};
 std::array<char, kLineRoom> line{};
 std::array<struct sigaction, kSignals.size()> before{};
@@ -35,10 +36,11 @@ void on_signal(int number) {
   for (const auto& path : files) {
     if (path[0] != 0) ::unlink(path.data());
   }
+  // The result must be looked at, but nothing is to be done about a failure.
   if (::write(STDERR_FILENO, line.data(), std::strlen(line.data())) < 0) errno = 0;
   const auto* const at = std::find(kSignals.begin(), kSignals.end(), number);
   ::sigaction(number, &before[static_cast<std::size_t>(at - kSignals.begin())], nullptr);
-  ::raise(number);  // takes effect when the handler returns
+  ::raise(number);  // blocked in the handler: takes effect when that returns
   errno = error;
 }
 

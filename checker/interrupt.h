@@ -1,7 +1,8 @@
-// interrupt: what a signal finds to do before it ends the program.
+// interrupt: what is still done when a signal ends the program.
 //
-// While an Interrupt exists, a signal that would end the program removes the files named here,
-// writes a line to standard error and then has its own effect. Signals that are ignored stay so.
+// While an Interrupt exists, a signal that would end the program removes the files that
+// remove_when_interrupted() was told, writes a line to standard error and then has the effect that
+// it had before. Signals that are ignored stay so. There is one Interrupt at a time.
 #pragma once
 
 #include <csignal>
@@ -11,16 +12,18 @@ namespace checker {
 
 class Interrupt {
  public:
-  // `line` goes to standard error.
+  // `line` is what a signal writes to standard error, until say() is called.
   explicit Interrupt(const std::string& line);
   Interrupt(const Interrupt&) = delete;
   Interrupt& operator=(const Interrupt&) = delete;
+  // Gives the signals back the effects that they had before.
   ~Interrupt();
 
+  // Writes nothing now: a signal that comes from now on writes `line`.
   static void say(const std::string& line);
 };
 
-// The signals wait while one exists.
+// The signals that an Interrupt handles wait while a SignalBlock exists.
 class SignalBlock {
  public:
   SignalBlock();
@@ -32,7 +35,8 @@ class SignalBlock {
   sigset_t before_;
 };
 
-// A file that is to go. At most four at a time.
+// Names a file that a signal is to remove, until forget_file() is called for it. At most four at a
+// time: a fifth is not noted.
 void remove_when_interrupted(const std::string& path);
 void forget_file(const std::string& path);
 

@@ -1,10 +1,11 @@
-// io: most system calls on files go through one small table, which tests replace.
+// io: system calls on files go through one small table. Only calls that no test has to replace
+// (such as lstat and lseek) are made directly.
 //
 // Gives   `system_calls()`: the table in use; tests put their own in its place to make a disk
 //         full, a transfer short or a lock refused at a chosen call
-// Keeps   open_file(), read_at() and write_at() repeat a call that a signal has interrupted;
-//         read_at() and write_at() continue a short transfer until it is whole, at the end of the
-//         file, or fails
+// Keeps   open_file(), read_at() and write_at() make a call again that a signal interrupted before
+//         it did anything. read_at() and write_at() continue a short transfer until it is whole,
+//         at the end of the file, or fails
 #pragma once
 
 #include <sys/stat.h>
@@ -30,11 +31,11 @@ struct SystemCalls {
   int (*link)(const char* from, const char* to);
   int (*unlink)(const char* path);
   int (*rename)(const char* from, const char* to);
-  int (*link_open)(int fd, const char* to);  // gives a file without a name one
+  int (*link_open)(int fd, const char* to);  // gives a name to a file that has none
   int (*fsync)(int fd);
   int (*ftruncate)(int fd, off_t size);
-  int (*clone)(int from, int to);  // all of a file, its blocks shared
-  // Between the same places of two files; as many bytes as it could.
+  int (*clone)(int from, int to);  // gives `to` all bytes of `from`, in shared blocks
+  // Copies up to `count` bytes to the same offset of another file: how many, or -1 with errno.
   ssize_t (*copy_range)(int from, int to, off_t offset, std::size_t count);
   int (*fsetxattr)(int fd, const char* name, const void* value, std::size_t size, int flags);
 };
@@ -47,12 +48,13 @@ extern SystemCalls system_call_table;
 
 void close_file(int fd);
 
-// Whether a path leads to a file; whether its name is taken, by a link that leads nowhere too.
+// Whether a path leads to a file.
 [[nodiscard]] bool file_exists(const std::string& path);
+// Whether a name is taken, even by a symbolic link that leads nowhere.
 [[nodiscard]] bool name_exists(const std::string& path);
 
-// Bytes transferred: less than the span at the end of the file; -1 with errno on failure (errno
-// is left at 0 by a short read without an error).
+// Reads bytes at `offset` into `to`: how many. Less than `to` holds means the end of the file, with
+// errno 0; -1 with errno means a failure.
 [[nodiscard]] ssize_t read_at(int fd, Bytes to, std::int64_t offset);
 
 // 0, or -1 with errno when not every byte could be written.

@@ -37,13 +37,14 @@ struct Client {
   int error = 0;
   std::string name;                      // as file_name() gives it
   std::array<bool, 256> is_character{};  // bytes that are a character each, zero excepted
-  std::string texts[2];                  // copies being compared; they stay for their memory
+  std::string texts[2];  // copies of two texts being compared; kept for their memory
 };
 
 Client client;
 
-// Bytes of the character at the beginning of `text`; 0 when there is none, as before a zero byte.
-// mbrlen() tells a foreign or torn character by a number greater than any size.
+// How many bytes the first character of `text` has; 0 when `text` is empty, begins with a zero byte
+// or begins with no whole character of the locale. For the last mbrlen() returns a number greater
+// than any size.
 std::size_t character_length(ConstBytes text) {
   std::mbstate_t state{};
   const std::size_t length =
@@ -66,8 +67,8 @@ std::size_t skip_single_bytes(ConstBytes field, std::size_t at) {
   return at;
 }
 
-// Where the text ends that a field begins with (compare() in the header defines the text). While
-// it has single bytes only, the thread's locale need not change.
+// Where the text ends that a field begins with (compare() in the header defines the text). The
+// thread's locale changes only when a field has more than characters of one byte.
 std::size_t text_end(ConstBytes field) {
   std::size_t end = skip_single_bytes(field, 0);
   if (end == field.size() || field[end] == 0) return end;
@@ -100,7 +101,8 @@ int compare_bytes(ConstBytes a, ConstBytes b) {
   return order != 0 ? order : (a.size() > b.size()) - (a.size() < b.size());
 }
 
-// The system may know a locale by the very name given only, or by its own way of writing it.
+// Loads a locale: by the name as it was given, for the system may know no other, else by the name
+// written as the system writes names. Null, with errno, when neither is known.
 locale_t load(const std::string& given, const std::string& name) {
   constexpr int kParts = LC_COLLATE_MASK | LC_CTYPE_MASK;
   const locale_t loaded = ::newlocale(kParts, given.c_str(), nullptr);

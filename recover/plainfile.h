@@ -1,4 +1,4 @@
-// plainfile: a file of the operator's, opened to be read only.
+// plainfile: a file that the operator names, and that is only read.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,11 @@ struct PlainFile {
   std::int64_t size = 0;  // bytes, when it was opened
 };
 
-// Opens a regular file without waiting for anybody; nothing in it, after a complaint, when that
-// fails or it is not a regular file.
+// Opens a regular file; a pipe does not make it wait. When the file cannot be opened, or is not
+// regular, it complains, and the result has no descriptor.
 [[nodiscard]] PlainFile open_plain(const std::string& path);
 
-// Complains that `what` could not be done to `name`, for the reason in errno.
+// Complains: `what` (such as "cannot open"), the quoted name, and the reason in errno.
 void complain_errno(const std::string& what, const std::string& name);
 
 }  // namespace recover

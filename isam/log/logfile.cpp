@@ -28,14 +28,14 @@ constexpr std::size_t kWindow = 65536;
 constexpr std::int64_t kLongestPiece = 2 * log_record::kGreatest + 512;
 
 std::vector<Byte> piece;   // what is being appended; kept for its memory
-std::vector<Byte> owed;    // the opposite of a change not made, which the log must have yet
-std::int64_t end_we_left;  // end of the log when this process last looked
+std::vector<Byte> owed;    // the opposite of a change not made, while the log still lacks it
+std::int64_t end_we_left;  // end of the log when this process last appended or cut something
 
-// The record logged last, which `piece` holds to its end.
+// The record logged last. `piece` ends with it, until the next piece begins.
 struct LoggedLast {
   std::int64_t offset = 0;
   std::size_t start = 0;  // in `piece`
-  Link before;            // the chain without it
+  Link before;            // the process's last linked record before it
 } last;
 
 int lock_depth = 0;         // how many hold the log's lock within each other
@@ -45,7 +45,7 @@ int write_magic(int fd) {
   Byte magic[kMagicSize];
   common::stlong(static_cast<std::int32_t>(kLogMagic), magic);
   if (common::write_at(fd, magic, 0) == 0) return 0;
-  common::cut_file(fd, 0);  // a part of it would be no log, for ever
+  common::cut_file(fd, 0);  // a file with a part of the magic would be refused from then on
   return failed(kLogWrite);
 }
 
@@ -90,7 +90,8 @@ std::int64_t end_of_log() {
   const std::int64_t end = ::lseek(logstate.fd, 0, SEEK_END);
   if (end < kMagicSize) return -1;
   if (end == end_we_left || record_ends_at(end)) return end;
-  // A killed process left a part of what it appended. Anything longer is no such part.
+  // What a killed process left of its piece is cut off. What is longer than a piece can be is not
+  // that: the log is damaged.
   const bool grown = end_we_left >= kMagicSize && end_we_left <= end;
   const std::int64_t whole = end_of_whole_records(grown ? end_we_left : kMagicSize, end);
   if (whole != end && end - whole > kLongestPiece) return -1;
@@ -124,13 +125,14 @@ class LogLock {
 
 std::int32_t now() { return static_cast<std::int32_t>(std::time(nullptr)); }
 
-// Writes `piece` at the end: where it begins, or -1 with 121 and nothing written.
-template <typename Stamp>
-std::int64_t append(Stamp stamp) {
+// Writes `piece` at the end: where it begins, or -1 with 121 and nothing written. `fill_in(end)`
+// stamps the records of the piece, which it could not do before it knew where they go.
+template <typename FillIn>
+std::int64_t append(FillIn fill_in) {
   const LogLock lock;
   const std::int64_t end = lock.held() ? end_of_log() : -1;
   if (end < 0) return failed(kLogWrite);
-  stamp(end);
+  fill_in(end);
   if (common::write_at(logstate.fd, piece, end) != 0) {
     common::cut_file(logstate.fd, end);
     return failed(kLogWrite);
@@ -171,7 +173,8 @@ std::size_t start_piece(const LeadIn& lead) {
 int length_at(std::size_t at) { return common::ldword(&piece[at + log_record::kLength]); }
 
 // Appends a piece, whose records are stamped one after the other: where it begins, or -1 with 121.
-// `linked` tells of the record behind the lead-in, if there is one.
+// `linked`: whether the record behind the lead-in is linked; nothing when the piece ends with the
+// lead-in.
 std::int64_t append_piece(const LeadIn& lead, std::optional<Linked> linked) {
   Link chain = logstate.last;
   const std::int64_t begin = append([&](std::int64_t at) {
@@ -185,8 +188,9 @@ std::int64_t append_piece(const LeadIn& lead, std::optional<Linked> linked) {
       const Link itself{at + static_cast<std::int64_t>(here), length_at(here)};
       stamp_next(std::exchange(chain, itself));
     };
-    // Linked as its image was, though not part of the chain: how the transaction ends decides about
-    // both alike.
+    // The opposite has the same link as the image that it takes back: a recovery knows the two by
+    // it, and how the transaction ends decides about both. No later record is linked to the
+    // opposite: a rollback passes it by.
     if (lead.opposite) stamp_next(LogRecord{owed}.previous());
     if (lead.rollback) stamp_linked();
     if (lead.begin) stamp_linked();
@@ -213,10 +217,11 @@ void forget_all() {
   owed.clear();
 }
 
-// The log that is open.
+// Device and inode of the log that is open.
 struct stat log_identity;
 
-// Two writers of one process number would spoil it.
+// Whether another copy of the library in this process has the log open. Both would write under one
+// process number, and nobody could tell their transactions apart.
 bool is_anothers(const char* path) {
   struct stat status {};
   return common::system_calls().stat(path, &status) == 0 &&
@@ -295,6 +300,7 @@ void take_back_logged() {
   const KeepError keep;
   const LogLock lock;
   logstate.last = last.before;
+  // From here on `piece` is that record alone.
   piece.erase(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(last.start));
   const std::int64_t end = last.offset + static_cast<std::int64_t>(piece.size());
   if (lock.held() && ::lseek(logstate.fd, 0, SEEK_END) == end &&

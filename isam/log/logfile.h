@@ -78,7 +78,8 @@ struct LeadIn {
 };
 
 // What one call appends to the log: what is owed, the begin mark if it is due, the file-open record
-// of the open if the log does not have it, and the record itself.
+// of the open if the log does not have it, and the record itself. All pieces share one buffer:
+// there is one LogPiece at a time.
 class LogPiece {
  public:
   // `open` may be null: then the record is about no open file.
@@ -95,9 +96,9 @@ class LogPiece {
   LogRecordBuilder record_;
 };
 
-// Takes the record logged last back, for what it tells was not done after all. As long as nobody
-// has logged anything behind it it is cut off, else its opposite is logged: a rollback passes both
-// by. An opposite that cannot be logged is owed.
+// Takes the record logged last back, for what it tells was not done after all. It is cut off as
+// long as nobody has logged anything behind it. Else its opposite, if it has one, is logged, and a
+// rollback passes both by. An opposite that cannot be logged is owed.
 void take_back_logged();
 
 // Writes what is owed, if anything is: 0, or -1 with 121.
@@ -122,7 +123,8 @@ class LogHold {
   static constexpr std::int64_t kNothing = -1;
 
   bool held_;
-  std::int64_t start_ = kNothing;  // of the first record appended, without its lead-in
+  // Of the first record appended. Its lead-in stays in the log: what that tells is true.
+  std::int64_t start_ = kNothing;
 };
 
 // Reads a log piece by piece through one buffer.
@@ -134,10 +136,10 @@ class LogWindow {
   // is wholly there; else none, with iserrno 118 when reading failed. Earlier records are likely to
   // be at hand afterwards.
   [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
-  // The record at `offset`, whole: as many bytes as its header says. None, with iserrno 0, at the
-  // end of the log and where the record would reach past it; none with iserrno 118 or 116 when
-  // reading failed. A header may say less than a record can have: that record has kSmallest bytes,
-  // and the caller compares its length() before it goes on.
+  // The record at `offset`, whole: as many bytes as its header says. None, with iserrno as it was,
+  // at the end of the log and where the record would reach past it; none with iserrno 118 or 116
+  // when reading failed. A header may say less than a record can have: that record has kSmallest
+  // bytes, and the caller compares its length() before it goes on.
   [[nodiscard]] LogRecord isgetnext(std::int64_t offset);
 
  private:

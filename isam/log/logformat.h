@@ -2,11 +2,14 @@
 //
 // A log starts with a magic number; records follow back to back, each one
 //
-//   0 length L  2 two letters  4 process  8 user  10 time  14 offset of the process's previous
-//   linked record  22 its length  24 payload, by type  L - 2 length L again
+//   0 length L  2 two letters  4 process  8 user  10 time
+//   14 offset of the previous record in the process's chain  22 length of that record
+//   24 payload, by type  L - 2 length L again
 //
 // Integers are big-endian. Only transaction marks and the images of changes made in transaction
-// mode are linked: they form each process's chain, newest first, which a rollback follows.
+// mode are linked: each names the one that its process linked before it, the first of all none. So
+// each process has a chain, which a rollback follows from its newest record. All other records have
+// zeros at 14 and 22.
 //
 // Gives   the one place that knows offsets: building records, and taking them apart
 // Never   trusts a record's lengths: what does not lie within it is not there
@@ -73,6 +76,7 @@ inline constexpr int kGreatest = 65535;
 // The type that two letters stand for; kUnknown with iserrno 119 for any others.
 [[nodiscard]] LogType getlogtype(const Byte* letters);
 
+// DE, IN, UP.
 struct Image {
   int open = 0;  // the writer's number of the open file
   std::int32_t number = 0;
@@ -110,11 +114,13 @@ struct Link {
 // Fills the header fields that depend on the moment of writing.
 void stamp_record(Byte* at, std::int32_t process, int user, std::int32_t time, Link previous);
 
+// FO, FC.
 struct FileNamed {
   int open = 0;
   bool varlen = false;
   std::string_view name;
 };
+// BU.
 struct Built {
   int mode = 0;
   int minimum = 0;  // isreclen when the file was built
@@ -122,17 +128,20 @@ struct Built {
   keydescr key{};
   std::string_view name;
 };
+// CI, DI, CL.
 struct IndexChange {
   int open = 0;
   keydescr key{};
 };
+// RE.
 struct Renamed {
   std::string_view from;
   std::string_view to;
 };
+// SU, UN.
 struct UniqueId {
   int open = 0;
-  std::optional<std::int32_t> id;
+  std::optional<std::int32_t> id;  // none when the payload ends before it
 };
 
 // Makes a whole record one of the opposite change, with the same link: an insertion of a deletion
@@ -150,7 +159,8 @@ class LogRecord {
   [[nodiscard]] ConstBytes bytes() const { return bytes_; }
   // What the header says; 0 to 65535.
   [[nodiscard]] int length() const { return common::ldword(&bytes_[log_record::kLength]); }
-  // Whether both ends, which `bytes` must hold, say the same length.
+  // Whether both ends say the same length. Only for a length() of kSmallest at least, and when
+  // bytes() holds the whole record.
   [[nodiscard]] bool is_sound() const {
     return common::ldword(&bytes_[static_cast<std::size_t>(length() - log_record::kTrailer)]) ==
            length();

@@ -73,7 +73,7 @@ int bfcommit(OpenPair& file) { return pool().order().commit(file); }
 
 int bfdiscard(OpenPair& file) { return pool().bfdiscard(file); }
 
-void bfdrop(OpenPair& file, std::int32_t first) { pool().discard(file, first); }
+void bfdrop(OpenPair& file, std::int32_t first) { pool().bfdrop(file, first); }
 
 int bfpend(OpenPair& file) { return bfprocess(file, false); }
 

@@ -3,7 +3,7 @@
 //
 // A page is free (of no file), cached (of a file, idle) or busy (held by one caller):
 //
-//            bfgetblk            bfrelease, bfdwrite, bfwrite
+//            bfgetblk               bfrelease, bfwrite
 //     free ----------> busy -----------------------------> cached
 //       ^               ^               bfgetblk (hit)        |
 //       |               +-------------------------------------+
@@ -89,9 +89,11 @@ class PageHold {
 
   // The page was changed: it will be written, at the latest by bfflush.
   void modified() const;
-  // ... and gives up what a record may still refer to: it is written after the records.
+  // The same for a page that loses bytes which a record may still refer to: the commit writes it
+  // after the records.
   void gives_up() const;
-  // ... whatever it has become since.
+  // Whether gives_up() was called since the page was last written, whatever the page serves for
+  // now.
   [[nodiscard]] bool is_given_up() const;
   void release();
   // Writes the page now and gives it back: 0, or -1 with iserrno.
@@ -114,8 +116,8 @@ class PageHold {
 // themselves when the call ends, and their blocks need not be read into the pool. False, with
 // nothing taken, when that cannot be or would not pay: then the blocks are to be changed.
 [[nodiscard]] bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second);
-// Writes what was taken so of the current file, whose other changes stay in the pool: so does this
-// one when it cannot be written.
+// Writes now what bfdirect() has taken of the current file; the changes in the pool stay there.
+// What cannot be written goes into the pool too.
 void bfwrite_direct();
 // A node to be written as a whole: zeroed, valid and modified.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
@@ -145,7 +147,8 @@ void bfignor(OpenPair& file);
 // The descriptor of a file's data is about to be closed: nothing that was read ahead through it is
 // kept.
 void bfclosing(const OpenPair& file);
-// A generation that no file has had yet, for a record that takes up another file.
+// A generation that no file has had yet, for an OpenPair that begins to serve another pair of
+// files.
 [[nodiscard]] std::uint64_t bfgeneration();
 
 }  // namespace isam

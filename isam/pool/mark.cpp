@@ -15,12 +15,13 @@ struct Mark {
   Byte raw[kMarkSize] = {};
 
   [[nodiscard]] bool is_set() const { return common::ldlong(raw) == kMarkMagic; }
-  [[nodiscard]] bool is_room() const {
+  // Nothing stands there: neither a mark nor other bytes.
+  [[nodiscard]] bool is_empty() const {
     return std::ranges::all_of(raw, [](Byte byte) { return byte == 0; });
   }
 };
 
-// What lies past the end of the file is zero.
+// Reads into a mark that is still empty: what lies past the end of the file stays zero.
 int read(const OpenPair& file, Mark& mark) {
   if (common::read_at(file.index.fd, mark.raw, kMarkOffset) >= 0) return 0;
   return failed_system(errno, Operation::kRead, FileKind::kIndex);
@@ -31,17 +32,19 @@ int write(const OpenPair& file, const Mark& mark) {
   return failed_system(errno, Operation::kWrite, FileKind::kIndex);
 }
 
-// The magic goes last: as long as it stands whole, the pair is marked, also where a write is cut
-// short. Half a magic would be taken for bytes of somebody else's.
+// Clears the process number first and the magic last, so that the pair stays marked when the first
+// write fails. When the second one fails the magic is written again: half a magic would be no mark,
+// but bytes that this system does not know.
 int clear(const OpenPair& file) {
-  constexpr Byte kZeros[kMarkSize - kMarkProcess] = {};
+  constexpr std::size_t kMagicSize = kMarkProcess;  // the magic ends where the process begins
+  constexpr Byte kZeros[kMarkSize] = {};
   const auto write_part = [&file](ConstBytes bytes, std::int64_t within) {
     return common::write_at(file.index.fd, bytes, kMarkOffset + within);
   };
-  if (write_part(kZeros, kMarkProcess) == 0) {
-    if (write_part({kZeros, kMarkProcess}, 0) == 0) return 0;
+  if (write_part({kZeros, kMarkSize - kMagicSize}, kMarkProcess) == 0) {
+    if (write_part({kZeros, kMagicSize}, 0) == 0) return 0;
     const int reason = errno;
-    Byte magic[kMarkProcess];
+    Byte magic[kMagicSize];
     common::stlong(kMarkMagic, magic);
     static_cast<void>(write_part(magic, 0));
     errno = reason;
@@ -55,11 +58,12 @@ int set_mark(OpenPair& file) {
   Mark mark;
   if (file.mark.state != MarkState::kClear) {
     if (read(file, mark) != 0) return -1;
-    if (!mark.is_room()) {
+    if (!mark.is_empty()) {
       if (file.mark.state == MarkState::kUnknown) file.mark.state = MarkState::kNotOurs;
       return 0;
     }
-    // Half of a mark that fails to be written is no reason to leave it at that.
+    // Remembered, for the write below may fail with half of a mark written. The next attempt then
+    // does not look, and does not take that half for other bytes.
     if (file.mark.state == MarkState::kUnknown) file.mark.state = MarkState::kClear;
   }
   common::stlong(kMarkMagic, mark.raw);
@@ -87,7 +91,7 @@ int remove_mark(OpenPair& file) {
 int find_mark(OpenPair& file) {
   Mark mark;
   if (read(file, mark) != 0) return -1;
-  file.mark.state = mark.is_room() ? MarkState::kClear : MarkState::kNotOurs;
+  file.mark.state = mark.is_empty() ? MarkState::kClear : MarkState::kNotOurs;
   return mark.is_set() ? 1 : 0;
 }
 

@@ -20,7 +20,9 @@ int set_mark(OpenPair& file);
 int clear_mark(OpenPair& file);
 // Clears the mark of whatever process: 0, or -1 with the system's error.
 int remove_mark(OpenPair& file);
-// Looks whether the file bears the mark of any process: 1 or 0, -1 with the system's error.
+// Looks whether the file bears the mark of any process: 1 or 0, -1 with the system's error. Sets
+// MarkState to kClear when nothing stands there, else to kNotOurs, also when the mark is this
+// process's.
 [[nodiscard]] int find_mark(OpenPair& file);
 
 }  // namespace isam

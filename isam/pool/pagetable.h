@@ -1,7 +1,7 @@
 // pagetable: finds the buffer of a page of the pool.
 //
-// Keeps   a look-up reads one line of one array of small slots, much of which stays in the
-//         processor's caches, and the buffer that it finds
+// Keeps   a look-up mostly reads one cache line of the table and the buffer that it finds. The
+//         table's slots are small, so that much of it stays in the processor's caches
 #pragma once
 
 #include <bit>
@@ -13,10 +13,11 @@
 
 namespace isam {
 
-// Open addressing.
+// A table with open addressing. At most half of its slots are taken, so every search ends. A buffer
+// must not change its file or block while it is in the table.
 class PageTable {
  public:
-  // False without memory.
+  // Makes room for `count` buffers, which `buffers` points to: false without memory.
   [[nodiscard]] bool reserve(Buffer* buffers, std::size_t count) {
     const std::size_t slots = std::bit_ceil(count * 2);
     buffers_ = buffers;
@@ -24,6 +25,7 @@ class PageTable {
     slots_ = common::make_arena<Slot>(slots);
     return slots_ != nullptr;
   }
+  // The buffer of a page; null when the table has none.
   [[nodiscard]] Buffer* find(std::int32_t block, const OpenPair* file) const {
     const std::uint16_t tag = tag_of(file);
     for (std::size_t at = home(block, tag);; at = (at + 1) & mask_) {
@@ -34,17 +36,20 @@ class PageTable {
       if (buffer->file == file) return buffer;
     }
   }
+  // Adds a buffer, whose page the table does not have yet.
   void insert(const Buffer* buffer) {
     const std::uint16_t tag = tag_of(buffer->file);
     std::size_t at = home(buffer->block, tag);
     while (slots_[at].buffer != kNone) at = (at + 1) & mask_;
     slots_[at] = {buffer->block, tag, number_of(buffer)};
   }
+  // Removes a buffer that is in the table.
   void erase(const Buffer* buffer) {
     const std::uint16_t number = number_of(buffer);
     std::size_t gap = home(buffer->block, tag_of(buffer->file));
     while (slots_[gap].buffer != number) gap = (gap + 1) & mask_;
-    // What stands behind moves up as long as its way from home leads over the gap.
+    // No search for what stands further on may end at the gap. A slot whose search begins behind
+    // the gap stays; any other one moves into the gap, and leaves a new one.
     for (std::size_t at = gap;;) {
       at = (at + 1) & mask_;
       const Slot& slot = slots_[at];
@@ -59,10 +64,11 @@ class PageTable {
  private:
   struct Slot {
     std::int32_t block;
-    std::uint16_t file_tag;  // of its address; two files may have the same
+    std::uint16_t file_tag;  // from the address of the OpenPair; two of them may have the same
     std::uint16_t buffer;    // number from 1
   };
   static constexpr std::uint16_t kNone = 0;
+  // 2^64 divided by the golden ratio: the product's high bits differ for neighbouring numbers.
   static constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
 
   [[nodiscard]] std::uint16_t number_of(const Buffer* buffer) const {

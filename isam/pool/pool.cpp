@@ -15,9 +15,12 @@ namespace {
 constexpr int kMinBuffers = 4;
 constexpr int kMaxBuffers = 32766;
 static_assert(kMaxBuffers + kMostAdded < UINT16_MAX);  // the table numbers them in 16 bits
-constexpr std::uint64_t kNodeLifetimes = 64;           // of an unused data block
+// An unused node keeps its buffer about so many times longer than an unused data block.
+constexpr std::uint64_t kNodeLifetimes = 64;
 constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
 
+// Whether a buffer can be given another page before the call ends: its page was not changed, or the
+// pair is open exclusively and no write of it has failed.
 bool may_go(const Buffer* buffer) {
   return (buffer->flags & kModified) == 0 ||
          (buffer->file->locks.exclusives > 0 && buffer->file->unwritten.lost.error == 0);
@@ -78,8 +81,9 @@ void Pool::put_in_order(Buffer* buffer) {
   (buffer->block < 0 ? data_blocks_ : nodes_).released(buffer);
 }
 
-// The buffer of its kind that was released least recently and may go; null when none may. Those
-// that may not leave the order, so that they are met once: modified_out() puts them back.
+// The buffer of one kind (nodes or data blocks) that was released least recently and may go; null
+// when none may. A buffer that may not go is taken out of the order, so that no later search meets
+// it again; modified_out() puts it back.
 Buffer* Pool::oldest_that_may_go(LruRing& order) {
   Buffer* buffer = order.oldest();
   for (; buffer != nullptr && !may_go(buffer); buffer = order.oldest()) {
@@ -88,7 +92,9 @@ Buffer* Pool::oldest_that_may_go(LruRing& order) {
   return buffer;
 }
 
-// The buffer that was released least recently, also one that may not go; null when all are busy.
+// Called when no buffer may go, and so all idle ones are out of the order. Puts these back, as they
+// follow each other in `buffs_`, and gives the first node, or the first data block when no node is
+// idle. Null when all buffers are busy.
 Buffer* Pool::oldest_of_all() {
   for (std::size_t i = 0; i < nbuffs_; ++i) {
     Buffer& buffer = buffs_[i];
@@ -98,11 +104,13 @@ Buffer* Pool::oldest_of_all() {
   return node != nullptr ? node : data_blocks_.oldest();
 }
 
-// The buffer to be reused: the one that was released least recently, where a node counts as
-// released later than it was, for it serves many records, a data block few. Null when every buffer
-// is busy. Pages that a call changed keep theirs until the call ends, so that its changes can be
-// taken back, or are written in their order: the pool grows for them. (Those of an exclusive open
-// go when they must, as long as they can be written.)
+// The buffer to be reused: the one that was released least recently. A node counts as released
+// later than it was, for it serves many records, a data block few. Null when every buffer is busy.
+//
+// Pages that a call changed keep their buffers until the call ends, so that its changes can be
+// taken back, or written in their order: the pool grows for them. When it can grow no more, one of
+// them goes all the same. (Changed pages of an exclusive open go as others do, as long as they can
+// be written.)
 Buffer* Pool::choose_victim() {
   Buffer* const node = oldest_that_may_go(nodes_);
   Buffer* const block = oldest_that_may_go(data_blocks_);
@@ -134,10 +142,12 @@ Buffer* Pool::victim() {
   for (;;) {
     Buffer* const buffer = choose_victim();
     if (buffer == nullptr || (buffer->flags & kModified) == 0) return buffer;
-    const bool others_may = may_go(buffer);
+    const bool forced = !may_go(buffer);
     if (spill(buffer) == 0) return buffer;
-    if (others_may && (buffer->flags & kModified) != 0) continue;
-    modified_out(buffer);  // there is no room for more
+    // A page that will be tried again keeps its buffer, and another buffer is looked for. Given up
+    // is a page that will not be tried again, or has to go because the pool can grow no more.
+    if (!forced && (buffer->flags & kModified) != 0) continue;
+    modified_out(buffer);
     buffer->file->unwritten.pages_lost = true;
     return buffer;
   }
@@ -155,7 +165,7 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
 Buffer* Pool::bfgetblk(std::int32_t block) {
   Buffer* buffer = table_.find(block, filep);
   if (buffer != nullptr) {
-    // Under way while the buffer's own line is waited for.
+    // The page's memory is fetched while the processor still waits for the buffer's flags.
     const Byte* const page =
         pages_.get() + static_cast<std::size_t>(buffer - buffs_.get()) * kPageStride;
     __builtin_prefetch(page);
@@ -198,6 +208,7 @@ bool Pool::load(Buffer& buffer) {
 }
 
 Buffer* Pool::bfread(std::int32_t block) {
+  // Bytes that wait to be written past the pool belong into the block that is read.
   if (block < 0 && !filep->unwritten.direct.bytes.empty() && pool_direct() != 0) return nullptr;
   Buffer* buffer = bfgetblk(block);
   if ((buffer->flags & kValid) == 0 && !load(*buffer)) {
@@ -213,8 +224,8 @@ const Buffer* Pool::data_block(std::int64_t block) const {
   return buffer != nullptr && buffer->generation == filep->cached.generation ? buffer : nullptr;
 }
 
-// Whether bytes of the current data file are in the file, to be had without a system call, and the
-// pool has none of their blocks as they are now.
+// Whether bytes of the current data file can be taken from the mapping of the file: it covers them,
+// and the pool has none of their blocks as they are now.
 bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
   if (offset < 0 || !filep->data.map.covers(size, offset)) return false;
   const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
@@ -227,15 +238,16 @@ bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
 bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   OpenPair& file = *filep;
   const std::size_t size = to.size() + behind.size();
-  // What the pool has and nobody changed is as it is in the file: not worth a look.
-  const bool unchanged =
+  // Without a modified page the pool has nothing that is not in the file: no look into it is
+  // needed.
+  const bool map_will_do =
       file.unwritten.pages == nullptr && offset >= 0 && file.data.map.covers(size, offset);
   if (!file.unwritten.direct.bytes.empty()) return false;
-  if (!unchanged && is_in_one_block(offset, size)) {
+  if (!map_will_do && is_in_one_block(offset, size)) {
     const Buffer* const block = data_block(offset / kPageSize);
     if (block != nullptr) return copy_block(*block, offset, to, behind);
     if (!file.data.map.covers(size, offset)) return false;
-  } else if (!unchanged && !only_in_file(offset, size)) {
+  } else if (!map_will_do && !only_in_file(offset, size)) {
     return false;
   }
   const auto first = static_cast<ssize_t>(to.size());

@@ -40,7 +40,7 @@ class Pool {
   int write_direct(OpenPair& file);
   void modified_out(Buffer* buffer);
   int bfdiscard(OpenPair& file);
-  void discard(OpenPair& file, std::int32_t first);
+  void bfdrop(OpenPair& file, std::int32_t first);
   void bfignor(OpenPair& file);
   // The descriptor of the file's data is about to be closed.
   void closing(const OpenPair& file) { data_window_.forget(file.data.fd); }

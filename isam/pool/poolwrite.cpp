@@ -208,7 +208,7 @@ int Pool::bfprocess(OpenPair& file, bool write) {
   return waiting;
 }
 
-void Pool::discard(OpenPair& file, std::int32_t first) {
+void Pool::bfdrop(OpenPair& file, std::int32_t first) {
   for (Buffer* at = file.unwritten.pages; at != nullptr;) {
     Buffer* const page = std::exchange(at, at->modified_next);
     if (page->block < first) continue;
@@ -221,7 +221,7 @@ int Pool::bfdiscard(OpenPair& file) {
   if (file.call.spilled) return -1;
   file.unwritten.failed = {};
   file.unwritten.direct.bytes.clear();
-  discard(file, INT32_MIN);
+  bfdrop(file, INT32_MIN);
   return 0;
 }
 
