@@ -45,7 +45,7 @@ void use(int fd) {
   filep->index.fd = fd;
 }
 
-constexpr isam::Byte kNoMagic[2] = {};  // over its magic: a file is no index any more
+constexpr isam::Byte kNoMagic[2] = {};  // in place of its magic: nobody takes the file for an index
 constexpr char kIncomplete[] = "the repair in place is not complete: run kestro again";
 
 }  // namespace
@@ -64,7 +64,7 @@ void Repair::fail(int system_error) {
 
 void Repair::give_up(int system_error) {
   fail(system_error);
-  // A repair that has begun notices at its end that it has failed.
+  // Otherwise end() sees by itself that it has failed, but under -n it looks at this alone.
   refused_ = refused_ || place_ == Place::kPair;
 }
 
@@ -88,7 +88,8 @@ const char* Repair::as_it_was() const {
              : "the index has the new node size and nothing else; the old one is NAME.IDX";
 }
 
-// Writes the pages that wait in the pool, and the dictionary with a new stamp: false on a failure.
+// Writes the pages that wait in the pool, and the dictionary with a new stamp, and gives the
+// semaphore back: false on a failure.
 bool Repair::write_out() {
   isam::clear_errors();
   isam::isexit();
@@ -148,11 +149,11 @@ void Repair::note_repaired() {
   kept_.keep();
 }
 
-// Ends a repair that has come into the pair: the kept index stays, and can undo the repair.
-void Repair::keep_kept() {
+// Ends a repair that has come into the pair: the kept index, if any, stays and can undo the repair.
+void Repair::conclude() {
   note_repaired();
   if (!kept_.is_taken()) return;
-  // For a copy complete_copy() has noted how the repaired index looks.
+  // Of a copy in the index's place complete_copy() has noted how it looks.
   if (place_ != Place::kCopy && kept_.note(filep->index.fd, filep->data.fd) != 0) {
     remark(kept_.name() + ": cannot be used to undo the repair: " + std::strerror(errno));
   }
@@ -180,7 +181,7 @@ bool Repair::begin() {
   return false;
 }
 
-// Copies the index and lets the copy serve in its place: 0, or errno.
+// Copies the index and lets the pool work on the copy: 0, or errno.
 int Repair::copy_index() {
   copy_ = std::make_unique<TemporaryFile>(index_);
   if (!*copy_) return copy_->error();
@@ -208,6 +209,8 @@ bool Repair::take_kept() {
   return false;
 }
 
+// Makes the index itself ready for the changes, as no copy can be used for this errno: false when
+// that failed.
 bool Repair::begin_in_place(int reason) {
   remark(std::string("no copy can be put in its place (") + std::strerror(reason) +
          "); it is repaired in place");
@@ -256,7 +259,8 @@ void Repair::bring_in(bool whole) {
   }
 }
 
-// Ends a repair that needed no copy: what has changed, the dictionary mostly, goes into the index.
+// Ends a repair that needed no copy. What has changed goes into the index: the dictionary, after a
+// change of node size also the node of the trail's name.
 void Repair::end_dictionary(bool whole) {
   const bool changed = filep->unwritten.dictionary || filep->call.page_changed;
   if (changed) {
@@ -267,21 +271,22 @@ void Repair::end_dictionary(bool whole) {
     note_repaired();
   }
   if (clears_mark(whole)) remove_mark();
-  keep_kept();
+  conclude();
 }
 
 void Repair::end_in_place(bool whole) {
   const bool failed_before = has_failed();
-  // Written even then: the index is not as it was any more.
+  // Written also after a failure: the index is not as it was any more.
   if (!write_out() || failed_before || !sync(filep->index.fd)) {
     return tell_failure(kIncomplete);
   }
   if (isam::clear_mark(*filep) != 0) fail(iserrno);
   if (clears_mark(whole)) remove_mark();
-  keep_kept();
+  conclude();
 }
 
-// Brings the copy, as the index is to be, and what is kept of the old index to the disk.
+// Brings the copy, as the index is to be, and what is kept of the old index to the disk. False on a
+// failure, which leave_as_it_was() tells.
 bool Repair::complete_copy(bool whole) {
   if (has_failed() || !write_out()) return false;
   if (clears_mark(whole)) remove_mark();
@@ -295,7 +300,9 @@ bool Repair::complete_copy(bool whole) {
 
 void Repair::forget_changes() {
   filep->unwritten.failed = {};
-  filep->call.spilled = false;  // written pages go with the copy, so bfdiscard() need not refuse
+  // bfdiscard() refuses when a changed page has been written. Here it went into a copy, which is
+  // given up, or into an index that is told to be incomplete.
+  filep->call.spilled = false;
   isam::bfdiscard(*filep);
   filep->call.page_changed = filep->unwritten.dictionary = false;
 }
@@ -308,12 +315,14 @@ void Repair::leave_as_it_was() {
 // Ends a repair in a copy. When no page of the copy was changed after all, the copy is not needed:
 // the dictionary goes into the index by itself.
 void Repair::end_copy(bool whole) {
-  const bool dictionary_alone = !has_failed() && !filep->call.page_changed;
-  const bool complete = !dictionary_alone && complete_copy(whole);
-  if (!complete && !dictionary_alone) leave_as_it_was();
+  if (!has_failed() && !filep->call.page_changed) {
+    use(std::exchange(locked_, -1));
+    place_ = Place::kPair;
+    return end_dictionary(whole);
+  }
+  const bool complete = complete_copy(whole);
+  if (!complete) leave_as_it_was();
   use(std::exchange(locked_, -1));
-  place_ = dictionary_alone ? Place::kPair : Place::kCopy;
-  if (dictionary_alone) return end_dictionary(whole);
   if (!complete) return;
   if (isam::lksemaphore(isam::Semaphore::kExclusive) == 0) return put_in_place();
   fail(iserrno);
@@ -332,25 +341,26 @@ void Repair::put_in_place() {
     fail(errno);
     return tell_failure(as_it_was());
   }
-  // A link made meanwhile is a second name, which would go on leading to the old index. Then EMLINK
-  // is the reason to write over; replace() gives its own.
-  if (errno = EMLINK; named.st_nlink > 1 || copy_->replace(index_) != 0) {
+  // A link made meanwhile is a second name, which would go on leading to the old index.
+  int reason = named.st_nlink > 1 ? EMLINK : 0;
+  if (reason == 0 && copy_->replace(index_) != 0) reason = errno;
+  if (reason != 0) {
     place_ = Place::kInPlace;
-    if (leaves_index_usable(errno)) return write_over();
-    fail(errno);
+    if (leaves_index_usable(reason)) return write_over(reason);
+    fail(reason);
     return tell_failure(as_it_was());
   }
   sync_folder();
   if (common::write_at(filep->index.fd, kNoMagic, 0) != 0) {
     remark(std::strerror(errno) + std::string("; end programs that wait for the pair"));
   }
-  keep_kept();
+  conclude();
 }
 
-// Makes the index like the complete copy, which cannot take its place. The bytes of the mark are
-// copied last, so that the mark stands until all others are on the disk.
-void Repair::write_over() {
-  remark(std::string("no copy can be put in its place (") + std::strerror(errno) +
+// Makes the index like the complete copy, which cannot take its place for this errno. The bytes of
+// the mark are copied last, so that the mark stands until all others are on the disk.
+void Repair::write_over(int reason) {
+  remark(std::string("no copy can be put in its place (") + std::strerror(reason) +
          "); it is repaired in place");
   const int from = copy_->fd();
   const int to = filep->index.fd;
@@ -368,7 +378,7 @@ void Repair::write_over() {
     fail(errno);
     return tell_failure(kIncomplete);
   }
-  keep_kept();
+  conclude();
 }
 
 }  // namespace checker

@@ -5,12 +5,13 @@
 // Everything that a repair changes lies in the index file. It is made in a copy, which takes the
 // index's place in one step when it is complete and on the disk: a run that is ended before that,
 // or meets an error of the system, leaves the pair as it was. A change of the dictionary alone is
-// one write. Where no copy can be made the index file itself is changed: what needs room is
-// gathered first, and the mark of unfinished changes (isam/pool/mark) stands in it meanwhile.
+// one write. Where no copy can be made, or the finished one cannot take the index's place, the
+// index file itself is changed: what needs room is gathered first, and the mark of unfinished
+// changes (isam/pool/mark) stands in it meanwhile.
 //
 // Needs   the pair locked for this process alone
-// Keeps   R1 no file is left over but what is kept on purpose (checker/keptindex); a killed run
-//            leaves one at most that the next one knows
+// Keeps   R1 no file is left over but what is kept on purpose (checker/keptindex); what a killed
+//            run leaves, the next one removes, except for a kept index that had its name
 //         R2 who has opened the old index and waits for its locks does not go on with it: its
 //            dictionary is unmade before they go
 //         R3 nothing is replaced when the name has come to lead to another file
@@ -31,15 +32,16 @@ class Repair {
  public:
   explicit Repair(Check& check) : check_(check) {}
 
-  // Removes what a killed run has left beside a pair.
+  // Removes what a killed run has left beside the pair of this base name.
   static void remove_leftovers(const std::string& name);
-  // The last question is answered: false, and said, when nothing may be changed after all.
+  // After the last question: makes the copy. False when nothing may be changed; end() tells why.
   [[nodiscard]] bool begin();
   // Whether an error of the system has ended it.
   [[nodiscard]] bool has_failed() const;
-  // Such an error came while nobody looked for it.
+  // Ends it by an error that is not in iserrno.
   void give_up(int system_error);
-  // Brings what was changed into the pair, or forgets it. `whole`: every step was taken.
+  // Brings what was changed into the pair, or forgets it; tells a failure. `whole`: every step was
+  // taken. Only then may the mark that others left in the index go.
   void end(bool whole);
 
  private:
@@ -54,7 +56,12 @@ class Repair {
   [[nodiscard]] bool mark_index();
   void remove_mark();
 
-  enum class Place { kPair, kCopy, kInPlace };
+  // What the repair changes.
+  enum class Place {
+    kPair,    // nothing before end(); then at most the dictionary and the node of the trail's name
+    kCopy,    // a copy of the index
+    kInPlace  // the index itself
+  };
 
   [[nodiscard]] int copy_index();
   [[nodiscard]] bool begin_in_place(int reason);
@@ -65,19 +72,19 @@ class Repair {
   void end_copy(bool whole);
   [[nodiscard]] bool complete_copy(bool whole);
   void put_in_place();
-  void write_over();
+  void write_over(int reason);
   static void forget_changes();
   void leave_as_it_was();
   void tell_failure(const char* state);
   void note_repaired();
-  void keep_kept();
+  void conclude();
 
   Check& check_;
   std::string index_;  // the file itself, past symbolic links
   Place place_ = Place::kPair;
   bool refused_ = false;  // nothing is written
-  bool keeps_ = false;    // the index as it was
-  int locked_ = -1;       // descriptor of the index, while another serves
+  bool keeps_ = false;    // the index as it was is to be kept
+  int locked_ = -1;       // descriptor of the index, which has its locks, while the copy's serves
   std::unique_ptr<TemporaryFile> copy_;
   KeptIndex kept_;
   std::optional<Interrupt> interrupt_;

@@ -22,7 +22,7 @@
 namespace checker {
 namespace {
 
-constexpr int kCarriedBytes = 512;  // of the key-description node
+constexpr int kCarriedBytes = 512;  // the first ones of the key-description node
 constexpr mode_t kNewPermissions = 0664;
 constexpr std::int32_t kNewNodes = 2;  // whole nodes of the new index file
 
@@ -64,7 +64,8 @@ int read_carried(Check& check, int fd, Carried& carried) {
   return got < std::max(used, isam::kEntriesOffset) ? refuse_read(got) : 0;
 }
 
-// The beginning of the node that names the audit trail: used count and name; empty for none.
+// The beginning of the node that names the audit trail: used count and name. Empty without such a
+// node, or when it cannot be read.
 std::vector<isam::Byte> read_audit_node(int fd, const isam::Dictionary& dictionary) {
   constexpr int kNameEnd = 4 + 128;  // behind the longest name of a trail
   if (dictionary.d_auditnode() <= kNewNodes) return {};
@@ -93,7 +94,8 @@ void carry_protection(Check& check, int old_fd, int new_fd) {
   }
 }
 
-// The dictionary in node 1, the descriptions in node 2, and their used count again behind them.
+// Writes the dictionary into node 1, the descriptions into node 2 and their used count again where
+// node 3 begins: nobody reads it there, but so has every version ended the file.
 int write_carried(int fd, const Carried& carried) {
   constexpr std::int64_t kSecondNode = isam::kPageSize;
   const isam::ConstBytes keys{carried.keys};
@@ -104,12 +106,12 @@ int write_carried(int fd, const Carried& carried) {
   return common::write_at(fd, keys.first(isam::kUsedBytes), 2 * kSecondNode);
 }
 
-// A file under a name that none had; empty with errno when none can be made.
 struct FreshFile {
   std::string name;
   common::FileHold fd;
 };
 
+// A file under a name that none had; without a descriptor, and with errno, when none can be made.
 FreshFile make_fresh_file(const std::string& index) {
   constexpr int kTries = 1000;
   FreshFile fresh;
@@ -165,7 +167,7 @@ void write_audit_node(Check& check) {
   const std::vector<isam::Byte> carried = std::exchange(check.audit_node, {});
   const std::int32_t node = isam::dictp->d_auditnode();
   const std::int32_t last = std::min(kNewNodes + kKeptPastEnd, isam::dictp->d_nextnode());
-  // The check may have given it up, or have been kept from that.
+  // makifree() clears a number too far behind the file's end; without it that may still stand.
   if (carried.empty() || node <= kNewNodes || node > last) return;
   isam::PageHold page = isam::bfgetclr(node);
   if (!page) return;

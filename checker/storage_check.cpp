@@ -1,7 +1,8 @@
 // storage_check: the pages that hold the variable parts of records, and their free-space lists.
 //
 // Needs   rpgmap from the data check
-// Gives   rpgmap added to idxmap, totalrpfree, badrfree
+// Gives   rpgmap added to idxmap, totalrpfree, badrfree; makrfree: the lists made anew of the pages
+//         in rpgmap
 // Never   changes a page while checking: pages with faults are reported only
 #include "checker/checks.h"
 #include "isam/base/errors.h"
@@ -40,6 +41,7 @@ void test_page(const Rpage& page, Fault fault) {
     if (slot.length != 0 && (slot.offset < 0 || slot.offset > last_byte)) fault();
   }
   if (total > geometry.capacity) fault();
+  // A record names the page, so it cannot be all free.
   if (!free_bytes_in_range(page, geometry.capacity)) fault();
 }
 
@@ -51,7 +53,8 @@ void for_each_storage_page(const Check& check, Visit visit) {
   }
 }
 
-// The class that a page's list should have; an empty page counts by its free bytes alone.
+// The class of the list that a page should be on. Unlike rpage_class_of() it has none for an empty
+// page, which counts by its free bytes.
 int listed_class(const Rpage& page) {
   const int free_bytes = page.free_bytes();
   const int by_room = free_bytes > 0 ? (free_bytes - 1) / page.geometry().class_width : 0;
@@ -111,7 +114,7 @@ void check_list(Check& check, int rpage_class) {
   if (chain.end() == isam::ChainEnd::kLast) return;
   ckrferr(check, chain.node());
   if (chain.end() == isam::ChainEnd::kUnreadable) return check.report_unreadable_node();
-  // What is wrong with the page itself is told even where the list cannot have it.
+  // Whatever else ended the walk: that the page cannot be read, or is no storage page, is told too.
   const isam::PageHold page = isam::bfread(chain.node());
   if (!page) return check.report_unreadable_node();
   if (Rpage{page}.has_magic()) return;
@@ -119,10 +122,11 @@ void check_list(Check& check, int rpage_class) {
   check.prterr();
 }
 
+// Whether rpfladd() may file a page that a record names. One whose counts say that it holds nothing
+// it would free, and the next check would find that in use and free: kNeedNot, or kMustNot when its
+// slots have lengths all the same.
 enum class Filing { kMay, kMustNot, kNeedNot };
 
-// One page's way. A record names it: one that holds nothing is not freed, or it would be found in
-// use and free by the next check; nor is one whose free bytes only claim that.
 Filing filing_of(const Rpage& page) {
   if (!page.has_magic() || page.slot_count() > page.slots_in_page() ||
       !free_bytes_in_range(page, page.geometry().capacity + 1)) {

@@ -21,7 +21,7 @@ namespace {
 
 constexpr mode_t kPrivate = 0600;
 constexpr std::string_view kOwnSuffix = ".kestro-";
-constexpr std::string_view kUnfinished = "new";  // instead of a number not known yet
+constexpr std::string_view kUnfinished = "new";  // until the inode number is known
 
 std::string own_prefix(const std::string& index) { return index + std::string(kOwnSuffix); }
 
@@ -38,7 +38,7 @@ std::string folder_of(const std::string& path) {
 }
 
 TemporaryFile::TemporaryFile(std::string index) : index_(std::move(index)) {
-  errno = EOPNOTSUPP;  // stands for the answer of a system that is not asked
+  errno = EOPNOTSUPP;  // the answer when the system is not asked
   if (may_be_nameless()) {
     fd_ = common::FileHold{
         common::open_file(folder_of(index_).c_str(), O_TMPFILE | O_RDWR, kPrivate)};
@@ -129,20 +129,23 @@ void TemporaryFile::withdraw() {
 
 namespace {
 
-// Whether a file of such a name is one that this program made and nobody uses any more.
+// Whether a file is one that this program made and nobody uses any more. `number` is what stands
+// behind ".kestro-" in its name, `index` the status of the index beside it.
 bool is_leftover(const std::string& path, std::string_view number, const struct stat& index) {
   const common::FileHold file{common::open_file(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK)};
   struct stat status {};
   if (!file || common::system_calls().fstat(file.get(), &status) != 0) return false;
   const bool numbered = number == std::to_string(status.st_ino);
   const bool unfinished = number == kUnfinished && status.st_size == 0;
-  // A run killed inside become() has left two names of one file, the own one and the new one.
+  // A run killed inside become() has left two names of one file. More names, or two of
+  // a file without its number, are not this program's.
   return S_ISREG(status.st_mode) && status.st_nlink <= (numbered ? 2 : 1) &&
          (numbered || unfinished) &&
          (status.st_uid == index.st_uid || status.st_uid == ::geteuid()) && lock(file.get());
 }
 
-// The names in a folder that look like one of ours. A run over many pairs reads a folder once.
+// The names in a folder that look like one of ours, as of the first call for it: a run over many
+// pairs of one folder reads it once.
 const std::vector<std::string>& own_names_in(const std::string& folder) {
   static std::string known;  // the folder that `names` are of
   static std::vector<std::string> names;

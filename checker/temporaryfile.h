@@ -1,8 +1,8 @@
 // temporaryfile: a file beside the index that nobody sees before it is complete.
 //
-// It has no name where the system can make such a file, else "INDEX.kestro-NUMBER" with its own
-// inode number, by which a later run knows what a killed one has left. A live run holds a lock on
-// it.
+// It has no name where the system can make a file without one, else "INDEX.kestro-NUMBER" with its
+// own inode number, by which a later run knows what a killed one has left. A live run holds a lock
+// on it.
 //
 //   TemporaryFile file{index};
 //   if (!file) return failed(file.error());

@@ -39,6 +39,7 @@ void TreeCheck::check_pair(const Item& prev, const Item& item, int equal) {
 
 inline void TreeCheck::check_record(std::int32_t record) {
   Check& check = check_;
+  // 0 and negative numbers become greater than any.
   const bool in_range = static_cast<std::uint32_t>(record) - 1 < last_record_;
   if (!in_range || !check.datmap.tstbit(record)) {
     ++found_.baddata;
@@ -47,9 +48,6 @@ inline void TreeCheck::check_record(std::int32_t record) {
   }
 }
 
-// Shows `visit` one item of a node after the other, in the two places by turns, with the key that
-// it was unpacked behind and whether it is the last; the item before stays readable. False, with
-// badindex set, when the rest of the node is unreadable.
 template <typename Visit>
 bool TreeCheck::visit_items(std::int32_t node, isam::ConstBytes area, Item (&items)[2],
                             Visit visit) {
@@ -70,8 +68,6 @@ bool TreeCheck::visit_items(std::int32_t node, isam::ConstBytes area, Item (&ite
   return true;
 }
 
-// Both walks return the item that precedes what follows the node in key order (`prev` when the
-// node adds none), or null when the rest of the node is unreadable.
 const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
                                         Item (&items)[2]) {
   progress_.at(items_);
@@ -125,14 +121,14 @@ void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
   }
   if (lists_) check_.listener.tree_node(level_, node, used);
 
-  Item items[2];
+  Item items[2];  // here, because `last` leads into it
   const auto area = page.bytes().subspan(isam::kUsedBytes, static_cast<std::size_t>(used));
   const Item* last = nullptr;
   if (page.level() == isam::kLeafLevel) {
     last = check_leaf(node, area, prev, items);
     page.release();
   } else {
-    std::array<isam::Byte, isam::kMaxNodeSize> copy;
+    std::array<isam::Byte, isam::kMaxNodeSize> copy;  // no page is held during the descent
     std::ranges::copy(area, copy.begin());
     page.release();
     last = check_upper(node, {copy.data(), area.size()}, prev, bound, items);

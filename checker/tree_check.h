@@ -51,18 +51,20 @@ class TreeCheck {
   // Checks a node and all below it. `prev` is the item that precedes them in key order (null on the
   // leftmost path), `bound` one that their last item must not exceed (null on the rightmost path).
   void cktree(std::int32_t node, const Item* prev, const Item* bound);
-  // Unpacks a node's items into the two of `items` by turns, so that `visit` has the one before at
-  // hand. False when the rest of the node cannot be read.
+  // Shows `visit` one item of a node after the other, with the key that it was unpacked behind and
+  // whether it is the last. They stand in the two of `items` by turns: the one before stays
+  // readable. False, with badindex set, when the rest of the node is malformed.
   template <typename Visit>
   bool visit_items(std::int32_t node, isam::ConstBytes area, Item (&items)[2], Visit visit);
-  // Check a node's items. They return the item that precedes what follows the node in key order
-  // (`prev` when the node adds none), or null when the rest of the node cannot be read.
+  // Check a node's items. They return the last one with a key of its own, which `items` holds
+  // (`prev` when there is none), or null when the rest of the node is malformed.
   const Item* check_upper(std::int32_t node, isam::ConstBytes area, const Item* prev,
                           const Item* bound, Item (&items)[2]);
   const Item* check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
                          Item (&items)[2]);
   // The keys of the two are known to have their first `equal` bytes in common.
   void check_pair(const Item& prev, const Item& item, int equal);
+  // Counts a leaf's pointer that is out of range, to a record not in use, or a second one to it.
   void check_record(std::int32_t record);
   void bad_format(std::int32_t node);
   void unreadable(std::int32_t node);

@@ -17,15 +17,15 @@ namespace checker {
 namespace {
 
 constexpr char kAttribute[] = "user.kestro.undo";
-constexpr char kForm[] =
+constexpr char kForm[] =  // for reading what text_of() writes
     "kestro undo 1\n"
     "repaired %" SCNd64 " %" SCNd64 ".%9ld %" SCNu32 " %16" SCNx64
     "\n"
     "kept %" SCNd64 " %" SCNd64 ".%9ld %" SCNu32 " %16" SCNx64
     "\n"
     "data %" SCNd64 " %" SCNd64 ".%9ld\n";
-constexpr std::size_t kRoom = 512;
-constexpr int kFields = 13;
+constexpr std::size_t kRoom = 512;  // twice the longest text
+constexpr int kFields = 13;         // of kForm
 
 }  // namespace
 
@@ -63,7 +63,7 @@ std::string text_of(const UndoData& data) {
 
 std::optional<UndoData> parse_undo_data(const std::string& text) {
   UndoData data;
-  const auto read_time = [](UndoData::File& file, std::int64_t seconds) {
+  const auto set_seconds = [](UndoData::File& file, std::int64_t seconds) {
     file.changed.tv_sec = static_cast<time_t>(seconds);
   };
   std::int64_t seconds[3] = {};
@@ -72,10 +72,10 @@ std::optional<UndoData> parse_undo_data(const std::string& text) {
       &data.repaired.file.changed.tv_nsec, &data.repaired.stamp, &data.repaired.checksum,
       &data.kept.file.size, &seconds[1], &data.kept.file.changed.tv_nsec, &data.kept.stamp,
       &data.kept.checksum, &data.data.size, &seconds[2], &data.data.changed.tv_nsec);
-  read_time(data.repaired.file, seconds[0]);
-  read_time(data.kept.file, seconds[1]);
-  read_time(data.data, seconds[2]);
-  // Only what would be written so is taken.
+  set_seconds(data.repaired.file, seconds[0]);
+  set_seconds(data.kept.file, seconds[1]);
+  set_seconds(data.data, seconds[2]);
+  // sscanf() is lenient: only the very text that text_of() makes is taken.
   if (fields != kFields || text_of(data) != text) return std::nullopt;
   return data;
 }

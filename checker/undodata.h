@@ -42,9 +42,11 @@ struct UndoData {
 
 // The name of the small file that stands beside a kept index.
 [[nodiscard]] std::string undo_file_of(const std::string& kept);
-// Notes it at the kept file: 0, or -1 with errno when the file can have no such attribute.
+// Notes it in the attribute of the kept file: 0, or -1 with errno. Then the caller may write the
+// small file.
 [[nodiscard]] int store_undo_data(int kept_fd, const UndoData& data);
-// What was noted for the kept index of this path; nothing when there is none that can be read.
+// What was noted for the kept index of this path, in the attribute or else in the small file;
+// nothing when neither can be read.
 [[nodiscard]] std::optional<UndoData> load_undo_data(const std::string& kept);
 
 }  // namespace checker

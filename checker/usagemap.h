@@ -5,7 +5,7 @@
 //
 // Needs   numbers from 0 to the highest that reset() was given; callers check them first
 // Keeps   the number of set bits, so that counting costs nothing
-// Gives   the previous value from every change: marking a marked number is the duplicate
+// Gives   a bit's previous value when it is changed: who marks a marked number has met a duplicate
 // Throws  std::bad_alloc
 #pragma once
 
@@ -22,7 +22,7 @@ class UsageMap {
  public:
   UsageMap() = default;
 
-  // Covers 0..highest, all clear.
+  // Covers 0..highest, all clear. A map covers nothing before.
   void reset(std::int32_t highest);
 
   bool set_bit(std::int32_t n) {
@@ -50,6 +50,7 @@ class UsageMap {
   [[nodiscard]] std::int32_t cntmap() const { return static_cast<std::int32_t>(count_); }
   // Sets every bit that is set in `other`, a map of the same size.
   void ormap(const UsageMap& other);
+  // Clears every bit.
   void clrmap();
   // Sets every bit from first to last.
   void setmap(std::int32_t first, std::int32_t last);
@@ -76,6 +77,7 @@ class UsageMap {
   static std::uint32_t chunk_of(std::int32_t n) {
     return static_cast<std::uint32_t>(n) / kChunkBits;
   }
+  // The word within the chunk.
   static std::uint32_t word_of(std::int32_t n) {
     return static_cast<std::uint32_t>(n) / kWordBits % kChunkWords;
   }
@@ -86,14 +88,17 @@ class UsageMap {
     const std::uint32_t chunk = chunk_of(n);
     return owned_[chunk] ? owned_[chunk]->data() : own(chunk);
   }
+  // Gives a shared chunk words of its own, which can be changed.
   Word* own(std::uint32_t chunk);
+  // Lets a chunk share `contents`, kClear or kSet. The count is the caller's.
   void share(std::uint32_t chunk, const Chunk& contents);
   void touch(std::uint32_t chunk);
-  // The highest number from n down to 1 whose bit differs from those of `skipped`, or 0.
+  // The highest number from n down to 1 whose bit differs from those of `skipped` (kClear or kSet),
+  // or 0.
   [[nodiscard]] std::int32_t previous_unlike(const Chunk& skipped, std::int32_t n) const;
 
-  std::vector<const Word*> directory_;  // one entry a chunk: its own words, or shared ones
-  std::vector<std::unique_ptr<Chunk>> owned_;
+  std::vector<const Word*> directory_;         // one entry a chunk: its own words, or shared ones
+  std::vector<std::unique_ptr<Chunk>> owned_;  // null for a chunk that is shared
   // Chunks outside first_touched_..last_touched_ are clear: what works on all bits skips them.
   std::uint32_t first_touched_ = UINT32_MAX;
   std::uint32_t last_touched_ = 0;

@@ -17,7 +17,7 @@ using common::ConstBytes;
 using namespace isam::txlog;
 
 // Names of opens are remembered up to this many at a time, so that a damaged log cannot take all
-// memory: no machine's processes have as many files open.
+// memory: the processes of a machine have fewer files open.
 constexpr std::size_t kMostNames = 65536;
 // Characters of a name that are remembered; the library takes none that long.
 constexpr std::size_t kLongestName = 255;
@@ -49,7 +49,7 @@ constexpr std::array kWords = {
 
 std::string bytes_text(std::size_t count) { return std::to_string(count) + " bytes"; }
 
-// What an error log says of the record before.
+// What a message record of an error log says of the record before it.
 struct Message {
   int error = 0;
   int system_error = 0;
@@ -187,7 +187,8 @@ bool is_image(LogType type) {
 }
 
 // Which record of its process comes before this one in the chain that a rollback follows, as offset
-// and length. Only marks and images belong into it: of others without a link nothing is said.
+// and length. Only marks and images belong into the chain: of others that have no link nothing is
+// said.
 std::string link_text(const LogRecord& record) {
   const Link previous = record.previous();
   if (previous.length != 0) {

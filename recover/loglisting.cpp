@@ -45,7 +45,7 @@ class Listing {
       }
       show(logged, offset);
       offset += logged.length();
-      if (type_of(logged) == LogType::kEnd) return finish();
+      if (type_of(logged) == LogType::kEnd) return finish();  // a recovery ends here as well
     }
     if (offset < file_.size) {
       damage(offset, "the log ends with a part of a record, " +
@@ -65,7 +65,7 @@ class Listing {
     transactions_.add(logged, offset);
   }
 
-  // The record is whole: it has as many bytes as its header says.
+  // Tells what is wrong with a record that is whole: it has as many bytes as its header says.
   void check(const LogRecord& logged, std::int64_t offset) {
     const auto size = static_cast<std::size_t>(logged.length());
     const int trailer = common::ldword(&logged.bytes()[size - log_record::kTrailer]);

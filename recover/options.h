@@ -9,7 +9,7 @@ namespace recover {
 // What the program is to do. kReplay applies a log.
 enum class Task { kReplay, kListLog, kListTrail, kHelp, kVersion };
 
-// How long the records in an audit trail are, when the command line says it instead of the pair.
+// How long the records in an audit trail are, as the pair or the command line says.
 struct TrailFormat {
   bool variable = false;
   int length = 0;  // bytes; with variable length the most that a record may have
@@ -22,7 +22,7 @@ struct Options {
   bool keep_going = false;  // note what cannot be applied, and go on
   bool verbose = false;     // show each record as it is applied or left out
   bool dump = false;        // list the records' bytes, too
-  std::string folder;       // to work in; empty for the present one
+  std::string folder;       // names in the log or the pair start from it; empty: the present one
   std::string file;         // the log, or the pair whose trail is listed; empty with `format`
   std::string trail;        // the trail's file; empty: the one that the pair names
   // Given: the trail is listed without its pair, and `trail` is not empty.

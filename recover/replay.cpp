@@ -19,8 +19,10 @@ namespace {
 
 using isam::txlog::kErrorLogName;
 
-// Names in the summary; a log that names more files is damaged.
+// Memory is bounded, whatever the log holds.
+// Files in the summary; a log that names more is damaged.
 constexpr std::size_t kMostFiles = 10000;
+// Unfinished transactions that are listed one by one, and records dropped with them.
 constexpr std::size_t kMostUnfinished = 1000;
 
 // Counts what a recovery does, and shows it if that is wanted.
@@ -81,7 +83,7 @@ class Reporter : public isam::txlog::RecoveryObserver {
       print("undone, for their processes were killed before they did it: " +
             std::to_string(gave_way_) + "\n");
     }
-    if (unfinished_count_ == 0) return;
+    if (unfinished_count_ == 0) return;  // without such a transaction no record was dropped
     print("transactions without an end, not applied: " + std::to_string(unfinished_count_) + "\n" +
           unfinished_);
     if (dropped_count_ == 0) return;
@@ -90,7 +92,7 @@ class Reporter : public isam::txlog::RecoveryObserver {
   }
 
   [[nodiscard]] bool left_something_out() const { return left_out_.total() != 0; }
-  // The record that was left out last, when nothing was applied since.
+  // The record that was left out last, when nothing was applied since: a recovery stops at one.
   [[nodiscard]] const std::string& last_left_out() const { return last_left_out_; }
 
  private:
@@ -104,6 +106,7 @@ class Reporter : public isam::txlog::RecoveryObserver {
     if (options_.dump) print(dump_of(record));
   }
 
+  // The counts of the record's file; those of no known file when there are too many others.
   Counts& count(const LogRecord& record) {
     const std::string name{names_.name_for(record)};
     return files_.size() < kMostFiles || files_.contains(name) ? files_[name] : files_[""];

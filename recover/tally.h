@@ -31,8 +31,8 @@ class Transactions {
   void add(const LogRecord& record, std::int64_t offset);
   // No more records follow.
   void finish();
-  // A line of totals, and one for each transaction, up to a limit for each kind. Unfinished ones,
-  // which a recovery drops, come first.
+  // A line of totals, and one for each transaction, up to a limit for each way of ending.
+  // Unfinished ones, which a recovery drops, come first.
   [[nodiscard]] std::string text() const;
 
  private:

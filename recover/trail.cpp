@@ -42,6 +42,7 @@ class Window {
   explicit Window(const PlainFile& file) : file_(file) {}
 
   // `length` bytes at `offset`, at most kWindow; fewer at the end of the file or if reading failed.
+  // They stand there until the next call.
   ConstBytes at(std::int64_t offset, std::int64_t length) {
     length = std::min(length, std::max<std::int64_t>(file_.size - offset, 0));
     if (offset < start_ || offset + length > start_ + static_cast<std::int64_t>(filled_)) {
@@ -66,8 +67,8 @@ class Window {
 };
 
 struct Entry {
-  ConstBytes bytes;  // all of it; empty when there is none
-  const char* wrong = nullptr;
+  ConstBytes bytes;             // all of it; empty when there is no sound one
+  const char* wrong = nullptr;  // why there is none
 };
 
 class TrailListing {
@@ -117,7 +118,7 @@ class TrailListing {
     return {bytes, nullptr};
   }
 
-  // Goes on to the next entry that is whole.
+  // Tells what is wrong at `offset`; the offset of the next sound entry, or the end of the trail.
   std::int64_t pass_by(std::int64_t offset, const char* wrong) {
     std::int64_t next = offset + 1;
     while (next < window_.size() && !window_.failed() && entry_at(next).wrong != nullptr) ++next;
@@ -160,10 +161,10 @@ class TrailListing {
   std::int64_t damages_ = 0;
 };
 
-// What a pair tells of its trail. Its records have the trail's format.
+// What a pair tells of its trail.
 struct Pair {
-  TrailFormat format;
-  std::string trail;  // empty when it has none
+  TrailFormat format;  // of the pair's records, and so of those in the trail
+  std::string trail;   // empty when it has none
 };
 
 // Either file of the pair stands for it.
@@ -197,7 +198,7 @@ bool go_to(const std::string& folder) {
 }  // namespace
 
 Status list_trail(const Options& options) {
-  // Both the format and the path come from the command line, or else from the pair.
+  // What of format and path the command line does not give, the pair does.
   std::optional<TrailFormat> format = options.format;
   std::string path = options.trail;
   if (!format) {

@@ -1,6 +1,7 @@
 // trail: an audit trail as the operator reads it, one line an entry.
 //
-// Needs   nothing of the trail: it is only read, and not locked
+// Needs   nothing of the trail: it is only read, and not locked; a pair that is asked for it is
+//         opened as by any program
 // Never   keeps more than a window of it in memory
 #pragma once
 
@@ -9,9 +10,9 @@
 
 namespace recover {
 
-// Prints the trail that the options name, or the one of the pair that they name. What is damaged is
-// passed by up to the next sound entry. kSome when anything was damaged, kFailed when the pair or
-// the trail cannot be read.
+// Prints the trail that the options name, or the one of the pair that they name; then it changes to
+// their folder. What is damaged is passed by up to the next sound entry. kSome when anything was
+// damaged, kFailed when the pair has no trail, or it or the trail cannot be read.
 [[nodiscard]] Status list_trail(const Options& options);
 
 }  // namespace recover
