@@ -2,7 +2,7 @@
 //
 // The library is process-wide: one open is current during a call. `openp`, `filep` and `dictp`
 // name it, its file and the file's dictionary copy; every internal operation works on them.
-// isam/files/files sets them.
+// make_current() of isam/files/files sets them; `openp` becomes null when its open is closed.
 #pragma once
 
 #include <sys/types.h>
@@ -34,11 +34,12 @@ struct FailedWrite {
   std::int32_t place = 0;  // as iserrio
 };
 
-// What one of the files has, in bytes (isam/pool/extent).
+// How far one of the files reaches (isam/pool/extent). Other opens than exclusive ones use only
+// `bytes` of the data file.
 struct Extent {
-  std::int64_t bytes = 0;  // 0: not asked yet
-  std::int64_t kept = 0;   // of them, whatever the dictionary says
-  int pages_ahead = 0;     // that it is lengthened by beyond what is needed
+  std::int64_t bytes = 0;  // its size as last known; 0: not asked yet
+  std::int64_t kept = 0;   // bytes that are not cut off, whatever the dictionary says
+  int pages_ahead = 0;     // to be taken next time beyond those that are needed
 };
 
 // Bytes of the data file that the current call changes, to be written past the pool; empty for
@@ -55,9 +56,10 @@ enum class MarkState : std::uint8_t {
   kClear,     // to be set before a change stays unwritten
   kSet,       // it stands there
   kNotOurs,   // ... but not by this process, or its place is taken: it stays as it is
-  kUnneeded,  // whoever writes the files sees to the mark
+  kUnneeded,  // a repair sees to the mark itself
 };
 
+// Whether the mark has to be set before a change stays unwritten.
 [[nodiscard]] inline bool is_missing(MarkState mark) { return mark <= MarkState::kClear; }
 
 // One of the two files of a pair. Valid while the pair is open; only `fd` of the data file goes and
@@ -67,7 +69,7 @@ struct PairFile {
   int mode = 0;      // access that it was opened with, as O_RDWR
   dev_t device = 0;  // identity, by which pairs are told apart
   ino_t inode = 0;
-  Extent extent;        // that none but an exclusive open changes
+  Extent extent;
   common::FileMap map;  // through which it is read
 };
 
@@ -87,18 +89,18 @@ struct Geometry {
 struct PairLocks {
   std::int16_t exclusives = 0;  // exclusive opens that hold the open lock
   std::int16_t filelocks = 0;   // opens that hold the whole-file lock
-  NumberSet held;               // records locked
-  NumberSet releasable;         // ... of which isrelease may let go during a transaction
-  bool kept = false;            // a transaction has changed records of it
+  NumberSet held;               // records locked, but for those of the next list
+  NumberSet releasable;         // read in a transaction: isrelease lets go of their locks in it
+  bool kept = false;            // a transaction changes records of the pair: they stay locked
 };
 
 // What a call knows of the file it works on. Valid from isenter to isexit; each call begins with a
 // fresh one (note_beginning).
 struct OfCall {
   std::int32_t nodes_before = 0;       // when it began: highest node in use
-  std::int32_t numbers_before = 0;     // ... highest data record number,
-  std::int32_t free_list_before = 0;   // ... head of the list of free ones
-  std::int32_t free_nodes_before = 0;  // ... and of that of free nodes
+  std::int32_t numbers_before = 0;     // ... highest record number in use
+  std::int32_t free_list_before = 0;   // ... head of the list of free records
+  std::int32_t free_nodes_before = 0;  // ... head of the list of free nodes
   bool page_changed = false;           // it has changed a page
   bool gives_number = false;           // it gives a record's number back
   bool spilled = false;                // a changed page has been written meanwhile
@@ -111,12 +113,12 @@ struct OfCall {
 struct Unwritten {
   Buffer* pages = nullptr;        // modified pages in the pool
   DirectWrite direct;             // bytes that are written past it
-  std::int64_t last_written = 0;  // offset of the record that was changed last
+  std::int64_t last_written = 0;  // offset that bfdirect() was asked for last
   bool dictionary = false;        // the dictionary copy differs from the file's
   int calls = 0;                  // calls of exclusive opens since the dictionary was written
-  FailedWrite failed;             // the first since it was last reported,
-  FailedWrite lost;               // ... and since it was opened exclusively,
-  bool pages_lost = false;        // ... when also pages were given up
+  FailedWrite failed;             // the first since one was last told
+  FailedWrite lost;               // ... since the pair was opened exclusively
+  bool pages_lost = false;        // since then a page has lost its buffer unwritten
 };
 
 // The mark of changes that are not written. Known from an exclusive open on.
@@ -130,8 +132,8 @@ struct Cached {
   std::uint32_t stamp = 0;       // change stamp last seen in this process
   std::uint64_t generation = 0;  // of its pages in the pool: pages of another one are stale
   Dictionary dictionary{};
-  std::vector<keydescr> keys;         // its key descriptions, as of
-  std::uint64_t keys_generation = 0;  // ... this generation
+  std::vector<keydescr> keys;         // of file_keys(), in isam/keys/keytable
+  std::uint64_t keys_generation = 0;  // generation they were read in; 0: out of date
   std::int32_t greatest_node = 0;     // that may be given out, by the file's size when last asked
   std::int32_t greatest_record = 0;   // ... and record number
 };
@@ -140,7 +142,7 @@ struct Cached {
 struct OpenPair {
   std::int16_t usecount = -1;  // opens using it; 0: idle, still open; -1: the record is free
   std::uint64_t lastuse = 0;   // value of the use counter at the last call
-  bool takes_no_open = false;  // no new open may use it
+  bool takes_no_open = false;  // no new open may use it, and it does not stay idle
   bool lists_numbers = false;  // a freed number goes on its list, even the highest
   std::string name;            // base name, without suffix
   std::string folder;          // what the name is relative to, with its "/"; may be empty
@@ -196,9 +198,9 @@ struct Open {
   // kept until then, and records that became shorter, which keep theirs.
   std::vector<std::int32_t> deleted;
   std::vector<std::int32_t> shortened;
-  std::size_t committed = 0;  // of the deleted ones, the first so many: nothing puts them back
+  std::size_t committed = 0;  // so many at the front of `deleted`: nothing puts them back
   bool frees_again = false;   // freeing what ended transactions have left has failed before
-  std::vector<std::int32_t>* listed = nullptr;  // the one that this call has put its record on
+  std::vector<std::int32_t>* listed = nullptr;  // which of the two this call has put its record on
 };
 
 extern Open* openp;

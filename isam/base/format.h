@@ -35,6 +35,7 @@ struct Dictionary {
   Byte raw[kDictionarySize];
 
   [[nodiscard]] int d_magic() const { return common::ldword(raw); }
+  // Whether the bytes are right that are the same in every dictionary.
   [[nodiscard]] bool fixed_bytes_match() const {
     return raw[2] == 2 && raw[3] == 2 && raw[4] == 4 && raw[5] == 4;
   }
@@ -56,13 +57,14 @@ struct Dictionary {
   [[nodiscard]] std::uint32_t d_modcount() const {
     return static_cast<std::uint32_t>(common::ldlong(raw + 41));
   }
+  // The next unique id.
   [[nodiscard]] std::int32_t d_uniqid() const { return common::ldlong(raw + 45); }
   // The node of the audit-trail record without the flag in the top bit; 0 for none.
   [[nodiscard]] std::int32_t d_auditnode() const { return common::ldlong(raw + 49) & 0x7FFFFFFF; }
   [[nodiscard]] int d_lockmethod() const { return common::ldword(raw + 53); }
   [[nodiscard]] std::int32_t d_altcount() const { return common::ldlong(raw + 55); }
   [[nodiscard]] int d_maxrecsize() const { return common::ldshort(raw + 59); }
-  // Head of the variable-length free-space list of a class from 0 to 4.
+  // Head of the list of storage pages of a class from 0 to 4.
   [[nodiscard]] std::int32_t d_varfree(int rpage_class) const {
     return common::ldlong(&raw[61 + 4 * rpage_class]);
   }
@@ -102,6 +104,7 @@ struct Dictionary {
     common::stlong(node, raw + 49);
     if (on) raw[49] |= 0x80;
   }
+  // Names no trail, and ends auditing.
   void clear_d_auditnode() { common::stlong(0, raw + 49); }
   void set_d_lockmethod(int value) { common::stword(static_cast<std::uint32_t>(value), raw + 53); }
   void set_d_altcount(std::int32_t count) { common::stlong(count, raw + 55); }
@@ -118,7 +121,8 @@ inline constexpr int kMarkSize = 8;
 inline constexpr std::int32_t kMarkMagic = 0x4558434C;  // "EXCL"
 inline constexpr int kMarkProcess = 4;                  // offset of the process number
 
-// The node frame of every node but node 1. Offsets from the end of a node of size N = S + 1.
+// The frame of every node but node 1: the used bytes in front, kind and level near its end. A
+// stored size is that of a node minus one.
 inline constexpr int kUsedBytes = 2;  // width of the used-byte count at the start
 [[nodiscard]] constexpr int node_type_offset(int stored_size) { return stored_size - 2; }
 [[nodiscard]] constexpr int node_level_offset(int stored_size) { return stored_size - 1; }
@@ -135,7 +139,7 @@ enum NodeLevel : Byte { kLeafLevel = 0, kStorageLevel = 0, kKeyLevel = 0x7E, kFr
 [[nodiscard]] constexpr int item_area_limit(int stored_size) { return stored_size - 4; }
 inline constexpr int kRepeatBit = 0x80;          // in a stored record pointer's first byte
 inline constexpr int kRecordPointerMask = 0x7F;  // what else that byte holds
-inline constexpr int kMaxTreeLevels = 20;        // the root is level 0
+inline constexpr int kMaxTreeLevels = 20;        // in a path; the root is level 0
 inline constexpr int kRecordPointerSize = 4;
 
 // Nodes that are lists: used count, link to the next node, entries.
@@ -162,20 +166,20 @@ inline constexpr int kVariableTrailer = 7;
 inline constexpr int kTrailerLength = 1;     // offset of the variable part's length
 inline constexpr int kTrailerReference = 3;  // offset of the variable part's reference
 
-// A variable-length storage page (rpage). S is the stored node size.
+// A variable-length storage page (rpage).
 namespace rpage {
 inline constexpr int kMagic = 0x7E26;
 inline constexpr int kMagicOffset = 2;
 inline constexpr int kNextPage = 4;
 inline constexpr int kPreviousPage = 8;
-inline constexpr int kFree = 12;
-inline constexpr int kDataEnd = 14;
-inline constexpr int kContinuation = 16;
+inline constexpr int kFree = 12;          // count of free bytes
+inline constexpr int kDataEnd = 14;       // offset behind the pieces
+inline constexpr int kContinuation = 16;  // record pointer of the next piece
 inline constexpr int kFlags = 20;
 inline constexpr int kSlotCount = 21;
 inline constexpr int kClass = 22;
-inline constexpr int kData = 23;
-inline constexpr int kSlotSize = 4;
+inline constexpr int kData = 23;     // where the pieces begin
+inline constexpr int kSlotSize = 4;  // length and offset of a piece
 inline constexpr int kMaxSlots = 255;
 inline constexpr Byte kContinues = 1;   // flag: the continuation pointer is valid
 inline constexpr Byte kNotFiled = 255;  // class of a page that is on no list yet

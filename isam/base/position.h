@@ -77,7 +77,7 @@ struct Position {
   void clear(int flags) { state = static_cast<std::uint16_t>(state & ~flags); }
 };
 
-// Which stored item an item in memory is, no node when it may be anything: a step forward from it
+// Which stored item an item in memory is, node 0 when that is not known: a step forward from it
 // needs no reading of what lies before it. Valid in the file's generation, until the tree changes.
 struct ItemPlace {
   std::uint64_t generation = 0;
@@ -85,13 +85,13 @@ struct ItemPlace {
   int offset = 0;
 };
 
-// The leaf that a search came to, its place there, and the item that it compared last before.
-// Valid as an ItemPlace is.
+// Where a search ended in a leaf: a walk to that place need not begin at the leaf's start
+// (btwalkstart). Valid as an ItemPlace is.
 struct LastSearch {
   std::uint64_t generation = 0;
   std::int32_t node = 0;
   int offset = 0;
-  int passed = 0;
+  int passed = 0;  // offset of an item before; what it leaves out the key sought has; 0: none
 };
 
 // What a call works with in the trees of its open's file: a position, and the item read last on its

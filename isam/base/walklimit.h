@@ -32,7 +32,7 @@ class WalkLimit {
 
  private:
   static constexpr std::int64_t kUnchecked = 1000;
-  static constexpr std::int64_t kMostUnwritten = 1 << 17;  // blocks that are in the pool only
+  static constexpr std::int64_t kMostUnwritten = 1 << 17;  // blocks; no pool has as many
 
   static std::int64_t most_records() {
     const std::int64_t slot = slot_size();

@@ -36,8 +36,8 @@ extern "C" {
 [[gnu::visibility("hidden"), gnu::used]] isam::FilesOpen isam_files_open;
 }
 
-// The note: sizes of name and contents, type, name, contents. These are how far it is from here to
-// the table, so that nothing has to be relocated when the object is loaded.
+// The note: sizes of name and contents, type, name, contents. The contents are the distance from
+// themselves to the table, so that nothing has to be relocated when the object is loaded.
 asm(R"(
   .pushsection .note.isam, "a", %note
   .balign 4
@@ -57,20 +57,28 @@ constexpr char kNoteName[] = "isam";
 constexpr std::string_view kStoredName{kNoteName, sizeof kNoteName};  // with its zero byte
 constexpr std::uint32_t kNoteType = 1;
 
-struct Search {
+struct Identity {
   std::uint64_t device;
   std::uint64_t inode;
+};
+constexpr Identity kNoFile{0, 0};
+
+struct Search {
+  Identity file;
   bool found = false;
 };
 
-bool has(const FilesOpen& copy, const Search& search) {
-  if (copy.process != ::getpid() || copy.entries != FilesOpen::kEntries) return false;
-  return std::ranges::any_of(copy.files, [&](const FilesOpen::Entry& entry) {
-    return entry.inode == search.inode && entry.device == search.device;
-  });
+bool is_of(const FilesOpen::Entry& entry, const Identity& file) {
+  return entry.inode == file.inode && entry.device == file.device;
 }
 
-// The tables that the notes of a segment lead to.
+bool has(const FilesOpen& copy, const Identity& file) {
+  if (copy.process != ::getpid() || copy.entries != FilesOpen::kEntries) return false;
+  return std::ranges::any_of(copy.files,
+                             [&](const FilesOpen::Entry& entry) { return is_of(entry, file); });
+}
+
+// Looks for the file in the tables of other copies that the notes of a segment lead to.
 void look_at_notes(std::span<const char> notes, std::size_t alignment, Search& search) {
   const auto padded = [=](std::size_t size) {
     return (size + alignment - 1) / alignment * alignment;
@@ -88,7 +96,7 @@ void look_at_notes(std::span<const char> notes, std::size_t alignment, Search& s
       std::int32_t distance;
       std::memcpy(&distance, from, sizeof distance);
       const auto* const copy = reinterpret_cast<const FilesOpen*>(from + distance);
-      if (copy != &isam_files_open && has(*copy, search)) search.found = true;
+      if (copy != &isam_files_open && has(*copy, search.file)) search.found = true;
     }
     notes = notes.subspan(size);
   }
@@ -106,9 +114,9 @@ int look_at_object(dl_phdr_info* object, std::size_t /*size*/, void* data) {
   return search.found ? 1 : 0;
 }
 
-void replace_entry(Search before, Search after) {
+void replace_entry(Identity before, Identity after) {
   for (FilesOpen::Entry& entry : isam_files_open.files) {
-    if (entry.inode != before.inode || entry.device != before.device) continue;
+    if (!is_of(entry, before)) continue;
     entry.device = after.device;
     entry.inode = after.inode;
     return;
@@ -119,13 +127,13 @@ void replace_entry(Search before, Search after) {
 
 void note_open(dev_t device, ino_t inode) {
   isam_files_open.process = ::getpid();
-  replace_entry({0, 0}, {device, inode});
+  replace_entry(kNoFile, {device, inode});
 }
 
-void note_closed(dev_t device, ino_t inode) { replace_entry({device, inode}, {0, 0}); }
+void note_closed(dev_t device, ino_t inode) { replace_entry({device, inode}, kNoFile); }
 
 bool another_copy_has(dev_t device, ino_t inode) {
-  Search search{device, inode};
+  Search search{{device, inode}};
   ::dl_iterate_phdr(look_at_object, &search);
   return search.found;
 }

@@ -7,8 +7,8 @@
 //
 // Keeps   K1 the tables are found whatever became of symbol names: a note in the program file or
 //            shared object that a copy is part of leads to its table
-//         K2 what a table holds is its writer's as of a process number: in a child made by fork it
-//            means nothing until its copy has been called there
+//         K2 a table counts only in the process whose number it bears: in a child made by fork not
+//            before its copy has opened something there
 #pragma once
 
 #include <sys/types.h>

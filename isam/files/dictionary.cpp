@@ -25,6 +25,7 @@ int dictread() {
   const int method = dictp->d_lockmethod();
   if (dictp->d_magic() != kDictionaryMagic || !dictp->fixed_bytes_match() ||
       stored_size < kMinStoredNodeSize || stored_size > kMaxStoredNodeSize) {
+    // A larger size that is even, too, is one of a later format.
     const bool later_format = stored_size > kMaxStoredNodeSize && stored_size % 2 == 0;
     return failed(later_format ? kFormatChange : kCorrupted);
   }

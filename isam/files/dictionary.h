@@ -1,10 +1,12 @@
-// dictionary: the first bytes of an index file, read for each call and written when it has changed.
+// dictionary: the first bytes of an index file. They are read for each call before which another
+// process may have changed them, and written when they have changed.
 #pragma once
 
 namespace isam {
 
-// Reads the dictionary into the current open pair and tells whether it is one: 0, or -1 with
-// 105 (not a dictionary, or not whole), 171 (another format) or the system's error.
+// Reads the current file's dictionary into its copy: 0, or -1 with 105 (not a dictionary, not
+// whole, or a lock method above 8), 171 (another format, or a lock method from 1 to 7) or the
+// system's error. Where the environment has RESETLOCK, any lock method is accepted.
 int dictread();
 // Writes the dictionary copy and clears its changed flag: 0, or -1 with iserrno.
 int dictwrite();

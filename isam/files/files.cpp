@@ -50,7 +50,7 @@ OpenPair* find_file(dev_t device, ino_t inode) {
   return nullptr;
 }
 
-// Null with iserrno 0 when all are in use, with 116 without memory.
+// Null when all are in use, or with 116 without memory.
 OpenPair* unused_file_record() {
   for (auto& file : files) {
     if (!file) file.reset(new (std::nothrow) OpenPair);
@@ -63,6 +63,8 @@ OpenPair* unused_file_record() {
   return nullptr;
 }
 
+// An unused record, which another pair may be closed for; null with 104 or 116. iserrno is 0
+// before.
 OpenPair* free_file_record() {
   OpenPair* file = unused_file_record();
   if (file == nullptr && iserrno == 0) {
@@ -90,14 +92,15 @@ void close_file_record(OpenPair& file) {
   --isopenfds;
 }
 
+// One open less uses the pair.
 void freefile(OpenPair& file) {
   if (--file.usecount > 0) return;
   const bool stays = isopenfds < ismaxfds && !file.takes_no_open;
   if (!stays) close_file_record(file);
 }
 
-// An idle record of this name that stands for another file than the one on disk (none: identity
-// null). One in use serves its opens on; files are shared by their identity, not by their names.
+// Closes the idle pairs of this name whose index file is not the one that has it on disk:
+// `identity`, or null for none. One in use serves its opens on.
 void retire_replaced(std::string_view name, const struct stat* identity) {
   for (const auto& file : files) {
     if (!is_open(file) || file->name != name) continue;
@@ -183,6 +186,7 @@ bool look_up(std::string_view name, struct stat& status) {
   return true;
 }
 
+// One open more uses the pair: null with EACCES when `mode` is to write what can only be read.
 OpenPair* share(OpenPair& file, int mode) {
   if (file.data.mode == O_RDONLY && mode != 0) {
     failed_system(EACCES, Operation::kOpen, FileKind::kData);
@@ -192,10 +196,11 @@ OpenPair* share(OpenPair& file, int mode) {
   return &file;
 }
 
+// What can be closed, each the pair whose last use is longest ago.
 struct Victims {
-  int open = 0;  // records in use or idle
-  OpenPair* idle = nullptr;
-  OpenPair* busy = nullptr;
+  int open = 0;              // how many pairs are open
+  OpenPair* idle = nullptr;  // to be closed as a whole
+  OpenPair* used = nullptr;  // ... or its data file and audit trail only
 };
 
 void choose(OpenPair*& best, OpenPair& file) {
@@ -210,7 +215,7 @@ Victims look_for_victims() {
     if (file->usecount == 0) {
       choose(found.idle, *file);
     } else if (file->data.fd >= 0 && !file->takes_no_open && file->unwritten.lost.error == 0) {
-      choose(found.busy, *file);
+      choose(found.used, *file);
     }
   }
   return found;
@@ -267,9 +272,10 @@ void freeopen(Open& open) {
 void forget_opens() {
   for (const auto& file : files) {
     if (!is_open(file)) continue;
-    file->call.spilled = false;
+    file->call.spilled = false;  // or bfdiscard() would refuse
     bfdiscard(*file);
-    // Another copy of the library may have locks of this process on it by now.
+    // Another copy of the library may have locks of this process on it by now, which closing the
+    // descriptor would take away: it is left open.
     if (another_copy_has(file->index.device, file->index.inode)) file->index.fd = -1;
     close_file_record(*file);
   }
@@ -315,7 +321,7 @@ void name_file(OpenPair& file, std::string_view name) {
   file.folder.clear();
   const bool relative = !name.starts_with('/');
   if (!relative || ::getcwd(folder.data(), folder.size()) == nullptr) return;
-  // A folder out of reach has no path.
+  // Of a folder out of reach the system gives a text that is no path.
   if (folder.front() == '/') file.folder = std::string(folder.data()) + '/';
 }
 
@@ -325,7 +331,7 @@ int reopen_data(OpenPair& file) {
   if (!fd) return -1;
   struct stat status {};
   if (common::system_calls().fstat(fd.get(), &status) != 0) return failed_system(errno);
-  // Another file has the name by now.
+  // Another file may have the name by now.
   if (status.st_dev != file.data.device || status.st_ino != file.data.inode) {
     return failed_system(ENOENT, Operation::kOpen, FileKind::kData);
   }
@@ -340,14 +346,15 @@ int makefile(const std::string& path, FileKind kind) {
 
 void vclose() {
   Victims found = look_for_victims();
-  while ((found.idle != nullptr || found.busy != nullptr) && found.open >= ismaxfds) {
+  while ((found.idle != nullptr || found.used != nullptr) && found.open >= ismaxfds) {
     if (found.idle != nullptr) {
       close_file_record(*found.idle);
     } else {
-      bfflush(*found.busy);
-      if (found.busy->unwritten.lost.error == 0) {
-        close_data(*found.busy);
-        close_trail(*found.busy);
+      bfflush(*found.used);
+      // What an exclusive open could not write keeps its file, which is no victim any more.
+      if (found.used->unwritten.lost.error == 0) {
+        close_data(*found.used);
+        close_trail(*found.used);
       }
     }
     found = look_for_victims();
@@ -366,7 +373,7 @@ void close_idle_files(int most) {
 int open_trail(const std::string& path) {
   common::FileHold fd = open_with_retry(path, O_WRONLY);
   if (!fd) return failed_system(errno, Operation::kOpen, FileKind::kAudit);
-  // Room for it may have been made by closing the data file of the file it belongs to.
+  // vclose() may have made room by closing the data file of this same pair.
   if (filep->data.fd < 0 && reopen_data(*filep) != 0) return -1;
   filep->trail_fd = fd.release();
   return 0;

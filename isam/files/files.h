@@ -6,8 +6,7 @@
 //            a file would drop all locks of the process on it
 //         F2 every descriptor is close-on-exec
 //         F3 an open pair whose file was replaced on disk serves its opens on: pairs are told apart
-//         by
-//            their identity, whatever their names are
+//            by their identity, whatever their names are
 // Gives   the current context for whoever works on a pair
 #pragma once
 
@@ -21,7 +20,8 @@
 
 namespace isam {
 
-// How many pairs may stay open without a user (0: none), and how many pairs are open.
+// A pair without a user stays open as long as fewer than ismaxfds pairs are open (0: none does).
+// isopenfds is how many are open, with a user or without.
 extern int ismaxfds;
 extern int isopenfds;
 
@@ -39,41 +39,43 @@ int ckfilname(const char* base);
 [[nodiscard]] int isfd_of(const Open& open);
 // Gives an open and its part in the open pair back.
 void freeopen(Open& open);
-// In a child: what the parent had open is not open here. Its numbers stay taken, for whoever still
-// uses one must not meet another open, until each is forgotten by itself.
+// In a child made by fork: closes all that the parent had open. The handles of its opens stay
+// taken, for whoever still uses one must not meet another open.
 void forget_opens();
+// Frees such a handle; does nothing for any other.
 void forget_inherited(int isfd);
 
-// Whether an index file that can only be read is accepted: nobody but a check that changes nothing
-// can work with one, which takes no exclusive lock.
+// Whether an index file that can only be read is accepted. It cannot be locked exclusively, so only
+// a check that changes nothing can work with it.
 enum class IndexAccess { kToWrite, kOrToRead };
 
-// The open pair `name`, opened unless the process already has it. `mode` 0 accepts
-// a data file that can only be read. Null with iserrno (and iserrio) when a file cannot be opened;
-// with 113 when another copy of the library in this process has it open.
+// The open pair `name`, opened unless the process already has it. `mode` 0 accepts a data file that
+// can only be read. To be called with iserrno 0. Null with the system's error when a file cannot be
+// opened, with 113 when another copy of the library in this process has it open, with 104 or 116.
 [[nodiscard]] OpenPair* allocfile(std::string_view name, int mode,
                                   IndexAccess index_access = IndexAccess::kToWrite);
-// Names an open pair, as seen from the folder of the moment.
+// Gives an open pair a name, which is relative to the process's folder of the moment.
 void name_file(OpenPair& file, std::string_view name);
-// Opens its data file again after vclose, wherever the process is by now: 0, or -1 with
-// iserrno.
+// Opens a pair's data file again after vclose(), whatever the process's folder is by now: 0, or -1
+// with iserrno, ENOENT also when the name leads to another file.
 int reopen_data(OpenPair& file);
 
-// Opens the current file's audit trail for appending: 0, or -1 with the system's error and iserrio
-// 0x13.
+// Opens the current file's audit trail for writing: 0, or -1 with the system's error and iserrio
+// 0x13, or those of reopen_data().
 int open_trail(const std::string& path);
-// Closes it, if it is open.
+// Closes a file's audit trail, if it is open.
 void close_trail(OpenPair& file);
 
-// Creates a file that must not exist, with permissions 0664: 0, or -1 with iserrno and iserrio 0x21
-// to 0x23.
+// Creates a file that must not exist, with permissions 0664 as far as the process's mask allows: 0,
+// or -1 with iserrno and iserrio 0x21 to 0x23.
 int makefile(const std::string& path, FileKind kind);
 
-// Closes descriptors when the process runs short of them: pairs without a user first, then data
-// files, to be opened again on their next call.
+// For a process short of descriptors: closes pairs without a user, then of the others data files
+// and audit trails, which their next calls open again. It closes all it can, but nothing while
+// fewer than ismaxfds pairs are open.
 void vclose();
-// Closes pairs that have no user, those not used for longest first, while more than `most` pairs
-// are open.
+// Closes pairs without a user, those not used for longest first, while more than `most` pairs are
+// open.
 void close_idle_files(int most = 0);
 
 // Makes an open and its file current.
@@ -81,6 +83,7 @@ void make_current(Open& open);
 
 // Makes sure that the shared record buffer holds more than `size` bytes: 0, or -1 with ENOMEM.
 int mktemprec(int size);
+// The shared record buffer, all of it.
 [[nodiscard]] std::span<Byte> temprecord();
 
 }  // namespace isam

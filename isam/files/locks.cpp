@@ -80,16 +80,17 @@ int request_open_lock(int type) {
 
 // Gives up the current open's part in the process's open lock.
 int release_open_lock() {
-  const bool shared_remains = filep->usecount > 1;
+  const bool others_remain = filep->usecount > 1;
   if ((openp->mode & ISEXCLLOCK) != 0) {
     // An open that never got its exclusive lock holds no part of it.
     if (filep->locks.exclusives == 0) return 0;
     if (--filep->locks.exclusives > 0) return 0;
-    return request_open_lock(shared_remains ? F_RDLCK : F_UNLCK);
+    return request_open_lock(others_remain ? F_RDLCK : F_UNLCK);
   }
-  return shared_remains ? 0 : request_open_lock(F_UNLCK);
+  return others_remain ? 0 : request_open_lock(F_UNLCK);
 }
 
+// Any reason but ENOLCK is told as 107, unless the call has an error already.
 int refused(int system_error) {
   if (system_error == ENOLCK) return failed(kNoMoreLocks);
   return failed_unless_set(kLocked);
@@ -129,7 +130,8 @@ bool outlasts_cover(RecordLock how, LockList list) {
          (openp->mode & ISEXCLLOCK) == 0;
 }
 
-// Whether the process has the record locked already; then the lock is put on the list asked for.
+// Whether the process has the record locked already. The lock moves to the held list where that is
+// asked for, never away from it.
 bool is_held(std::int32_t number, LockList list) {
   PairLocks& locks = filep->locks;
   if (!locks.held.contains(number)) {
@@ -143,7 +145,7 @@ bool is_held(std::int32_t number, LockList list) {
 int take_record(std::int32_t number, RecordLock how, LockList list) {
   if (is_held(number, list)) return 0;
   const int command = how == RecordLock::kWait ? F_SETLKW : F_SETLK;
-  const bool in_file_lock = filep->locks.filelocks > 0;
+  const bool in_file_lock = filep->locks.filelocks > 0;  // which has the record's byte already
   if (!in_file_lock && request_record(command, F_WRLCK, number) != 0) return -1;
   NumberSet& set = list == LockList::kHeld ? filep->locks.held : filep->locks.releasable;
   if (!set.insert(number)) {
@@ -160,7 +162,7 @@ int release_record(std::int32_t number) {
 }
 
 int take_file_lock() {
-  // An exclusive open of the process may end before the lock does.
+  // Asked for also beside an exclusive open of the process, which may end before the lock does.
   const bool has_it = filep->locks.filelocks > 0;
   if (!has_it && request(F_SETLK, F_WRLCK, kRecordsStart, kRecordsLength) != 0) {
     return refused(errno);
@@ -175,6 +177,7 @@ bool holds_file_lock() { return openp->holds_file_lock; }
 // Whether another open of the process has the whole file locked.
 bool another_holds_file() { return filep->locks.filelocks > (holds_file_lock() ? 1 : 0); }
 
+// Under a lock of the whole file the records stay locked, and only leave the list.
 void release_releasable() {
   while (!filep->locks.releasable.empty() && filep->locks.filelocks == 0) {
     const std::int32_t number = filep->locks.releasable.numbers().back();
@@ -204,6 +207,8 @@ void forget_records() {
   filep->locks.releasable.clear();
 }
 
+// Releases the file lock, if the current open holds it, and all record locks. An open without it
+// unlocks the whole range all the same, also where another open has it: so it has always been.
 // While a transaction has changed records of the file, these stay locked: the locks belong to the
 // process, so that any of its opens could release them.
 int release_file_lock() {
@@ -272,6 +277,7 @@ int lkfile(bool take) {
   return take ? take_file_lock() : release_file_lock();
 }
 
+// With nothing on the held list one request releases all.
 void lkrelease() {
   if (!filep->locks.held.empty()) {
     release_releasable();

@@ -11,7 +11,8 @@ struct TemporaryNames {
   std::string second;
 };
 
-// Two base names beside the pair `name` that no file has: false when there are none left.
+// Sets `names` to two base names that no file has, in the folder of the pair `name`: false when
+// there are none left.
 [[nodiscard]] bool ismkname(std::string_view name, TemporaryNames& names);
 
 }  // namespace isam

@@ -1,4 +1,3 @@
-// collating: the application's collating tables for key types KT_COLL1 to KT_COLL7.
 #include "isam/keys/collating.h"
 
 #include <array>
@@ -13,7 +12,7 @@ constexpr int kTables = 7;
 
 std::array<const Byte*, kTables> colbufs{};
 
-// The slot of a collated type, -1 for any other; KT_LOCALE has no table.
+// The slot of a collated type without KT_DESC, -1 for any other; KT_LOCALE has no table.
 int slot_of(int type) { return type != KT_LOCALE && clchktype(type) ? (type - KT_COLL1) / 16 : -1; }
 
 }  // namespace
@@ -26,8 +25,8 @@ bool clregister(int type, const Byte* table) {
 }
 
 int clkeycheck(const keydescr& k) {
-  for (int i = k.nparts; i > 0; --i) {
-    const int slot = slot_of(k.part[i - 1].type);
+  for (int i = 0; i < k.nparts; ++i) {
+    const int slot = slot_of(k.part[i].type);
     if (slot >= 0 && colbufs[static_cast<std::size_t>(slot)] == nullptr) {
       return failed(kBadCollation);
     }

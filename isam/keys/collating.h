@@ -14,7 +14,8 @@ namespace isam {
 // other type.
 bool clregister(int type, const Byte* table);
 
-// 0 when every collated part of a key has its table, else -1 with 117.
+// 0 when every collated part of a key has its table, else -1 with 117. Descending parts are not
+// looked at.
 int clkeycheck(const keydescr& k);
 
 // Compares `len` bytes by the table of a collated type: -1, 0 or 1. Without a table it returns 0

@@ -94,7 +94,7 @@ int fetch(keydescr& k, int n) {
 void count_indexes(int change) {
   dictp->set_d_nkeys(std::max(dictp->d_nkeys() + change, 0));
   dictmodify();
-  filep->cached.keys_generation = 0;  // the array of descriptions is out of date
+  filep->cached.keys_generation = 0;  // the array of file_keys() is out of date
 }
 
 // Takes the description that the chain has found out of its node.
@@ -112,7 +112,7 @@ int remove_found(const KeyChain& chain) {
   return 0;
 }
 
-// A fresh node with an empty frame, on no list and in no tree yet: its number, or -1.
+// A fresh node with this frame and zeros, on no list and in no tree yet: its number, or -1.
 std::int32_t fresh_node(int used, Byte node_type, Byte level) {
   const std::int32_t node = allocrec(FreeList::kNodes);
   if (node < 0) return -1;
@@ -136,7 +136,7 @@ struct KeyNodes : AnyNode {
   }
 };
 
-// 0, or -1 with iserrno.
+// The first node with room, else the last one: 0, or -1 with iserrno.
 int find_place(int size, Place& place) {
   NodeChain<KeyNodes> nodes{dictp->d_keysnode(), {}};
   while (const PageHold page = nodes.read()) {
@@ -233,13 +233,14 @@ int kysetroot(int n, std::int32_t root) {
 
 namespace {
 
-// The rule of a chain in a file whose last node is `last`.
+// The rule of a chain that ends before the nodes past `highest`.
 struct NodesUpTo : AnyNode {
-  std::int32_t last;
+  std::int32_t highest;
 
-  [[nodiscard]] bool may_name(std::int32_t node) const { return node <= last; }
+  [[nodiscard]] bool may_name(std::int32_t node) const { return node <= highest; }
 };
 
+// One new, empty node in place of the chain: 0, or -1 with iserrno.
 int start_chain() {
   const std::int32_t node = fresh_node(kEntriesOffset, kServiceNode, kKeyLevel);
   if (node < 0) return -1;

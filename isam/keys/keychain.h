@@ -46,8 +46,8 @@ class KeyChain {
 };
 
 // Two look-ups in one. With n from 1 it fetches description n into `k`, whatever that held. With n
-// 0 it looks for the description that defines the same key as `k`, which must be legal (else 103),
-// and copies its flags, key length and root into `k`.
+// below 1 it looks for the description that defines the same key as `k`, which must be legal (else
+// 103), and copies its flags, key length and root into `k`.
 // Returns the index number; or -1 with iserrno 105 for a malformed chain or description, with the
 // error of a read, or with iserrno as it was when there is no such description.
 int kysearch(keydescr& k, int n);
@@ -66,11 +66,11 @@ int kyremove(int n);
 // Stores another root node in description n: 0, or -1 with iserrno as above.
 int kysetroot(int n, std::int32_t root);
 
-// For a repair: makes the chain stay within the file. The file holds the nodes up to `real`, and
-// those up to `last` will be in use. In front of the first node past `last` the chain is cut; a
-// chain that begins past `last` is replaced by one new, empty node. The first node between `real`
-// and `last`, which the file lacks, becomes an empty last node. A node that cannot be read, or is
-// met twice, is left to the check's report. 0, or -1 with iserrno.
+// For a repair: makes the chain stay within the file, which holds the nodes up to `real`; those up
+// to `last` will be in use. The chain ends before its first node past `last`; when it begins there,
+// one new, empty node takes its place. A node past `real` but not past `last`, which the file
+// lacks, is made as an empty one and ends the chain. A node that cannot be read, or is met twice,
+// is left to the check's report. 0, or -1 with iserrno.
 int kycutchain(std::int32_t real, std::int32_t last);
 
 }  // namespace isam

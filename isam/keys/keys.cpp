@@ -85,8 +85,10 @@ keydescr kyunpack(const Byte* stored) {
   keydescr k{};
   k.nparts = static_cast<std::int16_t>((common::ldword(stored) - kKeyHeadSize) / kKeyPartSize);
   k.rootnode = common::ldlong(stored + kKeyRootOffset);
+  // The byte lacks the lowest flag, KF_DUPS, which stands in the length of the first part.
   k.flags = static_cast<std::int16_t>(stored[kKeyFlagsOffset] * 2);
   if (k.nparts == 0) {
+    // So applications are told of the order of record numbers.
     k.part[0].length = 2;
     k.part[0].type = KT_INT;
     return k;
@@ -146,6 +148,7 @@ KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {
   }
 }
 
+// Only bytes may be compared in part: of a number that `length` ends within all bytes count.
 int KeyOrder::compare_parts(const Byte* a, const Byte* b, int length) const {
   int left = length;
   int order = 0;

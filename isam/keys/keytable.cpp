@@ -9,7 +9,8 @@
 namespace isam {
 namespace {
 
-// Of what the library works with, more than of what is stored, must be legal.
+// Whether the library can work with an index. The chain has seen no more than that its description
+// is well formed.
 bool usable(keydescr& k) {
   const bool fits = k.nparts == 0 || kylegal(k, filep->geometry.reclen) == 0;
   return fits && (k.nparts == 0 || k.rootnode > 0);

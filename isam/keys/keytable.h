@@ -10,7 +10,8 @@
 
 namespace isam {
 
-// The file's descriptions in index order; null with iserrno when the chain is damaged.
+// The file's descriptions in index order; null with iserrno, 105 when the chain is damaged or one
+// of its indexes cannot be worked with. The array lasts until it is read again.
 [[nodiscard]] const std::vector<keydescr>* file_keys();
 
 }  // namespace isam

@@ -23,7 +23,7 @@ void put_number(const Byte* key, Byte* to) {
   } else if (std::isnan(value)) {
     sortable = ~Bits{0};
   } else {
-    const Bits bits = std::bit_cast<Bits>(value == 0 ? Number{0} : value);
+    const Bits bits = std::bit_cast<Bits>(value == 0 ? Number{0} : value);  // -0 is 0
     sortable = (bits & kSign) != 0 ? ~bits : bits | kSign;
   }
   for (std::size_t i = sizeof(Bits); i-- > 0; sortable >>= 8) to[i] = static_cast<Byte>(sortable);

@@ -1,7 +1,7 @@
 // sortkey: key values as byte strings whose plain order is the order of the key.
 //
-// Needs   a legal key description without locale parts, whose order no byte string of fixed
-//         length can give
+// Needs   a legal key description without locale parts: no byte string of fixed length can give the
+//         order of these
 // Keeps   two keys have equal sort keys exactly when KeyOrder finds them equal
 #pragma once
 
@@ -16,7 +16,7 @@ class SortKey {
  public:
   explicit SortKey(const keydescr& k) : key_(k) {}
 
-  // Whether a sort key can be made at all.
+  // Whether a key has sort keys: it has no locale part.
   [[nodiscard]] static bool possible(const keydescr& k);
   // Whether the key's own bytes are its sort key.
   [[nodiscard]] bool is_plain() const;

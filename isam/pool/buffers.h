@@ -11,7 +11,8 @@
 //
 // Needs   pages are asked for relative to the current file (`filep`)
 // Keeps   B1 a page has at most one holder
-//         B2 a modified page is written before its buffer serves another page
+//         B2 a modified page is written before its buffer serves another page; where that fails and
+//            there is no other buffer its change is lost, which is noted (Unwritten::failed)
 //         B3 the frame fields of a modified node (used count, kind, level) are put back into the
 //            page when it is released
 //         B4 of the index nodes and of the data blocks, the least recently released is the first to
@@ -26,7 +27,7 @@
 //   PageHold page = bfread(node);
 //   if (!page) return -1;               // iserrno is set
 //   page.data()[offset] = byte;
-//   page.modified();                    // written later: on reuse of the buffer or bfflush
+//   page.modified();                    // written later: on reuse of the buffer, bfflush, bfcommit
 //
 // `ISAMBUFS` (4 to 32766, default 16) sets the number of buffers to begin with.
 #pragma once
@@ -87,7 +88,7 @@ class PageHold {
     buffer_->level = level;
   }
 
-  // The page was changed: it will be written, at the latest by bfflush.
+  // The page was changed: it will be written, at the latest by bfflush or bfcommit.
   void modified() const;
   // The same for a page that loses bytes which a record may still refer to: the commit writes it
   // after the records.
@@ -96,7 +97,7 @@ class PageHold {
   // now.
   [[nodiscard]] bool is_given_up() const;
   void release();
-  // Writes the page now and gives it back: 0, or -1 with iserrno.
+  // Writes the page now, changed or not, and gives it back: 0, or -1 with iserrno.
   int write();
 
  private:
@@ -109,40 +110,43 @@ class PageHold {
 // Block `block` (byte offset / 1024) of the current data file. What lies past the end of the file
 // reads as zero bytes.
 [[nodiscard]] PageHold bfread_data(std::int32_t block);
-// Copies bytes at `offset` of the current data file into two pieces, without holding a buffer.
-// False when it takes more than a look into the pool or a mapping: then the blocks are to be read.
+// Copies bytes at `offset` of the current data file into `to`, and those that follow into `behind`,
+// without holding a buffer. False when it takes more than a look into the pool or a mapping: then
+// the blocks are to be read.
 [[nodiscard]] bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind);
-// Takes two pieces that a call writes at `offset` of the current data file: they go there by
-// themselves when the call ends, and their blocks need not be read into the pool. False, with
-// nothing taken, when that cannot be or would not pay: then the blocks are to be changed.
+// Takes two pieces that a call writes at `offset` of the current data file, one behind the other:
+// they go there by themselves when the call ends, and their blocks need not be read into the pool.
+// False, with nothing taken, when that cannot be or would not pay: then the blocks are to be
+// changed.
 [[nodiscard]] bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second);
-// Writes now what bfdirect() has taken of the current file; the changes in the pool stay there.
-// What cannot be written goes into the pool too.
+// Writes what bfdirect() has taken of the current file, and no other change. What cannot be written
+// goes into the pool, with the failure in Unwritten::failed. iserrno stays.
 void bfwrite_direct();
-// A node to be written as a whole: zeroed, valid and modified.
+// A node to be written as a whole: zeroed, valid and modified; empty with 105 for a number below 1.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
 
-// Counts a file's modified idle pages, writing each when `write` is set.
+// Counts a file's modified idle pages, and what bfdirect() has taken as one more. Writes them when
+// `write` is set.
 int bfprocess(OpenPair& file, bool write);
-// Writes all of a file's modified idle pages; how many there were. A failed write is kept in the
-// open pair (Unwritten::failed); the pages of an exclusive open stay modified, others are not tried
-// again.
+// bfprocess() that writes. A failed write is kept in the open pair (Unwritten::failed); the pages
+// of an exclusive open stay modified, others are not tried again.
 int bfflush(OpenPair& file);
-// Keeps the failure in iserrno as that of a write whose caller goes on.
+// Notes the failure in iserrno, that of a write whose caller goes on, in Unwritten.
 void bfnote_failure(OpenPair& file);
-// Writes the current file's modified idle pages, what goes past the pool, and the dictionary in the
-// order of isam/pool/writeorder, which lets other processes go on safely whenever this one is
-// killed. The first failure, or one that bfnote_failure() has noted before, ends it: what was
-// written is taken back, all pages are forgotten and -1 returned with iserrno. Else 0.
+// Writes the modified idle pages of `file`, which is the current one, what goes past the pool, and
+// the dictionary in the order of isam/pool/writeorder, which lets other processes go on safely
+// whenever this one is killed. The first failure, or one that bfnote_failure() has noted before,
+// ends it: what it has written is taken back, all pages are forgotten and -1 returned with iserrno.
+// Else 0.
 int bfcommit(OpenPair& file);
-// Takes the changes since the last commit back, unless some of them have been written already: 0,
-// or -1. The dictionary is the caller's.
+// Forgets a file's unwritten changes, those of the current call: 0, or -1 and nothing done when one
+// has been spilled. The dictionary is the caller's.
 int bfdiscard(OpenPair& file);
-// Forgets what changed of nodes from number `first` on; INT32_MIN: of all of the file.
+// Forgets the modified nodes from number `first` on; with INT32_MIN all modified pages of the file.
 void bfdrop(OpenPair& file, std::int32_t first);
-// How many of a file's idle pages are modified.
+// bfprocess() that only counts.
 int bfpend(OpenPair& file);
-// Forgets every idle page of a file. A modified one is fatal: its change would be lost.
+// Forgets every idle page of a file. A change that waits to be written is fatal: it would be lost.
 void bfignor(OpenPair& file);
 // The descriptor of a file's data is about to be closed: nothing that was read ahead through it is
 // kept.

@@ -8,7 +8,7 @@
 namespace isam {
 namespace {
 
-constexpr int kMostAhead = 15;
+constexpr int kMostAhead = 15;  // pages
 
 // Zero bytes up to `to`, or the file as it was: 0, or -1 with errno.
 int fill(PairFile& file, std::int64_t from, std::int64_t to) {
@@ -22,6 +22,7 @@ int fill(PairFile& file, std::int64_t from, std::int64_t to) {
   return -1;
 }
 
+// Cuts off what lies behind the first `used` bytes, as far as it was reserved.
 void cut(PairFile& file, std::int64_t used) {
   Extent& extent = file.extent;
   const std::int64_t end = std::max(used, extent.kept);
@@ -49,12 +50,13 @@ int lengthen(FileKind kind, std::int64_t from, std::int64_t to) {
   if (start < to) {
     const int page = index ? node_size() : static_cast<int>(kPageSize);
     const std::int64_t ahead = std::int64_t{extent.pages_ahead} * page;
+    // What is needed alone, where the disk has no room for more.
     if ((ahead == 0 || fill(file, start, to + ahead) != 0) && fill(file, start, to) != 0) {
       return failed_system(errno, Operation::kWrite, kind);
     }
     extent.pages_ahead = std::min(2 * extent.pages_ahead + 1, kMostAhead);
   }
-  // Nodes in use are told by the dictionary.
+  // A block that was needed once stays. Of the nodes only those stay that the dictionary tells of.
   if (!index) extent.kept = std::max(extent.kept, to);
   return 0;
 }

@@ -1,13 +1,13 @@
-// extent: what lengthens the files of an exclusive open.
+// extent: the room that an exclusive open takes in its files before it writes there.
 //
-// Its pages are written when their call is long over. Where they will lengthen a file zero bytes do
-// so before, so that a full disk fails the call that needs the room. They do so for more and more
-// pages at a time, so that a long load has few writes of that kind.
+// Its pages are written when their call is long over. Where they will lengthen a file, the call
+// writes zero bytes there at once, so that a full disk fails the call that needs the room. Each
+// such write takes more pages than the one before, so that a long load has few of them.
 //
-// Needs   the current file; others than exclusive opens' are left alone: what they change is
-//         written when the call ends
+// Needs   the current file. Without an exclusive open nothing is reserved: what a call of a shared
+//         one changes is written when the call ends
 // Keeps   X1 room that cannot be had in full leaves the file as it was
-//         X2 what was reserved and is not needed goes when the file is flushed or given up
+//         X2 what was reserved and is not needed is cut off when all changes are written
 //         X3 a disk that has room for what is needed, but for no more, fails nothing
 #pragma once
 
@@ -18,14 +18,14 @@
 
 namespace isam {
 
-// What the files have is not known from before.
+// Forgets how large the current pair's files are.
 void forget_extent();
 
-// Room for these bytes of a file, from the first of their pages on: 0, or -1 with the system's
-// error.
+// Zero bytes up to `to`, and some ahead, where the file ends before `to`: from its end on, or from
+// `from` when that is behind its end. 0, or -1 with the system's error.
 int lengthen(FileKind kind, std::int64_t from, std::int64_t to);
 
-// While it lives room need not be had: what a failed call puts back was there before.
+// While it lives no room is reserved: a failed call puts back what was there before.
 class RoomIsThere {
  public:
   RoomIsThere() : call_(filep->call) { call_.has_room = true; }
@@ -37,7 +37,7 @@ class RoomIsThere {
   OfCall& call_;
 };
 
-// Whether the current file's room is seen to here.
+// Whether room is to be reserved for what changes in the current file.
 [[nodiscard]] inline bool reserves_room() {
   return filep->locks.exclusives > 0 && filep->mark.state != MarkState::kUnneeded &&
          !filep->call.has_room;
@@ -61,7 +61,7 @@ class RoomIsThere {
   return lengthen(FileKind::kData, first, end_of_slot(k));
 }
 
-// Cuts off what was reserved past the last node and block in use.
+// Cuts off what was reserved past the last node and block in use. A failure leaves it there.
 void cut_unused_room();
 
 }  // namespace isam

@@ -32,12 +32,13 @@ class LruRing {
     *this = std::move(larger);
     return true;
   }
+  // Takes note of a release, whose number `buffer->released` is. There is room for the buffer.
   void released(Buffer* buffer) {
     if (end_ - begin_ > mask_) compact();
     ring_[end_ & mask_] = buffer;
     numbers_[end_++ & mask_] = buffer->released;
   }
-  // Null when every buffer is busy.
+  // The buffer that was released longest ago, which stays in the ring; null when no release counts.
   [[nodiscard]] Buffer* oldest() {
     for (; begin_ != end_; ++begin_) {
       if (counts(begin_)) return ring_[begin_ & mask_];

@@ -13,8 +13,11 @@
 
 namespace isam {
 
-// Sets this process's mark: 0, or -1 with the system's error. Where a mark stands already,
-// whosever it is, or other bytes have its place, it writes nothing and gives 0 too.
+// set_mark() and clear_mark() keep the pair's MarkState true, unless it is kUnneeded; remove_mark()
+// leaves it as it is.
+
+// Sets this process's mark: 0, or -1 with the system's error. Unless the state is kClear it looks
+// first: where a mark stands, whosever it is, or other bytes, it writes nothing and gives 0 too.
 int set_mark(OpenPair& file);
 // Clears the mark that this process has set, if it has: 0, or -1 with the system's error.
 int clear_mark(OpenPair& file);

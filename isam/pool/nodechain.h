@@ -3,10 +3,11 @@
 //
 // Needs   a rule: which numbers the chain may name, which pages it may consist of, and whether a
 //         node has been met before
-// Keeps   N1 every walk ends: no node is given twice, whatever the file says
-//         N2 only the walk follows a link (ListLink, or the Link that it was made for)
+// Keeps   N1 every walk ends, whatever the file says. How often it may give a node before is up to
+//            the rule
+//         N2 only the walk reads where a link leads (a ListLink, or the Link that it is made with)
 // Gives   one page after the other, and why the walk ended
-// Never   sets iserrno; a page that cannot be read has
+// Never   sets iserrno, but for a page that cannot be read
 //
 //   NodeChain<AnyNode> chain{dictp->d_freenode(), {}};
 //   while (const PageHold page = chain.read()) {
@@ -33,9 +34,11 @@ enum class ChainEnd : std::uint8_t {
   kMalformed,  // a page that is no node of such a chain
 };
 
-// Tells a walk that it goes round: a node remembered at growing distances meets every loop.
+// Tells a walk that it goes round. It remembers one node, and another one at growing distances,
+// which finds every loop, but not at once: of n nodes a walk may be given 3n pages before.
 class LoopGuard {
  public:
+  // Whether `node`, the next of the walk, is the one remembered.
   [[nodiscard]] bool meets(std::int32_t node) {
     if (node == remembered_) return true;
     if (nodes_ == next_) {
@@ -52,7 +55,7 @@ class LoopGuard {
   std::int64_t next_ = 0;  // the count of nodes at which one is remembered
 };
 
-// The rule of a chain about which nothing is known.
+// The rule of a chain about which nothing is known: it may give nodes of a loop more than once.
 struct AnyNode {
   LoopGuard guard;
 

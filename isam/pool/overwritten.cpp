@@ -10,6 +10,7 @@ void Overwritten::begin() {
 }
 
 void Overwritten::reserve(std::size_t pages) {
+  // Two pieces more: the dictionary, and bytes that go past the pool.
   if (pieces_.size() < pages + 2) pieces_.resize(2 * pages + 2);
   const std::size_t most = pages * kMaxNodeSize + sizeof(Dictionary);
   if (bytes_.size() < most) bytes_.resize(2 * most);
@@ -31,7 +32,7 @@ void Overwritten::write_back(OpenPair& file) {
   };
   cut(file.index.fd, index_size_, file.index.map);
   cut(file.data.fd, data_size_, file.data.map);
-  file.data.extent.bytes = 0;
+  file.data.extent.bytes = 0;  // to be asked again
 }
 
 }  // namespace isam

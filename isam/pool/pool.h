@@ -1,7 +1,8 @@
 // pool: the buffers behind isam/pool/buffers.h.
 //
 // pool.cpp finds, reads and reuses buffers, poolwrite.cpp writes what was changed, writeorder.cpp
-// what a call changed of a file that other processes use.
+// what a call changed of a file that other processes use. A function that buffers.h has too does
+// what is said there. Here a data block's number has its top bit set.
 #pragma once
 
 #include <cstddef>
@@ -20,29 +21,33 @@
 namespace isam {
 
 inline constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit of a data block's number
-inline constexpr std::size_t kMostAdded = 2048;        // buffers, more than one call changes
+inline constexpr std::size_t kMostAdded = 2048;        // buffers that the pool grows by at most
 inline constexpr std::int64_t kSystemPage = 4096;
 
 class Pool {
  public:
   Pool();
+  // A busy buffer for a page of the current file, which it may have already; nothing is read.
   Buffer* bfgetblk(std::int32_t block);
   Buffer* bfread(std::int32_t block);
   Buffer* bfgetclr(std::int32_t block);
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
+  // Both write a page: 0, or -1 with the failure in iserrno and noted. One of an exclusive open
+  // then stays modified.
   int bfwrite(Buffer* buffer);
   int write_buffer(Buffer* buffer);
   void modified(Buffer* buffer);
-  bool take_direct(std::int64_t offset, ConstBytes first, ConstBytes second);
-  void write_direct_or_pool();
+  bool take_direct(std::int64_t offset, ConstBytes first, ConstBytes second);  // bfdirect
+  void write_direct_or_pool();                                                 // bfwrite_direct
   int bfprocess(OpenPair& file, bool write);
   int write_direct(OpenPair& file);
+  // The page is written, or its change is lost.
   void modified_out(Buffer* buffer);
   int bfdiscard(OpenPair& file);
   void bfdrop(OpenPair& file, std::int32_t first);
   void bfignor(OpenPair& file);
-  // The descriptor of the file's data is about to be closed.
+  // What bfclosing() does.
   void closing(const OpenPair& file) { data_window_.forget(file.data.fd); }
   common::ReadAhead& window_of(FileKind kind) {
     return kind == FileKind::kData ? data_window_ : index_window_;
@@ -51,9 +56,9 @@ class Pool {
   WriteOrder& order() { return order_; }
 
  private:
-  static constexpr std::uint64_t kOutOfOrder = 0;  // for the time of a release
+  static constexpr std::uint64_t kOutOfOrder = 0;  // of Buffer::released: in no ring
 
-  // Idle, but among those that may not give their buffers up.
+  // Idle, but left out by oldest_that_may_go() because it may not give its buffer up.
   static bool is_out_of_order(const Buffer& buffer) {
     return buffer.released == kOutOfOrder && (buffer.flags & kBusy) == 0;
   }
@@ -82,8 +87,8 @@ class Pool {
   common::Arena<Byte> pages_;
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
-  std::vector<Buffer*> to_write_;
-  std::vector<Byte> run_;  // neighbouring pages on their way out
+  std::vector<Buffer*> to_write_;  // of modified_pages()
+  std::vector<Byte> run_;          // neighbouring pages on their way out
   WriteOrder order_;
 };
 

@@ -13,7 +13,7 @@
 namespace isam {
 namespace {
 
-// What an exclusive open could not write stays in the pool, to be tried again.
+// Whether what cannot be written stays in the pool, to be tried again: under an exclusive open.
 bool waits_on(const OpenPair& file) {
   return file.locks.exclusives > 0 && file.mark.state != MarkState::kUnneeded;
 }
@@ -71,7 +71,8 @@ int Pool::bfwrite(Buffer* buffer) {
   return result;
 }
 
-// A buffer beside another one of the same file, with a modified idle page; null when there is none.
+// The buffer of the page before (`step` -1) or behind (1) another one in the file, if that page is
+// modified and idle; else null.
 Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
   if (buffer.block == (step < 0 ? kDataBlock : INT32_MAX)) return nullptr;
   Buffer* const beside = table_.find(buffer.block + step, buffer.file);
@@ -79,8 +80,8 @@ Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
   return waits ? beside : nullptr;
 }
 
-// Writes a page, and in one piece with it those beside it that wait as well, within one page of the
-// system: it takes small writes into what was written in large pieces badly.
+// Writes a page, and in one piece with it the modified ones beside it within one page of the
+// system: the system is slow with small writes into what was written in large pieces.
 int Pool::write_buffer(Buffer* buffer) {
   const auto system_page = [](const Buffer& of) { return bfmapaddr(of).offset / kSystemPage; };
   const std::int64_t within = system_page(*buffer);
@@ -113,6 +114,7 @@ int Pool::write_buffer(Buffer* buffer) {
   return result;
 }
 
+// The file's modified idle pages. Good until it is asked again.
 const std::vector<Buffer*>& Pool::modified_pages(const OpenPair& file) {
   to_write_.clear();
   for (Buffer* at = file.unwritten.pages; at != nullptr; at = at->modified_next) {
@@ -170,7 +172,7 @@ void Pool::write_direct_or_pool() {
 int Pool::pool_direct() {
   OpenPair& file = *filep;
   std::vector<Byte> bytes = std::move(file.unwritten.direct.bytes);
-  file.unwritten.direct.bytes.clear();
+  file.unwritten.direct.bytes.clear();  // or bfread() would come back here
   ConstBytes rest = bytes;
   for (std::int64_t at = file.unwritten.direct.offset; !rest.empty();) {
     Buffer* const block = bfread(static_cast<std::int32_t>(at / kPageSize) | kDataBlock);
@@ -199,6 +201,7 @@ int Pool::bfprocess(OpenPair& file, bool write) {
     bfnote_failure(file);
   }
   for (Buffer* page : pages) {
+    // One may have been written with its neighbour.
     if ((page->flags & kModified) != 0) write_buffer(page);
   }
   if (write_direct(file) != 0) {

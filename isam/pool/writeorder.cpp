@@ -39,8 +39,8 @@ WriteStep step_of(const Buffer& page) {
                                                        : WriteStep::kFreeLists;
 }
 
-// The head of the list of free nodes in step kDictionary: the first node behind the nodes that go
-// out in step kStorageGivenUp. 0, an empty list, when it cannot be read.
+// The head of the list of free nodes for step kDictionary: the first one that does not go out in
+// step kStorageGivenUp. 0, an empty list, when a node cannot be read.
 std::int32_t free_nodes_written() {
   const KeepError keep;
   NodeChain<AnyNode> chain{dictp->d_freenode(), {}};
@@ -96,7 +96,7 @@ WriteOrder::WriteOrder(Pool& pool) : pool_(pool) {
 
 // Makes the dictionary of step kDictionary: what the call gives back is not free in it yet. As long
 // as an index or a record may refer to it, nobody else gets it.
-// (Nodes that give storage up exist with variable length only.)
+// (Only with variable length may the list of free nodes begin with nodes that give storage up.)
 void WriteOrder::withhold_given(const OpenPair& file) {
   dictionary_ = file.cached.dictionary;
   if (file.call.gives_number) {
