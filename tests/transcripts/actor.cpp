@@ -4,9 +4,10 @@
 //
 // Each LINE is the descriptor of a socket, a message an order; this process obeys what comes by
 // LINE number WHICH, one that it forks has another. Answers "ok", what there is to show, or "!" and
-// iserrno. "waits" comes ahead of an answer when a lock request has to wait for another process,
-// "paused" when the process stands before a system call as it was told to; the next message makes
-// it go on. tests/scripts/README.md tells the words; modes and errors come as numbers.
+// iserrno, or "~" and iserrno where a call succeeds with one. "waits" comes ahead of an answer when
+// a lock request has to wait for another process, "paused" when the process stands before a system
+// call as it was told to; the next message makes it go on. tests/scripts/README.md tells the words;
+// modes and errors come as numbers.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include <map>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 #include "tests/support/between.h"
@@ -62,7 +64,7 @@ struct Asked {
     ::iserrno = 0;
     return show(0, number);
   }
-  int show(int result, int number) {
+  int show(int result, long number) {
     shown = std::to_string(number);
     return result;
   }
@@ -127,6 +129,7 @@ const std::map<std::string, int (*)(Asked&)> kOthers = {
        const std::string from = a.word();
        return ::isrename(from.c_str(), a.word().c_str());
      }},
+    {"xgetlen", [](Asked& a) { return a.show(::isxgetlen(), 0); }},
     {"delrec", [](Asked& a) { return ::isdelrec(a.session.isfd, a.number()); }},
     {"setunique", [](Asked& a) { return ::issetunique(a.session.isfd, a.number()); }},
     {"filelocked",
@@ -219,6 +222,28 @@ struct Concern {
   }
 };
 
+// A rule under which calls fail.
+struct Fault {
+  Concern calls = {};
+  int error = 0;  // below 0: a signal
+  // '#': the call of that number alone, '+': from there on, 'x': so many times, '@': what ends
+  // behind that byte, '*': always
+  char when = '*';
+  long number = 0;
+  long met = 0;
+
+  int of(const SystemCall& call) {
+    if (!calls(call)) return 0;
+    ++met;
+    const bool now = when == '*' || (when == '#' && met == number) ||
+                     (when == '+' && met >= number) || (when == 'x' && met <= number) ||
+                     (when == '@' && call.at + static_cast<off_t>(call.count) > number);
+    if (!now || error >= 0) return now ? error : 0;
+    ::raise(-error);
+    return 0;
+  }
+};
+
 class Actor {
  public:
   Actor(std::vector<int> lines, std::size_t which, bool varying)
@@ -235,7 +260,7 @@ class Actor {
       } catch (const std::exception& error) {
         said = std::string("cannot: ") + error.what();
       }
-      tell(said);
+      if (!std::exchange(said_nothing_, false)) tell(said);
     }
   }
 
@@ -263,8 +288,8 @@ class Actor {
     const int error = ::iserrno;
     if (!words || !(words >> std::ws).eof()) throw std::runtime_error("too few or many words");
     if (result == kGarbled) return "garbled";
-    if ((result < 0) != (error != 0)) return "contradicts " + std::to_string(error);
-    return result < 0 ? '!' + std::to_string(error) : asked.shown;
+    if (result < 0) return '!' + std::to_string(error);
+    return error == 0 ? asked.shown : '~' + std::to_string(error);
   }
 
   // What is no call: rules for the system, and the process itself.
@@ -274,7 +299,10 @@ class Actor {
     } else if (what == "forks") {
       const auto other = static_cast<std::size_t>(asked.word()[0] - 'a');
       const pid_t child = ::fork();
-      if (child == 0) line_ = lines_.at(other);
+      if (child == 0) {
+        line_ = lines_.at(other);
+        said_nothing_ = true;  // the parent answers
+      }
       asked.show(0, child);
     } else if (what == "goes-to") {
       std::filesystem::current_path(asked.word());
@@ -282,16 +310,17 @@ class Actor {
       pause_.kind = asked.word();
       pause_.file = asked.word();
     } else if (what == "fails") {
-      failing_.kind = asked.word();
-      failing_.file = asked.word();
-      error_ = asked.number();
-      if (!(asked.words >> when_ >> nth_)) when_ = '*';
+      Fault fault;
+      fault.calls.kind = asked.word();
+      fault.calls.file = asked.word();
+      fault.error = asked.number();
+      asked.words >> fault.when >> fault.number;
       asked.words.clear();
-      met_ = 0;
+      faults_.push_back(fault);
     } else if (what == "works") {
-      failing_ = {};
+      faults_.clear();
     } else if (what == "met") {
-      asked.show(0, met_);
+      asked.show(0, faults_.back().met);
     } else if (what == "refuses") {
       refusal_.begin(asked.number());
     } else if (what == "refused") {
@@ -309,33 +338,23 @@ class Actor {
       static_cast<void>(hear());
     }
     if (const int refused = refusal_.before(call); refused != 0) return refused;
-    if (const int error = failure(call); error != 0) return error;
+    for (Fault& fault : faults_) {
+      const int error = fault.of(call);
+      if (error != 0) return error;
+    }
     if (call.kind == SystemCall::kLock && call.flags == F_SETLKW &&
         ::fcntl(call.fd, F_SETLK, call.lock) != 0) {
       tell("waits");
     }
     return 0;
   }
-  int failure(const SystemCall& call) {
-    if (!failing_(call)) return 0;
-    ++met_;
-    const bool now = when_ == '*' || (when_ == '#' && met_ == nth_) ||
-                     (when_ == '+' && met_ >= nth_) || (when_ == 'x' && met_ <= nth_);
-    if (!now || error_ >= 0) return now ? error_ : 0;
-    ::raise(-error_);
-    return 0;
-  }
-
   std::vector<int> lines_;  // of this process and those that it forks
   int line_;
+  bool said_nothing_ = false;
   bool varying_;
   std::map<int, Session> sessions_;
   Concern pause_;
-  Concern failing_;
-  int error_ = 0;  // below 0: a signal
-  char when_ = 0;  // '#': at the nth alone, '+': from there on, 'x': so many times, '*': always
-  int nth_ = 0;
-  int met_ = 0;  // since the rule was made
+  std::vector<Fault> faults_;
   RefusedWrite refusal_;
 };
 

@@ -8,6 +8,8 @@ Of the cases whose first line holds one of the words CASE, or of all. --update w
 into the file, to be read by you. Exit status 0: all is as it should be; 1: it is not.
 """
 import argparse
+import collections
+import difflib
 import errno
 import fcntl
 import os
@@ -19,6 +21,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import time
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 SCRIPTS = SOURCE / 'tests' / 'scripts'
@@ -38,7 +41,13 @@ MODES = {'input': 'ISINPUT', 'output': 'ISOUTPUT', 'inout': 'ISINOUT', 'manual':
 # Where a call's words have one.
 MODE_AT = {'open': 3, 'build': 3, 'start': 3, 'read': 2, 'find': 2, 'audit': 2}
 RECORDS, OPEN_LOCK, END = 0x40000000, 0x7FFFFFFF, 0x80000000
-LONGEST = 60  # seconds
+LONGEST = 30  # seconds
+RANGE = re.compile(r' (\d+)-(\d+)(?:/(\d+))?(?=\D|$)')
+
+
+def numbers_of(found):
+    """"3-9" and, with each third, "3-9/3"."""
+    return range(int(found[1]), int(found[2]) + 1, int(found[3] or 1))
 
 
 def number_of_mode(words):
@@ -57,18 +66,28 @@ class Cast:
         self.ours = {name: pair[0] for name, pair in zip(self.NAMES, pairs)}
         self.theirs = [pair[1].fileno() for pair in pairs]
         self.keep = pairs
-        self.processes, self.numbers, self.paused = {}, {}, set()
+        self.processes, self.numbers, self.all_numbers, self.paused = {}, {}, {}, set()
 
     def hear(self, name):
-        self.ours[name].settimeout(LONGEST)
-        try:
-            answer = self.ours[name].recv(4096).decode()
-        except TimeoutError:
-            return 'is silent'
+        answer, until = None, time.monotonic() + LONGEST
+        while answer is None:
+            gone = name not in self.processes or self.processes[name].poll() is not None
+            try:
+                self.ours[name].settimeout(0.05)
+                answer = self.ours[name].recv(4096).decode()
+            except TimeoutError:
+                if gone and name in self.processes:
+                    self.end(name)
+                    return 'is gone'
+                if time.monotonic() > until:
+                    return 'is silent'
         self.paused.discard(name)
         if answer == 'paused':
             self.paused.add(name)
-        return ERRORS.get(int(answer[1:]), answer) if answer[:1] == '!' else answer
+        if answer[:1] not in ('!', '~'):
+            return answer
+        name = ERRORS.get(int(answer[1:]), answer)
+        return name if answer[0] == '!' else f'ok with {name}'
 
     def tell(self, name, order):
         self.ours[name].send(order.encode())
@@ -77,7 +96,8 @@ class Cast:
     def start(self, name):
         words = [self.given.actor, self.kind, str(self.NAMES.index(name)), *map(str, self.theirs)]
         process = subprocess.Popen(words, cwd=self.folder, pass_fds=self.theirs)
-        self.processes[name], self.numbers[name] = process, process.pid
+        self.processes[name] = process
+        self.numbers[name] = self.all_numbers[name] = process.pid
 
     def end(self, name):
         process = self.processes.pop(name, None)
@@ -88,6 +108,11 @@ class Cast:
             os.kill(self.numbers[name], signal.SIGKILL)
         self.numbers.pop(name, None)
         return 'ok'
+
+    def __del__(self):
+        for ours, theirs in self.keep:
+            ours.close()
+            theirs.close()
 
     def go_on(self, name):
         """The rest of a call that waits or is paused. It may wait again, for the other's call."""
@@ -112,7 +137,7 @@ class Cast:
             words[4] = str(FAILURES[words[4]])
         answer = self.tell(name, ' '.join(words))
         if what == 'forks':
-            self.numbers[words[2]] = int(answer)
+            self.numbers[words[2]] = self.all_numbers[words[2]] = int(answer)
             return 'ok'
         return answer
 
@@ -144,10 +169,10 @@ class Stage:
 
     def order_all(self, line):
         """"20-59" stands for each of these numbers, until one fails."""
-        found = re.search(r' (\d+)-(\d+)', line)
+        found = RANGE.search(line)
         if not found:
             return self.cast.order(line)
-        for number in range(int(found[1]), int(found[2]) + 1):
+        for number in numbers_of(found):
             answer = self.cast.order(f'{line[:found.start()]} {number}{line[found.end():]}')
             if answer.startswith(('ISE', 'E')):
                 return f'{answer} at {number}'
@@ -158,14 +183,24 @@ class Stage:
 
     def refuse_each(self, who, line):
         met, write = set(), 0
+        def position():
+            return [self.cast.order(f'{who} read {mode}') for mode in ('curr', 'next')]
         while True:
-            before = self.files()
+            self.cast.order(f'{who} read first')
+            first = position()
+            self.cast.order(f'{who} read first')
+            before, number = self.files(), self.cast.order(f'{who} recnum')
             self.cast.tell(who[0], f'{who} refuses {write}')
             answer = self.cast.order(line)
             if self.cast.tell(who[0], f'{who} refused') == '0':
                 return ', '.join([*sorted(met), f'then {answer}'])
+            after = self.cast.order(f'{who} recnum')
             self.cast.order(f'{who} flush')
-            met.add(answer if self.files() == before else f'{answer} and changes at {write}')
+            changed = [name for name, now in self.files().items() if now != before.get(name)]
+            changed += ['isrecnum'] * (after != number) + ['the position'] * (position() != first)
+            if changed:
+                answer += f' with {" ".join(changed)} changed'
+            met.add(answer)
             write += 1
 
     def do_pair(self, name, records):
@@ -226,6 +261,16 @@ class Stage:
             file.write(bytes.fromhex(''.join(content)))
         return 'ok'
 
+    def do_size(self, name):
+        return str((self.folder / name).stat().st_size)
+
+    def do_mark(self, name):
+        """Of an exclusive open that has kept changes back."""
+        mark = (self.folder / f'{name}.idx').read_bytes()[117:125]
+        if mark[:4] != b'EXCL':
+            return 'none' if mark == bytes(8) else mark.hex(' ')
+        return 'of ' + self.cast.name_of(int.from_bytes(mark[4:], 'big'))
+
     def do_locks(self, name):
         with open(self.folder / name, 'r+b') as file:
             return ', '.join(self.locks(file, 0, END)) or 'none'
@@ -263,10 +308,39 @@ class Stage:
         if done.returncode:
             said += f'--- status {done.returncode}\n'
         said = said.replace(str(self.folder), 'FOLDER')
+        names = {str(number): name for name, number in self.cast.all_numbers.items()}
+        # An audit trail has the lower half of a process's number.
+        halves = {str(int(number) & 0xFFFF): name for number, name in names.items()}
+        named = 'PROCESS-{}'.format
+        said = re.sub(r' +(\d+) +\d+  \d{4}-\d\d-\d\dT[\d:]{8}Z', lambda found: '  ' + named(
+            names.get(found[1], halves.get(found[1], '?'))) + ' USER TIME', said)
         said = re.sub(r'\d{4}-\d\d-\d\d[ T]\d\d:\d\d:\d\d', 'TIME', said)
-        for name, number in self.cast.numbers.items():
-            said = re.sub(rf'\b({number}|{number & 0xFFFF})\b', f'PROCESS-{name}', said)
+        said = re.sub(r'\b\d+\b', lambda found: named(names[found[0]])
+                      if found[0] in names else found[0], said)
+        if 'Sanitizer' in said or 'runtime error' in said or done.returncode < 0:
+            raise ValueError(f'{command} fails: {said}')
         return said
+
+    def do_cuts(self, name, *command):
+        """A command on each beginning of a file: how often it ends how."""
+        whole = (self.folder / name).read_bytes()
+        return self.statuses(name, (whole[:size] for size in range(1, len(whole))), command)
+
+    def do_flips(self, name, step, *command):
+        """A command on a file of which one byte is wrong: how it ends."""
+        whole = (self.folder / name).read_bytes()
+        damaged = (whole[:at] + bytes([whole[at] ^ (255 if at % 3 == 0 else 1 << at % 8)]) +
+                   whole[at + 1:] for at in range(4, len(whole), int(step)))
+        said = self.statuses(name, damaged, command)
+        return ' and '.join(re.findall(r'status \d', said))
+
+    def statuses(self, name, contents, command):
+        met = collections.Counter()
+        for content in contents:
+            (self.folder / name).write_bytes(content)
+            shown = self.shell(' '.join(command))
+            met[(re.findall(r'--- (status \d)', shown) or ['status 0'])[0]] += 1
+        return ', '.join(f'{count} times {status}' for status, count in sorted(met.items()))
 
 
 def carry_out(stage, lines):
@@ -279,12 +353,13 @@ def carry_out(stage, lines):
                 at += 1
             shown = stage.answer(line).splitlines()
             made += [line, *(f'| {each}'.rstrip() for each in shown)]
-        elif not line or line.startswith(('# ', 'only ')):
+        elif not line or line.startswith(('# ', 'only ', 'with ')):
             made.append(line)
         else:
-            told = line.split(' : ')[0]
+            told, _, expected = line.partition(' : ')
             answer = stage.answer(told)
-            made.append(told if answer == 'ok' else f'{told} : {answer}')
+            made.append(line if expected == '?' else
+                        told if answer == 'ok' else f'{told} : {answer}')
     return made
 
 
@@ -293,6 +368,27 @@ def parts_of(path):
     lines = path.read_text().splitlines()
     starts = [at for at, line in enumerate(lines) if line.startswith('# ')] + [len(lines)]
     return [lines[begin:end] for begin, end in zip([0, *starts], starts)]
+
+
+def play(given, kind, head, case):
+    """A case with what is answered now; behind `with` once for each number in place of N."""
+    numbers = [line[5:] for line in case if line.startswith('with ')]
+    found = RANGE.match(f' {numbers[0]}') if numbers else None
+    for number in numbers_of(found) if found else numbers[0].split() if numbers else ['']:
+        value = str(number).replace('_', ' ')
+        told = [re.sub(r'\bN\b', value, line) for line in case]
+        with tempfile.TemporaryDirectory(prefix='kestro-test-') as folder:
+            stage = Stage(given, kind, folder)
+            try:
+                carry_out(stage, head)
+                said = carry_out(stage, told)
+            finally:
+                stage.end()
+        made = [old if new == meant else new for old, new, meant in zip(case, said, told)
+                ] if len(said) == len(case) else said
+        if made != case:
+            return made
+    return case
 
 
 def main():
@@ -313,18 +409,12 @@ def main():
         for kind in ('fixed', 'varying'):
             if {f'only {other}' for other in ('fixed', 'varying') if other != kind} & {*head, *case}:
                 continue
-            with tempfile.TemporaryDirectory(prefix='kestro-test-') as folder:
-                stage = Stage(given, kind, folder)
-                try:
-                    carry_out(stage, head[1:])
-                    made = carry_out(stage, case)
-                finally:
-                    stage.end()
+            made = play(given, kind, head[1:], case)
             if made == case:
                 continue
             good = False
             print(f'{given.file}, {kind}: {case[0]}')
-            print(''.join(f'  - {old}\n  + {new}\n' for old, new in zip(case, made) if old != new))
+            print('\n'.join(list(difflib.unified_diff(case, made, lineterm=''))[3:]))
             if given.update:
                 cases[number] = case = made
     if given.update:
