@@ -11,9 +11,9 @@
 namespace recover {
 
 // Prints the log, with `dump` also the bytes of images and of what could not be taken apart; then
-// how many records of what kind it has and how the transactions in it ended. An empty file counts as
-// a log. kSome when the log is damaged or ends with a part of a record, kFailed when the file cannot
-// be read or is not a log.
+// how many records of what kind it has and how the transactions in it ended. An empty file counts
+// as a log. kSome when the log is damaged or ends with a part of a record, kFailed when the file
+// cannot be read or is not a log.
 [[nodiscard]] Status list_log(const std::string& path, bool dump);
 
 }  // namespace recover
