@@ -1,4 +1,4 @@
-// What SQLIDEBUG writes, and what it may not do.
+// What SQLIDEBUG may not do; tests/scripts/trace shows what it writes.
 #include "trace/trace.h"
 
 #include <fcntl.h>
@@ -50,27 +50,6 @@ class Trace : public testing::Test {
   TempFolder folder_;
   std::string path_;
 };
-
-TEST_F(Trace, IsTheUsersOwn) {
-  ASSERT_TRUE(is_traced_to(path_));
-  struct stat status {};
-  ASSERT_EQ(::stat(path_.c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777, 0600u);
-
-  fs::create_symlink("linked", folder_ / "link");
-  EXPECT_TRUE(is_traced_to(folder_ / "link"));
-  EXPECT_TRUE(fs::exists(folder_ / "linked"));
-  fs::create_symlink(folder_ / "link", folder_ / "link_to_link");
-  EXPECT_FALSE(is_traced_to(folder_ / "link_to_link"));
-
-  fs::create_hard_link(path_, folder_ / "second_name");
-  EXPECT_FALSE(is_traced_to(path_));
-  ASSERT_EQ(::mkfifo((folder_ / "fifo").c_str(), 0600), 0);
-  for (const std::string& bad :
-       {folder_ / "fifo", folder_ / ".", folder_ / "no/such", std::string()}) {
-    EXPECT_FALSE(is_traced_to(bad)) << bad;
-  }
-}
 
 int fstat_of_anothers(int fd, struct stat* status) {
   const int result = ::fstat(fd, status);
