@@ -26,7 +26,7 @@ constexpr char kFatal[] = "Fatal system error: ";
 void work_with(const char* buffers, const testing_support::TempFolder& folder, void (*work)()) {
   ::setenv("TMPDIR", folder.path().c_str(), 1);
   ::setenv("ISAMBUFS", buffers, 1);
-  const TestPair pair({.node_size = 1024});
+  const TestPair pair;
   work();
   std::exit(testing::Test::HasFailure() ? 1 : 0);
 }
@@ -73,47 +73,6 @@ TEST(BuffersDeathTest, MisuseIsFatal) {
   });
 }
 
-TEST(BuffersDeathTest, ReadsAndWritesPages) {
-  in_own_process("4", [] {
-    EXPECT_FALSE(bfread(99));  // past the end of the index file
-    EXPECT_EQ(iserrno, kCorrupted);
-    EXPECT_EQ(iserrio, 0x41);
-    EXPECT_FALSE(bfread(0));
-    clear_errors();
-    const PageHold block = bfread_data(1000);  // past the end of the data file: zeros
-    ASSERT_TRUE(block);
-    EXPECT_EQ(block.data()[1023], 0);
-
-    // Frame fields stand in the page once it is given back, and survive their buffer's reuse.
-    PageHold page = bfgetclr(5);
-    page.set_frame(77, 0xFF, 3);
-    page.release();
-    EXPECT_EQ(bfpend(*filep), 1);
-    for (int node = 20; node < 30; ++node) bfgetclr(node).release();
-    page = bfread(5);
-    EXPECT_EQ(page.used(), 77);
-    EXPECT_EQ(page.node_type(), 0xFF);
-    EXPECT_EQ(page.level(), 3);
-    page.release();
-    bfflush(*filep);
-    EXPECT_EQ(bfpend(*filep), 0);
-  });
-}
-
-TEST(BuffersDeathTest, ThePoolGrowsForThePagesThatOneCallChanges) {
-  in_own_process("4", [] {
-    testing_support::stand_between(count_writes);
-    constexpr int kChanged = 300;
-    for (int node = 20; node < 20 + kChanged; ++node) bfgetclr(node).set_used(node);
-    EXPECT_EQ(bfpend(*filep), kChanged);
-    for (int node = 20; node < 20 + kChanged; ++node) EXPECT_EQ(bfread(node).used(), node);
-    EXPECT_EQ(bfdiscard(*filep), 0);
-    EXPECT_EQ(bfpend(*filep), 0);
-    EXPECT_FALSE(bfread(20));
-    EXPECT_EQ(writes, 0);
-  });
-}
-
 TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
   in_own_process("4", [] {
     testing_support::stand_between(count_writes);
@@ -137,25 +96,7 @@ TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
   });
 }
 
-TEST(BuffersDeathTest, AFailedWriteIsKeptAndItsPagesStay) {
-  in_own_process("4", [] {
-    refuse(SystemCall::kWrite, EIO);
-    filep->locks.exclusives = 1;  // so that changed pages go when their buffers are needed
-    for (int node = 20; node < 80; node += 10) bfgetclr(node).release();
-    EXPECT_EQ(iserrno, 0);  // the calls that reused the buffers did not fail
-    EXPECT_EQ(filep->unwritten.failed.error, EIO);
-    EXPECT_EQ(filep->unwritten.failed.place, 0x51);
-    EXPECT_EQ(bfflush(*filep), 6);
-    EXPECT_EQ(bfpend(*filep), 6);
-    testing_support::stand_aside();
-    EXPECT_EQ(bfflush(*filep), 6);
-    EXPECT_EQ(bfpend(*filep), 0);
-    EXPECT_EQ(filep->unwritten.lost.error, EIO);
-    EXPECT_FALSE(filep->unwritten.pages_lost);
-  });
-}
-
-// ... of a page that a call of others' file had no room for in the pool.
+// A page that a call of others' file had no room for in the pool.
 TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
   in_own_process("4", [] {
     bool fails = true;

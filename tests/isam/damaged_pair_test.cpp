@@ -6,10 +6,11 @@
 
 #include <array>
 #include <cstddef>
-#include <filesystem>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "isam.h"
@@ -34,10 +35,10 @@ class DamagedPair : public testing::Test {
   }
 
   // Records 1 to `records`, each with its number as the key.
-  BuiltPair build(int records, int flags = 0, const std::set<int>& deleted = {}) {
+  BuiltPair build(int records, const std::set<int>& deleted = {}) {
     BuiltPair pair = build_pair({.dup_width = 4,
                                  .record_length = kLength,
-                                 .keys = {{flags, {{0, kKey, kLong}}}},
+                                 .keys = {{0, {{0, kKey, kLong}}}},
                                  .records = records,
                                  .deleted = deleted,
                                  .make_record = numbered},
@@ -53,14 +54,17 @@ class DamagedPair : public testing::Test {
   void save() { write_file(base_ + ".idx", index_); }
   [[nodiscard]] int open(int mode) const { return ::isopen(base_.c_str(), mode); }
   [[nodiscard]] Image data() const { return read_file(base_ + ".dat"); }
-  // A tree node with these pointers under ascending keys, beginning with 1.
-  void put_node(std::int32_t number, int level, const std::vector<std::int32_t>& pointers) {
+  // A tree node with these pointers under keys that begin with 1.
+  void put_node(std::int32_t number, int level, const std::vector<std::int32_t>& pointers,
+                int step = 1) {
     Byte* const page = node(number);
     std::fill_n(page, kNode, Byte{0});
     int used = 2;
-    for (std::size_t i = 0; i < pointers.size(); ++i, used += kKey + 4) {
-      put4(page + used, static_cast<std::int64_t>(i) + 1);
-      put4(page + used + kKey, pointers[i]);
+    int key = 1;
+    for (const std::int32_t pointer : pointers) {
+      put4(page + used, std::exchange(key, key + step));
+      put4(page + used + kKey, pointer);
+      used += kKey + 4;
     }
     put2(page, used);
     page[kNode - 2] = static_cast<Byte>(level);
@@ -72,25 +76,12 @@ class DamagedPair : public testing::Test {
   }
 
   // Nodes of so many upper levels whose every item leads to the next, and a leaf whose items are of
-  // one record. All have the key 1; they fill their nodes, or there are at most so many in each.
-  void share_children(const BuiltPair& pair, int levels, bool dups, int record, int most = kNode) {
+  // one record. All have the key 1.
+  void share_children(const BuiltPair& pair, int levels, int record, std::size_t items = 120) {
     std::int32_t number = pair.indexes[0].root;
-    std::int32_t last = pair.last_node;
-    for (int level = levels; level >= 0; --level) {
-      const std::int32_t next = level > 0 ? ++last : record;
-      Byte* const page = node(number);
-      std::fill_n(page, kNode, Byte{0});
-      const int item = kKey + (dups ? 4 : 0) + 4;
-      int used = 2;
-      for (int i = 0; i < most && used - 2 + item <= kPageLimit; ++i, used += item) {
-        put4(page + used, 1);
-        put4(page + used + item - 4, next);
-      }
-      put2(page, used);
-      page[kNode - 1 - 1] = static_cast<Byte>(level);
-      number = next;
+    for (std::int32_t next = pair.last_node + 1; levels >= 0; --levels, number = next++) {
+      put_node(number, levels, std::vector(items, levels > 0 ? next : record), 0);
     }
-    put4(&index_[dict::kNextNode], last);
     save();
   }
 
@@ -102,7 +93,7 @@ class DamagedPair : public testing::Test {
 // A walk that took every way through the tree would go on for years.
 TEST_F(DamagedPair, WalksOverSharedChildrenEnd) {
   std::array<char, kLength> record{};
-  share_children(build(2, 0, {2}), 18, false, 2);
+  share_children(build(2, {2}), 18, 2);
   int isfd = open(ISINPUT | ISMANULOCK);
   for (const int mode : {RD_FIRST, RD_LAST}) expect_damage(::isread(isfd, record.data(), mode));
   ::isclose(isfd);
@@ -110,8 +101,8 @@ TEST_F(DamagedPair, WalksOverSharedChildrenEnd) {
   expect_damage(::isdelrec(isfd, 1));
   ::isclose(isfd);
 
-  share_children(build(2, kDups, {2}), 4, true, 1);
-  keydescr key = key_of({{0, kKey, KT_LONG}}, KF_DUPS);
+  share_children(build(2, {2}), 4, 1);
+  keydescr key = key_of({{0, kKey, KT_LONG}});
   isfd = open(ISINOUT | ISEXCLLOCK);
   expect_damage(::iscluster(isfd, &key));
 }
@@ -119,7 +110,7 @@ TEST_F(DamagedPair, WalksOverSharedChildrenEnd) {
 TEST_F(DamagedPair, TwentyLevelsAreTheMost) {
   for (const int levels : {18, 19, 20, 21}) {
     SCOPED_TRACE(levels);
-    share_children(build(1), levels - 1, false, 1, 1);
+    share_children(build(1), levels - 1, 1, 1);
     std::array<char, kLength> record{};
     const int isfd = open(ISINOUT | ISEXCLLOCK);
     EXPECT_EQ(::isread(isfd, record.data(), RD_FIRST), levels <= 20 ? 0 : -1);
@@ -168,44 +159,30 @@ TEST_F(DamagedPair, IsSurvivedByEveryCall) {
   constexpr int kPairs = 200, kCalls = 60, kMostRecords = 80;
   std::mt19937 random(1);
   const auto any = [&](unsigned below) { return static_cast<int>(random() % below); };
+  std::string record(5000, '\0');
+  keydescr key{};
+  int isfd = -1;
+  const auto walk = [&] {
+    int result = 0;
+    const int mode = any(2) == 0 ? RD_NEXT : RD_PREV;
+    for (int i = 0; i < 300 && result == 0; ++i) result = ::isread(isfd, record.data(), mode);
+    return result;
+  };
+  const std::function<int()> calls[] = {
+      walk,
+      [&] { return ::isstart(isfd, &key, 0, record.data(), any(8)); },
+      [&] { return ::iswrcurr(isfd, record.data()); },
+      [&] { return ::isrewrec(isfd, any(99), record.data()); },
+      [&] { return ::isdelrec(isfd, any(99)); },
+      [&] { return any(9) == 0 ? ::isdelindex(isfd, &key) : ::isflush(isfd); }};
   std::map<int, int> ends;  // errors, and how often
   for (int number = 0; number < kPairs; ++number) {
     write_damaged_pair(number, base_, kMostRecords);
-    std::string record(5000, '\0');
-    const int isfd = open(ISINOUT | ISANYLENGTH | (any(2) == 0 ? ISEXCLLOCK : ISMANULOCK));
+    isfd = open(ISINOUT | ISANYLENGTH | (any(2) == 0 ? ISEXCLLOCK : ISMANULOCK));
     for (int i = 0; isfd >= 0 && i < kCalls; ++i) {
-      const int call = any(9);
-      keydescr key{};
-      dictinfo info{};
-      if (::isdictinfo(isfd, &info) != 0) break;
+      if (any(2) == 0) std::generate_n(record.begin(), 50, random);
       ::iskeyinfo(isfd, &key, any(6));
-      if (call < 4) std::generate_n(record.begin(), 50, random);
-      ::isreclen = any(4) == 0 ? info.di_recsize : ::isreclen;
-      int result = 0;
-      switch (call) {
-        case 0:
-          result = ::iswrcurr(isfd, record.data());
-          break;
-        case 1:
-        case 2:
-          result = ::isstart(isfd, &key, 0, record.data(), any(8));
-          break;
-        case 3:
-          result = ::isrewrec(isfd, any(99), record.data());
-          break;
-        case 4:
-          result = ::isdelrec(isfd, any(99));
-          break;
-        case 5:
-          result = any(9) == 0 ? ::isdelindex(isfd, &key) : ::isflush(isfd);
-          break;
-        default: {
-          const int mode = any(2) == 0 ? RD_NEXT : RD_PREV;
-          for (int moves = 0; moves < 300 && result == 0; ++moves) {
-            result = ::isread(isfd, record.data(), mode);
-          }
-        }
-      }
+      const int result = calls[any(std::size(calls))]();
       EXPECT_EQ(result < 0, ::iserrno != 0);
       ++ends[::iserrno];
     }
@@ -213,37 +190,6 @@ TEST_F(DamagedPair, IsSurvivedByEveryCall) {
   }
   EXPECT_GT(ends[0], kPairs * kCalls / 5);
   EXPECT_GT(ends[ISECORRUPT], kPairs);
-}
-
-// The pair stays what it was, and its open in use.
-TEST_F(DamagedPair, IsNotClusteredByAnIndexThatDoesNotNameEachRecordOnce) {
-  constexpr std::ptrdiff_t kItem = kKey + 4;
-  for (const bool misses : {true, false}) {
-    SCOPED_TRACE(misses);
-    const BuiltPair pair = build(10);
-    Byte* const root = node(pair.indexes[0].root);
-    if (misses) {
-      put2(root, 2 + 4 * kItem);
-    } else {
-      put4(root + 2 + 2 * kItem - 4, 1);  // the second item's record pointer
-    }
-    save();
-    const Image before = data();
-    keydescr key = key_of({{0, kKey, KT_LONG}});
-    const int isfd = open(ISINOUT | ISEXCLLOCK);
-    expect_damage(::iscluster(isfd, &key));
-    std::array<char, kLength> record{};
-    EXPECT_EQ(::isread(isfd, record.data(), RD_FIRST), 0);
-    EXPECT_EQ(::isclose(isfd), 0);
-    EXPECT_TRUE(data() == before);
-    const std::filesystem::directory_iterator files{folder_.path()};
-    EXPECT_EQ(std::distance(begin(files), end(files)), 2);
-    key = key_of({});
-    const int other = open(ISINOUT | ISEXCLLOCK);
-    const int clustered = ::iscluster(other, &key);
-    EXPECT_GE(clustered, 0) << "in the order of record numbers nothing is missing";
-    ::isclose(clustered);
-  }
 }
 
 // Opens of a process share what they know of a pair's lengths.

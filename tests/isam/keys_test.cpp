@@ -8,8 +8,6 @@
 #include <random>
 #include <string>
 
-#include "isam/keys/keychain.h"
-#include "isam/tree/btree.h"
 #include "tests/isam/test_pair.h"
 #include "tests/support/descriptions.h"
 
@@ -18,7 +16,6 @@ namespace {
 
 using testing_support::Image;
 using testing_support::key_of;
-using testing_support::TestPair;
 
 TEST(Keys, LegalityOfADescription) {
   constexpr int kRecord = 200;
@@ -138,49 +135,45 @@ TEST(KeyOrder, PartialAndCollatedKeys) {
   EXPECT_LT(compare("xxabcd01", "xxabcd02", 7), 0);  // an integer is compared whole
 }
 
-class KeyChainTest : public testing::Test {
+class KeyDescriptions : public testing::Test {
  protected:
+  ~KeyDescriptions() override { ::iscleanup(); }
+
   // Keys of one byte at different places: nodes of 128 bytes hold nine of them.
   static keydescr nth(int i) { return key_of({{static_cast<std::int16_t>(i), 1, KT_CHAR}}); }
 
-  void add(int count) {
-    for (int i = 0; i < count; ++i) {
-      keydescr k = nth(i);
-      ASSERT_EQ(kyadd(k), 0);
-      ASSERT_GT(k.rootnode, 2);
-    }
-  }
-  // The places of the stored keys, in order.
-  std::vector<int> stored() {
-    std::vector<int> places;
-    KeyChain chain;
-    keydescr k{};
-    while (chain.next(k) == KeyChain::Step::kFound) places.push_back(k.part[0].start);
-    EXPECT_EQ(dictp->d_nkeys(), static_cast<int>(places.size()));
-    return places;
+  void build(int count) {
+    testing_support::PairSpec spec{.node_size = 128, .record_length = 40, .keys = {}, .records = 0};
+    for (int i = 0; i < count; ++i) spec.keys.push_back({0, {{i, 1}}});
+    build_pair(spec, base_);
+    isfd_ = ::isopen(base_.c_str(), ISINOUT | ISEXCLLOCK);
+    ASSERT_GE(isfd_, 0);
   }
 
-  TestPair pair_{{.node_size = 128}};
+  testing_support::TempFolder folder_;
+  const std::string base_ = folder_ / "pair";
+  int isfd_ = -1;
 };
 
-TEST_F(KeyChainTest, AFailedAdditionChangesNothing) {
-  add(9);
+TEST_F(KeyDescriptions, AFailedAdditionChangesNothing) {
+  build(9);
   for (const bool one : {false, true}) {
     // No node, or one: the tenth description needs one for its root and one for itself.
     const testing_support::ScarceNodes scarce{one};
     keydescr k = nth(9);
-    clear_errors();
-    EXPECT_EQ(kyadd(k), -1);
+    EXPECT_EQ(::isaddindex(isfd_, &k), -1);
     EXPECT_EQ(iserrno, kCorrupted);
     EXPECT_TRUE(scarce.untouched());
-    EXPECT_EQ(stored().size(), 9U);
   }
-  EXPECT_EQ(pair_.problems(), std::vector<std::string>{});
+  ::isclose(isfd_);
+  const testing_support::Walk walk = testing_support::walk_pair(base_);
+  EXPECT_EQ(walk.problems, std::vector<std::string>{});
+  EXPECT_EQ(walk.indexes.size(), 9U);
 }
 
-TEST_F(KeyChainTest, MalformedChainsAreRefused) {
-  add(12);
-  const Image sound = pair_.index();
+TEST_F(KeyDescriptions, MalformedChainsAreRefused) {
+  build(12);
+  const Image sound = testing_support::read_file(base_ + ".idx");
   constexpr std::size_t kNode = 128;  // node 2
   struct Case {
     const char* what;
@@ -204,24 +197,24 @@ TEST_F(KeyChainTest, MalformedChainsAreRefused) {
     SCOPED_TRACE(c.what);
     Image damaged = sound;
     testing_support::put2(&damaged[c.at], c.value);
-    pair_.replace_index(damaged);
-    const std::string before(dictp->raw, dictp->raw + kDictionarySize);
+    testing_support::write_file(base_ + ".idx", damaged);
     keydescr k = nth(20);
     const auto expect_refused = [&](int result) {
       EXPECT_EQ(result, -1);
       EXPECT_EQ(iserrno, kCorrupted);
-      clear_errors();
+      bfignor(*filep);
     };
+    bfignor(*filep);
     if (c.whole_chain) {
-      expect_refused(kysearch(k, 0));
-      expect_refused(kysearch(k, 20));
-      expect_refused(kyadd(k));
-      expect_refused(kydelete(k));
-      expect_refused(kyremove(20));
+      expect_refused(::iststindex(isfd_, &k));
+      expect_refused(::iskeyinfo(isfd_, &k, 20));
+      k = nth(20);
+      expect_refused(::isaddindex(isfd_, &k));
+      expect_refused(::isdelindex(isfd_, &k));
     } else {
-      expect_refused(kysearch(k, 3));
+      expect_refused(::iskeyinfo(isfd_, &k, 3));
     }
-    EXPECT_EQ(before, std::string(dictp->raw, dictp->raw + kDictionarySize));
+    EXPECT_EQ(testing_support::read_file(base_ + ".idx"), damaged);
   }
 }
 

@@ -25,7 +25,7 @@ Image marked(Image index, std::initializer_list<int> mark) {
 }
 
 TEST(Mark, IsSetAndClearedByItsProcessOnly) {
-  const TestPair pair({.node_size = 1024});
+  const TestPair pair;
   const Image bare = pair.index();
   const int own = ::getpid();
   const Image with_own = marked(
@@ -61,7 +61,7 @@ TEST(Mark, IsSetAndClearedByItsProcessOnly) {
 
 // Half a mark of its own does not keep a process from setting it.
 TEST(Mark, IsSetAfterATryThatWasCutShort) {
-  const TestPair pair({.node_size = 1024});
+  const TestPair pair;
   const Image bare = pair.index();
   for (const auto state : {MarkState::kUnknown, MarkState::kClear}) {
     filep->mark.state = state;

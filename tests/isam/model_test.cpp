@@ -1,6 +1,5 @@
 // Long random scripts of public calls, each call compared with a simple model of the pair.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,8 +11,8 @@
 #include <sstream>
 #include <utility>
 
-#include "common/io.h"
 #include "isam/pool/pool.h"
+#include "tests/support/between.h"
 #include "tests/support/descriptions.h"
 #include "tests/support/isam_model.h"
 #include "tests/support/pair_builder.h"
@@ -81,23 +80,18 @@ struct {
   std::pair<int, off_t> no_room{-1, 0};  // in this call: file and end that one was to lengthen
 } faults;
 
-ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset) {
-  struct stat status {};
-  const auto grows = [&] {
-    return ::fstat(fd, &status) == 0 && offset + static_cast<off_t>(count) > status.st_size;
-  };
-  const bool again = faults.no_room == std::pair{fd, offset} && grows();  // perhaps with less
-  const bool meant = faults.what != Refused::kNone && (faults.what != Refused::kGrowth || grows());
-  if (!again && (!meant || (faults.left > 0 && faults.left-- > 0))) {
-    return ::pwrite(fd, from, count, offset);
-  }
+int before_write(const SystemCall& call) {
+  if (call.kind != SystemCall::kWrite) return 0;
+  const bool again = faults.no_room == std::pair{call.fd, call.at} && call.grows();  // or with less
+  const bool meant =
+      faults.what != Refused::kNone && (faults.what != Refused::kGrowth || call.grows());
+  if (!again && (!meant || (faults.left > 0 && faults.left-- > 0))) return 0;
   if (faults.what == Refused::kOne) {
     faults.what = Refused::kNone;
-    if (grows()) faults.no_room = {fd, offset};
+    if (call.grows()) faults.no_room = {call.fd, call.at};
   }
   ++faults.hits;
-  errno = faults.error;
-  return -1;
+  return faults.error;
 }
 
 // One pair, the library's calls on it and the model.
@@ -106,7 +100,7 @@ class Script {
   explicit Script(const Shape& shape) : shape_(shape) {
     ::setenv("ISAMBUFS", shape.buffers, 1);
     isam::the_pool.reset();
-    common::system_calls().pwrite = write_or_fail;
+    stand_between(before_write);
     faults = {};
     build();
   }
@@ -115,6 +109,7 @@ class Script {
   ~Script() {
     faults = {};
     ::iscleanup();
+    stand_aside();
   }
 
   void run(unsigned calls, unsigned writes, unsigned deletes) {
@@ -196,6 +191,7 @@ class Script {
   bool told(Late late) {
     const int hits = std::exchange(faults.hits, 0);
     const bool tells = faults.error != 0 && ::iserrno == faults.error;
+    if (tells && ::iserrio >> 4 != 5) fail("it was a write that failed");
     const bool again = late == Late::kToldAgain;
     own_ = hits > 0;
     if (own_) ++refused;

@@ -237,12 +237,13 @@ TEST_F(Trees, APageThatADeleteFreesTakesTheListOfNumbers) {
 
 // Its number is higher than any that the dictionary in memory knows.
 TEST_F(Trees, ARecordThatAnotherProcessAddedIsReached) {
-  TestPair pair{{}};
-  for (int i = 0; i < 3; ++i) pair.add_record(Image(40));
-  Image bytes = pair.index();
+  build_pair({.record_length = kLength, .keys = {{}}, .records = 3}, base_);
+  isfd_ = ::isopen(base_.c_str(), ISINPUT | ISMANULOCK);
+  EXPECT_EQ(::isflush(isfd_), 0);
+  Image bytes = read_file(base_ + ".idx");
   put4(&bytes[dict::kNextData], 4);
-  pair.replace_index(bytes);
-  isam::dictp->set_d_nextdata(3);
+  write_file(base_ + ".idx", bytes);
+  EXPECT_EQ(isam::dictp->d_nextdata(), 3);
   isam::Cursor cursor;
   cursor.bt.item.recptr = 3;
   for (const bool there : {true, false, false}) {
