@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "isam/base/walklimit.h"
 #include "isam/pool/buffers.h"
 
 namespace isam {
@@ -32,27 +33,6 @@ enum class ChainEnd : std::uint8_t {
   kMetTwice,    // ... or to a node that was met before
   kUnreadable,
   kMalformed,  // a page that is no node of such a chain
-};
-
-// Tells a walk that it goes round. It remembers one node, and another one at growing distances,
-// which finds every loop, but not at once: of n nodes a walk may be given 3n pages before.
-class LoopGuard {
- public:
-  // Whether `node`, the next of the walk, is the one remembered.
-  [[nodiscard]] bool meets(std::int32_t node) {
-    if (node == remembered_) return true;
-    if (nodes_ == next_) {
-      remembered_ = node;
-      next_ = next_ == 0 ? 1 : 2 * next_;
-    }
-    ++nodes_;
-    return false;
-  }
-
- private:
-  std::int32_t remembered_ = 0;
-  std::int64_t nodes_ = 0;
-  std::int64_t next_ = 0;  // the count of nodes at which one is remembered
 };
 
 // The rule of a chain about which nothing is known: it may give nodes of a loop more than once.

@@ -71,7 +71,7 @@ int greatest_chain() {
 }
 
 PageHold PieceChain::read() {
-  if (left_-- <= 0) {
+  if (limit_.exceeded()) {
     failed_unless_set(kCorrupted);
     return {};
   }

@@ -153,13 +153,13 @@ class RpageLinks {
 //   }
 class PieceChain {
  public:
-  explicit PieceChain(std::int32_t pointer) : pointer_(pointer), left_(greatest_chain()) {}
+  explicit PieceChain(std::int32_t pointer) : pointer_(pointer), limit_(greatest_chain()) {}
 
   // Of the piece that the walk stands at; 0 behind the last one.
   [[nodiscard]] std::int32_t pointer() const { return pointer_; }
   [[nodiscard]] int slot() const { return rpage::pointer_slot(pointer_); }
   // Whether there are more pieces than a variable part can have.
-  [[nodiscard]] bool is_too_long() const { return left_ <= 0 && pointer_ != 0; }
+  [[nodiscard]] bool is_too_long() const { return limit_.is_reached() && pointer_ != 0; }
   // The page of the piece; empty when the chain is damaged.
   [[nodiscard]] PageHold read();
   // Of the piece that was read: whether it is the last, and whether it names another. Neither, with
@@ -175,7 +175,7 @@ class PieceChain {
  private:
   std::int32_t pointer_;
   std::int32_t next_ = 0;  // what the piece that was read names
-  int left_;
+  StepLimit limit_;
 };
 
 // Stores a new variable part: its first pointer, 0 for no bytes, -1 on failure.

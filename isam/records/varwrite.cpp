@@ -192,7 +192,7 @@ class Update {
 
 PageHold rpgetspc(int size) {
   const RpageGeometry geometry{filep->geometry.idxsize};
-  std::int32_t left = dictp->d_nextnode();  // no list has more pages
+  StepLimit pages{dictp->d_nextnode()};  // no list has more
   for (int at = size / geometry.class_width + 1; at < kRpageClasses;) {
     const std::int32_t head = dictp->d_varfree(at);
     if (head == 0) {
@@ -205,7 +205,7 @@ PageHold rpgetspc(int size) {
     if (view.free_bytes() < size) {
       // Its class is stale.
       if (rpflmove(std::move(page)) != 0) return {};
-      if (dictp->d_varfree(at) != head && left-- > 0) continue;
+      if (dictp->d_varfree(at) != head && !pages.exceeded()) continue;
       failed(kCorrupted);
       return {};
     }

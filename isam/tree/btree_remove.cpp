@@ -155,7 +155,7 @@ int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
 
 class Recovery {
  public:
-  explicit Recovery(const keydescr& k) : layout_(k), budget_(dictp->d_nextnode()) {}
+  explicit Recovery(const keydescr& k) : layout_(k), nodes_(dictp->d_nextnode()) {}
 
   int free_subtree(std::int32_t number, int depth);
 
@@ -163,25 +163,24 @@ class Recovery {
   int free_children(ConstBytes area, int depth);
 
   ItemLayout layout_;
-  std::int32_t budget_;  // nodes that may still be met
+  StepLimit nodes_;
 };
 
 int Recovery::free_children(ConstBytes area, int depth) {
   int result = 0;
-  StoredItem stored;
-  for (int pos = 0; pos < static_cast<int>(area.size()); pos = stored.end) {
-    if (!itlocate(layout_, area, pos, stored)) return failed(kCorrupted);
-    const Byte* const pointer = area.data() + stored.end - kRecordPointerSize;
+  ItemWalk walk{layout_, area};
+  while (!walk.is_last()) {
+    if (!walk.next()) return failed(kCorrupted);
+    const Byte* const pointer = area.data() + walk.end() - kRecordPointerSize;
     if (free_subtree(stored_recptr(pointer), depth) != 0) result = -1;
   }
   return result;
 }
 
 int Recovery::free_subtree(std::int32_t number, int depth) {
-  if (depth == kMaxTreeLevels || budget_ == 0 || number > dictp->d_nextnode()) {
+  if (depth == kMaxTreeLevels || number > dictp->d_nextnode() || nodes_.exceeded()) {
     return failed(kCorrupted);
   }
-  --budget_;
   NodeImage node;
   if (!node.take(number)) return -1;
   const bool astray = depth > 0 && node.area().empty();
