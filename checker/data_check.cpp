@@ -84,12 +84,7 @@ void check_records(Check& check) {
 }
 
 // The rule of the list of free records, before any other use of its nodes is known.
-struct ListRule {
-  std::int32_t last;
-  UsageMap& visited;
-
-  [[nodiscard]] bool may_name(std::int32_t node) const { return node >= 1 && node <= last; }
-  [[nodiscard]] bool has_met(std::int32_t node) const { return visited.set_bit(node); }
+struct ListRule : ListedOnce {
   [[nodiscard]] static bool is_sound(const isam::PageHold& page) {
     return ListNode{page}.is_valid();
   }
@@ -102,9 +97,7 @@ void take_records_from_free_list(Check& check) {
   for (std::int32_t record = extent; record < check.datlast; ++record) {
     check.datmap.clr_bit(record + 1);
   }
-  UsageMap visited;
-  visited.reset(check.idxlast);
-  isam::NodeChain<ListRule> chain{dictp->d_freedata(), {check.idxlast, visited}};
+  isam::NodeChain<ListRule> chain{dictp->d_freedata(), {ListedOnce{check.idxlast}}};
   while (const isam::PageHold page = chain.read()) {
     ListNode{page}.for_each_entry([&check](std::int32_t record) {
       if (record >= 1 && record <= check.datlast) check.datmap.clr_bit(record);

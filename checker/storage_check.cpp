@@ -87,20 +87,13 @@ void ckrferr(Check& check, std::int32_t node) {
 }
 
 // The rule of a list of storage pages.
-struct ListRule {
-  explicit ListRule(std::int32_t last_node) : last(last_node) { visited.reset(last); }
-
-  [[nodiscard]] bool may_name(std::int32_t node) const { return node >= 1 && node <= last; }
-  [[nodiscard]] bool has_met(std::int32_t node) { return visited.set_bit(node); }
+struct ListRule : ListedOnce {
   [[nodiscard]] static bool is_sound(const isam::PageHold& page) { return Rpage{page}.has_magic(); }
-
-  std::int32_t last;
-  UsageMap visited;
 };
 using ListChain = isam::NodeChain<ListRule, isam::RpageLinks>;
 
 void check_list(Check& check, int rpage_class) {
-  ListChain chain{dictp->d_varfree(rpage_class), ListRule{check.idxlast}};
+  ListChain chain{dictp->d_varfree(rpage_class), {ListedOnce{check.idxlast}}};
   std::int32_t previous = 0;
   while (const isam::PageHold page = chain.read()) {
     const std::int32_t node = page.node();
@@ -196,7 +189,7 @@ void ckrfree(Check& check) {
 
 bool unused_pages_are_listed(Check& check) {
   for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
-    ListChain chain{dictp->d_varfree(rpage_class), ListRule{check.idxlast}};
+    ListChain chain{dictp->d_varfree(rpage_class), {ListedOnce{check.idxlast}}};
     while (chain.end() == isam::ChainEnd::kNotYet) {
       if (!check.rpgmap.tstbit(chain.node())) return true;
       if (const isam::PageHold page = chain.read()) chain.follow(page);

@@ -106,4 +106,17 @@ class UsageMap {
   std::int64_t count_ = 0;
 };
 
+// The rule of a chain (isam/pool/nodechain) whose nodes lie from 1 to `last`; each is met once.
+class ListedOnce {
+ public:
+  explicit ListedOnce(std::int32_t last) : last_(last) { visited_.reset(last); }
+
+  [[nodiscard]] bool may_name(std::int32_t node) const { return node >= 1 && node <= last_; }
+  [[nodiscard]] bool has_met(std::int32_t node) { return visited_.set_bit(node); }
+
+ private:
+  std::int32_t last_;
+  UsageMap visited_;
+};
+
 }  // namespace checker
