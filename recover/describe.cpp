@@ -182,10 +182,6 @@ bool is_mark(LogType type) {
   return type == LogType::kBegin || type == LogType::kCommit || type == LogType::kRollback;
 }
 
-bool is_image(LogType type) {
-  return type == LogType::kDelete || type == LogType::kInsert || type == LogType::kUpdate;
-}
-
 // Which record of its process comes before this one in the chain that a rollback follows, as offset
 // and length. Only marks and images belong into the chain: of others that have no link nothing is
 // said.

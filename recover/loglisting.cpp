@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "isam/base/errors.h"
-#include "isam/log/logfile.h"
+#include "isam/log/logread.h"
 #include "recover/describe.h"
 #include "recover/plainfile.h"
 #include "recover/tally.h"
@@ -15,7 +15,6 @@ namespace {
 
 namespace log_record = isam::txlog::log_record;
 using isam::txlog::kMagicSize;
-using isam::txlog::LogWindow;
 
 std::string column(std::int64_t offset) {
   std::array<char, 32> text{};
@@ -25,29 +24,28 @@ std::string column(std::int64_t offset) {
 
 class Listing {
  public:
-  Listing(const PlainFile& file, bool dump) : file_(file), dump_(dump), window_(file.fd.get()) {}
+  Listing(const PlainFile& file, bool dump) : file_(file), dump_(dump), scan_(file.fd.get()) {}
 
   Status run() {
     print("    offset  " + description_heading() + "\n");
-    std::int64_t offset = kMagicSize;
     for (;;) {
       isam::clear_errors();
-      const LogRecord logged = window_.isgetnext(offset);
-      if (logged.bytes().empty() && iserrno != 0) {
+      const LogRecord logged = scan_.next();
+      const std::int64_t offset = scan_.offset();
+      if (!logged && iserrno != 0) {
         complain("the log cannot be read at offset " + std::to_string(offset));
         return Status::kFailed;
       }
-      if (logged.bytes().empty()) break;
+      if (!logged) break;
       if (logged.length() < log_record::kSmallest) {
         damage(offset, "a record cannot be " + std::to_string(logged.length()) +
                            " bytes long; nothing behind it can be read");
         return finish();
       }
       show(logged, offset);
-      offset += logged.length();
       if (type_of(logged) == LogType::kEnd) return finish();  // a recovery ends here as well
     }
-    if (offset < file_.size) {
+    if (const std::int64_t offset = scan_.offset(); offset < file_.size) {
       damage(offset, "the log ends with a part of a record, " +
                          std::to_string(file_.size - offset) + " bytes; it counts as absent");
     }
@@ -99,7 +97,7 @@ class Listing {
 
   const PlainFile& file_;
   bool dump_;
-  LogWindow window_;
+  isam::txlog::LogScan scan_;
   OpenNames names_;
   KindCounts kinds_;
   Transactions transactions_;

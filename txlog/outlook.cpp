@@ -13,10 +13,6 @@ std::size_t hash_of(ConstBytes bytes) {
   return std::hash<std::string_view>{}({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
-bool is_image(LogType type) {
-  return type == LogType::kDelete || type == LogType::kInsert || type == LogType::kUpdate;
-}
-
 }  // namespace
 
 std::int64_t LogOutlook::opposite_of(std::int64_t image) {
@@ -42,8 +38,7 @@ bool LogOutlook::is_new_process(const Opening& opening) {
 bool LogOutlook::is_followed_up(const Opening& opening) {
   const KeepError keep;
   const LogRecord next = look_.isgetnext(opening.offset + opening.record.length());
-  if (next.bytes().empty() || next.length() < log_record::kSmallest || !next.is_sound())
-    return false;
+  if (!next || !next.is_sound()) return false;
   const Link previous = next.previous();
   return next.process() == opening.record.process() && previous.length != 0 &&
          previous.offset >= opening.begin && previous.offset < opening.offset;
@@ -53,13 +48,11 @@ void LogOutlook::read() {
   const KeepError keep;
   is_read_ = true;
   std::unordered_map<std::int32_t, Process> processes;
-  LogWindow window{fd_};
-  std::int64_t offset = kMagicSize;
+  LogScan scan{fd_};
   for (;;) {
-    const LogRecord record = window.isgetnext(offset);
-    if (record.bytes().empty() || record.length() < log_record::kSmallest || !record.is_sound())
-      break;
-    if (record.type() == LogType::kEnd) break;
+    const LogRecord record = scan.next();
+    if (!record || !record.is_sound() || record.type() == LogType::kEnd) break;
+    const std::int64_t offset = scan.offset();
     Process& process = processes[record.process()];
     follow_transaction(process, record, offset);
     const Trace trace = trace_of(record);
@@ -70,7 +63,6 @@ void LogOutlook::read() {
     }
     process.trace = takes_back ? Trace{} : trace;  // an opposite is not taken back itself
     process.last = offset;
-    offset += record.length();
   }
   for (auto& [number, process] : processes) leave_unclaimed(process);
   std::ranges::sort(taken_back_);

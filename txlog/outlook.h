@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "isam/log/logfile.h"
+#include "isam/log/logread.h"
 
 namespace isam::txlog {
 

@@ -31,16 +31,14 @@ class Recovery {
   // 0 at the end of the log, or -1.
   int run() {
     if (replay_.start() != 0) return -1;
-    std::int64_t offset = kMagicSize;
     for (;;) {
       clear_errors();
-      const LogRecord record = scan_.isgetnext(offset);
-      if (record.bytes().empty()) return iserrno == 0 ? finish() : -1;
-      if (record.length() < log_record::kSmallest || !record.is_sound()) return stop(record);
+      const LogRecord record = scan_.next();
+      if (!record) return iserrno == 0 ? finish() : -1;
+      if (!record.is_sound()) return stop(record);
       if (record.type() == LogType::kEnd) return finish();
       replay_.held().count_record();
-      if (handle(record, offset) != 0) return -1;
-      offset += record.length();
+      if (handle(record, scan_.offset()) != 0) return -1;
     }
   }
 
@@ -343,14 +341,14 @@ class Recovery {
       const Held& one = held[id];
       const bool stands_alone = one.about >= About::kFile && !one.linked && !one.done;
       const LogRecord record = stands_alone ? replay_.load(one) : LogRecord{};
-      if (!record.bytes().empty()) observer_.dropped(record);
+      if (record) observer_.dropped(record);
     }
     clear_errors();
   }
 
   int mode_;
   RecoveryObserver& observer_;
-  LogWindow scan_{logstate.fd};
+  LogScan scan_{logstate.fd};
   Replay replay_;
   std::unordered_map<std::int32_t, WriterHold> writers_;
   std::vector<WriterHold> dropped_;
@@ -386,12 +384,8 @@ int recover_all(int mode, RecoveryObserver& observer) {
 int recover(int mode, RecoveryObserver& observer) {
   clear_errors();
   const int result = recover_all(mode, observer);
-  if (result == 0) {
-    clear_errors();
-    set_status("0000");
-  } else {
-    set_status("9090");
-  }
+  if (result == 0) clear_errors();
+  set_status(result == 0 ? "0000" : "9090");
   return result;
 }
 

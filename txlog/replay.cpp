@@ -65,8 +65,6 @@ bool needs_all_records(const LogRecord& record) {
 
 }  // namespace
 
-bool is_image(LogType type) { return about_of(type) == About::kRecord; }
-
 bool is_applied(LogType type) { return texts_of(type) != nullptr; }
 
 About about_of(LogType type) {
@@ -108,7 +106,7 @@ int Replay::redo_now(const Step& step, const char* message) {
 LogRecord Replay::load(const Held& held) {
   while (windows_.size() <= depth_) windows_.emplace_back(logstate.fd);
   const LogRecord record = windows_[depth_].isgetnext(held.offset);
-  if (!record.bytes().empty() && record.length() == held.length) return record;
+  if (record && record.length() == held.length) return record;
   failed_unless_set(kLogRead);
   return {};
 }
@@ -118,7 +116,7 @@ int Replay::redo_held(HeldId id) {
   held_[id].done = true;
   const Held held = held_[id];
   const LogRecord record = load(held);
-  if (record.bytes().empty()) return -1;
+  if (!record) return -1;
   ++depth_;
   const HeldId outer = std::exchange(in_hand_, id);
   const int result = redo({record, held.offset, held.writer, held.file});

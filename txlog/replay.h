@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "isam/calls/apply.h"
+#include "isam/log/logfile.h"
 #include "txlog/doubts.h"
 #include "txlog/errorlog.h"
 #include "txlog/heldrecords.h"
@@ -43,7 +44,6 @@ struct Step {
   ReplayFile* file = nullptr;  // that it is about; null: none that is known
 };
 
-[[nodiscard]] bool is_image(LogType type);
 // Whether a record of this type is applied at all.
 [[nodiscard]] bool is_applied(LogType type);
 [[nodiscard]] About about_of(LogType type);

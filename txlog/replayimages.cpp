@@ -61,7 +61,7 @@ void Replay::choose_standing(const std::vector<HeldId>& held, const Contents& fi
   while (left > 0 && seen != file) {
     const Held& latest = held_[held[--left]];
     const LogRecord record = look_.isgetnext(latest.offset);
-    const auto image = record.bytes().empty() ? std::nullopt : record.image();
+    const auto image = record.image();
     if (!image) return;
     const LogType type = record.type();
     if (after(*image, type) == seen) {
@@ -195,7 +195,7 @@ std::optional<Doubt> Replay::refuted_by(const Step& step, const Image& image, in
   const Doubt* const doubt = doubt_of_another(step, image.number, step.offset);
   if (doubt == nullptr || doubt->type == LogType::kInsert) return std::nullopt;
   const LogRecord record = look_.isgetnext(doubt->offset);
-  const auto doubted = record.bytes().empty() ? std::nullopt : record.image();
+  const auto doubted = record.image();
   if (!doubted || !std::ranges::equal(doubted->old_image, image.old_image)) return std::nullopt;
   if (lgread(isfd, image.number) == contents_of(image.old_image)) return std::nullopt;
   const Doubt refuted = *doubt;
@@ -244,7 +244,7 @@ bool Replay::is_refuted(const std::vector<HeldId>& held, std::size_t i, const Im
   if (i + 1 >= held.size() || !was_perhaps_not_made(held_[held[i]])) return false;
   const std::vector<Byte> old{image.old_image.begin(), image.old_image.end()};
   const LogRecord next = look_.isgetnext(held_[held[i + 1]].offset);
-  const auto next_image = next.bytes().empty() ? std::nullopt : next.image();
+  const auto next_image = next.image();
   return next_image && next.type() != LogType::kInsert &&
          std::ranges::equal(next_image->old_image, old);
 }
@@ -261,7 +261,7 @@ Replay::Way Replay::apply_giving_up(const Step& step, const Clash& clash) {
     const std::int64_t offset = held_[found[i]].offset;
     if (outlook_.was_taken_back(offset)) continue;
     const LogRecord record = look_.isgetnext(offset);
-    const auto image = record.bytes().empty() ? std::nullopt : record.image();
+    const auto image = record.image();
     if (!image || !clash.has_key(image->old_image) || clash.has_key(image->new_image)) continue;
     if (is_refuted(found, i, *image)) continue;
     found.resize(i + 1);
@@ -285,7 +285,7 @@ bool Replay::give_way(const Step& step, std::int32_t number, int isfd, const Cla
   if (doubt == nullptr || doubt->type == LogType::kDelete) return false;
   if (clash == nullptr && doubt->type != LogType::kInsert) return false;
   const LogRecord record = look_.isgetnext(doubt->offset);
-  const auto doubted = record.bytes().empty() ? std::nullopt : record.image();
+  const auto doubted = record.image();
   if (!doubted) return false;
   const bool only_through_it = clash == nullptr || (clash->has_key(doubted->new_image) &&
                                                     !clash->has_key(doubted->old_image));
@@ -307,7 +307,7 @@ bool Replay::change_instead(const Step& step, std::int32_t number, ConstBytes be
     held_.count_look();
     if (depth_ > kDeepest || held_.is_exhausted()) return false;
     const LogRecord record = look_.isgetnext(held_[id].offset);
-    const auto image = record.bytes().empty() ? std::nullopt : record.image();
+    const auto image = record.image();
     const bool instead = image && record.type() != LogType::kInsert &&
                          std::ranges::equal(image->old_image, old) &&
                          !outlook_.was_taken_back(held_[id].offset);
@@ -327,7 +327,7 @@ int Replay::undo_doubted(const Doubt& doubt, int isfd) {
   const KeepError keep;
   clear_errors();
   const LogRecord record = look_.isgetnext(doubt.offset);
-  const auto image = record.bytes().empty() ? std::nullopt : record.image();
+  const auto image = record.image();
   if (!image) return -1;
   if (doubt.type == LogType::kInsert) return lgdelete(isfd, image->number);
   return doubt.type == LogType::kDelete

@@ -13,6 +13,7 @@
 #include "isam/files/files.h"
 #include "isam/files/locks.h"
 #include "isam/log/logfile.h"
+#include "isam/log/logread.h"
 #include "isam/log/logwriter.h"
 #include "isam/pool/pool.h"
 #include "isam/records/datafile.h"
@@ -189,15 +190,10 @@ int undo(const LogRecord& logged) {
 
 // Undoes this process's changes from the newest back to the begin mark: 0, or -1 with iserrno.
 int undo_all() {
-  LogWindow window{logstate.fd};
-  Link at = logstate.last;
+  LogChain chain{logstate.fd, logstate.process, logstate.last};
   for (;;) {
-    const LogRecord logged = window.isgetprev(at.offset, at.length);
-    if (logged.bytes().empty()) return failed_unless_set(kLogRead);
-    const Link previous = logged.previous();
-    const bool own = logged.length() == at.length && logged.process() == logstate.process &&
-                     previous.offset < at.offset;
-    if (!own) return failed(kBadLogRecord);
+    const LogRecord logged = chain.previous();
+    if (!logged) return -1;
     switch (logged.type()) {
       case LogType::kBegin:
         return 0;
@@ -211,7 +207,6 @@ int undo_all() {
       default:
         return failed_unless_set(kBadLogRecord);
     }
-    at = previous;
   }
 }
 
@@ -262,11 +257,7 @@ int end_transaction(How how) {
   isbatch(2);
   const int result = how();
   isbatch(2);
-  if (result == 0) {
-    set_status("0000");
-  } else {
-    set_status("9090");
-  }
+  set_status(result == 0 ? "0000" : "9090");
   return result;
 }
 

@@ -23,7 +23,6 @@ LogState logstate;
 
 namespace {
 
-constexpr std::size_t kWindow = 65536;
 // The longest piece: a record, an opposite that is owed, and up to three short ones.
 constexpr std::int64_t kLongestPiece = 2 * log_record::kGreatest + 512;
 
@@ -326,56 +325,6 @@ LogHold::~LogHold() {
   holder = nullptr;
   if (start_ != kNothing && common::cut_file(logstate.fd, start_) == 0) end_we_left = start_;
   unlock_log();
-}
-
-bool LogWindow::holds(std::int64_t offset, std::size_t length) const {
-  if (offset < start_) return false;
-  const auto skipped = static_cast<std::uint64_t>(offset - start_);
-  return skipped <= filled_ && length <= filled_ - skipped;
-}
-
-ConstBytes LogWindow::at(std::int64_t offset, std::size_t length) const {
-  return ConstBytes{buffer_}.subspan(static_cast<std::size_t>(offset - start_), length);
-}
-
-int LogWindow::readlog(std::int64_t offset, std::size_t length) {
-  filled_ = 0;
-  start_ = offset;
-  try {
-    if (buffer_.size() < length) buffer_.resize(length);
-  } catch (const std::bad_alloc&) {
-    return failed(kNoMemory);
-  }
-  const ssize_t got = common::read_at(fd_, Bytes{buffer_}.first(length), offset);
-  if (got < 0) return failed(kLogRead);
-  filled_ = static_cast<std::size_t>(got);
-  return 0;
-}
-
-LogRecord LogWindow::isgetprev(std::int64_t offset, int length) {
-  const auto size = static_cast<std::size_t>(length);
-  if (offset < kMagicSize || length < log_record::kSmallest) return {};
-  if (!holds(offset, size)) {
-    const std::int64_t end = offset + length;
-    const std::int64_t start = std::max<std::int64_t>(
-        kMagicSize, end - static_cast<std::int64_t>(std::max(kWindow, size)));
-    if (readlog(start, static_cast<std::size_t>(end - start)) != 0 || !holds(offset, size)) {
-      return {};
-    }
-  }
-  return LogRecord{at(offset, size)};
-}
-
-LogRecord LogWindow::isgetnext(std::int64_t offset) {
-  if (!holds(offset, log_record::kSmallest)) {
-    if (readlog(offset, kWindow) != 0 || !holds(offset, log_record::kSmallest)) return {};
-  }
-  const auto length = static_cast<std::size_t>(common::ldword(at(offset, 2).data()));
-  if (length < log_record::kSmallest) return LogRecord{at(offset, log_record::kSmallest)};
-  if (!holds(offset, length)) {
-    if (readlog(offset, kWindow) != 0 || !holds(offset, length)) return {};
-  }
-  return LogRecord{at(offset, length)};
 }
 
 }  // namespace isam::txlog

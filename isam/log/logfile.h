@@ -11,8 +11,8 @@
 //         T4 what is logged of a change that is not made after all is taken off again, or its
 //            opposite is this process's next record: as long as that cannot be written, nothing
 //            else of the process can
-// Gives   appending (`LogPiece`), taking back (`take_back_logged`, `LogHold`) and reading
-//         (`LogWindow`)
+// Gives   appending (`LogPiece`) and taking back (`take_back_logged`, `LogHold`); what is in a log
+//         isam/log/logread reads
 #pragma once
 
 #include <sys/types.h>
@@ -125,33 +125,6 @@ class LogHold {
   bool held_;
   // Of the first record appended. Its lead-in stays in the log: what that tells is true.
   std::int64_t start_ = kNothing;
-};
-
-// Reads a log piece by piece through one buffer.
-class LogWindow {
- public:
-  explicit LogWindow(int fd) : fd_(fd) {}
-
-  // The record of `length` bytes at `offset`, which the caller knows to be the one before, when it
-  // is wholly there; else none, with iserrno 118 when reading failed. Earlier records are likely to
-  // be at hand afterwards.
-  [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
-  // The record at `offset`, whole: as many bytes as its header says. None, with iserrno as it was,
-  // at the end of the log and where the record would reach past it; none with iserrno 118 or 116
-  // when reading failed. A header may say less than a record can have: that record has kSmallest
-  // bytes, and the caller compares its length() before it goes on.
-  [[nodiscard]] LogRecord isgetnext(std::int64_t offset);
-
- private:
-  [[nodiscard]] bool holds(std::int64_t offset, std::size_t length) const;
-  [[nodiscard]] ConstBytes at(std::int64_t offset, std::size_t length) const;
-  // Reads `length` bytes from `offset` into the buffer.
-  int readlog(std::int64_t offset, std::size_t length);
-
-  int fd_;
-  std::int64_t start_ = 0;
-  std::vector<Byte> buffer_;
-  std::size_t filled_ = 0;
 };
 
 }  // namespace isam::txlog

@@ -242,6 +242,7 @@ ConstBytes LogRecord::payload() const {
 }
 
 std::optional<Image> LogRecord::image() const {
+  if (bytes_.empty()) return std::nullopt;
   Reader reader{payload()};
   Image image;
   image.open = reader.word();

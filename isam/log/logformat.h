@@ -76,6 +76,11 @@ inline constexpr int kGreatest = 65535;
 // The type that two letters stand for; kUnknown with iserrno 119 for any others.
 [[nodiscard]] LogType getlogtype(const Byte* letters);
 
+// Whether records of this type hold images of a data record.
+[[nodiscard]] constexpr bool is_image(LogType type) {
+  return type == LogType::kDelete || type == LogType::kInsert || type == LogType::kUpdate;
+}
+
 // DE, IN, UP.
 struct Image {
   int open = 0;  // the writer's number of the open file
@@ -156,14 +161,17 @@ class LogRecord {
   // `bytes` holds the record from its start, at least its header.
   explicit LogRecord(ConstBytes bytes) : bytes_(bytes) {}
 
+  // Whether there is one.
+  explicit operator bool() const { return !bytes_.empty(); }
   [[nodiscard]] ConstBytes bytes() const { return bytes_; }
   // What the header says; 0 to 65535.
   [[nodiscard]] int length() const { return common::ldword(&bytes_[log_record::kLength]); }
-  // Whether both ends say the same length. Only for a length() of kSmallest at least, and when
-  // bytes() holds the whole record.
+  // Whether both ends say the same length, one that a record can have. bytes() holds the whole
+  // record, or kSmallest bytes of it when length() is less.
   [[nodiscard]] bool is_sound() const {
-    return common::ldword(&bytes_[static_cast<std::size_t>(length() - log_record::kTrailer)]) ==
-           length();
+    return length() >= log_record::kSmallest &&
+           common::ldword(&bytes_[static_cast<std::size_t>(length() - log_record::kTrailer)]) ==
+               length();
   }
   [[nodiscard]] LogType type() const { return getlogtype(&bytes_[log_record::kType]); }
   [[nodiscard]] std::string_view letters() const {
@@ -177,7 +185,8 @@ class LogRecord {
   [[nodiscard]] Link previous() const;
   [[nodiscard]] bool is_linked() const { return previous().length != 0; }
 
-  // The payload, taken apart as the type says; nothing when it does not fit into the record.
+  // The payload, taken apart as the type says; nothing when it does not fit into the record, or, of
+  // an image, when there is no record.
   [[nodiscard]] std::optional<Image> image() const;
   [[nodiscard]] std::optional<FileNamed> file_named() const;
   [[nodiscard]] std::optional<Built> built() const;

@@ -1,0 +1,79 @@
+// logread: reading a transaction log: at an offset, from its first record on, and back along the
+// links of one process.
+//
+// Needs   the descriptor of a log, whose bytes may be anything
+// Keeps   R1 every walk ends: a scan goes on by the length of a record at the least, a chain only
+// back Gives   records that hold until the next is read through the same window or walk
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "isam/log/logformat.h"
+
+namespace isam::txlog {
+
+// Reads a log piece by piece through one buffer.
+class LogWindow {
+ public:
+  explicit LogWindow(int fd) : fd_(fd) {}
+
+  // The record at `offset`, whole: as many bytes as its header says. None, with iserrno as it was,
+  // at the end of the log and where the record would reach past it; none with iserrno 118 or 116
+  // when reading failed. A header may say less than a record can have: that record has kSmallest
+  // bytes, and the caller compares its length() before it goes on.
+  [[nodiscard]] LogRecord isgetnext(std::int64_t offset);
+
+ private:
+  friend class LogChain;
+
+  // The record of `length` bytes at `offset`, which the caller knows to be the one before, when it
+  // is wholly there; else none, with iserrno 118 when reading failed. Earlier records are likely to
+  // be at hand afterwards.
+  [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
+  [[nodiscard]] bool holds(std::int64_t offset, std::size_t length) const;
+  [[nodiscard]] ConstBytes at(std::int64_t offset, std::size_t length) const;
+  // Reads `length` bytes from `offset` into the buffer.
+  int readlog(std::int64_t offset, std::size_t length);
+
+  int fd_;
+  std::int64_t start_ = 0;
+  std::vector<Byte> buffer_;
+  std::size_t filled_ = 0;
+};
+
+// The one walk over a log from its first record on.
+class LogScan {
+ public:
+  explicit LogScan(int fd) : window_(fd) {}
+
+  // The next record, as isgetnext() gives it. Behind one that is shorter than a record can be, and
+  // behind the end, there is none.
+  [[nodiscard]] LogRecord next();
+  // Where the record stands; without one, where the scan has ended.
+  [[nodiscard]] std::int64_t offset() const { return offset_; }
+
+ private:
+  LogWindow window_;
+  std::int64_t offset_ = kMagicSize;
+  int length_ = 0;  // of the record there
+  bool is_over_ = false;
+};
+
+// The one walk back along the linked records of a process, from `newest` on.
+class LogChain {
+ public:
+  LogChain(int fd, std::int32_t process, Link newest)
+      : window_(fd), process_(process), at_(newest) {}
+
+  // The next record back. None with iserrno: 116 or 118 when it could not be read, 119 when what
+  // stands there is no record of the process, or its link does not lead back.
+  [[nodiscard]] LogRecord previous();
+
+ private:
+  LogWindow window_;
+  std::int32_t process_;
+  Link at_;
+};
+
+}  // namespace isam::txlog
