@@ -145,6 +145,7 @@ void Repair::tell_failure(const char* state) {
 
 // From here on a signal finds the pair repaired: it says so, and leaves the kept index.
 void Repair::note_repaired() {
+  is_repaired_ = true;
   Interrupt::say("\nkestro: " + index_ + ": interrupted; the pair is repaired\n");
   kept_.keep();
 }
@@ -235,6 +236,7 @@ void Repair::end(bool whole) {
   try {
     bring_in(whole);
   } catch (const std::bad_alloc&) {
+    if (is_repaired_) return;  // only remarks about the kept index are missing
     fail(ENOMEM);
     tell_failure(place_ == Place::kInPlace ? kIncomplete : as_it_was());
     forget_changes();
@@ -265,7 +267,10 @@ void Repair::end_dictionary(bool whole) {
   const bool changed = filep->unwritten.dictionary || filep->call.page_changed;
   if (changed) {
     if (!take_kept()) return leave_as_it_was();
-    isam::lksemaphore(isam::Semaphore::kExclusive);
+    if (isam::lksemaphore(isam::Semaphore::kExclusive) != 0) {
+      fail(iserrno);
+      return leave_as_it_was();
+    }
     const SignalBlock block;
     if (!write_out()) return tell_failure(as_it_was());
     note_repaired();
@@ -333,8 +338,11 @@ void Repair::end_copy(bool whole) {
 void Repair::put_in_place() {
   const SignalBlock block;
   struct stat named {};
-  if (common::system_calls().stat(index_.c_str(), &named) != 0 ||
-      named.st_dev != filep->index.device || named.st_ino != filep->index.inode) {
+  if (common::system_calls().stat(index_.c_str(), &named) != 0 && errno != ENOENT) {
+    fail(errno);
+    return tell_failure(as_it_was());
+  }
+  if (named.st_dev != filep->index.device || named.st_ino != filep->index.inode) {
     return remark("was replaced by another file meanwhile; nothing is repaired");
   }
   if (kept_.is_taken() && kept_.show() != 0) {
@@ -350,6 +358,7 @@ void Repair::put_in_place() {
     fail(reason);
     return tell_failure(as_it_was());
   }
+  is_repaired_ = true;
   sync_folder();
   if (common::write_at(filep->index.fd, kNoMagic, 0) != 0) {
     remark(std::strerror(errno) + std::string("; end programs that wait for the pair"));

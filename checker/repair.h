@@ -82,9 +82,10 @@ class Repair {
   Check& check_;
   std::string index_;  // the file itself, past symbolic links
   Place place_ = Place::kPair;
-  bool refused_ = false;  // nothing is written
-  bool keeps_ = false;    // the index as it was is to be kept
-  int locked_ = -1;       // descriptor of the index, which has its locks, while the copy's serves
+  bool refused_ = false;      // nothing is written
+  bool is_repaired_ = false;  // ... for good
+  bool keeps_ = false;        // the index as it was is to be kept
+  int locked_ = -1;  // descriptor of the index, which has its locks, while the copy's serves
   std::unique_ptr<TemporaryFile> copy_;
   KeptIndex kept_;
   std::optional<Interrupt> interrupt_;

@@ -6,6 +6,7 @@
 #include "isam/base/errors.h"
 #include "isam/calls/call.h"
 #include "isam/calls/traced.h"
+#include "isam/files/descriptor.h"
 #include "isam/files/files.h"
 #include "isam/log/audit.h"
 

@@ -10,6 +10,7 @@
 #include "isam/calls/opening.h"
 #include "isam/calls/process.h"
 #include "isam/calls/traced.h"
+#include "isam/files/descriptor.h"
 #include "isam/files/files.h"
 #include "isam/files/locks.h"
 #include "isam/keys/keychain.h"

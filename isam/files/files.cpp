@@ -17,6 +17,7 @@
 #include "environment/settings.h"
 #include "isam/base/errors.h"
 #include "isam/files/copies.h"
+#include "isam/files/descriptor.h"
 #include "isam/pool/buffers.h"
 
 namespace isam {
@@ -31,7 +32,6 @@ int txflag = kNotLogging;
 namespace {
 
 constexpr std::size_t kMaxBaseName = 122;
-constexpr mode_t kPermissions = 0664;
 
 // Records are made on first use and kept for the life of the process.
 std::array<std::unique_ptr<Open>, nopens> opens;
@@ -110,39 +110,6 @@ void retire_replaced(std::string_view name, const struct stat* identity) {
     }
     if (file->usecount == 0) close_file_record(*file);
   }
-}
-
-// Short of descriptors, closes what can be closed and tries once more.
-common::FileHold open_with_retry(const std::string& path, int flags, mode_t permissions = 0) {
-  common::FileHold fd{common::open_file(path.c_str(), flags, permissions)};
-  if (!fd && errno == EMFILE) {
-    vclose();
-    fd = common::FileHold{common::open_file(path.c_str(), flags, permissions)};
-  }
-  return fd;
-}
-
-common::FileHold open_of_pair(const std::string& path, int flags, FileKind kind) {
-  common::FileHold fd = open_with_retry(path, flags);
-  if (!fd) failed_system(errno, Operation::kOpen, kind);
-  return fd;
-}
-
-bool writing_is_refused(std::int32_t error) {
-  return error == EACCES || error == EPERM || error == EROFS;
-}
-
-struct Opened {
-  common::FileHold fd;
-  int access;  // as O_RDWR
-};
-
-// Opens a file for reading where that is enough and no more can be had.
-Opened open_to_use(const std::string& path, FileKind kind, bool reading_is_enough) {
-  common::FileHold fd = open_of_pair(path, O_RDWR, kind);
-  if (fd || !reading_is_enough || !writing_is_refused(iserrno)) return {std::move(fd), O_RDWR};
-  clear_errors();
-  return {open_of_pair(path, O_RDONLY, kind), O_RDONLY};
 }
 
 void take_over(PairFile& file, Opened& opened, const struct stat& status) {
@@ -337,11 +304,6 @@ int reopen_data(OpenPair& file) {
   }
   file.data.fd = fd.release();
   return 0;
-}
-
-int makefile(const std::string& path, FileKind kind) {
-  const common::FileHold fd = open_with_retry(path, O_RDWR | O_CREAT | O_EXCL, kPermissions);
-  return fd ? 0 : failed_system(errno, Operation::kCreate, kind);
 }
 
 void vclose() {

@@ -66,10 +66,6 @@ int open_trail(const std::string& path);
 // Closes a file's audit trail, if it is open.
 void close_trail(OpenPair& file);
 
-// Creates a file that must not exist, with permissions 0664 as far as the process's mask allows: 0,
-// or -1 with iserrno and iserrio 0x21 to 0x23.
-int makefile(const std::string& path, FileKind kind);
-
 // For a process short of descriptors: closes pairs without a user, then of the others data files
 // and audit trails, which their next calls open again. It closes all it can, but nothing while
 // fewer than ismaxfds pairs are open.

@@ -130,20 +130,24 @@ bool outlasts_cover(RecordLock how, LockList list) {
          (openp->mode & ISEXCLLOCK) == 0;
 }
 
-// Whether the process has the record locked already. The lock moves to the held list where that is
-// asked for, never away from it.
-bool is_held(std::int32_t number, LockList list) {
+// Whether the process has the record locked already.
+bool is_held(std::int32_t number) {
+  return filep->locks.held.contains(number) || filep->locks.releasable.contains(number);
+}
+
+// Puts a record that is locked on the list asked for, if that keeps it longer than the one that it
+// is on: 0, or -1 with 116.
+int keep_held(std::int32_t number, LockList list) {
   PairLocks& locks = filep->locks;
-  if (!locks.held.contains(number)) {
-    if (!locks.releasable.contains(number)) return false;
-    if (list == LockList::kHeld && locks.held.insert(number)) locks.releasable.erase(number);
-  }
   openp->holds_record_locks = true;
-  return true;
+  if (list != LockList::kHeld || locks.held.contains(number)) return 0;
+  if (!locks.held.insert(number)) return failed(kNoMemory);
+  locks.releasable.erase(number);
+  return 0;
 }
 
 int take_record(std::int32_t number, RecordLock how, LockList list) {
-  if (is_held(number, list)) return 0;
+  if (is_held(number)) return keep_held(number, list);
   const int command = how == RecordLock::kWait ? F_SETLKW : F_SETLK;
   const bool in_file_lock = filep->locks.filelocks > 0;  // which has the record's byte already
   if (!in_file_lock && request_record(command, F_WRLCK, number) != 0) return -1;
