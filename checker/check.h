@@ -18,16 +18,17 @@
 
 namespace checker {
 
-// How often each option letter was given; only zero or not matters.
+// The options of a run: only zero or not matters. -s sets yflag too; -n takes sflag back.
 struct Options {
   int iflag = 0;  // check the index file only
   int lflag = 0;  // list the entries of every b-tree
   int nflag = 0;  // answer no to every question, open for input only
   int yflag = 0;  // answer yes to every question
-  int qflag = 0;  // no program header
+  int qflag = 0;  // no program header, and no progress shown
   int sflag = 0;  // change the index node size first
 };
 
+// About a list. A faulty one stays as it is unless the operator wants it rebuilt.
 enum class Verdict { kSound, kFaulty, kRebuild };
 enum class IndexVerdict : unsigned char { kKeep, kDelete, kRemake };
 
@@ -55,7 +56,7 @@ struct Check {
 
   int count = 0;                  // findings
   int declined = 0;               // questions answered no
-  std::int32_t system_error = 0;  // the first
+  std::int32_t system_error = 0;  // the first error of the system, as an errno; 0 for none
 
   // ---- What it knows of the pair.
 
@@ -94,8 +95,11 @@ struct Check {
 
   // ---- What one step leaves for a later one.
 
-  std::vector<common::Byte> audit_node;     // of the old index, for the one of the new node size
-  std::map<int, isam::IndexLoad> prepared;  // keys gathered before the first repair, by index
+  // For a change of node size: the used count and contents of the old index's node that names the
+  // audit trail; empty for none.
+  std::vector<common::Byte> audit_node;
+  // For a repair in place: the keys of the indexes to be remade, by index number.
+  std::map<int, isam::IndexLoad> prepared;
 };
 
 // Whether an iserrno tells of the system's trouble, not of the files'.

@@ -1,6 +1,6 @@
 // data_check: which data records are present.
 //
-// Gives   datmap; with variable length also rpgmap, the nodes that hold pieces
+// Gives   datmap and data_misfits; with variable length also rpgmap, the nodes that hold pieces
 // Needs   the maps cleared by the dictionary check
 #include <algorithm>
 #include <cerrno>
@@ -35,8 +35,8 @@ bool mark_chain(Check& check, std::int32_t pointer) {
   return true;
 }
 
-}  // namespace
-
+// Marks the pages of a record that is present, and reads it into `buffer`: its length. -1 for an
+// absent record; -1 with iserrno for one that cannot be read.
 int varread(Check& check, std::int32_t record, isam::Bytes buffer) {
   isam::Byte trailer[isam::kVariableTrailer] = {};
   if (isam::datainfo(record, trailer) != isam::kVariableTrailer ||
@@ -47,12 +47,12 @@ int varread(Check& check, std::int32_t record, isam::Bytes buffer) {
   return isam::dataread(record, buffer);
 }
 
-namespace {
-
-// How many absent records are looked at: of a wrong record length the first few tell.
+// How many absent records are asked for their state: where the record length is wrong, some of the
+// first show it.
 constexpr int kLooks = 1000;
 
-// Whether a record is neither present nor absent: the slots of the file lie elsewhere.
+// Whether a record's state byte says neither present nor absent: then the slots of the file lie
+// elsewhere.
 bool has_no_state(std::int32_t record) {
   const isam::KeepError keep;
   isam::Byte trailer[isam::kVariableTrailer] = {};
@@ -73,7 +73,8 @@ void check_records(Check& check) {
     if (length > 0) {
       check.datmap.set_bit(record);
     } else if (iserrno != 0 || errno != 0) {
-      // iserrno stays as it is: behind a record that failed, absence is no longer certain.
+      // iserrno stays set: behind a record that failed, absence is no longer certain, and each
+      // record that reads as absent is told as bad too.
       check.data_misfits = true;
       check.note_system_error();
       check.found(Code::kBadRecord, {.record = record});
@@ -90,11 +91,12 @@ struct ListRule : ListedOnce {
   }
 };
 
-// Takes every record as present but those that the free list or the extent declares free.
+// Takes every record as present but those that the free list names and those behind the highest
+// number in use.
 void take_records_from_free_list(Check& check) {
   if (check.datlast >= 1) check.datmap.setmap(1, check.datlast);
-  const std::int32_t extent = std::max(dictp->d_nextdata(), 0);
-  for (std::int32_t record = extent; record < check.datlast; ++record) {
+  const std::int32_t highest = std::max(dictp->d_nextdata(), 0);
+  for (std::int32_t record = highest; record < check.datlast; ++record) {
     check.datmap.clr_bit(record + 1);
   }
   isam::NodeChain<ListRule> chain{dictp->d_freedata(), {ListedOnce{check.idxlast}}};
@@ -104,6 +106,7 @@ void take_records_from_free_list(Check& check) {
     });
     chain.follow(page);
   }
+  // Of a link that leads astray ckdfree() will tell.
   if (chain.end() == isam::ChainEnd::kUnreadable) check.report_unreadable_node();
   if (chain.end() == isam::ChainEnd::kMalformed) {
     check.found(Code::kFreeRecordsUnknown, {.node = chain.node()});

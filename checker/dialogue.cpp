@@ -13,7 +13,7 @@ namespace checker {
 namespace {
 
 constexpr std::int32_t kHighestSystemError = 99;  // in iserrno; above it: codes of the library
-constexpr int kAnswerRoom = 10;                   // nine characters and the end
+constexpr int kAnswerRoom = 10;                   // nine characters and the closing zero
 
 std::string text_of_filling(const Filling& filling) {
   if (const auto* number = std::get_if<std::int64_t>(&filling)) return std::to_string(*number);
@@ -81,6 +81,7 @@ const char* file_word(std::int32_t place) {
   }
 }
 
+// The report has no text for 100, although the table has one.
 void print_library_error(std::int32_t code) {
   const bool known = code > 100 && code < isam::is_nerr;
   print(Message::kLibraryError,

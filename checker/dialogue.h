@@ -2,6 +2,8 @@
 //
 // Keeps   every line of output ends through pnewline, which flushes, so that questions and
 //         answers interleave
+//
+// What it says of indexes and trees (index_begins, tree_...) stands in checker/listing.cpp.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +18,7 @@
 
 namespace checker {
 
+// What takes the place of one %d or %s.
 using Filling = std::variant<std::int64_t, std::string_view>;
 
 // Prints a message, its %d and %s filled in order, without a line end.
@@ -49,9 +52,7 @@ class Dialogue : public Listener {
 
  private:
   const Options& options_;
-  // Of the pair before, where a check ends before it knows what to count: the report shows it
-  // again.
-  Summary shown_;
+  Summary shown_;  // the last one; a check that ends without one shows it again
 };
 
 }  // namespace checker

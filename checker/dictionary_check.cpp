@@ -1,9 +1,9 @@
 // dictionary_check: the dictionary against the sizes of the two files.
 //
 // Tests   the magic, record and node sizes, the locking method, the chain of key-description nodes
-// Gives   sizes of nodes and records in the current file; idxlast, datlast, idxreal, datreal and
-//         varlen; cleared maps, and in idxmap the nodes of the dictionary, of the audit trail's
-//         name and of the key descriptions
+// Gives   the sizes of nodes and records in filep; idxlast, datlast, idxreal, datreal and varlen;
+//         cleared maps, and in idxmap the nodes of the dictionary, of the audit trail's name and of
+//         the key descriptions
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace {
 using isam::dictp;
 using isam::filep;
 
-// Tells the size, takes it into the current file and tests it.
+// Tells the node size, takes it into filep and tests it.
 bool node_size_is_valid(Check& check) {
   filep->geometry.idxsize = dictp->d_idxsize();
   check.listener.fact(Fact::kNodeSize, std::int64_t{filep->geometry.idxsize} + 1);
@@ -45,8 +45,8 @@ bool lock_method_is_settled(Check& check) {
   return true;
 }
 
-// Takes the sizes into the current file and tests them; a file is of variable length when its
-// greatest size is not 0.
+// Takes the sizes into filep and tests them; a file is of variable length when its greatest size is
+// not 0.
 bool record_sizes_are_valid(Check& check) {
   filep->geometry.reclen = dictp->d_recsize();
   if (filep->geometry.reclen <= 0) {
@@ -89,8 +89,8 @@ void take_extents(Check& check) {
 
   const std::int64_t data_bytes = common::file_size(filep->data.fd);
   const int slot = isam::slot_size();
-  // The file has a record when it has the state byte, which stands behind the record's bytes; of
-  // the last slot the rest may be missing. For datlast the file has room for whole slots only.
+  // datreal counts a record when the file has its state byte, which stands behind the record's
+  // bytes: the rest of the last slot may be missing. datlast counts whole slots only.
   const std::int64_t behind_first_state = data_bytes - filep->geometry.reclen - 1;
   check.datreal = behind_first_state < 0 ? 0 : number_of(behind_first_state / slot + 1);
   check.datlast = last_number(dictp->d_nextdata(), number_of(data_bytes / slot), filep->data.fd);

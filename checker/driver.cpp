@@ -34,7 +34,8 @@ void cut_suffix(std::string& name) {
   if (name.ends_with(".dat") || name.ends_with(".idx")) name.resize(name.size() - kSuffixLength);
 }
 
-// Opens the pair and makes it current; false when that failed.
+// Opens the pair and makes it current; false when that failed. A mark of unfinished changes is no
+// obstacle: the repair sees to it.
 bool open_pair(const Check& check, const std::string& name) {
   isam::Open* open = isam::allocopen();
   if (open == nullptr) return false;
@@ -64,8 +65,8 @@ bool lock_pair() {
   return locked;
 }
 
-// Closes the pair, which holds no lock any more. Tells the library's current error first, if there
-// is one.
+// Tells the library's current error, if there is one, and closes the pair. Whatever locks are left
+// go with its descriptors.
 void close_pair(Check& check) {
   check.prterr();
   isam::freeopen(*openp);
@@ -89,7 +90,8 @@ bool refuse_pair(Check& check) {
   return false;
 }
 
-// Changes the node size while no other process has the pair open.
+// Changes the node size while no other process has the pair open. The pair is closed again; the
+// check opens the new index.
 bool resize_alone(Check& check, const std::string& name) {
   if (!can_be_kept(check, name)) return false;
   if (!open_pair(check, name)) return refuse_pair(check);
@@ -138,6 +140,7 @@ bool nodes_will_be_taken(const Check& check) {
          std::ranges::count(check.idxflag, IndexVerdict::kRemake) > 0;
 }
 
+// The list of free nodes comes first: makdfree and makindex take nodes from it.
 void rebuild_free_lists(Check& check) {
   const bool nodes_are_taken = nodes_will_be_taken(check);
   // Where nodes will be taken from the list as it is, its nodes get the marks that they lack. A
@@ -150,8 +153,8 @@ void rebuild_free_lists(Check& check) {
   const bool relisted = check.badifree == Verdict::kRebuild;
   // A page that is listed as a free node must not be offered for variable parts too.
   if (relisted && unused_pages_are_listed(check)) check.badrfree = Verdict::kRebuild;
-  const bool drawn_from = check.badifree == Verdict::kSound && nodes_are_taken;
-  if (check.varlen && (relisted || drawn_from)) unmark_unused_pages(check);
+  const bool sound_list_serves = check.badifree == Verdict::kSound && nodes_are_taken;
+  if (check.varlen && (relisted || sound_list_serves)) unmark_unused_pages(check);
   if (relisted) makifree(check);
   check.rootlast = dictp->d_nextnode();
   if (check.badrfree == Verdict::kRebuild) makrfree(check);
@@ -219,7 +222,8 @@ bool guarded_check_and_repair(Check& check, Repair& repair) {
   }
 }
 
-// Everything is on disk before the open lock goes, so that nobody reads a half-written pair.
+// Everything is on disk before the locks go, so that nobody reads a half-written pair. What iserrno
+// still has of the checks is no failure of the repair.
 void wind_up(Check& check, Repair& repair, bool whole) {
   if (check.options.sflag != 0) write_audit_node(check);
   isam::clear_errors();

@@ -98,7 +98,7 @@ struct Numbers {
   std::int64_t found = kNotCarried;     // what stands there, or how many were met
   std::int64_t expected = kNotCarried;  // what should stand there
 };
-using Number = std::int64_t Numbers::*;
+using Number = std::int64_t Numbers::*;  // which of them
 using CarriedNumbers = std::array<Number, 2>;
 
 struct Finding {
@@ -122,16 +122,16 @@ struct FindingText {
   const char* wording;  // %d stands for the first of `numbers`
   Saying saying = Saying::kError;
   Question question = Question::kNone;  // that it leads to
-  CarriedNumbers numbers{};
+  CarriedNumbers numbers{};             // that it carries; null: no more
 };
 
 struct QuestionText {
-  Question number;  // also the place of the entry in the table
-  const char* code;
+  Question number;   // also the place of the entry in the table
+  const char* code;  // the permanent code as a text
   const char* wording;
   bool by_default;  // what counts when the input has ended
-  const char* yes;  // what it does
-  const char* no;
+  const char* yes;  // what this answer does,
+  const char* no;   // ... and this one
 };
 
 [[nodiscard]] std::span<const FindingText> finding_texts();

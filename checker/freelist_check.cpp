@@ -1,8 +1,9 @@
-// freelist_check: every node and record is in use or free, exactly once.
+// freelist_check: every node and record is in use or free, exactly once. The lists of free records
+// and free nodes made anew.
 //
 // Needs   idxmap and datmap as the earlier passes left them
-// Gives   baddfree and badifree; the nodes of the data list marked in idxmap
-// Frees   nothing; the rebuilds do, at the operator's word
+// Gives   baddfree, badifree and nodes_unsafe; the nodes of the data list marked in idxmap and
+//         keptmap
 #include <algorithm>
 #include <vector>
 
@@ -26,7 +27,8 @@ struct ListCounts {
   [[nodiscard]] bool any() const { return bad != 0 || duplicate != 0 || missing != 0; }
 };
 
-// Accounts for numbers past the highest that the dictionary has in use: they are free.
+// Accounts for numbers past the highest that the dictionary has in use: they are free. How many of
+// them are in use all the same.
 std::int32_t mark_behind_highest(std::int32_t highest, std::int32_t last, UsageMap& accounted,
                                  const UsageMap& in_use) {
   const std::int32_t first = std::max(highest, 0);
@@ -75,7 +77,7 @@ void walk_list(ListChain& chain, Visit visit) {
   }
 }
 
-// A node that two things claim may also be a free one: both lists are in doubt.
+// The list of free records leads to a node that cannot be its own: both lists are in doubt.
 void both_lists_faulty(Check& check, Code code, std::int32_t node) {
   check.found(code, {.node = node});
   check.baddfree = check.badifree = Verdict::kFaulty;
@@ -149,7 +151,8 @@ void ckdfree(Check& check) {
     check.baddfree = Verdict::kFaulty;
   }
   if (check.baddfree == Verdict::kFaulty && check.ask(Question::kRecordList)) {
-    // The nodes of the old list are forgotten, so that the node list's rebuild frees them.
+    // The nodes of the old list are forgotten: ckifree() misses them in the list of nodes, and its
+    // rebuild frees them.
     check.idxmap2.clrmap();
     check.baddfree = Verdict::kRebuild;
   }
@@ -157,6 +160,7 @@ void ckdfree(Check& check) {
   check.keptmap.ormap(check.idxmap2);
 }
 
+// badifree stays faulty where ckdfree() has come to that, even if nothing is found here.
 void ckifree(Check& check) {
   check.idxmap2.clrmap();
   ListCounts counts;
@@ -173,7 +177,6 @@ void ckifree(Check& check) {
     check.badifree = Verdict::kFaulty;
   }
   if (check.badifree == Verdict::kFaulty && check.ask(Question::kNodeList)) {
-    check.idxmap2.clrmap();
     check.badifree = Verdict::kRebuild;
   }
 }
@@ -195,9 +198,9 @@ bool add_to_list(Check& check, std::int32_t number, isam::FreeList list) {
   return false;
 }
 
-// The nodes that the list of unused ones is to stand in, where it would come to stand in storage
-// pages with bytes of records otherwise; as many of other nodes as there are. None: in its own
-// order it stands in no such page.
+// Some of the freed nodes become heads of the list, which clears them. When one of these would be a
+// storage page with bytes of records, other nodes are set apart as heads: as many as are needed, or
+// fewer where there are no more. Empty when no such page would be cleared.
 std::vector<std::int32_t> heads_set_apart(const Check& check, std::int32_t highest) {
   const int entries = isam::list_entries(isam::filep->geometry.idxsize);
   std::int64_t unused = 0;
@@ -217,7 +220,8 @@ std::vector<std::int32_t> heads_set_apart(const Check& check, std::int32_t highe
 }
 
 // Frees the unused nodes below `highest`, from the top down, so that the list hands out the lowest
-// numbers first. A node freed when the list has no room becomes its head.
+// numbers first. A node freed when the list has no room becomes its head: one that is set apart, as
+// long as there are any (idxmap2 marks them).
 void list_unused_nodes(Check& check, std::int32_t highest) {
   const std::vector<std::int32_t> heads = heads_set_apart(check, highest);
   check.idxmap2.clrmap();
@@ -235,11 +239,12 @@ void list_unused_nodes(Check& check, std::int32_t highest) {
     --room;
     return add(*next_head++) && add(node);
   });
+  // Those that were not needed as heads are free like the others.
   while (all && next_head != heads.end() && add(*next_head)) ++next_head;
 }
 
-// The parts of the file that stand at nodes which it does not hold. Numbers past `last` will be
-// given to others: nothing may go on naming them.
+// Mends what names nodes that the file does not hold. Up to `last` such a node comes to be there,
+// empty. Numbers past `last` will be given to others: nothing may go on naming them.
 void cut_references_past_end(Check& check, std::int32_t last) {
   if (isam::kycutchain(check.idxreal, last) != 0) check.prterr();
   const std::int32_t audit = dictp->d_auditnode();

@@ -1,8 +1,9 @@
 // index_repair: deleting an index, and making one anew from the data records.
 //
-// Needs   the verdicts and the operator's consent; the free list of nodes already rebuilt
-// Keeps   a remade index has its root where it was unless that node is not there or serves
-//         another part of the file too; then it gets a fresh one
+// Needs   the verdicts, to which the operator has agreed; for makindex the list of free nodes,
+//         rebuilt if it is to be
+// Keeps   a remade index has its root where it was unless that node is not there, serves another
+//         part of the file too or may hold bytes of records; then it gets a fresh one
 #include <algorithm>
 
 #include "checker/checks.h"
@@ -34,7 +35,7 @@ int clear_root(std::int32_t root) {
   return page.write();
 }
 
-// The node that the new tree grows from: 0 or more, or -1 with iserrno.
+// The root of the new tree, the old root where that may be kept: its node, or -1 with iserrno.
 std::int32_t root_for_new_tree(Check& check, int n, const keydescr& k) {
   if (claim_root(check, k.rootnode)) return k.rootnode;
   const std::int32_t fresh = isam::allocrec(isam::FreeList::kNodes);
@@ -42,25 +43,29 @@ std::int32_t root_for_new_tree(Check& check, int n, const keydescr& k) {
   return fresh;
 }
 
-bool is_readable(const Check& check, std::int32_t record) {
+// Whether to try to read a record. A check with -i has not looked which records of fixed length are
+// present: it tries all.
+bool may_be_present(const Check& check, std::int32_t record) {
   const bool present_is_known = check.options.iflag == 0 || check.varlen;
   return !present_is_known || check.datmap.tstbit(record);
 }
 
-// Whether the system refuses a record that it gave before.
+// Whether the read that failed was refused by the system, for a record that counts as present. Any
+// other failure is cleared: the record gets no item.
 bool is_lost(const Check& check, std::int32_t record) {
   if (is_of_system(iserrno) && check.datmap.tstbit(record)) return true;
   isam::clear_errors();
   return false;
 }
 
+// Adds the keys of all records to `load` and sorts them: 0, or -1 with iserrno.
 int gather_keys(const Check& check, isam::IndexLoad& load) {
   const isam::Bytes buffer = isam::temprecord();
   const std::int32_t last = std::min(check.datlast, check.datreal);
   Progress progress("Gathering keys", last);
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
-    if (!is_readable(check, record)) continue;
+    if (!may_be_present(check, record)) continue;
     if (isam::dataread(record, buffer) <= 0) {
       if (is_lost(check, record)) return -1;
     } else if (load.add(buffer.data(), record) != 0) {
@@ -70,9 +75,11 @@ int gather_keys(const Check& check, isam::IndexLoad& load) {
   return load.sort();
 }
 
-// The index is emptied when nothing more is to be gathered.
+// Makes index n anew: 0, or -1 with iserrno. No node is cleared before all keys are gathered and
+// sorted.
 int fill_index(Check& check, int n, const keydescr& k) {
   if (check.node_list_is_declined()) return isam::failed(isam::kCorrupted);
+  // A load must stay at its address: the node of the map that holds it is handed on.
   auto gathered = check.prepared.extract(n);
   if (gathered.empty()) {
     gathered = check.prepared.extract(check.prepared.try_emplace(n, k).first);
@@ -99,12 +106,13 @@ bool prepare_indexes(Check& check) {
     keydescr k{};
     const bool described =
         isam::kysearch(k, n) >= 0 && isam::kylegal(k, isam::filep->geometry.reclen) == 0;
-    if (!described && !is_of_system(iserrno)) {
-      isam::clear_errors();  // told when its turn comes
+    if (described) {
+      const auto at = check.prepared.try_emplace(n, k, static_cast<int>(sharers)).first;
+      if (gather_keys(check, at->second) == 0) continue;
+    } else if (!is_of_system(iserrno)) {
+      isam::clear_errors();  // makindex() tells of it
       continue;
     }
-    const auto at = check.prepared.try_emplace(n, k, static_cast<int>(sharers)).first;
-    if (described && gather_keys(check, at->second) == 0) continue;
     check.listener.mends(Mending::kRemakesIndex, n);
     check.prterr();
     return false;

@@ -58,7 +58,7 @@ int KeptIndex::note_undo_file() {
 }
 
 int KeptIndex::note(int repaired_fd, int data_fd) {
-  try {
+  try {  // the repair may be in the pair already: nothing may be thrown past its end
     const bool described =
         describe(repaired_fd, undo_.repaired) == 0 && describe(data_fd, undo_.data) == 0;
     return described ? note_undo_data() : -1;
@@ -68,7 +68,6 @@ int KeptIndex::note(int repaired_fd, int data_fd) {
   }
 }
 
-// Stores the undo data as an attribute of the kept index, or else in a file beside it.
 int KeptIndex::note_undo_data() {
   if (store_undo_data(file_->fd(), undo_) != 0) return note_undo_file();
   return common::system_calls().fsync(file_->fd());

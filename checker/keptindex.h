@@ -5,9 +5,10 @@
 // repair (checker/undodata).
 //
 // `KESTRO_KEEP` 1 keeps it at every repair, 0 never; without either it is kept when the repair
-// takes something away.
+// takes something away. A change of node size keeps the old index as NAME.IDX instead.
 //
-// Needs   take() first and keep() last; show() and note() in any order between them
+// Needs   take() first, then show() and note() in any order. keep() when the files must outlive the
+//         repair, and again when note() comes after it: that may have made another file
 // Never   leaves a named file behind without keep(), unless the process is killed
 #pragma once
 
@@ -30,12 +31,12 @@ class KeptIndex {
   // changed yet. False with errno.
   [[nodiscard]] bool take(int index_fd, const std::string& index);
   // Notes what the repaired index and the data file are like, in an attribute of the kept file or
-  // in a file beside it: 0, or -1 with errno. Undoing the repair takes this note.
+  // in a file beside it: 0, or -1 with errno. Without this note the repair cannot be undone.
   [[nodiscard]] int note(int repaired_fd, int data_fd);
-  // Gives the kept file, and the one beside it if there is one, their names: 0, or -1 with errno.
-  // Until keep() a signal removes them, and so does the destructor.
+  // Gives the kept file its name, and the file beside it as soon as there is one: 0, or -1 with
+  // errno. Until keep() a signal removes them, and so does the destructor.
   [[nodiscard]] int show();
-  // From now on they stay. Does nothing when nothing was taken.
+  // From now on the files that there are stay. Does nothing when nothing was taken.
   void keep();
   ~KeptIndex();
 
@@ -48,10 +49,10 @@ class KeptIndex {
   [[nodiscard]] const std::string& name() const { return name_; }
 
  private:
-  // Stores the undo data as an attribute of the kept file, or where that cannot be in a file of
-  // their own beside it. 0, or -1 with errno.
+  // Stores the undo data as an attribute of the kept file, else in a file beside it: 0, or -1 with
+  // errno.
   [[nodiscard]] int note_undo_data();
-  // Stores it in that file.
+  // Stores it in the file beside it, as above.
   [[nodiscard]] int note_undo_file();
 
   std::string index_;                         // path of the index

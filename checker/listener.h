@@ -1,6 +1,6 @@
 // listener: whom a check tells what it does and finds, and who decides for it.
 //
-// Everything comes in the order of kestro's report. A listener may be silent, and count, or write
+// All calls come in the order of kestro's report. A listener may be silent, and count, or write
 // another report; its answers may come from an operator or from a rule.
 #pragma once
 
@@ -21,9 +21,15 @@ enum class Pass {
   kFreeLists
 };
 
+// What a repair is about to do.
 enum class Mending { kDeletesIndex, kRemakesIndex, kRemakesNodeList, kRemakesRecordList };
 
-enum class Fact { kNodeSize, kCurrentNodeSize, kOldNodeSize, kKeyNodeSize };
+enum class Fact {
+  kNodeSize,         // of the pair checked
+  kCurrentNodeSize,  // of a new pair: the same at every check
+  kOldNodeSize,      // before a change of node size
+  kKeyNodeSize       // bytes in use of the node of key descriptions
+};
 
 // What a pair holds, as the check found it.
 struct Summary {
@@ -50,18 +56,21 @@ class Listener {
   virtual void fact(Fact /*fact*/, std::int64_t /*value*/) {}
   virtual void index_begins(int /*n*/, const keydescr& /*k*/) {}
   virtual void index_walked(std::int32_t /*nodes*/, int /*levels*/) {}
-  // `n`: the index, where it is about one.
+  // `n`: the index, 0 where it is about a list.
   virtual void mends(Mending /*what*/, int /*n*/) {}
   // What became of a repair, where the report has no words for it.
   virtual void remark(const std::string& /*text*/) {}
-  // The last. Null: the check ended before it knew how large the files are.
+  // The last. Null: the check ended before it knew how large the files are. Not called when there
+  // was no check: the pair could not be opened, locked and read, or not be given its node size.
   virtual void ends(const Summary* /*summary*/) {}
 
   // Whether the nodes and items of every tree are to be told, too.
   [[nodiscard]] virtual bool wants_trees() const { return false; }
+  // The walk comes to a node, whose items follow, in an upper node each behind the nodes below it.
+  // The root is on level 0; `used`: bytes of items.
   virtual void tree_node(int /*level*/, std::int32_t /*node*/, int /*used*/) {}
   virtual void tree_item(const isam::Item& /*item*/, const keydescr& /*k*/) {}
-  // Back from the node below.
+  // The walk is back in a node of this level; the item that led down comes next.
   virtual void tree_level(int /*level*/) {}
 
  protected:

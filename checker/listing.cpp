@@ -8,8 +8,10 @@
 namespace checker {
 namespace {
 
-constexpr int kListedType = 15;  // the collated codes list as characters
+// Of a part's type: without KT_DESC, and KT_COLL1 to KT_COLL7 as KT_CHAR.
+constexpr int kListedType = 15;
 
+// The text ends at the first zero byte; blanks follow up to the length.
 void print_characters(const isam::Byte* at, int length) {
   char text[MAXKEYLEN + 1];
   const auto size = static_cast<std::size_t>(length);
@@ -39,7 +41,7 @@ int print_part(const isam::Byte* at, const keypart& part) {
     case KT_FLOAT:
       std::printf("%f ", static_cast<double>(common::ldfloat(at)));
       return part.length;
-    default:
+    default:  // no type of a legal key
       return 0;
   }
 }

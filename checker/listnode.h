@@ -1,4 +1,5 @@
-// listnode: a view of one node of a free list, believed only as far as it is checked.
+// listnode: a view of one node of a free list, whose used count is believed only where is_valid()
+// says so. The page must be held as long.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +14,7 @@ class ListNode {
   explicit ListNode(const isam::PageHold& page)
       : bytes_(page.bytes()), entry_bytes_(page.used() - isam::kEntriesOffset) {}
 
-  // Whether the used count leaves room for entries in the node.
+  // Whether the used count ends where the entries of such a node may end.
   [[nodiscard]] bool is_valid() const {
     return entry_bytes_ >= 0 &&
            entry_bytes_ <= isam::list_entries_limit(isam::filep->geometry.idxsize);

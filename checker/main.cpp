@@ -55,7 +55,7 @@ bool take_option(char letter) {
       return true;
     case 's':
       ++options.sflag;
-      ++options.yflag;
+      ++options.yflag;  // the trees that the new index lacks are made without a question
       return true;
     default:
       return false;
@@ -112,17 +112,19 @@ int main(int argc, char** argv) {
     std::printf("%s\n", isversion());
     return EXIT_SUCCESS;
   }
-  // A locale that cannot be loaded ends the program before options but -V are read.
+  // A locale that cannot be loaded ends the program before any option but -V is read.
   if (locale::initulx() != 0) {
     std::fprintf(stderr, "ulx function %s failed, error %d\n", "initulx", locale::get_ulxerror());
     return kLocaleStatus;
   }
+  // On a terminal, too, output waits for a flush (pnewline, a question).
   static char output_buffer[BUFSIZ];
   std::setvbuf(stdout, output_buffer, _IOFBF, sizeof output_buffer);
 
+  // All options stand in the first argument.
   if (!arguments.empty() && arguments[0][0] == '-') {
     if (!take_options(arguments[0] + 1)) return kUsageStatus;
-    if (options.nflag != 0) options.sflag = 0;  // with -n nothing is written
+    if (options.nflag != 0) options.sflag = 0;  // with -n no file is changed
     arguments = arguments.subspan(1);
   }
   if (options.qflag == 0) {

@@ -51,7 +51,7 @@ int obstacle(int fd, const std::string& index) {
     return errno;
   }
   if (!S_ISREG(status.st_mode)) return ENOTSUP;
-  if (status.st_nlink > 1) return EMLINK;
+  if (status.st_nlink > 1) return EMLINK;  // another name would go on leading to the old file
   if (is_mount_point(fd)) return EBUSY;
   const uid_t user = ::geteuid();
   // With the sticky bit, only root and the owners of the file and the folder may replace the file.

@@ -9,8 +9,8 @@ namespace checker {
 // no file there), links in the last part of the path are followed, and others may stay in it.
 [[nodiscard]] std::string real_path(std::string path);
 
-// Why another file cannot take the place of an index, open as `fd`, as an errno; 0 when nothing is
-// known to be in the way.
+// Why another file cannot take the place of an index, open as `fd` and found at its real_path(), as
+// an errno; 0 when nothing is known to be in the way.
 [[nodiscard]] int obstacle(int fd, const std::string& index);
 
 // Whether an error in making a copy leaves the index itself fit to be changed.

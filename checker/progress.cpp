@@ -12,7 +12,7 @@ using std::chrono::steady_clock;
 
 constexpr auto kQuietStart = std::chrono::seconds(1);
 constexpr auto kInterval = std::chrono::milliseconds(200);
-constexpr std::int64_t kStep = 4096;  // done between looks at the clock
+constexpr std::int64_t kStep = 4096;  // records or items done between looks at the clock
 
 bool line_is_shown = false;
 int pair_number = 1;
@@ -61,7 +61,7 @@ void Progress::show(std::int64_t done, Clock::time_point now) const {
   std::fputc('\r', stderr);
   if (pairs_named > 1) std::fprintf(stderr, "pair %d of %d: ", pair_number, pairs_named);
   std::fprintf(stderr, "%.*s: %d%%", static_cast<int>(pass_.size()), pass_.data(), percent);
-  // Too little is done to tell how fast it goes.
+  // Below one percent too little is done to tell how fast it goes.
   if (percent > 0) {
     std::fprintf(stderr, ", about %.0f s left", passed / share - passed);
   }

@@ -1,8 +1,8 @@
 // progress: how far a long pass has come, for an operator who watches.
 //
 // Shown on standard error, on one line that is rewritten, when it is allowed, standard error is a
-// terminal and the run has taken more than a second. Standard output never shows any of it: the
-// line is erased before anything is printed there.
+// terminal and a second has gone by since the run's first pass began. The line is erased before
+// anything is printed on standard output, which may be the same terminal.
 //
 //   Progress::allow();
 //   Progress::begin_pair(3, 200);
@@ -18,12 +18,13 @@ namespace checker {
 
 class Progress {
  public:
-  // Until then nothing is ever shown.
+  // Before this call nothing is ever shown.
   static void allow();
-  // What follows concerns pair `number` of so many.
+  // What follows concerns pair `number` of `pairs`; the line tells so when there are several.
   static void begin_pair(int number, int pairs);
 
-  // A pass of this name begins. The name must outlive it, as a literal does.
+  // A pass of this name begins; `total`: what there is to do in it, an estimate perhaps. The name
+  // must outlive it, as a literal does.
   Progress(std::string_view pass, std::int64_t total);
   ~Progress() { erase(); }
   Progress(const Progress&) = delete;
