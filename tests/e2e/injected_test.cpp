@@ -3,7 +3,6 @@
 // was done stays, and what is left can be repaired.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -14,8 +13,8 @@
 #include <string_view>
 #include <utility>
 
-#include "common/io.h"
 #include "tests/e2e/sessions.h"
+#include "tests/support/between.h"
 
 namespace testing_support {
 namespace {
@@ -54,48 +53,40 @@ struct Injection {
 };
 Injection injection;
 
-bool is_hit(Target target) {
+// errno of the call when it fails.
+int hit_at(Target target) {
   Injection& it = injection;
-  if (it.plan.target != target || (it.left > 0 && it.left-- > 0)) return false;
-  if (it.hits > 0 && !it.plan.lasts) return false;
-  errno = it.plan.error;
-  if (errno == 0 && (it.interrupted = !it.interrupted)) errno = EINTR;
-  if (errno != 0) ++it.hits;
-  return errno != 0;
+  if (it.plan.target != target || (it.left > 0 && it.left-- > 0)) return 0;
+  if (it.hits > 0 && !it.plan.lasts) return 0;
+  int error = it.plan.error;
+  if (error == 0 && (it.interrupted = !it.interrupted)) error = EINTR;
+  if (error != 0) ++it.hits;
+  return error;
 }
 
-// What of a transfer may be done at once.
-std::size_t part_of(std::size_t count, Target target) {
-  const bool whole = injection.plan.target != target || injection.plan.error != 0;
-  return whole ? count : (count + 2) / 3;
-}
-
-ssize_t read_or_fail(int fd, void* to, std::size_t count, off_t offset) {
-  if (is_hit(Target::kRead)) return -1;
-  return ::pread(fd, to, part_of(count, Target::kRead), offset);
-}
-
-ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t offset) {
-  struct stat status {};
-  ::fstat(fd, &status);
-  const bool grows = offset + static_cast<off_t>(count) > status.st_size;
-  if (is_hit(Target::kWrite) || (grows && is_hit(Target::kGrowth))) return -1;
-  return ::pwrite(fd, from, part_of(count, Target::kWrite), offset);
-}
-
-// Giving a lock back does not fail; only the wait for the semaphore goes on after a signal.
-int lock_or_fail(int fd, int command, struct flock* lock) {
-  const bool may_fail =
-      lock->l_type != F_UNLCK && (injection.plan.error != 0 || command == F_SETLKW);
-  if (may_fail && is_hit(Target::kLock)) return -1;
-  return ::fcntl(fd, command, lock);
-}
-
-// Settings files may be missing or not; it is the pair that counts.
-int open_or_fail(const char* path, int flags, mode_t permissions) {
-  const std::string_view name = path;
-  const bool of_pair = name.ends_with(".idx") || name.ends_with(".dat");
-  return of_pair && is_hit(Target::kOpen) ? -1 : ::open(path, flags, permissions);
+int inject(SystemCall& call) {
+  const Injection& it = injection;
+  int error = 0;
+  Target target = Target::kRead;
+  if (call.kind == SystemCall::kRead) {
+    error = hit_at(target);
+  } else if (call.kind == SystemCall::kWrite) {
+    target = Target::kWrite;
+    error = hit_at(target);
+    if (error == 0 && call.grows()) error = hit_at(Target::kGrowth);
+  } else if (call.kind == SystemCall::kLock) {
+    // Giving a lock back does not fail; only the wait for the semaphore goes on after a signal.
+    const bool may_fail =
+        call.lock->l_type != F_UNLCK && (it.plan.error != 0 || call.flags == F_SETLKW);
+    return may_fail ? hit_at(Target::kLock) : 0;
+  } else {
+    // Settings files may be missing or not; it is the pair that counts.
+    const bool of_pair = call.path.ends_with(".idx") || call.path.ends_with(".dat");
+    return call.kind == SystemCall::kOpen && of_pair ? hit_at(Target::kOpen) : 0;
+  }
+  // What of a transfer may be done at once.
+  if (it.plan.target == target && it.plan.error == 0) call.count = (call.count + 2) / 3;
+  return error;
 }
 
 // Whether an exclusive open has left its mark in the index file.
@@ -357,11 +348,7 @@ class Injected : public testing::TestWithParam<std::tuple<Scene, Plan>> {
     EXPECT_EQ(end_of(start_process([&] {
                 ::setenv("ISAMBUFS", scene_.buffers, 1);
                 injection = {.plan = plan_, .left = calls};
-                common::SystemCalls& system = common::system_calls();
-                system.pread = read_or_fail;
-                system.pwrite = write_or_fail;
-                system.fcntl_lock = lock_or_fail;
-                system.open = open_or_fail;
+                stand_between(inject);
                 Script(base, scene_, *report).run();
                 report->calls = calls - injection.left;
               })),

@@ -15,6 +15,7 @@
 #include "common/io.h"
 #include "tests/e2e/check_here.h"
 #include "tests/e2e/sessions.h"
+#include "tests/support/between.h"
 #include "tests/support/damage.h"
 
 namespace testing_support {
@@ -44,62 +45,42 @@ Way way;
 int left = INT_MAX;      // calls until it comes
 bool repairing = false;  // reads count only then
 
-// Whether the call fails, with errno.
-bool happens() {
+// errno of the call when it fails.
+int happens() {
   const bool hit = left == 0 || (left < 0 && happening.then == Then::kFailsOn);
   if (left >= 0) --left;
-  if (!hit) return false;
+  if (!hit) return 0;
   if (happening.then == Then::kIsKilled) ::_exit(kKilled);
   if (happening.then == Then::kIsInterrupted) ::raise(SIGTERM);
-  errno = happening.error;
-  return happening.error != 0;
+  return happening.error;
 }
 
-// Room is needed only by what writes; reading before the repair only finds other faults.
-bool happens_on_read() {
-  return repairing && happening.then >= Then::kFails && happening.error != ENOSPC && happens();
-}
-
-int open_or_not(const char* path, int flags, mode_t permissions) {
-  const bool nameless = (flags & O_TMPFILE) == O_TMPFILE;
-  if (nameless || (flags & O_CREAT) != 0) {
-    repairing = true;
-    if (happens()) return -1;
+int put_in_the_way(SystemCall& call) {
+  switch (call.kind) {
+    case SystemCall::kNameless:
+    case SystemCall::kOpen:
+      if (call.kind == SystemCall::kNameless || (call.flags & O_CREAT) != 0) {
+        repairing = true;
+        if (const int error = happens(); error != 0) return error;
+      }
+      return call.kind == SystemCall::kNameless && way == Way::kNamed ? EOPNOTSUPP : 0;
+    case SystemCall::kRead: {
+      // Room is needed only by what writes; reading before the repair only finds other faults.
+      const bool counts = repairing && happening.then >= Then::kFails && happening.error != ENOSPC;
+      return counts ? happens() : 0;
+    }
+    case SystemCall::kCopy:
+      call.count = std::min<std::size_t>(call.count, 20000);  // so that one piece may be missing
+      return happens();
+    case SystemCall::kClone:
+      return EOPNOTSUPP;
+    case SystemCall::kLock:
+    case SystemCall::kUnlink:
+    case SystemCall::kStat:
+      return 0;
+    default:
+      return happens();
   }
-  errno = EOPNOTSUPP;
-  return nameless && way == Way::kNamed ? -1 : ::open(path, flags, permissions);
-}
-
-void put_in_the_way() {
-  static const common::SystemCalls real = common::system_calls();
-  common::SystemCalls& calls = common::system_calls();
-  calls.open = open_or_not;
-  calls.pread = [](int fd, void* to, std::size_t count, off_t offset) {
-    return happens_on_read() ? -1 : real.pread(fd, to, count, offset);
-  };
-  calls.pwrite = [](int fd, const void* from, std::size_t count, off_t offset) {
-    return happens() ? -1 : real.pwrite(fd, from, count, offset);
-  };
-  calls.copy_range = [](int from, int to, off_t offset, std::size_t count) {
-    // In pieces, so that one may be missing.
-    return happens() ? -1 : real.copy_range(from, to, offset, std::min<std::size_t>(count, 20000));
-  };
-  calls.clone = [](int, int) {
-    errno = EOPNOTSUPP;
-    return -1;
-  };
-  calls.rename = [](const char* from, const char* to) {
-    return happens() ? -1 : real.rename(from, to);
-  };
-  calls.link = [](const char* from, const char* to) {
-    return happens() ? -1 : real.link(from, to);
-  };
-  calls.link_open = [](int fd, const char* to) { return happens() ? -1 : real.link_open(fd, to); };
-  calls.fsync = [](int) { return happens() ? -1 : 0; };  // the test waits for no disk
-  calls.ftruncate = [](int fd, off_t size) { return happens() ? -1 : real.ftruncate(fd, size); };
-  calls.fsetxattr = [](int fd, const char* name, const void* value, std::size_t size, int flags) {
-    return happens() ? -1 : real.fsetxattr(fd, name, value, size, flags);
-  };
 }
 
 // ---- What it happens to.
@@ -147,7 +128,12 @@ class Interrupted : public testing::TestWithParam<Case> {
       happening = what;
       way = way_;
       left = calls;
-      put_in_the_way();
+      stand_between(put_in_the_way);
+      // The test waits for no disk.
+      common::system_calls().fsync = [](int) {
+        errno = happens();
+        return errno == 0 ? 0 : -1;
+      };
       check_here(base_, 'y');
       std::fflush(stdout);
       ::_exit(left < 0 ? 0 : 1);  // 1: there were not that many calls

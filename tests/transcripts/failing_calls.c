@@ -1,8 +1,8 @@
 // failing_calls: loaded into a program before its libraries, it lets system calls fail.
 //
 // KESTRO_FAILING_CALLS holds rules with a semicolon behind each: CALL FILE ERROR [WHEN]
-//   CALL   open, nameless (an open with O_TMPFILE), read, write, lock, copy, clone, link, rename,
-//          sync, stat, chmod, chown or attribute
+//   CALL   open, open-write (for writing), nameless (an open with O_TMPFILE), read, write, lock,
+//          copy, clone, link, rename, unlink, sync, stat, chmod, chown or attribute
 //   FILE   what the name of the file ends with, such as .dat; * for any. Where two are named, the
 //          first one counts, for a copy the one that is read
 //   ERROR  the number that errno gets; below 0: the process gets that signal, and the call is done
@@ -87,6 +87,7 @@ int open(const char* path, int flags, ...) {
   va_end(more);
   const int nameless = (flags & O_TMPFILE) == O_TMPFILE;
   if (fails(nameless ? "nameless" : "open", path, 0, 0)) return -1;
+  if ((flags & O_ACCMODE) != O_RDONLY && fails("open-write", path, 0, 0)) return -1;
   return REAL(open)(path, flags, permissions);
 }
 ssize_t pread(int fd, void* to, size_t count, off_t at) {
@@ -140,6 +141,7 @@ int linkat(int from_folder, const char* from, int to_folder, const char* to, int
 int rename(const char* from, const char* to) {
   return fails("rename", to, 0, 0) ? -1 : REAL(rename)(from, to);
 }
+int unlink(const char* path) { return fails("unlink", path, 0, 0) ? -1 : REAL(unlink)(path); }
 int fsync(int fd) { return fails_at("sync", fd, 0, 0) ? -1 : REAL(fsync)(fd); }
 int fstat(int fd, struct stat* status) {
   return fails_at("stat", fd, 0, 0) ? -1 : REAL(fstat)(fd, status);

@@ -151,7 +151,7 @@ class Stage:
     def __init__(self, given, kind, folder):
         self.given, self.folder = given, pathlib.Path(folder)
         self.cast = Cast(given, kind, folder)
-        self.kept = {}
+        self.kept, self.rules = {}, ''
 
     def end(self):
         for name in list(self.cast.numbers):
@@ -165,7 +165,7 @@ class Stage:
             if words[1] == 'each-write-refused':
                 return self.refuse_each(words[0], ' '.join([words[0], *words[2:]]))
             return self.order_all(line)
-        return getattr(self, 'do_' + words[0])(*words[1:])
+        return getattr(self, 'do_' + words[0].replace('-', '_'))(*words[1:])
 
     def order_all(self, line):
         """"20-59" stands for each of these numbers, until one fails."""
@@ -297,10 +297,51 @@ class Stage:
         return named.get((start, end)) or (
             f'record {start - RECORDS}' if end == start + 1 else f'{start} to {end}')
 
+    def environment(self, **more):
+        if self.rules:
+            more.update(KESTRO_FAILING_CALLS=self.rules, LD_PRELOAD=self.given.failing_calls)
+        return {**os.environ, 'PAIRS': self.given.pairs, 'MANUAL': str(SOURCE / 'man' / 'kestro.8'),
+                'PATH': f'{self.given.programs}:/usr/bin:/bin', **more}
+
+    def do_commands_fail(self, call, file, error, *when):
+        """A rule for the system calls of commands."""
+        self.rules += f'{call} {file} {FAILURES[error]} {"".join(when)};'
+        return 'ok'
+
+    def do_stops(self, call, file, when, *command):
+        """Starts a command that stands still at a system call."""
+        before = self.rules
+        self.do_commands_fail(call, file, 'SIGSTOP', when)
+        self.standing = subprocess.Popen(['/bin/sh', '-c', 'exec ' + ' '.join(command)],
+                                         cwd=self.folder, env=self.environment())
+        self.rules = before
+        return 'ok' if os.WIFSTOPPED(os.waitpid(self.standing.pid, os.WUNTRACED)[1]) else 'it ended'
+
+    def do_continues(self):
+        self.standing.send_signal(signal.SIGCONT)
+        status = self.standing.wait(LONGEST)
+        return f'status {status}' if status else 'ok'
+
+    def do_stranger(self, name):
+        """Another program opens an index, waits for its turn, has it open and reads its magic."""
+        code = f"""import fcntl
+file = open('{name}', 'r+b', buffering=0)
+print('begins', flush=True)
+fcntl.lockf(file, fcntl.LOCK_EX, {RECORDS - 1})
+fcntl.lockf(file, fcntl.LOCK_SH | fcntl.LOCK_NB, 1, {OPEN_LOCK})
+print(file.read(2).hex())"""
+        self.other = subprocess.Popen([sys.executable, '-c', code], cwd=self.folder, text=True,
+                                      stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.other.stdout.readline()
+        time.sleep(0.1)
+        return 'waits' if self.other.poll() is None else self.do_stranger_reads()
+
+    def do_stranger_reads(self):
+        return self.other.communicate(timeout=LONGEST)[0].strip()
+
     def shell(self, command):
         """What a command prints, and how it ends."""
-        environment = {**os.environ, 'PATH': f'{self.given.programs}:/usr/bin:/bin'}
-        done = subprocess.run(['/bin/sh', '-c', command], cwd=self.folder, env=environment,
+        done = subprocess.run(['/bin/sh', '-c', command], cwd=self.folder, env=self.environment(),
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=LONGEST)
         said = done.stdout.decode('latin-1')
         if done.stderr:
@@ -394,7 +435,7 @@ def play(given, kind, head, case):
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    for tool in ('--actor', '--pairs', '--programs'):
+    for tool in ('--actor', '--pairs', '--programs', '--failing-calls'):
         parser.add_argument(tool, required=True)
     parser.add_argument('--update', action='store_true')
     parser.add_argument('file')
