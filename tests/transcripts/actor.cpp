@@ -295,7 +295,11 @@ class Actor {
   // What is no call: rules for the system, and the process itself.
   bool instruct(const std::string& what, Asked& asked) {
     if (what == "starts") {
-      while (!(asked.words >> std::ws).eof()) ::putenv(::strdup(asked.word().c_str()));
+      while (!(asked.words >> std::ws).eof()) {
+        const std::string setting = asked.word();
+        const std::size_t equals = setting.find('=');
+        ::setenv(setting.substr(0, equals).c_str(), setting.substr(equals + 1).c_str(), 1);
+      }
     } else if (what == "forks") {
       const auto other = static_cast<std::size_t>(asked.word()[0] - 'a');
       const pid_t child = ::fork();
