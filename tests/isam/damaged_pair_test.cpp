@@ -269,7 +269,9 @@ TEST_F(DamagedPair, MayHaveSoManyDescriptionsAndNoMore) {
       std::fill_n(page, kNode, Byte{0});
       put2(page, 6 + here * kSize);
       put4(page + 2, next);
-      for (int i = 0; i < here; ++i) put2(page + 6 + i * kSize, kSize);  // a key without parts
+      for (int i = 0; i < here; ++i) {
+        put2(page + 6 + std::ptrdiff_t{i} * kSize, kSize);  // a key without parts
+      }
       page[kNode - 3] = 0xFF;
       page[kNode - 2] = 0x7E;
       number = next;
