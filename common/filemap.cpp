@@ -111,14 +111,16 @@ void FileMap::map(int fd) {
   known_ = size;
 }
 
-// Copies bytes that covers() has said yes to. False when a page of them was missing: `to` then
-// holds anything, and the file is not mapped again before forget() is called.
-bool FileMap::copy(Bytes to, std::int64_t offset) {
-  const Byte* const from = pages_ + offset;
-  copy_begin = reinterpret_cast<std::uintptr_t>(from);
-  copy_end = copy_begin + to.size();
+// From here to end_copy() the handler serves these bytes.
+void FileMap::begin_copy(ConstBytes from) {
+  copy_begin = reinterpret_cast<std::uintptr_t>(from.data());
+  copy_end = copy_begin + from.size();
   std::atomic_signal_fence(std::memory_order_seq_cst);
-  std::memcpy(to.data(), from, to.size());
+}
+
+// False when a page was missing: what was copied is anything, and the file is not mapped again
+// before forget() is called.
+bool FileMap::end_copy() {
   std::atomic_signal_fence(std::memory_order_seq_cst);
   copy_end = copy_begin;
   if (page_missing == 0) return true;
@@ -126,6 +128,22 @@ bool FileMap::copy(Bytes to, std::int64_t offset) {
   forget();
   usable_ = false;
   return false;
+}
+
+// Copies bytes that covers() has said yes to.
+bool FileMap::copy(Bytes to, std::int64_t offset) {
+  const ConstBytes from{pages_ + offset, to.size()};
+  begin_copy(from);
+  std::memcpy(to.data(), from.data(), from.size());
+  return end_copy();
+}
+
+void FileMap::look_again(int fd) {
+  if (!usable_ || system_calls().pread != ::pread) return;
+  std::int64_t size = 0;
+  if (find_size(fd, size) != 0) return;
+  if (size > mapped_) return map(fd);
+  known_ = std::max(known_, size);
 }
 
 // Reads by the system. A read that got all it asked for shows how far the file goes, and when

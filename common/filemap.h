@@ -34,6 +34,19 @@ class FileMap {
     const auto size = static_cast<ssize_t>(to.size());
     return covers(to.size(), offset) && copy(to, offset) ? size : call(fd, to, offset);
   }
+  // Lets `copy` copy as it likes out of the bytes that the file is known to have, which it is
+  // given; none where the file is not mapped. False when a page of them was missing: then what it
+  // copied is worth nothing.
+  template <typename Copy>
+  [[nodiscard]] bool read_by(Copy copy) {
+    const bool usable = system_calls().pread == ::pread;
+    const ConstBytes all{pages_, usable ? static_cast<std::size_t>(std::min(known_, mapped_)) : 0};
+    begin_copy(all);
+    copy(all);
+    return end_copy();
+  }
+  // Maps the file, unless that is done, for reads that will be many; and asks how long it is.
+  void look_again(int fd);
   // Whether a read of these bytes costs no system call.
   [[nodiscard]] bool covers(std::size_t length, std::int64_t offset) const {
     return offset + static_cast<std::int64_t>(length) <= std::min(known_, mapped_) &&
@@ -47,6 +60,8 @@ class FileMap {
   void forget();
 
  private:
+  static void begin_copy(ConstBytes from);
+  [[nodiscard]] bool end_copy();
   [[nodiscard]] bool copy(Bytes to, std::int64_t offset);
   [[nodiscard]] ssize_t call(int fd, Bytes to, std::int64_t offset);
   void map(int fd);

@@ -1,7 +1,9 @@
 // library_fuzz: any bytes whatever as a pair, used by an application.
 //
 // Finds   crashes, overruns, hangs and runaway memory in the public calls
+#include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <vector>
 
 #include "fuzz/fuzz_pair.h"
@@ -21,7 +23,57 @@ std::vector<char> record_of(int number) {
   return record;
 }
 
+// What a scan has met: how many records, which, and why it ended.
+struct Scanned {
+  int records = 0;
+  std::uint32_t sum = 0;
+  std::int32_t reason = 0;
+  bool operator==(const Scanned&) const = default;
+  void add(const char* record, std::int32_t length, std::int32_t number) {
+    ++records;
+    sum = sum * 31 + static_cast<std::uint32_t>(number);
+    for (std::int32_t i = 0; i < length; ++i)
+      sum = sum * 31 + static_cast<unsigned char>(record[i]);
+  }
+};
+
+// Reads records one by one, and the same ones many in a call: both meet the same.
+void scan_both_ways(int isfd, keydescr key, std::vector<char>& record, bool backwards) {
+  constexpr int kScanned = 300;
+  constexpr std::int32_t kMany = 70;
+  const int edge = backwards ? RD_LAST : RD_FIRST;
+  const int step = backwards ? RD_PREV : RD_NEXT;
+  if (isstart(isfd, &key, 0, record.data(), edge) != 0) return;
+  Scanned singly;
+  while (singly.records < kScanned && isread(isfd, record.data(), step) == 0) {
+    singly.add(record.data(), isreclen, isrecnum);
+  }
+  singly.reason = iserrno;
+  if (isstart(isfd, &key, 0, record.data(), edge) != 0) return;
+  dictinfo info{};
+  isdictinfo(isfd, &info);
+  const auto room = static_cast<std::size_t>(info.di_recsize);
+  std::vector<char> records(kMany * room);
+  std::array<std::int32_t, kMany> numbers{};
+  std::array<std::int32_t, kMany> lengths{};
+  recordset set{0, records.data(), records.size(), numbers.data(), lengths.data()};
+  Scanned together;
+  int got = 0;
+  do {
+    set.count = std::min(kMany, kScanned - together.records);
+    if (set.count == 0) break;
+    got = isreadmany(isfd, &set, step);
+    for (int i = 0; i < got; ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      together.add(&records[at * room], lengths[at], numbers[at]);
+    }
+    together.reason = iserrno;
+  } while (got == set.count);
+  if (together != singly) std::abort();
+}
+
 void read_by(int isfd, keydescr key, std::vector<char>& record) {
+  for (const bool backwards : {false, true}) scan_both_ways(isfd, key, record, backwards);
   if (isstart(isfd, &key, 0, record.data(), RD_FIRST) != 0) return;
   for (int i = 0; i < kReads && isread(isfd, record.data(), RD_NEXT) == 0; ++i) continue;
   isrewcurr(isfd, record.data());

@@ -49,6 +49,7 @@
 #ifndef ISAM_H
 #define ISAM_H
 
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -188,6 +189,16 @@ struct dictinfo {
 };
 enum { DI_VARLEN = 0x8000 };
 
+/* Records that one call reads or writes. All arrays are the caller's and have room for `count`
+ * elements. The record at place i, from 0, stands at records + i * (greatest record length). */
+struct recordset {
+  int32_t count; /* records wanted, from 1 */
+  char* records; /* of `size` bytes, at least count * (greatest record length) */
+  size_t size;
+  int32_t* numbers; /* record numbers */
+  int32_t* lengths; /* lengths in bytes */
+};
+
 /* -------------------- modes of calls -------------------- */
 
 /* Mode of isopen() and isbuild(): one access, one lock mode, options added. */
@@ -314,6 +325,30 @@ int isstart(int isfd, struct keydescr* key, int len, char* record, int mode);
  * record all the same when RD_SKIPLOCK is given, and with RD_FIRST, RD_LAST, RD_EQUAL, RD_GREAT and
  * RD_GTEQ. */
 int isread(int isfd, char* record, int mode);
+
+/* -------------------- many records in one call -------------------- */
+
+/* Each does what as many calls for single records would do, up to the first of them that fails; it
+ * enters and leaves the file once, so other processes' changes wait for it. Returns how many
+ * records were read or written, 0 to set->count. When they are fewer, the next one has failed:
+ * iserrno tells why, the status characters as well. -1 when the call as a whole is refused, and
+ * nothing was done: ISENOTOPEN, ISEARGUMENT for `mode`, a null pointer, a count below 1 or a buffer
+ * that is too small, and whatever entering the file fails with. */
+
+/* Reads with `mode` RD_NEXT or RD_PREV and, as isread(), RD_LOCK and what goes with it: the records
+ * after or before the current one in the order of the current key. Fills in records, numbers and
+ * lengths; the last record read is current. */
+int isreadmany(int isfd, struct recordset* set, int mode);
+
+/* Reads with `mode` RD_EQUAL, RD_GREAT or RD_GTEQ, plus RD_LOCK and what goes with it: each record
+ * by the key that stands in its place in set->records, in the order of record numbers by its number
+ * in set->numbers. */
+int isfetchmany(int isfd, struct recordset* set, int mode);
+
+/* Adds the records, as iswrite() does, and fills in numbers. With variable length set->lengths has
+ * their lengths, else it may be null. When what was added cannot be written to the files, it is
+ * taken back from the last record on that had been written. */
+int iswritemany(int isfd, struct recordset* set);
 
 /* -------------------- changing records -------------------- */
 

@@ -77,10 +77,48 @@ class IsamStore : public Store {
     start(primary_);
   }
 
+  [[nodiscard]] bool has_bulk() const override { return true; }
+
+  void insert_many(std::span<const Record> records) override {
+    recordset set = set_of(records.size());
+    std::memcpy(many_.data(), records.data(), records.size_bytes());
+    check_all(iswritemany(file_, &set), set, "iswritemany");
+  }
+
+  void find_many(std::span<const Key> keys, Reader& reader) override {
+    recordset set = set_of(keys.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      std::memcpy(many_[i].data(), keys[i].data(), keys[i].size());
+    }
+    check_all(isfetchmany(file_, &set, RD_EQUAL), set, "isfetchmany");
+    for (std::size_t i = 0; i < keys.size(); ++i) reader.take(many_[i].data());
+  }
+
+  void scan_many(Order order, Reader& reader) override {
+    start(order == Order::kPrimary ? primary_ : second_);
+    recordset set = set_of(kBulk);
+    int got = 0;
+    while ((got = isreadmany(file_, &set, RD_NEXT)) > 0) {
+      for (int i = 0; i < got; ++i) reader.take(many_[static_cast<std::size_t>(i)].data());
+    }
+    if (iserrno != ISEEND) check(-1, "isreadmany");
+    start(primary_);
+  }
+
   void settle() override { check(isflush(file_), "isflush"); }
 
  private:
   void start(keydescr& key) { check(isstart(file_, &key, 0, buffer_.data(), RD_FIRST), "isstart"); }
+
+  // Of so many records at most kBulk.
+  recordset set_of(std::size_t records) {
+    return {static_cast<int32_t>(records), many_[0].data(), sizeof many_, numbers_.data(),
+            lengths_.data()};
+  }
+
+  static void check_all(int done, const recordset& set, const char* what) {
+    if (done != set.count) check(-1, what);
+  }
 
   void make(const std::string& name) {
     const int file = isbuild(name.c_str(), kRecordLength, &primary_, ISINOUT | ISEXCLLOCK);
@@ -94,6 +132,9 @@ class IsamStore : public Store {
   keydescr second_;
   int file_ = -1;
   Record buffer_{};
+  std::array<Record, kBulk> many_{};
+  std::array<int32_t, kBulk> numbers_{};
+  std::array<int32_t, kBulk> lengths_{};
 };
 
 // The flags of the secondary key for letters such as "dlt".

@@ -1,6 +1,7 @@
 #include "bench/stores/phases.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <numeric>
 #include <span>
@@ -50,6 +51,26 @@ class Adder : public Reader {
   std::uint64_t count_ = 0;
 };
 
+// Compares the records read with those asked for.
+class Demander : public Reader {
+ public:
+  explicit Demander(std::span<const std::uint32_t> numbers) : left_(numbers) {}
+
+  void take(const char* record) override {
+    if (left_.empty() || sum_of(record) != sum_for(left_.front())) {
+      throw std::runtime_error("another record was read");
+    }
+    left_ = left_.subspan(1);
+  }
+
+  void demand_all() const {
+    if (!left_.empty()) throw std::runtime_error("a record was not read");
+  }
+
+ private:
+  std::span<const std::uint32_t> left_;
+};
+
 // The phases of one store.
 class Alone {
  public:
@@ -64,20 +85,41 @@ class Alone {
     });
   }
 
+  void load_many(const std::string& phase, std::span<const std::uint32_t> numbers) {
+    std::array<Record, kBulk> records;
+    const Stopwatch stopwatch;
+    for_each_bulk(numbers, [&](std::span<const std::uint32_t> some) {
+      for (std::size_t i = 0; i < some.size(); ++i) model_.next(some[i], records[i]);
+      store_.insert_many(std::span{records}.first(some.size()));
+    });
+    store_.settle();
+    print_line(name_, phase, 1, numbers.size(), stopwatch.cost());
+  }
+
   void read(const std::string& phase) {
-    std::vector<std::uint32_t> numbers(model_.records());
-    Sequence sequence(static_cast<std::uint64_t>(Seed::kRead));
-    for (std::uint32_t& number : numbers) number = sequence.below(model_.records());
-    measure(phase, numbers, [&](std::uint32_t number) { demand(store_, number); });
+    measure(phase, numbers_to_read(), [&](std::uint32_t number) { demand(store_, number); });
+  }
+
+  void read_many(const std::string& phase) {
+    const std::vector<std::uint32_t> numbers = numbers_to_read();
+    std::array<Key, kBulk> keys;
+    const Stopwatch stopwatch;
+    for_each_bulk(numbers, [&](std::span<const std::uint32_t> some) {
+      std::ranges::transform(some, keys.begin(), key_of);
+      Demander demander(some);
+      store_.find_many(std::span{keys}.first(some.size()), demander);
+      demander.demand_all();
+    });
+    store_.settle();
+    print_line(name_, phase, 1, numbers.size(), stopwatch.cost());
   }
 
   void scan(const std::string& phase, Order order) {
-    Adder adder(order);
-    const Stopwatch stopwatch;
-    store_.scan(order, adder);
-    store_.settle();
-    print_line(name_, phase, 1, model_.records(), stopwatch.cost());
-    adder.demand_all(model_.records());
+    measure_scan(phase, order, [this](Order of, Reader& to) { store_.scan(of, to); });
+  }
+
+  void scan_many(const std::string& phase, Order order) {
+    measure_scan(phase, order, [this](Order of, Reader& to) { store_.scan_many(of, to); });
   }
 
   void rewrite(const std::string& phase, std::span<const std::uint32_t> numbers) {
@@ -104,6 +146,30 @@ class Alone {
   [[nodiscard]] const Model& model() const { return model_; }
 
  private:
+  [[nodiscard]] std::vector<std::uint32_t> numbers_to_read() const {
+    std::vector<std::uint32_t> numbers(model_.records());
+    Sequence sequence(static_cast<std::uint64_t>(Seed::kRead));
+    for (std::uint32_t& number : numbers) number = sequence.below(model_.records());
+    return numbers;
+  }
+
+  template <typename Scan>
+  void measure_scan(const std::string& phase, Order order, Scan scan) {
+    Adder adder(order);
+    const Stopwatch stopwatch;
+    scan(order, adder);
+    store_.settle();
+    print_line(name_, phase, 1, model_.records(), stopwatch.cost());
+    adder.demand_all(model_.records());
+  }
+
+  template <typename Operation>
+  static void for_each_bulk(std::span<const std::uint32_t> numbers, Operation operation) {
+    for (; !numbers.empty(); numbers = numbers.subspan(std::min(kBulk, numbers.size()))) {
+      operation(numbers.first(std::min(kBulk, numbers.size())));
+    }
+  }
+
   template <typename Operation>
   void measure(const std::string& phase, std::span<const std::uint32_t> numbers,
                Operation operation) {
@@ -130,10 +196,14 @@ std::vector<std::uint32_t> half_of(std::uint32_t records, Seed seed) {
   return numbers;
 }
 
+std::vector<std::uint32_t> in_order(std::uint32_t records) {
+  std::vector<std::uint32_t> numbers(records);
+  std::iota(numbers.begin(), numbers.end(), 0U);
+  return numbers;
+}
+
 void run_ordered(Alone& alone, std::uint32_t records) {
-  std::vector<std::uint32_t> in_order(records);
-  std::iota(in_order.begin(), in_order.end(), 0U);
-  alone.load("load-ordered", in_order);
+  alone.load("load-ordered", in_order(records));
   alone.read("read");
   alone.scan("scan-ordered", Order::kPrimary);
   alone.scan("scan-second", Order::kSecond);
@@ -178,6 +248,20 @@ Model run_alone(Store& store, const std::string& name, const fs::path& folder,
   run_ordered(on_ordered, records);
   store.close();
   return on_ordered.model();
+}
+
+void run_many(Store& store, const std::string& name, const fs::path& folder,
+              std::uint32_t records) {
+  if (!store.has_bulk()) return;
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Alone alone(store, name, records);
+  alone.load_many("load-many", in_order(records));
+  alone.read_many("read-many");
+  alone.scan_many("scan-many", Order::kPrimary);
+  alone.scan_many("second-many", Order::kSecond);
+  alone.verify();
+  store.close();
 }
 
 }  // namespace bench

@@ -20,6 +20,7 @@ constexpr std::size_t kSecondStart = 8;
 constexpr std::size_t kSecondLength = 20;
 constexpr std::uint32_t kMaxRecords = 100'000'000;  // what 8 digits tell apart
 constexpr std::uint32_t kDuplicates = 10;
+constexpr std::size_t kBulk = 64;  // records in one call, in the phases with many
 
 using Record = std::array<char, kRecordLength>;
 using Key = std::array<char, kKeyLength>;

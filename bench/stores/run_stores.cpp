@@ -97,6 +97,11 @@ void run(const StoreKind& kind, const Settings& settings) {
   if (kind.shared) run_together(*store, kind.name, scratch.inner(), model);
 }
 
+void run_bulk(const StoreKind& kind, const Settings& settings) {
+  const Scratch scratch(settings.folder);
+  run_many(*kind.make(), kind.name, scratch.inner(), settings.records);
+}
+
 }  // namespace
 
 int run_stores(int argc, const char* const* argv, const std::vector<StoreKind>& kinds) {
@@ -105,6 +110,7 @@ int run_stores(int argc, const char* const* argv, const std::vector<StoreKind>& 
     const std::vector<StoreKind> chosen = chosen_from(kinds, settings.only);
     print_heading();
     for (const StoreKind& kind : chosen) run(kind, settings);
+    for (const StoreKind& kind : chosen) run_bulk(kind, settings);
   } catch (const std::invalid_argument& error) {
     std::fprintf(stderr, "%s: %s\nusage: %s [--records N] [--only STORE] [--folder FOLDER]\n",
                  argv[0], error.what(), argv[0]);

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -42,6 +43,12 @@ class Store {
   virtual const char* find(const Key& key) = 0;
   // All records in that order.
   virtual void scan(Order order, Reader& reader) = 0;
+
+  // Many records in one call, for stores that have it; `has_bulk` tells.
+  [[nodiscard]] virtual bool has_bulk() const { return false; }
+  virtual void insert_many(std::span<const Record> /*records*/) {}
+  virtual void find_many(std::span<const Key> /*keys*/, Reader& /*reader*/) {}
+  virtual void scan_many(Order /*order*/, Reader& /*reader*/) {}
 
   // Gives all changes to the operating system, without waiting for a disk. Ends each phase.
   virtual void settle() = 0;

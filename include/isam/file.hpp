@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "isam.h"
 #include "isam/failures.hpp"
@@ -289,6 +290,30 @@ class File {
       default:
         throw Error("isread");
     }
+  }
+
+  // Reads up to `count` records on from the position: how many, 0 at the end.
+  int read_many(std::vector<char>& records, std::vector<std::int32_t>& numbers,
+                std::vector<std::int32_t>& lengths, int count, Move move) {
+    const auto size = static_cast<std::size_t>(count);
+    records.resize(size * static_cast<std::size_t>(length_));
+    numbers.resize(size);
+    lengths.resize(size);
+    ++moves_;
+    recordset set{count, records.data(), records.size(), numbers.data(), lengths.data()};
+    const int got = isreadmany(isfd_, &set, static_cast<int>(move));
+    // Of a failure behind the first records the next call tells.
+    if (got <= 0 && outcome_of(-1, "isreadmany") == Outcome::kLocked) throw Error("isreadmany");
+    return std::max(got, 0);
+  }
+  // The record at a place of what read_many() has read.
+  [[nodiscard]] Record record_from(const std::vector<char>& records, std::size_t at,
+                                   std::int32_t number, std::int32_t length) const {
+    Record record(static_cast<std::size_t>(length));
+    std::copy_n(records.data() + at * static_cast<std::size_t>(length_), record.size(),
+                record.bytes_.data());
+    record.number_ = number;
+    return record;
   }
 
   // The record's bytes for a writing call, which takes the length of the record from isreclen.

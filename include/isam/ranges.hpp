@@ -4,11 +4,13 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <optional>
 #include <span>
 #include <stdexcept>
+#include <vector>
 
 #include "isam.h"
 #include "isam/file.hpp"
@@ -21,6 +23,7 @@ namespace zentra {
 //   for (auto record : file.by(key).from("M"))             key values greater or equal
 //   for (auto record : file.by(key).equal("Meier"))        key values equal
 //   for (auto record : file.by(key).from("M").backwards()) values less or equal, the last first
+//   for (auto record : file.by(key).bulk(64))              all, read 64 at a time
 //
 // Fewer values than the key has parts stand for the first parts. The loop may add, update and
 // remove records; moving the file's position meanwhile ends it with std::logic_error. The file must
@@ -64,10 +67,21 @@ class Range {
     return range;
   }
 
+  // Reads so many records in one call, which costs a small part of as many calls. It is asked for,
+  // since the loop may notice: it sees records as they were when the first of them was read, the
+  // position is that of the last of them, and with Locking::kAutomatic none but that one is locked.
+  [[nodiscard]] Range bulk(int records) const {
+    if (records < 1) throw std::invalid_argument("zentra: so many records cannot be read");
+    Range range = *this;
+    range.ahead_.count = records;
+    return range;
+  }
+
   // Positions the file and reads the first record.
   [[nodiscard]] Iterator begin() {
     const bool found = start();
     moves_ = file_->moves_;
+    ahead_.got = ahead_.taken = 0;
     record_.reset();
     if (found) advance();
     return Iterator(*this);
@@ -108,9 +122,21 @@ class Range {
       record_.reset();
       throw std::logic_error("zentra: the file was positioned elsewhere in a loop over it");
     }
-    record_ = file_->read_or_none(step_);
+    record_ = ahead_.count > 0 ? take_ahead() : file_->read_or_none(step_);
     moves_ = file_->moves_;
     if (record_ && equal_ && !has_wanted_key(*record_)) record_.reset();
+  }
+
+  // The next of the records read in one call; none behind the last one.
+  std::optional<Record> take_ahead() {
+    if (ahead_.taken == ahead_.got) {
+      ahead_.got =
+          file_->read_many(ahead_.records, ahead_.numbers, ahead_.lengths, ahead_.count, step_);
+      ahead_.taken = 0;
+      if (ahead_.got == 0) return std::nullopt;
+    }
+    const auto at = static_cast<std::size_t>(ahead_.taken++);
+    return file_->record_from(ahead_.records, at, ahead_.numbers[at], ahead_.lengths[at]);
   }
 
   [[nodiscard]] bool has_wanted_key(const Record& record) const {
@@ -138,6 +164,15 @@ class Range {
   Move step_ = Move::kNext;
   std::optional<Record> record_;
   std::size_t moves_ = 0;
+  struct Ahead {
+    int count = 0;  // records of one call; 0: each is read by itself
+    int got = 0;    // by the last one
+    int taken = 0;  // ... and given to the loop
+    std::vector<char> records;
+    std::vector<std::int32_t> numbers;
+    std::vector<std::int32_t> lengths;
+  };
+  Ahead ahead_;
 };
 
 inline Range File::by(const Key& key) { return {*this, key}; }

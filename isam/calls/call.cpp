@@ -21,6 +21,8 @@ namespace isam {
 
 int batchflag = 0;
 
+bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.exclusives > 0; }
+
 namespace {
 
 constexpr int kBatchCalls = 7;
@@ -83,6 +85,12 @@ void notice_changes() {
   }
 }
 
+// Where the call before has left the position.
+void stay_without_neighbour() {
+  openp->position.clear(kSameKeyNearby);
+  openp->cursor.bt = openp->position;
+}
+
 int open_data() {
   if (filep->data.fd < 0 && reopen_data(*filep) != 0) {
     if (iserrno == ENOENT) {
@@ -110,8 +118,7 @@ int enter(Open* open, Entry entry) {
   if (take_file(entry) != 0) return -1;
   note_beginning();
   notice_changes();
-  openp->position.clear(kSameKeyNearby);
-  openp->cursor.bt = openp->position;
+  stay_without_neighbour();
   if (!entry.any_locale && check_locale() != 0) return -1;
   return open_data() != 0 ? -1 : release_automatic_lock(entry);
 }
@@ -138,9 +145,6 @@ void write_some() {
   const KeepError keep;
   if (dictwrite() != 0) bfnote_failure(*filep);
 }
-
-// Whether what is changed may wait: no other process has the file, through this open or another.
-bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.exclusives > 0; }
 
 // A call that failed has undone its changes in the pool; where that is all there is of them, the
 // file need not hear of it. (No record is on a list of its transaction yet: that comes last.)
@@ -242,6 +246,15 @@ int reread_dictionary(Entry entry) {
   return entry.any_locale ? 0 : check_locale();
 }
 
+int begin_change() {
+  clear_errors();
+  set_status("0000");
+  if (filep->unwritten.failed.error != 0) return tell_failed_write({});
+  note_beginning();
+  stay_without_neighbour();
+  return release_automatic_lock({});
+}
+
 int write_delayed() {
   const std::int32_t before = iserrno;
   bfflush(*filep);
@@ -275,7 +288,7 @@ int write_handed_out() {
   return -1;
 }
 
-int isexit() {
+void end_change() {
   const bool undone = iserrno != 0;
   write_changes();
   if (txlog::logstate.change_logged) withdraw_unless_made(undone);
@@ -285,6 +298,10 @@ int isexit() {
     bt.depth = -1;
   }
   openp->position = bt;
+}
+
+int isexit() {
+  end_change();
   set_status_characters();
   if (batchflag == 0 || ++batchflag >= kBatchCalls) {
     release_semaphore();

@@ -67,6 +67,17 @@ int write_handed_out();
 // or -1 when iserrno is set.
 int isexit();
 
+// Whether what is changed may wait: no other process has the file, through this open or another.
+[[nodiscard]] bool is_alone();
+
+// A call may make several changes, each as if it were a call of its own while the file stays
+// entered: between two of them stand end_change(), which writes what was changed and keeps the
+// position, and begin_change(). The first begins with the call, the last ends with it. A failure is
+// left in iserrno.
+void end_change();
+// 0, or -1 with iserrno.
+int begin_change();
+
 // One call on an open: enters where it is made, and leaves when it ends, at the latest with its
 // scope.
 class [[nodiscard]] Call {

@@ -23,6 +23,10 @@ enum class Carries {
   kKeyAndReceives,
   kDescription,   // a key description, which the call may fill in
   kReceivesInfo,  // nothing yet: a struct dictinfo
+  // The buffer is a struct recordset, of records:
+  kRecords,  // each as long as it is to be written
+  kReceivesMany,
+  kKeysAndReceivesMany,
 };
 
 constexpr int kNoNumber = INT32_MIN;  // a call that concerns no open
@@ -30,7 +34,7 @@ constexpr int kNoNumber = INT32_MIN;  // a call that concerns no open
 struct Exchange {
   const char* call;
   int number;  // the open, or the mode that a file is opened with
-  const char* buffer;
+  const void* buffer;
   Carries carries;
 };
 
@@ -38,7 +42,7 @@ void trace_entry(const Exchange& exchange);
 void trace_exit(const Exchange& exchange, int result);
 
 template <typename Body>
-[[gnu::noinline, gnu::cold]] int call_traced(const char* call, int number, const char* buffer,
+[[gnu::noinline, gnu::cold]] int call_traced(const char* call, int number, const void* buffer,
                                              Carries carries, Body body) {
   if (!trace::on()) return body();
   const Exchange exchange{call, number, buffer, carries};
@@ -50,7 +54,7 @@ template <typename Body>
 
 // A body that captures by value leaves everything in registers.
 template <typename Body>
-int traced(const char* call, int number, const char* buffer, Carries carries, Body body) {
+int traced(const char* call, int number, const void* buffer, Carries carries, Body body) {
   if (trace::state == trace::State::kOff) [[likely]] {
     return body();
   }

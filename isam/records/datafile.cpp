@@ -88,6 +88,9 @@ class Transfer {
   Byte* here_ = nullptr;
 };
 
+// So few records in one go are not worth a mapping.
+constexpr std::size_t kFewRecords = 16;
+
 std::int64_t slot_offset(std::int32_t k) { return std::int64_t{k - 1} * slot_size(); }
 
 int trailer_size() { return filep->geometry.varlen ? kVariableTrailer : kFixedTrailer; }
@@ -181,6 +184,46 @@ int put_record(std::int32_t k, ConstBytes record, Trailer& trailer, bool release
   return write_slot(k, record.first(fixed), trailer);
 }
 
+// Whether these records of fixed length can be copied out of a mapping of the file, which is made
+// or renewed where that pays.
+bool map_serves(std::span<const std::int32_t> numbers) {
+  OpenPair& file = *filep;
+  const bool unwritten = file.unwritten.pages != nullptr || !file.unwritten.direct.bytes.empty();
+  if (file.geometry.varlen || unwritten) return false;
+  const auto [first, last] = std::ranges::minmax(numbers);
+  if (first < 1 || last > dictp->d_nextdata()) return false;
+  const auto size = static_cast<std::size_t>(slot_size());
+  if (file.data.map.covers(size, slot_offset(last))) return true;
+  if (numbers.size() < kFewRecords) return false;
+  file.data.map.look_again(file.data.fd);
+  return file.data.map.covers(size, slot_offset(last));
+}
+
+// What a few records on will be copied comes into the processor's caches meanwhile.
+void prefetch(const Byte* slot, std::size_t size) {
+  constexpr std::size_t kLine = 64;
+  constexpr std::size_t kMostLines = 8;
+  for (std::size_t at = 0; at < std::min(size, kMostLines * kLine); at += kLine) {
+    __builtin_prefetch(slot + at);
+  }
+}
+
+// Copies records of fixed length out of the bytes of the data file: how many are present.
+std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, Byte* to) {
+  constexpr std::size_t kAhead = 6;
+  const auto length = static_cast<std::size_t>(filep->geometry.reclen);
+  const std::size_t size = length + kFixedTrailer;
+  const auto slot = [&](std::size_t at) {
+    return from.data() + (static_cast<std::size_t>(numbers[at]) - 1) * size;
+  };
+  for (std::size_t i = 0; i < numbers.size(); ++i, to += length) {
+    if (i + kAhead < numbers.size()) prefetch(slot(i + kAhead), size);
+    if (slot(i)[length] != kRecordPresent) return i;
+    std::memcpy(to, slot(i), length);
+  }
+  return numbers.size();
+}
+
 int remove_record(std::int32_t k, bool keep_storage) {
   Trailer trailer;
   if (read_trailer(k, trailer) != 0) return -1;
@@ -208,6 +251,24 @@ int dataread(std::int32_t k, Bytes to) {
   const int variable =
       read_variable_part(trailer, to.subspan(static_cast<std::size_t>(filep->geometry.reclen)));
   return variable < 0 ? -1 : filep->geometry.reclen + variable;
+}
+
+std::size_t dataread_many(std::span<const std::int32_t> numbers, Byte* to, std::int32_t* lengths) {
+  const Geometry& geometry = filep->geometry;
+  std::size_t count = 0;
+  if (!numbers.empty() && map_serves(numbers)) {
+    const auto copy = [&](ConstBytes from) { count = copy_slots(from, numbers, to); };
+    if (!filep->data.map.read_by(copy)) return 0;
+    std::fill_n(lengths, count, geometry.reclen);
+    return count;
+  }
+  const KeepError keep;
+  const auto room = static_cast<std::size_t>(geometry.maxreclen);
+  for (; count < numbers.size(); ++count, to += room) {
+    lengths[count] = dataread(numbers[count], {to, room});
+    if (lengths[count] < 0) break;
+  }
+  return count;
 }
 
 int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer) {

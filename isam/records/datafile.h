@@ -22,6 +22,11 @@ namespace isam {
 // present leaves iserrno untouched; 105 for a damaged one.
 [[nodiscard]] int dataread(std::int32_t k, Bytes to);
 
+// Reads these records to `to`, each maxreclen bytes behind the one before, and their lengths. How
+// many, up to the first that is not present or cannot be read, of which iserrno does not tell.
+[[nodiscard]] std::size_t dataread_many(std::span<const std::int32_t> numbers, Byte* to,
+                                        std::int32_t* lengths);
+
 // Copies record k's raw trailer: its length (7 with variable length, else 1), or -1.
 [[nodiscard]] int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer);
 

@@ -26,9 +26,6 @@ void set_flag(Item& item, int flag, bool on) {
   item.flag = on ? item.flag | flag : item.flag & ~flag;
 }
 
-// The least item: a record pointer.
-constexpr std::size_t kMostItems = kMaxNodeSize / kRecordPointerSize;
-
 // The offsets of the items from `start` to `pos`, in order.
 class Offsets {
  public:
@@ -43,8 +40,7 @@ class Offsets {
     count_ = count;
     return count > 0 && walk.end() == pos;
   }
-  [[nodiscard]] std::size_t size() const { return count_; }
-  [[nodiscard]] int operator[](std::size_t index) const { return offsets_[index]; }
+  [[nodiscard]] std::span<const std::uint16_t> all() const { return {offsets_.data(), count_}; }
 
  private:
   std::size_t count_ = 0;
@@ -54,7 +50,7 @@ class Offsets {
 // Puts the key of the last of these items together from the back, each byte from the last item
 // that stores it, or from `before`. (From the front every item's bytes would be copied, most of
 // them in vain.)
-void gather_key(const ItemLayout& layout, ConstBytes area, const Offsets& offsets,
+void gather_key(const ItemLayout& layout, ConstBytes area, std::span<const std::uint16_t> offsets,
                 const Byte* before, Byte* key) {
   int missing = layout.keylen;
   StoredItem stored;
@@ -89,7 +85,7 @@ int itbefore(const ItemLayout& layout, ConstBytes area, int pos) {
     return start >= 0 && start % layout.fixed_size() == 0 ? start : -1;
   }
   Offsets offsets;
-  return offsets.find(layout, area, pos) ? offsets[offsets.size() - 1] : -1;
+  return offsets.find(layout, area, pos) ? offsets.all().back() : -1;
 }
 
 int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item,
@@ -100,9 +96,14 @@ int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item,
   }
   Offsets offsets;
   if (!offsets.find(layout, area, pos, start.offset)) return -1;
-  gather_key(layout, area, offsets, start.key, item.key);
-  const int before = offsets[offsets.size() - 1];
-  return itunpack(layout, area, before, item.key, item) == pos ? before : -1;
+  return itassemble(layout, area, offsets.all(), start.key, item) == pos ? offsets.all().back()
+                                                                         : -1;
+}
+
+int itassemble(const ItemLayout& layout, ConstBytes area, std::span<const std::uint16_t> offsets,
+               const Byte* before, Item& item) {
+  gather_key(layout, area, offsets, before, item.key);
+  return itunpack(layout, area, offsets.back(), item.key, item);
 }
 
 void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press) {

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <span>
 
 #include "isam.h"
 #include "isam/base/current.h"
@@ -175,6 +176,9 @@ class ItemWalk {
   return stored.end;
 }
 
+// The least item: a record pointer.
+inline constexpr std::size_t kMostItems = kMaxNodeSize / kRecordPointerSize;
+
 // The key that a node's first item follows.
 inline constexpr Byte kNoKey[MAXKEYLEN] = {};
 
@@ -189,6 +193,13 @@ struct WalkStart {
 // The same, leaving the item unpacked in `item`. The walk to it begins at `start`, before `pos`.
 [[nodiscard]] int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item,
                              const WalkStart& start = {});
+
+// Unpacks the last of the items at these offsets, which follow each other, into `item`. The first
+// of them takes its leading bytes from `before`, which is not item.key. The offset behind the last
+// one, or -1 when its bytes make no item.
+[[nodiscard]] int itassemble(const ItemLayout& layout, ConstBytes area,
+                             std::span<const std::uint16_t> offsets, const Byte* before,
+                             Item& item);
 
 // Where an item is to stand.
 enum class Press {

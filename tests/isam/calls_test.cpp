@@ -149,6 +149,50 @@ TEST_F(Calls, TwoOpensOfAPairTakeTurns) {
   EXPECT_EQ(left.size(), 1U);
 }
 
+TEST_F(Calls, ManyRecordsAreRefusedAsAWhole) {
+  const int isfd = build("pair");
+  for (int id = 2; id <= 5; ++id) ::iswrite(isfd, record_of(id).data());
+  std::array<char, 60> records{};
+  std::array<std::int32_t, 3> numbers{7, 7, 7};
+  std::array<std::int32_t, 3> lengths{7, 7, 7};
+  const recordset good{3, records.data(), records.size(), numbers.data(), lengths.data()};
+  std::array<recordset, 8> bad;
+  bad.fill(good);
+  bad[0].count = 0;
+  bad[1].count = INT32_MIN;
+  bad[2].count = INT32_MAX;
+  bad[3].count = 4;
+  bad[4].size = 59;
+  bad[5].records = nullptr;
+  bad[6].numbers = nullptr;
+  bad[7].lengths = nullptr;
+  const auto refuses = [](int result) { return result == -1 && iserrno == ISEARGUMENT; };
+  for (recordset& set : bad) {
+    SCOPED_TRACE(&set - bad.data());
+    EXPECT_TRUE(refuses(::isreadmany(isfd, &set, RD_NEXT)));
+    EXPECT_TRUE(refuses(::isfetchmany(isfd, &set, RD_EQUAL)));
+    EXPECT_TRUE(set.lengths == nullptr || refuses(::iswritemany(isfd, &set)));
+  }
+  recordset set = good;
+  for (const int mode : std::initializer_list<int>{RD_FIRST, RD_CURR, RD_EQUAL,
+                                                   RD_NEXT + RD_LOCK + RD_WAIT + RD_SKIPLOCK, -1}) {
+    EXPECT_TRUE(refuses(::isreadmany(isfd, &set, mode))) << mode;
+  }
+  EXPECT_TRUE(refuses(::isfetchmany(isfd, &set, RD_NEXT)));
+  EXPECT_TRUE(refuses(::isreadmany(isfd, nullptr, RD_NEXT)));
+  EXPECT_EQ(::isreadmany(77, &set, RD_NEXT), -1);
+  EXPECT_EQ(iserrno, ISENOTOPEN);
+  EXPECT_EQ(numbers[0], 7);
+  // Nothing has moved; what is read ends where it should.
+  EXPECT_EQ(::isreadmany(isfd, &set, RD_NEXT), 3);
+  EXPECT_EQ(::isreadmany(isfd, &set, RD_NEXT), 2);
+  EXPECT_EQ(iserrno, ISEEND);
+  EXPECT_EQ((std::string{records.data(), 40}), record_of(4) + record_of(5));
+  set.lengths = nullptr;
+  EXPECT_EQ(::iswritemany(isfd, &set), 0);
+  EXPECT_EQ(iserrno, ISEDUPLICATE);
+}
+
 TEST_F(Calls, SoManyIdlePairsStayOpen) {
   EXPECT_EQ(::isvclose(10), 0);
   for (const char* name : {"a", "b", "c", "d", "e"}) ::isclose(build(name));

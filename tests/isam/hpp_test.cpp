@@ -109,7 +109,13 @@ TEST_F(Hpp, RangesGoThroughWhatTheySay) {
       {by_name.equal("c"), {}},
   };
   int index = 0;
-  for (const auto& [range, expected] : cases) EXPECT_EQ(ids(range), expected) << index++;
+  for (const auto& [range, expected] : cases) {
+    for (const Range& same : {range, range.bulk(1), range.bulk(3), range.bulk(100)}) {
+      EXPECT_EQ(ids(same), expected) << index;
+    }
+    ++index;
+  }
+  EXPECT_THROW(static_cast<void>(by_name.bulk(0)), std::invalid_argument);
 }
 
 TEST_F(Hpp, KeyValuesThatDoNotFitAreRefused) {

@@ -250,9 +250,12 @@ class Script {
     if (one_in(150)) return close(opens_[slot]);
     const int isfd = one_in(60) ? among({-1, 256, 77, INT32_MAX}) : opens_[slot];
     set_variables();
+    if (pick < write && one_in(12)) return write_many(isfd, any(one_in(6) ? 120 : 7));
     if (pick < erase) return change(isfd, pick < write ? among({0, 0, 1}) : among({5, 6, 6, 7}));
     pick = any(100);
-    if (pick < 55) {
+    if (pick < 5) {
+      read_many(isfd, any_read_mode(), any(one_in(9) ? 400 : 9));
+    } else if (pick < 55) {
       read(isfd, any_read_mode());
     } else if (pick < 70) {
       any_start(isfd);
@@ -353,6 +356,76 @@ class Script {
     if (result == 0) last_read_ = got;
     return check({result, got.substr(0, record.size())}, {says, record}, "isread", isfd,
                  show(wanted), std::hex, mode);
+  }
+
+  // Arrays for one call that reads or writes many records. Without a count nothing else is right.
+  struct Many {
+    explicit Many(std::size_t count) : numbers(count), lengths(count), records(count) {}
+    recordset set(int record_length) {
+      const auto room = static_cast<std::size_t>(record_length);
+      for (Bytes& record : records) buffer += record;
+      return {static_cast<std::int32_t>(records.size()), buffer.data(), records.size() * room,
+              numbers.data(), lengths.data()};
+    }
+    std::vector<std::int32_t> numbers, lengths;
+    std::vector<Bytes> records;
+    Bytes buffer;
+  };
+
+  bool read_many(int isfd, int mode, std::size_t count) {
+    Many many(count);
+    for (Bytes& record : many.records) record = any_record();
+    for (std::int32_t& number : many.numbers) number = any_number();
+    Many said = many;
+    recordset set = many.set(shape_.maximum);
+    const int got = (mode & 0xFF) >= RD_EQUAL ? ::isfetchmany(isfd, &set, mode)
+                                              : ::isreadmany(isfd, &set, mode);
+    const int says =
+        expected([&] { return model_.isreadmany(isfd, said.records, said.numbers, mode); });
+    std::string read, wanted;
+    for (std::size_t i = 0; static_cast<int>(i) < std::min(got, says); ++i) {
+      last_read_ = many.buffer.substr(i * static_cast<std::size_t>(shape_.maximum),
+                                      static_cast<std::size_t>(shape_.maximum));
+      read += text(many.numbers[i], many.lengths[i]) + last_read_.substr(0, said.records[i].size());
+      wanted += text(said.numbers[i], said.records[i].size()) + said.records[i];
+    }
+    return check({got, read == wanted ? "" : "other records"}, {says}, "isreadmany", isfd, count,
+                 std::hex, mode);
+  }
+
+  // An exclusive open is not refused a write meanwhile: it may be told by any of the records.
+  void write_many(int isfd, std::size_t count) {
+    if (model_.is_alone()) faults.what = Refused::kNone;
+    Many many(count);
+    for (Bytes& record : many.records) {
+      record = any_record();
+      if (!one_in(40)) ::stlong(++fresh_, &record[8]);
+    }
+    for (std::int32_t& length : many.lengths) {
+      length =
+          kMinimum + static_cast<int>(any(static_cast<std::size_t>(shape_.maximum - kMinimum + 1)));
+    }
+    Many said = many;
+    recordset set = many.set(shape_.maximum);
+    const int got = ::iswritemany(isfd, &set);
+    const auto writes = [&] {
+      return model_.iswritemany(isfd, said.records, said.numbers, said.lengths);
+    };
+    int says = 0;
+    if (told(Late::kTold)) {
+      said.records.resize(static_cast<std::size_t>(std::max(got, 0)));
+      if (got > 0) writes();
+      if (got >= 0 && format_ != 0) model_.length = said.lengths[static_cast<std::size_t>(got)];
+      model_.fails(faults.error);
+      says = got;
+    } else {
+      says = writes();
+    }
+    many.numbers.resize(static_cast<std::size_t>(std::max(got, 0)));
+    said.numbers.resize(static_cast<std::size_t>(std::max(says, 0)));
+    check({got, many.numbers == said.numbers ? "" : "other numbers"}, {says}, "iswritemany", isfd,
+          count);
+    close_unsure();
   }
 
   // One of the calls that write (0, 1), rewrite (2 to 4) or delete (5 to 7) a record.
@@ -527,7 +600,8 @@ class Script {
   enum class Known { kNo, kPerhaps, kYes };
   Known owed_ = Known::kNo;
   Known lost_ = Known::kNo;
-  Bytes last_read_;  // through any open
+  Bytes last_read_;            // through any open
+  std::int32_t fresh_ = 5000;  // the id given last to one of many new records
   std::deque<std::string> last_calls_;
 };
 

@@ -197,6 +197,23 @@ int IsamModel::isread(int isfd, Bytes& record, int mode) {
   return end(0, repeats && !by_number(*open) ? "0202" : nullptr);
 }
 
+int IsamModel::isreadmany(int isfd, std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
+                          int mode) {
+  const bool after_end = error == ISEEND;
+  const Open* open = enter(isfd, kRead, "9047");
+  if (open == nullptr) return -1;
+  const std::set<int> modes = {RD_NEXT, RD_PREV, RD_EQUAL, RD_GREAT, RD_GTEQ};
+  const bool known = modes.contains(mode & 0xFF) && (mode & ~0xFF) <= (RD_LOCK | RD_WAIT);
+  if (set.empty() || !known) return end(ISEARGUMENT);
+  error = after_end ? ISEEND : 0;
+  for (std::size_t i = 0; i < set.size(); ++i) {
+    if (!is_relative(mode & 0xFF) && by_number(*open)) number = numbers[i];
+    if (isread(isfd, set[i], mode) != 0) return static_cast<int>(i);
+    numbers[i] = number;
+  }
+  return static_cast<int>(set.size());
+}
+
 // Leaves of a record what is to be written: false for a length out of range.
 bool IsamModel::cut(Bytes& record) {
   if (minimum_ == maximum_) return true;
@@ -283,6 +300,19 @@ int IsamModel::iswrite(int isfd, Bytes record, bool becomes_current) {
   number = recnum;
   records[recnum] = std::move(record);
   return 0;
+}
+
+int IsamModel::iswritemany(int isfd, const std::vector<Bytes>& set,
+                           std::vector<std::int32_t>& numbers,
+                           const std::vector<std::int32_t>& lengths) {
+  if (enter(isfd, kWrite, "9048") == nullptr) return -1;
+  if (set.empty()) return end(ISEARGUMENT);
+  for (std::size_t i = 0; i < set.size(); ++i) {
+    if (minimum_ < maximum_) length = lengths[i];
+    if (iswrite(isfd, set[i], false) != 0) return static_cast<int>(i);
+    numbers[i] = number;
+  }
+  return static_cast<int>(set.size());
 }
 
 // The number of the record to be changed, or 0 with the reason.

@@ -48,6 +48,10 @@ class IsamModel {
   int isread(int isfd, Bytes& record, int mode);  // `record` becomes the one read
   // These records have the greatest length; how much of them counts follows from `length`.
   int iswrite(int isfd, Bytes record, bool becomes_current);
+  // As many of these as succeed one after another; -1 where the call is refused as a whole.
+  int isreadmany(int isfd, std::vector<Bytes>& set, std::vector<std::int32_t>& numbers, int mode);
+  int iswritemany(int isfd, const std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
+                  const std::vector<std::int32_t>& lengths);
   int isrewrite(int isfd, Target target, Bytes record);
   int isdelete(int isfd, Target target, const Bytes& record);
   // A call that told of a failed write, and changed nothing.

@@ -74,11 +74,21 @@ struct Session {
     std::string record = record_of(row, varying);
     return ::isstart(isfd, &key, 0, record.data(), mode);
   }
-  // Reads into `row`; a record that is not as it was written counts as a failure.
+  // Reads into `row`; a record that is not as it was written counts as a failure. Every other time
+  // it is read as one of many, which makes no difference.
   int read(int mode, int id = 0) {
     std::string record = record_of({.id = id}, varying);
     record.resize(kMaximum);
-    const int result = ::isread(isfd, record.data(), mode);
+    static bool as_many = false;
+    as_many = !as_many;
+    const int move = mode & 0xFF;
+    recordset set{1, record.data(), record.size(), &::isrecnum, &::isreclen};
+    int result = -1;
+    if (!as_many || move < RD_NEXT || move == RD_CURR) {
+      result = ::isread(isfd, record.data(), mode);
+    } else if ((move < RD_EQUAL ? ::isreadmany : ::isfetchmany)(isfd, &set, mode) == 1) {
+      result = 0;
+    }
     record.resize(varying ? static_cast<std::size_t>(::isreclen) : kMinimum);
     if (result == 0 && !parse(record, varying, row)) return kGarbled;
     return result;

@@ -1,0 +1,279 @@
+// isreadmany: the public calls that read or write many records.
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <span>
+#include <utility>
+
+#include "isam/calls/change.h"
+#include "isam/calls/reading.h"
+#include "isam/calls/recordcalls.h"
+#include "isam/calls/recorditems.h"
+#include "isam/calls/traced.h"
+#include "isam/keys/keytable.h"
+#include "isam/tree/leafrun.h"
+
+namespace isam {
+namespace {
+
+// Whether the arrays are there and have room, as far as the call can know: 0, or -1 with 102.
+int check_set(const recordset* set, bool needs_lengths) {
+  const bool there = set != nullptr && set->count > 0 && set->records != nullptr &&
+                     set->numbers != nullptr && (set->lengths != nullptr || !needs_lengths);
+  const auto room = static_cast<std::size_t>(filep->geometry.maxreclen);
+  return there && static_cast<std::size_t>(set->count) <= set->size / room ? 0
+                                                                           : failed(kBadArgument);
+}
+
+Byte* place_of(const recordset& set, int index) {
+  return reinterpret_cast<Byte*>(set.records) +
+         static_cast<std::size_t>(index) * static_cast<std::size_t>(filep->geometry.maxreclen);
+}
+
+// Reading one record after another, as far as one entry of the library goes.
+class Reading {
+ public:
+  Reading(recordset& set, ReadRequest request, bool after_end)
+      : set_(set), request_(request), after_end_(after_end) {}
+
+  // Reads on: false when the call has to wait for the record that is next.
+  bool read_on(Cursor& cursor) {
+    while (done_ < set_.count) {
+      if (read_run(cursor)) continue;
+      const ReadOutcome outcome = read_one(cursor);
+      if (outcome == ReadOutcome::kMustWait) return false;
+      if (outcome != ReadOutcome::kRead) break;
+    }
+    return true;
+  }
+
+  [[nodiscard]] int done() const { return done_; }
+
+ private:
+  ReadOutcome read_one(Cursor& cursor) {
+    Byte* const record = place_of(set_, done_);
+    if (begun_ && (openp->mode & ISAUTOLOCK) != 0 && release_locks() != 0) {
+      return ReadOutcome::kFailed;
+    }
+    begun_ = true;
+    cursor.bt.clear(kSameKeyNearby);
+    if (positions_anew(request_.mode) && openp->key.nparts == 0) isrecnum = set_.numbers[done_];
+    const ReadOutcome outcome = read_record(cursor, record, request_);
+    if (outcome == ReadOutcome::kFailed) fail_to_read(cursor, request_.mode, after_end_);
+    if (outcome != ReadOutcome::kRead) return outcome;
+    note(1);
+    set_.lengths[done_ - 1] = isreclen;
+    set_.numbers[done_ - 1] = isrecnum;
+    openp->position = cursor.bt;
+    return outcome;
+  }
+
+  // Reads the records of the items that follow in the leaf, as long as nothing but to copy them is
+  // to be done: false for none. With duplicates the last record of all is not among them: its
+  // neighbour decides the status.
+  bool read_run(Cursor& cursor) {
+    const keydescr& k = openp->key;
+    const int most = set_.count - done_ - ((k.flags & KF_DUPS) != 0 ? 1 : 0);
+    const bool is_step = (cursor.bt.state & kCurrentRead) != 0 && cursor.bt.ends == kOnItem;
+    if (most <= 0 || request_.lock || positions_anew(request_.mode) || !begun_ || !is_step) {
+      return false;
+    }
+    const bool backwards = request_.mode == ReadMode::kPrevious;
+    if (k.nparts > 0) {
+      run_.gather(cursor, k, backwards ? Direction::kPrevious : Direction::kNext,
+                  static_cast<std::size_t>(most));
+      return read_items(cursor, run_.records());
+    }
+    const std::int32_t here = cursor.bt.item.recptr;
+    const std::int32_t left = backwards ? here - 1 : dictp->d_nextdata() - here;
+    std::array<std::int32_t, kMostItems> numbers;
+    const auto count =
+        static_cast<std::size_t>(std::clamp(std::min(most, left), 0, static_cast<int>(kMostItems)));
+    for (std::size_t i = 0; i < count; ++i) {
+      const auto distance = static_cast<std::int32_t>(i) + 1;
+      numbers[i] = here + (backwards ? -distance : distance);
+    }
+    return read_items(cursor, {numbers.data(), count});
+  }
+
+  bool read_items(Cursor& cursor, std::span<const std::int32_t> numbers) {
+    const std::size_t count = dataread_many(numbers, place_of(set_, done_), set_.lengths + done_);
+    if (count == 0 || !stand_on(cursor, numbers, count - 1)) return false;
+    std::copy_n(numbers.data(), count, set_.numbers + done_);
+    note(static_cast<int>(count));
+    isreclen = set_.lengths[done_ - 1];
+    isrecnum = cursor.bt.item.recptr;
+    openp->position = cursor.bt;
+    return true;
+  }
+
+  bool stand_on(Cursor& cursor, std::span<const std::int32_t> numbers, std::size_t index) const {
+    if (openp->key.nparts == 0) {
+      cursor.bt.item.recptr = numbers[index];
+      btnumber(cursor, numbers[index]);
+    } else {
+      const KeepError keep;  // a move meets it again
+      if (run_.stand_on(cursor, openp->key, index) != 0) {
+        cursor.bt = openp->position;
+        return false;
+      }
+      take_found_item(cursor);
+    }
+    cursor.bt.clear(kCurrentDeleted | kSameKeyNearby);
+    return true;
+  }
+
+  void note(int count) {
+    done_ += count;
+    after_end_ = false;
+  }
+
+  recordset& set_;
+  ReadRequest request_;
+  bool after_end_;      // the call or record before has met the end
+  bool begun_ = false;  // a record has been read in this call
+  int done_ = 0;
+  LeafRun run_;
+};
+
+enum class Wanted { kNeighbours, kByKey };
+
+// What a call is asked for: 0, or -1 with 102.
+int parse_many(const recordset* set, int mode, Wanted wanted, ReadRequest& request) {
+  if (check_set(set, true) != 0 || parse_read(set->records, mode, request) != 0) return -1;
+  const bool is_step = request.mode == ReadMode::kNext || request.mode == ReadMode::kPrevious;
+  const bool is_by_key = request.mode >= ReadMode::kEqual;
+  return (wanted == Wanted::kNeighbours ? is_step : is_by_key) ? 0 : failed(kBadArgument);
+}
+
+int read_many(int isfd, recordset* set, int mode, Wanted wanted) {
+  const bool after_end = iserrno == kEndOfFile;  // of the call before
+  std::optional<Reading> reading;
+  while (true) {
+    Call call{isfd, {.access = Access::kToRead, .shared = true}};
+    if (!call) return reading ? reading->done() : refused_access('7');
+    if (!reading) {
+      ReadRequest request{};
+      if (parse_many(set, mode, wanted, request) != 0) return call.end();
+      reading.emplace(*set, request, after_end);
+    }
+    if (reading->read_on(call.cursor())) {
+      static_cast<void>(call.end());
+      return reading->done();
+    }
+    if (wait_outside(call) != 0) return reading->done();
+  }
+}
+
+// Adding records. What an open shared with other processes adds goes to the files in portions, for
+// to write many records costs little more than to write one. When one of a portion is refused, the
+// portion is taken back and made again as far as that: nothing stays of a record that is refused.
+class Writing {
+ public:
+  explicit Writing(recordset& set) : set_(set) {}
+
+  // How many records were added; what the call leaves in iserrno belongs to the next one.
+  int run(Call& call) {
+    write_portions(call.cursor());
+    if (call.end() == 0) settle();
+    if (done_ < set_.count) take_length(done_);
+    return done_;
+  }
+
+ private:
+  void write_portions(Cursor& cursor) {
+    int portion = longest_portion();
+    while (true) {
+      const int wanted = std::min(portion, set_.count - done_);
+      for (added_ = 0; added_ < wanted && add(cursor);) ++added_;
+      if (added_ < wanted) {
+        if (added_ == 0 || !take_back(portion)) return;
+      } else {
+        if (done_ + added_ == set_.count) return;
+        end_change();
+        if (iserrno != 0) return;
+        settle();
+      }
+      if (begin_change() != 0) return;
+    }
+  }
+
+  // One record is the portion where each is written late, or where more than the files would have
+  // to be taken back: the log, the audit trail, locks. Else what changes has room in the pool.
+  static int longest_portion() {
+    constexpr std::size_t kMost = 64;
+    constexpr std::size_t kMostPages = 256;
+    const bool alone =
+        is_alone() || txlog::logs_changes() || dictp->d_audits() || (openp->mode & ISAUTOLOCK) != 0;
+    const Keys* const keys = alone ? nullptr : file_keys();
+    if (keys == nullptr) return 1;
+    const std::size_t pages =
+        keys->size() + static_cast<std::size_t>(filep->geometry.maxreclen) / kPageSize + 2;
+    return static_cast<int>(std::clamp<std::size_t>(kMostPages / pages, 1, kMost));
+  }
+
+  bool add(Cursor& cursor) {
+    const int index = done_ + added_;
+    take_length(index);
+    const int length = isxgetlen();
+    if (length < 0) return false;
+    const std::int32_t number = wrtrecord(
+        cursor, {place_of(set_, index), static_cast<std::size_t>(length)}, Current::kStays);
+    if (number < 0) return false;
+    set_.numbers[index] = number;
+    return true;
+  }
+
+  // The record behind those added was refused. True when these are to be added again, as the next
+  // portion; false when they stay, since some of their pages have been written.
+  bool take_back(int& portion) {
+    const std::int32_t reason = iserrno;
+    const bool stays = filep->call.spilled;
+    end_change();
+    portion = added_;
+    if (stays && iserrno == reason) settle();
+    added_ = 0;
+    return !stays;
+  }
+
+  // As the application would, before it calls iswrite.
+  void take_length(int index) const {
+    if (filep->geometry.varlen) isreclen = set_.lengths[index];
+  }
+
+  // What was added is in the files.
+  void settle() {
+    done_ += std::exchange(added_, 0);
+    if (done_ > 0) isrecnum = set_.numbers[done_ - 1];
+  }
+
+  recordset& set_;
+  int done_ = 0;
+  int added_ = 0;  // behind these, in the change under way
+};
+
+int write_many(int isfd, recordset* set) {
+  Call call{isfd, {.access = Access::kToWrite}};
+  if (!call) return refused_access('8');
+  if (check_set(set, filep->geometry.varlen) != 0) return call.end();
+  return Writing{*set}.run(call);
+}
+
+}  // namespace
+}  // namespace isam
+
+using namespace isam;
+
+extern "C" int isreadmany(int isfd, struct recordset* set, int mode) {
+  return traced("isreadmany", isfd, set, Carries::kReceivesMany,
+                [=] { return read_many(isfd, set, mode, Wanted::kNeighbours); });
+}
+
+extern "C" int isfetchmany(int isfd, struct recordset* set, int mode) {
+  return traced("isfetchmany", isfd, set, Carries::kKeysAndReceivesMany,
+                [=] { return read_many(isfd, set, mode, Wanted::kByKey); });
+}
+
+extern "C" int iswritemany(int isfd, struct recordset* set) {
+  return traced("iswritemany", isfd, set, Carries::kRecords, [=] { return write_many(isfd, set); });
+}

@@ -1,0 +1,101 @@
+#include "isam/tree/leafrun.h"
+
+#include <algorithm>
+
+#include "isam/base/errors.h"
+#include "isam/tree/treenode.h"
+
+namespace isam {
+namespace {
+
+std::int32_t record_before(ConstBytes area, int end) {
+  return stored_recptr(area.data() + end - kRecordPointerSize);
+}
+
+}  // namespace
+
+void LeafRun::gather(const Cursor& cursor, const keydescr& k, Direction direction,
+                     std::size_t most) {
+  count_ = walked_ = 0;
+  direction_ = direction;
+  if (cursor.bt.depth < 0 || cursor.bt.ends != kOnItem) return;
+  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
+  const ItemPlace& read = cursor.place;
+  const bool known = read.node == leaf.node && read.offset == leaf.offset &&
+                     read.generation == filep->cached.generation;
+  if (!known) return;
+  const KeepError keep;  // what cannot be read is met again by a move
+  const TreeNode node{leaf.node};
+  if (!node || node.length() != leaf.length) return;
+  const ItemLayout layout{k};
+  most = std::min(most, kMostItems - 1);
+  if (direction == Direction::kNext) {
+    gather_next(layout, node.area(), leaf.next, most);
+  } else {
+    gather_previous(layout, node.area(), leaf.offset, most);
+  }
+}
+
+// With duplicates one item more is met than gathered.
+void LeafRun::gather_next(const ItemLayout& layout, ConstBytes area, int pos, std::size_t most) {
+  const std::size_t beyond = layout.dups ? 1 : 0;
+  const auto size = static_cast<int>(area.size());
+  const auto take = [&](int start, int end) {
+    starts_[walked_] = static_cast<std::uint16_t>(start);
+    records_[walked_++] = record_before(area, end);
+  };
+  if (!layout.compressed()) {
+    const int step = layout.fixed_size();
+    for (; walked_ < most + beyond && size - pos >= step; pos += step) take(pos, pos + step);
+  } else {
+    ItemWalk walk{layout, area, pos};
+    while (walked_ < most + beyond && walk.end() < size && walk.next()) {
+      take(walk.start(), pos = walk.end());
+    }
+  }
+  starts_[walked_] = static_cast<std::uint16_t>(pos);
+  if (walked_ > beyond) count_ = walked_ - beyond;
+}
+
+// The way to the items before `end` leads over all from the leaf's first one on.
+void LeafRun::gather_previous(const ItemLayout& layout, ConstBytes area, int end,
+                              std::size_t most) {
+  ItemWalk walk{layout, area};
+  while (walk.end() < end) {
+    if (walked_ == kMostItems || !walk.next()) return;
+    starts_[walked_++] = static_cast<std::uint16_t>(walk.start());
+  }
+  starts_[walked_] = static_cast<std::uint16_t>(end);
+  const std::size_t beyond = layout.dups ? 1 : 0;
+  if (walk.end() != end || walked_ <= beyond) return;
+  count_ = std::min(most, walked_ - beyond);
+  for (std::size_t i = 0; i < count_; ++i) {
+    records_[i] = record_before(area, starts_[walked_ - i]);
+  }
+}
+
+int LeafRun::stand_on(Cursor& cursor, const keydescr& k, std::size_t index) const {
+  PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
+  const bool forward = direction_ == Direction::kNext;
+  const std::size_t at = forward ? index : walked_ - 1 - index;
+  const ItemLayout layout{k};
+  const TreeNode node{leaf.node};
+  if (!node) {
+    btchanged(cursor);
+    return -1;
+  }
+  const Item here = cursor.treeitem;
+  const std::span<const std::uint16_t> way{starts_.data(), at + 1};
+  const int end =
+      itassemble(layout, node.area(), way, forward ? here.key : kNoKey, cursor.treeitem);
+  if (end != starts_[at + 1]) {
+    btchanged(cursor);
+    return failed(kCorrupted);
+  }
+  leaf.offset = starts_[at];
+  leaf.next = end;
+  cursor.place.offset = leaf.offset;
+  return 0;
+}
+
+}  // namespace isam
