@@ -81,7 +81,8 @@ class FailedWrites : public LogTest {
  protected:
   FailedWrites() {
     for (const char* name : {"pair", "second"}) {
-      const int isfd = build(name, 0);
+      build_pair(name, varying());
+      const int isfd = open(name, 0);
       for (int id = 1; id <= 12; ++id) EXPECT_EQ(write(isfd, row(id, id % 3, filler(id * 60))), 0);
       ::isclose(isfd);
     }

@@ -39,10 +39,6 @@ class LogTest : public ::testing::TestWithParam<bool> {
   [[nodiscard]] static bool varying() { return GetParam(); }
   [[nodiscard]] static int format() { return varying() ? ISVARLEN : 0; }
 
-  static int build(const char* name, int mode = ISTRANS) {
-    build_pair(name, varying());
-    return mode < 0 ? -1 : open(name, mode);
-  }
   static int open(const char* name, int mode = ISTRANS) {
     return open_pair(name, varying(), ISMANULOCK + mode);
   }

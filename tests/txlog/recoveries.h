@@ -18,14 +18,6 @@ class Recovery : public LogTest {
     EXPECT_EQ(::islogopen("log"), 0);
     return ::isrecvr(mode);
   }
-  static Rows rows_of(const char* name) {
-    const int isfd = ::isopen(name, ISINPUT + ISMANULOCK + format());
-    EXPECT_GE(isfd, 0) << name << ' ' << iserrno;
-    Rows found = rows(isfd);
-    ::isclose(isfd);
-    EXPECT_EQ(faults(name), "");
-    return found;
-  }
 };
 
 class Evidence : public Recovery {

@@ -1,10 +1,11 @@
-// Replaying logs: real ones over restored files, and ones put together by hand.
+// Replaying logs: what they lead to, case by case.
 #include <cerrno>
 #include <sstream>
 #include <string_view>
 #include <utility>
 
 #include "common/io.h"
+#include "tests/support/tables.h"
 #include "tests/txlog/recoveries.h"
 
 namespace testing_support {
@@ -26,7 +27,7 @@ TEST_P(Recovery, LeavesWhatCameOverARollback) {
       {1, "R1 d0 w2", 2}, {1, "R1 d0 w1", 1},     {1, "R1 d0 W1", -1}, {4, "W1 d0", -1},
       {4, "W1 d0 w2", 2}, {4, "W1 d0 r03 w1", 1}, {4, "W1 r2 d0", -1}, {4, "W1 d0 w2 R3 r4 D0", 4},
   };
-  build("one", -1);
+  build_pair("one", varying());
   keep_copy();
   for (const auto& c : kCases) {
     ::iscleanup();
@@ -57,8 +58,17 @@ TEST_P(Recovery, LeavesWhatCameOverARollback) {
     }
     EXPECT_TRUE(rows(plain) == expected) << c.steps;
     ASSERT_EQ(replay(), 0) << c.steps;
-    EXPECT_TRUE(rows_of("one") == expected) << c.steps;
+    EXPECT_EQ(faults("one"), "");
+    EXPECT_TRUE(rows(open("one", 0)) == expected) << c.steps;
   }
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, Evidence, ::testing::Values(false));
+
+TEST_P(Evidence, DecidesWhatIsApplied) {
+  const auto cases = read_table(KESTRO_TESTS "/txlog/evidence.txt");
+  EXPECT_GT(cases.size(), 80U);
+  for (const auto& row : cases) EXPECT_EQ(outcome(row.at(1)), row.at(2)) << row[0];
 }
 
 // Fails to look at the pair for once after it got its name back.
@@ -74,7 +84,7 @@ int stat_or_fail(const char* path, struct stat* status) {
 
 // When the pair cannot be opened after it was clustered, its number is given to the next one.
 TEST_P(Evidence, OpensAPairAgainThatItLostWhenItWasClustered) {
-  build("second", -1);
+  build_pair("second", varying());
   keep_copy();
   const auto system = common::system_calls();
   common::system_calls().link = link_and_tell;
