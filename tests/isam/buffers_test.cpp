@@ -99,8 +99,8 @@ TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
 // A page that a call of others' file had no room for in the pool.
 TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
   in_own_process("4", [] {
-    bool fails = true;
-    testing_support::stand_between([&](const SystemCall& call) {
+    static bool fails = true;
+    testing_support::stand_between([](const SystemCall& call) {
       return call.kind == SystemCall::kWrite && std::exchange(fails, false) ? EIO : 0;
     });
     ASSERT_EQ(::ftruncate(filep->index.fd, 3000 * 1024), 0);
