@@ -15,7 +15,6 @@
 namespace isam {
 namespace {
 
-using testing_support::refuse;
 using testing_support::SystemCall;
 using testing_support::TestPair;
 
@@ -76,7 +75,7 @@ TEST(BuffersDeathTest, MisuseIsFatal) {
 TEST(BuffersDeathTest, CleanPagesGoBeforeThePoolGrows) {
   in_own_process("4", [] {
     testing_support::stand_between(count_writes);
-    ASSERT_EQ(::ftruncate(filep->index.fd, 100 * 1024), 0);
+    ASSERT_EQ(::ftruncate(filep->index.fd, 102'400), 0);
     // Whichever kind is changed and whichever clean, three buffers serve the rest.
     for (const bool changes_node : {false, true}) {
       (changes_node ? bfgetclr(20) : bfread_data(20)).modified();
@@ -103,7 +102,7 @@ TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
     testing_support::stand_between([](const SystemCall& call) {
       return call.kind == SystemCall::kWrite && std::exchange(fails, false) ? EIO : 0;
     });
-    ASSERT_EQ(::ftruncate(filep->index.fd, 3000 * 1024), 0);
+    ASSERT_EQ(::ftruncate(filep->index.fd, 3'072'000), 0);
     filep->call.nodes_before = 3000;
     for (int node = 20; fails; ++node) bfgetclr(node).release();
     EXPECT_EQ(iserrno, 0);

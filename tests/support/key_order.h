@@ -32,7 +32,7 @@ inline int compare_part(int type, int length, const Byte* a, const Byte* b) {
   const int sign = (type & kDescending) != 0 ? -1 : 1;
   switch (type & ~kDescending) {
     case kChar:
-      return sign * std::memcmp(a, b, static_cast<std::size_t>(length));
+      return sign * ordered(std::memcmp(a, b, static_cast<std::size_t>(length)), 0);
     case kInt:
       return sign * ordered(static_cast<std::int16_t>(get2(a)), static_cast<std::int16_t>(get2(b)));
     case kLong:
