@@ -16,8 +16,8 @@ struct UnmapArena {
 template <typename T>
 using Arena = std::unique_ptr<T[], UnmapArena>;
 
-// `count` zeroed elements, and behind them room for `spare` more, which takes no memory before it
-// is used; empty without memory.
+// `count` elements of zero bytes (no constructor runs), and behind them room for `spare` more,
+// which takes no memory before it is used. Null without memory, and where both are 0.
 template <typename T>
 [[nodiscard]] Arena<T> make_arena(std::size_t count, std::size_t spare = 0) {
   static_assert(std::is_trivially_copyable_v<T> && std::is_trivially_destructible_v<T>);

@@ -1,7 +1,8 @@
-// bytes: big-endian load and store, and plain byte-string operations.
+// bytes: numbers as the files hold them, and the order of byte strings.
 //
-// Needs   spans or pointers that cover the bytes named; callers check bounds, these do not
-// Gives   the integer encodings of every on-disk structure
+// Needs   pointers to as many bytes as the number or the string has; nothing is checked here. A
+//         little-endian machine
+// Gives   the number encodings of every on-disk structure
 #pragma once
 
 #include <cstdint>
@@ -19,6 +20,7 @@ using ConstBytes = std::span<const Byte>;
   return static_cast<std::uint16_t>(at[0] << 8 | at[1]);
 }
 
+// Stores the lower 16 bits.
 inline void stword(std::uint32_t value, Byte* at) {
   at[0] = static_cast<Byte>(value >> 8);
   at[1] = static_cast<Byte>(value);
@@ -54,7 +56,7 @@ inline void stlong(std::int32_t value, Byte* at) {
   return value;
 }
 
-// A null double or float is all 0xFF bytes.
+// A null double or float is all 0xFF bytes, and loads as 0.
 inline constexpr Byte fltnull[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
 [[nodiscard]] inline double lddblnull(const Byte* at, bool* isnull) {
@@ -67,7 +69,7 @@ inline constexpr Byte fltnull[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x
   return *isnull ? 0 : ldfloat(at);
 }
 
-// Compares n bytes as unsigned: -1, 0 or 1. Keys are short: the first eight at once.
+// Compares n bytes as unsigned: -1, 0 or 1. The first eight, compared as one number, settle most.
 [[nodiscard]] inline int bycmpr(const Byte* a, const Byte* b, std::size_t n) {
   if (n >= 8) {
     std::uint64_t left;

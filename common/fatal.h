@@ -1,4 +1,5 @@
-// fatal: the end of the process for misuse of the library by its own code.
+// fatal: the end of the process, for misuse of the library by its own code, and for a page pool
+// without memory.
 #pragma once
 
 namespace common {

@@ -32,6 +32,7 @@ int copy_through_process(int from, int to, std::int64_t at, std::int64_t end) {
   return 0;
 }
 
+// Whether an error says that the system does not copy between these files: the process may.
 bool tells_of_no_such_call(int error) {
   return error == ENOSYS || error == EOPNOTSUPP || error == EXDEV || error == EINVAL ||
          error == EPERM;
@@ -49,7 +50,8 @@ int copy_bytes(int from, int to, std::int64_t at, std::int64_t end) {
   return 0;
 }
 
-// Where data goes on from `at`, and where it ends then. Where the system cannot tell, all is data.
+// Moves `at` to the next data of the file, `end` to the hole behind: false when only holes follow.
+// Where the system cannot tell, all is data.
 bool next_data(int fd, std::int64_t size, std::int64_t& at, std::int64_t& end) {
   const off_t data = ::lseek(fd, at, SEEK_DATA);
   if (data < 0 && errno == ENXIO) return false;
@@ -59,6 +61,7 @@ bool next_data(int fd, std::int64_t size, std::int64_t& at, std::int64_t& end) {
   return at < end;
 }
 
+// None also when they cannot be had.
 std::vector<std::string> attribute_names(int fd) {
   std::vector<char> list(XATTR_LIST_MAX);
   const ssize_t size = ::flistxattr(fd, list.data(), list.size());
@@ -71,7 +74,7 @@ std::vector<std::string> attribute_names(int fd) {
   return names;
 }
 
-// The value of an attribute, empty with errno when it cannot be had.
+// The value of an attribute, empty when it cannot be had.
 std::vector<char> attribute(int fd, const std::string& name) {
   std::vector<char> value(XATTR_SIZE_MAX);
   const ssize_t size = ::fgetxattr(fd, name.c_str(), value.data(), value.size());
@@ -86,7 +89,8 @@ int copy_extended_attributes(int from, int to) {
     if (value == attribute(to, name)) continue;
     if (system_calls().fsetxattr(to, name.c_str(), value.data(), value.size(), 0) != 0) return -1;
   }
-  // The folder may give its own to every new file.
+  // What the folder gives to every new file, such as an access list, goes. The attributes of the
+  // system's security modules are not ours to remove.
   for (const std::string& name : attribute_names(to)) {
     const bool extra = std::ranges::find(names, name) == names.end();
     if (extra && !name.starts_with("security.") && ::fremovexattr(to, name.c_str()) != 0) return -1;
@@ -135,6 +139,7 @@ int copy_attributes(int from, int to) {
     return -1;
   }
   if (copy_extended_attributes(from, to) != 0) return -1;
+  // Last: a new owner clears some of these bits, an access list sets some.
   return ::fchmod(to, wanted.st_mode & kPermissionBits);
 }
 

@@ -11,14 +11,15 @@ namespace common {
 // Makes `to`, an empty file, like `from`: 0, or -1 with errno.
 [[nodiscard]] int copy_contents(int from, int to);
 
-// Makes the bytes of `to` like those of `from`, in the range from offset `at` to `end`, and as far
-// as `from` goes. It writes only pieces that differ. 0, or -1 with errno.
+// Makes the bytes of `to` from offset `at` to `end` like those of `from`, as far as `from` goes.
+// Writes only pieces that differ. 0, or -1 with errno.
 [[nodiscard]] int copy_differences(int from, int to, std::int64_t at, std::int64_t end);
 
-// Owner, permissions and extended attributes: 0, or -1 with errno when one cannot be given.
+// Gives `to` the owner, permissions and extended attributes of `from`: 0, or -1 with errno when one
+// cannot be given. An attribute that is empty or cannot be read is left out.
 [[nodiscard]] int copy_attributes(int from, int to);
 
-// A sum over all bytes of a file, as docs/format.md defines it: 0, or -1 with errno.
+// Makes `sum` the checksum of the file's bytes (docs/format.md): 0, or -1 with errno.
 [[nodiscard]] int checksum_of(int fd, std::uint64_t& sum);
 
 }  // namespace common

@@ -111,7 +111,7 @@ void FileMap::map(int fd) {
   known_ = size;
 }
 
-// From here to end_copy() the handler serves these bytes.
+// From here to end_copy() the handler stands in for missing pages of these bytes.
 void FileMap::begin_copy(ConstBytes from) {
   copy_begin = reinterpret_cast<std::uintptr_t>(from.data());
   copy_end = copy_begin + from.size();
@@ -146,8 +146,8 @@ void FileMap::look_again(int fd) {
   known_ = std::max(known_, size);
 }
 
-// Reads by the system. A read that got all it asked for shows how far the file goes, and when
-// enough of them went beyond the mapping (at first there is none), the file is mapped anew.
+// Reads by a system call. A read that got all it asked for shows how far the file goes at least;
+// after kReadsBeforeMapping of them beyond the mapping (at first there is none) it is mapped anew.
 ssize_t FileMap::call(int fd, Bytes to, std::int64_t offset) {
   const std::int64_t end = offset + static_cast<std::int64_t>(to.size());
   const ssize_t got = read_at(fd, to, offset);

@@ -6,7 +6,7 @@
 //         reading in place of the system's; lets a disk error, or a file that was cut off, end the
 //         process: the page that cannot be had is told by a SIGBUS, which is taken here, and the
 //         bytes are asked for again by a call that can fail. A SIGBUS from elsewhere goes to the
-//         handler of before
+//         handler of before. (One that the program puts in place later gets all of them)
 #pragma once
 
 #include <sys/types.h>
@@ -25,7 +25,7 @@ class FileMap {
   FileMap() = default;
   FileMap(const FileMap&) = delete;
   FileMap& operator=(const FileMap&) = delete;
-  FileMap& operator=(FileMap&& other) noexcept;
+  FileMap& operator=(FileMap&& other) noexcept;  // the two exchange their files
   ~FileMap() { forget(); }
 
   // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno. `fd` is the
@@ -45,7 +45,8 @@ class FileMap {
     copy(all);
     return end_copy();
   }
-  // Maps the file, unless that is done, for reads that will be many; and asks how long it is.
+  // Asks how long the file is by now, and maps it where the mapping does not reach so far: for
+  // reads that will be many.
   void look_again(int fd);
   // Whether a read of these bytes costs no system call.
   [[nodiscard]] bool covers(std::size_t length, std::int64_t offset) const {

@@ -1,6 +1,4 @@
-// hexdump: bytes as lines of text.
-//
-// Gives   printable ASCII only, each line ended
+// hexdump: bytes as lines of printable ASCII, each with its newline.
 #pragma once
 
 #include <cstddef>

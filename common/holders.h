@@ -1,8 +1,8 @@
-// holders: what must be given back is given back when its holder leaves scope.
+// holders: a descriptor that is closed when its holder leaves scope.
 //
 //   FileHold fd{open_file(path, O_RDONLY)};
 //   if (!fd) return failed();
-//   filep->idxfd = fd.release();       // kept beyond the scope
+//   filep->index.fd = fd.release();    // kept beyond the scope
 #pragma once
 
 #include <utility>
@@ -16,6 +16,7 @@ class FileHold {
   FileHold() = default;
   explicit FileHold(int fd) : fd_(fd) {}
   FileHold(FileHold&& other) noexcept : fd_(other.release()) {}
+  // What this one held is closed with `other`.
   FileHold& operator=(FileHold&& other) noexcept {
     std::swap(fd_, other.fd_);
     return *this;

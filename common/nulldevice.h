@@ -1,5 +1,5 @@
-// nulldevice: a program started with closed descriptors never takes a file of its own for standard
-// input, output or error.
+// nulldevice: what a program does first, so that no file it opens gets the number of standard
+// input, output or error, though it was started with one of these closed.
 #pragma once
 
 namespace common {

@@ -8,7 +8,8 @@
 
 namespace common {
 
-// The base-10 integer that `text` holds when it is nothing else and lies in low..high.
+// The base-10 integer in `text`; none when there is anything else in it, even blanks or a plus
+// sign, or the number is not in low..high.
 [[nodiscard]] inline std::optional<std::int64_t> number_within(std::string_view text,
                                                                std::int64_t low,
                                                                std::int64_t high) {

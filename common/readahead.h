@@ -23,10 +23,11 @@ namespace common {
 
 class ReadAhead {
  public:
-  // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno.
-  // What lies outside the window is read through `map`, which is the file's.
+  // Bytes transferred, fewer than asked for only at the end of the file; -1 with errno. What the
+  // window does not cover is read through `map`, the file's own.
   [[nodiscard]] ssize_t read(int fd, FileMap& map, Bytes to, std::int64_t offset);
 
+  // This process has written `length` bytes at `offset`.
   void overwritten(int fd, std::int64_t offset, std::size_t length) {
     if (fd != fd_) return;
     const std::int64_t written_end = offset + static_cast<std::int64_t>(length);
@@ -41,13 +42,13 @@ class ReadAhead {
 
   static constexpr std::int64_t kUnknown = INT64_MAX;
   static constexpr std::size_t kWindow = std::size_t{64} * 1024;
-  static constexpr int kRunBeforeFilling = 2;  // forward reads that make a run sequential
-  static constexpr std::int64_t kReach = 4;    // pages that a run may skip
+  static constexpr int kRunBeforeFilling = 2;  // forward reads in a row; the last reads ahead
+  static constexpr std::int64_t kReach = 4;    // times its length that a forward read skips at most
 
   std::unique_ptr<Byte[]> window_;
   int fd_ = -1;
-  std::int64_t offset_ = 0;
-  std::size_t length_ = 0;
+  std::int64_t offset_ = 0;      // of the window in the file
+  std::size_t length_ = 0;       // bytes that the window holds
   std::int64_t end_ = kUnknown;  // of the file, once a read has come to it
   std::int64_t expected_ = 0;    // where the last read ended
   int run_ = 0;                  // forward reads in a row

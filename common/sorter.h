@@ -10,8 +10,9 @@
 //   while (const Byte* entry = sorter.next()) ...     // valid until the next call
 //   if (sorter.error() != 0) return failed();
 //
-// Keeps   memory near the limit. Beyond it go what 1024 entries take, 1 MiB while a run is spilled,
-//         and a read buffer of at least 64 KiB a run while merging
+// Keeps   memory near the limit. It goes beyond it by up to 1 MiB for the block being filled and
+//         1 MiB while a run is spilled, and as far as 1024 entries, or 64 KiB of each run while
+//         merging, need it
 // Throws  std::bad_alloc
 #pragma once
 
@@ -31,9 +32,9 @@ class Sorter {
   struct Shape {
     std::size_t entry_size;
     std::size_t key_size;  // leading bytes of an entry that decide the order
-    std::size_t memory;    // bytes
+    std::size_t memory;    // the limit, in bytes
     std::string folder;    // where the temporary file goes
-    // Decides instead of the bytes when set: negative, 0 or positive.
+    // Decides instead of the bytes when set: gives a number below 0, 0 or above 0.
     std::function<int(const Byte* a, const Byte* b)> order;
   };
 

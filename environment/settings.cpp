@@ -19,6 +19,7 @@ constexpr KnownVariable kKnown[] = {
     {"RESETLOCK", nullptr},       {"SQLIDEBUG", nullptr},
 };
 
+// Null also for all names in a process that runs with more rights than its user.
 const char* of_process(const char* name) { return ::secure_getenv(name); }
 
 std::string_view trimmed(std::string_view text) {
@@ -56,6 +57,7 @@ const KnownVariable* known_variable(std::string_view name) {
   return known == std::end(kKnown) ? nullptr : known;
 }
 
+// Which names are to be ignored must be known before find() is asked for MARVOLENDIR.
 Settings::Settings() : user_file_(home_file()) {
   if (const char* names = of_process("ENVIGNORE")) ignore(names);
   if (const Setting* names = user_file_.find("ENVIGNORE")) ignore(names->value);

@@ -7,13 +7,13 @@
 //   2. the file ".marvolen" in the home directory
 //   3. the file "etc/marvolen.rc" below `MARVOLENDIR`
 //   4. the table of known variables
-// `ENVIGNORE` is no such choice: the names that it lists in 1, 2 and 3 count together, so that no
-// source lifts what another one forbids. A process that runs with more rights than its user looks
-// at neither 1 nor 2, which the user could change.
+// Of `ENVIGNORE` not only the first counts: the names that it lists in 1, 2 and 3 are all ignored,
+// so that no source lifts what another one forbids. A process that runs with more rights than its
+// user looks at neither 1 nor 2, which the user could change.
 //
 // Keeps   the files are read once, when the first variable is looked up; the process environment
 //         is looked at every time
-// Gives   values as text or as checked numbers. A look-up costs time: keep what it gives.
+// Gives   values as text or as numbers. A look-up costs time: keep what it gives.
 #pragma once
 
 #include <array>
@@ -37,6 +37,7 @@ struct KnownVariable {
 // Null for a name that is not known.
 [[nodiscard]] const KnownVariable* known_variable(std::string_view name);
 
+// Where a value comes from; kNone: there is none.
 enum class Source { kNone, kFallback, kSystemFile, kUserFile, kProcess };
 
 struct Found {
@@ -74,8 +75,8 @@ class Settings {
 // The value of a variable, known or not; none when no source has one.
 [[nodiscard]] std::optional<std::string> lookup(const char* name);
 
-// A known variable's value when it is a decimal number in low..high; else its default when that is
-// such a number; else `low`.
+// A variable's value when it is a decimal number in low..high; else its default when that is such a
+// number; else `low`.
 [[nodiscard]] std::int64_t number(const char* name, std::int64_t low, std::int64_t high);
 
 // The number that a variable's value begins with, in base 8, 10 or 16 by its prefix; 0 when it

@@ -26,7 +26,7 @@ bool is_control(char c) {
 bool is_letter(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; }
 bool is_name_character(char c) { return is_letter(c) || (c >= '0' && c <= '9'); }
 
-// One line on its way from left to right.
+// What is left of a line that is read from left to right.
 class Line {
  public:
   explicit Line(std::string_view text) : left_(text) {
@@ -34,10 +34,11 @@ class Line {
     skip_blanks();
   }
 
-  // Whether nothing is left but a comment.
+  // Whether nothing is left, or only a comment.
   [[nodiscard]] bool done() const { return left_.empty() || left_.front() == kComment; }
 
-  // The reason why the line cannot be read, null when it gives `setting` a name and a value.
+  // Gives `setting` a name and a value: null, or the reason why it cannot. Not of a line that is
+  // done().
   const char* read(Setting& setting) {
     if (std::ranges::any_of(left_, is_control)) return "control character";
     if (!is_letter(left_.front())) return "a name begins with a letter or an underscore";
@@ -63,6 +64,7 @@ class Line {
     return taken;
   }
 
+  // A value does not begin with a blank or a comment's sign.
   void read_plain(std::string& value) {
     std::size_t end = 0;  // behind the last character that is not blank
     for (std::size_t i = 0; i < left_.size(); ++i) {
@@ -125,7 +127,7 @@ SettingsFile parse_settings(std::string path, std::string_view text) {
 
 SettingsFile read_settings(const std::string& path) {
   const common::FileHold fd{
-      common::open_file(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY)};  // no fifo holds us up
+      common::open_file(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY)};  // never waits for a fifo
   if (!fd) {
     if (errno == ENOENT || errno == ENOTDIR) return {path, {}, {}};
     return unreadable(path, std::strerror(errno));

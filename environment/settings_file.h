@@ -7,7 +7,7 @@
 //
 // Needs   nothing: a file may hold any bytes
 // Gives   the settings of the lines that can be read, and file, line and reason for all others
-// Never   reads more than kMaxSettingsFile bytes, waits, or fails
+// Never   waits or fails. A file of more than kMaxSettingsFile bytes has a problem and no settings
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@
 namespace environment {
 
 constexpr std::size_t kMaxSettingsFile = 65536;  // bytes
-constexpr std::size_t kMaxSettingName = 64;      // bytes
+constexpr std::size_t kMaxSettingName = 64;      // letters, digits and underscores
 
 struct Setting {
   std::string name;
@@ -40,6 +40,7 @@ struct SettingsFile {
   [[nodiscard]] const Setting* find(std::string_view name) const;
 };
 
+// Reads `text` as the contents of a file; `path` is only passed on.
 [[nodiscard]] SettingsFile parse_settings(std::string path, std::string_view text);
 
 // A file that does not exist has neither settings nor problems.

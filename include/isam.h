@@ -22,8 +22,8 @@
  * that is given an open or a file's name clears iserrno and iserrio when it starts and sets the
  * four status characters when it ends. Besides the codes that a call names, any call that reads or
  * writes may fail with a system error (1 to 99, with iserrio telling the operation), ISECORRUPT for
- * a damaged pair, ISENOTOPEN for a number that is not open or an open that lacks the access needed,
- * ISEFORMAT.
+ * a damaged pair, ISEFORMAT for one of another format, and ISENOTOPEN for a number that is not open
+ * or an open that lacks the access needed.
  *
  * Records are arrays of char of the record length, laid out by the application. Numbers in key
  * fields are stored with the st...() functions and read with the ld...() functions below. With
@@ -42,7 +42,7 @@
  *   ISAM_DEADLOCK_SLEEP  milliseconds before each retry (default 0: yield the processor)
  *   ISAM_LOG_SYNC        1 makes iscommit() wait until the disk has the log (default 0)
  *   ISCLOSE_SHARE_LOCK   0 makes isclose() wait for other processes' readers (default 1)
- *   CLIENT_LOCALE        the locale of character keys of type KT_LOCALE
+ *   CLIENT_LOCALE        the locale of keys of type KT_LOCALE (default c: the order of the bytes)
  *   RESETLOCK            when set, a file with an unexpected locking method is accepted
  *   SQLIDEBUG            a file to which calls append what they exchange with the application
  */
@@ -70,12 +70,13 @@ extern "C" {
  *           With variable length the application sets it before a write or rewrite to the length
  *           of that record, and before isbuild() to the minimum length.
  * isstat1   to isstat4: the outcome as four status characters. "0000" success, "0202" success on a
- *           key that a neighbour record has too, "2222" duplicate, "1010" end of file ("1046" for a
- *           read past it), "2323" no such record, "2143" no current record ("2146" on a relative
- *           read), "9090" anything else; "9035" no such file, "9037" access or mode refused, "9039"
- *           record format (fixed or variable length) differs, "9042" closing what is not open,
- *           "9047" reading, "9048" writing and "9049" changing through an open without that access,
- *           "9490" any other call through such an open, "9044" a record length out of range.
+ *           key that a neighbour record has too, "2222" duplicate, "1010" end of file and "2143" no
+ *           current record ("1046" and "2146" of RD_NEXT, and of RD_PREV and RD_CURR right after
+ *           the end), "2323" no such record, "9090" anything else; "9035" no such file, "9037"
+ *           access or mode refused, "9039" record format (fixed or variable length) differs, "9042"
+ *           closing what is not open, "9047" reading, "9048" writing and "9049" changing through an
+ *           open without that access, "9490" any other call through such an open, "9044" a record
+ *           length out of range.
  * isdupsiz  width in bytes of the duplicate numbers of files that isbuild() makes: 4 (the default)
  *           or 2, which allows 65536 records of one key.
  */
@@ -95,7 +96,7 @@ enum {
   ISENOTOPEN = 101,      /* not open, or not for this access */
   ISEARGUMENT = 102,     /* an argument is out of range */
   ISEKEY = 103,          /* a key description is illegal, or not one of the file's */
-  ISETOOMANY = 104,      /* all open records are in use */
+  ISETOOMANY = 104,      /* the process has as many opens or pairs open as it may */
   ISECORRUPT = 105,      /* the pair is damaged: run kestro */
   ISENOTEXCLUSIVE = 106, /* the call needs an exclusive open */
   ISELOCKED = 107,       /* another process has the record or file locked */
@@ -107,7 +108,7 @@ enum {
   ISEINUSE = 113,        /* another open is in the way */
   ISENAME = 114,         /* a file name is empty or too long */
   ISEMEMORY = 116,       /* no memory */
-  ISECOLLATION = 117,    /* the file's locale or a collating table does not fit */
+  ISECOLLATION = 117,    /* the file is ordered by another locale than the client's */
   ISELOGREAD = 118,      /* the log cannot be read */
   ISELOGRECORD = 119,    /* a log record is damaged, or does not fit what came before */
   ISELOGOPEN = 120,      /* a log file cannot be opened */
@@ -150,7 +151,7 @@ enum {
   KT_DOUBLE = 3, /* 8 bytes, the machine's double; all 0xFF is null and sorts first */
   KT_FLOAT = 4,  /* 4 bytes, the machine's float; all 0xFF is null and sorts first */
   KT_LOCALE = 7, /* characters, in the order of the client locale */
-  KT_COLL1 = 16, /* bytes with a collating table of the application's */
+  KT_COLL1 = 16, /* bytes that the application orders itself: all values are equal in an index */
   KT_COLL2 = 32,
   KT_COLL3 = 48,
   KT_COLL4 = 64,
@@ -208,7 +209,7 @@ enum {
   ISINOUT = 2,  /* read and write */
 
   ISTRANS = 4, /* changes belong to transactions: isrollback() undoes them (needs a log) */
-  ISNOLOG = 8, /* changes are not logged, though a log is open */
+  ISNOLOG = 8, /* changes are not logged, though a log is open (needs one) */
 
   ISVARLEN = 0x10,     /* the records are of variable length */
   ISANYPRIMARY = 0x20, /* isdelindex() may drop the primary and the current key */
@@ -233,7 +234,7 @@ enum {
   /* Added to a mode of isread(). */
   RD_LOCK = 0x100,     /* lock the record; ISELOCKED when another process has it */
   RD_SKIPLOCK = 0x200, /* on ISELOCKED move to that record all the same, so that RD_NEXT passes it;
-                         only together with RD_LOCK */
+                         only together with RD_LOCK, not with RD_WAIT */
   RD_WAIT = 0x400      /* wait until the record can be locked; only together with RD_LOCK */
 };
 
@@ -251,11 +252,13 @@ int isopen(const char* name, int mode);
  * ("9042"), or the error of a write that had to be done now. */
 int isclose(int isfd);
 
-/* Closes every file that the process has open through the library. Returns 0. */
+/* Rolls an open transaction back and closes every file that the process has open through the
+ * library. 0, with iserrno and the status characters as they were; -1 with the first failure, and
+ * all is closed nevertheless. */
 int iscleanup(void);
 
 /* Writes what the process still holds of this file's changes to the operating system. (Opens other
- * than exclusive ones have nothing left to write after a call.) */
+ * than exclusive ones have nothing left to write after a call.) The open must allow reading. */
 int isflush(int isfd);
 
 /* Makes a pair for records of `reclen` bytes, 1 to 32511, and opens it with `mode`. `key` is the
@@ -293,7 +296,8 @@ int isbatch(int n);
 
 /* Adds an index to an exclusively open file and fills it from the records. `key` gets keylen and
  * rootnode. -1 with ISENOTEXCLUSIVE, ISEKEY, ISEKEYEXISTS, ISEDUPLICATE (two records have a key
- * that may occur once), ISELOCALE; then the file is as it was. */
+ * that may occur once), ISEINUSE (a rollback may bring such keys back), ISEMEMORY, ISELOCALE; then
+ * the file is as it was. */
 int isaddindex(int isfd, struct keydescr* key);
 
 /* Drops the index that `key` defines (its parts count, not its flags) from an exclusively open
@@ -303,8 +307,9 @@ int isdelindex(int isfd, struct keydescr* key);
 
 /* Rewrites an exclusively open file so that its records stand in the order of `key`, without gaps.
  * Returns the number of a new open in place of `isfd`, which is closed; -1 with ISENOTEXCLUSIVE,
- * ISEKEY, ISEINUSE, ISEMEMORY, or the first failure of reading and writing; then the file is as it
- * was. Needs room for a second copy beside the file. */
+ * ISEKEY, ISEAUDIT, ISEINUSE (by another open of this process, or changed in its transaction),
+ * ISEMEMORY, or the first failure of reading and writing; then the file is as it was. Needs room
+ * for a second copy beside the file. */
 int iscluster(int isfd, struct keydescr* key);
 
 /* -------------------- reading records -------------------- */
@@ -313,9 +318,10 @@ int iscluster(int isfd, struct keydescr* key);
  * and RD_LAST need no record; RD_EQUAL, RD_GREAT and RD_GTEQ compare the first `len` bytes of the
  * key in `record`, 0 for the whole key. `key` is one of the file's indexes, or has nparts 0 for the
  * order of record numbers, in which isrecnum says which record is meant. key->flags gets the stored
- * flags. RD_NEXT then reads the record found, RD_PREV the one before it (in the order of record
- * numbers the one found). -1 with ISEARGUMENT (mode, `len` negative or beyond
- * the key), ISEKEY, ISENORECORD (`key` is current all the same, without a position), ISEEND. */
+ * flags. RD_NEXT then reads the record found, RD_PREV the one before it; but RD_PREV reads the one
+ * found in the order of record numbers, and after RD_LAST, where RD_NEXT meets the end in an index.
+ * -1 with ISEARGUMENT (mode, `len` negative or beyond the key), ISEKEY, ISENORECORD (`key` is
+ * current all the same, without a position), ISEEND. */
 int isstart(int isfd, struct keydescr* key, int len, char* record, int mode);
 
 /* Reads a record into `record`, which has room for the greatest record length. `mode`: RD_...; the
@@ -342,17 +348,18 @@ int isreadmany(int isfd, struct recordset* set, int mode);
 
 /* Reads with `mode` RD_EQUAL, RD_GREAT or RD_GTEQ, plus RD_LOCK and what goes with it: each record
  * by the key that stands in its place in set->records, in the order of record numbers by its number
- * in set->numbers. */
+ * in set->numbers. Fills in records, numbers and lengths. */
 int isfetchmany(int isfd, struct recordset* set, int mode);
 
 /* Adds the records, as iswrite() does, and fills in numbers. With variable length set->lengths has
- * their lengths, else it may be null. When what was added cannot be written to the files, it is
- * taken back from the last record on that had been written. */
+ * their lengths, else it may be null. Up to 64 records go to the files together; when they cannot
+ * be written, all of these are taken back. */
 int iswritemany(int isfd, struct recordset* set);
 
 /* -------------------- changing records -------------------- */
 
-/* A record length out of range fails with ISEARGUMENT ("9044"). A failed call changes nothing. */
+/* A record length out of range fails with ISEARGUMENT ("9044"). A failed call changes nothing; but
+ * when only the audit trail could not be written (iserrio 0x53), the change stands. */
 
 /* Adds a record; isrecnum is its number. The position stays. -1 with ISEDUPLICATE. */
 int iswrite(int isfd, char* record);
@@ -391,7 +398,8 @@ int islock(int isfd);
 /* Releases the file lock and all record locks of the file (ISMANULOCK opens only). */
 int isunlock(int isfd);
 
-/* Releases the record locks, and the file lock with them, in any lock mode. */
+/* Releases the record locks, and the file lock with them, in any lock mode. What a transaction has
+ * changed stays locked. */
 int isrelease(int isfd);
 
 /* Whether another process has the whole file locked: 1 or 0, -1 when `isfd` cannot be entered.
@@ -410,7 +418,7 @@ int isfilelocked(int isfd, int how);
  * isopen() with the same name and mode gives the same number again. */
 
 /* Opens the log file `path`, which must exist; an empty file becomes a log. -1 with ISELOGOPEN
- * (also when a log is open), ISELOGREAD, ISELOGWRITE, ISELOGMAGIC, ISEMEMORY. */
+ * (also when a log is open), ISELOGREAD, ISELOGWRITE, ISELOGMAGIC. */
 int islogopen(const char* path);
 
 /* Closes the log; a transaction is rolled back first. -1 with ISENOTOPEN when none is open. */
@@ -458,7 +466,7 @@ enum {
   AUDSTOP = 3,    /* switches it off */
   AUDINFO = 4,    /* the first byte of `name` becomes 1 when the trail is on, else 0 */
   AUDRECVR = 5    /* as AUDSTOP; and numbers freed from now on, even the highest, are kept on the
-                     lists of free ones */
+                     lists of free ones, until AUDSTART */
 };
 
 /* -------------------- what the dictionary tells -------------------- */
@@ -479,7 +487,7 @@ int isindexinfo(int isfd, void* buffer, int n);
 int iststindex(int isfd, struct keydescr* key);
 
 /* Unique ids, a counter of the file's from 1: isuniqueid() hands out the next one, iscurruniq()
- * shows it without taking it, issetunique() raises the counter to `id` and never lowers it. */
+ * shows it without taking it, issetunique() makes `id` the next one if that is lower. */
 int isuniqueid(int isfd, int32_t* id);
 int iscurruniq(int isfd, int32_t* id);
 int issetunique(int isfd, int32_t id);
@@ -488,15 +496,15 @@ int issetunique(int isfd, int32_t id);
 int isaltchk(int isfd, int32_t* count);
 int isaltinc(int isfd);
 
-/* Whether a file was built with a locale: 1 or 0, -1 when it cannot be opened. */
+/* Whether a file has an index in the order of a locale: 1 or 0, -1 when it cannot be opened. */
 int isnlsversion(const char* name);
 int isulxversion(const char* name);
 /* The name of that locale, zero-terminated and valid until the next call; null when the file has
  * none or cannot be opened. */
 const char* islanginfo(const char* name);
 
-/* Registers a table of 256 weights for the collated type KT_COLL1 to KT_COLL7; it stays the
- * caller's. -1 for any other type, without iserrno. Trees do not use it. */
+/* Registers a table of 256 weights for the collated type KT_COLL1 to KT_COLL7; it is not copied. -1
+ * for any other type, without iserrno. No index is ordered by it. */
 int iscollate(int type, const unsigned char* table);
 
 /* -------------------- numbers in key fields, texts -------------------- */

@@ -36,7 +36,7 @@ bool is_plain(std::string_view text) {
                              [](char c) { return is_alphanumeric(c) || c == '_' || c == '-'; });
 }
 
-// "UTF-8" is "utf8", "8859-1" is "iso88591".
+// "UTF-8" becomes "utf8", "8859-1" becomes "iso88591".
 std::string folded_code_set(std::string_view given) {
   std::string folded;
   std::ranges::copy_if(given, std::back_inserter(folded), is_alphanumeric);
@@ -53,7 +53,7 @@ void append(std::string& name, char mark, std::string_view part) {
 }  // namespace
 
 std::string file_name(std::string_view name) {
-  if (name.size() > 2 * kNameLimit) return {};
+  if (name.size() > 2 * kNameLimit) return {};  // no real name is folded to half its length
   std::string lowered{name};
   std::ranges::transform(lowered, lowered.begin(), lower);
   const Parts parts = parts_of(lowered);
@@ -71,9 +71,10 @@ std::string file_name(std::string_view name) {
 std::string system_name(std::string_view name) {
   const Parts parts = parts_of(name);
   std::string result{parts.language};
+  // "C" as a whole, of other names the territory.
   const auto from = parts.language == kByteOrder ? result.begin() : std::ranges::find(result, '_');
   std::transform(from, result.end(), from, upper);
-  // Written so, a locale is found under both spellings.
+  // The C library looks for "UTF-8" under "utf8" too, but not the other way round.
   append(result, '.', parts.code_set == "utf8" ? "UTF-8" : parts.code_set);
   append(result, '@', parts.modifier);
   return result;

@@ -17,7 +17,7 @@ common::FileHold open_without_link(const std::string& path) {
   return common::FileHold{common::open_file(path.c_str(), kFlags, S_IRUSR | S_IWUSR)};
 }
 
-// What the user's own symbolic link says, empty when it is not the user's. The link is held open
+// Where the user's own symbolic link leads, empty when it is not the user's. The link is held open
 // meanwhile, so that it cannot be changed for another between the look and the use.
 std::string target_of_own_link(const std::string& path) {
   const common::FileHold link{common::open_file(path.c_str(), O_PATH | O_NOFOLLOW)};

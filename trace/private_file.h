@@ -1,4 +1,4 @@
-// private_file: a file that only its user appends to.
+// private_file: opens a file to append to that no other user can have put in its place.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 namespace trace {
 
-// Opens `path` for appending, a new file readable and writable by the user alone. No file is opened
-// that belongs to another user, has a second name, is no regular file, or is reached through
-// another user's symbolic link: then, and when the system refuses, the holder is empty.
+// Opens `path` for appending, a new file readable and writable by the user alone. The holder is
+// empty when the system refuses, and for a file that belongs to another user, has a second name, is
+// no regular file, or is reached through another user's symbolic link or more than one link.
 [[nodiscard]] common::FileHold open_private(const std::string& path);
 
 }  // namespace trace

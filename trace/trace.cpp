@@ -20,7 +20,7 @@ namespace {
 // Stays open as long as the process.
 struct TraceFile {
   int fd = -1;
-  dev_t device = 0;
+  dev_t device = 0;  // identity of what was opened
   ino_t inode = 0;
 };
 
@@ -54,6 +54,7 @@ bool is_still_ours() {
          status.st_dev == the_file.device && status.st_ino == the_file.inode;
 }
 
+// At most 63 characters.
 template <typename... Values>
 void append(std::string& text, const char* format, Values... values) {
   std::array<char, 64> room;

@@ -19,17 +19,18 @@
 namespace trace {
 
 enum class State { kUnknown, kOff, kOn };
-inline State state = State::kUnknown;
+inline State state = State::kUnknown;  // until on() is first asked
 
-// Whether to trace. The first call decides.
+// Whether to trace. The first call opens the file, or decides that there is none.
 [[nodiscard]] bool on() noexcept;
 
 enum class Direction : char { kToLibrary = '>', kToApplication = '<' };
 
-// Writes an entry. Only while on().
+// Writes an entry: a line with time, process and `call`, then a dump of `buffer`. Only while on().
+// Ends the trace when the application has closed the file's descriptor.
 void write(Direction direction, std::string_view call, common::ConstBytes buffer) noexcept;
 
-// Runs what is part of a call that shows: calls made within it do not.
+// Runs the body of a call that the trace shows. Library calls that it makes are not shown.
 template <typename Body>
 int untraced(Body body) {
   const State before = std::exchange(state, State::kOff);

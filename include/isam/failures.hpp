@@ -1,4 +1,4 @@
-// failures: what a call that did not do what it was asked to leaves. Part of isam.hpp.
+// failures: how the classes tell that a call failed. Part of isam.hpp.
 #pragma once
 
 #include <array>
@@ -38,11 +38,11 @@ class Error : public std::runtime_error {
   std::array<char, 4> status_{isstat1, isstat2, isstat3, isstat4};
 };
 
-// How a call ended that did not throw.
+// How a call ended: of the failures those that a caller has to expect, which do not throw.
 enum class [[nodiscard]] Outcome{
     kDone,
     kEnd,        // before the first or behind the last record
-    kNotFound,   // no such record, or the current one is gone
+    kNotFound,   // no such record, or no current one (any more)
     kLocked,     // another process has it locked
     kDuplicate,  // a key that may occur once does already; nothing has changed
 };

@@ -93,8 +93,8 @@ using Double = detail::Number<double, Offset, KT_DOUBLE>;
 template <int Offset>
 using Float = detail::Number<float, Offset, KT_FLOAT>;
 
-// Any of the above, or a type of the application's with these members. A field has no state: an
-// object of it only names it, as in
+// Any of the above, or a type of the application's with these members, and set() where records are
+// changed by it. A field has no state: an object of it only names it, as in
 //
 //   constexpr zentra::Text<8, 24> kName;
 //   record.get(kName)
@@ -106,7 +106,7 @@ concept Field = requires(std::span<const char> record) {
   T::get(record);
 };
 
-// A record in memory: its bytes, and its number after File has read or added it.
+// A record in memory: its bytes, and the number that it had when File read or added it last.
 class Record {
  public:
   // All bytes are blanks: a text is empty, but a number has no sensible value before set().
@@ -127,7 +127,7 @@ class Record {
   [[nodiscard]] std::size_t size() const { return bytes_.size(); }
   // Changes the length of a record of variable length; new bytes are blanks.
   void resize(std::size_t length) { bytes_.resize(length, ' '); }
-  // 0 for a record that is not in a file.
+  // 0 for a record that was never in a file.
   [[nodiscard]] std::int32_t number() const { return number_; }
 
  private:

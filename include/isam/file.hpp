@@ -163,7 +163,8 @@ class File {
   // A record of blanks to fill in, as long as records get.
   [[nodiscard]] Record blank() const { return Record(static_cast<std::size_t>(length_)); }
 
-  // The first record whose key begins with these values, one for each part from the first on.
+  // The first record whose key begins with these values, one for each part from the first on; none
+  // when there is no such record. Makes `key` current, and the record.
   template <typename... V>
   requires(sizeof...(V) > 0)
       [[nodiscard]] std::optional<Record> find(const Key& key, const V&... values) {
@@ -179,16 +180,16 @@ class File {
   // The records in the order of `key`: see Range.
   [[nodiscard]] Range by(const Key& key);
 
-  // Makes `key` current and stands on a record, without reading it: the next read with Move::kNext
-  // or kCurrent gives it. `move` is kFirst, kLast, or with values one of kEqual, kGreater and
-  // kGreaterOrEqual.
+  // Makes `key` current and stands on a record, without reading it. `move` is kFirst or kLast, or
+  // with values one of kEqual, kGreater and kGreaterOrEqual. The next read with Move::kNext or
+  // kCurrent gives the record; after kLast in an index only one with kPrevious does.
   template <typename... V>
   Outcome start(const Key& key, Move move, const V&... values) {
     const std::array<KeyValue, sizeof...(V)> wanted{KeyValue(values)...};
     return position(key, move, wanted);
   }
   // Reads in the order of the current key. A record that is locked here stays so until its lock is
-  // released: see RecordLocks.
+  // released: see RecordLocks. Unless it is kDone, `record` and its number are of no use.
   Outcome read(Record& record, Move move, Lock lock = Lock::kNone) {
     if (move != Move::kCurrent) ++moves_;
     record.bytes_.resize(static_cast<std::size_t>(length_));
@@ -201,7 +202,7 @@ class File {
     return outcome;
   }
 
-  // Adds a record, which gets its number. The position stays.
+  // Adds a record; `record` gets its number. The position stays.
   Outcome add(Record& record) {
     const Outcome outcome = outcome_of(iswrite(isfd_, given(record)), "iswrite");
     if (outcome == Outcome::kDone) record.number_ = isrecnum;
@@ -292,7 +293,8 @@ class File {
     }
   }
 
-  // Reads up to `count` records on from the position: how many, 0 at the end.
+  // Reads up to `count` records on from the position: how many, 0 at the end. The vectors are
+  // filled as isreadmany() fills its arrays.
   int read_many(std::vector<char>& records, std::vector<std::int32_t>& numbers,
                 std::vector<std::int32_t>& lengths, int count, Move move) {
     const auto size = static_cast<std::size_t>(count);
@@ -302,7 +304,7 @@ class File {
     ++moves_;
     recordset set{count, records.data(), records.size(), numbers.data(), lengths.data()};
     const int got = isreadmany(isfd_, &set, static_cast<int>(move));
-    // Of a failure behind the first records the next call tells.
+    // A failure behind records that were read is told by the next call.
     if (got <= 0 && outcome_of(-1, "isreadmany") == Outcome::kLocked) throw Error("isreadmany");
     return std::max(got, 0);
   }
@@ -316,7 +318,7 @@ class File {
     return record;
   }
 
-  // The record's bytes for a writing call, which takes the length of the record from isreclen.
+  // The record's bytes for a writing call. Sets isreclen, by which the call knows their length.
   char* given(Record& record) const {
     if (!variable_ && record.size() != static_cast<std::size_t>(length_)) {
       throw std::invalid_argument("zentra: record of another length than the file's");
@@ -328,7 +330,7 @@ class File {
   int isfd_;
   int length_;
   bool variable_;
-  std::size_t moves_ = 0;  // times that the position was moved
+  std::size_t moves_ = 0;  // times that the position was moved; a Range notices others' by it
 };
 
 }  // namespace zentra

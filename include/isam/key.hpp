@@ -1,4 +1,4 @@
-// keys: descriptions of indexes, and values to look for. Part of isam.hpp.
+// key: descriptions of indexes, and values to look for. Part of isam.hpp.
 #pragma once
 
 #include <concepts>
@@ -15,11 +15,12 @@
 
 namespace zentra {
 
-// Describes an index. Each call of the builder returns a new description; a key of more than
-// MAXPARTS parts throws std::length_error. The library checks the rest when the index is made.
+// Describes an index. field() and the calls below it return a new description; more than MAXPARTS
+// parts, or one beyond any record, throw std::length_error. The library checks the rest when the
+// index is made.
 class Key {
  public:
-  // A key, still without parts, that a record does not share with another.
+  // A key, still without parts, that no two records share.
   [[nodiscard]] static constexpr Key unique() { return Key{}; }
   // The same, over these fields.
   template <Field... F>
@@ -125,8 +126,10 @@ class KeyValue {
   }
 
  private:
+  // Throws std::out_of_range when the number is none of that type.
   template <std::integral To, std::integral From>
   static To checked(From number) {
+    // in_range() does not take these two, which any field has room for.
     if constexpr (!std::same_as<From, bool> && !std::same_as<From, char>) {
       if (!std::in_range<To>(number)) throw std::out_of_range("zentra: number beyond its field");
     }

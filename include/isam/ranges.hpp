@@ -26,8 +26,9 @@ namespace zentra {
 //   for (auto record : file.by(key).bulk(64))              all, read 64 at a time
 //
 // Fewer values than the key has parts stand for the first parts. The loop may add, update and
-// remove records; moving the file's position meanwhile ends it with std::logic_error. The file must
-// stay where it is in memory. A record that is locked (Locking::kAutomatic) throws Error.
+// remove records; moving the file's position meanwhile ends it with std::logic_error. File and
+// range must stay where they are in memory. A record that is locked (Locking::kAutomatic) throws
+// Error.
 class Range {
  public:
   class Iterator {
@@ -109,11 +110,12 @@ class Range {
     return File::outcome_of(started, "isstart") == Outcome::kDone;
   }
 
+  // Positions the file so that a step gives the range's first record: false when there is none.
   bool start() {
     const bool back = step_ == Move::kPrevious;
     if (parts_ == 0) return start_at(back ? Move::kLast : Move::kFirst);
     if (!back) return start_at(equal_ ? Move::kEqual : Move::kGreaterOrEqual);
-    // The step back from the first record beyond; without one, from the end.
+    // A step back from the first record beyond the values, or without one from the end, gives it.
     return start_at(Move::kGreater) || start_at(Move::kLast);
   }
 
@@ -162,8 +164,8 @@ class Range {
   std::size_t parts_ = 0;  // parts of the key that have a value in wanted_
   bool equal_ = false;
   Move step_ = Move::kNext;
-  std::optional<Record> record_;
-  std::size_t moves_ = 0;
+  std::optional<Record> record_;  // the one that the loop has come to; none at the end
+  std::size_t moves_ = 0;         // of the file, when this range moved it last
   struct Ahead {
     int count = 0;  // records of one call; 0: each is read by itself
     int got = 0;    // by the last one

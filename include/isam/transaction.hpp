@@ -1,4 +1,4 @@
-// transactions: logs and transactions that end with their scope. Part of isam.hpp.
+// transaction: logs and transactions that end with their scope. Part of isam.hpp.
 #pragma once
 
 #include <stdexcept>
@@ -41,8 +41,8 @@ class Log {
 };
 
 // A transaction of the process, in all its files of Logging::kTransactions: undone at the end of
-// its scope unless it has been committed. It has its scope within that of the Log. A second one at
-// the same time throws std::logic_error.
+// its scope unless it has been committed (not while the log is suspended: then it stays open). It
+// has its scope within that of the Log. A second one at the same time throws std::logic_error.
 class Transaction {
  public:
   Transaction() {

@@ -59,7 +59,7 @@ ConstBytes build_entry(AuditLetter letter, std::int32_t number, ConstBytes recor
   return entry;
 }
 
-// A rollback and a recovery go on without the trail: the records matter more.
+// What a failure of the trail gives: -1, but 0 in a rollback or a recovery, with iserrno cleared.
 int failed_unless_records_matter_more() {
   if (!logstate.in_rollback && !logstate.in_recovery) return -1;
   clear_errors();

@@ -9,10 +9,10 @@
 //         T3 what a killed process left of a record at the end of the log is cut off before
 //            anything is appended
 //         T4 what is logged of a change that is not made after all is taken off again, or its
-//            opposite is this process's next record: as long as that cannot be written, nothing
-//            else of the process can
-// Gives   appending (`LogPiece`) and taking back (`take_back_logged`, `LogHold`); what is in a log
-//         isam/log/logread reads
+//            opposite, if it has one, is this process's next record: as long as that cannot be
+//            written, nothing else of the process can
+// Gives   appending (`LogPiece`) and taking back (`take_back_logged`, `LogHold`). isam/log/logread
+//         reads a log
 #pragma once
 
 #include <sys/types.h>
@@ -35,12 +35,12 @@ struct LogState {
   bool in_recovery = false;
   bool owes_rollback = false;  // a rollback's end mark could not be written: it goes first
   Link last;                   // the last linked record of this process
-  std::int32_t process = 0;    // as stored in records: ids of the moment when the log was opened
-  int user = 0;
+  std::int32_t process = 0;    // as records have it: of the moment when the log was opened
+  int user = 0;                // ... likewise
   bool is_suspended = false;
   int suspended = kNotLogging;       // txflag before it was suspended
   bool change_logged = false;        // the current call has logged a change that may yet fail
-  OfTransaction transaction_before;  // ... and what its open had of the transaction
+  OfTransaction transaction_before;  // what the call's open had of the transaction before it
 };
 extern LogState logstate;
 
@@ -54,8 +54,8 @@ extern LogState logstate;
   return txflag != kNotLogging && (openp->mode & ISNOLOG) == 0;
 }
 
-// Opens the log file: 0, or -1 with 116, 118, 120, 121 or 21502. What another copy of the library
-// in this process has open cannot be opened (120).
+// Opens the log file; none is open yet. 0, or -1 with 118, 120, 121 or 21502. What another copy of
+// the library in this process has open cannot be opened (120).
 int open_log(const char* path);
 // In a child of the process that opened the log: it goes on in the child's own name, without what
 // the parent had begun.
@@ -64,17 +64,18 @@ void take_log_over();
 int close_log();
 // Waits until the log is on the disk: 0, or -1 with the system's error.
 int sync_log();
-// Takes and releases the lock on the whole log: 0, or -1 with the system's error and iserrio 0x61.
+// Takes (waiting) or releases the lock on the whole log: 0, or -1 with the system's error and
+// iserrio 0x61.
 int lkloglog(bool take);
 
 enum class Linked : bool { kNo, kYes };
 
-// What stands before the record itself in a piece.
+// What stands before the record itself in a piece, in this order.
 struct LeadIn {
-  bool opposite = false;  // that is owed
-  bool rollback = false;  // mark that is owed
-  bool begin = false;     // mark that is due
-  Open* opens = nullptr;  // of which the log has no file-open record
+  bool opposite = false;  // the opposite that is owed
+  bool rollback = false;  // the mark of a rollback that is owed
+  bool begin = false;     // the begin mark, when it is due
+  Open* opens = nullptr;  // the open whose file-open record the log does not have, or null
 };
 
 // What one call appends to the log: what is owed, the begin mark if it is due, the file-open record
@@ -86,7 +87,7 @@ class LogPiece {
   LogPiece(Open* open, LogType type, Linked linked);
 
   LogRecordBuilder& record() { return record_; }
-  // Appends it all: 0, or -1 with 121.
+  // Appends it all: 0, or -1 with 121, also for a record longer than records may be.
   int writelog();
 
  private:
@@ -96,17 +97,18 @@ class LogPiece {
   LogRecordBuilder record_;
 };
 
-// Takes the record logged last back, for what it tells was not done after all. It is cut off as
-// long as nobody has logged anything behind it. Else its opposite, if it has one, is logged, and a
-// rollback passes both by. An opposite that cannot be logged is owed.
+// Takes the record logged last back, for what it tells was not done after all. No other piece has
+// been begun since. The record is cut off as long as nobody has logged anything behind it. Else its
+// opposite, if it has one, is logged, and a rollback passes both by. An opposite that cannot be
+// logged is owed. iserrno stays.
 void take_back_logged();
 
 // Writes what is owed, if anything is: 0, or -1 with 121.
 int append_owed();
 
-// The log for as long as it lives: nobody else appends anything, and what this process appends is
-// cut off at the end, unless it is kept. For what must be logged before it is done and cannot be
-// told to have failed by another record.
+// Holds the log while it lives (one at a time): nobody else appends anything, and what this process
+// appends is cut off at its end, unless keep() was called. For what must be logged before it is
+// done and has no opposite.
 class LogHold {
  public:
   LogHold();
@@ -123,7 +125,7 @@ class LogHold {
   static constexpr std::int64_t kNothing = -1;
 
   bool held_;
-  // Of the first record appended. Its lead-in stays in the log: what that tells is true.
+  // Where the first record appended begins. Its lead-in stays in the log: what that tells is true.
   std::int64_t start_ = kNothing;
 };
 

@@ -10,6 +10,9 @@
 namespace isam::txlog {
 namespace {
 
+// Lengths of images stand in a payload behind the open and the number.
+constexpr std::size_t kImageLengths = 6;
+
 struct Letters {
   LogType type;
   const char* text;
@@ -29,7 +32,8 @@ constexpr std::array kLetters = {
     Letters{LogType::kSP, "SP"},
 };
 
-// Takes a payload apart from its start; what does not fit leaves it not sound.
+// Takes a payload apart from its start. Once something was asked for that it does not hold, all
+// else is empty or 0, and there is no result.
 class Reader {
  public:
   explicit Reader(ConstBytes payload) : rest_(payload) {}
@@ -141,8 +145,8 @@ void LogRecordBuilder::put_key(const keydescr& key) {
 }
 
 void LogRecordBuilder::put_image(LogType type, const Image& image) {
-  Byte head[10];
-  std::size_t length = 6;
+  Byte head[kImageLengths + 4];
+  std::size_t length = kImageLengths;
   const auto put_length = [&](ConstBytes bytes) {
     common::stword(static_cast<std::uint32_t>(bytes.size()), head + length);
     length += 2;
@@ -181,7 +185,7 @@ void set_letters(std::vector<Byte>& bytes, LogType type) {
 }
 
 void exchange_images(std::vector<Byte>& update) {
-  Byte* const lengths = &update[log_record::kPayload + 6];
+  Byte* const lengths = &update[log_record::kPayload + kImageLengths];
   const auto old_length = common::ldword(lengths);
   const auto new_length = common::ldword(lengths + 2);
   common::stword(new_length, lengths);
@@ -197,7 +201,7 @@ void make_erasure(std::vector<Byte>& built) {
   LogRecordBuilder erased{built, LogType::kErased};
   erased.put_name(name);
   static_cast<void>(erased.finish());
-  stamp_record(built.data(), 0, 0, 0, previous);
+  stamp_record(built.data(), 0, 0, 0, previous);  // the rest is filled in when it is appended
 }
 
 }  // namespace
@@ -247,7 +251,7 @@ std::optional<Image> LogRecord::image() const {
   Image image;
   image.open = reader.word();
   image.number = reader.number();
-  const int first = reader.word();
+  const int first = reader.word();  // length of the old image if there is one, else of the new one
   switch (type()) {
     case LogType::kDelete:
       image.old_image = reader.bytes(first);
@@ -303,7 +307,7 @@ std::optional<IndexChange> LogRecord::index_change() const {
 
 std::optional<Renamed> LogRecord::renamed() const {
   Reader reader{payload()};
-  reader.word();
+  reader.word();  // the lengths of the names, which end with zero bytes anyway
   reader.word();
   Renamed names;
   names.from = reader.name();

@@ -3,7 +3,8 @@
 //
 // Needs   the descriptor of a log, whose bytes may be anything
 // Keeps   R1 every walk ends: a scan goes on by the length of a record at the least, a chain only
-// back Gives   records that hold until the next is read through the same window or walk
+//            leads back
+// Gives   records that hold until the next is read through the same window or walk
 #pragma once
 
 #include <cstdint>
@@ -27,13 +28,13 @@ class LogWindow {
  private:
   friend class LogChain;
 
-  // The record of `length` bytes at `offset`, which the caller knows to be the one before, when it
-  // is wholly there; else none, with iserrno 118 when reading failed. Earlier records are likely to
-  // be at hand afterwards.
+  // The record of `length` bytes at `offset`, as the link of a later record says, when it is wholly
+  // there; else none, with iserrno 118 or 116 when reading failed. It may be any bytes: the caller
+  // looks at its length(). Earlier records are likely to be at hand afterwards.
   [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
   [[nodiscard]] bool holds(std::int64_t offset, std::size_t length) const;
   [[nodiscard]] ConstBytes at(std::int64_t offset, std::size_t length) const;
-  // Reads `length` bytes from `offset` into the buffer.
+  // Reads up to `length` bytes from `offset` into the buffer: 0, or -1 with 116 or 118.
   int readlog(std::int64_t offset, std::size_t length);
 
   int fd_;

@@ -6,10 +6,10 @@
 namespace isam::txlog {
 namespace {
 
-// Images are linked in transaction mode: then a rollback undoes the change.
+// Whether an image is linked: in transaction mode, for a rollback finds it by its link.
 Linked linked_as_open() { return (openp->mode & ISTRANS) != 0 ? Linked::kYes : Linked::kNo; }
 
-// The current call has logged a change.
+// Notes that the current call has logged a change, unless logging has failed: gives `result` back.
 int may_fail_yet(int result) {
   if (result != 0) return result;
   logstate.change_logged = true;
@@ -49,6 +49,7 @@ int islogidx(IndexEvent event, const keydescr& key) {
   piece.record().put_word(isfd_of(*openp));
   piece.record().put_key(key);
   const int result = piece.writelog();
+  // What is logged of a clustering that fails is cut off by a LogHold.
   return event == IndexEvent::kClustered ? result : may_fail_yet(result);
 }
 
