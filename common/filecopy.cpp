@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -74,20 +75,22 @@ std::vector<std::string> attribute_names(int fd) {
   return names;
 }
 
-// The value of an attribute, empty when it cannot be had.
-std::vector<char> attribute(int fd, const std::string& name) {
+// The value of an attribute; none, with errno, when it cannot be had.
+std::optional<std::vector<char>> attribute(int fd, const std::string& name) {
   std::vector<char> value(XATTR_SIZE_MAX);
   const ssize_t size = ::fgetxattr(fd, name.c_str(), value.data(), value.size());
-  value.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
+  if (size < 0) return std::nullopt;
+  value.resize(static_cast<std::size_t>(size));
   return value;
 }
 
 int copy_extended_attributes(int from, int to) {
   const std::vector<std::string> names = attribute_names(from);
   for (const std::string& name : names) {
-    const std::vector<char> value = attribute(from, name);
+    const std::optional<std::vector<char>> value = attribute(from, name);
+    if (!value) return -1;
     if (value == attribute(to, name)) continue;
-    if (system_calls().fsetxattr(to, name.c_str(), value.data(), value.size(), 0) != 0) return -1;
+    if (system_calls().fsetxattr(to, name.c_str(), value->data(), value->size(), 0) != 0) return -1;
   }
   // What the folder gives to every new file, such as an access list, goes. The attributes of the
   // system's security modules are not ours to remove.
@@ -102,8 +105,8 @@ int copy_extended_attributes(int from, int to) {
 
 int copy_contents(int from, int to) {
   if (system_calls().clone(from, to) == 0) return 0;
-  const std::int64_t size = file_size(from);
-  if (cut_file(to, size) != 0) return -1;
+  std::int64_t size = 0;
+  if (find_size(from, size) != 0 || cut_file(to, size) != 0) return -1;
   std::int64_t end = 0;
   for (std::int64_t at = 0; at < size && next_data(from, size, at, end); at = end) {
     if (copy_bytes(from, to, at, end) != 0) return -1;

@@ -246,7 +246,8 @@ int open_log(const char* path) {
     fd = common::FileHold{common::open_file(path, O_RDWR)};
   }
   if (!fd) return failed(kLogOpen);
-  const std::int64_t size = common::file_size(fd.get());
+  std::int64_t size = 0;
+  if (common::find_size(fd.get(), size) != 0) return failed(kLogRead);
   if ((size == 0 ? write_magic(fd.get()) : check_magic(fd.get())) != 0) return -1;
   if (common::system_calls().fstat(fd.get(), &log_identity) != 0) return failed(kLogRead);
   begin_in_own_name(fd.release());
