@@ -202,7 +202,8 @@ bool is_of(const SystemCall& call, const std::string& kind) {
       {"copy", SystemCall::kCopy},     {"lock", SystemCall::kLock},
       {"clone", SystemCall::kClone},   {"link", SystemCall::kLink},
       {"rename", SystemCall::kRename}, {"unlink", SystemCall::kUnlink},
-      {"sync", SystemCall::kSync},     {"cut", SystemCall::kCut}};
+      {"sync", SystemCall::kSync},     {"cut", SystemCall::kCut},
+      {"stat", SystemCall::kStat}};
   const auto at = kinds.find(kind);
   if (at != kinds.end()) return at->second == call.kind;
   if (kind == "grow") return call.kind == SystemCall::kWrite && call.grows();
