@@ -41,11 +41,13 @@ int insert(Cursor& cursor, std::int32_t number, ConstBytes record, std::int64_t&
   return -1;
 }
 
+// Whether a record is the one that Made means.
 bool is_as_made(const FoundRecord& found, const Made& made) {
   return !made || (keeps_locked(found.number) && std::ranges::equal(found.bytes, *made));
 }
 
-// Runs `change` on the record with a number; a record that is not there is no failure: true.
+// Runs `change` on the record meant: whether there is none, which is no failure. Failures are in
+// iserrno.
 template <typename Change>
 bool change_record(std::int32_t number, const Made& made, Change change) {
   const FoundRecord found = getcurrent(number);

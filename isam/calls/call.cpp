@@ -25,11 +25,12 @@ bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.exclusi
 
 namespace {
 
-constexpr int kBatchCalls = 7;
+constexpr int kBatchCalls = 7;  // at this count (batchflag) the semaphore goes: after six calls
 // An exclusive open's dictionary may lag behind by this many calls, as its pages do.
 constexpr int kCallsUnwritten = 16;
 std::uint64_t use_counter = 1;  // of a file that has not been used it is 0
 
+// `open` is there for another access only; null when there is none.
 int refuse(Open* open) {
   if (open != nullptr) isstat2 = '4';
   return failed(kNotOpen);
@@ -44,7 +45,7 @@ void end_other_batch(const Open& open) {
   }
 }
 
-// An exclusive open's page could not be written since the last call.
+// A late write has failed since the last call: -1 with its error, 0 in a call that passes it by.
 int tell_failed_write(Entry entry) {
   if (entry.kept_too || entry.goes_on) return 0;
   const FailedWrite failure = std::exchange(filep->unwritten.failed, {});
@@ -58,13 +59,14 @@ int take_file(Entry entry) {
     return filep->unwritten.failed.error == 0 ? 0 : tell_failed_write(entry);
   }
   if (openp->holds_semaphore) return 0;
+  // In batch mode the lock also serves the calls that follow, which may change the file.
   const bool shared = entry.shared && batchflag == 0;
   if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
-  filep->unwritten.dictionary = false;
+  filep->unwritten.dictionary = false;  // of a call that was given up
   return dictread();
 }
 
-// What the file is like before the call: what a failure goes back to, and what lengthens it.
+// What the file is like before the call: a failure goes back to it, and what lies beyond is new.
 void note_beginning() {
   filep->call = {.nodes_before = dictp->d_nextnode(),
                  .numbers_before = dictp->d_nextdata(),
@@ -72,6 +74,8 @@ void note_beginning() {
                  .free_nodes_before = dictp->d_freenode()};
 }
 
+// By the change stamp: after a change through another open of this process the position has no path
+// any more; after one of another process the cached pages are stale, too.
 void notice_changes() {
   const std::uint32_t stamp = dictp->d_modcount();
   if (stamp != openp->stamp) {
@@ -85,7 +89,7 @@ void notice_changes() {
   }
 }
 
-// Where the call before has left the position.
+// The position is where the open's last call has left it; what that met of neighbours is over.
 void stay_without_neighbour() {
   openp->position.clear(kSameKeyNearby);
   openp->cursor.bt = openp->position;
@@ -123,7 +127,7 @@ int enter(Open* open, Entry entry) {
   return open_data() != 0 ? -1 : release_automatic_lock(entry);
 }
 
-// The changes of this call could not be written. Nothing that was read before is trusted.
+// The files do not have the changes of this call: path and dictionary copy are good no more.
 void forget_call() {
   const KeepError keep;
   openp->cursor.bt.depth = -1;
@@ -146,8 +150,8 @@ void write_some() {
   if (dictwrite() != 0) bfnote_failure(*filep);
 }
 
-// A call that failed has undone its changes in the pool; where that is all there is of them, the
-// file need not hear of it. (No record is on a list of its transaction yet: that comes last.)
+// Forgets the changes of a call that failed: whether it has. Not those that are to stay, may wait,
+// or are in the file in part. (No record is on a list of its transaction yet: that comes last.)
 bool take_back() {
   const bool wanted = iserrno != 0 && !filep->call.keeps_changes && !is_alone();
   if (!wanted || bfdiscard(*filep) != 0) return false;
@@ -163,11 +167,12 @@ int commit() {
   return 0;
 }
 
-// A record that the call put on a list of its transaction is as it was.
+// The record that the call put on a list of its transaction is as it was: it leaves the list.
 void unlist() {
   if (openp->listed != nullptr) std::exchange(openp->listed, nullptr)->pop_back();
 }
 
+// Writes what has changed, or takes it back after a failure. Its own failure is in iserrno.
 void write_changes() {
   if (!filep->call.page_changed && !filep->unwritten.dictionary) return;
   if (take_back()) return;
@@ -187,7 +192,8 @@ void write_changes() {
   openp->listed = nullptr;
 }
 
-// What the call has logged is withdrawn when the change was not made.
+// What the call has logged is withdrawn when the change was not made: it was `undone`, or could not
+// be written. What may be written late counts as made.
 void withdraw_unless_made(bool undone) {
   const bool made = !undone && (iserrno == 0 || is_alone());
   txlog::logstate.change_logged = false;
@@ -293,7 +299,7 @@ void end_change() {
   write_changes();
   if (txlog::logstate.change_logged) withdraw_unless_made(undone);
   Position& bt = openp->cursor.bt;
-  if (iserrno != 0 && !undone) {
+  if (iserrno != 0 && !undone) {  // what failed is the writing
     bt = openp->position;
     bt.depth = -1;
   }

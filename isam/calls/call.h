@@ -16,8 +16,9 @@
 //            file bears their mark meanwhile)
 //         C4 a call whose changes cannot be written fails, takes back what it wrote, forgets what
 //            it had cached and leaves the position where it was
-//         C5 what an exclusive open could not write late is told by the next call but isopen,
-//            which does nothing else, and again by isflush and isclose
+//         C5 a late write of an exclusive open that failed is told by the next call, which does
+//            nothing else, and again by isflush and isclose. isopen and the end of a transaction
+//            leave it to the call after them
 #pragma once
 
 #include "isam/base/current.h"
@@ -30,36 +31,36 @@ enum class Access : std::uint8_t { kToLook = 0, kToRead = 1, kToWrite = 2, kToRe
 // How a call enters.
 struct Entry {
   Access access = Access::kToLook;
-  bool shared = false;           // other processes' shared entries do not wait
+  bool shared = false;           // changes nothing in the file: others' such calls do not wait
   bool any_locale = false;       // whatever locale the order of the file's keys needs
   bool keeps_auto_lock = false;  // what the read before has locked stays locked
-  bool kept_too = false;         // also an open that was closed inside a transaction
-  bool goes_on = false;          // also after a write that failed: it, or the next call, tells that
+  bool kept_too = false;         // also an open closed inside a transaction; and as goes_on
+  bool goes_on = false;          // also when a late write has failed; it or the next call tells it
 };
 
-// Consecutive calls of one open for which batch mode keeps the semaphore; 0: off, else counts.
+// 0: no batch mode. Else 1 more than the calls for which one open has kept the semaphore.
 extern int batchflag;
 
 // Makes an open current and takes its file for one call (Call does). 0, or -1 with 101 (not open;
-// status "4" in isstat2 when it is open for another access) or whatever reading the dictionary
-// fails with.
+// status "4" in isstat2 when it is open for another access), 117 or 159 (locale), or the error of
+// a lock, of the dictionary, of the data file or of a late write.
 int isenter(int isfd, Entry entry);
 
-// Reads the dictionary again during a call, as entering it has: 0, or -1 with iserrno.
+// Reads the dictionary again during a call, and does what follows from it: 0, or -1 with iserrno.
 int reread_dictionary(Entry entry);
 
 // Writes all that an exclusive open has delayed: 0, or -1 with iserrno, also for what an earlier
 // write has lost.
 int write_delayed();
 
-// Writes it and clears the mark: no other process need know of this one.
+// Does that, cuts unused room off and clears the mark: no other process need know of this one.
 int write_and_unmark();
 
 // Nothing is known any more of what an exclusive open has written or not.
 void forget_exclusive();
 
-// What was handed out must not be handed out again: the dictionary of an exclusive open goes to the
-// file now. 0, or -1 with iserrno.
+// What was handed out must not be handed out again: the dictionary goes to the file, that of an
+// exclusive open now, that of another at the call's end. 0, or -1 with iserrno.
 int write_handed_out();
 
 // Ends a call on the current open (Call does): raises the change stamp when a page changed, writes
@@ -67,7 +68,7 @@ int write_handed_out();
 // or -1 when iserrno is set.
 int isexit();
 
-// Whether what is changed may wait: no other process has the file, through this open or another.
+// Whether what is changed may wait: this open or another of the process keeps other processes off.
 [[nodiscard]] bool is_alone();
 
 // A call may make several changes, each as if it were a call of its own while the file stays
@@ -105,7 +106,7 @@ class [[nodiscard]] Call {
   // What the call works with in the trees. Its position is kept for the open's next call, if this
   // one does not fail.
   [[nodiscard]] Cursor& cursor() const { return openp->cursor; }
-  // Does not leave: the open is given up, and with it all that the call did.
+  // Does not leave: the open itself is given up (abandon_open).
   void give_up() { entered_ = false; }
 
  private:

@@ -22,7 +22,8 @@
 namespace isam {
 namespace {
 
-// A change locks its record; outside ISAUTOLOCK it is enough that nobody else has it locked.
+// A change locks its record under ISAUTOLOCK, and until the end of a transaction that may undo it.
+// Else it is enough that nobody else has it locked.
 int lock_for_change(std::int32_t number) {
   const bool keeps = (openp->mode & ISAUTOLOCK) != 0 || may_be_undone();
   if (may_be_undone()) filep->locks.kept = true;
@@ -68,8 +69,9 @@ Offer look_at_offer(std::int32_t number) {
   return iserrno == kLocked ? Offer::kLockedThere : Offer::kUnknown;
 }
 
-// A number to write a new record under, or -1: with 107 when one was locked, else with 105 unless a
-// deeper routine set a code. Numbers of records that are present are taken off the list for good.
+// A number to write a new record under, or -1: with the code of a deeper routine, if one has set
+// any, else with 107 when a number was locked, else with 105. Numbers of records that are present
+// are taken off the list for good.
 std::int32_t allocdatrec() {
   NumbersNotUsed not_used;
   Code reason = kCorrupted;
@@ -98,6 +100,8 @@ int reserve_entry(std::vector<std::int32_t>& list) {
   return 0;
 }
 
+// Comes after all that can fail but the writing. If that fails, the call takes the number off again
+// (unlist).
 void put_on(std::vector<std::int32_t>& list, std::int32_t number) {
   list.push_back(number);
   openp->listed = &list;
@@ -135,7 +139,7 @@ int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
   const bool keeps = keeps_storage(old, record);
   if (keeps && reserve_entry(openp->shortened) != 0) return -1;
   if (txlog::logs_changes() && txlog::log_updated(number, old, record) != 0) return -1;
-  // Storage that is written anew may go elsewhere.
+  // The same bytes need no writing, which could move their storage.
   const bool same = filep->geometry.varlen && std::ranges::equal(old, record);
   if (!same && datawrite(number, record, !keeps) != 0) return -1;
   if (keeps) put_on(openp->shortened, number);
@@ -153,7 +157,7 @@ int remove_for_now(std::int32_t number) {
 
 // Its storage goes before its number: the node that this leaves may serve the list of numbers.
 int remove_at_once(std::int32_t number, ConstBytes old) {
-  // The list may need a node, which must not be missing when the storage is gone.
+  // The list may need a new node: room for it is taken before the storage is gone.
   const std::int64_t next = std::int64_t{dictp->d_nextnode()} + 1;
   if (dictp->d_freenode() == 0 && reserve_nodes(next, next) != 0) return -1;
   if (datadelete(number) != 0) return -1;
@@ -199,6 +203,7 @@ std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::
   std::int32_t number = 0;
   if (take_number(given, number) != 0) return -1;
   KeptPosition position{cursor};
+  // In the order of record numbers no index tells the new current item.
   if (current == Current::kMoves && openp->key.nparts == 0) {
     Item item;
     item.recptr = number;

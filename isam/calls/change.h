@@ -16,17 +16,17 @@
 
 namespace isam {
 
-// Adds a record: its number, or -1 with 100, 105 or 107. kMoves makes it the current one. `given`
-// is the number of an absent record that it is to have, 0 for any; it stays the caller's if that
-// fails.
+// Adds a record: its number, or -1 with iserrno (100 for an equal key, 107 when no free number
+// tried can be locked). kMoves makes it the current one. `given` is the number of an absent record
+// that it is to have, 0 for any; it stays the caller's after a failure.
 std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::int32_t given = 0);
 
-// Replaces record `number`, which holds `old`: 0, or -1 with 100 or 107. With kMoves a changed key
-// takes the current item along.
+// Replaces record `number`, which holds `old`: 0, or -1 with iserrno (100 for an equal key,
+// 107 when others have it locked). With kMoves a changed key takes the current item along.
 int rewrecord(Cursor& cursor, std::int32_t number, ConstBytes old, ConstBytes record,
               Current current);
 
-// Deletes record `number`, which holds `old`: 0, or -1 with 107.
+// Deletes record `number`, which holds `old`: 0, or -1 with iserrno (107 as above).
 int delrecord(Cursor& cursor, std::int32_t number, ConstBytes old);
 
 // A record found to be changed, its bytes in the shared record buffer.

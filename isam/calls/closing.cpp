@@ -49,7 +49,7 @@ int close_open(Open& open) {
   if (!open.holds_semaphore && filep->locks.exclusives == 0) {
     lksemaphore(Semaphore::kExclusive);
   }
-  // Everything is on disk before the locks go. Of an exclusive open much may still be in the pool.
+  // Everything is in the files before the locks go. Of an exclusive open much may be in the pool.
   const bool ends = (open.mode & ISEXCLLOCK) != 0 && filep->locks.exclusives == 1;
   const int result = ends ? end_exclusive() : write_delayed();
   const KeepError keep;
@@ -80,7 +80,7 @@ int close_entered(Open& open, Call& call) {
 int close_unentered(Open& open) {
   const KeepError keep;
   make_current(open);
-  if (filep->locks.exclusives == 0) {
+  if (filep->locks.exclusives == 0) {  // the dictionary copy is not to be trusted
     filep->call.page_changed = filep->unwritten.dictionary = false;
   }
   close_open(open);

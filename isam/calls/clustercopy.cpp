@@ -39,7 +39,7 @@ class Copy {
     const auto* const bytes = reinterpret_cast<const Byte*>(record_.data());
     Item item;
     itmake(bytes, item, order_.key);
-    // What the index had in between may be of no record.
+    // The equal item that was to follow may have had no record: then this one has another key.
     const bool other = !equals_.empty() && itcompare(item, equal_key_, KeyOrder{order_.key}) != 0;
     if (other && write_equals() != 0) return -1;
     equal_key_ = item;

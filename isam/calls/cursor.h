@@ -2,14 +2,14 @@
 //
 // A position is the open's own current item (key, duplicate number, record number) and a place on
 // it, before the first item or behind the last. Whatever other opens and processes change, the item
-// is found again, or the place where it was.
+// is found again, or the place where it was. The position is
 //
-//                    isstart                  isread
-//   none --------------------------> found --------------> read --+
-//     ^  isbuild                       |  ^                 |  ^  |  rewrite, delete: stays; the
-//     |                                |  |  next, previous |  |  |  record may be gone (112)
-//     +--------------------------------+  +-----------------+  +--+
-//            failed isstart
+//   none    after isbuild and an isstart that finds nothing: a step leads nowhere (112)
+//   found   after isopen (before the first item) and isstart: a step forward reads the item found
+//   read    after isread and iswrcurr: a step goes to the neighbour
+//
+// A change leaves it there, though the record may be gone then (112). So does a read that fails,
+// unless it comes to a locked record (ReadOutcome::kKeptPlace).
 //
 // Needs   the current open entered
 // Gives   positioning, and moving to records that are present
@@ -41,8 +41,9 @@ enum class ReadMode : int {
 void take_found_item(Cursor& cursor);
 
 // Positions the current index by the first `len` bytes of the key in `record` (0: all of it), or by
-// isrecnum in the order of record numbers, and sets isrecnum to the record found. 0, or -1 with
-// 102, 110, 111; then there is no position.
+// isrecnum in the order of record numbers. In a tree kLast stands behind the last item, which is
+// the current one. 0, at an edge also in an empty file (record number 0); or -1 with 102, 110, 111
+// or a deeper error, and no position.
 int kposition(Cursor& cursor, const Byte* record, int len, ReadMode mode);
 
 // The first present record from `number` on, in one direction: its number, 0 when there is none, or
@@ -52,8 +53,8 @@ int kposition(Cursor& cursor, const Byte* record, int len, ReadMode mode);
 // Stands before the first item without looking for it.
 void stand_before_first(Cursor& cursor);
 
-// Finds the place of the current item again for a move, or (`again`) that very record: 0, or -1
-// with 112 when there is none.
+// Finds the place of the current item again for a move, or (`again`) that very item: 0, or -1 with
+// 112 when there is none, or with a deeper error.
 int find_current(Cursor& cursor, bool again);
 
 // The record number of the current record, or -1 with 112 when it is not there any more.

@@ -25,10 +25,12 @@
 namespace isam {
 namespace {
 
+// Whether the file allows the compression that the key asks for.
 bool may_compress(const keydescr& key) {
   return (key.flags & KF_COMPRESS & ~(dictp->d_compression() << 1)) == 0;
 }
 
+// Takes the keys of all records, up to one that cannot be read: 0, or -1 with iserrno then.
 int gather(IndexLoad& load) {
   const std::int32_t last = records_in_file();
   const Bytes room = temprecord().first(static_cast<std::size_t>(filep->geometry.maxreclen));
@@ -42,8 +44,8 @@ int gather(IndexLoad& load) {
   return 0;
 }
 
-// Fills a new index from the records: 0, or -1 with what is wrong with the first of them that does
-// not go into it.
+// Fills a new index from the records: 0, or -1 with iserrno. A record that cannot be read is told
+// only if no key comes twice (100) among the records before it.
 int fill_index(IndexLoad& load, const keydescr& key) {
   try {
     bool left_out = false;
@@ -52,7 +54,7 @@ int fill_index(IndexLoad& load, const keydescr& key) {
     if (all_read) {
       if (load.finish(key.rootnode, listener) != 0) return -1;
     } else {
-      const KeepError keep;  // unless a key comes twice among the records before
+      const KeepError keep;
       static_cast<void>(load.finish(key.rootnode, listener));
     }
     if (left_out) return failed(kDuplicate);
@@ -76,7 +78,8 @@ bool frees_keys() {
   return false;
 }
 
-// Takes an index back that could not be filled, written or logged. The pair is as it was.
+// Takes an index back that could not be filled, written or logged. `before` and `lost` are of the
+// time before it. The pair is as it was.
 void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
                const FailedWrite& lost) {
   const KeepError keep;
@@ -91,10 +94,12 @@ void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
   const bool same =
       dictp->d_nextnode() == before.d_nextnode() && dictp->d_freenode() == before.d_freenode();
   if (!same) return;
+  // No stamp need tell of the call.
   *dictp = before;
   filep->call.page_changed = false;
 }
 
+// Completes `key`, stores it and fills its index: 0, or -1 with iserrno and the pair as it was.
 int add_index(keydescr& key) {
   if (kylegal(key, filep->geometry.reclen) != 0) return -1;
   if (!may_compress(key)) return failed(kBadKey);
@@ -117,7 +122,7 @@ int add_index(keydescr& key) {
   return -1;
 }
 
-// The index that `key` defines may go: 0, or -1 with 103, 109 or 113.
+// Whether the index that `key` defines may go: 0, or -1 with 103, 109 or 113. Completes `key`.
 int check_drop(keydescr& key) {
   const int number = kysearch(key, 0);
   if (number < 0) return failed_unless_set(kBadKey);
@@ -180,6 +185,7 @@ static int add_call(int isfd, keydescr* key) {
     } catch (const std::bad_alloc&) {
       failed(kNoMemory);  // before anything was changed
     }
+    // The position stays, but the status tells of equal keys in the new index (fill_index).
     Position& bt = openp->cursor.bt;
     const std::uint16_t nearby = bt.state & kSameKeyNearby;
     bt = openp->position;
@@ -195,6 +201,7 @@ extern "C" int isaddindex(int isfd, struct keydescr* key) {
 static int drop_call(int isfd, keydescr* key) {
   close_kept_beside(isfd);
   const int result = change_indexes(isfd, key, drop_index);
+  // The call is over, but an exclusive open writes this late anyway.
   if (result == 0 && kynchar(*key) && !needs_locale()) {
     dictp->set_d_collate(false);
     dictmodify();

@@ -37,6 +37,7 @@ int define_name(const char* name) {
   return set_audit_trail_name({name, length}) == 0 ? 0 : failed_unless_set(kBadArgument);
 }
 
+// `to` has room for kMaxTrailName + 1 bytes.
 int tell_name(char* to) {
   const std::string name = has_trail() ? audit_trail_name() : std::string{};
   if (name.empty()) return failed_unless_set(kBadArgument);
@@ -57,6 +58,7 @@ int switch_off() {
   return 0;
 }
 
+// Does what `mode` asks for: 0, or -1 with iserrno. An unknown mode does nothing.
 int run(char* name, int mode) {
   const bool needs_name = mode == AUDSETNAME || mode == AUDGETNAME || mode == AUDINFO;
   if (needs_name && name == nullptr) return failed(kBadArgument);

@@ -1,3 +1,4 @@
+// isbegin: isbegin, iscommit and isrollback; what the end of a transaction does in each open.
 #include <algorithm>
 #include <utility>
 
@@ -52,7 +53,7 @@ int mark_end(LogType mark) {
 struct Freed {
   std::size_t deleted = 0;
   std::size_t shortened = 0;
-  bool in_part = false;  // the storage of the next one
+  bool in_part = false;  // freeing the storage of the next one failed, perhaps on the way
 };
 
 // How many records are freed at once: what they change, at most, has room in the pool until the
@@ -87,12 +88,14 @@ void strike_off(std::vector<std::int32_t>& list, std::size_t first, std::size_t 
   list.erase(begin, begin + static_cast<std::ptrdiff_t>(count));
 }
 
+// Strikes off the record at which the freeing stopped.
 void strike_off_next(Open& open, const Freed& freed) {
   const bool deleted = freed.deleted < open.deleted.size();
   strike_off(deleted ? open.deleted : open.shortened, deleted ? freed.deleted : freed.shortened, 1);
 }
 
-// Of what a failed call has freed after all, nothing is freed again.
+// Strikes off the numbers that a failed call has freed after all: 0, or -1 with iserrno. When the
+// list of free numbers is damaged, all are left to repair.
 int check_numbers(Open& open) {
   if (!open.frees_again) return 0;
   if (drop_returned(open.deleted) == 0) {
@@ -103,6 +106,8 @@ int check_numbers(Open& open) {
   return -1;
 }
 
+// Frees some records and ends the call. Strikes off what was freed, unless the call's failure takes
+// that back; and the record at which it stopped, when that is damaged or freed in part.
 int free_entered(Open& open, Call& call) {
   if (check_numbers(open) != 0) return call.end_failed();
   const Freed freed = free_records(open);
@@ -118,7 +123,7 @@ int free_entered(Open& open, Call& call) {
   return result;
 }
 
-// Twice when the file cannot be written; what is damaged is told all the same.
+// A second attempt passes by what was damaged in the first, which is told all the same.
 int free_owed_or_retry(Open& open) {
   FirstFailure failure;
   int result = free_owed(open);
@@ -128,7 +133,8 @@ int free_owed_or_retry(Open& open) {
   return failure.tell();
 }
 
-// What ends with the transaction in one open: 0, or -1 with iserrno when it could not be entered.
+// What ends with the transaction in one open: 0, or -1 with iserrno when something could not be
+// freed, unlocked or closed. A kept open that still owes storage stays kept.
 int end_in_open(Open& open, bool commits) {
   isbatch(2);  // what another open holds in batch mode goes before this one becomes current
   open.transaction = {};
@@ -236,7 +242,7 @@ int commit() {
   return failure.tell();
 }
 
-// Starts a call: 0, or -1 with 122.
+// Begins a public call, which needs a log: 0, or -1 with 122.
 int start_call() {
   know_process();
   clear_errors();

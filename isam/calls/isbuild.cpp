@@ -44,6 +44,7 @@ int check_lengths(int reclen, int mode, RecordLengths& lengths) {
   return 0;
 }
 
+// Completes the description: 0, or -1 with 103. Without parts it is the order of record numbers.
 int check_primary_key(keydescr& key, int minimum) {
   if (key.nparts == 0) {
     key.flags = 0;
@@ -108,6 +109,7 @@ int set_up(Open& open, const char* name, const RecordLengths& lengths, keydescr&
     open.mode &= 0xFF;
     return -1;
   }
+  // What cannot be written is not logged.
   if (lay_out(lengths, key) != 0 || write_delayed() != 0) return -1;
   if (!txlog::logs_changes()) return end_building();
   if (txlog::islogbuild(name, lengths.maximum, key, mode) != 0) return -1;

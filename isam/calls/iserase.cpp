@@ -37,13 +37,14 @@ int for_each_logged(const OpenPair& file, Work work) {
   return 0;
 }
 
-// Closes it, and its descriptors with it unless other opens use them.
+// Closes an open, and the descriptors of its pair with it unless other opens use them.
 void close_for_real(int isfd) {
   const int kept = std::exchange(ismaxfds, 0);
   isclose(isfd);
   ismaxfds = kept;
 }
 
+// Whether a file could be removed; if not, iserrno tells why.
 bool unlink_or_note(const std::string& path) {
   return common::system_calls().unlink(path.c_str()) == 0 || failed_system(errno) == 0;
 }
@@ -73,6 +74,7 @@ bool log_and_unlink(const OpenPair& file, const char* name, const std::string& t
   return true;
 }
 
+// The result of a call that ends outside of any open: 0, or -1 when iserrno is set.
 int end_without_open() {
   if (iserrno == 0) {
     set_status("0000");
@@ -88,6 +90,7 @@ int move_file(const std::string& from, const std::string& to) {
   return common::system_calls().unlink(from.c_str()) == 0 ? 0 : failed_system(errno);
 }
 
+// Gives a pair another name: 0, or -1 with iserrno; then the index may have the new name alone.
 int move_pair(const char* from, const char* to) {
   // The second file in the way would leave the pair split between two names.
   if (common::file_exists(mkidxname(to)) || common::file_exists(mkdatname(to)))
@@ -139,6 +142,7 @@ using namespace isam;
 static int erase_call(const char* name) {
   const int isfd = open_alone(name);
   if (isfd < 0) {
+    // Of a pair without its data file the index goes; the call fails all the same.
     constexpr std::int32_t kOpenData = 0x12;
     if (iserrno != ENOENT || iserrio != kOpenData) return -1;
     const KeepError keep;

@@ -23,6 +23,7 @@ int fill(dictinfo& info) {
   return 0;
 }
 
+// Fills in description `n`, and isreclen with the least length of a record.
 int fill(keydescr& key, int n) {
   const auto* keys = file_keys();
   if (keys == nullptr) return -1;

@@ -46,7 +46,7 @@ extern "C" int isunlock(int isfd) {
 extern "C" int isfilelocked(int isfd, int how) {
   Call call{isfd, {.shared = true}};
   if (!call) return -1;
-  bool locked = false;
+  bool locked = false;  // or, after waiting, the wait was broken off
   if (how == 0) {
     locked = lkrecord(kLastLockedRecord, RecordLock::kTest) != 0;
   } else {

@@ -43,7 +43,7 @@ int close_call() {
   know_process();
   clear_errors();
   set_status("0000");
-  isresumlog();
+  isresumlog();  // a suspended transaction is rolled back, too
   FirstFailure failure;
   if (txflag == kInTransaction) failure.note(isrollback());
   failure.note(append_owed());

@@ -32,12 +32,12 @@ bool opens_marked = false;
 int lock_mode_of(int mode) {
   switch (mode & 0xFF00) {
     case ISAUTOLOCK:
-    case 0x300:
+    case 0x300:  // has no name in isam.h
       return ISAUTOLOCK;
     case ISMANULOCK:
       return ISMANULOCK;
     case ISEXCLLOCK:
-    case 0x500:
+    case 0x500:  // nor has this
       return ISEXCLLOCK;
     default:
       return 0;
@@ -72,7 +72,7 @@ int abandon_open(Open& open) {
   {
     const KeepError keep;
     if (openp == &open && open.file != nullptr) {
-      if ((open.mode & 0xFF00) != 0) lkopenlock(0);
+      if ((open.mode & 0xFF00) != 0) lkopenlock(0);  // the lock mode is there once the lock is had
       release_semaphore();
     }
     freeopen(open);
@@ -92,8 +92,8 @@ int refuse_mode(char last) {
   return failed(kBadArgument);
 }
 
-// Whether the mode asks for something that there is: 0, or -1 with 102. What it says of logging
-// comes first, then the name, then the rest.
+// Whether what a mode says of logging is possible: 0, or -1 with 102. That is looked at before the
+// name, the rest of the mode (check_access) after it.
 int check_logging(int mode) {
   const int logging = mode & (ISTRANS | ISNOLOG);
   const bool bad = txflag == kNotLogging ? logging != 0 : logging == (ISTRANS | ISNOLOG);
@@ -110,9 +110,10 @@ void tell_system_error() {
   isstat4 = iserrno == ENOENT ? '5' : '7';
 }
 
+// An even d_idxsize is one of a later format.
 int refuse_dictionary() { return failed(dictp->d_idxsize() % 2 == 0 ? kFormatChange : kCorrupted); }
 
-// Tests of the dictionary that only an open makes. The open pair follows it.
+// Tests of the dictionary that only an open makes. The open pair's Geometry is that of it already.
 int validate() {
   const bool lengths_agree =
       filep->geometry.reclen > 0 && filep->geometry.maxreclen >= filep->geometry.reclen;
@@ -124,7 +125,8 @@ int validate() {
   return keys->empty() ? refuse_dictionary() : 0;
 }
 
-// A method of before, or one that RESETLOCK lets pass, becomes the current one.
+// A method of before, or one that RESETLOCK lets pass, becomes the current one: 0, or -1 with
+// iserrno. To write it, a call that entered to read takes the semaphore anew, exclusively.
 int adopt_lock_method() {
   const int method = dictp->d_lockmethod();
   if (method == kLockMethod) return 0;
@@ -165,9 +167,10 @@ bool was_replaced(const char* name) {
   return iserrno == ENOENT && is_there(mkidxname(name)) && is_there(mkdatname(name));
 }
 
-// Until the open lock was had, an exclusive open of another process may have been there, which
-// writes its dictionary when it closes, and may have given the name to another pair, or to none: 0,
-// or -1 (with ENOENT then, and the pair is not kept at hand).
+// Until the open lock was had, an exclusive open of another process may have been there. It writes
+// its dictionary when it closes, which is read again; and it may have moved, replaced or removed
+// the pair. 0, or -1: with ENOENT when the name does not lead to the pair any more, which then does
+// not stay idle.
 int look_again(const char* name, Entry entry) {
   if (filep->usecount > 1) return 0;
   if (is_pair_of(*filep, name)) return reread_dictionary(entry);
@@ -180,7 +183,8 @@ int look_again(const char* name, Entry entry) {
   return -1;
 }
 
-// A pair whose last exclusive open was not closed well is not opened: 0, or -1 with 105.
+// A pair whose last exclusive open was not closed well is not opened: 0, or -1 with 105 or the
+// system's error.
 int look_for_mark() {
   forget_exclusive();
   const int found = find_mark(*filep);

@@ -11,8 +11,8 @@
 namespace isam {
 namespace {
 
-// Makes `k` the index meant by a start at an edge or at a key of `len` bytes: 0, or -1 with 102 or
-// 103.
+// Completes `k`, the index meant by a start at an edge or at a key of `len` bytes: 0, or -1 with
+// 102 or 103. At an edge of the current index `len` does not matter.
 int selected_key(keydescr& k, int len, bool edge) {
   if (len < 0 && !edge) return failed(kBadArgument);
   const bool is_current = kycompare(k, openp->key) == 0;
@@ -29,6 +29,8 @@ int selected_key(keydescr& k, int len, bool edge) {
   return len >= 0 && len <= k.keylen && kyckstart(k, len) == 0 ? 0 : failed(kBadArgument);
 }
 
+// 1 with a position; 0 with iserrno when the index is current now, but no record was found; -1 with
+// iserrno when it was refused.
 int start(Cursor& cursor, keydescr& k, int len, const Byte* record, int mode) {
   const auto read_mode = static_cast<ReadMode>(mode);
   const bool edge = mode == RD_FIRST || mode == RD_LAST;

@@ -50,6 +50,7 @@ class Reading {
   [[nodiscard]] int done() const { return done_; }
 
  private:
+  // As a call of its own would, lets the lock of the record before go and keeps the position.
   ReadOutcome read_one(Cursor& cursor) {
     Byte* const record = place_of(set_, done_);
     if (begun_ && (openp->mode & ISAUTOLOCK) != 0 && release_locks() != 0) {
@@ -69,8 +70,8 @@ class Reading {
   }
 
   // Reads the records of the items that follow in the leaf, as long as nothing but to copy them is
-  // to be done: false for none. With duplicates the last record of all is not among them: its
-  // neighbour decides the status.
+  // to be done: false for none. Of an index with duplicates the call's last record is not among
+  // them: its neighbour decides the status.
   bool read_run(Cursor& cursor) {
     const keydescr& k = openp->key;
     const int most = set_.count - done_ - ((k.flags & KF_DUPS) != 0 ? 1 : 0);
@@ -107,6 +108,7 @@ class Reading {
     return true;
   }
 
+  // Comes to stand where so many moves would: false with the position as before.
   bool stand_on(Cursor& cursor, std::span<const std::int32_t> numbers, std::size_t index) const {
     if (openp->key.nparts == 0) {
       cursor.bt.item.recptr = numbers[index];
@@ -176,7 +178,7 @@ class Writing {
   int run(Call& call) {
     write_portions(call.cursor());
     if (call.end() == 0) settle();
-    if (done_ < set_.count) take_length(done_);
+    if (done_ < set_.count) take_length(done_);  // as a refused iswrite leaves it
     return done_;
   }
 
@@ -212,6 +214,7 @@ class Writing {
     return static_cast<int>(std::clamp<std::size_t>(kMostPages / pages, 1, kMost));
   }
 
+  // Adds the next record: false with iserrno.
   bool add(Cursor& cursor) {
     const int index = done_ + added_;
     take_length(index);

@@ -38,7 +38,7 @@ static int take_id_call(int isfd, int32_t* id) {
     failed(kBadArgument);
   } else {
     *id = dictp->d_uniqid();
-    if (*id == INT32_MAX) {
+    if (*id == INT32_MAX) {  // no id could follow it
       failed(kCorrupted);
     } else if (log_id(*id, false) == 0) {
       dictp->set_d_uniqid(*id + 1);
@@ -60,6 +60,7 @@ static int set_id_call(int isfd, int32_t id) {
   Call call{isfd, {.access = Access::kToWrite}};
   if (!call) return -1;
   const std::int32_t before = dictp->d_uniqid();
+  // The counter only rises; what does not raise it is logged all the same.
   if (log_id(id, true) == 0 && before < id) {
     dictp->set_d_uniqid(id);
     if (write_handed_out() != 0) dictp->set_d_uniqid(before);

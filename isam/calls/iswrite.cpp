@@ -12,9 +12,10 @@ namespace isam {
 namespace {
 
 constexpr Entry kChanging{.access = Access::kToWrite};
+// The read before may have locked the current record: the lock stays for the change.
 constexpr Entry kChangingCurrent{.access = Access::kToWrite, .keeps_auto_lock = true};
 
-// The caller's record, as long as it says; none with 102.
+// The caller's record, as long as isreclen says; empty with 102.
 ConstBytes given_record(const char* record) {
   const int length = record == nullptr ? failed(kBadArgument) : isxgetlen();
   if (length < 0) return {};
@@ -44,7 +45,6 @@ int change_found(Call& call, Find find, Change change) {
   return end_with(call, found.number > 0 && change(found) == 0 ? found.number : -1);
 }
 
-// What is current may be locked by the read before: the lock stays for the change.
 template <typename Find>
 int rewrite_found(int isfd, const char* record, Current current, Find find,
                   Entry entry = kChanging) {
@@ -57,6 +57,7 @@ int rewrite_found(int isfd, const char* record, Current current, Find find,
   });
 }
 
+// Deletes a record; the current one stays current, as deleted.
 int delete_current_or_other(Cursor& cursor, const FoundRecord& found) {
   const bool is_current = (cursor.bt.state & kHasCurrent) != 0 && cursor.bt.ends == kOnItem &&
                           cursor.bt.item.recptr == found.number;
@@ -74,6 +75,7 @@ int delete_found(int isfd, Find find, Entry entry = kChanging) {
   });
 }
 
+// The current record: none with 112 when it is gone, with 105 when it does not have the item's key.
 FoundRecord find_current_record(Cursor& cursor) {
   const std::int32_t number = current_record(cursor);
   if (number < 0) return {};

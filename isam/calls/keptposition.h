@@ -11,7 +11,8 @@ namespace isam {
 // Whether a changed record takes the current item along.
 enum class Current { kStays, kMoves };
 
-// What changing the trees leaves of the position: it is put back, its path is no longer valid.
+// Puts the position back when a change, which used the cursor for itself, is over: where it was
+// before the call, or where move_to() said. The path is no longer valid.
 class KeptPosition {
  public:
   explicit KeptPosition(Cursor& cursor) : bt_(cursor.bt) {}
@@ -34,10 +35,12 @@ class KeptPosition {
     move_to(item);
     moved_state_ = kHasCurrent | kCurrentRead;
   }
+  // The current record has a new key: read or not, it is current as before.
   void move_to(const Item& item) {
     item_ = item;
     moved_ = true;
   }
+  // Takes that back: the change has failed.
   void stay() { moved_ = false; }
 
  private:

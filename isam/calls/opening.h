@@ -16,10 +16,11 @@ extern bool opens_marked;
 // The lock mode that the high byte of a mode means, 0 when it means none.
 [[nodiscard]] int lock_mode_of(int mode);
 
-// Takes an open that failed back; the status characters say so. -1.
+// Frees an open that could not be had, with its open lock and semaphore: -1, iserrno stays, and the
+// status characters say so.
 int abandon_open(Open& open);
 
-// The file is written at random from now on.
+// Tells the system that the pair is read and written at random.
 void advise_random(const OpenPair& file);
 
 // Sets what the open pair says of lengths, node size and duplicate numbers from the dictionary
@@ -27,7 +28,8 @@ void advise_random(const OpenPair& file);
 // and nothing changed.
 [[nodiscard]] int adopt_dictionary();
 
-// Gives a pair another name: 0, or -1 with the system's error and the pair under its old one.
+// Gives a pair another name: 0, or -1 with the system's error and the pair under its old one, as
+// far as the system lets it back.
 int move_whole_pair(const std::string& from, const std::string& to);
 
 // Removes both files of a pair, as far as they can go.

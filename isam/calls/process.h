@@ -18,6 +18,8 @@ namespace isam {
 // been asked to.
 extern const int* process_mark;
 
+// For know_process(): what a zero calls for. Where no memory is zeroed in a child it looks whether
+// this is one, at each call.
 void notice_process();
 
 inline void know_process() {

@@ -19,8 +19,8 @@ namespace isam {
 struct ReadRequest {
   ReadMode mode;
   bool lock;
-  bool skip;
-  bool wait;
+  bool skip;  // a record locked by others becomes current, so that the next step passes it by
+  bool wait;  // ... is waited for
 };
 
 enum class ReadOutcome {
@@ -38,7 +38,9 @@ static inline Direction direction_of(ReadMode mode) {
   return goes_back(mode) ? Direction::kPrevious : Direction::kNext;
 }
 
-// Moves to the item that a read asks for: 0, or -1.
+// Moves to the item that a read asks for: 0, or -1. A step forward from an item that was not read
+// (isstart found it, or it follows one that is gone) stays there; a step back from it does so in
+// the order of record numbers only.
 static inline int go_to_item(Cursor& cursor, const Byte* record, ReadMode mode) {
   const keydescr& k = openp->key;
   const bool in_tree = k.nparts > 0;
@@ -70,8 +72,8 @@ static inline int move_on(Cursor& cursor, ReadMode mode) {
   return 0;
 }
 
-// Reads the record of the item, or of the next one in the direction of the read whose record is
-// present: its length, or -1.
+// Reads the record of the item or, unless that very one is asked for, of the next in the direction
+// of the read whose record is present: its length, or -1 with iserrno.
 static inline int read_present(Cursor& cursor, Byte* record, ReadMode mode) {
   WalkLimit walk;
   while (true) {
@@ -120,6 +122,7 @@ static inline ReadOutcome read_record(Cursor& cursor, Byte* record, const ReadRe
   if (request.lock && lkrecord(cursor.treeitem.recptr, RecordLock::kTry, list_of_reads()) != 0) {
     if (iserrno != kLocked) return ReadOutcome::kFailed;
     if (request.wait) return ReadOutcome::kMustWait;
+    // A step stays where it was, unless it is to skip; who positions anew comes to the record.
     if (!request.skip && !positions_anew(request.mode)) return ReadOutcome::kFailed;
     make_item_current(cursor);
     return ReadOutcome::kKeptPlace;
@@ -134,7 +137,7 @@ static inline ReadOutcome read_record(Cursor& cursor, Byte* record, const ReadRe
 }
 
 // Waits for the record of the item read last, outside the call, so that other processes go on
-// meanwhile. 0 when the record is worth another try.
+// meanwhile. 0 when the record is worth another try. The position is that before the read.
 static inline int wait_outside(Call& call) {
   const std::int32_t number = call.cursor().treeitem.recptr;
   call.cursor().bt = openp->position;

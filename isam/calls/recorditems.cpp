@@ -13,7 +13,7 @@ namespace {
 
 bool is_current_key(const keydescr& k) { return kycompare(k, openp->key) == 0; }
 
-// What a step that undoes another could not do is told as a lost write is.
+// `result` is that of a step that undoes another: its failure is told as a lost write is.
 void note_undone(int result) {
   if (result != 0) bfnote_failure(*filep);
 }
@@ -118,11 +118,7 @@ int Replacement::change(bool dups, Current current, KeptPosition& position) {
 int Replacement::replace(std::size_t index, Item& old, Item& fresh) {
   const keydescr& k = keys_[index];
   if (btadditem(cursor_, fresh, k) != 0) return -1;
-  const std::uint16_t nearby = cursor_.bt.state & kSameKeyNearby;
-  if (taken_.take_out(index, old) == 0) {
-    cursor_.bt.state |= nearby;
-    return 0;
-  }
+  if (taken_.take_out(index, old) == 0) return 0;
   const KeepError keep;
   note_undone(btdelitem(cursor_, fresh, k));
   return -1;

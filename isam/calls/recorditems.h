@@ -23,7 +23,7 @@ inline Item item_of(ConstBytes record, std::int32_t number, const keydescr& k) {
   return item;
 }
 
-// Adds a record's items to the first indexes, up to one that refuses it: how many were added.
+// Adds a record's items to the indexes in turn, up to the first that fails: how many were added.
 std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number,
                       Current current, KeptPosition& position);
 // Removes the items that a call has added to the first `count` indexes.
@@ -39,7 +39,7 @@ class TakenItems {
 
   // Before anything is changed: 0, or -1 with 116.
   int begin();
-  // Takes out the item of one index: 0 or -1. It leaves the item's duplicate number in `item`.
+  // Takes `item` out of one index: 0, or -1 with iserrno. Leaves its duplicate number in `item`.
   int take_out(std::size_t index, Item& item);
   // Begins, and takes out those of all indexes: 0, or -1 at the first that cannot be.
   int take_all();
@@ -69,13 +69,15 @@ class Replacement {
         record_(record),
         taken_(cursor, keys, number, old) {}
 
-  // 0, or -1 with everything as it was.
+  // 0, or -1 with iserrno and everything as it was.
   int run(Current current, KeptPosition& position);
-  // Of a replacement that has been run.
+  // After run(), when a later step of the change fails.
   void undo();
 
  private:
+  // Replaces what differs in the indexes with duplicates, or in those without: 0 or -1.
   int change(bool dups, Current current, KeptPosition& position);
+  // Puts `fresh` into one index and takes `old` out: 0, or -1 with the index as it was.
   int replace(std::size_t index, Item& old, Item& fresh);
 
   Cursor& cursor_;

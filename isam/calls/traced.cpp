@@ -38,8 +38,8 @@ std::size_t put(std::span<char> to, const char* format, Values... values) {
 
 bool has_many(const Exchange& exchange) { return exchange.carries >= Carries::kRecords; }
 
-// Each of so many records of a set, or of all of them, in an entry of its own; none of a set that
-// the call refuses.
+// Each of the first `count` records of a set in an entry of its own; none of a set that the call
+// refuses.
 void write_many(const Exchange& exchange, trace::Direction direction, int count) {
   const auto* const set = static_cast<const recordset*>(exchange.buffer);
   const Open* const open = open_of(exchange.number);
@@ -58,6 +58,7 @@ void write_many(const Exchange& exchange, trace::Direction direction, int count)
   }
 }
 
+// What the application hands over with the call itself, not record by record.
 ConstBytes sent(const Exchange& exchange) {
   switch (exchange.carries) {
     case Carries::kName:
@@ -82,6 +83,7 @@ ConstBytes sent(const Exchange& exchange) {
   return {};
 }
 
+// ... and what it gets back that way.
 ConstBytes received(const Exchange& exchange, int result) {
   if (result < 0) return {};
   switch (exchange.carries) {

@@ -52,7 +52,8 @@ template <typename Body>
   return result;
 }
 
-// A body that captures by value leaves everything in registers.
+// Runs a call, and shows it in the trace if there is one. A body that captures by value leaves
+// everything in registers.
 template <typename Body>
 int traced(const char* call, int number, const void* buffer, Carries carries, Body body) {
   if (trace::state == trace::State::kOff) [[likely]] {

@@ -16,8 +16,8 @@ namespace isam::txlog {
   return open.committed > 0 || !open.shortened.empty();
 }
 
-// Frees it: 0, or -1 with iserrno and the rest still owed. No transaction that is open has deleted
-// records through it.
+// Frees what `open` owes: 0, or -1 with iserrno and the rest still owed. A transaction under way
+// must not have deleted records through it.
 int free_owed(Open& open);
 
 // The log is not this process's any more: 0, or -1 with iserrno. A transaction must have ended.
