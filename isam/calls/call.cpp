@@ -142,7 +142,6 @@ void write_mark() {
 
 // What an exclusive open changes may wait. A write that fails is told by the next call.
 void write_some() {
-  if (!filep->unwritten.dictionary) return;
   if (is_missing(filep->mark.state)) write_mark();
   bfwrite_direct();
   if (++filep->unwritten.calls < kCallsUnwritten) return;

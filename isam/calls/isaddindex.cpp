@@ -93,7 +93,11 @@ void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
   if (!filep->unwritten.pages_lost) filep->unwritten.lost = lost;
   const bool same =
       dictp->d_nextnode() == before.d_nextnode() && dictp->d_freenode() == before.d_freenode();
-  if (!same) return;
+  if (!same) {
+    dictp->set_d_collate(before.d_collate());
+    dictp->set_d_collname(before.d_collname());
+    return;
+  }
   // No stamp need tell of the call.
   *dictp = before;
   filep->call.page_changed = false;
@@ -143,12 +147,12 @@ int drop_index(keydescr& key) {
   txlog::logstate.change_logged = false;
   const int freed = btrecover(key.rootnode, key);
   const auto* keys = file_keys();
-  if (keys == nullptr || freed != 0) return -1;
+  if (keys == nullptr) return -1;
   if (kycompare(key, openp->key) == 0) {
     openp->key = keys->front();
     stand_before_first(openp->cursor);
   }
-  return 0;
+  return freed;
 }
 
 // Whether any index left is in the order of a locale.

@@ -46,8 +46,8 @@ int tell_name(char* to) {
 }
 
 int switch_on() {
-  filep->lists_numbers = false;
   if (!has_trail()) return failed(kBadArgument);
+  filep->lists_numbers = false;
   switch_trail(true);
   return 0;
 }
