@@ -28,6 +28,7 @@ class Doubts {
     const bool stands = found != doubts_.end() && found->second.offset > file.renumbered;
     return stands ? &found->second : nullptr;
   }
+  // From now on the change that the writer's last record tells is in doubt, and none before it.
   void put(Writer& writer, ReplayFile& file, std::int32_t number, LogType type) {
     end(writer);
     doubts_[key(file, number)] = {writer.serial, type, writer.last};
@@ -35,10 +36,12 @@ class Doubts {
     writer.doubted_number = number;
     writer.doubted_at = writer.last;
   }
+  // Nothing about the record is in doubt any more.
   void forget(const ReplayFile& file, std::int32_t number) {
     if (!doubts_.empty()) doubts_.erase(key(file, number));
   }
-  // The writer has gone on: whether somebody else has changed the record before that.
+  // The writer has gone on, so its change is not in doubt. Whether that was settled before: by
+  // another change of the record, or because the change gave way.
   bool end(Writer& writer) {
     if (writer.doubted_file == nullptr) return false;
     const auto found = doubts_.find(key(*writer.doubted_file, writer.doubted_number));

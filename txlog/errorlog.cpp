@@ -45,7 +45,7 @@ void ErrorLog::bdmemlog(std::string_view message) {
   // stands in its place.
   builder.put_bytes(message.empty() ? ConstBytes{status, 3} : ConstBytes{status});
   builder.put_bytes({reinterpret_cast<const Byte*>(message.data()), message.size()});
-  static_cast<void>(builder.finish());
+  static_cast<void>(builder.finish());  // the text was cut to fit
   stamp_record(&buffer_[start], ::getpid(), static_cast<int>(::getuid() & 0xFFFF), now(), {});
 }
 

@@ -16,6 +16,7 @@ std::int32_t key_number(const Held& held) {
   return held.about == About::kRecord ? held.number : kWhole;
 }
 
+// Whether it is found by what it is about, so stands in a bucket.
 bool is_keyed(const Held& held) {
   return held.about == About::kFile || held.about == About::kRecord;
 }
@@ -136,6 +137,7 @@ void HeldRecords::complete(std::vector<HeldId>& found, LogOutlook& outlook) {
 
 void HeldRecords::add_companions(std::vector<HeldId>& found, ReplayFile& file,
                                  LogOutlook& outlook) {
+  // Where a writer's last record in `found` stands, and its last one outside its transaction.
   struct Ends {
     std::int64_t any = 0;
     std::int64_t unlinked = 0;
@@ -144,18 +146,18 @@ void HeldRecords::add_companions(std::vector<HeldId>& found, ReplayFile& file,
   std::int64_t end = 0;
   for (const HeldId id : found) {
     const Held& held = pool_[id];
-    Ends& writers = ends[held.writer];
-    writers.any = std::max(writers.any, held.offset);
-    if (!held.linked) writers.unlinked = std::max(writers.unlinked, held.offset);
+    Ends& of_writer = ends[held.writer];
+    of_writer.any = std::max(of_writer.any, held.offset);
+    if (!held.linked) of_writer.unlinked = std::max(of_writer.unlinked, held.offset);
     end = std::max(end, held.offset);
   }
   HeldId id = file.unlinked.first;
   for (; id != kNoHeld && pool_[id].offset < end && step(); id = pool_[id].by_file.behind) {
     const Held& held = pool_[id];
-    const auto writers = ends.find(held.writer);
-    if (writers == ends.end()) continue;
-    const bool goes = held.about == About::kOpening ? held.offset < writers->second.any
-                                                    : held.offset < writers->second.unlinked &&
+    const auto of_writer = ends.find(held.writer);
+    if (of_writer == ends.end()) continue;
+    const bool goes = held.about == About::kOpening ? held.offset < of_writer->second.any
+                                                    : held.offset < of_writer->second.unlinked &&
                                                           !waits_for_image(held, outlook);
     if (!goes || held.chosen) continue;
     pool_[id].chosen = true;
@@ -163,8 +165,8 @@ void HeldRecords::add_companions(std::vector<HeldId>& found, ReplayFile& file,
   }
 }
 
-// Whether a linked image of the same writer and record stands before a held record and does not go,
-// nor was taken back.
+// Whether a linked image of the same writer and record stands before a held record, and is neither
+// chosen nor taken back.
 bool HeldRecords::waits_for_image(const Held& held, LogOutlook& outlook) {
   if (held.about != About::kRecord) return false;
   HeldId id = bucket_of(held.file, held.number).first;

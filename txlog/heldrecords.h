@@ -52,7 +52,7 @@ struct Held {
   bool linked : 1 = false;    // an image of the transaction; others stand however that ends
   bool done : 1 = false;      // was applied, perhaps before its turn
   bool passed : 1 = false;    // is never applied: the file shows that the change does not stand
-  bool findable : 1 = false;  // stands in the lists that searches walk
+  bool findable : 1 = false;  // stands in the lists that searches walk: by_file and by_record
   bool chosen : 1 = false;    // is among what was found, while complete() runs
 
   // The neighbours in one list.
@@ -86,6 +86,7 @@ class HeldRecords {
     hide(id);
     pool_[id].passed = true;
   }
+  // Its place may serve another record; the writer's list is the caller's.
   void remove(HeldId id);
   [[nodiscard]] bool none_findable() const { return findable_ == 0; }
 

@@ -105,7 +105,7 @@ void LogOutlook::follow_transaction(Process& process, const LogRecord& record,
 
 void LogOutlook::follow_link(Process& process, Link previous, std::int64_t offset) {
   if (previous.length == 0 || previous.offset < process.begin) return;
-  if (previous.offset <= process.chain_end) {
+  if (previous.offset <= process.chain_end) {  // its process goes on: it opened these files
     process.openings.clear();
     if (!process.by_number.empty()) process.by_number.clear();
     process.chain_end = offset;

@@ -93,6 +93,8 @@ class Recovery {
   }
 
   // An opening is held also outside a transaction: the file is opened when a change is applied.
+  // When it shows that another process has got the number of a killed one, that one's opens are
+  // closed.
   int handle_opening(const LogRecord& record, std::int64_t offset, const Writer* writer,
                      bool reopens) {
     if (writer != nullptr && writer->begun &&
@@ -154,7 +156,7 @@ class Recovery {
     writer.opened_since = false;
     const std::int32_t number = writer.doubted_number;
     if (!replay_.doubts().end(writer) || !is_image(record.type())) return;
-    // It takes back what another change has shown not to be made, or done away with.
+    // This record takes back what another change has shown not to be made, or done away with.
     const auto image = record.image();
     if (image && image->number == number && replay_.outlook().is_opposite(offset)) {
       replay_.pass_over(offset);
@@ -270,7 +272,7 @@ class Recovery {
     return *dropped_.back();
   }
 
-  // Of the writer dropped last nothing is kept that no other record can be concerned with.
+  // Forgets the writer dropped last, unless a search may still find what it held.
   void forget_if_nothing_counts(Writer& killed) {
     HeldRecords& held = replay_.held();
     for (HeldId id = killed.held.first; id != kNoHeld; id = held[id].next) {
@@ -283,8 +285,7 @@ class Recovery {
     dropped_.pop_back();
   }
 
-  // Ends a transaction. The writer is forgotten when it has no files open, not even ones that could
-  // not be opened here: more may be said of those.
+  // Ends a transaction.
   int end(Writer& writer, LogType how) {
     if (rollforward(writer, how) != 0) return -1;
     writer.begun = false;
@@ -292,6 +293,8 @@ class Recovery {
     return 0;
   }
 
+  // Forgets a writer that has no files open, not even ones that could not be opened here: more may
+  // be said of those.
   void retire(Writer& writer) {
     std::erase_if(writer.opened, [](const auto& open) { return open.second->gone; });
     std::erase_if(writer.named, [](const auto& open) { return open.second.file->gone; });
@@ -299,6 +302,7 @@ class Recovery {
     if (done) writers_.erase(writer.process);
   }
 
+  // Applies all that the writer holds; after a rollback only what that has not undone.
   int rollforward(Writer& writer, LogType how) {
     HeldRecords& held = replay_.held();
     for (HeldId id = writer.held.first; id != kNoHeld; id = held[id].next) held.hide(id);
@@ -368,7 +372,7 @@ int run(int mode, RecoveryObserver& observer) {
 }
 
 int recover_all(int mode, RecoveryObserver& observer) {
-  isresumlog();
+  isresumlog();  // a log that was put aside counts as open
   if (!log_is_open()) return failed(kNoLog);
   if (txflag == kInTransaction) return failed(kBadArgument);
   txflag = kNotLogging;

@@ -15,9 +15,8 @@
 //
 // Needs   the log open (islogopen)
 // Keeps   Y1 any bytes for a log: a record is used only as far as it reaches, held records cost
-// less
-//            memory than they take in the log, and numbers past a file's end are bounded by what
-//            the log can have inserted
+//            memory in proportion to what they take in the log, and numbers past a file's end are
+//            bounded by what the log can have inserted
 //         Y2 the log itself is not written to
 #pragma once
 
@@ -27,6 +26,7 @@
 
 namespace isam::txlog {
 
+// Flags. With any of them an error log (txlog/errorlog) is made, which must not exist yet.
 enum RecoveryMode : int {
   kAnyWriter = 1,  // a writer whose start is not in the log is taken to be outside a transaction
   kTolerant = 2,   // what cannot be applied is noted and left out
@@ -45,13 +45,14 @@ class RecoveryObserver {
   virtual void left_out(const LogRecord& /*record*/, std::string_view /*message*/) {}
   // Applied before, and now undone: its writer was killed before it did it.
   virtual void gave_way(const LogRecord& /*record*/) {}
-  // A transaction without an end: so many records of it were dropped.
+  // A transaction without an end: so many held records of it were dropped.
   virtual void unfinished(std::int32_t /*process*/, std::size_t /*records*/) {}
   // One of them that was not part of the transaction, though written inside it.
   virtual void dropped(const LogRecord& /*record*/) {}
 };
 
-// Applies the open log, and closes it and all files: 0, or -1 with iserrno.
+// Applies the open log, and closes it and all files: 0, or -1 with iserrno. 122 without an open
+// log, 102 in a transaction of this process, which goes on.
 int recover(int mode, RecoveryObserver& observer);
 
 }  // namespace isam::txlog

@@ -11,7 +11,7 @@ namespace {
 
 // Numbers that a damaged record may skip at most, beyond those that the log can have inserted.
 constexpr std::int64_t kSpareNumbers = 1 << 20;
-constexpr std::int64_t kSmallestImage = 34;
+constexpr std::int64_t kSmallestImage = 34;  // bytes that an image takes in the log at least
 
 // What is said of a record that is not applied.
 struct Texts {
@@ -98,7 +98,7 @@ int Replay::redo_now(const Step& step, const char* message) {
   const bool counts = result == 0 || (mode_ & kTolerant) != 0;
   if (type == LogType::kErased && counts && step.file != nullptr) files_.forget(*step.file);
   if (result == kPutOff) return 0;
-  if (result != 0) return pass_over(step) ? 0 : note_failure(step, message);
+  if (result != 0) return pass_if_taken_back(step) ? 0 : note_failure(step, message);
   observer_.applied(step.record);
   return 0;
 }
@@ -132,13 +132,14 @@ int Replay::redo_all(const std::vector<HeldId>& ids) {
   return 0;
 }
 
-int Replay::redo_put_off(RecordKey besides) {
+int Replay::redo_put_off(RecordKey except) {
   while (depth_ < put_off_at_.size() && put_off_at_[depth_] != 0) {
     const auto due = std::ranges::find_if(put_off_, [&](const auto& one) {
-      return one.second.depth == depth_ && one.first != besides;
+      return one.second.depth == depth_ && one.first != except;
     });
     if (due == put_off_.end()) break;
     const RecordKey about = due->first;
+    // A later change of the record may do instead of this one; else its key should be free by now.
     if (change_again(about, held_[due->second.id]) != 0) return -1;
     const auto still = put_off_.find(about);
     if (still == put_off_.end()) continue;
@@ -174,7 +175,7 @@ int Replay::change_again(RecordKey about, const Held& put_off) {
   return 0;
 }
 
-// Applies what others hold that comes before a record after all.
+// Applies what others hold that stood in the files when this record was written.
 int Replay::put_before(const Step& step) {
   const auto other = others_.extract(step.offset);
   if (held_.none_findable() || depth_ > kDeepest) return 0;
@@ -214,7 +215,7 @@ int Replay::note_failure(const Step& step, const char* message) {
 }
 
 // Whether an image that cannot be applied was taken back by its writer; neither is applied then.
-bool Replay::pass_over(const Step& step) {
+bool Replay::pass_if_taken_back(const Step& step) {
   if (!is_image(step.record.type())) return false;
   const std::int64_t opposite = outlook_.opposite_of(step.offset);
   if (opposite < 0) return false;
@@ -276,7 +277,7 @@ int Replay::apply(const Step& step, const char*& message) {
 }
 
 // The open that stands for a writer's: -1 with 101 when none does.
-int Replay::file_of(const Step& step) {
+int Replay::isfd_of(const Step& step) {
   return step.file == nullptr ? failed(kNotOpen) : files_.getrisfd(*step.file);
 }
 
@@ -300,8 +301,8 @@ int Replay::apply_open(const Step& step) {
   return 0;
 }
 
-// An open may be closed whose opening was applied for another process, or stands for another file
-// by now.
+// Nothing is to be done for an open whose opening was applied for another process, or that stands
+// for another file by now.
 int Replay::apply_close(const Step& step) {
   const auto named = step.record.file_named();
   if (!named || step.file == nullptr) return failed(kBadLogRecord);
@@ -335,12 +336,12 @@ int Replay::apply_file(const Step& step) {
 int Replay::apply_index(const Step& step) {
   auto change = step.record.index_change();
   if (!change) return failed(kBadLogRecord);
-  const int isfd = file_of(step);
+  const int isfd = isfd_of(step);
   if (isfd < 0) return -1;
   if (step.record.type() == LogType::kIndexAdded) return isaddindex(isfd, &change->key);
   if (step.record.type() == LogType::kIndexDropped) return isdelindex(isfd, &change->key);
   const int clustered = iscluster(isfd, &change->key);
-  // After a failure the old open may be lost: when the new pair was to be opened.
+  // When the new pair could not be opened, the old open is lost.
   if (clustered >= 0 || open_of(isfd) == nullptr) files_.txoupdate(*step.file, clustered);
   return clustered < 0 ? -1 : 0;
 }
@@ -349,7 +350,7 @@ int Replay::apply_unique(const Step& step, const char*& message) {
   const auto unique = step.record.unique_id();
   if (!unique) return failed(kBadLogRecord);
   const bool sets = step.record.type() == LogType::kUniqueSet;
-  const int isfd = file_of(step);
+  const int isfd = isfd_of(step);
   if (isfd < 0) {
     message = sets ? kNoSetUniqueOpen : kNoUniqueOpen;
     return -1;

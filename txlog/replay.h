@@ -60,14 +60,15 @@ class Replay {
   int redo(const Step& step);
   // A record that is held; it is not found any more.
   int redo_held(HeldId id);
-  // Held records have been applied that belong together: what was put off among them is due.
-  int redo_put_off(RecordKey besides = {});
+  // Held records have been applied that belong together: what was put off among them is due, but
+  // not what is about `except`.
+  int redo_put_off(RecordKey except = {});
   void note(const LogRecord& record, std::string_view message);
 
   // The record that is held; none, with iserrno, when it cannot be read. It stays at hand until
   // the next one is asked for or applied.
   [[nodiscard]] LogRecord load(const Held& held);
-  // Besides its file, a record is about this one too: that had the name before.
+  // Besides its file, the record at this place is about this one, which had the name before.
   void also_about(std::int64_t offset, ReplayFile& file) { others_[offset] = &file; }
   // The record at this place is not to be applied.
   void pass_over(std::int64_t offset) { passed_over_.insert(offset); }
@@ -85,7 +86,7 @@ class Replay {
   // Records in hand at once, each because of the one before it.
   static constexpr std::size_t kDeepest = 16;
 
-  // The result of an image that was put off.
+  // The result of an image that is not to be applied now, or not at all.
   static constexpr int kPutOff = 1;
 
   enum class Way { kNone, kMade, kUnneeded, kFailed };
@@ -96,7 +97,7 @@ class Replay {
   int redo_all(const std::vector<HeldId>& ids);
   bool chkskip(const LogRecord& record, const char* message);
   int note_failure(const Step& step, const char* message);
-  bool pass_over(const Step& step);
+  bool pass_if_taken_back(const Step& step);
 
   int apply(const Step& step, const char*& message);
   int apply_open(const Step& step);
@@ -109,7 +110,7 @@ class Replay {
   int change_as_found(const Step& step, const Image& image, int isfd);
   bool put_off(const Step& step, std::int32_t number);
   void end_put_off(RecordKey about);
-  int file_of(const Step& step);
+  int isfd_of(const Step& step);
 
   std::vector<HeldId> held_about(const Touch& touch, std::int32_t number);
   void add_standing(const Step& step, const Touch& touch, std::vector<HeldId>& found);
@@ -137,8 +138,8 @@ class Replay {
   std::map<std::pair<std::int32_t, int>, std::string> skipped_;  // writers' opens, and their files
   std::unordered_map<std::int64_t, ReplayFile*> others_;         // by offset
   std::unordered_set<std::int64_t> passed_over_;  // offsets of what takes back what was not applied
-  // Images that met a key in use, by what they are about. The transaction went on to change the
-  // record once more, or the key is set free by what follows.
+  // Images that met a key in use, by what they are about. Perhaps the transaction went on to change
+  // the record once more, or the key is set free by what follows.
   struct PutOff {
     HeldId id = kNoHeld;
     std::size_t depth = 0;
@@ -146,11 +147,11 @@ class Replay {
   };
   std::map<RecordKey, PutOff> put_off_;
   std::vector<std::size_t> put_off_at_;  // how many of them, by depth
-  bool may_put_off_ = true;
-  HeldId in_hand_ = kNoHeld;            // the held record that is being applied
-  HeldId as_found_ = kNoHeld;           // ... when it stands for more
-  std::deque<LogWindow> windows_;       // one for each record in hand that was held
-  std::int64_t skippable_numbers_ = 0;  // see lginsert
+  bool may_put_off_ = true;              // false while what was put off is applied
+  HeldId in_hand_ = kNoHeld;             // the held record that is being applied
+  HeldId as_found_ = kNoHeld;            // the held record to be applied by change_as_found()
+  std::deque<LogWindow> windows_;        // one for each record in hand that was held
+  std::int64_t skippable_numbers_ = 0;   // see lginsert
   std::size_t depth_ = 0;
   LogWindow look_{logstate.fd};  // for what is compared only
 };

@@ -9,7 +9,7 @@
 namespace isam::txlog {
 namespace {
 
-// A pair is recovered as its last writer left it.
+// Pairs are opened also with the mark of unfinished changes: they are recovered as they are.
 class OpensMarked {
  public:
   OpensMarked() { opens_marked = true; }
@@ -95,6 +95,7 @@ int ReplayFiles::close_all() {
 int ReplayFiles::txoopen(ReplayFile& file) {
   if (file.isfd >= 0) return 0;
   const OpensMarked as_it_is;
+  // The name may have been another file's before, which is still open.
   const auto namesake = std::ranges::find(open_, file.name, &ReplayFile::name);
   if (namesake != open_.end()) close_file(**namesake);
   const int mode = ISINOUT + ISEXCLLOCK + ISANYPRIMARY + (file.varlen ? ISVARLEN : 0);

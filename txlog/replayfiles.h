@@ -5,8 +5,8 @@
 // record that names it, by the names that the log gives it (`named`, `built`, `renamed`); what it
 // is called in its folder, and whether it is open, is as of what has been applied.
 //
-// Keeps   P1 a file keeps its identity when it is renamed; one that is built is another one
-//         P2 short of opens or descriptors, a file that the transaction being applied does not use
+// Keeps   F1 a file keeps its identity when it is renamed; one that is built is another one
+//         F2 short of opens or descriptors, a file that the transaction being applied does not use
 //            is closed; it is opened again when it is needed
 #pragma once
 
@@ -22,7 +22,7 @@ namespace isam::txlog {
 
 struct ReplayFile {
   std::uint32_t id = 0;
-  std::string name;
+  std::string name;     // in its folder, as far as the log was applied
   int isfd = -1;        // the recovery's own open; -1: closed for now
   int count = 0;        // writers' opens that stand for it
   bool in_use = false;  // by the transaction being applied
@@ -40,17 +40,17 @@ class ReplayFiles {
   ReplayFiles& operator=(const ReplayFiles&) = delete;
 
   // ---- As the log is read.
-  // The file that has a name.
+  // The file that has a name, known from now on.
   [[nodiscard]] ReplayFile& named(std::string_view name);
   // A new file gets a name.
   [[nodiscard]] ReplayFile& built(std::string_view name);
-  // From now on a file has this name too.
+  // From now on a file has this name, and the old one as long as no other file gets that.
   void renamed(ReplayFile& file, std::string_view name);
 
   // ---- As it is applied: 0, or -1 with iserrno.
-  // One more of the writers' opens stands for a file.
+  // One more of the writers' opens stands for a file, which has this name if it is closed yet.
   int addopfile(ReplayFile& file, std::string_view name, bool varlen);
-  // The open to work on a file with, or -1.
+  // The open to work on a file with, or -1. The file is in use until release_all().
   [[nodiscard]] int getrisfd(ReplayFile& file);
   // One of the writers' opens is closed; the last one closes the file.
   int lgclfile(ReplayFile& file);

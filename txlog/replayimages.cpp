@@ -43,7 +43,7 @@ void Replay::add_standing(const Step& step, const Touch& touch, std::vector<Held
   const std::vector<HeldId> held = held_about(touch, image->number);
   // An opposite shows what its own writer had made of the record, not what that writer met.
   if (held.empty() || outlook_.is_opposite(step.offset)) return;
-  const int isfd = file_of(step);
+  const int isfd = isfd_of(step);
   const Contents in_file = isfd < 0 ? Contents{} : lgread(isfd, image->number);
   choose_standing(held, in_file, before(*image, step.record.type()));
   for (const HeldId id : held) {
@@ -98,7 +98,7 @@ int Replay::apply_image(const Step& step) {
   std::optional<Doubt> refuted;
   bool undid_refuted = false;
   for (;;) {
-    const int isfd = file_of(step);
+    const int isfd = isfd_of(step);
     if (isfd < 0) return -1;
     if (!refuted) refuted = refuted_by(step, *image, isfd);
     const int result =
@@ -145,7 +145,7 @@ int Replay::change_record(const Step& step, const Image& image, int isfd) {
   bool absent = false;
   const int result = lgdelete(isfd, image.number, &absent);
   // The opposite of this deletion, if there is one, would put back a record that was not there.
-  if (result == 0 && absent) static_cast<void>(pass_over(step));
+  if (result == 0 && absent) static_cast<void>(pass_if_taken_back(step));
   return result;
 }
 

@@ -35,8 +35,8 @@ struct Writer {
   std::map<int, NamedFile> named;
   // ... and what is open as far as it was applied, which lags behind while records are held.
   std::map<int, ReplayFile*> opened;
-  // The record of its last change outside transactions, which it may have been killed before
-  // making; see Doubts. No file: no change is in doubt.
+  // The data record of its last change that was applied, if it may have been killed before making
+  // it; see Doubts. No file: no change is in doubt.
   ReplayFile* doubted_file = nullptr;
   std::int32_t doubted_number = 0;
   std::int64_t doubted_at = 0;  // offset of the change's image in the log
@@ -48,8 +48,8 @@ struct Writer {
     const auto found = open ? named.find(*open) : named.end();
     return found != named.end() ? &found->second : nullptr;
   }
-  // Whether a record of its number opens a file by a number that is open since the writer is known
-  // to be the same process.
+  // Whether a record with its process number opens a file by an open number that has been in use
+  // since this epoch began.
   [[nodiscard]] bool is_reopened_by(const LogRecord& record) const {
     const NamedFile* const open = record.type() == LogType::kOpened ? named_by(record) : nullptr;
     return open != nullptr && open->epoch == epoch;

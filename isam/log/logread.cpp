@@ -9,7 +9,7 @@
 namespace isam::txlog {
 namespace {
 
-constexpr std::size_t kWindow = 65536;
+constexpr std::size_t kWindow = 65536;  // any record fits
 
 }  // namespace
 

@@ -34,13 +34,14 @@ class LogWindow {
   [[nodiscard]] LogRecord isgetprev(std::int64_t offset, int length);
   [[nodiscard]] bool holds(std::int64_t offset, std::size_t length) const;
   [[nodiscard]] ConstBytes at(std::int64_t offset, std::size_t length) const;
-  // Reads up to `length` bytes from `offset` into the buffer: 0, or -1 with 116 or 118.
+  // Reads up to `length` bytes from `offset` into the buffer: 0, also at the log's end, or -1 with
+  // 116 or 118.
   int readlog(std::int64_t offset, std::size_t length);
 
   int fd_;
-  std::int64_t start_ = 0;
+  std::int64_t start_ = 0;  // in the log, of what the buffer holds
   std::vector<Byte> buffer_;
-  std::size_t filled_ = 0;
+  std::size_t filled_ = 0;  // bytes of the buffer that were read
 };
 
 // The one walk over a log from its first record on.
@@ -68,7 +69,8 @@ class LogChain {
       : window_(fd), process_(process), at_(newest) {}
 
   // The next record back. None with iserrno: 116 or 118 when it could not be read, 119 when what
-  // stands there is no record of the process, or its link does not lead back.
+  // stands there is no record of the process, or its link does not lead back. The caller stops at
+  // the begin mark; behind the first record of the process comes 118. To be called with iserrno 0.
   [[nodiscard]] LogRecord previous();
 
  private:

@@ -17,8 +17,8 @@ namespace {
 constexpr std::int64_t kBlocksAddressable = std::int64_t{INT32_MAX} + 1;
 
 // A place in the data file that moves forward, holding the block it stands in. One that will write
-// `ahead` bytes also holds the next block of these before it changes anything, so that no read
-// fails half way through a slot of two blocks.
+// `ahead` bytes also holds the next block of these before it changes one, so that no read fails
+// half way through a slot of two blocks.
 class Transfer {
  public:
   explicit Transfer(std::int64_t offset, int ahead = 0) : offset_(offset), end_(offset + ahead) {}
@@ -58,6 +58,7 @@ class Transfer {
     return chunk;
   }
 
+  // Holds the block at offset_, and the next one where more is to be written there: 0, or -1.
   int hold() {
     if (offset_ < 0) return failed(kCorrupted);  // of a record number below 1
     const std::int64_t block = offset_ / kPageSize;
@@ -88,7 +89,7 @@ class Transfer {
   Byte* here_ = nullptr;
 };
 
-// So few records in one go are not worth a mapping.
+// For fewer records in one go no mapping is made or renewed.
 constexpr std::size_t kFewRecords = 16;
 
 std::int64_t slot_offset(std::int32_t k) { return std::int64_t{k - 1} * slot_size(); }
@@ -118,7 +119,7 @@ int check(const Trailer& trailer) {
   return sound ? 0 : failed(kCorrupted);
 }
 
-// Of a fixed-length record nothing is needed.
+// Of a fixed-length record nothing is read: whoever writes its trailer sets the state.
 int read_trailer(std::int32_t k, Trailer& trailer) {
   if (!filep->geometry.varlen) return 0;
   Transfer from{slot_offset(k) + filep->geometry.reclen};
@@ -145,7 +146,7 @@ int read_variable_part(const Trailer& trailer, Bytes to) {
   return got == length ? length : failed_unless_set(kCorrupted);
 }
 
-// Nodes in the head of their free list, and itself.
+// Free nodes that the head of their list names, and the head itself.
 std::int64_t free_nodes_at_hand() {
   if (dictp->d_freenode() == 0) return 0;
   const KeepError keep;
@@ -199,7 +200,7 @@ bool map_serves(std::span<const std::int32_t> numbers) {
   return file.data.map.covers(size, slot_offset(last));
 }
 
-// What a few records on will be copied comes into the processor's caches meanwhile.
+// Asks for a slot that is copied a few records later, so that it is in the processor's caches then.
 void prefetch(const Byte* slot, std::size_t size) {
   constexpr std::size_t kLine = 64;
   constexpr std::size_t kMostLines = 8;
@@ -208,7 +209,8 @@ void prefetch(const Byte* slot, std::size_t size) {
   }
 }
 
-// Copies records of fixed length out of the bytes of the data file: how many are present.
+// Copies records of fixed length out of the bytes of the data file: how many, up to the first that
+// is not present.
 std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, Byte* to) {
   constexpr std::size_t kAhead = 6;
   const auto length = static_cast<std::size_t>(filep->geometry.reclen);
@@ -224,6 +226,7 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
   return numbers.size();
 }
 
+// The storage is freed or cleared first; then the slot is, but for the reference to kept storage.
 int remove_record(std::int32_t k, bool keep_storage) {
   Trailer trailer;
   if (read_trailer(k, trailer) != 0) return -1;

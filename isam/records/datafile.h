@@ -6,8 +6,8 @@
 //
 // Needs   the current file
 // Keeps   D1 what a slot's trailer says is checked before it is used: 105
-//         D2 the variable part is stored before the slot changes: a failure leaves the slot as it
-//            was
+//         D2 the variable part is stored or freed before the slot changes: when that fails, the
+//            slot is as it was
 //         D3 a block whose bytes stay the same is not written
 // Never   holds a block while it calls the variable-length storage
 #pragma once
@@ -23,26 +23,28 @@ namespace isam {
 [[nodiscard]] int dataread(std::int32_t k, Bytes to);
 
 // Reads these records to `to`, each maxreclen bytes behind the one before, and their lengths. How
-// many, up to the first that is not present or cannot be read, of which iserrno does not tell.
+// many, up to the first that is not present or cannot be read, of which iserrno does not tell; none
+// when pages of the mapping were missing.
 [[nodiscard]] std::size_t dataread_many(std::span<const std::int32_t> numbers, Byte* to,
                                         std::int32_t* lengths);
 
 // Copies record k's raw trailer: its length (7 with variable length, else 1), or -1.
 [[nodiscard]] int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer);
 
-// The last record number that the data file can hold, whatever the dictionary says. What is still
-// in the pool is written first.
+// The highest record number of the dictionary, or what the data file can hold if that is less. What
+// is still in the pool is written first.
 [[nodiscard]] std::int32_t records_in_file();
 
 // Whether record k is present: 1 or 0, -1 when its slot cannot be read.
 [[nodiscard]] int datacheck(std::int32_t k);
 
-// Writes a new record k, from reclen to maxreclen bytes: 0 or -1; 105 when the slot still refers to
-// a variable part.
+// Writes a new record k, from reclen to maxreclen bytes (other lengths are fatal): 0, or -1; 105
+// when the slot still refers to a variable part.
 [[nodiscard]] int datacreate(std::int32_t k, ConstBytes record);
-// Rewrites record k: 0 or -1. Without `release` a variable part that becomes shorter keeps its
-// storage, until datatrunc().
+// Rewrites record k, of such a length: 0 or -1. Without `release` the variable part must become
+// shorter, and keeps its storage until datatrunc().
 [[nodiscard]] int datawrite(std::int32_t k, ConstBytes record, bool release);
+// Frees the storage that a record keeps beyond its length, of an absent one all: 0 or -1.
 [[nodiscard]] int datatrunc(std::int32_t k);
 // Marks record k absent, keeping (dataclear) or freeing (datadelete) its variable part: 0 or -1.
 [[nodiscard]] int dataclear(std::int32_t k);

@@ -122,6 +122,7 @@ bool is_reachable(FreeList list, std::int32_t number) {
   return number <= known;
 }
 
+// Hands out the number behind the highest in use: -1 with iserrno when there can be none.
 std::int32_t raise_highest(FreeList list) {
   const std::int32_t number = highest(list);
   if (number < lowest(list) - 1 || number == INT32_MAX) return failed(kCorrupted);
@@ -131,6 +132,8 @@ std::int32_t raise_highest(FreeList list) {
   return number + 1;
 }
 
+// Takes the last number of a list node that has entries. -1 with 105, and the node as it was, when
+// it is out of range.
 std::int32_t pop_entry(FreeList list, PageHold& page) {
   Byte* entry = page.data() + page.used() - kListEntrySize;
   const std::int32_t number = common::ldlong(entry);
@@ -141,7 +144,8 @@ std::int32_t pop_entry(FreeList list, PageHold& page) {
   return number;
 }
 
-// The data list's head has no entries left: its node is returned and the next one serves.
+// Takes a number when the head of the list of free records has no entries left. Its node becomes a
+// free one, and the next node the head.
 std::int32_t pop_behind_empty_head(PageHold head) {
   const std::int32_t emptied = head.node();
   const std::int32_t next = node_behind(FreeList::kRecords, head);
@@ -220,8 +224,9 @@ bool holds_records(std::int32_t node) {
          common::ldshort(bytes + rpage::kFree) != empty;
 }
 
-// A node that holds no records' bytes. What was taken and holds some is lost to the list: put back
-// it could become the list's head, which would clear it.
+// A node that holds no records' bytes: one of the first few of the list, else a new one. What was
+// taken and holds some is lost to the list: put back it could become the list's head, which would
+// clear it.
 std::int32_t take_unused_node() {
   constexpr int kTries = 16;
   for (int tries = 0;; ++tries) {
@@ -266,6 +271,7 @@ int unlink_node(PageHold page, std::int32_t before) {
   return freerec(node, FreeList::kNodes);
 }
 
+// Takes `number` off the list of free records, 119 when it is not on it.
 int take_listed(std::int32_t number) {
   NodeChain<ListRule> chain = chain_of(FreeList::kRecords);
   std::int32_t before = 0;

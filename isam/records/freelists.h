@@ -2,7 +2,7 @@
 //
 // Each list is a chain of nodes of up to (N - 10) / 4 entries, the newest node at the head.
 // Numbers are handed out last in, first out; when a list is empty the highest number in use is
-// raised instead, and returning the highest number just lowers it.
+// raised instead, and returning the highest number just lowers it (unless lists_numbers is set).
 //
 // Needs   the current file with its dictionary loaded, exclusively held
 // Keeps   L1 a list's head and the entry or link used are checked before anything changes: 105
@@ -13,9 +13,10 @@
 //            that lies past the end of the file by more than the pages not yet written explain is
 //            refused (105). A dictionary may claim any number, and a page written there would make
 //            the file immense
-//         L4 a listed node that looks like a storage page with records' bytes in it is not handed
-//            out: after a process was killed, a page may be listed and in use. It leaves the list
-//            for good, because a list that gets it back could make it the head, which clears it
+//         L4 in a file of variable length, a node that looks like a storage page with records'
+//            bytes in it is not handed out: after a process was killed, a page may be listed and
+//            in use. It leaves the list for good, because a list that gets it back could make it
+//            the head, which clears it
 // Never   writes a page itself: changes are delayed writes, and the dictionary copy is marked
 #pragma once
 
@@ -29,7 +30,7 @@ enum class FreeList { kNodes, kRecords };
 // A number to use, or -1 with iserrno (105 for a damaged list).
 [[nodiscard]] std::int32_t allocrec(FreeList list);
 
-// Returns a number: 0, or -1 with iserrno.
+// Returns a number in use: 0, or -1 with iserrno (105 when it is out of range).
 int freerec(std::int32_t number, FreeList list);
 
 // Returns a node after a failure, whose reason stays in iserrno.

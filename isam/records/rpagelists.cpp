@@ -42,6 +42,7 @@ int RpageLists::mend(std::int32_t node, Change change) {
   return 0;
 }
 
+// A page must be on the list of its class. What the head names as the one before it does not count.
 int RpageLists::unlink_page(const PageHold& page) {
   const std::int32_t node = page.node();
   const int from = Rpage{page}.page_class();
@@ -59,6 +60,7 @@ int RpageLists::unlink_page(const PageHold& page) {
   return 0;
 }
 
+// Gives a page its class, and puts it at the head of the list that there may be for it.
 int RpageLists::link_page(const PageHold& page, int to) {
   const std::int32_t node = page.node();
   const RpageLinks links{page};
@@ -84,7 +86,7 @@ int rpflmove(PageHold held) {
   const int from = view.page_class();
   const int to = rpage_class_of(view);
   page.modified();
-  if (from == to && from < kRpageClasses) return 0;
+  if (from == to && from < kRpageClasses) return 0;  // what a damaged page claims may be greater
   if (on_a_list(from) && RpageLists::unlink_page(page) != 0) return -1;
   if (to == rpage::kEmptyClass) {
     page.release();

@@ -6,13 +6,15 @@
 //
 //   0 used  2 magic  4 next  8 previous  12 free bytes  14 data end  16 continuation  20 flags
 //   21 slots  22 class  23 data -> ...   <- slot table, 4 bytes a slot, from offset S - 6 down
+//   (S: the node size minus one)
 //
 // Needs   the current file; pointers and pages may hold any bytes
 // Keeps   V1 a slot counts only when its entry lies behind the header and its data in the page
 //         V2 a chain has at most as many pieces as the greatest variable part needs
 // Never   holds more than two pages
 //
-// Failures leave -1 (or no page) and iserrno 105 unless a deeper routine set a code.
+// Failures leave -1 (or no page) and iserrno 105 unless a deeper routine set a code: iserrno is 0
+// before.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +23,7 @@
 
 namespace isam {
 
-// Sizes that follow from the stored node size S of the current file.
+// Sizes that follow from S.
 struct RpageGeometry {
   explicit RpageGeometry(int stored_size)
       : capacity(rpage::capacity(stored_size)),
@@ -61,6 +63,7 @@ class Rpage {
   }
   [[nodiscard]] int page_class() const { return bytes_[rpage::kClass]; }
   [[nodiscard]] int data_end() const { return common::ldshort(bytes_.data() + rpage::kDataEnd); }
+  // The entry of a slot, which must be one of slots_in_page().
   [[nodiscard]] Slot slot(int number) const;
   // Whether a slot's data can be read: of no length, or between the header and the page's end.
   [[nodiscard]] bool readable(const Slot& slot) const;
@@ -71,7 +74,7 @@ class Rpage {
   void set_page_class(int value) { bytes_[rpage::kClass] = static_cast<Byte>(value); }
 
   // Changing slots (rpageslots). Each answers 0 (rpslalloc: the slot), or -1 with 105 and the page
-  // as it was.
+  // as it was. None marks the page as modified: rpflmove() or the caller does.
   void rpinit();  // lays out a zeroed page
   [[nodiscard]] int rpslalloc(int size);
   // A slot that grows loses its data, one that shrinks keeps the first bytes.
@@ -138,8 +141,8 @@ class RpageLinks {
 
 // Copies up to destination.size() bytes of a variable part; the bytes copied, or -1.
 [[nodiscard]] int rprread(std::int32_t pointer, Bytes destination);
-// Pieces that the greatest variable part of the current file needs, at least one: a length that is
-// damaged hides no page that a record names.
+// Pieces that the greatest variable part of the current file needs. At least one: where damaged
+// lengths leave no room for any, a walk still reads the page that a record names.
 [[nodiscard]] int greatest_chain();
 
 // The one walk over the pieces of a variable part:
@@ -166,7 +169,8 @@ class PieceChain {
   // 105, when it should name one and does not.
   [[nodiscard]] bool is_last() const { return next_ == 0; }
   [[nodiscard]] bool goes_on() const { return next_ != 0 && next_ != -1; }
-  // One step: goes to the piece behind the one that was read, false when that is damaged.
+  // One step, after a read(): goes to the piece that was named, false when it should have been and
+  // was not.
   [[nodiscard]] bool rprwalk() {
     pointer_ = next_;
     return pointer_ != -1;
@@ -180,8 +184,8 @@ class PieceChain {
 
 // Stores a new variable part: its first pointer, 0 for no bytes, -1 on failure.
 [[nodiscard]] std::int32_t rprwrite(ConstBytes source);
-// Replaces a variable part: its first pointer, which may be another one, or -1. Without `release`
-// a part that becomes shorter keeps its storage.
+// Replaces a variable part: its first pointer, which may be another one, 0 when nothing is left, or
+// -1. Without `release` the part must become shorter, and keeps its storage.
 [[nodiscard]] std::int32_t rprupdate(std::int32_t pointer, ConstBytes source, bool release);
 // Cuts a variable part to its first `length` bytes: 0 or -1.
 [[nodiscard]] int rprtrunc(std::int32_t pointer, int length);
@@ -193,8 +197,8 @@ class PieceChain {
 // A page with room for a piece of `size` bytes, a fresh one when no list has any.
 [[nodiscard]] PageHold rpgetspc(int size);
 
-// Files a page, held, in the list that its room calls for, and writes it; a page that holds
-// nothing goes back to the free nodes. 0, or -1 (the page is written all the same).
+// Files a page in the list that its room calls for and marks it as modified; one that holds nothing
+// goes back to the free nodes. 0, or -1 (it is marked all the same).
 int rpflmove(PageHold held);
 // Files a page that is on no list.
 int rpfladd(PageHold page);

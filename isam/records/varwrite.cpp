@@ -9,7 +9,7 @@
 namespace isam {
 namespace {
 
-constexpr std::int32_t kMaxPageNode = 0x00FFFFFF;
+constexpr std::int32_t kMaxPageNode = 0x00FFFFFF;  // the greatest that a record pointer can name
 
 std::int32_t pointer_of(int slot, std::int32_t node) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(slot) << 24 |
@@ -42,7 +42,7 @@ PageHold fresh_page() {
   if (node < 0) return {};
   if (node > kMaxPageNode) {
     freerec(node, FreeList::kNodes);
-    failed(kCorrupted);  // a record pointer cannot name it
+    failed(kCorrupted);
     return {};
   }
   PageHold page = bfgetclr(node);
@@ -52,7 +52,8 @@ PageHold fresh_page() {
   return page;
 }
 
-// Stores a piece in a slot of its own, going on at `continuation` unless that is 0: its pointer.
+// Stores a piece in a slot of its own, going on at `continuation` unless that is 0: its pointer, or
+// -1.
 std::int32_t store_piece(ConstBytes piece, std::int32_t continuation) {
   PageHold page = rpgetspc(static_cast<int>(piece.size()));
   if (!page) return -1;
@@ -193,6 +194,7 @@ class Update {
 PageHold rpgetspc(int size) {
   const RpageGeometry geometry{filep->geometry.idxsize};
   StepLimit pages{dictp->d_nextnode()};  // no list has more
+  // From the lowest class on of which every page has room. Only the head of each list is tried.
   for (int at = size / geometry.class_width + 1; at < kRpageClasses;) {
     const std::int32_t head = dictp->d_varfree(at);
     if (head == 0) {

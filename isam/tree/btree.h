@@ -30,6 +30,7 @@
 namespace isam {
 
 enum class Edge { kFirst, kLast };
+// The order counts: reads first.
 enum class Search {
   kRead,    // the first item not below the one given
   kPast,    // the first item above it
@@ -38,22 +39,25 @@ enum class Search {
 };
 enum class Direction { kNext, kPrevious };
 
-// All of these answer 0, or -1 with iserrno; then depth is -1.
+// These answer 0, or -1 with iserrno and depth -1, unless said otherwise. Positions and searches
+// are for keys with parts; without parts a key has no tree, and items are neither added nor
+// removed.
 
 // Positions on the first item, or behind the last one, so that a move back comes to it.
 int btposition(Cursor& cursor, const keydescr& k, Edge edge);
 
 // Positions by `item` over at most `len` bytes of its key (below 1: the whole key). Reading, a
 // duplicate number decides between equal keys. To insert, the item's duplicate number is raised
-// above that of its equals; 100 when there may be none.
+// above that of its equals, and kSameKeyNearby set when one of them was met; 100 when there may be
+// none.
 int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode);
 
 // Where a walk to the item before the path's may begin, right after a search for `sought` over its
-// whole key.
+// whole key. It refers to the key of `sought`.
 [[nodiscard]] WalkStart btwalkstart(const Cursor& cursor, const Item& sought);
 
-// Moves to the neighbour item; past the last one in that direction, `ends` says so. Without parts
-// the current record number is moved, up to the last one of the file.
+// Moves to the neighbour item; past the last one in that direction, and without a path, `ends` says
+// so. Without parts the current item's record number is moved, to one beyond the file's at most.
 int btmove(Cursor& cursor, const keydescr& k, Direction direction);
 
 // Makes record `number` the item read last, in the order of record numbers.
@@ -64,8 +68,9 @@ void btnumber(Cursor& cursor, std::int32_t number);
 int btdups(Cursor& cursor, const keydescr& k, Direction direction);
 
 // Finds the current item again. 0 also when it is gone: then the position is on the item that
-// follows its place, and the flags kCurrentRead and kCurrentDeleted are cleared. -1 without a
-// current item, or when `again` asks for that very item and it is gone or its record was deleted.
+// follows its place, and the flags kCurrentRead and kCurrentDeleted are cleared. -1 with iserrno as
+// it was and the path kept: without a current item, or when `again` asks for that very item and it
+// is gone or its record was deleted.
 int btcurrent(Cursor& cursor, const keydescr& k, bool again);
 
 // Inserts an item (key, recptr; dupnm is raised as needed). 0, or -1 with iserrno: 100 when an
@@ -77,8 +82,8 @@ int btadditem(Cursor& cursor, Item& item, const keydescr& k);
 // or -1 with iserrno. Leaves depth -1.
 int btreturnitem(Cursor& cursor, const Item& item, const keydescr& k);
 
-// Removes the item with this key and recptr, whose duplicate number it leaves in `item`. 0, or -1
-// with iserrno (111 when there is none). Leaves depth -1.
+// Removes the item with this key and recptr, not looking below the dupnm given, and leaves its
+// duplicate number in `item`. 0, or -1 with iserrno (111 when there is none). Leaves depth -1.
 int btdelitem(Cursor& cursor, Item& item, const keydescr& k);
 
 // A tree was changed, or is about to be: neither the path nor what is remembered of the item read

@@ -10,6 +10,7 @@
 namespace isam {
 namespace {
 
+// Counts of compressed bytes, key, duplicate number, record pointer.
 constexpr int kLargestItem = 2 + MAXKEYLEN + 4 + kRecordPointerSize;
 // An old item area, the item inserted and the growth of the item behind it.
 constexpr std::size_t kScratchSize = kMaxNodeSize + 2 * kLargestItem;
@@ -58,13 +59,13 @@ class Insertion {
     Item last;       // that item as the left part's last
     Item first;      // the item behind it as the right part's first
   };
-  // An item area that is too long for its node.
+  // An item area that is too long for its node, with the new item in it.
   struct Overflow {
     std::int32_t node;
     int depth;
     Frame frame;
-    int old_length;
-    int inserted_end;
+    int old_length;    // without the new item
+    int inserted_end;  // of the new item
     ConstBytes area;
   };
 
@@ -86,7 +87,8 @@ class Insertion {
   int limit_;  // bytes of a node's item area
 };
 
-// Presses the item at `pos` and the one behind it. False when the area's bytes make no items.
+// Presses `item` for its place at `pos`, and the item behind it anew: `seam`. False when the area's
+// bytes make no items.
 bool Insertion::plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam) const {
   const auto length = static_cast<int>(area.size());
   if (pos > length || (!leaf && pos == length)) return false;
@@ -115,6 +117,8 @@ bool Insertion::plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam
   return true;
 }
 
+// Puts in what plan() has pressed. `area` has room for seam.total bytes, of which `length` are in
+// use.
 void Insertion::weave(Bytes area, int length, int pos, const Item& item, const Seam& seam) const {
   const int rest = length - seam.old_next_end;
   Byte* const bytes = area.data();
@@ -200,13 +204,13 @@ bool Insertion::cut_at(const Overflow& full, int least_end, Cut& cut) const {
 }
 
 bool Insertion::choose_cut(const Overflow& full, Cut& cut) const {
-  // Ascending keys leave full nodes behind.
+  // Ascending keys leave full nodes behind: only the last item goes to the right part.
   if (right_edge_) {
     const bool leaf = full.frame.level == kLeafLevel;
     if (cut_at(full, leaf ? full.old_length : full.inserted_end, cut)) return true;
   }
   if (cut_at(full, limit_ / 2, cut)) return true;
-  // A small node may hold so few large items that neither fits.
+  // A small node may hold so few large items that neither of these cuts fits.
   for (int least_end = 1; find_separator(full, least_end, cut); least_end = cut.end + 1) {
     if (press_ends(full, cut)) return true;
   }
@@ -290,6 +294,7 @@ int check_item_before(Cursor& cursor, Item& item, const keydescr& k) {
 
 // Inserts at the path's place.
 int insert_here(const Cursor& cursor, Item item, const keydescr& k) {
+  // The split of a root makes the tree one level deeper.
   if (cursor.bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);
   return Insertion{cursor, k}.btinsert(item, cursor.bt.depth);
 }

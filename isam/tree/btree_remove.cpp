@@ -84,6 +84,7 @@ int remove_item(const Cursor& cursor, const ItemLayout& layout, int depth,
   const int length = take_out(layout, node.room(), at.length, at.offset, start);
   if (length < 0) return -1;
   node.changed(length);
+  // An empty root is a leaf.
   if (length == 0) node.page().set_frame(kUsedBytes, node.page().node_type(), kLeafLevel);
   return 0;
 }
@@ -102,7 +103,7 @@ int lowest_level_kept(const Cursor& cursor, const ItemLayout& layout) {
   return depth;
 }
 
-// Frees a node whose only item goes: 0, or -1 with iserrno and the node as it was.
+// Frees a node whose only item goes, and empties it: 0, or -1 with iserrno and the node as it was.
 int free_emptied(std::int32_t number) {
   NodeImage before;
   if (!before.take(number)) return -1;
@@ -124,7 +125,7 @@ int btremove(const Cursor& cursor, const ItemLayout& layout, const WalkStart& st
     before.put(cursor.bt.level(top).node);
     return -1;
   }
-  // A node above it that cannot be freed is lost to the file; the tree is sound without it.
+  // A node above the leaf that cannot be freed is lost to the file; the tree is sound without it.
   const std::int32_t error = iserrno;
   for (int depth = cursor.bt.depth - 1; depth > top; --depth)
     free_emptied(cursor.bt.level(depth).node);
@@ -153,9 +154,10 @@ int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
   return failed(kNoRecord);
 }
 
-class Recovery {
+// Frees the nodes of an index, children first: 0, or -1 with iserrno when something was left.
+class NodeRecovery {
  public:
-  explicit Recovery(const keydescr& k) : layout_(k), nodes_(dictp->d_nextnode()) {}
+  explicit NodeRecovery(const keydescr& k) : layout_(k), nodes_(dictp->d_nextnode()) {}
 
   int free_subtree(std::int32_t number, int depth);
 
@@ -163,10 +165,10 @@ class Recovery {
   int free_children(ConstBytes area, int depth);
 
   ItemLayout layout_;
-  StepLimit nodes_;
+  StepLimit nodes_;  // of the file: no index has more
 };
 
-int Recovery::free_children(ConstBytes area, int depth) {
+int NodeRecovery::free_children(ConstBytes area, int depth) {
   int result = 0;
   ItemWalk walk{layout_, area};
   while (!walk.is_last()) {
@@ -177,7 +179,7 @@ int Recovery::free_children(ConstBytes area, int depth) {
   return result;
 }
 
-int Recovery::free_subtree(std::int32_t number, int depth) {
+int NodeRecovery::free_subtree(std::int32_t number, int depth) {
   if (depth == kMaxTreeLevels || number > dictp->d_nextnode() || nodes_.exceeded()) {
     return failed(kCorrupted);
   }
@@ -201,7 +203,7 @@ int btdelitem(Cursor& cursor, Item& item, const keydescr& k) {
 }
 
 int btrecover(std::int32_t root, const keydescr& k) {
-  return root == 0 ? 0 : Recovery{k}.free_subtree(root, 0);
+  return root == 0 ? 0 : NodeRecovery{k}.free_subtree(root, 0);
 }
 
 }  // namespace isam

@@ -9,6 +9,7 @@ namespace isam {
 
 namespace {
 
+// Gives the path up: -1.
 int lost(Cursor& cursor) {
   cursor.bt.depth = -1;
   return -1;
@@ -36,6 +37,7 @@ void note_search(Cursor& cursor, const PathLevel& leaf, int passed) {
   cursor.searched = {filep->cached.generation, leaf.node, leaf.offset, passed};
 }
 
+// The child that the item ending at `end` names.
 std::int32_t child_before(ConstBytes area, int end) {
   return stored_recptr(area.data() + end - kRecordPointerSize);
 }
@@ -65,7 +67,7 @@ TreeNode node_at(Cursor& cursor, int depth, std::int32_t number) {
   return node;
 }
 
-// Stands before the first item of a node, or behind the last one, as `direction` will go.
+// Stands beside the items of a node, so that a step in `direction` comes to the first or last one.
 void stand_outside(PathLevel& level, Direction direction) {
   level.offset = level.next = direction == Direction::kNext ? 0 : level.length;
 }
@@ -181,7 +183,8 @@ int read_item(Cursor& cursor, const ItemLayout& layout) {
   return 0;
 }
 
-// Whether the item on the path is one of two neighbours in a leaf of which the later stores no key.
+// Whether the item on the path and its neighbour, which is in the leaf too, have the same key, as
+// the repeat bit between them says: 0, or -1 with iserrno.
 int read_repeat_bit(Cursor& cursor, Direction direction, bool& repeats) {
   const PathLevel& leaf = cursor.bt.leaf();
   const TreeNode node{leaf.node};

@@ -28,15 +28,17 @@ bool Descent::choose(const TreeNode& node, PathLevel& level) {
   return found && !refused_;
 }
 
-// The item at `offset` is chosen. `result` is negative when it is greater than the one sought.
-bool Descent::choose(PathLevel& level, int offset, int next, int result) {
+// Chooses the item at `offset`: true. `result` is negative when it is greater than the one sought.
+bool Descent::settle_on(PathLevel& level, int offset, int next, int result) {
   greater_ = result < 0;
   level.offset = offset;
   level.next = next;
   return true;
 }
 
-// Orders the item sought against one with an equal key.
+// Orders the item sought against one with an equal key: negative where this one counts as greater.
+// An insertion is refused, or its duplicate number raised. (Without duplicates an upper node's key
+// refuses none: it may have left the tree.)
 int Descent::break_tie(std::int32_t dupnm) {
   switch (mode_) {
     case Search::kRead:
@@ -56,6 +58,7 @@ int Descent::break_tie(std::int32_t dupnm) {
   return 0;
 }
 
+// Orders the item sought against the one at `pos`.
 int Descent::compare_fixed(ConstBytes area, int pos) {
   const Byte* const stored = area.data() + pos;
   const int result = order_.compare(sought_.key, stored, len_);
@@ -80,7 +83,7 @@ bool Descent::choose_fixed(ConstBytes area, PathLevel& level) {
   for (;; ++low) {
     const bool last = low == count - 1;
     const int result = covers_all(last) ? 0 : compare_fixed(area, low * size);
-    if (result < 0 || last) return choose(level, low * size, (low + 1) * size, result);
+    if (result < 0 || last) return settle_on(level, low * size, (low + 1) * size, result);
   }
 }
 
@@ -96,7 +99,7 @@ bool Descent::choose_reading(ConstBytes area, PathLevel& level) {
       result = itcompare(sought_, found_, order_, len_);
       if (result == 0) result = break_tie(found_.dupnm);
     }
-    if (result < 0 || last) return choose(level, pos, next, result);
+    if (result < 0 || last) return settle_on(level, pos, next, result);
     before = found_.key;
     pos = next;
   }
@@ -129,7 +132,7 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
   ItemWalk walk{layout_, area};
   while (walk.next()) {
     const bool last = walk.is_last();
-    if (covers_all(last)) return choose(level, walk.start(), walk.end(), 0);
+    if (covers_all(last)) return settle_on(level, walk.start(), walk.end(), 0);
     const bool same_outcome = walk.repeats() ? match < keylen : walk.leadc() > match;
     if (same_outcome && !last) continue;
     int result = 1;
@@ -138,9 +141,9 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
       result = stored.repeats ? 0 : compare_bytes(stored, match);
       if (result == 0) result = break_tie(stored_dupnm(layout_, stored.behind_key()));
     }
-    if (result < 0) return choose(level, walk.start(), walk.end(), result);
+    if (result < 0) return settle_on(level, walk.start(), walk.end(), result);
     if (!same_outcome) from_ = walk.start();
-    if (last) return choose(level, walk.start(), walk.end(), result);
+    if (last) return settle_on(level, walk.start(), walk.end(), result);
   }
   return false;
 }

@@ -1,7 +1,8 @@
 // descent: the place of one item in the nodes of a search path, one node after the other.
 //
 // Gives   per node the first item that is greater than the one sought, or the node's last; on the
-//         way it refuses to insert a key that an index without duplicates has already
+//         way it refuses to insert a key that an index without duplicates has already. To kRead
+//         and kReturn an item of the same key is greater, unless its duplicate number is less
 // Never   puts more keys together than the search needs: in a compressed node an item that takes
 //         more bytes from its predecessor than this shares with the item sought is passed over
 #pragma once
@@ -17,19 +18,20 @@ class Descent {
   // kInsert; `found` is working space until take() is called.
   Descent(Item& sought, Item& found, const keydescr& k, int len, Search mode);
 
-  // Sets the offsets of `level` to the item chosen. False with iserrno: 105 when the node's items
-  // cannot be read, 100 when an equal item forbids the insertion.
+  // Sets the offsets of the node's `level` to the item chosen; the node has items. False with
+  // iserrno: 105 when these cannot be read, 100 when an equal item forbids the insertion.
   [[nodiscard]] bool choose(const TreeNode& node, PathLevel& level);
 
-  // Of the node chosen from last: whether the item chosen is greater than the one sought, and
-  // whether a leaf item was equal, as far as the search met it.
+  // Of the node chosen from last: whether the item chosen is greater than the one sought, and, of
+  // an insertion, whether it is a leaf in which an item of the same key was met.
   [[nodiscard]] bool on_greater() const { return greater_; }
   [[nodiscard]] bool met_equal() const { return met_equal_; }
-  // ... and of the items passed, one that takes its leading bytes from the key sought; 0 for none.
+  // ... and the offset of an item passed (0: none is known) that is compressed against bytes of the
+  // key sought: a walk may begin there with this key, without what lies before.
   [[nodiscard]] int passed() const { return from_; }
 
-  // Leaves that greater item of a leaf unpacked in `found`: false with 105 when its bytes make no
-  // item.
+  // Where on_greater() holds of a leaf: leaves the item chosen unpacked in `found`. False with 105
+  // when its bytes make no item.
   [[nodiscard]] bool take(const TreeNode& node, const PathLevel& leaf);
 
  private:
@@ -42,7 +44,7 @@ class Descent {
   // The key of an upper node's last item carries no meaning; but an insertion among equals takes a
   // duplicate number above that item's too, where it repeats the key.
   [[nodiscard]] bool covers_all(bool last) const { return last && !leaf_ && !numbers_; }
-  bool choose(PathLevel& level, int offset, int next, int result);
+  bool settle_on(PathLevel& level, int offset, int next, int result);
 
   Item& sought_;
   Item& found_;
@@ -51,7 +53,7 @@ class Descent {
   int len_;
   Search mode_;
   bool numbers_;  // an item of an index with duplicates is to be inserted
-  bool skips_;    // keys are decided by their first differing byte, and compared whole
+  bool skips_;    // keys are compressed, decided by their first differing byte and compared whole
   int from_ = 0;
   bool leaf_ = false;
   bool greater_ = false;

@@ -26,12 +26,10 @@ std::string folder_of_pair() {
   return folder.empty() ? "." : folder.string();
 }
 
-int failed_sort(int system_error) { return failed_system(system_error); }
-
 }  // namespace
 
-// An entry: sort key, record number, and the key itself when the sort key differs from it. Records
-// are added in ascending order, and the sorter keeps it within equal keys.
+// An entry: sort key, as long as the key, record number, and the key itself when the sort key is
+// another one. Records are added in ascending order, and the sorter keeps it within equal keys.
 IndexLoad::IndexLoad(const keydescr& k, int sharers)
     : key_(k),
       order_(k),
@@ -73,9 +71,10 @@ int IndexLoad::add(const Byte* record, std::int32_t number) {
   }
   if (!plain_) sort_key_.make(key, entry_.data());
   common::stlong(number, entry_.data() + keylen_);
-  return sorter_.add(entry_.data()) == 0 ? 0 : failed_sort(errno);
+  return sorter_.add(entry_.data()) == 0 ? 0 : failed_system(errno);
 }
 
+// Builds the tree, and puts on `rejected` the numbers of the records left out.
 int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter& rejected) {
   TreeLoader loader{key_, taken_};
   const std::int32_t greatest = ItemLayout{key_}.greatest_dupnm();
@@ -91,7 +90,7 @@ int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter&
     first = false;
     std::memcpy(previous.data(), entry, keylen_);
     if (duplicate > greatest) {
-      if (rejected.add(entry + keylen_) != 0) return failed_sort(errno);
+      if (rejected.add(entry + keylen_) != 0) return failed_system(errno);
       continue;
     }
     std::memcpy(item.key, key_of(entry), keylen_);
@@ -99,13 +98,13 @@ int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter&
     item.dupnm = static_cast<std::int32_t>(duplicate);
     if (loader.add(item) != 0) return -1;
   }
-  if (sorter_.error() != 0) return failed_sort(sorter_.error());
+  if (sorter_.error() != 0) return failed_system(sorter_.error());
   return loader.finish(root);
 }
 
 int IndexLoad::sort() {
   sorted_ = true;
-  return sorter_.finish() == 0 ? 0 : failed_sort(errno);
+  return sorter_.finish() == 0 ? 0 : failed_system(errno);
 }
 
 void IndexLoad::give_nodes_back() {
@@ -114,15 +113,16 @@ void IndexLoad::give_nodes_back() {
 
 int IndexLoad::finish(std::int32_t root, const Listener& listener) {
   if (!sorted_ && sort() != 0) return -1;
+  // Records are left out in the order of their keys and reported in that of their numbers.
   common::Sorter rejected({.entry_size = kNumberSize,
                            .key_size = kNumberSize,
                            .memory = memory_ / 4,
                            .folder = folder_of_pair(),
                            .order = {}});
   if (load(root, listener, rejected) != 0) return -1;
-  if (rejected.finish() != 0) return failed_sort(errno);
+  if (rejected.finish() != 0) return failed_system(errno);
   while (const Byte* entry = rejected.next()) listener.left_out(common::ldlong(entry));
-  return rejected.error() == 0 ? 0 : failed_sort(rejected.error());
+  return rejected.error() == 0 ? 0 : failed_system(rejected.error());
 }
 
 }  // namespace isam

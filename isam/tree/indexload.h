@@ -22,31 +22,31 @@ namespace isam {
 
 class IndexLoad {
  public:
-  // `sharers` that exist at the same time share the memory.
+  // `sharers`: how many loads exist at the same time; they share the memory.
   explicit IndexLoad(const keydescr& k, int sharers = 1);
 
   // Takes the key of a record, in ascending order of record numbers. 0, or -1 with iserrno.
   [[nodiscard]] int add(const Byte* record, std::int32_t number);
 
+  // Ends the adding: the sorting needs no more room on the disk. 0, or -1 with iserrno.
+  [[nodiscard]] int sort();
+
+  // Both must be set.
   struct Listener {
     std::function<void(std::int32_t record)> left_out;  // could not be indexed
-    std::function<void(std::int64_t items)> loaded;     // how far the tree has grown
+    std::function<void(std::int64_t items)> loaded;     // records done, also those left out
   };
-
-  // Ends the adding: nothing later needs more room. 0, or -1 with iserrno.
-  [[nodiscard]] int sort();
 
   // Sorts, unless that was done, and builds the tree under `root`. 0, or -1 with iserrno; then the
   // tree is not usable.
   [[nodiscard]] int finish(std::int32_t root, const Listener& listener);
-  // Whether it has met equal keys.
+  // Whether finish() has met equal keys.
   [[nodiscard]] bool met_equal() const { return met_equal_; }
-  // Gives the nodes of the tree back, except for the root: the free list is as it was.
+  // Gives the nodes of the tree back, except for the root, the last taken first: the free list is
+  // as it was.
   void give_nodes_back();
 
  private:
-  struct Entry;
-
   [[nodiscard]] common::Sorter::Shape shape() const;
   [[nodiscard]] bool same_key(const Byte* a, const Byte* b) const;
   [[nodiscard]] const Byte* key_of(const Byte* entry) const;
@@ -57,7 +57,7 @@ class IndexLoad {
   SortKey sort_key_;
   std::size_t keylen_;
   bool sortable_;  // entries are ordered by their bytes
-  bool plain_;     // ... and their sort key is the key itself
+  bool plain_;     // entries begin with the key itself, not with a sort key
   bool met_equal_ = false;
   bool sorted_ = false;
   std::size_t memory_;

@@ -123,7 +123,8 @@ void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press) {
     length = extent + 1;
   }
   if (layout.lcompress && press != Press::kFirst) {
-    // Never more than the previous item's stored key, nor the whole of this one.
+    // Never more than the previous item's stored key (of one that stores none: its key without
+    // trailing blanks). Without trailing compression this item stores its last byte at least.
     const bool prev_stores = (prev->flag & kRepeatsPrevious) == 0;
     const int prev_extent =
         prev_stores ? layout.keylen - prev->tailc : stored_extent(prev->key, layout.keylen);

@@ -64,8 +64,8 @@ struct StoredItem {
   [[nodiscard]] const Byte* behind_key() const { return key + keyln; }
 };
 
-// Goes over the stored items of an area from its first on, without putting their keys together. It
-// reaches past nothing, whatever the bytes say.
+// Goes over the stored items of an area, without putting their keys together, from `pos` on: 0, or
+// where an item ends. It reads nothing outside the area, whatever the bytes say.
 class ItemWalk {
  public:
   ItemWalk(const ItemLayout& layout, ConstBytes area, int pos = 0)
@@ -135,7 +135,7 @@ class ItemWalk {
   return true;
 }
 
-// The numbers behind an item's key bytes.
+// The numbers behind an item's key bytes; `at` is where they stand.
 [[nodiscard]] inline std::int32_t stored_dupnm(const ItemLayout& layout, const Byte* at) {
   if (layout.dupwidth == 0) return 0;
   return layout.dupwidth == 4 ? common::ldlong(at) : common::ldword(at);
@@ -176,13 +176,14 @@ class ItemWalk {
   return stored.end;
 }
 
-// The least item: a record pointer.
+// What a node has at most: the least item is a record pointer.
 inline constexpr std::size_t kMostItems = kMaxNodeSize / kRecordPointerSize;
 
 // The key that a node's first item follows.
 inline constexpr Byte kNoKey[MAXKEYLEN] = {};
 
-// Where a walk over items may begin: at an item that takes its leading bytes from a key like this.
+// Where a walk over items may begin: at the item at `offset`. What this takes over from the item
+// before it is taken from `key`.
 struct WalkStart {
   int offset = 0;
   const Byte* key = kNoKey;
@@ -190,7 +191,8 @@ struct WalkStart {
 
 // The offset of the item that ends at `pos`, or -1 when none does.
 [[nodiscard]] int itbefore(const ItemLayout& layout, ConstBytes area, int pos);
-// The same, leaving the item unpacked in `item`. The walk to it begins at `start`, before `pos`.
+// The same, leaving the item unpacked in `item`. The walk to it begins at `start`, before `pos`,
+// whose key is not item.key.
 [[nodiscard]] int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item,
                              const WalkStart& start = {});
 
@@ -205,17 +207,20 @@ struct WalkStart {
 enum class Press {
   kAfter,   // behind the item given
   kFirst,   // first of its node
-  kRepeat,  // behind an item whose key it repeats, whatever its own key says
+  kRepeat,  // behind an item whose key it repeats, whatever its own key says; where the layout
+            // cannot repeat keys (dcompress) its own key is stored
 };
 
-// Builds an item from a record; dupnm and recptr are 0.
+// Makes an item, not pressed yet, of a record's key; dupnm and recptr are 0.
 void itmake(const Byte* record, Item& item, const keydescr& k);
 
 // Computes the stored form of `item` (flag, totln, keyln, leadc, tailc), and with Press::kAfter
-// the flag of `prev` that says whether its key is repeated. `prev` may be null with kFirst.
+// the flag of `prev`, itself unpacked or pressed, that says whether its key is repeated. `prev` may
+// be null with kFirst.
 void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press);
 
-// Stores a pressed item at `pos` and marks its predecessor's record pointer; the offset behind it.
+// Stores a pressed item at `pos`, and sets or clears the repeat bit of the item before it: the
+// offset behind it.
 int itpack(const ItemLayout& layout, const Item& item, Bytes area, int pos);
 
 // Compares the keys of two items over at most `len` bytes (below 1: the whole key): negative, 0 or

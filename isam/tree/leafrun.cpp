@@ -8,6 +8,7 @@
 namespace isam {
 namespace {
 
+// The record that the item ending at `end` names.
 std::int32_t record_before(ConstBytes area, int end) {
   return stored_recptr(area.data() + end - kRecordPointerSize);
 }

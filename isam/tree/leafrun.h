@@ -15,17 +15,16 @@ namespace isam {
 
 class LeafRun {
  public:
-  // Gathers at most `most` items behind the one that the cursor stands on and has read, or before
-  // it. Of an index with duplicates only those whose neighbour in that direction is in the leaf
-  // too. None where only a move can tell: at the leaf's end, beside the items, where bytes make no
-  // item.
+  // Gathers at most `most` items in this direction from the one that the cursor stands on and has
+  // read. Of an index with duplicates only those whose own neighbour there is in the leaf too. None
+  // where only a move can tell: at the leaf's end, beside the items, where bytes make no item.
   void gather(const Cursor& cursor, const keydescr& k, Direction direction, std::size_t most);
 
   // Their record numbers, in the order of the moves.
   [[nodiscard]] std::span<const std::int32_t> records() const { return {records_.data(), count_}; }
 
-  // Stands on the item of records()[index], as so many moves would: 0, or -1 with iserrno and depth
-  // -1.
+  // Stands on the item of records()[index] and reads it, as index + 1 moves would: 0, or -1 with
+  // iserrno and depth -1.
   int stand_on(Cursor& cursor, const keydescr& k, std::size_t index) const;
 
  private:
@@ -34,7 +33,7 @@ class LeafRun {
 
   std::size_t count_ = 0;
   Direction direction_ = Direction::kNext;
-  std::size_t walked_ = 0;                            // items met, in the order of the leaf
+  std::size_t walked_ = 0;  // items met, in the order of the leaf; more than count_ perhaps
   std::array<std::uint16_t, kMostItems + 1> starts_;  // ... where they start, and the end
   std::array<std::int32_t, kMostItems> records_;
 };

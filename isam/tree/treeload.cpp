@@ -16,7 +16,7 @@ int TreeLoader::write_node(std::int32_t node, std::size_t level) {
 }
 
 int TreeLoader::close(std::size_t level) {
-  taken_.push_back(0);
+  taken_.push_back(0);  // its place first: where memory ends, no node has been taken
   const std::int32_t node = taken_.back() = allocrec(FreeList::kNodes);
   if (node < 0) taken_.pop_back();
   if (node < 0 || write_node(node, level) != 0) return -1;

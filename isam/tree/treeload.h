@@ -21,7 +21,7 @@ namespace isam {
 
 class TreeLoader {
  public:
-  // The nodes taken for the tree are put on `taken`, in their order.
+  // The nodes taken for the tree are put on `taken`, in the order of taking.
   TreeLoader(const keydescr& k, std::vector<std::int32_t>& taken) : layout_(k), taken_(taken) {}
 
   // Appends a leaf item: its key, recptr and dupnm. 0, or -1 with iserrno.

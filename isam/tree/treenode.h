@@ -1,4 +1,4 @@
-// treenode: a busy page seen as a node of a tree, its frame checked.
+// treenode: a page, held and seen as a node of a tree, its frame checked.
 #pragma once
 
 #include "isam/base/errors.h"
@@ -9,8 +9,8 @@ namespace isam {
 class TreeNode {
  public:
   TreeNode() = default;
-  // Empty with iserrno when the node cannot be read, 105 when its used count is impossible or it
-  // is a node of another kind.
+  // Empty with iserrno when the node cannot be read, 105 when its used count is impossible or its
+  // kind is that of a list or a storage page.
   explicit TreeNode(std::int32_t node) : page_(bfread(node)) {
     if (page_ && (length() < 0 || length() > item_area_limit(filep->geometry.idxsize) ||
                   page_.node_type() >= kIndexFreeNode || page_.node_type() == kStoragePage)) {
