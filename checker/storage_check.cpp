@@ -126,10 +126,7 @@ Filing filing_of(const Rpage& page) {
     return Filing::kMustNot;
   }
   if (rpage_class_of(page) != isam::rpage::kEmptyClass) return Filing::kMay;
-  for (int i = 0; i < page.slots_in_page(); ++i) {
-    if (page.slot(i).length != 0) return Filing::kMustNot;
-  }
-  return Filing::kNeedNot;
+  return page.holds_data() ? Filing::kMustNot : Filing::kNeedNot;
 }
 
 void filing_failed(Check& check, Code code, std::int32_t node) {

@@ -183,6 +183,7 @@ inline constexpr int kSlotSize = 4;  // length and offset of a piece
 inline constexpr int kMaxSlots = 255;
 inline constexpr Byte kContinues = 1;   // flag: the continuation pointer is valid
 inline constexpr Byte kNotFiled = 255;  // class of a page that is on no list yet
+inline constexpr int kFullClass = 0;    // ... without room worth listing
 inline constexpr int kEmptyClass = 5;   // computed for a page that holds nothing
 // Free bytes of an empty page.
 [[nodiscard]] constexpr int capacity(int stored_size) { return stored_size - 25; }

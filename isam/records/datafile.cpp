@@ -17,8 +17,8 @@ namespace {
 constexpr std::int64_t kBlocksAddressable = std::int64_t{INT32_MAX} + 1;
 
 // A place in the data file that moves forward, holding the block it stands in. One that will write
-// `ahead` bytes also holds the next block of these before it changes one, so that no read fails
-// half way through a slot of two blocks.
+// `ahead` bytes also holds the next block of these before it changes one, and has read the others
+// once, so that no read fails half way through a slot.
 class Transfer {
  public:
   explicit Transfer(std::int64_t offset, int ahead = 0) : offset_(offset), end_(offset + ahead) {}
@@ -65,6 +65,7 @@ class Transfer {
     if (block == held_) return 0;
     page_.release();
     held_ = -1;
+    if (look_ahead(block + 2) != 0) return -1;
     page_ = next_ ? std::move(next_) : read_block(block);
     if (!page_) return -1;
     if (end_ > (block + 1) * kPageSize) {
@@ -72,6 +73,15 @@ class Transfer {
       if (!next_) return -1;
     }
     held_ = block;
+    return 0;
+  }
+
+  // Reads the blocks to be written from this one on, unless that was done: 0, or -1.
+  int look_ahead(std::int64_t block) {
+    for (; !has_looked_ && block * kPageSize < end_; ++block) {
+      if (!read_block(block)) return -1;
+    }
+    has_looked_ = true;
     return 0;
   }
 
@@ -84,6 +94,7 @@ class Transfer {
   std::int64_t offset_;
   std::int64_t end_;
   std::int64_t held_ = -1;
+  bool has_looked_ = false;
   PageHold page_;
   PageHold next_;
   Byte* here_ = nullptr;

@@ -158,11 +158,12 @@ std::int32_t pop_behind_empty_head(PageHold head) {
   PageHold page = list_node(FreeList::kRecords, next);
   if (!page) return -1;
   if (page.used() == kEntriesOffset) return failed(kCorrupted);  // only a head may be empty
-  const std::int32_t number = pop_entry(FreeList::kRecords, page);
   page.release();
-  if (number < 0 || freerec(emptied, FreeList::kNodes) != 0) return -1;
+  // What can fail comes before a number leaves its node.
+  if (freerec(emptied, FreeList::kNodes) != 0) return -1;
   set_head(FreeList::kRecords, next);
-  return number;
+  page = list_node(FreeList::kRecords, next);
+  return page ? pop_entry(FreeList::kRecords, page) : -1;
 }
 
 // Lays `node` out as the new head, without entries, in front of the old one.

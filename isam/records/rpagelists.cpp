@@ -84,7 +84,9 @@ int rpflmove(PageHold held) {
   const std::int32_t node = page.node();
   const Rpage view{page};
   const int from = view.page_class();
-  const int to = rpage_class_of(view);
+  int to = rpage_class_of(view);
+  // Damaged counts may make a page with records' bytes look empty: it must not become a free node.
+  if (to >= rpage::kEmptyClass && view.holds_data()) to = rpage::kFullClass;
   page.modified();
   if (from == to && from < kRpageClasses) return 0;  // what a damaged page claims may be greater
   if (on_a_list(from) && RpageLists::unlink_page(page) != 0) return -1;

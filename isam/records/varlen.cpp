@@ -30,6 +30,13 @@ bool Rpage::is_big() const {
          (bytes_[rpage::kFlags] & rpage::kContinues) != 0;
 }
 
+bool Rpage::holds_data() const {
+  for (int i = 0; i < slots_in_page(); ++i) {
+    if (slot(i).length != 0) return true;
+  }
+  return false;
+}
+
 std::int32_t Rpage::rpgetext() const {
   if (!is_big()) return 0;
   const std::int32_t pointer = common::ldlong(bytes_.data() + rpage::kContinuation);

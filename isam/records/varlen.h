@@ -68,6 +68,10 @@ class Rpage {
   // Whether a slot's data can be read: of no length, or between the header and the page's end.
   [[nodiscard]] bool readable(const Slot& slot) const;
   [[nodiscard]] bool has_empty_slot() const;
+  // Whether any slot has a length, whatever the counts say.
+  [[nodiscard]] bool holds_data() const;
+  // Whether every slot lies in the data, so that bytes of the page can be moved.
+  [[nodiscard]] bool movable() const;
   [[nodiscard]] bool is_big() const;
   [[nodiscard]] const RpageGeometry& geometry() const { return geometry_; }
 
@@ -95,7 +99,6 @@ class Rpage {
   [[nodiscard]] int table_start(int slots) const {
     return geometry_.first_slot + rpage::kSlotSize - slots * rpage::kSlotSize;
   }
-  [[nodiscard]] bool movable() const;
   void close_gap(int start, int size);
   void set_word(int offset, int value) {
     common::stword(static_cast<std::uint32_t>(value), bytes_.data() + offset);

@@ -263,10 +263,11 @@ int rprtrunc(std::int32_t pointer, int length) {
   PageHold page = walk.read();
   if (!page) return -1;
   Rpage view{page};
-  if (walk.goes_on() && view.rpmksmall() != 0) return -1;
+  const bool continues = walk.goes_on();
   const int slot = walk.slot();
   if (!walk.rprwalk()) return -1;
-  if (view.slot(slot).length < length) return failed_unless_set(kCorrupted);
+  if (view.slot(slot).length < length || !view.movable()) return failed_unless_set(kCorrupted);
+  if (continues && view.rpmksmall() != 0) return -1;
   if (view.rpslchange(slot, length) != 0 || rpflmove(std::move(page)) != 0) return -1;
   return rprfree(walk.pointer());
 }
