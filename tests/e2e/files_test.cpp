@@ -1,72 +1,15 @@
-// The files of a pair: what is done with them when they are not what or where they were.
-#include <fcntl.h>
+// Records that go to the file by themselves. (What else is done with the files of a pair:
+// tests/scripts/files.)
 #include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <filesystem>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 #include "common/io.h"
 #include "tests/e2e/sessions.h"
-#include "tests/support/layout.h"
-#include "tests/support/pair_walk.h"
-#include "tests/support/run_program.h"
 
 namespace testing_support {
 namespace {
-
-class Files : public testing::TestWithParam<bool> {
- protected:
-  void SetUp() override { build_pair_of(base_, GetParam(), 30); }
-  [[nodiscard]] Session session(const std::string& base) const { return {base, GetParam()}; }
-
-  TempFolder folder_;
-  const std::string base_ = folder_ / "pair";
-};
-
-// Another process takes the open lock of a pair whenever it is free before a request for it.
-ino_t wanted_pair = 0;
-std::vector<pid_t> intruders;
-
-ino_t inode_of(const char* path) {
-  struct stat status {};
-  return ::stat(path, &status) == 0 ? status.st_ino : 0;
-}
-int lock_after_intruder(int fd, int command, struct flock* lock) {
-  int ends[2];
-  if (lock->l_start == 0x7FFFFFFF && inode_of("pair.idx") == wanted_pair && ::pipe(ends) == 0) {
-    intruders.push_back(start_process([&] {
-      struct flock shared = *lock;
-      shared.l_type = F_RDLCK;
-      if (::fcntl(::open("pair.idx", O_RDWR), F_SETLK, &shared) != 0) return;
-      if (::write(ends[1], "!", 1) == 1) ::pause();
-    }));
-    ::close(ends[1]);
-    char got = 0;
-    static_cast<void>(!::read(ends[0], &got, 1));
-    ::close(ends[0]);
-  }
-  return ::fcntl(fd, command, lock);
-}
-
-TEST_P(Files, AreNobodyElsesWhileTheyAreClustered) {
-  EXPECT_EQ(end_of(start_process([&] {
-              std::filesystem::current_path(folder_.path());
-              Session pair = session("pair");
-              if (pair.open(ISINOUT | ISEXCLLOCK) < 0) ::_exit(1);
-              wanted_pair = inode_of("pair.idx");
-              common::system_calls().fcntl_lock = lock_after_intruder;
-              keydescr key = group_key();
-              const int clustered = ::iscluster(pair.isfd, &key);
-              for (const pid_t intruder : intruders) ::kill(intruder, SIGKILL);
-              if (clustered < 0) ::_exit(::iserrno);
-            })),
-            0);
-}
 
 // Single records that are written, and how many of these writes fail.
 constexpr std::size_t kSlot = kMinimum + 1;
@@ -124,9 +67,6 @@ TEST(Records, AreWrittenByThemselvesOrNotAtAll) {
     EXPECT_EQ(walk_pair(base).problems, std::vector<std::string>{});
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Formats, Files, testing::Bool(),
-                         [](const auto& test) { return test.param ? "Varying" : "Fixed"; });
 
 }  // namespace
 }  // namespace testing_support

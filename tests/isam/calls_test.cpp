@@ -1,9 +1,8 @@
-// Single calls: how they tell what went wrong, and what stays open.
-#include <fcntl.h>
+// Single calls on many records, two opens, and the texts of codes. (How calls tell what went wrong,
+// and what stays open: tests/scripts/calls.)
 #include <gtest/gtest.h>
 
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -13,7 +12,6 @@
 #include <string>
 
 #include "isam.h"
-#include "tests/support/between.h"
 #include "tests/support/run_program.h"
 
 namespace testing_support {
@@ -22,18 +20,6 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string record_of(int id) { return std::to_string(10'000'000 + id) + "and so on   "; }
-std::string status() { return {isstat1, isstat2, isstat3, isstat4}; }
-
-// Pairs whose index file this process has open, or those of a name.
-int pairs_open(const std::string& name = {}) {
-  int found = 0;
-  for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-    std::error_code gone;
-    const auto path = fs::read_symlink(entry.path(), gone);
-    found += path.extension() == ".idx" && (name.empty() || path.stem() == name) ? 1 : 0;
-  }
-  return found;
-}
 
 class Calls : public testing::Test {
  protected:
@@ -56,42 +42,7 @@ class Calls : public testing::Test {
   TempFolder folder_;
 };
 
-// From 100 on an errno would read as a code of the library: 110 as the end of the file.
-TEST_F(Calls, SystemCodesAreNotTheLibrarys) {
-  struct Way {
-    SystemCall::Kind refused;
-    int place;
-    int (*call)(int isfd, const char* other);
-  };
-  const Way ways[] = {
-      {SystemCall::kWrite, 0x51,
-       [](int isfd, const char*) { return ::iswrite(isfd, record_of(2).data()); }},
-      {SystemCall::kLock, 0x61, [](int isfd, const char*) { return ::isflush(isfd); }},
-      {SystemCall::kRead, 0x41,
-       [](int, const char* other) { return ::isopen(other, ISINPUT + ISMANULOCK); }},
-      {SystemCall::kStat, 0,
-       [](int, const char* other) { return ::isopen(other, ISINPUT + ISMANULOCK); }},
-  };
-  ::isclose(build("other"));
-  const int isfd = build("pair");
-  for (const Way& way : ways) {
-    for (const auto& [given, told] : {std::pair{EIO, EIO},
-                                      {ENOSPC, ENOSPC},
-                                      {EDQUOT, ENOSPC},
-                                      {ESTALE, EIO},
-                                      {ETIMEDOUT, EIO},
-                                      {99, 99}}) {
-      SCOPED_TRACE(testing::Message() << way.refused << " " << given);
-      refuse(way.refused, given);
-      EXPECT_EQ(way.call(isfd, (folder_ / "other").c_str()), -1);
-      EXPECT_EQ(iserrno, told);
-      EXPECT_EQ(iserrio, way.place);
-    }
-    stand_aside();
-  }
-}
-
-// ... and the manual page has them all.
+// The manual page has them all.
 TEST_F(Calls, EveryCodeHasItsText) {
   std::map<int, std::string> texts;
   std::ifstream page{fs::path{KESTRO_MANUAL}.replace_filename("iserrno.3")};
@@ -191,61 +142,6 @@ TEST_F(Calls, ManyRecordsAreRefusedAsAWhole) {
   set.lengths = nullptr;
   EXPECT_EQ(::iswritemany(isfd, &set), 0);
   EXPECT_EQ(iserrno, ISEDUPLICATE);
-}
-
-TEST_F(Calls, SoManyIdlePairsStayOpen) {
-  EXPECT_EQ(::isvclose(10), 0);
-  for (const char* name : {"a", "b", "c", "d", "e"}) ::isclose(build(name));
-  const int busy = open("a");
-  for (const auto& [most, left] : {std::pair{5, 5}, {4, 4}, {2, 2}, {0, 1}, {-1, 1}}) {
-    EXPECT_EQ(::isvclose(most), 0);
-    EXPECT_EQ(pairs_open(), left) << most;
-  }
-  // Those used last stay.
-  EXPECT_EQ(::isvclose(10), 0);
-  for (const char* name : {"b", "c", "d", "b"}) ::isclose(open(name));
-  ::isvclose(2);
-  EXPECT_EQ(pairs_open("b"), 1);
-  EXPECT_EQ(::isclose(busy), 0);
-}
-
-// A pair that was kept at hand and has lost its data file is like any other such pair.
-TEST_F(Calls, AnIdlePairWithoutItsDataIsNone) {
-  const std::string base = folder_ / "pair";
-  ::isvclose(9);
-  for (const bool erases : {false, true}) {
-    ASSERT_EQ(::isclose(build("pair")), 0);
-    ASSERT_EQ(pairs_open(), 1);
-    fs::remove(base + ".dat");
-    EXPECT_EQ(erases ? ::iserase(base.c_str()) : open("pair", ISAUTOLOCK), -1);
-    EXPECT_EQ(iserrno, ENOENT);
-    EXPECT_EQ(iserrio, 0x12);
-    EXPECT_EQ(status(), "9035");
-    EXPECT_EQ(pairs_open(), 0);
-    EXPECT_EQ(fs::remove(base + ".idx"), !erases);
-  }
-}
-
-TEST_F(Calls, ACleanupClosesEverythingAndTellsTheFirstFailure) {
-  const int opens[] = {build("a", ISEXCLLOCK), build("b"), build("c", ISEXCLLOCK)};
-  ::isvclose(9);
-  ::isclose(build("d"));
-  for (const int isfd : {opens[0], opens[2]}) {
-    EXPECT_EQ(::isrewrec(isfd, 1, record_of(7).data()), 0);
-  }
-  refuse(SystemCall::kWrite, ENOSPC);
-  EXPECT_EQ(::iscleanup(), -1);
-  stand_aside();
-  EXPECT_EQ(iserrno, ENOSPC);
-  EXPECT_EQ(status(), "9090");
-  EXPECT_EQ(pairs_open(), 0);
-  for (const int isfd : opens) EXPECT_EQ(::isflush(isfd), -1);
-  // What was told before it stays when nothing fails.
-  EXPECT_EQ(::isdelrec(build("e"), 9), -1);
-  EXPECT_EQ(::iscleanup(), 0);
-  EXPECT_EQ(iserrno, ISENORECORD);
-  EXPECT_EQ(status(), "2323");
-  EXPECT_EQ(pairs_open(), 0);
 }
 
 }  // namespace

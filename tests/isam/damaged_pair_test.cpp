@@ -53,7 +53,6 @@ class DamagedPair : public testing::Test {
   }
   void save() { write_file(base_ + ".idx", index_); }
   [[nodiscard]] int open(int mode) const { return ::isopen(base_.c_str(), mode); }
-  [[nodiscard]] Image data() const { return read_file(base_ + ".dat"); }
   // A tree node with these pointers under keys that begin with 1.
   void put_node(std::int32_t number, int level, const std::vector<std::int32_t>& pointers,
                 int step = 1) {
@@ -192,46 +191,6 @@ TEST_F(DamagedPair, IsSurvivedByEveryCall) {
   EXPECT_GT(ends[ISECORRUPT], kPairs);
 }
 
-// Opens of a process share what they know of a pair's lengths.
-TEST_F(DamagedPair, IsNotOpenedTwiceWithDifferentLengths) {
-  build(10);
-  struct Change {
-    int field;
-    int value;
-  };
-  for (const auto& [field, value] : {Change{dict::kRecordSize, 30000},
-                                     {dict::kRecordSize, 10},
-                                     {dict::kMaxRecord, 200},
-                                     {dict::kNodeSize, 511}}) {
-    SCOPED_TRACE(field);
-    const Image sound = index_;
-    const int first = open(ISINPUT | ISMANULOCK);
-    ASSERT_GE(first, 0);
-    put2(&index_[static_cast<std::size_t>(field)], value);
-    save();
-    expect_damage(open(ISINPUT | ISMANULOCK | ISANYLENGTH));
-    std::string record(40000, '#');
-    EXPECT_EQ(::isread(first, record.data(), RD_FIRST), 0);
-    EXPECT_EQ(record.find('#'), std::size_t{kLength});
-    index_ = sound;
-    save();
-    const int second = open(ISINPUT | ISMANULOCK);
-    EXPECT_GE(second, 0);
-    for (const int isfd : {first, second}) {
-      int records = 0;
-      while (::isread(isfd, record.data(), RD_NEXT) == 0) ++records;
-      EXPECT_EQ(records, isfd == first ? 9 : 10);
-      ::isclose(isfd);
-    }
-  }
-  const int first = open(ISINPUT | ISMANULOCK);
-  index_[dict::kDupSize] = 2;
-  save();
-  expect_damage(open(ISINPUT | ISMANULOCK));
-  ::isclose(first);
-  EXPECT_GE(open(ISINPUT | ISMANULOCK), 0);
-}
-
 // Its files stay open without a user, and get other contents.
 TEST_F(DamagedPair, TakesAnotherDictionaryWhileItIsIdle) {
   ::isvclose(10);
@@ -282,66 +241,6 @@ TEST_F(DamagedPair, MayHaveSoManyDescriptionsAndNoMore) {
     EXPECT_EQ(isfd >= 0, count == kMost);
     EXPECT_EQ(::iserrno, count == kMost ? 0 : ISECORRUPT);
     ::iscleanup();
-  }
-}
-
-// An even size is that of a later format, whatever else is wrong.
-TEST_F(DamagedPair, WithoutPrimaryKeyIsRefused) {
-  for (const int node_size : {1024, 1023}) {
-    const BuiltPair pair = build_pair({.node_size = node_size, .keys = {{0, {{0, 4}}}}}, base_);
-    index_ = read_file(base_ + ".idx");
-    const auto key_node =
-        static_cast<std::size_t>(pair.key_nodes[0] - 1) * static_cast<std::size_t>(node_size);
-    for (const int used : {6, 9}) {  // none, or the beginning of one
-      put2(&index_[key_node], used);
-      save();
-      EXPECT_EQ(open(ISINPUT | ISMANULOCK), -1);
-      EXPECT_EQ(::iserrno, node_size % 2 == 0 ? ISECORRUPT : 171);
-    }
-  }
-}
-
-// Of the records that do not go into a new index the first is told of.
-TEST_F(DamagedPair, NewIndexesTellTheFirstRecordThatDoesNotFit) {
-  constexpr int kLongest = 100, kMinimum = 8;
-  struct Case {
-    const char* groups;  // of the records, one letter each
-    int damaged;         // number of the one that cannot be read, 0 for none
-    int flags;
-    int error;
-    const char* status;
-  };
-  for (const auto& [groups, damaged, flags, error, status] :
-       {Case{"AABC", 3, 0, ISEDUPLICATE, "2222"},
-        {"ABBC", 2, 0, ISECORRUPT, "9090"},
-        {"ABCC", 3, 0, ISECORRUPT, "9090"},
-        {"AABC", 3, KF_DUPS, ISECORRUPT, "9090"},
-        {"ABCA", 0, 0, ISEDUPLICATE, "2222"},
-        {"ABCA", 0, KF_DUPS, 0, "0202"},
-        {"ABCD", 0, KF_DUPS, 0, "0000"}}) {
-    SCOPED_TRACE(std::string(groups) + " " + std::to_string(damaged));
-    keydescr id = key_of({{0, 4, KT_CHAR}});
-    keydescr group = key_of({{4, 4, KT_CHAR}}, flags);
-    ::isreclen = kMinimum;
-    int isfd = ::isbuild(base_.c_str(), kLongest, &id, ISINOUT | ISEXCLLOCK | ISVARLEN);
-    for (int i = 0; i < 4; ++i) {
-      std::string record = "000" + std::to_string(i) + std::string(16, groups[i]);
-      ::isreclen = static_cast<int>(record.size());
-      ASSERT_EQ(::iswrite(isfd, record.data()), 0);
-    }
-    ::isclose(isfd);
-    if (damaged > 0) {
-      Image bytes = data();
-      put2(&bytes[static_cast<std::size_t>(damaged * (kMinimum + 7) - 6)], 0x7FFF);
-      write_file(base_ + ".dat", bytes);
-    }
-    isfd = open(ISINOUT | ISEXCLLOCK | ISVARLEN);
-    EXPECT_EQ(::isaddindex(isfd, &group), error == 0 ? 0 : -1);
-    EXPECT_EQ(::iserrno, error);
-    EXPECT_EQ((std::string{isstat1, isstat2, isstat3, isstat4}), status);
-    EXPECT_EQ(::iststindex(isfd, &group), error == 0 ? 0 : -1);
-    ::isclose(isfd);
-    ::iserase(base_.c_str());
   }
 }
 

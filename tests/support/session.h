@@ -89,6 +89,7 @@ struct Session {
     } else if ((move < RD_EQUAL ? ::isreadmany : ::isfetchmany)(isfd, &set, mode) == 1) {
       result = 0;
     }
+    if (!varying && record.find_first_not_of('\0', kMinimum) != record.npos) return kGarbled;
     record.resize(varying ? static_cast<std::size_t>(::isreclen) : kMinimum);
     if (result == 0 && !parse(record, varying, row)) return kGarbled;
     return result;

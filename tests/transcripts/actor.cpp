@@ -35,14 +35,15 @@ Row row_of(const std::string& word) {
 }
 
 // "id", "group", "number" for the order of record numbers, or "START,LENGTH" or
-// "START,LENGTH,TYPE" for a part of the record.
+// "START,LENGTH,TYPE" for a part of the record, behind "unique," one that may not repeat.
 keydescr key_of(const std::string& name) {
   if (name == "id") return id_key();
   if (name == "group") return group_key();
   if (name == "number") return {};
-  keydescr key{KF_DUPS, 1, {}, 0, 0};
-  std::sscanf(name.c_str(), "%hd,%hd,%hd", &key.part[0].start, &key.part[0].length,
-              &key.part[0].type);
+  const bool unique = name.starts_with("unique,");
+  keydescr key{static_cast<std::int16_t>(unique ? 0 : KF_DUPS), 1, {}, 0, 0};
+  std::sscanf(name.c_str() + (unique ? 7 : 0), "%hd,%hd,%hd", &key.part[0].start,
+              &key.part[0].length, &key.part[0].type);
   return key;
 }
 

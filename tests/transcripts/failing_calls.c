@@ -1,12 +1,16 @@
 // failing_calls: loaded into a program before its libraries, it lets system calls fail.
 //
 // KESTRO_FAILING_CALLS holds rules with a semicolon behind each: CALL FILE ERROR [WHEN]
-//   CALL   open, open-write (for writing), nameless (an open with O_TMPFILE), read, write, lock,
-//          copy, clone, link, rename, unlink, sync, stat, chmod, chown or attribute
+//   CALL   open, open-write (for writing), create, nameless (an open with O_TMPFILE), read, write,
+//          lock, copy, clone, link, rename, unlink, sync, cut, stat, chmod, chown or attribute;
+//          change for each that makes or changes a file, step for each of these and each read
+//          behind the first
 //   FILE   what the name of the file ends with, such as .dat; * for any. Where two are named, the
 //          first one counts, for a copy the one that is read
 //   ERROR  the number that errno gets; below 0: the process gets that signal, and the call is done
-//   WHEN   #N: at the Nth such call alone; @N: when byte N of the file is concerned
+//   WHEN   #N: at the Nth such call alone; +N: from there on; @N: when byte N of the file is
+//          concerned
+// Copies are made in pieces of 20,000 bytes, and nothing waits for a disk.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -23,7 +27,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
-enum { kMostRules = 8, kMostText = 32 };
+enum { kMostRules = 8, kMostText = 32, kPiece = 20000 };
 
 static struct Rule {
   char call[kMostText];
@@ -51,13 +55,30 @@ static int ends_with(const char* text, const char* end) {
   return strcmp(end, "*") == 0 || (length >= wanted && strcmp(text + length - wanted, end) == 0);
 }
 
+static int is_one_of(const char* name, const char* const* names) {
+  while (*names != NULL && strcmp(name, *names) != 0) ++names;
+  return *names != NULL;
+}
+
+static int is_meant(const char* rule, const char* call) {
+  static const char* const changes[] = {"create", "nameless", "write", "copy",      "link",
+                                        "rename", "sync",     "cut",   "attribute", NULL};
+  static int has_changed = 0;
+  const int change = is_one_of(call, changes);
+  has_changed |= change;
+  return strcmp(rule, call) == 0 || (change && strcmp(rule, "change") == 0) ||
+         ((change || (has_changed && strcmp(call, "read") == 0)) && strcmp(rule, "step") == 0);
+}
+
 // Whether a call on a file fails, with errno.
 static int fails(const char* call, const char* file, long from, long count) {
   if (rule_count < 0) load_rules();
   for (int i = 0; i < rule_count; ++i) {
     struct Rule* rule = &rules[i];
-    if (strcmp(rule->call, call) != 0 || !ends_with(file, rule->file)) continue;
-    if (rule->when == '#' && ++rule->calls != rule->number) continue;
+    if (!is_meant(rule->call, call) || !ends_with(file, rule->file)) continue;
+    ++rule->calls;
+    if (rule->when == '#' && rule->calls != rule->number) continue;
+    if (rule->when == '+' && rule->calls < rule->number) continue;
     if (rule->when == '@' && (rule->number < from || rule->number >= from + count)) continue;
     if (rule->error < 0) {
       raise(-rule->error);
@@ -87,6 +108,7 @@ int open(const char* path, int flags, ...) {
   va_end(more);
   const int nameless = (flags & O_TMPFILE) == O_TMPFILE;
   if (fails(nameless ? "nameless" : "open", path, 0, 0)) return -1;
+  if ((flags & O_CREAT) != 0 && fails("create", path, 0, 0)) return -1;
   if ((flags & O_ACCMODE) != O_RDONLY && fails("open-write", path, 0, 0)) return -1;
   return REAL(open)(path, flags, permissions);
 }
@@ -102,7 +124,7 @@ void* mmap(void* at, size_t length, int protection, int flags, int fd, off_t off
     if (rule_count < 0) load_rules();
     for (int i = 0; i < rule_count; ++i) {
       errno = ENODEV;
-      if (strcmp(rules[i].call, "read") == 0) return MAP_FAILED;
+      if (is_meant(rules[i].call, "read")) return MAP_FAILED;
     }
   }
   return REAL(mmap)(at, length, protection, flags, fd, offset);
@@ -121,7 +143,7 @@ int fcntl(int fd, int command, ...) {
 }
 ssize_t copy_file_range(int from, off_t* at, int to, off_t* there, size_t count, unsigned flags) {
   if (fails_at("copy", from, at == NULL ? 0 : *at, (long)count)) return -1;
-  return REAL(copy_file_range)(from, at, to, there, count, flags);
+  return REAL(copy_file_range)(from, at, to, there, count < kPiece ? count : kPiece, flags);
 }
 int ioctl(int fd, unsigned long request, ...) {
   va_list more;
@@ -142,7 +164,10 @@ int rename(const char* from, const char* to) {
   return fails("rename", to, 0, 0) ? -1 : REAL(rename)(from, to);
 }
 int unlink(const char* path) { return fails("unlink", path, 0, 0) ? -1 : REAL(unlink)(path); }
-int fsync(int fd) { return fails_at("sync", fd, 0, 0) ? -1 : REAL(fsync)(fd); }
+int fsync(int fd) { return fails_at("sync", fd, 0, 0) ? -1 : 0; }
+int ftruncate(int fd, off_t size) {
+  return fails_at("cut", fd, size, 0) ? -1 : REAL(ftruncate)(fd, size);
+}
 int fstat(int fd, struct stat* status) {
   return fails_at("stat", fd, 0, 0) ? -1 : REAL(fstat)(fd, status);
 }

@@ -175,6 +175,8 @@ class Pair:
         return self.node(one_of(self.built[name]), PAGE if name.endswith('page') else NODE)
 
     def places(self, words):
+        if words.take('last-leaves'):
+            return [self.node(index['leaf'][-1]) for index in self.built['indexes']]
         if not words.take('records'):
             return [self.place(words)]
         first, last = map(int, words.take().split('-'))

@@ -8,10 +8,14 @@ Of the cases whose first line holds one of the words CASE, or of all. --update w
 into the file, to be read by you. Exit status 0: all is as it should be; 1: it is not.
 """
 import argparse
+import bisect
 import collections
+import contextlib
 import difflib
 import errno
 import fcntl
+import itertools
+import json
 import os
 import pathlib
 import re
@@ -22,6 +26,8 @@ import subprocess
 import sys
 import tempfile
 import time
+
+import recipe
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 SCRIPTS = SOURCE / 'tests' / 'scripts'
@@ -34,6 +40,7 @@ FAILURES = {**{name: getattr(errno, name) for name in dir(errno) if name[0] == '
             **{each.name: -each.value for each in signal.Signals}}
 MODES = {'input': 'ISINPUT', 'output': 'ISOUTPUT', 'inout': 'ISINOUT', 'manual': 'ISMANULOCK',
          'auto': 'ISAUTOLOCK', 'exclusive': 'ISEXCLLOCK', 'trans': 'ISTRANS', 'nolog': 'ISNOLOG',
+         'anylength': 'ISANYLENGTH',
          **{word: 'RD_' + word.upper()
             for word in 'first last next prev curr equal great gteq lock wait'.split()},
          'skip': 'RD_SKIPLOCK',
@@ -52,7 +59,7 @@ def numbers_of(found):
 
 def number_of_mode(words):
     names = words.split('+')
-    one_way = {'input', 'output', *list(MODES)[8:]} & set(names)
+    one_way = {'input', 'output', *list(MODES)[9:]} & set(names)
     return sum(NUMBERS[MODES[name]] for name in names) | (0 if one_way else NUMBERS['ISINOUT'])
 
 
@@ -151,7 +158,7 @@ class Stage:
     def __init__(self, given, kind, folder):
         self.given, self.folder = given, pathlib.Path(folder)
         self.cast = Cast(given, kind, folder)
-        self.kept, self.rules = {}, ''
+        self.kept, self.made, self.rules = {}, {}, ''
 
     def end(self):
         for name in list(self.cast.numbers):
@@ -210,18 +217,35 @@ class Stage:
         self.cast.end('g')
         return ', '.join(answers)
 
-    def do_sound(self, name):
-        look = subprocess.run([self.given.pairs, 'look', self.folder / name], text=True,
+    def do_make(self, name, *shape):
+        """A pair as the recipes of tests/pairs make them."""
+        done = subprocess.run([self.given.pairs, 'make', self.folder / name, self.cast.kind, *shape],
+                              stdout=subprocess.PIPE, check=True)
+        self.made[name] = json.loads(done.stdout)
+        return 'ok'
+
+    def do_damage(self, name, *words):
+        """... and as they damage it."""
+        pair = recipe.Pair(str(self.folder / name), self.made[name])
+        pair.damage(words[0], recipe.Words(' '.join(words[1:])))
+        pair.save()
+        return 'ok'
+
+    def look(self, name):
+        """What an independent reader finds."""
+        return subprocess.run([self.given.pairs, 'look', self.folder / name], text=True,
                               stdout=subprocess.PIPE, check=True).stdout.splitlines()
+
+    def do_sound(self, name):
+        look = self.look(name)
         report = self.shell(f'kestro -nq {name}')
         if 'ERROR' in report or '?' in report:
             return report
         return f'{len(look) - 1} records' if look[0] == 'sound' else look[0]
 
     def do_records(self, name):
-        """What an independent reader finds, as NUMBER=ID.GROUP.COUNTER."""
-        look = subprocess.run([self.given.pairs, 'look', self.folder / name], text=True,
-                              stdout=subprocess.PIPE, check=True).stdout.splitlines()
+        """The records as NUMBER=ID.GROUP.COUNTER."""
+        look = self.look(name)
         shown = [] if look[0] == 'sound' else look[:1]
         for number, content in map(str.split, look[1:]):
             record = bytes.fromhex(content)
@@ -242,6 +266,8 @@ class Stage:
         return 'ok'
 
     def do_restore(self):
+        for name in set(self.files()) - set(self.kept):
+            (self.folder / name).unlink()
         for name, content in self.kept.items():
             (self.folder / name).write_bytes(content)
         return 'ok'
@@ -271,6 +297,13 @@ class Stage:
             return 'none' if mark == bytes(8) else mark.hex(' ')
         return 'of ' + self.cast.name_of(int.from_bytes(mark[4:], 'big'))
 
+    def do_opened(self, who):
+        """The indexes that a process has open."""
+        folder = pathlib.Path(f'/proc/{self.cast.numbers[who]}/fd')
+        names = {str(entry.readlink()) for entry in folder.iterdir()}
+        return ' '.join(sorted(name.rpartition('/')[2] for name in names if '.idx' in name)
+                        ) or 'none'
+
     def do_locks(self, name):
         with open(self.folder / name, 'r+b') as file:
             return ', '.join(self.locks(file, 0, END)) or 'none'
@@ -297,9 +330,10 @@ class Stage:
         return named.get((start, end)) or (
             f'record {start - RECORDS}' if end == start + 1 else f'{start} to {end}')
 
-    def environment(self, **more):
-        if self.rules:
-            more.update(KESTRO_FAILING_CALLS=self.rules, LD_PRELOAD=self.given.failing_calls)
+    def environment(self, rules=''):
+        more, rules = {}, rules or self.rules
+        if rules:
+            more.update(KESTRO_FAILING_CALLS=rules, LD_PRELOAD=self.given.failing_calls)
         return {**os.environ, 'PAIRS': self.given.pairs, 'MANUAL': str(SOURCE / 'man' / 'kestro.8'),
                 'PATH': f'{self.given.programs}:/usr/bin:/bin', **more}
 
@@ -374,6 +408,67 @@ print(file.read(2).hex())"""
                    whole[at + 1:] for at in range(4, len(whole), int(step)))
         said = self.statuses(name, damaged, command)
         return ' and '.join(re.findall(r'status \d', said))
+
+    def strange_files(self):
+        return [name for name in self.files()
+                if name not in self.kept and not name.startswith('pair.idx.before')]
+
+    def left(self, repaired):
+        """What a repair of the kept pair has left."""
+        files = self.files()
+        index = files['pair.idx']
+        told = [*[said for said, whole in (('as it was', self.kept['pair.idx']), ('repaired', repaired))
+                  if index == whole], *['marked'] * any(index[117:125]), 'something else'][:1]
+        told += ['data changed'] * (files['pair.dat'] != self.kept['pair.dat'])
+        return told + ['kept'] * ('pair.idx.before' in files) + ['another file'] * len(
+            self.strange_files())
+
+    def do_cut_short(self, call, error, when, *command):
+        """A repair of the kept pair that fails at its first such system call, at its second, and so
+        on: what it leaves, and what the next run leaves of that where this is not sound."""
+        def run(at, what):
+            self.do_restore()
+            rules = self.rules + (f'{call} * {what} {when}{at};' if at else 'none * 0;')
+            return subprocess.run(command, cwd=self.folder, capture_output=True,
+                                  env=self.environment(rules))
+        records, mended, met = self.look('pair')[1:], {}, set()
+        run(0, 0)
+        repaired = self.files()['pair.idx']
+        calls = bisect.bisect(range(1, 1000), False, key=lambda at: run(at, -9).returncode != -9)
+        sparsely = call == 'step' and 'KESTRO_EVERY_CALL' not in os.environ
+        for at in range(1, calls + 1, 3 if sparsely else 1):
+            done = run(at, FAILURES[error])
+            told = self.left(repaired) + ['said to be as it was'] * (
+                b'the pair is as it was' in done.stdout + done.stderr)
+            state = hash(frozenset(self.files().values()))
+            if state not in mended:
+                self.shell(' '.join(command))
+                mended[state] = [said for said in [self.do_sound('pair')]
+                                 if said != f'{len(records)} records'] + self.strange_files()
+                mended[state] += ['other records'] * (self.look('pair')[1:] != records)
+            met.add(', '.join([*told, *mended[state]]))
+        return ('' if calls > 20 else f'{calls} calls: ') + '; '.join(sorted(met))
+
+    def do_signals(self, signals, *command):
+        """Signals end a repair of the kept pair, each at several moments: what it leaves."""
+        def run(signal, moment):
+            self.do_restore()
+            repair = subprocess.Popen(command, cwd=self.folder, env=self.environment(),
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                repair.wait(moment)
+            repair.send_signal(-signal)
+            return repair.wait(LONGEST)
+        start, met = time.monotonic(), collections.Counter()
+        run(0, LONGEST)
+        whole, repaired = time.monotonic() - start, self.files()['pair.idx']
+        moments = int(os.environ.get('KESTRO_SIGNAL_MOMENTS', 5))
+        for at, name in itertools.product(range(moments), signals.split('+')):
+            status = run(FAILURES[name], whole * (at + 0.5) / moments)
+            left = self.left(repaired)
+            met[left[0] if status in (0, FAILURES[name]) else f'status {status}'] += 1
+            met['several files'] += len(left) > 3 or (len(left) > 2 and name != 'SIGKILL')
+        return ', '.join(sorted(+met))
 
     def statuses(self, name, contents, command):
         met = collections.Counter()
