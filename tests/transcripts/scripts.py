@@ -266,8 +266,6 @@ class Stage:
         return 'ok'
 
     def do_restore(self):
-        for name in set(self.files()) - set(self.kept):
-            (self.folder / name).unlink()
         for name, content in self.kept.items():
             (self.folder / name).write_bytes(content)
         return 'ok'
@@ -409,6 +407,11 @@ print(file.read(2).hex())"""
         said = self.statuses(name, damaged, command)
         return ' and '.join(re.findall(r'status \d', said))
 
+    def start_over(self):
+        for name in set(self.files()) - set(self.kept):
+            (self.folder / name).unlink()
+        self.do_restore()
+
     def strange_files(self):
         return [name for name in self.files()
                 if name not in self.kept and not name.startswith('pair.idx.before')]
@@ -427,7 +430,7 @@ print(file.read(2).hex())"""
         """A repair of the kept pair that fails at its first such system call, at its second, and so
         on: what it leaves, and what the next run leaves of that where this is not sound."""
         def run(at, what):
-            self.do_restore()
+            self.start_over()
             rules = self.rules + (f'{call} * {what} {when}{at};' if at else 'none * 0;')
             return subprocess.run(command, cwd=self.folder, capture_output=True,
                                   env=self.environment(rules))
@@ -452,7 +455,7 @@ print(file.read(2).hex())"""
     def do_signals(self, signals, *command):
         """Signals end a repair of the kept pair, each at several moments: what it leaves."""
         def run(signal, moment):
-            self.do_restore()
+            self.start_over()
             repair = subprocess.Popen(command, cwd=self.folder, env=self.environment(),
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
             with contextlib.suppress(subprocess.TimeoutExpired):
