@@ -26,7 +26,7 @@ enum class Mending { kDeletesIndex, kRemakesIndex, kRemakesNodeList, kRemakesRec
 
 enum class Fact {
   kNodeSize,         // of the pair checked
-  kCurrentNodeSize,  // of a new pair: the same at every check
+  kCurrentNodeSize,  // that a new pair would get: a constant, whatever pair is checked
   kOldNodeSize,      // before a change of node size
   kKeyNodeSize       // bytes in use of the node of key descriptions
 };

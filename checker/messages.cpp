@@ -6,7 +6,7 @@ namespace checker {
 namespace {
 
 struct MessageText {
-  Message number;  // its place in the table; never shown
+  Message message;  // equals its place in the table, as is asserted below
   const char* text;
 };
 
@@ -59,7 +59,7 @@ constexpr std::array<MessageText, static_cast<std::size_t>(Message::kCount)> kMe
 // The table is looked up by position: each entry stands at its own number.
 static_assert([] {
   for (std::size_t i = 0; i < kMessages.size(); ++i) {
-    if (static_cast<std::size_t>(kMessages[i].number) != i) return false;
+    if (static_cast<std::size_t>(kMessages[i].message) != i) return false;
   }
   return true;
 }());

@@ -32,7 +32,7 @@ enum class Message : std::size_t {
   // Dictionary and sizes.
   kCheckingDictionary,
   kNodeSize,         // of the pair checked
-  kCurrentNodeSize,  // of a new pair: the same at every check
+  kCurrentNodeSize,  // that a new pair would get: a constant, whatever pair is checked
   // Data records.
   kCheckingData,
   kMustCheckData,  // although -i was given

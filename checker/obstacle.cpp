@@ -35,6 +35,7 @@ std::string real_path(std::string path) {
     const ssize_t length = ::readlink(path.c_str(), target.data(), target.size());
     if (length <= 0) break;
     std::string next(target.data(), static_cast<std::size_t>(length));
+    // A relative target counts from the link's folder: the path up to its last slash, or nothing.
     if (next.front() != '/') next.insert(0, path, 0, path.rfind('/') + 1);
     path = std::move(next);
   }
@@ -63,8 +64,8 @@ int obstacle(int fd, const std::string& index) {
 }
 
 bool leaves_index_usable(int error) {
-  // What would hinder a change of the index itself as well: a damaged disk or file system, no
-  // memory, a file that its server has lost, the limit on the size of files.
+  // These errors would hinder a change of the index itself as well: a damaged disk or file system,
+  // no memory, a file that its server has lost, a limit on the size of files that is too low.
   return error != EIO && error != ENOMEM && error != ESTALE && error != EUCLEAN && error != EFBIG;
 }
 

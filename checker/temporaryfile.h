@@ -10,8 +10,8 @@
 //   if (file.become(name) != 0) ...
 //   file.keep();
 //
-// Two things remove a file: its destructor, until become() or replace() has succeeded, and a signal
-// that ends the program, until keep() or replace().
+// Until become() or replace() has succeeded the destructor removes the file. Until keep() or
+// replace() a signal that ends the program removes it too.
 #pragma once
 
 #include <string>

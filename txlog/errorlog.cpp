@@ -30,7 +30,7 @@ int ErrorLog::opbadlog() {
   return 0;
 }
 
-// Adds the LM record to the buffer: the codes in force, and why a record was left out.
+// The LM record has the codes in force, and why a record was left out.
 void ErrorLog::bdmemlog(std::string_view message) {
   message = message.substr(0, kLongestText);
   const std::size_t start = buffer_.size();

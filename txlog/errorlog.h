@@ -5,7 +5,8 @@
 //
 //   24 zero  28 iserrno  30 errno  32 iserrio  34 isstat1 to isstat4  38 text
 //
-// The text ends where the trailing length begins. Without a text isstat4 is left out, too.
+// The text ends where the trailing length begins. Such is the format: without a text the trailing
+// length stands in the place of isstat4.
 #pragma once
 
 #include <string_view>
@@ -31,11 +32,12 @@ class ErrorLog {
  public:
   // Makes the file in the current folder: 0, or -1 with 120 (it exists, or cannot be made) or 121.
   int opbadlog();
-  // Notes a record (none: an empty view) and why it was left out, with the codes in force, and
-  // clears them. Without a file made by opbadlog() it only clears them.
+  // Notes a record and why it was left out, with the codes in force, and clears these. An empty
+  // LogRecord stands for none. Without a file made by opbadlog() it only clears the codes.
   void dobadlog(const LogRecord& record, std::string_view message);
 
  private:
+  // Puts the LM record into the buffer, behind the record that it tells of.
   void bdmemlog(std::string_view message);
 
   common::FileHold fd_;

@@ -1,9 +1,10 @@
 // replayfiles: the files that a recovery works on, each open once however many of the writers'
 // opens stand for it.
 //
-// Reading the log comes before applying it, for what is held. So a file is known from the first
-// record that names it, by the names that the log gives it (`named`, `built`, `renamed`); what it
-// is called in its folder, and whether it is open, is as of what has been applied.
+// The records of a transaction are held, and applied later than they are read. So the names of
+// files are followed twice: named(), built() and renamed() tell which file a record means when it
+// is read; `name`, `isfd` and `gone` of a ReplayFile tell how the file is called in its folder, and
+// whether it is open or erased, after what has been applied so far.
 //
 // Keeps   F1 a file keeps its identity when it is renamed; one that is built is another one
 //         F2 short of opens or descriptors, a file that the transaction being applied does not use
@@ -44,11 +45,12 @@ class ReplayFiles {
   [[nodiscard]] ReplayFile& named(std::string_view name);
   // A new file gets a name.
   [[nodiscard]] ReplayFile& built(std::string_view name);
-  // From now on a file has this name, and the old one as long as no other file gets that.
+  // From now on this name leads to the file. So does its old name, until another file gets that.
   void renamed(ReplayFile& file, std::string_view name);
 
   // ---- As it is applied: 0, or -1 with iserrno.
-  // One more of the writers' opens stands for a file, which has this name if it is closed yet.
+  // One more of the writers' opens stands for a file. If the file is not open it is opened by this
+  // name, even one that was erased: the log says that it is there again.
   int addopfile(ReplayFile& file, std::string_view name, bool varlen);
   // The open to work on a file with, or -1. The file is in use until release_all().
   [[nodiscard]] int getrisfd(ReplayFile& file);
@@ -65,7 +67,10 @@ class ReplayFiles {
 
  private:
   ReplayFile& make(std::string_view name);
+  // Opens a file unless it is open: 0, or -1 with iserrno.
   int txoopen(ReplayFile& file);
+  // Closes one open file that the transaction being applied does not use: whether there was one and
+  // it could be closed.
   bool txoclose();
   int close_file(ReplayFile& file);
 

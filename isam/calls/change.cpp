@@ -114,10 +114,11 @@ int take_number(std::int32_t given, std::int32_t& number) {
   return given > 0 && datacheck(given) != 0 ? failed_unless_set(kCorrupted) : 0;
 }
 
-// A record put back may find the storage that was kept for it.
+// Logs a new record and writes its slot. One with a given number may be a deleted record that is
+// put back: its slot may refer to the storage kept for it, which datawrite() uses again. Any other
+// record has a slot that refers to none (datacreate).
 int store(std::int32_t number, ConstBytes record, bool given) {
-  const bool logged = !txlog::logs_changes() || txlog::log_inserted(number, record) == 0;
-  if (!logged) return -1;
+  if (txlog::logs_changes() && txlog::log_inserted(number, record) != 0) return -1;
   return given ? datawrite(number, record, true) : datacreate(number, record);
 }
 
@@ -126,6 +127,8 @@ void give_number_back(std::int32_t number) {
   lkrecord(number, RecordLock::kRelease);
 }
 
+// Audits a change that was made. When that fails, the change stays; the error in iserrno fails the
+// call at its end.
 void audit(txlog::AuditLetter letter, std::int32_t number, ConstBytes record) {
   if (txlog::audoutput(letter, number, record) != 0) txlog::keep_unaudited();
 }
@@ -155,9 +158,11 @@ int remove_for_now(std::int32_t number) {
   return 0;
 }
 
-// Its storage goes before its number: the node that this leaves may serve the list of numbers.
+// Its storage goes before its number: a node that becomes free with the storage may then serve the
+// list of free numbers.
 int remove_at_once(std::int32_t number, ConstBytes old) {
-  // The list may need a new node: room for it is taken before the storage is gone.
+  // Where no node is free that list may need a new one: room for it is taken before the storage is
+  // gone.
   const std::int64_t next = std::int64_t{dictp->d_nextnode()} + 1;
   if (dictp->d_freenode() == 0 && reserve_nodes(next, next) != 0) return -1;
   if (datadelete(number) != 0) return -1;
@@ -166,7 +171,7 @@ int remove_at_once(std::int32_t number, ConstBytes old) {
     return 0;
   }
   const KeepError keep;
-  const RoomIsThere its_own;
+  const RoomIsThere for_old;  // putting the old record back takes no more room
   clear_errors();
   static_cast<void>(datawrite(number, old, true));
   return -1;
@@ -177,7 +182,9 @@ int log_and_remove(std::int32_t number, ConstBytes old) {
   return may_be_undone() ? remove_for_now(number) : remove_at_once(number, old);
 }
 
-// The entry of the trail stands before the log's image, and stays whatever becomes of the deletion.
+// Other changes are audited once they are made; a deletion is audited before it is logged, and its
+// entry stays whatever becomes of it. When the entry cannot be written, the record is deleted all
+// the same, and the error of the entry fails the call at its end.
 int remove_record(std::int32_t number, ConstBytes old) {
   const bool audited = txlog::audoutput(txlog::AuditLetter::kDeleted, number, old) == 0;
   const std::int32_t reason = iserrno;
@@ -203,7 +210,8 @@ std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::
   std::int32_t number = 0;
   if (take_number(given, number) != 0) return -1;
   KeptPosition position{cursor};
-  // In the order of record numbers no index tells the new current item.
+  // add_items() makes the item of the current index current. In the order of record numbers there
+  // is no such index.
   if (current == Current::kMoves && openp->key.nparts == 0) {
     Item item;
     item.recptr = number;
@@ -240,7 +248,7 @@ int delrecord(Cursor& cursor, std::int32_t number, ConstBytes old) {
   if (keys == nullptr || txlog::audopen() != 0 || lock_for_change(number) != 0) return -1;
   if (may_be_undone() && reserve_entry(openp->deleted) != 0) return -1;
   const KeptPosition position{cursor};
-  filep->call.gives_number = true;
+  filep->call.gives_number = true;  // before any page changes: it decides in what order they go
   TakenItems items{cursor, *keys, number, old};
   if (items.take_all() == 0 && remove_record(number, old) == 0) return 0;
   items.put_all_back();

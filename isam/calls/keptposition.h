@@ -1,4 +1,5 @@
-// keptposition: what a change leaves of the position of its open.
+// keptposition: what a change leaves in the cursor, when it is over, of the position that its open
+// had. (From one call to the next Open::position keeps it: isam/calls/call.)
 #pragma once
 
 #include <cstdint>

@@ -124,7 +124,8 @@ bool records_are_covered() {
 }
 
 // Whether a lock has to last for a transaction through this open, whatever becomes of other opens
-// that cover the record now.
+// that cover the record now. It does when a record is to be changed: a read in a transaction asks
+// for the releasable list.
 bool outlasts_cover(RecordLock how, LockList list) {
   return how == RecordLock::kTry && list == LockList::kHeld && may_be_undone() &&
          (openp->mode & ISEXCLLOCK) == 0;
@@ -211,24 +212,28 @@ void forget_records() {
   filep->locks.releasable.clear();
 }
 
-// Releases the file lock, if the current open holds it, and all record locks. An open without it
-// unlocks the whole range all the same, also where another open has it: so it has always been.
-// While a transaction has changed records of the file, these stay locked: the locks belong to the
-// process, so that any of its opens could release them.
+// Releases the file lock, if the current open holds it, and the record locks.
+//
+// While a transaction has changed records of the file, those on the held list stay locked. The
+// locks belong to the process, so that any of its opens could release them.
+//
+// Otherwise the whole range is unlocked, except by an open that holds the file lock while another
+// one holds it too. An open that has only records locked does unlock it, also where another open
+// holds the file lock: so it has always been.
 int release_file_lock() {
   const bool holds = holds_file_lock();
   if (!holds && !openp->holds_record_locks) return 0;
-  const bool in_part = filep->locks.kept;
-  if (in_part) {
+  const bool held_stay = filep->locks.kept;
+  if (held_stay) {
     if (holds && !another_holds_file() && release_all_but_held() != 0) return -1;
-    release_releasable();
+    release_releasable();  // while the file lock is still counted this only empties the list
   } else if (filep->locks.filelocks < 2 || !holds) {
     if (request(F_SETLK, F_UNLCK, kRecordsStart, kRecordsLength) != 0) return refused(errno);
     forget_records();
   }
   if (holds) --filep->locks.filelocks;
   openp->holds_file_lock = false;
-  if (!in_part) openp->holds_record_locks = false;
+  if (!held_stay) openp->holds_record_locks = false;
   return 0;
 }
 
@@ -281,7 +286,7 @@ int lkfile(bool take) {
   return take ? take_file_lock() : release_file_lock();
 }
 
-// With nothing on the held list one request releases all.
+// With nothing on the held list lkfile() releases all by one request.
 void lkrelease() {
   if (!filep->locks.held.empty()) {
     release_releasable();
@@ -298,6 +303,7 @@ int release_locks() {
 
 int release_transaction_locks() {
   if (holds_file_lock() || !another_holds_file()) return lkfile(false);
+  // The other open's lock goes on covering the records, which only leave the lists.
   forget_records();
   openp->holds_record_locks = false;
   return 0;

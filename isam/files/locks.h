@@ -55,7 +55,8 @@ int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHel
 // open has locked nothing. 0, or -1 with 107 or 134.
 int lkfile(bool take);
 
-// Releases the record locks on the kReleasable list.
+// Releases the record locks on the kReleasable list, for an open that does not hold the whole-file
+// lock. Where only that list has records it is lkfile(false).
 void lkrelease();
 
 // Releases the whole-file lock and the record locks, as isrelease and isunlock do. During a

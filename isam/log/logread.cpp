@@ -78,14 +78,14 @@ LogRecord LogChain::previous() {
     failed_unless_set(kLogRead);
     return {};
   }
-  const Link behind = record.previous();
+  const Link earlier = record.previous();
   const bool is_own =
-      record.length() == at_.length && record.process() == process_ && behind.offset < at_.offset;
+      record.length() == at_.length && record.process() == process_ && earlier.offset < at_.offset;
   if (!is_own) {
     failed(kBadLogRecord);
     return {};
   }
-  at_ = behind;
+  at_ = earlier;
   return record;
 }
 

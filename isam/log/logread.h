@@ -4,7 +4,7 @@
 // Needs   the descriptor of a log, whose bytes may be anything
 // Keeps   R1 every walk ends: a scan goes on by the length of a record at the least, a chain only
 //            leads back
-// Gives   records that hold until the next is read through the same window or walk
+// Gives   records that stay valid until the next is read through the same window or walk
 #pragma once
 
 #include <cstdint>
@@ -70,7 +70,8 @@ class LogChain {
 
   // The next record back. None with iserrno: 116 or 118 when it could not be read, 119 when what
   // stands there is no record of the process, or its link does not lead back. The caller stops at
-  // the begin mark; behind the first record of the process comes 118. To be called with iserrno 0.
+  // the begin mark: whoever asks on when the process has no earlier record gets 118. To be called
+  // with iserrno 0.
   [[nodiscard]] LogRecord previous();
 
  private:

@@ -22,9 +22,9 @@ namespace isam {
 // present leaves iserrno untouched; 105 for a damaged one.
 [[nodiscard]] int dataread(std::int32_t k, Bytes to);
 
-// Reads these records to `to`, each maxreclen bytes behind the one before, and their lengths. How
-// many, up to the first that is not present or cannot be read, of which iserrno does not tell; none
-// when pages of the mapping were missing.
+// Reads these records to `to`, each maxreclen bytes behind the one before, and their lengths. It
+// stops at the first that is not present or cannot be read, and leaves iserrno as it was. How many
+// it has read; none when pages of the mapping were missing.
 [[nodiscard]] std::size_t dataread_many(std::span<const std::int32_t> numbers, Byte* to,
                                         std::int32_t* lengths);
 
@@ -41,7 +41,9 @@ namespace isam {
 // Writes a new record k, from reclen to maxreclen bytes (other lengths are fatal): 0, or -1; 105
 // when the slot still refers to a variable part.
 [[nodiscard]] int datacreate(std::int32_t k, ConstBytes record);
-// Rewrites record k, of such a length: 0 or -1. Without `release` the variable part must become
+// Writes record k, present or absent, over what its slot holds, and into the storage that the slot
+// refers to (dataclear() keeps it); for its length the same holds as in datacreate(): 0 or -1. With
+// `release` storage that is no longer needed is freed. Without it the variable part must become
 // shorter, and keeps its storage until datatrunc().
 [[nodiscard]] int datawrite(std::int32_t k, ConstBytes record, bool release);
 // Frees the storage that a record keeps beyond its length, of an absent one all: 0 or -1.
