@@ -8,8 +8,10 @@
 namespace checker {
 
 struct Outcome {
-  // The whole sequence ran; else it stopped early. A repair that could not be brought in at the end
-  // does not count here: a remark to the listener tells of it.
+  // The whole sequence ran; else it stopped early: the pair could not be opened, a check could not
+  // go on, a repair could not begin, or memory ran out. An error of the system that ends a repair
+  // later, or keeps it from coming into the pair, leaves this true: a remark to the listener tells
+  // of it.
   bool whole = false;
   int findings = 0;
   int declined = 0;  // questions answered no

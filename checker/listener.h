@@ -26,7 +26,7 @@ enum class Mending { kDeletesIndex, kRemakesIndex, kRemakesNodeList, kRemakesRec
 
 enum class Fact {
   kNodeSize,         // of the pair checked
-  kCurrentNodeSize,  // that a new pair would get: a constant, whatever pair is checked
+  kCurrentNodeSize,  // which a new pair would get, whatever the pair checked has
   kOldNodeSize,      // before a change of node size
   kKeyNodeSize       // bytes in use of the node of key descriptions
 };

@@ -24,23 +24,23 @@ enum class Message : std::size_t {
   kFile,
   kAnswerYesOrNo,  // after an answer that is neither
   kLibraryError,
-  kSystemError,       // before the system's own text,
-  kSystemErrorPlace,  // ... and between the two: the operation and the kind of file
+  kSystemError,       // the number; the system's own text ends the line
+  kSystemErrorPlace,  // operation and kind of file, when known: behind the number, before that text
   kUnknownCode,
   // Collation.
   kFileCollation,
   // Dictionary and sizes.
   kCheckingDictionary,
   kNodeSize,         // of the pair checked
-  kCurrentNodeSize,  // that a new pair would get: a constant, whatever pair is checked
+  kCurrentNodeSize,  // which a new pair would get, whatever the pair checked has
   // Data records.
   kCheckingData,
   kMustCheckData,  // although -i was given
   // Indexes.
   kCheckingIndexes,
   kIndexHeading,
-  kDuplicates,  // a text for the heading,
-  kUniqueKey,   // ... and the other one
+  kDuplicates,  // the text in the heading of an index with duplicates,
+  kUniqueKey,   // ... and of one without
   kKeyPart,
   kNodesUsed,
   kLevelsUsed,

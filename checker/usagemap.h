@@ -90,8 +90,9 @@ class UsageMap {
   }
   // Gives a shared chunk words of its own, which can be changed.
   Word* own(std::uint32_t chunk);
-  // Lets a chunk share `contents`, kClear or kSet. The count is the caller's.
+  // Lets a chunk share `contents`, kClear or kSet. The caller sees to count_.
   void share(std::uint32_t chunk, const Chunk& contents);
+  // Extends first_touched_..last_touched_ to the chunk.
   void touch(std::uint32_t chunk);
   // The highest number from n down to 1 whose bit differs from those of `skipped` (kClear or kSet),
   // or 0.
@@ -106,12 +107,14 @@ class UsageMap {
   std::int64_t count_ = 0;
 };
 
-// The rule of a chain (isam/pool/nodechain) whose nodes lie from 1 to `last`; each is met once.
+// What the rules of the chains that a check walks (isam/pool/nodechain) have in common: the nodes
+// lie from 1 to `last`, and none may be met twice. A rule is derived from it and adds is_sound().
 class ListedOnce {
  public:
   explicit ListedOnce(std::int32_t last) : last_(last) { visited_.reset(last); }
 
   [[nodiscard]] bool may_name(std::int32_t node) const { return node >= 1 && node <= last_; }
+  // Whether the node was asked about before.
   [[nodiscard]] bool has_met(std::int32_t node) { return visited_.set_bit(node); }
 
  private:

@@ -7,9 +7,9 @@
 //   2. the file ".marvolen" in the home directory
 //   3. the file "etc/marvolen.rc" below `MARVOLENDIR`
 //   4. the table of known variables
-// Of `ENVIGNORE` not only the first counts: the names that it lists in 1, 2 and 3 are all ignored,
-// so that no source lifts what another one forbids. A process that runs with more rights than its
-// user looks at neither 1 nor 2, which the user could change.
+// The values of `ENVIGNORE` in 1, 2 and 3 count together: no variable that one of them lists comes
+// from the process environment, so that no source lifts what another one forbids. A process that
+// runs with more rights than its user looks at neither 1 nor 2, which the user could change.
 //
 // Keeps   the files are read once, when the first variable is looked up; the process environment
 //         is looked at every time

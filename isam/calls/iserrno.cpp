@@ -8,12 +8,12 @@
 #include "isam/calls/version.h"
 
 extern "C" const char* iserrtext(std::int32_t code) {
-  const std::string_view text = isam::is_errlist(code);
+  const std::string_view text = isam::is_errlist(code);  // of a literal: a zero byte follows
   if (!text.empty()) return text.data();
   return code > 0 && code < 100 ? std::strerror(code) : "unknown error code";
 }
 
-const char* isversion() {
+extern "C" const char* isversion() {
   static const std::string text = std::string("Zentra-ISAM ") + isam::kVersionNumber;
   return text.c_str();
 }

@@ -64,8 +64,9 @@ int request(int command, int type, off_t start, off_t length) {
   return request_of(filep->index.fd, command, type, start, length);
 }
 
-// Signals do not end this wait.
-int wait_for(int fd, int type, off_t start, off_t length) {
+// Takes a lock, for which it waits, or releases one. Signals do not end the wait. A failure is told
+// as that of an index file, whatever file it is: 0, or -1 with iserrno = errno and iserrio = 0x61.
+int request_and_wait(int fd, int type, off_t start, off_t length) {
   int result;
   do {
     result = request_of(fd, F_SETLKW, type, start, length);
@@ -123,9 +124,10 @@ bool records_are_covered() {
          (openp->mode & ISEXCLLOCK) != 0;
 }
 
-// Whether a lock has to last for a transaction through this open, whatever becomes of other opens
-// that cover the record now. It does when a record is to be changed: a read in a transaction asks
-// for the releasable list.
+// Whether a record gets a lock of its own although it is covered: a transaction changes it through
+// this open, which is shared, and the lock must last until the transaction ends. Before that, the
+// open that covers the record may be closed or unlock the file. (A read in a transaction asks for
+// the list kReleasable, so kTry with kHeld is a change.)
 bool outlasts_cover(RecordLock how, LockList list) {
   return how == RecordLock::kTry && list == LockList::kHeld && may_be_undone() &&
          (openp->mode & ISEXCLLOCK) == 0;
@@ -167,7 +169,8 @@ int release_record(std::int32_t number) {
 }
 
 int take_file_lock() {
-  // Asked for also beside an exclusive open of the process, which may end before the lock does.
+  // The kernel is asked also when another open of the process is exclusive: that one may be closed
+  // before this lock is released.
   const bool has_it = filep->locks.filelocks > 0;
   if (!has_it && request(F_SETLK, F_WRLCK, kRecordsStart, kRecordsLength) != 0) {
     return refused(errno);
@@ -203,6 +206,7 @@ int release_all_but_held() {
     }
     end = std::min<off_t>(end, *number);
   }
+  // For the kernel a length of 0 means all that follows.
   const bool all = end == 0 || request(F_SETLK, F_UNLCK, kRecordsStart, end) == 0;
   return all ? 0 : refused(errno);
 }
@@ -212,14 +216,12 @@ void forget_records() {
   filep->locks.releasable.clear();
 }
 
-// Releases the file lock, if the current open holds it, and the record locks.
-//
-// While a transaction has changed records of the file, those on the held list stay locked. The
-// locks belong to the process, so that any of its opens could release them.
-//
-// Otherwise the whole range is unlocked, except by an open that holds the file lock while another
-// one holds it too. An open that has only records locked does unlock it, also where another open
-// holds the file lock: so it has always been.
+// Releases the file lock, if the current open holds it, and all record locks of the process on the
+// file. An open that has locked nothing releases nothing. For the others there are three cases:
+//   a transaction changes records of the file: these stay locked, whichever open releases
+//   the current and another open hold the file lock: it stays, and the record locks with it
+//   else: the whole range is unlocked, also where the current open holds no file lock and another
+//   one does. That one loses it without being told: so it has always been
 int release_file_lock() {
   const bool holds = holds_file_lock();
   if (!holds && !openp->holds_record_locks) return 0;
@@ -243,7 +245,7 @@ int lksemaphore(Semaphore how) {
   const int type = how == Semaphore::kRelease     ? F_UNLCK
                    : how == Semaphore::kExclusive ? F_WRLCK
                                                   : F_RDLCK;
-  if (wait_for(filep->index.fd, type, kSemaphoreStart, kSemaphoreLength) != 0) return -1;
+  if (request_and_wait(filep->index.fd, type, kSemaphoreStart, kSemaphoreLength) != 0) return -1;
   openp->holds_semaphore = how != Semaphore::kRelease;
   return 0;
 }
@@ -286,7 +288,7 @@ int lkfile(bool take) {
   return take ? take_file_lock() : release_file_lock();
 }
 
-// With nothing on the held list lkfile() releases all by one request.
+// With nothing on the held list it does as lkfile(false), which mostly needs one request for all.
 void lkrelease() {
   if (!filep->locks.held.empty()) {
     release_releasable();
@@ -303,12 +305,14 @@ int release_locks() {
 
 int release_transaction_locks() {
   if (holds_file_lock() || !another_holds_file()) return lkfile(false);
-  // The other open's lock goes on covering the records, which only leave the lists.
+  // The file lock of the other open has all records locked: only the lists are cleared.
   forget_records();
   openp->holds_record_locks = false;
   return 0;
 }
 
-int lock_whole_file(int fd, bool take) { return wait_for(fd, take ? F_WRLCK : F_UNLCK, 0, 0); }
+int lock_whole_file(int fd, bool take) {
+  return request_and_wait(fd, take ? F_WRLCK : F_UNLCK, 0, 0);
+}
 
 }  // namespace isam

@@ -39,9 +39,9 @@ enum class RecordLock { kRelease, kWait, kTry, kTest };
 enum class LockList { kHeld, kReleasable };
 
 // Locks, tests or releases record `number`; `list` is for a lock that is taken. While the process
-// has the whole file locked, or the pair exclusively, it does nothing; only of a record to be
-// changed in a transaction of a shared open the lock is taken all the same, for it may have to last
-// longer. 0, or -1 with 107 (locked by another process) or 134.
+// has the whole file locked, or the pair exclusively, it does nothing, with one exception: a record
+// that a transaction changes through a shared open is locked even then, for its lock may have to
+// last longer. 0, or -1 with 107 (locked by another process) or 134.
 int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHeld);
 
 // Whether a record that the current open has changed in a transaction was locked all the time
@@ -55,8 +55,8 @@ int lkrecord(std::int32_t number, RecordLock how, LockList list = LockList::kHel
 // open has locked nothing. 0, or -1 with 107 or 134.
 int lkfile(bool take);
 
-// Releases the record locks on the kReleasable list, for an open that does not hold the whole-file
-// lock. Where only that list has records it is lkfile(false).
+// Releases the record locks on the kReleasable list. When there are some, and the kHeld list is
+// empty, this is lkfile(false).
 void lkrelease();
 
 // Releases the whole-file lock and the record locks, as isrelease and isunlock do. During a

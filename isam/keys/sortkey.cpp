@@ -43,8 +43,8 @@ void put_part(int type, const Byte* key, Byte* to, std::size_t length) {
       return put_number<std::uint64_t, double>(key, to);
     case KT_FLOAT:
       return put_number<std::uint32_t, float>(key, to);
-    default:
-      std::memset(to, 0, length);  // does not decide the order
+    default:  // KT_COLL1 to KT_COLL7: all values are equal
+      std::memset(to, 0, length);
   }
 }
 

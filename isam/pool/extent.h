@@ -1,8 +1,9 @@
 // extent: the room that an exclusive open takes in its files before it writes there.
 //
-// Its pages are written when their call is long over. Where they will lengthen a file, the call
-// writes zero bytes there at once, so that a full disk fails the call that needs the room. Each
-// such write takes more pages than the one before, so that a long load has few of them.
+// The pages that such an open changes are written when their call is long over. Where they will
+// lengthen a file, the call writes zero bytes there at once, so that a full disk fails the call
+// that needs the room. Each such write takes more pages than the one before, up to fifteen beyond
+// those needed, so that a long load has few such writes.
 //
 // Needs   the current file. Without an exclusive open nothing is reserved: what a call of a shared
 //         one changes is written when the call ends
@@ -21,8 +22,10 @@ namespace isam {
 // Forgets how large the current pair's files are.
 void forget_extent();
 
-// Zero bytes up to `to`, and some ahead, where the file ends before `to`: from its end on, or from
-// `from` when that is behind its end. 0, or -1 with the system's error.
+// Where the file ends before `to`, writes zero bytes up to `to`, and up to fifteen pages more where
+// the disk has room. It writes from the file's end on, or from `from` when that is behind the end.
+// Of the data file it also notes that cut_unused_room() is to leave what is before `to`. 0, or -1
+// with the system's error.
 int lengthen(FileKind kind, std::int64_t from, std::int64_t to);
 
 // While it lives no room is reserved: a failed call puts back what was there before.
@@ -37,7 +40,8 @@ class RoomIsThere {
   OfCall& call_;
 };
 
-// Whether room is to be reserved for what changes in the current file.
+// Whether room is to be reserved for what changes in the current file: under an exclusive open,
+// but not in a repair (MarkState::kUnneeded), which ends anyway when a write fails.
 [[nodiscard]] inline bool reserves_room() {
   return filep->locks.exclusives > 0 && filep->mark.state != MarkState::kUnneeded &&
          !filep->call.has_room;
@@ -56,6 +60,8 @@ class RoomIsThere {
 
 // Room for the slot of record k, in whole blocks: 0 or -1.
 [[nodiscard]] inline int reserve_slot(std::int64_t k) {
+  // Other than for nodes, the file's size is not what counts: a block that is there already must
+  // also be noted as one to be left.
   if (!reserves_room() || k * slot_size() <= filep->data.extent.kept) return 0;
   const std::int64_t first = (k - 1) * slot_size() / kPageSize * kPageSize;
   return lengthen(FileKind::kData, first, end_of_slot(k));

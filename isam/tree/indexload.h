@@ -1,8 +1,9 @@
 // indexload: fills an index from the records of a file: gather, sort, load.
 //
 // Needs   the current file exclusively held, and a legal key description
-// Keeps   memory bounded, whatever the file's size: `ISAMSORTMEM` MiB (1 to 65536, default 64);
-//         sorted runs spill to an unnamed temporary file beside the pair
+// Keeps   memory bounded, whatever the file's size: `ISAMSORTMEM` MiB (1 to 65536, default 64), and
+//         in finish() up to a quarter of it more, for the numbers of records left out; sorted runs
+//         spill to an unnamed temporary file beside the pair
 // Gives   within equal keys ascending record numbers with duplicate numbers 0, 1, 2, ...; a record
 //         whose key may not occur again is left out and reported, in ascending record order
 // Throws  std::bad_alloc
@@ -28,7 +29,8 @@ class IndexLoad {
   // Takes the key of a record, in ascending order of record numbers. 0, or -1 with iserrno.
   [[nodiscard]] int add(const Byte* record, std::int32_t number);
 
-  // Ends the adding: the sorting needs no more room on the disk. 0, or -1 with iserrno.
+  // Ends the adding and sorts. What finish() then still writes to the disk are the tree and, when
+  // they are many, the numbers of records left out. 0, or -1 with iserrno.
   [[nodiscard]] int sort();
 
   // Both must be set.
