@@ -238,7 +238,7 @@ class Script {
       const bool wrong = run.out.find("ERROR") != run.out.npos;
       // Of a variable part and its record only one may have been written.
       const bool lossy = !whole && (how[1] == 'y' || format_ != 0);
-      if (!lossy && (wrong || run.status != 0)) return fail(run.out + run.err);
+      if (!lossy && (wrong || run.status != 0)) return fail(run.out);
     }
     if (whole) return verify();
     build();
@@ -271,10 +271,10 @@ class Script {
     const RunResult run =
         run_program({.words = {KESTRO_PROGRAM, "-nq", "pair"}, .folder = folder_.path()});
     const std::string counts = text(model_.records.size(), "data record(s) used");
-    const bool silent = run.status == 0 && run.err.empty() &&
+    const bool silent = run.status == 0 && run.out.find("kestro: ") == run.out.npos &&
                         run.out.find(counts) != run.out.npos &&
                         run.out.find("ERROR") == run.out.npos && run.out.find('?') == run.out.npos;
-    if (!silent) fail(run.out + run.err + "expected" + counts);
+    if (!silent) fail(run.out + "expected" + counts);
     const Walk walk = walk_pair(base_);
     if (!walk.problems.empty() || !walk.untidy.empty()) {
       fail(testing::PrintToString(walk.problems) + testing::PrintToString(walk.untidy));

@@ -1,28 +1,20 @@
-// run_program: a real process with its own folder, input, environment and time limit.
+// run_program: a real process in a folder, without input, for a minute at most.
 #pragma once
 
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <vector>
 
 namespace testing_support {
 
 struct RunResult {
-  std::string out;
-  std::string err;
+  std::string out;  // and what came on standard error
   int status = -1;  // exit status, or -1
-  int signal = 0;   // that ended it, or 0
-  bool timed_out = false;
 };
 
 struct RunRequest {
   std::vector<std::string> words;  // program and arguments
   std::string folder = ".";
-  std::string input = {};
-  std::vector<std::string> environment = {};  // "NAME=value", added to this process's
-  int seconds = 60;
-  std::function<void()> before = {};  // done in the new process, last of all
 };
 
 RunResult run_program(const RunRequest& request);

@@ -231,6 +231,14 @@ class Stage:
         pair.save()
         return 'ok'
 
+    def do_pages(self, name, before):
+        """How many storage pages of a made pair hold other bytes than in another file, and kinds."""
+        size, built = self.made[name]['node_size'], self.made[name]
+        now, old = ((self.folder / file).read_bytes() for file in (f'{name}.idx', before))
+        ends = [number * size for number in built['page'] + built['big-page']]
+        changed = sum(now[end - size:end - 3] != old[end - size:end - 3] for end in ends)
+        return f'{changed} changed, kinds {sorted({now[end - 3] for end in ends})}'
+
     def look(self, name):
         """What an independent reader finds."""
         return subprocess.run([self.given.pairs, 'look', self.folder / name], text=True,
