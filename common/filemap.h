@@ -45,6 +45,10 @@ class FileMap {
     copy(all);
     return end_copy();
   }
+  // The bytes as they are now, to be had only where that costs no system call: false elsewhere.
+  [[nodiscard]] bool look(Bytes to, std::int64_t offset) {
+    return covers(to.size(), offset) && copy(to, offset);
+  }
   // Asks how long the file is by now, and maps it where the mapping does not reach so far: for
   // reads that will be many.
   void look_again(int fd);

@@ -2,12 +2,16 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/magic.h>
 #include <sys/ioctl.h>
+#include <sys/vfs.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstdint>
 #include <string>
 
 namespace common {
@@ -54,6 +58,7 @@ constinit SystemCalls system_call_table{.open = real_open,
                                         .pwrite = ::pwrite,
                                         .fcntl_lock = real_fcntl_lock,
                                         .fstat = ::fstat,
+                                        .fstatfs = ::fstatfs,
                                         .stat = ::stat,
                                         .link = ::link,
                                         .unlink = ::unlink,
@@ -118,6 +123,17 @@ int write_zeros(int fd, std::int64_t from, std::int64_t to) {
 }
 
 int cut_file(int fd, std::int64_t size) { return system_calls().ftruncate(fd, size); }
+
+bool mapping_shows_writes(int fd) {
+  // The last two have no name in the system's header.
+  constexpr std::array<std::uint32_t, 10> kKnown{
+      EXT4_SUPER_MAGIC,     XFS_SUPER_MAGIC,  BTRFS_SUPER_MAGIC,     TMPFS_MAGIC,
+      RAMFS_MAGIC,          F2FS_SUPER_MAGIC, OVERLAYFS_SUPER_MAGIC, REISERFS_SUPER_MAGIC,
+      0x3153464A /* JFS */, 0x2FC12FC1 /* ZFS */};
+  struct statfs status {};
+  if (system_calls().fstatfs(fd, &status) != 0) return false;
+  return std::ranges::find(kKnown, static_cast<std::uint32_t>(status.f_type)) != kKnown.end();
+}
 
 int find_size(int fd, std::int64_t& size) {
   struct stat status {};

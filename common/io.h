@@ -17,6 +17,7 @@
 #include "common/bytes.h"
 
 struct flock;
+struct statfs;
 
 namespace common {
 
@@ -27,6 +28,7 @@ struct SystemCalls {
   ssize_t (*pwrite)(int fd, const void* from, std::size_t count, off_t offset);
   int (*fcntl_lock)(int fd, int command, struct flock* lock);
   int (*fstat)(int fd, struct stat* status);
+  int (*fstatfs)(int fd, struct statfs* status);
   int (*stat)(const char* path, struct stat* status);
   int (*link)(const char* from, const char* to);
   int (*unlink)(const char* path);
@@ -65,6 +67,10 @@ void close_file(int fd);
 
 // Cuts a file to `size` bytes: 0, or -1 with errno.
 int cut_file(int fd, std::int64_t size);
+
+// Whether a mapping of the file shows at once what any process of any machine has written to it:
+// true for the file systems that are known to, all of them local.
+[[nodiscard]] bool mapping_shows_writes(int fd);
 
 // Gives `size` the bytes of a regular file or block device, or 0 for anything else. Returns 0, or
 // -1 with errno.

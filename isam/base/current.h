@@ -8,6 +8,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +21,7 @@
 
 namespace isam {
 
+class ScanAhead;
 struct Buffer;
 
 inline constexpr int nopens = 256;  // opens of a process
@@ -70,7 +73,8 @@ struct PairFile {
   dev_t device = 0;  // identity, by which pairs are told apart
   ino_t inode = 0;
   Extent extent;
-  common::FileMap map;  // through which it is read
+  common::FileMap map;                   // through which it is read
+  std::optional<bool> map_shows_writes;  // of others, at once; not asked before it matters
 };
 
 // What lengths and sizes follow from. Valid from an open's first call on, and the same as long as
@@ -176,6 +180,13 @@ struct TakenItem {
   std::int32_t dupnm;
 };
 
+// The steps in a row that an open has read, all in one direction (isam/calls/scanahead).
+struct OfScan {
+  int steps = 0;  // 0 after any other call
+  int mode = 0;   // RD_NEXT or RD_PREV
+  std::shared_ptr<ScanAhead> ahead;
+};
+
 // One open of a pair.
 struct Open {
   OpenState state = OpenState::kFree;
@@ -193,6 +204,7 @@ struct Open {
   keydescr key{};                // the current index
   Position position;             // the position in it, between calls
   Cursor cursor;                 // ... and what a call works with
+  OfScan scan;                   // its last steps may have left the position behind: leave_scan()
   std::vector<TakenItem> taken;  // by the change under way; keeps its memory from call to call
   // What the end of the transaction has to see to: records deleted, whose numbers and storage are
   // kept until then, and records that became shorter, which keep theirs.

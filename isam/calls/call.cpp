@@ -7,6 +7,7 @@
 #include "isam/base/errors.h"
 #include "isam/calls/filelocale.h"
 #include "isam/calls/process.h"
+#include "isam/calls/scanahead.h"
 #include "isam/files/dictionary.h"
 #include "isam/files/files.h"
 #include "isam/files/locks.h"
@@ -21,6 +22,16 @@ namespace isam {
 
 int batchflag = 0;
 
+namespace {
+
+std::uint64_t use_counter = 1;  // of a file that has not been used it is 0
+
+}  // namespace
+
+void note_use() {
+  if (filep->lastuse != use_counter) filep->lastuse = ++use_counter;
+}
+
 bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.exclusives > 0; }
 
 namespace {
@@ -28,7 +39,6 @@ namespace {
 constexpr int kBatchCalls = 7;  // at this count (batchflag) the semaphore goes: after six calls
 // An exclusive open's dictionary may lag behind by this many calls, as its pages do.
 constexpr int kCallsUnwritten = 16;
-std::uint64_t use_counter = 1;  // of a file that has not been used it is 0
 
 // `open` is there for another access only; null when there is none.
 int refuse(Open* open) {
@@ -103,7 +113,7 @@ int open_data() {
     }
     return -1;
   }
-  if (filep->lastuse != use_counter) filep->lastuse = ++use_counter;
+  note_use();
   return 0;
 }
 
@@ -116,6 +126,7 @@ int enter(Open* open, Entry entry) {
   if (open == nullptr || (open->kept && !entry.kept_too)) return refuse(nullptr);
   end_other_batch(*open);
   make_current(*open);
+  if (openp->scan.steps != 0) leave_scan(*openp);
   const int access = open->mode + 1;
   const int needed = static_cast<int>(entry.access);
   if ((access & needed) != needed) return refuse(open);

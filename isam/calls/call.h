@@ -68,6 +68,9 @@ int write_handed_out();
 // or -1 when iserrno is set.
 int isexit();
 
+// The current open's file is used by a call.
+void note_use();
+
 // Whether what is changed may wait: this open or another of the process keeps other processes off.
 [[nodiscard]] bool is_alone();
 

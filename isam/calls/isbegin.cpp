@@ -9,6 +9,7 @@
 #include "isam/calls/closing.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/process.h"
+#include "isam/calls/scanahead.h"
 #include "isam/calls/traced.h"
 #include "isam/calls/transactions.h"
 #include "isam/files/files.h"
@@ -168,6 +169,7 @@ void leave_record(const OpenPair& file, std::int32_t number) {
     Open* const open = open_of(isfd);
     if (open == nullptr || open->file != &file) continue;
     --left;
+    leave_scan(*open);
     Position& position = open->position;
     const bool stands = (position.state & kHasCurrent) != 0 && position.ends == kOnItem;
     if (stands && position.item.recptr == number) position.state |= kCurrentDeleted;

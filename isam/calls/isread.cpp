@@ -4,6 +4,7 @@
 #include "isam/calls/cursor.h"
 #include "isam/calls/reading.h"
 #include "isam/calls/recordcalls.h"
+#include "isam/calls/scanahead.h"
 #include "isam/calls/traced.h"
 #include "isam/keys/keychain.h"
 #include "isam/keys/keys.h"
@@ -96,6 +97,7 @@ extern "C" int isstart(int isfd, struct keydescr* key, int len, char* record, in
 }
 
 extern "C" int isread(int isfd, char* record, int mode) {
-  return traced("isread", isfd, record, carried_by(mode),
-                [=] { return read_call(isfd, record, mode); });
+  return traced("isread", isfd, record, carried_by(mode), [=] {
+    return is_step(mode) ? read_step(isfd, record, mode) : read_call(isfd, record, mode);
+  });
 }

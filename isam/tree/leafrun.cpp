@@ -76,19 +76,22 @@ void LeafRun::gather_previous(const ItemLayout& layout, ConstBytes area, int end
 }
 
 int LeafRun::stand_on(Cursor& cursor, const keydescr& k, std::size_t index) const {
-  PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
-  const bool forward = direction_ == Direction::kNext;
-  const std::size_t at = forward ? index : walked_ - 1 - index;
-  const ItemLayout layout{k};
-  const TreeNode node{leaf.node};
+  const TreeNode node{cursor.bt.leaf().node};
   if (!node) {
     btchanged(cursor);
     return -1;
   }
+  return stand_on(cursor, k, index, node.area());
+}
+
+int LeafRun::stand_on(Cursor& cursor, const keydescr& k, std::size_t index, ConstBytes area) const {
+  PathLevel& leaf = cursor.bt.leaf();
+  const bool forward = direction_ == Direction::kNext;
+  const std::size_t at = met(index);
   const Item here = cursor.treeitem;
   const std::span<const std::uint16_t> way{starts_.data(), at + 1};
   const int end =
-      itassemble(layout, node.area(), way, forward ? here.key : kNoKey, cursor.treeitem);
+      itassemble(ItemLayout{k}, area, way, forward ? here.key : kNoKey, cursor.treeitem);
   if (end != starts_[at + 1]) {
     btchanged(cursor);
     return failed(kCorrupted);
@@ -97,6 +100,19 @@ int LeafRun::stand_on(Cursor& cursor, const keydescr& k, std::size_t index) cons
   leaf.next = end;
   cursor.place.offset = leaf.offset;
   return 0;
+}
+
+bool LeafRun::has_same_key(const keydescr& k, std::size_t index, ConstBytes area) const {
+  const ItemLayout layout{k};
+  if (!layout.dups) return false;
+  const bool forward = direction_ == Direction::kNext;
+  const std::size_t at = met(index);
+  if (layout.dcompress) {
+    const int between = starts_[forward ? at + 1 : at];
+    return (area.data()[between - kRecordPointerSize] & kRepeatBit) != 0;
+  }
+  const std::size_t neighbour = forward ? at + 1 : at - 1;
+  return KeyOrder{k}.compare(area.data() + starts_[at], area.data() + starts_[neighbour]) == 0;
 }
 
 }  // namespace isam

@@ -24,10 +24,22 @@ class LeafRun {
   [[nodiscard]] std::span<const std::int32_t> records() const { return {records_.data(), count_}; }
 
   // Stands on the item of records()[index] and reads it, as index + 1 moves would: 0, or -1 with
-  // iserrno and depth -1.
+  // iserrno and depth -1. The second is given a copy of the leaf's items.
   int stand_on(Cursor& cursor, const keydescr& k, std::size_t index) const;
+  int stand_on(Cursor& cursor, const keydescr& k, std::size_t index, ConstBytes area) const;
+
+  // Whether it can be told of the run's items that a neighbour has the same key; and whether the
+  // neighbour of records()[index] in the direction of the moves has.
+  [[nodiscard]] static bool tells_same_keys(const ItemLayout& layout) {
+    return !layout.dups || layout.dcompress || !layout.compressed();
+  }
+  [[nodiscard]] bool has_same_key(const keydescr& k, std::size_t index, ConstBytes area) const;
 
  private:
+  // Which of the items met is that of records()[index].
+  [[nodiscard]] std::size_t met(std::size_t index) const {
+    return direction_ == Direction::kNext ? index : walked_ - 1 - index;
+  }
   void gather_next(const ItemLayout& layout, ConstBytes area, int pos, std::size_t most);
   void gather_previous(const ItemLayout& layout, ConstBytes area, int end, std::size_t most);
 

@@ -11,6 +11,7 @@
 #include <sstream>
 #include <utility>
 
+#include "common/io.h"
 #include "isam/pool/pool.h"
 #include "tests/support/between.h"
 #include "tests/support/descriptions.h"
@@ -250,13 +251,17 @@ class Script {
     if (one_in(150)) return close(opens_[slot]);
     const int isfd = one_in(60) ? among({-1, 256, 77, INT32_MAX}) : opens_[slot];
     set_variables();
+    // Where reads are a test's own, no file is mapped.
+    if (one_in(300)) std::swap(common::system_calls().pread, other_pread_);
     if (pick < write && one_in(12)) return write_many(isfd, any(one_in(6) ? 120 : 7));
     if (pick < erase) return change(isfd, pick < write ? among({0, 0, 1}) : among({5, 6, 6, 7}));
     pick = any(100);
     if (pick < 5) {
       read_many(isfd, any_read_mode(), any(one_in(9) ? 400 : 9));
     } else if (pick < 55) {
-      read(isfd, any_read_mode());
+      const int mode = any_read_mode();
+      unsigned more = one_in(9) ? any(50) : 0;  // steps in a row are read ahead
+      while (read(isfd, mode) && more > 0) --more;
     } else if (pick < 70) {
       any_start(isfd);
     } else if (pick < 97) {
@@ -595,6 +600,7 @@ class Script {
   const std::string base_ = folder_ / "pair";
   std::vector<int> opens_ = std::vector<int>(shape_.locks.size(), -1);  // -1: closed
   std::int32_t unique_ = 1;
+  decltype(common::SystemCalls::pread) other_pread_ = ::pread;
   bool own_ = false;  // a write of the last call failed
   // Whether the next call tells of a write that was delayed, and every close and flush.
   enum class Known { kNo, kPerhaps, kYes };

@@ -1,0 +1,209 @@
+#include "isam/calls/scanahead.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <new>
+
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/calls/call.h"
+#include "isam/calls/filelocale.h"
+#include "isam/calls/process.h"
+#include "isam/calls/reading.h"
+#include "isam/calls/recordcalls.h"
+#include "isam/files/files.h"
+#include "isam/tree/treenode.h"
+
+namespace isam {
+namespace {
+
+constexpr int kStepsBeforeCopying = 2;
+
+// Whether what others write to the dictionary can be seen without a system call.
+bool shows_writes(PairFile& index) {
+  if (!index.map.covers(kDictionarySize, 0)) return false;
+  if (!index.map_shows_writes) {
+    // One opened to read may be another file than the one that is written, where file systems lie
+    // over each other.
+    index.map_shows_writes = index.mode == O_RDWR && common::mapping_shows_writes(index.fd);
+  }
+  return *index.map_shows_writes;
+}
+
+}  // namespace
+
+bool ScanAhead::has_room() {
+  if (records_) return true;
+  const auto length = static_cast<std::size_t>(filep->geometry.maxreclen);
+  room_ = std::min(kMostBytes / length, kMost);
+  if (room_ >= kLeast) records_.reset(new (std::nothrow) Byte[room_ * length]);
+  return records_ != nullptr;
+}
+
+// The numbers of the records that follow: how many.
+std::size_t ScanAhead::gather(const Cursor& cursor, Direction direction) {
+  const std::size_t most = std::min(wanted_, room_);
+  if (openp->key.nparts > 0) {
+    run_.gather(cursor, openp->key, direction, most);
+    std::ranges::copy(run_.records(), numbers_.begin());
+    return run_.records().size();
+  }
+  const std::int32_t here = cursor.bt.item.recptr;
+  const bool forward = direction == Direction::kNext;
+  const std::int32_t left = forward ? dictp->d_nextdata() - here : here - 1;
+  const auto count = static_cast<std::size_t>(std::clamp(left, 0, static_cast<std::int32_t>(most)));
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto distance = static_cast<std::int32_t>(i) + 1;
+    numbers_[i] = here + (forward ? distance : -distance);
+  }
+  return count;
+}
+
+// What tells the position after each step.
+bool ScanAhead::keep_leaf(const Cursor& cursor) {
+  const KeepError keep;
+  const TreeNode node{cursor.bt.leaf().node};
+  if (!node) return false;
+  leaf_length_ = node.area().size();
+  std::ranges::copy(node.area(), leaf_.begin());
+  for (std::size_t i = 0; i < count_; ++i) {
+    same_key_[i] = run_.has_same_key(openp->key, i, {leaf_.data(), leaf_length_});
+  }
+  return true;
+}
+
+void ScanAhead::fill(Cursor& cursor, ReadMode mode) {
+  count_ = given_ = 0;
+  const bool in_tree = openp->key.nparts > 0;
+  const bool is_known = cursor.bt.ends == kOnItem && batchflag == 0;
+  if (!is_known || (!is_alone() && !shows_writes(filep->index)) || !has_room()) return;
+  if (in_tree && !LeafRun::tells_same_keys(ItemLayout{openp->key})) return;
+  const std::size_t found = gather(cursor, direction_of(mode));
+  count_ = dataread_many({numbers_.data(), found}, records_.get(), lengths_.data());
+  if (count_ == 0) return;
+  as_of_ = *dictp;
+  generation_ = filep->cached.generation;
+  if (!in_tree) {
+    same_key_.fill(false);
+  } else if (!keep_leaf(cursor)) {
+    count_ = 0;
+  }
+}
+
+bool ScanAhead::serves(OpenPair& file) const {
+  if (given_ == count_ || file.data.fd < 0 || file.cached.generation != generation_) return false;
+  if (file.locks.exclusives > 0) {
+    const bool is_settled = !file.unwritten.dictionary && file.unwritten.failed.error == 0;
+    return is_settled && std::memcmp(as_of_.raw, file.cached.dictionary.raw, kDictionarySize) == 0;
+  }
+  std::atomic_thread_fence(std::memory_order_acquire);
+  Dictionary now;
+  return file.index.map.look(now.raw, 0) && std::memcmp(as_of_.raw, now.raw, kDictionarySize) == 0;
+}
+
+void ScanAhead::take(char* record) {
+  const std::size_t i = given_++;
+  const auto stride = static_cast<std::size_t>(filep->geometry.maxreclen);
+  std::memcpy(record, records_.get() + i * stride, static_cast<std::size_t>(lengths_[i]));
+  isrecnum = numbers_[i];
+  isreclen = lengths_[i];
+  if (same_key_[i]) {
+    set_status("0202");
+  } else {
+    set_status("0000");
+  }
+}
+
+void ScanAhead::settle(Open& open) {
+  if (given_ < count_) {
+    wanted_ = kLeast;
+  } else if (count_ == wanted_) {
+    wanted_ = std::min(2 * wanted_, kMost);
+  }
+  if (given_ > 0) {
+    const KeepError keep;
+    Cursor& cursor = open.cursor;
+    cursor.bt = open.position;
+    const std::size_t last = given_ - 1;
+    if (open.key.nparts == 0) {
+      cursor.bt.item.recptr = numbers_[last];
+      btnumber(cursor, numbers_[last]);
+    } else if (run_.stand_on(cursor, open.key, last, {leaf_.data(), leaf_length_}) == 0) {
+      take_found_item(cursor);
+    } else {
+      cursor.bt.state = 0;
+    }
+    open.position = cursor.bt;
+  }
+  count_ = given_ = 0;
+}
+
+namespace {
+
+// Reads the next record where that needs no entry: false, and nothing done, where it does.
+bool read_copy(int isfd, char* record, int mode) {
+  know_process();
+  Open* const open = open_of(isfd);
+  if (record == nullptr || open == nullptr || open->kept || batchflag != 0) return false;
+  const OfScan& scan = open->scan;
+  if (scan.mode != mode || !scan.ahead || !scan.ahead->serves(*open->file)) return false;
+  make_current(*open);
+  if (check_locale() != 0) return false;
+  note_use();
+  clear_errors();
+  scan.ahead->take(record);
+  return true;
+}
+
+// How many steps in this direction the last calls of an open were.
+int steps_before(int isfd, int mode) {
+  const Open* const open = open_of(isfd);
+  return open != nullptr && open->scan.mode == mode ? open->scan.steps : 0;
+}
+
+// The current open has read a record after so many steps.
+void note_step(Cursor& cursor, int mode, int steps_before) {
+  OfScan& scan = openp->scan;
+  scan.mode = mode;
+  scan.steps = std::min(steps_before + 1, kStepsBeforeCopying);
+  if (scan.steps < kStepsBeforeCopying) return;
+  if (!scan.ahead) {
+    try {
+      scan.ahead = std::make_shared<ScanAhead>();
+    } catch (const std::bad_alloc&) {
+      return;
+    }
+  }
+  scan.ahead->fill(cursor, static_cast<ReadMode>(mode));
+}
+
+}  // namespace
+
+int read_step(int isfd, char* record, int mode) {
+  if (read_copy(isfd, record, mode)) return 0;
+  const bool after_end = iserrno == kEndOfFile;  // of the call before
+  const int steps = steps_before(isfd, mode);
+  Call call{isfd, {.access = Access::kToRead, .shared = true}};
+  if (!call) return refused_access('7');
+  ReadRequest request{};
+  ReadOutcome outcome = ReadOutcome::kFailed;
+  if (parse_read(record, mode, request) == 0) {
+    outcome = read_record(call.cursor(), reinterpret_cast<Byte*>(record), request);
+  }
+  if (outcome == ReadOutcome::kFailed) {
+    fail_to_read(call.cursor(), static_cast<ReadMode>(mode), after_end);
+  } else if (!request.lock) {
+    note_step(call.cursor(), mode, steps);
+  }
+  return call.end();
+}
+
+void leave_scan(Open& open) {
+  open.scan.steps = 0;
+  if (open.scan.ahead) open.scan.ahead->settle(open);
+}
+
+}  // namespace isam

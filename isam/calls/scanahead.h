@@ -1,0 +1,75 @@
+// scanahead: the records that the next steps of a scan will read, copied while the file is entered.
+//
+// A step (RD_NEXT or RD_PREV that locks nothing) that follows others like it is answered from the
+// copies. The file is not entered for it: where others share the file this spares the two system
+// calls of the lock, and everywhere the way through the tree.
+//
+// Keeps   A1 copies are made in a call that has entered the file, and serve as long as its
+//            dictionary is, byte for byte, what it was then. Whoever changes a record or a node
+//            raises the stamp in the dictionary before his call returns, a program of others too.
+//            So as long as the old one can be seen no change has returned to its caller, and the
+//            answer is that of a moment before it
+//         A2 the dictionary is looked at through the mapping, after all that this process was told
+//            before; where a mapping may lag behind the file (network file systems) nothing is read
+//            ahead. Of an exclusive open the dictionary in memory counts
+//         A3 a step that is served leaves what one through the tree leaves. The position follows
+//            when another call needs it (leave_scan)
+// Never   serves from the file or the page pool: another process may be in the midst of writing
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+
+#include "isam/base/current.h"
+#include "isam/calls/cursor.h"
+#include "isam/tree/leafrun.h"
+
+namespace isam {
+
+class ScanAhead {
+ public:
+  // Copies what the steps after the one that the current open has just read will be asked for;
+  // nothing where it cannot be known or without memory.
+  void fill(Cursor& cursor, ReadMode mode);
+  // Whether there is a next record, and the dictionary of the open's file stands.
+  [[nodiscard]] bool serves(OpenPair& file) const;
+  // Gives the next record, and what a read sets beside it.
+  void take(char* record);
+  // Puts the position of the open on the record given last, and forgets the others.
+  void settle(Open& open);
+
+ private:
+  static constexpr std::size_t kLeast = 2;  // records in the first portion; each next has twice
+  static constexpr std::size_t kMost = 64;  // as many, as long as all of them are asked for
+  static constexpr std::size_t kMostBytes = std::size_t{32} * 1024;
+
+  [[nodiscard]] bool has_room();
+  std::size_t gather(const Cursor& cursor, Direction direction);
+  bool keep_leaf(const Cursor& cursor);
+
+  std::size_t wanted_ = kLeast;
+  std::size_t count_ = 0;  // records copied
+  std::size_t given_ = 0;  // ... and asked for since
+  std::size_t room_ = 0;   // records that fit
+  std::unique_ptr<Byte[]> records_;
+  Dictionary as_of_{};            // what is copied is right as long as the file has this one
+  std::uint64_t generation_ = 0;  // ... and its pages are of this one
+  LeafRun run_;
+  std::array<Byte, kMaxNodeSize> leaf_;  // a copy of the leaf's items
+  std::size_t leaf_length_ = 0;
+  std::array<std::int32_t, kMost> numbers_;
+  std::array<std::int32_t, kMost> lengths_;
+  std::array<bool, kMost> same_key_;  // as that of the neighbour
+};
+
+// Whether a read goes to the next or the previous record, and asks for no lock.
+[[nodiscard]] constexpr bool is_step(int mode) { return mode == RD_NEXT || mode == RD_PREV; }
+
+// isread() of a step.
+int read_step(int isfd, char* record, int mode);
+
+// Ends a row of steps: the position is where the last one has left it.
+void leave_scan(Open& open);
+
+}  // namespace isam

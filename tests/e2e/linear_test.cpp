@@ -1,0 +1,283 @@
+// Steps of a scan that are served from copies, while others change the file: whoever has been told
+// that a change is done, or has seen it, never reads what was before it.
+//
+// Two processes change records, one of them as slowly, and in as many pieces, as another program
+// may: its pages first, the dictionary with the raised stamp behind them. Two others scan. What is
+// done or was seen is told in memory that all have in common.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "common/holders.h"
+#include "common/io.h"
+#include "tests/e2e/sessions.h"
+
+namespace testing_support {
+namespace {
+
+constexpr int kIds = 96;
+constexpr auto kLong = std::chrono::milliseconds(1500);
+
+// The record of an id has a version: how often it was put there, changed or removed. Each fourth
+// version is that it is away.
+constexpr bool is_there(int version) { return version % 4 != 2; }
+
+// What is told of one id. No version is read that is below `known` when the read begins, or above
+// `begun` when it ends.
+struct Told {
+  std::atomic<int> begun = 1;
+  std::atomic<int> known = 1;
+
+  void know(int version) {
+    int before = known;
+    while (before < version && !known.compare_exchange_weak(before, version)) {
+    }
+  }
+};
+
+struct Board {
+  std::array<Told, kIds + 2> told;
+  std::atomic<bool> over = false;
+  std::atomic<int> changes = 0;
+  std::atomic<int> steps = 0;
+  std::atomic<int> unlocked = 0;  // ... that asked the system for no lock
+  std::atomic<int> wrong = 0;     // line of what was found wrong
+
+  void expect(bool good, int line = __builtin_LINE()) {
+    if (!good) wrong = line;
+  }
+};
+
+// ---- Another program's way to write.
+
+constexpr std::size_t kPiece = 256;
+constexpr std::size_t kDictionaryBytes = 117;
+std::array<char, kDictionaryBytes> dictionary;
+int dictionary_fd = -1;
+
+ssize_t write_slowly(int fd, const void* from, std::size_t count, off_t at) {
+  const auto* bytes = static_cast<const char*>(from);
+  if (at == 0 && count == kDictionaryBytes) {
+    std::copy_n(bytes, count, dictionary.begin());
+    dictionary_fd = fd;
+    return static_cast<ssize_t>(count);
+  }
+  for (std::size_t done = 0; done < count; done += kPiece) {
+    ::usleep(30);
+    const std::size_t piece = std::min(kPiece, count - done);
+    if (::pwrite(fd, bytes + done, piece, at + static_cast<off_t>(done)) < 0) return -1;
+  }
+  return static_cast<ssize_t>(count);
+}
+
+int unlock_behind_dictionary(int fd, int command, struct flock* lock) {
+  if (lock->l_type == F_UNLCK && dictionary_fd >= 0) {
+    ::usleep(100);
+    if (::pwrite(std::exchange(dictionary_fd, -1), dictionary.data(), dictionary.size(), 0) < 0) {
+      return -1;
+    }
+  }
+  return ::fcntl(fd, command, lock);
+}
+
+// ---- The processes.
+
+class Changing {
+ public:
+  Changing(const std::string& base, bool varying, int process, Board& board)
+      : session_{base, varying},
+        random_(static_cast<unsigned>(process)),
+        process_(process),
+        board_(board) {
+    if (session_.open(ISINOUT | ISMANULOCK) < 0) ::_exit(1);
+  }
+
+  void run() {
+    while (!board_.over) {
+      const int id = 1 + process_ + 2 * static_cast<int>(random_() % (kIds / 2));
+      Told& told = board_.told[static_cast<std::size_t>(id)];
+      const int version = ++told.begun;
+      const Row row{id, id / 3, version};
+      const int result = !is_there(version)      ? session_.put(row, ::isdelete)
+                         : is_there(version - 1) ? session_.put(row, ::isrewrite)
+                                                 : session_.put(row, ::iswrite);
+      board_.expect(result == 0);
+      told.know(version);
+      ++board_.changes;
+      if (random_() % 4 == 0) ::usleep(200);
+    }
+    board_.expect(::isclose(session_.isfd) == 0);
+  }
+
+ private:
+  Session session_;
+  std::mt19937 random_;
+  int process_;
+  Board& board_;
+};
+
+int locks = 0;
+
+int count_lock(int fd, int command, struct flock* lock) {
+  ++locks;
+  return ::fcntl(fd, command, lock);
+}
+
+class Scanning {
+ public:
+  Scanning(const std::string& base, bool varying, int process, Board& board)
+      : session_{base, varying}, random_(static_cast<unsigned>(process) + 7), board_(board) {
+    if (session_.open(ISINPUT | ISMANULOCK) < 0) ::_exit(1);
+    common::system_calls().fcntl_lock = count_lock;
+  }
+
+  void run() {
+    while (!board_.over) {
+      const bool forward = random_() % 4 != 0;
+      if (session_.start(id_key(), forward ? RD_FIRST : RD_LAST) != 0) continue;
+      int here = forward ? 0 : kIds + 1;
+      for (int left = static_cast<int>(random_() % 200); left > 0 && here >= 0; --left) {
+        here = step(here, forward);
+        if (random_() % 16 == 0) ::usleep(100);
+      }
+    }
+  }
+
+ private:
+  // One step from the id `here`: to which, or -1 at the end.
+  int step(int here, bool forward) {
+    std::array<int, kIds + 2> known{};
+    for (std::size_t id = 0; id < known.size(); ++id) known[id] = board_.told[id].known;
+    const int locks_before = locks;
+    std::string record(kMaximum, 0);
+    const int result = ::isread(session_.isfd, record.data(), forward ? RD_NEXT : RD_PREV);
+    board_.expect(result == 0 || ::iserrno == ISEEND);
+    board_.unlocked += locks == locks_before ? 1 : 0;
+    ++board_.steps;
+    Row row{forward ? kIds + 1 : 0, 0, 0};
+    if (result == 0) {
+      record.resize(session_.varying ? static_cast<std::size_t>(::isreclen) : kMinimum);
+      board_.expect(parse(record, session_.varying, row));
+      // The current record may have gone and come back as another one, which then is the next.
+      const bool is_back = forward && row.id == here && row.counter >= session_.row.counter + 2;
+      board_.expect(row.id >= 1 && row.id <= kIds);
+      board_.expect((forward ? row.id > here : row.id < here) || is_back);
+      if (board_.wrong != 0) return -1;
+      Told& told = board_.told[static_cast<std::size_t>(row.id)];
+      board_.expect(row.counter >= known[static_cast<std::size_t>(row.id)] &&
+                    row.counter <= told.begun);
+      told.know(row.counter);
+    }
+    // A record that was passed over was away at some moment. (The first step forward gives the one
+    // that the start has found.)
+    for (int id = here == 0 ? row.id : std::min(here, row.id) + 1; id < std::max(here, row.id);
+         ++id) {
+      Told& told = board_.told[static_cast<std::size_t>(id)];
+      const int begun = told.begun;
+      int version = known[static_cast<std::size_t>(id)];
+      while (is_there(version) && version <= begun) ++version;
+      board_.expect(version <= begun);
+      told.know(version);
+    }
+    session_.row = row;
+    return result == 0 ? row.id : -1;
+  }
+
+  Session session_;
+  std::mt19937 random_;
+  Board& board_;
+};
+
+class Linear : public testing::TestWithParam<bool> {};
+
+TEST_P(Linear, ScansSeeWhatIsKnownToBeDone) {
+  const TempFolder folder;
+  const std::string base = folder / "pair";
+  build_pair_of(base, GetParam(), 0);
+  const Common<Board> board;
+  ASSERT_EQ(end_of(start_process([&] {
+              Session session{base, GetParam()};
+              session.open(ISINOUT | ISMANULOCK);
+              for (int id = 1; id <= kIds; ++id) {
+                if (session.put({id, id / 3, 1}, ::iswrite) != 0) ::_exit(1);
+              }
+              ::isclose(session.isfd);
+            })),
+            0);
+  std::vector<pid_t> processes;
+  for (int i = 0; i < 4; ++i) {
+    processes.push_back(start_process([&] {
+      if (i == 1) {
+        common::system_calls().pwrite = write_slowly;
+        common::system_calls().fcntl_lock = unlock_behind_dictionary;
+      }
+      i < 2 ? Changing(base, GetParam(), i, *board).run()
+            : Scanning(base, GetParam(), i, *board).run();
+    }));
+  }
+  for (auto end = std::chrono::steady_clock::now() + kLong;
+       std::chrono::steady_clock::now() < end && board->wrong == 0;) {
+    ::usleep(10'000);
+  }
+  board->over = true;
+  for (const pid_t process : processes) EXPECT_EQ(end_of(process), 0);
+  EXPECT_EQ(board->wrong, 0);
+  // Each of the ways there are was taken often.
+  EXPECT_GT(board->changes, 50);
+  const common::FileHold index{::open((base + ".idx").c_str(), O_RDONLY)};
+  if (common::mapping_shows_writes(index.get())) {
+    EXPECT_GT(board->unlocked, 100);
+  }
+  EXPECT_GT(board->steps - board->unlocked, 100);
+  expect_nothing_found(kestro("-nq", base));
+}
+
+// How often a scan asks for a lock, on a file system of this kind.
+int locks_of_scan(const std::string& base, bool varying, long kind) {
+  static long pretended;
+  pretended = kind;
+  const Common<int> asked;
+  EXPECT_EQ(end_of(start_process([&] {
+              common::system_calls().fstatfs = [](int, struct statfs* status) {
+                status->f_type = pretended;
+                return 0;
+              };
+              Session session{base, varying};
+              std::string record(kMaximum, 0);
+              session.open(ISINPUT | ISMANULOCK);
+              for (int scans = 0; scans < 2; ++scans) {
+                session.start(id_key(), RD_FIRST);
+                common::system_calls().fcntl_lock = count_lock;
+                locks = 0;
+                while (::isread(session.isfd, record.data(), RD_NEXT) == 0) continue;
+              }
+              *asked = locks;
+            })),
+            0);
+  return *asked;
+}
+
+TEST_P(Linear, ScansAskForEachLockWhereAMappingMayLagBehind) {
+  const TempFolder folder;
+  const std::string base = folder / "pair";
+  build_pair_of(base, GetParam(), kIds);
+  constexpr int kEach = 2 * (kIds + 1);
+  EXPECT_LT(locks_of_scan(base, GetParam(), EXT4_SUPER_MAGIC), kEach / 2);
+  EXPECT_EQ(locks_of_scan(base, GetParam(), NFS_SUPER_MAGIC), kEach);
+  EXPECT_EQ(locks_of_scan(base, GetParam(), 0x65735546 /* FUSE */), kEach);
+}
+
+INSTANTIATE_TEST_SUITE_P(Pairs, Linear, testing::Bool());
+
+}  // namespace
+}  // namespace testing_support
