@@ -220,13 +220,14 @@ bool Repair::begin_in_place(int reason) {
     refused_ = true;
     return false;
   }
-  if (!mark_index() || !sync(filep->index.fd)) {
-    isam::clear_mark(*filep);
+  const SignalBlock block;  // what a signal says is true of the mark
+  const bool marked = mark_index() && sync(filep->index.fd);
+  if (marked || isam::clear_mark(*filep) != 0) place_ = Place::kInPlace;
+  if (!marked) {
     refused_ = true;
     return false;
   }
   kept_.keep();
-  place_ = Place::kInPlace;
   interrupt_->say("\nkestro: " + index_ + ": interrupted in the middle of a repair in place; run " +
                   "kestro again\n");
   return true;
@@ -313,7 +314,8 @@ void Repair::forget_changes() {
 }
 
 void Repair::leave_as_it_was() {
-  tell_failure(as_it_was());
+  // A mark that could not be taken away again keeps the pair from being opened.
+  tell_failure(place_ == Place::kInPlace ? kIncomplete : as_it_was());
   forget_changes();
 }
 
@@ -375,8 +377,7 @@ void Repair::write_over(int reason) {
   const int to = filep->index.fd;
   constexpr std::int64_t kBehindMark = isam::kMarkOffset + isam::kMarkSize;
   if (!mark_index() || !sync(to)) {
-    isam::clear_mark(*filep);
-    return tell_failure(as_it_was());
+    return tell_failure(isam::clear_mark(*filep) == 0 ? as_it_was() : kIncomplete);
   }
   kept_.keep();
   const bool written =
