@@ -215,6 +215,7 @@ TEST_P(Linear, ScansSeeWhatIsKnownToBeDone) {
             })),
             0);
   std::vector<pid_t> processes;
+  processes.reserve(4);
   for (int i = 0; i < 4; ++i) {
     processes.push_back(start_process([&] {
       if (i == 1) {

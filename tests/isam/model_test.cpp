@@ -406,9 +406,9 @@ class Script {
       record = any_record();
       if (!one_in(40)) ::stlong(++fresh_, &record[8]);
     }
+    const int choice = shape_.maximum - kMinimum + 1;
     for (std::int32_t& length : many.lengths) {
-      length =
-          kMinimum + static_cast<int>(any(static_cast<std::size_t>(shape_.maximum - kMinimum + 1)));
+      length = kMinimum + static_cast<int>(any(static_cast<std::size_t>(choice)));
     }
     Many said = many;
     recordset set = many.set(shape_.maximum);
