@@ -51,7 +51,7 @@ void scan_both_ways(int isfd, keydescr key, std::vector<char>& record, bool back
   singly.reason = iserrno;
   if (isstart(isfd, &key, 0, record.data(), edge) != 0) return;
   dictinfo info{};
-  isdictinfo(isfd, &info);
+  if (isdictinfo(isfd, &info) != 0) return;  // a damaged list of indexes: no length of a record
   const auto room = static_cast<std::size_t>(info.di_recsize);
   std::vector<char> records(kMany * room);
   std::array<std::int32_t, kMany> numbers{};
