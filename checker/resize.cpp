@@ -171,7 +171,7 @@ void write_audit_node(Check& check) {
   if (carried.empty() || node <= kNewNodes || node > last) return;
   isam::PageHold page = isam::bfgetclr(node);
   if (!page) return;
-  std::ranges::copy(carried, page.data());
+  common::copy_bytes(carried, page.data());
   page.set_used(std::min<int>(common::ldword(carried.data()), isam::kPageSize));
 }
 

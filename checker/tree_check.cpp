@@ -129,7 +129,7 @@ void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
     page.release();
   } else {
     std::array<isam::Byte, isam::kMaxNodeSize> copy;  // no page is held during the descent
-    std::ranges::copy(area, copy.begin());
+    common::copy_bytes(area, copy.data());
     page.release();
     last = check_upper(node, {copy.data(), area.size()}, prev, bound, items);
   }

@@ -69,6 +69,12 @@ inline constexpr Byte fltnull[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x
   return *isnull ? 0 : ldfloat(at);
 }
 
+// Copies all bytes to where they have room. (std::ranges::copy of constant bytes goes byte by byte
+// in g++ 12.)
+inline void copy_bytes(ConstBytes from, Byte* to) {
+  if (!from.empty()) std::memcpy(to, from.data(), from.size());
+}
+
 // Compares n bytes as unsigned: -1, 0 or 1. The first eight, compared as one number, settle most.
 [[nodiscard]] inline int bycmpr(const Byte* a, const Byte* b, std::size_t n) {
   if (n >= 8) {

@@ -48,7 +48,7 @@ std::size_t ScanAhead::gather(const Cursor& cursor, Direction direction) {
   const std::size_t most = std::min(wanted_, room_);
   if (openp->key.nparts > 0) {
     run_.gather(cursor, openp->key, direction, most);
-    std::ranges::copy(run_.records(), numbers_.begin());
+    std::copy_n(run_.records().data(), run_.records().size(), numbers_.data());
     return run_.records().size();
   }
   const std::int32_t here = cursor.bt.item.recptr;
@@ -68,7 +68,7 @@ bool ScanAhead::keep_leaf(const Cursor& cursor) {
   const TreeNode node{cursor.bt.leaf().node};
   if (!node) return false;
   leaf_length_ = node.area().size();
-  std::ranges::copy(node.area(), leaf_.begin());
+  common::copy_bytes(node.area(), leaf_.data());
   for (std::size_t i = 0; i < count_; ++i) {
     same_key_[i] = run_.has_same_key(openp->key, i, {leaf_.data(), leaf_length_});
   }

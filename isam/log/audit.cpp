@@ -54,7 +54,7 @@ ConstBytes build_entry(AuditLetter letter, std::int32_t number, ConstBytes recor
   if (filep->geometry.varlen) {
     common::stword(static_cast<std::uint32_t>(record.size() + 1), at + kLength);
   }
-  std::ranges::copy(record, at + header);
+  common::copy_bytes(record, at + header);
   entry.back() = kNewline;
   return entry;
 }

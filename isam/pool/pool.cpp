@@ -35,8 +35,8 @@ bool is_in_one_block(std::int64_t offset, std::size_t size) {
 bool copy_block(const Buffer& block, std::int64_t offset, Bytes to, Bytes behind) {
   if ((block.flags & (kValid | kBusy)) != kValid) return false;
   const ConstBytes from{block.page + offset % kPageSize, to.size() + behind.size()};
-  std::ranges::copy(from.first(to.size()), to.begin());
-  std::ranges::copy(from.subspan(to.size()), behind.begin());
+  common::copy_bytes(from.first(to.size()), to.data());
+  common::copy_bytes(from.subspan(to.size()), behind.data());
   return true;
 }
 
