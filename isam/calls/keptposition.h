@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "isam/base/current.h"
 #include "isam/tree/btree.h"
@@ -23,8 +24,8 @@ class KeptPosition {
     bt_ = openp->position;
     bt_.state |= nearby_;
     bt_.depth = -1;
-    if (!moved_) return;
-    bt_.item = item_;
+    if (!item_) return;
+    bt_.item = *item_;
     bt_.ends = kOnItem;
     bt_.state = static_cast<std::uint16_t>((bt_.state & ~kCurrentDeleted) | moved_state_);
   }
@@ -37,19 +38,15 @@ class KeptPosition {
     moved_state_ = kHasCurrent | kCurrentRead;
   }
   // The current record has a new key: read or not, it is current as before.
-  void move_to(const Item& item) {
-    item_ = item;
-    moved_ = true;
-  }
+  void move_to(const Item& item) { item_ = item; }
   // Takes that back: the change has failed.
-  void stay() { moved_ = false; }
+  void stay() { item_.reset(); }
 
  private:
   Position& bt_;
   std::uint16_t nearby_ = 0;
   std::uint16_t moved_state_ = kHasCurrent;
-  bool moved_ = false;
-  Item item_;
+  std::optional<Item> item_;  // the new current one
 };
 
 }  // namespace isam

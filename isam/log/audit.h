@@ -16,7 +16,7 @@
 #include <string>
 #include <string_view>
 
-#include "isam/base/format.h"
+#include "isam/base/current.h"
 
 namespace isam::txlog {
 
@@ -49,7 +49,11 @@ int set_audit_trail_name(std::string_view name);
 // data file was closed for it and cannot be opened again). Called before anything is changed.
 int audopen();
 // Appends an entry when the trail is on and open: 0, or -1 with iserrno and iserrio.
-int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record);
+int append_to_trail(AuditLetter letter, std::int32_t number, ConstBytes record);
+inline int audoutput(AuditLetter letter, std::int32_t number, ConstBytes record) {
+  const bool is_on = dictp->d_audits() && filep->trail_fd >= 0;
+  return is_on ? append_to_trail(letter, number, record) : 0;
+}
 
 // Called when a record was changed and its entry could not be written: the call fails with the
 // error in iserrno, but what it changed stays and is not withdrawn from the log.

@@ -62,7 +62,10 @@ class Transfer {
   int hold() {
     if (offset_ < 0) return failed(kCorrupted);  // of a record number below 1
     const std::int64_t block = offset_ / kPageSize;
-    if (block == held_) return 0;
+    return block == held_ ? 0 : move_to(block);
+  }
+
+  int move_to(std::int64_t block) {
     page_.release();
     held_ = -1;
     if (look_ahead(block + 2) != 0) return -1;

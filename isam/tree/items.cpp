@@ -50,8 +50,8 @@ class Offsets {
 // Puts the key of the last of these items together from the back, each byte from the last item
 // that stores it, or from `before`. (From the front every item's bytes would be copied, most of
 // them in vain.)
-void gather_key(const ItemLayout& layout, ConstBytes area, std::span<const std::uint16_t> offsets,
-                const Byte* before, Byte* key) {
+inline void gather_key(const ItemLayout& layout, ConstBytes area,
+                       std::span<const std::uint16_t> offsets, const Byte* before, Byte* key) {
   int missing = layout.keylen;
   StoredItem stored;
   for (std::size_t i = offsets.size(); missing > 0 && i-- > 0;) {
@@ -64,6 +64,13 @@ void gather_key(const ItemLayout& layout, ConstBytes area, std::span<const std::
     missing = stored.leadc;
   }
   if (missing > 0) std::memcpy(key, before, static_cast<std::size_t>(missing));
+}
+
+// itassemble(), compiled into each of its callers here.
+inline int assemble(const ItemLayout& layout, ConstBytes area,
+                    std::span<const std::uint16_t> offsets, const Byte* before, Item& item) {
+  gather_key(layout, area, offsets, before, item.key);
+  return itunpack(layout, area, offsets.back(), item.key, item);
 }
 
 }  // namespace
@@ -96,14 +103,12 @@ int itprevious(const ItemLayout& layout, ConstBytes area, int pos, Item& item,
   }
   Offsets offsets;
   if (!offsets.find(layout, area, pos, start.offset)) return -1;
-  return itassemble(layout, area, offsets.all(), start.key, item) == pos ? offsets.all().back()
-                                                                         : -1;
+  return assemble(layout, area, offsets.all(), start.key, item) == pos ? offsets.all().back() : -1;
 }
 
 int itassemble(const ItemLayout& layout, ConstBytes area, std::span<const std::uint16_t> offsets,
                const Byte* before, Item& item) {
-  gather_key(layout, area, offsets, before, item.key);
-  return itunpack(layout, area, offsets.back(), item.key, item);
+  return assemble(layout, area, offsets, before, item);
 }
 
 void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press) {
