@@ -66,14 +66,8 @@ int read_call(int isfd, char* record, int mode) {
     Call call{isfd, {.access = Access::kToRead, .shared = true}};
     if (!call) return refused_access('7');
     ReadRequest request{};
-    ReadOutcome outcome = ReadOutcome::kFailed;
-    if (parse_read(record, mode, request) == 0) {
-      outcome = read_record(call.cursor(), reinterpret_cast<Byte*>(record), request);
-    }
-    if (outcome != ReadOutcome::kMustWait) {
-      if (outcome == ReadOutcome::kFailed) fail_to_read(call.cursor(), request.mode, after_end);
-      return call.end();
-    }
+    const ReadOutcome outcome = read_asked(call.cursor(), record, mode, after_end, request);
+    if (outcome != ReadOutcome::kMustWait) return call.end();
     if (wait_outside(call) != 0) return -1;
   }
 }

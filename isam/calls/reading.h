@@ -136,6 +136,29 @@ static inline ReadOutcome read_record(Cursor& cursor, Byte* record, const ReadRe
   return ReadOutcome::kRead;
 }
 
+// A failed read leaves the position where it was. A step to the next item that leads nowhere has
+// status characters of its own, and so has any step that does so right after a call at the end.
+static inline void fail_to_read(Cursor& cursor, ReadMode mode, bool after_end) {
+  cursor.bt = openp->position;
+  const bool leads_nowhere = iserrno == kEndOfFile || iserrno == kNoCurrent;
+  const bool is_step = mode == ReadMode::kNext || (after_end && !positions_anew(mode));
+  if (!leads_nowhere || !is_step) return;
+  isstat3 = '4';
+  isstat4 = '6';
+}
+
+// Reads as a call is asked to by `mode`, of which it makes `request`. `after_end`: the call before
+// met the end.
+static inline ReadOutcome read_asked(Cursor& cursor, char* record, int mode, bool after_end,
+                                     ReadRequest& request) {
+  ReadOutcome outcome = ReadOutcome::kFailed;
+  if (parse_read(record, mode, request) == 0) {
+    outcome = read_record(cursor, reinterpret_cast<Byte*>(record), request);
+  }
+  if (outcome == ReadOutcome::kFailed) fail_to_read(cursor, request.mode, after_end);
+  return outcome;
+}
+
 // Waits for the record of the item read last, outside the call, so that other processes go on
 // meanwhile. 0 when the record is worth another try. The position is that before the read.
 static inline int wait_outside(Call& call) {
@@ -149,17 +172,6 @@ static inline int wait_outside(Call& call) {
     return -1;
   }
   return lkrecord(number, RecordLock::kRelease);
-}
-
-// A failed read leaves the position where it was. A step to the next item that leads nowhere has
-// status characters of its own, and so has any step that does so right after a call at the end.
-static inline void fail_to_read(Cursor& cursor, ReadMode mode, bool after_end) {
-  cursor.bt = openp->position;
-  const bool leads_nowhere = iserrno == kEndOfFile || iserrno == kNoCurrent;
-  const bool is_step = mode == ReadMode::kNext || (after_end && !positions_anew(mode));
-  if (!leads_nowhere || !is_step) return;
-  isstat3 = '4';
-  isstat4 = '6';
 }
 
 }  // namespace isam

@@ -43,11 +43,22 @@ bool ScanAhead::has_room() {
   return records_ != nullptr;
 }
 
+// A copy of the leaf tells the position after each step.
+bool ScanAhead::keep_leaf(const Cursor& cursor) {
+  const KeepError keep;
+  const TreeNode node{cursor.bt.leaf().node};
+  if (!node) return false;
+  leaf_length_ = node.area().size();
+  common::copy_bytes(node.area(), leaf_.data());
+  return true;
+}
+
 // The numbers of the records that follow: how many.
 std::size_t ScanAhead::gather(const Cursor& cursor, Direction direction) {
   const std::size_t most = std::min(wanted_, room_);
   if (openp->key.nparts > 0) {
-    run_.gather(cursor, openp->key, direction, most);
+    if (!LeafRun::may_follow(cursor) || !keep_leaf(cursor)) return 0;
+    run_.gather(cursor, openp->key, direction, most, leaf());
     std::copy_n(run_.records().data(), run_.records().size(), numbers_.data());
     return run_.records().size();
   }
@@ -62,19 +73,6 @@ std::size_t ScanAhead::gather(const Cursor& cursor, Direction direction) {
   return count;
 }
 
-// What tells the position after each step.
-bool ScanAhead::keep_leaf(const Cursor& cursor) {
-  const KeepError keep;
-  const TreeNode node{cursor.bt.leaf().node};
-  if (!node) return false;
-  leaf_length_ = node.area().size();
-  common::copy_bytes(node.area(), leaf_.data());
-  for (std::size_t i = 0; i < count_; ++i) {
-    same_key_[i] = run_.has_same_key(openp->key, i, {leaf_.data(), leaf_length_});
-  }
-  return true;
-}
-
 void ScanAhead::fill(Cursor& cursor, ReadMode mode) {
   count_ = given_ = 0;
   const bool in_tree = openp->key.nparts > 0;
@@ -86,10 +84,8 @@ void ScanAhead::fill(Cursor& cursor, ReadMode mode) {
   if (count_ == 0) return;
   as_of_ = *dictp;
   generation_ = filep->cached.generation;
-  if (!in_tree) {
-    same_key_.fill(false);
-  } else if (!keep_leaf(cursor)) {
-    count_ = 0;
+  for (std::size_t i = 0; i < count_; ++i) {
+    same_key_[i] = in_tree && run_.has_same_key(openp->key, i, leaf());
   }
 }
 
@@ -131,7 +127,7 @@ void ScanAhead::settle(Open& open) {
     if (open.key.nparts == 0) {
       cursor.bt.item.recptr = numbers_[last];
       btnumber(cursor, numbers_[last]);
-    } else if (run_.stand_on(cursor, open.key, last, {leaf_.data(), leaf_length_}) == 0) {
+    } else if (run_.stand_on(cursor, open.key, last, leaf()) == 0) {
       take_found_item(cursor);
     } else {
       cursor.bt.state = 0;
@@ -189,15 +185,8 @@ int read_step(int isfd, char* record, int mode) {
   Call call{isfd, {.access = Access::kToRead, .shared = true}};
   if (!call) return refused_access('7');
   ReadRequest request{};
-  ReadOutcome outcome = ReadOutcome::kFailed;
-  if (parse_read(record, mode, request) == 0) {
-    outcome = read_record(call.cursor(), reinterpret_cast<Byte*>(record), request);
-  }
-  if (outcome == ReadOutcome::kFailed) {
-    fail_to_read(call.cursor(), static_cast<ReadMode>(mode), after_end);
-  } else if (!request.lock) {
-    note_step(call.cursor(), mode, steps);
-  }
+  const ReadOutcome outcome = read_asked(call.cursor(), record, mode, after_end, request);
+  if (outcome == ReadOutcome::kRead && !request.lock) note_step(call.cursor(), mode, steps);
   return call.end();
 }
 

@@ -47,6 +47,7 @@ class ScanAhead {
   [[nodiscard]] bool has_room();
   std::size_t gather(const Cursor& cursor, Direction direction);
   bool keep_leaf(const Cursor& cursor);
+  [[nodiscard]] ConstBytes leaf() const { return {leaf_.data(), leaf_length_}; }
 
   std::size_t wanted_ = kLeast;
   std::size_t count_ = 0;  // records copied

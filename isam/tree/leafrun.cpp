@@ -15,25 +15,35 @@ std::int32_t record_before(ConstBytes area, int end) {
 
 }  // namespace
 
+bool LeafRun::may_follow(const Cursor& cursor) {
+  if (cursor.bt.depth < 0 || cursor.bt.ends != kOnItem) return false;
+  const PathLevel& leaf = cursor.bt.leaf();
+  const ItemPlace& read = cursor.place;
+  return read.node == leaf.node && read.offset == leaf.offset &&
+         read.generation == filep->cached.generation;
+}
+
 void LeafRun::gather(const Cursor& cursor, const keydescr& k, Direction direction,
                      std::size_t most) {
+  count_ = 0;
+  if (!may_follow(cursor)) return;
+  const KeepError keep;  // what cannot be read is met again by a move
+  const TreeNode node{cursor.bt.leaf().node};
+  if (node) gather(cursor, k, direction, most, node.area());
+}
+
+void LeafRun::gather(const Cursor& cursor, const keydescr& k, Direction direction, std::size_t most,
+                     ConstBytes area) {
   count_ = walked_ = 0;
   direction_ = direction;
-  if (cursor.bt.depth < 0 || cursor.bt.ends != kOnItem) return;
-  const PathLevel& leaf = cursor.bt.level(cursor.bt.depth);
-  const ItemPlace& read = cursor.place;
-  const bool known = read.node == leaf.node && read.offset == leaf.offset &&
-                     read.generation == filep->cached.generation;
-  if (!known) return;
-  const KeepError keep;  // what cannot be read is met again by a move
-  const TreeNode node{leaf.node};
-  if (!node || node.length() != leaf.length) return;
+  const PathLevel& leaf = cursor.bt.leaf();
+  if (static_cast<int>(area.size()) != leaf.length) return;
   const ItemLayout layout{k};
   most = std::min(most, kMostItems - 1);
   if (direction == Direction::kNext) {
-    gather_next(layout, node.area(), leaf.next, most);
+    gather_next(layout, area, leaf.next, most);
   } else {
-    gather_previous(layout, node.area(), leaf.offset, most);
+    gather_previous(layout, area, leaf.offset, most);
   }
 }
 

@@ -19,6 +19,10 @@ class LeafRun {
   // read. Of an index with duplicates only those whose own neighbour there is in the leaf too. None
   // where only a move can tell: at the leaf's end, beside the items, where bytes make no item.
   void gather(const Cursor& cursor, const keydescr& k, Direction direction, std::size_t most);
+  // The same from a copy of the leaf's items, where any may_follow().
+  void gather(const Cursor& cursor, const keydescr& k, Direction direction, std::size_t most,
+              ConstBytes area);
+  [[nodiscard]] static bool may_follow(const Cursor& cursor);
 
   // Their record numbers, in the order of the moves.
   [[nodiscard]] std::span<const std::int32_t> records() const { return {records_.data(), count_}; }
