@@ -48,21 +48,25 @@ class TreeCheck {
  private:
   using Item = isam::Item;
 
-  // Checks a node and all below it. `prev` is the item that precedes them in key order (null on the
-  // leftmost path), `bound` one that their last item must not exceed (null on the rightmost path).
+  // Checks a node and all below it. In key order the item `prev` comes before all of their items
+  // (null on the leftmost path), and none of these may be greater than the item `bound` (null on
+  // the rightmost path).
   void cktree(std::int32_t node, const Item* prev, const Item* bound);
-  // Shows `visit` one item of a node after the other, with the key that it was unpacked behind and
-  // whether it is the last. They stand in the two of `items` by turns: the one before stays
-  // readable. False, with badindex set, when the rest of the node is malformed.
+  // Calls `visit` for one item of a node after the other, with the key of the item before it in the
+  // node (kNoKey for the first), from which its leading bytes were taken, and whether it is the
+  // last. The items are unpacked into items[0] and items[1] by turns, so that the one before can
+  // still be read. False, with badindex set, when the rest of the node is malformed.
   template <typename Visit>
   bool visit_items(std::int32_t node, isam::ConstBytes area, Item (&items)[2], Visit visit);
-  // Check a node's items. They return the last one with a key of its own, which `items` holds
-  // (`prev` when there is none), or null when the rest of the node is malformed.
+  // Check a node's items. Each returns the item to be compared with `bound`, which stands in
+  // `items`: a leaf's last one; in an upper node the one before the last, for the last one's key
+  // carries no meaning. `prev` when the node has no such item, null when it is malformed.
   const Item* check_upper(std::int32_t node, isam::ConstBytes area, const Item* prev,
                           const Item* bound, Item (&items)[2]);
   const Item* check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
                          Item (&items)[2]);
-  // The keys of the two are known to have their first `equal` bytes in common.
+  // Sets badorder when `prev` is greater than `item`, which follows it. The keys of the two are
+  // known to have their first `equal` bytes in common.
   void check_pair(const Item& prev, const Item& item, int equal);
   // Counts a leaf's pointer that is out of range, to a record not in use, or a second one to it.
   void check_record(std::int32_t record);

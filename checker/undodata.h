@@ -42,8 +42,8 @@ struct UndoData {
 
 // The name of the small file that stands beside a kept index.
 [[nodiscard]] std::string undo_file_of(const std::string& kept);
-// Notes it in the attribute of the kept file: 0, or -1 with errno. Then the caller may write the
-// small file.
+// Notes `data` in the attribute of the kept file: 0, or -1 with errno. After a failure the caller
+// may write the small file instead.
 [[nodiscard]] int store_undo_data(int kept_fd, const UndoData& data);
 // What was noted for the kept index of this path, in the attribute or else in the small file;
 // nothing when neither can be read.

@@ -5,7 +5,8 @@
 //
 // Needs   numbers from 0 to the highest that reset() was given; callers check them first
 // Keeps   the number of set bits, so that counting costs nothing
-// Gives   a bit's previous value when it is changed: who marks a marked number has met a duplicate
+// Gives   a bit's previous value when it is changed: where it was set already, the number is met a
+//         second time
 // Throws  std::bad_alloc
 #pragma once
 
@@ -22,7 +23,7 @@ class UsageMap {
  public:
   UsageMap() = default;
 
-  // Covers 0..highest, all clear. A map covers nothing before.
+  // Makes the map cover 0..highest, all clear. Before its first reset() a map covers no number.
   void reset(std::int32_t highest);
 
   bool set_bit(std::int32_t n) {

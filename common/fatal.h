@@ -1,5 +1,5 @@
-// fatal: the end of the process, for misuse of the library by its own code, and for a page pool
-// without memory.
+// fatal: the end of the process, where the library's code breaks its own rules (such as giving back
+// a page that it does not hold), and where the page pool gets no memory.
 #pragma once
 
 namespace common {

@@ -49,7 +49,7 @@ constexpr option kLongOptions[] = {{"directory", required_argument, nullptr, 'C'
                                    {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
 
-// The argument of --length: none after a complaint.
+// What the argument of --length says; nothing, after a complaint, when it makes no sense.
 std::optional<TrailFormat> parse_format(std::string_view text) {
   if (text == "variable") return TrailFormat{true, kGreatestRecord};
   int length = 0;
@@ -73,9 +73,9 @@ bool take_task(Options& options, Task task) {
   return true;
 }
 
-// Takes one option, by its letter or its value in LongOnly: false when it makes no sense. Whoever
-// noticed that (getopt_long() for an unknown option) has complained. An assignment of true is the
-// result as well.
+// Takes one option, by its letter or its value in LongOnly: false when it makes no sense. Then the
+// complaint has been made: of an unknown option by getopt_long(). An option that is only a switch
+// is set to true, and the value of this assignment, true, is returned.
 bool take_option(Options& options, int letter) {
   switch (letter) {
     case 'C':

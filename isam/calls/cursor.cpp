@@ -87,6 +87,7 @@ int kposition(Cursor& cursor, const Byte* record, int len, ReadMode mode) {
   const int found =
       by_number() ? position_by_number(cursor, mode) : position_in_tree(cursor, record, len, mode);
   if (found != 0) return -1;
+  // An empty tree gives no item, and treeitem may still be that of an earlier read.
   if (cursor.bt.ends == kEmptyTree) btnumber(cursor, 0);
   take_found_item(cursor);
   cursor.bt.state |= kHasCurrent;
@@ -96,6 +97,7 @@ int kposition(Cursor& cursor, const Byte* record, int len, ReadMode mode) {
 int find_current(Cursor& cursor, bool again) {
   if ((cursor.bt.state & kHasCurrent) == 0) return failed(kNoCurrent);
   if (btcurrent(cursor, openp->key, again) != 0) return failed_unless_set(kNoCurrent);
+  // In the order of record numbers btcurrent() reads no item.
   if (by_number()) btnumber(cursor, cursor.bt.item.recptr);
   return 0;
 }

@@ -26,8 +26,8 @@ struct ReadRequest {
 enum class ReadOutcome {
   kRead,
   kFailed,
-  kKeptPlace,  // the record is locked; it is the current one all the same
-  kMustWait,   // it is locked, and the read is to be tried again when it no longer is
+  kLockedCurrent,  // the record is locked; it is the current one all the same
+  kMustWait,       // it is locked, and the read is to be tried again when it no longer is
 };
 
 static inline bool goes_back(ReadMode mode) {
@@ -125,7 +125,7 @@ static inline ReadOutcome read_record(Cursor& cursor, Byte* record, const ReadRe
     // A step stays where it was, unless it is to skip; who positions anew comes to the record.
     if (!request.skip && !positions_anew(request.mode)) return ReadOutcome::kFailed;
     make_item_current(cursor);
-    return ReadOutcome::kKeptPlace;
+    return ReadOutcome::kLockedCurrent;
   }
   make_item_current(cursor);
   if ((openp->key.flags & KF_DUPS) != 0 &&

@@ -14,7 +14,8 @@
 namespace isam {
 
 // 0 when `k` has parts and is legal for records of `reclen` bytes: its keylen is computed then.
-// Else -1 with 103. A key without parts is refused, too: where one may be, the caller asks first.
+// Else -1 with 103. A key without parts is refused, too: a caller that allows one looks at nparts
+// before.
 int kylegal(keydescr& k, int reclen);
 
 // Reads a stored description that has been found well formed.

@@ -19,16 +19,18 @@
 
 namespace isam {
 
-// Forgets how large the current pair's files are.
+// Forgets how large the current pair's files are: the next lengthen() asks the system.
 void forget_extent();
 
-// Where the file ends before `to`, writes zero bytes up to `to`, and up to fifteen pages more where
-// the disk has room. It writes from the file's end on, or from `from` when that is behind the end.
-// Of the data file it also notes that cut_unused_room() is to leave what is before `to`. 0, or -1
-// with the system's error.
+// Makes a file reach to `to` at least, for pages or slots that begin at `from`. To a file that ends
+// before `to` it writes zero bytes from its end on (from `from` on when the file ends before that:
+// what lies between is not written) up to `to`, and up to fifteen pages more where the disk has
+// room. Whether it writes or not, it notes of a data file that cut_unused_room() must leave the
+// bytes before `to` (Extent::kept). 0, or -1 with the system's error.
 int lengthen(FileKind kind, std::int64_t from, std::int64_t to);
 
-// While it lives no room is reserved: a failed call puts back what was there before.
+// While it lives no room is reserved. It is for steps that put back what a failed call has changed:
+// that had its room in the files before the call.
 class RoomIsThere {
  public:
   RoomIsThere() : call_(filep->call) { call_.has_room = true; }
@@ -60,8 +62,8 @@ class RoomIsThere {
 
 // Room for the slot of record k, in whole blocks: 0 or -1.
 [[nodiscard]] inline int reserve_slot(std::int64_t k) {
-  // Other than for nodes, the file's size is not what counts: a block that is there already must
-  // also be noted as one to be left.
+  // It is not the file's size that decides here, as it does for nodes: a block that the file has
+  // already must still be noted, by lengthen(), as one that is not cut off.
   if (!reserves_room() || k * slot_size() <= filep->data.extent.kept) return 0;
   const std::int64_t first = (k - 1) * slot_size() / kPageSize * kPageSize;
   return lengthen(FileKind::kData, first, end_of_slot(k));

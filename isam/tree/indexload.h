@@ -29,14 +29,14 @@ class IndexLoad {
   // Takes the key of a record, in ascending order of record numbers. 0, or -1 with iserrno.
   [[nodiscard]] int add(const Byte* record, std::int32_t number);
 
-  // Ends the adding and sorts. What finish() then still writes to the disk are the tree and, when
-  // they are many, the numbers of records left out. 0, or -1 with iserrno.
+  // Ends the adding and sorts. After it finish() writes only the tree to the disk, and the numbers
+  // of records left out when memory does not hold them. 0, or -1 with iserrno.
   [[nodiscard]] int sort();
 
   // Both must be set.
   struct Listener {
     std::function<void(std::int32_t record)> left_out;  // could not be indexed
-    std::function<void(std::int64_t items)> loaded;     // records done, also those left out
+    std::function<void(std::int64_t records)> loaded;   // records done, also those left out
   };
 
   // Sorts, unless that was done, and builds the tree under `root`. 0, or -1 with iserrno; then the
@@ -44,8 +44,8 @@ class IndexLoad {
   [[nodiscard]] int finish(std::int32_t root, const Listener& listener);
   // Whether finish() has met equal keys.
   [[nodiscard]] bool met_equal() const { return met_equal_; }
-  // Gives the nodes of the tree back, except for the root, the last taken first: the free list is
-  // as it was.
+  // Gives the nodes of the tree back, except for the root. The node that was taken last goes back
+  // first, so that the free list is as it was before.
   void give_nodes_back();
 
  private:
