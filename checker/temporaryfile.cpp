@@ -56,8 +56,8 @@ TemporaryFile::~TemporaryFile() {
 }
 
 // The own name holds the inode number, which is not known before the file is made. So the file is
-// made as ".kestro-new" and renamed. Signals wait meanwhile, so that each finds a name noted that
-// the file has.
+// made as ".kestro-new" and renamed. Signals wait meanwhile: a signal removes the file by the name
+// that set_name() noted, which must be the one that the file has.
 void TemporaryFile::make_with_name() {
   const std::string first = own_prefix(index_) + std::string(kUnfinished);
   const SignalBlock block;
@@ -137,8 +137,9 @@ bool is_leftover(const std::string& path, std::string_view number, const struct 
   if (!file || common::system_calls().fstat(file.get(), &status) != 0) return false;
   const bool numbered = number == std::to_string(status.st_ino);
   const bool unfinished = number == kUnfinished && status.st_size == 0;
-  // A run killed inside become() has left two names of one file. More names, or two of
-  // a file without its number, are not this program's.
+  // A run that was killed inside become() may have left its file with two names: the own one, with
+  // the number, and the one that the file was to get. Any other file with several names is not this
+  // program's.
   return S_ISREG(status.st_mode) && status.st_nlink <= (numbered ? 2 : 1) &&
          (numbered || unfinished) &&
          (status.st_uid == index.st_uid || status.st_uid == ::geteuid()) && lock(file.get());

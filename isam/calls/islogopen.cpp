@@ -31,7 +31,8 @@ int open_call(const char* path) {
   know_process();
   clear_errors();
   set_status("0000");
-  if (log_is_open() ? failed(kLogOpen) != 0 : open_log(path) != 0) {
+  const int opened = log_is_open() ? failed(kLogOpen) : open_log(path);
+  if (opened != 0) {
     set_status("9090");
     return -1;
   }

@@ -72,7 +72,8 @@ int abandon_open(Open& open) {
   {
     const KeepError keep;
     if (openp == &open && open.file != nullptr) {
-      if ((open.mode & 0xFF00) != 0) lkopenlock(0);  // the lock mode is there once the lock is had
+      // The open's mode includes a lock mode only while the open lock is held.
+      if ((open.mode & 0xFF00) != 0) lkopenlock(0);
       release_semaphore();
     }
     freeopen(open);
@@ -113,7 +114,8 @@ void tell_system_error() {
 // An even d_idxsize is one of a later format.
 int refuse_dictionary() { return failed(dictp->d_idxsize() % 2 == 0 ? kFormatChange : kCorrupted); }
 
-// Tests of the dictionary that only an open makes. The open pair's Geometry is that of it already.
+// Tests of the dictionary that only an open makes. adopt_dictionary() has copied its lengths to the
+// open pair's Geometry already.
 int validate() {
   const bool lengths_agree =
       filep->geometry.reclen > 0 && filep->geometry.maxreclen >= filep->geometry.reclen;
@@ -125,8 +127,10 @@ int validate() {
   return keys->empty() ? refuse_dictionary() : 0;
 }
 
-// A method of before, or one that RESETLOCK lets pass, becomes the current one: 0, or -1 with
-// iserrno. To write it, a call that entered to read takes the semaphore anew, exclusively.
+// A known lock method other than the current one gives way to that: 0, or -1 with iserrno, also for
+// an unknown one. Without RESETLOCK dictread() has refused all but 0 and the current one. To write
+// the dictionary, the call, which may share the semaphore, takes it anew, exclusively; an exclusive
+// open needs none.
 int adopt_lock_method() {
   const int method = dictp->d_lockmethod();
   if (method == kLockMethod) return 0;
@@ -168,9 +172,9 @@ bool was_replaced(const char* name) {
 }
 
 // Until the open lock was had, an exclusive open of another process may have been there. It writes
-// its dictionary when it closes, which is read again; and it may have moved, replaced or removed
-// the pair. 0, or -1: with ENOENT when the name does not lead to the pair any more, which then does
-// not stay idle.
+// its dictionary when it closes: so the dictionary is read again. It may also have moved, replaced
+// or removed the pair. 0, or -1: with ENOENT when the name does not lead to the pair any more; the
+// pair then takes no other open and is closed with this one.
 int look_again(const char* name, Entry entry) {
   if (filep->usecount > 1) return 0;
   if (is_pair_of(*filep, name)) return reread_dictionary(entry);
@@ -186,15 +190,16 @@ int look_again(const char* name, Entry entry) {
 // A pair whose last exclusive open was not closed well is not opened: 0, or -1 with 105 or the
 // system's error.
 int look_for_mark() {
-  forget_exclusive();
+  forget_exclusive();  // what an earlier exclusive open of this process knew
   const int found = find_mark(*filep);
   return found > 0 && !opens_marked ? failed(kCorrupted) : std::min(found, 0);
 }
 
-// Locks the pair that has been entered, and has it as the mode asks for it: 0 or -1.
+// Locks the pair that has been entered, checks that it is sound and what the mode asks for, and
+// puts the open before the first item of the primary index: 0 or -1.
 int lock_and_validate(Open& open, const char* name, int mode, Entry entry) {
   const int lock_mode = lock_mode_of(mode);
-  const bool was_shared = filep->locks.exclusives == 0;
+  const bool was_shared = filep->locks.exclusives == 0;  // before lkopenlock() counts this open
   open.mode |= lock_mode;
   if (lkopenlock(lock_mode) != 0) {
     open.mode &= 0xFF;
@@ -214,10 +219,11 @@ int set_up(Open& open, const char* name, int mode) {
   const Entry entry{.access = static_cast<Access>((mode & 3) + 1),
                     .shared = true,
                     .any_locale = (mode & ISANYLENGTH) != 0,
-                    .goes_on = true};  // no call is refused that opens
+                    .goes_on = true};  // the next call tells a late write that failed
   Call call{isfd_of(open), entry};
   if (!call) {
-    // The index that a repair has put another one in the place of is no dictionary any more.
+    // A repair that puts a new index in the place of this one has erased this one's magic: 105.
+    // With ENOENT instead, open_pair() tries again and opens the new one.
     const bool replaced = iserrno == kCorrupted && filep != nullptr && !is_pair_of(*filep, name);
     return replaced ? failed_system(ENOENT) : -1;
   }
@@ -274,7 +280,7 @@ int open_pair(const char* name, int mode) {
   constexpr int kTries = 3;  // while the pair is being replaced
   if (issingleuser) mode = (mode & 0xFF) | ISEXCLLOCK;
   if (check_logging(mode) != 0 || ckfilname(name) != 0 || check_access(mode) != 0) return -1;
-  isbatch(2);
+  isbatch(2);  // gives the semaphore back that batch mode keeps; batch mode itself goes on
   clear_errors();
   if (Open* const kept = find_kept(name, mode)) return use_again(*kept);
   int isfd = open_anew(name, mode);

@@ -63,8 +63,8 @@ OpenPair* unused_file_record() {
   return nullptr;
 }
 
-// An unused record, which another pair may be closed for; null with 104 or 116. iserrno is 0
-// before.
+// An unused record; when there is none, vclose() may close idle pairs to make one. Null with 104 or
+// 116. To be called with iserrno 0.
 OpenPair* free_file_record() {
   OpenPair* file = unused_file_record();
   if (file == nullptr && iserrno == 0) {
@@ -99,8 +99,8 @@ void freefile(OpenPair& file) {
   if (!stays) close_file_record(file);
 }
 
-// Closes the idle pairs of this name whose index file is not the one that has it on disk:
-// `identity`, or null for none. One in use serves its opens on.
+// Closes the idle pairs that were opened by this name and whose index file has lost it: on disk the
+// name leads to the file `identity`, or to none (null). A pair in use goes on to serve its opens.
 void retire_replaced(std::string_view name, const struct stat* identity) {
   for (const auto& file : files) {
     if (!is_open(file) || file->name != name) continue;
@@ -141,7 +141,8 @@ bool open_files(OpenPair& file, std::string_view name, int mode, IndexAccess ind
   return true;
 }
 
-// Which file has the name of an index: false with iserrno when none can be found.
+// Which file has the name of an index: false with iserrno when none can be found. Also closes idle
+// pairs that had the name before (retire_replaced).
 bool look_up(std::string_view name, struct stat& status) {
   if (common::system_calls().stat(mkidxname(name).c_str(), &status) != 0) {
     const int reason = errno;
@@ -174,6 +175,8 @@ void choose(OpenPair*& best, OpenPair& file) {
   if (best == nullptr || file.lastuse < best->lastuse) best = &file;
 }
 
+// A pair in use keeps its data file where this could not be opened again, because its name does
+// not lead to it any more (takes_no_open), and where changes wait that could not be written (lost).
 Victims look_for_victims() {
   Victims found;
   for (const auto& file : files) {

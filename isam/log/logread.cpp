@@ -9,7 +9,7 @@
 namespace isam::txlog {
 namespace {
 
-constexpr std::size_t kWindow = 65536;  // any record fits
+constexpr std::size_t kWindow = 65536;  // any record fits: its length is stored in 16 bits
 
 }  // namespace
 
@@ -42,8 +42,8 @@ LogRecord LogWindow::isgetprev(std::int64_t offset, int length) {
   if (offset < kMagicSize || length < log_record::kSmallest) return {};
   if (!holds(offset, size)) {
     const std::int64_t end = offset + length;
-    const std::int64_t start = std::max<std::int64_t>(
-        kMagicSize, end - static_cast<std::int64_t>(std::max(kWindow, size)));
+    const std::int64_t start =
+        std::max<std::int64_t>(kMagicSize, end - static_cast<std::int64_t>(kWindow));
     if (readlog(start, static_cast<std::size_t>(end - start)) != 0 || !holds(offset, size)) {
       return {};
     }

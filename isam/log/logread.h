@@ -2,8 +2,8 @@
 // links of one process.
 //
 // Needs   the descriptor of a log, whose bytes may be anything
-// Keeps   R1 every walk ends: a scan goes on by the length of a record at the least, a chain only
-//            leads back
+// Keeps   R1 every walk ends: each step of a scan goes on by at least the length of the smallest
+//            record, each step of a chain leads back
 // Gives   records that stay valid until the next is read through the same window or walk
 #pragma once
 

@@ -31,8 +31,8 @@ namespace isam {
 // Copies record k's raw trailer: its length (7 with variable length, else 1), or -1.
 [[nodiscard]] int datainfo(std::int32_t k, std::span<Byte, kVariableTrailer> trailer);
 
-// The highest record number of the dictionary, or what the data file can hold if that is less. What
-// is still in the pool is written first.
+// The highest record number of the dictionary; at most one more than the data file has whole slots,
+// for its last slot may be cut short. What is still in the pool is written first.
 [[nodiscard]] std::int32_t records_in_file();
 
 // Whether record k is present: 1 or 0, -1 when its slot cannot be read.
@@ -41,12 +41,14 @@ namespace isam {
 // Writes a new record k, from reclen to maxreclen bytes (other lengths are fatal): 0, or -1; 105
 // when the slot still refers to a variable part.
 [[nodiscard]] int datacreate(std::int32_t k, ConstBytes record);
-// Writes record k, present or absent, over what its slot holds, and into the storage that the slot
-// refers to (dataclear() keeps it); for its length the same holds as in datacreate(): 0 or -1. With
-// `release` storage that is no longer needed is freed. Without it the variable part must become
-// shorter, and keeps its storage until datatrunc().
+// Writes record k over what its slot holds, a present record or an absent one, and into the storage
+// that the slot refers to (that of an absent one was kept by dataclear()). The record has from
+// reclen to maxreclen bytes (other lengths are fatal): 0 or -1. With `release` storage that is no
+// longer needed is freed. Without it the variable part must become shorter, and keeps its storage
+// until datatrunc().
 [[nodiscard]] int datawrite(std::int32_t k, ConstBytes record, bool release);
-// Frees the storage that a record keeps beyond its length, of an absent one all: 0 or -1.
+// Frees the storage that record k keeps beyond its length; when it is absent, all its storage: 0 or
+// -1.
 [[nodiscard]] int datatrunc(std::int32_t k);
 // Marks record k absent, keeping (dataclear) or freeing (datadelete) its variable part: 0 or -1.
 [[nodiscard]] int dataclear(std::int32_t k);

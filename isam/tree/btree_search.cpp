@@ -20,19 +20,20 @@ int lost(Cursor& cursor, Code code) {
   return lost(cursor);
 }
 
-// treeitem is now the item on the path.
+// Notes that treeitem is the item on the path.
 void note_place(Cursor& cursor, const PathLevel& leaf) {
   cursor.place = {filep->cached.generation, leaf.node, leaf.offset};
 }
 
-// The path has come to the leaf's item at `offset`, which treeitem now is.
+// Puts the path on the leaf's item at `offset`, which has been read into treeitem; `next` is the
+// offset of the item behind it.
 void arrived(Cursor& cursor, PathLevel& leaf, int offset, int next) {
   leaf.offset = offset;
   leaf.next = next;
   note_place(cursor, leaf);
 }
 
-// A search has come to the path's place in the leaf.
+// Notes that a search has come to the path's place in the leaf; `passed` as in LastSearch.
 void note_search(Cursor& cursor, const PathLevel& leaf, int passed) {
   cursor.searched = {filep->cached.generation, leaf.node, leaf.offset, passed};
 }
@@ -50,7 +51,8 @@ bool has_neighbour(const PathLevel& level, Direction direction) {
   return direction == Direction::kNext ? level.next < level.length : level.offset > 0;
 }
 
-// Reads a node into the path. Below the root an empty one is damage.
+// Reads a node into the path. Damage is a node without items, unless it is the root and a leaf, and
+// an upper node at the lowest level that a path can have.
 TreeNode node_at(Cursor& cursor, int depth, std::int32_t number) {
   TreeNode node{number};
   if (!node) {
@@ -94,7 +96,9 @@ bool treeitem_is_at(const Cursor& cursor, const PathLevel& leaf) {
          cursor.place.generation == filep->cached.generation;
 }
 
-// Steps to the neighbour item within a leaf and unpacks it into treeitem.
+// Steps to the neighbour item within a leaf and unpacks it into treeitem. A step forward needs the
+// key of the item that it leaves, because items leave out what they share with the one before:
+// treeitem has that key, or the item is read first.
 int step_in_leaf(Cursor& cursor, const ItemLayout& layout, ConstBytes area, PathLevel& leaf,
                  Direction direction) {
   const bool known = treeitem_is_at(cursor, leaf);
@@ -137,7 +141,8 @@ int descend(Cursor& cursor, const ItemLayout& layout, std::int32_t number, int d
   }
 }
 
-// There is no item in this direction: the path stands beside the outermost one.
+// There is no item in this direction: the path, which is on the outermost one, is put beside it.
+// One of its two offsets is at that end already; the other one goes there, too.
 int stop_at_end(Position& bt, Direction direction) {
   bt.ends = end_towards(direction);
   if (direction == Direction::kNext) {
@@ -148,7 +153,7 @@ int stop_at_end(Position& bt, Direction direction) {
   return 0;
 }
 
-// Another process may have added records, unless this one holds the newer dictionary.
+// Reads the dictionary again, unless this process has changed its copy: 0, or -1 with iserrno.
 int refresh_dictionary() { return filep->unwritten.dictionary ? 0 : dictread(); }
 
 // Moves the number of a key without parts. Past an end it stands one beyond.
@@ -183,8 +188,8 @@ int read_item(Cursor& cursor, const ItemLayout& layout) {
   return 0;
 }
 
-// Whether the item on the path and its neighbour, which is in the leaf too, have the same key, as
-// the repeat bit between them says: 0, or -1 with iserrno.
+// Whether the item on the path and its neighbour, which is in the leaf too, have the same key: 0,
+// or -1 with iserrno. The repeat bit says so, in the record pointer that ends the first of them.
 int read_repeat_bit(Cursor& cursor, Direction direction, bool& repeats) {
   const PathLevel& leaf = cursor.bt.leaf();
   const TreeNode node{leaf.node};
@@ -314,7 +319,7 @@ int btmove(Cursor& cursor, const keydescr& k, Direction direction) {
 
   const ItemLayout layout{k};
   std::int32_t child = 0;
-  {
+  {  // the node's page is released before descend() reads others
     PathLevel& level = bt.level(depth);
     const TreeNode node{level.node};
     if (!node) return lost(cursor);
