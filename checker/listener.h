@@ -1,7 +1,8 @@
 // listener: whom a check tells what it does and finds, and who decides for it.
 //
-// All calls come in the order of kestro's report. A listener may be silent, and count, or write
-// another report; its answers may come from an operator or from a rule.
+// The calls come in the order in which kestro's report tells the same things. A listener need not
+// print: it may only count, or write a report of its own. Its answers may come from an operator or
+// from a rule.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +16,7 @@ namespace checker {
 
 enum class Pass {
   kDictionary,
-  kDataAllTheSame,  // with -i, for a file of variable-length records; kData follows
+  kDataAllTheSame,  // although -i: records of variable length must be read; kData follows
   kData,
   kIndexes,
   kFreeLists
@@ -60,14 +61,15 @@ class Listener {
   virtual void mends(Mending /*what*/, int /*n*/) {}
   // What became of a repair, where the report has no words for it.
   virtual void remark(const std::string& /*text*/) {}
-  // The last. Null: the check ended before it knew how large the files are. Not called when there
-  // was no check: the pair could not be opened, locked and read, or not be given its node size.
+  // The last call. Null: the check ended before it knew how large the files are. Not called when no
+  // check began, because the pair could not be opened, locked or read, or because the change of its
+  // node size that was asked for failed.
   virtual void ends(const Summary* /*summary*/) {}
 
   // Whether the nodes and items of every tree are to be told, too.
   [[nodiscard]] virtual bool wants_trees() const { return false; }
-  // The walk comes to a node, whose items follow, in an upper node each behind the nodes below it.
-  // The root is on level 0; `used`: bytes of items.
+  // The walk comes to a node. A leaf's items follow at once; each item of an upper node follows
+  // when all nodes below it have been told. The root is on level 0; `used`: bytes of items.
   virtual void tree_node(int /*level*/, std::int32_t /*node*/, int /*used*/) {}
   virtual void tree_item(const isam::Item& /*item*/, const keydescr& /*k*/) {}
   // The walk is back in a node of this level; the item that led down comes next.

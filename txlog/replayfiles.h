@@ -29,9 +29,9 @@ struct ReplayFile {
   bool in_use = false;  // by the transaction being applied
   bool varlen = false;
   bool gone = false;            // erased
-  std::int64_t renumbered = 0;  // offset of the last record by which all numbers changed
-  HeldList linked;              // what is held about it: of transactions
-  HeldList unlinked;            // ... and outside of them
+  std::int64_t renumbered = 0;  // offset of the last clustering or erasing, which ends all numbers
+  HeldList linked;              // held images of it that a rollback of their transaction undoes
+  HeldList unlinked;            // ... and what else is held about it
 };
 
 class ReplayFiles {

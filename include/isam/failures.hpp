@@ -38,7 +38,8 @@ class Error : public std::runtime_error {
   std::array<char, 4> status_{isstat1, isstat2, isstat3, isstat4};
 };
 
-// How a call ended: of the failures those that a caller has to expect, which do not throw.
+// How a call ended. Of the failures only those are here that a caller has to expect; they do not
+// throw.
 enum class [[nodiscard]] Outcome{
     kDone,
     kEnd,        // before the first or behind the last record

@@ -27,6 +27,7 @@ int check_length(ConstBytes record) {
 
 // Takes a number that the log says was used: 0, or -1 with 126.
 int take_logged_number(std::int32_t number, std::int64_t& skippable) {
+  // Below 0 for a number up to the highest one in use, which leaves no new free numbers behind.
   const std::int64_t skipped = std::int64_t{number} - dictp->d_nextdata() - 1;
   if (skipped > skippable || getdatrec(number) != 0) return failed(kBadRecordNumber);
   if (skipped > 0) skippable -= skipped;
@@ -46,8 +47,9 @@ bool is_as_made(const FoundRecord& found, const Made& made) {
   return !made || (keeps_locked(found.number) && std::ranges::equal(found.bytes, *made));
 }
 
-// Runs `change` on the record meant: whether there is none, which is no failure. Failures are in
-// iserrno.
+// Runs `change` on record `number` if it is the one that `made` means. True when it is not: the
+// record is absent or another one, which is no failure. False when `change` ran, or when the record
+// could not be read; iserrno tells whether either failed.
 template <typename Change>
 bool change_record(std::int32_t number, const Made& made, Change change) {
   const FoundRecord found = getcurrent(number);
@@ -105,16 +107,16 @@ Contents lgread(int isfd, std::int32_t number) {
   if (!call) return contents;
   const FoundRecord found = getcurrent(number);
   if (found.number > 0) contents.emplace(found.bytes.begin(), found.bytes.end());
-  clear_errors();
+  clear_errors();  // so that the call, which ends with its scope, does not end as a failed one
   return contents;
 }
 
 bool Clash::has_key(ConstBytes record) const {
+  if (record.empty()) return false;  // an image that there is none of
   for (int i = 0; i < key.nparts; ++i) {
     const keypart& part = key.part[i];
     if (static_cast<std::size_t>(part.start + part.length) > record.size()) return false;
   }
-  if (record.empty()) return false;
   Item other;
   itmake(record.data(), other, key);
   return itcompare(item, other, KeyOrder{key}) == 0;

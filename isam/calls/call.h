@@ -16,9 +16,9 @@
 //            file bears their mark meanwhile)
 //         C4 a call whose changes cannot be written fails, takes back what it wrote, forgets what
 //            it had cached and leaves the position where it was
-//         C5 a late write of an exclusive open that failed is told by the next call, which does
-//            nothing else, and again by isflush and isclose. isopen and the end of a transaction
-//            leave it to the call after them
+//         C5 when a late write fails, which an exclusive open has put off, the next call tells it
+//            and does nothing else; isflush and isclose tell it again. isopen and the end of a
+//            transaction leave it to the call after them
 #pragma once
 
 #include "isam/base/current.h"
@@ -32,13 +32,14 @@ enum class Access : std::uint8_t { kToLook = 0, kToRead = 1, kToWrite = 2, kToRe
 struct Entry {
   Access access = Access::kToLook;
   bool shared = false;           // changes nothing in the file: others' such calls do not wait
-  bool any_locale = false;       // whatever locale the order of the file's keys needs
+  bool any_locale = false;       // also when the client's locale is not that of the file's keys
   bool keeps_auto_lock = false;  // what the read before has locked stays locked
-  bool kept_too = false;         // also an open closed inside a transaction; and as goes_on
-  bool goes_on = false;          // also when a late write has failed; it or the next call tells it
+  bool kept_too = false;         // also through an open kept for its transaction; includes goes_on
+  bool goes_on = false;          // even if a late write has failed; this call or the next tells it
 };
 
-// 0: no batch mode. Else 1 more than the calls for which one open has kept the semaphore.
+// 0: no batch mode. In batch mode calls end without releasing the semaphore: 1 plus the number of
+// calls that have ended so. At the end of the sixth isexit() releases it and sets this to 1.
 extern int batchflag;
 
 // Makes an open current and takes its file for one call (Call does). 0, or -1 with 101 (not open;
@@ -46,21 +47,25 @@ extern int batchflag;
 // a lock, of the dictionary, of the data file or of a late write.
 int isenter(int isfd, Entry entry);
 
-// Reads the dictionary again during a call, and does what follows from it: 0, or -1 with iserrno.
+// Reads the dictionary again during a call. As isenter does, it then drops what the change stamp
+// shows to be stale and looks at the locale. 0, or -1 with iserrno.
 int reread_dictionary(Entry entry);
 
-// Writes all that an exclusive open has delayed: 0, or -1 with iserrno, also for what an earlier
-// write has lost.
+// Writes all that an exclusive open has delayed: 0, or -1 with iserrno, which stays if it was set
+// before. -1 also when an earlier write has failed (Unwritten::failed and lost).
 int write_delayed();
 
-// Does that, cuts unused room off and clears the mark: no other process need know of this one.
+// Calls write_delayed(), cuts unused room off and clears the mark: now the files are complete, also
+// if this process is killed.
 int write_and_unmark();
 
-// Nothing is known any more of what an exclusive open has written or not.
+// Forgets what the open pair knows from exclusive opens: failed writes, the state of the mark, the
+// room reserved in the files.
 void forget_exclusive();
 
-// What was handed out must not be handed out again: the dictionary goes to the file, that of an
-// exclusive open now, that of another at the call's end. 0, or -1 with iserrno.
+// For a change of the dictionary copy that must not be lost, such as a unique id that a program was
+// given, for nobody else may get it: the dictionary of an exclusive open is written now, that of
+// another at the call's end. 0, or -1 with iserrno.
 int write_handed_out();
 
 // Ends a call on the current open (Call does): raises the change stamp when a page changed, writes
@@ -68,7 +73,8 @@ int write_handed_out();
 // or -1 when iserrno is set.
 int isexit();
 
-// The current open's file is used by a call.
+// Notes that a call uses the current open's file: when the process is short of descriptors, the
+// file whose last use is longest ago is closed first.
 void note_use();
 
 // Whether what is changed may wait: this open or another of the process keeps other processes off.
@@ -109,7 +115,8 @@ class [[nodiscard]] Call {
   // What the call works with in the trees. Its position is kept for the open's next call, if this
   // one does not fail.
   [[nodiscard]] Cursor& cursor() const { return openp->cursor; }
-  // Does not leave: the open itself is given up (abandon_open).
+  // Neither end() nor the end of the scope leaves any more: the caller gives up the open itself,
+  // and its locks with it (abandon_open).
   void give_up() { entered_ = false; }
 
  private:

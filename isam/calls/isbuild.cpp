@@ -44,7 +44,8 @@ int check_lengths(int reclen, int mode, RecordLengths& lengths) {
   return 0;
 }
 
-// Completes the description: 0, or -1 with 103. Without parts it is the order of record numbers.
+// Checks the description and completes it: 0, or -1 with 103. Without parts it stands for the order
+// of record numbers; a key in the order of a locale is not compressed.
 int check_primary_key(keydescr& key, int minimum) {
   if (key.nparts == 0) {
     key.flags = 0;
@@ -91,7 +92,8 @@ int lay_out(const RecordLengths& lengths, keydescr& key) {
   return 0;
 }
 
-// A new pair is a pair at once, also where later changes may wait.
+// Ends the call that fills the pair. The changes of an exclusive open may wait, but not these: what
+// other processes find is a complete pair, even if this one is killed.
 int end_building() {
   if (isexit() != 0) return -1;
   return filep->locks.exclusives > 0 ? write_and_unmark() : 0;
@@ -106,7 +108,7 @@ int set_up(Open& open, const char* name, const RecordLengths& lengths, keydescr&
   if (lksemaphore(Semaphore::kExclusive) != 0) return -1;
   open.mode |= lock_mode;
   if (lkopenlock(lock_mode) != 0) {
-    open.mode &= 0xFF;
+    open.mode &= 0xFF;  // without a lock mode: abandon_open() releases no open lock
     return -1;
   }
   // What cannot be written is not logged.
@@ -125,7 +127,7 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
     return -1;
   }
   if (build_lock_mode(mode) == 0) return failed(kBadArgument);
-  isbatch(2);
+  isbatch(2);  // what another open holds in batch mode goes before this one becomes current
   clear_errors();
   Open* open = allocopen();
   if (open == nullptr) return -1;
