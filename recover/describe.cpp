@@ -249,6 +249,7 @@ std::string_view OpenNames::name_for(const LogRecord& record) const {
     const auto found = names_.find({record.process(), *open});
     if (found != names_.end()) return found->second;
   }
+  // The open was not learnt, or the record is of none: some name the file themselves.
   return name_in(record).substr(0, kLongestName);
 }
 

@@ -6,12 +6,13 @@
 using namespace isam;
 
 static int flush_call(int isfd) {
+  // What waits may be the change of any open of the pair: this one need not be able to write.
   Call call{isfd, {.access = Access::kToRead, .goes_on = true}};
   if (!call) return -1;
   if (filep->locks.exclusives > 0) {
     write_and_unmark();
   } else {
-    write_delayed();
+    write_delayed();  // nothing waits: only a failure that nobody has told yet is told
   }
   return call.end();
 }
@@ -23,6 +24,7 @@ extern "C" int isflush(int isfd) {
 extern "C" int isbatch(int n) {
   know_process();
   if (n == 0 || n == 1) batchflag = n;
+  // Whatever `n` is, what batch mode holds is let go.
   if (openp != nullptr && openp->file != nullptr) release_semaphore();
   return 0;
 }

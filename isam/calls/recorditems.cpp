@@ -68,7 +68,7 @@ std::size_t TakenItems::put_last_back() {
 
 void TakenItems::put_all_back() {
   const KeepError keep;
-  const RoomIsThere its_own;
+  const RoomIsThere no_reserving;
   while (!is_empty()) put_last_back();
 }
 
@@ -77,6 +77,7 @@ std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::
   std::size_t added = 0;
   for (; added < keys.size(); ++added) {
     Item item = item_of(record, number, keys[added]);
+    // A key without parts has no tree: nothing is added for it, here and in remove_items().
     if (btadditem(cursor, item, keys[added]) != 0) break;
     position.note_neighbour();
     if (current == Current::kMoves && is_current_key(keys[added])) position.move_to_new(item);
@@ -94,7 +95,7 @@ int Replacement::run(Current current, KeptPosition& position) {
 
 void Replacement::undo() {
   const KeepError keep;
-  const RoomIsThere its_own;
+  const RoomIsThere no_reserving;
   while (!taken_.is_empty()) {
     const std::size_t index = taken_.put_last_back();
     remove_added(cursor_, keys_[index], record_, number_);

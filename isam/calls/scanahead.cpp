@@ -26,8 +26,8 @@ constexpr int kStepsBeforeCopying = 2;
 bool shows_writes(PairFile& index) {
   if (!index.map.covers(kDictionarySize, 0)) return false;
   if (!index.map_shows_writes) {
-    // One opened to read may be another file than the one that is written, where file systems lie
-    // over each other.
+    // Where one file system is laid over another, a file opened only to read may be the lower copy
+    // of it, while others write to the upper one.
     index.map_shows_writes = index.mode == O_RDWR && common::mapping_shows_writes(index.fd);
   }
   return *index.map_shows_writes;
@@ -43,7 +43,8 @@ bool ScanAhead::has_room() {
   return records_ != nullptr;
 }
 
-// A copy of the leaf tells the position after each step.
+// Keeps a copy of the leaf's items, from which settle() makes the position: false when the leaf
+// cannot be read.
 bool ScanAhead::keep_leaf(const Cursor& cursor) {
   const KeepError keep;
   const TreeNode node{cursor.bt.leaf().node};
@@ -53,7 +54,7 @@ bool ScanAhead::keep_leaf(const Cursor& cursor) {
   return true;
 }
 
-// The numbers of the records that follow: how many.
+// Puts the numbers of the records that follow into numbers_, as far as they can be told: how many.
 std::size_t ScanAhead::gather(const Cursor& cursor, Direction direction) {
   const std::size_t most = std::min(wanted_, room_);
   if (openp->key.nparts > 0) {
@@ -76,8 +77,9 @@ std::size_t ScanAhead::gather(const Cursor& cursor, Direction direction) {
 void ScanAhead::fill(Cursor& cursor, ReadMode mode) {
   count_ = given_ = 0;
   const bool in_tree = openp->key.nparts > 0;
-  const bool is_known = cursor.bt.ends == kOnItem && batchflag == 0;
-  if (!is_known || (!is_alone() && !shows_writes(filep->index)) || !has_room()) return;
+  // Batch mode counts the calls, so each of them has to enter.
+  if (cursor.bt.ends != kOnItem || batchflag != 0) return;
+  if ((!is_alone() && !shows_writes(filep->index)) || !has_room()) return;
   if (in_tree && !LeafRun::tells_same_keys(ItemLayout{openp->key})) return;
   const std::size_t found = gather(cursor, direction_of(mode));
   count_ = dataread_many({numbers_.data(), found}, records_.get(), lengths_.data());
@@ -89,6 +91,8 @@ void ScanAhead::fill(Cursor& cursor, ReadMode mode) {
   }
 }
 
+// Nothing is served where a call that enters would do more than read: open the data file again,
+// tell a late write that failed, or count towards the delayed write of the dictionary.
 bool ScanAhead::serves(OpenPair& file) const {
   if (given_ == count_ || file.data.fd < 0 || file.cached.generation != generation_) return false;
   if (file.locks.exclusives > 0) {
@@ -130,7 +134,7 @@ void ScanAhead::settle(Open& open) {
     } else if (run_.stand_on(cursor, open.key, last, leaf()) == 0) {
       take_found_item(cursor);
     } else {
-      cursor.bt.state = 0;
+      cursor.bt.state = 0;  // the leaf is damaged: the open has no position
     }
     open.position = cursor.bt;
   }
@@ -139,7 +143,8 @@ void ScanAhead::settle(Open& open) {
 
 namespace {
 
-// Reads the next record where that needs no entry: false, and nothing done, where it does.
+// Gives the next record where that needs no entry. False where it does: then no record is taken and
+// no position has moved.
 bool read_copy(int isfd, char* record, int mode) {
   know_process();
   Open* const open = open_of(isfd);
@@ -160,7 +165,8 @@ int steps_before(int isfd, int mode) {
   return open != nullptr && open->scan.mode == mode ? open->scan.steps : 0;
 }
 
-// The current open has read a record after so many steps.
+// Notes that the current open has read a record by a step, after so many others in a row, and
+// copies the records of the next ones when the row is long enough.
 void note_step(Cursor& cursor, int mode, int steps_before) {
   OfScan& scan = openp->scan;
   scan.mode = mode;
@@ -181,7 +187,7 @@ void note_step(Cursor& cursor, int mode, int steps_before) {
 int read_step(int isfd, char* record, int mode) {
   if (read_copy(isfd, record, mode)) return 0;
   const bool after_end = iserrno == kEndOfFile;  // of the call before
-  const int steps = steps_before(isfd, mode);
+  const int steps = steps_before(isfd, mode);    // asked first: entering ends the row
   Call call{isfd, {.access = Access::kToRead, .shared = true}};
   if (!call) return refused_access('7');
   ReadRequest request{};

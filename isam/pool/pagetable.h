@@ -17,7 +17,7 @@ namespace isam {
 // must not change its file or block while it is in the table.
 class PageTable {
  public:
-  // Makes room for `count` buffers, which `buffers` points to: false without memory.
+  // Makes an empty table for the `count` buffers that `buffers` points to: false without memory.
   [[nodiscard]] bool reserve(Buffer* buffers, std::size_t count) {
     const std::size_t slots = std::bit_ceil(count * 2);
     buffers_ = buffers;

@@ -22,7 +22,7 @@ namespace isam {
 
 inline constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit of a data block's number
 inline constexpr std::size_t kMostAdded = 2048;        // buffers that the pool grows by at most
-inline constexpr std::int64_t kSystemPage = 4096;
+inline constexpr std::int64_t kSystemPage = 4096;      // pages within one are written together
 
 class Pool {
  public:
@@ -33,15 +33,19 @@ class Pool {
   Buffer* bfgetclr(std::int32_t block);
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
-  // Both write a page: 0, or -1 with the failure in iserrno and noted. One of an exclusive open
-  // then stays modified.
+  // bfwrite() writes one page, changed or not, and releases it; write_buffer() writes an idle
+  // modified one, and those beside it in the same kSystemPage. 0, or -1 with the failure in iserrno
+  // and noted: then the changes of an exclusive open (but for a repair) stay modified, others are
+  // not tried again.
   int bfwrite(Buffer* buffer);
   int write_buffer(Buffer* buffer);
   void modified(Buffer* buffer);
   bool take_direct(std::int64_t offset, ConstBytes first, ConstBytes second);  // bfdirect
-  void write_direct_or_pool();                                                 // bfwrite_direct
-  int bfprocess(OpenPair& file, bool write);
+  // Writes the bytes that take_direct() has taken: 0, or -1 with iserrno and the bytes still
+  // waiting.
   int write_direct(OpenPair& file);
+  void write_direct_or_pool();  // bfwrite_direct
+  int bfprocess(OpenPair& file, bool write);
   // The page is written, or its change is lost.
   void modified_out(Buffer* buffer);
   int bfdiscard(OpenPair& file);

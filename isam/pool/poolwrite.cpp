@@ -146,7 +146,6 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   return true;
 }
 
-// 0, or -1 with iserrno and the bytes still waiting.
 int Pool::write_direct(OpenPair& file) {
   std::vector<Byte>& bytes = file.unwritten.direct.bytes;
   if (bytes.empty()) return 0;

@@ -16,9 +16,10 @@ namespace {
 
 constexpr std::int64_t kBlocksAddressable = std::int64_t{INT32_MAX} + 1;
 
-// A place in the data file that moves forward, holding the block it stands in. One that will write
-// `ahead` bytes also holds the next block of these before it changes one, and has read the others
-// once, so that no read fails half way through a slot.
+// A place in the data file that moves forward, holding the block it stands in. `ahead` tells how
+// many bytes will be written: all their blocks are read before the first is changed, so that a
+// block that cannot be read is met before a slot is half written. Two of them at a time are held,
+// for the pool may be small; the pool may have to read those further on again.
 class Transfer {
  public:
   explicit Transfer(std::int64_t offset, int ahead = 0) : offset_(offset), end_(offset + ahead) {}
@@ -168,8 +169,9 @@ std::int64_t free_nodes_at_hand() {
   return head ? (head.used() - kEntriesOffset) / kListEntrySize + 1 : 0;
 }
 
-// A node for every piece that a variable part may need: storage that was changed in part could not
-// be put back.
+// Takes room for a node for every piece that a variable part may need, before its storage is
+// touched: storage changed in part could not be put back. 0 or -1. The list of free nodes, which
+// has to be read, is asked last.
 int reserve_storage(std::size_t length) {
   const auto chunk = static_cast<std::size_t>(RpageGeometry{filep->geometry.idxsize}.chunk);
   const auto pieces = static_cast<std::int64_t>((length + chunk - 1) / chunk);
@@ -240,7 +242,8 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
   return numbers.size();
 }
 
-// The storage is freed or cleared first; then the slot is, but for the reference to kept storage.
+// Frees or clears the storage first, then clears the slot: 0 or -1. The absent slot goes on
+// referring to storage that is kept.
 int remove_record(std::int32_t k, bool keep_storage) {
   Trailer trailer;
   if (read_trailer(k, trailer) != 0) return -1;
@@ -299,6 +302,7 @@ std::int32_t records_in_file() {
     const KeepError keep;  // a failure is told by the next call
     bfflush(*filep);
   }
+  // One more than fit, for the file may end within a slot.
   const std::int64_t slots = common::file_size(filep->data.fd) / slot_size() + 1;
   return static_cast<std::int32_t>(std::min<std::int64_t>(dictp->d_nextdata(), slots));
 }
