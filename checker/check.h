@@ -40,6 +40,9 @@ struct Check {
   void found(Code code, const Numbers& numbers = {});
   void found(const Finding& finding);
   [[nodiscard]] bool ask(Question question);
+  void tell(const Detail& detail) const {
+    if (listener.wants_details()) listener.detail(detail);
+  }
   // Keeps the library's current error in system_error if it is the system's and the first such.
   void note_system_error();
   // Clears the library's current error without a word, noted as above.

@@ -4,6 +4,7 @@
 // Needs   the maps cleared by the dictionary check
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 
 #include "checker/checks.h"
 #include "checker/listnode.h"
@@ -35,6 +36,17 @@ bool mark_chain(Check& check, std::int32_t pointer) {
   return true;
 }
 
+// Marks the pages that an absent record keeps for an open transaction.
+void mark_kept_storage(Check& check, std::int32_t record) {
+  const isam::KeepError keep;
+  const auto locked = check.listener.locked();
+  const auto behind = std::ranges::upper_bound(locked, record, {}, &isam::LockedRecords::first);
+  if (behind == locked.begin() || std::prev(behind)->last < record) return;
+  isam::Byte trailer[isam::kVariableTrailer] = {};
+  if (isam::datainfo(record, trailer) != isam::kVariableTrailer) return;
+  static_cast<void>(mark_chain(check, common::ldlong(trailer + isam::kTrailerReference)));
+}
+
 // Marks the pages of a record that is present, and reads it into `buffer`: its length. -1 for an
 // absent record; -1 with iserrno for one that cannot be read.
 int varread(Check& check, std::int32_t record, isam::Bytes buffer) {
@@ -62,6 +74,7 @@ bool has_no_state(std::int32_t record) {
 
 void check_records(Check& check) {
   int looks = 0;
+  const bool has_locked = !check.listener.locked().empty();
   const isam::Bytes buffer = isam::temprecord();
   const std::int32_t last = std::min(check.datlast, check.datreal);
   Progress progress("Checking data records", last);
@@ -78,8 +91,9 @@ void check_records(Check& check) {
       check.data_misfits = true;
       check.note_system_error();
       check.found(Code::kBadRecord, {.record = record});
-    } else if (++looks <= kLooks && has_no_state(record)) {
-      check.data_misfits = true;
+    } else {
+      if (check.varlen && has_locked) mark_kept_storage(check, record);
+      if (++looks <= kLooks && has_no_state(record)) check.data_misfits = true;
     }
   }
 }

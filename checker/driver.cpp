@@ -30,10 +30,6 @@ using isam::openp;
 
 constexpr std::size_t kSuffixLength = 4;
 
-void cut_suffix(std::string& name) {
-  if (name.ends_with(".dat") || name.ends_with(".idx")) name.resize(name.size() - kSuffixLength);
-}
-
 // Opens the pair and makes it current; false when that failed. A mark of unfinished changes is no
 // obstacle: the repair sees to it.
 bool open_pair(const Check& check, const std::string& name) {
@@ -178,34 +174,9 @@ void apply_index_verdicts(Check& check, const Repair& repair) {
   }
 }
 
-// What no check tests and no repair mends, though it makes every program refuse the pair.
-void tell_why_refused(Check& check) {
-  isam::KeyChain chain;
-  keydescr k{};
-  if (chain.next(k) != isam::KeyChain::Step::kFound) {
-    check.found(Code::kNoKeyDescription);
-  }
-  isam::clear_errors();
-  const int width = dictp->d_dupsize();
-  if (width != 2 && width != 4) {
-    check.found(Code::kBadDuplicateWidth, {.found = width});
-  }
-  if (filep->geometry.maxreclen < filep->geometry.reclen) {
-    check.found(Code::kMaximumTooSmall,
-                {.found = filep->geometry.maxreclen, .expected = filep->geometry.reclen});
-  }
-}
-
 // The checks and repairs between opening and wind-up; false when they stopped early.
 bool check_and_repair(Check& check, Repair& repair) {
-  if (!ckdict(check) || !locale_matches(check) || !record_buffer_is_ready(check)) return false;
-  ckdata(check);
-  if (check.varlen) ckrpage(check);
-  if (!ckindex(check)) return false;
-  ckdfree(check);
-  ckrfree(check);
-  ckifree(check);
-  if (!repair.begin()) return false;
+  if (!run_checks(check) || !repair.begin()) return false;
   rebuild_free_lists(check);
   apply_index_verdicts(check, repair);
   tell_why_refused(check);
@@ -235,15 +206,7 @@ void wind_up(Check& check, Repair& repair, bool whole) {
 
 void tell_summary(Check& check) {
   if (!check.sized) return check.listener.ends(nullptr);
-  const std::int32_t nodes = check.idxmap.cntmap();
-  const std::int32_t records = check.datmap.cntmap();
-  const Summary summary{.nodes_used = nodes,
-                        .nodes_free = check.idxlast - nodes,
-                        .records_used = records,
-                        .records_free = check.datlast - records,
-                        .varlen = check.varlen,
-                        .pages = check.rpgmap.cntmap(),
-                        .page_bytes_free = check.totalrpfree};
+  const Summary summary = summary_of(check);
   check.listener.ends(&summary);
 }
 
@@ -262,6 +225,50 @@ bool check_pair(Check& check, const std::string& name) {
 }
 
 }  // namespace
+
+void cut_suffix(std::string& name) {
+  if (name.ends_with(".dat") || name.ends_with(".idx")) name.resize(name.size() - kSuffixLength);
+}
+
+void tell_why_refused(Check& check) {
+  isam::KeyChain chain;
+  keydescr k{};
+  if (chain.next(k) != isam::KeyChain::Step::kFound) {
+    check.found(Code::kNoKeyDescription);
+  }
+  isam::clear_errors();
+  const int width = dictp->d_dupsize();
+  if (width != 2 && width != 4) {
+    check.found(Code::kBadDuplicateWidth, {.found = width});
+  }
+  if (filep->geometry.maxreclen < filep->geometry.reclen) {
+    check.found(Code::kMaximumTooSmall,
+                {.found = filep->geometry.maxreclen, .expected = filep->geometry.reclen});
+  }
+}
+
+bool run_checks(Check& check) {
+  if (!ckdict(check) || !locale_matches(check) || !record_buffer_is_ready(check)) return false;
+  ckdata(check);
+  if (check.varlen) ckrpage(check);
+  if (!ckindex(check)) return false;
+  ckdfree(check);
+  ckrfree(check);
+  ckifree(check);
+  return true;
+}
+
+Summary summary_of(const Check& check) {
+  const std::int32_t nodes = check.idxmap.cntmap();
+  const std::int32_t records = check.datmap.cntmap();
+  return {.nodes_used = nodes,
+          .nodes_free = check.idxlast - nodes,
+          .records_used = records,
+          .records_free = check.datlast - records,
+          .varlen = check.varlen,
+          .pages = check.rpgmap.cntmap(),
+          .page_bytes_free = check.totalrpfree};
+}
 
 Outcome ckfile(std::string name, const Options& options, Listener& listener) {
   cut_suffix(name);

@@ -21,4 +21,16 @@ struct Outcome {
 // agrees to.
 Outcome ckfile(std::string name, const Options& options, Listener& listener);
 
+// The checks alone, of the current file, whose dictionary is read; they change nothing when all
+// questions are answered no. False when they stopped early.
+[[nodiscard]] bool run_checks(Check& check);
+// What no check tests and no repair mends, though it makes every program refuse the pair.
+void tell_why_refused(Check& check);
+
+// Leaves out the suffix of a name that has one of a pair's.
+void cut_suffix(std::string& name);
+
+// What the check has come to know of the pair; it must be sized.
+[[nodiscard]] Summary summary_of(const Check& check);
+
 }  // namespace checker

@@ -68,12 +68,51 @@ struct ListRule {
 };
 using ListChain = isam::NodeChain<ListRule>;
 
-// Visits the entries of a list, as far as it can be followed.
-template <typename Visit>
-void walk_list(ListChain& chain, Visit visit) {
+// What the entries of a list are counted by, and told as when they are bad.
+struct Entries {
+  std::int32_t last;  // number
+  UsageMap& accounted;
+  const UsageMap& in_use;
+  Code bad;
+  Code duplicate;
+};
+
+// Accounts for the entries of a list, as far as it can be followed.
+void walk_list(const Check& check, ListChain& chain, const Entries& entries, ListCounts& counts) {
   while (const isam::PageHold page = chain.read()) {
-    ListNode{page}.for_each_entry(visit);
+    int slot = 0;
+    ListNode{page}.for_each_entry([&](std::int32_t number) {
+      const ListCounts before = counts;
+      account_for_entry(number, entries.last, entries.accounted, entries.in_use, counts);
+      if (counts.bad != before.bad || counts.duplicate != before.duplicate) {
+        check.tell({.code = counts.bad != before.bad ? entries.bad : entries.duplicate,
+                    .node = page.node(),
+                    .slot = slot,
+                    .pointer = number});
+      }
+      ++slot;
+    });
     chain.follow(page);
+  }
+}
+
+// Tells the numbers that are not accounted for, in runs.
+template <typename Told>
+void tell_missing(const UsageMap& accounted, std::int32_t last, Told told) {
+  for (std::int32_t n = accounted.previous_clear(last); n > 0;) {
+    const std::int32_t used = accounted.previous_set(n);
+    told(used + 1, n);
+    n = used < 1 ? 0 : accounted.previous_clear(used);
+  }
+}
+
+// Accounts for the numbers that others' open transactions keep back.
+void account_for_kept(Check& check) {
+  for (const isam::LockedRecords& locked : check.listener.locked()) {
+    const std::int32_t last = std::min({locked.last, check.datlast, check.datreal});
+    for (std::int32_t record = std::max(locked.first, 1); record <= last; ++record) {
+      if (!check.datmap2.set_bit(record)) check.listener.kept_back(record);
+    }
   }
 }
 
@@ -85,9 +124,13 @@ void both_lists_faulty(Check& check, Code code, std::int32_t node) {
 
 void walk_data_list(Check& check, ListCounts& counts) {
   ListChain chain{dictp->d_freedata(), {check}};
-  walk_list(chain, [&](std::int32_t record) {
-    account_for_entry(record, check.datlast, check.datmap2, check.datmap, counts);
-  });
+  walk_list(check, chain,
+            {.last = check.datlast,
+             .accounted = check.datmap2,
+             .in_use = check.datmap,
+             .bad = Code::kRecordListBad,
+             .duplicate = Code::kRecordListDuplicate},
+            counts);
   switch (chain.end()) {
     case isam::ChainEnd::kOutOfRange:
       return both_lists_faulty(check, Code::kRecordListNodeBad, chain.node());
@@ -109,9 +152,13 @@ void walk_data_list(Check& check, ListCounts& counts) {
 // False when the walk ends before the list does.
 bool walk_index_list(Check& check, ListCounts& counts) {
   ListChain chain{dictp->d_freenode(), {check}};
-  walk_list(chain, [&](std::int32_t entry) {
-    account_for_entry(entry, check.idxlast, check.idxmap2, check.idxmap, counts);
-  });
+  walk_list(check, chain,
+            {.last = check.idxlast,
+             .accounted = check.idxmap2,
+             .in_use = check.idxmap,
+             .bad = Code::kNodeListBad,
+             .duplicate = Code::kNodeListDuplicate},
+            counts);
   switch (chain.end()) {
     case isam::ChainEnd::kOutOfRange:
       ++counts.bad;
@@ -144,7 +191,13 @@ void ckdfree(Check& check) {
       mark_behind_highest(dictp->d_nextdata(), check.datlast, check.datmap2, check.datmap);
   walk_data_list(check, counts);
   check.datmap2.ormap(check.datmap);
+  account_for_kept(check);
   counts.missing = check.datlast - check.datmap2.cntmap();
+  if (counts.missing != 0 && check.listener.wants_details()) {
+    tell_missing(check.datmap2, check.datlast, [&](std::int32_t first, std::int32_t last) {
+      check.tell({.code = Code::kRecordListMissing, .record = first, .last = last});
+    });
+  }
   if (counts.any()) {
     report_counts(check, counts, Code::kRecordListBad, Code::kRecordListDuplicate,
                   Code::kRecordListMissing);
@@ -171,6 +224,11 @@ void ckifree(Check& check) {
   check.nodes_unsafe = !walked || counts.bad != 0 || counts.duplicate != 0;
   check.idxmap2.ormap(check.idxmap);
   counts.missing = check.idxlast - check.idxmap2.cntmap();
+  if (counts.missing != 0 && check.listener.wants_details()) {
+    tell_missing(check.idxmap2, check.idxlast, [&](std::int32_t first, std::int32_t last) {
+      check.tell({.code = Code::kNodeListMissing, .node = first, .last = last});
+    });
+  }
   if (counts.any()) {
     report_counts(check, counts, Code::kNodeListBad, Code::kNodeListDuplicate,
                   Code::kNodeListMissing);

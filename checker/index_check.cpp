@@ -15,6 +15,16 @@ namespace {
 
 using isam::dictp;
 
+// Tells the records present that no item points to, for a listener that wants details.
+void tell_missing_records(const Check& check, int n, const keydescr& k) {
+  if (!check.listener.wants_details()) return;
+  for (std::int32_t record = check.datmap.next_set(1); record != 0;
+       record = record == INT32_MAX ? 0 : check.datmap.next_set(record + 1)) {
+    if (check.datmap2.tstbit(record)) continue;
+    check.tell({.code = Code::kIndexRecordMissing, .key = n, .record = record, .described = &k});
+  }
+}
+
 // Tells what was counted. `misdata` is the number of records present that no item points to.
 void report_tree(Check& check, int n, const TreeFindings& found, std::int32_t misdata) {
   const auto report = [&](Code code, std::int32_t count) {
@@ -52,6 +62,7 @@ IndexVerdict check_index(Check& check, int n, const keydescr& k) {
   const std::int32_t misdata = check.datmap.cntmap() - check.datmap2.cntmap();
   const bool faulty = found.badindx != 0 || found.dupindx != 0 || found.baddata != 0 ||
                       found.dupdata != 0 || misdata != 0 || found.badorder;
+  if (misdata != 0) tell_missing_records(check, n, k);
   if (faulty) report_tree(check, n, found, misdata);
   // A node that could not be read or taken apart is in none of the counts: the walk has told it.
   const bool has_bad_node = found.badindex;

@@ -6,10 +6,12 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "checker/findings.h"
 #include "isam.h"
+#include "isam/files/watching.h"
 #include "isam/tree/items.h"
 
 namespace checker {
@@ -30,6 +32,20 @@ enum class Fact {
   kCurrentNodeSize,  // which a new pair would get, whatever the pair checked has
   kOldNodeSize,      // before a change of node size
   kKeyNodeSize       // bytes in use of the node of key descriptions
+};
+
+// One of those that a finding counts, or where it is; 0 and null: not known or of no use there.
+struct Detail {
+  Code code;
+  int key = 0;  // number of the index
+  std::int32_t node = 0;
+  int slot = -1;  // place of the item or entry in the node, from 0
+  std::int32_t record = 0;
+  std::int32_t last = 0;                // numbers from `record` or `node` to this one
+  std::int32_t pointer = 0;             // a number that leads to no node or record
+  const isam::Byte* value = nullptr;    // the item's key value
+  const isam::Byte* before = nullptr;   // ... and that of the item before it
+  const keydescr* described = nullptr;  // the index
 };
 
 // What a pair holds, as the check found it.
@@ -65,6 +81,26 @@ class Listener {
   // check began, because the pair could not be opened, locked or read, or because the change of its
   // node size that was asked for failed.
   virtual void ends(const Summary* /*summary*/) {}
+
+  // Whether each of those that findings count is to be told, before or behind its finding.
+  [[nodiscard]] virtual bool wants_details() const { return false; }
+  virtual void detail(const Detail& /*detail*/) {}
+
+  // Whether each item of a leaf that leads to a record in use is to be told, too. `equal`: its key
+  // is that of the item before it in the index.
+  [[nodiscard]] virtual bool wants_leaves() const { return false; }
+  struct Leaf {
+    int key;  // number of the index
+    std::int32_t node;
+    int slot;
+    bool equal;
+  };
+  virtual void leaf_item(const Leaf& /*place*/, const isam::Item& /*item*/) {}
+  // Record numbers that others have locked, in ascending order: an open transaction of theirs keeps
+  // deleted ones back, with their storage, until it ends.
+  [[nodiscard]] virtual std::span<const isam::LockedRecords> locked() const { return {}; }
+  // Such a number, which is neither in use nor free.
+  virtual void kept_back(std::int32_t /*record*/) {}
 
   // Whether the nodes and items of every tree are to be told, too.
   [[nodiscard]] virtual bool wants_trees() const { return false; }

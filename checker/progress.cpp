@@ -20,6 +20,8 @@ int pairs_named = 1;
 
 bool is_allowed = false;
 
+void (*shown_by)(const Progress::State& state) = nullptr;
+
 bool is_wanted() {
   static const bool terminal = ::isatty(STDERR_FILENO) == 1;
   return is_allowed && terminal;
@@ -34,6 +36,8 @@ steady_clock::time_point run_start() {
 
 void Progress::allow() { is_allowed = true; }
 
+void Progress::show_by(void (*show)(const State& state)) { shown_by = show; }
+
 void Progress::begin_pair(int number, int pairs) {
   pair_number = number;
   pairs_named = pairs;
@@ -42,13 +46,17 @@ void Progress::begin_pair(int number, int pairs) {
 Progress::Progress(std::string_view pass, std::int64_t total)
     : pass_(pass),
       total_(std::max<std::int64_t>(total, 1)),
-      next_look_(is_wanted() ? 0 : INT64_MAX),
+      next_look_(shown_by != nullptr || is_wanted() ? 0 : INT64_MAX),
       start_(steady_clock::now()),
       next_show_(run_start() + kQuietStart) {}
 
 void Progress::look(std::int64_t done) {
   next_look_ = done + kStep;
   const Clock::time_point now = steady_clock::now();
+  if (shown_by != nullptr) {
+    const double seconds = std::chrono::duration<double>(now - start_).count();
+    return shown_by({pass_, std::min(done, total_), total_, seconds});
+  }
   if (now < next_show_) return;
   next_show_ = now + kInterval;
   show(std::min(done, total_), now);

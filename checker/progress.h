@@ -20,6 +20,15 @@ class Progress {
  public:
   // Before this call nothing is ever shown.
   static void allow();
+  // How far a pass has come, for a program that shows it in a way of its own.
+  struct State {
+    std::string_view pass;
+    std::int64_t done;
+    std::int64_t total;
+    double seconds;  // since the pass began
+  };
+  // From now on `show` is called every few thousand records or items, and nothing else is shown.
+  static void show_by(void (*show)(const State& state));
   // What follows concerns pair `number` of `pairs`; the line tells so when there are several.
   static void begin_pair(int number, int pairs);
 

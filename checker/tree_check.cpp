@@ -32,20 +32,42 @@ void TreeCheck::unreadable(std::int32_t node) {
   check_.report_unreadable_node();
 }
 
-void TreeCheck::check_pair(const Item& prev, const Item& item, int equal) {
-  const int order = order_.compare_from(prev.key, item.key, equal);
-  if (order > 0 || (order == 0 && prev.dupnm > item.dupnm)) found_.badorder = true;
+void TreeCheck::tell(Code code, const Item* item, const Item* before) const {
+  check_.tell({.code = code,
+               .key = number_,
+               .node = at_.node,
+               .slot = at_.slot,
+               .record = item == nullptr ? 0 : item->recptr,
+               .value = item == nullptr ? nullptr : item->key,
+               .before = before == nullptr ? nullptr : before->key,
+               .described = &key_});
 }
 
-inline void TreeCheck::check_record(std::int32_t record) {
+inline int TreeCheck::check_pair(const Item& prev, const Item& item, int equal) {
+  const int order = order_.compare_from(prev.key, item.key, equal);
+  if (order > 0 || (order == 0 && prev.dupnm > item.dupnm)) {
+    found_.badorder = true;
+    tell(Code::kIndexOutOfOrder, &item, &prev);
+  }
+  return order;
+}
+
+inline bool TreeCheck::check_record(const Item& item) {
   Check& check = check_;
+  const std::int32_t record = item.recptr;
   // 0 and negative numbers become greater than any.
   const bool in_range = static_cast<std::uint32_t>(record) - 1 < last_record_;
   if (!in_range || !check.datmap.tstbit(record)) {
     ++found_.baddata;
-  } else if (check.datmap2.set_bit(record)) {
-    ++found_.dupdata;
+    tell(Code::kIndexRecordBad, &item);
+    return false;
   }
+  if (check.datmap2.set_bit(record)) {
+    ++found_.dupdata;
+    tell(Code::kIndexRecordDuplicate, &item);
+    return false;
+  }
+  return true;
 }
 
 template <typename Visit>
@@ -54,8 +76,10 @@ bool TreeCheck::visit_items(std::int32_t node, isam::ConstBytes area, Item (&ite
   const int used = static_cast<int>(area.size());
   const isam::Byte* before = kNoKey;
   int current = 0;
-  for (int pos = 0; pos < used;) {
+  int slot = 0;
+  for (int pos = 0; pos < used; ++slot) {
     Item& item = items[current];
+    at_ = {node, slot};
     pos = isam::itunpack(layout_, area, pos, before, item);
     if (pos < 0) {
       bad_format(node);
@@ -72,8 +96,11 @@ const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area
                                         Item (&items)[2]) {
   progress_.at(items_);
   const auto check = [&](const Item& item, const isam::Byte* before, bool /*last*/) {
-    if (prev != nullptr) check_pair(*prev, item, before == prev->key ? item.leadc : 0);
-    check_record(item.recptr);
+    const bool equal =
+        prev != nullptr && check_pair(*prev, item, before == prev->key ? item.leadc : 0) == 0;
+    if (check_record(item) && tells_) {
+      check_.listener.leaf_item({number_, at_.node, at_.slot, equal}, item);
+    }
     ++items_;
     if (lists_) check_.listener.tree_item(item, key_);
     prev = &item;
@@ -99,12 +126,22 @@ const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes are
 }
 
 void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
+  const auto tell_pointer = [&](Code code) {
+    check_.tell({.code = code,
+                 .key = number_,
+                 .node = at_.node,
+                 .slot = at_.slot,
+                 .pointer = node,
+                 .described = &key_});
+  };
   if (node < 1 || node > check_.idxlast) {
     ++found_.badindx;
+    tell_pointer(Code::kIndexNodeBad);
     return;
   }
   if (check_.idxmap2.set_bit(node)) {
     ++found_.dupindx;
+    tell_pointer(Code::kIndexNodeDuplicate);
     return;
   }
   ++found_.cntindx;

@@ -41,6 +41,7 @@ class TreeCheck {
         layout_(k),
         last_record_(static_cast<std::uint32_t>(check.datlast)),
         lists_(check.listener.wants_trees()),
+        tells_(check.listener.wants_leaves()),
         progress_("Checking an index", check.datmap.cntmap()) {}
 
   [[nodiscard]] TreeFindings run();
@@ -54,8 +55,8 @@ class TreeCheck {
   void cktree(std::int32_t node, const Item* prev, const Item* bound);
   // Calls `visit` for one item of a node after the other, with the key of the item before it in the
   // node (kNoKey for the first), from which its leading bytes were taken, and whether it is the
-  // last. The items are unpacked into items[0] and items[1] by turns, so that the one before can
-  // still be read. False, with badindex set, when the rest of the node is malformed.
+  // last; at_ is its place. The items are unpacked into items[0] and items[1] by turns, so that the
+  // one before can still be read. False, with badindex set, when the rest of the node is malformed.
   template <typename Visit>
   bool visit_items(std::int32_t node, isam::ConstBytes area, Item (&items)[2], Visit visit);
   // Check a node's items. Each returns the item to be compared with `bound`, which stands in
@@ -66,10 +67,12 @@ class TreeCheck {
   const Item* check_leaf(std::int32_t node, isam::ConstBytes area, const Item* prev,
                          Item (&items)[2]);
   // Sets badorder when `prev` is greater than `item`, which follows it. The keys of the two are
-  // known to have their first `equal` bytes in common.
-  void check_pair(const Item& prev, const Item& item, int equal);
-  // Counts a leaf's pointer that is out of range, to a record not in use, or a second one to it.
-  void check_record(std::int32_t record);
+  // known to have their first `equal` bytes in common. How the keys compare.
+  int check_pair(const Item& prev, const Item& item, int equal);
+  // Counts a leaf's pointer that is out of range, to a record not in use, or a second one to it:
+  // false then.
+  bool check_record(const Item& item);
+  void tell(Code code, const Item* item, const Item* before = nullptr) const;
   void bad_format(std::int32_t node);
   void unreadable(std::int32_t node);
 
@@ -79,11 +82,17 @@ class TreeCheck {
   isam::KeyOrder order_;
   isam::ItemLayout layout_;
   std::uint32_t last_record_;  // the highest record number to check
-  bool lists_;                 // the listener wants the nodes and items
+  bool lists_;                 // the listener wants the nodes and items,
+  bool tells_;                 // ... those of leaves
   Progress progress_;
   std::int64_t items_ = 0;  // leaf items met
   TreeFindings found_;
   int level_ = 0;  // of the node under way
+  // For details: the item that the walk stands at, or came down from.
+  struct Place {
+    std::int32_t node = 0;
+    int slot = -1;
+  } at_;
 };
 
 }  // namespace checker

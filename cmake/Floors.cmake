@@ -38,7 +38,9 @@ function(add_floor folder)
     endforeach()
   endforeach()
   if(KESTRO_SHARED)
-    set_target_properties(${name}_shared PROPERTIES POSITION_INDEPENDENT_CODE ON)
+    # Only those of the library are built.
+    set_target_properties(
+      ${name}_shared PROPERTIES POSITION_INDEPENDENT_CODE ON EXCLUDE_FROM_ALL ON)
   endif()
 endfunction()
 

@@ -24,7 +24,11 @@ if(KESTRO_SHARED)
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endif()
 
-install(TARGETS kestro kestroenv isrecover
+set(programs kestro kestroenv isrecover)
+if(KESTRO_COMPANIONS)
+  list(APPEND programs zentra)
+endif()
+install(TARGETS ${programs}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kestro)
 
 set_target_properties(isam PROPERTIES EXPORT_NAME isam_static)
@@ -68,6 +72,9 @@ install(FILES ${PROJECT_BINARY_DIR}/generated/isam.pc
 # Section 3 is about the library, the others about the programs and what they read.
 foreach(section 1 3 5 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
+  if(NOT KESTRO_COMPANIONS)
+    list(FILTER pages EXCLUDE REGEX "/zentra(-[a-z]+)?\\.1$")
+  endif()
   if(pages)
     set(component kestro)
     if(section EQUAL 3)

@@ -40,6 +40,13 @@ need_compile() {
   rm -f "$probe"
 }
 
+# The headers that zentra takes of others.
+need_companions() {
+  need_compile libcli11-dev g++ '#include <CLI/CLI.hpp>' -std=c++20 -fsyntax-only
+  need_compile nlohmann-json3-dev g++ '#include <nlohmann/json.hpp>' -std=c++20 -fsyntax-only
+  need_compile libfmt-dev g++ '#include <fmt/format.h>' -std=c++20 -fsyntax-only
+}
+
 # Installs what was found missing. Does nothing at all when nothing was.
 install_missing() {
   ((${#missing[@]})) || return 0

@@ -122,10 +122,14 @@ void take_over(PairFile& file, Opened& opened, const struct stat& status) {
 // Opens the files of a pair for a free record, which then has them and nothing else: false with
 // iserrno, and the record as it was.
 bool open_files(OpenPair& file, std::string_view name, int mode, IndexAccess index_access) {
-  Opened index =
-      open_to_use(mkidxname(name), FileKind::kIndex, index_access == IndexAccess::kOrToRead);
+  const bool reads = index_access == IndexAccess::kToRead;
+  const auto open = [reads](const std::string& path, FileKind kind, bool reading_is_enough) {
+    return reads ? Opened{open_of_pair(path, O_RDONLY, kind), O_RDONLY}
+                 : open_to_use(path, kind, reading_is_enough);
+  };
+  Opened index = open(mkidxname(name), FileKind::kIndex, index_access == IndexAccess::kOrToRead);
   if (!index.fd) return false;
-  Opened data = open_to_use(mkdatname(name), FileKind::kData, mode == 0);
+  Opened data = open(mkdatname(name), FileKind::kData, mode == 0);
   if (!data.fd) return false;
   // The name may have come to lead to another file since it was looked up.
   struct stat index_status {};

@@ -46,8 +46,9 @@ void forget_opens();
 void forget_inherited(int isfd);
 
 // Whether an index file that can only be read is accepted. It cannot be locked exclusively, so only
-// a check that changes nothing can work with it.
-enum class IndexAccess { kToWrite, kOrToRead };
+// a check that changes nothing can work with it. kToRead: both files are opened to read, whatever
+// else may be done with them.
+enum class IndexAccess { kToWrite, kOrToRead, kToRead };
 
 // The open pair `name`, opened unless the process already has it. `mode` 0 accepts a data file that
 // can only be read. To be called with iserrno 0. Null with the system's error when a file cannot be

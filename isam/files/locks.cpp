@@ -12,17 +12,17 @@
 #include "environment/settings.h"
 #include "isam/base/current.h"
 #include "isam/base/errors.h"
+#include "isam/files/lockspace.h"
 
 namespace isam {
 namespace {
 
-// Ranges in the lock space of the index file.
-constexpr off_t kSemaphoreStart = 0;
-constexpr off_t kSemaphoreLength = 0x3FFFFFFF;
-constexpr off_t kOpenLockStart = 0x7FFFFFFF;
-constexpr off_t kOpenLockLength = 1;
-constexpr off_t kRecordsStart = 0x40000000;
-constexpr off_t kRecordsLength = 0x3FFFFFFE;
+using lockspace::kOpenLockLength;
+using lockspace::kOpenLockStart;
+using lockspace::kRecordsLength;
+using lockspace::kRecordsStart;
+using lockspace::kSemaphoreLength;
+using lockspace::kSemaphoreStart;
 
 struct DeadlockRetry {
   long count;

@@ -132,6 +132,7 @@ pages() {
   local section page
   for section in "$@"; do
     for page in "$source_dir"/man/*."$section"; do
+      if [ ! -x "$build/zentra" ] && [[ $page == */zentra*.1 ]]; then continue; fi
       if [ -f "$page" ]; then echo "usr/share/man/man$section/${page##*/}"; fi
     done
   done
@@ -159,7 +160,11 @@ step_packages() {
   soname=$(readlink "$libraries/libisam.so")
   version=$(readlink "$libraries/$soname")
   runtime=libisam${soname##*.}
-  { printf 'usr/bin/%s\n' kestro kestroenv isrecover && pages 1 5 8; } | holds kestro
+  {
+    printf 'usr/bin/%s\n' kestro kestroenv isrecover
+    if [ -x "$build/zentra" ]; then echo usr/bin/zentra; fi
+    pages 1 5 8
+  } | holds kestro
   printf '%s\n' "$lib/$soname" "$lib/$version" | holds "$runtime"
   {
     (cd "$source_dir/include" && printf 'usr/include/%s\n' isam.{h,hpp} isam/*.hpp)

@@ -1,0 +1,21 @@
+# `zentra`, beside `kestro`, takes three packages of headers: CLI11, nlohmann-json and fmt. Neither
+# `kestro` nor the library needs any. The target `companions` has what `zentra` compiles with.
+
+find_package(CLI11 QUIET)
+find_package(nlohmann_json QUIET)
+find_package(fmt QUIET)
+if(CLI11_FOUND AND nlohmann_json_FOUND AND fmt_FOUND)
+  set(companions_found ON)
+else()
+  set(companions_found OFF)
+endif()
+option(KESTRO_COMPANIONS "Build zentra (needs CLI11, nlohmann-json and fmt)" ${companions_found})
+
+if(KESTRO_COMPANIONS)
+  find_package(CLI11 REQUIRED)
+  find_package(nlohmann_json REQUIRED)
+  find_package(fmt REQUIRED)
+  add_library(companions INTERFACE)
+  target_link_libraries(
+    companions INTERFACE CLI11::CLI11 nlohmann_json::nlohmann_json fmt::fmt-header-only)
+endif()

@@ -1,0 +1,187 @@
+#!/usr/bin/env python3
+"""zentra check on pairs of all kinds: whether it agrees with kestro, what it answers to locks, odd
+names and command lines, and that its reports are what they claim to be."""
+import argparse
+import collections
+import fcntl
+import json
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+OPEN_LOCK, SEMAPHORE, RECORDS = (0x7FFFFFFF, 1), (0, 0x3FFFFFFF), 0x40000000
+MANUAL = pathlib.Path(__file__).resolve().parents[2] / 'man'
+# What no repair heals, what is missing, what the client's locale does not fit; the rest is found by
+# comparing with kestro.
+VERDICTS = {2: ['header-magic', 'header-cut', 'index-empty', 'description-nine-parts', 'device',
+                'header-record-size-zero', 'descriptions-loop', 'header-alone'],
+            4: ['data-missing', 'index-missing', 'header-collation-foreign'],
+            1: ['data-cut', 'data-cut-in-record', 'big-leaf', 'record-list-entry-twice'],
+            0: ['big-sound', 'big-sound-varying']}
+TOLD_BY_KESTRO = re.compile(
+    r'^(?:ERROR: (.*)|(Error in reading index file|CLIENT_LOCALE does not match.*'
+    r'|Zentra ERROR .*|SYSTEM ERROR .*)|kestro: .*?: (.*programs cannot open the pair.*)'
+    r'|Fix (variable length storage) free lists.*)$', re.M)
+
+
+def run(*words, folder, **more):
+    return subprocess.run([tools.zentra, *words], cwd=folder, stdin=subprocess.DEVNULL,
+                          capture_output=True, timeout=60, **more)
+
+
+def check(*words, folder):
+    """The exit status and the objects of a report."""
+    done = run('check', '--json', *words, folder=folder)
+    lines = [json.loads(line) for line in done.stdout.decode().splitlines()]
+    assert lines[0]['schema'] == 1 and lines[-1]['type'] == 'end', done
+    assert lines[-1]['status'] == done.returncode, done
+    assert b'\n' not in done.stderr, done
+    return done.returncode, lines
+
+
+def files_of(folder):
+    return {name: (folder / name).read_bytes() for name in os.listdir(folder)
+            if (folder / name).is_file()}
+
+
+class Check(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.made = tempfile.TemporaryDirectory()
+        cls.all = pathlib.Path(cls.made.name)
+        subprocess.run([tools.transcripts, '--make', cls.all], check=True, stdout=subprocess.DEVNULL)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.made.cleanup()
+
+    def setUp(self):
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        for name in ('pair.idx', 'pair.dat'):
+            shutil.copy(self.all / 'big-sound' / name, self.folder)
+
+    def lock(self, place, kind=fcntl.LOCK_EX):
+        file = open(self.folder / 'pair.idx', 'r+b')
+        self.addCleanup(file.close)
+        fcntl.lockf(file, kind | fcntl.LOCK_NB, place[1], place[0])
+        return file
+
+    def test_agrees_with_kestro(self):
+        for folder in sorted(self.all.iterdir()):
+            before = files_of(folder)
+            kestro = subprocess.run([tools.kestro, '-nq', 'pair'], cwd=folder, capture_output=True)
+            printed = (kestro.stdout + kestro.stderr).decode('latin-1')
+            told = collections.Counter(next(filter(None, match))
+                                       for match in TOLD_BY_KESTRO.findall(printed))
+            status, lines = check('--quick', '--wait', '0', 'pair', folder=folder)
+            found = [line for line in lines if line['type'] == 'finding']
+            with self.subTest(folder.name, printed=printed, found=found):
+                self.assertEqual(status != 0, bool(told))
+                self.assertEqual(before, files_of(folder))
+                if lines[-2].get('findings', 0) == 0 or lines[-2]['verdict'] == 'in-use':
+                    continue
+                for text, count in told.items():
+                    if not text.startswith(('Zentra', 'SYSTEM', 'variable', 'CLIENT')):
+                        like = [line for line in found if text in line['message']]
+                        self.assertGreaterEqual(len(like), count, text)
+
+    def test_verdicts(self):
+        for expected, names in VERDICTS.items():
+            for name in names:
+                with self.subTest(name):
+                    self.assertEqual(check('pair', folder=self.all / name)[0], expected)
+
+    def test_locks(self):
+        for place in OPEN_LOCK, SEMAPHORE:
+            file = self.lock(place)
+            status, lines = check('--wait', '0.1', 'pair', folder=self.folder)
+            self.assertEqual((status, lines[-2]['process']), (3, os.getpid()))
+            fcntl.lockf(file, fcntl.LOCK_UN)
+        self.lock(OPEN_LOCK, fcntl.LOCK_SH)  # others may have it open, and read
+        self.lock(SEMAPHORE, fcntl.LOCK_SH)
+        self.assertEqual(check('pair', folder=self.folder)[0], 0)
+
+    def test_waits_and_tells_where_it_is(self):
+        file = self.lock(SEMAPHORE)
+        with subprocess.Popen([tools.zentra, 'check', 'pair'], cwd=self.folder,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
+            while b'SigCgt:\t0000000000000000' in pathlib.Path(
+                    f'/proc/{process.pid}/status').read_bytes():
+                pass
+            process.send_signal(signal.SIGUSR1)
+            self.assertIn(b'zentra: ', process.stderr.readline())
+            fcntl.lockf(file, fcntl.LOCK_UN)
+            self.assertIn(b'pair: sound', process.communicate(timeout=60)[0])
+            self.assertEqual(process.returncode, 0)
+
+    def test_names(self):
+        self.assertEqual(len(check('pair', 'pair.idx', './pair.dat', folder=self.folder)[1]), 4)
+        for name in ('a "b"\n\x1b[31m', 'c\udcff', '[d,e]', '-f'):
+            for end in '.idx', '.dat':
+                shutil.copy(self.folder / ('pair' + end), self.folder / (name + end))
+            status, lines = check('--', name, folder=self.folder)
+            told = bytes.fromhex(lines[1]['name']['hex'])
+            self.assertEqual((status, told.removeprefix(b'./')), (0, os.fsencode(name)))
+            self.assertEqual('text' in lines[1]['name'], name.isprintable())
+            done = run('check', '--', name, folder=self.folder)
+            self.assertEqual(done.returncode, 0)
+            self.assertNotRegex(done.stdout, rb'[\x00-\x09\x0b-\x1f\x7f-\xff]')
+
+    def test_what_is_no_pair(self):
+        for make in (os.mkdir, os.mkfifo):
+            (self.folder / 'pair.idx').unlink()
+            make(self.folder / 'pair.idx')
+            self.assertEqual(check('pair', folder=self.folder)[0], 2)
+            os.rename(self.folder / 'pair.idx', self.folder / make.__name__)
+            (self.folder / 'pair.idx').touch()
+
+    def test_command_lines(self):
+        for words in ([], ['check'], ['check', '--slow', 'x'], ['check', '-j', '0', 'x'], ['undone']):
+            self.assertEqual(run(*words, folder=self.folder).returncode, 16, words)
+        done = run('check', '--help', folder=self.folder)
+        self.assertEqual(done.returncode, 0)
+        self.assertIn(b'Not one byte', done.stdout)
+        with open('/dev/full', 'wb') as full:
+            done = subprocess.run([tools.zentra, 'check', 'pair'], cwd=self.folder, stdout=full,
+                                  stderr=subprocess.PIPE, check=False)
+        self.assertEqual(done.returncode, 4)
+        self.assertIn(b'could not be written', done.stderr)
+
+    def test_several_at_the_same_time(self):
+        pairs = [f'{name.name}/pair' for name in sorted(self.all.iterdir())[:40]]
+        def report(jobs):
+            status, lines = check('-j', jobs, '--wait', '0', *pairs, folder=self.all)
+            return status, [{name: value for name, value in line.items() if 'seconds' not in name}
+                            for line in lines]
+        self.assertEqual(report('1'), report('3'))
+
+    def test_examples_of_the_manual(self):
+        for name in 'sound', 'damaged':
+            for end in '.idx', '.dat':
+                shutil.copy(self.all / ('big-sound' if name == 'sound' else 'big-leaf')
+                            / f'pair{end}', self.folder / (name + end))
+        path = os.path.dirname(tools.zentra) + ':' + os.environ['PATH']
+        count = 0
+        for page in sorted(MANUAL.glob('zentra*.1')):
+            for line in re.findall(r'^\$ (.*)$', page.read_text(), re.M):
+                done = subprocess.run(['sh', '-c', line.replace('\\-', '-')], cwd=self.folder,
+                                      env={**os.environ, 'PATH': path}, capture_output=True,
+                                      check=False)
+                self.assertIn(done.returncode, (0, 1), (line, done))
+                self.assertTrue(done.stdout, line)
+                count += 1
+        self.assertGreaterEqual(count, 2)
+
+
+if __name__ == '__main__':
+    parser = argparse.ArgumentParser()
+    for tool in 'zentra', 'kestro', 'transcripts':
+        parser.add_argument('--' + tool, type=os.path.abspath, required=True)
+    tools, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])

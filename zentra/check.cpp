@@ -1,0 +1,133 @@
+// zentra check: looks at pairs as they are at one moment, also while others have them open.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <memory>
+#include <new>
+
+#include "checker/driver.h"
+#include "isam/base/current.h"
+#include "isam/base/errors.h"
+#include "zentra/collector.h"
+#include "zentra/commands.h"
+#include "zentra/pairnames.h"
+#include "zentra/pairrunner.h"
+#include "zentra/readpair.h"
+
+namespace zentra {
+namespace {
+
+using std::chrono::steady_clock;
+
+struct CheckOptions {
+  bool quick = false;
+  bool json = false;
+  int jobs = 1;
+  double wait = 10;
+  std::vector<std::string> names;
+};
+
+std::string sentence(Status status) {
+  switch (status) {
+    case Status::kSound:
+      return "sound";
+    case Status::kDamaged:
+      return "damaged; repair heals it";
+    case Status::kNeedsSalvage:
+      return "no sound pair, and nothing that repair heals: it needs salvage";
+    default:
+      return "could not be checked to its end";
+  }
+}
+
+// The status of what could not be opened, locked or read.
+Outcome refused(const ReadPair& pair, Report& report) {
+  Fields fields;
+  const bool is_none = pair.status() == Status::kNeedsSalvage;
+  if (is_none) report.entry({.code = "pair.none", .status = pair.status(), .text = pair.why()});
+  if (pair.status() == Status::kInUse) {
+    fields.emplace_back("process", std::int64_t{pair.holder()});
+  }
+  report.pair_ends(pair.status(), is_none ? sentence(pair.status()) : pair.why(), fields);
+  return {.status = pair.status(), .findings = is_none ? 1 : 0};
+}
+
+// Runs the checks on the current pair: whether they came to their end.
+bool check_all(checker::Check& check) {
+  try {
+    if (!checker::run_checks(check)) return false;
+    checker::tell_why_refused(check);
+    return true;
+  } catch (const std::bad_alloc&) {
+    check.found(checker::Code::kNoMemory);
+    return false;
+  }
+}
+
+Fields totals(const checker::Check& check, const Collector& collector) {
+  Fields fields{{"findings", collector.findings()}};
+  if (!check.sized) return fields;
+  const checker::Summary summary = checker::summary_of(check);
+  const auto add = [&](const char* name, std::int64_t value) { fields.emplace_back(name, value); };
+  add("records", summary.records_used);
+  add("free-records", summary.records_free);
+  add("indexes", collector.indexes());
+  add("nodes", summary.nodes_used);
+  add("free-nodes", summary.nodes_free);
+  if (summary.varlen) add("storage-pages", summary.pages);
+  return fields;
+}
+
+Outcome check_pair(const CheckOptions& options, const std::string& name, Report& report) {
+  const auto start = steady_clock::now();
+  const auto wait = std::chrono::milliseconds(static_cast<std::int64_t>(options.wait * 1000));
+  ReadPair pair;
+  if (!pair.open(name, wait) || !pair.load()) return refused(pair, report);
+  Collector collector(report, {});
+  const checker::Options how{.nflag = 1, .qflag = 1};
+  checker::Check check(how, collector);
+  const bool whole = check_all(check);
+  if (!whole) {
+    // No finding says it where the system or the library refused.
+    check.prterr();
+  }
+  isam::clear_errors();
+  collector.tell_kept();
+  Fields fields = totals(check, collector);
+  fields.emplace_back("seconds-held", pair.seconds_held());
+  fields.emplace_back("seconds",
+                      std::chrono::duration<double>(steady_clock::now() - start).count());
+  report.pair_ends(collector.status(), sentence(collector.status()), fields);
+  return {.status = collector.status(), .findings = collector.findings()};
+}
+
+}  // namespace
+
+std::function<int()> prepare_check(CLI::App& app) {
+  const auto options = std::make_shared<CheckOptions>();
+  app.add_flag("--quick", options->quick,
+               "look only at what kestro looks at: not at keys in records and pieces of records");
+  app.add_flag("--json", options->json, "report as JSON, one object a line");
+  app.add_option("-j", options->jobs, "pairs looked at at the same time")
+      ->check(CLI::Range(1, 1024))
+      ->type_name("N");
+  app.add_option("--wait", options->wait, "seconds to wait for the lock (10)")
+      ->check(CLI::Range(0.0, 1e6))
+      ->type_name("SECONDS");
+  app.add_option("PAIR", options->names, "base name, or either file of the pair")
+      ->required()
+      ->expected(1, -1)
+      ->type_name("");
+  return [options] {
+    return run_pairs({.command = "check",
+                      .json = options->json,
+                      .jobs = options->jobs,
+                      .pairs = pairs_named(options->names),
+                      .work = [&](const std::string& name, Report& report) {
+                        return check_pair(*options, name, report);
+                      }});
+  };
+}
+
+}  // namespace zentra

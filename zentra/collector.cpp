@@ -1,0 +1,184 @@
+#include "zentra/collector.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+
+#include "checker/check.h"
+#include "isam/base/current.h"
+#include "isam/base/errors.h"
+#include "isam/records/datafile.h"
+#include "isam/tree/items.h"
+#include "zentra/readpair.h"
+#include "zentra/text.h"
+
+namespace zentra {
+namespace {
+
+using checker::Code;
+
+struct NamedNumber {
+  checker::Number number;
+  const char* name;
+};
+constexpr std::array<NamedNumber, 4> kNumbers = {{{&checker::Numbers::record, "record"},
+                                                  {&checker::Numbers::node, "node"},
+                                                  {&checker::Numbers::found, "found"},
+                                                  {&checker::Numbers::expected, "expected"}}};
+
+// What kestro tells by the line before.
+const char* place_of(std::string_view code) {
+  if (code.starts_with("record-list.")) return "list of free records: ";
+  if (code.starts_with("node-list.")) return "list of free nodes: ";
+  return "";
+}
+
+std::string wording_of(Code code) {
+  const checker::FindingText& text = checker::text_of(code);
+  if (code == Code::kStorageListBad) return "faulty list of storage pages at node %d";
+  return place_of(text.code) + std::string(text.wording);
+}
+
+std::string in_words(const checker::Finding& finding) {
+  const checker::FindingText& text = checker::text_of(finding.code);
+  std::string words = wording_of(finding.code);
+  if (finding.code == Code::kOtherCollation) {
+    words += " The file asks for " + shown(finding.name);
+  }
+  const checker::Number first = text.numbers[0];
+  if (const auto at = words.find("%d"); at != words.npos && first != nullptr) {
+    return words.replace(at, 2, std::to_string(finding.numbers.*first));
+  }
+  for (const auto& [number, name] : kNumbers) {
+    const std::int64_t value = finding.numbers.*number;
+    if (value != checker::kNotCarried) words += fmt::format(", {} {}", name, value);
+  }
+  return words;
+}
+
+// Of one of those that a finding counts.
+std::string in_words(const checker::Detail& detail) {
+  std::string words = wording_of(detail.code);
+  for (const std::string_view left_out : {"%d ", "(s)"}) {
+    if (const auto at = words.find(left_out); at != words.npos) words.erase(at, left_out.size());
+  }
+  return words;
+}
+
+// The key that a record should have in an index; empty when it cannot be read.
+Fields key_of_record(std::int32_t record, const keydescr& k) {
+  const isam::KeepError keep;
+  std::vector<isam::Byte> bytes(static_cast<std::size_t>(isam::filep->geometry.maxreclen) + 1);
+  if (isam::dataread(record, bytes) <= 0) return {};
+  isam::Item item;
+  isam::itmake(bytes.data(), item, k);
+  return {{"key", key_value(k, item.key)}};
+}
+
+}  // namespace
+
+Status weight_of(Code code) {
+  switch (code) {
+    case Code::kCannotOpen:
+    case Code::kNoMemory:
+    case Code::kOtherCollation:
+      return Status::kUnfinished;
+    case Code::kBadMagic:
+    case Code::kBadNodeSize:
+    case Code::kOtherLockMethod:
+    case Code::kBadRecordSize:
+    case Code::kBadMaximumSize:
+    case Code::kMaximumTooSmall:
+    case Code::kBadDuplicateWidth:
+    case Code::kKeyNodeBad:
+    case Code::kKeyNodeDuplicate:
+    case Code::kBadKeyDescription:
+    case Code::kNoKeyDescription:
+      return Status::kNeedsSalvage;
+    default:
+      return Status::kDamaged;
+  }
+}
+
+Value key_value(const keydescr& k, const isam::Byte* value) {
+  const std::string bytes{as_text({value, static_cast<std::size_t>(k.keylen)})};
+  return FileBytes{.bytes = bytes, .shown = shown_key(k, bytes)};
+}
+
+void Collector::add(Entry entry) {
+  if (entry.kind == Entry::Kind::kFinding) {
+    ++findings_;
+    status_ = worse(status_, entry.status);
+  }
+  report_.entry(entry);
+}
+
+void Collector::found(const checker::Finding& finding) {
+  Entry entry{.code = checker::text_of(finding.code).code,
+              .status = weight_of(finding.code),
+              .text = in_words(finding)};
+  for (const auto& [number, name] : kNumbers) {
+    const std::int64_t value = finding.numbers.*number;
+    if (value != checker::kNotCarried) entry.fields.emplace_back(name, value);
+  }
+  if (finding.numbers.key != checker::kNotCarried) {
+    entry.key = static_cast<int>(finding.numbers.key);
+  }
+  if (!finding.name.empty()) {
+    entry.fields.emplace_back("collation", FileBytes{.bytes = std::string(finding.name)});
+  }
+  add(std::move(entry));
+}
+
+void Collector::failed(std::int32_t code, std::int32_t place) {
+  const bool of_system = checker::is_of_system(code);
+  add({.code = of_system ? "system.error" : "library.error",
+       .status = of_system ? Status::kUnfinished : Status::kDamaged,
+       .text = error_text(code),
+       .fields = {{"error", std::int64_t{code}}, {"place", std::int64_t{place}}}});
+}
+
+void Collector::detail(const checker::Detail& detail) {
+  Entry entry{.kind = Entry::Kind::kDetail,
+              .code = checker::text_of(detail.code).code,
+              .key = detail.key,
+              .text = in_words(detail)};
+  const auto field = [&](const char* name, std::int64_t value) {
+    entry.fields.emplace_back(name, value);
+  };
+  if (detail.record != 0) field("record", detail.record);
+  if (detail.node != 0) field("node", detail.node);
+  if (detail.slot >= 0) field("slot", detail.slot);
+  if (detail.last != 0) field("last", detail.last);
+  if (detail.pointer != 0) field("leads-to", detail.pointer);
+  if (detail.value != nullptr) {
+    entry.fields.emplace_back("key", key_value(*detail.described, detail.value));
+  } else if (detail.code == Code::kIndexRecordMissing) {
+    Fields key = key_of_record(detail.record, *detail.described);
+    std::ranges::move(key, std::back_inserter(entry.fields));
+  }
+  if (detail.before != nullptr) {
+    entry.fields.emplace_back("behind", key_value(*detail.described, detail.before));
+  }
+  add(std::move(entry));
+}
+
+void Collector::kept_back(std::int32_t record) {
+  const auto behind = std::ranges::upper_bound(locked_, record, {}, &isam::LockedRecords::first);
+  ++kept_[std::prev(behind)->process];
+}
+
+void Collector::tell_kept() {
+  for (const auto& [process, count] : kept_) {
+    add({.kind = Entry::Kind::kNote,
+         .code = "transaction.keeps",
+         .text = fmt::format("{} deleted record(s) kept back by an open transaction of {}", count,
+                             process_text(process)),
+         .fields = {{"found", count}, {"process", std::int64_t{process}}}});
+  }
+  kept_.clear();
+}
+
+}  // namespace zentra

@@ -1,0 +1,55 @@
+// collector: the listener that turns what a check finds into entries of a report, and weighs it.
+#pragma once
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "checker/listener.h"
+#include "isam/files/watching.h"
+#include "zentra/report.h"
+
+namespace zentra {
+
+// How bad it is that a check has found this.
+[[nodiscard]] Status weight_of(checker::Code code);
+
+class Collector : public checker::Listener {
+ public:
+  // `locked`: the records that others have locked.
+  Collector(Report& report, std::vector<isam::LockedRecords> locked)
+      : report_(report), locked_(std::move(locked)) {}
+
+  void found(const checker::Finding& finding) override;
+  // Nothing is ever changed.
+  [[nodiscard]] bool answer(checker::Question /*question*/) override { return false; }
+  void failed(std::int32_t code, std::int32_t place) override;
+  [[nodiscard]] bool wants_details() const override { return true; }
+  void detail(const checker::Detail& detail) override;
+  [[nodiscard]] std::span<const isam::LockedRecords> locked() const override { return locked_; }
+  void kept_back(std::int32_t record) override;
+  void index_begins(int /*n*/, const keydescr& /*k*/) override { ++indexes_; }
+
+  // What is found beyond the checks of kestro.
+  void add(Entry entry);
+  // Tells what open transactions keep back.
+  void tell_kept();
+
+  [[nodiscard]] Status status() const { return status_; }
+  [[nodiscard]] std::int64_t findings() const { return findings_; }
+  [[nodiscard]] int indexes() const { return indexes_; }
+
+ private:
+  Report& report_;
+  std::vector<isam::LockedRecords> locked_;
+  Status status_ = Status::kSound;
+  std::int64_t findings_ = 0;
+  int indexes_ = 0;
+  std::map<pid_t, std::int64_t> kept_;  // how many numbers each process keeps back
+};
+
+// The field of a key value, as many bytes as the key has.
+[[nodiscard]] Value key_value(const keydescr& k, const isam::Byte* value);
+
+}  // namespace zentra

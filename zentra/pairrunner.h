@@ -1,0 +1,34 @@
+// pairrunner: works on several pairs, some of them at the same time.
+//
+// The library works on one pair at a time, so each of several workers is a process. Their reports
+// come out in the order of the pairs.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "zentra/report.h"
+
+namespace zentra {
+
+// What became of a pair, besides its report.
+struct Outcome {
+  Status status = Status::kUnfinished;
+  std::int64_t findings = 0;
+};
+
+struct Run {
+  const char* command;
+  bool json = false;
+  int jobs = 1;
+  std::vector<std::string> pairs;
+  // Works on one pair: between pair_begins() and pair_ends() of the report, both not its own.
+  std::function<Outcome(const std::string& name, Report& report)> work;
+};
+
+// The exit status.
+[[nodiscard]] int run_pairs(const Run& run);
+
+}  // namespace zentra

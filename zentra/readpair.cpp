@@ -1,0 +1,148 @@
+#include "zentra/readpair.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <vector>
+
+#include "checker/check.h"
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/files/dictionary.h"
+#include "isam/files/files.h"
+#include "isam/files/watching.h"
+#include "zentra/progress.h"
+#include "zentra/text.h"
+
+namespace zentra {
+namespace {
+
+using std::chrono::steady_clock;
+
+// Reads a file, so that the pages are there when the lock is held. No more than what fits into half
+// of the memory: the rest would only push the beginning out again.
+void read_ahead(int fd) {
+  constexpr std::size_t kPiece = 1 << 20;
+  const std::int64_t memory = std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE);
+  const std::int64_t size = std::min(common::file_size(fd), memory / 2);
+  std::vector<isam::Byte> piece(kPiece);
+  const auto start = steady_clock::now();
+  for (std::int64_t at = 0; at < size; at += kPiece) {
+    if (common::read_at(fd, piece, at) <= 0) return;  // the check will tell
+    const std::chrono::duration<double> passed = steady_clock::now() - start;
+    show_progress("Reading ahead", at, size, passed.count());
+  }
+}
+
+bool leads_to(const std::string& path, const isam::PairFile& file) {
+  struct stat status {};
+  return common::system_calls().stat(path.c_str(), &status) == 0 && status.st_dev == file.device &&
+         status.st_ino == file.inode;
+}
+
+}  // namespace
+
+std::string process_text(pid_t process) {
+  if (process <= 0) return "unknown";
+  std::ifstream file(fmt::format("/proc/{}/comm", process));
+  std::string name;
+  std::getline(file, name);
+  return name.empty() ? fmt::format("process {}", process)
+                      : fmt::format("process {} ({})", process, shown(name));
+}
+
+std::string error_text(std::int32_t code) {
+  if (code < isam::kDuplicate) return std::strerror(code);
+  return fmt::format("error {}: {}", code, isam::is_errlist(code));
+}
+
+bool ReadPair::refuse(Status status, std::string why) {
+  status_ = status;
+  why_ = std::move(why);
+  isam::clear_errors();
+  return false;
+}
+
+bool ReadPair::refuse_by_code(const char* what) {
+  const std::int32_t code = iserrno;
+  if (code == isam::kFileInUse) {
+    return refuse(Status::kInUse, "in use by " + process_text(holder_));
+  }
+  const bool of_system = checker::is_of_system(code);
+  return refuse(of_system ? Status::kUnfinished : Status::kNeedsSalvage,
+                fmt::format("{}: {}", what, error_text(code)));
+}
+
+bool ReadPair::is_file(const std::string& path) {
+  struct stat status {};
+  if (common::system_calls().stat(path.c_str(), &status) != 0) {
+    return refuse(Status::kUnfinished, fmt::format("{}: {}", shown(path), std::strerror(errno)));
+  }
+  if (S_ISREG(status.st_mode) || S_ISBLK(status.st_mode)) return true;
+  return refuse(Status::kNeedsSalvage, fmt::format("no pair: {} is no file", shown(path)));
+}
+
+bool ReadPair::open_files(const std::string& name) {
+  if (!is_file(isam::mkidxname(name)) || !is_file(isam::mkdatname(name))) return false;
+  isam::clear_errors();
+  isam::Open* const open = isam::allocopen();
+  if (open == nullptr) return refuse_by_code("cannot be opened");
+  open->file = isam::allocfile(name, ISINPUT, isam::IndexAccess::kToRead);
+  if (open->file == nullptr) {
+    isam::freeopen(*open);
+    return refuse_by_code("cannot be opened");
+  }
+  open->mode = ISINPUT + ISMANULOCK;
+  open->file->mark.state = isam::MarkState::kUnneeded;
+  isam::make_current(*open);
+  is_open_ = true;
+  return true;
+}
+
+bool ReadPair::lock(std::chrono::milliseconds wait) {
+  const auto waits = [] { show_progress("Waiting for the lock", 0, 0, 0); };
+  if (isam::lkwatch(wait, holder_, waits) != 0) {
+    return refuse_by_code("cannot be locked");
+  }
+  locked_ = steady_clock::now();
+  return true;
+}
+
+bool ReadPair::open(const std::string& name, std::chrono::milliseconds wait) {
+  for (;;) {
+    if (!open_files(name)) return false;
+    read_ahead(isam::filep->index.fd);
+    read_ahead(isam::filep->data.fd);
+    if (!lock(wait)) return false;
+    // A repair or clustering may have put other files in their place meanwhile.
+    if (leads_to(isam::mkidxname(name), isam::filep->index) &&
+        leads_to(isam::mkdatname(name), isam::filep->data)) {
+      return true;
+    }
+    close();
+  }
+}
+
+bool ReadPair::load() {
+  if (isam::dictread() != 0) return refuse_by_code("no dictionary");
+  isam::filep->cached.stamp = isam::openp->stamp = isam::dictp->d_modcount();
+  return true;
+}
+
+void ReadPair::close() {
+  if (!is_open_) return;
+  is_open_ = false;
+  isam::freeopen(*isam::openp);  // the locks go with the descriptors
+  isam::clear_errors();
+}
+
+double ReadPair::seconds_held() const {
+  return std::chrono::duration<double>(steady_clock::now() - locked_).count();
+}
+
+}  // namespace zentra

@@ -1,0 +1,61 @@
+// readpair: a pair opened to read, held still while it is looked at.
+//
+//   ReadPair pair;
+//   if (!pair.open(name, wait)) return pair.status();    // pair.why() says it in words
+//   ...                                                  // the library's current file is the pair
+//
+// Needs   one at a time in a process
+// Keeps   not one byte of the pair is written: both files are opened to read only
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <string>
+
+#include "zentra/status.h"
+
+namespace zentra {
+
+class ReadPair {
+ public:
+  ReadPair() = default;
+  ReadPair(const ReadPair&) = delete;
+  ReadPair& operator=(const ReadPair&) = delete;
+  ~ReadPair() { close(); }
+
+  // Opens the pair, reads its files into the page cache and takes the readers' lock, waiting for it
+  // at most `wait`. `name`: without suffix. False: status() and why() tell.
+  [[nodiscard]] bool open(const std::string& name, std::chrono::milliseconds wait);
+  // Reads the dictionary: false where there is none.
+  [[nodiscard]] bool load();
+  void close();
+
+  [[nodiscard]] Status status() const { return status_; }
+  [[nodiscard]] const std::string& why() const { return why_; }
+  // The process that has the lock which is in the way; 0: not known.
+  [[nodiscard]] pid_t holder() const { return holder_; }
+  // How long the lock has been held.
+  [[nodiscard]] double seconds_held() const;
+
+ private:
+  [[nodiscard]] bool is_file(const std::string& path);
+  [[nodiscard]] bool open_files(const std::string& name);
+  [[nodiscard]] bool lock(std::chrono::milliseconds wait);
+  bool refuse(Status status, std::string why);
+  bool refuse_by_code(const char* what);
+
+  bool is_open_ = false;
+  Status status_ = Status::kSound;
+  std::string why_;
+  pid_t holder_ = 0;
+  std::chrono::steady_clock::time_point locked_{};
+};
+
+// "process 123 (name)", or "unknown" for 0.
+[[nodiscard]] std::string process_text(pid_t process);
+
+// The library's current error in words.
+[[nodiscard]] std::string error_text(std::int32_t code);
+
+}  // namespace zentra

@@ -1,0 +1,67 @@
+// report: what a subcommand tells, as text for people or as JSON, one object a line.
+//
+//   begin -> for each pair: pair_begins, entries, pair_ends -> end
+//
+// Keeps   bytes of files never reach the output raw; what was torn off is noticed, because the last
+//         line is that of end()
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "zentra/status.h"
+
+namespace zentra {
+
+inline constexpr int kSchema = 1;
+
+// Bytes of a file: a name, a key. `shown`: how they are told to people, if not as text.
+struct FileBytes {
+  std::string bytes;
+  std::string shown{};
+};
+using Value = std::variant<std::int64_t, double, bool, FileBytes, std::string>;
+using Fields = std::vector<std::pair<const char*, Value>>;
+
+struct Entry {
+  enum class Kind {
+    kFinding,  // damage
+    kDetail,   // one of those that a finding counts
+    kNote      // what is no damage
+  };
+
+  Kind kind = Kind::kFinding;
+  std::string code{};
+  Status status = Status::kSound;
+  int key = 0;  // number of the index that it is about
+  std::string text{};
+  Fields fields{};
+};
+
+class Report {
+ public:
+  virtual ~Report() = default;
+
+  virtual void begin(const char* command, int pairs) = 0;
+  virtual void pair_begins(int number, int pairs, const std::string& name) = 0;
+  virtual void entry(const Entry& entry) = 0;
+  // `text`: the verdict in words.
+  virtual void pair_ends(Status status, const std::string& text, const Fields& fields) = 0;
+  virtual void end(Status status, const Fields& fields) = 0;
+
+ protected:
+  Report() = default;
+  Report(const Report&) = default;
+  Report& operator=(const Report&) = default;
+};
+
+// Both write to standard output. `is_terminal`: of many alike only the first are shown.
+[[nodiscard]] std::unique_ptr<Report> text_report(bool is_terminal);
+[[nodiscard]] std::unique_ptr<Report> json_report();
+
+}  // namespace zentra
