@@ -5,10 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <optional>
+#include <vector>
 
 #include "checker/checks.h"
 #include "checker/listnode.h"
 #include "checker/progress.h"
+#include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/files/files.h"
 #include "isam/pool/nodechain.h"
@@ -18,6 +21,7 @@
 namespace checker {
 namespace {
 
+using isam::Byte;
 using isam::dictp;
 
 // Marks every page of a record's chain in rpgmap; false for a chain that cannot be followed.
@@ -72,17 +76,59 @@ bool has_no_state(std::int32_t record) {
          trailer[0] != isam::kRecordAbsent;
 }
 
+// The states of records of fixed length, asked for in ascending order. The file is read in large
+// pieces: the check of a record needs no copy of it, only that its bytes can be read.
+class States {
+ public:
+  // The state of record k; none where its piece of the file cannot be read: then the record is to
+  // be read by itself, which tells why.
+  std::optional<Byte> of(std::int32_t k) {
+    const auto slot = static_cast<std::int64_t>(isam::slot_size());
+    const std::int64_t begin = (k - 1) * slot;
+    const std::int64_t end = begin + slot;
+    if (end > end_ && begin >= unreadable_until_) read(begin);
+    if (end > end_) return std::nullopt;
+    return piece_[static_cast<std::size_t>(end - 1 - begin_)];
+  }
+
+ private:
+  static constexpr std::size_t kPiece = std::size_t{64} * 1024;
+
+  void read(std::int64_t begin) {
+    const isam::KeepError keep;
+    const ssize_t got = common::read_at(isam::filep->data.fd, piece_, begin);
+    begin_ = begin;
+    end_ = begin + std::max<ssize_t>(got, 0);
+    if (got < 0) unreadable_until_ = begin + static_cast<std::int64_t>(kPiece);
+  }
+
+  std::vector<Byte> piece_ = std::vector<Byte>(kPiece);
+  std::int64_t begin_ = 0;  // of the piece in the file
+  std::int64_t end_ = 0;
+  std::int64_t unreadable_until_ = 0;  // before it no piece is tried again
+};
+
+// Reads a record: its length; -1 for an absent one; -1 with iserrno or errno for one that cannot be
+// read.
+int read_record(Check& check, States& states, std::int32_t record, isam::Bytes buffer) {
+  if (check.varlen) return varread(check, record, buffer);
+  const auto state = states.of(record);
+  errno = 0;
+  if (!state) return isam::dataread(record, buffer);
+  return *state == isam::kRecordPresent ? isam::filep->geometry.reclen : -1;
+}
+
 void check_records(Check& check) {
   int looks = 0;
   const bool has_locked = !check.listener.locked().empty();
   const isam::Bytes buffer = isam::temprecord();
+  States states;
   const std::int32_t last = std::min(check.datlast, check.datreal);
   Progress progress("Checking data records", last);
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
     errno = 0;
-    const int length =
-        check.varlen ? varread(check, record, buffer) : isam::dataread(record, buffer);
+    const int length = read_record(check, states, record, buffer);
     if (length > 0) {
       check.datmap.set_bit(record);
     } else if (iserrno != 0 || errno != 0) {

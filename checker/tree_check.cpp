@@ -43,6 +43,11 @@ void TreeCheck::tell(Code code, const Item* item, const Item* before) const {
                .described = &key_});
 }
 
+// How many leading bytes an item takes over from the one before it.
+int TreeCheck::equal_bytes(const Item& item) const {
+  return (item.flag & isam::kRepeatsPrevious) != 0 ? layout_.keylen : item.leadc;
+}
+
 inline int TreeCheck::check_pair(const Item& prev, const Item& item, int equal) {
   const int order = order_.compare_from(prev.key, item.key, equal);
   if (order > 0 || (order == 0 && prev.dupnm > item.dupnm)) {
@@ -96,8 +101,8 @@ const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area
                                         Item (&items)[2]) {
   progress_.at(items_);
   const auto check = [&](const Item& item, const isam::Byte* before, bool /*last*/) {
-    const bool equal =
-        prev != nullptr && check_pair(*prev, item, before == prev->key ? item.leadc : 0) == 0;
+    const bool equal = prev != nullptr &&
+                       check_pair(*prev, item, before == prev->key ? equal_bytes(item) : 0) == 0;
     if (check_record(item) && tells_) {
       check_.listener.leaf_item({number_, at_.node, at_.slot, equal}, item);
     }

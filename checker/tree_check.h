@@ -69,6 +69,7 @@ class TreeCheck {
   // Sets badorder when `prev` is greater than `item`, which follows it. The keys of the two are
   // known to have their first `equal` bytes in common. How the keys compare.
   int check_pair(const Item& prev, const Item& item, int equal);
+  [[nodiscard]] int equal_bytes(const Item& item) const;
   // Counts a leaf's pointer that is out of range, to a record not in use, or a second one to it:
   // false then.
   bool check_record(const Item& item);
