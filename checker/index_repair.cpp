@@ -43,8 +43,8 @@ std::int32_t root_for_new_tree(Check& check, int n, const keydescr& k) {
   return fresh;
 }
 
-// Whether to try to read a record. A check with -i has not looked which records of fixed length are
-// present: it tries all.
+// Whether to try to read a record. With -i the map has all records of fixed length that the list of
+// free records does not name, and nobody has looked whether they are present: all are tried.
 bool may_be_present(const Check& check, std::int32_t record) {
   const bool present_is_known = check.options.iflag == 0 || check.varlen;
   return !present_is_known || check.datmap.tstbit(record);

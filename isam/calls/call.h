@@ -51,8 +51,9 @@ int isenter(int isfd, Entry entry);
 // shows to be stale and looks at the locale. 0, or -1 with iserrno.
 int reread_dictionary(Entry entry);
 
-// Writes all that an exclusive open has delayed: 0, or -1 with iserrno, which stays if it was set
-// before. -1 also when an earlier write has failed (Unwritten::failed and lost).
+// Writes all that an exclusive open has delayed: 0, or -1 when a write fails or an earlier one has
+// failed (Unwritten::failed and lost). iserrno is then that of the first failure; one that was set
+// before stays unless a write fails now.
 int write_delayed();
 
 // Calls write_delayed(), cuts unused room off and clears the mark: now the files are complete, also

@@ -148,7 +148,7 @@ KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {
   }
 }
 
-// Only bytes may be compared in part: of a number that `length` ends within all bytes count.
+// Only bytes may be compared in part: of a number in which `length` ends all bytes count.
 int KeyOrder::compare_parts(const Byte* a, const Byte* b, int length) const {
   int left = length;
   int order = 0;

@@ -47,7 +47,8 @@ class KeyOrder {
  public:
   explicit KeyOrder(const keydescr& k);
 
-  // Negative, 0 or positive, over at most `length` bytes (below 1: the whole key).
+  // Negative, 0 or positive, over at most `length` bytes (below 1: the whole key); of a number in
+  // which they end all bytes count.
   [[nodiscard]] int compare(const Byte* a, const Byte* b, int length = 0) const {
     const int bytes = length < 1 || length > keylen_ ? keylen_ : length;
     return plain_ ? common::bycmpr(a, b, static_cast<std::size_t>(bytes))

@@ -1,4 +1,4 @@
-// rpageslots: the slots of one storage page.
+// rpageslots: changes of the slots of one storage page (isam/records/varlen reads them).
 //
 // Data are packed from the header up, the slot table grows from the page's end down. Before
 // anything moves, every slot is found to lie between the header and the data end.
