@@ -10,9 +10,10 @@
 
 namespace recover {
 
-// Prints the trail that the options name, or the one of the pair that they name; then it changes to
-// their folder. What is damaged is passed by up to the next sound entry. kSome when anything was
-// damaged, kFailed when the pair has no trail, or it or the trail cannot be read.
+// Prints the trail that the options name, else the one that the pair names. Before the latter is
+// opened, the options' folder becomes the current one, for the pair's name of it starts there. What
+// is damaged is passed by up to the next sound entry. kSome when anything was damaged, kFailed when
+// the pair has no trail, or when the pair, the folder or the trail cannot be used.
 [[nodiscard]] Status list_trail(const Options& options);
 
 }  // namespace recover

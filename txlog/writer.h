@@ -25,7 +25,7 @@ struct Writer {
   // have taken the number. 0: its start is not in the log, and its changes are not doubted.
   std::uint32_t serial = 0;
   // Raised when it opens a file by a number that is open: it is rather another process then, and
-  // what was opened in an earlier epoch no longer counts as open.
+  // may open the numbers of earlier epochs, too. Until it does, named_by() still knows their files.
   std::uint32_t epoch = 0;
   bool begun = false;      // inside a transaction
   std::int64_t begin = 0;  // offset of the transaction's begin mark

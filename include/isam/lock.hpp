@@ -7,9 +7,10 @@
 
 namespace zentra {
 
-// Takes no lock. At the end of its scope it releases the record locks that this process has in the
-// file, and a FileLock of the same file with them; records that an open transaction has changed
-// stay locked. The file must stay open until then.
+// Takes no lock. At the end of its scope, when this open has locked anything, it releases the
+// record locks that this process has in the file, and a FileLock of the same file with them.
+// Records that an open transaction has changed stay locked; those locked before it began may, too.
+// The file must stay open until the end of the scope.
 class RecordLocks {
  public:
   explicit RecordLocks(const File& file) : isfd_(file.number()) {}

@@ -60,7 +60,8 @@ int lkfile(bool take);
 void lkrelease();
 
 // Releases the whole-file lock and the record locks, as isrelease and isunlock do. During a
-// transaction those of records that it has changed stay. 0, or -1.
+// transaction those of records that it has changed stay; of the others on the kHeld list, locked
+// before it began, they may. 0, or -1.
 int release_locks();
 // The same for an open whose transaction has ended: the locks of changed records go too. The
 // whole-file lock of another open stays. 0, or -1.
