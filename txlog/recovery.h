@@ -43,7 +43,7 @@ class RecoveryObserver {
   virtual void applied(const LogRecord& /*record*/) {}
   // Left out, or the one that ends the recovery; iserrno tells why, as far as a call has failed.
   virtual void left_out(const LogRecord& /*record*/, std::string_view /*message*/) {}
-  // Applied before, and now undone: its writer was killed before it did it.
+  // Applied before, and now undone or replaced: its writer was killed before it did it.
   virtual void gave_way(const LogRecord& /*record*/) {}
   // A transaction without an end: so many held records of it were dropped.
   virtual void unfinished(std::int32_t /*process*/, std::size_t /*records*/) {}

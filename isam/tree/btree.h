@@ -33,7 +33,7 @@ enum class Edge { kFirst, kLast };
 // The order counts: reads first.
 enum class Search {
   kRead,    // the first item not below the one given
-  kPast,    // the first item above it
+  kPast,    // the first item of a greater key
   kInsert,  // where it is to be inserted, behind its equals
   kReturn,  // where it stood, by its duplicate number
 };
@@ -46,10 +46,10 @@ enum class Direction { kNext, kPrevious };
 // Positions on the first item, or behind the last one, so that a move back comes to it.
 int btposition(Cursor& cursor, const keydescr& k, Edge edge);
 
-// Positions by `item` over at most `len` bytes of its key (below 1: the whole key). Reading, a
-// duplicate number decides between equal keys. To insert, the item's duplicate number is raised
-// above that of its equals, and kSameKeyNearby set when one of them was met; 100 when there may be
-// none.
+// Positions by `item` over at most `len` bytes of its key (below 1: the whole key). Between equal
+// keys kRead and kReturn decide by the duplicate number; kPast passes all of them. To insert, the
+// item's duplicate number is raised above that of its equals, and kSameKeyNearby set when one of
+// them was met; 100 when an equal key is not allowed or no duplicate number is left.
 int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode);
 
 // Where a walk to the item before the path's may begin, right after a search for `sought` over its
