@@ -16,7 +16,7 @@ namespace common {
 [[nodiscard]] int copy_differences(int from, int to, std::int64_t at, std::int64_t end);
 
 // Gives `to` the owner, permissions and extended attributes of `from`: 0, or -1 with errno when one
-// cannot be given. An attribute that is empty or cannot be read is left out.
+// cannot be read or given. A file whose attributes cannot be listed counts as having none.
 [[nodiscard]] int copy_attributes(int from, int to);
 
 // Makes `sum` the checksum of the file's bytes (docs/format.md): 0, or -1 with errno.

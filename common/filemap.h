@@ -77,7 +77,7 @@ class FileMap {
   std::int64_t mapped_ = 0;  // bytes of address space, perhaps more than the file has
   std::int64_t known_ = 0;   // bytes that the file was seen to have
   int reads_ = 0;            // beyond the mapping
-  bool usable_ = true;
+  bool usable_ = true;       // false: it is not mapped, nor will it be before forget()
 };
 
 }  // namespace common

@@ -301,8 +301,8 @@ int Replay::apply_open(const Step& step) {
   return 0;
 }
 
-// Nothing is to be done for an open whose opening was applied for another process, or that stands
-// for another file by now.
+// Nothing is to be done when the open's number stands for no file by now, or for another one: a
+// held opening may have been applied before its turn.
 int Replay::apply_close(const Step& step) {
   const auto named = step.record.file_named();
   if (!named || step.file == nullptr) return failed(kBadLogRecord);

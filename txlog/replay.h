@@ -155,6 +155,7 @@ class Replay {
   // the record once more, or the key is set free by what follows.
   struct PutOff {
     HeldId id = kNoHeld;
+    // Held records in hand before it: redo_put_off() applies it when as many are in hand again.
     std::size_t depth = 0;
     bool stands_for_more = false;  // images before it were put off as well
   };

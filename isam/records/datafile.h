@@ -50,7 +50,8 @@ namespace isam {
 // Frees the storage that record k keeps beyond its length; when it is absent, all its storage: 0 or
 // -1.
 [[nodiscard]] int datatrunc(std::int32_t k);
-// Marks record k absent, keeping (dataclear) or freeing (datadelete) its variable part: 0 or -1.
+// Mark record k absent: 0 or -1. The storage of its variable part is kept, filled with zero bytes
+// (dataclear), or freed (datadelete).
 [[nodiscard]] int dataclear(std::int32_t k);
 [[nodiscard]] int datadelete(std::int32_t k);
 

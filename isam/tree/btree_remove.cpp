@@ -147,7 +147,8 @@ int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
     if (walk.exceeded()) return failed(kCorrupted);
     const PathLevel passed = cursor.bt.leaf();
     if (btmove(cursor, k, Direction::kNext) != 0) return -1;
-    // Equal keys that are not bytewise may have other bytes.
+    // What the item passed takes over from the one before it stands in its own key too, so in that
+    // of `sought`. Where order is not bytewise, equal keys may have other bytes.
     const bool same_node = cursor.bt.leaf().node == passed.node && order.bytewise();
     start = same_node ? WalkStart{passed.offset, sought.key} : WalkStart{};
   }
