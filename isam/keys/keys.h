@@ -58,8 +58,9 @@ class KeyOrder {
   // The same over the whole key, of values whose first `equal` bytes are known to be the same.
   [[nodiscard]] int compare_from(const Byte* a, const Byte* b, int equal) const {
     if (!plain_) return compare(a, b);
-    if (equal < keylen_ && a[equal] != b[equal]) return a[equal] < b[equal] ? -1 : 1;
-    return std::memcmp(a + equal, b + equal, static_cast<std::size_t>(keylen_ - equal));
+    if (equal == keylen_) return 0;
+    if (a[equal] != b[equal]) return a[equal] < b[equal] ? -1 : 1;
+    return common::bycmpr(a + equal, b + equal, static_cast<std::size_t>(keylen_ - equal));
   }
 
   // Whether the first byte that differs decides the order of two keys, as it does unless a part
