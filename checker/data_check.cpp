@@ -4,7 +4,6 @@
 // Needs   the maps cleared by the dictionary check
 #include <algorithm>
 #include <cerrno>
-#include <iterator>
 #include <optional>
 #include <vector>
 
@@ -43,9 +42,7 @@ bool mark_chain(Check& check, std::int32_t pointer) {
 // Marks the pages that an absent record keeps for an open transaction.
 void mark_kept_storage(Check& check, std::int32_t record) {
   const isam::KeepError keep;
-  const auto locked = check.listener.locked();
-  const auto behind = std::ranges::upper_bound(locked, record, {}, &isam::LockedRecords::first);
-  if (behind == locked.begin() || std::prev(behind)->last < record) return;
+  if (isam::find_locked(check.listener.locked(), record) == nullptr) return;
   isam::Byte trailer[isam::kVariableTrailer] = {};
   if (isam::datainfo(record, trailer) != isam::kVariableTrailer) return;
   static_cast<void>(mark_chain(check, common::ldlong(trailer + isam::kTrailerReference)));

@@ -87,13 +87,14 @@ class Listener {
   virtual void detail(const Detail& /*detail*/) {}
 
   // Whether each item of a leaf that leads to a record in use is to be told, too. `equal`: its key
-  // is that of the item before it in the index.
+  // is that of the item before it in the index; `same_number`: and so is its duplicate number.
   [[nodiscard]] virtual bool wants_leaves() const { return false; }
   struct Leaf {
     int key;  // number of the index
     std::int32_t node;
     int slot;
     bool equal;
+    bool same_number;
   };
   virtual void leaf_item(const Leaf& /*place*/, const isam::Item& /*item*/) {}
   // Record numbers that others have locked, in ascending order: an open transaction of theirs keeps

@@ -104,7 +104,8 @@ const isam::Item* TreeCheck::check_leaf(std::int32_t node, isam::ConstBytes area
     const bool equal = prev != nullptr &&
                        check_pair(*prev, item, before == prev->key ? equal_bytes(item) : 0) == 0;
     if (check_record(item) && tells_) {
-      check_.listener.leaf_item({number_, at_.node, at_.slot, equal}, item);
+      const bool same_number = equal && prev->dupnm == item.dupnm;
+      check_.listener.leaf_item({number_, at_.node, at_.slot, equal, same_number}, item);
     }
     ++items_;
     if (lists_) check_.listener.tree_item(item, key_);

@@ -11,6 +11,7 @@
 #include "isam/base/errors.h"
 #include "zentra/collector.h"
 #include "zentra/commands.h"
+#include "zentra/deep.h"
 #include "zentra/pairnames.h"
 #include "zentra/pairrunner.h"
 #include "zentra/readpair.h"
@@ -54,10 +55,15 @@ Outcome refused(const ReadPair& pair, Report& report) {
 }
 
 // Runs the checks on the current pair: whether they came to their end.
-bool check_all(checker::Check& check) {
+bool check_all(checker::Check& check, DeepCollector* deep) {
   try {
     if (!checker::run_checks(check)) return false;
     checker::tell_why_refused(check);
+    if (deep != nullptr) {
+      check_marks(check, *deep);
+      check_storage(check, *deep);
+      check_fit(check, *deep);
+    }
     return true;
   } catch (const std::bad_alloc&) {
     check.found(checker::Code::kNoMemory);
@@ -84,22 +90,31 @@ Outcome check_pair(const CheckOptions& options, const std::string& name, Report&
   const auto wait = std::chrono::milliseconds(static_cast<std::int64_t>(options.wait * 1000));
   ReadPair pair;
   if (!pair.open(name, wait) || !pair.load()) return refused(pair, report);
-  Collector collector(report, {});
+  std::vector<isam::LockedRecords> locked = isam::locked_records(isam::dictp->d_nextdata());
+  std::unique_ptr<Collector> collector;
+  DeepCollector* deep = nullptr;
+  if (options.quick) {
+    collector = std::make_unique<Collector>(report, std::move(locked));
+  } else {
+    auto owner = std::make_unique<DeepCollector>(report, std::move(locked));
+    deep = owner.get();
+    collector = std::move(owner);
+  }
   const checker::Options how{.nflag = 1, .qflag = 1};
-  checker::Check check(how, collector);
-  const bool whole = check_all(check);
+  checker::Check check(how, *collector);
+  const bool whole = check_all(check, deep);
   if (!whole) {
     // No finding says it where the system or the library refused.
     check.prterr();
   }
   isam::clear_errors();
-  collector.tell_kept();
-  Fields fields = totals(check, collector);
+  collector->tell_kept();
+  Fields fields = totals(check, *collector);
   fields.emplace_back("seconds-held", pair.seconds_held());
   fields.emplace_back("seconds",
                       std::chrono::duration<double>(steady_clock::now() - start).count());
-  report.pair_ends(collector.status(), sentence(collector.status()), fields);
-  return {.status = collector.status(), .findings = collector.findings()};
+  report.pair_ends(collector->status(), sentence(collector->status()), fields);
+  return {.status = collector->status(), .findings = collector->findings()};
 }
 
 }  // namespace

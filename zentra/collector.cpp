@@ -116,6 +116,7 @@ void Collector::add(Entry entry) {
 }
 
 void Collector::found(const checker::Finding& finding) {
+  if (finding.code == Code::kRecordListMissing) misses_records_ = true;
   Entry entry{.code = checker::text_of(finding.code).code,
               .status = weight_of(finding.code),
               .text = in_words(finding)};
@@ -166,11 +167,15 @@ void Collector::detail(const checker::Detail& detail) {
 }
 
 void Collector::kept_back(std::int32_t record) {
-  const auto behind = std::ranges::upper_bound(locked_, record, {}, &isam::LockedRecords::first);
-  ++kept_[std::prev(behind)->process];
+  if (const auto* range = isam::find_locked(locked_, record)) ++kept_[range->process];
 }
 
 void Collector::tell_kept() {
+  if (misses_records_) {
+    add({.kind = Entry::Kind::kNote,
+         .code = "transaction.dead",
+         .text = "if a program was killed in a transaction, apply the log first (isrecover)"});
+  }
   for (const auto& [process, count] : kept_) {
     add({.kind = Entry::Kind::kNote,
          .code = "transaction.keeps",

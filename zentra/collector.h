@@ -46,6 +46,7 @@ class Collector : public checker::Listener {
   Status status_ = Status::kSound;
   std::int64_t findings_ = 0;
   int indexes_ = 0;
+  bool misses_records_ = false;         // numbers that are neither in use nor free
   std::map<pid_t, std::int64_t> kept_;  // how many numbers each process keeps back
 };
 

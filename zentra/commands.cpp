@@ -6,6 +6,9 @@ namespace {
 constexpr Command kCommands[] = {
     {"check", "find every fault of pairs", "Not one byte of any file is ever changed.",
      prepare_check},
+    {"info", "tell what pairs are", "Not one byte of any file is ever changed.", prepare_info},
+    {"show", "show the bytes of a record, a node or the dictionary, each named",
+     "Not one byte of any file is ever changed.", prepare_show},
 };
 
 }  // namespace

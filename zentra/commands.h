@@ -21,5 +21,7 @@ struct Command {
 [[nodiscard]] std::span<const Command> commands();
 
 std::function<int()> prepare_check(CLI::App& app);
+std::function<int()> prepare_info(CLI::App& app);
+std::function<int()> prepare_show(CLI::App& app);
 
 }  // namespace zentra

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <vector>
 
 #include "checker/check.h"
 #include "common/io.h"
@@ -17,27 +16,13 @@
 #include "isam/files/files.h"
 #include "isam/files/watching.h"
 #include "zentra/progress.h"
+#include "zentra/readahead.h"
 #include "zentra/text.h"
 
 namespace zentra {
 namespace {
 
 using std::chrono::steady_clock;
-
-// Reads a file, so that the pages are there when the lock is held. No more than what fits into half
-// of the memory: the rest would only push the beginning out again.
-void read_ahead(int fd) {
-  constexpr std::size_t kPiece = 1 << 20;
-  const std::int64_t memory = std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE);
-  const std::int64_t size = std::min(common::file_size(fd), memory / 2);
-  std::vector<isam::Byte> piece(kPiece);
-  const auto start = steady_clock::now();
-  for (std::int64_t at = 0; at < size; at += kPiece) {
-    if (common::read_at(fd, piece, at) <= 0) return;  // the check will tell
-    const std::chrono::duration<double> passed = steady_clock::now() - start;
-    show_progress("Reading ahead", at, size, passed.count());
-  }
-}
 
 bool leads_to(const std::string& path, const isam::PairFile& file) {
   struct stat status {};

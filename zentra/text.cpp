@@ -96,6 +96,15 @@ std::string hex(std::string_view bytes) {
   return text;
 }
 
+std::string grouped(std::int64_t number) {
+  std::string text = std::to_string(number);
+  const std::ptrdiff_t first = number < 0 ? 1 : 0;
+  for (std::ptrdiff_t at = std::ssize(text) - 3; at > first; at -= 3) {
+    text.insert(static_cast<std::size_t>(at), 1, ',');
+  }
+  return text;
+}
+
 std::string shown_key(const keydescr& k, std::string_view value) {
   std::string text;
   for (int i = 0; i < k.nparts; ++i) {

@@ -1,6 +1,7 @@
 // text: bytes of files as an operator may see them.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,9 @@ namespace zentra {
 // The bytes with \xNN for each that does not belong to such a character, and for "\" itself.
 [[nodiscard]] std::string shown(std::string_view bytes);
 [[nodiscard]] std::string hex(std::string_view bytes);
+
+// A number with a comma behind each thousand.
+[[nodiscard]] std::string grouped(std::int64_t number);
 
 // A key value part by part, such as "SMITH", 48. The bytes are as many as the key has.
 [[nodiscard]] std::string shown_key(const keydescr& k, std::string_view value);

@@ -2,10 +2,15 @@
 
 #include <fcntl.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 
 #include "common/io.h"
 #include "isam/base/current.h"
@@ -137,6 +142,37 @@ std::vector<LockedRecords> locked_records(std::int32_t last) {
   }
   std::ranges::sort(found, {}, &LockedRecords::first);
   return found;
+}
+
+const LockedRecords* find_locked(std::span<const LockedRecords> locked, std::int32_t record) {
+  const auto behind = std::ranges::upper_bound(locked, record, {}, &LockedRecords::first);
+  if (behind == locked.begin()) return nullptr;
+  const LockedRecords& range = *std::prev(behind);
+  return record <= range.last ? &range : nullptr;
+}
+
+// A line of the list is such as "1: POSIX  ADVISORY  READ 4711 08:01:1234 2147483647 2147483647".
+// The device there need not be that of stat(); a lock of that one byte is an open lock, anyway.
+std::vector<pid_t> open_by() {
+  std::vector<pid_t> processes;
+  std::ifstream list("/proc/locks");
+  for (std::string line; std::getline(list, line);) {
+    std::istringstream words(line);
+    std::string number;
+    std::string kind;
+    std::string word;
+    std::string device;
+    pid_t process = 0;
+    off_t start = -1;
+    words >> number >> kind >> word >> word >> process >> device >> start;
+    const auto colon = device.rfind(':');
+    if (!words || kind != "POSIX" || start != lockspace::kOpenLockStart || colon == device.npos) {
+      continue;
+    }
+    const bool is_pair = device.substr(colon + 1) == std::to_string(filep->index.inode);
+    if (is_pair && process != ::getpid()) processes.push_back(std::max<pid_t>(process, 0));
+  }
+  return processes;
 }
 
 }  // namespace isam

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace isam {
@@ -24,6 +25,13 @@ struct LockedRecords {
   std::int32_t last;
   pid_t process;  // 0: not known
 };
+
+// The range that holds a number; null when none does. `locked`: in ascending order.
+[[nodiscard]] const LockedRecords* find_locked(std::span<const LockedRecords> locked,
+                                               std::int32_t record);
+
+// The processes that have the pair open, as far as the system tells them.
+[[nodiscard]] std::vector<pid_t> open_by();
 
 // The record numbers up to `last` that other processes have locked, in ascending order.
 [[nodiscard]] std::vector<LockedRecords> locked_records(std::int32_t last);

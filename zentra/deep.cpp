@@ -1,0 +1,47 @@
+#include "zentra/deep.h"
+
+#include <algorithm>
+
+namespace zentra {
+namespace {
+
+constexpr std::int64_t kFewAstray = 10;
+constexpr int kShareAstray = 10;  // one in so many
+
+}  // namespace
+
+void DeepCollector::found(const checker::Finding& finding) {
+  if (finding.code == checker::Code::kIndexRecordBad) {
+    leads_[static_cast<int>(finding.numbers.key)].astray += finding.numbers.found;
+  }
+  Collector::found(finding);
+}
+
+void DeepCollector::index_begins(int n, const keydescr& k) {
+  Collector::index_begins(n, k);
+  walked_ = k.nparts > 0 ? n : 0;
+  if (walked_ != 0) keys_.begins(n, k);
+}
+
+void DeepCollector::index_walked(std::int32_t /*nodes*/, int /*levels*/) {
+  if (walked_ == 0) return;
+  keys_.ends();
+  leads_[walked_].astray += keys_.differing();
+  leads_[walked_].right += keys_.items() - keys_.differing();
+}
+
+bool DeepCollector::is_of_another_time() const {
+  const auto leads_astray = [](const auto& index) {
+    const Leads& leads = index.second;
+    return leads.astray >= kFewAstray && leads.astray > leads.right / (kShareAstray - 1);
+  };
+  return !leads_.empty() && std::ranges::all_of(leads_, leads_astray);
+}
+
+std::int64_t DeepCollector::most_items() const {
+  std::int64_t most = 0;
+  for (const auto& [n, leads] : leads_) most = std::max(most, leads.right + leads.astray);
+  return most;
+}
+
+}  // namespace zentra

@@ -1,0 +1,53 @@
+// deep: what is looked at beyond the checks that kestro makes.
+#pragma once
+
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "checker/check.h"
+#include "zentra/collector.h"
+#include "zentra/keycheck.h"
+
+namespace zentra {
+
+// Also hears every item of every index.
+class DeepCollector : public Collector {
+ public:
+  DeepCollector(Report& report, std::vector<isam::LockedRecords> locked)
+      : Collector(report, std::move(locked)), keys_(*this) {}
+
+  [[nodiscard]] bool wants_leaves() const override { return true; }
+  void found(const checker::Finding& finding) override;
+  void index_begins(int n, const keydescr& k) override;
+  void index_walked(std::int32_t nodes, int levels) override;
+  void leaf_item(const Leaf& place, const isam::Item& item) override { keys_.item(place, item); }
+
+  // Whether every index leads astray so often that it was made for another data file.
+  [[nodiscard]] bool is_of_another_time() const;
+  // The most items that an index has.
+  [[nodiscard]] std::int64_t most_items() const;
+
+ private:
+  struct Leads {
+    std::int64_t right = 0;   // items whose record is there and has their key
+    std::int64_t astray = 0;  // all others
+  };
+
+  KeyCheck keys_;
+  int walked_ = 0;  // number of the index under way, 0 for one without a tree
+  std::map<int, Leads> leads_;
+};
+
+// Each tells what it finds in the current pair, which run_checks() has gone through.
+
+// The nodes of lists have the marks without which they are refused; the node with the audit trail's
+// name; the mark of a writer that died.
+void check_marks(const checker::Check& check, Collector& collector);
+// The pages of variable parts: each piece belongs to one record, counts and lists are right. Sorts
+// the pieces in temporary files.
+void check_storage(const checker::Check& check, Collector& collector);
+// Whether the two files fit each other.
+void check_fit(const checker::Check& check, DeepCollector& collector);
+
+}  // namespace zentra

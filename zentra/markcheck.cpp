@@ -1,0 +1,88 @@
+// Marks without which the library refuses a node, though kestro follows it.
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "checker/usagemap.h"
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/log/audit.h"
+#include "isam/pool/nodechain.h"
+#include "zentra/deep.h"
+#include "zentra/readpair.h"
+
+namespace zentra {
+namespace {
+
+using isam::dictp;
+using isam::filep;
+
+struct EveryPage : checker::ListedOnce {
+  [[nodiscard]] static bool is_sound(const isam::PageHold& /*page*/) { return true; }
+};
+using Chain = isam::NodeChain<EveryPage>;
+
+bool is_list_node(const isam::PageHold& page, isam::NodeType type) {
+  const int entries = page.used() - isam::kEntriesOffset;
+  return page.node_type() == type && page.level() == isam::kFreeLevel && entries >= 0 &&
+         entries % isam::kListEntrySize == 0 &&
+         page.used() < isam::node_type_offset(filep->geometry.idxsize);
+}
+
+void check_list(const checker::Check& check, Collector& collector, std::int32_t head,
+                isam::NodeType type, const char* code, const char* what) {
+  Chain chain{head, {checker::ListedOnce{check.idxlast}}};
+  while (const isam::PageHold page = chain.read()) {
+    if (!is_list_node(page, type)) {
+      collector.add(
+          {.code = code,
+           .status = Status::kDamaged,
+           .text = fmt::format("node {} lacks the marks of a node of {}", page.node(), what),
+           .fields = {{"node", std::int64_t{page.node()}}}});
+    }
+    chain.follow(page);
+  }
+  isam::clear_errors();  // what cannot be read is found already
+}
+
+// A node that names no trail matters only while the trail is on.
+void check_audit_node(Collector& collector) {
+  const std::int32_t node = dictp->d_auditnode();
+  const bool in_range = node >= 2 && node <= dictp->d_nextnode();
+  const bool names_trail = !dictp->d_audits() || !isam::txlog::audit_trail_name().empty();
+  isam::clear_errors();
+  if (node == 0 || (in_range && names_trail)) return;
+  collector.add({.code = "audit.node",
+                 .status = Status::kDamaged,
+                 .text = fmt::format("node {} does not hold the name of an audit trail", node),
+                 .fields = {{"node", std::int64_t{node}}}});
+}
+
+// Nobody has the pair open exclusively while it is checked: whoever has set the mark is gone.
+void check_mark(Collector& collector) {
+  isam::Byte mark[isam::kMarkSize] = {};
+  if (common::read_at(filep->index.fd, mark, isam::kMarkOffset) < 0 ||
+      common::ldlong(mark) != isam::kMarkMagic) {
+    return;
+  }
+  const std::int32_t process = common::ldlong(mark + isam::kMarkProcess);
+  collector.add({.code = "pair.unfinished",
+                 .status = Status::kDamaged,
+                 .text = fmt::format("process {} ended before it had written all its changes; "
+                                     "programs cannot open the pair",
+                                     process),
+                 .fields = {{"process", std::int64_t{process}}}});
+}
+
+}  // namespace
+
+void check_marks(const checker::Check& check, Collector& collector) {
+  check_list(check, collector, dictp->d_freedata(), isam::kServiceNode, "record-list.node-marks",
+             "the list of free records");
+  check_list(check, collector, dictp->d_freenode(), isam::kIndexFreeNode, "node-list.node-marks",
+             "the list of free nodes");
+  check_audit_node(collector);
+  check_mark(collector);
+}
+
+}  // namespace zentra
