@@ -24,7 +24,8 @@ constexpr std::size_t kSpillBuffer = std::size_t{1} << 20;
 // One sorted run of the temporary file, read through a buffer.
 struct Sorter::Run {
   std::int64_t offset;  // of what the buffer takes next, in the file
-  std::int64_t end;     // of the run, in the file
+  std::int64_t begin;   // of the run, in the file
+  std::int64_t end;     // ... and where it ends
   std::vector<Byte> buffer;
   std::size_t at = 0;           // in the buffer: behind the entry `least`
   std::size_t filled = 0;       // bytes of the buffer that were read
@@ -137,7 +138,7 @@ int Sorter::spill() {
   if (open_spill_file() != 0) return -1;
   sort_references();
   auto run = std::make_unique<Run>();
-  run->offset = spill_end_;
+  run->offset = run->begin = spill_end_;
   std::vector<Byte> out;
   out.reserve(kSpillBuffer + shape_.entry_size);
   const auto write_out = [&] {
@@ -177,9 +178,26 @@ void Sorter::start_merge() {
       std::max(kLeastMergeBuffer, shape_.memory / (2 * runs_.size())) / shape_.entry_size;
   for (const auto& run : runs_) {
     run->buffer.resize(std::max<std::size_t>(1, share) * shape_.entry_size);
+  }
+  fill_heap();
+}
+
+void Sorter::fill_heap() {
+  for (const auto& run : runs_) {
     if (refill(*run)) heap_.push_back(run.get());
   }
   for (std::size_t i = heap_.size(); i-- > 0;) sift_down(i);
+}
+
+void Sorter::rewind() {
+  position_ = 0;
+  for (const auto& run : runs_) {
+    run->offset = run->begin;
+    run->at = run->filled = 0;
+  }
+  heap_.clear();
+  advance_ = false;
+  fill_heap();
 }
 
 // Moves the run's `least` to its next entry, which is read when the buffer is used up. False at the

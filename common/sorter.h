@@ -50,6 +50,8 @@ class Sorter {
   [[nodiscard]] int finish();
   // The next entry in order; null at the end or on a failure.
   [[nodiscard]] const Byte* next();
+  // Lets the entries come out once more, from the first on; only after finish().
+  void rewind();
   // errno of a failed read of the temporary file; 0 for none.
   [[nodiscard]] int error() const { return error_; }
 
@@ -73,6 +75,7 @@ class Sorter {
   [[nodiscard]] int spill();
   [[nodiscard]] int open_spill_file();
   void start_merge();
+  void fill_heap();
   bool refill(Run& run);
   [[nodiscard]] bool before(const Run& a, const Run& b) const;
   void sift_down(std::size_t at);

@@ -107,6 +107,25 @@ void use(int isfd) {
   isaudit(isfd, trail.data(), AUDGETNAME);
 }
 
+// A load of records that may be there already. One that is refused leaves the pair to be used.
+void load_many(int isfd) {
+  constexpr std::int32_t kMany = 40;
+  dictinfo info{};
+  if (isdictinfo(isfd, &info) != 0 || isloadbegin(isfd) != 0) return;
+  std::vector<char> records;
+  std::array<std::int32_t, kMany> numbers{};
+  std::array<std::int32_t, kMany> lengths{};
+  for (int i = 0; i < kMany; ++i) {
+    const std::vector<char> record = record_of(i / 2);
+    records.insert(records.end(), record.begin(), record.begin() + info.di_recsize);
+    lengths[static_cast<std::size_t>(i)] = info.di_recsize - i % 4;
+  }
+  recordset set{kMany, records.data(), records.size(), numbers.data(), lengths.data()};
+  isload(isfd, &set);
+  isloadend(isfd, numbers.data(), kMany);
+  scan_both_ways(isfd, keydescr{}, records, false);
+}
+
 void change_indexes(int isfd) {
   keydescr added{};
   added.flags = KF_DUPS + KF_COMPRESS;
@@ -128,7 +147,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int isfd = isopen(workplace.base().c_str(), ISINOUT + ISANYLENGTH + lock_mode);
   if (isfd >= 0) {
     use(isfd);
-    if (lock_mode == ISEXCLLOCK) change_indexes(isfd);
+    if (lock_mode == ISEXCLLOCK) {
+      load_many(isfd);
+      change_indexes(isfd);
+    }
     isclose(isfd);
   }
   iscleanup();

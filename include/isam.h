@@ -356,6 +356,30 @@ int isfetchmany(int isfd, struct recordset* set, int mode);
  * be written, all of these are taken back. */
 int iswritemany(int isfd, struct recordset* set);
 
+/* Adds many records at once through the only open of a file, an exclusive one: they are gathered,
+ * sorted once, and every index is built or merged with what it has at the end. Until isloadend()
+ * returns the pair is as it was, also for its reader, and whatever fails leaves it so; so does a
+ * killed process, except in the last step of isloadend(), when it leaves a pair to be repaired
+ * (ISECORRUPT at isopen). Meanwhile calls that change the file fail with ISEINUSE.
+ *
+ * isloadbegin() begins. -1 with ISENOTEXCLUSIVE; ISEINUSE (another open or load of the file, a
+ * transaction under way has changed it, or changes would be logged); ISEAUDIT. */
+int isloadbegin(int isfd);
+
+/* Takes records, arrays as for iswritemany(), and fills in numbers: they follow the highest number
+ * in use, no freed one is used again. How many were taken: fewer than set->count where one has a
+ * wrong length. -1 with ISENOBEGIN without isloadbegin(), ISEARGUMENT; with any other code the load
+ * is over, and nothing is left of it. */
+int isload(int isfd, struct recordset* set);
+
+/* Adds the records to the file, all but those that iswrite() would refuse with ISEDUPLICATE after
+ * the others before them: how many these are. The numbers of the first `room` of them are put to
+ * `refused`, ascending; both may be 0. -1 with the codes of isload(). */
+int isloadend(int isfd, int32_t* refused, int32_t room);
+
+/* Ends a load, of which nothing is left. isclose() does so too. */
+int isloaddrop(int isfd);
+
 /* -------------------- changing records -------------------- */
 
 /* A record length out of range fails with ISEARGUMENT ("9044"). A failed call changes nothing; but

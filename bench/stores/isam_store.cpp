@@ -105,6 +105,18 @@ class IsamStore : public Store {
     start(primary_);
   }
 
+  [[nodiscard]] bool has_load() const override { return (mode_ & ISEXCLLOCK) != 0; }
+
+  void begin_load() override { check(isloadbegin(file_), "isloadbegin"); }
+
+  void load(std::span<const Record> records) override {
+    recordset set = set_of(records.size());
+    std::memcpy(many_.data(), records.data(), records.size_bytes());
+    check_all(isload(file_, &set), set, "isload");
+  }
+
+  void end_load() override { check(isloadend(file_, nullptr, 0), "isloadend"); }
+
   void settle() override { check(isflush(file_), "isflush"); }
 
  private:

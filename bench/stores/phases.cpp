@@ -86,12 +86,17 @@ class Alone {
   }
 
   void load_many(const std::string& phase, std::span<const std::uint32_t> numbers) {
-    std::array<Record, kBulk> records;
     const Stopwatch stopwatch;
-    for_each_bulk(numbers, [&](std::span<const std::uint32_t> some) {
-      for (std::size_t i = 0; i < some.size(); ++i) model_.next(some[i], records[i]);
-      store_.insert_many(std::span{records}.first(some.size()));
-    });
+    for_each_made(numbers, [this](std::span<const Record> some) { store_.insert_many(some); });
+    store_.settle();
+    print_line(name_, phase, 1, numbers.size(), stopwatch.cost());
+  }
+
+  void load_bulk(const std::string& phase, std::span<const std::uint32_t> numbers) {
+    const Stopwatch stopwatch;
+    store_.begin_load();
+    for_each_made(numbers, [this](std::span<const Record> some) { store_.load(some); });
+    store_.end_load();
     store_.settle();
     print_line(name_, phase, 1, numbers.size(), stopwatch.cost());
   }
@@ -170,6 +175,16 @@ class Alone {
     }
   }
 
+  // Makes these records, so many at a time.
+  template <typename Operation>
+  void for_each_made(std::span<const std::uint32_t> numbers, Operation operation) {
+    std::array<Record, kBulk> records;
+    for_each_bulk(numbers, [&](std::span<const std::uint32_t> some) {
+      for (std::size_t i = 0; i < some.size(); ++i) model_.next(some[i], records[i]);
+      operation(std::span<const Record>{records}.first(some.size()));
+    });
+  }
+
   template <typename Operation>
   void measure(const std::string& phase, std::span<const std::uint32_t> numbers,
                Operation operation) {
@@ -226,6 +241,16 @@ void empty(const fs::path& folder) {
   fs::create_directory(folder);
 }
 
+void run_load(Store& store, const std::string& name, const fs::path& folder,
+              const std::string& phase, std::span<const std::uint32_t> numbers) {
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Alone alone(store, name, static_cast<std::uint32_t>(numbers.size()));
+  alone.load_bulk(phase, numbers);
+  alone.verify();
+  store.close();
+}
+
 }  // namespace
 
 void demand(Store& store, std::uint32_t number) {
@@ -262,6 +287,9 @@ void run_many(Store& store, const std::string& name, const fs::path& folder,
   alone.scan_many("second-many", Order::kSecond);
   alone.verify();
   store.close();
+  if (!store.has_load()) return;
+  run_load(store, name, folder, "load-bulk", in_order(records));
+  run_load(store, name, folder, "load-bulk-random", shuffled(records, Seed::kLoad));
 }
 
 }  // namespace bench

@@ -50,6 +50,12 @@ class Store {
   virtual void find_many(std::span<const Key> /*keys*/, Reader& /*reader*/) {}
   virtual void scan_many(Order /*order*/, Reader& /*reader*/) {}
 
+  // A bulk load, in portions of kBulk, for stores that have it; `has_load` tells.
+  [[nodiscard]] virtual bool has_load() const { return false; }
+  virtual void begin_load() {}
+  virtual void load(std::span<const Record> /*records*/) {}
+  virtual void end_load() {}
+
   // Gives all changes to the operating system, without waiting for a disk. Ends each phase.
   virtual void settle() = 0;
 };

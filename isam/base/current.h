@@ -21,6 +21,7 @@
 
 namespace isam {
 
+class BulkLoad;
 class ScanAhead;
 struct Buffer;
 
@@ -159,6 +160,7 @@ struct OpenPair {
   Unwritten unwritten;
   PairMark mark;
   Cached cached;
+  std::shared_ptr<BulkLoad> load;  // the bulk load under way (isam/calls/bulkload)
 };
 
 // What an open's number stands for.

@@ -64,9 +64,18 @@ int tell_failed_write(Entry entry) {
   return -1;
 }
 
+// A late write that failed is told; while a bulk load is under way nothing else changes the pair.
+int take_exclusive(Entry entry) {
+  if (filep->unwritten.failed.error != 0) return tell_failed_write(entry);
+  const bool changes = (static_cast<int>(entry.access) & static_cast<int>(Access::kToWrite)) != 0;
+  return changes && !entry.loads && !entry.goes_on ? failed(kFileInUse) : 0;
+}
+
 int take_file(Entry entry) {
   if (filep->locks.exclusives > 0) {
-    return filep->unwritten.failed.error == 0 ? 0 : tell_failed_write(entry);
+    if (filep->unwritten.failed.error == 0 && filep->load == nullptr) [[likely]]
+      return 0;
+    return take_exclusive(entry);
   }
   if (openp->holds_semaphore) return 0;
   // In batch mode the lock also serves the calls that follow, which may change the file.

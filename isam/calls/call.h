@@ -35,6 +35,7 @@ struct Entry {
   bool any_locale = false;       // also when the client's locale is not that of the file's keys
   bool keeps_auto_lock = false;  // what the read before has locked stays locked
   bool kept_too = false;         // also through an open kept for its transaction; includes goes_on
+  bool loads = false;            // part of a bulk load
   bool goes_on = false;          // even if a late write has failed; this call or the next tells it
 };
 

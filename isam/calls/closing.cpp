@@ -4,6 +4,7 @@
 
 #include "environment/settings.h"
 #include "isam/base/errors.h"
+#include "isam/calls/bulkload.h"
 #include "isam/calls/call.h"
 #include "isam/calls/process.h"
 #include "isam/calls/transactions.h"
@@ -45,6 +46,7 @@ bool outlives_its_close(const Open& open) {
 }  // namespace
 
 int close_open(Open& open) {
+  drop_load(open);
   static_cast<void>(open.logged ? txlog::logclose(open) : txlog::append_owed());
   if (!open.holds_semaphore && filep->locks.exclusives == 0) {
     lksemaphore(Semaphore::kExclusive);
@@ -62,6 +64,7 @@ namespace {
 
 int close_entered(Open& open, Call& call) {
   if (outlives_its_close(open)) {
+    drop_load(open);
     open.kept = true;
     txlog::append_owed();
     write_delayed();  // the process may end before the transaction

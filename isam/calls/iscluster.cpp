@@ -46,7 +46,7 @@ int look(int isfd, keydescr& key, Old& old) {
     failed(kNotExclusive);
   } else if (dictp->d_auditnode() != 0) {
     failed(kAuditTrailExists);
-  } else if (filep->usecount > 1 || openp->transaction.undoable) {
+  } else if (filep->usecount > 1 || filep->load != nullptr || openp->transaction.undoable) {
     // Changes to be undone are known by numbers that would not be theirs any more.
     failed(kFileInUse);
   } else if (key.nparts != 0 && kysearch(key, 0) < 0) {

@@ -9,26 +9,13 @@
 #include "isam/calls/reading.h"
 #include "isam/calls/recordcalls.h"
 #include "isam/calls/recorditems.h"
+#include "isam/calls/recordset.h"
 #include "isam/calls/traced.h"
 #include "isam/keys/keytable.h"
 #include "isam/tree/leafrun.h"
 
 namespace isam {
 namespace {
-
-// Whether the arrays are there and have room, as far as the call can know: 0, or -1 with 102.
-int check_set(const recordset* set, bool needs_lengths) {
-  const bool there = set != nullptr && set->count > 0 && set->records != nullptr &&
-                     set->numbers != nullptr && (set->lengths != nullptr || !needs_lengths);
-  const auto room = static_cast<std::size_t>(filep->geometry.maxreclen);
-  return there && static_cast<std::size_t>(set->count) <= set->size / room ? 0
-                                                                           : failed(kBadArgument);
-}
-
-Byte* place_of(const recordset& set, int index) {
-  return reinterpret_cast<Byte*>(set.records) +
-         static_cast<std::size_t>(index) * static_cast<std::size_t>(filep->geometry.maxreclen);
-}
 
 // Reading one record after another, as far as one entry of the library goes.
 class Reading {

@@ -52,6 +52,9 @@ class Rpage {
 
   explicit Rpage(const PageHold& page) : bytes_(page.bytes()), geometry_(filep->geometry.idxsize) {}
 
+  // Of a page that is not in the pool.
+  explicit Rpage(Bytes page) : bytes_(page), geometry_(filep->geometry.idxsize) {}
+
   [[nodiscard]] bool has_magic() const {
     return common::ldword(bytes_.data() + rpage::kMagicOffset) == rpage::kMagic;
   }
@@ -112,7 +115,8 @@ class Rpage {
 // The neighbours of a storage page in the list of its class, 0 for none.
 class RpageLinks {
  public:
-  explicit RpageLinks(const PageHold& page) : bytes_(page.data()) {}
+  explicit RpageLinks(const PageHold& page) : RpageLinks(page.data()) {}
+  explicit RpageLinks(Byte* page) : bytes_(page) {}
 
   // Whether the page names `node` as the one before it.
   [[nodiscard]] bool is_behind(std::int32_t node) const { return previous() == node; }
@@ -121,6 +125,7 @@ class RpageLinks {
   template <typename Rule, typename Link>
   friend class NodeChain;
   friend class RpageLists;  // which links and unlinks pages
+  friend class NewStorage;
 
   [[nodiscard]] std::int32_t node() const { return common::ldlong(bytes_ + rpage::kNextPage); }
   [[nodiscard]] std::int32_t previous() const {

@@ -28,6 +28,14 @@ std::string folder_of_pair() {
 
 }  // namespace
 
+common::Sorter::Shape shape_of_sort(std::size_t entry_size, std::size_t key_size) {
+  return {.entry_size = entry_size,
+          .key_size = key_size,
+          .memory = sort_memory() / 4,
+          .folder = folder_of_pair(),
+          .order = {}};
+}
+
 // An entry: sort key, as long as the key, record number, and the key itself when the sort key is
 // another one. Records are added in ascending order, and the sorter keeps it within equal keys.
 IndexLoad::IndexLoad(const keydescr& k, int sharers)
@@ -76,7 +84,8 @@ int IndexLoad::add(const Byte* record, std::int32_t number) {
 
 // Builds the tree, and puts on `rejected` the numbers of the records left out.
 int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter& rejected) {
-  TreeLoader loader{key_, taken_};
+  PoolNodes nodes{taken_};
+  TreeLoader loader{key_, nodes};
   const std::int32_t greatest = ItemLayout{key_}.greatest_dupnm();
   std::array<Byte, MAXKEYLEN> previous{};
   bool first = true;
@@ -105,6 +114,19 @@ int IndexLoad::load(std::int32_t root, const Listener& listener, common::Sorter&
 int IndexLoad::sort() {
   sorted_ = true;
   return sorter_.finish() == 0 ? 0 : failed_system(errno);
+}
+
+int IndexLoad::next(Item& item) {
+  const Byte* const entry = sorter_.next();
+  if (entry == nullptr) return sorter_.error() == 0 ? 0 : failed_system(sorter_.error());
+  std::memcpy(item.key, key_of(entry), keylen_);
+  item.recptr = common::ldlong(entry + keylen_);
+  return 1;
+}
+
+int IndexLoad::rewind() {
+  sorter_.rewind();
+  return sorter_.error() == 0 ? 0 : failed_system(sorter_.error());
 }
 
 void IndexLoad::give_nodes_back() {

@@ -21,6 +21,9 @@
 
 namespace isam {
 
+// Of a smaller sort beside that of an index.
+[[nodiscard]] common::Sorter::Shape shape_of_sort(std::size_t entry_size, std::size_t key_size);
+
 class IndexLoad {
  public:
   // `sharers`: how many loads exist at the same time; they share the memory.
@@ -38,6 +41,11 @@ class IndexLoad {
     std::function<void(std::int32_t record)> left_out;  // could not be indexed
     std::function<void(std::int64_t records)> loaded;   // records done, also those left out
   };
+
+  // For who builds the tree: after sort() the key and record number of the next record in the
+  // index's order; 1, 0 behind the last one, or -1 with iserrno. rewind() goes back to the first.
+  [[nodiscard]] int next(Item& item);
+  [[nodiscard]] int rewind();
 
   // Sorts, unless that was done, and builds the tree under `root`. 0, or -1 with iserrno; then the
   // tree is not usable.

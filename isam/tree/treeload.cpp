@@ -6,19 +6,29 @@
 
 namespace isam {
 
-int TreeLoader::write_node(std::int32_t node, std::size_t level) {
-  PageHold page = bfgetclr(node);
-  if (!page) return -1;
-  const Level& from = *levels_[level];
-  std::memcpy(page.data() + kUsedBytes, from.area.data(), static_cast<std::size_t>(from.used));
-  page.set_frame(from.used + kUsedBytes, kTreeNode, static_cast<Byte>(level));
-  return 0;
-}
-
-int TreeLoader::close(std::size_t level) {
+std::int32_t PoolNodes::take() {
   taken_.push_back(0);  // its place first: where memory ends, no node has been taken
   const std::int32_t node = taken_.back() = allocrec(FreeList::kNodes);
   if (node < 0) taken_.pop_back();
+  return node;
+}
+
+int PoolNodes::write(std::int32_t node, Byte level, ConstBytes items) {
+  PageHold page = bfgetclr(node);
+  if (!page) return -1;
+  std::memcpy(page.data() + kUsedBytes, items.data(), items.size());
+  page.set_frame(static_cast<int>(items.size()) + kUsedBytes, kTreeNode, level);
+  return 0;
+}
+
+int TreeLoader::write_node(std::int32_t node, std::size_t level) {
+  const Level& from = *levels_[level];
+  return nodes_.write(node, static_cast<Byte>(level),
+                      {from.area.data(), static_cast<std::size_t>(from.used)});
+}
+
+int TreeLoader::close(std::size_t level) {
+  const std::int32_t node = nodes_.take();
   if (node < 0 || write_node(node, level) != 0) return -1;
   Item separator = levels_[level]->last;
   separator.recptr = node;

@@ -5,7 +5,8 @@
 //
 // Needs   the current file exclusively held; items ascending by key, within equal keys by
 //         duplicate number
-// Gives   a dense tree under the given root
+// Gives   TreeNodes: where the nodes of a tree come from and go to
+//         TreeLoader: a dense tree under the given root
 // Never   holds more than one page
 #pragma once
 
@@ -19,10 +20,34 @@
 
 namespace isam {
 
+class TreeNodes {
+ public:
+  TreeNodes() = default;
+  TreeNodes(const TreeNodes&) = delete;
+  TreeNodes& operator=(const TreeNodes&) = delete;
+  virtual ~TreeNodes() = default;
+
+  // A node, which is written next; -1 with iserrno.
+  [[nodiscard]] virtual std::int32_t take() = 0;
+  // Writes a node with these items: 0, or -1 with iserrno.
+  [[nodiscard]] virtual int write(std::int32_t node, Byte level, ConstBytes items) = 0;
+};
+
+// Nodes of the free list, written to the pool. Those taken are put on `taken`, in the order of
+// taking.
+class PoolNodes final : public TreeNodes {
+ public:
+  explicit PoolNodes(std::vector<std::int32_t>& taken) : taken_(taken) {}
+  [[nodiscard]] std::int32_t take() override;
+  [[nodiscard]] int write(std::int32_t node, Byte level, ConstBytes items) override;
+
+ private:
+  std::vector<std::int32_t>& taken_;
+};
+
 class TreeLoader {
  public:
-  // The nodes taken for the tree are put on `taken`, in the order of taking.
-  TreeLoader(const keydescr& k, std::vector<std::int32_t>& taken) : layout_(k), taken_(taken) {}
+  TreeLoader(const keydescr& k, TreeNodes& nodes) : layout_(k), nodes_(nodes) {}
 
   // Appends a leaf item: its key, recptr and dupnm. 0, or -1 with iserrno.
   [[nodiscard]] int add(const Item& item) { return append(0, item); }
@@ -43,7 +68,7 @@ class TreeLoader {
   int write_node(std::int32_t node, std::size_t level);
 
   ItemLayout layout_;
-  std::vector<std::int32_t>& taken_;
+  TreeNodes& nodes_;
   std::vector<std::unique_ptr<Level>> levels_;
 };
 

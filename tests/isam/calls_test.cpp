@@ -65,7 +65,10 @@ TEST(Calls, ManyRecordsAreRefusedAsAWhole) {
     EXPECT_TRUE(refuses(::isreadmany(isfd, &set, RD_NEXT)));
     EXPECT_TRUE(refuses(::isfetchmany(isfd, &set, RD_EQUAL)));
     EXPECT_TRUE(set.lengths == nullptr || refuses(::iswritemany(isfd, &set)));
+    EXPECT_TRUE(set.lengths == nullptr || refuses(::isload(isfd, &set)));
   }
+  EXPECT_TRUE(refuses(::isloadend(isfd, nullptr, 1)) &&
+              refuses(::isloadend(isfd, &numbers[0], -1)));
   recordset set = good;
   for (const int mode : std::initializer_list<int>{RD_FIRST, RD_CURR, RD_EQUAL,
                                                    RD_NEXT + RD_LOCK + RD_WAIT + RD_SKIPLOCK, -1}) {

@@ -195,9 +195,8 @@ class Operations : protected Chance {
                  std::hex, mode);
   }
 
-  // An exclusive open is not refused a write meanwhile: it may be told by any of the records.
-  void write_many(int isfd, std::size_t count) {
-    if (model_.is_alone()) faults.what = Refused::kNone;
+  // Most of them have an id that no other has.
+  Many many_new(std::size_t count) {
     Many many(count);
     for (Bytes& record : many.records) {
       record = any_record(shape_.maximum);
@@ -207,6 +206,40 @@ class Operations : protected Chance {
     for (std::int32_t& length : many.lengths) {
       length = kMinimum + static_cast<int>(any(static_cast<std::size_t>(choice)));
     }
+    return many;
+  }
+
+  // Writes that were refused are told by other calls. Meanwhile nothing shows and nobody changes.
+  void load(int isfd, std::size_t count) {
+    faults.what = Refused::kNone;
+    if (lost_ != Known::kNo) return;
+    Many many = many_new(count);
+    Many said = many;
+    recordset all = many.set(shape_.maximum);
+    std::vector<std::int32_t> left_out(count), wanted;
+    int got = ::isloadbegin(isfd);
+    for (std::size_t at = 0, some = 0; got == 0 && at < count; at += some) {
+      some = std::min<std::size_t>(count - at, 1 + any(99));
+      const std::size_t room = some * static_cast<std::size_t>(shape_.maximum);
+      recordset set{static_cast<std::int32_t>(some),
+                    all.records + at * static_cast<std::size_t>(shape_.maximum), room,
+                    all.numbers + at, all.lengths + at};
+      if (::isload(isfd, &set) != set.count) fail("not all were taken");
+      if (one_in(3) && (::isdelrec(isfd, 1) == 0 || ::iserrno != ISEINUSE)) fail("changed");
+    }
+    if (got == 0) got = ::isloadend(isfd, left_out.data(), static_cast<std::int32_t>(count));
+    const int says = expected(
+        [&] { return model_.isload(isfd, said.records, said.numbers, said.lengths, wanted); });
+    left_out.resize(static_cast<std::size_t>(std::max(got, 0)));
+    const bool same = left_out == wanted && (got < 0 || many.numbers == said.numbers);
+    check({got, same ? "" : "other numbers"}, {says}, "isload", isfd, count);
+    close_unsure();
+  }
+
+  // An exclusive open is not refused a write meanwhile: it may be told by any of the records.
+  void write_many(int isfd, std::size_t count) {
+    if (model_.is_alone()) faults.what = Refused::kNone;
+    Many many = many_new(count);
     Many said = many;
     recordset set = many.set(shape_.maximum);
     const int got = ::iswritemany(isfd, &set);

@@ -293,13 +293,17 @@ int IsamModel::iswrite(int isfd, Bytes record, bool becomes_current) {
   } else {
     free_.pop_back();
   }
+  add(*open, std::move(record), recnum, becomes_current);
+  return 0;
+}
+
+void IsamModel::add(Open& open, Bytes record, std::int32_t recnum, bool becomes_current) {
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     const Place place = insert(i, record, recnum);
-    if (becomes_current && i == open->key) stand_on(*open, place, recnum, true);
+    if (becomes_current && i == open.key) stand_on(open, place, recnum, true);
   }
   number = recnum;
   records[recnum] = std::move(record);
-  return 0;
 }
 
 int IsamModel::iswritemany(int isfd, const std::vector<Bytes>& set,
@@ -313,6 +317,32 @@ int IsamModel::iswritemany(int isfd, const std::vector<Bytes>& set,
     numbers[i] = number;
   }
   return static_cast<int>(set.size());
+}
+
+// The last number that was not refused is the highest; the lowest of those before it is used first.
+int IsamModel::isload(int isfd, const std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
+                      const std::vector<std::int32_t>& lengths,
+                      std::vector<std::int32_t>& refused) {
+  Open* open = enter(isfd, kWrite, "9048");
+  if (open == nullptr) return -1;
+  if ((open->mode & ISEXCLLOCK) == 0) return end(ISENOTEXCLUSIVE);
+  if (opens_.size() > 1) return end(ISEINUSE);
+  const std::int32_t before = last_;
+  for (std::size_t i = 0; i < set.size(); ++i) {
+    Bytes record = set[i];
+    if (minimum_ < maximum_) record.resize(static_cast<std::size_t>(length = lengths[i]));
+    numbers[i] = number = before + static_cast<std::int32_t>(i) + 1;
+    if (is_refused(record, number)) {
+      refused.push_back(number);
+    } else {
+      add(*open, std::move(record), last_ = number, false);
+    }
+  }
+  number = numbers.back();
+  const auto listed = std::ranges::lower_bound(refused, last_);
+  free_.insert(free_.end(), std::reverse_iterator(listed), refused.rend());
+  end(0);
+  return static_cast<int>(refused.size());
 }
 
 // The number of the record to be changed, or 0 with the reason.

@@ -52,6 +52,9 @@ class IsamModel {
   int isreadmany(int isfd, std::vector<Bytes>& set, std::vector<std::int32_t>& numbers, int mode);
   int iswritemany(int isfd, const std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
                   const std::vector<std::int32_t>& lengths);
+  // A whole bulk load: how many of these are refused, their numbers in `refused`.
+  int isload(int isfd, const std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
+             const std::vector<std::int32_t>& lengths, std::vector<std::int32_t>& refused);
   int isrewrite(int isfd, Target target, Bytes record);
   int isdelete(int isfd, Target target, const Bytes& record);
   // A call that told of a failed write, and changed nothing.
@@ -96,6 +99,7 @@ class IsamModel {
   bool cut(Bytes& record);
   bool is_refused(const Bytes& record, std::int32_t recnum) const;
   Place insert(std::size_t index, const Bytes& record, std::int32_t recnum);
+  void add(Open& open, Bytes record, std::int32_t recnum, bool becomes_current);
   void remove(std::size_t index, const Bytes& record, std::int32_t recnum);
   void free_number(std::int32_t recnum);
   std::int32_t record_of(const Open& open, Target target, const Bytes& record);

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <exception>
@@ -81,6 +82,12 @@ struct Asked {
   }
 };
 
+int load_one(int isfd, char* record) {
+  std::int32_t length = ::isreclen;
+  recordset set{1, record, kMaximum, &::isrecnum, &length};
+  return ::isload(isfd, &set) == 1 ? 0 : -1;
+}
+
 // The calls by the names under which a script knows them, those of a kind together. None is found
 // for a name that is no call's.
 const std::map<std::string, int (*)()> kAlone = {
@@ -88,14 +95,12 @@ const std::map<std::string, int (*)()> kAlone = {
     {"begin", ::isbegin},     {"commit", ::iscommit},     {"rollback", ::isrollback},
     {"susplog", ::issusplog}, {"resumlog", ::isresumlog}};
 const std::map<std::string, int (*)(int)> kOfAnOpen = {
-    {"close", ::isclose},   {"delcurr", ::isdelcurr}, {"lock", ::islock},
-    {"unlock", ::isunlock}, {"release", ::isrelease}, {"flush", ::isflush},
-    {"altinc", ::isaltinc}};
-const std::map<std::string, int (*)(int, char*)> kWithRecord = {{"write", ::iswrite},
-                                                                {"wrcurr", ::iswrcurr},
-                                                                {"rewrite", ::isrewrite},
-                                                                {"rewcurr", ::isrewcurr},
-                                                                {"delete", ::isdelete}};
+    {"close", ::isclose},   {"delcurr", ::isdelcurr},     {"lock", ::islock},
+    {"unlock", ::isunlock}, {"release", ::isrelease},     {"flush", ::isflush},
+    {"altinc", ::isaltinc}, {"loadbegin", ::isloadbegin}, {"loaddrop", ::isloaddrop}};
+const std::map<std::string, int (*)(int, char*)> kWithRecord = {
+    {"write", ::iswrite},     {"wrcurr", ::iswrcurr}, {"rewrite", ::isrewrite},
+    {"rewcurr", ::isrewcurr}, {"load", load_one},     {"delete", ::isdelete}};
 const std::map<std::string, int (*)(int, keydescr*)> kWithKey = {{"addindex", ::isaddindex},
                                                                  {"delindex", ::isdelindex},
                                                                  {"cluster", ::iscluster},
@@ -124,6 +129,15 @@ const std::map<std::string, int (*)(Asked&)> kOthers = {
      [](Asked& a) {
        ++a.session.row.counter;
        return a.session.put(a.session.row, ::isrewcurr);
+     }},
+    {"loadend",
+     [](Asked& a) {
+       std::vector<std::int32_t> refused(9);
+       const int count = ::isloadend(a.session.isfd, refused.data(), 9);
+       for (int i = 0; i < std::min(count, 9); ++i) {
+         a.shown += (i == 0 ? " but " : " ") + std::to_string(refused[static_cast<std::size_t>(i)]);
+       }
+       return count;
      }},
     {"rename",
      [](Asked& a) {

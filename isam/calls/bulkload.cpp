@@ -1,0 +1,287 @@
+#include "isam/calls/bulkload.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/files/dictionary.h"
+#include "isam/pool/buffers.h"
+#include "isam/pool/extent.h"
+#include "isam/pool/mark.h"
+#include "isam/records/datafile.h"
+
+namespace isam {
+namespace {
+
+constexpr std::size_t kSlotsAtOnce = std::size_t{1} << 20;  // bytes
+constexpr std::int64_t kMostBlocks = std::int64_t{INT32_MAX} + 1;
+constexpr std::size_t kMemberSize = 8;
+constexpr std::size_t kNumberSize = 4;
+constexpr std::size_t kPartSize = kNumberSize + kVariableTrailer - kTrailerLength;
+
+std::int64_t offset_of(std::int32_t number) { return std::int64_t{number - 1} * slot_size(); }
+
+int failed_on(FileKind kind, Operation operation) { return failed_system(errno, operation, kind); }
+
+int write(FileKind kind, ConstBytes bytes, std::int64_t offset) {
+  const int fd = kind == FileKind::kIndex ? filep->index.fd : filep->data.fd;
+  return common::write_at(fd, bytes, offset) == 0 ? 0 : failed_on(kind, Operation::kWrite);
+}
+
+// All that is asked for, or -1 with iserrno.
+int read(FileKind kind, Bytes to, std::int64_t offset) {
+  const int fd = kind == FileKind::kIndex ? filep->index.fd : filep->data.fd;
+  const ssize_t got = common::read_at(fd, to, offset);
+  if (got == static_cast<ssize_t>(to.size())) return 0;
+  return got < 0 ? failed_on(kind, Operation::kRead) : failed(kCorrupted);
+}
+
+// A file gets its size back. Where it was longer than its dictionary told, zero bytes stand there
+// again: whatever they were, nobody had a use for them.
+void cut_back(int fd, std::int64_t used, std::int64_t written, std::int64_t size) {
+  if (written <= used) return;
+  static_cast<void>(common::write_zeros(fd, used, std::min(written, size)));
+  if (written > size) common::cut_file(fd, size);
+}
+
+}  // namespace
+
+BulkLoad::BulkLoad(const Open& open, const Keys& keys)
+    : open_(&open),
+      parts_(shape_of_sort(kPartSize, kNumberSize)),
+      first_(dictp->d_nextdata() + 1),
+      slots_begin_(first_) {
+  std::ranges::copy_if(keys, std::back_inserter(keys_),
+                       [](const keydescr& k) { return k.nparts > 0; });
+  for (const keydescr& k : keys_) loads_.emplace_back(k, static_cast<int>(keys_.size()));
+  slots_.reserve(kSlotsAtOnce + static_cast<std::size_t>(slot_size()));
+}
+
+int BulkLoad::begin() {
+  if (common::find_size(filep->data.fd, data_size_) != 0) {
+    return failed_on(FileKind::kData, Operation::kRead);
+  }
+  if (common::find_size(filep->index.fd, index_size_) != 0) {
+    return failed_on(FileKind::kIndex, Operation::kRead);
+  }
+  // A dictionary may claim any number, and what is written behind it would make a file immense.
+  const bool whole = dictp->d_nextdata() >= 0 && dictp->d_nextnode() > 0 &&
+                     offset_of(first_) <= data_size_ &&
+                     std::int64_t{dictp->d_nextnode()} * node_size() <= index_size_;
+  return whole ? 0 : failed(kCorrupted);
+}
+
+std::int32_t BulkLoad::add(ConstBytes record) {
+  const std::int32_t number = next_number();
+  if (number == INT32_MAX || end_of_slot(number) / kPageSize > kMostBlocks) {
+    return failed(kCorrupted);
+  }
+  for (IndexLoad& load : loads_) {
+    if (load.add(record.data(), number) != 0) return -1;
+  }
+  const ConstBytes fixed = record.first(static_cast<std::size_t>(filep->geometry.reclen));
+  if (filep->geometry.varlen && store_part(number, record.subspan(fixed.size())) != 0) return -1;
+  slots_.insert(slots_.end(), fixed.begin(), fixed.end());
+  ++count_;
+  slots_.resize(slots_.size() + static_cast<std::size_t>(slot_size()) - fixed.size());
+  return slots_.size() >= kSlotsAtOnce && write_slots() != 0 ? -1 : number;
+}
+
+int BulkLoad::store_part(std::int32_t number, ConstBytes part) {
+  const std::int32_t reference = storage_.store(part);
+  if (reference == -1) return failed_unless_set(kCorrupted);
+  Byte entry[kPartSize];
+  common::stlong(number, entry);
+  common::stword(static_cast<std::uint32_t>(part.size()), entry + kNumberSize);
+  common::stlong(reference, entry + kNumberSize + kTrailerReference - kTrailerLength);
+  return parts_.add(entry) == 0 ? 0 : failed_system(errno);
+}
+
+int BulkLoad::write_slots() {
+  const std::int64_t offset = offset_of(slots_begin_);
+  data_written_ = offset + static_cast<std::int64_t>(slots_.size());
+  if (write(FileKind::kData, slots_, offset) != 0) return -1;
+  slots_begin_ = next_number();
+  slots_.clear();
+  return 0;
+}
+
+// A second time only when records are refused.
+int BulkLoad::build_indexes(Refusals& refusals) {
+  for (IndexLoad& load : loads_) {
+    if (load.sort() != 0) return -1;
+  }
+  if (parts_.finish() != 0) return failed_system(errno);
+  // What a rewind() gives up is not to be what variable parts are in.
+  if (nodes_.flush() != 0) return -1;
+  nodes_.begin_again_here();
+  for (bool again = false;; again = true) {
+    for (std::size_t i = 0; i < loads_.size(); ++i) {
+      if (IndexMerge{keys_[i], loads_[i], nodes_, refusals}.run() != 0) return -1;
+    }
+    const int decided = again ? 0 : refusals.decide();
+    if (decided <= 0) return decided;
+    nodes_.rewind();
+    for (IndexLoad& load : loads_) {
+      if (load.rewind() != 0) return -1;
+    }
+  }
+}
+
+// The nodes of the trees that there were, and the numbers of refused records, become free with the
+// dictionary `after`.
+int BulkLoad::list_free(const Refusals& refusals, std::span<const std::int32_t> refused,
+                        Dictionary& after) {
+  std::vector<bool> seen(static_cast<std::size_t>(dictp->d_nextnode()) + 1);
+  for (const keydescr& k : keys_) {
+    const auto root = static_cast<std::size_t>(k.rootnode);
+    if (k.rootnode < 2 || root >= seen.size() || seen[root]) return failed(kCorrupted);
+    seen[root] = true;
+  }
+  std::vector<std::int32_t> old_nodes;
+  for (const keydescr& k : keys_) {
+    if (gather_nodes(k, seen, old_nodes) != 0) return -1;
+  }
+  std::int32_t last = next_number() - 1;
+  while (last >= first_ && refusals.has(last)) {
+    --last;
+    refused = refused.first(refused.size() - 1);
+  }
+  after.set_d_nextdata(last);
+  const std::int32_t nodes = nodes_.write_list(FreeList::kNodes, old_nodes);
+  const std::int32_t numbers = nodes_.write_list(FreeList::kRecords, refused);
+  if (nodes < 0 || numbers < 0 || storage_.finish(after) != 0) return -1;
+  after.set_d_freenode(nodes);
+  after.set_d_freedata(numbers);
+  after.set_d_nextnode(nodes_.last());
+  return nodes_.flush();
+}
+
+int BulkLoad::finish(std::vector<std::int32_t>& refused) {
+  Refusals refusals{first_, count_, shape_of_sort(kMemberSize, kNumberSize)};
+  if (count_ == 0) return 0;
+  if (build_indexes(refusals) != 0) return -1;
+  for (std::int32_t number = first_; number < next_number(); ++number) {
+    if (refusals.has(number)) refused.push_back(number);
+  }
+  if (refused.size() == static_cast<std::size_t>(count_)) {
+    take_back();
+    return 0;
+  }
+  Dictionary after = *dictp;
+  if (list_free(refusals, refused, after) != 0) return -1;
+  after.set_d_modcount(filep->cached.stamp + 1);
+  if (commit(after, refusals) != 0) return -1;
+  if (filep->geometry.varlen) free_storage(refused);
+  return 0;
+}
+
+// What refused records have in storage pages, as a deletion does. What fails is told as a late
+// write that failed is: the records are added all the same.
+void BulkLoad::free_storage(std::span<const std::int32_t> refused) const {
+  const KeepError keep;
+  for (const std::int32_t number : refused) {
+    if (datadelete(number) != 0) bfnote_failure(*filep);
+  }
+}
+
+// Slots from `number` on become present, those of refused records are cleared. But what they have
+// in storage pages stays named until it is freed.
+int BulkLoad::set_states(std::int32_t number, Bytes slots, const Refusals& refusals) {
+  const auto size = static_cast<std::size_t>(slot_size());
+  for (; !slots.empty(); slots = slots.subspan(size), ++number) {
+    const Bytes slot = slots.first(size);
+    const Bytes trailer = slot.subspan(static_cast<std::size_t>(filep->geometry.reclen));
+    const bool refused = refusals.has(number);
+    if (refused) std::ranges::fill(slot, Byte{0});
+    if (!refused) trailer[0] = kRecordPresent;
+    if (!filep->geometry.varlen) continue;
+    const Byte* const part = parts_.next();
+    if (part == nullptr) return failed_system(parts_.error() != 0 ? parts_.error() : EIO);
+    std::copy(part + kNumberSize, part + kPartSize, trailer.begin() + kTrailerLength);
+  }
+  return 0;
+}
+
+// What has not been written yet is written once, present.
+int BulkLoad::make_present(std::int32_t last, const Refusals& refusals) {
+  const auto size = static_cast<std::size_t>(slot_size());
+  std::vector<Byte> some;
+  for (std::int32_t number = first_; number < slots_begin_;) {
+    const auto left = static_cast<std::size_t>(slots_begin_ - number);
+    const std::size_t count = std::clamp<std::size_t>(kSlotsAtOnce / size, 1, left);
+    some.resize(count * size);
+    if (read(FileKind::kData, some, offset_of(number)) != 0) return -1;
+    if (set_states(number, some, refusals) != 0) return -1;
+    if (write(FileKind::kData, some, offset_of(number)) != 0) return -1;
+    number += static_cast<std::int32_t>(count);
+  }
+  if (set_states(slots_begin_, slots_, refusals) != 0) return -1;
+  const std::int64_t end = offset_of(slots_begin_) + static_cast<std::int64_t>(slots_.size());
+  slots_.resize(slots_.size() + static_cast<std::size_t>(end_of_slot(next_number() - 1) - end));
+  if (write_slots() != 0) return -1;
+  // With variable length free_storage() still reads the slots behind the last record.
+  if (filep->geometry.varlen) return 0;
+  const std::int64_t needed = std::max(data_size_, end_of_slot(last));
+  if (data_written_ > needed) common::cut_file(filep->data.fd, needed);
+  return 0;
+}
+
+int BulkLoad::write_last(const Dictionary& after, const Refusals& refusals) {
+  if (set_mark(*filep) != 0 || make_present(after.d_nextdata(), refusals) != 0) return -1;
+  for (const NewNodes::KeptBack& root : nodes_.kept_back()) {
+    const ConstBytes page{root.page.data(), static_cast<std::size_t>(node_size())};
+    if (write(FileKind::kIndex, page, std::int64_t{root.node - 1} * node_size()) != 0) return -1;
+  }
+  if (write(FileKind::kIndex, after.raw, 0) != 0) return -1;
+  // What free_storage() changes stays unwritten for now.
+  return filep->geometry.varlen && refusals.any() ? 0 : clear_mark(*filep);
+}
+
+int BulkLoad::commit(const Dictionary& after, const Refusals& refusals) {
+  const auto size = static_cast<std::size_t>(node_size());
+  std::vector<Byte> roots(nodes_.kept_back().size() * size);
+  Bytes to = roots;
+  for (const NewNodes::KeptBack& root : nodes_.kept_back()) {
+    if (read(FileKind::kIndex, to.first(size), std::int64_t{root.node - 1} * node_size()) != 0) {
+      return -1;
+    }
+    to = to.subspan(size);
+  }
+  if (write_last(after, refusals) == 0) {
+    *dictp = after;
+    filep->cached.stamp = after.d_modcount();
+    filep->unwritten.dictionary = false;
+    bfignor(*filep);
+    forget_extent();
+    return 0;
+  }
+  const KeepError keep;
+  int result = write(FileKind::kIndex, dictp->raw, 0);
+  ConstBytes from = roots;
+  for (const NewNodes::KeptBack& root : nodes_.kept_back()) {
+    result |= write(FileKind::kIndex, from.first(size), std::int64_t{root.node - 1} * node_size());
+    from = from.subspan(size);
+  }
+  // The mark stays where the pair is not as it was.
+  if (result != 0 || clear_mark(*filep) != 0) bfnote_failure(*filep);
+  return -1;
+}
+
+void BulkLoad::take_back() {
+  const KeepError keep;
+  cut_back(filep->data.fd, offset_of(first_), data_written_, data_size_);
+  cut_back(filep->index.fd, std::int64_t{dictp->d_nextnode()} * node_size(),
+           std::int64_t{nodes_.last_written()} * node_size(), index_size_);
+  bfignor(*filep);  // a block read meanwhile may hold slots of the load
+}
+
+void drop_load(const Open& open) {
+  OpenPair& file = *open.file;
+  if (file.load == nullptr || !file.load->belongs_to(open)) return;
+  file.load->take_back();
+  file.load.reset();
+}
+
+}  // namespace isam
