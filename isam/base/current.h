@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -110,6 +111,7 @@ struct OfCall {
   bool gives_number = false;           // it gives a record's number back
   bool spilled = false;                // a changed page has been written meanwhile
   bool keeps_changes = false;          // what it changed stays even if it fails
+  bool may_hold = false;               // the record that it rewrites may be held back
   bool has_room = false;               // what it puts back needs no more room (RoomIsThere)
 };
 
@@ -118,12 +120,19 @@ struct OfCall {
 struct Unwritten {
   Buffer* pages = nullptr;        // modified pages in the pool
   DirectWrite direct;             // bytes that are written past it
+  std::vector<DirectWrite> held;  // those of earlier calls that are held back, in their order
+  std::size_t held_count = 0;     // so many at the front of `held`: the others lend their memory
   std::int64_t last_written = 0;  // offset that bfdirect() was asked for last
   bool dictionary = false;        // the dictionary copy differs from the file's
   int calls = 0;                  // calls of exclusive opens since the dictionary was written
+  bool stamp_lags = false;        // ... in the file: what is held back has raised it further
   FailedWrite failed;             // the first since one was last told
   FailedWrite lost;               // ... since the pair was opened exclusively
   bool pages_lost = false;        // since then a page has lost its buffer unwritten
+
+  [[nodiscard]] std::span<const DirectWrite> all_held() const {
+    return std::span{held}.first(held_count);
+  }
 };
 
 // The mark of changes that are not written. Known from an exclusive open on.

@@ -6,6 +6,7 @@
 
 #include "isam/base/errors.h"
 #include "isam/calls/filelocale.h"
+#include "isam/calls/heldback.h"
 #include "isam/calls/process.h"
 #include "isam/calls/scanahead.h"
 #include "isam/files/dictionary.h"
@@ -24,6 +25,8 @@ int batchflag = 0;
 
 namespace {
 
+constexpr int kBatchCalls = 7;  // at this count (batchflag) the semaphore goes: after six calls
+
 std::uint64_t use_counter = 1;  // of a file that has not been used it is 0
 
 }  // namespace
@@ -32,11 +35,12 @@ void note_use() {
   if (filep->lastuse != use_counter) filep->lastuse = ++use_counter;
 }
 
+bool lets_go() { return batchflag == 0 || batchflag + 1 >= kBatchCalls; }
+
 bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.exclusives > 0; }
 
 namespace {
 
-constexpr int kBatchCalls = 7;  // at this count (batchflag) the semaphore goes: after six calls
 // An exclusive open's dictionary may lag behind by this many calls, as its pages do.
 constexpr int kCallsUnwritten = 16;
 
@@ -50,7 +54,7 @@ int refuse(Open* open) {
 void end_other_batch(const Open& open) {
   if (batchflag == 0 || openp == nullptr || openp == &open) return;
   if (openp->holds_semaphore) {
-    lksemaphore(Semaphore::kRelease);
+    release_semaphore();
     batchflag = 1;
   }
 }
@@ -77,7 +81,10 @@ int take_file(Entry entry) {
       return 0;
     return take_exclusive(entry);
   }
-  if (openp->holds_semaphore) return 0;
+  if (openp->holds_semaphore) {
+    if (!entry.holds_on) release_held_back();
+    return 0;
+  }
   // In batch mode the lock also serves the calls that follow, which may change the file.
   const bool shared = entry.shared && batchflag == 0;
   if (lksemaphore(shared ? Semaphore::kShared : Semaphore::kExclusive) != 0) return -1;
@@ -211,6 +218,16 @@ void write_changes() {
   openp->listed = nullptr;
 }
 
+// The end of a change while something is held back. What is changed now may be, too; else it is
+// written behind what is. Without a change all waits, until the file is let go.
+void write_or_hold_back() {
+  const bool changed = filep->call.page_changed || filep->unwritten.dictionary;
+  if (changed && hold_back()) return;
+  const bool undone = iserrno != 0 && txlog::logstate.change_logged;
+  if (changed || undone || lets_go()) write_held_back();
+  write_changes();
+}
+
 // What the call has logged is withdrawn when the change was not made: it was `undone`, or could not
 // be written. What may be written late counts as made.
 void withdraw_unless_made(bool undone) {
@@ -315,7 +332,11 @@ int write_handed_out() {
 
 void end_change() {
   const bool undone = iserrno != 0;
-  write_changes();
+  if (txlog::logstate.holds_back) {
+    write_or_hold_back();
+  } else {
+    write_changes();
+  }
   if (txlog::logstate.change_logged) withdraw_unless_made(undone);
   Position& bt = openp->cursor.bt;
   if (iserrno != 0 && !undone) {  // what failed is the writing
@@ -328,9 +349,11 @@ void end_change() {
 int isexit() {
   end_change();
   set_status_characters();
-  if (batchflag == 0 || ++batchflag >= kBatchCalls) {
+  if (lets_go()) {
     release_semaphore();
     if (batchflag != 0) batchflag = 1;
+  } else {
+    ++batchflag;
   }
   return iserrno == 0 ? 0 : -1;
 }
@@ -338,6 +361,7 @@ int isexit() {
 void release_semaphore() {
   if (!openp->holds_semaphore) return;
   const KeepError keep;
+  release_held_back();
   lksemaphore(Semaphore::kRelease);
 }
 

@@ -37,11 +37,15 @@ struct Entry {
   bool kept_too = false;         // also through an open kept for its transaction; includes goes_on
   bool loads = false;            // part of a bulk load
   bool goes_on = false;          // even if a late write has failed; this call or the next tells it
+  bool holds_on = false;         // what calls before it hold back (isam/calls/heldback) may stay so
 };
 
 // 0: no batch mode. In batch mode calls end without releasing the semaphore: 1 plus the number of
 // calls that have ended so. At the end of the sixth isexit() releases it and sets this to 1.
 extern int batchflag;
+
+// Whether the call under way lets its file go at its end.
+[[nodiscard]] bool lets_go();
 
 // Makes an open current and takes its file for one call (Call does). 0, or -1 with 101 (not open;
 // status "4" in isstat2 when it is open for another access), 117 or 159 (locale), or the error of

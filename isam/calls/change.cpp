@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "isam/base/errors.h"
+#include "isam/calls/heldback.h"
 #include "isam/calls/keptposition.h"
 #include "isam/calls/recorditems.h"
 #include "isam/files/files.h"
@@ -141,7 +142,9 @@ bool keeps_storage(ConstBytes old, ConstBytes record) {
 int replace_record(std::int32_t number, ConstBytes old, ConstBytes record) {
   const bool keeps = keeps_storage(old, record);
   if (keeps && reserve_entry(openp->shortened) != 0) return -1;
-  if (txlog::logs_changes() && txlog::log_updated(number, old, record) != 0) return -1;
+  filep->call.may_hold = may_be_held_back();
+  const txlog::When when = filep->call.may_hold ? txlog::When::kMayWait : txlog::When::kNow;
+  if (txlog::logs_changes() && txlog::log_updated(number, old, record, when) != 0) return -1;
   // The same bytes need no writing, which could move their storage.
   const bool same = filep->geometry.varlen && std::ranges::equal(old, record);
   if (!same && datawrite(number, record, !keeps) != 0) return -1;

@@ -220,6 +220,7 @@ int undo_all() {
 
 int roll_back() {
   FirstFailure failure;
+  logstate.lost = false;
   if (logstate.begin == Begin::kWritten) {
     logstate.in_rollback = true;
     txflag = kNotLogging;
@@ -236,6 +237,7 @@ int roll_back() {
 }
 
 int commit() {
+  if (logstate.lost) return failed(kLogWrite);
   if (mark_end(LogType::kCommit) != 0) return -1;
   txflag = kLogging;
   FirstFailure failure;

@@ -63,7 +63,7 @@ int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
 int read_call(int isfd, char* record, int mode) {
   const bool after_end = iserrno == kEndOfFile;  // of the call before
   while (true) {
-    Call call{isfd, {.access = Access::kToRead, .shared = true}};
+    Call call{isfd, {.access = Access::kToRead, .shared = true, .holds_on = true}};
     if (!call) return refused_access('7');
     ReadRequest request{};
     const ReadOutcome outcome = read_asked(call.cursor(), record, mode, after_end, request);

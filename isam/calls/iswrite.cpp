@@ -12,8 +12,11 @@ namespace isam {
 namespace {
 
 constexpr Entry kChanging{.access = Access::kToWrite};
+constexpr Entry kRewriting{.access = Access::kToWrite, .holds_on = true};
 // The read before may have locked the current record: the lock stays for the change.
 constexpr Entry kChangingCurrent{.access = Access::kToWrite, .keeps_auto_lock = true};
+constexpr Entry kRewritingCurrent{
+    .access = Access::kToWrite, .keeps_auto_lock = true, .holds_on = true};
 
 // The caller's record, as long as isreclen says; empty with 102.
 ConstBytes given_record(const char* record) {
@@ -47,7 +50,7 @@ int change_found(Call& call, Find find, Change change) {
 
 template <typename Find>
 int rewrite_found(int isfd, const char* record, Current current, Find find,
-                  Entry entry = kChanging) {
+                  Entry entry = kRewriting) {
   Call call{isfd, entry};
   if (!call) return refused_access('9');
   const ConstBytes bytes = given_record(record);
@@ -121,7 +124,7 @@ extern "C" int isrewrite(int isfd, char* record) {
 
 extern "C" int isrewcurr(int isfd, char* record) {
   return traced("isrewcurr", isfd, record, Carries::kRecord, [=] {
-    return rewrite_found(isfd, record, Current::kMoves, find_current_record, kChangingCurrent);
+    return rewrite_found(isfd, record, Current::kMoves, find_current_record, kRewritingCurrent);
   });
 }
 

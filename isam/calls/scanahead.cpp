@@ -188,7 +188,7 @@ int read_step(int isfd, char* record, int mode) {
   if (read_copy(isfd, record, mode)) return 0;
   const bool after_end = iserrno == kEndOfFile;  // of the call before
   const int steps = steps_before(isfd, mode);    // asked first: entering ends the row
-  Call call{isfd, {.access = Access::kToRead, .shared = true}};
+  Call call{isfd, {.access = Access::kToRead, .shared = true, .holds_on = true}};
   if (!call) return refused_access('7');
   ReadRequest request{};
   const ReadOutcome outcome = read_asked(call.cursor(), record, mode, after_end, request);

@@ -26,9 +26,19 @@ namespace {
 // The longest piece: a record, an opposite that is owed, and up to three short ones.
 constexpr std::int64_t kLongestPiece = 2 * log_record::kGreatest + 512;
 
-std::vector<Byte> piece;   // what is being appended; kept for its memory
-std::vector<Byte> owed;    // the opposite of a change not made, while the log still lacks it
-std::int64_t end_we_left;  // end of the log when this process last appended or cut something
+// How a record is linked, once it is known where it goes.
+enum class Stamp : std::uint8_t {
+  kOpposite,  // as the image that it takes back
+  kLinked,
+  kUnlinked,
+};
+
+std::vector<Byte> piece;    // what is being appended; kept for its memory
+std::vector<Stamp> stamps;  // of its records
+bool waits = false;         // it is complete, and not in the log yet
+LeadIn waiting_lead;        // what of a lead-in it has then
+std::vector<Byte> owed;     // the opposite of a change not made, while the log still lacks it
+std::int64_t end_we_left;   // end of the log when this process last appended or cut something
 
 // The record logged last. `piece` ends with it, until the next piece begins.
 struct LoggedLast {
@@ -153,67 +163,73 @@ LeadIn lead_in_for(Open* open) {
           .opens = is_new ? open : nullptr};
 }
 
-// Starts a piece with its lead-in: how long that is.
+// Puts a lead-in behind what waits, if anything does, or begins a piece with it: where it ends.
 std::size_t start_piece(const LeadIn& lead) {
-  piece.clear();
-  if (lead.opposite) piece = owed;
-  if (lead.rollback) static_cast<void>(LogRecordBuilder{piece, LogType::kRollback}.finish());
-  if (lead.begin) static_cast<void>(LogRecordBuilder{piece, LogType::kBegin}.finish());
+  if (!waits) {
+    piece.clear();
+    stamps.clear();
+  }
+  if (lead.opposite) {
+    piece.insert(piece.end(), owed.begin(), owed.end());
+    stamps.push_back(Stamp::kOpposite);
+  }
+  const auto add_mark = [](LogType mark) {
+    static_cast<void>(LogRecordBuilder{piece, mark}.finish());
+    stamps.push_back(Stamp::kLinked);
+  };
+  if (lead.rollback) add_mark(LogType::kRollback);
+  if (lead.begin) add_mark(LogType::kBegin);
   if (lead.opens != nullptr) {
     LogRecordBuilder builder{piece, LogType::kOpened};
     builder.put_word(isfd_of(*lead.opens));
     builder.put_word(lead.opens->file->geometry.varlen ? 1 : 0);
     builder.put_name(lead.opens->file->name);
     static_cast<void>(builder.finish());
+    stamps.push_back(Stamp::kUnlinked);
   }
   return piece.size();
 }
 
 int length_at(std::size_t at) { return common::ldword(&piece[at + log_record::kLength]); }
 
-// Appends a piece, whose records are stamped one after the other: where it begins, or -1 with 121.
-// `linked`: whether the record behind the lead-in is linked; nothing when the piece ends with the
-// lead-in.
-std::int64_t append_piece(const LeadIn& lead, std::optional<Linked> linked) {
+// The log has a lead-in, or will have it.
+void note_lead_in(const LeadIn& lead) {
+  if (lead.begin) logstate.begin = Begin::kWritten;
+  if (lead.opens != nullptr) lead.opens->logged = true;
+}
+
+// Appends the piece, whose records are stamped one after the other: where it begins, or -1 with
+// 121.
+std::int64_t append_piece() {
   Link chain = logstate.last;
   const std::int64_t begin = append([&](std::int64_t at) {
     const std::int32_t time = now();
     std::size_t here = 0;
-    const auto stamp_next = [&](Link previous) {
-      stamp(here, previous, time);
-      here += static_cast<std::size_t>(length_at(here));
-    };
-    const auto stamp_linked = [&] {
+    for (const Stamp how : stamps) {
       const Link itself{at + static_cast<std::int64_t>(here), length_at(here)};
-      stamp_next(std::exchange(chain, itself));
-    };
-    // The opposite has the same link as the image that it takes back: a recovery knows the two by
-    // it, and how the transaction ends decides about both. No later record is linked to the
-    // opposite: a rollback passes it by.
-    if (lead.opposite) stamp_next(LogRecord{owed}.previous());
-    if (lead.rollback) stamp_linked();
-    if (lead.begin) stamp_linked();
-    if (lead.opens != nullptr) stamp_next({});
-    if (!linked) return;
-    last = {.offset = at + static_cast<std::int64_t>(here), .start = here, .before = chain};
-    if (*linked == Linked::kYes) {
-      stamp_linked();
-    } else {
-      stamp_next({});
+      last = {.offset = itself.offset, .start = here, .before = chain};
+      // The opposite has the same link as the image that it takes back: a recovery knows the two by
+      // it, and how the transaction ends decides about both. No later record is linked to the
+      // opposite: a rollback passes it by.
+      const Link previous = how == Stamp::kOpposite ? LogRecord{owed}.previous()
+                            : how == Stamp::kLinked ? std::exchange(chain, itself)
+                                                    : Link{};
+      stamp(here, previous, time);
+      here += static_cast<std::size_t>(itself.length);
     }
   });
   if (begin < 0) return -1;
+  waits = false;
   logstate.last = chain;
   owed.clear();
   logstate.owes_rollback = false;
-  if (lead.begin) logstate.begin = Begin::kWritten;
-  if (lead.opens != nullptr) lead.opens->logged = true;
   return begin;
 }
 
 void forget_all() {
   logstate = LogState{};
   owed.clear();
+  waits = false;
 }
 
 // Device and inode of the log that is open.
@@ -277,23 +293,56 @@ int sync_log() { return ::fdatasync(logstate.fd) == 0 ? 0 : failed_system(errno)
 int lkloglog(bool take) { return lock_whole_file(logstate.fd, take); }
 
 LogPiece::LogPiece(Open* open, LogType type, Linked linked)
-    : lead_(lead_in_for(open)), linked_(linked), start_(start_piece(lead_)), record_(piece, type) {}
+    : lead_(lead_in_for(open)),
+      records_before_(waits ? stamps.size() : 0),
+      before_(waits ? piece.size() : 0),
+      start_(start_piece(lead_)),
+      record_(piece, type) {
+  stamps.push_back(linked == Linked::kYes ? Stamp::kLinked : Stamp::kUnlinked);
+}
 
-int LogPiece::writelog() {
-  if (!record_.finish()) return failed(kLogWrite);
-  const std::int64_t begin = append_piece(lead_, linked_);
-  if (begin < 0) return -1;
+int LogPiece::writelog(When when) {
+  const bool may_wait = when == When::kMayWait && owed.empty() && !logstate.owes_rollback;
+  if (!record_.finish()) return fail();
+  if (may_wait) {
+    if (!std::exchange(waits, true)) waiting_lead = {};
+    if (lead_.begin) waiting_lead.begin = true;
+    if (lead_.opens != nullptr) waiting_lead.opens = lead_.opens;
+    note_lead_in(lead_);
+    logstate.holds_back = true;
+    return 0;
+  }
+  const std::int64_t begin = append_piece();
+  if (begin < 0) return fail();
+  note_lead_in(lead_);
   if (holder != nullptr && holder->start_ == LogHold::kNothing) {
     holder->start_ = begin + static_cast<std::int64_t>(start_);
   }
   return 0;
 }
 
+// What waited before goes on waiting.
+int LogPiece::fail() const {
+  piece.resize(before_);
+  stamps.resize(records_before_);
+  return failed(kLogWrite);
+}
+
+bool log_waits() { return waits; }
+
+int append_waiting() {
+  if (!waits || append_piece() >= 0) return 0;
+  waits = false;
+  if (waiting_lead.begin) logstate.begin = Begin::kPending;
+  if (waiting_lead.opens != nullptr) waiting_lead.opens->logged = false;
+  return -1;
+}
+
 int append_owed() {
   const LeadIn lead{.opposite = !owed.empty(), .rollback = logstate.owes_rollback};
   if (!lead.opposite && !lead.rollback) return 0;
   start_piece(lead);
-  return append_piece(lead, std::nullopt) < 0 ? -1 : 0;
+  return append_piece() < 0 ? -1 : 0;
 }
 
 void take_back_logged() {

@@ -11,6 +11,8 @@
 //         T4 what is logged of a change that is not made after all is taken off again, or its
 //            opposite, if it has one, is this process's next record: as long as that cannot be
 //            written, nothing else of the process can
+//         T5 what waits is in the log before anything else of the process, and before the change
+//            that it tells of is in a file
 // Gives   appending (`LogPiece`) and taking back (`take_back_logged`, `LogHold`). isam/log/logread
 //         reads a log
 #pragma once
@@ -41,6 +43,8 @@ struct LogState {
   int suspended = kNotLogging;       // txflag before it was suspended
   bool change_logged = false;        // the current call has logged a change that may yet fail
   OfTransaction transaction_before;  // what the call's open had of the transaction before it
+  bool holds_back = false;           // changes wait to be written (isam/calls/heldback)
+  bool lost = false;                 // ... and some could not be: the transaction cannot commit
 };
 extern LogState logstate;
 
@@ -70,6 +74,9 @@ int lkloglog(bool take);
 
 enum class Linked : bool { kNo, kYes };
 
+// Whether a record may wait for the ones that follow.
+enum class When : bool { kNow, kMayWait };
+
 // What stands before the record itself in a piece, in this order.
 struct LeadIn {
   bool opposite = false;  // the opposite that is owed
@@ -79,23 +86,32 @@ struct LeadIn {
 };
 
 // What one call appends to the log: what is owed, the begin mark if it is due, the file-open record
-// of the open if the log does not have it, and the record itself. All pieces share one buffer:
-// there is one LogPiece at a time.
+// of the open if the log does not have it, and the record itself. What waits goes with it. All
+// pieces share one buffer: there is one LogPiece at a time.
 class LogPiece {
  public:
   // `open` may be null: then the record is about no open file.
   LogPiece(Open* open, LogType type, Linked linked);
 
   LogRecordBuilder& record() { return record_; }
-  // Appends it all: 0, or -1 with 121, also for a record longer than records may be.
-  int writelog();
+  // Appends it all, or lets it wait: 0, or -1 with 121, also for a record longer than records may
+  // be.
+  int writelog(When when = When::kNow);
 
  private:
+  int fail() const;
+
   LeadIn lead_;
-  Linked linked_;
-  std::size_t start_;  // of the record itself
+  std::size_t records_before_;  // that wait
+  std::size_t before_;          // ... their bytes
+  std::size_t start_;           // of the record itself
   LogRecordBuilder record_;
 };
+
+// Whether records wait.
+[[nodiscard]] bool log_waits();
+// Appends what waits: 0, or -1 with 121, and the log will never have it.
+int append_waiting();
 
 // Takes the record logged last back, for what it tells was not done after all. No other piece has
 // been begun since. The record is cut off as long as nobody has logged anything behind it. Else its

@@ -18,10 +18,11 @@ int may_fail_yet(int result) {
 }
 
 // Puts an image together from its parts and appends it.
-int iswimage(LogType type, std::int32_t number, ConstBytes old, ConstBytes record) {
+int iswimage(LogType type, std::int32_t number, ConstBytes old, ConstBytes record,
+             When when = When::kNow) {
   LogPiece piece{openp, type, linked_as_open()};
   piece.record().put_image(type, {isfd_of(*openp), number, old, record});
-  if (may_fail_yet(piece.writelog()) != 0) return -1;
+  if (may_fail_yet(piece.writelog(when)) != 0) return -1;
   if (may_be_undone()) openp->transaction.undoable = true;
   if (may_be_undone() && type != LogType::kInsert) openp->transaction.frees_keys = true;
   return 0;
@@ -37,8 +38,8 @@ int log_inserted(std::int32_t number, ConstBytes record) {
   return iswimage(LogType::kInsert, number, {}, record);
 }
 
-int log_updated(std::int32_t number, ConstBytes old, ConstBytes record) {
-  return iswimage(LogType::kUpdate, number, old, record);
+int log_updated(std::int32_t number, ConstBytes old, ConstBytes record, When when) {
+  return iswimage(LogType::kUpdate, number, old, record, when);
 }
 
 int islogidx(IndexEvent event, const keydescr& key) {

@@ -12,10 +12,12 @@
 
 namespace isam::txlog {
 
+enum class When : bool;
+
 // The image of a change to one record: its bytes before the change, after it, or both.
 int log_deleted(std::int32_t number, ConstBytes old);
 int log_inserted(std::int32_t number, ConstBytes record);
-int log_updated(std::int32_t number, ConstBytes old, ConstBytes record);
+int log_updated(std::int32_t number, ConstBytes old, ConstBytes record, When when);
 
 enum class IndexEvent { kAdded, kDropped, kClustered };
 int islogidx(IndexEvent event, const keydescr& key);

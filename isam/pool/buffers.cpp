@@ -53,6 +53,10 @@ bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second) {
   return pool().take_direct(offset, first, second);
 }
 
+bool bfhold() { return pool().hold_direct(); }
+
+int bfwrite_held() { return pool().write_held(); }
+
 void bfwrite_direct() { pool().write_direct_or_pool(); }
 
 PageHold bfgetclr(std::int32_t node) {

@@ -122,6 +122,12 @@ class PageHold {
 // Writes what bfdirect() has taken of the current file, and no other change. What cannot be written
 // goes into the pool, with the failure in Unwritten::failed. iserrno stays.
 void bfwrite_direct();
+// Holds back what bfdirect() has taken: it is read as if it were written, and bfwrite_held() writes
+// it. False, with nothing done, without memory.
+[[nodiscard]] bool bfhold();
+// Writes what is held back of the current file: 0, or -1 with iserrno and the file as it was, as
+// far as it can be written. Either way nothing is held back any more.
+int bfwrite_held();
 // A node to be written as a whole: zeroed, valid and modified; empty with 105 for a number below 1.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
 

@@ -31,6 +31,30 @@ bool is_in_one_block(std::int64_t offset, std::size_t size) {
          static_cast<std::size_t>(offset % kPageSize) + size <= kPageSize;
 }
 
+// Whether any of these bytes of a data file are held back.
+inline bool holds_back(const OpenPair& file, std::int64_t offset, std::size_t size) {
+  const auto overlaps = [=](const DirectWrite& held) {
+    return held.offset < offset + static_cast<std::int64_t>(size) &&
+           offset < held.offset + static_cast<std::int64_t>(held.bytes.size());
+  };
+  return file.unwritten.held_count > 0 && std::ranges::any_of(file.unwritten.all_held(), overlaps);
+}
+
+// A block that was read from the file gets what is held back of it.
+void put_held_into(const OpenPair& file, const Place& place, Byte* block) {
+  const auto length = static_cast<std::int64_t>(place.length);
+  for (const DirectWrite& held : file.unwritten.all_held()) {
+    const std::int64_t start = held.offset - place.offset;  // in the block; below 0 before it
+    const std::int64_t first = std::max<std::int64_t>(start, 0);
+    const std::int64_t end = std::min(start + static_cast<std::int64_t>(held.bytes.size()), length);
+    if (first < end) {
+      std::ranges::copy(ConstBytes{held.bytes}.subspan(static_cast<std::size_t>(first - start),
+                                                       static_cast<std::size_t>(end - first)),
+                        block + first);
+    }
+  }
+}
+
 // False for a block that has to be read or is held.
 bool copy_block(const Buffer& block, std::int64_t offset, Bytes to, Bytes behind) {
   if ((block.flags & (kValid | kBusy)) != kValid) return false;
@@ -198,6 +222,7 @@ bool Pool::load(Buffer& buffer) {
     return false;
   }
   if (!whole) std::memset(buffer.page + got, 0, place.length - static_cast<std::size_t>(got));
+  if (place.kind == FileKind::kData) put_held_into(file, place, buffer.page);
   if (place.kind == FileKind::kIndex) {
     buffer.used = common::ldword(buffer.page) & 0x7FFF;
     buffer.node_type = buffer.page[node_type_offset(buffer.file->geometry.idxsize)];
@@ -228,6 +253,7 @@ const Buffer* Pool::data_block(std::int64_t block) const {
 // and the pool has none of their blocks as they are now.
 bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
   if (offset < 0 || !filep->data.map.covers(size, offset)) return false;
+  if (holds_back(*filep, offset, size)) return false;
   const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
   for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
     if (block > INT32_MAX || data_block(block) != nullptr) return false;
@@ -242,7 +268,7 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   // needed.
   const bool map_will_do =
       file.unwritten.pages == nullptr && offset >= 0 && file.data.map.covers(size, offset);
-  if (!file.unwritten.direct.bytes.empty()) return false;
+  if (!file.unwritten.direct.bytes.empty() || holds_back(file, offset, size)) return false;
   if (!map_will_do && is_in_one_block(offset, size)) {
     const Buffer* const block = data_block(offset / kPageSize);
     if (block != nullptr) return copy_block(*block, offset, to, behind);

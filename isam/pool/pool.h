@@ -45,6 +45,8 @@ class Pool {
   // waiting.
   int write_direct(OpenPair& file);
   void write_direct_or_pool();  // bfwrite_direct
+  bool hold_direct();           // bfhold
+  int write_held();             // bfwrite_held
   int bfprocess(OpenPair& file, bool write);
   // The page is written, or its change is lost.
   void modified_out(Buffer* buffer);
@@ -78,6 +80,7 @@ class Pool {
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
   [[nodiscard]] const Buffer* data_block(std::int64_t block) const;
   [[nodiscard]] bool only_in_file(std::int64_t offset, std::size_t size) const;
+  void leave_to_file(std::int64_t offset, std::size_t size);
   int pool_direct();
   bool load(Buffer& buffer);
 

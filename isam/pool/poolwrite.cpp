@@ -123,6 +123,18 @@ const std::vector<Buffer*>& Pool::modified_pages(const OpenPair& file) {
   return to_write_;
 }
 
+// The pool gives up what it has of these bytes unchanged, and they are mapped where they are not
+// yet: they are to be written past the pool.
+void Pool::leave_to_file(std::int64_t offset, std::size_t size) {
+  OpenPair& file = *filep;
+  if (!file.data.map.covers(size, offset)) file.data.map.look_again(file.data.fd);
+  const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
+  for (std::int64_t block = std::max<std::int64_t>(offset, 0) / kPageSize; block <= last; ++block) {
+    Buffer* const buffer = table_.find(static_cast<std::int32_t>(block) | kDataBlock, filep);
+    if (buffer != nullptr && (buffer->flags & (kModified | kBusy)) == 0) buffer->generation = 0;
+  }
+}
+
 // Takes bytes that are better written by themselves than with their blocks; false when they are
 // not, and are to go through the pool.
 bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second) {
@@ -130,6 +142,7 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   DirectWrite& direct = file.unwritten.direct;
   const std::size_t size = first.size() + second.size();
   const bool waits_for_others = is_one_of_many(file, offset);
+  if (file.call.may_hold) leave_to_file(offset, size);
   // One change of a call at the most: a second one goes through the pool, and takes the first with
   // it.
   if (!direct.bytes.empty() || waits_for_others || !only_in_file(offset, size)) return false;
@@ -154,6 +167,35 @@ int Pool::write_direct(OpenPair& file) {
     return failed_system(errno, Operation::kWrite, FileKind::kData);
   }
   bytes.clear();
+  return 0;
+}
+
+bool Pool::hold_direct() {
+  Unwritten& unwritten = filep->unwritten;
+  try {
+    if (unwritten.held_count == unwritten.held.size()) unwritten.held.emplace_back();
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  std::swap(unwritten.held[unwritten.held_count++], unwritten.direct);
+  unwritten.direct.bytes.clear();
+  return true;
+}
+
+int Pool::write_held() {
+  OpenPair& file = *filep;
+  const std::span<const DirectWrite> held = file.unwritten.all_held();
+  file.unwritten.held_count = 0;
+  for (std::size_t i = 0; i < held.size(); ++i) {
+    const auto& [offset, bytes, before] = held[i];
+    data_window_.overwritten(file.data.fd, offset, bytes.size());
+    if (common::write_at(file.data.fd, bytes, offset) == 0) continue;
+    failed_system(errno, Operation::kWrite, FileKind::kData);
+    for (const DirectWrite& written : held.first(i + 1)) {
+      static_cast<void>(common::write_at(file.data.fd, written.before, written.offset));
+    }
+    return -1;
+  }
   return 0;
 }
 

@@ -3,7 +3,8 @@
 //
 // Two processes change records, one of them as slowly, and in as many pieces, as another program
 // may: its pages first, the dictionary with the raised stamp behind them. Two others scan. What is
-// done or was seen is told in memory that all have in common.
+// done or was seen is told in memory that all have in common. The first now and then works in
+// transactions and in batch mode, where rewrites are held back.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/magic.h>
@@ -99,11 +100,14 @@ class Changing {
         random_(static_cast<unsigned>(process)),
         process_(process),
         board_(board) {
-    if (session_.open(ISINOUT | ISMANULOCK) < 0) ::_exit(1);
+    if (process == 0) write_file(base + ".log", {});
+    if (process == 0 && ::islogopen((base + ".log").c_str()) != 0) ::_exit(1);
+    if (session_.open(ISINOUT | ISMANULOCK | ISTRANS) < 0) ::_exit(1);
   }
 
   void run() {
     while (!board_.over) {
+      if (process_ == 0 && random_() % 8 == 0) begin_or_commit();
       const int id = 1 + process_ + 2 * static_cast<int>(random_() % (kIds / 2));
       Told& told = board_.told[static_cast<std::size_t>(id)];
       const int version = ++told.begun;
@@ -116,13 +120,21 @@ class Changing {
       ++board_.changes;
       if (random_() % 4 == 0) ::usleep(200);
     }
+    if (in_transaction_) begin_or_commit();
     board_.expect(::isclose(session_.isfd) == 0);
   }
 
  private:
+  void begin_or_commit() {
+    board_.expect((in_transaction_ ? ::iscommit() : ::isbegin()) == 0);
+    in_transaction_ = !in_transaction_;
+    ::isbatch(in_transaction_ ? 1 : 0);
+  }
+
   Session session_;
   std::mt19937 random_;
   int process_;
+  bool in_transaction_ = false;
   Board& board_;
 };
 

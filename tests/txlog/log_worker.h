@@ -49,6 +49,8 @@ struct Extent {
   int files = kFiles;
   int own = kOwn;
   int longest = 1500;  // bytes that a record of variable length may have beyond the minimum
+  int groups = 7;
+  bool in_batches = false;  // in batch mode
 };
 
 inline std::string name_of_file(int file) { return "file" + std::to_string(file); }
@@ -58,7 +60,7 @@ inline int id_of(int worker, int slot) { return slot * kWorkers + worker + 1; }
 // A record's version says what its group is and, with variable length, how long it is.
 inline std::string record_of(int file, int id, int version, const Extent& extent) {
   const int salt = id * 37 + version * 211;
-  std::string record = row(id, version % 7, 8);
+  std::string record = row(id, version % extent.groups, 8);
   std::snprintf(&record[kMinimum], 8, "%07d", version);
   record.back() = static_cast<char>('a' + salt % 26);
   return record +
@@ -97,6 +99,7 @@ class Worker {
       : number_(number), extent_(extent), journal_(journal), random_(seed) {
     check(::islogopen("log") == 0, __LINE__);
     for (int file = 0; file < extent_.files; ++file) open(file);
+    if (extent_.in_batches) ::isbatch(1);
   }
 
   // The next unit, or a transaction that is rolled back.

@@ -1,0 +1,178 @@
+// Rewrites that a transaction holds back in batch mode: when they come to the log and to the file,
+// and what becomes of those that cannot.
+#include <cerrno>
+#include <climits>
+#include <functional>
+
+#include "common/io.h"
+#include "tests/support/child_process.h"
+#include "tests/txlog/log_fixture.h"
+
+namespace testing_support {
+namespace {
+
+constexpr int kIds = 12;
+
+int writes_left = INT_MAX;
+int lost_in_a_row = 1;
+
+ssize_t write_or_fail(int fd, const void* from, std::size_t count, off_t at) {
+  if (writes_left-- > 0 || writes_left < -lost_in_a_row) return ::pwrite(fd, from, count, at);
+  errno = EIO;
+  return -1;
+}
+
+class HeldBack : public LogTest {
+ protected:
+  HeldBack() {
+    keydescr id = id_key(), group = group_key();
+    const int isfd = ::isbuild("pair", kMinimum + 1, &id, ISINOUT + ISEXCLLOCK);
+    EXPECT_EQ(::isaddindex(isfd, &group), 0);
+    for (int number = 1; number <= kIds; ++number) add(isfd, row(number, 1, 1, '0'));
+    ::isclose(isfd);
+    keep_copy();
+  }
+  ~HeldBack() override { common::system_calls() = system_; }
+
+  void begin() {
+    ::iscleanup();
+    ::islogclose();
+    restore_copy();
+    std::ofstream{"log"};
+    EXPECT_EQ(::islogopen("log"), 0);
+    isfd_ = ::isopen("pair", ISINOUT + ISMANULOCK + ISTRANS);
+    EXPECT_EQ(::isbatch(1) + ::isbegin(), 0);
+  }
+  static char counter(int isfd, int id) {
+    std::string record = row(id, 0, 1);
+    return ::isread(isfd, record.data(), RD_EQUAL) == 0 ? record.back() : '?';
+  }
+  [[nodiscard]] int count(int id) const {
+    std::string record = row(id, 0, 1);
+    if (::isread(isfd_, record.data(), RD_EQUAL + RD_LOCK) != 0) return -1;
+    ++record.back();
+    return ::isrewcurr(isfd_, record.data());
+  }
+  // The counters in the file from id 1 on.
+  static std::string in_file(int ids) {
+    const auto records = walk_pair("pair").records;
+    std::string counters;
+    for (int id = 1; id <= ids; ++id) counters += static_cast<char>(records.at(id).back());
+    return counters;
+  }
+
+  int isfd_ = -1;
+
+ private:
+  common::SystemCalls system_ = common::system_calls();
+};
+
+TEST_F(HeldBack, ReachLogAndFileWhenTheFileIsLetGo) {
+  begin();
+  EXPECT_EQ(count(1) + count(2), 0);
+  EXPECT_EQ(counter(isfd_, 1), '1');
+  EXPECT_EQ(types() + in_file(2), "00");
+  EXPECT_EQ(counter(isfd_, 3), '0');  // the sixth call
+  EXPECT_EQ(types() + in_file(2), "BW FO UP UP11");
+  EXPECT_EQ(::iscommit(), 0);
+  EXPECT_EQ(types(), "BW FO UP UP CW");
+}
+
+// The same record again, the same bytes, what changes a key, and what is not a rewrite.
+TEST_F(HeldBack, GoBeforeWhatIsNot) {
+  begin();
+  std::string same = row(2, 1, 1, '0'), other = row(3, 8, 1, '5'), first = row(1, 1, 1, '7');
+  EXPECT_EQ(count(1) + ::isrewrite(isfd_, same.data()), 0);
+  EXPECT_EQ(types() + in_file(3), "000");
+  EXPECT_EQ(::isrewrite(isfd_, other.data()), 0);
+  EXPECT_EQ(types() + in_file(3), "BW FO UP UP UP105");
+  EXPECT_EQ(::isrewrite(isfd_, first.data()), 0);
+  EXPECT_EQ(counter(isfd_, 1), '7');
+  EXPECT_EQ(count(1), 0);
+  EXPECT_EQ(counter(isfd_, 1), '8');
+  EXPECT_EQ(add(isfd_, row(kIds + 1, 1, 1)), 0);
+  EXPECT_EQ(::iscommit(), 0);
+  EXPECT_EQ(types() + in_file(3), "BW FO UP UP UP UP UP IN CW805");
+  ::iscleanup();
+  EXPECT_EQ(faults("pair"), "");
+}
+
+TEST_F(HeldBack, AreWrittenBeforeAnythingElseIsDone) {
+  begin();
+  const int another = ::isopen("pair", ISINOUT + ISMANULOCK);
+  std::int32_t id = 0;
+  keydescr key = group_key(), by_id = id_key();
+  ::isrollback();
+  for (const auto& call : std::vector<std::function<int()>>{
+           [&] { return counter(another, 1) == '1' ? 0 : -1; }, [&] { return ::isflush(isfd_); },
+           [&] { return ::isrelease(isfd_); }, [&] { return ::isuniqueid(isfd_, &id); },
+           [&] { return ::isstart(isfd_, &key, 0, nullptr, RD_FIRST); },
+           [&] { return erase(isfd_, 2); }, [] { return ::isbatch(2); }}) {
+    EXPECT_EQ(::isstart(isfd_, &by_id, 0, nullptr, RD_FIRST) + ::isbatch(1), 0);
+    ASSERT_EQ(::isbegin() + count(1), 0) << iserrno;
+    EXPECT_EQ(in_file(1), "0");
+    EXPECT_EQ(call(), 0) << iserrno;
+    EXPECT_EQ(in_file(1), "1");
+    EXPECT_EQ(::isrollback(), 0);
+  }
+  EXPECT_EQ(in_file(2), "00");
+}
+
+// What is held back belongs to one process and to one log.
+TEST_F(HeldBack, AreNotAChildsAndNotThoseOfALogPutAside) {
+  begin();
+  EXPECT_EQ(count(1), 0);
+  EXPECT_EQ(
+      end_of(start_process([&] {
+        ::_exit(count(2) != 0 && iserrno == ISENOTOPEN && ::iscleanup() == 0 && ::islogclose() == 0
+                    ? 0
+                    : 1);
+      })),
+      0);
+  EXPECT_EQ(types() + in_file(1), "0");
+  ::issusplog();
+  EXPECT_EQ(count(2), 0);
+  EXPECT_EQ(types() + in_file(2), "BW FO UP11");
+  ::isresumlog();
+  EXPECT_EQ(count(3) + ::islogclose(), 0);
+  EXPECT_EQ(types() + in_file(3), "BW FO UP UP RW010");
+}
+
+// Whichever write fails, alone or with those behind it: the transaction is made whole, or cannot be
+// committed and comes to nothing.
+TEST_F(HeldBack, ComeToNothingWhenTheyCannotBeWritten) {
+  constexpr int kChanges = 8;
+  int lost = 0;
+  for (const int in_a_row : {1, 2, 3, INT_MAX}) {
+    for (int turn = 0;; ++turn) {
+      begin();
+      common::system_calls().pwrite = write_or_fail;
+      writes_left = turn;
+      lost_in_a_row = in_a_row;
+      std::string expected(kChanges, '0');
+      for (int id = 1; id <= kChanges; ++id) {
+        if (count(id) == 0) expected[static_cast<std::size_t>(id - 1)] = '1';
+      }
+      const bool committed = ::iscommit() == 0;
+      const bool passed = writes_left >= 0;
+      common::system_calls().pwrite = ::pwrite;
+      const bool again = committed || ::iscommit() == 0;
+      if (!again) {
+        EXPECT_EQ(::isrollback(), 0) << iserrno;
+        expected.assign(kChanges, '0');
+        ++lost;
+      }
+      ::iscleanup();
+      EXPECT_EQ(in_file(kChanges), expected) << "write " << turn << " of " << types();
+      EXPECT_EQ(faults("pair"), "");
+      restore_copy();
+      EXPECT_EQ(::isrecover(), 0) << types();
+      EXPECT_EQ(in_file(kChanges), expected) << "write " << turn << " of " << types();
+      if (passed || HasFailure()) break;
+    }
+  }
+  EXPECT_GT(lost, 10);
+}
+
+}  // namespace
+}  // namespace testing_support
