@@ -275,6 +275,21 @@ Model run_alone(Store& store, const std::string& name, const fs::path& folder,
   return on_ordered.model();
 }
 
+Model load_unmeasured(Store& store, const std::string& /*name*/, const fs::path& folder,
+                      std::uint32_t records) {
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Model model(records);
+  Record record;
+  for (const std::uint32_t number : in_order(records)) {
+    model.next(number, record);
+    store.insert(record);
+  }
+  store.settle();
+  store.close();
+  return model;
+}
+
 void run_many(Store& store, const std::string& name, const fs::path& folder,
               std::uint32_t records) {
   if (!store.has_bulk()) return;

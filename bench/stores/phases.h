@@ -18,6 +18,10 @@ void demand(Store& store, std::uint32_t number);
 Model run_alone(Store& store, const std::string& name, const std::filesystem::path& folder,
                 std::uint32_t records);
 
+// Loads a file in key order, unmeasured: what it then holds, closed.
+Model load_unmeasured(Store& store, const std::string& name, const std::filesystem::path& folder,
+                      std::uint32_t records);
+
 // Runs the phases with many records in one call, on a file loaded in key order by them, if the
 // store has such calls.
 void run_many(Store& store, const std::string& name, const std::filesystem::path& folder,

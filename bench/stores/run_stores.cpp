@@ -27,6 +27,7 @@ constexpr std::uint32_t kDefaultRecords = 1'000'000;
 struct Settings {
   std::uint32_t records = kDefaultRecords;
   std::string only;  // one kind; empty: all of them
+  bool processes_only = false;
   fs::path folder = fs::temp_directory_path();
 };
 
@@ -51,6 +52,8 @@ Settings settings_from(int argc, const char* const* argv) {
       settings.records = record_count(value);
     } else if (option == "--only") {
       settings.only = value;
+    } else if (option == "--phases" && value == std::string_view("processes")) {
+      settings.processes_only = true;
     } else if (option == "--folder") {
       settings.folder = value;
     } else {
@@ -91,9 +94,11 @@ class Scratch {
 };
 
 void run(const StoreKind& kind, const Settings& settings) {
+  if (settings.processes_only && !kind.shared) return;
   const Scratch scratch(settings.folder);
   const std::unique_ptr<Store> store = kind.make();
-  Model model = run_alone(*store, kind.name, scratch.inner(), settings.records);
+  const auto prepare = settings.processes_only ? load_unmeasured : run_alone;
+  Model model = prepare(*store, kind.name, scratch.inner(), settings.records);
   if (kind.shared) run_together(*store, kind.name, scratch.inner(), model);
 }
 
@@ -110,10 +115,13 @@ int run_stores(int argc, const char* const* argv, const std::vector<StoreKind>& 
     const std::vector<StoreKind> chosen = chosen_from(kinds, settings.only);
     print_heading();
     for (const StoreKind& kind : chosen) run(kind, settings);
+    if (settings.processes_only) return EXIT_SUCCESS;
     for (const StoreKind& kind : chosen) run_bulk(kind, settings);
   } catch (const std::invalid_argument& error) {
-    std::fprintf(stderr, "%s: %s\nusage: %s [--records N] [--only STORE] [--folder FOLDER]\n",
-                 argv[0], error.what(), argv[0]);
+    std::fprintf(
+        stderr,
+        "%s: %s\nusage: %s [--records N] [--only STORE] [--phases processes] [--folder FOLDER]\n",
+        argv[0], error.what(), argv[0]);
     return EXIT_FAILURE;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
