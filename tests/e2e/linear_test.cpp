@@ -102,7 +102,7 @@ class Changing {
         board_(board) {
     if (process == 0) write_file(base + ".log", {});
     if (process == 0 && ::islogopen((base + ".log").c_str()) != 0) ::_exit(1);
-    if (session_.open(ISINOUT | ISMANULOCK | ISTRANS) < 0) ::_exit(1);
+    if (session_.open(ISINOUT | ISMANULOCK | (process == 0 ? ISTRANS : 0)) < 0) ::_exit(1);
   }
 
   void run() {
@@ -112,9 +112,13 @@ class Changing {
       Told& told = board_.told[static_cast<std::size_t>(id)];
       const int version = ++told.begun;
       const Row row{id, id / 3, version};
-      const int result = !is_there(version)      ? session_.put(row, ::isdelete)
-                         : is_there(version - 1) ? session_.put(row, ::isrewrite)
-                                                 : session_.put(row, ::iswrite);
+      const auto call = !is_there(version)      ? ::isdelete
+                        : is_there(version - 1) ? ::isrewrite
+                                                : ::iswrite;
+      int result = -1;
+      do {  // numbers that the end of a transaction has just freed may still be locked
+        result = session_.put(row, call);
+      } while (result != 0 && ::iserrno == ISELOCKED);
       board_.expect(result == 0);
       told.know(version);
       ++board_.changes;
