@@ -40,6 +40,8 @@ void KeyCheck::begins(int n, const keydescr& k) {
   // Of parts that an application orders by a table of its own, all values count as equal here.
   compares_ = std::none_of(k.part, k.part + k.nparts,
                            [](const keypart& part) { return (part.type & 0x7F) >= KT_COLL1; });
+  order_.emplace(k);
+  last_key_ = nullptr;
   items_ = differing_ = equal_ = same_number_ = 0;
   records_.clear();
   places_.clear();
@@ -49,20 +51,37 @@ void KeyCheck::begins(int n, const keydescr& k) {
 
 void KeyCheck::item(const checker::Listener::Leaf& place, const isam::Item& item) {
   ++items_;
-  if (compares_ && place.equal && (key_.flags & KF_DUPS) == 0) {
+  if (compares_) check_equal(place, item);
+  const auto size = static_cast<std::size_t>(key_.keylen);
+  // The key of the batch before stays readable when a new one begins.
+  isam::Byte* const key = keys_.data() + records_.size() * size;
+  std::memcpy(key, item.key, size);
+  last_key_ = key;
+  last_number_ = item.dupnm;
+  records_.push_back(item.recptr);
+  places_.push_back(place);
+  if (records_.size() == kBatch) flush();
+}
+
+// The first item of a leaf comes behind one of an upper node, whose key may be that of an item that
+// is gone: the last item of the leaf before counts.
+void KeyCheck::check_equal(const checker::Listener::Leaf& place, const isam::Item& item) {
+  bool equal = place.equal;
+  bool same_number = place.same_number;
+  if (place.slot == 0) {
+    equal = last_key_ != nullptr && order_->compare(last_key_, item.key) == 0;
+    same_number = equal && last_number_ == item.dupnm;
+  }
+  const bool unique = (key_.flags & KF_DUPS) == 0;
+  if (equal && unique) {
     ++equal_;
     tell("index.keys-equal", "key of the item before it in an index without duplicates", place,
          item.recptr, item.key);
-  } else if (compares_ && place.same_number) {
+  } else if (same_number) {
     ++same_number_;
     tell("index.numbers-equal", "key and duplicate number of the item before it", place,
          item.recptr, item.key);
   }
-  const auto size = static_cast<std::size_t>(key_.keylen);
-  std::memcpy(keys_.data() + records_.size() * size, item.key, size);
-  records_.push_back(item.recptr);
-  places_.push_back(place);
-  if (records_.size() == kBatch) flush();
 }
 
 void KeyCheck::flush() {

@@ -7,9 +7,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "checker/listener.h"
+#include "isam/keys/keys.h"
 #include "zentra/collector.h"
 
 namespace zentra {
@@ -30,6 +32,7 @@ class KeyCheck {
   static constexpr std::size_t kBatch = 64;
 
   void flush();
+  void check_equal(const checker::Listener::Leaf& place, const isam::Item& item);
   void compare(std::size_t at, const isam::Byte* record);
   void tell(const char* code, const char* text, const checker::Listener::Leaf& place,
             std::int32_t record, const isam::Byte* key);
@@ -38,7 +41,11 @@ class KeyCheck {
   Collector& collector_;
   int number_ = 0;
   keydescr key_{};
+  std::optional<isam::KeyOrder> order_;
   bool compares_ = false;  // whether equal keys can be told from here
+  // The item before.
+  const isam::Byte* last_key_ = nullptr;  // null: there is none
+  std::int32_t last_number_ = 0;
   std::int64_t items_ = 0;
   std::int64_t differing_ = 0;
   std::int64_t equal_ = 0;
