@@ -25,7 +25,7 @@ VERDICTS = {2: ['header-magic', 'header-cut', 'index-empty', 'description-nine-p
             1: ['data-cut', 'data-cut-in-record', 'big-leaf', 'record-list-entry-twice'],
             0: ['big-sound', 'big-sound-varying']}
 # What is found beyond kestro.
-DEEP = {'item-key-other': 'index.key-differs', 'items-over-leaves': 'index.keys-equal',
+DEEP = {'item-key-other': 'index.key-differs', 'leaf-level': 'index.keys-equal',
         'item-duplicate-numbers-equal': 'index.numbers-equal',
         'node-list-marks': 'node-list.node-marks', 'record-list-used-four': 'record-list.node-marks',
         'storage-free-other': 'storage.free-bytes', 'storage-heads-lost': 'storage.page-unlisted',
