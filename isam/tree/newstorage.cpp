@@ -70,7 +70,7 @@ std::int32_t NewStorage::store(ConstBytes part) {
     if (!fits && close(*open_) != 0) return -1;
     if (!fits) open_.reset();
   }
-  if (!open_ && begin(open_.emplace()) != 0) return -1;
+  if (!open_ && begin(open_.emplace(Page{})) != 0) return -1;
   std::int32_t pointer = put(*open_, small);
   // The last of the big pieces first, because each names the piece behind it.
   for (std::size_t i = big; i-- > 0 && pointer != -1;) {
