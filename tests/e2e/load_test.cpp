@@ -26,26 +26,6 @@ std::vector<Row> rows(int count, int ids, unsigned seed) {
   return made;
 }
 
-// What isload() takes of a session's file.
-struct Set {
-  Set(const std::vector<Row>& from, bool varying) : numbers(from.size()) {
-    for (const Row& row : from) {
-      std::string record = record_of(row, varying);
-      lengths.push_back(static_cast<std::int32_t>(record.size()));
-      record.resize(varying ? kMaximum : kMinimum);
-      records += record;
-    }
-    set = {static_cast<std::int32_t>(from.size()), records.data(), records.size(), numbers.data(),
-           lengths.data()};
-  }
-  Set(const Set&) = delete;
-  Set& operator=(const Set&) = delete;
-
-  std::vector<std::int32_t> numbers, lengths;
-  std::string records;
-  recordset set{};
-};
-
 class Loads : public testing::TestWithParam<bool> {
  protected:
   static int alone(const std::function<void()>& work) {
@@ -79,7 +59,7 @@ class Loads : public testing::TestWithParam<bool> {
     for (std::size_t at = 0; at < all.size(); at += 700) {
       const auto begin = all.begin() + static_cast<std::ptrdiff_t>(at);
       const std::size_t count = std::min<std::size_t>(700, all.size() - at);
-      Set set({begin, begin + static_cast<std::ptrdiff_t>(count)}, to.varying);
+      RowSet set({begin, begin + static_cast<std::ptrdiff_t>(count)}, to.varying);
       const int taken = ::isload(to.isfd, &set.set);
       if (taken < 0) return -1;
       EXPECT_EQ(taken, static_cast<int>(count));
@@ -293,7 +273,7 @@ TEST(LoadsOfManyEqual, RefuseWhatHasNoNumberLeft) {
   for (const int id : {1, 2}) EXPECT_EQ(pair.put({id, 7}, ::iswrite), 0);
   std::vector<Row> all;
   for (int id = 1; id <= 65540; ++id) all.push_back({id, 7});
-  Set set(all, false);
+  RowSet set(all, false);
   EXPECT_EQ(::isloadbegin(pair.isfd), 0);
   EXPECT_EQ(::isload(pair.isfd, &set.set), 65540);
   std::vector<std::int32_t> refused(9);

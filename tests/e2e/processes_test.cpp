@@ -66,7 +66,7 @@ class Counting {
       } else if (pick < 6) {
         remove(id);
       } else if (pick < 8) {
-        check(session_.put({id, any(8), 0}, ::iswrite) == 0, {ISEDUPLICATE, ISELOCKED}, __LINE__);
+        add({{id, any(8), 0}, {1 + any(kIds), any(8), 0}, {1 + any(kIds), any(8), 0}});
       } else {
         look_along();
       }
@@ -116,6 +116,12 @@ class Counting {
       tally_.removed[static_cast<std::size_t>(id)] += counter;
     }
     unlock();
+  }
+
+  void add(const std::vector<Row>& rows) {
+    RowSet several(rows, session_.varying);
+    const bool all = ::iswritemany(session_.isfd, &several.set) == several.set.count;
+    check(all, {ISEDUPLICATE, ISELOCKED}, __LINE__);
   }
 
   // Whatever the others do, the groups come in order.

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "isam.h"
 
@@ -44,6 +45,26 @@ inline bool parse(const std::string& record, bool varying, Row& row) {
   row.counter = ::ldlong(&record[kCounterAt]);
   return record_of(row, varying) == record;
 }
+
+// What a call for many records takes of such a pair.
+struct RowSet {
+  RowSet(const std::vector<Row>& from, bool varying) : numbers(from.size()) {
+    for (const Row& row : from) {
+      std::string record = record_of(row, varying);
+      lengths.push_back(static_cast<std::int32_t>(record.size()));
+      record.resize(varying ? kMaximum : kMinimum);
+      records += record;
+    }
+    set = {static_cast<std::int32_t>(from.size()), records.data(), records.size(), numbers.data(),
+           lengths.data()};
+  }
+  RowSet(const RowSet&) = delete;
+  RowSet& operator=(const RowSet&) = delete;
+
+  std::vector<std::int32_t> numbers, lengths;
+  std::string records;
+  recordset set{};
+};
 
 inline constexpr int kGarbled = -2;
 
