@@ -302,8 +302,6 @@ int insert_here(const Cursor& cursor, Item item, const keydescr& k) {
 int add_item(Cursor& cursor, Item& item, const keydescr& k) {
   if (btsearch(cursor, item, k, 0, Search::kInsert) != 0) return -1;
   if (check_item_before(cursor, item, k) != 0) return -1;
-  const ItemLayout layout{k};
-  if (layout.dups && item.dupnm > layout.greatest_dupnm()) return failed(kDuplicate);
   return insert_here(cursor, item, k);
 }
 

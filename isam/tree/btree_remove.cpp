@@ -145,12 +145,12 @@ int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
       return btremove(cursor, ItemLayout{k}, start);
     }
     if (walk.exceeded()) return failed(kCorrupted);
-    const PathLevel passed = cursor.bt.leaf();
+    const int passed = cursor.bt.leaf().offset;
     if (btmove(cursor, k, Direction::kNext) != 0) return -1;
     // What the item passed takes over from the one before it stands in its own key too, so in that
-    // of `sought`. Where order is not bytewise, equal keys may have other bytes.
-    const bool same_node = cursor.bt.leaf().node == passed.node && order.bytewise();
-    start = same_node ? WalkStart{passed.offset, sought.key} : WalkStart{};
+    // of `sought`. Where order is not bytewise, equal keys may have other bytes. (The first item of
+    // another leaf needs no start.)
+    start = order.bytewise() ? WalkStart{passed, sought.key} : WalkStart{};
   }
   return failed(kNoRecord);
 }

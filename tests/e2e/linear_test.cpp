@@ -15,6 +15,7 @@
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <random>
 #include <utility>
 #include <vector>
@@ -259,16 +260,21 @@ TEST_P(Linear, ScansSeeWhatIsKnownToBeDone) {
   expect_nothing_found(kestro("-nq", base));
 }
 
-// How often a scan asks for a lock, on a file system of this kind.
-int locks_of_scan(const std::string& base, bool varying, long kind) {
+// Lets all files seem to be on a file system of this kind.
+void pretend(long kind) {
   static long pretended;
   pretended = kind;
+  common::system_calls().fstatfs = [](int, struct statfs* status) {
+    status->f_type = pretended;
+    return 0;
+  };
+}
+
+// How often a scan asks for a lock, on a file system of this kind.
+int locks_of_scan(const std::string& base, bool varying, long kind) {
   const Common<int> asked;
   EXPECT_EQ(end_of(start_process([&] {
-              common::system_calls().fstatfs = [](int, struct statfs* status) {
-                status->f_type = pretended;
-                return 0;
-              };
+              pretend(kind);
               Session session{base, varying};
               std::string record(kMaximum, 0);
               session.open(ISINPUT | ISMANULOCK);
@@ -292,6 +298,39 @@ TEST_P(Linear, ScansAskForEachLockWhereAMappingMayLagBehind) {
   EXPECT_LT(locks_of_scan(base, GetParam(), EXT4_SUPER_MAGIC), kEach / 2);
   EXPECT_EQ(locks_of_scan(base, GetParam(), NFS_SUPER_MAGIC), kEach);
   EXPECT_EQ(locks_of_scan(base, GetParam(), 0x65735546 /* FUSE */), kEach);
+}
+
+// Another process may be in the midst of writing as soon as the lock is given back.
+TEST_P(Linear, ScansCopyUnderTheLock) {
+  static std::string data;
+  const TempFolder folder;
+  const std::string base = folder / "pair";
+  build_pair_of(base, GetParam(), kIds);
+  data = base + ".dat";
+  EXPECT_EQ(end_of(start_process([&] {
+              Session session{base, GetParam()};
+              std::string record(kMaximum, 0);
+              pretend(EXT4_SUPER_MAGIC);
+              session.open(ISINPUT | ISMANULOCK);
+              session.start(id_key(), RD_FIRST);
+              while (::isread(session.isfd, record.data(), RD_NEXT) == 0) continue;  // maps files
+              session.start(id_key(), RD_FIRST);
+              for (int id = 1; id <= 15; ++id) {
+                if (::isread(session.isfd, record.data(), RD_NEXT) != 0) ::_exit(100 + id);
+                const int length = GetParam() ? ::isreclen : kMinimum;
+                const std::string got = record.substr(0, static_cast<std::size_t>(length));
+                if (!parse(got, GetParam(), session.row) || session.row.id != id) ::_exit(id);
+                if (id != 1) continue;
+                common::system_calls().fcntl_lock = [](int fd, int command, struct flock* lock) {
+                  const int result = ::fcntl(fd, command, lock);
+                  if (lock->l_type != F_UNLCK) return result;
+                  std::fstream(data, std::ios::in | std::ios::out).seekp(1030)
+                      << std::string(60, 'x');
+                  return result;
+                };
+              }
+            })),
+            0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Pairs, Linear, testing::Bool());

@@ -139,7 +139,7 @@ class Chance {
       record[i] = static_cast<char>(salt + i * (i / 7));
     }
     const std::string name(any(5), static_cast<char>('a' + any(4)));
-    const std::string place = std::string("north-eastern").substr(0, any(12));
+    const std::string place = std::string("bad  cafe  da").substr(0, any(12));
     ::stchar(name.c_str(), record.data(), 8);
     ::stlong(static_cast<std::int32_t>(any(2500)) - 1000, &record[8]);
     ::stint(static_cast<int>(any(60)) - 30, &record[12]);

@@ -52,6 +52,15 @@ class Trees : public testing::Test {
     EXPECT_EQ(walk.untidy, std::vector<std::string>{});
     return walk.indexes.at(0);
   }
+  // Gives the first item of the root another duplicate number, and opens the pair again.
+  void set_first_number(int width, int number) {
+    ::isclose(isfd_);
+    Image bytes = read_file(base_ + ".idx");
+    Byte* const at = &bytes[static_cast<std::size_t>(pair_.indexes[0].root - 1) * 128 + 6];
+    width == 2 ? put2(at, number) : put4(at, number);
+    write_file(base_ + ".idx", bytes);
+    open();
+  }
   // Shared beginnings, trailing blanks.
   std::string any_text() {
     static const std::string starts[] = {"", "north", "north-east by", "south"};
@@ -98,12 +107,7 @@ TEST_F(Trees, DuplicateNumbersThatNoLongerFitAreRefused) {
   for (const auto& [width, greatest] : {std::pair{2, 65'535}, {4, INT32_MAX}}) {
     build(kNumber, KF_DUPS, 128, width);
     ASSERT_EQ(write(3), 0);
-    ::isclose(isfd_);
-    Image bytes = read_file(base_ + ".idx");
-    Byte* const number = &bytes[static_cast<std::size_t>(pair_.indexes[0].root - 1) * 128 + 6];
-    width == 2 ? put2(number, greatest - 1) : put4(number, greatest - 1);
-    write_file(base_ + ".idx", bytes);
-    open();
+    set_first_number(width, greatest - 1);
     ASSERT_EQ(write(3), 0);
     // Also when the equal item ends the leaf before.
     for (int key = 3; key < 40; ++key) EXPECT_EQ(write(key), key == 3 ? -1 : 0);
@@ -132,6 +136,32 @@ TEST_F(Trees, DuplicateNumbersGoAboveTheLastItemsOfUpperNodes) {
     const std::vector<std::int64_t> stored = index().numbers;
     EXPECT_EQ((std::vector<std::int64_t>{stored.begin() + before, stored.end()}), numbers);
     ::isclose(isfd_);
+  }
+}
+
+// ... and above that of the item before in the leaf and that of the upper node, whichever is
+// greater.
+TEST_F(Trees, DuplicateNumbersGoAboveTheItemBefore) {
+  build(kNumber, KF_DUPS, 128, 4);
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(write(5), 0);  // a full leaf
+  ASSERT_EQ(write(6), 0);
+  set_first_number(4, 0);
+  ASSERT_EQ(write(5), 0);
+  set_first_number(4, INT32_MAX);
+  EXPECT_EQ(write(5), -1);
+  ::isclose(isfd_);
+  EXPECT_EQ(walk_pair(base_).indexes[0].numbers.at(10), 10);
+}
+
+// What is no number is equal in whatever bytes: the item behind a deleted one takes its own again.
+TEST_F(Trees, EqualNumbersKeepTheirBytes) {
+  build({0, 8, kDouble}, KF_DUPS | KF_LCOMPRESS, 1024);
+  for (int i = 0; i < 30; ++i) {
+    ASSERT_EQ(write(std::string{static_cast<char>(i / 2 % 3), 0, 0, 0, 0, 0, '\xF8', '\x7F'}), 0);
+  }
+  for (int number = 29; number > 0; number -= 4) {
+    ASSERT_EQ(::isdelrec(isfd_, number), 0);
+    index();
   }
 }
 

@@ -228,6 +228,12 @@ class Walker {
     return order < 0 || (order == 0 && (index.flags & kDups) != 0 && a.dup < b.dup);
   }
 
+  // Length of a key without its trailing blanks.
+  static int extent(const Image& key) {
+    const auto last = std::find_if(key.rbegin(), key.rend(), [](Byte byte) { return byte != ' '; });
+    return static_cast<int>(key.rend() - last);
+  }
+
   std::vector<Item> items_of(const Index& index, std::int32_t number) {
     std::vector<Item> items;
     const Byte* from = node(number);
@@ -238,6 +244,8 @@ class Walker {
     }
     const int dups = (index.flags & kDups) == 0 ? 0 : index_[dict::kDupSize] == 4 ? 4 : 2;
     bool repeated = false;
+    bool tidy = true;
+    int lent = 0;  // leading bytes that the next item may take from this one
     Image key(static_cast<std::size_t>(index.width));
     for (int pos = 2; pos < end;) {
       if (!repeated) {
@@ -245,9 +253,20 @@ class Walker {
         const int tail = (index.flags & kTCompress) != 0 ? from[pos++] : 0;
         const int kept = index.width - lead - tail;
         if (kept < 0 || pos + kept + dups + 4 > end) break;
+        const Image before = key;
         std::copy_n(from + pos, kept, key.begin() + lead);
         std::fill_n(key.begin() + lead + kept, tail, Byte{' '});
         pos += kept;
+        // An item without trailing compression stores its last byte.
+        const bool cuts = (index.flags & kTCompress) != 0;
+        const int stored = cuts ? extent(key) : index.width;
+        const int most = std::min(lent, cuts ? stored : stored - 1);
+        const auto shared = std::mismatch(key.begin(), key.begin() + most, before.begin()).first;
+        const bool leads = (index.flags & kLCompress) == 0 || lead == shared - key.begin();
+        tidy = tidy && leads && lead + kept == stored;
+        lent = stored;
+      } else {
+        lent = extent(key);
       }
       if (pos + dups + 4 > end) break;
       const std::int64_t dup = dups == 4 ? get4(from + pos) : dups == 2 ? get2(from + pos) : 0;
@@ -258,7 +277,7 @@ class Walker {
     }
     const bool zeros =
         std::all_of(from + end, from + size_ - 4, [](Byte byte) { return byte == 0; });
-    if (repeated || !zeros || from[size_ - 1] != 0) {
+    if (!tidy || repeated || !zeros || from[size_ - 1] != 0) {
       walk_.untidy.push_back("node " + std::to_string(number));
     }
     return items;
