@@ -112,6 +112,7 @@ const std::map<std::string, int (*)(int, std::int32_t*)> kGiving = {
 const std::map<std::string, int (*)(Asked&)> kOthers = {
     {"open", [](Asked& a) { return a.open(&Session::open); }},
     {"build", [](Asked& a) { return a.open(&Session::build); }},
+    {"build-plain", [](Asked& a) { return a.open(&Session::build_empty); }},
     {"read", [](Asked& a) { return a.read(a.number()); }},
     {"find",
      [](Asked& a) {
@@ -223,6 +224,7 @@ bool is_of(const SystemCall& call, const std::string& kind) {
   if (at != kinds.end()) return at->second == call.kind;
   if (kind == "grow") return call.kind == SystemCall::kWrite && call.grows();
   if (call.kind != SystemCall::kLock || call.lock->l_type == F_UNLCK) return false;
+  if (kind == "taken-lock") return true;
   constexpr off_t kRecords = 0x40000000, kOpenLock = 0x7FFFFFFF;
   if (kind == "open-lock") return call.at == kOpenLock;
   return kind == "record-lock" && call.lock->l_len == 1 && call.at >= kRecords &&
@@ -243,17 +245,27 @@ struct Fault {
   Concern calls = {};
   int error = 0;  // below 0: a signal
   // '#': the call of that number alone, '+': from there on, 'x': so many times, '@': what ends
-  // behind that byte, '*': always
+  // behind that byte, '*': always, '/': each third, and the rest transfer a third
   char when = '*';
   long number = 0;
   long met = 0;
 
-  int of(const SystemCall& call) {
+  static int halve(SystemCall& call) {
+    call.count = (call.count + 1) / 2;
+    return 0;
+  }
+  int of(SystemCall& call) {
     if (!calls(call)) return 0;
+    // Of the locks only the wait for a call's turn goes on after a signal.
+    if (when == '/' && call.kind == SystemCall::kLock && call.flags != F_SETLKW) return 0;
     ++met;
+    if (when == '/') call.count = (call.count + 2) / 3;
     const bool now = when == '*' || (when == '#' && met == number) ||
                      (when == '+' && met >= number) || (when == 'x' && met <= number) ||
+                     (when == '/' && met % 3 == 0) ||
                      (when == '@' && call.at + static_cast<off_t>(call.count) > number);
+    // Of the room for the first of many a half is there.
+    if (now && when == '+' && met == number && calls.kind == "grow") return halve(call);
     if (!now || error >= 0) return now ? error : 0;
     ::raise(-error);
     return 0;

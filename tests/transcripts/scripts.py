@@ -46,9 +46,11 @@ MODES = {'input': 'ISINPUT', 'output': 'ISOUTPUT', 'inout': 'ISINOUT', 'manual':
          'skip': 'RD_SKIPLOCK',
          **{word: 'AUD' + word.upper() for word in 'setname getname start stop info'.split()}}
 # Where a call's words have one.
-MODE_AT = {'open': 3, 'build': 3, 'start': 3, 'read': 2, 'find': 2, 'audit': 2}
+MODE_AT = {'open': 3, 'build': 3, 'build-plain': 3, 'start': 3, 'read': 2, 'find': 2, 'audit': 2}
 RECORDS, OPEN_LOCK, END = 0x40000000, 0x7FFFFFFF, 0x80000000
 LONGEST = 30  # seconds
+SURVIVED = 'EINTR', 'EMFILE'  # errors of the system that no call tells
+LOCK_ERRORS = ['ISEINUSE', 'ISELOCKED', 'ISENOLOCKS']
 RANGE = re.compile(r' (\d+)-(\d+)(?:/(\d+))?(?=\D|$)')
 
 
@@ -74,6 +76,7 @@ class Cast:
         self.theirs = [pair[1].fileno() for pair in pairs]
         self.keep = pairs
         self.processes, self.numbers, self.all_numbers, self.paused = {}, {}, {}, set()
+        self.fault, self.tells, self.told = '', (), 0  # of process a: what fails, and how it tells
 
     def hear(self, name):
         answer, until = None, time.monotonic() + LONGEST
@@ -138,11 +141,18 @@ class Cast:
             return self.go_on(name)
         if name not in self.numbers:
             self.start(name)
+            if name == 'a' and self.fault:
+                self.tell(name, f'a {self.fault}')
         if what in MODE_AT:
             words[MODE_AT[what]] = str(number_of_mode(words[MODE_AT[what]]))
         if what == 'fails':
             words[4] = str(FAILURES[words[4]])
         answer = self.tell(name, ' '.join(words))
+        if name == 'a' and answer in self.tells:
+            self.told += 1
+            if '+' in self.fault:
+                self.tell(name, 'a works')
+            answer = self.tell(name, ' '.join(words))
         if what == 'forks':
             self.numbers[words[2]] = self.all_numbers[words[2]] = int(answer)
             return 'ok'
@@ -500,7 +510,7 @@ def carry_out(stage, lines):
                 at += 1
             shown = stage.answer(line).splitlines()
             made += [line, *(f'| {each}'.rstrip() for each in shown)]
-        elif not line or line.startswith(('# ', 'only ', 'with ')):
+        elif not line or line.startswith(('# ', 'only ', 'with ', 'failing ')):
             made.append(line)
         else:
             told, _, expected = line.partition(' : ')
@@ -517,6 +527,39 @@ def parts_of(path):
     return [lines[begin:end] for begin, end in zip([0, *starts], starts)]
 
 
+def once(given, kind, head, told, fault='', tells=()):
+    """A case with what is answered, how often the system call of a fault was met, and how often it
+    was told."""
+    with tempfile.TemporaryDirectory(prefix='kestro-test-') as folder:
+        stage = Stage(given, kind, folder)
+        stage.cast.fault, stage.cast.tells = fault, tells
+        try:
+            carry_out(stage, head)
+            said = carry_out(stage, told)
+            ended = stage.cast.told and '+' in fault
+            met = sys.maxsize if ended else int(stage.cast.order('a met')) if fault else 0
+            return said, met, stage.cast.told
+        finally:
+            stage.end()
+
+
+def rounds(given, kind, head, told):
+    """What is answered; then for each fault behind `failing` the same where the first such system
+    call fails, the next one, and so on."""
+    yield once(given, kind, head, told)[0], ''
+    faults = [line[8:].split(', ') for line in told if line.startswith('failing ')]
+    for call, file, error, *when in map(str.split, faults[0] if faults else []):
+        tells = [] if error in SURVIVED else [error, *LOCK_ERRORS * call.endswith('lock')]
+        at, met = 1, 1
+        while at <= met:
+            fault = f'fails {call} {file} {FAILURES[error]} {when[0] if when else "#"}{at}'
+            said, met, count = once(given, kind, head, told, fault, tells)
+            unheard = at <= met and call != 'read' and count != min(1, len(tells))
+            ends = ['not told once'] * unheard + ['never met'] * (at == 1 and not met)
+            yield [*said, *ends], fault
+            at += met if '/' in fault else 1 + at // 10
+
+
 def play(given, kind, head, case):
     """A case with what is answered now; behind `with` once for each number in place of N."""
     numbers = [line[5:] for line in case if line.startswith('with ')]
@@ -524,17 +567,11 @@ def play(given, kind, head, case):
     for number in numbers_of(found) if found else numbers[0].split() if numbers else ['']:
         value = str(number).replace('_', ' ')
         told = [re.sub(r'\bN\b', value, line) for line in case]
-        with tempfile.TemporaryDirectory(prefix='kestro-test-') as folder:
-            stage = Stage(given, kind, folder)
-            try:
-                carry_out(stage, head)
-                said = carry_out(stage, told)
-            finally:
-                stage.end()
-        made = [old if new == meant else new for old, new, meant in zip(case, said, told)
-                ] if len(said) == len(case) else said
-        if made != case:
-            return made
+        for said, fault in rounds(given, kind, head, told):
+            made = [old if new == meant else new for old, new, meant in zip(case, said, told)
+                    ] if len(said) == len(case) else said
+            if made != case:
+                return [*made, *[f'where {fault}'] * bool(fault)]
     return case
 
 
