@@ -1,7 +1,8 @@
 // stores_floor: what reading and rewriting records cannot do without when other programs share the
 // files: the library's locks in its order, and copies of the record and of the dictionary. A
 // rewrite adds the writes that others must be able to see: dictionary, two nodes of an index,
-// record. There is no index and no search: a record stands where its number says.
+// record. There is no index and no search: a record stands where its number says. `floor` sleeps
+// for a lock at once, `floor-asks` asks for it for as long as the library does before.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <string>
 #include <system_error>
 
+#include "bench/stores/measuring.h"
 #include "bench/stores/store.h"
 #include "common/holders.h"
 
@@ -28,6 +30,7 @@ constexpr std::size_t kDictionary = 117;
 constexpr std::size_t kNode = 1024;
 constexpr std::uint32_t kRecordsOfNode = 60;
 constexpr std::uint32_t kNodesChanged = 2;
+constexpr double kBeforeSleep = 100e-6;  // seconds
 
 void check(bool good, const char* what) {
   if (!good) throw std::system_error(errno, std::generic_category(), what);
@@ -67,6 +70,8 @@ class Mapped {
 
 class FloorStore : public Store {
  public:
+  explicit FloorStore(bool asks) : asks_(asks) {}
+
   void open(const fs::path& folder, Start start) override {
     index_ = std::make_unique<Mapped>(folder / "records.idx");
     data_ = std::make_unique<Mapped>(folder / "records.dat");
@@ -141,8 +146,17 @@ class FloorStore : public Store {
     lock.l_whence = SEEK_SET;
     lock.l_start = start;
     lock.l_len = length;
-    check(::fcntl(index_->fd(), command, &lock) == 0, "fcntl");
+    const int fd = index_->fd();
+    if (asks_ && command == F_SETLKW && type != F_UNLCK) {
+      if (::fcntl(fd, F_SETLK, &lock) == 0) return;
+      for (const double end = now() + kBeforeSleep; now() < end;) {
+        if (::fcntl(fd, F_SETLK, &lock) == 0) return;
+      }
+    }
+    check(::fcntl(fd, command, &lock) == 0, "fcntl");
   }
+
+  bool asks_;
 
   std::unique_ptr<Mapped> index_;
   std::unique_ptr<Mapped> data_;
@@ -155,6 +169,9 @@ class FloorStore : public Store {
 }  // namespace bench
 
 int main(int argc, char** argv) {
+  const auto kind = [](bool asks) {
+    return [=] { return std::make_unique<bench::FloorStore>(asks); };
+  };
   return bench::run_stores(argc, argv,
-                           {{"floor", true, [] { return std::make_unique<bench::FloorStore>(); }}});
+                           {{"floor", true, kind(false)}, {"floor-asks", true, kind(true)}});
 }

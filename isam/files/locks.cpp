@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <vector>
 
@@ -64,13 +65,28 @@ int request(int command, int type, off_t start, off_t length) {
   return request_of(filep->index.fd, command, type, start, length);
 }
 
+using Clock = std::chrono::steady_clock;
+
+// A lock that another process has for one call is free again sooner than the system could put this
+// process to sleep and wake it: for so long it is asked for before it is waited for.
+constexpr auto kBeforeSleep = std::chrono::microseconds(100);
+
+// Whether a request has met another process's lock.
+bool is_taken(int result) { return result != 0 && (errno == EAGAIN || errno == EACCES); }
+
 // Takes a lock, for which it waits, or releases one. Signals do not end the wait. A failure is told
 // as that of an index file, whatever file it is: 0, or -1 with iserrno = errno and iserrio = 0x61.
 int request_and_wait(int fd, int type, off_t start, off_t length) {
-  int result;
-  do {
-    result = request_of(fd, F_SETLKW, type, start, length);
-  } while (result != 0 && errno == EINTR);
+  const auto request_by = [=](int command) { return request_of(fd, command, type, start, length); };
+  int result = request_by(F_SETLK);
+  if (is_taken(result)) {
+    const auto end = Clock::now() + kBeforeSleep;
+    do {
+      result = request_by(F_SETLK);
+    } while (is_taken(result) && Clock::now() < end);
+    if (is_taken(result)) result = request_by(F_SETLKW);
+  }
+  while (result != 0 && errno == EINTR) result = request_by(F_SETLKW);
   return result != 0 ? failed_system(errno, Operation::kLock, FileKind::kIndex) : 0;
 }
 
