@@ -4,6 +4,7 @@
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "bench/transactions/ledger.h"
 #include "isam.h"
@@ -34,7 +35,6 @@ class IsamLedger : public Ledger {
     check(islogopen((folder / "log").c_str()), "islogopen");
     file_ = isopen((folder / "accounts").c_str(), ISINOUT + ISMANULOCK + ISTRANS);
     check(file_, "isopen");
-    check(isbatch(1), "isbatch");
   }
 
   void close() override {
@@ -44,13 +44,27 @@ class IsamLedger : public Ledger {
 
   bool transact(std::span<const int> accounts) override {
     check(isbegin(), "isbegin");
-    for (const int number : accounts) {
-      Account account{number};
-      check(isread(file_, account.bytes, RD_EQUAL + RD_LOCK + RD_WAIT), "isread");
+    const std::size_t count = accounts.size();
+    many_.resize(count * kRecordLength);
+    numbers_.resize(count);
+    lengths_.resize(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      std::memcpy(place(i), Account{accounts[i]}.bytes, kKeyLength);
+    }
+    recordset set{static_cast<int32_t>(count), many_.data(), many_.size(), numbers_.data(),
+                  lengths_.data()};
+    // Others may read at the same time. What follows only changes the file.
+    const int got = isfetchmany(file_, &set, RD_EQUAL + RD_LOCK + RD_WAIT);
+    check(got == set.count ? 0 : -1, "isfetchmany");
+    check(isbatch(1), "isbatch");
+    for (std::size_t i = 0; i < count; ++i) {
+      Account account{accounts[i]};
+      std::memcpy(account.bytes, place(i), kRecordLength);
       account.add_one();
-      check(isrewcurr(file_, account.bytes), "isrewcurr");
+      check(isrewrec(file_, numbers_[i], account.bytes), "isrewrec");
     }
     check(iscommit(), "iscommit");
+    check(isbatch(0), "isbatch");
     return true;
   }
 
@@ -65,7 +79,12 @@ class IsamLedger : public Ledger {
   }
 
  private:
+  char* place(std::size_t index) { return &many_[index * kRecordLength]; }
+
   int file_ = -1;
+  std::vector<char> many_;
+  std::vector<int32_t> numbers_;
+  std::vector<int32_t> lengths_;
 };
 
 }  // namespace

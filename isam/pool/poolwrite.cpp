@@ -142,10 +142,14 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   DirectWrite& direct = file.unwritten.direct;
   const std::size_t size = first.size() + second.size();
   const bool waits_for_others = is_one_of_many(file, offset);
-  if (file.call.may_hold) leave_to_file(offset, size);
+  bool is_only_in_file = only_in_file(offset, size);
+  if (!is_only_in_file && file.call.may_hold) {
+    leave_to_file(offset, size);
+    is_only_in_file = only_in_file(offset, size);
+  }
   // One change of a call at the most: a second one goes through the pool, and takes the first with
   // it.
-  if (!direct.bytes.empty() || waits_for_others || !only_in_file(offset, size)) return false;
+  if (!direct.bytes.empty() || waits_for_others || !is_only_in_file) return false;
   if (!make_room(direct, size)) return false;
   // A commit that fails puts them back.
   if (file.data.map.read(file.data.fd, direct.before, offset) != static_cast<ssize_t>(size)) {

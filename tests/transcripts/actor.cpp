@@ -256,8 +256,11 @@ struct Fault {
   }
   int of(SystemCall& call) {
     if (!calls(call)) return 0;
-    // Of the locks only the wait for a call's turn goes on after a signal.
-    if (when == '/' && call.kind == SystemCall::kLock && call.flags != F_SETLKW) return 0;
+    // Of the locks only the wait for a call's turn goes on after a signal. Before it the lock is
+    // asked for, here in vain.
+    if (when == '/' && call.kind == SystemCall::kLock && call.flags != F_SETLKW) {
+      return call.flags == F_SETLK && call.at == 0 ? EAGAIN : 0;
+    }
     ++met;
     if (when == '/') call.count = (call.count + 2) / 3;
     const bool now = when == '*' || (when == '#' && met == number) ||
