@@ -12,6 +12,7 @@ if(KESTRO_SHARED)
   add_library(isam_shared SHARED ${objects})
   target_include_directories(isam_shared PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
   target_link_libraries(isam_shared PRIVATE $<BUILD_INTERFACE:project_internal>)
+  target_compile_features(isam_shared INTERFACE $<BUILD_INTERFACE:cxx_std_20>)
   target_link_options(isam_shared PRIVATE -Wl,--version-script=${symbol_map} -Wl,-z,defs)
   set_target_properties(
     isam_shared PROPERTIES OUTPUT_NAME isam EXPORT_NAME isam LINK_DEPENDS ${symbol_map}

@@ -10,13 +10,21 @@
 namespace environment {
 namespace {
 
+using Kind = KnownVariable::Kind;
+
 constexpr KnownVariable kKnown[] = {
-    {"CLIENT_LOCALE", "c"},       {"ENVIGNORE", nullptr},
-    {"ISAMBUFS", "16"},           {"ISAMSORTMEM", "64"},
-    {"ISAM_DEADLOCK_COUNT", "0"}, {"ISAM_DEADLOCK_SLEEP", "0"},
-    {"ISAM_LOG_SYNC", "0"},       {"ISCLOSE_SHARE_LOCK", "1"},
-    {"KESTRO_KEEP", nullptr},     {"MARVOLENDIR", "/usr/marvolen"},
-    {"RESETLOCK", nullptr},       {"SQLIDEBUG", nullptr},
+    {"CLIENT_LOCALE", "c"},
+    {"ENVIGNORE", nullptr},
+    {"ISAMBUFS", "16", Kind::kDecimal, 4, kMostBuffers},
+    {"ISAMSORTMEM", "64", Kind::kDecimal, 1, 65536},
+    {"ISAM_DEADLOCK_COUNT", "0", Kind::kLeading},
+    {"ISAM_DEADLOCK_SLEEP", "0", Kind::kLeading},
+    {"ISAM_LOG_SYNC", "0", Kind::kLeading},
+    {"ISCLOSE_SHARE_LOCK", "1", Kind::kLeading},
+    {"KESTRO_KEEP", nullptr, Kind::kChoice, 0, 1},
+    {"MARVOLENDIR", "/usr/marvolen"},
+    {"RESETLOCK", nullptr},
+    {"SQLIDEBUG", nullptr},
 };
 
 // Null also for all names in a process that runs with more rights than its user.
@@ -105,11 +113,27 @@ std::optional<std::string> lookup(const char* name) {
   return std::move(found.value);
 }
 
-std::int64_t number(const char* name, std::int64_t low, std::int64_t high) {
-  const auto within = [&](const std::optional<std::string>& text) {
-    return text ? common::number_within(*text, low, high) : std::nullopt;
+std::int64_t number(const char* name) {
+  const KnownVariable& known = *known_variable(name);
+  const auto within = [&](const std::string& text) {
+    return common::number_within(text, known.low, known.high);
   };
-  return within(lookup(name)).value_or(within(fallback(name)).value_or(low));
+  return within(lookup(name).value_or("")).value_or(within(known.fallback).value_or(known.low));
+}
+
+std::string fault_of(const KnownVariable& variable, const std::string& value) {
+  if (variable.kind == Kind::kText) return {};
+  if (variable.kind == Kind::kLeading) {
+    char* end = nullptr;
+    const long counts = ::strtol(value.c_str(), &end, 0);
+    const bool is_number = end != value.c_str() && *end == '\0';
+    return is_number ? "" : "not a number: " + std::to_string(counts) + " counts";
+  }
+  const auto number = common::number_within(value, variable.low, variable.high);
+  if (number && (variable.kind == Kind::kDecimal || std::to_string(*number) == value)) return {};
+  return "out of range " + std::to_string(variable.low) + " to " + std::to_string(variable.high) +
+         ": " + (variable.fallback == nullptr ? "counts as not set" : variable.fallback) +
+         (variable.fallback == nullptr ? "" : " counts");
 }
 
 long leading_number(const char* name) {

@@ -1,6 +1,6 @@
 // settings: the one place where the system looks up its variables.
 //
-//   const std::int64_t buffers = environment::number("ISAMBUFS", 4, 32766);
+//   const std::int64_t buffers = environment::number("ISAMBUFS");
 //
 // A variable's value comes from the first of these that has one:
 //   1. the process environment, unless `ENVIGNORE` lists the variable's name
@@ -28,9 +28,22 @@
 
 namespace environment {
 
+inline constexpr std::int64_t kMostBuffers = 32766;  // ISAMBUFS
+
 struct KnownVariable {
+  // What counts of its value.
+  enum class Kind {
+    kText,
+    kDecimal,  // a number from low to high; anything else counts as the default
+    kLeading,  // the number that it begins with, 0 without one
+    kChoice    // a number from low to high; anything else counts as no value
+  };
+
   const char* name;
   const char* fallback;  // its default; null: without a source it has no value
+  Kind kind = Kind::kText;
+  std::int64_t low = 0;
+  std::int64_t high = 0;
 };
 
 [[nodiscard]] std::span<const KnownVariable> known_variables();
@@ -75,9 +88,11 @@ class Settings {
 // The value of a variable, known or not; none when no source has one.
 [[nodiscard]] std::optional<std::string> lookup(const char* name);
 
-// A variable's value when it is a decimal number in low..high; else its default when that is such a
-// number; else `low`.
-[[nodiscard]] std::int64_t number(const char* name, std::int64_t low, std::int64_t high);
+// A known variable's value (kDecimal) when it is a number within its range, else its default.
+[[nodiscard]] std::int64_t number(const char* name);
+
+// What is wrong with a value of a known variable, and what counts instead; empty when nothing is.
+[[nodiscard]] std::string fault_of(const KnownVariable& variable, const std::string& value);
 
 // The number that a variable's value begins with, in base 8, 10 or 16 by its prefix; 0 when it
 // begins with none, or the variable has no value.

@@ -556,6 +556,10 @@ void stchar(const char* text, char* field, int length);
 /* The text of a code as iserrno holds it, the system's or the library's; never null. */
 const char* iserrtext(int32_t code);
 
+/* Why the last call failed, in a sentence with the call and the file, such as: isopen "v": its
+ * records are of variable length; add ISVARLEN. Never null; valid until the next call. */
+const char* isexplain(void);
+
 /* The library's version: a name, a blank and a number such as "1.2.3". */
 const char* isversion(void);
 

@@ -17,6 +17,10 @@
 // process. Offsets and lengths are bytes; record numbers count from 1.
 #pragma once
 
+#if __cplusplus < 202002L
+#error "isam.hpp needs a compiler for C++20 or later: -std=c++20"
+#else
+
 #include <string_view>
 
 #include "isam.h"
@@ -34,3 +38,5 @@ namespace zentra {
 [[nodiscard]] inline std::string_view version() { return isversion(); }
 
 }  // namespace zentra
+
+#endif

@@ -19,14 +19,15 @@ using environment::SettingsFile;
 using environment::Source;
 
 // A value as a settings file has it, in quotes where it needs them. Bytes that no settings file can
-// have are shown as question marks: the process environment may hold any.
+// have, control characters other than tabs, are shown as question marks: the process environment
+// may hold any.
 std::string written(std::string_view value) {
   const bool plain = !value.empty() && value.find_first_of(" \t#\"'\\") == std::string_view::npos;
   std::string text = plain ? "" : "\"";
   for (const char c : value) {
     if (!plain && (c == '"' || c == '\\')) text += '\\';
     const auto byte = static_cast<unsigned char>(c);
-    text += byte < 0x20 || byte == 0x7F ? '?' : c;
+    text += (byte < 0x20 && c != '\t') || byte == 0x7F ? '?' : c;
   }
   return plain ? text : text + '"';
 }
@@ -54,8 +55,13 @@ std::string place(const Found& found) {
 void list(const std::string& name) {
   const Found found = environment::settings().find(name);
   std::string remark = place(found);
-  if (environment::known_variable(name) == nullptr) remark += ", unknown name";
+  const environment::KnownVariable* const known = environment::known_variable(name);
+  if (known == nullptr) remark += ", unknown name";
   if (found.ignored) remark += ", environment ignored";
+  if (known != nullptr && found.source != Source::kNone) {
+    const std::string fault = environment::fault_of(*known, found.value);
+    if (!fault.empty()) remark += ", " + fault;
+  }
   if (found.source == Source::kNone) {
     std::printf("# %s is not set%s\n", name.c_str(), remark.c_str());
   } else {

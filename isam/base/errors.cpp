@@ -17,6 +17,9 @@ std::int32_t isdupsiz = 4;
 }
 
 namespace isam {
+
+FailureDetail failure_detail;
+
 namespace {
 
 constexpr std::array<std::string_view, is_nerr - 100> kTexts = {

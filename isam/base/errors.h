@@ -79,6 +79,15 @@ int failed_as(std::int32_t reason);
 // Sets the code only when no deeper routine has set one.
 int failed_unless_set(Code code);
 
+// What a failing step knows beside its code, for isexplain(): it holds if the call fails with that
+// code.
+struct FailureDetail {
+  std::int32_t error = 0;
+  const char* text = nullptr;  // the reason
+  int index = 0;               // number of the index
+};
+extern FailureDetail failure_detail;
+
 inline void clear_errors() { iserrno = iserrio = 0; }
 
 // The four status characters.

@@ -226,6 +226,7 @@ std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::
     return number;
   }
   position.stay();
+  failure_detail = {.error = kDuplicate, .index = static_cast<int>(added) + 1};
   const KeepError keep;
   remove_items(cursor, *keys, added, record, number);
   if (given == 0) give_number_back(number);

@@ -187,6 +187,6 @@ extern "C" int isrename(const char* oldname, const char* newname) {
 
 extern "C" int isremlock(const char* name) {
   clear_errors();
-  ckfilname(name);
+  if (ckfilname(name) != 0) note_failure("isremlock", kNoNumber, name);
   return end_without_open();
 }

@@ -75,9 +75,13 @@ extern "C" int isindexinfo(int isfd, void* buffer, int n) {
   return iskeyinfo(isfd, static_cast<keydescr*>(buffer), n);
 }
 
-extern "C" int iststindex(int isfd, struct keydescr* key) {
+static int test_call(int isfd, keydescr* key) {
   Call call{isfd, kReading};
   if (!call) return -1;
   if (key == nullptr || kysearch(*key, 0) < 0) failed_unless_set(kBadKey);
   return call.end();
+}
+
+extern "C" int iststindex(int isfd, struct keydescr* key) {
+  return noted("iststindex", isfd, test_call(isfd, key));
 }

@@ -45,7 +45,7 @@ extern "C" int isunlock(int isfd) {
 
 extern "C" int isfilelocked(int isfd, int how) {
   Call call{isfd, {.shared = true}};
-  if (!call) return -1;
+  if (!call) return noted("isfilelocked", isfd, -1);
   bool locked = false;  // or, after waiting, the wait was broken off
   if (how == 0) {
     locked = lkrecord(kLastLockedRecord, RecordLock::kTest) != 0;

@@ -192,7 +192,11 @@ int look_again(const char* name, Entry entry) {
 int look_for_mark() {
   forget_exclusive();  // what an earlier exclusive open of this process knew
   const int found = find_mark(*filep);
-  return found > 0 && !opens_marked ? failed(kCorrupted) : std::min(found, 0);
+  if (found <= 0 || opens_marked) return std::min(found, 0);
+  failure_detail = {
+      .error = kCorrupted,
+      .text = "a program that had it open exclusively has ended without closing it; run kestro"};
+  return failed(kCorrupted);
 }
 
 // Locks the pair that has been entered, checks that it is sound and what the mode asks for, and

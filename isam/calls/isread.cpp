@@ -60,7 +60,7 @@ int start_call(int isfd, keydescr* key, int len, char* record, int mode) {
   return call.end();
 }
 
-int read_call(int isfd, char* record, int mode) {
+int read_entering(int isfd, char* record, int mode) {
   const bool after_end = iserrno == kEndOfFile;  // of the call before
   while (true) {
     Call call{isfd, {.access = Access::kToRead, .shared = true, .holds_on = true}};
@@ -70,6 +70,11 @@ int read_call(int isfd, char* record, int mode) {
     if (outcome != ReadOutcome::kMustWait) return call.end();
     if (wait_outside(call) != 0) return -1;
   }
+}
+
+// Apart from isread, whose steps ahead go on without a frame of their own.
+[[gnu::noinline]] int read_call(int isfd, char* record, int mode) {
+  return noted("isread", isfd, read_entering(isfd, record, mode));
 }
 
 // What a read is given besides room for the record.
@@ -91,7 +96,7 @@ extern "C" int isstart(int isfd, struct keydescr* key, int len, char* record, in
 }
 
 extern "C" int isread(int isfd, char* record, int mode) {
-  return traced("isread", isfd, record, carried_by(mode), [=] {
+  return traced_only("isread", isfd, record, carried_by(mode), [=] {
     return is_step(mode) ? read_step(isfd, record, mode) : read_call(isfd, record, mode);
   });
 }

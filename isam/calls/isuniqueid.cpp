@@ -53,7 +53,8 @@ extern "C" int isuniqueid(int isfd, int32_t* id) {
 }
 
 extern "C" int iscurruniq(int isfd, int32_t* id) {
-  return tell<std::int32_t>(isfd, id, [](const Dictionary& d) { return d.d_uniqid(); });
+  return noted("iscurruniq", isfd,
+               tell<std::int32_t>(isfd, id, [](const Dictionary& d) { return d.d_uniqid(); }));
 }
 
 static int set_id_call(int isfd, int32_t id) {
@@ -73,10 +74,11 @@ extern "C" int issetunique(int isfd, int32_t id) {
 }
 
 extern "C" int isaltchk(int isfd, int32_t* count) {
-  return tell<std::int32_t>(isfd, count, [](const Dictionary& d) { return d.d_altcount(); });
+  return noted("isaltchk", isfd,
+               tell<std::int32_t>(isfd, count, [](const Dictionary& d) { return d.d_altcount(); }));
 }
 
-extern "C" int isaltinc(int isfd) {
+static int count_call(int isfd) {
   Call call{isfd, {.access = Access::kToWrite}};
   if (!call) return -1;
   const std::int32_t before = dictp->d_altcount();
@@ -84,3 +86,5 @@ extern "C" int isaltinc(int isfd) {
   if (write_handed_out() != 0) dictp->set_d_altcount(before);
   return call.end();
 }
+
+extern "C" int isaltinc(int isfd) { return noted("isaltinc", isfd, count_call(isfd)); }

@@ -6,6 +6,7 @@
 #include "isam/calls/process.h"
 #include "isam/calls/recordcalls.h"
 #include "isam/calls/traced.h"
+#include "isam/files/files.h"
 #include "isam/tree/btree.h"
 
 namespace isam {
@@ -96,13 +97,17 @@ FoundRecord find_by_key(Cursor& cursor, const char* record) {
 
 using namespace isam;
 
-extern "C" int isxgetlen(void) {
+static int length_call() {
   know_process();
   if (filep == nullptr) return failed(kNotOpen);
   if (!filep->geometry.varlen) return filep->geometry.reclen;
   if (isreclen >= filep->geometry.reclen && isreclen <= filep->geometry.maxreclen) return isreclen;
   isstat3 = isstat4 = '4';
   return failed(kBadArgument);
+}
+
+extern "C" int isxgetlen(void) {
+  return noted("isxgetlen", openp == nullptr ? -1 : isfd_of(*openp), length_call());
 }
 
 extern "C" int iswrite(int isfd, char* record) {

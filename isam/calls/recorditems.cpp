@@ -109,7 +109,10 @@ int Replacement::change(bool dups, Current current, KeptPosition& position) {
     Item old = item_of(old_, number_, k);
     Item fresh = item_of(record_, number_, k);
     if (itcompare(old, fresh, KeyOrder{k}) == 0) continue;
-    if (replace(i, old, fresh) != 0) return -1;
+    if (replace(i, old, fresh) != 0) {
+      failure_detail = {.error = kDuplicate, .index = static_cast<int>(i) + 1};
+      return -1;
+    }
     position.note_neighbour();
     if (current == Current::kMoves && is_current_key(k)) position.move_to(fresh);
   }

@@ -10,6 +10,7 @@
 #include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/calls/call.h"
+#include "isam/calls/explain.h"
 #include "isam/calls/filelocale.h"
 #include "isam/calls/process.h"
 #include "isam/calls/reading.h"
@@ -182,10 +183,7 @@ void note_step(Cursor& cursor, int mode, int steps_before) {
   scan.ahead->fill(cursor, static_cast<ReadMode>(mode));
 }
 
-}  // namespace
-
-int read_step(int isfd, char* record, int mode) {
-  if (read_copy(isfd, record, mode)) return 0;
+int step_entering(int isfd, char* record, int mode) {
   const bool after_end = iserrno == kEndOfFile;  // of the call before
   const int steps = steps_before(isfd, mode);    // asked first: entering ends the row
   Call call{isfd, {.access = Access::kToRead, .shared = true, .holds_on = true}};
@@ -194,6 +192,13 @@ int read_step(int isfd, char* record, int mode) {
   const ReadOutcome outcome = read_asked(call.cursor(), record, mode, after_end, request);
   if (outcome == ReadOutcome::kRead && !request.lock) note_step(call.cursor(), mode, steps);
   return call.end();
+}
+
+}  // namespace
+
+int read_step(int isfd, char* record, int mode) {
+  if (read_copy(isfd, record, mode)) return 0;
+  return noted("isread", isfd, step_entering(isfd, record, mode));
 }
 
 void leave_scan(Open& open) {

@@ -4,11 +4,14 @@
 //     return traced("iswrite", isfd, record, Carries::kRecord, [=] { return ...; });
 //   }
 //
-// Without a trace this costs one branch. Calls made within a call that shows do not show.
+// Without a trace this costs one branch. Calls made within a call that shows do not show. A failure
+// is noted for isexplain() (isam/calls/explain).
 #pragma once
 
 #include <cstdint>
 
+#include "isam.h"
+#include "isam/calls/explain.h"
 #include "trace/trace.h"
 
 namespace isam {
@@ -53,13 +56,24 @@ template <typename Body>
 }
 
 // Runs a call, and shows it in the trace if there is one. A body that captures by value leaves
-// everything in registers.
+// everything in registers. The body notes its failures itself.
 template <typename Body>
-int traced(const char* call, int number, const void* buffer, Carries carries, Body body) {
+int traced_only(const char* call, int number, const void* buffer, Carries carries, Body body) {
   if (trace::state == trace::State::kOff) [[likely]] {
     return body();
   }
   return call_traced(call, number, buffer, carries, body);
+}
+
+// The same, and notes a failure.
+template <typename Body>
+int traced(const char* call, int number, const void* buffer, Carries carries, Body body) {
+  const int result = traced_only(call, number, buffer, carries, body);
+  if (result < 0 || (carries >= Carries::kRecords && iserrno != 0)) [[unlikely]] {
+    const auto* const name = static_cast<const char*>(carries == Carries::kName ? buffer : nullptr);
+    note_failure(call, number, carries == Carries::kName && name == nullptr ? "" : name);
+  }
+  return result;
 }
 
 // A call without a buffer.

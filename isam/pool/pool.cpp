@@ -12,9 +12,8 @@
 namespace isam {
 namespace {
 
-constexpr int kMinBuffers = 4;
-constexpr int kMaxBuffers = 32766;
-static_assert(kMaxBuffers + kMostAdded < UINT16_MAX);  // the table numbers them in 16 bits
+static_assert(environment::kMostBuffers + kMostAdded <
+              UINT16_MAX);  // the table numbers them in 16 bits
 // An unused node keeps its buffer about so many times longer than an unused data block.
 constexpr std::uint64_t kNodeLifetimes = 64;
 constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
@@ -74,9 +73,7 @@ Pool& make_pool() {
 }
 
 Pool::Pool()
-    : most_buffers_(
-          static_cast<std::size_t>(environment::number("ISAMBUFS", kMinBuffers, kMaxBuffers)) +
-          kMostAdded),
+    : most_buffers_(static_cast<std::size_t>(environment::number("ISAMBUFS")) + kMostAdded),
       order_(*this) {
   const std::size_t most = most_buffers_;
   const std::size_t count = most - kMostAdded;

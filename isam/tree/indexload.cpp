@@ -12,12 +12,10 @@
 namespace isam {
 namespace {
 
-constexpr std::int64_t kMostMemory = 65536;  // MiB
 constexpr std::size_t kNumberSize = 4;
 
 std::size_t sort_memory() {
-  static const auto mebibytes =
-      static_cast<std::size_t>(environment::number("ISAMSORTMEM", 1, kMostMemory));
+  static const auto mebibytes = static_cast<std::size_t>(environment::number("ISAMSORTMEM"));
   return mebibytes << 20;
 }
 

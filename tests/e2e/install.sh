@@ -65,6 +65,9 @@ step_tree() {
   "$CC" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c "$root/include/isam.h"
   "$CXX" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c++ \
     - <<<'#include "isam.hpp"' -I"$root/include"
+  "$CXX" -std=c++17 -fsyntax-only -x c++ - <<<'#include "isam.hpp"' -I"$root/include" 2>older &&
+    fail "isam.hpp compiles as C++17"
+  [ "$(grep -c 'error:' older)" = 1 ] || fail "isam.hpp and C++17: $(cat older)"
 }
 
 # The names that a header declares outside of braces: functions and variables.
@@ -108,6 +111,10 @@ readonly programs=(./by_pkg_config consumer/customers_c consumer/customers_cpp)
 step_shared() {
   local program
   fresh "$work/shared"
+  printf '%s\n' 'cmake_minimum_required(VERSION 3.20)' 'project(plain LANGUAGES C)' \
+    'find_package(Isam REQUIRED)' "add_executable(plain $examples/customers.c)" \
+    'target_link_libraries(plain Isam::isam)' >CMakeLists.txt
+  CC=$CC cmake -S . -B plain -DCMAKE_PREFIX_PATH="$root" >plain.log 2>&1 || fail "$(cat plain.log)"
   compile_by_pkg_config by_pkg_config
   build_consumer Isam::isam
   for program in "${programs[@]}"; do

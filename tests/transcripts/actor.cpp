@@ -173,6 +173,13 @@ const std::map<std::string, int (*)(Asked&)> kOthers = {
        a.shown = {isstat1, isstat2, isstat3, isstat4};
        return 0;
      }},
+    {"explain",
+     [](Asked& a) {
+       const std::string said = ::isexplain();
+       a.show_variable(0);
+       a.shown = said;
+       return 0;
+     }},
     {"place", [](Asked& a) { return a.show_variable(::iserrio); }},
     {"batch", [](Asked& a) { return ::isbatch(a.number()); }},
     {"vclose", [](Asked& a) { return ::isvclose(a.number()); }},
