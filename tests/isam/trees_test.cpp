@@ -52,12 +52,14 @@ class Trees : public testing::Test {
     EXPECT_EQ(walk.untidy, std::vector<std::string>{});
     return walk.indexes.at(0);
   }
-  // Gives the first item of the root another duplicate number, and opens the pair again.
-  void set_first_number(int width, int number) {
+  // Gives the items of the root another duplicate number, and opens the pair again.
+  void set_root_numbers(int width, int number) {
     ::isclose(isfd_);
     Image bytes = read_file(base_ + ".idx");
-    Byte* const at = &bytes[static_cast<std::size_t>(pair_.indexes[0].root - 1) * 128 + 6];
-    width == 2 ? put2(at, number) : put4(at, number);
+    Byte* const root = &bytes[static_cast<std::size_t>(pair_.indexes[0].root - 1) * 128];
+    for (int at = 2 + 4; at < get2(root); at += 4 + width + 4) {
+      width == 2 ? put2(root + at, number) : put4(root + at, number);
+    }
     write_file(base_ + ".idx", bytes);
     open();
   }
@@ -107,7 +109,7 @@ TEST_F(Trees, DuplicateNumbersThatNoLongerFitAreRefused) {
   for (const auto& [width, greatest] : {std::pair{2, 65'535}, {4, INT32_MAX}}) {
     build(kNumber, KF_DUPS, 128, width);
     ASSERT_EQ(write(3), 0);
-    set_first_number(width, greatest - 1);
+    set_root_numbers(width, greatest - 1);
     ASSERT_EQ(write(3), 0);
     // Also when the equal item ends the leaf before.
     for (int key = 3; key < 40; ++key) EXPECT_EQ(write(key), key == 3 ? -1 : 0);
@@ -145,9 +147,9 @@ TEST_F(Trees, DuplicateNumbersGoAboveTheItemBefore) {
   build(kNumber, KF_DUPS, 128, 4);
   for (int i = 0; i < 10; ++i) ASSERT_EQ(write(5), 0);  // a full leaf
   ASSERT_EQ(write(6), 0);
-  set_first_number(4, 0);
+  set_root_numbers(4, 0);
   ASSERT_EQ(write(5), 0);
-  set_first_number(4, INT32_MAX);
+  set_root_numbers(4, INT32_MAX);
   EXPECT_EQ(write(5), -1);
   ::isclose(isfd_);
   EXPECT_EQ(walk_pair(base_).indexes[0].numbers.at(10), 10);
