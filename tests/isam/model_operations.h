@@ -10,36 +10,12 @@
 #include <set>
 #include <utility>
 
+#include "tests/isam/model_faults.h"
 #include "tests/isam/model_shapes.h"
-#include "tests/support/between.h"
 #include "tests/support/isam_model.h"
 #include "tests/support/run_program.h"
 
 namespace testing_support::model {
-
-// Which writes the system refuses.
-enum class Refused { kNone, kOne, kGrowth, kAll };
-inline struct {
-  Refused what = Refused::kNone;
-  int error = 0;
-  unsigned left = 0;                     // writes that are still done
-  int hits = 0;                          // since the last look
-  std::pair<int, off_t> no_room{-1, 0};  // in this call: file and end that one was to lengthen
-} faults;
-
-inline int before_write(const SystemCall& call) {
-  if (call.kind != SystemCall::kWrite) return 0;
-  const bool again = faults.no_room == std::pair{call.fd, call.at} && call.grows();  // or with less
-  const bool meant =
-      faults.what != Refused::kNone && (faults.what != Refused::kGrowth || call.grows());
-  if (!again && (!meant || (faults.left > 0 && faults.left-- > 0))) return 0;
-  if (faults.what == Refused::kOne) {
-    faults.what = Refused::kNone;
-    if (call.grows()) faults.no_room = {call.fd, call.at};
-  }
-  ++faults.hits;
-  return faults.error;
-}
 
 // One pair, the library's calls on it and the model.
 class Operations : protected Chance {
@@ -159,20 +135,6 @@ class Operations : protected Chance {
     return check({result, got.substr(0, record.size())}, {says, record}, "isread", isfd,
                  show(wanted), std::hex, mode);
   }
-
-  // Arrays for one call that reads or writes many records. Without a count nothing else is right.
-  struct Many {
-    explicit Many(std::size_t count) : numbers(count), lengths(count), records(count) {}
-    recordset set(int record_length) {
-      const auto room = static_cast<std::size_t>(record_length);
-      for (Bytes& record : records) buffer += record;
-      return {static_cast<std::int32_t>(records.size()), buffer.data(), records.size() * room,
-              numbers.data(), lengths.data()};
-    }
-    std::vector<std::int32_t> numbers, lengths;
-    std::vector<Bytes> records;
-    Bytes buffer;
-  };
 
   bool read_many(int isfd, int mode, std::size_t count) {
     Many many(count);

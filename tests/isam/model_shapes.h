@@ -119,6 +119,20 @@ inline std::string show(const keydescr& k) {
   return all;
 }
 
+// Arrays for one call that reads or writes many records. Without a count nothing else is right.
+struct Many {
+  explicit Many(std::size_t count) : numbers(count), lengths(count), records(count) {}
+  recordset set(int record_length) {
+    const auto room = static_cast<std::size_t>(record_length);
+    for (Bytes& record : records) buffer += record;
+    return {static_cast<std::int32_t>(records.size()), buffer.data(), records.size() * room,
+            numbers.data(), lengths.data()};
+  }
+  std::vector<std::int32_t> numbers, lengths;
+  std::vector<Bytes> records;
+  Bytes buffer;
+};
+
 // What is drawn by chance.
 class Chance {
  protected:
