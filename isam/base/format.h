@@ -30,6 +30,8 @@ inline constexpr int kDictionaryMagic = 0xFE53;
 inline constexpr int kLockMethod = 8;
 inline constexpr int kRpageClasses = 5;
 inline constexpr int kCollationNameSize = 36;
+inline constexpr int kStampOffset = 41;
+inline constexpr int kStampSize = 4;
 
 struct Dictionary {
   Byte raw[kDictionarySize];
@@ -55,7 +57,7 @@ struct Dictionary {
   [[nodiscard]] std::int32_t d_nextnode() const { return common::ldlong(raw + 37); }
   // The change stamp: raised by every call that changed a page.
   [[nodiscard]] std::uint32_t d_modcount() const {
-    return static_cast<std::uint32_t>(common::ldlong(raw + 41));
+    return static_cast<std::uint32_t>(common::ldlong(raw + kStampOffset));
   }
   // The next unique id.
   [[nodiscard]] std::int32_t d_uniqid() const { return common::ldlong(raw + 45); }
@@ -96,7 +98,7 @@ struct Dictionary {
   void set_d_nextdata(std::int32_t number) { common::stlong(number, raw + 33); }
   void set_d_nextnode(std::int32_t number) { common::stlong(number, raw + 37); }
   void set_d_modcount(std::uint32_t stamp) {
-    common::stlong(static_cast<std::int32_t>(stamp), raw + 41);
+    common::stlong(static_cast<std::int32_t>(stamp), raw + kStampOffset);
   }
   void set_d_uniqid(std::int32_t id) { common::stlong(id, raw + 45); }
   [[nodiscard]] bool d_audits() const { return (raw[49] & 0x80) != 0; }

@@ -1,7 +1,9 @@
 #include "isam/calls/heldback.h"
 
+#include <cerrno>
 #include <utility>
 
+#include "common/io.h"
 #include "isam/calls/call.h"
 #include "isam/files/dictionary.h"
 #include "isam/pool/buffers.h"
@@ -21,6 +23,13 @@ void lose() {
   unwritten.dictionary = filep->call.page_changed = false;
   openp->position.depth = openp->cursor.bt.depth = -1;
   if (dictread() == 0) filep->cached.stamp = openp->stamp = dictp->d_modcount();
+}
+
+// Raises the stamp in the file. The rest of the dictionary copy may be of a change that is refused.
+int write_stamp() {
+  const auto stamp = ConstBytes{dictp->raw}.subspan(kStampOffset, kStampSize);
+  if (common::write_at(filep->index.fd, stamp, kStampOffset) == 0) return 0;
+  return failed_system(errno, Operation::kWrite, FileKind::kIndex);
 }
 
 int append() {
@@ -59,9 +68,9 @@ bool hold_back() {
 int write_held_back() {
   Unwritten& unwritten = filep->unwritten;
   const bool is_raised = std::exchange(unwritten.stamp_lags, false);
-  // The call that goes on raises it further and writes it.
+  // A call that goes on with a change raises it further and writes it.
   const bool is_due = is_raised && (!filep->call.page_changed || iserrno != 0);
-  if (append() == 0 && (!is_due || dictwrite() == 0) && bfwrite_held() == 0) return 0;
+  if (append() == 0 && (!is_due || write_stamp() == 0) && bfwrite_held() == 0) return 0;
   lose();
   return -1;
 }

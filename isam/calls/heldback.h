@@ -7,10 +7,11 @@
 //
 // Keeps   H1 no record is in the file before its image is in the log
 //         H2 the stamp in the file is raised before a call returns that has changed anything: a
-//         copy
-//            that another process may have made before is not used any more (isam/calls/scanahead)
-//         H3 when something cannot be written, none of it is in the file; the call that lets the
-//            file go tells it, and the transaction can only be rolled back
+//            copy that another process may have made before is not used any more
+//            (isam/calls/scanahead)
+//         H3 when something cannot be written, none of it is in the file, and the transaction can
+//            only be rolled back. The sixth call tells it, isflush does, or else the commit. A
+//            commit that finds no room in the log has given nothing up yet
 // Never   holds back what other opens of the process could ask for: another open's call, and each
 //         call that does not say that it can do with it (Entry::holds_on), writes it first
 #pragma once

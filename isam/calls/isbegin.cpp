@@ -256,17 +256,20 @@ int start_call() {
   return failed(kNoLog);
 }
 
-// Ends the transaction by `how`.
-template <typename How>
-int end_transaction(How how) {
+// Ends the transaction by `how`, unless `prepare` fails.
+template <typename Prepare, typename How>
+int end_transaction(Prepare prepare, How how) {
   if (start_call() != 0) return -1;
   if (txflag == kLogging) {
     isstat1 = '9';
     return failed(kNoBegin);
   }
-  isbatch(2);
-  const int result = how();
-  isbatch(2);
+  int result = prepare();
+  if (result == 0) {
+    isbatch(2);
+    result = how();
+    isbatch(2);
+  }
   set_status(result == 0 ? "0000" : "9090");
   return result;
 }
@@ -307,9 +310,11 @@ int begin_call() {
 extern "C" int isbegin(void) { return traced("isbegin", kNoNumber, begin_call); }
 
 extern "C" int iscommit(void) {
-  return traced("iscommit", kNoNumber, [] { return end_transaction(commit); });
+  // What has no room in the log goes on waiting, so that the call can be given again.
+  return traced("iscommit", kNoNumber, [] { return end_transaction(offer_waiting, commit); });
 }
 
 extern "C" int isrollback(void) {
-  return traced("isrollback", kNoNumber, [] { return end_transaction(roll_back); });
+  const auto nothing = [] { return 0; };
+  return traced("isrollback", kNoNumber, [=] { return end_transaction(nothing, roll_back); });
 }

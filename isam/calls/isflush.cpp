@@ -1,7 +1,9 @@
 // isflush: when other processes see what this one has changed.
+#include "isam/base/errors.h"
 #include "isam/calls/call.h"
 #include "isam/calls/process.h"
 #include "isam/calls/traced.h"
+#include "isam/log/logfile.h"
 
 using namespace isam;
 
@@ -12,7 +14,9 @@ static int flush_call(int isfd) {
   if (filep->locks.exclusives > 0) {
     write_and_unmark();
   } else {
-    write_delayed();  // nothing waits: only a failure that nobody has told yet is told
+    // What was held back has been written on entering. Only a failure is left to be told.
+    write_delayed();
+    if (txlog::logstate.lost) failed_unless_set(kLogWrite);
   }
   return call.end();
 }

@@ -23,8 +23,9 @@ LogState logstate;
 
 namespace {
 
-// The longest piece: a record, an opposite that is owed, and up to three short ones.
-constexpr std::int64_t kLongestPiece = 2 * log_record::kGreatest + 512;
+// The longest piece: the records of the six calls that batch mode joins, an opposite that is owed,
+// and up to three short ones.
+constexpr std::int64_t kLongestPiece = 7 * log_record::kGreatest + 512;
 
 // How a record is linked, once it is known where it goes.
 enum class Stamp : std::uint8_t {
@@ -330,8 +331,10 @@ int LogPiece::fail() const {
 
 bool log_waits() { return waits; }
 
+int offer_waiting() { return !waits || append_piece() >= 0 ? 0 : -1; }
+
 int append_waiting() {
-  if (!waits || append_piece() >= 0) return 0;
+  if (offer_waiting() == 0) return 0;
   waits = false;
   if (waiting_lead.begin) logstate.begin = Begin::kPending;
   if (waiting_lead.opens != nullptr) waiting_lead.opens->logged = false;

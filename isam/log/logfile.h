@@ -110,6 +110,8 @@ class LogPiece {
 
 // Whether records wait.
 [[nodiscard]] bool log_waits();
+// Appends what waits: 0, or -1 with 121, and it goes on waiting.
+int offer_waiting();
 // Appends what waits: 0, or -1 with 121, and the log will never have it.
 int append_waiting();
 

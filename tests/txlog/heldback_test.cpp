@@ -1,7 +1,9 @@
 // Rewrites that a transaction holds back in batch mode: when they come to the log and to the file,
 // and what becomes of those that cannot.
+#include <array>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <functional>
 
 #include "common/io.h"
@@ -116,6 +118,52 @@ TEST_F(HeldBack, AreWrittenBeforeAnythingElseIsDone) {
     EXPECT_EQ(::isrollback(), 0);
   }
   EXPECT_EQ(in_file(2), "00");
+}
+
+// A call splits a leaf for its first key and is refused for its second: of the dictionary copy only
+// the stamp is written with what was held back.
+TEST_F(HeldBack, AreWrittenWithoutTheDictionaryOfARefusedCall) {
+  constexpr int kRecords = 60;
+  const auto wide = [](int id, int first, int second, int counter) {
+    std::array<char, 128> text;
+    std::snprintf(text.data(), text.size(), "%04d%0100d%08d%d", id, first, second, counter);
+    return std::string(text.data());
+  };
+  const auto part = [](std::int16_t start, std::int16_t length) {
+    return keydescr{0, 1, {{start, length, KT_CHAR}}, 0, 0};
+  };
+  keydescr id = part(0, 4), first = part(4, 100), second = part(104, 8);
+  const int built = ::isbuild("wide", 113, &id, ISINOUT + ISEXCLLOCK);
+  ASSERT_EQ(::isaddindex(built, &first) + ::isaddindex(built, &second), 0);
+  for (int n = 1; n <= kRecords; ++n) add(built, wide(n, n * 10, n, 0));
+  ::isclose(built);
+  ASSERT_EQ(::islogopen("log"), 0);
+  const int isfd = ::isopen("wide", ISINOUT + ISMANULOCK + ISTRANS);
+  EXPECT_EQ(::isbatch(1) + ::isbegin(), 0);
+  for (int n = 1; n <= 2; ++n) EXPECT_EQ(::isrewrite(isfd, wide(n, n * 10, n, 1).data()), 0);
+  EXPECT_EQ(::isrewrite(isfd, wide(40, 15, 3, 1).data()), -1);
+  EXPECT_EQ(iserrno, ISEDUPLICATE);
+  EXPECT_EQ(::iscommit(), 0);
+  ::iscleanup();
+  EXPECT_EQ(faults("wide"), "");
+  EXPECT_EQ(walk_pair("wide").records.at(2).back(), '1');
+}
+
+// The first end of the transaction finds no room in the log; there is room for the second.
+TEST_F(HeldBack, GoOnWaitingForAnotherCommitOrAreToldByAFlush) {
+  for (const bool flushes : {false, true}) {
+    begin();
+    EXPECT_EQ(count(1), 0);
+    common::system_calls().pwrite = write_or_fail;
+    writes_left = 0;
+    lost_in_a_row = 1;
+    EXPECT_EQ(flushes ? ::isflush(isfd_) : ::iscommit(), -1);
+    EXPECT_EQ(iserrno, ISELOGWRITE);
+    common::system_calls().pwrite = ::pwrite;
+    EXPECT_EQ(::iscommit(), flushes ? -1 : 0);
+    EXPECT_EQ(::isrollback(), flushes ? 0 : -1);
+    EXPECT_EQ(types() + in_file(1), flushes ? "0" : "BW FO UP CW1");
+  }
 }
 
 // What is held back belongs to one process and to one log.
