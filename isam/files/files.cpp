@@ -248,7 +248,6 @@ void forget_opens() {
     if (!is_open(file)) continue;
     file->call.spilled = false;  // or bfdiscard() would refuse
     bfdiscard(*file);
-    file->unwritten.held_count = 0;
     // Another copy of the library may have locks of this process on it by now, which closing the
     // descriptor would take away: it is left open.
     if (another_copy_has(file->index.device, file->index.inode)) file->index.fd = -1;
