@@ -25,10 +25,11 @@ void take_frame(Decoder& decoder) {
 }
 
 void decode_list(Decoder& decoder, const char* entry) {
-  const std::int64_t used = decoder.number(isam::kUsedBytes, "used bytes");
+  const auto used = static_cast<int>(decoder.number(isam::kUsedBytes, "used bytes"));
   decoder.number(4, "next node");
-  while (static_cast<std::int64_t>(decoder.at()) + 4 <= used && decoder.rest().size() > 7) {
-    decoder.number(4, entry);
+  const int end = std::min(used, isam::node_type_offset(filep->geometry.idxsize));
+  while (static_cast<int>(decoder.at()) + isam::kListEntrySize <= end) {
+    decoder.number(isam::kListEntrySize, entry);
   }
   take_frame(decoder);
 }
@@ -142,7 +143,8 @@ std::string state_in_words(isam::Byte state) {
 isam::ConstBytes Decoder::take(std::size_t length, std::string name, std::string value) {
   length = std::min(length, bytes_.size() - at_);
   const isam::ConstBytes taken = bytes_.subspan(at_, length);
-  if (length > 0) pieces_.push_back({at_, length, std::move(name), std::move(value)});
+  has_taken_ = length > 0;
+  if (has_taken_) pieces_.push_back({at_, length, std::move(name), std::move(value)});
   at_ += length;
   return taken;
 }

@@ -33,11 +33,15 @@ class Decoder {
   [[nodiscard]] std::size_t at() const { return at_; }
   [[nodiscard]] isam::ConstBytes rest() const { return bytes_.subspan(at_); }
   [[nodiscard]] std::vector<Piece> pieces() && { return std::move(pieces_); }
-  void mean(std::string value) { pieces_.back().value = std::move(value); }
+  // What the piece that was taken last stands for; nothing where there were no bytes for it.
+  void mean(std::string value) {
+    if (has_taken_) pieces_.back().value = std::move(value);
+  }
 
  private:
   isam::ConstBytes bytes_;
   std::size_t at_ = 0;
+  bool has_taken_ = false;
   std::vector<Piece> pieces_;
 };
 

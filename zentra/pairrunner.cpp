@@ -13,6 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <memory>
 #include <new>
 #include <span>
 
@@ -143,16 +145,19 @@ class Crew {
 
   void wait_for_one() {
     int status = 0;
-    const pid_t ended = ::waitpid(-1, &status, 0);
-    if (ended < 0) return;
+    pid_t ended = 0;
+    while ((ended = ::waitpid(-1, &status, WNOHANG)) == 0) {
+      const auto done = static_cast<std::int64_t>(started_) - at_work_;
+      show_progress("Pairs", done, static_cast<std::int64_t>(workers_.size()), 0);
+      constexpr timespec kPause{0, 2'000'000};
+      ::nanosleep(&kPause, nullptr);
+    }
     for (Worker& worker : workers_) {
       if (worker.process != ended) continue;
       worker.has_ended = true;
       worker.status = status;
       --at_work_;
     }
-    const auto done = static_cast<std::int64_t>(started_) - at_work_;
-    show_progress("Pairs", done, static_cast<std::int64_t>(workers_.size()), 0);
   }
 
   void conclude(std::size_t at) {

@@ -4,7 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -15,6 +15,7 @@
 #include "isam/records/datafile.h"
 #include "isam/records/varlen.h"
 #include "zentra/deep.h"
+#include "zentra/readpair.h"
 
 namespace zentra {
 namespace {
@@ -56,6 +57,14 @@ class StorageCheck {
     if (pieces_.error() != 0) return failed(pieces_.error());
     note("storage.pieces-unused", "piece(s) of variable parts that no record names", unused_);
     note("storage.pieces-surplus", "record(s) with more pieces than their length takes", surplus_);
+    for (const auto& [process, count] : kept_) {
+      collector_.add({.kind = Entry::Kind::kNote,
+                      .code = "transaction.keeps-storage",
+                      .text = fmt::format("storage of {} shortened record(s) kept back by an open "
+                                          "transaction of {}",
+                                          count, process_text(process)),
+                      .fields = {{"found", count}, {"process", std::int64_t{process}}}});
+    }
     isam::clear_errors();  // what cannot be read is found already
   }
 
@@ -95,7 +104,12 @@ class StorageCheck {
       if (!chain.rprwalk()) break;
     }
     isam::clear_errors();
-    if (bytes > length && !is_locked(record)) ++surplus_;
+    if (bytes <= length) return true;
+    if (const auto* lock = isam::find_locked(collector_.locked(), record)) {
+      ++kept_[lock->process];
+    } else {
+      ++surplus_;
+    }
     return true;
   }
 
@@ -189,7 +203,8 @@ class StorageCheck {
   Collector& collector_;
   common::Sorter pieces_;
   const isam::Byte* next_ = nullptr;
-  checker::UsageMap listed_;  // pages on lists
+  checker::UsageMap listed_;            // pages on lists
+  std::map<pid_t, std::int64_t> kept_;  // shortened records that each process keeps whole
   std::int64_t unused_ = 0;
   std::int64_t surplus_ = 0;
 };

@@ -46,12 +46,17 @@ class Ticks {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     ::sigaction(SIGALRM, &action, &before_);
+    sigset_t alarm;
+    ::sigemptyset(&alarm);
+    ::sigaddset(&alarm, SIGALRM);
+    ::sigprocmask(SIG_UNBLOCK, &alarm, &mask_before_);
     set(kTick);
   }
   Ticks(const Ticks&) = delete;
   Ticks& operator=(const Ticks&) = delete;
   ~Ticks() {
     set(Milliseconds(0));
+    ::sigprocmask(SIG_SETMASK, &mask_before_, nullptr);
     ::sigaction(SIGALRM, &before_, nullptr);
   }
 
@@ -63,6 +68,7 @@ class Ticks {
   }
 
   struct sigaction before_ {};
+  sigset_t mask_before_{};
 };
 
 // The process that keeps a shared lock of the range from being taken; 0: not known.
@@ -72,7 +78,9 @@ pid_t holder_of(off_t start, off_t length) {
   return told && lock.l_type != F_UNLCK ? std::max<pid_t>(lock.l_pid, 0) : 0;
 }
 
-bool is_refusal(int error) { return error == EAGAIN || error == EACCES || error == EINTR; }
+bool is_refusal(int error) {
+  return error == EAGAIN || error == EACCES || error == EINTR || error == EDEADLK;
+}
 
 // Who opens the pair exclusively keeps the open lock as long as it is open, so nobody queues for
 // it. The semaphore changes hands at every call: a request that waits in the system gets it

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""zentra check on pairs of all kinds: whether it agrees with kestro, what it answers to locks, odd
+"""zentra on pairs of all kinds: whether its check agrees with kestro, what it answers to locks, odd
 names and command lines, and that its reports are what they claim to be."""
 import argparse
 import collections
@@ -141,6 +141,32 @@ class Check(unittest.TestCase):
         status, lines = check('pair', folder=folder)
         notes = [(line['code'], line['process']) for line in lines if line['type'] == 'note']
         self.assertEqual((status, notes), (0, [('transaction.keeps', os.getpid())]))
+
+    def test_what_a_pair_is_and_its_bytes(self):
+        for name, indexes in ('sound-fixed', 5), ('sound-varying', 2):
+            folder = self.all / name
+            done = run('info', '--json', 'pair', folder=folder)
+            notes = [json.loads(line) for line in done.stdout.splitlines()]
+            self.assertEqual(len([n for n in notes if n.get('code') == 'info.index']), indexes)
+            self.assertTrue(next(n for n in notes if n.get('code') == 'info.files')['together'])
+            size = next(n for n in notes if n.get('code') == 'info.nodes')['node-size']
+            index = (folder / 'pair.idx').read_bytes()
+            for node in range(1, len(index) // size + 1):
+                done = run('show', '--json', 'pair', 'node', str(node), folder=folder)
+                pieces = [json.loads(line) for line in done.stdout.splitlines()]
+                shown = ''.join(p['bytes']['hex'] for p in pieces if 'bytes' in p)
+                self.assertEqual(bytes.fromhex(shown), index[(node - 1) * size:node * size])
+        done = run('show', 'pair', 'record', '1', folder=self.all / 'sound-fixed')
+        self.assertIn(b'part 1 of index 1', done.stdout)
+        self.assertIn(b'present', done.stdout)
+        key = re.search(rb'index 1: "(\w+)"', done.stdout)[1]
+        done = run('show', 'pair', 'key', '1', key, folder=self.all / 'sound-fixed')
+        self.assertIn(b'record 1,', done.stdout)
+        for words, status in ((['record', '0'], 4), (['node', '99999'], 4), (['key', '9', 'x'], 4),
+                              (['record'], 16), (['leaf', '1'], 16)):
+            self.assertEqual(run('show', 'pair', *words, folder=self.folder).returncode, status)
+        for name in 'header-magic', 'index-empty':
+            self.assertEqual(run('show', 'pair', 'dictionary', folder=self.all / name).returncode, 0)
 
     def test_locks(self):
         for place in OPEN_LOCK, SEMAPHORE:
