@@ -120,6 +120,9 @@ void Collector::found(const checker::Finding& finding) {
   Entry entry{.code = checker::text_of(finding.code).code,
               .status = weight_of(finding.code),
               .text = in_words(finding)};
+  // The client may have another locale; but no locale has such a name.
+  const bool no_locale = finding.name.empty() || !is_printable(finding.name);
+  if (finding.code == Code::kOtherCollation && no_locale) entry.status = Status::kNeedsSalvage;
   for (const auto& [number, name] : kNumbers) {
     const std::int64_t value = finding.numbers.*number;
     if (value != checker::kNotCarried) entry.fields.emplace_back(name, value);
