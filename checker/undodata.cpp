@@ -100,4 +100,9 @@ std::optional<UndoData> load_undo_data(const std::string& kept) {
   return parse_undo_data({text.data(), static_cast<std::size_t>(got)});
 }
 
+void remove_undo_data(int fd, const std::string& kept) {
+  ::fremovexattr(fd, kAttribute);
+  common::system_calls().unlink(undo_file_of(kept).c_str());
+}
+
 }  // namespace checker

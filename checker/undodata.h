@@ -48,5 +48,7 @@ struct UndoData {
 // What was noted for the kept index of this path, in the attribute or else in the small file;
 // nothing when neither can be read.
 [[nodiscard]] std::optional<UndoData> load_undo_data(const std::string& kept);
+// Removes both, the attribute from the file that is open as `fd`.
+void remove_undo_data(int fd, const std::string& kept);
 
 }  // namespace checker

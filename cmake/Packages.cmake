@@ -18,8 +18,7 @@ set(CPACK_COMPONENTS_ALL kestro runtime development)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/package_contents.cmake)
 
 # What the binaries need of the system is found out, where that is possible.
 find_program(shlibdeps_program dpkg-shlibdeps)
@@ -43,6 +42,20 @@ transaction log to pairs restored from a copy.")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+# Who links to the library depends on the version that has all that he uses; and the loader's cache
+# learns of it by a trigger. The names are those that the library shows.
+set(control ${PROJECT_BINARY_DIR}/generated/control)
+set(soname libisam.so.${PROJECT_VERSION_MAJOR})
+file(STRINGS ${PROJECT_SOURCE_DIR}/cmake/isam.map names REGEX "^    [a-z0-9]+;")
+list(TRANSFORM names REPLACE "^    ([a-z0-9]+);$" " \\1@Base ${PROJECT_VERSION}")
+list(SORT names)
+string(REPLACE ";" "\n" names "${names}")
+file(WRITE ${control}/symbols "${soname} ${runtime_package} #MINVER#\n${names}\n")
+file(WRITE ${control}/shlibs
+     "libisam ${PROJECT_VERSION_MAJOR} ${runtime_package} (>= ${PROJECT_VERSION})\n")
+file(WRITE ${control}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${control}/symbols ${control}/shlibs
+                                               ${control}/triggers)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "Library of Zentra indexed files
 The shared library that programs using Zentra indexed files run with.")

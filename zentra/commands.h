@@ -23,5 +23,6 @@ struct Command {
 std::function<int()> prepare_check(CLI::App& app);
 std::function<int()> prepare_info(CLI::App& app);
 std::function<int()> prepare_show(CLI::App& app);
+std::function<int()> prepare_undo(CLI::App& app);
 
 }  // namespace zentra

@@ -78,9 +78,12 @@ declared_names() {
       -e 's/^ *extern .*[ *]\([A-Za-z0-9_]*\) *$/\1/p' | sort
 }
 
+# The names that the shared library shows.
+shown_names() { nm -D --defined-only "$libraries/libisam.so" | awk '{ print $3 }' | sort; }
+
 step_symbols() {
   declared_names "$root/include/isam.h" >"$work/declared"
-  nm -D --defined-only "$libraries/libisam.so" | awk '{ print $3 }' | sort >"$work/shown"
+  shown_names >"$work/shown"
   grep -qx isread "$work/declared" || fail "no declarations found in isam.h"
   diff "$work/declared" "$work/shown" || fail "isam.h (<) and libisam.so (>) differ"
 }
@@ -134,20 +137,20 @@ step_static() {
   run_and_compare "${programs[@]}"
 }
 
-# pages SECTION...: the manual pages of these sections as they are installed.
+# pages SECTION...: the manual pages of these sections as they are packaged.
 pages() {
   local section page
   for section in "$@"; do
     for page in "$source_dir"/man/*."$section"; do
       if [ ! -x "$build/zentra" ] && [[ $page == */zentra*.1 ]]; then continue; fi
-      if [ -f "$page" ]; then echo "usr/share/man/man$section/${page##*/}"; fi
+      if [ -f "$page" ]; then echo "usr/share/man/man$section/${page##*/}.gz"; fi
     done
   done
 }
 
-# holds PACKAGE: it has exactly the files that standard input names.
+# holds PACKAGE: it has exactly the files that standard input names, and what every package has.
 holds() {
-  sort >expected
+  { cat && printf 'usr/share/doc/%s\n' "$1"/{copyright,changelog.gz}; } | sort >expected
   dpkg-deb --fsys-tarfile "$1"_*.deb | tar -t | sed -n 's|^\./\(.*[^/]\)$|\1|p' | sort >contents
   diff expected contents || fail "$1: expected (<) and contents (>) differ"
 }
@@ -173,6 +176,11 @@ step_packages() {
     pages 1 5 8
   } | holds kestro
   printf '%s\n' "$lib/$soname" "$lib/$version" | holds "$runtime"
+  mkdir control
+  dpkg-deb --control "$runtime"_*.deb control
+  grep -qx 'activate-noawait ldconfig' control/triggers || fail "$runtime has no trigger"
+  sed -n 's/^ \(.*\)@Base .*/\1/p' control/symbols | sort >named
+  shown_names | diff named - || fail "symbols file (<) and libisam.so (>) differ"
   {
     (cd "$source_dir/include" && printf 'usr/include/%s\n' isam.{h,hpp} isam/*.hpp)
     printf '%s\n' "$lib"/libisam.{a,so} "$lib/pkgconfig/isam.pc"
@@ -190,6 +198,10 @@ step_packages() {
     says "${archive%%_*}" Version "^$version$"
     dpkg-deb --extract "$archive" extracted
   done
+  zcat extracted/usr/share/man/man3/isread.3.gz | grep -q '^\.SH NAME' || fail "isread(3)"
+  if type -t lintian >/dev/null; then
+    lintian --fail-on error --allow-root ./*.deb >lintian.log || fail "$(grep '^E' lintian.log)"
+  fi
   if grep -rl "$source_dir/" extracted; then fail "these name the source folder"; fi
 }
 

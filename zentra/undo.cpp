@@ -1,0 +1,263 @@
+// zentra undo: puts the index of before the last repair back.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "checker/interrupt.h"
+#include "checker/obstacle.h"
+#include "checker/temporaryfile.h"
+#include "checker/undodata.h"
+#include "common/holders.h"
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/files/files.h"
+#include "isam/files/locks.h"
+#include "isam/files/watching.h"
+#include "zentra/commands.h"
+#include "zentra/pairnames.h"
+#include "zentra/pairrunner.h"
+#include "zentra/readpair.h"
+#include "zentra/text.h"
+
+namespace zentra {
+namespace {
+
+using checker::UndoData;
+using isam::filep;
+
+constexpr char kBefore[] = ".before";
+constexpr isam::Byte kNoMagic[2] = {};  // nobody takes the file for an index any more
+
+struct UndoOptions {
+  bool json = false;
+  bool force = false;
+  std::string name;
+};
+
+// Why nothing was done.
+struct Refusal {
+  Status status;
+  std::string why;
+};
+
+Refusal by_errno(const std::string& what) {
+  return {Status::kUnfinished, fmt::format("{}: {}", shown(what), std::strerror(errno))};
+}
+
+// A pair that no other process has open, as a repair has it; the locks go with its end.
+class OwnPair {
+ public:
+  OwnPair() = default;
+  OwnPair(const OwnPair&) = delete;
+  OwnPair& operator=(const OwnPair&) = delete;
+  ~OwnPair() {
+    if (is_open_) isam::freeopen(*isam::openp);
+    isam::clear_errors();
+  }
+
+  std::optional<Refusal> open(const std::string& name) {
+    isam::clear_errors();
+    for (const std::string& path : {isam::mkidxname(name), isam::mkdatname(name)}) {
+      struct stat status {};
+      if (common::system_calls().stat(path.c_str(), &status) != 0) return by_errno(path);
+      if (!S_ISREG(status.st_mode)) {
+        return Refusal{Status::kNeedsSalvage, fmt::format("{} is no file", shown(path))};
+      }
+    }
+    isam::Open* const open = isam::allocopen();
+    if (open == nullptr) return by_code();
+    open->file = isam::allocfile(name, ISINOUT, isam::IndexAccess::kToWrite);
+    if (open->file == nullptr) {
+      isam::freeopen(*open);
+      return by_code();
+    }
+    open->mode = ISINOUT + ISEXCLLOCK;
+    open->file->mark.state = isam::MarkState::kUnneeded;
+    isam::make_current(*open);
+    is_open_ = true;
+    if (isam::lksemaphore(isam::Semaphore::kExclusive) != 0) return by_code();
+    return isam::lkopenlock(ISEXCLLOCK) != 0 ? by_code() : std::nullopt;
+  }
+
+ private:
+  std::optional<Refusal> by_code() const {
+    const std::int32_t code = iserrno;
+    if (code != isam::kFileInUse) return Refusal{Status::kUnfinished, error_text(code)};
+    const std::vector<pid_t> processes = is_open_ ? isam::open_by() : std::vector<pid_t>{};
+    return Refusal{Status::kInUse,
+                   "in use by " + process_text(processes.empty() ? 0 : processes.front())};
+  }
+
+  bool is_open_ = false;
+};
+
+// The number of a kept index by what its name has behind the index's: 1 for ".before"; 0 for none.
+int number_of(std::string_view rest) {
+  if (!rest.starts_with(kBefore)) return 0;
+  rest.remove_prefix(std::strlen(kBefore));
+  if (rest.empty()) return 1;
+  int number = 0;
+  const auto [end, error] = std::from_chars(rest.data() + 1, rest.data() + rest.size(), number);
+  const bool whole = rest[0] == '.' && error == std::errc{} && end == rest.data() + rest.size();
+  return whole && number > 1 ? number : 0;
+}
+
+// The kept index of an index that was written last; of two of one time the higher number. Empty
+// when there is none.
+std::string newest_kept(const std::string& index) {
+  const std::string folder = checker::folder_of(index);
+  const std::string file = index.substr(index.rfind('/') + 1);
+  std::string newest;
+  std::pair<std::filesystem::file_time_type, int> age{};
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+    const std::string name = entry.path().filename().string();
+    const int number = name.starts_with(file) ? number_of(name.substr(file.size())) : 0;
+    if (number == 0 || !entry.is_regular_file(error)) continue;
+    const std::pair its_age{entry.last_write_time(error), number};
+    if (!newest.empty() && its_age < age) continue;
+    newest = entry.path().string();
+    age = its_age;
+  }
+  return newest;
+}
+
+// What is not as the repair has left it; empty when all is.
+std::string what_changed(const UndoData& noted, const UndoData& now) {
+  if (!(now.repaired == noted.repaired)) return "the index has changed since the repair";
+  if (!(now.data == noted.data)) return "the data file has changed since the repair";
+  // The copy has a time of its own.
+  UndoData::Index kept = now.kept;
+  kept.file.changed = noted.kept.file.changed;
+  return kept == noted.kept ? "" : "the kept index has changed since the repair";
+}
+
+class Undoing {
+ public:
+  explicit Undoing(bool force) : force_(force) {}
+
+  [[nodiscard]] const std::string& kept() const { return kept_; }
+
+  // Does it all, or nothing.
+  std::optional<Refusal> run(const std::string& name) {
+    OwnPair pair;
+    if (auto refusal = pair.open(name)) return refusal;
+    index_ = checker::real_path(isam::mkidxname(name));
+    if (auto refusal = look()) return refusal;
+    return exchange();
+  }
+
+ private:
+  // Whether it may and can be done.
+  std::optional<Refusal> look() {
+    kept_ = newest_kept(index_);
+    if (kept_.empty()) {
+      return Refusal{
+          Status::kUnfinished,
+          fmt::format("no index of before is kept: there is no {}{}", shown(index_), kBefore)};
+    }
+    kept_fd_ = common::FileHold{common::open_file(kept_.c_str(), O_RDWR)};
+    if (!kept_fd_) return by_errno(kept_);
+    noted_ = checker::load_undo_data(kept_);
+    UndoData now;
+    if (checker::describe(filep->index.fd, now.repaired) != 0 ||
+        checker::describe(filep->data.fd, now.data) != 0 ||
+        checker::describe(kept_fd_.get(), now.kept) != 0) {
+      return by_errno(index_);
+    }
+    const std::string changed =
+        noted_ ? what_changed(*noted_, now) : "nothing tells how the repair left the pair";
+    if (!changed.empty() && !force_) {
+      return Refusal{Status::kUnfinished, changed + "; --force puts the kept index back anyway"};
+    }
+    if (const int error = checker::obstacle(filep->index.fd, index_); error != 0) {
+      errno = error;
+      return by_errno(index_);
+    }
+    return std::nullopt;
+  }
+
+  // Puts the kept index in the place of the other, in one step.
+  std::optional<Refusal> exchange() {
+    const auto& calls = common::system_calls();
+    if (calls.fsync(kept_fd_.get()) != 0) return by_errno(kept_);
+    const checker::SignalBlock block;
+    struct stat named {};
+    if (calls.stat(index_.c_str(), &named) != 0) return by_errno(index_);
+    if (named.st_dev != filep->index.device || named.st_ino != filep->index.inode) {
+      return Refusal{Status::kUnfinished, "the index was replaced by another file meanwhile"};
+    }
+    if (calls.rename(kept_.c_str(), index_.c_str()) != 0) return by_errno(kept_);
+    // Who has opened the repaired index and waits for its locks does not go on with it.
+    static_cast<void>(common::write_at(filep->index.fd, kNoMagic, 0));
+    tidy_up();
+    return std::nullopt;
+  }
+
+  // The file is an index again, with its time of before: the repair before may be undone, too.
+  // Nothing depends on it otherwise.
+  void tidy_up() {
+    checker::remove_undo_data(kept_fd_.get(), kept_);
+    if (noted_) {
+      const timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, noted_->kept.file.changed};
+      ::futimens(kept_fd_.get(), times);
+    }
+    const common::FileHold folder{
+        common::open_file(checker::folder_of(index_).c_str(), O_RDONLY | O_DIRECTORY)};
+    if (folder) common::system_calls().fsync(folder.get());
+  }
+
+  bool force_;
+  std::string index_;  // the file itself, past symbolic links
+  std::string kept_;
+  common::FileHold kept_fd_;
+  std::optional<UndoData> noted_;
+};
+
+Outcome undo(const UndoOptions& options, const std::string& name, Report& report) {
+  Undoing undoing{options.force};
+  Fields fields;
+  if (const auto refusal = undoing.run(name)) {
+    report.pair_ends(refusal->status, "nothing is undone: " + refusal->why, fields);
+    return {.status = refusal->status};
+  }
+  fields.emplace_back("kept", FileBytes{.bytes = undoing.kept()});
+  report.pair_ends(Status::kSound, "the index is that of before the last repair", fields);
+  return {.status = Status::kSound};
+}
+
+}  // namespace
+
+std::function<int()> prepare_undo(CLI::App& app) {
+  const auto options = std::make_shared<UndoOptions>();
+  app.add_flag("--force", options->force, "also when something has changed since the repair");
+  app.add_flag("--json", options->json, "report as JSON, one object a line");
+  app.add_option("PAIR", options->name, "base name, or either file of the pair")
+      ->required()
+      ->type_name("");
+  return [options] {
+    return run_pairs({.command = "undo",
+                      .json = options->json,
+                      .jobs = 1,
+                      .pairs = pairs_named({options->name}),
+                      .work = [&](const std::string& name, Report& report) {
+                        return undo(*options, name, report);
+                      }});
+  };
+}
+
+}  // namespace zentra
