@@ -68,9 +68,10 @@ class Range {
     return range;
   }
 
-  // Reads so many records in one call, which costs a small part of as many calls. It is asked for,
-  // since the loop may notice: it sees records as they were when the first of them was read, the
-  // position is that of the last of them, and with Locking::kAutomatic none but that one is locked.
+  // Reads so many records in one call, in two thirds of the instructions of single steps (which are
+  // answered from copies, too). It is asked for, since the loop may notice: it sees records as they
+  // were when the first of them was read, the position is that of the last of them, and with
+  // Locking::kAutomatic none but that one is locked.
   [[nodiscard]] Range bulk(int records) const {
     if (records < 1) throw std::invalid_argument("zentra: so many records cannot be read");
     Range range = *this;

@@ -9,6 +9,7 @@
 #include "isam/pool/buffers.h"
 #include "isam/pool/extent.h"
 #include "isam/pool/mark.h"
+#include "isam/pool/nodechain.h"
 #include "isam/records/datafile.h"
 
 namespace isam {
@@ -43,6 +44,24 @@ void cut_back(int fd, std::int64_t used, std::int64_t written, std::int64_t size
   if (written <= used) return;
   static_cast<void>(common::write_zeros(fd, used, std::min(written, size)));
   if (written > size) common::cut_file(fd, size);
+}
+
+// Of the list of free records only the head may be without entries: where others come before an
+// empty one, that is passed over and becomes a free node. 0, or -1 with iserrno.
+int pass_empty_head(std::int32_t& head, const std::vector<bool>& seen,
+                    std::vector<std::int32_t>& free_nodes) {
+  if (head == 0) return 0;
+  NodeChain<AnyNode> chain{head, {}};
+  const bool elsewhere =
+      static_cast<std::size_t>(head) >= seen.size() || seen[static_cast<std::size_t>(head)];
+  const PageHold page = elsewhere ? PageHold{} : chain.read();
+  if (!page) return failed_unless_set(kCorrupted);
+  if (page.node_type() != kServiceNode || page.level() != kFreeLevel) return failed(kCorrupted);
+  if (page.used() != kEntriesOffset) return 0;
+  free_nodes.push_back(head);
+  chain.follow(page);
+  head = chain.node();
+  return 0;
 }
 
 }  // namespace
@@ -149,8 +168,10 @@ int BulkLoad::list_free(const Refusals& refusals, std::span<const std::int32_t> 
     refused = refused.first(refused.size() - 1);
   }
   after.set_d_nextdata(last);
-  const std::int32_t nodes = nodes_.write_list(FreeList::kNodes, old_nodes);
-  const std::int32_t numbers = nodes_.write_list(FreeList::kRecords, refused);
+  std::int32_t listed = dictp->d_freedata();
+  if (!refused.empty() && pass_empty_head(listed, seen, old_nodes) != 0) return -1;
+  const std::int32_t nodes = nodes_.write_list(FreeList::kNodes, old_nodes, dictp->d_freenode());
+  const std::int32_t numbers = nodes_.write_list(FreeList::kRecords, refused, listed);
   if (nodes < 0 || numbers < 0 || storage_.finish(after) != 0) return -1;
   after.set_d_freenode(nodes);
   after.set_d_freedata(numbers);

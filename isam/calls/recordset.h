@@ -13,8 +13,9 @@ inline int check_set(const recordset* set, bool needs_lengths) {
   const bool there = set != nullptr && set->count > 0 && set->records != nullptr &&
                      set->numbers != nullptr && (set->lengths != nullptr || !needs_lengths);
   const auto room = static_cast<std::size_t>(filep->geometry.maxreclen);
-  return there && static_cast<std::size_t>(set->count) <= set->size / room ? 0
-                                                                           : failed(kBadArgument);
+  if (there && static_cast<std::size_t>(set->count) <= set->size / room) return 0;
+  failed(kBadArgument);
+  return -1;
 }
 
 inline Byte* place_of(const recordset& set, int index) {

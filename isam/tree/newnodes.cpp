@@ -66,9 +66,9 @@ void NewNodes::rewind() {
   kept_back_.clear();
 }
 
-std::int32_t NewNodes::write_list(FreeList list, std::span<const std::int32_t> numbers) {
+std::int32_t NewNodes::write_list(FreeList list, std::span<const std::int32_t> numbers,
+                                  std::int32_t head) {
   const bool nodes = list == FreeList::kNodes;
-  std::int32_t head = nodes ? dictp->d_freenode() : dictp->d_freedata();
   const auto most = static_cast<std::size_t>(list_entries(filep->geometry.idxsize));
   while (!numbers.empty()) {
     const auto some = numbers.last(std::min(numbers.size(), most));

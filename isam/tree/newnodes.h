@@ -34,9 +34,10 @@ class NewNodes final : public TreeNodes {
   [[nodiscard]] std::int32_t take() override;
   [[nodiscard]] int write(std::int32_t node, Byte level, ConstBytes items) override;
   [[nodiscard]] int write_page(std::int32_t node, const Page& page);
-  // Lists the numbers as free in new nodes, before those of the list so far: the list's new head,
-  // or -1 with iserrno.
-  [[nodiscard]] std::int32_t write_list(FreeList list, std::span<const std::int32_t> numbers);
+  // Lists the numbers as free in new nodes, before the list's `head` so far: the new head, or -1
+  // with iserrno.
+  [[nodiscard]] std::int32_t write_list(FreeList list, std::span<const std::int32_t> numbers,
+                                        std::int32_t head);
   // Writes what is still in memory: 0, or -1 with iserrno.
   [[nodiscard]] int flush();
   // The nodes taken from now on may be taken once more: rewind() begins again at the first of them.

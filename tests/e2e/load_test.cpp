@@ -21,8 +21,8 @@ std::vector<Row> rows(int count, int ids, unsigned seed) {
   const auto below = [&](int limit) {
     return static_cast<int>(random() % static_cast<unsigned>(limit));
   };
-  std::vector<Row> made;
-  for (int n = 0; n < count; ++n) made.push_back({below(ids), below(9), below(ids)});
+  std::vector<Row> made(static_cast<std::size_t>(count));
+  for (Row& row : made) row = {below(ids), below(9), below(ids)};
   return made;
 }
 
@@ -151,8 +151,9 @@ TEST_P(Loads, LeaveThePairThatSingleWritesLeaveAndTellWhatIsRefused) {
                 std::vector<std::int32_t> refused, numbers;
                 EXPECT_EQ(load(bulk, all, &refused, &numbers),
                           static_cast<int>(not_written.size()));
-                std::vector<std::int32_t> wanted;
-                for (const std::size_t n : not_written) wanted.push_back(numbers[n]);
+                std::vector<std::int32_t> wanted(not_written.size());
+                std::ranges::transform(not_written, wanted.begin(),
+                                       [&](std::size_t n) { return numbers[n]; });
                 EXPECT_EQ(refused, wanted);
                 EXPECT_TRUE(same(seen(single), seen(bulk)));
                 // Nothing is left to be written, but for storage that refused records give up.

@@ -176,6 +176,9 @@ class Operations : protected Chance {
     faults.what = Refused::kNone;
     if (lost_ != Known::kNo) return;
     Many many = many_new(count);
+    for (unsigned twice = any(4); twice > 0; --twice) {
+      many.records[any(count)] = many.records[any(count)];
+    }
     Many said = many;
     recordset all = many.set(shape_.maximum);
     std::vector<std::int32_t> left_out(count), wanted;

@@ -121,7 +121,12 @@ class Script final : public Operations {
     set_variables();
     // Where reads are a test's own, no file is mapped.
     if (one_in(300)) std::swap(common::system_calls().pread, other_pread_);
-    if (pick < write && one_in(60)) return load(isfd, 1 + any(one_in(4) ? 400 : 20));
+    if (pick < write && one_in(60)) {
+      for (int& other : opens_) {
+        if (&other != &opens_[slot] && model_.is_alone()) close(other);
+      }
+      return load(isfd, 1 + any(one_in(4) ? 400 : 20));
+    }
     if (pick < write && one_in(12)) return write_many(isfd, any(one_in(6) ? 120 : 7));
     if (pick < erase) return change(isfd, pick < write ? among({0, 0, 1}) : among({5, 6, 6, 7}));
     pick = any(100);
