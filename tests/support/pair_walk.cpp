@@ -261,8 +261,13 @@ class Walker {
         const bool cuts = (index.flags & kTCompress) != 0;
         const int stored = cuts ? extent(key) : index.width;
         const int most = std::min(lent, cuts ? stored : stored - 1);
-        const auto shared = std::mismatch(key.begin(), key.begin() + most, before.begin()).first;
-        const bool leads = (index.flags & kLCompress) == 0 || lead == shared - key.begin();
+        const auto differs = std::mismatch(key.begin(), key.begin() + most, before.begin()).first;
+        const int shared = static_cast<int>(differs - key.begin());
+        // Of an item that repeated its key the next one takes no trailing blanks. That stays so
+        // when the item whose key it repeated goes.
+        const bool leads =
+            (index.flags & kLCompress) == 0 || lead == shared ||
+            ((index.flags & kDCompress) != 0 && lead == std::min(shared, extent(before)));
         tidy = tidy && leads && lead + kept == stored;
         lent = stored;
       } else {
