@@ -368,8 +368,9 @@ int isloadbegin(int isfd);
 
 /* Takes records, arrays as for iswritemany(), and fills in numbers: they follow the highest number
  * in use, no freed one is used again. How many were taken: fewer than set->count where one has a
- * wrong length. -1 with ISENOBEGIN without isloadbegin(), ISEARGUMENT; with any other code the load
- * is over, and nothing is left of it. */
+ * wrong length. -1 with ISENOTOPEN, ISENOBEGIN without isloadbegin(), ISEARGUMENT, ISEINUSE
+ * (changes would be logged or part of a transaction), ISEAUDIT; with any other code the load is
+ * over, and nothing is left of it. */
 int isload(int isfd, struct recordset* set);
 
 /* Adds the records to the file, all but those that iswrite() would refuse with ISEDUPLICATE after

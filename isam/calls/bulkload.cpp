@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include "common/io.h"
 #include "isam/base/errors.h"
+#include "isam/calls/call.h"
 #include "isam/files/dictionary.h"
 #include "isam/pool/buffers.h"
 #include "isam/pool/extent.h"
@@ -39,16 +41,18 @@ int read(FileKind kind, Bytes to, std::int64_t offset) {
 }
 
 // A file gets its size back. Where it was longer than its dictionary told, zero bytes stand there
-// again: whatever they were, nobody had a use for them.
-void cut_back(int fd, std::int64_t used, std::int64_t written, std::int64_t size) {
-  if (written <= used) return;
-  static_cast<void>(common::write_zeros(fd, used, std::min(written, size)));
-  if (written > size) common::cut_file(fd, size);
+// again: whatever they were, nobody had a use for them. 0, or -1 with errno.
+int cut_back(PairFile& file, std::int64_t used, std::int64_t written, std::int64_t size) {
+  if (written <= used) return 0;
+  int result = common::write_zeros(file.fd, used, std::min(written, size));
+  if (written > size && common::cut_file(file.fd, size) != 0) result = -1;
+  file.map.cut(size);
+  return result;
 }
 
-// Of the list of free records only the head may be without entries: where others come before an
-// empty one, that is passed over and becomes a free node. 0, or -1 with iserrno.
-int pass_empty_head(std::int32_t& head, const std::vector<bool>& seen,
+// Only the head of a free list, whose nodes are of a type, may be without entries: where others
+// come before an empty one, that is passed over and becomes a free node. 0, or -1 with iserrno.
+int pass_empty_head(Byte type, std::int32_t& head, const std::vector<bool>& seen,
                     std::vector<std::int32_t>& free_nodes) {
   if (head == 0) return 0;
   NodeChain<AnyNode> chain{head, {}};
@@ -56,7 +60,7 @@ int pass_empty_head(std::int32_t& head, const std::vector<bool>& seen,
       static_cast<std::size_t>(head) >= seen.size() || seen[static_cast<std::size_t>(head)];
   const PageHold page = elsewhere ? PageHold{} : chain.read();
   if (!page) return failed_unless_set(kCorrupted);
-  if (page.node_type() != kServiceNode || page.level() != kFreeLevel) return failed(kCorrupted);
+  if (page.node_type() != type || page.level() != kFreeLevel) return failed(kCorrupted);
   if (page.used() != kEntriesOffset) return 0;
   free_nodes.push_back(head);
   chain.follow(page);
@@ -74,7 +78,8 @@ BulkLoad::BulkLoad(const Open& open, const Keys& keys)
   std::ranges::copy_if(keys, std::back_inserter(keys_),
                        [](const keydescr& k) { return k.nparts > 0; });
   for (const keydescr& k : keys_) loads_.emplace_back(k, static_cast<int>(keys_.size()));
-  slots_.reserve(kSlotsAtOnce + static_cast<std::size_t>(slot_size()));
+  // With what fills the last block.
+  slots_.reserve(kSlotsAtOnce + static_cast<std::size_t>(slot_size()) + kPageSize);
 }
 
 int BulkLoad::begin() {
@@ -88,7 +93,8 @@ int BulkLoad::begin() {
   const bool whole = dictp->d_nextdata() >= 0 && dictp->d_nextnode() > 0 &&
                      offset_of(first_) <= data_size_ &&
                      std::int64_t{dictp->d_nextnode()} * node_size() <= index_size_;
-  return whole ? 0 : failed(kCorrupted);
+  if (!whole) return failed(kCorrupted);
+  return filep->geometry.varlen ? nodes_.begin_unfinished(index_size_) : 0;
 }
 
 std::int32_t BulkLoad::add(ConstBytes record) {
@@ -168,9 +174,14 @@ int BulkLoad::list_free(const Refusals& refusals, std::span<const std::int32_t> 
     refused = refused.first(refused.size() - 1);
   }
   after.set_d_nextdata(last);
+  if (filep->geometry.varlen) old_nodes.push_back(nodes_.first());
   std::int32_t listed = dictp->d_freedata();
-  if (!refused.empty() && pass_empty_head(listed, seen, old_nodes) != 0) return -1;
-  const std::int32_t nodes = nodes_.write_list(FreeList::kNodes, old_nodes, dictp->d_freenode());
+  std::int32_t free_node = dictp->d_freenode();
+  if (!refused.empty() && pass_empty_head(kServiceNode, listed, seen, old_nodes) != 0) return -1;
+  if (!old_nodes.empty() && pass_empty_head(kIndexFreeNode, free_node, seen, old_nodes) != 0) {
+    return -1;
+  }
+  const std::int32_t nodes = nodes_.write_list(FreeList::kNodes, old_nodes, free_node);
   const std::int32_t numbers = nodes_.write_list(FreeList::kRecords, refused, listed);
   if (nodes < 0 || numbers < 0 || storage_.finish(after) != 0) return -1;
   after.set_d_freenode(nodes);
@@ -187,24 +198,34 @@ int BulkLoad::finish(std::vector<std::int32_t>& refused) {
     if (refusals.has(number)) refused.push_back(number);
   }
   if (refused.size() == static_cast<std::size_t>(count_)) {
-    take_back();
+    static_cast<void>(take_back());
     return 0;
   }
   Dictionary after = *dictp;
   if (list_free(refusals, refused, after) != 0) return -1;
   after.set_d_modcount(filep->cached.stamp + 1);
   if (commit(after, refusals) != 0) return -1;
-  if (filep->geometry.varlen) free_storage(refused);
+  if (filep->geometry.varlen && !refused.empty()) free_storage(refused);
   return 0;
 }
 
 // What refused records have in storage pages, as a deletion does. What fails is told as a late
-// write that failed is: the records are added all the same.
-void BulkLoad::free_storage(std::span<const std::int32_t> refused) const {
+// write that failed is: the records are added all the same. Then the mark goes.
+void BulkLoad::free_storage(std::span<const std::int32_t> refused) {
   const KeepError keep;
+  const auto free_one = [](std::int32_t number) {
+    try {
+      return datadelete(number);
+    } catch (const std::bad_alloc&) {
+      return failed(kNoMemory);
+    }
+  };
   for (const std::int32_t number : refused) {
-    if (datadelete(number) != 0) bfnote_failure(*filep);
+    if (free_one(number) != 0) bfnote_failure(*filep);
   }
+  filep->call.page_changed = false;  // what changed has the stamp of the load
+  iserrno = 0;
+  if (write_and_unmark() != 0) bfnote_failure(*filep);
 }
 
 // Slots from `number` on become present, those of refused records are cleared. But what they have
@@ -225,14 +246,13 @@ int BulkLoad::set_states(std::int32_t number, Bytes slots, const Refusals& refus
   return 0;
 }
 
-// What has not been written yet is written once, present.
-int BulkLoad::make_present(std::int32_t last, const Refusals& refusals) {
+// What has not been written yet is written once, present. Slots go through `room`.
+int BulkLoad::make_present(std::int32_t last, const Refusals& refusals, Bytes room) {
   const auto size = static_cast<std::size_t>(slot_size());
-  std::vector<Byte> some;
   for (std::int32_t number = first_; number < slots_begin_;) {
     const auto left = static_cast<std::size_t>(slots_begin_ - number);
-    const std::size_t count = std::clamp<std::size_t>(kSlotsAtOnce / size, 1, left);
-    some.resize(count * size);
+    const std::size_t count = std::min(room.size() / size, left);
+    const Bytes some = room.first(count * size);
     if (read(FileKind::kData, some, offset_of(number)) != 0) return -1;
     if (set_states(number, some, refusals) != 0) return -1;
     if (write(FileKind::kData, some, offset_of(number)) != 0) return -1;
@@ -245,12 +265,16 @@ int BulkLoad::make_present(std::int32_t last, const Refusals& refusals) {
   // With variable length free_storage() still reads the slots behind the last record.
   if (filep->geometry.varlen) return 0;
   const std::int64_t needed = std::max(data_size_, end_of_slot(last));
-  if (data_written_ > needed) common::cut_file(filep->data.fd, needed);
+  if (data_written_ > needed && common::cut_file(filep->data.fd, needed) == 0) {
+    filep->data.map.cut(needed);
+  }
   return 0;
 }
 
-int BulkLoad::write_last(const Dictionary& after, const Refusals& refusals) {
-  if (set_mark(*filep) != 0 || make_present(after.d_nextdata(), refusals) != 0) return -1;
+int BulkLoad::write_last(const Dictionary& after, const Refusals& refusals, Bytes room) {
+  if (set_mark(*filep) != 0) return -1;
+  if (filep->geometry.varlen && nodes_.end_unfinished() != 0) return -1;
+  if (make_present(after.d_nextdata(), refusals, room) != 0) return -1;
   for (const NewNodes::KeptBack& root : nodes_.kept_back()) {
     const ConstBytes page{root.page.data(), static_cast<std::size_t>(node_size())};
     if (write(FileKind::kIndex, page, std::int64_t{root.node - 1} * node_size()) != 0) return -1;
@@ -263,6 +287,9 @@ int BulkLoad::write_last(const Dictionary& after, const Refusals& refusals) {
 int BulkLoad::commit(const Dictionary& after, const Refusals& refusals) {
   const auto size = static_cast<std::size_t>(node_size());
   std::vector<Byte> roots(nodes_.kept_back().size() * size);
+  // Once the mark is set nothing asks for memory.
+  const auto slot = static_cast<std::size_t>(slot_size());
+  std::vector<Byte> room(std::max<std::size_t>(kSlotsAtOnce / slot, 1) * slot);
   Bytes to = roots;
   for (const NewNodes::KeptBack& root : nodes_.kept_back()) {
     if (read(FileKind::kIndex, to.first(size), std::int64_t{root.node - 1} * node_size()) != 0) {
@@ -270,7 +297,8 @@ int BulkLoad::commit(const Dictionary& after, const Refusals& refusals) {
     }
     to = to.subspan(size);
   }
-  if (write_last(after, refusals) == 0) {
+  if (write_last(after, refusals, room) == 0) {
+    committed_ = true;
     *dictp = after;
     filep->cached.stamp = after.d_modcount();
     filep->unwritten.dictionary = false;
@@ -286,22 +314,24 @@ int BulkLoad::commit(const Dictionary& after, const Refusals& refusals) {
     from = from.subspan(size);
   }
   // The mark stays where the pair is not as it was.
-  if (result != 0 || clear_mark(*filep) != 0) bfnote_failure(*filep);
+  if ((take_back() | result) != 0 || clear_mark(*filep) != 0) bfnote_failure(*filep);
   return -1;
 }
 
-void BulkLoad::take_back() {
+int BulkLoad::take_back() {
+  if (committed_) return 0;
   const KeepError keep;
-  cut_back(filep->data.fd, offset_of(first_), data_written_, data_size_);
-  cut_back(filep->index.fd, std::int64_t{dictp->d_nextnode()} * node_size(),
-           std::int64_t{nodes_.last_written()} * node_size(), index_size_);
+  int result = cut_back(filep->data, offset_of(first_), data_written_, data_size_);
+  result |= cut_back(filep->index, std::int64_t{dictp->d_nextnode()} * node_size(),
+                     std::int64_t{nodes_.last_written()} * node_size(), index_size_);
   bfignor(*filep);  // a block read meanwhile may hold slots of the load
+  return result;
 }
 
 void drop_load(const Open& open) {
   OpenPair& file = *open.file;
   if (file.load == nullptr || !file.load->belongs_to(open)) return;
-  file.load->take_back();
+  static_cast<void>(file.load->take_back());
   file.load.reset();
 }
 

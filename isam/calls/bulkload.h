@@ -37,8 +37,8 @@ class BulkLoad {
   // Adds the records to the pair, and tells which of them are refused: 0, or -1 with iserrno, and
   // all is to be taken back.
   [[nodiscard]] int finish(std::vector<std::int32_t>& refused);
-  // Cuts off what was written.
-  void take_back();
+  // Cuts off what was written, unless finish() has made it part of the pair: 0, or -1.
+  int take_back();
 
  private:
   [[nodiscard]] std::int32_t next_number() const { return first_ + count_; }
@@ -48,10 +48,10 @@ class BulkLoad {
   [[nodiscard]] int list_free(const Refusals& refusals, std::span<const std::int32_t> refused,
                               Dictionary& after);
   [[nodiscard]] int commit(const Dictionary& after, const Refusals& refusals);
-  [[nodiscard]] int write_last(const Dictionary& after, const Refusals& refusals);
-  [[nodiscard]] int make_present(std::int32_t last, const Refusals& refusals);
+  [[nodiscard]] int write_last(const Dictionary& after, const Refusals& refusals, Bytes room);
+  [[nodiscard]] int make_present(std::int32_t last, const Refusals& refusals, Bytes room);
   [[nodiscard]] int set_states(std::int32_t number, Bytes slots, const Refusals& refusals);
-  void free_storage(std::span<const std::int32_t> refused) const;
+  static void free_storage(std::span<const std::int32_t> refused);
 
   const Open* open_;
   Keys keys_;  // those with parts
@@ -68,6 +68,7 @@ class BulkLoad {
   std::vector<Byte> slots_;        // not written yet
   std::int32_t slots_begin_;       // number of the first of them
   std::int64_t data_written_ = 0;  // up to here at the most
+  bool committed_ = false;
 };
 
 // Takes back the load that an open has under way, if any, before the open goes.

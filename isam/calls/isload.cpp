@@ -8,6 +8,7 @@
 #include "isam/calls/recordcalls.h"
 #include "isam/calls/recordset.h"
 #include "isam/calls/traced.h"
+#include "isam/calls/transactions.h"
 #include "isam/keys/keytable.h"
 #include "isam/log/logfile.h"
 #include "isam/tree/btree.h"
@@ -25,7 +26,8 @@ int check_no_trace() {
 
 int begin_load() {
   if ((openp->mode & ISEXCLLOCK) == 0) return failed(kNotExclusive);
-  if (filep->usecount > 1 || filep->load != nullptr || openp->transaction.undoable) {
+  if (filep->usecount > 1 || filep->load != nullptr || openp->transaction.undoable ||
+      txlog::owes_storage(*openp)) {
     return failed(kFileInUse);
   }
   if (check_no_trace() != 0) return -1;
@@ -77,11 +79,15 @@ int end_load(BulkLoad& load, std::int32_t* numbers, std::int32_t room) {
   return static_cast<int>(refused.size());
 }
 
-// Enters for a part of a load; the result is the body's, or -1 where entering or leaving fails.
+// Enters for a part of a load; the result is the body's, or -1 where entering fails, which ends the
+// load of an open that may write.
 template <typename Body>
 int load_call(int isfd, Body body) {
   Call call{isfd, kLoading};
-  if (!call) return refused_access('8');
+  if (!call) {
+    if (iserrno != kNotOpen) drop_load(*openp);
+    return refused_access('8');
+  }
   const int result = body();
   static_cast<void>(call.end());
   return result;

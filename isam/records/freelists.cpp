@@ -11,6 +11,7 @@
 #include "isam/pool/extent.h"
 #include "isam/pool/nodechain.h"
 #include "isam/records/datafile.h"
+#include "isam/records/unfinished.h"
 
 namespace isam {
 namespace {
@@ -225,14 +226,28 @@ bool holds_records(std::int32_t node) {
          common::ldshort(bytes + rpage::kFree) != empty;
 }
 
+// The node was handed out as the first one behind those in use. Where it begins what a killed bulk
+// load has left, it keeps room in the file alone. 0, or -1 with iserrno, and not handed out.
+int cut_before(std::int32_t number) {
+  {
+    const KeepError keep;
+    if (drop_unfinished(number) <= 0) return 0;
+  }
+  if (reserve_nodes(number, number) == 0) return 0;
+  set_highest(FreeList::kNodes, number - 1);
+  return -1;
+}
+
 // A node that holds no records' bytes: one of the first few of the list, else a new one. What was
 // taken and holds some is lost to the list: put back it could become the list's head, which would
 // clear it.
 std::int32_t take_unused_node() {
+  const std::int32_t last = highest(FreeList::kNodes);
   constexpr int kTries = 16;
   for (int tries = 0;; ++tries) {
     const std::int32_t number =
         tries < kTries ? take(FreeList::kNodes) : raise_highest(FreeList::kNodes);
+    if (number == last + 1 && cut_before(number) != 0) return -1;
     if (number < 0 || !holds_records(number)) return number;
   }
 }

@@ -16,7 +16,8 @@
 //         L4 in a file of variable length, a node that looks like a storage page with records'
 //            bytes in it is not handed out: after a process was killed, a page may be listed and
 //            in use. It leaves the list for good, because a list that gets it back could make it
-//            the head, which clears it
+//            the head, which clears it. Behind the last node in use that of an unfinished bulk
+//            load tells that no page from there on is in use
 // Never   writes a page itself: changes are delayed writes, and the dictionary copy is marked
 #pragma once
 

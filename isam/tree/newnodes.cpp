@@ -6,6 +6,7 @@
 #include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/pool/nodechain.h"
+#include "isam/records/unfinished.h"
 
 namespace isam {
 namespace {
@@ -64,6 +65,29 @@ void NewNodes::rewind() {
   next_ = again_;
   buffer_.clear();  // nothing before again_ is in it
   kept_back_.clear();
+}
+
+int NewNodes::begin_unfinished(std::int64_t& file_size) {
+  if (std::int64_t{first_} * node_size() <= file_size) {
+    const int cut = drop_unfinished(first_);
+    if (cut < 0) return -1;
+    if (cut > 0) file_size = std::int64_t{first_ - 1} * node_size();
+  }
+  const std::int32_t node = take();
+  if (node < 0) return -1;
+  Page page{};
+  set_frame(page, kEntriesOffset, kIndexFreeNode, kFreeLevel);
+  common::copy_bytes(kUnfinished, page.data() + kEntriesOffset);
+  return write_page(node, page);
+}
+
+int NewNodes::end_unfinished() {
+  Page page{};
+  set_frame(page, kEntriesOffset, kIndexFreeNode, kFreeLevel);
+  const ConstBytes node{page.data(), static_cast<std::size_t>(node_size())};
+  if (common::write_at(filep->index.fd, node, std::int64_t{first_ - 1} * node_size()) == 0)
+    return 0;
+  return failed_system(errno, Operation::kWrite, FileKind::kIndex);
 }
 
 std::int32_t NewNodes::write_list(FreeList list, std::span<const std::int32_t> numbers,

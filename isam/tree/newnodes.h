@@ -38,12 +38,18 @@ class NewNodes final : public TreeNodes {
   // with iserrno.
   [[nodiscard]] std::int32_t write_list(FreeList list, std::span<const std::int32_t> numbers,
                                         std::int32_t head);
+  // The first node taken tells that storage pages behind it are nobody's, until end_unfinished()
+  // makes an ordinary free node of it. Such pages in the file, which has so many bytes now, are
+  // what a killed process has left, and are cut off. 0, or -1 with iserrno.
+  [[nodiscard]] int begin_unfinished(std::int64_t& file_size);
+  [[nodiscard]] int end_unfinished();
   // Writes what is still in memory: 0, or -1 with iserrno.
   [[nodiscard]] int flush();
   // The nodes taken from now on may be taken once more: rewind() begins again at the first of them.
   void begin_again_here() { again_ = next_; }
   void rewind();
 
+  [[nodiscard]] std::int32_t first() const { return first_; }
   [[nodiscard]] std::int32_t last() const { return next_ - 1; }
   // The last node that may have been written.
   [[nodiscard]] std::int32_t last_written() const { return last_written_; }
