@@ -40,11 +40,26 @@ int read(FileKind kind, Bytes to, std::int64_t offset) {
   return got < 0 ? failed_on(kind, Operation::kRead) : failed(kCorrupted);
 }
 
+// Writes zero bytes where there are others: a disk on which nothing could be written has them
+// still. 0, or -1 with errno.
+int clear_bytes(int fd, std::int64_t from, std::int64_t to) {
+  Byte some[4 * kPageSize];
+  for (std::int64_t end = from; from < to; from = end) {
+    end = std::min(to, from + static_cast<std::int64_t>(sizeof some));
+    const Bytes part{some, static_cast<std::size_t>(end - from)};
+    const ssize_t got = common::read_at(fd, part, from);
+    const bool clear =
+        got == end - from && std::ranges::all_of(part, [](Byte byte) { return byte == 0; });
+    if (!clear && common::write_zeros(fd, from, end) != 0) return -1;
+  }
+  return 0;
+}
+
 // A file gets its size back. Where it was longer than its dictionary told, zero bytes stand there
 // again: whatever they were, nobody had a use for them. 0, or -1 with errno.
 int cut_back(PairFile& file, std::int64_t used, std::int64_t written, std::int64_t size) {
   if (written <= used) return 0;
-  int result = common::write_zeros(file.fd, used, std::min(written, size));
+  int result = clear_bytes(file.fd, used, std::min(written, size));
   if (written > size && common::cut_file(file.fd, size) != 0) result = -1;
   file.map.cut(size);
   return result;
