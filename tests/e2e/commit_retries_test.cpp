@@ -2,9 +2,11 @@
 // fail in the middle.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <regex>
 
@@ -14,12 +16,13 @@
 namespace testing_support {
 namespace {
 
-// The system gives the process no more memory.
+// The system gives the process no more memory; under the address sanitizer a little, without which
+// its own allocator ends the process.
 class NoMoreMemory {
  public:
   NoMoreMemory() {
     ::getrlimit(RLIMIT_AS, &before_);
-    const struct rlimit none { 1, before_.rlim_max };
+    const struct rlimit none { most(), before_.rlim_max };
     ::setrlimit(RLIMIT_AS, &none);
   }
   NoMoreMemory(const NoMoreMemory&) = delete;
@@ -27,6 +30,17 @@ class NoMoreMemory {
   ~NoMoreMemory() { ::setrlimit(RLIMIT_AS, &before_); }
 
  private:
+  static rlim_t most() {
+#ifdef __has_feature
+#if __has_feature(address_sanitizer)
+    rlim_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return pages * static_cast<rlim_t>(::getpagesize()) + (1 << 20);
+#endif
+#endif
+    return 1;
+  }
+
   struct rlimit before_ {};
 };
 
