@@ -1,5 +1,6 @@
 // zentra check: looks at pairs as they are at one moment, also while others have them open.
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -34,12 +35,24 @@ std::string sentence(Status status) {
     case Status::kSound:
       return "sound";
     case Status::kDamaged:
-      return "damaged; repair heals it";
+      return "damaged; kestro -y heals it";
     case Status::kNeedsSalvage:
       return "no sound pair, and nothing that repair heals: it needs salvage";
     default:
       return "could not be checked to its end";
   }
+}
+
+std::string sentence(const Collector& collector) {
+  const auto& beyond = collector.beyond_kestro();
+  if (collector.status() != Status::kDamaged) return sentence(collector.status());
+  if (!beyond.empty()) {
+    return fmt::format("damaged, in part beyond what kestro heals ({})", fmt::join(beyond, ", "));
+  }
+  return sentence(Status::kDamaged) +
+         (collector.may_have_equal_keys()
+              ? ", unless records have equal keys in an index without duplicates"
+              : "");
 }
 
 // The status of what could not be opened, locked or read.
@@ -113,7 +126,7 @@ Outcome check_pair(const CheckOptions& options, const std::string& name, Report&
   fields.emplace_back("seconds-held", pair.seconds_held());
   fields.emplace_back("seconds",
                       std::chrono::duration<double>(steady_clock::now() - start).count());
-  report.pair_ends(collector->status(), sentence(collector->status()), fields);
+  report.pair_ends(collector->status(), sentence(*collector), fields);
   return {.status = collector->status(), .findings = collector->findings()};
 }
 

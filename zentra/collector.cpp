@@ -67,6 +67,13 @@ std::string in_words(const checker::Detail& detail) {
   return words;
 }
 
+// Whether a run of kestro that is answered yes leaves nothing of it. It gives the number of a bad
+// record free.
+bool is_healed(Code code) {
+  if (code == Code::kBadRecord) return !isam::filep->geometry.varlen;
+  return checker::text_of(code).question != checker::Question::kNone;
+}
+
 // The key that a record should have in an index; empty when it cannot be read.
 Fields key_of_record(std::int32_t record, const keydescr& k) {
   const isam::KeepError keep;
@@ -107,8 +114,9 @@ Value key_value(const keydescr& k, const isam::Byte* value) {
   return FileBytes{.bytes = bytes, .shown = shown_key(k, bytes)};
 }
 
-void Collector::add(Entry entry) {
+void Collector::add(Entry entry, bool heals) {
   if (entry.kind == Entry::Kind::kFinding) {
+    if (!heals) beyond_.insert(entry.code);
     ++findings_;
     status_ = worse(status_, entry.status);
   }
@@ -117,6 +125,7 @@ void Collector::add(Entry entry) {
 
 void Collector::found(const checker::Finding& finding) {
   if (finding.code == Code::kRecordListMissing) misses_records_ = true;
+  if (finding.code == Code::kIndexRecordMissing && is_unique_) lacks_unique_ = true;
   Entry entry{.code = checker::text_of(finding.code).code,
               .status = weight_of(finding.code),
               .text = in_words(finding)};
@@ -133,7 +142,7 @@ void Collector::found(const checker::Finding& finding) {
   if (!finding.name.empty()) {
     entry.fields.emplace_back("collation", FileBytes{.bytes = std::string(finding.name)});
   }
-  add(std::move(entry));
+  add(std::move(entry), is_healed(finding.code));
 }
 
 void Collector::failed(std::int32_t code, std::int32_t place) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,16 +30,23 @@ class Collector : public checker::Listener {
   void detail(const checker::Detail& detail) override;
   [[nodiscard]] std::span<const isam::LockedRecords> locked() const override { return locked_; }
   void kept_back(std::int32_t record) override;
-  void index_begins(int /*n*/, const keydescr& /*k*/) override { ++indexes_; }
+  void index_begins(int /*n*/, const keydescr& k) override {
+    ++indexes_;
+    is_unique_ = (k.flags & KF_DUPS) == 0;
+  }
 
-  // What is found beyond the checks of kestro.
-  void add(Entry entry);
+  // What is found. `heals`: kestro offers to heal it.
+  void add(Entry entry, bool heals = false);
   // Tells what open transactions keep back.
   void tell_kept();
 
   [[nodiscard]] Status status() const { return status_; }
   [[nodiscard]] std::int64_t findings() const { return findings_; }
   [[nodiscard]] int indexes() const { return indexes_; }
+  // The codes of findings that kestro does not heal.
+  [[nodiscard]] const std::set<std::string>& beyond_kestro() const { return beyond_; }
+  // Whether an index without duplicates lacks records: they may have the keys of others.
+  [[nodiscard]] bool may_have_equal_keys() const { return lacks_unique_; }
 
  private:
   Report& report_;
@@ -46,6 +54,9 @@ class Collector : public checker::Listener {
   Status status_ = Status::kSound;
   std::int64_t findings_ = 0;
   int indexes_ = 0;
+  std::set<std::string> beyond_;
+  bool is_unique_ = false;  // the index under way
+  bool lacks_unique_ = false;
   bool misses_records_ = false;         // numbers that are neither in use nor free
   std::map<pid_t, std::int64_t> kept_;  // how many numbers each process keeps back
 };

@@ -46,7 +46,7 @@ int run(std::vector<std::string> words) {
   try {
     return run_parsed(std::move(words));
   } catch (const std::exception& error) {  // memory, mostly
-    std::fprintf(stderr, "zentra: could not be finished: %s\n", error.what());
+    std::fprintf(stderr, "zentra: could not be finished: %s\n", shown(error.what()).c_str());
     return static_cast<int>(Status::kUnfinished);
   }
 }

@@ -1,6 +1,7 @@
 #include "zentra/deep.h"
 
 #include <algorithm>
+#include <span>
 
 namespace zentra {
 namespace {
@@ -20,6 +21,9 @@ void DeepCollector::found(const checker::Finding& finding) {
 void DeepCollector::index_begins(int n, const keydescr& k) {
   Collector::index_begins(n, k);
   walked_ = k.nparts > 0 ? n : 0;
+  for (const keypart& part : std::span{k.part, static_cast<std::size_t>(k.nparts)}) {
+    keys_end_ = std::max(keys_end_, part.start + part.length);
+  }
   if (walked_ != 0) keys_.begins(n, k);
 }
 

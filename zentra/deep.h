@@ -27,6 +27,8 @@ class DeepCollector : public Collector {
   [[nodiscard]] bool is_of_another_time() const;
   // The most items that an index has.
   [[nodiscard]] std::int64_t most_items() const;
+  // Where the last part of a key ends in a record: none is shorter.
+  [[nodiscard]] int keys_end() const { return keys_end_; }
 
  private:
   struct Leads {
@@ -36,6 +38,7 @@ class DeepCollector : public Collector {
 
   KeyCheck keys_;
   int walked_ = 0;  // number of the index under way, 0 for one without a tree
+  int keys_end_ = 0;
   std::map<int, Leads> leads_;
 };
 

@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <chrono>
 #include <vector>
 
+#include "checker/progress.h"
 #include "common/io.h"
 #include "isam/base/current.h"
 #include "zentra/deep.h"
@@ -16,7 +18,10 @@ namespace {
 using isam::dictp;
 using isam::filep;
 
+using std::chrono::steady_clock;
+
 constexpr int kFewMisfits = 10;  // one slot in so many may lack a state
+constexpr int kFewRecords = 10;  // one in so many items of an index
 
 bool is_state(isam::Byte byte) {
   return byte == isam::kRecordPresent || byte == isam::kRecordAbsent;
@@ -28,6 +33,7 @@ struct Fit {
   std::int64_t present = 0;
 
   [[nodiscard]] bool fits_all() const { return fitting == slots && present > 0; }
+  [[nodiscard]] bool has_many_misfits() const { return slots - fitting > slots / kFewMisfits; }
 };
 
 // The state bytes of the data file, if its records were of another length.
@@ -43,9 +49,31 @@ class States {
     for (std::int64_t at = length; at < size_; at += length + trailer_) take(fit, byte_at(at));
     return fit;
   }
+  // The other length, from `first` on, that fits all slots and gives the most records, at least
+  // about as many as an index leads to; of several the longest, since zero bytes in records look
+  // like states. 0 when none is found in time.
+  [[nodiscard]] int better_length(int first, std::int64_t items) {
+    constexpr auto kLongest = std::chrono::seconds(5);
+    until_ = steady_clock::now() + kLongest;
+    checker::Progress progress("Looking for the record length", INT16_MAX);
+    std::int64_t most = std::max<std::int64_t>(1, items / 2);
+    int best = 0;
+    for (int other = first; other <= INT16_MAX && other < size_ && !is_late(); ++other) {
+      progress.at(other);
+      if (other == length() || !may_fit(other)) continue;
+      const std::int64_t present = present_by(other);
+      if (present < most) continue;
+      most = present;
+      best = other;
+    }
+    return best;
+  }
+
+ private:
+  [[nodiscard]] bool is_late() const { return steady_clock::now() >= until_; }
   // Whether the length fits slots here and there in the file.
-  [[nodiscard]] bool may_fit(int length) {
-    constexpr std::int64_t kLooks = 256;
+  [[nodiscard]] bool may_fit(int length) const {
+    constexpr std::int64_t kLooks = 64;
     const std::int64_t slot = length + trailer_;
     const std::int64_t slots = (size_ - length - 1) / slot + 1;
     const std::int64_t step = std::max<std::int64_t>(1, slots / kLooks);
@@ -58,18 +86,16 @@ class States {
     }
     return fit.fits_all();
   }
-  // The shortest other length that fits all slots and gives about as many records as an index
-  // leads to; 0 for none.
-  [[nodiscard]] int better_length(std::int64_t items) {
-    for (int other = 1; other <= INT16_MAX && other < size_; ++other) {
-      if (other == length() || !may_fit(other)) continue;
-      const Fit fit = count(other);
-      if (fit.fits_all() && fit.present >= items / 2) return other;
+  // How many records there are by this length; -1 where a slot does not fit.
+  [[nodiscard]] std::int64_t present_by(int length) {
+    constexpr std::int64_t kBetween = 1 << 16;
+    Fit fit;
+    for (std::int64_t at = length; at < size_; at += length + trailer_) {
+      take(fit, byte_at(at));
+      if (fit.fitting != fit.slots || (fit.slots % kBetween == 0 && is_late())) return -1;
     }
-    return 0;
+    return fit.present;
   }
-
- private:
   static void take(Fit& fit, isam::Byte byte) {
     ++fit.slots;
     fit.fitting += is_state(byte) ? 1 : 0;
@@ -91,14 +117,16 @@ class States {
   int trailer_;  // bytes behind a record in its slot
   std::vector<isam::Byte> piece_;
   std::int64_t begin_ = 0;
+  steady_clock::time_point until_{};
 };
 
-void check_length(DeepCollector& collector) {
-  States states;
-  const Fit fit = states.count(States::length());
-  if (fit.slots - fit.fitting <= fit.slots / kFewMisfits) return;
-  const int better = states.better_length(collector.most_items());
-  if (better == 0) return;
+// Whether another length fits the data file, and far better than the dictionary's. Records that are
+// mostly zero bytes look absent by any length.
+bool check_length(DeepCollector& collector, States& states, const Fit& fit) {
+  if (!fit.has_many_misfits() && fit.present >= collector.most_items() / 2) return false;
+  const int better =
+      states.better_length(std::max(1, collector.keys_end()), collector.most_items());
+  if (better == 0) return false;
   collector.add(
       {.code = "pieces.record-length",
        .status = Status::kNeedsSalvage,
@@ -108,6 +136,7 @@ void check_length(DeepCollector& collector) {
                   {"fits", fit.fitting},
                   {"slots", fit.slots},
                   {"expected", std::int64_t{better}}}});
+  return true;
 }
 
 void check_end(const checker::Check& check, Collector& collector) {
@@ -125,13 +154,20 @@ void check_end(const checker::Check& check, Collector& collector) {
 // What does not fit leads to faults of other kinds: a pair without any needs no look.
 void check_fit(const checker::Check& check, DeepCollector& collector) {
   if (collector.findings() == 0) return;
-  check_length(collector);
+  States states;
+  const Fit fit = states.count(States::length());
+  const bool has_other_length = check_length(collector, states, fit);
   check_end(check, collector);
   if (!collector.is_of_another_time()) return;
-  collector.add({.code = "pieces.times",
-                 .status = Status::kDamaged,
-                 .text = "every index leads to records that are not there or have other keys: the "
-                         "two files are not of the same time"});
+  // What would be made of so few records would be next to nothing.
+  const bool are_gone = !has_other_length && fit.present < collector.most_items() / kFewRecords;
+  collector.add(
+      {.code = "pieces.times",
+       .status = are_gone ? Status::kNeedsSalvage : Status::kDamaged,
+       .text = fmt::format(
+           "every index leads to records that are not there or have other "
+           "keys: {}",
+           are_gone ? "hardly a record is there" : "the two files are not of the same time")});
 }
 
 }  // namespace zentra

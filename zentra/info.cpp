@@ -31,6 +31,7 @@ class Muted : public Report {
  public:
   void begin(const char* /*command*/, int /*pairs*/) override {}
   void pair_begins(int /*number*/, int /*pairs*/, const std::string& /*name*/) override {}
+  void pair_is(int /*number*/, const std::string& /*name*/) override {}
   void entry(const Entry& /*entry*/) override {}
   void pair_ends(Status /*status*/, const std::string& /*text*/,
                  const Fields& /*fields*/) override {}

@@ -47,12 +47,13 @@ class JsonReport : public Report {
     put({{"schema", kSchema}, {"type", "begin"}, {"command", command}, {"pairs", pairs}});
   }
   void pair_begins(int number, int pairs, const std::string& name) override {
-    number_ = number;
+    pair_is(number, name);
     put({{"type", "pair"},
          {"pair", number},
          {"pairs", pairs},
          {"name", json_of(FileBytes{.bytes = name})}});
   }
+  void pair_is(int number, const std::string& /*name*/) override { number_ = number; }
   void entry(const Entry& entry) override {
     Json object{{"type", name_of(entry.kind)}, {"pair", number_}, {"code", entry.code}};
     if (entry.kind == Entry::Kind::kFinding) object["verdict"] = verdict_of(entry.status);

@@ -45,14 +45,15 @@ void check_list(const checker::Check& check, Collector& collector, std::int32_t 
   isam::clear_errors();  // what cannot be read is found already
 }
 
-// A node that names no trail matters only while the trail is on.
+// It matters only while the trail is on.
 void check_audit_node(Collector& collector) {
   const std::int32_t node = dictp->d_auditnode();
   const bool in_range = node >= 2 && node <= dictp->d_nextnode();
   const bool names_trail = !dictp->d_audits() || !isam::txlog::audit_trail_name().empty();
   isam::clear_errors();
   if (node == 0 || (in_range && names_trail)) return;
-  collector.add({.code = "audit.node",
+  collector.add({.kind = dictp->d_audits() ? Entry::Kind::kFinding : Entry::Kind::kNote,
+                 .code = "audit.node",
                  .status = Status::kDamaged,
                  .text = fmt::format("node {} does not hold the name of an audit trail", node),
                  .fields = {{"node", std::int64_t{node}}}});
@@ -71,7 +72,8 @@ void check_mark(Collector& collector) {
                  .text = fmt::format("process {} ended before it had written all its changes; "
                                      "programs cannot open the pair",
                                      process),
-                 .fields = {{"process", std::int64_t{process}}}});
+                 .fields = {{"process", std::int64_t{process}}}},
+                /*heals=*/true);
 }
 
 }  // namespace

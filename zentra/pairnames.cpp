@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -9,17 +10,28 @@
 #include "isam/files/files.h"
 
 namespace zentra {
+namespace {
+
+using FileId = std::pair<dev_t, ino_t>;
+
+std::optional<FileId> id_of(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return {};
+  return FileId{status.st_dev, status.st_ino};
+}
+
+}  // namespace
 
 std::vector<std::string> pairs_named(const std::vector<std::string>& names) {
   std::vector<std::string> pairs;
-  std::set<std::pair<dev_t, ino_t>> files;
-  std::set<std::string> without_file;
+  std::set<std::pair<FileId, FileId>> files;
+  std::set<std::string> incomplete;
   for (std::string name : names) {
     checker::cut_suffix(name);
-    struct stat status {};
-    const bool is_there = ::stat(isam::mkidxname(name).c_str(), &status) == 0;
-    const bool is_new = is_there ? files.emplace(status.st_dev, status.st_ino).second
-                                 : without_file.insert(name).second;
+    const auto index = id_of(isam::mkidxname(name));
+    const auto data = id_of(isam::mkdatname(name));
+    const bool is_new =
+        index && data ? files.emplace(*index, *data).second : incomplete.insert(name).second;
     if (is_new) pairs.push_back(std::move(name));
   }
   return pairs;

@@ -35,7 +35,8 @@ std::string line_of(std::string_view pass, std::int64_t done, std::int64_t total
   if (total <= 0) return line;
   const double share = static_cast<double>(done) / static_cast<double>(total);
   line += fmt::format(": {}%", static_cast<int>(100 * share));
-  if (seconds > 0) line += fmt::format(", {:.0f} a second", static_cast<double>(done) / seconds);
+  if (seconds <= 0) return line;
+  line += fmt::format(", {:.0f} a second", static_cast<double>(done) / seconds);
   // Below one percent too little is done to tell how fast it goes.
   if (share >= 0.01) line += fmt::format(", about {:.0f} s left", seconds / share - seconds);
   return line;

@@ -49,6 +49,8 @@ class Report {
 
   virtual void begin(const char* command, int pairs) = 0;
   virtual void pair_begins(int number, int pairs, const std::string& name) = 0;
+  // What follows is about this pair, whose beginning has been told.
+  virtual void pair_is(int number, const std::string& name) = 0;
   virtual void entry(const Entry& entry) = 0;
   // `text`: the verdict in words.
   virtual void pair_ends(Status status, const std::string& text, const Fields& fields) = 0;

@@ -8,7 +8,7 @@ namespace zentra {
 // From the best to the worst: over several pairs the worst counts.
 enum class Status : int {
   kSound = 0,         // or done
-  kDamaged = 1,       // repair heals it
+  kDamaged = 1,       // its records can be found
   kNeedsSalvage = 2,  // or it is no pair at all
   kInUse = 3,
   kUnfinished = 4  // no such file, an error of the system, no memory

@@ -35,10 +35,11 @@ class TextReport : public Report {
   explicit TextReport(bool is_terminal) : most_(is_terminal ? kShownAlike : INT32_MAX) {}
 
   void begin(const char* /*command*/, int /*pairs*/) override {}
-  void pair_begins(int /*number*/, int /*pairs*/, const std::string& name) override {
-    name_ = shown(name);
+  void pair_begins(int number, int /*pairs*/, const std::string& name) override {
+    pair_is(number, name);
     put(fmt::format("{}:\n", name_));
   }
+  void pair_is(int /*number*/, const std::string& name) override { name_ = shown(name); }
   void entry(const Entry& entry) override {
     const std::string index = entry.key == 0 ? "" : fmt::format("index {}: ", entry.key);
     if (entry.kind == Entry::Kind::kDetail) {

@@ -254,6 +254,7 @@ std::function<int()> prepare_undo(CLI::App& app) {
                       .json = options->json,
                       .jobs = 1,
                       .pairs = pairs_named({options->name}),
+                      .changes = true,
                       .work = [&](const std::string& name, Report& report) {
                         return undo(*options, name, report);
                       }});

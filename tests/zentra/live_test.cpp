@@ -80,6 +80,28 @@ TEST_P(Live, ChecksGiveNoFalseAlarm) {
   std::filesystem::current_path("/");
 }
 
+// Zero bytes are the state of absent records, so that a wrong length misses no state.
+TEST(Fit, FindsTheLengthOfRecordsOfZeros) {
+  const TempFolder folder;
+  std::filesystem::current_path(folder.path());
+  keydescr key{};
+  key.nparts = 1;
+  key.part[0] = {0, 4, KT_LONG};
+  std::string record(800, '\0');
+  const int isfd = ::isbuild("wide", 800, &key, ISINOUT + ISEXCLLOCK);
+  for (int i = 1; i <= 600; ++i) {
+    stlong(i, record.data());
+    ASSERT_EQ(::iswrite(isfd, record.data()), 0);
+  }
+  ::isclose(isfd);
+  std::fstream index("wide.idx", std::ios::in | std::ios::out | std::ios::binary);
+  index.seekp(13).write("\x03\x21", 2).flush();
+  const RunResult run = run_program({.words = {ZENTRA_PROGRAM, "check", "wide"}});
+  EXPECT_EQ(run.status, 2) << run.out;
+  EXPECT_NE(run.out.find("800 fits all"), run.out.npos) << run.out;
+  std::filesystem::current_path("/");
+}
+
 INSTANTIATE_TEST_SUITE_P(Both, Live, testing::Bool(),
                          [](const auto& kind) { return kind.param ? "Varying" : "Fixed"; });
 
