@@ -127,13 +127,23 @@ std::string newest_kept(const std::string& index) {
   for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
     const std::string name = entry.path().filename().string();
     const int number = name.starts_with(file) ? number_of(name.substr(file.size())) : 0;
-    if (number == 0 || !entry.is_regular_file(error)) continue;
+    const bool is_file = std::filesystem::is_regular_file(entry.symlink_status(error));
+    if (number == 0 || !is_file) continue;
     const std::pair its_age{entry.last_write_time(error), number};
     if (!newest.empty() && its_age < age) continue;
     newest = entry.path().string();
     age = its_age;
   }
   return newest;
+}
+
+// Whether a file has what every index begins with: of one that --force puts back nothing else
+// tells.
+bool is_index(int fd) {
+  isam::Dictionary dictionary{};
+  return common::read_at(fd, dictionary.raw, 0) == isam::kDictionarySize &&
+         dictionary.d_magic() == isam::kDictionaryMagic && dictionary.fixed_bytes_match() &&
+         dictionary.d_idxsize() >= isam::kMinStoredNodeSize && dictionary.d_recsize() > 0;
 }
 
 // What is not as the repair has left it; empty when all is.
@@ -170,7 +180,7 @@ class Undoing {
           Status::kUnfinished,
           fmt::format("no index of before is kept: there is no {}{}", shown(index_), kBefore)};
     }
-    kept_fd_ = common::FileHold{common::open_file(kept_.c_str(), O_RDWR)};
+    kept_fd_ = common::FileHold{common::open_file(kept_.c_str(), O_RDWR | O_NOFOLLOW)};
     if (!kept_fd_) return by_errno(kept_);
     noted_ = checker::load_undo_data(kept_);
     UndoData now;
@@ -182,7 +192,13 @@ class Undoing {
     const std::string changed =
         noted_ ? what_changed(*noted_, now) : "nothing tells how the repair left the pair";
     if (!changed.empty() && !force_) {
-      return Refusal{Status::kUnfinished, changed + "; --force puts the kept index back anyway"};
+      return Refusal{
+          Status::kUnfinished,
+          fmt::format("{} ({}); --force puts the kept index back anyway", changed, shown(kept_))};
+    }
+    // What a repair has kept and noted may lack it.
+    if (!changed.empty() && !is_index(kept_fd_.get())) {
+      return Refusal{Status::kUnfinished, shown(kept_) + " is no index"};
     }
     if (const int error = checker::obstacle(filep->index.fd, index_); error != 0) {
       errno = error;

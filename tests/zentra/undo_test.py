@@ -108,6 +108,11 @@ class Undo(unittest.TestCase):
             file.write(b'x')
         os.utime(self.data, ns=(times.st_atime_ns, times.st_mtime_ns))
         self.assertRefused()
+        (self.folder / 'pair.idx.before.9').symlink_to('pair.dat')
+        newer = self.folder / 'pair.idx.before.8'
+        newer.write_bytes(b'no index at all')
+        self.assertEqual(self.undo('--force'), 4)
+        newer.unlink()
         self.assertUndone('--force')
 
     def test_refuses_what_is_in_use_or_cannot_be_exchanged(self):
