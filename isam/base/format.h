@@ -33,6 +33,11 @@ inline constexpr int kCollationNameSize = 36;
 inline constexpr int kStampOffset = 41;
 inline constexpr int kStampSize = 4;
 
+// The number behind this one, of a record or a node; the greatest is its own.
+[[nodiscard]] inline std::int32_t number_behind(std::int32_t number) {
+  return number == INT32_MAX ? number : number + 1;
+}
+
 struct Dictionary {
   Byte raw[kDictionarySize];
 

@@ -88,7 +88,7 @@ int pass_empty_head(Byte type, std::int32_t& head, const std::vector<bool>& seen
 BulkLoad::BulkLoad(const Open& open, const Keys& keys)
     : open_(&open),
       parts_(shape_of_sort(kPartSize, kNumberSize)),
-      first_(dictp->d_nextdata() + 1),
+      first_(number_behind(dictp->d_nextdata())),
       slots_begin_(first_) {
   std::ranges::copy_if(keys, std::back_inserter(keys_),
                        [](const keydescr& k) { return k.nparts > 0; });

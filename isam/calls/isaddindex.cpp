@@ -86,7 +86,7 @@ void take_back(const keydescr& key, IndexLoad& load, const Dictionary& before,
   load.give_nodes_back();
   freerec(key.rootnode, FreeList::kNodes);
   kydelete(key);
-  bfdrop(*filep, dictp->d_nextnode() + 1);
+  bfdrop(*filep, number_behind(dictp->d_nextnode()));
   cut_unused_room();
   // What could not be written will be tried again.
   filep->unwritten.failed = {};

@@ -23,7 +23,9 @@ void NewNodes::set_frame(Page& page, int used, Byte node_type, Byte level) {
 }
 
 NewNodes::NewNodes()
-    : first_(dictp->d_nextnode() + 1), next_(first_), last_written_(dictp->d_nextnode()) {}
+    : first_(number_behind(dictp->d_nextnode())),
+      next_(first_),
+      last_written_(dictp->d_nextnode()) {}
 
 std::int32_t NewNodes::take() {
   if (next_ == INT32_MAX) return failed(kCorrupted);
