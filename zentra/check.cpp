@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -132,21 +131,14 @@ Outcome check_pair(const CheckOptions& options, const std::string& name, Report&
 
 }  // namespace
 
-std::function<int()> prepare_check(CLI::App& app) {
+std::function<int()> prepare_check(Arguments& arguments) {
   const auto options = std::make_shared<CheckOptions>();
-  app.add_flag("--quick", options->quick,
-               "look only at what kestro looks at: not at keys in records and pieces of records");
-  app.add_flag("--json", options->json, "report as JSON, one object a line");
-  app.add_option("-j", options->jobs, "pairs looked at at the same time")
-      ->check(CLI::Range(1, 1024))
-      ->type_name("N");
-  app.add_option("--wait", options->wait, "seconds to wait for the lock (10)")
-      ->check(CLI::Range(0.0, 1e6))
-      ->type_name("SECONDS");
-  app.add_option("PAIR", options->names, "base name, or either file of the pair")
-      ->required()
-      ->expected(1, -1)
-      ->type_name("");
+  arguments.flag("--quick", options->quick,
+                 "look only at what kestro looks at: not at keys in records and pieces of records");
+  arguments.json(options->json);
+  arguments.number("-j", options->jobs, 1, 1024, "N", "pairs looked at at the same time");
+  arguments.wait(options->wait);
+  arguments.pairs(options->names);
   return [options] {
     return run_pairs({.command = "check",
                       .json = options->json,

@@ -175,7 +175,7 @@ void Collector::detail(const checker::Detail& detail) {
   if (detail.before != nullptr) {
     entry.fields.emplace_back("behind", key_value(*detail.described, detail.before));
   }
-  add(std::move(entry));
+  add(entry);
 }
 
 void Collector::kept_back(std::int32_t record) {

@@ -4,9 +4,7 @@
 #include <functional>
 #include <span>
 
-namespace CLI {
-class App;
-}
+#include "zentra/arguments.h"
 
 namespace zentra {
 
@@ -15,14 +13,14 @@ struct Command {
   const char* summary;
   const char* never;  // what is never changed
   // Adds the options, and gives what is to be done with them: the exit status.
-  std::function<int()> (*prepare)(CLI::App& app);
+  std::function<int()> (*prepare)(Arguments& arguments);
 };
 
 [[nodiscard]] std::span<const Command> commands();
 
-std::function<int()> prepare_check(CLI::App& app);
-std::function<int()> prepare_info(CLI::App& app);
-std::function<int()> prepare_show(CLI::App& app);
-std::function<int()> prepare_undo(CLI::App& app);
+std::function<int()> prepare_check(Arguments& arguments);
+std::function<int()> prepare_info(Arguments& arguments);
+std::function<int()> prepare_show(Arguments& arguments);
+std::function<int()> prepare_undo(Arguments& arguments);
 
 }  // namespace zentra

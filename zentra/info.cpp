@@ -1,7 +1,6 @@
 // zentra info: what a pair is, in words.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -273,16 +272,11 @@ Outcome info_of(const InfoOptions& options, const std::string& name, Report& rep
 
 }  // namespace
 
-std::function<int()> prepare_info(CLI::App& app) {
+std::function<int()> prepare_info(Arguments& arguments) {
   const auto options = std::make_shared<InfoOptions>();
-  app.add_flag("--json", options->json, "report as JSON, one object a line");
-  app.add_option("--wait", options->wait, "seconds to wait for the lock (10)")
-      ->check(CLI::Range(0.0, 1e6))
-      ->type_name("SECONDS");
-  app.add_option("PAIR", options->names, "base name, or either file of the pair")
-      ->required()
-      ->expected(1, -1)
-      ->type_name("");
+  arguments.json(options->json);
+  arguments.wait(options->wait);
+  arguments.pairs(options->names);
   return [options] {
     return run_pairs({.command = "info",
                       .json = options->json,

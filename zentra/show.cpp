@@ -1,7 +1,6 @@
 // zentra show: the bytes of a record, a node, the dictionary or the items of a key, each named.
 #include <fmt/format.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <memory>
@@ -292,19 +291,13 @@ std::size_t words_behind(const std::string& what) {
 
 }  // namespace
 
-std::function<int()> prepare_show(CLI::App& app) {
+std::function<int()> prepare_show(Arguments& arguments) {
   const auto options = std::make_shared<ShowOptions>();
-  app.add_flag("--json", options->json, "report as JSON, one object a line");
-  app.add_option("PAIR", options->name, "base name, or either file of the pair")
-      ->required()
-      ->type_name("");
-  app.add_option("WHAT", options->what, "record, node, key or dictionary")
-      ->required()
-      ->check(CLI::IsMember({"record", "node", "key", "dictionary"}))
-      ->type_name("");
-  app.add_option("WHICH", options->which, "the number; of key: the index and the value")
-      ->expected(0, 2)
-      ->type_name("");
+  arguments.json(options->json);
+  arguments.pair(options->name);
+  arguments.word_of("WHAT", options->what, {"record", "node", "key", "dictionary"},
+                    "record, node, key or dictionary");
+  arguments.words("WHICH", options->which, 2, "the number; of key: the index and the value");
   return [options] {
     if (options->which.size() != words_behind(options->what)) {
       fmt::print(stderr, "zentra: show {} takes {} word(s) behind it\n", options->what,

@@ -21,7 +21,6 @@ namespace zentra {
 namespace {
 
 using isam::dictp;
-using isam::filep;
 
 constexpr std::size_t kMemory = std::size_t{16} << 20;
 // Node, slot and record, in the order in which they are sorted.

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -258,13 +257,11 @@ Outcome undo(const UndoOptions& options, const std::string& name, Report& report
 
 }  // namespace
 
-std::function<int()> prepare_undo(CLI::App& app) {
+std::function<int()> prepare_undo(Arguments& arguments) {
   const auto options = std::make_shared<UndoOptions>();
-  app.add_flag("--force", options->force, "also when something has changed since the repair");
-  app.add_flag("--json", options->json, "report as JSON, one object a line");
-  app.add_option("PAIR", options->name, "base name, or either file of the pair")
-      ->required()
-      ->type_name("");
+  arguments.flag("--force", options->force, "also when something has changed since the repair");
+  arguments.json(options->json);
+  arguments.pair(options->name);
   return [options] {
     return run_pairs({.command = "undo",
                       .json = options->json,

@@ -1,0 +1,36 @@
+// arguments: the words that a subcommand takes from its command line, each bound to the place where
+// its value goes. The parser's own header is read by commandline.cpp alone: it takes long.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace zentra {
+
+class Arguments {
+ public:
+  explicit Arguments(CLI::App& app) : app_(app) {}
+
+  void flag(const char* name, bool& to, const char* help);
+  // An option with a number from `least` to `most`, which the help calls `kind`.
+  void number(const char* name, int& to, int least, int most, const char* kind, const char* help);
+  // Words by their place, in the order of these calls.
+  void word_of(const char* name, std::string& to, std::vector<std::string> choices,
+               const char* help);
+  void words(const char* name, std::vector<std::string>& to, int most, const char* help);
+
+  // What several subcommands have.
+  void json(bool& to);
+  void wait(double& seconds);
+  void pair(std::string& name);
+  void pairs(std::vector<std::string>& names);
+
+ private:
+  CLI::App& app_;
+};
+
+}  // namespace zentra
