@@ -114,7 +114,7 @@ Value key_value(const keydescr& k, const isam::Byte* value) {
   return FileBytes{.bytes = bytes, .shown = shown_key(k, bytes)};
 }
 
-void Collector::add(Entry entry, bool heals) {
+void Collector::add(const Entry& entry, bool heals) {
   if (entry.kind == Entry::Kind::kFinding) {
     if (!heals) beyond_.insert(entry.code);
     ++findings_;
@@ -142,7 +142,7 @@ void Collector::found(const checker::Finding& finding) {
   if (!finding.name.empty()) {
     entry.fields.emplace_back("collation", FileBytes{.bytes = std::string(finding.name)});
   }
-  add(std::move(entry), is_healed(finding.code));
+  add(entry, is_healed(finding.code));
 }
 
 void Collector::failed(std::int32_t code, std::int32_t place) {

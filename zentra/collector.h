@@ -36,7 +36,7 @@ class Collector : public checker::Listener {
   }
 
   // What is found. `heals`: kestro offers to heal it.
-  void add(Entry entry, bool heals = false);
+  void add(const Entry& entry, bool heals = false);
   // Tells what open transactions keep back.
   void tell_kept();
 
