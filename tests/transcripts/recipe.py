@@ -5,6 +5,7 @@ The first line says what is wrong. tests/pairs/README.md tells the words of the 
 import dataclasses
 import json
 import os
+import signal
 import subprocess
 
 HEADER = {  # of each number its offset and width
@@ -343,6 +344,12 @@ def change_file(folder, what, words):
         os.chown(path, owner := words.number(), owner)
     else:
         raise ValueError(f'in "{words.line}": what is {what}?')
+
+
+def default_signals():
+    """Programs run from here on end by these signals, also where we were told to ignore them."""
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.SIG_DFL)
 
 
 def nothing_left(words):

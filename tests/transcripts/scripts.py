@@ -584,6 +584,7 @@ def main():
     parser.add_argument('file')
     parser.add_argument('cases', nargs='*')
     given = parser.parse_args()
+    recipe.default_signals()
     path = SCRIPTS / given.file
     head, *cases = parts_of(path)
     good = True

@@ -243,8 +243,7 @@ def arguments():
 
 def main():
     given = arguments()
-    for number in (signal.SIGHUP, signal.SIGTERM):
-        signal.signal(number, signal.SIG_DFL)
+    recipes.default_signals()
     names = given.names or sorted(path.name for path in PAIRS.iterdir() if path.is_dir())
     good = True
     # Mostly one waits for its program.
