@@ -170,7 +170,7 @@ void remove_leftovers(const std::string& index) {
   const std::string folder = folder_of(index);
   const std::string prefix = own_prefix(index);
   for (const std::string& name : own_names_in(folder)) {
-    const std::string path = folder == "." ? name : folder + name;
+    const std::string path = folder + name;
     if (!path.starts_with(prefix)) continue;
     if (is_leftover(path, std::string_view{path}.substr(prefix.size()), status)) {
       common::system_calls().unlink(path.c_str());

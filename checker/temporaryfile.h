@@ -59,7 +59,8 @@ class TemporaryFile {
 // The folder of the file of this path. It ends in a slash; "." for a path without a slash.
 [[nodiscard]] std::string folder_of(const std::string& path);
 
-// Removes what killed runs have left beside an index. The caller has the pair for itself.
+// Removes what killed runs have left beside an index, if its path has a slash, as real_path() makes
+// it (checker/obstacle). The caller has the pair for itself.
 void remove_leftovers(const std::string& index);
 
 }  // namespace checker
