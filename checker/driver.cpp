@@ -80,17 +80,19 @@ bool lock_and_load(Check& check) {
   return false;
 }
 
-bool refuse_pair(Check& check) {
+void refuse_pair(Check& check) {
   isam::clear_errors();
   check.found(Code::kCannotOpen);
-  return false;
 }
 
 // Changes the node size while no other process has the pair open. The pair is closed again; the
 // check opens the new index.
 bool resize_alone(Check& check, const std::string& name) {
   if (!can_be_kept(check, name)) return false;
-  if (!open_pair(check, name)) return refuse_pair(check);
+  if (!open_pair(check, name)) {
+    refuse_pair(check);
+    return false;
+  }
   const bool locked = lock_pair();
   const bool resized = locked && resize(check, name) == 0;
   if (locked) isam::lkopenlock(0);
@@ -210,18 +212,17 @@ void tell_summary(Check& check) {
   check.listener.ends(&summary);
 }
 
-// Whether the whole sequence ran.
-bool check_pair(Check& check, const std::string& name) {
+void check_pair(Check& check, const std::string& name, Outcome& outcome) {
   isam::clear_errors();
-  if (check.options.sflag != 0 && !resize_alone(check, name)) return false;
+  if (check.options.sflag != 0 && !resize_alone(check, name)) return;
   if (!open_pair(check, name)) return refuse_pair(check);
-  if (!lock_and_load(check)) return false;
+  if (!lock_and_load(check)) return;
   if (check.options.nflag == 0) Repair::remove_leftovers(name);
   Repair repair(check);
-  const bool done = guarded_check_and_repair(check, repair);
-  wind_up(check, repair, done);
+  outcome.whole = guarded_check_and_repair(check, repair);
+  wind_up(check, repair, outcome.whole);
+  outcome.repaired = repair.is_repaired();
   tell_summary(check);
-  return done;
 }
 
 }  // namespace
@@ -273,8 +274,11 @@ Summary summary_of(const Check& check) {
 Outcome ckfile(std::string name, const Options& options, Listener& listener) {
   cut_suffix(name);
   Check check(options, listener);
-  const bool whole = check_pair(check, name);
-  return {.whole = whole, .findings = check.count, .declined = check.declined};
+  Outcome outcome;
+  check_pair(check, name, outcome);
+  outcome.findings = check.count;
+  outcome.declined = check.declined;
+  return outcome;
 }
 
 }  // namespace checker

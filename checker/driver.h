@@ -13,6 +13,7 @@ struct Outcome {
   // later, or keeps it from coming into the pair, leaves this true: a remark to the listener tells
   // of it.
   bool whole = false;
+  bool repaired = false;  // what was agreed to has come into the pair
   int findings = 0;
   int declined = 0;  // questions answered no
 };

@@ -1,14 +1,18 @@
 // kestro: checks and repairs Zentra indexed files.
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "checker/dialogue.h"
 #include "checker/driver.h"
 #include "checker/progress.h"
+#include "checker/recorder.h"
 #include "common/nulldevice.h"
+#include "environment/settings.h"
 #include "isam.h"
 #include "isam/calls/version.h"
 #include "locale/collation.h"
@@ -90,13 +94,20 @@ void print_usage() {
 
 void check_files(std::span<char*> names) {
   checker::Dialogue dialogue(options);
+  std::optional<checker::Recorder> recorder;
+  if (const auto path = environment::lookup("KESTRO_REPORT"); path && !path->empty()) {
+    recorder.emplace(dialogue, *path, std::vector<std::string>{names.begin(), names.end()});
+  }
+  checker::Listener& listener = recorder ? static_cast<checker::Listener&>(*recorder) : dialogue;
   int number = 0;
   for (const char* name : names) {
     checker::Progress::begin_pair(++number, static_cast<int>(names.size()));
     checker::pnewline(1);
     checker::print(Message::kFile, {std::string_view(name)});
     checker::pnewline(2);
-    checker::ckfile(name, options, dialogue);
+    if (recorder) recorder->pair_begins();
+    const checker::Outcome outcome = checker::ckfile(name, options, listener);
+    if (recorder) recorder->pair_ends(outcome);
   }
   checker::pnewline(1);
   iscleanup();

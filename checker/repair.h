@@ -43,6 +43,8 @@ class Repair {
   // Brings what was changed into the pair, or forgets it; tells a failure. `whole`: every step was
   // taken. Only then may the mark that others left in the index go.
   void end(bool whole);
+  // Whether what was changed is in the pair for good.
+  [[nodiscard]] bool is_repaired() const { return is_repaired_; }
 
  private:
   void fail(int system_error);

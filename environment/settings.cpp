@@ -22,6 +22,7 @@ constexpr KnownVariable kKnown[] = {
     {"ISAM_LOG_SYNC", "0", Kind::kLeading},
     {"ISCLOSE_SHARE_LOCK", "1", Kind::kLeading},
     {"KESTRO_KEEP", nullptr, Kind::kChoice, 0, 1},
+    {"KESTRO_REPORT", nullptr},
     {"MARVOLENDIR", "/usr/marvolen"},
     {"RESETLOCK", nullptr},
     {"SQLIDEBUG", nullptr},

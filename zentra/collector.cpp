@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <iterator>
 
 #include "checker/check.h"
@@ -19,48 +18,9 @@ namespace {
 
 using checker::Code;
 
-struct NamedNumber {
-  checker::Number number;
-  const char* name;
-};
-constexpr std::array<NamedNumber, 4> kNumbers = {{{&checker::Numbers::record, "record"},
-                                                  {&checker::Numbers::node, "node"},
-                                                  {&checker::Numbers::found, "found"},
-                                                  {&checker::Numbers::expected, "expected"}}};
-
-// What kestro tells by the line before.
-const char* place_of(std::string_view code) {
-  if (code.starts_with("record-list.")) return "list of free records: ";
-  if (code.starts_with("node-list.")) return "list of free nodes: ";
-  return "";
-}
-
-std::string wording_of(Code code) {
-  const checker::FindingText& text = checker::text_of(code);
-  if (code == Code::kStorageListBad) return "faulty list of storage pages at node %d";
-  return place_of(text.code) + std::string(text.wording);
-}
-
-std::string in_words(const checker::Finding& finding) {
-  const checker::FindingText& text = checker::text_of(finding.code);
-  std::string words = wording_of(finding.code);
-  if (finding.code == Code::kOtherCollation) {
-    words += " The file asks for " + shown(finding.name);
-  }
-  const checker::Number first = text.numbers[0];
-  if (const auto at = words.find("%d"); at != words.npos && first != nullptr) {
-    return words.replace(at, 2, std::to_string(finding.numbers.*first));
-  }
-  for (const auto& [number, name] : kNumbers) {
-    const std::int64_t value = finding.numbers.*number;
-    if (value != checker::kNotCarried) words += fmt::format(", {} {}", name, value);
-  }
-  return words;
-}
-
 // Of one of those that a finding counts.
 std::string in_words(const checker::Detail& detail) {
-  std::string words = wording_of(detail.code);
+  std::string words = checker::wording_of(detail.code);
   for (const std::string_view left_out : {"%d ", "(s)"}) {
     if (const auto at = words.find(left_out); at != words.npos) words.erase(at, left_out.size());
   }
@@ -86,29 +46,6 @@ Fields key_of_record(std::int32_t record, const keydescr& k) {
 
 }  // namespace
 
-Status weight_of(Code code) {
-  switch (code) {
-    case Code::kCannotOpen:
-    case Code::kNoMemory:
-    case Code::kOtherCollation:
-      return Status::kUnfinished;
-    case Code::kBadMagic:
-    case Code::kBadNodeSize:
-    case Code::kOtherLockMethod:
-    case Code::kBadRecordSize:
-    case Code::kBadMaximumSize:
-    case Code::kMaximumTooSmall:
-    case Code::kBadDuplicateWidth:
-    case Code::kKeyNodeBad:
-    case Code::kKeyNodeDuplicate:
-    case Code::kBadKeyDescription:
-    case Code::kNoKeyDescription:
-      return Status::kNeedsSalvage;
-    default:
-      return Status::kDamaged;
-  }
-}
-
 Value key_value(const keydescr& k, const isam::Byte* value) {
   const std::string bytes{as_text({value, static_cast<std::size_t>(k.keylen)})};
   return FileBytes{.bytes = bytes, .shown = shown_key(k, bytes)};
@@ -126,31 +63,11 @@ void Collector::add(const Entry& entry, bool heals) {
 void Collector::found(const checker::Finding& finding) {
   if (finding.code == Code::kRecordListMissing) misses_records_ = true;
   if (finding.code == Code::kIndexRecordMissing && is_unique_) lacks_unique_ = true;
-  Entry entry{.code = checker::text_of(finding.code).code,
-              .status = weight_of(finding.code),
-              .text = in_words(finding)};
-  // The client may have another locale; but no locale has such a name.
-  const bool no_locale = finding.name.empty() || !is_printable(finding.name);
-  if (finding.code == Code::kOtherCollation && no_locale) entry.status = Status::kNeedsSalvage;
-  for (const auto& [number, name] : kNumbers) {
-    const std::int64_t value = finding.numbers.*number;
-    if (value != checker::kNotCarried) entry.fields.emplace_back(name, value);
-  }
-  if (finding.numbers.key != checker::kNotCarried) {
-    entry.key = static_cast<int>(finding.numbers.key);
-  }
-  if (!finding.name.empty()) {
-    entry.fields.emplace_back("collation", FileBytes{.bytes = std::string(finding.name)});
-  }
-  add(entry, is_healed(finding.code));
+  add(checker::entry_of(finding), is_healed(finding.code));
 }
 
 void Collector::failed(std::int32_t code, std::int32_t place) {
-  const bool of_system = checker::is_of_system(code);
-  add({.code = of_system ? "system.error" : "library.error",
-       .status = of_system ? Status::kUnfinished : Status::kDamaged,
-       .text = error_text(code),
-       .fields = {{"error", std::int64_t{code}}, {"place", std::int64_t{place}}}});
+  add(checker::entry_of_failure(code, place));
 }
 
 void Collector::detail(const checker::Detail& detail) {

@@ -13,9 +13,6 @@
 
 namespace zentra {
 
-// How bad it is that a check has found this.
-[[nodiscard]] Status weight_of(checker::Code code);
-
 class Collector : public checker::Listener {
  public:
   // `locked`: the records that others have locked.

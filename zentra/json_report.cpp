@@ -30,21 +30,10 @@ void put(const Json& object) {
   std::fwrite(line.data(), 1, line.size(), stdout);
 }
 
-const char* name_of(Entry::Kind kind) {
-  switch (kind) {
-    case Entry::Kind::kFinding:
-      return "finding";
-    case Entry::Kind::kDetail:
-      return "detail";
-    default:
-      return "note";
-  }
-}
-
 class JsonReport : public Report {
  public:
   void begin(const char* command, int pairs) override {
-    put({{"schema", kSchema}, {"type", "begin"}, {"command", command}, {"pairs", pairs}});
+    put({{"schema", checker::kSchema}, {"type", "begin"}, {"command", command}, {"pairs", pairs}});
   }
   void pair_begins(int number, int pairs, const std::string& name) override {
     pair_is(number, name);
@@ -55,7 +44,7 @@ class JsonReport : public Report {
   }
   void pair_is(int number, const std::string& /*name*/) override { number_ = number; }
   void entry(const Entry& entry) override {
-    Json object{{"type", name_of(entry.kind)}, {"pair", number_}, {"code", entry.code}};
+    Json object{{"type", checker::name_of(entry.kind)}, {"pair", number_}, {"code", entry.code}};
     if (entry.kind == Entry::Kind::kFinding) object["verdict"] = verdict_of(entry.status);
     if (entry.key != 0) object["index"] = entry.key;
     add(object, entry.fields);

@@ -255,21 +255,11 @@ int run_pairs(const Run& run) {
       outcomes.push_back(work_collected(run, at, *report));
     }
   }
-  Status worst = Status::kSound;
-  std::int64_t findings = 0;
-  std::array<std::int64_t, 5> counts{};
-  for (const Outcome& outcome : outcomes) {
-    worst = worse(worst, outcome.status);
-    findings += outcome.findings;
-    ++counts[static_cast<std::size_t>(outcome.status)];
-  }
-  Fields fields{{"pairs", static_cast<std::int64_t>(outcomes.size())}};
-  for (std::size_t i = 0; i < counts.size(); ++i) {
-    fields.emplace_back(verdict_of(static_cast<Status>(i)), counts[i]);
-  }
-  fields.emplace_back("findings", findings);
+  checker::Tally tally;
+  for (const Outcome& outcome : outcomes) tally.add(outcome.status, outcome.findings);
+  Status worst = tally.worst();
   erase_progress();
-  report->end(worst, fields);
+  report->end(worst, tally.fields());
   if (!output_is_whole()) {
     std::fprintf(stderr, "zentra: the report could not be written: %s\n", std::strerror(errno));
     if (!run.changes) worst = Status::kUnfinished;

@@ -41,11 +41,6 @@ std::string process_text(pid_t process) {
                       : fmt::format("process {} ({})", process, shown(name));
 }
 
-std::string error_text(std::int32_t code) {
-  if (code < isam::kDuplicate) return std::strerror(code);
-  return fmt::format("error {}: {}", code, isam::is_errlist(code));
-}
-
 bool ReadPair::refuse(Status status, std::string why) {
   status_ = status;
   why_ = std::move(why);

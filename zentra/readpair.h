@@ -13,6 +13,7 @@
 #include <chrono>
 #include <string>
 
+#include "checker/entry.h"
 #include "zentra/status.h"
 
 namespace zentra {
@@ -55,7 +56,6 @@ class ReadPair {
 // "process 123 (name)", or "unknown" for 0.
 [[nodiscard]] std::string process_text(pid_t process);
 
-// The library's current error in words.
-[[nodiscard]] std::string error_text(std::int32_t code);
+using checker::error_text;
 
 }  // namespace zentra

@@ -6,42 +6,18 @@
 //         line is that of end()
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
-#include <string_view>
-#include <utility>
-#include <variant>
-#include <vector>
 
+#include "checker/entry.h"
 #include "zentra/status.h"
 
 namespace zentra {
 
-inline constexpr int kSchema = 1;
-
-// Bytes of a file: a name, a key. `shown`: how they are told to people, if not as text.
-struct FileBytes {
-  std::string bytes;
-  std::string shown{};
-};
-using Value = std::variant<std::int64_t, double, bool, FileBytes, std::string>;
-using Fields = std::vector<std::pair<const char*, Value>>;
-
-struct Entry {
-  enum class Kind {
-    kFinding,  // damage
-    kDetail,   // one of those that a finding counts
-    kNote      // what is no damage
-  };
-
-  Kind kind = Kind::kFinding;
-  std::string code{};
-  Status status = Status::kSound;
-  int key = 0;  // number of the index that it is about
-  std::string text{};
-  Fields fields{};
-};
+using checker::Entry;
+using checker::Fields;
+using checker::FileBytes;
+using checker::Value;
 
 class Report {
  public:

@@ -1,35 +1,14 @@
 // status: what a run of `zentra` ends with, the same for all subcommands.
 #pragma once
 
-#include <algorithm>
+#include "checker/status.h"
 
 namespace zentra {
 
-// From the best to the worst: over several pairs the worst counts.
-enum class Status : int {
-  kSound = 0,         // or done
-  kDamaged = 1,       // its records can be found
-  kNeedsSalvage = 2,  // or it is no pair at all
-  kInUse = 3,
-  kUnfinished = 4  // no such file, an error of the system, no memory
-};
-inline constexpr int kUsage = 16;
+using checker::Status;
+using checker::verdict_of;
+using checker::worse;
 
-[[nodiscard]] inline Status worse(Status a, Status b) { return std::max(a, b); }
-
-[[nodiscard]] constexpr const char* verdict_of(Status status) {
-  switch (status) {
-    case Status::kSound:
-      return "sound";
-    case Status::kDamaged:
-      return "damaged";
-    case Status::kNeedsSalvage:
-      return "needs-salvage";
-    case Status::kInUse:
-      return "in-use";
-    default:
-      return "unfinished";
-  }
-}
+inline constexpr int kUsage = 16;  // the command line is wrong
 
 }  // namespace zentra

@@ -5,17 +5,15 @@
 #include <string>
 #include <string_view>
 
+#include "common/printable.h"
 #include "isam.h"
 #include "isam/base/format.h"
 
 namespace zentra {
 
-// Whether the bytes are UTF-8 of characters that show as themselves: no control characters, none
-// that change the direction or cannot be seen.
-[[nodiscard]] bool is_printable(std::string_view bytes);
-// The bytes with \xNN for each that does not belong to such a character, and for "\" itself.
-[[nodiscard]] std::string shown(std::string_view bytes);
-[[nodiscard]] std::string hex(std::string_view bytes);
+using common::hex;
+using common::is_printable;
+using common::shown;
 
 // A number with a comma behind each thousand.
 [[nodiscard]] std::string grouped(std::int64_t number);

@@ -20,6 +20,7 @@ import fcntl
 import os
 import pathlib
 import pty
+import re
 import resource
 import signal
 import subprocess
@@ -34,7 +35,9 @@ PAIRS = SOURCE / 'tests' / 'pairs'
 LONGEST_RUN = 60  # seconds
 # What the surroundings of this run might change.
 VARIABLES = ['CLIENT_LOCALE', 'DB_LOCALE', 'SERVER_LOCALE', 'LANG', 'LC_ALL', 'ISAMBUFS',
-             'KESTRO_KEEP', 'ISAMSORTMEM']
+             'KESTRO_KEEP', 'KESTRO_REPORT', 'ISAMSORTMEM']
+# What differs from run to run in a report.
+PASSING = re.compile(r'"(time|process|seconds)":(?:"[^"]*"|[-+.\de]+)')
 
 
 @contextlib.contextmanager
@@ -158,8 +161,17 @@ class Stage:
         printed, err, shown = ((text or b'').decode('latin-1') for text in (out, err, shown))
         for part in (section('standard error', err), section('terminal', shown)):
             printed += '\n' + part if part and printed and printed[-1] != '\n' else part
+        printed += self.report(run)
         printed = printed.replace(self.folder, 'FOLDER').replace(self.tools.version, 'VERSION')
         return f'{printed}--- {self.outcome(run, process.returncode)}\n'
+
+    def report(self, run):
+        """What stands in the file that KESTRO_REPORT names; a report is taken away."""
+        path = f'{self.folder}/report'
+        written = read_if_there(path).decode('latin-1') if run.environment.get('KESTRO_REPORT') else ''
+        if written.startswith('{"schema"'):
+            os.remove(path)
+        return section('report', PASSING.sub(r'"\1":0', written))
 
     def outcome(self, run, status):
         said = [f'signal {-status}' if status < 0 else f'status {status}']

@@ -1,0 +1,37 @@
+// status: how bad it is what was found of a pair, or what was done with it. Reports tell it as a
+// verdict, `zentra` also by its exit status.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+
+namespace checker {
+
+// From the best to the worst: over several pairs the worst counts.
+enum class Status : int {
+  kSound = 0,         // or done
+  kDamaged = 1,       // its records can be found
+  kNeedsSalvage = 2,  // or it is no pair at all
+  kInUse = 3,
+  kUnfinished = 4  // no such file, an error of the system, no memory
+};
+inline constexpr std::size_t kStatuses = 5;
+
+[[nodiscard]] inline Status worse(Status a, Status b) { return std::max(a, b); }
+
+[[nodiscard]] constexpr const char* verdict_of(Status status) {
+  switch (status) {
+    case Status::kSound:
+      return "sound";
+    case Status::kDamaged:
+      return "damaged";
+    case Status::kNeedsSalvage:
+      return "needs-salvage";
+    case Status::kInUse:
+      return "in-use";
+    default:
+      return "unfinished";
+  }
+}
+
+}  // namespace checker
