@@ -42,10 +42,11 @@ bool mark_chain(Check& check, std::int32_t pointer) {
 // Marks the pages that an absent record keeps for an open transaction.
 void mark_kept_storage(Check& check, std::int32_t record) {
   const isam::KeepError keep;
-  if (isam::find_locked(check.listener.locked(), record) == nullptr) return;
   isam::Byte trailer[isam::kVariableTrailer] = {};
   if (isam::datainfo(record, trailer) != isam::kVariableTrailer) return;
-  static_cast<void>(mark_chain(check, common::ldlong(trailer + isam::kTrailerReference)));
+  const std::int32_t reference = common::ldlong(trailer + isam::kTrailerReference);
+  if (reference == 0 || check.listener.locks()->find(record) == nullptr) return;
+  static_cast<void>(mark_chain(check, reference));
 }
 
 // Marks the pages of a record that is present, and reads it into `buffer`: its length. -1 for an
@@ -117,7 +118,7 @@ int read_record(Check& check, States& states, std::int32_t record, isam::Bytes b
 
 void check_records(Check& check) {
   int looks = 0;
-  const bool has_locked = !check.listener.locked().empty();
+  const bool may_be_locked = check.listener.locks() != nullptr;
   const isam::Bytes buffer = isam::temprecord();
   States states;
   const std::int32_t last = std::min(check.datlast, check.datreal);
@@ -135,7 +136,7 @@ void check_records(Check& check) {
       check.note_system_error();
       check.found(Code::kBadRecord, {.record = record});
     } else {
-      if (check.varlen && has_locked) mark_kept_storage(check, record);
+      if (check.varlen && may_be_locked) mark_kept_storage(check, record);
       if (++looks <= kLooks && has_no_state(record)) check.data_misfits = true;
     }
   }

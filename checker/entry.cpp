@@ -131,12 +131,12 @@ void Tally::add(Status status, std::int64_t findings) {
   ++counts_[static_cast<std::size_t>(status)];
 }
 
-Fields Tally::fields() const {
+Fields Tally::fields(const char* good) const {
   std::int64_t pairs = 0;
   for (const std::int64_t count : counts_) pairs += count;
   Fields fields{{"pairs", pairs}};
   for (std::size_t i = 0; i < kStatuses; ++i) {
-    fields.emplace_back(verdict_of(static_cast<Status>(i)), counts_[i]);
+    fields.emplace_back(verdict_of(static_cast<Status>(i), good), counts_[i]);
   }
   fields.emplace_back("findings", findings_);
   return fields;

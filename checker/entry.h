@@ -59,7 +59,8 @@ class Tally {
  public:
   void add(Status status, std::int64_t findings);
   [[nodiscard]] Status worst() const { return worst_; }
-  [[nodiscard]] Fields fields() const;
+  // `good`: the verdict of status 0.
+  [[nodiscard]] Fields fields(const char* good = kVerdictSound) const;
 
  private:
   Status worst_ = Status::kSound;

@@ -68,24 +68,26 @@ struct ListRule {
 };
 using ListChain = isam::NodeChain<ListRule>;
 
-// What the entries of a list are counted by, and told as when they are bad.
-struct Entries {
+// What a list and its entries are judged by, and told as when they are bad.
+struct ListKind {
   std::int32_t last;  // number
   UsageMap& accounted;
   const UsageMap& in_use;
+  Verdict& verdict;
   Code bad;
   Code duplicate;
+  Code malformed;
 };
 
-// Accounts for the entries of a list, as far as it can be followed.
-void walk_list(const Check& check, ListChain& chain, const Entries& entries, ListCounts& counts) {
+// Accounts for the entries of a list, as far as it can be followed: where that ends.
+isam::ChainEnd walk_list(Check& check, ListChain& chain, const ListKind& kind, ListCounts& counts) {
   while (const isam::PageHold page = chain.read()) {
     int slot = 0;
     ListNode{page}.for_each_entry([&](std::int32_t number) {
       const ListCounts before = counts;
-      account_for_entry(number, entries.last, entries.accounted, entries.in_use, counts);
+      account_for_entry(number, kind.last, kind.accounted, kind.in_use, counts);
       if (counts.bad != before.bad || counts.duplicate != before.duplicate) {
-        check.tell({.code = counts.bad != before.bad ? entries.bad : entries.duplicate,
+        check.tell({.code = counts.bad != before.bad ? kind.bad : kind.duplicate,
                     .node = page.node(),
                     .slot = slot,
                     .pointer = number});
@@ -94,6 +96,14 @@ void walk_list(const Check& check, ListChain& chain, const Entries& entries, Lis
     });
     chain.follow(page);
   }
+  if (chain.end() == isam::ChainEnd::kUnreadable) {
+    check.report_unreadable_node();
+    kind.verdict = Verdict::kFaulty;
+  } else if (chain.end() == isam::ChainEnd::kMalformed) {
+    check.found(kind.malformed, {.node = chain.node()});
+    kind.verdict = Verdict::kFaulty;
+  }
+  return chain.end();
 }
 
 // Tells the numbers that are not accounted for, in runs.
@@ -108,12 +118,20 @@ void tell_missing(const UsageMap& accounted, std::int32_t last, Told told) {
 
 // Accounts for the numbers that others' open transactions keep back.
 void account_for_kept(Check& check) {
-  for (const isam::LockedRecords& locked : check.listener.locked()) {
-    const std::int32_t last = std::min({locked.last, check.datlast, check.datreal});
-    for (std::int32_t record = std::max(locked.first, 1); record <= last; ++record) {
-      if (!check.datmap2.set_bit(record)) check.listener.kept_back(record);
+  isam::RecordLocks* const locks = check.listener.locks();
+  const std::int32_t highest = std::min(check.datlast, check.datreal);
+  if (locks == nullptr || highest < 1) return;
+  tell_missing(check.datmap2, highest, [&](std::int32_t first, std::int32_t last) {
+    for (std::int32_t record = first; record <= last;) {
+      const isam::LockedRecords* const locked = locks->next(record, last);
+      if (locked == nullptr) return;
+      const std::int32_t end = std::min(locked->last, last);
+      for (record = std::max(record, locked->first); record <= end; ++record) {
+        check.datmap2.set_bit(record);
+        check.listener.kept_back(record);
+      }
     }
-  }
+  });
 }
 
 // The list of free records leads to a node that cannot be its own: both lists are in doubt.
@@ -124,59 +142,35 @@ void both_lists_faulty(Check& check, Code code, std::int32_t node) {
 
 void walk_data_list(Check& check, ListCounts& counts) {
   ListChain chain{dictp->d_freedata(), {check}};
-  walk_list(check, chain,
-            {.last = check.datlast,
-             .accounted = check.datmap2,
-             .in_use = check.datmap,
-             .bad = Code::kRecordListBad,
-             .duplicate = Code::kRecordListDuplicate},
-            counts);
-  switch (chain.end()) {
-    case isam::ChainEnd::kOutOfRange:
-      return both_lists_faulty(check, Code::kRecordListNodeBad, chain.node());
-    case isam::ChainEnd::kMetTwice:
-      return both_lists_faulty(check, Code::kRecordListNodeDuplicate, chain.node());
-    case isam::ChainEnd::kUnreadable:
-      check.report_unreadable_node();
-      check.baddfree = Verdict::kFaulty;
-      return;
-    case isam::ChainEnd::kMalformed:
-      check.found(Code::kRecordListMalformed, {.node = chain.node()});
-      check.baddfree = Verdict::kFaulty;
-      return;
-    default:
-      return;
+  const ListKind records{.last = check.datlast,
+                         .accounted = check.datmap2,
+                         .in_use = check.datmap,
+                         .verdict = check.baddfree,
+                         .bad = Code::kRecordListBad,
+                         .duplicate = Code::kRecordListDuplicate,
+                         .malformed = Code::kRecordListMalformed};
+  const isam::ChainEnd end = walk_list(check, chain, records, counts);
+  if (end == isam::ChainEnd::kOutOfRange) {
+    both_lists_faulty(check, Code::kRecordListNodeBad, chain.node());
+  } else if (end == isam::ChainEnd::kMetTwice) {
+    both_lists_faulty(check, Code::kRecordListNodeDuplicate, chain.node());
   }
 }
 
 // False when the walk ends before the list does.
 bool walk_index_list(Check& check, ListCounts& counts) {
   ListChain chain{dictp->d_freenode(), {check}};
-  walk_list(check, chain,
-            {.last = check.idxlast,
-             .accounted = check.idxmap2,
-             .in_use = check.idxmap,
-             .bad = Code::kNodeListBad,
-             .duplicate = Code::kNodeListDuplicate},
-            counts);
-  switch (chain.end()) {
-    case isam::ChainEnd::kOutOfRange:
-      ++counts.bad;
-      return false;
-    case isam::ChainEnd::kMetTwice:
-      ++counts.duplicate;
-      return false;
-    case isam::ChainEnd::kUnreadable:
-      check.report_unreadable_node();
-      check.badifree = Verdict::kFaulty;
-      return false;
-    case isam::ChainEnd::kMalformed:
-      check.found(Code::kNodeListMalformed, {.node = chain.node()});
-      check.badifree = Verdict::kFaulty;
-      return false;
-    default:
-      return true;
-  }
+  const ListKind nodes{.last = check.idxlast,
+                       .accounted = check.idxmap2,
+                       .in_use = check.idxmap,
+                       .verdict = check.badifree,
+                       .bad = Code::kNodeListBad,
+                       .duplicate = Code::kNodeListDuplicate,
+                       .malformed = Code::kNodeListMalformed};
+  const isam::ChainEnd end = walk_list(check, chain, nodes, counts);
+  counts.bad += end == isam::ChainEnd::kOutOfRange ? 1 : 0;
+  counts.duplicate += end == isam::ChainEnd::kMetTwice ? 1 : 0;
+  return end == isam::ChainEnd::kLast;
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <string>
 
 #include "checker/findings.h"
@@ -97,9 +96,9 @@ class Listener {
     bool same_number;
   };
   virtual void leaf_item(const Leaf& /*place*/, const isam::Item& /*item*/) {}
-  // Record numbers that others have locked, in ascending order: an open transaction of theirs keeps
-  // deleted ones back, with their storage, until it ends.
-  [[nodiscard]] virtual std::span<const isam::LockedRecords> locked() const { return {}; }
+  // Record numbers that others have locked: an open transaction of theirs keeps deleted ones back,
+  // with their storage, until it ends. Null: nobody can have any.
+  [[nodiscard]] virtual isam::RecordLocks* locks() { return nullptr; }
   // Such a number, which is neither in use nor free.
   virtual void kept_back(std::int32_t /*record*/) {}
 

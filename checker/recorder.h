@@ -49,9 +49,7 @@ class Recorder : public Listener {
   void leaf_item(const Leaf& place, const isam::Item& item) override {
     inner_.leaf_item(place, item);
   }
-  [[nodiscard]] std::span<const isam::LockedRecords> locked() const override {
-    return inner_.locked();
-  }
+  [[nodiscard]] isam::RecordLocks* locks() override { return inner_.locks(); }
   void kept_back(std::int32_t record) override { inner_.kept_back(record); }
   [[nodiscard]] bool wants_trees() const override { return inner_.wants_trees(); }
   void tree_node(int level, std::int32_t node, int used) override {

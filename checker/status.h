@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 
 namespace checker {
@@ -19,19 +20,14 @@ inline constexpr std::size_t kStatuses = 5;
 
 [[nodiscard]] inline Status worse(Status a, Status b) { return std::max(a, b); }
 
-[[nodiscard]] constexpr const char* verdict_of(Status status) {
-  switch (status) {
-    case Status::kSound:
-      return "sound";
-    case Status::kDamaged:
-      return "damaged";
-    case Status::kNeedsSalvage:
-      return "needs-salvage";
-    case Status::kInUse:
-      return "in-use";
-    default:
-      return "unfinished";
-  }
+// What status 0 says: a subcommand that checks nothing has no right to "sound".
+inline constexpr const char* kVerdictSound = "sound";
+inline constexpr const char* kVerdictDone = "done";
+
+[[nodiscard]] constexpr const char* verdict_of(Status status, const char* good = kVerdictSound) {
+  constexpr std::array<const char*, kStatuses> kVerdicts = {"", "damaged", "needs-salvage",
+                                                            "in-use", "unfinished"};
+  return status == Status::kSound ? good : kVerdicts.at(static_cast<std::size_t>(status));
 }
 
 }  // namespace checker

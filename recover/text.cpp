@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "common/hexdump.h"
+#include "isam/keys/keys.h"
 
 namespace recover {
 namespace {
@@ -16,29 +17,9 @@ std::string hex(unsigned value, int digits) {
   return text.data();
 }
 
-std::string type_text(int type) {
-  const int base = type & ~KT_DESC;
-  switch (base) {
-    case KT_CHAR:
-      return "char";
-    case KT_INT:
-      return "int";
-    case KT_LONG:
-      return "long";
-    case KT_DOUBLE:
-      return "double";
-    case KT_FLOAT:
-      return "float";
-    case KT_LOCALE:
-      return "locale";
-    default:
-      return "type " + std::to_string(base);
-  }
-}
-
 std::string part_text(const keypart& part) {
   std::string text = " (" + std::to_string(part.start) + "," + std::to_string(part.length) + "," +
-                     type_text(part.type);
+                     isam::type_name(part.type);
   if ((part.type & KT_DESC) != 0) text += ",descending";
   return text + ")";
 }

@@ -2,6 +2,8 @@
 // its value goes. The parser's own header is read by commandline.cpp alone: it takes long.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -25,12 +27,16 @@ class Arguments {
 
   // What several subcommands have.
   void json(bool& to);
-  void wait(double& seconds);
+  void wait(double& seconds);  // as_time() of it
   void pair(std::string& name);
   void pairs(std::vector<std::string>& names);
 
  private:
   CLI::App& app_;
 };
+
+[[nodiscard]] inline std::chrono::milliseconds as_time(double seconds) {
+  return std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+}
 
 }  // namespace zentra

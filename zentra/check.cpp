@@ -66,15 +66,19 @@ Outcome refused(const ReadPair& pair, Report& report) {
   return {.status = pair.status(), .findings = is_none ? 1 : 0};
 }
 
-// Runs the checks on the current pair: whether they came to their end.
-bool check_all(checker::Check& check, DeepCollector* deep) {
+// Runs the checks on the current pair: whether they came to their end. Whether the files fit may
+// take a while: who wants to change the pair need not wait for that.
+bool check_all(checker::Check& check, DeepCollector* deep, ReadPair& pair) {
   try {
     if (!checker::run_checks(check)) return false;
     checker::tell_why_refused(check);
     if (deep != nullptr) {
       check_marks(check, *deep);
       check_storage(check, *deep);
-      check_fit(check, *deep);
+      if (deep->findings() > 0) {
+        pair.let_go();
+        check_fit(check, *deep);
+      }
     }
     return true;
   } catch (const std::bad_alloc&) {
@@ -99,22 +103,21 @@ Fields totals(const checker::Check& check, const Collector& collector) {
 
 Outcome check_pair(const CheckOptions& options, const std::string& name, Report& report) {
   const auto start = steady_clock::now();
-  const auto wait = std::chrono::milliseconds(static_cast<std::int64_t>(options.wait * 1000));
   ReadPair pair;
-  if (!pair.open(name, wait) || !pair.load()) return refused(pair, report);
-  std::vector<isam::LockedRecords> locked = isam::locked_records(isam::dictp->d_nextdata());
+  if (!pair.open(name, as_time(options.wait)) || !pair.load()) return refused(pair, report);
+  isam::RecordLocks locks(isam::dictp->d_nextdata());
   std::unique_ptr<Collector> collector;
   DeepCollector* deep = nullptr;
   if (options.quick) {
-    collector = std::make_unique<Collector>(report, std::move(locked));
+    collector = std::make_unique<Collector>(report, std::move(locks));
   } else {
-    auto owner = std::make_unique<DeepCollector>(report, std::move(locked));
+    auto owner = std::make_unique<DeepCollector>(report, std::move(locks));
     deep = owner.get();
     collector = std::move(owner);
   }
   const checker::Options how{.nflag = 1, .qflag = 1};
   checker::Check check(how, *collector);
-  const bool whole = check_all(check, deep);
+  const bool whole = check_all(check, deep, pair);
   if (!whole) {
     // No finding says it where the system or the library refused.
     check.prterr();

@@ -96,7 +96,7 @@ void Collector::detail(const checker::Detail& detail) {
 }
 
 void Collector::kept_back(std::int32_t record) {
-  if (const auto* range = isam::find_locked(locked_, record)) ++kept_[range->process];
+  if (const auto* range = locks_.find(record)) ++kept_[range->process];
 }
 
 void Collector::tell_kept() {

@@ -5,7 +5,6 @@
 #include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "checker/listener.h"
 #include "isam/files/watching.h"
@@ -15,9 +14,8 @@ namespace zentra {
 
 class Collector : public checker::Listener {
  public:
-  // `locked`: the records that others have locked.
-  Collector(Report& report, std::vector<isam::LockedRecords> locked)
-      : report_(report), locked_(std::move(locked)) {}
+  // `locks`: the records that others have locked.
+  Collector(Report& report, isam::RecordLocks locks) : report_(report), locks_(std::move(locks)) {}
 
   void found(const checker::Finding& finding) override;
   // Nothing is ever changed.
@@ -25,7 +23,7 @@ class Collector : public checker::Listener {
   void failed(std::int32_t code, std::int32_t place) override;
   [[nodiscard]] bool wants_details() const override { return true; }
   void detail(const checker::Detail& detail) override;
-  [[nodiscard]] std::span<const isam::LockedRecords> locked() const override { return locked_; }
+  [[nodiscard]] isam::RecordLocks* locks() override { return &locks_; }
   void kept_back(std::int32_t record) override;
   void index_begins(int /*n*/, const keydescr& k) override {
     ++indexes_;
@@ -47,7 +45,7 @@ class Collector : public checker::Listener {
 
  private:
   Report& report_;
-  std::vector<isam::LockedRecords> locked_;
+  isam::RecordLocks locks_;
   Status status_ = Status::kSound;
   std::int64_t findings_ = 0;
   int indexes_ = 0;

@@ -14,6 +14,37 @@
 
 namespace zentra {
 
+namespace {
+
+// The parser takes a word in brackets for a list. A mark in front keeps it from that until the word
+// is where it belongs.
+constexpr char kMark = '\x1f';
+
+void mark(std::string& word) {
+  const bool is_in_brackets = word.starts_with('[') && word.ends_with(']');
+  if (is_in_brackets || word.starts_with(kMark)) word.insert(0, 1, kMark);
+}
+
+std::string unmarked(std::string word) {
+  if (word.starts_with(kMark)) word.erase(0, 1);
+  return word;
+}
+
+// What a word stands for any bytes takes.
+void takes_any(CLI::Option* option) { option->transform(unmarked, "")->type_name(""); }
+
+constexpr double kLongestWait = 1e6;
+
+std::string wait_fault(const std::string& text) {
+  double seconds = 0;
+  const bool is_number = CLI::detail::lexical_cast(text, seconds);
+  return is_number && seconds >= 0 && seconds <= kLongestWait
+             ? ""
+             : "takes seconds from 0 to a million, not " + text;
+}
+
+}  // namespace
+
 void Arguments::flag(const char* name, bool& to, const char* help) {
   app_.add_flag(name, to, help);
 }
@@ -32,29 +63,41 @@ void Arguments::word_of(const char* name, std::string& to, std::vector<std::stri
 }
 
 void Arguments::words(const char* name, std::vector<std::string>& to, int most, const char* help) {
-  app_.add_option(name, to, help)->expected(0, most)->type_name("");
+  takes_any(app_.add_option(name, to, help)->expected(0, most));
 }
 
 void Arguments::json(bool& to) { app_.add_flag("--json", to, "report as JSON, one object a line"); }
 
 void Arguments::wait(double& seconds) {
   app_.add_option("--wait", seconds, "seconds to wait for the lock (10)")
-      ->check(CLI::Range(0.0, 1e6))
+      ->check(wait_fault, "")
       ->type_name("SECONDS");
 }
 
 void Arguments::pair(std::string& name) {
-  app_.add_option("PAIR", name, "base name, or either file of the pair")->required()->type_name("");
+  takes_any(app_.add_option("PAIR", name, "base name, or either file of the pair")->required());
 }
 
 void Arguments::pairs(std::vector<std::string>& names) {
-  app_.add_option("PAIR", names, "base name, or either file of the pair")
-      ->required()
-      ->expected(1, -1)
-      ->type_name("");
+  takes_any(app_.add_option("PAIR", names, "base name, or either file of the pair")
+                ->required()
+                ->expected(1, -1));
 }
 
 namespace {
+
+// The first word that the command line has too much, whatever else is missing; empty for none.
+std::string what_is_unknown(const CLI::App& app) {
+  const auto subcommands = app.get_subcommands();
+  for (const std::string& left : app.remaining(true)) {
+    const std::string word = unmarked(left);
+    if (word == "--") continue;
+    if (word.starts_with('-') && word.size() > 1) return "there is no option " + word;
+    return subcommands.empty() ? "there is no subcommand " + word + "; zentra --help lists them"
+                               : subcommands.front()->get_name() + ": one word too many: " + word;
+  }
+  return "";
+}
 
 int run_parsed(std::vector<std::string> words) {
   CLI::App app{"Looks after Zentra indexed files.", "zentra"};
@@ -68,16 +111,14 @@ int run_parsed(std::vector<std::string> words) {
     const std::function<int()> prepared = command.prepare(arguments);
     sub->callback([&chosen, prepared] { chosen = prepared; });
   }
-  // The parser takes a word in brackets for a list: as a file's name it gets a folder in front.
-  for (std::string& word : words) {
-    if (word.starts_with('[') && word.ends_with(']')) word.insert(0, "./");
-  }
+  std::ranges::for_each(words, mark);
   std::ranges::reverse(words);  // as the parser wants them
   try {
     app.parse(std::move(words));
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
-    std::fprintf(stderr, "zentra: %s\n", shown(error.what()).c_str());
+    const std::string unknown = what_is_unknown(app);
+    if (unknown.empty() && error.get_exit_code() == 0) return app.exit(error);
+    std::fprintf(stderr, "zentra: %s\n", shown(unknown.empty() ? error.what() : unknown).c_str());
     return kUsage;
   }
   return chosen();

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <set>
 
 #include "isam/base/current.h"
@@ -215,22 +216,11 @@ NodeKind kind_of(std::int32_t node, isam::ConstBytes bytes) {
 }
 
 const char* name_of(NodeKind kind) {
-  switch (kind) {
-    case NodeKind::kDictionary:
-      return "dictionary";
-    case NodeKind::kDescriptions:
-      return "key descriptions";
-    case NodeKind::kFreeRecords:
-      return "list of free records";
-    case NodeKind::kFreeNodes:
-      return "list of free nodes";
-    case NodeKind::kStorage:
-      return "storage page";
-    case NodeKind::kAudit:
-      return "name of the audit trail";
-    default:
-      return "tree node";
-  }
+  constexpr std::array kNames = {
+      "dictionary",         "key descriptions", "list of free records",
+      "list of free nodes", "storage page",     "name of the audit trail",
+      "tree node"};
+  return kNames.at(static_cast<std::size_t>(kind));
 }
 
 std::vector<Piece> decode_node(NodeKind kind, isam::ConstBytes bytes, const keydescr* index) {

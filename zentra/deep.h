@@ -3,7 +3,6 @@
 
 #include <map>
 #include <utility>
-#include <vector>
 
 #include "checker/check.h"
 #include "zentra/collector.h"
@@ -14,8 +13,8 @@ namespace zentra {
 // Also hears every item of every index.
 class DeepCollector : public Collector {
  public:
-  DeepCollector(Report& report, std::vector<isam::LockedRecords> locked)
-      : Collector(report, std::move(locked)), keys_(*this) {}
+  DeepCollector(Report& report, isam::RecordLocks locks)
+      : Collector(report, std::move(locks)), keys_(*this) {}
 
   [[nodiscard]] bool wants_leaves() const override { return true; }
   void found(const checker::Finding& finding) override;
@@ -50,7 +49,8 @@ void check_marks(const checker::Check& check, Collector& collector);
 // The pages of variable parts: each piece belongs to one record, counts and lists are right. Sorts
 // the pieces in temporary files.
 void check_storage(const checker::Check& check, Collector& collector);
-// Whether the two files fit each other.
+// Whether the two files fit each other, which a pair with no findings needs not be asked. The pair
+// may change meanwhile.
 void check_fit(const checker::Check& check, DeepCollector& collector);
 
 }  // namespace zentra

@@ -39,7 +39,9 @@ struct Fit {
 // The state bytes of the data file, if its records were of another length.
 class States {
  public:
-  States() : size_(common::file_size(filep->data.fd)), trailer_(isam::slot_size() - length()) {}
+  States() : size_(common::file_size(filep->data.fd)), trailer_(isam::slot_size() - length()) {
+    filep->data.map.look_again(filep->data.fd);
+  }
 
   [[nodiscard]] static int length() { return filep->geometry.reclen; }
 
@@ -80,7 +82,7 @@ class States {
     Fit fit;
     for (std::int64_t i = 0; i < slots; i += step) {
       isam::Byte byte = 0;
-      if (common::read_at(filep->data.fd, {&byte, 1}, i * slot + length) != 1) return false;
+      if (filep->data.map.read(filep->data.fd, {&byte, 1}, i * slot + length) != 1) return false;
       if (!is_state(byte)) return false;
       take(fit, byte);
     }
@@ -151,9 +153,8 @@ void check_end(const checker::Check& check, Collector& collector) {
 
 }  // namespace
 
-// What does not fit leads to faults of other kinds: a pair without any needs no look.
+// What does not fit leads to faults of other kinds.
 void check_fit(const checker::Check& check, DeepCollector& collector) {
-  if (collector.findings() == 0) return;
   States states;
   const Fit fit = states.count(States::length());
   const bool has_other_length = check_length(collector, states, fit);

@@ -8,6 +8,7 @@
 
 #include "checker/driver.h"
 #include "isam/base/errors.h"
+#include "isam/keys/keys.h"
 #include "isam/log/audit.h"
 #include "isam/records/varlen.h"
 #include "zentra/commands.h"
@@ -49,8 +50,7 @@ struct IndexFacts {
 // Hears a check, and keeps of it what a pair is.
 class Facts : public DeepCollector {
  public:
-  Facts(Report& muted, std::vector<isam::LockedRecords> locked)
-      : DeepCollector(muted, std::move(locked)) {}
+  Facts(Report& muted, isam::RecordLocks locks) : DeepCollector(muted, std::move(locks)) {}
 
   [[nodiscard]] bool wants_details() const override { return false; }
   [[nodiscard]] bool wants_trees() const override { return true; }
@@ -79,32 +79,13 @@ class Facts : public DeepCollector {
   std::vector<IndexFacts> all_;
 };
 
-const char* type_in_words(int type) {
-  switch (type & ~KT_DESC) {
-    case KT_CHAR:
-      return "characters";
-    case KT_INT:
-      return "int";
-    case KT_LONG:
-      return "long";
-    case KT_DOUBLE:
-      return "double";
-    case KT_FLOAT:
-      return "float";
-    case KT_LOCALE:
-      return "characters of the locale";
-    default:
-      return "characters in an order of the application";
-  }
-}
-
 std::string key_in_words(const keydescr& k) {
   if (k.nparts == 0) return "the order of record numbers";
   std::string text = (k.flags & KF_DUPS) != 0 ? "duplicates" : "unique";
   for (int i = 0; i < k.nparts; ++i) {
     const keypart& part = k.part[i];
     text += fmt::format(", bytes {} to {} {} {}", part.start, part.start + part.length - 1,
-                        type_in_words(part.type),
+                        isam::type_name(part.type),
                         (part.type & KT_DESC) != 0 ? "descending" : "ascending");
   }
   return text + ((k.flags & KF_COMPRESS) != 0 ? ", compressed" : "");
@@ -257,10 +238,10 @@ Outcome info_of(const InfoOptions& options, const std::string& name, Report& rep
     report.pair_ends(status, text, {});
     return Outcome{.status = status, .findings = 0};
   };
-  const auto wait = std::chrono::milliseconds(static_cast<std::int64_t>(options.wait * 1000));
-  if (!pair.open(name, wait) || !pair.load()) return end(pair.status(), pair.why());
+  if (!pair.open(name, as_time(options.wait)) || !pair.load())
+    return end(pair.status(), pair.why());
   Muted muted;
-  Facts facts(muted, isam::locked_records(dictp->d_nextdata()));
+  Facts facts(muted, isam::RecordLocks(dictp->d_nextdata()));
   const checker::Options how{.nflag = 1, .qflag = 1};
   checker::Check check(how, facts);
   static_cast<void>(checker::run_checks(check));
@@ -282,6 +263,7 @@ std::function<int()> prepare_info(Arguments& arguments) {
                       .json = options->json,
                       .jobs = 1,
                       .pairs = pairs_named(options->names),
+                      .good = kVerdictDone,
                       .work = [&](const std::string& name, Report& report) {
                         return info_of(*options, name, report);
                       }});

@@ -32,6 +32,8 @@ void put(const Json& object) {
 
 class JsonReport : public Report {
  public:
+  explicit JsonReport(const char* good) : good_(good) {}
+
   void begin(const char* command, int pairs) override {
     put({{"schema", checker::kSchema}, {"type", "begin"}, {"command", command}, {"pairs", pairs}});
   }
@@ -56,23 +58,24 @@ class JsonReport : public Report {
     add(object, fields);
     object["message"] = text;
     object["status"] = static_cast<int>(status);
-    object["verdict"] = verdict_of(status);
+    object["verdict"] = verdict_of(status, good_);
     put(object);
   }
   void end(Status status, const Fields& fields) override {
     Json object{{"type", "end"}};
     add(object, fields);
     object["status"] = static_cast<int>(status);
-    object["verdict"] = verdict_of(status);
+    object["verdict"] = verdict_of(status, good_);
     put(object);
   }
 
  private:
+  const char* good_;
   int number_ = 0;
 };
 
 }  // namespace
 
-std::unique_ptr<Report> json_report() { return std::make_unique<JsonReport>(); }
+std::unique_ptr<Report> json_report(const char* good) { return std::make_unique<JsonReport>(good); }
 
 }  // namespace zentra

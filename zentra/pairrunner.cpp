@@ -27,7 +27,7 @@ namespace zentra {
 namespace {
 
 std::unique_ptr<Report> report_of(const Run& run) {
-  return run.json ? json_report() : text_report(::isatty(STDOUT_FILENO) == 1);
+  return run.json ? json_report(run.good) : text_report(::isatty(STDOUT_FILENO) == 1);
 }
 
 // What all that was printed so far has come to.
@@ -259,7 +259,7 @@ int run_pairs(const Run& run) {
   for (const Outcome& outcome : outcomes) tally.add(outcome.status, outcome.findings);
   Status worst = tally.worst();
   erase_progress();
-  report->end(worst, tally.fields());
+  report->end(worst, tally.fields(run.good));
   if (!output_is_whole()) {
     std::fprintf(stderr, "zentra: the report could not be written: %s\n", std::strerror(errno));
     if (!run.changes) worst = Status::kUnfinished;

@@ -24,6 +24,7 @@ struct Run {
   bool json = false;
   int jobs = 1;
   std::vector<std::string> pairs;
+  const char* good = kVerdictSound;  // the verdict of status 0
   bool changes = false;  // files: then the status tells of them, also where the report is lost
   // Works on one pair: between pair_begins() and pair_ends() of the report, both not its own.
   std::function<Outcome(const std::string& name, Report& report)> work;

@@ -5,17 +5,32 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <vector>
 
 #include "common/io.h"
+#include "isam/base/current.h"
+#include "isam/base/format.h"
 #include "zentra/progress.h"
 
 namespace zentra {
 namespace {
 
 constexpr std::int64_t kPiece = 1 << 20;
+constexpr std::int64_t kShare = 4;  // one in so many bytes of memory, for each file
+
+// Where the nodes end that the dictionary counts: no others are looked at. It is read without a
+// lock, so this is a guess.
+std::int64_t end_of_nodes() {
+  isam::Dictionary dictionary{};
+  const bool is_there =
+      common::read_at(isam::filep->index.fd, dictionary.raw, 0) == isam::kDictionarySize &&
+      dictionary.d_magic() == isam::kDictionaryMagic;
+  if (!is_there) return 0;
+  return std::int64_t{dictionary.d_nextnode()} * (dictionary.d_idxsize() + 1);
+}
 
 // The system tells which pages it has only to those who may write the file, and to all others that
 // it has every page.
@@ -38,21 +53,35 @@ bool is_there(int fd, std::int64_t offset, std::int64_t size) {
   return told && std::ranges::all_of(pages, [](unsigned char state) { return (state & 1) != 0; });
 }
 
-}  // namespace
+// Where the file has bytes from `offset` on, past a hole.
+std::int64_t behind_hole(int fd, std::int64_t offset, std::int64_t size) {
+  const off_t data = ::lseek(fd, offset, SEEK_DATA);
+  if (data < 0) return errno == ENXIO ? size : offset;  // nothing but a hole is left; not told
+  return std::max<std::int64_t>(offset, data);
+}
 
-void read_ahead(int fd) {
+void read_up_to(int fd, std::int64_t end) {
   using std::chrono::steady_clock;
   const std::int64_t memory = std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE);
-  const std::int64_t size = std::min(common::file_size(fd), memory / 2);
+  const std::int64_t size = std::min({common::file_size(fd), end, memory / kShare});
   const bool asks = may_ask(fd);
   std::vector<common::Byte> piece(kPiece);
   const auto start = steady_clock::now();
   for (std::int64_t at = 0; at < size; at += kPiece) {
+    at = behind_hole(fd, at, size) / kPiece * kPiece;
+    if (at >= size) return;
     if (asks && is_there(fd, at, std::min(kPiece, size - at))) continue;
     if (common::read_at(fd, piece, at) <= 0) return;
     const std::chrono::duration<double> passed = steady_clock::now() - start;
     show_progress("Reading ahead", at, size, passed.count());
   }
+}
+
+}  // namespace
+
+void read_ahead() {
+  read_up_to(isam::filep->index.fd, std::max<std::int64_t>(end_of_nodes(), 0) + kPiece);
+  read_up_to(isam::filep->data.fd, INT64_MAX);
 }
 
 }  // namespace zentra

@@ -1,10 +1,11 @@
-// readahead: brings a file into the page cache, so that what is done under a lock is short.
+// readahead: brings a pair into the page cache, so that what is done under a lock is short.
+//
+// Needs   the current pair
+// Never   reads nodes that the dictionary does not count, or holes, or more than fits into memory
 #pragma once
 
 namespace zentra {
 
-// Reads what is not there yet. No more than what fits into half of the memory: the rest would only
-// push the beginning out again. Shows the progress; failures are left to who reads next.
-void read_ahead(int fd);
+void read_ahead();
 
 }  // namespace zentra

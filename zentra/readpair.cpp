@@ -96,8 +96,7 @@ bool ReadPair::lock(std::chrono::milliseconds wait) {
 bool ReadPair::open(const std::string& name, std::chrono::milliseconds wait) {
   for (;;) {
     if (!open_files(name)) return false;
-    read_ahead(isam::filep->index.fd);
-    read_ahead(isam::filep->data.fd);
+    read_ahead();
     if (!lock(wait)) return false;
     // A repair or clustering may have put other files in their place meanwhile.
     if (leads_to(isam::mkidxname(name), isam::filep->index) &&
@@ -114,6 +113,11 @@ bool ReadPair::load() {
   return true;
 }
 
+void ReadPair::let_go() {
+  isam::lkunwatch();
+  released_ = steady_clock::now();
+}
+
 void ReadPair::close() {
   if (!is_open_) return;
   is_open_ = false;
@@ -122,7 +126,8 @@ void ReadPair::close() {
 }
 
 double ReadPair::seconds_held() const {
-  return std::chrono::duration<double>(steady_clock::now() - locked_).count();
+  const auto end = released_.value_or(steady_clock::now());
+  return std::chrono::duration<double>(end - locked_).count();
 }
 
 }  // namespace zentra

@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "checker/entry.h"
@@ -30,13 +31,15 @@ class ReadPair {
   [[nodiscard]] bool open(const std::string& name, std::chrono::milliseconds wait);
   // Reads the dictionary: false where there is none.
   [[nodiscard]] bool load();
+  // Releases the lock, once it is not needed any more; the files stay open.
+  void let_go();
   void close();
 
   [[nodiscard]] Status status() const { return status_; }
   [[nodiscard]] const std::string& why() const { return why_; }
   // The process that has the lock which is in the way; 0: not known.
   [[nodiscard]] pid_t holder() const { return holder_; }
-  // How long the lock has been held.
+  // How long the lock has been held, or was.
   [[nodiscard]] double seconds_held() const;
 
  private:
@@ -51,6 +54,7 @@ class ReadPair {
   std::string why_;
   pid_t holder_ = 0;
   std::chrono::steady_clock::time_point locked_{};
+  std::optional<std::chrono::steady_clock::time_point> released_{};
 };
 
 // "process 123 (name)", or "unknown" for 0.

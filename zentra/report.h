@@ -38,8 +38,9 @@ class Report {
   Report& operator=(const Report&) = default;
 };
 
-// Both write to standard output. `is_terminal`: of many alike only the first are shown.
+// Both write to standard output. `is_terminal`: of many alike only the first are shown. `good`: the
+// verdict of status 0.
 [[nodiscard]] std::unique_ptr<Report> text_report(bool is_terminal);
-[[nodiscard]] std::unique_ptr<Report> json_report();
+[[nodiscard]] std::unique_ptr<Report> json_report(const char* good);
 
 }  // namespace zentra

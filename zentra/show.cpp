@@ -29,10 +29,9 @@ namespace {
 using isam::dictp;
 using isam::filep;
 
-constexpr auto kWait = std::chrono::seconds(10);
-
 struct ShowOptions {
   bool json = false;
+  double wait = 10;
   std::string name;
   std::string what;
   std::vector<std::string> which;
@@ -271,7 +270,8 @@ Refused show(const ShowOptions& options, Report& report) {
 
 Outcome show_pair(const ShowOptions& options, const std::string& name, Report& report) {
   ReadPair pair;
-  const bool open = pair.open(name, kWait) && (options.what == "dictionary" || pair.load());
+  const bool open =
+      pair.open(name, as_time(options.wait)) && (options.what == "dictionary" || pair.load());
   Refused refused;
   if (!open) {
     refused = Refusal{pair.status(), pair.why()};
@@ -294,6 +294,7 @@ std::size_t words_behind(const std::string& what) {
 std::function<int()> prepare_show(Arguments& arguments) {
   const auto options = std::make_shared<ShowOptions>();
   arguments.json(options->json);
+  arguments.wait(options->wait);
   arguments.pair(options->name);
   arguments.word_of("WHAT", options->what, {"record", "node", "key", "dictionary"},
                     "record, node, key or dictionary");
@@ -310,6 +311,7 @@ std::function<int()> prepare_show(Arguments& arguments) {
                       .json = options->json,
                       .jobs = 1,
                       .pairs = {name},
+                      .good = kVerdictDone,
                       .work = [&](const std::string& base, Report& report) {
                         return show_pair(*options, base, report);
                       }});

@@ -5,6 +5,8 @@
 
 namespace zentra {
 
+using checker::kVerdictDone;
+using checker::kVerdictSound;
 using checker::Status;
 using checker::verdict_of;
 using checker::worse;

@@ -104,7 +104,7 @@ class StorageCheck {
     }
     isam::clear_errors();
     if (bytes <= length) return true;
-    if (const auto* lock = isam::find_locked(collector_.locked(), record)) {
+    if (const auto* lock = collector_.locks()->find(record)) {
       ++kept_[lock->process];
     } else {
       ++surplus_;
@@ -176,8 +176,8 @@ class StorageCheck {
          {{"record", std::int64_t{record}}});
   }
 
-  [[nodiscard]] bool is_locked(std::int32_t record) const {
-    return isam::find_locked(collector_.locked(), record) != nullptr;
+  [[nodiscard]] bool is_locked(std::int32_t record) {
+    return collector_.locks()->find(record) != nullptr;
   }
 
   void find(const char* code, std::string text, Fields fields) {

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -13,10 +14,10 @@
 #include <string>
 #include <string_view>
 #include <system_error>
-#include <utility>
-#include <vector>
+#include <tuple>
 
 #include "checker/interrupt.h"
+#include "checker/keptindex.h"
 #include "checker/obstacle.h"
 #include "checker/temporaryfile.h"
 #include "checker/undodata.h"
@@ -24,11 +25,11 @@
 #include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/files/files.h"
-#include "isam/files/locks.h"
 #include "isam/files/watching.h"
 #include "zentra/commands.h"
 #include "zentra/pairnames.h"
 #include "zentra/pairrunner.h"
+#include "zentra/progress.h"
 #include "zentra/readpair.h"
 #include "zentra/text.h"
 
@@ -44,6 +45,7 @@ constexpr isam::Byte kNoMagic[2] = {};  // nobody takes the file for an index an
 struct UndoOptions {
   bool json = false;
   bool force = false;
+  double wait = 10;
   std::string name;
 };
 
@@ -68,7 +70,8 @@ class OwnPair {
     isam::clear_errors();
   }
 
-  std::optional<Refusal> open(const std::string& name) {
+  // Waits at most `wait` until nobody else has it open.
+  std::optional<Refusal> open(const std::string& name, std::chrono::milliseconds wait) {
     isam::clear_errors();
     for (const std::string& path : {isam::mkidxname(name), isam::mkdatname(name)}) {
       struct stat status {};
@@ -88,20 +91,19 @@ class OwnPair {
     open->file->mark.state = isam::MarkState::kUnneeded;
     isam::make_current(*open);
     is_open_ = true;
-    if (isam::lksemaphore(isam::Semaphore::kExclusive) != 0) return by_code();
-    return isam::lkopenlock(ISEXCLLOCK) != 0 ? by_code() : std::nullopt;
+    const auto waits = [] { show_progress("Waiting for the lock", 0, 0, 0); };
+    return isam::lkalone(wait, holder_, waits) != 0 ? by_code() : std::nullopt;
   }
 
  private:
   std::optional<Refusal> by_code() const {
     const std::int32_t code = iserrno;
     if (code != isam::kFileInUse) return Refusal{Status::kUnfinished, error_text(code)};
-    const std::vector<pid_t> processes = is_open_ ? isam::open_by() : std::vector<pid_t>{};
-    return Refusal{Status::kInUse,
-                   "in use by " + process_text(processes.empty() ? 0 : processes.front())};
+    return Refusal{Status::kInUse, "in use by " + process_text(holder_)};
   }
 
   bool is_open_ = false;
+  pid_t holder_ = 0;
 };
 
 // The number of a kept index by what its name has behind the index's: 1 for ".before"; 0 for none.
@@ -115,23 +117,25 @@ int number_of(std::string_view rest) {
   return whole && number > 1 ? number : 0;
 }
 
-// The kept index of an index that was written last; of two of one time the higher number. Empty
-// when there is none.
+// The kept index of an index that was written last, of those that can be undone if there are any;
+// of two of one time the higher number. Empty when there is none.
 std::string newest_kept(const std::string& index) {
   const std::string folder = checker::folder_of(index);
   const std::string file = index.substr(index.rfind('/') + 1);
   std::string newest;
-  std::pair<std::filesystem::file_time_type, int> age{};
+  std::tuple<bool, std::filesystem::file_time_type, int> rank{};
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
     const std::string name = entry.path().filename().string();
     const int number = name.starts_with(file) ? number_of(name.substr(file.size())) : 0;
     const bool is_file = std::filesystem::is_regular_file(entry.symlink_status(error));
     if (number == 0 || !is_file) continue;
-    const std::pair its_age{entry.last_write_time(error), number};
-    if (!newest.empty() && its_age < age) continue;
-    newest = entry.path().string();
-    age = its_age;
+    const std::string path = entry.path().string();
+    const std::tuple its_rank{checker::load_undo_data(path).has_value(),
+                              entry.last_write_time(error), number};
+    if (!newest.empty() && its_rank < rank) continue;
+    newest = path;
+    rank = its_rank;
   }
   return newest;
 }
@@ -159,12 +163,17 @@ class Undoing {
  public:
   explicit Undoing(bool force) : force_(force) {}
 
+  // The index that is put back; empty while none is found.
   [[nodiscard]] const std::string& kept() const { return kept_; }
+  // What --force has kept of the index that it took away.
+  [[nodiscard]] const std::string& replaced() const { return replaced_.name(); }
 
   // Does it all, or nothing.
-  std::optional<Refusal> run(const std::string& name) {
+  std::optional<Refusal> run(const std::string& name, std::chrono::milliseconds wait) {
+    index_ = checker::real_path(isam::mkidxname(name));
+    kept_ = newest_kept(index_);  // for a refusal
     OwnPair pair;
-    if (auto refusal = pair.open(name)) return refusal;
+    if (auto refusal = pair.open(name, wait)) return refusal;
     index_ = checker::real_path(isam::mkidxname(name));
     if (auto refusal = look()) return refusal;
     return exchange();
@@ -191,13 +200,11 @@ class Undoing {
     const std::string changed =
         noted_ ? what_changed(*noted_, now) : "nothing tells how the repair left the pair";
     if (!changed.empty() && !force_) {
-      return Refusal{
-          Status::kUnfinished,
-          fmt::format("{} ({}); --force puts the kept index back anyway", changed, shown(kept_))};
+      return Refusal{Status::kUnfinished, changed + "; --force puts the kept index back anyway"};
     }
     // What a repair has kept and noted may lack it.
     if (!changed.empty() && !is_index(kept_fd_.get())) {
-      return Refusal{Status::kUnfinished, shown(kept_) + " is no index"};
+      return Refusal{Status::kUnfinished, "the kept index is no index"};
     }
     if (const int error = checker::obstacle(filep->index.fd, index_); error != 0) {
       errno = error;
@@ -209,14 +216,18 @@ class Undoing {
   // Puts the kept index in the place of the other, in one step.
   std::optional<Refusal> exchange() {
     const auto& calls = common::system_calls();
+    constexpr const char* kNotKept = "the index that would be replaced cannot be kept";
     if (calls.fsync(kept_fd_.get()) != 0) return by_errno(kept_);
+    if (force_ && !replaced_.take(filep->index.fd, index_)) return by_errno(kNotKept);
     const checker::SignalBlock block;
     struct stat named {};
     if (calls.stat(index_.c_str(), &named) != 0) return by_errno(index_);
     if (named.st_dev != filep->index.device || named.st_ino != filep->index.inode) {
       return Refusal{Status::kUnfinished, "the index was replaced by another file meanwhile"};
     }
+    if (force_ && replaced_.show() != 0) return by_errno(kNotKept);
     if (calls.rename(kept_.c_str(), index_.c_str()) != 0) return by_errno(kept_);
+    replaced_.keep();
     // Who has opened the repaired index and waits for its locks does not go on with it.
     static_cast<void>(common::write_at(filep->index.fd, kNoMagic, 0));
     tidy_up();
@@ -239,18 +250,23 @@ class Undoing {
   bool force_;
   std::string index_;  // the file itself, past symbolic links
   std::string kept_;
+  checker::KeptIndex replaced_;
   common::FileHold kept_fd_;
   std::optional<UndoData> noted_;
 };
 
 Outcome undo(const UndoOptions& options, const std::string& name, Report& report) {
   Undoing undoing{options.force};
+  const auto refusal = undoing.run(name, as_time(options.wait));
   Fields fields;
-  if (const auto refusal = undoing.run(name)) {
+  if (!undoing.kept().empty()) fields.emplace_back("kept", FileBytes{.bytes = undoing.kept()});
+  if (refusal) {
     report.pair_ends(refusal->status, "nothing is undone: " + refusal->why, fields);
     return {.status = refusal->status};
   }
-  fields.emplace_back("kept", FileBytes{.bytes = undoing.kept()});
+  if (!undoing.replaced().empty()) {
+    fields.emplace_back("replaced", FileBytes{.bytes = undoing.replaced()});
+  }
   report.pair_ends(Status::kSound, "the index is that of before the last repair", fields);
   return {.status = Status::kSound};
 }
@@ -261,12 +277,14 @@ std::function<int()> prepare_undo(Arguments& arguments) {
   const auto options = std::make_shared<UndoOptions>();
   arguments.flag("--force", options->force, "also when something has changed since the repair");
   arguments.json(options->json);
+  arguments.wait(options->wait);
   arguments.pair(options->name);
   return [options] {
     return run_pairs({.command = "undo",
                       .json = options->json,
                       .jobs = 1,
                       .pairs = pairs_named({options->name}),
+                      .good = kVerdictDone,
                       .changes = true,
                       .work = [&](const std::string& name, Report& report) {
                         return undo(*options, name, report);

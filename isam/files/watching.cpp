@@ -9,12 +9,11 @@
 #include <csignal>
 #include <fstream>
 #include <iterator>
-#include <sstream>
-#include <string>
 
 #include "common/io.h"
 #include "isam/base/current.h"
 #include "isam/base/errors.h"
+#include "isam/files/locklist.h"
 #include "isam/files/lockspace.h"
 
 namespace isam {
@@ -24,7 +23,8 @@ using std::chrono::steady_clock;
 using Milliseconds = std::chrono::milliseconds;
 
 constexpr auto kTick = Milliseconds(20);
-constexpr std::size_t kMostRanges = 1 << 20;
+constexpr auto kLongestAsking = std::chrono::seconds(1);
+constexpr const char* kLockList = "/proc/locks";
 
 struct flock range_of(int type, off_t start, off_t length) {
   struct flock lock {};
@@ -71,9 +71,9 @@ class Ticks {
   sigset_t mask_before_{};
 };
 
-// The process that keeps a shared lock of the range from being taken; 0: not known.
-pid_t holder_of(off_t start, off_t length) {
-  struct flock lock = range_of(F_RDLCK, start, length);
+// The process that keeps a lock of this type and range from being taken; 0: not known.
+pid_t holder_of(int type, off_t start, off_t length) {
+  struct flock lock = range_of(type, start, length);
   const bool told = common::system_calls().fcntl_lock(filep->index.fd, F_GETLK, &lock) == 0;
   return told && lock.l_type != F_UNLCK ? std::max<pid_t>(lock.l_pid, 0) : 0;
 }
@@ -93,12 +93,13 @@ struct WantedLock {
 constexpr WantedLock kOpenLock{lockspace::kOpenLockStart, lockspace::kOpenLockLength, F_SETLK};
 constexpr WantedLock kSemaphore{lockspace::kSemaphoreStart, lockspace::kSemaphoreLength, F_SETLKW};
 
-int take(const WantedLock& lock, steady_clock::time_point until, pid_t& holder, void (*waits)()) {
-  while (request(lock.command, range_of(F_RDLCK, lock.start, lock.length)) != 0) {
+int take(const WantedLock& lock, int type, steady_clock::time_point until, pid_t& holder,
+         void (*waits)()) {
+  while (request(lock.command, range_of(type, lock.start, lock.length)) != 0) {
     if (!is_refusal(errno)) return failed_system(errno, Operation::kLock, FileKind::kIndex);
     waits();
     if (steady_clock::now() >= until) {
-      holder = holder_of(lock.start, lock.length);
+      holder = holder_of(type, lock.start, lock.length);
       return failed(kFileInUse);
     }
     if (lock.command == F_SETLK) {
@@ -109,76 +110,111 @@ int take(const WantedLock& lock, steady_clock::time_point until, pid_t& holder, 
   return 0;
 }
 
-}  // namespace
+void release(const WantedLock& lock) {
+  request(F_SETLK, range_of(F_UNLCK, lock.start, lock.length));
+}
 
-int lkwatch(Milliseconds wait, pid_t& holder, void (*waits)()) {
+int take_both(int type, Milliseconds wait, pid_t& holder, void (*waits)()) {
   const auto until = steady_clock::now() + wait;
   const Ticks ticks;
-  if (take(kOpenLock, until, holder, waits) != 0) return -1;
-  if (take(kSemaphore, until, holder, waits) == 0) {
+  if (take(kOpenLock, type, until, holder, waits) != 0) return -1;
+  if (take(kSemaphore, type, until, holder, waits) == 0) {
     openp->holds_semaphore = true;
     return 0;
   }
-  request(F_SETLK, range_of(F_UNLCK, kOpenLock.start, kOpenLock.length));
+  release(kOpenLock);
   return -1;
 }
 
-std::vector<LockedRecords> locked_records(std::int32_t last) {
-  struct Gap {
-    off_t begin;
-    off_t end;
-  };
-  const off_t end =
-      lockspace::kRecordsStart + std::min<off_t>(off_t{last} + 1, lockspace::kRecordsLength);
-  // The system tells of any one lock in a range: what lies on its two sides is asked for anew.
-  std::vector<Gap> gaps{{lockspace::kRecordsStart, end}};
-  std::vector<LockedRecords> found;
-  while (!gaps.empty() && found.size() < kMostRanges) {
-    const Gap gap = gaps.back();
-    gaps.pop_back();
-    if (gap.begin >= gap.end) continue;
-    struct flock lock = range_of(F_WRLCK, gap.begin, gap.end - gap.begin);
-    if (common::system_calls().fcntl_lock(filep->index.fd, F_GETLK, &lock) != 0) break;
-    if (lock.l_type == F_UNLCK) continue;
-    const off_t from = std::max(lock.l_start, gap.begin);
-    const off_t to = lock.l_len == 0 ? gap.end : std::min(lock.l_start + lock.l_len, gap.end);
-    found.push_back({static_cast<std::int32_t>(from - lockspace::kRecordsStart),
-                     static_cast<std::int32_t>(to - 1 - lockspace::kRecordsStart),
-                     std::max<pid_t>(lock.l_pid, 0)});
-    gaps.push_back({gap.begin, from});
-    gaps.push_back({to, gap.end});
+std::int32_t number_of(off_t byte) {
+  return static_cast<std::int32_t>(byte - lockspace::kRecordsStart);
+}
+
+}  // namespace
+
+int lkwatch(Milliseconds wait, pid_t& holder, void (*waits)()) {
+  return take_both(F_RDLCK, wait, holder, waits);
+}
+
+int lkalone(Milliseconds wait, pid_t& holder, void (*waits)()) {
+  if (take_both(F_WRLCK, wait, holder, waits) != 0) return -1;
+  ++filep->locks.exclusives;
+  return 0;
+}
+
+void lkunwatch() {
+  release(kSemaphore);
+  release(kOpenLock);
+  openp->holds_semaphore = false;
+}
+
+RecordLocks::RecordLocks(std::int32_t last) {
+  std::ifstream list(kLockList);
+  *this = RecordLocks(last, list);
+}
+
+RecordLocks::RecordLocks(std::int32_t last, std::istream& list)
+    : last_(static_cast<std::int32_t>(std::min<off_t>(last, lockspace::kRecordsLength - 1))) {
+  std::vector<ListedLock> locks = locks_of_others(list, ::getpid());
+  std::ranges::sort(locks, {}, &ListedLock::first);
+  for (const ListedLock& lock : locks) {
+    if (lock.last >= lockspace::kRecordsStart) add(lock.first, lock.last, lock.process);
   }
-  std::ranges::sort(found, {}, &LockedRecords::first);
-  return found;
 }
 
-const LockedRecords* find_locked(std::span<const LockedRecords> locked, std::int32_t record) {
-  const auto behind = std::ranges::upper_bound(locked, record, {}, &LockedRecords::first);
-  if (behind == locked.begin()) return nullptr;
-  const LockedRecords& range = *std::prev(behind);
-  return record <= range.last ? &range : nullptr;
+// A range of bytes, but for what an earlier range has of it.
+void RecordLocks::add(off_t first, off_t last, pid_t process) {
+  const off_t behind_known = known_.empty() ? 0 : off_t{std::prev(known_.end())->second.last} + 1;
+  const off_t begin = std::max(first, lockspace::kRecordsStart + behind_known);
+  const off_t end = std::min(last, lockspace::kRecordsStart + last_);
+  if (begin > end) return;
+  known_[number_of(begin)] = {number_of(begin), number_of(end), process};
 }
 
-// A line of the list is such as "1: POSIX  ADVISORY  READ 4711 08:01:1234 2147483647 2147483647".
-// The device there need not be that of stat(); a lock of that one byte is an open lock, anyway.
+// Asks about a gap: whether there is a lock in it, which is known then.
+bool RecordLocks::ask(std::int32_t first, std::int32_t last) {
+  if (asked_ >= kLongestAsking) return false;
+  const auto start = steady_clock::now();
+  struct flock lock = range_of(F_WRLCK, lockspace::kRecordsStart + first, off_t{last} - first + 1);
+  const bool told = common::system_calls().fcntl_lock(filep->index.fd, F_GETLK, &lock) == 0;
+  asked_ += steady_clock::now() - start;
+  if (!told || lock.l_type == F_UNLCK) {
+    free_.insert(first);
+    return false;
+  }
+  const off_t end = lockspace::kRecordsStart + last + 1;
+  const std::int32_t begins =
+      number_of(std::max(lock.l_start, off_t{lockspace::kRecordsStart + first}));
+  const std::int32_t ends =
+      number_of((lock.l_len == 0 ? end : std::min(lock.l_start + lock.l_len, end)) - 1);
+  known_[begins] = {begins, ends, std::max<pid_t>(lock.l_pid, 0)};
+  return true;
+}
+
+const LockedRecords* RecordLocks::next(std::int32_t from, std::int32_t to) {
+  to = std::min(to, last_);
+  while (from <= to) {
+    const auto behind = known_.upper_bound(from);
+    const LockedRecords* const before =
+        behind == known_.begin() ? nullptr : &std::prev(behind)->second;
+    if (before != nullptr && from <= before->last) return before;
+    const bool is_last = behind == known_.end();
+    const std::int32_t first = before == nullptr ? 0 : before->last + 1;
+    const std::int32_t last = is_last ? last_ : behind->first - 1;
+    // Whatever is found in the gap is found by the next round.
+    if (!free_.contains(first) && ask(first, last)) continue;
+    if (is_last) return nullptr;
+    from = behind->first;
+  }
+  return nullptr;
+}
+
+// A lock of that one byte is an open lock.
 std::vector<pid_t> open_by() {
+  std::ifstream list(kLockList);
   std::vector<pid_t> processes;
-  std::ifstream list("/proc/locks");
-  for (std::string line; std::getline(list, line);) {
-    std::istringstream words(line);
-    std::string number;
-    std::string kind;
-    std::string word;
-    std::string device;
-    pid_t process = 0;
-    off_t start = -1;
-    words >> number >> kind >> word >> word >> process >> device >> start;
-    const auto colon = device.rfind(':');
-    if (!words || kind != "POSIX" || start != lockspace::kOpenLockStart || colon == device.npos) {
-      continue;
-    }
-    const bool is_pair = device.substr(colon + 1) == std::to_string(filep->index.inode);
-    if (is_pair && process != ::getpid()) processes.push_back(std::max<pid_t>(process, 0));
+  for (const ListedLock& lock : locks_of_others(list, ::getpid())) {
+    if (lock.first == lockspace::kOpenLockStart) processes.push_back(lock.process);
   }
   return processes;
 }

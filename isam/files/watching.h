@@ -9,7 +9,9 @@
 
 #include <chrono>
 #include <cstdint>
-#include <span>
+#include <iosfwd>
+#include <map>
+#include <set>
 #include <vector>
 
 namespace isam {
@@ -19,6 +21,10 @@ namespace isam {
 // is in the way (0: not known), or with the system's error. The process's interval timer and
 // SIGALRM are used meanwhile.
 int lkwatch(std::chrono::milliseconds wait, pid_t& holder, void (*waits)());
+// The same, both exclusive: nobody else has the pair open.
+int lkalone(std::chrono::milliseconds wait, pid_t& holder, void (*waits)());
+// Releases what lkwatch() has taken: the pair may change again.
+void lkunwatch();
 
 struct LockedRecords {
   std::int32_t first;
@@ -26,14 +32,33 @@ struct LockedRecords {
   pid_t process;  // 0: not known
 };
 
-// The range that holds a number; null when none does. `locked`: in ascending order.
-[[nodiscard]] const LockedRecords* find_locked(std::span<const LockedRecords> locked,
-                                               std::int32_t record);
+// The record numbers that other processes have locked.
+//
+// The system's list tells most of them at once; between these each gap is asked for by itself, and
+// only when somebody wants to know of a number in it. After a second of such questions what is not
+// known counts as not locked.
+class RecordLocks {
+ public:
+  RecordLocks() = default;  // nobody has any locked
+  // Numbers up to `last`.
+  explicit RecordLocks(std::int32_t last);
+  RecordLocks(std::int32_t last, std::istream& list);
+
+  // The first range that holds a number from `from` to `to`, until the next call; null: none does.
+  [[nodiscard]] const LockedRecords* next(std::int32_t from, std::int32_t to);
+  [[nodiscard]] const LockedRecords* find(std::int32_t record) { return next(record, record); }
+
+ private:
+  void add(off_t first, off_t last, pid_t process);
+  [[nodiscard]] bool ask(std::int32_t first, std::int32_t last);
+
+  std::int32_t last_ = -1;
+  std::map<std::int32_t, LockedRecords> known_;  // by their first numbers; none overlap
+  std::set<std::int32_t> free_;                  // where gaps begin in which nothing is locked
+  std::chrono::steady_clock::duration asked_{};
+};
 
 // The processes that have the pair open, as far as the system tells them.
 [[nodiscard]] std::vector<pid_t> open_by();
-
-// The record numbers up to `last` that other processes have locked, in ascending order.
-[[nodiscard]] std::vector<LockedRecords> locked_records(std::int32_t last);
 
 }  // namespace isam

@@ -126,6 +126,14 @@ int kycompare(const keydescr& a, const keydescr& b) {
   return a.nparts == b.nparts && std::equal(a.part, a.part + a.nparts, b.part, same) ? 0 : -1;
 }
 
+std::string type_name(int type) {
+  constexpr std::array<const char*, KT_FLOAT + 1> kNames = {"char", "int", "long", "double",
+                                                            "float"};
+  const int base = type & ~KT_DESC;
+  if (base >= 0 && base <= KT_FLOAT) return kNames[static_cast<std::size_t>(base)];
+  return base == KT_LOCALE ? "locale" : "type " + std::to_string(base);
+}
+
 int kyckstart(const keydescr& k, int len) {
   for (int i = 0; i < k.nparts && len > 0; ++i) {
     if (k.part[i].length > len && (k.part[i].type & kTypeMask) == KT_LOCALE) return -1;

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 
 #include "common/bytes.h"
 #include "isam.h"
@@ -35,6 +36,9 @@ void kypack(const keydescr& k, Byte* to);
 
 // Whether a type code (low 7 bits) belongs to a collation: 7, 16, 32, ... 112.
 [[nodiscard]] bool clchktype(int type);
+
+// The type of a part in a word, such as "char"; of a collation with its number.
+[[nodiscard]] std::string type_name(int type);
 
 // -1 when a partial key of `len` bytes would end inside a locale part, else 0.
 [[nodiscard]] int kyckstart(const keydescr& k, int len);

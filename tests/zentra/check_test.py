@@ -1,19 +1,21 @@
 #!/usr/bin/env python3
 """zentra on pairs of all kinds: whether its check agrees with kestro, what it answers to locks, odd
 names and command lines, and that its reports are what they claim to be."""
-import argparse
 import collections
+import ctypes
 import fcntl
 import json
+import mmap
 import os
 import pathlib
 import re
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 import unittest
+
+from programs import main, report_of, tools, zentra as run
 
 OPEN_LOCK, SEMAPHORE, RECORDS = (0x7FFFFFFF, 1), (0, 0x3FFFFFFF), 0x40000000
 MANUAL = pathlib.Path(__file__).resolve().parents[2] / 'man'
@@ -43,19 +45,8 @@ TOLD_BY_KESTRO = re.compile(
     r'|Fix (variable length storage) free lists.*)$', re.M)
 
 
-def run(*words, folder, **more):
-    return subprocess.run([tools.zentra, *words], cwd=folder, stdin=subprocess.DEVNULL,
-                          capture_output=True, timeout=60, **more)
-
-
 def check(*words, folder):
-    """The exit status and the objects of a report."""
-    done = run('check', '--json', *words, folder=folder)
-    lines = [json.loads(line) for line in done.stdout.decode().splitlines()]
-    assert lines[0]['schema'] == 1 and lines[-1]['type'] == 'end', done
-    assert lines[-1]['status'] == done.returncode, done
-    assert b'\n' not in done.stderr, done
-    return done.returncode, lines
+    return report_of('check', *words, folder=folder)
 
 
 def await_catching(process, number, catches=True):
@@ -210,6 +201,10 @@ class Check(unittest.TestCase):
         for words, status in ((['record', '0'], 4), (['node', '99999'], 4), (['key', '9', 'x'], 4),
                               (['record'], 16), (['leaf', '1'], 16)):
             self.assertEqual(run('show', 'pair', *words, folder=self.folder).returncode, status)
+        for subcommand in 'info', 'show':  # which do not tell whether it is sound
+            *_, end = report_of(subcommand, 'pair', *['dictionary'][subcommand == 'info':],
+                                folder=self.folder)[1]
+            self.assertEqual(end['verdict'], 'done')
         for name in 'header-magic', 'index-empty':
             self.assertEqual(run('show', 'pair', 'dictionary', folder=self.all / name).returncode, 0)
 
@@ -219,9 +214,30 @@ class Check(unittest.TestCase):
             status, lines = check('--wait', '0.1', 'pair', folder=self.folder)
             self.assertEqual((status, lines[-2]['process']), (3, os.getpid()))
             fcntl.lockf(file, fcntl.LOCK_UN)
+        file = self.lock(SEMAPHORE)
+        for subcommand, more in ('info', ()), ('show', ('dictionary',)), ('undo', ()):
+            done = run(subcommand, '--wait', '0.1', 'pair', *more, folder=self.folder)
+            self.assertIn(f'in use by process {os.getpid()}', done.stdout.decode())
+            self.assertEqual(done.returncode, 3)
+        file.close()
         self.lock(OPEN_LOCK, fcntl.LOCK_SH)  # others may have it open, and read
         self.lock(SEMAPHORE, fcntl.LOCK_SH)
         self.assertEqual(check('pair', folder=self.folder)[0], 0)
+
+    def test_reads_no_more_than_the_dictionary_counts(self):
+        with open(self.folder / 'pair.idx', 'r+b') as file:
+            size = file.seek(0, os.SEEK_END)
+            file.seek(32 << 20)
+            file.write(b'x' * (8 << 20))
+            os.fsync(file.fileno())
+            os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
+            check('pair', folder=self.folder)
+            with mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_COPY) as pages:
+                there = (ctypes.c_ubyte * (len(pages) // mmap.PAGESIZE + 1))()
+                start = ctypes.addressof(ctypes.c_char.from_buffer(pages))
+                self.assertEqual(ctypes.CDLL(None).mincore(
+                    ctypes.c_void_p(start), ctypes.c_size_t(len(pages)), there), 0)
+        self.assertLess(sum(page & 1 for page in there), (size + (4 << 20)) // mmap.PAGESIZE)
 
     def test_waits_and_tells_where_it_is(self):
         file = self.lock(SEMAPHORE)
@@ -270,12 +286,12 @@ class Check(unittest.TestCase):
         shutil.copy(self.folder / 'pair.dat', self.folder / 'linked.dat')
         self.assertEqual(check('pair', 'linked', folder=self.folder)[1][0]['pairs'], 2)
         self.assertEqual(len(check('pair', 'pair.idx', './pair.dat', folder=self.folder)[1]), 4)
-        for name in ('a "b"\n\x1b[31m', 'c\udcff', '[d,e]', '-f'):
+        for name in ('a "b"\n\x1b[31m', 'c\udcff', '[d,e]', '\x1fg', 'info', '-f'):
             for end in '.idx', '.dat':
                 shutil.copy(self.folder / ('pair' + end), self.folder / (name + end))
             status, lines = check('--', name, folder=self.folder)
             told = bytes.fromhex(lines[1]['name']['hex'])
-            self.assertEqual((status, told.removeprefix(b'./')), (0, os.fsencode(name)))
+            self.assertEqual((status, told), (0, os.fsencode(name)))
             self.assertEqual('text' in lines[1]['name'], name.isprintable())
             done = run('check', '--', name, folder=self.folder)
             self.assertEqual(done.returncode, 0)
@@ -290,8 +306,13 @@ class Check(unittest.TestCase):
             (self.folder / 'pair.idx').touch()
 
     def test_command_lines(self):
-        for words in ([], ['check'], ['check', '--slow', 'x'], ['check', '-j', '0', 'x'], ['undone']):
-            self.assertEqual(run(*words, folder=self.folder).returncode, 16, words)
+        for words, named in (('', 'subcommand'), ('check', 'PAIR'), ('check --slow', '--slow'),
+                             ('check -j 0 x', '-j'), ('undone x', 'undone'), ('-x check x', '-x'),
+                             ('undone --help', 'undone'), ('undo x y', 'y'), ('show x leaf 1', 'leaf'),
+                             ('check --wait nan x', 'nan'), ('undo --wait -1 x', '-1')):
+            done = run(*words.split(), folder=self.folder)
+            self.assertEqual((done.returncode, done.stdout), (16, b''), words)
+            self.assertIn(named, done.stderr.decode().split('zentra: ')[1].split('; ')[0], words)
         done = run('check', '--help', folder=self.folder)
         self.assertEqual(done.returncode, 0)
         self.assertIn(b'Not one byte', done.stdout)
@@ -331,8 +352,4 @@ class Check(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser()
-    for tool in 'zentra', 'kestro', 'transcripts', 'pairs':
-        parser.add_argument('--' + tool, type=os.path.abspath, required=True)
-    tools, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    main()

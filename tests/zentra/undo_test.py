@@ -1,15 +1,14 @@
 #!/usr/bin/env python3
 """zentra undo: it gives back the very bytes, or refuses and changes nothing."""
-import argparse
 import fcntl
-import json
 import os
 import pathlib
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
+
+from programs import main, report_of, tools
 
 OPEN_LOCK = 0x7FFFFFFF
 
@@ -51,20 +50,20 @@ class Undo(unittest.TestCase):
         return {path.name: path.read_bytes() for path in self.folder.iterdir() if path.is_file()}
 
     def undo(self, *words, pair='pair'):
-        done = subprocess.run([tools.zentra, 'undo', '--json', *words, pair], cwd=self.folder,
-                              stdin=subprocess.DEVNULL, capture_output=True, timeout=60)
-        last = json.loads(done.stdout.decode().splitlines()[-1])
-        self.assertEqual((last['type'], last['status']), ('end', done.returncode), done)
-        return done.returncode
+        status, lines = report_of('undo', *words, pair, folder=self.folder)
+        self.said = lines[-2]
+        return status
 
     def assertUndone(self, *words):
         self.assertEqual(self.undo(*words), 0)
-        self.assertEqual(self.index.read_bytes(), self.made['.idx'])
+        self.assertEqual((self.index.read_bytes(), self.said['verdict']), (self.made['.idx'], 'done'))
 
-    def assertRefused(self, status=4):
+    def assertRefused(self, status=4, *words):
         before = self.files()
-        self.assertEqual(self.undo(), status)
+        self.assertEqual(self.undo(*words), status)
         self.assertEqual(self.files(), before)
+        if self.kept.exists():
+            self.assertEqual(self.said['kept']['text'], str(self.kept.resolve()))
 
     def test_gives_back_the_very_bytes(self):
         self.assertNotEqual(self.index.read_bytes(), self.made['.idx'])
@@ -109,17 +108,24 @@ class Undo(unittest.TestCase):
         os.utime(self.data, ns=(times.st_atime_ns, times.st_mtime_ns))
         self.assertRefused()
         (self.folder / 'pair.idx.before.9').symlink_to('pair.dat')
-        newer = self.folder / 'pair.idx.before.8'
-        newer.write_bytes(b'no index at all')
-        self.assertEqual(self.undo('--force'), 4)
-        newer.unlink()
+        other = self.folder / 'pair.idx.before.8'  # newer, but nothing tells what it belongs to
+        other.write_bytes(b'no index at all')
+        repaired = self.index.read_bytes()
         self.assertUndone('--force')
+        self.assertEqual((self.folder / 'pair.idx.before.2').read_bytes(), repaired)
+        self.assertEqual(self.said['replaced']['text'][-18:], '/pair.idx.before.2')
+        os.utime(other)
+        self.kept = other
+        self.assertRefused(4, '--force')
+        other.unlink()
+        self.assertEqual(self.undo('--force'), 0)
+        self.assertEqual(self.index.read_bytes(), repaired)
 
     def test_refuses_what_is_in_use_or_cannot_be_exchanged(self):
         before = self.files()
         with open(self.index, 'r+b') as file:  # closing it anywhere in this process ends the lock
             fcntl.lockf(file, fcntl.LOCK_SH | fcntl.LOCK_NB, 1, OPEN_LOCK)
-            self.assertEqual(self.undo(), 3)
+            self.assertEqual((self.undo('--wait', '0'), 'kept' in self.said), (3, True))
         self.assertEqual(self.files(), before)
         os.link(self.index, self.folder / 'second.idx')
         self.assertRefused()
@@ -141,8 +147,4 @@ class Undo(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser()
-    for tool in 'zentra', 'kestro', 'transcripts', 'pairs':
-        parser.add_argument('--' + tool, type=os.path.abspath, required=True)
-    tools, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    main()

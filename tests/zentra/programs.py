@@ -1,0 +1,32 @@
+"""What the tests of zentra have in common: the programs, and how they are run and read."""
+import argparse
+import json
+import os
+import subprocess
+import sys
+import unittest
+
+tools = argparse.Namespace()
+
+
+def zentra(*words, folder, **more):
+    return subprocess.run([tools.zentra, *words], cwd=folder, stdin=subprocess.DEVNULL,
+                          capture_output=True, timeout=60, check=False, **more)
+
+
+def report_of(subcommand, *words, folder):
+    """The exit status and the objects of a report."""
+    done = zentra(subcommand, '--json', *words, folder=folder)
+    lines = [json.loads(line) for line in done.stdout.decode().splitlines()]
+    assert lines[0]['schema'] == 1 and lines[-1]['type'] == 'end', done
+    assert lines[-1]['status'] == done.returncode, done
+    assert b'\n' not in done.stderr, done
+    return done.returncode, lines
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    for tool in 'zentra', 'kestro', 'transcripts', 'pairs':
+        parser.add_argument('--' + tool, type=os.path.abspath, required=True)
+    _, rest = parser.parse_known_args(namespace=tools)
+    unittest.main(argv=[sys.argv[0], *rest], module='__main__')
