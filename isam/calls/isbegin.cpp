@@ -236,9 +236,12 @@ int roll_back() {
   return failure.tell();
 }
 
-int commit() {
+// What waits is appended when the turn at the log has begun that the mark shares: between the two
+// the records that were held back are written, which waits for nobody.
+int commit(std::optional<LogTurn>& turn) {
   if (logstate.lost) return failed(kLogWrite);
   if (mark_end(LogType::kCommit) != 0) return -1;
+  turn.reset();
   txflag = kLogging;
   FirstFailure failure;
   if (commits_wait_for_disk()) failure.note(sync_log());
@@ -311,7 +314,14 @@ extern "C" int isbegin(void) { return traced("isbegin", kNoNumber, begin_call); 
 
 extern "C" int iscommit(void) {
   // What has no room in the log goes on waiting, so that the call can be given again.
-  return traced("iscommit", kNoNumber, [] { return end_transaction(offer_waiting, commit); });
+  return traced("iscommit", kNoNumber, [] {
+    std::optional<LogTurn> turn;
+    const auto append_waiting_first = [&turn] {
+      if (log_waits()) turn.emplace();
+      return offer_waiting();
+    };
+    return end_transaction(append_waiting_first, [&turn] { return commit(turn); });
+  });
 }
 
 extern "C" int isrollback(void) {

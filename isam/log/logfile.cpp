@@ -49,6 +49,7 @@ struct LoggedLast {
 } last;
 
 int lock_depth = 0;         // how many hold the log's lock within each other
+bool end_is_known = false;  // under this lock something was appended or cut: the log ends there
 LogHold* holder = nullptr;  // what takes note of what is appended
 
 int write_magic(int fd) {
@@ -97,6 +98,7 @@ std::int64_t end_of_whole_records(std::int64_t offset, std::int64_t end) {
 
 // Where the next record goes, under the log lock; -1 when the log cannot be appended to.
 std::int64_t end_of_log() {
+  if (end_is_known) return end_we_left;
   const std::int64_t end = ::lseek(logstate.fd, 0, SEEK_END);
   if (end < kMagicSize) return -1;
   if (end == end_we_left || record_ends_at(end)) return end;
@@ -116,7 +118,9 @@ bool lock_log() {
 
 void unlock_log() {
   const KeepError keep;
-  if (--lock_depth == 0) lkloglog(false);
+  if (--lock_depth > 0) return;
+  end_is_known = false;
+  lkloglog(false);
 }
 
 class LogLock {
@@ -144,10 +148,12 @@ std::int64_t append(FillIn fill_in) {
   if (end < 0) return failed(kLogWrite);
   fill_in(end);
   if (common::write_at(logstate.fd, piece, end) != 0) {
+    end_is_known = false;
     common::cut_file(logstate.fd, end);
     return failed(kLogWrite);
   }
   end_we_left = end + static_cast<std::int64_t>(piece.size());
+  end_is_known = true;
   return end;
 }
 
@@ -363,6 +369,12 @@ void take_back_logged() {
   if (!make_opposite(piece)) return;
   const Link previous = LogRecord{piece}.previous();
   if (append([&](std::int64_t) { stamp(0, previous, now()); }) < 0) owed.swap(piece);
+}
+
+LogTurn::LogTurn() : held_(lock_log()) {}
+
+LogTurn::~LogTurn() {
+  if (held_) unlock_log();
 }
 
 LogHold::LogHold() : held_(lock_log()) {

@@ -124,6 +124,19 @@ void take_back_logged();
 // Writes what is owed, if anything is: 0, or -1 with 121.
 int append_owed();
 
+// What this process appends while it lives goes to the log under one lock, and behind each other.
+// Without the lock nothing is appended before it is asked for again.
+class LogTurn {
+ public:
+  LogTurn();
+  LogTurn(const LogTurn&) = delete;
+  LogTurn& operator=(const LogTurn&) = delete;
+  ~LogTurn();
+
+ private:
+  bool held_;
+};
+
 // Holds the log while it lives (one at a time): nobody else appends anything, and what this process
 // appends is cut off at its end, unless keep() was called. For what must be logged before it is
 // done and has no opposite.

@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "common/io.h"
+#include "tests/support/between.h"
 #include "tests/support/child_process.h"
 #include "tests/txlog/log_fixture.h"
 
@@ -88,6 +89,21 @@ TEST_F(HeldBack, ReachLogAndFileWhenTheFileIsLetGo) {
   EXPECT_EQ(stamp(), before + 2);
   EXPECT_EQ(::iscommit(), 0);
   EXPECT_EQ(types(), "BW FO UP UP CW");
+}
+
+TEST_F(HeldBack, ShareATurnAtTheLogWithTheCommitsMark) {
+  begin();
+  EXPECT_EQ(count(1), 0);
+  int turns = 0;
+  stand_between([&](const SystemCall& call) {
+    const bool begins = call.kind == SystemCall::kLock && call.lock->l_type == F_WRLCK;
+    if (begins && call.name().ends_with("/log")) ++turns;
+    return 0;
+  });
+  EXPECT_EQ(::iscommit(), 0);
+  stand_aside();
+  EXPECT_EQ(turns, 1);
+  EXPECT_EQ(types() + in_file(1), "BW FO UP CW1");
 }
 
 // The same record again, the same bytes, what changes a key, and what is not a rewrite.
