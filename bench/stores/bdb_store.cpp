@@ -12,6 +12,8 @@ using bdb::bytes;
 using bdb::check;
 using bdb::room;
 
+constexpr std::size_t kManyBytes = std::size_t{64} * 1024;
+
 class BdbStore : public Store {
  public:
   explicit BdbStore(std::uint32_t environment) : environment_(environment) {}
@@ -56,6 +58,55 @@ class BdbStore : public Store {
     check(cursor->close(cursor), "close of the cursor");
   }
 
+  [[nodiscard]] bool has_bulk() const override { return true; }
+
+  void insert_many(std::span<const Record> records) override {
+    DBT all = room(many_.data(), many_.size());
+    void* at = nullptr;
+    DB_MULTIPLE_WRITE_INIT(at, &all);
+    for (const Record& record : records) {
+      DB_MULTIPLE_KEY_WRITE_NEXT(at, &all, record.data(), kKeyLength, record.data(), kRecordLength);
+      if (at == nullptr) throw std::runtime_error("no room for the records of a bulk put");
+    }
+    check(trees_.records->put(trees_.records, nullptr, &all, nullptr, DB_MULTIPLE_KEY), "put");
+  }
+
+  void find_many(std::span<const Key> keys, Reader& reader) override {
+    for (const Key& key : keys) {
+      const char* record = find(key);
+      if (record == nullptr) throw std::runtime_error("get: none");
+      reader.take(record);
+    }
+  }
+
+  // A cursor of a secondary tree gives one record at a time only.
+  void scan_many(Order order, Reader& reader) override {
+    if (order == Order::kSecond) return scan(order, reader);
+    DBC* cursor = nullptr;
+    check(trees_.records->cursor(trees_.records, nullptr, &cursor, 0), "cursor");
+    DBT key{};
+    DBT all = room(many_.data(), many_.size());
+    int result = 0;
+    while ((result = cursor->get(cursor, &key, &all, DB_MULTIPLE_KEY | DB_NEXT)) == 0) {
+      void* at = nullptr;
+      void* found = nullptr;
+      void* record = nullptr;
+      std::size_t key_length = 0;
+      std::size_t length = 0;
+      DB_MULTIPLE_INIT(at, &all);
+      for (;;) {
+        DB_MULTIPLE_KEY_NEXT(at, &all, found, key_length, record, length);
+        if (at == nullptr) break;
+        if (found == nullptr || key_length != kKeyLength || length != kRecordLength) {
+          throw std::runtime_error("a record of another length");
+        }
+        reader.take(static_cast<const char*>(record));
+      }
+    }
+    if (result != DB_NOTFOUND) check(result, "get of the cursor");
+    check(cursor->close(cursor), "close of the cursor");
+  }
+
   void settle() override {
     check(trees_.records->sync(trees_.records, 0), "sync");
     check(trees_.second->sync(trees_.second, 0), "sync");
@@ -71,6 +122,7 @@ class BdbStore : public Store {
   std::uint32_t environment_;
   bdb::Trees trees_;
   Record buffer_{};
+  std::vector<char> many_ = std::vector<char>(kManyBytes);
 };
 
 }  // namespace

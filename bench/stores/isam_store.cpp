@@ -40,10 +40,9 @@ class IsamStore : public Store {
       : mode_(ISINOUT | lock_mode), second_(second_key(second_flags)) {}
 
   void open(const fs::path& folder, Start start) override {
-    const std::string name = folder / "records";
-    if (start == Start::kFresh) make(name);
-    file_ = isopen(name.c_str(), mode_);
-    check(file_, "isopen");
+    name_ = folder / "records";
+    if (start == Start::kFresh) make(name_);
+    open_as(mode_);
   }
 
   void close() override { check(isclose(file_), "isclose"); }
@@ -105,9 +104,14 @@ class IsamStore : public Store {
     start(primary_);
   }
 
-  [[nodiscard]] bool has_load() const override { return (mode_ & ISEXCLLOCK) != 0; }
+  [[nodiscard]] bool has_load() const override { return true; }
 
-  void begin_load() override { check(isloadbegin(file_), "isloadbegin"); }
+  // The load needs an exclusive open, whatever follows.
+  void begin_load() override {
+    close();
+    open_as(ISINOUT | ISEXCLLOCK);
+    check(isloadbegin(file_), "isloadbegin");
+  }
 
   void load(std::span<const Record> records) override {
     recordset set = set_of(records.size());
@@ -115,11 +119,20 @@ class IsamStore : public Store {
     check_all(isload(file_, &set), set, "isload");
   }
 
-  void end_load() override { check(isloadend(file_, nullptr, 0), "isloadend"); }
+  void end_load() override {
+    check(isloadend(file_, nullptr, 0), "isloadend");
+    close();
+    open_as(mode_);
+  }
 
   void settle() override { check(isflush(file_), "isflush"); }
 
  private:
+  void open_as(int mode) {
+    file_ = isopen(name_.c_str(), mode);
+    check(file_, "isopen");
+  }
+
   void start(keydescr& key) { check(isstart(file_, &key, 0, buffer_.data(), RD_FIRST), "isstart"); }
 
   // Of so many records at most kBulk.
@@ -140,6 +153,7 @@ class IsamStore : public Store {
   }
 
   int mode_;
+  std::string name_;
   keydescr primary_ = primary_key();
   keydescr second_;
   int file_ = -1;

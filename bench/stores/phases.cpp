@@ -1,5 +1,8 @@
 #include "bench/stores/phases.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -9,11 +12,16 @@
 #include <vector>
 
 #include "bench/stores/measuring.h"
+#include "common/holders.h"
 
 namespace bench {
 namespace {
 
 namespace fs = std::filesystem;
+
+constexpr std::uint32_t kMostLoadedSingly = 5'000'000;  // of a big file
+constexpr std::uint32_t kMostOperations = 1'000'000;    // reads of one; half as many rewrites
+constexpr std::uint32_t kOneColdReadOf = 100;           // records
 
 // The order of numbers in each phase.
 enum class Seed : std::uint64_t { kLoad = 1, kRead, kRewrite, kDelete, kReinsert };
@@ -101,8 +109,10 @@ class Alone {
     print_line(name_, phase, 1, numbers.size(), stopwatch.cost());
   }
 
-  void read(const std::string& phase) {
-    measure(phase, numbers_to_read(), [&](std::uint32_t number) { demand(store_, number); });
+  void read(const std::string& phase, std::uint32_t most = kMaxRecords) {
+    std::vector<std::uint32_t> numbers = numbers_to_read();
+    numbers.resize(std::min<std::size_t>(numbers.size(), most));
+    measure(phase, numbers, [&](std::uint32_t number) { demand(store_, number); });
   }
 
   void read_many(const std::string& phase) {
@@ -241,6 +251,33 @@ void empty(const fs::path& folder) {
   fs::create_directory(folder);
 }
 
+// The next read of these files comes from the disk.
+void drop_from_memory(const fs::path& folder) {
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(folder)) {
+    if (!entry.is_regular_file()) continue;
+    const common::FileHold file{::open(entry.path().c_str(), O_RDONLY | O_CLOEXEC)};
+    if (!file || ::fsync(file.get()) != 0 ||
+        ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED) != 0) {
+      throw std::runtime_error("cannot drop from memory: " + entry.path().string());
+    }
+  }
+}
+
+void load_unmeasured_in_bulk(Store& store, Model& model, std::uint32_t records) {
+  Record record;
+  if (store.has_load()) store.begin_load();
+  for (std::uint32_t number = 0; number < records; ++number) {
+    model.next(number, record);
+    if (store.has_load()) {
+      store.load({&record, 1});
+    } else {
+      store.insert(record);
+    }
+  }
+  if (store.has_load()) store.end_load();
+  store.settle();
+}
+
 void run_load(Store& store, const std::string& name, const fs::path& folder,
               const std::string& phase, std::span<const std::uint32_t> numbers) {
   empty(folder);
@@ -275,17 +312,27 @@ Model run_alone(Store& store, const std::string& name, const fs::path& folder,
   return on_ordered.model();
 }
 
+void run_floor(Store& store, const std::string& name, const fs::path& folder,
+               std::uint32_t records) {
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Alone alone(store, name, records);
+  alone.load("load-ordered", in_order(records));
+  alone.read("read", kMostOperations);
+  alone.scan("scan-ordered", Order::kPrimary);
+  alone.rewrite("rewrite", half_of(records, Seed::kRewrite));
+  const std::vector<std::uint32_t> deleted = half_of(records, Seed::kDelete);
+  alone.remove("delete", deleted);
+  alone.load("reinsert", deleted);
+  store.close();
+}
+
 Model load_unmeasured(Store& store, const std::string& /*name*/, const fs::path& folder,
                       std::uint32_t records) {
   empty(folder);
   store.open(folder, Start::kFresh);
   Model model(records);
-  Record record;
-  for (const std::uint32_t number : in_order(records)) {
-    model.next(number, record);
-    store.insert(record);
-  }
-  store.settle();
+  load_unmeasured_in_bulk(store, model, records);
   store.close();
   return model;
 }
@@ -305,6 +352,49 @@ void run_many(Store& store, const std::string& name, const fs::path& folder,
   if (!store.has_load()) return;
   run_load(store, name, folder, "load-bulk", in_order(records));
   run_load(store, name, folder, "load-bulk-random", shuffled(records, Seed::kLoad));
+}
+
+void run_big(Store& store, const std::string& name, const fs::path& folder, std::uint32_t records,
+             bool singly) {
+  if (singly && records <= kMostLoadedSingly) {
+    empty(folder);
+    store.open(folder, Start::kFresh);
+    Alone(store, name, records).load("load-random", shuffled(records, Seed::kLoad));
+    store.close();
+  }
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Alone alone(store, name, records);
+  if (store.has_load()) {
+    alone.load_bulk("load-bulk", in_order(records));
+  } else {
+    alone.load("load-ordered", in_order(records));
+  }
+  alone.read("read", kMostOperations);
+  std::vector<std::uint32_t> rewritten = half_of(records, Seed::kRewrite);
+  rewritten.resize(std::min<std::size_t>(rewritten.size(), kMostOperations / 2));
+  alone.rewrite("rewrite", rewritten);
+  alone.scan("scan-ordered", Order::kPrimary);
+  store.close();
+}
+
+void run_cold(Store& store, const std::string& name, const fs::path& folder,
+              std::uint32_t records) {
+  empty(folder);
+  store.open(folder, Start::kFresh);
+  Model model(records);
+  load_unmeasured_in_bulk(store, model, records);
+  store.close();
+  Alone alone(store, name, records);
+  const auto measure = [&](auto phase) {
+    drop_from_memory(folder);
+    store.open(folder, Start::kExisting);
+    phase();
+    store.close();
+  };
+  measure([&] { alone.read("cold-read", std::max(records / kOneColdReadOf, 1U)); });
+  measure([&] { alone.scan("cold-scan", Order::kPrimary); });
+  measure([&] { alone.scan("cold-second", Order::kSecond); });
 }
 
 }  // namespace bench

@@ -24,10 +24,20 @@ namespace fs = std::filesystem;
 constexpr std::uint32_t kMinRecords = 1000;
 constexpr std::uint32_t kDefaultRecords = 1'000'000;
 
+enum class Phases { kAll, kProcesses, kBig, kCold };
+
+Phases phases_from(std::string_view text) {
+  if (text == "all") return Phases::kAll;
+  if (text == "processes") return Phases::kProcesses;
+  if (text == "big") return Phases::kBig;
+  if (text == "cold") return Phases::kCold;
+  throw std::invalid_argument("--phases: all, processes, big or cold are wanted");
+}
+
 struct Settings {
   std::uint32_t records = kDefaultRecords;
   std::string only;  // one kind; empty: all of them
-  bool processes_only = false;
+  Phases phases = Phases::kAll;
   fs::path folder = fs::temp_directory_path();
 };
 
@@ -52,8 +62,8 @@ Settings settings_from(int argc, const char* const* argv) {
       settings.records = record_count(value);
     } else if (option == "--only") {
       settings.only = value;
-    } else if (option == "--phases" && value == std::string_view("processes")) {
-      settings.processes_only = true;
+    } else if (option == "--phases") {
+      settings.phases = phases_from(value);
     } else if (option == "--folder") {
       settings.folder = value;
     } else {
@@ -94,17 +104,27 @@ class Scratch {
 };
 
 void run(const StoreKind& kind, const Settings& settings) {
-  if (settings.processes_only && !kind.shared) return;
   const Scratch scratch(settings.folder);
   const std::unique_ptr<Store> store = kind.make();
-  const auto prepare = settings.processes_only ? load_unmeasured : run_alone;
-  Model model = prepare(*store, kind.name, scratch.inner(), settings.records);
-  if (kind.shared) run_together(*store, kind.name, scratch.inner(), model);
-}
-
-void run_bulk(const StoreKind& kind, const Settings& settings) {
-  const Scratch scratch(settings.folder);
-  run_many(*kind.make(), kind.name, scratch.inner(), settings.records);
+  const fs::path folder = scratch.inner();
+  switch (settings.phases) {
+    case Phases::kAll: {
+      if (kind.is_floor) return run_floor(*store, kind.name, folder, settings.records);
+      Model model = run_alone(*store, kind.name, folder, settings.records);
+      if (kind.shared) run_together(*store, kind.name, folder, model);
+      return run_many(*store, kind.name, folder, settings.records);
+    }
+    case Phases::kProcesses: {
+      if (!kind.shared) return;
+      Model model = load_unmeasured(*store, kind.name, folder, settings.records);
+      return run_together(*store, kind.name, folder, model);
+    }
+    case Phases::kBig:
+      if (kind.is_floor) return run_floor(*store, kind.name, folder, settings.records);
+      return run_big(*store, kind.name, folder, settings.records, !kind.shared);
+    case Phases::kCold:
+      return run_cold(*store, kind.name, folder, settings.records);
+  }
 }
 
 }  // namespace
@@ -115,13 +135,11 @@ int run_stores(int argc, const char* const* argv, const std::vector<StoreKind>& 
     const std::vector<StoreKind> chosen = chosen_from(kinds, settings.only);
     print_heading();
     for (const StoreKind& kind : chosen) run(kind, settings);
-    if (settings.processes_only) return EXIT_SUCCESS;
-    for (const StoreKind& kind : chosen) run_bulk(kind, settings);
   } catch (const std::invalid_argument& error) {
-    std::fprintf(
-        stderr,
-        "%s: %s\nusage: %s [--records N] [--only STORE] [--phases processes] [--folder FOLDER]\n",
-        argv[0], error.what(), argv[0]);
+    std::fprintf(stderr,
+                 "%s: %s\nusage: %s [--records N] [--only STORE] [--phases all|processes|big|cold] "
+                 "[--folder FOLDER]\n",
+                 argv[0], error.what(), argv[0]);
     return EXIT_FAILURE;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s: %s\n", argv[0], error.what());

@@ -20,23 +20,16 @@ class SqliteStore : public Store {
   explicit SqliteStore(Transactions transactions) : transactions_(transactions) {}
 
   void open(const fs::path& folder, Start start) override {
-    db_.open(folder / "records.db");
-    db_.execute("PRAGMA synchronous=OFF");
-    db_.execute(transactions_ == Transactions::kEach
-                    ? "PRAGMA journal_mode=WAL"
-                    : "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=OFF");
+    path_ = folder / "records.db";
+    db_.open(path_);
+    set_up();
     if (start == Start::kFresh) {
       db_.execute(
           "CREATE TABLE records(key BLOB PRIMARY KEY, second BLOB, rest BLOB) WITHOUT ROWID;"
           "CREATE INDEX by_second ON records(second)");
     }
-    insert_ = db_.prepare("INSERT INTO records VALUES(?1, ?2, ?3)");
-    rewrite_ = db_.prepare("UPDATE records SET second = ?2, rest = ?3 WHERE key = ?1");
-    remove_ = db_.prepare("DELETE FROM records WHERE key = ?1");
-    find_ = db_.prepare("SELECT key, second, rest FROM records WHERE key = ?1");
-    scan_primary_ = db_.prepare("SELECT key, second, rest FROM records ORDER BY key");
-    scan_second_ =
-        db_.prepare("SELECT key, second, rest FROM records INDEXED BY by_second ORDER BY second");
+    insert_ = db_.prepare(kInsert);
+    prepare_others();
   }
 
   void close() override {
@@ -80,12 +73,80 @@ class SqliteStore : public Store {
     db_.reset(statement);
   }
 
+  [[nodiscard]] bool has_bulk() const override { return true; }
+
+  void insert_many(std::span<const Record> records) override {
+    in_one([&] {
+      for (const Record& record : records) insert(record);
+    });
+  }
+
+  void find_many(std::span<const Key> keys, Reader& reader) override {
+    in_one([&] {
+      for (const Key& key : keys) {
+        const char* record = find(key);
+        if (record == nullptr) throw std::runtime_error("a record is not there");
+        reader.take(record);
+      }
+    });
+  }
+
+  void scan_many(Order order, Reader& reader) override { scan(order, reader); }
+
+  // The index is made at the end, which sorts its keys.
+  [[nodiscard]] bool has_load() const override { return true; }
+  void begin_load() override {
+    settle();
+    close();
+    db_.open(path_);
+    set_up();
+    db_.execute("DROP INDEX by_second; BEGIN");
+    insert_ = db_.prepare(kInsert);
+  }
+  void load(std::span<const Record> records) override {
+    for (const Record& record : records) {
+      bind_record(insert_, record);
+      if (db_.run(insert_) != 1) throw std::runtime_error("no record was added");
+    }
+  }
+  void end_load() override {
+    db_.execute("CREATE INDEX by_second ON records(second); COMMIT");
+    prepare_others();
+  }
+
   void settle() override {
     if (open_operations_ > 0) db_.execute("COMMIT");
     open_operations_ = 0;
   }
 
  private:
+  static constexpr const char* kInsert = "INSERT INTO records VALUES(?1, ?2, ?3)";
+
+  void set_up() {
+    db_.execute("PRAGMA synchronous=OFF");
+    db_.execute(transactions_ == Transactions::kEach
+                    ? "PRAGMA journal_mode=WAL"
+                    : "PRAGMA locking_mode=EXCLUSIVE; PRAGMA journal_mode=OFF");
+  }
+
+  void prepare_others() {
+    rewrite_ = db_.prepare("UPDATE records SET second = ?2, rest = ?3 WHERE key = ?1");
+    remove_ = db_.prepare("DELETE FROM records WHERE key = ?1");
+    find_ = db_.prepare("SELECT key, second, rest FROM records WHERE key = ?1");
+    scan_primary_ = db_.prepare("SELECT key, second, rest FROM records ORDER BY key");
+    scan_second_ =
+        db_.prepare("SELECT key, second, rest FROM records INDEXED BY by_second ORDER BY second");
+  }
+
+  // Where each operation has a transaction of its own, these have one together.
+  template <typename Work>
+  void in_one(Work work) {
+    const bool is_each = transactions_ == Transactions::kEach;
+    if (is_each) db_.execute("BEGIN");
+    work();
+    if (is_each) db_.execute("COMMIT");
+  }
+
   // Keeps the big transactions.
   void count_operation() {
     if (transactions_ == Transactions::kEach) return;
@@ -119,6 +180,7 @@ class SqliteStore : public Store {
   }
 
   Transactions transactions_;
+  fs::path path_;
   int open_operations_ = 0;
   SqliteDatabase db_;
   sqlite3_stmt* insert_ = nullptr;

@@ -65,6 +65,7 @@ struct StoreKind {
   std::string name;  // without blanks
   bool shared = false;
   std::function<std::unique_ptr<Store>()> make;
+  bool is_floor = false;  // it has no index: what it holds after changes is not compared
 };
 
 // The whole of main() of a measuring program: takes the options, runs the phases for each kind,
