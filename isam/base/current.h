@@ -77,6 +77,7 @@ struct PairFile {
   Extent extent;
   common::FileMap map;                   // through which it is read
   std::optional<bool> map_shows_writes;  // of others, at once; not asked before it matters
+  bool has_waited = false;               // the last copy of many records waited for the disk
 };
 
 // What lengths and sizes follow from. Valid from an open's first call on, and the same as long as

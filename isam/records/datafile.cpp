@@ -1,6 +1,9 @@
 #include "isam/records/datafile.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -9,6 +12,7 @@
 #include "isam/base/errors.h"
 #include "isam/pool/buffers.h"
 #include "isam/pool/extent.h"
+#include "isam/records/askahead.h"
 #include "isam/records/varlen.h"
 
 namespace isam {
@@ -243,6 +247,24 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
   return numbers.size();
 }
 
+// Copies many records out of the mapping: how many, none when pages of it were missing. A copy that
+// takes so long has waited for the disk, and the next one will have to.
+std::size_t copy_from_map(std::span<const std::int32_t> numbers, Byte* to) {
+  using Clock = std::chrono::steady_clock;
+  constexpr auto kWaited = std::chrono::microseconds(150);
+  PairFile& data = filep->data;
+  if (data.has_waited) {
+    ask_for_slots(numbers, slot_size(), [&](ByteRange range) {
+      ::posix_fadvise(data.fd, range.start, range.end - range.start, POSIX_FADV_WILLNEED);
+    });
+  }
+  std::size_t count = 0;
+  const auto start = Clock::now();
+  if (!data.map.read_by([&](ConstBytes from) { count = copy_slots(from, numbers, to); })) return 0;
+  data.has_waited = Clock::now() - start > kWaited;
+  return count;
+}
+
 // Frees or clears the storage first, then clears the slot: 0 or -1. The absent slot goes on
 // referring to storage that is kept.
 int remove_record(std::int32_t k, bool keep_storage) {
@@ -278,8 +300,7 @@ std::size_t dataread_many(std::span<const std::int32_t> numbers, Byte* to, std::
   const Geometry& geometry = filep->geometry;
   std::size_t count = 0;
   if (!numbers.empty() && map_serves(numbers)) {
-    const auto copy = [&](ConstBytes from) { count = copy_slots(from, numbers, to); };
-    if (!filep->data.map.read_by(copy)) return 0;
+    count = copy_from_map(numbers, to);
     std::fill_n(lengths, count, geometry.reclen);
     return count;
   }
