@@ -93,10 +93,10 @@ bool ReadPair::lock(std::chrono::milliseconds wait) {
   return true;
 }
 
-bool ReadPair::open(const std::string& name, std::chrono::milliseconds wait) {
+bool ReadPair::open(const std::string& name, std::chrono::milliseconds wait, Look look) {
   for (;;) {
     if (!open_files(name)) return false;
-    read_ahead();
+    if (look == Look::kAll) read_ahead();
     if (!lock(wait)) return false;
     // A repair or clustering may have put other files in their place meanwhile.
     if (leads_to(isam::mkidxname(name), isam::filep->index) &&

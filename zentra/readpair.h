@@ -26,9 +26,12 @@ class ReadPair {
   ReadPair& operator=(const ReadPair&) = delete;
   ~ReadPair() { close(); }
 
-  // Opens the pair, reads its files into the page cache and takes the readers' lock, waiting for it
-  // at most `wait`. `name`: without suffix. False: status() and why() tell.
-  [[nodiscard]] bool open(const std::string& name, std::chrono::milliseconds wait);
+  // Opens the pair, reads its files into the page cache if all of it is to be looked at, and takes
+  // the readers' lock, waiting for it at most `wait`. `name`: without suffix. False: status() and
+  // why() tell.
+  enum class Look { kAll, kLittle };
+  [[nodiscard]] bool open(const std::string& name, std::chrono::milliseconds wait,
+                          Look look = Look::kAll);
   // Reads the dictionary: false where there is none.
   [[nodiscard]] bool load();
   // Releases the lock, once it is not needed any more; the files stay open.

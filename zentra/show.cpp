@@ -270,8 +270,8 @@ Refused show(const ShowOptions& options, Report& report) {
 
 Outcome show_pair(const ShowOptions& options, const std::string& name, Report& report) {
   ReadPair pair;
-  const bool open =
-      pair.open(name, as_time(options.wait)) && (options.what == "dictionary" || pair.load());
+  const bool open = pair.open(name, as_time(options.wait), ReadPair::Look::kLittle) &&
+                    (options.what == "dictionary" || pair.load());
   Refused refused;
   if (!open) {
     refused = Refusal{pair.status(), pair.why()};

@@ -24,7 +24,6 @@ using Milliseconds = std::chrono::milliseconds;
 
 constexpr auto kTick = Milliseconds(20);
 constexpr auto kLongestAsking = std::chrono::seconds(1);
-constexpr const char* kLockList = "/proc/locks";
 
 struct flock range_of(int type, off_t start, off_t length) {
   struct flock lock {};
@@ -148,32 +147,42 @@ void lkunwatch() {
   openp->holds_semaphore = false;
 }
 
-RecordLocks::RecordLocks(std::int32_t last) {
-  std::ifstream list(kLockList);
-  *this = RecordLocks(last, list);
-}
+RecordLocks::RecordLocks(std::int32_t last, const char* list)
+    : last_(static_cast<std::int32_t>(std::min<off_t>(last, lockspace::kRecordsLength - 1))),
+      list_(list) {}
 
-RecordLocks::RecordLocks(std::int32_t last, std::istream& list)
-    : last_(static_cast<std::int32_t>(std::min<off_t>(last, lockspace::kRecordsLength - 1))) {
-  std::vector<ListedLock> locks = locks_of_others(list, ::getpid());
-  std::ranges::sort(locks, {}, &ListedLock::first);
-  for (const ListedLock& lock : locks) {
-    if (lock.last >= lockspace::kRecordsStart) add(lock.first, lock.last, lock.process);
+void RecordLocks::read_list() {
+  std::ifstream list(list_);
+  for (const ListedLock& lock : locks_of_others(list, ::getpid())) {
+    const off_t first = std::max(lock.first, lockspace::kRecordsStart);
+    const off_t last = std::min(lock.last, lockspace::kRecordsStart + last_);
+    if (first <= last) add(number_of(first), number_of(last), lock.process);
   }
 }
 
-// A range of bytes, but for what an earlier range has of it.
-void RecordLocks::add(off_t first, off_t last, pid_t process) {
-  const off_t behind_known = known_.empty() ? 0 : off_t{std::prev(known_.end())->second.last} + 1;
-  const off_t begin = std::max(first, lockspace::kRecordsStart + behind_known);
-  const off_t end = std::min(last, lockspace::kRecordsStart + last_);
-  if (begin > end) return;
-  known_[number_of(begin)] = {number_of(begin), number_of(end), process};
+// But for what other ranges have of it.
+void RecordLocks::add(std::int32_t first, std::int32_t last, pid_t process) {
+  while (first <= last) {
+    const auto behind = known_.upper_bound(first);
+    const std::int32_t taken = behind == known_.begin() ? -1 : std::prev(behind)->second.last;
+    if (taken >= first) {
+      first = taken + 1;
+      continue;
+    }
+    const std::int32_t end = behind == known_.end() ? last : std::min(last, behind->first - 1);
+    known_[first] = {first, end, process};
+    first = end + 1;
+  }
 }
 
-// Asks about a gap: whether there is a lock in it, which is known then.
+// Asks about a gap: whether there may be a lock in it, all that are learned of being known then.
 bool RecordLocks::ask(std::int32_t first, std::int32_t last) {
+  constexpr int kFewQuestions = 64;
   if (asked_ >= kLongestAsking) return false;
+  if (++questions_ == kFewQuestions) {
+    read_list();
+    return true;
+  }
   const auto start = steady_clock::now();
   struct flock lock = range_of(F_WRLCK, lockspace::kRecordsStart + first, off_t{last} - first + 1);
   const bool told = common::system_calls().fcntl_lock(filep->index.fd, F_GETLK, &lock) == 0;
@@ -182,12 +191,11 @@ bool RecordLocks::ask(std::int32_t first, std::int32_t last) {
     free_.insert(first);
     return false;
   }
+  const off_t from = lockspace::kRecordsStart + first;
   const off_t end = lockspace::kRecordsStart + last + 1;
-  const std::int32_t begins =
-      number_of(std::max(lock.l_start, off_t{lockspace::kRecordsStart + first}));
-  const std::int32_t ends =
-      number_of((lock.l_len == 0 ? end : std::min(lock.l_start + lock.l_len, end)) - 1);
-  known_[begins] = {begins, ends, std::max<pid_t>(lock.l_pid, 0)};
+  const off_t behind = lock.l_len == 0 ? end : std::min(lock.l_start + lock.l_len, end);
+  add(number_of(std::max(lock.l_start, from)), number_of(behind - 1),
+      std::max<pid_t>(lock.l_pid, 0));
   return true;
 }
 
@@ -211,7 +219,7 @@ const LockedRecords* RecordLocks::next(std::int32_t from, std::int32_t to) {
 
 // A lock of that one byte is an open lock.
 std::vector<pid_t> open_by() {
-  std::ifstream list(kLockList);
+  std::ifstream list("/proc/locks");
   std::vector<pid_t> processes;
   for (const ListedLock& lock : locks_of_others(list, ::getpid())) {
     if (lock.first == lockspace::kOpenLockStart) processes.push_back(lock.process);

@@ -9,7 +9,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <iosfwd>
 #include <map>
 #include <set>
 #include <vector>
@@ -34,27 +33,30 @@ struct LockedRecords {
 
 // The record numbers that other processes have locked.
 //
-// The system's list tells most of them at once; between these each gap is asked for by itself, and
-// only when somebody wants to know of a number in it. After a second of such questions what is not
-// known counts as not locked.
+// The system is asked about each gap between known ones by itself, and only when somebody wants to
+// know of a number in it. Behind some such questions its list tells most at once; reading that takes
+// as long as a thousand questions. After a second of questions what is not known counts as not
+// locked.
 class RecordLocks {
  public:
   RecordLocks() = default;  // nobody has any locked
-  // Numbers up to `last`.
-  explicit RecordLocks(std::int32_t last);
-  RecordLocks(std::int32_t last, std::istream& list);
+  // Numbers up to `last`; the system's list is the file `list`.
+  explicit RecordLocks(std::int32_t last, const char* list = "/proc/locks");
 
   // The first range that holds a number from `from` to `to`, until the next call; null: none does.
   [[nodiscard]] const LockedRecords* next(std::int32_t from, std::int32_t to);
   [[nodiscard]] const LockedRecords* find(std::int32_t record) { return next(record, record); }
 
  private:
-  void add(off_t first, off_t last, pid_t process);
+  void read_list();
+  void add(std::int32_t first, std::int32_t last, pid_t process);
   [[nodiscard]] bool ask(std::int32_t first, std::int32_t last);
 
   std::int32_t last_ = -1;
+  const char* list_ = nullptr;
   std::map<std::int32_t, LockedRecords> known_;  // by their first numbers; none overlap
   std::set<std::int32_t> free_;                  // where gaps begin in which nothing is locked
+  int questions_ = 0;
   std::chrono::steady_clock::duration asked_{};
 };
 

@@ -92,12 +92,13 @@ class Locked : public testing::Test {
   int asked_ = 0;
 };
 
-TEST_F(Locked, MostAreKnownWithoutAQuestion) {
+TEST_F(Locked, FewQuestionsTellMost) {
   RecordLocks locks(kLast);
-  for (int i = 1; i <= kLocks; ++i) EXPECT_NE(locks.find(3 * i), nullptr);
-  EXPECT_EQ(asked_, 0);
+  for (int i = kLocks; i > 0; --i) ASSERT_NE(locks.find(3 * i), nullptr);
+  EXPECT_LT(asked_, 70);
+  asked_ = 0;
   compare(locks, 1, 10);
-  EXPECT_EQ(asked_, 4);
+  EXPECT_LE(asked_, 4);
   const LockedRecords* const next = locks.next(10, kLast);
   ASSERT_NE(next, nullptr);
   EXPECT_EQ(next->first, 12);
@@ -106,8 +107,7 @@ TEST_F(Locked, MostAreKnownWithoutAQuestion) {
 }
 
 TEST_F(Locked, WhatTheListLacksIsAskedFor) {
-  std::istringstream none;
-  RecordLocks locks(kLast, none);
+  RecordLocks locks(kLast, "/dev/null");
   compare(locks, 0, 60);
   compare(locks, 3 * kLocks - 10, kLast);
   EXPECT_EQ(locks.find(kLast + 3), nullptr);
