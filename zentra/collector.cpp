@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <iterator>
 
 #include "checker/check.h"
@@ -45,6 +46,11 @@ Fields key_of_record(std::int32_t record, const keydescr& k) {
 }
 
 }  // namespace
+
+std::string temporary_folder() {
+  const char* const named = std::getenv("TMPDIR");
+  return named != nullptr && *named != '\0' ? named : "/var/tmp";
+}
 
 Value key_value(const keydescr& k, const isam::Byte* value) {
   const std::string bytes{as_text({value, static_cast<std::size_t>(k.keylen)})};

@@ -56,6 +56,9 @@ class Collector : public checker::Listener {
   std::map<pid_t, std::int64_t> kept_;  // how many numbers each process keeps back
 };
 
+// Where what does not fit into memory goes: beside the pair nothing may be written.
+[[nodiscard]] std::string temporary_folder();
+
 // The field of a key value, as many bytes as the key has.
 [[nodiscard]] Value key_value(const keydescr& k, const isam::Byte* value);
 

@@ -13,8 +13,9 @@ namespace zentra {
 // Also hears every item of every index.
 class DeepCollector : public Collector {
  public:
-  DeepCollector(Report& report, isam::RecordLocks locks)
-      : Collector(report, std::move(locks)), keys_(*this) {}
+  DeepCollector(Report& report, isam::RecordLocks locks,
+                KeyCheck::Order order = KeyCheck::Order::kBySize)
+      : Collector(report, std::move(locks)), keys_(*this, order) {}
 
   [[nodiscard]] bool wants_leaves() const override { return true; }
   void found(const checker::Finding& finding) override;

@@ -2,15 +2,20 @@
 //
 //   begins(n, k) -> item() for each item of a leaf that leads to a record in use -> ends()
 //
-// Keeps   memory for a few dozen records. Records are read from the mapping of the data file, those
-//         of one batch ahead of each other
+// Keeps   memory for a few dozen keys. Records are looked at in the mapping of the data file, in
+// the
+//         order of the index. Where the page cache cannot hold them they are read in their own
+//         order, one after the other: keys wait for that in a temporary file
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include "checker/listener.h"
+#include "common/sorter.h"
 #include "isam/keys/keys.h"
 #include "zentra/collector.h"
 
@@ -18,7 +23,10 @@ namespace zentra {
 
 class KeyCheck {
  public:
-  explicit KeyCheck(Collector& collector) : collector_(collector) {}
+  enum class Order { kOfIndex, kOfRecords, kBySize };
+
+  explicit KeyCheck(Collector& collector, Order order = Order::kBySize)
+      : collector_(collector), wanted_order_(order) {}
 
   void begins(int n, const keydescr& k);
   void item(const checker::Listener::Leaf& place, const isam::Item& item);
@@ -31,14 +39,30 @@ class KeyCheck {
  private:
   static constexpr std::size_t kBatch = 64;
 
+  struct Met {
+    std::int32_t record;
+    std::int32_t node;
+    int slot;
+    const isam::Byte* key;
+  };
+
+  [[nodiscard]] bool exceeds_cache() const;
+  void put_aside(const checker::Listener::Leaf& place, const isam::Item& item);
+  void compare_sorted();
+  void sorting_failed(int system_error);
   void flush();
+  [[nodiscard]] bool compare_mapped(isam::ConstBytes all, std::array<bool, kBatch>& right) const;
+  [[nodiscard]] const isam::Byte* key_at(std::size_t at) const {
+    return keys_.data() + at * static_cast<std::size_t>(key_.keylen);
+  }
   void check_equal(const checker::Listener::Leaf& place, const isam::Item& item);
-  void compare(std::size_t at, const isam::Byte* record);
+  void compare(const Met& met);
   void tell(const char* code, const char* text, const checker::Listener::Leaf& place,
             std::int32_t record, const isam::Byte* key);
   void tell_count(const char* code, const char* text, std::int64_t count);
 
   Collector& collector_;
+  Order wanted_order_;
   int number_ = 0;
   keydescr key_{};
   std::optional<isam::KeyOrder> order_;
@@ -54,7 +78,8 @@ class KeyCheck {
   std::vector<std::int32_t> records_;
   std::vector<checker::Listener::Leaf> places_;
   std::vector<isam::Byte> keys_;   // of the batch, one behind the other
-  std::vector<isam::Byte> bytes_;  // of its records
+  std::vector<isam::Byte> bytes_;  // of one record
+  std::unique_ptr<common::Sorter> sorter_;
 };
 
 }  // namespace zentra

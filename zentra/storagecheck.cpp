@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -27,12 +26,6 @@ constexpr std::size_t kMemory = std::size_t{16} << 20;
 constexpr std::size_t kSlotAt = 4;
 constexpr std::size_t kRecordAt = 5;
 constexpr std::size_t kPieceSize = 9;
-
-// Where what does not fit into memory goes: beside the pair nothing may be written.
-std::string temporary_folder() {
-  const char* const named = std::getenv("TMPDIR");
-  return named != nullptr && *named != '\0' ? named : "/var/tmp";
-}
 
 class StorageCheck {
  public:
