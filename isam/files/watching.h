@@ -34,9 +34,9 @@ struct LockedRecords {
 // The record numbers that other processes have locked.
 //
 // The system is asked about each gap between known ones by itself, and only when somebody wants to
-// know of a number in it. Behind some such questions its list tells most at once; reading that takes
-// as long as a thousand questions. After a second of questions what is not known counts as not
-// locked.
+// know of a number in it. Behind some such questions its list tells most at once; reading that
+// takes as long as a thousand questions. After a second of questions what is not known counts as
+// not locked.
 class RecordLocks {
  public:
   RecordLocks() = default;  // nobody has any locked
