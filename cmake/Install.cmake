@@ -71,10 +71,10 @@ install(FILES ${PROJECT_BINARY_DIR}/generated/isam.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 # Section 3 is about the library, the others about the programs and what they read.
-foreach(section 1 3 5 8)
+foreach(section 1 3 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
   if(NOT KESTRO_COMPANIONS)
-    list(FILTER pages EXCLUDE REGEX "/zentra(-[a-z]+)?\\.1$")
+    list(FILTER pages EXCLUDE REGEX "/zentra((-[a-z]+)?\\.1|-keys\\.5|-crash\\.7)$")
   endif()
   if(pages)
     set(component kestro)
