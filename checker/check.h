@@ -12,6 +12,7 @@
 
 #include "checker/findings.h"
 #include "checker/listener.h"
+#include "checker/supervisor.h"
 #include "checker/usagemap.h"
 #include "common/bytes.h"
 #include "isam/tree/indexload.h"
@@ -33,12 +34,17 @@ enum class Verdict { kSound, kFaulty, kRebuild };
 enum class IndexVerdict : unsigned char { kKeep, kDelete, kRemake };
 
 struct Check {
-  Check(const Options& wanted, Listener& told) : options(wanted), listener(told) {}
+  Check(const Options& wanted, Listener& told, Supervisor* over = nullptr)
+      : options(wanted), listener(told), supervisor(over) {}
 
   // ---- What it tells and asks.
 
   void found(Code code, const Numbers& numbers = {});
   void found(const Finding& finding);
+  // Whether the supervisor, if there is one, wants a list made anew.
+  [[nodiscard]] bool is_wanted_anew(List list) const {
+    return supervisor != nullptr && supervisor->rebuilds(list);
+  }
   [[nodiscard]] bool ask(Question question);
   void tell(const Detail& detail) const {
     if (listener.wants_details()) listener.detail(detail);
@@ -54,6 +60,7 @@ struct Check {
 
   const Options& options;
   Listener& listener;
+  Supervisor* supervisor;  // null: there is none
 
   // ---- What it has come to.
 

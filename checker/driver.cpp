@@ -178,7 +178,8 @@ void apply_index_verdicts(Check& check, const Repair& repair) {
 
 // The checks and repairs between opening and wind-up; false when they stopped early.
 bool check_and_repair(Check& check, Repair& repair) {
-  if (!run_checks(check) || !repair.begin()) return false;
+  if (!repair.prepare() || !run_checks(check) || !repair.begin()) return false;
+  if (check.supervisor != nullptr) check.supervisor->mends(check);
   rebuild_free_lists(check);
   apply_index_verdicts(check, repair);
   tell_why_refused(check);
@@ -271,9 +272,10 @@ Summary summary_of(const Check& check) {
           .page_bytes_free = check.totalrpfree};
 }
 
-Outcome ckfile(std::string name, const Options& options, Listener& listener) {
+Outcome ckfile(std::string name, const Options& options, Listener& listener,
+               Supervisor* supervisor) {
   cut_suffix(name);
-  Check check(options, listener);
+  Check check(options, listener, supervisor);
   Outcome outcome;
   check_pair(check, name, outcome);
   outcome.findings = check.count;

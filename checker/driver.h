@@ -19,8 +19,9 @@ struct Outcome {
 };
 
 // Checks the pair whose base name, ".dat" or ".idx" file is given, and repairs what the listener
-// agrees to.
-Outcome ckfile(std::string name, const Options& options, Listener& listener);
+// agrees to; with a supervisor as he wants it.
+Outcome ckfile(std::string name, const Options& options, Listener& listener,
+               Supervisor* supervisor = nullptr);
 
 // The checks alone, of the current file, whose dictionary is read; they change nothing when all
 // questions are answered no. False when they stopped early.

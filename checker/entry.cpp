@@ -50,6 +50,8 @@ const char* name_of(Entry::Kind kind) {
       return "finding";
     case Entry::Kind::kDetail:
       return "detail";
+    case Entry::Kind::kStep:
+      return "step";
     default:
       return "note";
   }

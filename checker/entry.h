@@ -30,7 +30,8 @@ struct Entry {
   enum class Kind {
     kFinding,  // damage
     kDetail,   // one of those that a finding counts
-    kNote      // what is no damage
+    kNote,     // what is no damage
+    kStep      // what a repair is to do
   };
 
   Kind kind = Kind::kFinding;

@@ -197,6 +197,7 @@ void ckdfree(Check& check) {
                   Code::kRecordListMissing);
     check.baddfree = Verdict::kFaulty;
   }
+  if (check.is_wanted_anew(List::kRecords)) check.baddfree = Verdict::kFaulty;
   if (check.baddfree == Verdict::kFaulty && check.ask(Question::kRecordList)) {
     // The nodes of the old list are forgotten: ckifree() misses them in the list of nodes, and its
     // rebuild frees them.
@@ -228,6 +229,7 @@ void ckifree(Check& check) {
                   Code::kNodeListMissing);
     check.badifree = Verdict::kFaulty;
   }
+  if (check.is_wanted_anew(List::kNodes)) check.badifree = Verdict::kFaulty;
   if (check.badifree == Verdict::kFaulty && check.ask(Question::kNodeList)) {
     check.badifree = Verdict::kRebuild;
   }

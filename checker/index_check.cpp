@@ -66,8 +66,10 @@ IndexVerdict check_index(Check& check, int n, const keydescr& k) {
   if (faulty) report_tree(check, n, found, misdata);
   // A node that could not be read or taken apart is in none of the counts: the walk has told it.
   const bool has_bad_node = found.badindex;
-  const IndexVerdict verdict =
-      faulty || has_bad_node ? ask_about_bad_index(check, k.rootnode) : IndexVerdict::kKeep;
+  const bool is_wanted_anew = check.supervisor != nullptr && check.supervisor->remakes(n);
+  const IndexVerdict verdict = faulty || has_bad_node || is_wanted_anew
+                                   ? ask_about_bad_index(check, k.rootnode)
+                                   : IndexVerdict::kKeep;
   check.idxmap.ormap(check.idxmap2);
   if (verdict == IndexVerdict::kKeep) check.keptmap.ormap(check.idxmap2);
   return verdict;

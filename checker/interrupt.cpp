@@ -23,6 +23,8 @@ constexpr std::size_t kLineRoom = PATH_MAX + 200;
 std::array<std::array<char, PATH_MAX>, kMostFiles> files{};
 std::array<char, kLineRoom> line{};
 std::array<struct sigaction, kSignals.size()> before{};
+std::span<const BytesBefore> changed;
+int changed_fd = -1;
 
 template <std::size_t N>
 void set(std::array<char, N>& to, const std::string& text) {
@@ -35,6 +37,9 @@ void on_signal(int number) {
   const int error = errno;
   for (const auto& path : files) {
     if (path[0] != 0) ::unlink(path.data());
+  }
+  for (const BytesBefore& at : changed) {
+    if (::pwrite(changed_fd, at.bytes, at.count, at.offset) < 0) errno = 0;
   }
   // The result must be looked at, but nothing is to be done about a failure.
   if (::write(STDERR_FILENO, line.data(), std::strlen(line.data())) < 0) errno = 0;
@@ -85,6 +90,12 @@ void forget_file(const std::string& path) {
   for (auto& file : files) {
     if (path == file.data()) set(file, {});
   }
+}
+
+void put_back_when_interrupted(int fd, std::span<const BytesBefore> all) {
+  const SignalBlock block;
+  changed_fd = fd;
+  changed = all;
 }
 
 }  // namespace checker

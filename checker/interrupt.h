@@ -6,7 +6,11 @@
 #pragma once
 
 #include <csignal>
+#include <cstdint>
+#include <span>
 #include <string>
+
+#include "common/bytes.h"
 
 namespace checker {
 
@@ -39,5 +43,16 @@ class SignalBlock {
 // time: a fifth is not noted.
 void remove_when_interrupted(const std::string& path);
 void forget_file(const std::string& path);
+
+// A few bytes of a file as they were.
+struct BytesBefore {
+  static constexpr std::size_t kMost = 8;
+  std::int64_t offset = 0;
+  std::uint8_t count = 0;
+  common::Byte bytes[kMost] = {};
+};
+// Names bytes that a signal is to write back, which stay where they are until this is called with
+// none.
+void put_back_when_interrupted(int fd, std::span<const BytesBefore> all);
 
 }  // namespace checker

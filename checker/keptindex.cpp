@@ -77,6 +77,7 @@ int KeptIndex::note_undo_data() {
 // else takes between the look and become() (EEXIST) is passed by.
 int KeptIndex::show() {
   constexpr int kMostKept = 100000;
+  if (!name_.empty()) return 0;
   const std::string first = index_ + ".before";
   std::string name = first;
   for (int number = 2; number < kMostKept; ++number) {

@@ -34,7 +34,8 @@ class KeptIndex {
   // in a file beside it: 0, or -1 with errno. Without this note the repair cannot be undone.
   [[nodiscard]] int note(int repaired_fd, int data_fd);
   // Gives the kept file its name, and the file beside it as soon as there is one: 0, or -1 with
-  // errno. Until keep() a signal removes them, and so does the destructor.
+  // errno. Until keep() a signal removes them, and so does the destructor. Once it has a name
+  // nothing more is done.
   [[nodiscard]] int show();
   // From now on the files that there are stay. Does nothing when nothing was taken.
   void keep();

@@ -46,7 +46,6 @@ void use(int fd) {
 }
 
 constexpr isam::Byte kNoMagic[2] = {};  // in place of its magic: nobody takes the file for an index
-constexpr char kIncomplete[] = "the repair in place is not complete: run kestro again";
 
 }  // namespace
 
@@ -113,30 +112,6 @@ void Repair::sync_folder() {
   }
 }
 
-// Whether the mark that others left for unfinished changes may go: the run has checked both files
-// and mended all that it found.
-bool Repair::clears_mark(bool whole) const {
-  return whole && check_.options.iflag == 0 && check_.declined == 0 && !has_failed();
-}
-
-// Marks an index that is to be changed in place, so that nobody opens the pair meanwhile. False
-// when the mark does not stand there; set_mark() alone also succeeds where other bytes have its
-// place.
-bool Repair::mark_index() {
-  const bool written = isam::set_mark(*filep) == 0;
-  const int found = written ? isam::find_mark(*filep) : -1;
-  filep->mark.state = isam::MarkState::kUnneeded;  // as before: the repair sees to the mark
-  if (found == 1) return true;
-  if (found == 0) remark("other bytes stand where the mark of a repair in place would");
-  fail(found == 0 ? ENOTSUP : iserrno);
-  return false;
-}
-
-void Repair::remove_mark() {
-  if (isam::remove_mark(*filep) != 0) fail(iserrno);
-  filep->mark.state = isam::MarkState::kUnneeded;
-}
-
 void Repair::tell_failure(const char* state) {
   const int error = check_.system_error != 0 ? check_.system_error : filep->unwritten.failed.error;
   remark(std::strerror(error) + std::string("; ") + state);
@@ -146,7 +121,8 @@ void Repair::tell_failure(const char* state) {
 // From here on a signal finds the pair repaired: it says so, and leaves the kept index.
 void Repair::note_repaired() {
   is_repaired_ = true;
-  Interrupt::say("\nkestro: " + index_ + ": interrupted; the pair is repaired\n");
+  put_back_when_interrupted(-1, {});
+  Interrupt::say(said_when_interrupted("the pair is repaired"));
   kept_.keep();
 }
 
@@ -162,14 +138,31 @@ void Repair::conclude() {
   if (::isatty(STDERR_FILENO) == 1) remark("the index as it was is kept as " + kept_.name());
 }
 
+bool Repair::prepare() {
+  if (!is_supervised()) return true;
+  index_ = real_path(isam::mkidxname(filep->name));
+  keeps_ = refused_ = true;
+  interrupt_.emplace(said_when_interrupted(as_it_was()));
+  int error = obstacle(filep->index.fd, index_);
+  if (error == 0) error = copy_index();
+  if (error != 0) {
+    fail(error);
+    return false;
+  }
+  if (check_.supervisor->changes_data() && !take_kept()) return false;
+  refused_ = !check_.supervisor->begins(kept_.name());
+  return !refused_;
+}
+
 bool Repair::begin() {
+  if (is_supervised()) return !(refused_ = has_failed());
   index_ = real_path(isam::mkidxname(filep->name));
   keeps_ = is_to_be_kept();
   // The checks take for missing what the system failed to read, but the files may still hold it.
   refused_ = check_.options.nflag == 0 && has_failed();
   if (refused_) return false;
   if (check_.options.nflag == 0) {
-    interrupt_.emplace("\nkestro: " + index_ + ": interrupted; " + as_it_was() + "\n");
+    interrupt_.emplace(said_when_interrupted(as_it_was()));
   }
   if (!nodes_will_change(check_)) return true;
   int error = obstacle(filep->index.fd, index_);
@@ -196,16 +189,22 @@ int Repair::copy_index() {
   return 0;
 }
 
+void Repair::tell_not_kept() {
+  remark(is_supervised() ? "the index as it was cannot be kept"
+                         : "the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
+}
+
 // Keeps the old index, if it is to be kept, before its first byte changes. False, after a remark,
 // when it cannot be kept.
 bool Repair::take_kept() {
   if (!keeps_) return true;
-  if (kept_.take(filep->index.fd, index_) && kept_.show() == 0) {
+  const int index_fd = locked_ != -1 ? locked_ : filep->index.fd;
+  if (kept_.take(index_fd, index_) && kept_.show() == 0) {
     sync_folder();
     return true;
   }
   const int error = errno;
-  remark("the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
+  tell_not_kept();
   fail(error);
   return false;
 }
@@ -237,16 +236,24 @@ void Repair::end(bool whole) {
   try {
     bring_in(whole);
   } catch (const std::bad_alloc&) {
-    if (is_repaired_) return;  // only remarks about the kept index are missing
-    fail(ENOMEM);
-    tell_failure(place_ == Place::kInPlace ? kIncomplete : as_it_was());
-    forget_changes();
-    if (locked_ != -1) use(std::exchange(locked_, -1));
+    if (!is_repaired_) {  // else only remarks about the kept index are missing
+      fail(ENOMEM);
+      tell_failure(place_ == Place::kInPlace ? kIncomplete : as_it_was());
+      forget_changes();
+      if (locked_ != -1) use(std::exchange(locked_, -1));
+    }
   }
+  if (is_supervised()) check_.supervisor->ends(is_repaired_, kept_.name());
 }
 
 void Repair::bring_in(bool whole) {
   check_.prepared.clear();
+  if (is_supervised()) {
+    if (whole && !refused_ && place_ == Place::kCopy) return end_copy(whole);
+    leave_as_it_was();
+    if (locked_ != -1) use(std::exchange(locked_, -1));
+    return;
+  }
   refused_ = refused_ || (check_.options.nflag == 0 && place_ == Place::kPair && has_failed());
   if (check_.options.nflag != 0 || refused_) {
     if (refused_) return leave_as_it_was();
@@ -280,27 +287,19 @@ void Repair::end_dictionary(bool whole) {
   conclude();
 }
 
-void Repair::end_in_place(bool whole) {
-  const bool failed_before = has_failed();
-  // Written also after a failure: the index is not as it was any more.
-  if (!write_out() || failed_before || !sync(filep->index.fd)) {
-    return tell_failure(kIncomplete);
-  }
-  if (isam::clear_mark(*filep) != 0) fail(iserrno);
-  if (clears_mark(whole)) remove_mark();
-  conclude();
-}
-
 // Brings the copy, as the index is to be, and what is kept of the old index to the disk. False on a
 // failure, which leave_as_it_was() tells.
 bool Repair::complete_copy(bool whole) {
   if (has_failed() || !write_out()) return false;
   if (clears_mark(whole)) remove_mark();
   if (has_failed() || !sync(filep->index.fd)) return false;
+  if (is_supervised() && !check_.supervisor->approves()) return false;
   if (!keeps_) return true;
-  if (kept_.take(locked_, index_) && kept_.note(filep->index.fd, filep->data.fd) == 0) return true;
+  if ((kept_.is_taken() || kept_.take(locked_, index_)) &&
+      kept_.note(filep->index.fd, filep->data.fd) == 0)
+    return true;
   fail(errno);
-  remark("the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
+  tell_not_kept();
   return false;
 }
 
@@ -315,14 +314,15 @@ void Repair::forget_changes() {
 
 void Repair::leave_as_it_was() {
   // A mark that could not be taken away again keeps the pair from being opened.
-  tell_failure(place_ == Place::kInPlace ? kIncomplete : as_it_was());
+  if (has_failed() || !is_supervised())
+    tell_failure(place_ == Place::kInPlace ? kIncomplete : as_it_was());
   forget_changes();
 }
 
 // Ends a repair in a copy. When no page of the copy was changed after all, the copy is not needed:
 // the dictionary goes into the index by itself.
 void Repair::end_copy(bool whole) {
-  if (!has_failed() && !filep->call.page_changed) {
+  if (!is_supervised() && !has_failed() && !filep->call.page_changed) {
     use(std::exchange(locked_, -1));
     place_ = Place::kPair;
     return end_dictionary(whole);
@@ -355,8 +355,10 @@ void Repair::put_in_place() {
   int reason = named.st_nlink > 1 ? EMLINK : 0;
   if (reason == 0 && copy_->replace(index_) != 0) reason = errno;
   if (reason != 0) {
-    place_ = Place::kInPlace;
-    if (leaves_index_usable(reason)) return write_over(reason);
+    if (!is_supervised() && leaves_index_usable(reason)) {
+      place_ = Place::kInPlace;
+      return write_over(reason);
+    }
     fail(reason);
     return tell_failure(as_it_was());
   }
@@ -364,29 +366,6 @@ void Repair::put_in_place() {
   sync_folder();
   if (common::write_at(filep->index.fd, kNoMagic, 0) != 0) {
     remark(std::strerror(errno) + std::string("; end programs that wait for the pair"));
-  }
-  conclude();
-}
-
-// Makes the index like the complete copy, which cannot take its place for this errno. The bytes of
-// the mark are copied last, so that the mark stands until all others are on the disk.
-void Repair::write_over(int reason) {
-  remark(std::string("no copy can be put in its place (") + std::strerror(reason) +
-         "); it is repaired in place");
-  const int from = copy_->fd();
-  const int to = filep->index.fd;
-  constexpr std::int64_t kBehindMark = isam::kMarkOffset + isam::kMarkSize;
-  if (!mark_index() || !sync(to)) {
-    return tell_failure(isam::clear_mark(*filep) == 0 ? as_it_was() : kIncomplete);
-  }
-  kept_.keep();
-  const bool written =
-      common::copy_differences(from, to, kBehindMark, common::file_size(from)) == 0 &&
-      common::copy_differences(from, to, 0, isam::kMarkOffset) == 0 && sync(to) &&
-      common::copy_differences(from, to, isam::kMarkOffset, kBehindMark) == 0;
-  if (!written) {
-    fail(errno);
-    return tell_failure(kIncomplete);
   }
   conclude();
 }

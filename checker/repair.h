@@ -34,7 +34,11 @@ class Repair {
 
   // Removes what a killed run has left beside the pair of this base name.
   static void remove_leftovers(const std::string& name);
-  // After the last question: makes the copy. False when nothing may be changed; end() tells why.
+  // Before the checks: with a supervisor makes the copy and lets him begin. False when nothing may
+  // be changed.
+  [[nodiscard]] bool prepare();
+  // After the last question: makes the copy, unless there is one. False when nothing may be
+  // changed; end() tells why.
   [[nodiscard]] bool begin();
   // Whether an error of the system has ended it.
   [[nodiscard]] bool has_failed() const;
@@ -47,6 +51,13 @@ class Repair {
   [[nodiscard]] bool is_repaired() const { return is_repaired_; }
 
  private:
+  static constexpr char kIncomplete[] = "the repair in place is not complete: run kestro again";
+
+  [[nodiscard]] bool is_supervised() const { return check_.supervisor != nullptr; }
+  [[nodiscard]] std::string said_when_interrupted(const char* state) const {
+    const char* const program = is_supervised() ? "zentra" : "kestro";
+    return std::string("\n") + program + ": " + index_ + ": interrupted; " + state + "\n";
+  }
   void fail(int system_error);
   void remark(const std::string& text) { check_.listener.remark(text); }
   [[nodiscard]] bool clears_mark(bool whole) const;
@@ -77,6 +88,7 @@ class Repair {
   void write_over(int reason);
   static void forget_changes();
   void leave_as_it_was();
+  void tell_not_kept();
   void tell_failure(const char* state);
   void note_repaired();
   void conclude();

@@ -179,6 +179,7 @@ void ckrfree(Check& check) {
   for (int rpage_class = 0; rpage_class < isam::kRpageClasses; ++rpage_class) {
     check_list(check, rpage_class);
   }
+  if (check.is_wanted_anew(List::kStorage)) check.badrfree = Verdict::kFaulty;
   if (check.badrfree == Verdict::kFaulty && check.ask(Question::kStorageLists)) {
     check.badrfree = Verdict::kRebuild;
   }

@@ -20,6 +20,11 @@ class Arguments {
   void flag(const char* name, bool& to, const char* help);
   // An option with a number from `least` to `most`, which the help calls `kind`.
   void number(const char* name, int& to, int least, int most, const char* kind, const char* help);
+  // An option with one of these words.
+  void choice(const char* name, std::string& to, std::vector<std::string> choices,
+              const char* help);
+  // An option with any text, which the help calls `kind`.
+  void text(const char* name, std::string& to, const char* kind, const char* help);
   // Words by their place, in the order of these calls.
   void word_of(const char* name, std::string& to, std::vector<std::string> choices,
                const char* help);

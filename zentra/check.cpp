@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <memory>
-#include <new>
 
 #include "checker/driver.h"
 #include "isam/base/current.h"
@@ -56,35 +55,10 @@ std::string sentence(const Collector& collector) {
 
 // The status of what could not be opened, locked or read.
 Outcome refused(const ReadPair& pair, Report& report) {
-  Fields fields;
   const bool is_none = pair.status() == Status::kNeedsSalvage;
-  if (is_none) report.entry({.code = "pair.none", .status = pair.status(), .text = pair.why()});
-  if (pair.status() == Status::kInUse) {
-    fields.emplace_back("process", std::int64_t{pair.holder()});
-  }
+  const Fields fields = tell_refusal(pair, report);
   report.pair_ends(pair.status(), is_none ? sentence(pair.status()) : pair.why(), fields);
   return {.status = pair.status(), .findings = is_none ? 1 : 0};
-}
-
-// Runs the checks on the current pair: whether they came to their end. Whether the files fit may
-// take a while: who wants to change the pair need not wait for that.
-bool check_all(checker::Check& check, DeepCollector* deep, ReadPair& pair) {
-  try {
-    if (!checker::run_checks(check)) return false;
-    checker::tell_why_refused(check);
-    if (deep != nullptr) {
-      check_marks(check, *deep);
-      check_storage(check, *deep);
-      if (deep->findings() > 0) {
-        pair.let_go();
-        check_fit(check, *deep);
-      }
-    }
-    return true;
-  } catch (const std::bad_alloc&) {
-    check.found(checker::Code::kNoMemory);
-    return false;
-  }
 }
 
 Fields totals(const checker::Check& check, const Collector& collector) {
@@ -117,7 +91,7 @@ Outcome check_pair(const CheckOptions& options, const std::string& name, Report&
   }
   const checker::Options how{.nflag = 1, .qflag = 1};
   checker::Check check(how, *collector);
-  const bool whole = check_all(check, deep, pair);
+  const bool whole = check_whole(check, deep, [&pair] { pair.let_go(); });
   if (!whole) {
     // No finding says it where the system or the library refused.
     check.prterr();

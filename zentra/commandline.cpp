@@ -62,6 +62,15 @@ void Arguments::word_of(const char* name, std::string& to, std::vector<std::stri
       ->type_name("");
 }
 
+void Arguments::choice(const char* name, std::string& to, std::vector<std::string> choices,
+                       const char* help) {
+  app_.add_option(name, to, help)->check(CLI::IsMember(std::move(choices)))->type_name("");
+}
+
+void Arguments::text(const char* name, std::string& to, const char* kind, const char* help) {
+  app_.add_option(name, to, help)->type_name(kind);
+}
+
 void Arguments::words(const char* name, std::vector<std::string>& to, int most, const char* help) {
   takes_any(app_.add_option(name, to, help)->expected(0, most));
 }

@@ -7,10 +7,16 @@ constexpr Command kCommands[] = {
     {"check", "find every fault of pairs", "Not one byte of any file is ever changed.",
      prepare_check},
     {"info", "tell what pairs are", "Not one byte of any file is ever changed.", prepare_info},
+    {"repair", "mend a pair, after a plan and on a copy",
+     "Nothing is changed before the plan is confirmed, nor when the result would not check clean. "
+     "Of the data file only the states of records that are dropped, and their references.",
+     prepare_repair},
     {"show", "show the bytes of a record, a node or the dictionary, each named",
      "Not one byte of any file is ever changed.", prepare_show},
     {"undo", "put the index of before the last repair back",
-     "The data file is never changed, and nothing at all when it is refused.", prepare_undo},
+     "Nothing of the data file but what the repair had changed, and nothing at all when it is "
+     "refused.",
+     prepare_undo},
 };
 
 }  // namespace

@@ -1,7 +1,10 @@
 #include "zentra/deep.h"
 
 #include <algorithm>
+#include <new>
 #include <span>
+
+#include "checker/driver.h"
 
 namespace zentra {
 namespace {
@@ -46,6 +49,26 @@ std::int64_t DeepCollector::most_items() const {
   std::int64_t most = 0;
   for (const auto& [n, leads] : leads_) most = std::max(most, leads.right + leads.astray);
   return most;
+}
+
+bool check_whole(checker::Check& check, DeepCollector* deep,
+                 const std::function<void()>& lets_go) {
+  try {
+    if (!checker::run_checks(check)) return false;
+    checker::tell_why_refused(check);
+    if (deep != nullptr) {
+      check_marks(check, *deep);
+      check_storage(check, *deep);
+      if (deep->findings() > 0) {
+        lets_go();
+        check_fit(check, *deep);
+      }
+    }
+    return true;
+  } catch (const std::bad_alloc&) {
+    check.found(checker::Code::kNoMemory);
+    return false;
+  }
 }
 
 }  // namespace zentra

@@ -1,7 +1,9 @@
 // deep: what is looked at beyond the checks that kestro makes.
 #pragma once
 
+#include <functional>
 #include <map>
+#include <string>
 #include <utility>
 
 #include "checker/check.h"
@@ -41,6 +43,14 @@ class DeepCollector : public Collector {
   int keys_end_ = 0;
   std::map<int, Leads> leads_;
 };
+
+// Makes all checks of the current pair: whether they came to their end. `deep`: null for those of
+// kestro alone. `lets_go` is called before what may take a while and needs no lock.
+[[nodiscard]] bool check_whole(checker::Check& check, DeepCollector* deep,
+                               const std::function<void()>& lets_go);
+
+// Where what does not fit into memory goes: beside the pair nothing may be written.
+[[nodiscard]] std::string temporary_folder();
 
 // Each tells what it finds in the current pair, which run_checks() has gone through.
 

@@ -243,6 +243,11 @@ class Crew {
 
 }  // namespace
 
+void with_output_held(const std::function<void()>& work) {
+  const Collected collected;
+  work();
+}
+
 int run_pairs(const Run& run) {
   start_progress();
   const std::unique_ptr<Report> report = report_of(run);
@@ -252,7 +257,7 @@ int run_pairs(const Run& run) {
     outcomes = Crew(run, *report).work();
   } else {
     for (std::size_t at = 0; at < run.pairs.size(); ++at) {
-      outcomes.push_back(work_collected(run, at, *report));
+      outcomes.push_back(run.asks ? work_on(run, at, *report) : work_collected(run, at, *report));
     }
   }
   checker::Tally tally;

@@ -26,11 +26,16 @@ struct Run {
   std::vector<std::string> pairs;
   const char* good = kVerdictSound;  // the verdict of status 0
   bool changes = false;  // files: then the status tells of them, also where the report is lost
+  bool asks = false;     // the report comes out as it is made; `work` sees to with_output_held()
   // Works on one pair: between pair_begins() and pair_ends() of the report, both not its own.
   std::function<Outcome(const std::string& name, Report& report)> work;
 };
 
 // The exit status.
 [[nodiscard]] int run_pairs(const Run& run);
+
+// Lets what `work` prints come out only when it has come to its end: a slow reader keeps nobody
+// from what `work` has locked.
+void with_output_held(const std::function<void()>& work);
 
 }  // namespace zentra

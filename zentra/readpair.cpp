@@ -125,6 +125,14 @@ void ReadPair::close() {
   isam::clear_errors();
 }
 
+Fields tell_refusal(const ReadPair& pair, Report& report) {
+  if (pair.status() == Status::kNeedsSalvage) {
+    report.entry({.code = "pair.none", .status = pair.status(), .text = pair.why()});
+  }
+  if (pair.status() != Status::kInUse) return {};
+  return {{"process", std::int64_t{pair.holder()}}};
+}
+
 double ReadPair::seconds_held() const {
   const auto end = released_.value_or(steady_clock::now());
   return std::chrono::duration<double>(end - locked_).count();

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "checker/entry.h"
+#include "zentra/report.h"
 #include "zentra/status.h"
 
 namespace zentra {
@@ -59,6 +60,9 @@ class ReadPair {
   std::chrono::steady_clock::time_point locked_{};
   std::optional<std::chrono::steady_clock::time_point> released_{};
 };
+
+// Tells that there is no pair, if that is why it was refused; else what is known of the holder.
+Fields tell_refusal(const ReadPair& pair, Report& report);
 
 // "process 123 (name)", or "unknown" for 0.
 [[nodiscard]] std::string process_text(pid_t process);

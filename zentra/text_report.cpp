@@ -48,7 +48,8 @@ class TextReport : public Report {
       return;
     }
     end_flood(entry.code, entry.key);
-    put(fmt::format("  {}{}\n", index, entry.text));
+    const char* const step = entry.kind == Entry::Kind::kStep ? "repair: " : "";
+    put(fmt::format("  {}{}{}\n", step, index, entry.text));
   }
   void pair_ends(Status /*status*/, const std::string& text, const Fields& fields) override {
     while (!alike_.empty()) {

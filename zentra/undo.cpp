@@ -27,6 +27,7 @@
 #include "isam/files/files.h"
 #include "isam/files/watching.h"
 #include "zentra/commands.h"
+#include "zentra/databytes.h"
 #include "zentra/pairnames.h"
 #include "zentra/pairrunner.h"
 #include "zentra/progress.h"
@@ -206,6 +207,12 @@ class Undoing {
     if (!changed.empty() && !is_index(kept_fd_.get())) {
       return Refusal{Status::kUnfinished, "the kept index is no index"};
     }
+    const auto changes = noted_changes(kept_);
+    if (!changes) return Refusal{Status::kUnfinished, shown(data_file_of(kept_)) + " is damaged"};
+    changes_ = *changes;
+    if (!force_ && !are_there(filep->data.fd, changes_)) {
+      return Refusal{Status::kUnfinished, "the data file has changed since the repair"};
+    }
     if (const int error = checker::obstacle(filep->index.fd, index_); error != 0) {
       errno = error;
       return by_errno(index_);
@@ -226,6 +233,7 @@ class Undoing {
       return Refusal{Status::kUnfinished, "the index was replaced by another file meanwhile"};
     }
     if (force_ && replaced_.show() != 0) return by_errno(kNotKept);
+    if (auto refusal = put_data_back()) return refusal;
     if (calls.rename(kept_.c_str(), index_.c_str()) != 0) return by_errno(kept_);
     replaced_.keep();
     // Who has opened the repaired index and waits for its locks does not go on with it.
@@ -234,10 +242,25 @@ class Undoing {
     return std::nullopt;
   }
 
+  // Gives records back that the repair has dropped. The file keeps the time that the repair has
+  // noted, so that an undoing which is interrupted here can be done again.
+  std::optional<Refusal> put_data_back() {
+    if (changes_.empty()) return std::nullopt;
+    const int fd = filep->data.fd;
+    const bool is_back = take_back_changes(fd, changes_) == 0;
+    if (noted_) {
+      const timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, noted_->data.changed};
+      ::futimens(fd, times);
+    }
+    if (is_back) return std::nullopt;
+    return by_errno(isam::mkdatname(filep->name));
+  }
+
   // The file is an index again, with its time of before: the repair before may be undone, too.
   // Nothing depends on it otherwise.
   void tidy_up() {
     checker::remove_undo_data(kept_fd_.get(), kept_);
+    if (!changes_.empty()) common::system_calls().unlink(data_file_of(kept_).c_str());
     if (noted_) {
       const timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, noted_->kept.file.changed};
       ::futimens(kept_fd_.get(), times);
@@ -253,6 +276,7 @@ class Undoing {
   checker::KeptIndex replaced_;
   common::FileHold kept_fd_;
   std::optional<UndoData> noted_;
+  DataChanges changes_;  // that the repair has made in the data file
 };
 
 Outcome undo(const UndoOptions& options, const std::string& name, Report& report) {

@@ -1,0 +1,190 @@
+#include "zentra/badrecords.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "checker/progress.h"
+#include "common/io.h"
+#include "common/sorter.h"
+#include "isam/base/current.h"
+#include "isam/base/errors.h"
+#include "isam/files/watching.h"
+#include "isam/keys/sortkey.h"
+#include "isam/records/datafile.h"
+#include "isam/records/varlen.h"
+#include "zentra/deep.h"
+#include "zentra/text.h"
+
+namespace zentra {
+namespace {
+
+using isam::filep;
+
+constexpr std::size_t kMemory = std::size_t{16} << 20;
+
+int length_of(isam::ConstBytes trailer) {
+  return common::ldshort(trailer.data() + isam::kTrailerLength);
+}
+std::int32_t reference_of(isam::ConstBytes trailer) {
+  return common::ldlong(trailer.data() + isam::kTrailerReference);
+}
+
+// Whether every piece is where a program that reads, changes or deletes the record looks for it.
+bool has_whole_part(std::int32_t record, isam::ConstBytes trailer, isam::Bytes buffer) {
+  const isam::KeepError keep;
+  isam::PieceChain chain{reference_of(trailer)};
+  while (chain.pointer() != 0) {
+    if (chain.is_too_long()) return false;
+    const isam::PageHold page = chain.read();
+    if (!page || !chain.rprwalk()) return false;
+  }
+  return isam::dataread(record, buffer) > 0;
+}
+
+// The slots of the data file one after the other.
+class Slots {
+ public:
+  explicit Slots(std::int32_t last)
+      : last_(last), bytes_(kPiece / slot() * slot() + (kPiece < slot() ? slot() : 0)) {}
+
+  // The slot of a record; empty when it cannot be read. Valid until the next call.
+  [[nodiscard]] isam::ConstBytes of(std::int32_t record) {
+    const auto at = static_cast<std::size_t>(record - first_) * slot();
+    if (first_ != 0 && at + slot() <= got_) return isam::ConstBytes{bytes_}.subspan(at, slot());
+    first_ = record;
+    const auto left = static_cast<std::size_t>(last_ - record + 1) * slot();
+    const isam::Bytes room = isam::Bytes{bytes_}.first(std::min(bytes_.size(), left));
+    const std::int64_t offset = std::int64_t{record - 1} * isam::slot_size();
+    const ssize_t got = common::read_at(filep->data.fd, room, offset);
+    got_ = static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+    return got_ < slot() ? isam::ConstBytes{} : isam::ConstBytes{bytes_}.first(slot());
+  }
+
+ private:
+  static constexpr std::size_t kPiece = std::size_t{256} << 10;
+  static std::size_t slot() { return static_cast<std::size_t>(isam::slot_size()); }
+
+  std::int32_t last_;
+  std::vector<isam::Byte> bytes_;
+  std::int32_t first_ = 0;  // record whose slot begins bytes_
+  std::size_t got_ = 0;
+};
+
+std::int32_t last_slot(const checker::Check& check) {
+  return std::min(check.datlast, check.datreal);
+}
+
+}  // namespace
+
+int trailer_size() { return filep->geometry.varlen ? isam::kVariableTrailer : isam::kFixedTrailer; }
+
+bool read_slot(std::int32_t record, isam::Bytes fixed, isam::Bytes trailer) {
+  const std::int64_t offset = std::int64_t{record - 1} * isam::slot_size();
+  const auto whole = [](isam::Bytes to, std::int64_t at) {
+    return common::read_at(filep->data.fd, to, at) == static_cast<ssize_t>(to.size());
+  };
+  return whole(fixed, offset) && whole(trailer, offset + filep->geometry.reclen);
+}
+
+std::string variable_part(isam::ConstBytes trailer) {
+  if (!filep->geometry.varlen) return {};
+  const isam::KeepError keep;
+  const int most = filep->geometry.maxreclen - filep->geometry.reclen;
+  const auto wanted = static_cast<std::size_t>(std::clamp(length_of(trailer), 0, most));
+  std::string bytes;
+  isam::PieceChain chain{reference_of(trailer)};
+  while (chain.pointer() != 0 && bytes.size() < wanted) {
+    const isam::PageHold page = chain.read();
+    if (!page) break;
+    const isam::Rpage::Slot slot = isam::Rpage{page}.slot(chain.slot());
+    const auto length = std::min(static_cast<std::size_t>(slot.length), wanted - bytes.size());
+    const auto offset = static_cast<std::size_t>(slot.offset);
+    if (length > 0) bytes += as_text(isam::ConstBytes{page.bytes()}.subspan(offset, length));
+    if (!chain.rprwalk()) break;
+  }
+  return bytes;
+}
+
+BadRecords find_bad_records(const checker::Check& check, const std::set<std::int32_t>& sharing,
+                            Fate unreadable_fate) {
+  BadRecords bad;
+  const bool varlen = filep->geometry.varlen;
+  const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
+  std::vector<isam::Byte> buffer(static_cast<std::size_t>(filep->geometry.maxreclen) + 1);
+  const auto locked = check.listener.locked();
+  const std::int32_t last = last_slot(check);
+  Slots slots{last};
+  checker::Progress progress("Looking for bad records", last);
+  for (std::int32_t record = 1; record <= last; ++record) {
+    progress.at(record);
+    const isam::ConstBytes slot = slots.of(record);
+    if (slot.empty()) continue;
+    const isam::ConstBytes trailer = slot.subspan(fixed);
+    const isam::Byte state = trailer[0];
+    if (state == isam::kRecordPresent) {
+      if (!varlen) continue;
+      if (sharing.contains(record)) bad[record] = {unreadable_fate, kShared};
+      if (reference_of(trailer) == 0 && length_of(trailer) == 0) continue;
+      if (!has_whole_part(record, trailer, buffer)) bad[record] = {unreadable_fate, kUnreadable};
+    } else if (isam::find_locked(locked, record) != nullptr) {
+      continue;  // an open transaction keeps it
+    } else if (state != isam::kRecordAbsent) {
+      bad[record] = {Fate::kDropped, kOddState};
+    } else if (varlen && (reference_of(trailer) != 0 || length_of(trailer) != 0)) {
+      bad[record] = {Fate::kCleared, kReferenceLeft};
+    }
+  }
+  isam::clear_errors();
+  return bad;
+}
+
+bool find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& records) {
+  const auto length = static_cast<std::size_t>(k.keylen);
+  const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
+  const isam::KeyOrder order{k};
+  const isam::SortKey sort_key{k};
+  const bool sortable = isam::SortKey::possible(k);
+  common::Sorter::Shape shape{.entry_size = length + sizeof(std::int32_t),
+                              .key_size = length,
+                              .memory = kMemory,
+                              .folder = temporary_folder(),
+                              .order = {}};
+  if (!sortable) {
+    shape.order = [&](const isam::Byte* a, const isam::Byte* b) { return order.compare(a, b); };
+  }
+  common::Sorter sorter{shape};
+  std::vector<isam::Byte> entry(shape.entry_size);
+  std::vector<isam::Byte> key(length);
+  const std::int32_t last = last_slot(check);
+  Slots slots{last};
+  checker::Progress progress("Looking for equal keys", last);
+  for (std::int32_t record = 1; record <= last; ++record) {
+    progress.at(record);
+    const isam::ConstBytes slot = slots.of(record);
+    if (slot.empty() || slot[fixed] != isam::kRecordPresent) continue;
+    const auto at = records.find(record);
+    if (at != records.end() && at->second.fate == Fate::kDropped) continue;
+    isam::Byte* to = sortable ? key.data() : entry.data();
+    for (int i = 0; i < k.nparts; ++i) {
+      const auto part = static_cast<std::size_t>(k.part[i].length);
+      std::memcpy(to, slot.data() + k.part[i].start, part);
+      to += part;
+    }
+    if (sortable) sort_key.make(key.data(), entry.data());
+    common::stlong(record, entry.data() + length);
+    if (sorter.add(entry.data()) != 0) return false;
+  }
+  if (sorter.finish() != 0) return false;
+  bool any = false;
+  while (const isam::Byte* next = sorter.next()) {
+    const bool equal = any && (sortable ? std::memcmp(key.data(), next, length) == 0
+                                        : order.compare(key.data(), next) == 0);
+    any = true;
+    std::memcpy(key.data(), next, length);
+    if (equal) records[common::ldlong(next + length)] = {Fate::kDropped, kEqualKeys};
+  }
+  return sorter.error() == 0;
+}
+
+}  // namespace zentra

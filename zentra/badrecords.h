@@ -1,0 +1,57 @@
+// badrecords: records that no index made anew makes good, found before a repair.
+//
+// Needs   the current pair, opened to read, its dictionary read; checker::ckdata() has run
+// Never   changes a byte
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "checker/check.h"
+#include "isam.h"
+#include "isam/base/format.h"
+
+namespace zentra {
+
+// What a repair does with a record.
+enum class Fate : std::uint8_t {
+  kDropped,  // it becomes absent
+  kEmptied,  // it loses its variable part
+  kCleared   // it is absent already; what its slot still says of a variable part goes
+};
+
+struct BadRecord {
+  Fate fate;
+  const char* why;  // a code
+};
+using BadRecords = std::map<std::int32_t, BadRecord>;
+
+inline constexpr char kOddState[] = "record.state";
+inline constexpr char kUnreadable[] = "record.unreadable";
+inline constexpr char kShared[] = "storage.piece-shared";
+inline constexpr char kReferenceLeft[] = "storage.reference-left";
+inline constexpr char kEqualKeys[] = "index.keys-equal";
+
+// Copies the bytes of a record's slot in front of its trailer, and the trailer, of which a file of
+// fixed length has one byte. False when they cannot be read.
+[[nodiscard]] bool read_slot(std::int32_t record, isam::Bytes fixed, isam::Bytes trailer);
+[[nodiscard]] int trailer_size();
+
+// What can be read of a record's variable part, as its trailer tells.
+[[nodiscard]] std::string variable_part(isam::ConstBytes trailer);
+
+// Looks at all slots but those that others have locked: states that are none, variable parts that
+// cannot be read or of which `sharing` are the records, references of absent records.
+// `unreadable_fate`: what becomes of a record whose variable part is lost.
+[[nodiscard]] BadRecords find_bad_records(const checker::Check& check,
+                                          const std::set<std::int32_t>& sharing,
+                                          Fate unreadable_fate);
+
+// Adds the records whose key in this index without duplicates belongs to one with a lower number.
+// False when they could not be sorted.
+[[nodiscard]] bool find_equal_keys(const checker::Check& check, const keydescr& k,
+                                   BadRecords& records);
+
+}  // namespace zentra

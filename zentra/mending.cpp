@@ -1,0 +1,170 @@
+#include "zentra/mending.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "checker/interrupt.h"
+#include "common/io.h"
+#include "isam/base/errors.h"
+#include "isam/files/dictionary.h"
+#include "isam/files/files.h"
+#include "isam/pool/buffers.h"
+#include "zentra/deep.h"
+#include "zentra/pagemend.h"
+#include "zentra/readpair.h"
+#include "zentra/text.h"
+#include "zentra/writekeys.h"
+
+namespace zentra {
+namespace {
+
+using isam::dictp;
+using isam::filep;
+
+// Keeps what is found.
+class Kept : public Notes {
+ public:
+  explicit Kept(std::vector<Entry>& to) : Notes(nullptr), entries_(to) {}
+  void entry(const Entry& entry) override {
+    constexpr std::size_t kMost = 100;
+    Notes::entry(entry);
+    if (entries_.size() < kMost && entry.kind == Entry::Kind::kFinding) entries_.push_back(entry);
+  }
+
+ private:
+  std::vector<Entry>& entries_;
+};
+
+}  // namespace
+
+void Mending::run() {
+  constexpr checker::Options kHow{.qflag = 1};
+  const checker::Outcome outcome = checker::ckfile(name_, kHow, *this, this);
+  if (done_ || !why_.empty()) return;
+  why_ = outcome.whole || last_found_.empty() ? "it could not be finished" : last_found_;
+}
+
+bool Mending::say_errno(const std::string& path) {
+  say(fmt::format("{}: {}", shown(path), std::strerror(errno)));
+  return false;
+}
+
+// The copy is the current index already: the index is looked at by its name.
+bool Mending::is_as_seen() {
+  struct stat status {};
+  const std::string index = isam::mkidxname(filep->name);
+  Seen now = plan_.seen;
+  if (common::system_calls().stat(index.c_str(), &status) != 0) return say_errno(index);
+  now.index = {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
+  if (common::system_calls().fstat(filep->data.fd, &status) != 0) return say_errno(name_);
+  now.data = {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
+  now.stamp = dictp->d_modcount();
+  if (now == plan_.seen) return true;
+  say("the pair has changed since the plan was made");
+  return false;
+}
+
+bool Mending::begins(const std::string& kept) {
+  return is_as_seen() && (plan_.changes.empty() || change_data(kept)) && change_dictionary();
+}
+
+// First the notes, then the losses, then the data file itself.
+bool Mending::change_data(const std::string& kept) {
+  const std::string note = data_file_of(kept);
+  if (note_changes(kept, plan_.changes) != 0) return say_errno(note);
+  data_note_ = note;
+  checker::remove_when_interrupted(note);
+  if (losses_.append(losses_of(name_), plan_.bad) != 0) return say_errno(losses_of(name_));
+  for (const DataChange& change : plan_.changes) {
+    checker::BytesBefore& at = before_.emplace_back();
+    at.offset = change.offset;
+    at.count = static_cast<std::uint8_t>(change.count);
+    std::memcpy(at.bytes, change.before, static_cast<std::size_t>(change.count));
+  }
+  checker::put_back_when_interrupted(filep->data.fd, before_);
+  data_changed_ = true;
+  if (make_changes(filep->data.fd, plan_.changes) != 0) return say_errno(isam::mkdatname(name_));
+  return true;
+}
+
+bool Mending::change_dictionary() {
+  if (plan_.record_length != 0) dictp->set_d_recsize(plan_.record_length);
+  if (plan_.duplicate_width != 0) dictp->set_d_dupsize(plan_.duplicate_width);
+  if (plan_.ends_audit) dictp->clear_d_auditnode();
+  isam::dictmodify();
+  if (plan_.keys.empty() || write_keys(plan_.keys) == 0) return true;
+  say(error_text(iserrno));
+  isam::clear_errors();
+  return false;
+}
+
+bool Mending::rebuilds(checker::List list) const {
+  switch (list) {
+    case checker::List::kRecords:
+      return plan_.record_list;
+    case checker::List::kNodes:
+      return plan_.node_list;
+    default:
+      return plan_.storage_lists;
+  }
+}
+
+void Mending::mends(const checker::Check& check) {
+  if (check.varlen && plan_.storage_lists) mend_pages(check);
+}
+
+// All is read anew from the copy.
+bool Mending::approves() {
+  isam::bfignor(*filep);
+  if (isam::dictread() != 0) {
+    say(error_text(iserrno));
+    return false;
+  }
+  Kept notes{left_};
+  DeepCollector collector{notes, {}};
+  constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
+  checker::Check check(kHow, collector);
+  const bool whole = check_whole(check, &collector, [] {});
+  isam::clear_errors();
+  if (whole && collector.status() == Status::kSound) {
+    const checker::Summary summary = checker::summary_of(check);
+    totals_ = {{"records", std::int64_t{summary.records_used}},
+               {"nodes", std::int64_t{summary.nodes_used}}};
+    return true;
+  }
+  say("the result would not check clean: " + notes.first());
+  return false;
+}
+
+void Mending::ends(bool repaired, const std::string& kept) {
+  done_ = repaired;
+  kept_ = kept;
+  if (!repaired && data_changed_ && take_back_changes(filep->data.fd, plan_.changes) != 0) {
+    why_ = fmt::format("{}: {}; its bytes of before stand in {}", shown(isam::mkdatname(name_)),
+                       std::strerror(errno), shown(data_note_));
+    checker::forget_file(data_note_);
+    checker::put_back_when_interrupted(-1, {});
+    return;
+  }
+  checker::put_back_when_interrupted(-1, {});
+  if (!data_note_.empty()) checker::forget_file(data_note_);
+  if (repaired) return;
+  losses_.take_back();
+  if (!data_note_.empty()) common::system_calls().unlink(data_note_.c_str());
+}
+
+void Mending::found(const checker::Finding& finding) {
+  last_found_ = checker::text_of(finding.code).wording;
+}
+
+void Mending::failed(std::int32_t code, std::int32_t /*place*/) {
+  if (code == isam::kFileInUse) in_use_ = true;
+  last_found_ = error_text(code);
+}
+
+}  // namespace zentra

@@ -1,0 +1,50 @@
+// notes: a report that passes everything on and remembers what a repair has to know of it.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+
+#include "zentra/report.h"
+
+namespace zentra {
+
+class Notes : public Report {
+ public:
+  // `to`: null for a report that nobody is told.
+  explicit Notes(Report* to) : to_(to) {}
+
+  void begin(const char* /*command*/, int /*pairs*/) override {}
+  void pair_begins(int /*number*/, int /*pairs*/, const std::string& /*name*/) override {}
+  void pair_is(int /*number*/, const std::string& /*name*/) override {}
+  void pair_ends(Status /*status*/, const std::string& /*text*/,
+                 const Fields& /*fields*/) override {}
+  void end(Status /*status*/, const Fields& /*fields*/) override {}
+  void entry(const Entry& entry) override;
+
+  // Whether something of this code was found, about whatever index.
+  [[nodiscard]] bool has(const std::string& code) const;
+  // Whether a code that begins so was found about an index (0: about none).
+  [[nodiscard]] bool has_any(const std::string& beginning, int key) const;
+  // How many of them were counted by findings about an index.
+  [[nodiscard]] std::int64_t count(const std::string& code, int key) const;
+  // What stood in a field of the last finding of this code, 0 for none.
+  [[nodiscard]] std::int64_t value(const std::string& code, const char* field) const;
+  // The words of the last finding of this code; empty when there is none.
+  [[nodiscard]] std::string text(const std::string& code) const;
+  // Records that findings of this code name.
+  [[nodiscard]] const std::set<std::int32_t>& records(const std::string& code) const;
+  // What was found first, in words; empty when nothing was.
+  [[nodiscard]] const std::string& first() const { return first_; }
+
+ private:
+  Report* to_;
+  std::map<std::pair<std::string, int>, std::int64_t> counts_;
+  std::map<std::string, Entry> last_;
+  std::map<std::string, std::set<std::int32_t>> records_;
+  std::string first_;
+};
+
+}  // namespace zentra

@@ -1,0 +1,224 @@
+// zentra repair: tells what it would do, does it on a copy, and puts that into the pair when it
+// checks clean.
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <new>
+#include <optional>
+#include <thread>
+
+#include "checker/checks.h"
+#include "isam/base/current.h"
+#include "isam/base/errors.h"
+#include "isam/files/files.h"
+#include "zentra/commands.h"
+#include "zentra/deep.h"
+#include "zentra/mending.h"
+#include "zentra/pairnames.h"
+#include "zentra/pairrunner.h"
+#include "zentra/progress.h"
+#include "zentra/readpair.h"
+#include "zentra/repairplan.h"
+#include "zentra/text.h"
+
+namespace zentra {
+namespace {
+
+using std::chrono::steady_clock;
+
+struct RepairOptions {
+  bool yes = false;
+  bool dry_run = false;
+  bool force = false;
+  bool json = false;
+  double wait = 10;
+  std::string variable;
+  std::string name;
+
+  [[nodiscard]] std::chrono::milliseconds waits() const {
+    return std::chrono::milliseconds(static_cast<std::int64_t>(wait * 1000));
+  }
+  [[nodiscard]] LostPart lost_part() const {
+    if (variable.empty()) return LostPart::kNotSaid;
+    return variable == "keep" ? LostPart::kKeep : LostPart::kDrop;
+  }
+};
+
+// What the first look has come to.
+struct Look {
+  Status status = Status::kUnfinished;
+  std::int64_t findings = 0;
+  std::string why;  // not empty: there is no plan
+  Fields fields;
+  Plan plan;
+};
+
+// Behind a check that stopped early: looks at the records all the same.
+void look_at_records(checker::Check& check, DeepCollector& collector) {
+  if (isam::mktemprec(std::max(isam::filep->geometry.maxreclen, 1)) != 0) return;
+  if (check.datmap.cntmap() == 0) {
+    checker::ckdata(check);
+    if (check.varlen) checker::ckrpage(check);
+  }
+  check_storage(check, collector);
+}
+
+Look look_at(const RepairOptions& options, Report& report) {
+  Look look;
+  const auto start = steady_clock::now();
+  ReadPair pair;
+  if (!pair.open(options.name, options.waits()) || !pair.load()) {
+    look.fields = tell_refusal(pair, report);
+    look.status = pair.status();
+    look.findings = pair.status() == Status::kNeedsSalvage ? 1 : 0;
+    look.why = pair.why();
+    return look;
+  }
+  Notes notes{&report};
+  DeepCollector collector{notes, isam::locked_records(isam::dictp->d_nextdata())};
+  constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
+  checker::Check check(kHow, collector);
+  const bool whole = check_whole(check, &collector, [] {});
+  if (!whole) {
+    check.prterr();
+    if (check.sized) look_at_records(check, collector);
+  }
+  isam::clear_errors();
+  collector.tell_kept();
+  look.status = collector.status();
+  look.findings = collector.findings();
+  look.fields = {{"findings", look.findings}};
+  const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
+  if (look.status == Status::kDamaged || look.status == Status::kNeedsSalvage) {
+    const PlanOptions how{.lost_part = options.lost_part(), .keys = {}, .force = options.force};
+    look.plan = make_plan(check, notes, how, whole, seconds);
+    look.why = look.plan.hopeless;
+  } else if (look.status != Status::kSound) {
+    look.why = notes.first();
+  }
+  return look;
+}
+
+void tell_plan(const Plan& plan, Report& report) {
+  for (const Entry& step : plan.steps) report.entry(step);
+  if (plan.steps.empty()) return;
+  report.entry(
+      {.kind = Entry::Kind::kNote,
+       .code = "repair.cost",
+       .text = fmt::format("the repair takes about {:.0f} s, and up to {} bytes beside the "
+                           "index while it lasts",
+                           plan.seconds, grouped(plan.bytes)),
+       .fields = {{"seconds", plan.seconds}, {"bytes", plan.bytes}}});
+}
+
+bool may_ask(const RepairOptions& options) { return !options.json && ::isatty(STDIN_FILENO) == 1; }
+
+bool is_agreed() {
+  erase_progress();
+  std::fputs("Do it? ", stdout);
+  std::fflush(stdout);
+  const int first = std::getchar();
+  for (int next = first; next != '\n' && next != EOF;) next = std::getchar();
+  return first == 'y' || first == 'Y';
+}
+
+// Why nothing is done, unless it is to be done.
+std::optional<std::string> objection(const RepairOptions& options, const Look& look) {
+  if (!look.why.empty()) return "not repaired: " + look.why;
+  if (options.dry_run) return "not repaired: this is what would be done";
+  if (!options.force && !look.plan.implausible.empty()) {
+    return fmt::format("not repaired: {}; --force repairs it all the same",
+                       fmt::join(look.plan.implausible, "; "));
+  }
+  if (options.yes) return {};
+  if (!may_ask(options)) return "not repaired: nobody has agreed to it; --yes does";
+  if (is_agreed()) return {};
+  return "not repaired: it was not agreed to";
+}
+
+// Waits for a pair that others have open, as long as it is to.
+std::unique_ptr<Mending> mend(const RepairOptions& options, const Plan& plan) {
+  constexpr auto kPause = std::chrono::milliseconds(50);
+  const auto until = steady_clock::now() + options.waits();
+  for (;;) {
+    auto mending = std::make_unique<Mending>(plan, options.name);
+    mending->run();
+    if (!mending->is_in_use() || steady_clock::now() >= until) return mending;
+    show_progress("Waiting for the lock", 0, 0, 0);
+    std::this_thread::sleep_for(kPause);
+  }
+}
+
+Outcome conclude(const Mending& mending, const Look& look, const std::string& name,
+                 Report& report) {
+  if (!mending.is_done()) {
+    for (const Entry& entry : mending.left()) {
+      report.entry({.kind = Entry::Kind::kNote, .code = "repair.left", .text = entry.text});
+    }
+    const Status status = mending.is_in_use() ? Status::kInUse : Status::kUnfinished;
+    report.pair_ends(status, "not repaired: " + mending.why(), look.fields);
+    return {.status = status, .findings = look.findings};
+  }
+  Fields fields = mending.totals();
+  fields.emplace_back("findings", look.findings);
+  fields.emplace_back("kept", FileBytes{.bytes = mending.kept()});
+  std::string text = "repaired; it checks clean. zentra undo takes it back";
+  if (mending.lost() > 0) {
+    fields.emplace_back("lost", mending.lost());
+    fields.emplace_back("losses", FileBytes{.bytes = losses_of(name)});
+    text += fmt::format("; {} record(s) went to {}", mending.lost(), shown(losses_of(name)));
+  }
+  report.pair_ends(Status::kSound, text, fields);
+  return {.status = Status::kSound, .findings = look.findings};
+}
+
+Outcome repair_pair(const RepairOptions& options, Report& report) {
+  Look look;
+  with_output_held([&] {
+    look = look_at(options, report);
+    tell_plan(look.plan, report);
+  });
+  if (look.status == Status::kSound) {
+    report.pair_ends(Status::kSound, "sound; nothing to repair", look.fields);
+    return {.status = Status::kSound};
+  }
+  if (const auto objected = objection(options, look)) {
+    report.pair_ends(look.status, *objected, look.fields);
+    return {.status = look.status, .findings = look.findings};
+  }
+  const auto mending = mend(options, look.plan);
+  return conclude(*mending, look, options.name, report);
+}
+
+}  // namespace
+
+std::function<int()> prepare_repair(Arguments& arguments) {
+  const auto options = std::make_shared<RepairOptions>();
+  arguments.flag("-y,--yes", options->yes, "do what the plan says without asking");
+  arguments.flag("-n,--dry-run", options->dry_run, "tell the plan and do nothing");
+  arguments.flag("--force", options->force, "repair even what makes the plan implausible");
+  arguments.choice("--variable", options->variable, {"keep", "drop"},
+                   "records whose variable part is lost: keep them without it, or drop them");
+  arguments.json(options->json);
+  arguments.wait(options->wait);
+  arguments.pair(options->name);
+  return [options] {
+    return run_pairs({.command = "repair",
+                      .json = options->json,
+                      .pairs = pairs_named({options->name}),
+                      .changes = true,
+                      .asks = true,
+                      .work = [&](const std::string& name, Report& report) {
+                        RepairOptions own = *options;
+                        own.name = name;
+                        return repair_pair(own, report);
+                      }});
+  };
+}
+
+}  // namespace zentra

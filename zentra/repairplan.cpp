@@ -1,0 +1,317 @@
+#include "zentra/repairplan.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "common/io.h"
+#include "isam/base/current.h"
+#include "isam/base/errors.h"
+#include "isam/keys/keychain.h"
+#include "isam/keys/keys.h"
+#include "isam/tree/items.h"
+#include "zentra/collector.h"
+#include "zentra/text.h"
+
+namespace zentra {
+namespace {
+
+using isam::dictp;
+using isam::filep;
+
+constexpr int kMostLost = 10;   // one in so many
+constexpr int kFewShown = 10;   // records of a step that are named
+constexpr int kAllTheSame = 2;  // checks that a repair makes besides, of the copy and of its result
+
+// Codes that say how little is known of the pair, in whose face nothing can be made.
+constexpr std::array kHopeless = {"pair.none",
+                                  "dictionary.magic",
+                                  "dictionary.node-size",
+                                  "dictionary.record-size",
+                                  "dictionary.maximum-size",
+                                  "dictionary.maximum-below-minimum",
+                                  "dictionary.lock-method"};
+
+class Planner {
+ public:
+  Planner(const checker::Check& check, const Notes& notes, const PlanOptions& options, bool whole)
+      : check_(check), notes_(notes), options_(options), whole_(whole) {}
+
+  Plan make(double seconds) {
+    find_hopeless();
+    if (!plan_.hopeless.empty()) return std::move(plan_);
+    plan_geometry();
+    plan_descriptions();
+    if (!plan_.hopeless.empty()) return std::move(plan_);
+    plan_dictionary();
+    read_keys();
+    if (plan_.record_length == 0) plan_records();
+    plan_indexes();
+    plan_lists();
+    weigh_losses();
+    if (const auto seen = see(filep->index.fd)) plan_.seen = *seen;
+    plan_.seconds = seconds * (kAllTheSame + 1);
+    plan_.bytes = 2 * common::file_size(filep->index.fd);
+    return std::move(plan_);
+  }
+
+ private:
+  Entry& step(const char* code, std::string text, int key = 0) {
+    return plan_.steps.emplace_back(
+        Entry{.kind = Entry::Kind::kStep, .code = code, .key = key, .text = std::move(text)});
+  }
+  void implausible(std::string why) { plan_.implausible.push_back(std::move(why)); }
+
+  void find_hopeless() {
+    for (const char* code : kHopeless) {
+      if (notes_.has(code)) plan_.hopeless = notes_.text(code);
+    }
+    if (!check_.sized && plan_.hopeless.empty()) plan_.hopeless = notes_.first();
+  }
+
+  void plan_geometry() {
+    constexpr char kLength[] = "pieces.record-length";
+    if (notes_.has(kLength)) {
+      plan_.record_length = static_cast<int>(notes_.value(kLength, "expected"));
+      step("repair.record-length",
+           fmt::format("the record length becomes {} instead of {}, as the data file shows it",
+                       plan_.record_length, filep->geometry.reclen));
+      implausible("the dictionary has another record length than the data file");
+    }
+    if (notes_.has("pieces.data-end")) implausible("the data file ends too early");
+    if (notes_.has("pieces.times")) implausible("the two files are not of the same time");
+  }
+
+  void plan_descriptions() {
+    const bool unreadable = !whole_ || notes_.has("descriptions.none");
+    if (!options_.keys.empty()) {
+      take_given_keys();
+      if (!unreadable) implausible("the pair has descriptions that can be read");
+      return;
+    }
+    if (unreadable) {
+      plan_.hopeless = "its descriptions of indexes cannot be read; --keys or --like gives others";
+    }
+    const std::int64_t told = notes_.value("descriptions.count", "found");
+    const std::int64_t counted = notes_.value("descriptions.count", "expected");
+    if (!notes_.has("descriptions.count")) return;
+    step("repair.index-count",
+         fmt::format("the dictionary counts {} index(es) instead of {}", counted, told));
+    if (counted < told) implausible(fmt::format("{} description(s) are gone", told - counted));
+  }
+
+  void take_given_keys() {
+    plan_.keys = options_.keys;
+    for (std::size_t i = 0; i < plan_.keys.size(); ++i) {
+      keydescr& k = plan_.keys[i];
+      const bool legal = (k.nparts == 0 || isam::kylegal(k, dictp->d_recsize()) == 0) &&
+                         (k.flags & KF_COMPRESS & ~(dictp->d_compression() << 1)) == 0;
+      const auto is_same = [&](const keydescr& other) { return isam::kycompare(other, k) == 0; };
+      isam::clear_errors();
+      const auto before = plan_.keys.begin() + static_cast<std::ptrdiff_t>(i);
+      if (legal && (k.nparts == 0 || std::none_of(plan_.keys.begin(), before, is_same))) continue;
+      plan_.hopeless = fmt::format("the description of index {} does not suit the pair", i + 1);
+      return;
+    }
+    step("repair.descriptions",
+         fmt::format("the descriptions of {} index(es) that were given are written",
+                     plan_.keys.size()));
+  }
+
+  void plan_dictionary() {
+    if (notes_.has("dictionary.duplicate-width")) {
+      constexpr int kWidth = 4;
+      plan_.duplicate_width = kWidth;
+      step("repair.duplicate-width", fmt::format("duplicate numbers become {} bytes wide", kWidth));
+    }
+    if (notes_.has("audit.node")) {
+      plan_.ends_audit = true;
+      step("repair.audit-trail",
+           "the audit trail, whose name is lost, is switched off and named no more");
+    }
+    if (notes_.has("pair.unfinished")) {
+      step("repair.mark",
+           "the mark of unfinished changes goes, since both files are made to agree");
+    }
+  }
+
+  // The descriptions that the repaired pair has, as far as they are known.
+  void read_keys() {
+    keys_ = plan_.keys;
+    if (!keys_.empty()) return;
+    isam::KeyChain chain;
+    keydescr k{};
+    while (chain.next(k) == isam::KeyChain::Step::kFound) {
+      if (k.nparts > 0 && isam::kylegal(k, filep->geometry.reclen) != 0) break;
+      keys_.push_back(k);
+    }
+    isam::clear_errors();
+  }
+
+  [[nodiscard]] bool has_tree(std::size_t at) const { return keys_[at].nparts > 0; }
+  [[nodiscard]] bool is_faulty(std::size_t at) const {
+    return plan_.remakes_all() || notes_.has_any("index.", static_cast<int>(at) + 1);
+  }
+
+  void plan_records() {
+    const Fate fate = options_.lost_part == LostPart::kDrop ? Fate::kDropped : Fate::kEmptied;
+    plan_.bad = find_bad_records(check_, notes_.records(kShared), fate);
+    for (std::size_t at = 0; at < keys_.size(); ++at) {
+      const bool unique = has_tree(at) && (keys_[at].flags & KF_DUPS) == 0;
+      if (!unique || !is_faulty(at)) continue;
+      if (!find_equal_keys(check_, keys_[at], plan_.bad)) {
+        plan_.hopeless = "there is no room for a look at equal keys";
+      }
+    }
+    const auto changes = changes_for(plan_.bad);
+    if (!changes) {
+      plan_.hopeless = "the data file cannot be read";
+      return;
+    }
+    plan_.changes = *changes;
+    tell_records(kOddState, Fate::kDropped, "repair.drop",
+                 "record(s) whose state is neither present nor absent become absent");
+    tell_records(kEqualKeys, Fate::kDropped, "repair.drop",
+                 "record(s) are dropped: each has a key of another in an index without duplicates");
+    for (const char* why : {kUnreadable, kShared}) {
+      const char* const lost = why == kShared ? "belongs to another one too" : "cannot be read";
+      tell_records(why, Fate::kDropped, "repair.drop",
+                   fmt::format("record(s) are dropped whose variable part {}", lost));
+      const std::int64_t emptied =
+          tell_records(why, Fate::kEmptied, "repair.empty",
+                       fmt::format("record(s) lose a variable part that {}", lost));
+      if (emptied > 0 && options_.lost_part == LostPart::kNotSaid) needs_choice_ = true;
+    }
+    tell_records(kReferenceLeft, Fate::kCleared, "repair.clear",
+                 "absent record(s) stop referring to variable parts");
+    if (needs_choice_) {
+      plan_.hopeless =
+          "variable parts are lost; --variable=keep keeps those records without them, "
+          "--variable=drop drops them";
+    }
+  }
+
+  // How many there are.
+  std::int64_t tell_records(const char* why, Fate fate, const char* code, const std::string& text) {
+    const auto is_one = [&](const auto& entry) {
+      return entry.second.fate == fate && std::string_view{entry.second.why} == why;
+    };
+    const std::int64_t count = std::ranges::count_if(plan_.bad, is_one);
+    if (count == 0) return 0;
+    step(code, fmt::format("{} {}", count, text)).fields = {{"found", count},
+                                                            {"reason", std::string(why)}};
+    int shown = 0;
+    for (const auto& entry : plan_.bad) {
+      if (!is_one(entry)) continue;
+      if (++shown > kFewShown) break;
+      Entry detail{.kind = Entry::Kind::kDetail,
+                   .code = code,
+                   .text = "record",
+                   .fields = {{"record", std::int64_t{entry.first}}}};
+      add_key(entry.first, detail.fields);
+      plan_.steps.push_back(std::move(detail));
+    }
+    return count;
+  }
+
+  void add_key(std::int32_t record, Fields& fields) const {
+    const auto at = std::ranges::find_if(keys_, [](const keydescr& k) { return k.nparts > 0; });
+    std::vector<isam::Byte> fixed(static_cast<std::size_t>(filep->geometry.reclen));
+    if (at == keys_.end() || !read_slot(record, fixed, {})) return;
+    isam::Item item;
+    isam::itmake(fixed.data(), item, *at);
+    fields.emplace_back("key", key_value(*at, item.key));
+  }
+
+  [[nodiscard]] std::int64_t count_dropped() const {
+    return std::ranges::count_if(
+        plan_.bad, [](const auto& entry) { return entry.second.fate == Fate::kDropped; });
+  }
+
+  void plan_indexes() {
+    const bool drops_indexed = std::ranges::any_of(plan_.bad, [&](const auto& entry) {
+      return entry.second.fate == Fate::kDropped && entry.second.why != kOddState;
+    });
+    for (std::size_t at = 0; at < keys_.size(); ++at) {
+      const int n = static_cast<int>(at) + 1;
+      if (!has_tree(at) || !(is_faulty(at) || drops_indexed || plan_.record_length != 0)) continue;
+      plan_.indexes.insert(n);
+      std::string text = "is made anew from the records";
+      const std::int64_t astray = notes_.count("index.record-bad", n);
+      if (astray > 0) {
+        text += fmt::format(", without {} item(s) that lead to no record", grouped(astray));
+      }
+      step("repair.index", std::move(text), n).fields = {{"astray", astray}};
+    }
+  }
+
+  void plan_lists() {
+    const bool remakes = !plan_.indexes.empty() || plan_.remakes_all();
+    const bool drops = count_dropped() > 0;
+    plan_.record_list = notes_.has_any("record-list.", 0) || drops || plan_.record_length != 0;
+    plan_.node_list = notes_.has_any("node-list.", 0) || remakes || plan_.record_list;
+    plan_.storage_lists =
+        notes_.has_any("storage.", 0) || (filep->geometry.varlen && !plan_.changes.empty());
+    if (plan_.storage_lists) {
+      step("repair.storage-lists", "storage pages are put in order and their lists made anew");
+    }
+    if (plan_.record_list) {
+      step("repair.record-list", "the list of free records is made anew");
+    }
+    if (plan_.node_list) step("repair.node-list", "the list of free nodes is made anew");
+  }
+
+  // Records that no index will lead to although one did.
+  void weigh_losses() {
+    std::int64_t astray = INT64_MAX;
+    for (std::size_t at = 0; whole_ && at < keys_.size(); ++at) {
+      if (!has_tree(at)) continue;
+      astray = std::min(astray, notes_.count("index.record-bad", static_cast<int>(at) + 1));
+    }
+    if (astray == INT64_MAX) astray = 0;
+    const std::int64_t emptied = std::ranges::count_if(
+        plan_.bad, [](const auto& entry) { return entry.second.fate == Fate::kEmptied; });
+    const std::int64_t lost = astray + count_dropped() + emptied;
+    const std::int64_t present = check_.datmap.cntmap() + astray + emptied;
+    if (lost == 0 || lost * kMostLost <= present) return;
+    implausible(fmt::format("{} of {} records would be lost", grouped(lost), grouped(present)));
+  }
+
+  const checker::Check& check_;
+  const Notes& notes_;
+  const PlanOptions& options_;
+  bool whole_;
+  bool needs_choice_ = false;
+  std::vector<keydescr> keys_;
+  Plan plan_;
+};
+
+std::optional<Seen::File> file_seen(int fd) {
+  struct stat status {};
+  if (common::system_calls().fstat(fd, &status) != 0) return {};
+  return Seen::File{status.st_dev, status.st_ino, status.st_size, status.st_mtim};
+}
+
+}  // namespace
+
+bool operator==(const Seen::File& a, const Seen::File& b) {
+  return a.device == b.device && a.inode == b.inode && a.size == b.size &&
+         a.changed.tv_sec == b.changed.tv_sec && a.changed.tv_nsec == b.changed.tv_nsec;
+}
+
+std::optional<Seen> see(int index_fd) {
+  const auto index = file_seen(index_fd);
+  const auto data = file_seen(filep->data.fd);
+  if (!index || !data) return {};
+  return Seen{*index, *data, dictp->d_modcount()};
+}
+
+Plan make_plan(const checker::Check& check, const Notes& notes, const PlanOptions& options,
+               bool whole, double seconds) {
+  return Planner{check, notes, options, whole}.make(seconds);
+}
+
+}  // namespace zentra

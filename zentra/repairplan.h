@@ -1,0 +1,78 @@
+// repairplan: what is to be done about a damaged pair, found before anything is changed.
+//
+// Needs   the current pair, opened to read, and all that its check has found
+// Never   changes a byte
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "checker/check.h"
+#include "isam.h"
+#include "zentra/badrecords.h"
+#include "zentra/databytes.h"
+#include "zentra/notes.h"
+
+namespace zentra {
+
+// What becomes of a record whose variable part is lost: the operator's choice.
+enum class LostPart : std::uint8_t { kNotSaid, kKeep, kDrop };
+
+struct PlanOptions {
+  LostPart lost_part = LostPart::kNotSaid;
+  std::vector<keydescr> keys;  // that the operator gives; empty: none
+  bool force = false;
+};
+
+// How the files were when the plan was made.
+struct Seen {
+  struct File {
+    dev_t device;
+    ino_t inode;
+    off_t size;
+    timespec changed;
+    friend bool operator==(const File& a, const File& b);
+  };
+  File index;
+  File data;
+  std::uint32_t stamp;
+  friend bool operator==(const Seen&, const Seen&) = default;
+};
+// Of the current pair; `index_fd` is the index's own. Nothing when the system does not tell.
+[[nodiscard]] std::optional<Seen> see(int index_fd);
+
+struct Plan {
+  std::vector<Entry> steps;
+  std::vector<std::string> implausible;  // why it takes --force
+  std::string hopeless;                  // not empty: why nothing can be done at all
+  BadRecords bad;
+  DataChanges changes;  // of the data file
+  double seconds = 0;   // estimates
+  std::int64_t bytes = 0;
+
+  // What is to be made anew though the checks that kestro makes find nothing.
+  std::set<int> indexes;
+  bool record_list = false;
+  bool node_list = false;
+  bool storage_lists = false;
+  // Changes of the dictionary; 0: none.
+  int record_length = 0;
+  int duplicate_width = 0;
+  bool ends_audit = false;
+  std::vector<keydescr> keys;  // descriptions to be written
+  Seen seen{};
+
+  [[nodiscard]] bool remakes_all() const { return !keys.empty() || duplicate_width != 0; }
+};
+
+// `whole`: the check came to its end, in `seconds`.
+[[nodiscard]] Plan make_plan(const checker::Check& check, const Notes& notes,
+                             const PlanOptions& options, bool whole, double seconds);
+
+}  // namespace zentra
