@@ -121,7 +121,7 @@ void Repair::tell_failure(const char* state) {
 // From here on a signal finds the pair repaired: it says so, and leaves the kept index.
 void Repair::note_repaired() {
   is_repaired_ = true;
-  put_back_when_interrupted(-1, {});
+  if (is_supervised()) check_.supervisor->is_repaired();
   Interrupt::say(said_when_interrupted("the pair is repaired"));
   kept_.keep();
 }
@@ -243,7 +243,7 @@ void Repair::end(bool whole) {
       if (locked_ != -1) use(std::exchange(locked_, -1));
     }
   }
-  if (is_supervised()) check_.supervisor->ends(is_repaired_, kept_.name());
+  if (is_supervised()) check_.supervisor->ends(kept_.name());
 }
 
 void Repair::bring_in(bool whole) {

@@ -31,9 +31,11 @@ class Supervisor {
   virtual void mends(const Check& check) = 0;
   // The copy is complete and on the disk. False: it does not come into the pair.
   [[nodiscard]] virtual bool approves() = 0;
-  // The last call, made while the pair is still locked; also after a false begins(). `repaired`:
-  // the copy has taken the index's place.
-  virtual void ends(bool repaired, const std::string& kept) = 0;
+  // The copy takes the index's place; signals wait.
+  virtual void is_repaired() = 0;
+  // The last call, made while the pair is still locked; also after a false begins(). `kept`: as
+  // above.
+  virtual void ends(const std::string& kept) = 0;
 
  protected:
   Supervisor() = default;

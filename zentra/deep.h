@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "checker/check.h"
+#include "isam/base/current.h"
 #include "zentra/collector.h"
 #include "zentra/keycheck.h"
 
@@ -17,16 +18,23 @@ class DeepCollector : public Collector {
  public:
   DeepCollector(Report& report, isam::RecordLocks locks,
                 KeyCheck::Order order = KeyCheck::Order::kBySize)
-      : Collector(report, std::move(locks)), keys_(*this, order) {}
+      : Collector(report, std::move(locks)),
+        keys_(*this, order),
+        audit_node_(isam::dictp->d_auditnode()) {}
 
   [[nodiscard]] bool wants_leaves() const override { return true; }
   void found(const checker::Finding& finding) override;
   void index_begins(int n, const keydescr& k) override;
   void index_walked(std::int32_t nodes, int levels) override;
-  void leaf_item(const Leaf& place, const isam::Item& item) override { keys_.item(place, item); }
+  void leaf_item(const Leaf& place, const isam::Item& item) override {
+    audit_is_leaf_ = audit_is_leaf_ || place.node == audit_node_;
+    keys_.item(place, item);
+  }
 
   // Whether every index leads astray so often that it was made for another data file.
   [[nodiscard]] bool is_of_another_time() const;
+  // Whether the node with the name of the audit trail is one of an index.
+  [[nodiscard]] bool audit_is_leaf() const { return audit_is_leaf_; }
   // The most items that an index has.
   [[nodiscard]] std::int64_t most_items() const;
   // Where the last part of a key ends in a record: none is shorter.
@@ -41,6 +49,8 @@ class DeepCollector : public Collector {
   KeyCheck keys_;
   int walked_ = 0;  // number of the index under way, 0 for one without a tree
   int keys_end_ = 0;
+  std::int32_t audit_node_;
+  bool audit_is_leaf_ = false;
   std::map<int, Leads> leads_;
 };
 
@@ -56,7 +66,7 @@ class DeepCollector : public Collector {
 
 // The nodes of lists have the marks without which they are refused; the node with the audit trail's
 // name; the mark of a writer that died.
-void check_marks(const checker::Check& check, Collector& collector);
+void check_marks(const checker::Check& check, DeepCollector& collector);
 // The pages of variable parts: each piece belongs to one record, counts and lists are right. Sorts
 // the pieces in temporary files.
 void check_storage(const checker::Check& check, Collector& collector);

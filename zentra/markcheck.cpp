@@ -45,14 +45,15 @@ void check_list(const checker::Check& check, Collector& collector, std::int32_t 
   isam::clear_errors();  // what cannot be read is found already
 }
 
-// It matters only while the trail is on.
-void check_audit_node(Collector& collector) {
+// A name matters only while the trail is on; but switching it on or off writes to the node.
+void check_audit_node(DeepCollector& collector) {
   const std::int32_t node = dictp->d_auditnode();
   const bool in_range = node >= 2 && node <= dictp->d_nextnode();
   const bool names_trail = !dictp->d_audits() || !isam::txlog::audit_trail_name().empty();
   isam::clear_errors();
-  if (node == 0 || (in_range && names_trail)) return;
-  collector.add({.kind = dictp->d_audits() ? Entry::Kind::kFinding : Entry::Kind::kNote,
+  const bool is_leaf = collector.audit_is_leaf();
+  if (node == 0 || (in_range && names_trail && !is_leaf)) return;
+  collector.add({.kind = dictp->d_audits() || is_leaf ? Entry::Kind::kFinding : Entry::Kind::kNote,
                  .code = "audit.node",
                  .status = Status::kDamaged,
                  .text = fmt::format("node {} does not hold the name of an audit trail", node),
@@ -78,7 +79,7 @@ void check_mark(Collector& collector) {
 
 }  // namespace
 
-void check_marks(const checker::Check& check, Collector& collector) {
+void check_marks(const checker::Check& check, DeepCollector& collector) {
   check_list(check, collector, dictp->d_freedata(), isam::kServiceNode, "record-list.node-marks",
              "the list of free records");
   check_list(check, collector, dictp->d_freenode(), isam::kIndexFreeNode, "node-list.node-marks",

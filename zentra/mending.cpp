@@ -40,6 +40,15 @@ class Kept : public Notes {
   std::vector<Entry>& entries_;
 };
 
+// What the checks, which come later, will take from the dictionary too.
+void take_geometry() {
+  isam::Geometry& geometry = filep->geometry;
+  geometry.idxsize = dictp->d_idxsize();
+  geometry.reclen = dictp->d_recsize();
+  geometry.varlen = dictp->d_maxrecsize() > 0;
+  geometry.maxreclen = geometry.varlen ? dictp->d_maxrecsize() : geometry.reclen;
+}
+
 }  // namespace
 
 void Mending::run() {
@@ -70,15 +79,19 @@ bool Mending::is_as_seen() {
 }
 
 bool Mending::begins(const std::string& kept) {
+  take_geometry();
   return is_as_seen() && (plan_.changes.empty() || change_data(kept)) && change_dictionary();
 }
 
 // First the notes, then the losses, then the data file itself.
 bool Mending::change_data(const std::string& kept) {
   const std::string note = data_file_of(kept);
-  if (note_changes(kept, plan_.changes) != 0) return say_errno(note);
-  data_note_ = note;
-  checker::remove_when_interrupted(note);
+  {
+    const checker::SignalBlock block;
+    if (note_changes(kept, plan_.changes) != 0) return say_errno(note);
+    data_note_ = note;
+    checker::remove_when_interrupted(note);
+  }
   if (losses_.append(losses_of(name_), plan_.bad) != 0) return say_errno(losses_of(name_));
   for (const DataChange& change : plan_.changes) {
     checker::BytesBefore& at = before_.emplace_back();
@@ -141,21 +154,28 @@ bool Mending::approves() {
   return false;
 }
 
-void Mending::ends(bool repaired, const std::string& kept) {
-  done_ = repaired;
+// What a signal would take back or remove stays.
+void Mending::is_repaired() {
+  done_ = true;
+  checker::put_back_when_interrupted(-1, {});
+  if (!data_note_.empty()) checker::forget_file(data_note_);
+}
+
+void Mending::ends(const std::string& kept) {
   kept_ = kept;
-  if (!repaired && data_changed_ && take_back_changes(filep->data.fd, plan_.changes) != 0) {
+  if (done_) return;
+  if (data_changed_ && take_back_changes(filep->data.fd, plan_.changes) != 0) {
     why_ = fmt::format("{}: {}; its bytes of before stand in {}", shown(isam::mkdatname(name_)),
                        std::strerror(errno), shown(data_note_));
-    checker::forget_file(data_note_);
     checker::put_back_when_interrupted(-1, {});
+    checker::forget_file(data_note_);
     return;
   }
   checker::put_back_when_interrupted(-1, {});
-  if (!data_note_.empty()) checker::forget_file(data_note_);
-  if (repaired) return;
   losses_.take_back();
-  if (!data_note_.empty()) common::system_calls().unlink(data_note_.c_str());
+  if (data_note_.empty()) return;
+  checker::forget_file(data_note_);
+  common::system_calls().unlink(data_note_.c_str());
 }
 
 void Mending::found(const checker::Finding& finding) {

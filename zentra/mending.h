@@ -43,7 +43,8 @@ class Mending : public checker::Supervisor, public checker::Listener {
   [[nodiscard]] bool rebuilds(checker::List list) const override;
   void mends(const checker::Check& check) override;
   [[nodiscard]] bool approves() override;
-  void ends(bool repaired, const std::string& kept) override;
+  void is_repaired() override;
+  void ends(const std::string& kept) override;
 
   // As listener.
   void found(const checker::Finding& finding) override;

@@ -1,0 +1,257 @@
+#!/usr/bin/env python3
+"""zentra repair: what it leaves checks clean and has lost nothing, or nothing is changed; undoing
+gives back the very bytes."""
+import argparse
+import fcntl
+import json
+import os
+import pathlib
+import pty
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+OPEN_LOCK = 0x7FFFFFFF
+LOST = 'pair.lost.jsonl'
+# Pairs that take more than --yes, with what is missing; "!": it helps nothing.
+REFUSED = {'header-magic': '!', 'descriptions-zeroed': '--keys', 'data-cut': '--force',
+           'data-of-longer-records': '--force', 'kept': '--force', 'times-older-data': '--force',
+           'storage-slot-length': '--variable', 'storage-continuation-loop': '--variable',
+           'records-overwritten': '--force', 'header-collation-foreign': '!'}
+# How many records go to the losses, by reason, and what the plan does besides.
+LOSSES = {'record-keys-equal': {'index.keys-equal': 2}, 'record-state-unknown': {'record.state': 1},
+          'storage-slot-length': {'record.unreadable': 1}, 'big-leaf': {}}
+# The reader of pairs looks at levels of upper nodes, which nobody else does.
+OTHER_SENSE = {'root-level-high'}
+
+
+def lines_of(done):
+    lines = [json.loads(line) for line in done.stdout.decode().splitlines()]
+    assert (lines[-1]['type'], lines[-1]['status']) == ('end', done.returncode), done
+    return lines
+
+
+class Repair(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.all = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        subprocess.run([tools.transcripts, '--make', cls.all], check=True, stdout=subprocess.DEVNULL)
+
+    def take(self, name):
+        """A copy of a pair, and its bytes; none where it is not of two plain files."""
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        self.pair = {end: self.folder / f'pair{end}' for end in ('.idx', '.dat')}
+        for end, path in self.pair.items():
+            made = self.all / name / path.name
+            if not made.is_file() or made.is_symlink() or os.stat(made).st_nlink > 1:
+                return None
+            shutil.copy(made, path)
+            path.chmod(0o600)
+        self.made = self.bytes()
+        return self.made
+
+    def bytes(self):
+        return {end: path.read_bytes() for end, path in self.pair.items()}
+
+    def names(self):
+        return set(os.listdir(self.folder)) - {'pair.idx', 'pair.dat'}
+
+    def run_zentra(self, *words, **more):
+        return subprocess.run([tools.zentra, *words, 'pair'], cwd=self.folder, timeout=60,
+                              stdin=subprocess.DEVNULL, capture_output=True, **more)
+
+    def repair(self, *words, **more):
+        return self.run_zentra('repair', '--json', '--wait', '0', *words, **more)
+
+    def failing(self, rule):
+        library = pathlib.Path(tools.transcripts).parent / 'libfailing_calls.so'
+        return {'env': {**os.environ, 'LD_PRELOAD': str(library),
+                        'KESTRO_FAILING_CALLS': rule + ';'}}
+
+    def records(self):
+        """Whether the independent reader finds the pair sound, and what it can read."""
+        told = subprocess.run([tools.pairs, 'look', self.folder / 'pair'], capture_output=True)
+        verdict, *lines = told.stdout.decode().splitlines()
+        return verdict, dict(line.split() for line in lines if " " in line.strip())
+
+    def losses(self):
+        path = self.folder / LOST
+        return [json.loads(line) for line in path.read_text().splitlines()] if path.exists() else []
+
+    def assertUnchanged(self, *left):
+        self.assertEqual(self.bytes(), self.made)
+        self.assertEqual(self.names(), set(left))
+
+    def assertHealed(self, before):
+        """Nothing that the reader could read is lost, and both it and the check are content."""
+        self.assertEqual(self.run_zentra('check').returncode, 0)
+        verdict, after = self.records()
+        self.assertEqual(verdict, 'sound')
+        lost = {str(loss['record']): loss['fixed'] + loss['variable'] for loss in self.losses()}
+        for number, record in before.items():
+            self.assertIn(record, (after.get(number), lost.get(number)), number)
+        for end, old in self.made.items():
+            if end == '.dat' and not lost:
+                self.assertEqual(len(self.bytes()[end]), len(old))
+
+    def assertUndone(self, *words):
+        done = self.run_zentra('undo', '--json', *words)
+        self.assertEqual(done.returncode, 0, done)
+        self.assertEqual(self.bytes(), self.made)
+        self.assertLessEqual(self.names(), {LOST})
+
+    def test_every_damage_is_healed_or_left_alone(self):
+        for name in sorted(os.listdir(self.all)):
+            if self.take(name) is None:
+                continue
+            with self.subTest(name):
+                checked = self.run_zentra('check', '--json')
+                _, before = self.records()
+                planned = self.repair('--dry-run', '--force', '--variable=keep')
+                self.assertEqual(planned.returncode, checked.returncode)
+                self.assertUnchanged()
+                done = self.repair('--yes', '--force', '--variable=keep')
+                self.assertEqual(done.stderr, b'')
+                if done.returncode != 0:
+                    self.assertEqual(done.returncode, checked.returncode, done)
+                    self.assertUnchanged()
+                elif checked.returncode == 0:
+                    self.assertUnchanged()
+                else:
+                    steps = [line for line in lines_of(planned) if line['type'] == 'step']
+                    self.assertEqual(steps, [l for l in lines_of(done) if l['type'] == 'step'])
+                    self.assertTrue(steps)
+                    if name not in OTHER_SENSE:
+                        self.assertHealed(before)
+                    self.assertUndone()
+
+    def test_says_what_it_takes(self):
+        for name, word in REFUSED.items():
+            with self.subTest(name):
+                self.take(name)
+                checked = self.run_zentra('check').returncode
+                done = self.repair('--yes')
+                self.assertEqual(done.returncode, checked)
+                self.assertUnchanged()
+                if word != '!':
+                    self.assertIn(word, lines_of(done)[-2]['message'])
+
+    def test_losses_tell_what_was_dropped(self):
+        for name, reasons in LOSSES.items():
+            for choice in 'keep', 'drop':
+                with self.subTest(name, choice=choice):
+                    self.take(name)
+                    _, before = self.records()
+                    self.assertEqual(self.repair('-y', '--variable', choice).returncode, 0)
+                    self.assertHealed(before)
+                    told = [loss['reason'] for loss in self.losses()]
+                    self.assertEqual({reason: told.count(reason) for reason in told}, reasons)
+                    for loss in self.losses():
+                        keeps = choice == 'keep' and loss['reason'] == 'record.unreadable'
+                        self.assertEqual(loss['kept'], keeps)
+                        at = (loss['record'] - 1) * (len(loss['fixed']) // 2 + 7) \
+                            if loss['variable'] or loss['reason'] == 'record.unreadable' else 0
+                        self.assertIn(bytes.fromhex(loss['fixed']), self.made['.dat'][at:])
+
+    def test_losses_are_appended_to_but_no_link_is_followed(self):
+        self.take('record-keys-equal')
+        losses = self.folder / LOST
+        losses.write_text('{"torn')
+        self.assertEqual(self.repair('-y').returncode, 0)
+        self.assertEqual(losses.read_text().splitlines()[0], '{"torn')
+        self.assertEqual(len(losses.read_text().splitlines()), 3)
+        self.take('record-keys-equal')
+        (self.folder / 'other').write_text('mine')
+        (self.folder / LOST).symlink_to('other')
+        self.assertEqual(self.repair('-y').returncode, 4)
+        self.assertUnchanged('other', LOST)
+        self.assertEqual((self.folder / 'other').read_text(), 'mine')
+
+    def test_failing_calls_leave_the_pair_as_it_was(self):
+        for name in 'record-keys-equal', 'big-leaf':
+            for number in range(1, 1000):
+                self.take(name)
+                done = self.repair('-y', **self.failing(f'change * 28 #{number}'))
+                if done.returncode == 0:
+                    break
+                with self.subTest(name, number=number):
+                    self.assertEqual(done.returncode, 4, done)
+                    self.assertUnchanged()
+            self.assertGreater(number, 5)
+
+    def test_killed_at_any_moment_the_next_repair_heals(self):
+        for name in 'record-keys-equal', 'storage-slot-length':
+            words = ['-y', '--variable=keep']
+            for number in range(1, 1000):
+                self.take(name)
+                _, before = self.records()
+                done = self.repair(*words, **self.failing(f'change * -9 #{number}'))
+                if done.returncode != -9:
+                    break
+                with self.subTest(name, number=number):
+                    changed = self.bytes()['.dat'] != self.made['.dat']
+                    again = self.repair(*words, '--force')
+                    self.assertEqual(again.returncode, 0, again)
+                    self.assertHealed(before)
+                    if changed:  # the first undoing gives back what the killed repair had left
+                        while list(self.folder.glob('pair.idx.before*')):
+                            self.assertEqual(self.run_zentra('undo', '--force').returncode, 0)
+                        self.assertEqual(self.bytes(), self.made)
+            self.assertGreater(number, 10)
+
+    def test_a_signal_takes_everything_back(self):
+        for number in range(1, 1000):
+            self.take('record-keys-equal')
+            done = self.repair('-y', **self.failing(f'change * -15 #{number}'))
+            if done.returncode != -15:
+                break
+            with self.subTest(number=number):
+                if b'is repaired' not in done.stderr:
+                    self.assertEqual(self.bytes(), self.made)
+                    self.assertLessEqual(self.names(), {LOST})
+                else:
+                    self.assertUndone()
+
+    def answer(self, answer, meanwhile=lambda: None):
+        ours, theirs = pty.openpty()
+        with subprocess.Popen([tools.zentra, 'repair', 'pair'], cwd=self.folder, stdin=theirs,
+                              stdout=subprocess.PIPE) as process:
+            os.close(theirs)
+            told = b''
+            while not told.endswith(b'Do it? '):
+                told += os.read(process.stdout.fileno(), 4096)
+            meanwhile()
+            os.write(ours, answer)
+            process.communicate(timeout=60)
+            os.close(ours)
+        return process.returncode
+
+    def test_asks_before_it_does_anything(self):
+        self.take('big-leaf')
+        self.assertEqual(self.repair().returncode, 1)  # nobody is there to ask
+        self.assertEqual(self.answer(b'no\n'), 1)
+        self.assertUnchanged()
+        self.assertEqual(self.answer(b'y\n', lambda: os.utime(self.pair['.dat'])), 4)
+        self.assertUnchanged()
+        self.assertEqual(self.answer(b'y\n'), 0)
+        self.assertUndone()
+
+    def test_leaves_alone_what_others_have_open_or_no_copy_can_replace(self):
+        self.take('big-leaf')
+        with open(self.pair['.idx'], 'r+b') as file:
+            fcntl.lockf(file, fcntl.LOCK_SH | fcntl.LOCK_NB, 1, OPEN_LOCK)
+            self.assertEqual(self.repair('-y').returncode, 3)
+            self.assertUnchanged()
+        os.link(self.pair['.idx'], self.folder / 'second')
+        self.assertEqual(self.repair('-y').returncode, 4)
+        self.assertUnchanged('second')
+
+
+if __name__ == '__main__':
+    parser = argparse.ArgumentParser()
+    for tool in 'zentra', 'kestro', 'transcripts', 'pairs':
+        parser.add_argument('--' + tool, type=os.path.abspath, required=True)
+    tools, rest = parser.parse_known_args()
+    unittest.main(argv=[sys.argv[0], *rest])
