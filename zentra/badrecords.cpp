@@ -112,7 +112,7 @@ BadRecords find_bad_records(const checker::Check& check, const std::set<std::int
   const bool varlen = filep->geometry.varlen;
   const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
   std::vector<isam::Byte> buffer(static_cast<std::size_t>(filep->geometry.maxreclen) + 1);
-  const auto locked = check.listener.locked();
+  isam::RecordLocks* const locks = check.listener.locks();
   const std::int32_t last = last_slot(check);
   Slots slots{last};
   checker::Progress progress("Looking for bad records", last);
@@ -127,7 +127,7 @@ BadRecords find_bad_records(const checker::Check& check, const std::set<std::int
       if (sharing.contains(record)) bad[record] = {unreadable_fate, kShared};
       if (reference_of(trailer) == 0 && length_of(trailer) == 0) continue;
       if (!has_whole_part(record, trailer, buffer)) bad[record] = {unreadable_fate, kUnreadable};
-    } else if (isam::find_locked(locked, record) != nullptr) {
+    } else if (locks != nullptr && locks->find(record) != nullptr) {
       continue;  // an open transaction keeps it
     } else if (state != isam::kRecordAbsent) {
       bad[record] = {Fate::kDropped, kOddState};

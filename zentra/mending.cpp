@@ -139,7 +139,7 @@ bool Mending::approves() {
     return false;
   }
   Kept notes{left_};
-  DeepCollector collector{notes, {}};
+  DeepCollector collector{notes, isam::RecordLocks{}};
   constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
   checker::Check check(kHow, collector);
   const bool whole = check_whole(check, &collector, [] {});

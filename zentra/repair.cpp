@@ -80,7 +80,7 @@ Look look_at(const RepairOptions& options, Report& report) {
     return look;
   }
   Notes notes{&report};
-  DeepCollector collector{notes, isam::locked_records(isam::dictp->d_nextdata())};
+  DeepCollector collector{notes, isam::RecordLocks{isam::dictp->d_nextdata()}};
   constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
   checker::Check check(kHow, collector);
   const bool whole = check_whole(check, &collector, [] {});

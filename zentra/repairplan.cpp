@@ -231,6 +231,11 @@ class Planner {
         plan_.bad, [](const auto& entry) { return entry.second.fate == Fate::kDropped; });
   }
 
+  // Items of an index that lead to no record.
+  [[nodiscard]] std::int64_t count_astray(int n) const {
+    return notes_.count(checker::text_of(checker::Code::kIndexRecordBad).code, n);
+  }
+
   void plan_indexes() {
     const bool drops_indexed = std::ranges::any_of(plan_.bad, [&](const auto& entry) {
       return entry.second.fate == Fate::kDropped && entry.second.why != kOddState;
@@ -240,7 +245,7 @@ class Planner {
       if (!has_tree(at) || !(is_faulty(at) || drops_indexed || plan_.record_length != 0)) continue;
       plan_.indexes.insert(n);
       std::string text = "is made anew from the records";
-      const std::int64_t astray = notes_.count("index.record-bad", n);
+      const std::int64_t astray = count_astray(n);
       if (astray > 0) {
         text += fmt::format(", without {} item(s) that lead to no record", grouped(astray));
       }
@@ -269,7 +274,7 @@ class Planner {
     std::int64_t astray = INT64_MAX;
     for (std::size_t at = 0; whole_ && at < keys_.size(); ++at) {
       if (!has_tree(at)) continue;
-      astray = std::min(astray, notes_.count("index.record-bad", static_cast<int>(at) + 1));
+      astray = std::min(astray, count_astray(static_cast<int>(at) + 1));
     }
     if (astray == INT64_MAX) astray = 0;
     const std::int64_t emptied = std::ranges::count_if(

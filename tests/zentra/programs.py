@@ -14,14 +14,19 @@ def zentra(*words, folder, **more):
                           capture_output=True, timeout=60, check=False, **more)
 
 
-def report_of(subcommand, *words, folder):
-    """The exit status and the objects of a report."""
-    done = zentra(subcommand, '--json', *words, folder=folder)
+def lines_of(done):
+    """The objects of a report."""
     lines = [json.loads(line) for line in done.stdout.decode().splitlines()]
     assert lines[0]['schema'] == 1 and lines[-1]['type'] == 'end', done
     assert lines[-1]['status'] == done.returncode, done
     assert b'\n' not in done.stderr, done
-    return done.returncode, lines
+    return lines
+
+
+def report_of(subcommand, *words, folder):
+    """The exit status and the objects of a report."""
+    done = zentra(subcommand, '--json', *words, folder=folder)
+    return done.returncode, lines_of(done)
 
 
 def main():

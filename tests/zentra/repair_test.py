@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """zentra repair: what it leaves checks clean and has lost nothing, or nothing is changed; undoing
 gives back the very bytes."""
-import argparse
 import fcntl
 import json
 import os
@@ -9,9 +8,10 @@ import pathlib
 import pty
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
+
+from programs import lines_of, main, tools, zentra
 
 OPEN_LOCK = 0x7FFFFFFF
 LOST = 'pair.lost.jsonl'
@@ -25,12 +25,6 @@ LOSSES = {'record-keys-equal': {'index.keys-equal': 2}, 'record-state-unknown': 
           'storage-slot-length': {'record.unreadable': 1}, 'big-leaf': {}}
 # The reader of pairs looks at levels of upper nodes, which nobody else does.
 OTHER_SENSE = {'root-level-high'}
-
-
-def lines_of(done):
-    lines = [json.loads(line) for line in done.stdout.decode().splitlines()]
-    assert (lines[-1]['type'], lines[-1]['status']) == ('end', done.returncode), done
-    return lines
 
 
 class Repair(unittest.TestCase):
@@ -59,8 +53,7 @@ class Repair(unittest.TestCase):
         return set(os.listdir(self.folder)) - {'pair.idx', 'pair.dat'}
 
     def run_zentra(self, *words, **more):
-        return subprocess.run([tools.zentra, *words, 'pair'], cwd=self.folder, timeout=60,
-                              stdin=subprocess.DEVNULL, capture_output=True, **more)
+        return zentra(*words, 'pair', folder=self.folder, **more)
 
     def repair(self, *words, **more):
         return self.run_zentra('repair', '--json', '--wait', '0', *words, **more)
@@ -196,7 +189,8 @@ class Repair(unittest.TestCase):
                     self.assertEqual(again.returncode, 0, again)
                     self.assertHealed(before)
                     if changed:  # the first undoing gives back what the killed repair had left
-                        while list(self.folder.glob('pair.idx.before*')):
+                        self.assertEqual(self.run_zentra('undo').returncode, 0)
+                        if list(self.folder.glob('pair.idx.before*')):
                             self.assertEqual(self.run_zentra('undo', '--force').returncode, 0)
                         self.assertEqual(self.bytes(), self.made)
             self.assertGreater(number, 10)
@@ -250,8 +244,4 @@ class Repair(unittest.TestCase):
 
 
 if __name__ == '__main__':
-    parser = argparse.ArgumentParser()
-    for tool in 'zentra', 'kestro', 'transcripts', 'pairs':
-        parser.add_argument('--' + tool, type=os.path.abspath, required=True)
-    tools, rest = parser.parse_known_args()
-    unittest.main(argv=[sys.argv[0], *rest])
+    main()
