@@ -51,8 +51,7 @@ std::int64_t DeepCollector::most_items() const {
   return most;
 }
 
-bool check_whole(checker::Check& check, DeepCollector* deep,
-                 const std::function<void()>& lets_go) {
+bool check_whole(checker::Check& check, DeepCollector* deep, const std::function<void()>& lets_go) {
   try {
     if (!checker::run_checks(check)) return false;
     checker::tell_why_refused(check);
