@@ -189,9 +189,10 @@ int Repair::copy_index() {
   return 0;
 }
 
+// A supervisor always wants it kept.
 void Repair::tell_not_kept() {
-  remark(is_supervised() ? "the index as it was cannot be kept"
-                         : "the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
+  if (is_supervised()) return;
+  remark("the index as it was cannot be kept (KESTRO_KEEP=0 goes on without)");
 }
 
 // Keeps the old index, if it is to be kept, before its first byte changes. False, after a remark,
