@@ -13,7 +13,7 @@
 #include "isam/keys/sortkey.h"
 #include "isam/records/datafile.h"
 #include "isam/records/varlen.h"
-#include "zentra/deep.h"
+#include "zentra/collector.h"
 #include "zentra/text.h"
 
 namespace zentra {

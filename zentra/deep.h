@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <map>
-#include <string>
 #include <utility>
 
 #include "checker/check.h"
@@ -58,9 +57,6 @@ class DeepCollector : public Collector {
 // kestro alone. `lets_go` is called before what may take a while and needs no lock.
 [[nodiscard]] bool check_whole(checker::Check& check, DeepCollector* deep,
                                const std::function<void()>& lets_go);
-
-// Where what does not fit into memory goes: beside the pair nothing may be written.
-[[nodiscard]] std::string temporary_folder();
 
 // Each tells what it finds in the current pair, which run_checks() has gone through.
 

@@ -203,11 +203,6 @@ class StorageCheck {
 
 }  // namespace
 
-std::string temporary_folder() {
-  const char* const named = std::getenv("TMPDIR");
-  return named != nullptr && *named != '\0' ? named : "/var/tmp";
-}
-
 void check_storage(const checker::Check& check, Collector& collector) {
   if (check.varlen) StorageCheck{check, collector}.run();
 }
