@@ -32,6 +32,25 @@ endif()
 install(TARGETS ${programs}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kestro)
 
+# What shells complete, made by the program from its own table, where Debian's shells look for it.
+if(KESTRO_COMPANIONS AND NOT CMAKE_CROSSCOMPILING)
+  set(completion_names bash-completion/completions/zentra zsh/vendor-completions/_zentra
+                       fish/vendor_completions.d/zentra.fish)
+  set(completion_files "")
+  set(shells bash zsh fish)
+  foreach(shell name IN ZIP_LISTS shells completion_names)
+    set(file ${PROJECT_BINARY_DIR}/generated/completion/${name})
+    get_filename_component(folder ${file} DIRECTORY)
+    file(MAKE_DIRECTORY ${folder})
+    add_custom_command(OUTPUT ${file} COMMAND zentra completion ${shell} > ${file} DEPENDS zentra
+                       VERBATIM)
+    list(APPEND completion_files ${file})
+  endforeach()
+  add_custom_target(completions ALL DEPENDS ${completion_files})
+  install(DIRECTORY ${PROJECT_BINARY_DIR}/generated/completion/
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR} COMPONENT kestro)
+endif()
+
 set_target_properties(isam PROPERTIES EXPORT_NAME isam_static)
 install(
   TARGETS isam EXPORT IsamTargets

@@ -9,6 +9,7 @@
 
 #include "isam/calls/version.h"
 #include "zentra/commands.h"
+#include "zentra/completion.h"
 #include "zentra/status.h"
 #include "zentra/text.h"
 
@@ -108,6 +109,58 @@ std::string what_is_unknown(const CLI::App& app) {
   return "";
 }
 
+// The words of which the parser takes one: {a,b}.
+std::vector<std::string> choices_of(CLI::Option& option) {
+  std::vector<std::string> words;
+  try {
+    const std::string described = option.get_validator(0)->get_description();
+    if (described.starts_with('{') && described.ends_with('}')) {
+      words = CLI::detail::split(described.substr(1, described.size() - 2), ',');
+    }
+  } catch (const CLI::OptionNotFound&) {  // it takes anything
+  }
+  return words;
+}
+
+// What the parser takes, in the words of the shells' completion.
+std::vector<Taken> taken_by(CLI::App& app) {
+  std::vector<Taken> all;
+  for (CLI::Option* const option : app.get_options()) {
+    Taken one{.help = option->get_description()};
+    for (const std::string& name : option->get_snames()) one.names.push_back('-' + name);
+    for (const std::string& name : option->get_lnames()) one.names.push_back("--" + name);
+    one.repeats = option->get_items_expected_max() > 1;
+    const std::string kind =
+        option->get_positional() ? option->get_name(true) : option->get_type_name();
+    one.words = choices_of(*option);
+    if (!one.words.empty()) {
+      one.kind = Taken::Kind::kWord;
+    } else if (kind == "PAIR") {
+      one.kind = Taken::Kind::kPair;
+    } else if (kind == "FILE") {
+      one.kind = Taken::Kind::kFile;
+    } else if (option->get_positional() || option->get_expected_max() != 0) {
+      one.kind = Taken::Kind::kAnything;
+    }
+    all.push_back(std::move(one));
+  }
+  return all;
+}
+
+int print_completion(CLI::App& app, const std::vector<std::string>& words) {
+  std::vector<CommandWords> all;
+  for (CLI::App* const sub : app.get_subcommands([](CLI::App* /*any*/) { return true; })) {
+    all.push_back({sub->get_name(), sub->get_description(), taken_by(*sub)});
+  }
+  const std::string script = words.size() == 2 ? completion(words[1], taken_by(app), all) : "";
+  if (script.empty()) {
+    std::fputs("zentra: completion is for bash, zsh or fish\n", stderr);
+    return kUsage;
+  }
+  const bool is_whole = std::fputs(script.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+  return static_cast<int>(is_whole ? Status::kSound : Status::kUnfinished);
+}
+
 int run_parsed(std::vector<std::string> words) {
   CLI::App app{"Looks after Zentra indexed files.", "zentra"};
   app.set_version_flag("--version", isam::kVersionNumber);
@@ -120,6 +173,7 @@ int run_parsed(std::vector<std::string> words) {
     const std::function<int()> prepared = command.prepare(arguments);
     sub->callback([&chosen, prepared] { chosen = prepared; });
   }
+  if (!words.empty() && words.front() == "completion") return print_completion(app, words);
   std::ranges::for_each(words, mark);
   std::ranges::reverse(words);  // as the parser wants them
   try {

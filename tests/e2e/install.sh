@@ -50,6 +50,10 @@ run_and_compare() {
   done
 }
 
+# Where Debian's shells look for what they complete.
+readonly completions=(bash-completion/completions/zentra zsh/vendor-completions/_zentra
+  fish/vendor_completions.d/zentra.fish)
+
 step_tree() {
   local file
   fresh "$root"
@@ -61,6 +65,12 @@ step_tree() {
     share/doc/libisam-dev/examples/{accounts.c,customers.c,customers.cpp}; do
     [ -f "$root/$file" ] || fail "$file is not installed"
   done
+  if [ -f "$root/bin/zentra" ]; then
+    for file in man/man1/zentra{,-check,-info,-repair,-show,-undo}.1 man/man5/zentra-keys.5 \
+      man/man7/zentra-crash.7 "${completions[@]}"; do
+      [ -s "$root/share/$file" ] || fail "$file is not installed"
+    done
+  fi
   if grep -rlI "$source_dir/" "$root"; then fail "these name the source folder"; fi
   "$CC" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c "$root/include/isam.h"
   "$CXX" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c++ \
@@ -142,7 +152,7 @@ pages() {
   local section page
   for section in "$@"; do
     for page in "$source_dir"/man/*."$section"; do
-      if [ ! -x "$build/zentra" ] && [[ $page == */zentra*.1 ]]; then continue; fi
+      if [ ! -x "$build/zentra" ] && [[ $page =~ /zentra(.*\.1|-keys\.5|-crash\.7)$ ]]; then continue; fi
       if [ -f "$page" ]; then echo "usr/share/man/man$section/${page##*/}.gz"; fi
     done
   done
@@ -172,8 +182,11 @@ step_packages() {
   runtime=libisam${soname##*.}
   {
     printf 'usr/bin/%s\n' kestro kestroenv isrecover
-    if [ -x "$build/zentra" ]; then echo usr/bin/zentra; fi
-    pages 1 5 8
+    if [ -x "$build/zentra" ]; then
+      echo usr/bin/zentra
+      printf 'usr/share/%s\n' "${completions[@]}"
+    fi
+    pages 1 5 7 8
   } | holds kestro
   printf '%s\n' "$lib/$soname" "$lib/$version" | holds "$runtime"
   mkdir control

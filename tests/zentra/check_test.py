@@ -340,7 +340,7 @@ class Check(unittest.TestCase):
                             / f'pair{end}', self.folder / (name + end))
         path = os.path.dirname(tools.zentra) + ':' + os.environ['PATH']
         count = 0
-        for page in sorted(MANUAL.glob('zentra*.1')):
+        for page in sorted(MANUAL.glob('zentra*.[17]')):
             for line in re.findall(r'^\$ (.*)$', page.read_text(), re.M):
                 done = subprocess.run(['sh', '-c', line.replace('\\-', '-')], cwd=self.folder,
                                       env={**os.environ, 'PATH': path}, capture_output=True,
