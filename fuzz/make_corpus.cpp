@@ -1,6 +1,6 @@
 // make_corpus: the inputs that fuzzing starts from, one file each: in the folder "pairs" small
 // damaged pairs of many node sizes, fixed and variable in length; in "logs" logs to be replayed; in
-// "listings" logs, error logs and audit trails.
+// "listings" logs, error logs and audit trails; in "layouts" layouts.
 //
 //   make_corpus FOLDER
 #include <array>
@@ -86,6 +86,18 @@ void write_logs(const fs::path& recovery, const fs::path& listings) {
   }
 }
 
+void write_layouts(const fs::path& folder) {
+  fs::create_directories(folder);
+  for (const std::string text :
+       {"# all\nid char 0 8\nname locale next 20 blanks null # comment\nrest bytes next 3\n",
+        "born char 4 10 date DD.MM.YYYY\ndue long next date YYYYMMDD\nday int 0 date since "
+        "1899-12-31\n",
+        "amount long 0 4 decimal 2\nactive char 8 5 boolean \"y #\"\"\" no\nrate double 16 null\n"
+        "share float next\nnotes char tail\n"}) {
+    add_seed(folder, {}, {text.begin(), text.end()});
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -99,6 +111,7 @@ int main(int argc, char** argv) {
     fs::current_path(workplace.path());
     write_pairs(folder / "pairs");
     write_logs(folder / "logs", folder / "listings");
+    write_layouts(folder / "layouts");
     fs::current_path("/");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_corpus: %s\n", error.what());

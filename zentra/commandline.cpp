@@ -69,7 +69,8 @@ void Arguments::choice(const char* name, std::string& to, std::vector<std::strin
 }
 
 void Arguments::text(const char* name, std::string& to, const char* kind, const char* help) {
-  app_.add_option(name, to, help)->type_name(kind);
+  takes_any(app_.add_option(name, to, help));
+  app_.get_option(name)->type_name(kind);
 }
 
 void Arguments::words(const char* name, std::vector<std::string>& to, int most, const char* help) {

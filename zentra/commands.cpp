@@ -7,6 +7,8 @@ constexpr Command kCommands[] = {
     {"check", "find every fault of pairs", "Not one byte of any file is ever changed.",
      prepare_check},
     {"info", "tell what pairs are", "Not one byte of any file is ever changed.", prepare_info},
+    {"layout", "draft the fields of a pair's records", "Not one byte of any file is ever changed.",
+     prepare_layout},
     {"repair", "mend a pair, after a plan and on a copy",
      "Nothing is changed before the plan is confirmed, nor when the result would not check clean. "
      "Of the data file only the states of records that are dropped, and their references.",

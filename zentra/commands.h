@@ -20,6 +20,7 @@ struct Command {
 
 std::function<int()> prepare_check(Arguments& arguments);
 std::function<int()> prepare_info(Arguments& arguments);
+std::function<int()> prepare_layout(Arguments& arguments);
 std::function<int()> prepare_repair(Arguments& arguments);
 std::function<int()> prepare_show(Arguments& arguments);
 std::function<int()> prepare_undo(Arguments& arguments);

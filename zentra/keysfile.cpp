@@ -1,6 +1,5 @@
 #include "zentra/keysfile.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -14,7 +13,6 @@
 
 #include "checker/checks.h"
 #include "checker/driver.h"
-#include "common/holders.h"
 #include "common/number.h"
 #include "isam/base/errors.h"
 #include "isam/keys/keychain.h"
@@ -22,6 +20,7 @@
 #include "zentra/newkeys.h"
 #include "zentra/readpair.h"
 #include "zentra/text.h"
+#include "zentra/textfile.h"
 
 namespace zentra {
 namespace {
@@ -139,23 +138,6 @@ NewKeys refused(std::string why, Status status = Status::kUnfinished) {
   return {.keys = {}, .why = std::move(why), .status = status};
 }
 
-// The bytes of a regular file; none: errno tells why.
-std::optional<std::string> contents(const std::string& path) {
-  const common::FileHold file{common::open_file(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY)};
-  struct stat status {};
-  if (!file || common::system_calls().fstat(file.get(), &status) != 0) return {};
-  if (!S_ISREG(status.st_mode) || status.st_size > kMostBytes) {
-    errno = S_ISREG(status.st_mode) ? EFBIG : EINVAL;
-    return {};
-  }
-  std::string text(static_cast<std::size_t>(status.st_size), '\0');
-  const ssize_t got =
-      common::read_at(file.get(), {reinterpret_cast<isam::Byte*>(text.data()), text.size()}, 0);
-  if (got < 0) return {};
-  text.resize(static_cast<std::size_t>(got));
-  return text;
-}
-
 // Hears a check without a word.
 class Silent : public checker::Listener {
  public:
@@ -186,7 +168,7 @@ std::string line_of(const keydescr& k) {
 }
 
 NewKeys keys_of_file(const std::string& path) {
-  const auto text = contents(path);
+  const auto text = contents_of(path, kMostBytes);
   if (!text) return refused(fmt::format("{}: {}", shown(path), std::strerror(errno)));
   NewKeys found;
   std::vector<int> lines;  // where each stands

@@ -113,6 +113,17 @@ bool ReadPair::load() {
   return true;
 }
 
+bool ReadPair::take_geometry() {
+  isam::Geometry& geometry = isam::filep->geometry;
+  geometry.idxsize = isam::dictp->d_idxsize();
+  geometry.reclen = isam::dictp->d_recsize();
+  geometry.maxreclen = isam::dictp->d_maxrecsize();
+  geometry.varlen = geometry.maxreclen != 0;
+  if (!geometry.varlen) geometry.maxreclen = geometry.reclen;
+  const bool is_usable = geometry.reclen > 0 && geometry.maxreclen >= geometry.reclen;
+  return is_usable || refuse(Status::kNeedsSalvage, "the dictionary tells no record length");
+}
+
 void ReadPair::let_go() {
   isam::lkunwatch();
   released_ = steady_clock::now();

@@ -35,6 +35,9 @@ class ReadPair {
                           Look look = Look::kAll);
   // Reads the dictionary: false where there is none.
   [[nodiscard]] bool load();
+  // Takes the lengths of nodes and records from the dictionary, for who looks at single ones
+  // without a check: false where it tells none.
+  [[nodiscard]] bool take_geometry();
   // Releases the lock, once it is not needed any more; the files stay open.
   void let_go();
   void close();

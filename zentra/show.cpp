@@ -91,17 +91,6 @@ std::vector<keydescr> indexes_of_pair() {
   return indexes;
 }
 
-// Whether the lengths are such that nodes and records can be found.
-Refused take_geometry() {
-  filep->geometry.idxsize = dictp->d_idxsize();
-  filep->geometry.reclen = dictp->d_recsize();
-  filep->geometry.maxreclen = dictp->d_maxrecsize();
-  filep->geometry.varlen = filep->geometry.maxreclen != 0;
-  if (!filep->geometry.varlen) filep->geometry.maxreclen = filep->geometry.reclen;
-  if (filep->geometry.reclen > 0 && filep->geometry.maxreclen > 0) return {};
-  return Refusal{Status::kNeedsSalvage, "the dictionary tells no record length"};
-}
-
 std::optional<std::int64_t> number_in(const std::string& text) {
   std::int64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -123,7 +112,6 @@ Refused show_dictionary(Report& report) {
 }
 
 Refused show_record(Report& report, std::int64_t number) {
-  if (auto refused = take_geometry()) return refused;
   if (number < 1 || number > INT32_MAX) return Refusal{Status::kUnfinished, "no record number"};
   const auto record = static_cast<std::int32_t>(number);
   std::vector<isam::Byte> bytes(static_cast<std::size_t>(isam::slot_size()));
@@ -214,7 +202,6 @@ bool walk_tree(checker::Listener& listener, int n, const keydescr& k) {
 }
 
 Refused show_node(Report& report, std::int64_t number) {
-  if (auto refused = take_geometry()) return refused;
   std::vector<isam::Byte> bytes(static_cast<std::size_t>(isam::node_size()));
   const std::int64_t offset = (number - 1) * isam::node_size();
   const bool is_there = number >= 1 && number <= INT32_MAX &&
@@ -242,7 +229,6 @@ Refused show_node(Report& report, std::int64_t number) {
 }
 
 Refused show_key(Report& report, std::int64_t index, const std::string& value) {
-  if (auto refused = take_geometry()) return refused;
   const std::vector<keydescr> indexes = indexes_of_pair();
   if (index < 1 || index > std::ssize(indexes) ||
       indexes[static_cast<std::size_t>(index - 1)].nparts == 0) {
@@ -271,7 +257,7 @@ Refused show(const ShowOptions& options, Report& report) {
 Outcome show_pair(const ShowOptions& options, const std::string& name, Report& report) {
   ReadPair pair;
   const bool open = pair.open(name, as_time(options.wait), ReadPair::Look::kLittle) &&
-                    (options.what == "dictionary" || pair.load());
+                    (options.what == "dictionary" || (pair.load() && pair.take_geometry()));
   Refused refused;
   if (!open) {
     refused = Refusal{pair.status(), pair.why()};

@@ -208,6 +208,30 @@ class Check(unittest.TestCase):
         for name in 'header-magic', 'index-empty':
             self.assertEqual(run('show', 'pair', 'dictionary', folder=self.all / name).returncode, 0)
 
+    def test_layouts(self):
+        shutil.copy(self.all / 'sound-varying/pair.idx', self.folder)
+        shutil.copy(self.all / 'sound-varying/pair.dat', self.folder)
+        before = files_of(self.folder)
+        draft = run('layout', 'pair', folder=self.folder)
+        self.assertEqual(draft.returncode, 0)
+        self.assertRegex(draft.stdout, rb'(?m)^char_0 +char +0 +12 +# index 1$')
+        self.assertRegex(draft.stdout, rb'(?m)^tail +char +tail +# guess: text$')
+        self.assertEqual(files_of(self.folder), before)
+        for text, wrong in ((draft.stdout, b''), (b'a char 0 8\nb char 4 8\n', b'mine:2: shares'),
+                            (b'a char 0 999', b'mine:1: ends at byte 999'), (None, b'mine: No such')):
+            (self.folder / 'mine').unlink(missing_ok=True)
+            if text is not None:
+                (self.folder / 'mine').write_bytes(text)
+            done = run('layout', '--layout', 'mine', 'pair', folder=self.folder)
+            self.assertEqual(done.returncode, 4 if wrong else 0, done)
+            self.assertTrue(done.stderr.startswith(b'zentra: ' * bool(wrong) + wrong), done)
+        *_, end = report_of('layout', 'pair', folder=self.folder)[1]
+        self.assertEqual(end['verdict'], 'done')
+        for folder in self.all.iterdir():  # damaged as they may be
+            done = run('layout', '--wait', '0', 'pair', folder=folder)
+            self.assertIn(done.returncode, (0, 2, 3, 4))
+            self.assertEqual(done.returncode == 0, not done.stderr)
+
     def test_locks(self):
         for place in OPEN_LOCK, SEMAPHORE:
             file = self.lock(place)
