@@ -12,6 +12,7 @@
 #include "checker/checks.h"
 #include "isam/base/format.h"
 #include "isam/keys/keys.h"
+#include "tests/support/pair_builder.h"
 #include "tests/support/run_program.h"
 #include "zentra/keysfile.h"
 #include "zentra/proposekeys.h"
@@ -77,7 +78,8 @@ TEST_F(NewKeys, OfAFileThatIsWrongAreRefusedByItsLine) {
 
 // ---- From trees.
 
-constexpr int kLength = 96;  // of records
+constexpr int kLength = 96;    // of records
+constexpr int kLongest = 300;  // variable part
 constexpr int kNodeSize = 1024;
 constexpr int kTypes[] = {KT_CHAR,  KT_INT,    KT_LONG,  KT_DOUBLE,
                           KT_FLOAT, KT_LOCALE, KT_COLL1, KT_COLL3};
@@ -153,15 +155,19 @@ void fill(std::vector<char>& record, const std::vector<keydescr>& keys, int kind
 // A pair of these keys, as the library takes them with their roots.
 std::vector<keydescr> make_pair(const std::string& name, std::vector<keydescr> keys, int records,
                                 int kind, std::mt19937& random) {
-  const int isfd = ::isbuild(name.c_str(), kLength, keys.data(), ISINOUT + ISEXCLLOCK);
+  const bool varies = random() % 3 == 0;
+  ::isreclen = kLength;
+  const int isfd = ::isbuild(name.c_str(), kLength + (varies ? kLongest : 0), keys.data(),
+                             ISINOUT + ISEXCLLOCK + (varies ? ISVARLEN : 0));
   EXPECT_GE(isfd, 0) << iserrno;
-  std::vector<char> record(kLength + 1);
+  std::vector<char> record(kLength + kLongest + 1);
   for (std::size_t i = 1; i < keys.size(); ++i) {
     if (::isaddindex(isfd, &keys[i]) != 0) keys[i].nparts = 0;
   }
   std::erase_if(keys, [](const keydescr& k) { return k.nparts == 0; });
   for (int i = 0; i < records; ++i) {
     fill(record, keys, kind, i, random);
+    ::isreclen = kLength + static_cast<int>(random() % kLongest);
     if (::iswrite(isfd, record.data()) == 0 && random() % 20 == 0) ::isdelrec(isfd, isrecnum);
   }
   for (std::size_t i = 0; i < keys.size(); ++i) {
@@ -241,6 +247,36 @@ TEST_F(NewKeys, OfTreesAreNeverWrongWhereTheyAreCertain) {
   EXPECT_GT(found, all * 95 / 100);
   EXPECT_GT(right, all / 4);
   EXPECT_GT(certain, 10);
+}
+
+// Pairs that the library does not make, with other nodes and duplicate numbers.
+TEST_F(NewKeys, OfTreesInOtherNodesAreFound) {
+  int right = 0;
+  for (const int node_size : {128, 256, 700, 1025}) {
+    PairSpec spec = mixed_spec(node_size, 600, static_cast<std::uint32_t>(node_size));
+    spec.dup_width = node_size > 256 ? 4 : 2;
+    spec.scatter = node_size == 256;
+    spec.fill = 0.7;
+    const BuiltPair built = build_pair(spec, pair_);
+    lose_descriptions(pair_);
+    std::int64_t records = 0;
+    const auto all = proposed(pair_, records);
+    EXPECT_EQ(records, spec.records - std::ssize(spec.deleted));
+    EXPECT_EQ(all.size(), built.indexes.size()) << node_size;
+    for (const auto& [root, guess] : all) {
+      const auto own = std::ranges::find(built.indexes, root, &BuiltIndex::root);
+      ASSERT_NE(own, built.indexes.end());
+      const KeySpec& key = spec.keys[static_cast<std::size_t>(own - built.indexes.begin())];
+      const bool is_right =
+          std::equal(key.parts.begin(), key.parts.end(), guess.key.part,
+                     guess.key.part + guess.key.nparts, [](const PartSpec& a, const keypart& b) {
+                       return a.start == b.start && a.length == b.length && a.type == b.type;
+                     });
+      EXPECT_TRUE(is_right || !guess.is_certain) << line_of(guess.key);
+      right += is_right ? 1 : 0;
+    }
+  }
+  EXPECT_GE(right, 12);  // of 20
 }
 
 constexpr keydescr kOrders[] = {
