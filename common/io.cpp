@@ -17,6 +17,10 @@
 namespace common {
 namespace {
 
+constexpr std::int64_t kPiece = std::int64_t{16} << 10;
+
+std::int64_t end_of_piece(std::int64_t offset) { return (offset / kPiece + 1) * kPiece; }
+
 int real_open(const char* path, int flags, mode_t permissions) {
   return ::open(path, flags, permissions);
 }
@@ -104,6 +108,18 @@ ssize_t read_at(int fd, Bytes to, std::int64_t offset) {
     done += static_cast<std::size_t>(got);
   }
   return static_cast<ssize_t>(done);
+}
+
+int write_in_pieces(int fd, ConstBytes from, std::int64_t offset) {
+  while (!from.empty()) {
+    const auto left = static_cast<std::int64_t>(from.size());
+    const std::int64_t count = std::min(left, end_of_piece(offset) - offset);
+    const auto part = static_cast<std::size_t>(count);
+    if (write_at(fd, from.first(part), offset) != 0) return -1;
+    from = from.subspan(part);
+    offset += count;
+  }
+  return 0;
 }
 
 int write_at(int fd, ConstBytes from, std::int64_t offset) {

@@ -61,6 +61,9 @@ void close_file(int fd);
 
 // 0, or -1 with errno when not every byte could be written.
 [[nodiscard]] int write_at(int fd, ConstBytes from, std::int64_t offset);
+// The same, in pieces of 16 KiB: what comes in larger ones the system may keep in larger pages, in
+// which each small write after that costs several times as much.
+[[nodiscard]] int write_in_pieces(int fd, ConstBytes from, std::int64_t offset);
 
 // Writes zero bytes from `from` up to `to`: 0, or -1 with errno and some of them perhaps written.
 [[nodiscard]] int write_zeros(int fd, std::int64_t from, std::int64_t to);

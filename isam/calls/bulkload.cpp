@@ -29,7 +29,7 @@ int failed_on(FileKind kind, Operation operation) { return failed_system(errno, 
 
 int write(FileKind kind, ConstBytes bytes, std::int64_t offset) {
   const int fd = kind == FileKind::kIndex ? filep->index.fd : filep->data.fd;
-  return common::write_at(fd, bytes, offset) == 0 ? 0 : failed_on(kind, Operation::kWrite);
+  return common::write_in_pieces(fd, bytes, offset) == 0 ? 0 : failed_on(kind, Operation::kWrite);
 }
 
 // All that is asked for, or -1 with iserrno.

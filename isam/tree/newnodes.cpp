@@ -56,7 +56,7 @@ int NewNodes::flush() {
   if (buffer_.empty()) return 0;
   const std::int64_t offset = std::int64_t{buffered_ - 1} * node_size();
   last_written_ = std::max(last_written_, last());
-  if (common::write_at(filep->index.fd, buffer_, offset) != 0) {
+  if (common::write_in_pieces(filep->index.fd, buffer_, offset) != 0) {
     return failed_system(errno, Operation::kWrite, FileKind::kIndex);
   }
   buffer_.clear();
