@@ -34,6 +34,7 @@ std::vector<std::string> names_of(const std::vector<Taken>& taken) {
 
 std::vector<std::string> names_of(const std::vector<CommandWords>& commands) {
   std::vector<std::string> names;
+  names.reserve(commands.size());
   for (const CommandWords& command : commands) names.push_back(command.name);
   return names;
 }
