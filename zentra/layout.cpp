@@ -112,6 +112,7 @@ struct Refusal {
 std::vector<std::string> shown_all(const std::vector<layout::Problem>& problems,
                                    const std::string& file) {
   std::vector<std::string> lines;
+  lines.reserve(problems.size());
   for (const layout::Problem& problem : problems) {
     lines.push_back(layout::shown(problem, shown(file)));
   }
