@@ -147,6 +147,7 @@ bool Mending::approves() {
   if (whole && collector.status() == Status::kSound) {
     const checker::Summary summary = checker::summary_of(check);
     totals_ = {{"records", std::int64_t{summary.records_used}},
+               {"indexes", std::int64_t{collector.indexes()}},
                {"nodes", std::int64_t{summary.nodes_used}}};
     return true;
   }

@@ -10,7 +10,9 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <sstream>
 #include <thread>
+#include <utility>
 
 #include "checker/checks.h"
 #include "isam/base/current.h"
@@ -19,6 +21,7 @@
 #include "zentra/commands.h"
 #include "zentra/deep.h"
 #include "zentra/mending.h"
+#include "zentra/newkeys.h"
 #include "zentra/pairnames.h"
 #include "zentra/pairrunner.h"
 #include "zentra/progress.h"
@@ -38,7 +41,10 @@ struct RepairOptions {
   bool json = false;
   double wait = 10;
   std::string variable;
+  std::string keys_file;
+  std::string like;
   std::string name;
+  std::vector<keydescr> keys{};  // of that file or pair
 
   [[nodiscard]] std::chrono::milliseconds waits() const {
     return std::chrono::milliseconds(static_cast<std::int64_t>(wait * 1000));
@@ -57,6 +63,24 @@ struct Look {
   Fields fields;
   Plan plan;
 };
+
+// Where a pair has lost its descriptions: what the trees tell of them.
+PlanOptions plan_options(const RepairOptions& options, const checker::Check& check, bool are_lost,
+                         Report& report) {
+  PlanOptions how{.lost_part = options.lost_part(), .keys = options.keys};
+  if (!are_lost || !options.keys.empty()) return how;
+  ProposedKeys proposed = propose_keys(check);
+  isam::clear_errors();
+  how.has_proposal = !proposed.keys.empty();
+  std::istringstream lines(proposed.text);
+  for (std::string line; how.has_proposal && std::getline(lines, line);) {
+    report.entry({.kind = Entry::Kind::kNote, .code = "repair.proposed-keys", .text = line});
+  }
+  if (!options.force) return how;
+  how.keys = std::move(proposed.keys);
+  how.are_proposed = true;
+  return how;
+}
 
 // Behind a check that stopped early: looks at the records all the same.
 void look_at_records(checker::Check& check, DeepCollector& collector) {
@@ -95,7 +119,8 @@ Look look_at(const RepairOptions& options, Report& report) {
   look.fields = {{"findings", look.findings}};
   const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
   if (look.status == Status::kDamaged || look.status == Status::kNeedsSalvage) {
-    const PlanOptions how{.lost_part = options.lost_part(), .keys = {}, .force = options.force};
+    const bool are_lost = check.sized && (!whole || notes.has("descriptions.none"));
+    const PlanOptions how = plan_options(options, check, are_lost, report);
     look.plan = make_plan(check, notes, how, whole, seconds);
     look.why = look.plan.hopeless;
   } else if (look.status != Status::kSound) {
@@ -177,7 +202,15 @@ Outcome conclude(const Mending& mending, const Look& look, const std::string& na
   return {.status = Status::kSound, .findings = look.findings};
 }
 
-Outcome repair_pair(const RepairOptions& options, Report& report) {
+Outcome repair_pair(RepairOptions options, Report& report) {
+  if (!options.keys_file.empty() || !options.like.empty()) {
+    NewKeys keys = options.like.empty() ? keys_of_file(options.keys_file) : keys_like(options.like);
+    if (!keys.why.empty()) {
+      report.pair_ends(keys.status, "not repaired: " + keys.why, {});
+      return {.status = keys.status};
+    }
+    options.keys = std::move(keys.keys);
+  }
   Look look;
   with_output_held([&] {
     look = look_at(options, report);
@@ -204,10 +237,17 @@ std::function<int()> prepare_repair(Arguments& arguments) {
   arguments.flag("--force", options->force, "repair even what makes the plan implausible");
   arguments.choice("--variable", options->variable, {"keep", "drop"},
                    "records whose variable part is lost: keep them without it, or drop them");
+  arguments.text("--keys", options->keys_file, "FILE",
+                 "descriptions of its indexes; zentra-keys(5)");
+  arguments.text("--like", options->like, "PAIR", "take the descriptions of this pair");
   arguments.json(options->json);
   arguments.wait(options->wait);
   arguments.pair(options->name);
   return [options] {
+    if (!options->keys_file.empty() && !options->like.empty()) {
+      std::fputs("zentra: --keys and --like exclude each other\n", stderr);
+      return kUsage;
+    }
     return run_pairs({.command = "repair",
                       .json = options->json,
                       .pairs = pairs_named({options->name}),
@@ -216,7 +256,7 @@ std::function<int()> prepare_repair(Arguments& arguments) {
                       .work = [&](const std::string& name, Report& report) {
                         RepairOptions own = *options;
                         own.name = name;
-                        return repair_pair(own, report);
+                        return repair_pair(std::move(own), report);
                       }});
   };
 }

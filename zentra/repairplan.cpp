@@ -89,11 +89,13 @@ class Planner {
     const bool unreadable = !whole_ || notes_.has("descriptions.none");
     if (!options_.keys.empty()) {
       take_given_keys();
-      if (!unreadable) implausible("the pair has descriptions that can be read");
+      const bool are_whole = !unreadable && !notes_.has("descriptions.count");
+      if (are_whole) implausible("the pair has descriptions that can be read");
       return;
     }
     if (unreadable) {
       plan_.hopeless = "its descriptions of indexes cannot be read; --keys or --like gives others";
+      if (options_.has_proposal) plan_.hopeless += ", --force takes those proposed";
     }
     const std::int64_t told = notes_.value("descriptions.count", "found");
     const std::int64_t counted = notes_.value("descriptions.count", "expected");
@@ -117,8 +119,8 @@ class Planner {
       return;
     }
     step("repair.descriptions",
-         fmt::format("the descriptions of {} index(es) that were given are written",
-                     plan_.keys.size()));
+         fmt::format("the descriptions of {} index(es) that were {} are written", plan_.keys.size(),
+                     options_.are_proposed ? "found in the trees" : "given"));
   }
 
   void plan_dictionary() {

@@ -26,8 +26,9 @@ enum class LostPart : std::uint8_t { kNotSaid, kKeep, kDrop };
 
 struct PlanOptions {
   LostPart lost_part = LostPart::kNotSaid;
-  std::vector<keydescr> keys;  // that the operator gives; empty: none
-  bool force = false;
+  std::vector<keydescr> keys{};  // to be written; empty: none
+  bool are_proposed = false;     // they were found in the trees, not given
+  bool has_proposal = false;     // there are such, but they are not to be written
 };
 
 // How the files were when the plan was made.

@@ -87,7 +87,10 @@ int write_keys(const std::vector<keydescr>& keys) {
   dictp->set_d_nkeys(static_cast<int>(keys.size()));
   dictp->set_d_nextnode(nodes.last());
   isam::dictmodify();
-  return name_locale(keys);
+  if (name_locale(keys) != 0) return -1;
+  // Where the file ended before the checks, they would take these nodes for missing.
+  isam::bfflush(*filep);
+  return iserrno != 0 || filep->unwritten.failed.error != 0 ? -1 : 0;
 }
 
 }  // namespace zentra

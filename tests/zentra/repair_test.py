@@ -23,6 +23,8 @@ REFUSED = {'header-magic': '!', 'descriptions-zeroed': '--keys', 'data-cut': '--
 # How many records go to the losses, by reason, and what the plan does besides.
 LOSSES = {'record-keys-equal': {'index.keys-equal': 2}, 'record-state-unknown': {'record.state': 1},
           'storage-slot-length': {'record.unreadable': 1}, 'big-leaf': {}}
+LOST_DESCRIPTIONS = ['descriptions-zeroed', 'descriptions-loop', 'description-size-zero',
+                     'header-key-node-beyond', 'header-key-node-leaf', 'kept']
 # The reader of pairs looks at levels of upper nodes, which nobody else does.
 OTHER_SENSE = {'root-level-high'}
 
@@ -130,6 +132,31 @@ class Repair(unittest.TestCase):
                 self.assertUnchanged()
                 if word != '!':
                     self.assertIn(word, lines_of(done)[-2]['message'])
+
+    def test_lost_descriptions_come_from_elsewhere(self):
+        like = {'.dat': self.all / 'sound-fixed' / 'pair'}
+        lines = ('0,12,char', '12,4,long,dups')
+        for name in LOST_DESCRIPTIONS:
+            for words in (['--like', like['.dat']], ['--keys', 'lines'], ['--force']):
+                with self.subTest(name, words=words):
+                    self.take(name)
+                    _, before = self.records()
+                    (self.folder / 'lines').write_text('\n'.join(lines))
+                    done = self.repair('-y', *words)
+                    if words == ['--force'] and done.returncode == 2:
+                        self.assertUnchanged('lines')
+                        continue
+                    self.assertEqual(done.returncode, 0, done)
+                    (self.folder / 'lines').unlink()
+                    self.assertHealed(before)
+                    indexes = lines_of(done)[-2]['indexes']
+                    self.assertEqual(indexes, {'--like': 5, '--keys': 2}.get(words[0], indexes))
+                    self.assertUndone()
+        self.take('sound-fixed')
+        for words in (['--like', 'none'], ['--keys', 'none']):
+            self.assertEqual(self.repair('-y', *words).returncode, 4)
+        self.assertEqual(zentra('repair', '--like', 'a', '--keys', 'b', 'pair',
+                                folder=self.folder).returncode, 16)
 
     def test_losses_tell_what_was_dropped(self):
         for name, reasons in LOSSES.items():
