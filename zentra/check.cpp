@@ -45,7 +45,9 @@ std::string sentence(const Collector& collector) {
   const auto& beyond = collector.beyond_kestro();
   if (collector.status() != Status::kDamaged) return sentence(collector.status());
   if (!beyond.empty()) {
-    return fmt::format("damaged, in part beyond what kestro heals ({})", fmt::join(beyond, ", "));
+    return fmt::format(
+        "damaged, in part beyond what kestro heals ({}); zentra repair tells what it would do",
+        fmt::join(beyond, ", "));
   }
   return sentence(Status::kDamaged) +
          (collector.may_have_equal_keys()

@@ -119,7 +119,7 @@ Look look_at(const RepairOptions& options, Report& report) {
   look.fields = {{"findings", look.findings}};
   const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
   if (look.status == Status::kDamaged || look.status == Status::kNeedsSalvage) {
-    const bool are_lost = check.sized && (!whole || notes.has("descriptions.none"));
+    const bool are_lost = check.sized && descriptions_are_lost(notes);
     const PlanOptions how = plan_options(options, check, are_lost, report);
     look.plan = make_plan(check, notes, how, whole, seconds);
     look.why = look.plan.hopeless;

@@ -28,6 +28,7 @@ constexpr int kAllTheSame = 2;  // checks that a repair makes besides, of the co
 
 // Codes that say how little is known of the pair, in whose face nothing can be made.
 constexpr std::array kHopeless = {"pair.none",
+                                  "pair.other-collation",
                                   "dictionary.magic",
                                   "dictionary.node-size",
                                   "dictionary.record-size",
@@ -69,7 +70,8 @@ class Planner {
     for (const char* code : kHopeless) {
       if (notes_.has(code)) plan_.hopeless = notes_.text(code);
     }
-    if (!check_.sized && plan_.hopeless.empty()) plan_.hopeless = notes_.first();
+    const bool goes_on = check_.sized && (whole_ || descriptions_are_lost(notes_));
+    if (!goes_on && plan_.hopeless.empty()) plan_.hopeless = notes_.first();
   }
 
   void plan_geometry() {
@@ -86,7 +88,7 @@ class Planner {
   }
 
   void plan_descriptions() {
-    const bool unreadable = !whole_ || notes_.has("descriptions.none");
+    const bool unreadable = descriptions_are_lost(notes_);
     if (!options_.keys.empty()) {
       take_given_keys();
       const bool are_whole = !unreadable && !notes_.has("descriptions.count");
@@ -314,6 +316,12 @@ std::optional<Seen> see(int index_fd) {
   const auto data = file_seen(filep->data.fd);
   if (!index || !data) return {};
   return Seen{*index, *data, dictp->d_modcount()};
+}
+
+bool descriptions_are_lost(const Notes& notes) {
+  constexpr std::array kLost = {"descriptions.node-bad", "descriptions.node-duplicate",
+                                "descriptions.malformed", "descriptions.none"};
+  return std::ranges::any_of(kLost, [&](const char* code) { return notes.has(code); });
 }
 
 Plan make_plan(const checker::Check& check, const Notes& notes, const PlanOptions& options,

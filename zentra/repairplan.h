@@ -72,6 +72,9 @@ struct Plan {
   [[nodiscard]] bool remakes_all() const { return !keys.empty() || duplicate_width != 0; }
 };
 
+// Whether the check has found that the descriptions of the indexes cannot be read.
+[[nodiscard]] bool descriptions_are_lost(const Notes& notes);
+
 // `whole`: the check came to its end, in `seconds`.
 [[nodiscard]] Plan make_plan(const checker::Check& check, const Notes& notes,
                              const PlanOptions& options, bool whole, double seconds);
