@@ -27,14 +27,10 @@ constexpr int kFewShown = 10;   // records of a step that are named
 constexpr int kAllTheSame = 2;  // checks that a repair makes besides, of the copy and of its result
 
 // Codes that say how little is known of the pair, in whose face nothing can be made.
-constexpr std::array kHopeless = {"pair.none",
-                                  "pair.other-collation",
-                                  "dictionary.magic",
-                                  "dictionary.node-size",
-                                  "dictionary.record-size",
-                                  "dictionary.maximum-size",
-                                  "dictionary.maximum-below-minimum",
-                                  "dictionary.lock-method"};
+using checker::Code;
+constexpr std::array kHopeless = {
+    Code::kOtherCollation, Code::kBadMagic,        Code::kBadNodeSize,    Code::kBadRecordSize,
+    Code::kBadMaximumSize, Code::kMaximumTooSmall, Code::kOtherLockMethod};
 
 class Planner {
  public:
@@ -67,8 +63,9 @@ class Planner {
   void implausible(std::string why) { plan_.implausible.push_back(std::move(why)); }
 
   void find_hopeless() {
-    for (const char* code : kHopeless) {
-      if (notes_.has(code)) plan_.hopeless = notes_.text(code);
+    for (const Code code : kHopeless) {
+      const char* const name = checker::text_of(code).code;
+      if (notes_.has(name)) plan_.hopeless = notes_.text(name);
     }
     const bool goes_on = check_.sized && (whole_ || descriptions_are_lost(notes_));
     if (!goes_on && plan_.hopeless.empty()) plan_.hopeless = notes_.first();
@@ -319,9 +316,10 @@ std::optional<Seen> see(int index_fd) {
 }
 
 bool descriptions_are_lost(const Notes& notes) {
-  constexpr std::array kLost = {"descriptions.node-bad", "descriptions.node-duplicate",
-                                "descriptions.malformed", "descriptions.none"};
-  return std::ranges::any_of(kLost, [&](const char* code) { return notes.has(code); });
+  constexpr std::array kLost = {Code::kKeyNodeBad, Code::kKeyNodeDuplicate,
+                                Code::kBadKeyDescription, Code::kNoKeyDescription};
+  return std::ranges::any_of(kLost,
+                             [&](Code code) { return notes.has(checker::text_of(code).code); });
 }
 
 Plan make_plan(const checker::Check& check, const Notes& notes, const PlanOptions& options,
