@@ -44,7 +44,10 @@ IndexVerdict ask_about_bad_index(Check& check, std::int32_t root) {
   if (!check.ask(Question::kDeleteIndex)) return IndexVerdict::kKeep;
   check.idxmap2.clrmap();
   if (!check.ask(Question::kRemakeIndex)) return IndexVerdict::kDelete;
-  if (root >= 1 && root <= check.idxlast) check.idxmap2.set_bit(root);
+  // A root that may hold bytes of records gives way to a fresh one. Without a supervisor it is left
+  // for the next run to free.
+  const bool gives_way = check.supervisor != nullptr && holds_parts(root);
+  if (root >= 1 && root <= check.idxlast && !gives_way) check.idxmap2.set_bit(root);
   return IndexVerdict::kRemake;
 }
 

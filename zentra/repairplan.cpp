@@ -258,7 +258,9 @@ class Planner {
     const bool remakes = !plan_.indexes.empty() || plan_.remakes_all();
     const bool drops = count_dropped() > 0;
     plan_.record_list = notes_.has_any("record-list.", 0) || drops || plan_.record_length != 0;
-    plan_.node_list = notes_.has_any("node-list.", 0) || remakes || plan_.record_list;
+    // A node that cannot be read is cut off from what names it when this list is made anew.
+    plan_.node_list = notes_.has_any("node-list.", 0) || notes_.has("library.error") || remakes ||
+                      plan_.record_list;
     plan_.storage_lists =
         notes_.has_any("storage.", 0) || (filep->geometry.varlen && !plan_.changes.empty());
     if (plan_.storage_lists) {
