@@ -1,6 +1,7 @@
 #include "zentra/badrecords.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <vector>
 
@@ -30,9 +31,16 @@ std::int32_t reference_of(isam::ConstBytes trailer) {
   return common::ldlong(trailer.data() + isam::kTrailerReference);
 }
 
+enum class Part : std::uint8_t { kWhole, kLost, kNotKnown };
+
+// Of the library's current error: the errno if it is the system's, else 0.
+int system_error() {
+  if (!checker::is_of_system(iserrno)) return 0;
+  return iserrno == isam::kNoMemory ? ENOMEM : iserrno;
+}
+
 // Whether every piece is where a program that reads, changes or deletes the record looks for it.
-bool has_whole_part(std::int32_t record, isam::ConstBytes trailer, isam::Bytes buffer) {
-  const isam::KeepError keep;
+bool can_be_read(std::int32_t record, isam::ConstBytes trailer, isam::Bytes buffer) {
   isam::PieceChain chain{reference_of(trailer)};
   while (chain.pointer() != 0) {
     if (chain.is_too_long()) return false;
@@ -42,13 +50,23 @@ bool has_whole_part(std::int32_t record, isam::ConstBytes trailer, isam::Bytes b
   return isam::dataread(record, buffer) > 0;
 }
 
+// Not known, with errno, where the system did not let it be read: the part may be whole.
+Part part_of(std::int32_t record, isam::ConstBytes trailer, isam::Bytes buffer) {
+  const isam::KeepError keep;
+  isam::clear_errors();
+  if (can_be_read(record, trailer, buffer)) return Part::kWhole;
+  if (system_error() == 0) return Part::kLost;
+  errno = system_error();
+  return Part::kNotKnown;
+}
+
 // The slots of the data file one after the other.
 class Slots {
  public:
   explicit Slots(std::int32_t last)
       : last_(last), bytes_(kPiece / slot() * slot() + (kPiece < slot() ? slot() : 0)) {}
 
-  // The slot of a record; empty when it cannot be read. Valid until the next call.
+  // The slot of a record; empty, with errno, when it cannot be read. Valid until the next call.
   [[nodiscard]] isam::ConstBytes of(std::int32_t record) {
     const auto at = static_cast<std::size_t>(record - first_) * slot();
     if (first_ != 0 && at + slot() <= got_) return isam::ConstBytes{bytes_}.subspan(at, slot());
@@ -58,7 +76,9 @@ class Slots {
     const std::int64_t offset = std::int64_t{record - 1} * isam::slot_size();
     const ssize_t got = common::read_at(filep->data.fd, room, offset);
     got_ = static_cast<std::size_t>(std::max<ssize_t>(got, 0));
-    return got_ < slot() ? isam::ConstBytes{} : isam::ConstBytes{bytes_}.first(slot());
+    if (got_ >= slot()) return isam::ConstBytes{bytes_}.first(slot());
+    if (got >= 0) errno = EIO;  // the file has become shorter
+    return {};
   }
 
  private:
@@ -82,17 +102,21 @@ int trailer_size() { return filep->geometry.varlen ? isam::kVariableTrailer : is
 bool read_slot(std::int32_t record, isam::Bytes fixed, isam::Bytes trailer) {
   const std::int64_t offset = std::int64_t{record - 1} * isam::slot_size();
   const auto whole = [](isam::Bytes to, std::int64_t at) {
-    return common::read_at(filep->data.fd, to, at) == static_cast<ssize_t>(to.size());
+    const ssize_t got = common::read_at(filep->data.fd, to, at);
+    if (got == static_cast<ssize_t>(to.size())) return true;
+    if (got >= 0) errno = EIO;  // the file has become shorter
+    return false;
   };
   return whole(fixed, offset) && whole(trailer, offset + filep->geometry.reclen);
 }
 
-std::string variable_part(isam::ConstBytes trailer) {
-  if (!filep->geometry.varlen) return {};
+int variable_part(isam::ConstBytes trailer, std::string& bytes) {
+  bytes.clear();
+  if (!filep->geometry.varlen) return 0;
   const isam::KeepError keep;
+  isam::clear_errors();
   const int most = filep->geometry.maxreclen - filep->geometry.reclen;
   const auto wanted = static_cast<std::size_t>(std::clamp(length_of(trailer), 0, most));
-  std::string bytes;
   isam::PieceChain chain{reference_of(trailer)};
   while (chain.pointer() != 0 && bytes.size() < wanted) {
     const isam::PageHold page = chain.read();
@@ -103,12 +127,11 @@ std::string variable_part(isam::ConstBytes trailer) {
     if (length > 0) bytes += as_text(isam::ConstBytes{page.bytes()}.subspan(offset, length));
     if (!chain.rprwalk()) break;
   }
-  return bytes;
+  return system_error();
 }
 
-BadRecords find_bad_records(const checker::Check& check, const std::set<std::int32_t>& sharing,
-                            Fate unreadable_fate) {
-  BadRecords bad;
+int find_bad_records(const checker::Check& check, const std::set<std::int32_t>& sharing,
+                     Fate unreadable_fate, BadRecords& bad) {
   const bool varlen = filep->geometry.varlen;
   const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
   std::vector<isam::Byte> buffer(static_cast<std::size_t>(filep->geometry.maxreclen) + 1);
@@ -119,14 +142,16 @@ BadRecords find_bad_records(const checker::Check& check, const std::set<std::int
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
     const isam::ConstBytes slot = slots.of(record);
-    if (slot.empty()) continue;
+    if (slot.empty()) return errno;
     const isam::ConstBytes trailer = slot.subspan(fixed);
     const isam::Byte state = trailer[0];
     if (state == isam::kRecordPresent) {
       if (!varlen) continue;
       if (sharing.contains(record)) bad[record] = {unreadable_fate, kShared};
       if (reference_of(trailer) == 0 && length_of(trailer) == 0) continue;
-      if (!has_whole_part(record, trailer, buffer)) bad[record] = {unreadable_fate, kUnreadable};
+      const Part part = part_of(record, trailer, buffer);
+      if (part == Part::kNotKnown) return errno;
+      if (part == Part::kLost) bad[record] = {unreadable_fate, kUnreadable};
     } else if (locks != nullptr && locks->find(record) != nullptr) {
       continue;  // an open transaction keeps it
     } else if (state != isam::kRecordAbsent) {
@@ -136,10 +161,20 @@ BadRecords find_bad_records(const checker::Check& check, const std::set<std::int
     }
   }
   isam::clear_errors();
-  return bad;
+  return 0;
 }
 
-bool find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& records) {
+bool are_still_unreadable(const BadRecords& records) {
+  std::vector<isam::Byte> trailer(static_cast<std::size_t>(trailer_size()));
+  std::vector<isam::Byte> buffer(static_cast<std::size_t>(filep->geometry.maxreclen) + 1);
+  return std::ranges::all_of(records, [&](const auto& entry) {
+    if (std::string_view{entry.second.why} != kUnreadable) return true;
+    return read_slot(entry.first, {}, trailer) &&
+           part_of(entry.first, trailer, buffer) == Part::kLost;
+  });
+}
+
+int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& records) {
   const auto length = static_cast<std::size_t>(k.keylen);
   const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
   const isam::KeyOrder order{k};
@@ -162,7 +197,8 @@ bool find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords&
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
     const isam::ConstBytes slot = slots.of(record);
-    if (slot.empty() || slot[fixed] != isam::kRecordPresent) continue;
+    if (slot.empty()) return errno;
+    if (slot[fixed] != isam::kRecordPresent) continue;
     const auto at = records.find(record);
     if (at != records.end() && at->second.fate == Fate::kDropped) continue;
     isam::Byte* to = sortable ? key.data() : entry.data();
@@ -173,9 +209,9 @@ bool find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords&
     }
     if (sortable) sort_key.make(key.data(), entry.data());
     common::stlong(record, entry.data() + length);
-    if (sorter.add(entry.data()) != 0) return false;
+    if (sorter.add(entry.data()) != 0) return errno;
   }
-  if (sorter.finish() != 0) return false;
+  if (sorter.finish() != 0) return errno;
   bool any = false;
   while (const isam::Byte* next = sorter.next()) {
     const bool equal = any && (sortable ? std::memcmp(key.data(), next, length) == 0
@@ -184,7 +220,7 @@ bool find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords&
     std::memcpy(key.data(), next, length);
     if (equal) records[common::ldlong(next + length)] = {Fate::kDropped, kEqualKeys};
   }
-  return sorter.error() == 0;
+  return sorter.error();
 }
 
 }  // namespace zentra

@@ -35,23 +35,28 @@ inline constexpr char kReferenceLeft[] = "storage.reference-left";
 inline constexpr char kEqualKeys[] = "index.keys-equal";
 
 // Copies the bytes of a record's slot in front of its trailer, and the trailer, of which a file of
-// fixed length has one byte. False when they cannot be read.
+// fixed length has one byte. False, with errno, when they cannot be read.
 [[nodiscard]] bool read_slot(std::int32_t record, isam::Bytes fixed, isam::Bytes trailer);
 [[nodiscard]] int trailer_size();
 
-// What can be read of a record's variable part, as its trailer tells.
-[[nodiscard]] std::string variable_part(isam::ConstBytes trailer);
+// Gives what can be read of a record's variable part, as its trailer tells: 0, or the errno of what
+// the system did not let it read.
+[[nodiscard]] int variable_part(isam::ConstBytes trailer, std::string& bytes);
 
 // Looks at all slots but those that others have locked: states that are none, variable parts that
 // cannot be read or of which `sharing` are the records, references of absent records.
-// `unreadable_fate`: what becomes of a record whose variable part is lost.
-[[nodiscard]] BadRecords find_bad_records(const checker::Check& check,
-                                          const std::set<std::int32_t>& sharing,
-                                          Fate unreadable_fate);
+// `unreadable_fate`: what becomes of a record whose variable part is lost. 0, or an errno: then it
+// is not known which records are bad.
+[[nodiscard]] int find_bad_records(const checker::Check& check,
+                                   const std::set<std::int32_t>& sharing, Fate unreadable_fate,
+                                   BadRecords& bad);
 
 // Adds the records whose key in this index without duplicates belongs to one with a lower number.
-// False when they could not be sorted.
-[[nodiscard]] bool find_equal_keys(const checker::Check& check, const keydescr& k,
-                                   BadRecords& records);
+// 0, or an errno.
+[[nodiscard]] int find_equal_keys(const checker::Check& check, const keydescr& k,
+                                  BadRecords& records);
+
+// Whether the variable parts that could not be read still cannot: else nothing is to be dropped.
+[[nodiscard]] bool are_still_unreadable(const BadRecords& records);
 
 }  // namespace zentra

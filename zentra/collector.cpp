@@ -73,7 +73,17 @@ void Collector::found(const checker::Finding& finding) {
 }
 
 void Collector::failed(std::int32_t code, std::int32_t place) {
+  is_unfinished_ = is_unfinished_ || checker::is_of_system(code);
   add(checker::entry_of_failure(code, place));
+}
+
+void Collector::unfinished(std::int32_t system_error) {
+  if (!is_unfinished_) failed(system_error, 0);
+}
+
+void Collector::pass_over_error() {
+  if (checker::is_of_system(iserrno)) unfinished(iserrno);
+  isam::clear_errors();
 }
 
 void Collector::detail(const checker::Detail& detail) {

@@ -32,6 +32,11 @@ class Collector : public checker::Listener {
 
   // What is found. `heals`: kestro offers to heal it.
   void add(const Entry& entry, bool heals = false);
+  // Tells an error of the system, unless one is told already: the check has not come to its end.
+  void unfinished(std::int32_t system_error);
+  // Clears the library's current error. One that is about the files is found already; one of the
+  // system makes the check unfinished.
+  void pass_over_error();
   // Tells what open transactions keep back.
   void tell_kept();
 
@@ -48,6 +53,7 @@ class Collector : public checker::Listener {
   isam::RecordLocks locks_;
   Status status_ = Status::kSound;
   std::int64_t findings_ = 0;
+  bool is_unfinished_ = false;
   int indexes_ = 0;
   std::set<std::string> beyond_;
   bool is_unique_ = false;  // the index under way

@@ -51,19 +51,31 @@ std::int64_t DeepCollector::most_items() const {
   return most;
 }
 
-bool check_whole(checker::Check& check, DeepCollector* deep, const std::function<void()>& lets_go) {
+namespace {
+
+bool run_all(checker::Check& check, DeepCollector* deep, const std::function<void()>& lets_go) {
+  if (!checker::run_checks(check)) return false;
+  checker::tell_why_refused(check);
+  if (deep == nullptr) return true;
+  check_marks(check, *deep);
+  check_storage(check, *deep);
+  if (deep->findings() > 0) {
+    lets_go();
+    check_fit(check, *deep);
+  }
+  return true;
+}
+
+}  // namespace
+
+// What the system did not let the checks read counts neither as sound nor as damaged.
+bool check_whole(checker::Check& check, Collector& collector, DeepCollector* deep,
+                 const std::function<void()>& lets_go) {
   try {
-    if (!checker::run_checks(check)) return false;
-    checker::tell_why_refused(check);
-    if (deep != nullptr) {
-      check_marks(check, *deep);
-      check_storage(check, *deep);
-      if (deep->findings() > 0) {
-        lets_go();
-        check_fit(check, *deep);
-      }
-    }
-    return true;
+    const bool whole = run_all(check, deep, lets_go);
+    if (!whole) check.prterr();  // no finding says it where the system or the library refused
+    if (check.system_error != 0) collector.unfinished(check.system_error);
+    return whole;
   } catch (const std::bad_alloc&) {
     check.found(checker::Code::kNoMemory);
     return false;

@@ -53,9 +53,10 @@ class DeepCollector : public Collector {
   std::map<int, Leads> leads_;
 };
 
-// Makes all checks of the current pair: whether they came to their end. `deep`: null for those of
-// kestro alone. `lets_go` is called before what may take a while and needs no lock.
-[[nodiscard]] bool check_whole(checker::Check& check, DeepCollector* deep,
+// Makes all checks of the current pair: whether they came to their end. `collector` is the check's
+// listener; `deep`: the same, or null for the checks of kestro alone. `lets_go` is called before
+// what may take a while and needs no lock.
+[[nodiscard]] bool check_whole(checker::Check& check, Collector& collector, DeepCollector* deep,
                                const std::function<void()>& lets_go);
 
 // Each tells what it finds in the current pair, which run_checks() has gone through.

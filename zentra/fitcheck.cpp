@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <vector>
 
@@ -48,17 +49,20 @@ class States {
   // Looks at every slot.
   [[nodiscard]] Fit count(int length) {
     Fit fit;
-    for (std::int64_t at = length; at < size_; at += length + trailer_) take(fit, byte_at(at));
+    for (std::int64_t at = length; at < size_ && system_error_ == 0; at += length + trailer_) {
+      take(fit, byte_at(at));
+    }
     return fit;
   }
+  // 0 as long as all could be read.
+  [[nodiscard]] int system_error() const { return system_error_; }
   // The other length, from `first` on, that fits all slots and gives the most records, at least
-  // about as many as an index leads to; of several the longest, since zero bytes in records look
-  // like states. 0 when none is found in time.
-  [[nodiscard]] int better_length(int first, std::int64_t items) {
+  // `most`; of several the longest, since zero bytes in records look like states. 0 when none is
+  // found in time.
+  [[nodiscard]] int better_length(int first, std::int64_t most) {
     constexpr auto kLongest = std::chrono::seconds(5);
     until_ = steady_clock::now() + kLongest;
     checker::Progress progress("Looking for the record length", INT16_MAX);
-    std::int64_t most = std::max<std::int64_t>(1, items / 2);
     int best = 0;
     for (int other = first; other <= INT16_MAX && other < size_ && !is_late(); ++other) {
       progress.at(other);
@@ -95,6 +99,7 @@ class States {
     for (std::int64_t at = length; at < size_; at += length + trailer_) {
       take(fit, byte_at(at));
       if (fit.fitting != fit.slots || (fit.slots % kBetween == 0 && is_late())) return -1;
+      if (system_error_ != 0) return -1;
     }
     return fit.present;
   }
@@ -103,14 +108,16 @@ class States {
     fit.fitting += is_state(byte) ? 1 : 0;
     fit.present += byte == isam::kRecordPresent ? 1 : 0;
   }
-  // A byte that can be any when it cannot be read.
+  // Zero where it cannot be read.
   [[nodiscard]] isam::Byte byte_at(std::int64_t offset) {
     constexpr std::size_t kPiece = 1 << 20;
     if (offset < begin_ || offset >= begin_ + static_cast<std::int64_t>(piece_.size())) {
       piece_.resize(kPiece);
       begin_ = offset;
       const ssize_t got = common::read_at(filep->data.fd, piece_, offset);
+      if (got < 0 && system_error_ == 0) system_error_ = errno;
       piece_.resize(got > 0 ? static_cast<std::size_t>(got) : 1);
+      if (got <= 0) piece_[0] = 0;
     }
     return piece_[static_cast<std::size_t>(offset - begin_)];
   }
@@ -119,6 +126,7 @@ class States {
   int trailer_;  // bytes behind a record in its slot
   std::vector<isam::Byte> piece_;
   std::int64_t begin_ = 0;
+  int system_error_ = 0;  // the first, as an errno
   steady_clock::time_point until_{};
 };
 
@@ -126,8 +134,9 @@ class States {
 // mostly zero bytes look absent by any length.
 bool check_length(DeepCollector& collector, States& states, const Fit& fit) {
   if (!fit.has_many_misfits() && fit.present >= collector.most_items() / 2) return false;
-  const int better =
-      states.better_length(std::max(1, collector.keys_end()), collector.most_items());
+  // A length by which there are fewer records is none.
+  const std::int64_t most = std::max({std::int64_t{1}, collector.most_items() / 2, fit.present});
+  const int better = states.better_length(std::max(1, collector.keys_end()), most);
   if (better == 0) return false;
   collector.add(
       {.code = "pieces.record-length",
@@ -157,6 +166,7 @@ void check_end(const checker::Check& check, Collector& collector) {
 void check_fit(const checker::Check& check, DeepCollector& collector) {
   States states;
   const Fit fit = states.count(States::length());
+  if (states.system_error() != 0) return collector.unfinished(states.system_error());
   const bool has_other_length = check_length(collector, states, fit);
   check_end(check, collector);
   if (!collector.is_of_another_time()) return;

@@ -174,9 +174,10 @@ bool KeyCheck::compare_mapped(isam::ConstBytes all, std::array<bool, kBatch>& ri
   return true;
 }
 
-// What cannot be read has been told as a bad record.
+// What cannot be read because of the file's bytes has been told as a bad record.
 void KeyCheck::compare(const Met& met) {
-  if (!read_fixed_part(met.record, bytes_) || has_key(bytes_.data(), key_, met.key)) return;
+  if (!read_fixed_part(met.record, bytes_)) return collector_.pass_over_error();
+  if (has_key(bytes_.data(), key_, met.key)) return;
   ++differing_;
   isam::Item own;
   isam::itmake(bytes_.data(), own, key_);

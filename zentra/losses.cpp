@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <vector>
 
 #include "checker/entry.h"
@@ -25,13 +26,20 @@ bool is_empty(std::string_view bytes) {
   return std::ranges::all_of(bytes, [](char byte) { return byte == 0; });
 }
 
-// Of an absent record only what it has besides zero bytes; nothing when there is none.
-std::string line_of(std::int32_t record, const BadRecord& bad) {
+// Of an absent record only what it has besides zero bytes: empty when there is none. Nothing, with
+// errno, when the record cannot be read.
+std::optional<std::string> line_of(std::int32_t record, const BadRecord& bad) {
   std::vector<isam::Byte> fixed(static_cast<std::size_t>(isam::filep->geometry.reclen));
   std::vector<isam::Byte> trailer(static_cast<std::size_t>(trailer_size()));
   if (!read_slot(record, fixed, trailer)) return {};
-  const std::string variable = variable_part(trailer);
-  if (bad.fate == Fate::kCleared && is_empty(as_text(fixed)) && is_empty(variable)) return {};
+  std::string variable;
+  if (const int failed = variable_part(trailer, variable)) {
+    errno = failed;
+    return {};
+  }
+  if (bad.fate == Fate::kCleared && is_empty(as_text(fixed)) && is_empty(variable)) {
+    return std::string{};
+  }
   return fmt::format(
       "{{\"schema\":{},\"type\":\"lost-record\",\"record\":{},\"state\":{},\"fixed\":\"{}\","
       "\"variable\":\"{}\",\"kept\":{},\"reason\":\"{}\"}}\n",
@@ -81,9 +89,10 @@ int Losses::write_all(const BadRecords& records) {
     return 0;
   };
   for (const auto& [record, bad] : records) {
-    const std::string line = line_of(record, bad);
-    count_ += line.empty() ? 0 : 1;
-    text += line;
+    const auto line = line_of(record, bad);
+    if (!line) return -1;
+    count_ += line->empty() ? 0 : 1;
+    text += *line;
     if (text.size() >= kPiece && put() != 0) return -1;
   }
   isam::clear_errors();

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "checker/usagemap.h"
 #include "common/io.h"
@@ -42,7 +43,7 @@ void check_list(const checker::Check& check, Collector& collector, std::int32_t 
     }
     chain.follow(page);
   }
-  isam::clear_errors();  // what cannot be read is found already
+  collector.pass_over_error();
 }
 
 // A name matters only while the trail is on; but switching it on or off writes to the node.
@@ -50,7 +51,7 @@ void check_audit_node(DeepCollector& collector) {
   const std::int32_t node = dictp->d_auditnode();
   const bool in_range = node >= 2 && node <= dictp->d_nextnode();
   const bool names_trail = !dictp->d_audits() || !isam::txlog::audit_trail_name().empty();
-  isam::clear_errors();
+  collector.pass_over_error();
   const bool is_leaf = collector.audit_is_leaf();
   if (node == 0 || (in_range && names_trail && !is_leaf)) return;
   collector.add({.kind = dictp->d_audits() || is_leaf ? Entry::Kind::kFinding : Entry::Kind::kNote,
@@ -63,10 +64,10 @@ void check_audit_node(DeepCollector& collector) {
 // Nobody has the pair open exclusively while it is checked: whoever has set the mark is gone.
 void check_mark(Collector& collector) {
   isam::Byte mark[isam::kMarkSize] = {};
-  if (common::read_at(filep->index.fd, mark, isam::kMarkOffset) < 0 ||
-      common::ldlong(mark) != isam::kMarkMagic) {
-    return;
+  if (common::read_at(filep->index.fd, mark, isam::kMarkOffset) < 0) {
+    return collector.unfinished(errno);
   }
+  if (common::ldlong(mark) != isam::kMarkMagic) return;
   const std::int32_t process = common::ldlong(mark + isam::kMarkProcess);
   collector.add({.code = "pair.unfinished",
                  .status = Status::kDamaged,

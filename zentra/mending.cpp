@@ -74,13 +74,21 @@ bool Mending::is_as_seen() {
   now.data = {status.st_dev, status.st_ino, status.st_size, status.st_mtim};
   now.stamp = dictp->d_modcount();
   if (now == plan_.seen) return true;
-  say("the pair has changed since the plan was made");
+  say("the pair has changed since the plan was made; another run plans anew");
+  return false;
+}
+
+// A device that gave wrong bytes while the plan was made costs no record.
+bool Mending::is_as_planned() {
+  if (are_still_unreadable(plan_.bad)) return true;
+  say("a record that could not be read can be read now; another run plans anew");
   return false;
 }
 
 bool Mending::begins(const std::string& kept) {
   take_geometry();
-  return is_as_seen() && (plan_.changes.empty() || change_data(kept)) && change_dictionary();
+  return is_as_seen() && is_as_planned() && (plan_.changes.empty() || change_data(kept)) &&
+         change_dictionary();
 }
 
 // First the notes, then the losses, then the data file itself.
@@ -142,7 +150,7 @@ bool Mending::approves() {
   DeepCollector collector{notes, isam::RecordLocks{}};
   constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
   checker::Check check(kHow, collector);
-  const bool whole = check_whole(check, &collector, [] {});
+  const bool whole = check_whole(check, collector, &collector, [] {});
   isam::clear_errors();
   if (whole && collector.status() == Status::kSound) {
     const checker::Summary summary = checker::summary_of(check);

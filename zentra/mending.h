@@ -58,6 +58,7 @@ class Mending : public checker::Supervisor, public checker::Listener {
   }
   bool say_errno(const std::string& path);
   [[nodiscard]] bool is_as_seen();
+  [[nodiscard]] bool is_as_planned();
   [[nodiscard]] bool change_data(const std::string& kept);
   [[nodiscard]] bool change_dictionary();
 

@@ -107,11 +107,8 @@ Look look_at(const RepairOptions& options, Report& report) {
   DeepCollector collector{notes, isam::RecordLocks{isam::dictp->d_nextdata()}};
   constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
   checker::Check check(kHow, collector);
-  const bool whole = check_whole(check, &collector, [] {});
-  if (!whole) {
-    check.prterr();
-    if (check.sized) look_at_records(check, collector);
-  }
+  const bool whole = check_whole(check, collector, &collector, [] {});
+  if (!whole && check.sized) look_at_records(check, collector);
   isam::clear_errors();
   collector.tell_kept();
   look.status = collector.status();
@@ -123,8 +120,9 @@ Look look_at(const RepairOptions& options, Report& report) {
     const PlanOptions how = plan_options(options, check, are_lost, report);
     look.plan = make_plan(check, notes, how, whole, seconds);
     look.why = look.plan.hopeless;
+    if (look.plan.system_error != 0) look.status = Status::kUnfinished;
   } else if (look.status != Status::kSound) {
-    look.why = notes.first();
+    look.why = notes.has("system.error") ? notes.text("system.error") : notes.first();
   }
   return look;
 }

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include "common/io.h"
@@ -46,6 +48,10 @@ class Planner {
     plan_dictionary();
     read_keys();
     if (plan_.record_length == 0) plan_records();
+    if (plan_.system_error != 0) {
+      plan_.steps.clear();
+      return std::move(plan_);
+    }
     plan_indexes();
     plan_lists();
     weigh_losses();
@@ -59,6 +65,10 @@ class Planner {
   Entry& step(const char* code, std::string text, int key = 0) {
     return plan_.steps.emplace_back(
         Entry{.kind = Entry::Kind::kStep, .code = code, .key = key, .text = std::move(text)});
+  }
+  void not_planned(int system_error) {
+    plan_.system_error = system_error;
+    plan_.hopeless = std::strerror(system_error);
   }
   void implausible(std::string why) { plan_.implausible.push_back(std::move(why)); }
 
@@ -159,19 +169,18 @@ class Planner {
 
   void plan_records() {
     const Fate fate = options_.lost_part == LostPart::kDrop ? Fate::kDropped : Fate::kEmptied;
-    plan_.bad = find_bad_records(check_, notes_.records(kShared), fate);
+    if (const int failed = find_bad_records(check_, notes_.records(kShared), fate, plan_.bad)) {
+      return not_planned(failed);
+    }
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const bool unique = has_tree(at) && (keys_[at].flags & KF_DUPS) == 0;
       if (!unique || !is_faulty(at)) continue;
-      if (!find_equal_keys(check_, keys_[at], plan_.bad)) {
-        plan_.hopeless = "there is no room for a look at equal keys";
+      if (const int failed = find_equal_keys(check_, keys_[at], plan_.bad)) {
+        return not_planned(failed);
       }
     }
     const auto changes = changes_for(plan_.bad);
-    if (!changes) {
-      plan_.hopeless = "the data file cannot be read";
-      return;
-    }
+    if (!changes) return not_planned(errno);
     plan_.changes = *changes;
     tell_records(kOddState, Fate::kDropped, "repair.drop",
                  "record(s) whose state is neither present nor absent become absent");

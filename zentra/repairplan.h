@@ -52,6 +52,7 @@ struct Plan {
   std::vector<Entry> steps;
   std::vector<std::string> implausible;  // why it takes --force
   std::string hopeless;                  // not empty: why nothing can be done at all
+  int system_error = 0;                  // an errno: hopeless because of what could not be read
   BadRecords bad;
   DataChanges changes;  // of the data file
   double seconds = 0;   // estimates

@@ -57,7 +57,7 @@ class StorageCheck {
                                           count, process_text(process)),
                       .fields = {{"found", count}, {"process", std::int64_t{process}}}});
     }
-    isam::clear_errors();  // what cannot be read is found already
+    collector_.pass_over_error();
   }
 
  private:
@@ -68,7 +68,10 @@ class StorageCheck {
     for (std::int32_t record = 1; record <= last; ++record) {
       progress.at(record);
       isam::Byte trailer[isam::kVariableTrailer] = {};
-      if (isam::datainfo(record, trailer) != isam::kVariableTrailer) continue;
+      if (isam::datainfo(record, trailer) != isam::kVariableTrailer) {
+        collector_.pass_over_error();
+        continue;
+      }
       const std::int32_t reference = common::ldlong(trailer + isam::kTrailerReference);
       if (reference == 0) continue;
       if (!check_.datmap.tstbit(record)) {
@@ -95,7 +98,7 @@ class StorageCheck {
       if (pieces_.add(piece.data()) != 0) return false;
       if (!chain.rprwalk()) break;
     }
-    isam::clear_errors();
+    collector_.pass_over_error();
     if (bytes <= length) return true;
     if (const auto* lock = collector_.locks()->find(record)) {
       ++kept_[lock->process];
@@ -120,7 +123,7 @@ class StorageCheck {
         chain.follow(page);
       }
     }
-    isam::clear_errors();
+    collector_.pass_over_error();
   }
 
   void check_page(std::int32_t node) {
@@ -129,7 +132,8 @@ class StorageCheck {
       if (++named[next_[kSlotAt]] == 2) shared(node, next_);
     }
     const isam::PageHold page = isam::bfread(node);
-    if (!page || !isam::Rpage{page}.has_magic()) return;
+    if (!page) return collector_.pass_over_error();
+    if (!isam::Rpage{page}.has_magic()) return;
     const isam::Rpage view{page};
     int room = view.geometry().capacity - view.slot_count() * isam::rpage::kSlotSize;
     for (int i = 0; i < view.slots_in_page(); ++i) {
@@ -187,7 +191,7 @@ class StorageCheck {
                     .fields = {{"found", count}}});
   }
   void failed(int system_error) {
-    collector_.failed(system_error, 0);
+    collector_.unfinished(system_error);
     isam::clear_errors();
   }
 

@@ -15,7 +15,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import main, report_of, tools, zentra as run
+from programs import failing, main, report_of, tools, zentra as run
 
 OPEN_LOCK, SEMAPHORE, RECORDS = (0x7FFFFFFF, 1), (0, 0x3FFFFFFF), 0x40000000
 MANUAL = pathlib.Path(__file__).resolve().parents[2] / 'man'
@@ -128,6 +128,15 @@ class Check(unittest.TestCase):
             with self.subTest(folder.name, codes=codes, looked=looked[:100]):
                 self.assertEqual(status == 0, looked.startswith(b'sound'))
                 self.assertIn(DEEP.get(folder.name), {*codes, None})
+
+    def test_what_the_system_does_not_read_is_neither_sound_nor_damaged(self):
+        for name in 'sound-fixed', 'sound-varying':
+            for rule in 'read .dat 5', *(f'read {end} 5 #{n}' for end in ('.dat', '.idx')
+                                         for n in range(1, 60, 3)):
+                for words in ([], ['--quick']):
+                    with self.subTest(name, rule=rule, words=words):
+                        done = run('check', *words, 'pair', folder=self.all / name, **failing(rule))
+                        self.assertIn(done.returncode, (4,) if '#' not in rule else (0, 4), done)
 
     def test_codes_stand_in_the_manual(self):
         page = (MANUAL / 'zentra-check.1').read_text()

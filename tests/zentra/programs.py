@@ -14,6 +14,12 @@ def zentra(*words, folder, **more):
                           capture_output=True, timeout=60, check=False, **more)
 
 
+def failing(rule):
+    """What makes system calls of the program fail, by tests/transcripts/failing_calls.c."""
+    library = os.path.join(os.path.dirname(tools.transcripts), 'libfailing_calls.so')
+    return {'env': {**os.environ, 'LD_PRELOAD': library, 'KESTRO_FAILING_CALLS': rule + ';'}}
+
+
 def lines_of(done):
     """The objects of a report."""
     lines = [json.loads(line) for line in done.stdout.decode().splitlines()]

@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import lines_of, main, tools, zentra
+from programs import failing, lines_of, main, tools, zentra
 
 OPEN_LOCK = 0x7FFFFFFF
 LOST = 'pair.lost.jsonl'
@@ -59,11 +59,6 @@ class Repair(unittest.TestCase):
 
     def repair(self, *words, **more):
         return self.run_zentra('repair', '--json', '--wait', '0', *words, **more)
-
-    def failing(self, rule):
-        library = pathlib.Path(tools.transcripts).parent / 'libfailing_calls.so'
-        return {'env': {**os.environ, 'LD_PRELOAD': str(library),
-                        'KESTRO_FAILING_CALLS': rule + ';'}}
 
     def records(self):
         """Whether the independent reader finds the pair sound, and what it can read."""
@@ -193,7 +188,7 @@ class Repair(unittest.TestCase):
         for name in 'record-keys-equal', 'big-leaf':
             for number in range(1, 1000):
                 self.take(name)
-                done = self.repair('-y', **self.failing(f'change * 28 #{number}'))
+                done = self.repair('-y', **failing(f'change * 28 #{number}'))
                 if done.returncode == 0:
                     break
                 with self.subTest(name, number=number):
@@ -201,13 +196,29 @@ class Repair(unittest.TestCase):
                     self.assertUnchanged()
             self.assertGreater(number, 5)
 
+    def test_what_cannot_be_read_for_once_is_no_damage(self):
+        for file in '.dat', '.idx':
+            for number in range(1, 1000, 2):
+                self.take('storage-slot-length')
+                _, before = self.records()
+                done = self.repair('-y', '--variable=drop', **failing(f'read {file} 5 #{number}'))
+                with self.subTest(file, number=number):
+                    if done.returncode == 0:
+                        self.assertEqual([loss['record'] for loss in self.losses()], [1])
+                        self.assertHealed(before)
+                    else:
+                        self.assertEqual(done.returncode, 4, done)
+                        self.assertUnchanged()
+                if done.returncode == 0 and number > 300:
+                    break
+
     def test_killed_at_any_moment_the_next_repair_heals(self):
         for name in 'record-keys-equal', 'storage-slot-length':
             words = ['-y', '--variable=keep']
             for number in range(1, 1000):
                 self.take(name)
                 _, before = self.records()
-                done = self.repair(*words, **self.failing(f'change * -9 #{number}'))
+                done = self.repair(*words, **failing(f'change * -9 #{number}'))
                 if done.returncode != -9:
                     break
                 with self.subTest(name, number=number):
@@ -225,7 +236,7 @@ class Repair(unittest.TestCase):
     def test_a_signal_takes_everything_back(self):
         for number in range(1, 1000):
             self.take('record-keys-equal')
-            done = self.repair('-y', **self.failing(f'change * -15 #{number}'))
+            done = self.repair('-y', **failing(f'change * -15 #{number}'))
             if done.returncode != -15:
                 break
             with self.subTest(number=number):
