@@ -1,8 +1,10 @@
 #include "zentra/badrecords.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "checker/progress.h"
@@ -66,7 +68,8 @@ class Slots {
   explicit Slots(std::int32_t last)
       : last_(last), bytes_(kPiece / slot() * slot() + (kPiece < slot() ? slot() : 0)) {}
 
-  // The slot of a record; empty, with errno, when it cannot be read. Valid until the next call.
+  // The slot of a record; empty, with errno, when it cannot be read, with 0 where the file ends in
+  // it. Valid until the next call.
   [[nodiscard]] isam::ConstBytes of(std::int32_t record) {
     const auto at = static_cast<std::size_t>(record - first_) * slot();
     if (first_ != 0 && at + slot() <= got_) return isam::ConstBytes{bytes_}.subspan(at, slot());
@@ -77,7 +80,7 @@ class Slots {
     const ssize_t got = common::read_at(filep->data.fd, room, offset);
     got_ = static_cast<std::size_t>(std::max<ssize_t>(got, 0));
     if (got_ >= slot()) return isam::ConstBytes{bytes_}.first(slot());
-    if (got >= 0) errno = EIO;  // the file has become shorter
+    if (got >= 0) errno = 0;
     return {};
   }
 
@@ -96,6 +99,12 @@ std::int32_t last_slot(const checker::Check& check) {
 }
 
 }  // namespace
+
+const char* code_of(Why why) {
+  constexpr std::array kCodes = {"record.state", "record.unreadable", "storage.piece-shared",
+                                 "storage.reference-left", "index.keys-equal"};
+  return kCodes.at(static_cast<std::size_t>(why));
+}
 
 int trailer_size() { return filep->geometry.varlen ? isam::kVariableTrailer : isam::kFixedTrailer; }
 
@@ -142,22 +151,26 @@ int find_bad_records(const checker::Check& check, const std::set<std::int32_t>& 
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
     const isam::ConstBytes slot = slots.of(record);
-    if (slot.empty()) return errno;
+    if (slot.empty() && errno != 0) return errno;
+    if (slot.empty()) continue;
     const isam::ConstBytes trailer = slot.subspan(fixed);
     const isam::Byte state = trailer[0];
     if (state == isam::kRecordPresent) {
       if (!varlen) continue;
-      if (sharing.contains(record)) bad[record] = {unreadable_fate, kShared};
-      if (reference_of(trailer) == 0 && length_of(trailer) == 0) continue;
-      const Part part = part_of(record, trailer, buffer);
+      const bool has_part = reference_of(trailer) != 0 || length_of(trailer) != 0;
+      const Part part = has_part ? part_of(record, trailer, buffer) : Part::kWhole;
       if (part == Part::kNotKnown) return errno;
-      if (part == Part::kLost) bad[record] = {unreadable_fate, kUnreadable};
+      if (part == Part::kLost) {
+        bad.push_back({record, unreadable_fate, Why::kUnreadable});
+      } else if (sharing.contains(record)) {
+        bad.push_back({record, unreadable_fate, Why::kShared});
+      }
     } else if (locks != nullptr && locks->find(record) != nullptr) {
       continue;  // an open transaction keeps it
     } else if (state != isam::kRecordAbsent) {
-      bad[record] = {Fate::kDropped, kOddState};
+      bad.push_back({record, Fate::kDropped, Why::kOddState});
     } else if (varlen && (reference_of(trailer) != 0 || length_of(trailer) != 0)) {
-      bad[record] = {Fate::kCleared, kReferenceLeft};
+      bad.push_back({record, Fate::kCleared, Why::kReferenceLeft});
     }
   }
   isam::clear_errors();
@@ -167,12 +180,26 @@ int find_bad_records(const checker::Check& check, const std::set<std::int32_t>& 
 bool are_still_unreadable(const BadRecords& records) {
   std::vector<isam::Byte> trailer(static_cast<std::size_t>(trailer_size()));
   std::vector<isam::Byte> buffer(static_cast<std::size_t>(filep->geometry.maxreclen) + 1);
-  return std::ranges::all_of(records, [&](const auto& entry) {
-    if (std::string_view{entry.second.why} != kUnreadable) return true;
-    return read_slot(entry.first, {}, trailer) &&
-           part_of(entry.first, trailer, buffer) == Part::kLost;
+  return std::ranges::all_of(records, [&](const BadRecord& bad) {
+    if (bad.why != Why::kUnreadable) return true;
+    return read_slot(bad.record, {}, trailer) &&
+           part_of(bad.record, trailer, buffer) == Part::kLost;
   });
 }
+
+namespace {
+
+// What is added counts where a record is in both.
+void add_records(BadRecords& records, BadRecords added) {
+  if (added.empty()) return;
+  added.insert(added.end(), records.begin(), records.end());
+  std::ranges::stable_sort(added, {}, &BadRecord::record);
+  const auto surplus = std::ranges::unique(added, {}, &BadRecord::record);
+  added.erase(surplus.begin(), surplus.end());
+  records = std::move(added);
+}
+
+}  // namespace
 
 int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& records) {
   const auto length = static_cast<std::size_t>(k.keylen);
@@ -193,14 +220,16 @@ int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& 
   std::vector<isam::Byte> key(length);
   const std::int32_t last = last_slot(check);
   Slots slots{last};
+  auto bad = records.cbegin();
   checker::Progress progress("Looking for equal keys", last);
   for (std::int32_t record = 1; record <= last; ++record) {
     progress.at(record);
     const isam::ConstBytes slot = slots.of(record);
-    if (slot.empty()) return errno;
+    if (slot.empty() && errno != 0) return errno;
+    if (slot.empty()) continue;
     if (slot[fixed] != isam::kRecordPresent) continue;
-    const auto at = records.find(record);
-    if (at != records.end() && at->second.fate == Fate::kDropped) continue;
+    while (bad != records.cend() && bad->record < record) ++bad;
+    if (bad != records.cend() && bad->record == record && bad->fate == Fate::kDropped) continue;
     isam::Byte* to = sortable ? key.data() : entry.data();
     for (int i = 0; i < k.nparts; ++i) {
       const auto part = static_cast<std::size_t>(k.part[i].length);
@@ -212,14 +241,18 @@ int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& 
     if (sorter.add(entry.data()) != 0) return errno;
   }
   if (sorter.finish() != 0) return errno;
+  BadRecords equals;
   bool any = false;
   while (const isam::Byte* next = sorter.next()) {
     const bool equal = any && (sortable ? std::memcmp(key.data(), next, length) == 0
                                         : order.compare(key.data(), next) == 0);
     any = true;
     std::memcpy(key.data(), next, length);
-    if (equal) records[common::ldlong(next + length)] = {Fate::kDropped, kEqualKeys};
+    if (equal) {
+      equals.push_back({common::ldlong(next + length), Fate::kDropped, Why::kEqualKeys});
+    }
   }
+  add_records(records, std::move(equals));
   return sorter.error();
 }
 

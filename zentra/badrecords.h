@@ -5,9 +5,9 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "checker/check.h"
 #include "isam.h"
@@ -22,17 +22,17 @@ enum class Fate : std::uint8_t {
   kCleared   // it is absent already; what its slot still says of a variable part goes
 };
 
-struct BadRecord {
-  Fate fate;
-  const char* why;  // a code
-};
-using BadRecords = std::map<std::int32_t, BadRecord>;
+enum class Why : std::uint8_t { kOddState, kUnreadable, kShared, kReferenceLeft, kEqualKeys };
+// The code by which reports and losses name it.
+[[nodiscard]] const char* code_of(Why why);
 
-inline constexpr char kOddState[] = "record.state";
-inline constexpr char kUnreadable[] = "record.unreadable";
-inline constexpr char kShared[] = "storage.piece-shared";
-inline constexpr char kReferenceLeft[] = "storage.reference-left";
-inline constexpr char kEqualKeys[] = "index.keys-equal";
+struct BadRecord {
+  std::int32_t record;
+  Fate fate;
+  Why why;
+};
+// By ascending number, each once: there may be as many as the file has slots.
+using BadRecords = std::vector<BadRecord>;
 
 // Copies the bytes of a record's slot in front of its trailer, and the trailer, of which a file of
 // fixed length has one byte. False, with errno, when they cannot be read.

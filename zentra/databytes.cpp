@@ -98,11 +98,12 @@ int write_pieces(int fd, const DataChanges& changes, Of bytes) {
 
 std::optional<DataChanges> changes_for(const BadRecords& records) {
   DataChanges changes;
-  for (const auto& [record, bad] : records) {
+  changes.reserve(records.size());
+  for (const BadRecord& bad : records) {
     DataChange& change = changes.emplace_back();
     change.count = trailer_size();
-    change.offset = std::int64_t{record - 1} * isam::slot_size() + isam::filep->geometry.reclen;
-    if (!read_slot(record, {}, before_of(change))) return {};
+    change.offset = std::int64_t{bad.record - 1} * isam::slot_size() + isam::filep->geometry.reclen;
+    if (!read_slot(bad.record, {}, before_of(change))) return {};
     if (bad.fate == Fate::kEmptied) change.after[0] = isam::kRecordPresent;
   }
   return changes;

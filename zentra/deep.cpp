@@ -16,7 +16,9 @@ constexpr int kShareAstray = 10;  // one in so many
 
 void DeepCollector::found(const checker::Finding& finding) {
   if (finding.code == checker::Code::kIndexRecordBad) {
-    leads_[static_cast<int>(finding.numbers.key)].astray += finding.numbers.found;
+    Leads& leads = leads_[static_cast<int>(finding.numbers.key)];
+    leads.astray += finding.numbers.found;
+    leads.gone += finding.numbers.found;
   }
   Collector::found(finding);
 }
@@ -43,6 +45,14 @@ bool DeepCollector::is_of_another_time() const {
     return leads.astray >= kFewAstray && leads.astray > leads.right / (kShareAstray - 1);
   };
   return !leads_.empty() && std::ranges::all_of(leads_, leads_astray);
+}
+
+bool DeepCollector::are_records_gone() const {
+  const auto leads_nowhere = [](const auto& index) {
+    const Leads& leads = index.second;
+    return leads.gone > (leads.right + leads.astray) / kShareAstray * (kShareAstray - 1);
+  };
+  return is_of_another_time() && std::ranges::all_of(leads_, leads_nowhere);
 }
 
 std::int64_t DeepCollector::most_items() const {

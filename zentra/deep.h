@@ -32,6 +32,8 @@ class DeepCollector : public Collector {
 
   // Whether every index leads astray so often that it was made for another data file.
   [[nodiscard]] bool is_of_another_time() const;
+  // Whether hardly an item of any index leads to a record that is there.
+  [[nodiscard]] bool are_records_gone() const;
   // Whether the node with the name of the audit trail is one of an index.
   [[nodiscard]] bool audit_is_leaf() const { return audit_is_leaf_; }
   // The most items that an index has.
@@ -43,6 +45,7 @@ class DeepCollector : public Collector {
   struct Leads {
     std::int64_t right = 0;   // items whose record is there and has their key
     std::int64_t astray = 0;  // all others
+    std::int64_t gone = 0;    // ... whose record is not there
   };
 
   KeyCheck keys_;

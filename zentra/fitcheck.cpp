@@ -134,8 +134,10 @@ class States {
 // mostly zero bytes look absent by any length.
 bool check_length(DeepCollector& collector, States& states, const Fit& fit) {
   if (!fit.has_many_misfits() && fit.present >= collector.most_items() / 2) return false;
-  // A length by which there are fewer records is none.
-  const std::int64_t most = std::max({std::int64_t{1}, collector.most_items() / 2, fit.present});
+  // A length by which there are fewer records is none: by twice the length of a slot every other
+  // one would go.
+  const std::int64_t items = collector.most_items();
+  const std::int64_t most = std::max({std::int64_t{1}, items - items / kFewRecords, fit.present});
   const int better = states.better_length(std::max(1, collector.keys_end()), most);
   if (better == 0) return false;
   collector.add(
@@ -171,7 +173,8 @@ void check_fit(const checker::Check& check, DeepCollector& collector) {
   check_end(check, collector);
   if (!collector.is_of_another_time()) return;
   // What would be made of so few records would be next to nothing.
-  const bool are_gone = !has_other_length && fit.present < collector.most_items() / kFewRecords;
+  const bool are_few = fit.present < collector.most_items() / kFewRecords;
+  const bool are_gone = !has_other_length && (are_few || collector.are_records_gone());
   collector.add(
       {.code = "pieces.times",
        .status = are_gone ? Status::kNeedsSalvage : Status::kDamaged,

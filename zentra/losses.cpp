@@ -28,10 +28,10 @@ bool is_empty(std::string_view bytes) {
 
 // Of an absent record only what it has besides zero bytes: empty when there is none. Nothing, with
 // errno, when the record cannot be read.
-std::optional<std::string> line_of(std::int32_t record, const BadRecord& bad) {
+std::optional<std::string> line_of(const BadRecord& bad) {
   std::vector<isam::Byte> fixed(static_cast<std::size_t>(isam::filep->geometry.reclen));
   std::vector<isam::Byte> trailer(static_cast<std::size_t>(trailer_size()));
-  if (!read_slot(record, fixed, trailer)) return {};
+  if (!read_slot(bad.record, fixed, trailer)) return {};
   std::string variable;
   if (const int failed = variable_part(trailer, variable)) {
     errno = failed;
@@ -43,8 +43,8 @@ std::optional<std::string> line_of(std::int32_t record, const BadRecord& bad) {
   return fmt::format(
       "{{\"schema\":{},\"type\":\"lost-record\",\"record\":{},\"state\":{},\"fixed\":\"{}\","
       "\"variable\":\"{}\",\"kept\":{},\"reason\":\"{}\"}}\n",
-      checker::kSchema, record, trailer[0], hex(as_text(fixed)), hex(variable),
-      bad.fate == Fate::kEmptied ? "true" : "false", bad.why);
+      checker::kSchema, bad.record, trailer[0], hex(as_text(fixed)), hex(variable),
+      bad.fate == Fate::kEmptied ? "true" : "false", code_of(bad.why));
 }
 
 }  // namespace
@@ -88,8 +88,8 @@ int Losses::write_all(const BadRecords& records) {
     text.clear();
     return 0;
   };
-  for (const auto& [record, bad] : records) {
-    const auto line = line_of(record, bad);
+  for (const BadRecord& bad : records) {
+    const auto line = line_of(bad);
     if (!line) return -1;
     count_ += line->empty() ? 0 : 1;
     text += *line;

@@ -47,18 +47,20 @@ void check_list(const checker::Check& check, Collector& collector, std::int32_t 
 }
 
 // A name matters only while the trail is on; but switching it on or off writes to the node.
-void check_audit_node(DeepCollector& collector) {
+void check_audit_node(const checker::Check& check, DeepCollector& collector) {
   const std::int32_t node = dictp->d_auditnode();
   const bool in_range = node >= 2 && node <= dictp->d_nextnode();
   const bool names_trail = !dictp->d_audits() || !isam::txlog::audit_trail_name().empty();
   collector.pass_over_error();
-  const bool is_leaf = collector.audit_is_leaf();
-  if (node == 0 || (in_range && names_trail && !is_leaf)) return;
-  collector.add({.kind = dictp->d_audits() || is_leaf ? Entry::Kind::kFinding : Entry::Kind::kNote,
-                 .code = "audit.node",
-                 .status = Status::kDamaged,
-                 .text = fmt::format("node {} does not hold the name of an audit trail", node),
-                 .fields = {{"node", std::int64_t{node}}}});
+  const bool is_page = in_range && node <= check.idxlast && check.rpgmap.tstbit(node);
+  const bool is_shared = collector.audit_is_leaf() || is_page;
+  if (node == 0 || (in_range && names_trail && !is_shared)) return;
+  collector.add(
+      {.kind = dictp->d_audits() || is_shared ? Entry::Kind::kFinding : Entry::Kind::kNote,
+       .code = "audit.node",
+       .status = Status::kDamaged,
+       .text = fmt::format("node {} does not hold the name of an audit trail", node),
+       .fields = {{"node", std::int64_t{node}}}});
 }
 
 // Nobody has the pair open exclusively while it is checked: whoever has set the mark is gone.
@@ -85,7 +87,7 @@ void check_marks(const checker::Check& check, DeepCollector& collector) {
              "the list of free records");
   check_list(check, collector, dictp->d_freenode(), isam::kIndexFreeNode, "node-list.node-marks",
              "the list of free nodes");
-  check_audit_node(collector);
+  check_audit_node(check, collector);
   check_mark(collector);
 }
 

@@ -23,7 +23,7 @@ void Notes::entry(const Entry& entry) {
   counts_[{entry.code, entry.key}] += std::max<std::int64_t>(1, number_in(entry.fields, "found"));
   last_[entry.code] = entry;
   // Of no other code records are asked for.
-  if (entry.code != kShared) return;
+  if (entry.code != code_of(Why::kShared)) return;
   records_[entry.code].insert(static_cast<std::int32_t>(number_in(entry.fields, "record")));
 }
 
@@ -43,6 +43,11 @@ std::int64_t Notes::count(const std::string& code, int key) const {
 std::int64_t Notes::value(const std::string& code, const char* field) const {
   const auto at = last_.find(code);
   return at == last_.end() ? 0 : number_in(at->second.fields, field);
+}
+
+Status Notes::status(const std::string& code) const {
+  const auto at = last_.find(code);
+  return at == last_.end() ? Status::kSound : at->second.status;
 }
 
 std::string Notes::text(const std::string& code) const {

@@ -32,6 +32,8 @@ class Notes : public Report {
   [[nodiscard]] std::int64_t count(const std::string& code, int key) const;
   // What stood in a field of the last finding of this code, 0 for none.
   [[nodiscard]] std::int64_t value(const std::string& code, const char* field) const;
+  // How much the last finding of this code weighs.
+  [[nodiscard]] Status status(const std::string& code) const;
   // The words of the last finding of this code; empty when there is none.
   [[nodiscard]] std::string text(const std::string& code) const;
   // Records that findings of this code name.

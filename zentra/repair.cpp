@@ -191,6 +191,11 @@ Outcome conclude(const Mending& mending, const Look& look, const std::string& na
   fields.emplace_back("findings", look.findings);
   fields.emplace_back("kept", FileBytes{.bytes = mending.kept()});
   std::string text = "repaired; it checks clean. zentra undo takes it back";
+  if (look.plan.unreached > 0) {
+    fields.emplace_back("unreached", look.plan.unreached);
+    text += fmt::format("; {} record(s) that indexes led to are not there",
+                        grouped(look.plan.unreached));
+  }
   if (mending.lost() > 0) {
     fields.emplace_back("lost", mending.lost());
     fields.emplace_back("losses", FileBytes{.bytes = losses_of(name)});

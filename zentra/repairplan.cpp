@@ -24,8 +24,9 @@ namespace {
 using isam::dictp;
 using isam::filep;
 
-constexpr int kMostLost = 10;   // one in so many
-constexpr int kFewShown = 10;   // records of a step that are named
+constexpr int kMostLost = 10;  // one in so many
+constexpr int kFewShown = 10;  // records of a step that are named
+constexpr char kTimes[] = "pieces.times";
 constexpr int kAllTheSame = 2;  // checks that a repair makes besides, of the copy and of its result
 
 // Codes that say how little is known of the pair, in whose face nothing can be made.
@@ -56,8 +57,10 @@ class Planner {
     plan_lists();
     weigh_losses();
     if (const auto seen = see(filep->index.fd)) plan_.seen = *seen;
-    plan_.seconds = seconds * (kAllTheSame + 1);
-    plan_.bytes = 2 * common::file_size(filep->index.fd);
+    if (plan_.hopeless.empty() && plan_.steps.empty()) {
+      plan_.hopeless = "nothing is known to help: " + notes_.first();
+    }
+    estimate(seconds);
     return std::move(plan_);
   }
 
@@ -72,6 +75,19 @@ class Planner {
   }
   void implausible(std::string why) { plan_.implausible.push_back(std::move(why)); }
 
+  // Of each bad record a line goes to the losses, all its bytes in hexadecimal, and what changes of
+  // it to the note for undoing.
+  void estimate(double seconds) {
+    constexpr double kSecondsPerRecord = 10e-6;
+    constexpr std::int64_t kLine = 200;  // what both lines have besides bytes
+    const auto bad = static_cast<std::int64_t>(plan_.bad.size());
+    const std::int64_t part = filep->geometry.maxreclen - filep->geometry.reclen;
+    const std::int64_t lost = 2 * (filep->geometry.reclen + std::max<std::int64_t>(part, 0));
+    plan_.seconds = seconds * (kAllTheSame + 1) + kSecondsPerRecord * static_cast<double>(bad);
+    plan_.bytes = 2 * common::file_size(filep->index.fd) +
+                  bad * (lost + std::int64_t{4} * trailer_size() + kLine);
+  }
+
   void find_hopeless() {
     for (const Code code : kHopeless) {
       const char* const name = checker::text_of(code).code;
@@ -79,6 +95,8 @@ class Planner {
     }
     const bool goes_on = check_.sized && (whole_ || descriptions_are_lost(notes_));
     if (!goes_on && plan_.hopeless.empty()) plan_.hopeless = notes_.first();
+    // The record length or format may be another one, and these bytes no records at all.
+    if (notes_.status(kTimes) == Status::kNeedsSalvage) plan_.hopeless = notes_.text(kTimes);
   }
 
   void plan_geometry() {
@@ -91,7 +109,7 @@ class Planner {
       implausible("the dictionary has another record length than the data file");
     }
     if (notes_.has("pieces.data-end")) implausible("the data file ends too early");
-    if (notes_.has("pieces.times")) implausible("the two files are not of the same time");
+    if (notes_.has(kTimes)) implausible("the two files are not of the same time");
   }
 
   void plan_descriptions() {
@@ -169,12 +187,16 @@ class Planner {
 
   void plan_records() {
     const Fate fate = options_.lost_part == LostPart::kDrop ? Fate::kDropped : Fate::kEmptied;
-    if (const int failed = find_bad_records(check_, notes_.records(kShared), fate, plan_.bad)) {
+    if (const int failed =
+            find_bad_records(check_, notes_.records(code_of(Why::kShared)), fate, plan_.bad)) {
       return not_planned(failed);
     }
+    drop_behind_end();
+    const bool adds_records =
+        std::ranges::any_of(plan_.bad, [&](const BadRecord& bad) { return adds(bad); });
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const bool unique = has_tree(at) && (keys_[at].flags & KF_DUPS) == 0;
-      if (!unique || !is_faulty(at)) continue;
+      if (!unique || !(is_faulty(at) || adds_records)) continue;
       if (const int failed = find_equal_keys(check_, keys_[at], plan_.bad)) {
         return not_planned(failed);
       }
@@ -182,12 +204,13 @@ class Planner {
     const auto changes = changes_for(plan_.bad);
     if (!changes) return not_planned(errno);
     plan_.changes = *changes;
-    tell_records(kOddState, Fate::kDropped, "repair.drop",
+    tell_records(Why::kOddState, Fate::kDropped, "repair.drop",
                  "record(s) whose state is neither present nor absent become absent");
-    tell_records(kEqualKeys, Fate::kDropped, "repair.drop",
+    tell_records(Why::kEqualKeys, Fate::kDropped, "repair.drop",
                  "record(s) are dropped: each has a key of another in an index without duplicates");
-    for (const char* why : {kUnreadable, kShared}) {
-      const char* const lost = why == kShared ? "belongs to another one too" : "cannot be read";
+    for (const Why why : {Why::kUnreadable, Why::kShared}) {
+      const char* const lost =
+          why == Why::kShared ? "belongs to another one too" : "cannot be read";
       tell_records(why, Fate::kDropped, "repair.drop",
                    fmt::format("record(s) are dropped whose variable part {}", lost));
       const std::int64_t emptied =
@@ -195,7 +218,7 @@ class Planner {
                        fmt::format("record(s) lose a variable part that {}", lost));
       if (emptied > 0 && options_.lost_part == LostPart::kNotSaid) needs_choice_ = true;
     }
-    tell_records(kReferenceLeft, Fate::kCleared, "repair.clear",
+    tell_records(Why::kReferenceLeft, Fate::kCleared, "repair.clear",
                  "absent record(s) stop referring to variable parts");
     if (needs_choice_) {
       plan_.hopeless =
@@ -204,24 +227,38 @@ class Planner {
     }
   }
 
+  // Whether the repair makes a record of what the check could not read.
+  [[nodiscard]] bool adds(const BadRecord& bad) const {
+    return bad.fate == Fate::kEmptied && !check_.datmap.tstbit(bad.record);
+  }
+
+  // What looks like a record behind the last one, cannot be read, and has no index leading to it,
+  // is none: it goes whatever becomes of others.
+  void drop_behind_end() {
+    for (std::size_t at = 0; at < keys_.size(); ++at) {
+      if (has_tree(at) && count_astray(static_cast<int>(at) + 1) > 0) return;
+    }
+    for (BadRecord& bad : plan_.bad) {
+      if (adds(bad) && bad.record > dictp->d_nextdata()) bad.fate = Fate::kDropped;
+    }
+  }
+
   // How many there are.
-  std::int64_t tell_records(const char* why, Fate fate, const char* code, const std::string& text) {
-    const auto is_one = [&](const auto& entry) {
-      return entry.second.fate == fate && std::string_view{entry.second.why} == why;
-    };
+  std::int64_t tell_records(Why why, Fate fate, const char* code, const std::string& text) {
+    const auto is_one = [&](const BadRecord& bad) { return bad.fate == fate && bad.why == why; };
     const std::int64_t count = std::ranges::count_if(plan_.bad, is_one);
     if (count == 0) return 0;
     step(code, fmt::format("{} {}", count, text)).fields = {{"found", count},
-                                                            {"reason", std::string(why)}};
+                                                            {"reason", std::string(code_of(why))}};
     int shown = 0;
-    for (const auto& entry : plan_.bad) {
-      if (!is_one(entry)) continue;
+    for (const BadRecord& bad : plan_.bad) {
+      if (!is_one(bad)) continue;
       if (++shown > kFewShown) break;
       Entry detail{.kind = Entry::Kind::kDetail,
                    .code = code,
                    .text = "record",
-                   .fields = {{"record", std::int64_t{entry.first}}}};
-      add_key(entry.first, detail.fields);
+                   .fields = {{"record", std::int64_t{bad.record}}}};
+      add_key(bad.record, detail.fields);
       plan_.steps.push_back(std::move(detail));
     }
     return count;
@@ -237,8 +274,7 @@ class Planner {
   }
 
   [[nodiscard]] std::int64_t count_dropped() const {
-    return std::ranges::count_if(
-        plan_.bad, [](const auto& entry) { return entry.second.fate == Fate::kDropped; });
+    return std::ranges::count(plan_.bad, Fate::kDropped, &BadRecord::fate);
   }
 
   // Items of an index that lead to no record.
@@ -247,12 +283,14 @@ class Planner {
   }
 
   void plan_indexes() {
-    const bool drops_indexed = std::ranges::any_of(plan_.bad, [&](const auto& entry) {
-      return entry.second.fate == Fate::kDropped && entry.second.why != kOddState;
+    // A record whose variable part was lost comes into the indexes again.
+    const bool changes_indexed = std::ranges::any_of(plan_.bad, [&](const BadRecord& bad) {
+      return adds(bad) || (bad.fate == Fate::kDropped && bad.why != Why::kOddState);
     });
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const int n = static_cast<int>(at) + 1;
-      if (!has_tree(at) || !(is_faulty(at) || drops_indexed || plan_.record_length != 0)) continue;
+      if (!has_tree(at) || !(is_faulty(at) || changes_indexed || plan_.record_length != 0))
+        continue;
       plan_.indexes.insert(n);
       std::string text = "is made anew from the records";
       const std::int64_t astray = count_astray(n);
@@ -266,12 +304,14 @@ class Planner {
   void plan_lists() {
     const bool remakes = !plan_.indexes.empty() || plan_.remakes_all();
     const bool drops = count_dropped() > 0;
-    plan_.record_list = notes_.has_any("record-list.", 0) || drops || plan_.record_length != 0;
-    // A node that cannot be read is cut off from what names it when this list is made anew.
-    plan_.node_list = notes_.has_any("node-list.", 0) || notes_.has("library.error") || remakes ||
-                      plan_.record_list;
-    plan_.storage_lists =
-        notes_.has_any("storage.", 0) || (filep->geometry.varlen && !plan_.changes.empty());
+    // A failure that does not tell where it happened was met in a list. A node that cannot be read
+    // is cut off from what names it when the list of nodes is made anew.
+    const bool has_failed = notes_.has("library.error");
+    plan_.record_list =
+        notes_.has_any("record-list.", 0) || drops || plan_.record_length != 0 || has_failed;
+    plan_.node_list = notes_.has_any("node-list.", 0) || remakes || plan_.record_list;
+    plan_.storage_lists = notes_.has_any("storage.", 0) ||
+                          (filep->geometry.varlen && (!plan_.changes.empty() || has_failed));
     if (plan_.storage_lists) {
       step("repair.storage-lists", "storage pages are put in order and their lists made anew");
     }
@@ -289,8 +329,8 @@ class Planner {
       astray = std::min(astray, count_astray(static_cast<int>(at) + 1));
     }
     if (astray == INT64_MAX) astray = 0;
-    const std::int64_t emptied = std::ranges::count_if(
-        plan_.bad, [](const auto& entry) { return entry.second.fate == Fate::kEmptied; });
+    plan_.unreached = astray;
+    const std::int64_t emptied = std::ranges::count(plan_.bad, Fate::kEmptied, &BadRecord::fate);
     const std::int64_t lost = astray + count_dropped() + emptied;
     const std::int64_t present = check_.datmap.cntmap() + astray + emptied;
     if (lost == 0 || lost * kMostLost <= present) return;

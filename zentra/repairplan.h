@@ -57,6 +57,7 @@ struct Plan {
   DataChanges changes;  // of the data file
   double seconds = 0;   // estimates
   std::int64_t bytes = 0;
+  std::int64_t unreached = 0;  // records that indexes lead to, but that are not there
 
   // What is to be made anew though the checks that kestro makes find nothing.
   std::set<int> indexes;

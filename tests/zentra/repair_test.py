@@ -25,6 +25,17 @@ LOSSES = {'record-keys-equal': {'index.keys-equal': 2}, 'record-state-unknown': 
           'storage-slot-length': {'record.unreadable': 1}, 'big-leaf': {}}
 LOST_DESCRIPTIONS = ['descriptions-zeroed', 'descriptions-loop', 'description-size-zero',
                      'header-key-node-beyond', 'header-key-node-leaf', 'kept']
+# Other bytes at a place of the index, bytes behind the data file, how long the index is; then the
+# status that a repair with --force ends with, and what its last line says.
+DAMAGES = [
+    ('sound-varying', {}, b'', 53699, 0, 'repaired'),  # cut inside a free node
+    ('sound-nodes-1025', {}, b'\n' * 141, None, 0, '3 record(s) went'),  # like records
+    ('sound-varying', {49: b'\0\0\0\r'}, b'', None, 0, 'repaired'),  # no audit trail: a storage page
+    ('sound-fixed', {59: b'\x07\xff'}, b'', None, 2, 'hardly a record'),  # another format of records
+    ('sound-varying', {59: b'\0\0'}, b'', None, 2, 'hardly a record'),
+    ('sound-fixed', {13: b'\x7f\xff'}, b'', None, 0, 'repaired'),  # another length of records
+    ('sound-fixed', {13: b'\x7f\xff'}, b'A' * 51, None, 2, 'hardly a record'),  # ... which none fits
+    ('sound-number-order-first', {11: b'\3'}, b'A' * 51, None, 0, '1 record(s) went')]  # twice as long
 # The reader of pairs looks at levels of upper nodes, which nobody else does.
 OTHER_SENSE = {'root-level-high'}
 
@@ -159,8 +170,12 @@ class Repair(unittest.TestCase):
                 with self.subTest(name, choice=choice):
                     self.take(name)
                     _, before = self.records()
-                    self.assertEqual(self.repair('-y', '--variable', choice).returncode, 0)
+                    done = self.repair('-y', '--variable', choice)
+                    self.assertEqual(done.returncode, 0)
                     self.assertHealed(before)
+                    cost = next(l for l in lines_of(done) if l.get('code') == 'repair.cost')
+                    new = sum((self.folder / name).stat().st_size for name in self.names())
+                    self.assertGreaterEqual(cost['bytes'], len(self.made['.idx']) + new)
                     told = [loss['reason'] for loss in self.losses()]
                     self.assertEqual({reason: told.count(reason) for reason in told}, reasons)
                     for loss in self.losses():
@@ -169,6 +184,25 @@ class Repair(unittest.TestCase):
                         at = (loss['record'] - 1) * (len(loss['fixed']) // 2 + 7) \
                             if loss['variable'] or loss['reason'] == 'record.unreadable' else 0
                         self.assertIn(bytes.fromhex(loss['fixed']), self.made['.dat'][at:])
+
+    def test_what_is_no_record_becomes_none_and_records_stay(self):
+        for name, edits, behind, size, status, words in DAMAGES:
+            with self.subTest(name, edits=edits, behind=len(behind), size=size):
+                self.take(name)
+                index = bytearray(self.made['.idx'][:size])
+                for at, edit in edits.items():
+                    index[at:at + len(edit)] = edit
+                self.pair['.idx'].write_bytes(index)
+                self.pair['.dat'].write_bytes(self.made['.dat'] + behind)
+                self.made = self.bytes()
+                _, before = self.records()
+                done = self.repair('-y', '--force', '--variable=keep')
+                self.assertEqual(done.returncode, status, done)
+                self.assertIn(words, lines_of(done)[-2]['message'])
+                if status == 0:
+                    self.assertHealed(before)
+                else:
+                    self.assertUnchanged()
 
     def test_losses_are_appended_to_but_no_link_is_followed(self):
         self.take('record-keys-equal')
