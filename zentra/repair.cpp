@@ -90,6 +90,7 @@ void look_at_records(checker::Check& check, DeepCollector& collector) {
     if (check.varlen) checker::ckrpage(check);
   }
   check_storage(check, collector);
+  if (check.system_error != 0) collector.unfinished(check.system_error);
 }
 
 Look look_at(const RepairOptions& options, Report& report) {

@@ -49,7 +49,9 @@ class Planner {
     plan_dictionary();
     read_keys();
     if (plan_.record_length == 0) plan_records();
-    if (plan_.system_error != 0) {
+    const bool is_strange = !whole_ && hardly_has_records();
+    if (is_strange) plan_.hopeless = "hardly a slot of the data file has the state of a record";
+    if (is_strange || plan_.system_error != 0) {
       plan_.steps.clear();
       return std::move(plan_);
     }
@@ -74,6 +76,14 @@ class Planner {
     plan_.hopeless = std::strerror(system_error);
   }
   void implausible(std::string why) { plan_.implausible.push_back(std::move(why)); }
+
+  // Where no index tells it: then records may have another length or format than the dictionary
+  // says.
+  [[nodiscard]] bool hardly_has_records() const {
+    constexpr std::int64_t kFew = 10;  // for so many slots without a state one record
+    const std::int64_t odd = std::ranges::count(plan_.bad, Why::kOddState, &BadRecord::why);
+    return odd >= kFew && odd > kFew * check_.datmap.cntmap();
+  }
 
   // Of each bad record a line goes to the losses, all its bytes in hexadecimal, and what changes of
   // it to the note for undoing.

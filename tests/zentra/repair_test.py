@@ -158,7 +158,14 @@ class Repair(unittest.TestCase):
                     indexes = lines_of(done)[-2]['indexes']
                     self.assertEqual(indexes, {'--like': 5, '--keys': 2}.get(words[0], indexes))
                     self.assertUndone()
-        self.take('sound-fixed')
+        index = bytearray(self.take('sound-fixed')['.idx'])
+        index[15:19], index[59] = b'\x7f\xff\xff\xff', 7  # no descriptions, another format
+        self.pair['.idx'].write_bytes(index)
+        self.made = self.bytes()
+        (self.folder / 'lines').write_text('0,12,char')
+        done = self.repair('-y', '--force', '--variable=keep', '--keys', 'lines')
+        self.assertEqual(done.returncode, 2, done)
+        self.assertUnchanged('lines')
         for words in (['--like', 'none'], ['--keys', 'none']):
             self.assertEqual(self.repair('-y', *words).returncode, 4)
         self.assertEqual(zentra('repair', '--like', 'a', '--keys', 'b', 'pair',
