@@ -34,6 +34,8 @@ void DeepCollector::index_begins(int n, const keydescr& k) {
 
 void DeepCollector::index_walked(std::int32_t /*nodes*/, int /*levels*/) {
   if (walked_ == 0) return;
+  const bool may_be_node = check_ != nullptr && audit_node_ >= 1 && audit_node_ <= check_->idxlast;
+  if (may_be_node && check_->idxmap2.tstbit(audit_node_)) audit_is_tree_node_ = true;
   keys_.ends();
   leads_[walked_].astray += keys_.differing();
   leads_[walked_].right += keys_.items() - keys_.differing();
@@ -64,6 +66,7 @@ std::int64_t DeepCollector::most_items() const {
 namespace {
 
 bool run_all(checker::Check& check, DeepCollector* deep, const std::function<void()>& lets_go) {
+  if (deep != nullptr) deep->hears(check);
   if (!checker::run_checks(check)) return false;
   checker::tell_why_refused(check);
   if (deep == nullptr) return true;

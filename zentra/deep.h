@@ -25,17 +25,16 @@ class DeepCollector : public Collector {
   void found(const checker::Finding& finding) override;
   void index_begins(int n, const keydescr& k) override;
   void index_walked(std::int32_t nodes, int levels) override;
-  void leaf_item(const Leaf& place, const isam::Item& item) override {
-    audit_is_leaf_ = audit_is_leaf_ || place.node == audit_node_;
-    keys_.item(place, item);
-  }
+  void leaf_item(const Leaf& place, const isam::Item& item) override { keys_.item(place, item); }
 
   // Whether every index leads astray so often that it was made for another data file.
   [[nodiscard]] bool is_of_another_time() const;
   // Whether hardly an item of any index leads to a record that is there.
   [[nodiscard]] bool are_records_gone() const;
   // Whether the node with the name of the audit trail is one of an index.
-  [[nodiscard]] bool audit_is_leaf() const { return audit_is_leaf_; }
+  [[nodiscard]] bool audit_is_tree_node() const { return audit_is_tree_node_; }
+  // The check that will be heard; its maps are looked at.
+  void hears(const checker::Check& check) { check_ = &check; }
   // The most items that an index has.
   [[nodiscard]] std::int64_t most_items() const;
   // Where the last part of a key ends in a record: none is shorter.
@@ -52,7 +51,8 @@ class DeepCollector : public Collector {
   int walked_ = 0;  // number of the index under way, 0 for one without a tree
   int keys_end_ = 0;
   std::int32_t audit_node_;
-  bool audit_is_leaf_ = false;
+  bool audit_is_tree_node_ = false;
+  const checker::Check* check_ = nullptr;
   std::map<int, Leads> leads_;
 };
 

@@ -53,7 +53,7 @@ void check_audit_node(const checker::Check& check, DeepCollector& collector) {
   const bool names_trail = !dictp->d_audits() || !isam::txlog::audit_trail_name().empty();
   collector.pass_over_error();
   const bool is_page = in_range && node <= check.idxlast && check.rpgmap.tstbit(node);
-  const bool is_shared = collector.audit_is_leaf() || is_page;
+  const bool is_shared = collector.audit_is_tree_node() || is_page;
   if (node == 0 || (in_range && names_trail && !is_shared)) return;
   collector.add(
       {.kind = dictp->d_audits() || is_shared ? Entry::Kind::kFinding : Entry::Kind::kNote,

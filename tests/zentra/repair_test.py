@@ -31,6 +31,7 @@ DAMAGES = [
     ('sound-varying', {}, b'', 53699, 0, 'repaired'),  # cut inside a free node
     ('sound-nodes-1025', {}, b'\n' * 141, None, 0, '3 record(s) went'),  # like records
     ('sound-varying', {49: b'\0\0\0\r'}, b'', None, 0, 'repaired'),  # no audit trail: a storage page
+    ('sound-fixed', {49: b'\0\0\0\4'}, b'', None, 0, 'repaired'),  # ... a root
     ('sound-fixed', {59: b'\x07\xff'}, b'', None, 2, 'hardly a record'),  # another format of records
     ('sound-varying', {59: b'\0\0'}, b'', None, 2, 'hardly a record'),
     ('sound-fixed', {13: b'\x7f\xff'}, b'', None, 0, 'repaired'),  # another length of records
