@@ -19,6 +19,9 @@ constexpr std::array kSignals = {SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM, 
 constexpr std::size_t kMostFiles = 4;
 constexpr std::size_t kLineRoom = PATH_MAX + 200;
 
+constexpr char kNotBack[] =
+    "\ninterrupted; the data file is not as it was: run zentra undo --force\n";
+
 // What on_signal() reads. It may run at any moment outside of a SignalBlock.
 std::array<std::array<char, PATH_MAX>, kMostFiles> files{};
 std::array<char, kLineRoom> line{};
@@ -33,13 +36,25 @@ void set(std::array<char, N>& to, const std::string& text) {
   std::memcpy(to.data(), text.data(), std::min(text.size(), N - 1));
 }
 
+// Whether all bytes are as they were, on the disk.
+bool bytes_are_back() {
+  if (changed.empty()) return true;
+  bool written = true;
+  for (const BytesBefore& at : changed) {
+    written = ::pwrite(changed_fd, at.bytes, at.count, at.offset) == at.count && written;
+  }
+  return ::fsync(changed_fd) == 0 && written;
+}
+
+// The files tell how to take back what could not be: they go only behind it.
 void on_signal(int number) {
   const int error = errno;
-  for (const auto& path : files) {
-    if (path[0] != 0) ::unlink(path.data());
-  }
-  for (const BytesBefore& at : changed) {
-    if (::pwrite(changed_fd, at.bytes, at.count, at.offset) < 0) errno = 0;
+  if (bytes_are_back()) {
+    for (const auto& path : files) {
+      if (path[0] != 0) ::unlink(path.data());
+    }
+  } else {
+    std::memcpy(line.data(), kNotBack, sizeof kNotBack);
   }
   // The result must be looked at, but nothing is to be done about a failure.
   if (::write(STDERR_FILENO, line.data(), std::strlen(line.data())) < 0) errno = 0;

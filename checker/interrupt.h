@@ -52,7 +52,7 @@ struct BytesBefore {
   common::Byte bytes[kMost] = {};
 };
 // Names bytes that a signal is to write back, which stay where they are until this is called with
-// none.
+// none. They come before the files, which stay when that fails.
 void put_back_when_interrupted(int fd, std::span<const BytesBefore> all);
 
 }  // namespace checker

@@ -15,6 +15,13 @@ common::ConstBytes bytes_of(const std::string& text) {
   return {reinterpret_cast<const common::Byte*>(text.data()), text.size()};
 }
 
+// Whether a name is free for a kept index and for all that stands beside it. What another kept
+// index has left over there would be taken for this one's.
+bool is_free(const std::string& name) {
+  return !common::name_exists(name) && !common::name_exists(undo_file_of(name)) &&
+         !common::name_exists(data_file_of(name));
+}
+
 }  // namespace
 
 // Unless KESTRO_KEEP is 1 or 0, what the repair takes away decides.
@@ -73,15 +80,15 @@ int KeptIndex::note_undo_data() {
   return common::system_calls().fsync(file_->fd());
 }
 
-// Takes the first name that is free for the kept index and for its undo file. A name that somebody
-// else takes between the look and become() (EEXIST) is passed by.
+// Takes the first name that is free. A name that somebody else takes between the look and become()
+// (EEXIST) is passed by.
 int KeptIndex::show() {
   constexpr int kMostKept = 100000;
   if (!name_.empty()) return 0;
   const std::string first = index_ + ".before";
   std::string name = first;
   for (int number = 2; number < kMostKept; ++number) {
-    if (!common::name_exists(name) && !common::name_exists(undo_file_of(name))) {
+    if (is_free(name)) {
       if (file_->become(name) == 0) {
         name_ = name;
         return undo_file_ == nullptr ? 0 : undo_file_->become(undo_file_of(name));

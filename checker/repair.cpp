@@ -244,7 +244,11 @@ void Repair::end(bool whole) {
       if (locked_ != -1) use(std::exchange(locked_, -1));
     }
   }
-  if (is_supervised()) check_.supervisor->ends(kept_.name());
+  if (!is_supervised()) return;
+  const SignalBlock block;  // signals remove the kept index until it is known whether it stays
+  if (!check_.supervisor->ends(kept_.name())) return;
+  kept_.keep();
+  Interrupt::say(said_when_interrupted("the data file is not as it was"));
 }
 
 void Repair::bring_in(bool whole) {

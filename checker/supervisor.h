@@ -34,8 +34,8 @@ class Supervisor {
   // The copy takes the index's place; signals wait.
   virtual void is_repaired() = 0;
   // The last call, made while the pair is still locked; also after a false begins(). `kept`: as
-  // above.
-  virtual void ends(const std::string& kept) = 0;
+  // above. Whether the index of before is needed though nothing is repaired.
+  [[nodiscard]] virtual bool ends(const std::string& kept) = 0;
 
  protected:
   Supervisor() = default;

@@ -82,6 +82,8 @@ std::optional<UndoData> parse_undo_data(const std::string& text) {
 
 std::string undo_file_of(const std::string& kept) { return kept + ".undo"; }
 
+std::string data_file_of(const std::string& kept) { return kept + ".data"; }
+
 int store_undo_data(int kept_fd, const UndoData& data) {
   const std::string text = text_of(data);
   return common::system_calls().fsetxattr(kept_fd, kAttribute, text.data(), text.size(), 0);

@@ -146,14 +146,15 @@ int copy_attributes(int from, int to) {
   return ::fchmod(to, wanted.st_mode & kPermissionBits);
 }
 
-int checksum_of(int fd, std::uint64_t& sum) {
+int checksum_of(int fd, std::uint64_t& sum, std::int64_t end) {
   constexpr std::uint64_t kBasis = 0xCBF29CE484222325;
   constexpr std::uint64_t kFactor = 0x9E3779B97F4A7C15;
   constexpr int kRotation = 27;
   std::vector<Byte> piece(kPiece);
   sum = kBasis;
   for (std::int64_t at = 0;; at += static_cast<std::int64_t>(kPiece)) {
-    const ssize_t got = read_at(fd, piece, at);
+    const auto wanted = static_cast<std::size_t>(std::min<std::int64_t>(kPiece, end - at));
+    const ssize_t got = read_at(fd, Bytes{piece}.first(wanted), at);
     if (got < 0) return -1;
     std::fill(piece.begin() + got, piece.end(), Byte{0});
     for (std::size_t i = 0; i < static_cast<std::size_t>(got); i += sizeof sum) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 
 namespace common {
 
@@ -19,7 +20,9 @@ namespace common {
 // cannot be read or given. A file whose attributes cannot be listed counts as having none.
 [[nodiscard]] int copy_attributes(int from, int to);
 
-// Makes `sum` the checksum of the file's bytes (docs/format.md): 0, or -1 with errno.
-[[nodiscard]] int checksum_of(int fd, std::uint64_t& sum);
+// Makes `sum` the checksum of the file's bytes in front of `end` (docs/format.md): 0, or -1 with
+// errno.
+[[nodiscard]] int checksum_of(int fd, std::uint64_t& sum,
+                              std::int64_t end = std::numeric_limits<std::int64_t>::max());
 
 }  // namespace common

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "checker/undodata.h"
 #include "common/bytes.h"
 #include "isam/base/format.h"
 #include "zentra/badrecords.h"
@@ -26,16 +27,43 @@ using DataChanges = std::vector<DataChange>;
 // What becomes of the slots of these records of the current pair; nothing when one cannot be read.
 [[nodiscard]] std::optional<DataChanges> changes_for(const BadRecords& records);
 
-[[nodiscard]] std::string data_file_of(const std::string& kept);
-// Notes them beside a kept index, on the disk: 0, or -1 with errno.
+using checker::data_file_of;
+
+// Notes them beside a kept index, on the disk, in a file that has its owner: 0, or -1 with errno.
 [[nodiscard]] int note_changes(const std::string& kept, const DataChanges& changes);
-// What was noted; none where there is no such file. Nothing when it cannot be read or is damaged.
-[[nodiscard]] std::optional<DataChanges> noted_changes(const std::string& kept);
+
+// What was noted beside a kept index.
+struct DataNote {
+  std::string fault;              // why it cannot be used; empty where it can, or there is none
+  checker::UndoData::Index kept;  // the index that it belongs to: stamp and checksum
+  DataChanges changes;
+  std::int64_t end = 0;     // offset behind all that
+  bool is_undoing = false;  // an undoing has begun to take them back
+};
+[[nodiscard]] DataNote noted_changes(const std::string& kept);
+// Note in it, on the disk, that an undoing takes the changes back, and that it does not: 0, or -1
+// with errno.
+[[nodiscard]] int note_undoing(const std::string& kept, const DataNote& note);
+int note_no_undoing(const std::string& kept, const DataNote& note);
 
 // Whether the file has one or the other bytes at every place.
 [[nodiscard]] bool are_there(int fd, const DataChanges& changes);
 // Write the bytes behind, or before, the changes, and sync the file: 0, or -1 with errno.
 [[nodiscard]] int make_changes(int fd, const DataChanges& changes);
 [[nodiscard]] int take_back_changes(int fd, const DataChanges& changes);
+
+// Takes back what still stands as it was changed, and can make that again.
+class TakingBack {
+ public:
+  // 0, or -1 with errno.
+  [[nodiscard]] int run(int fd, const DataChanges& changes);
+  [[nodiscard]] int make_again(int fd) const;
+  // Places that have other bytes now, which stay.
+  [[nodiscard]] std::int64_t others() const { return others_; }
+
+ private:
+  std::vector<const DataChange*> written_;
+  std::int64_t others_ = 0;
+};
 
 }  // namespace zentra

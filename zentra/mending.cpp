@@ -170,21 +170,20 @@ void Mending::is_repaired() {
   if (!data_note_.empty()) checker::forget_file(data_note_);
 }
 
-void Mending::ends(const std::string& kept) {
+bool Mending::ends(const std::string& kept) {
   kept_ = kept;
-  if (done_) return;
-  if (data_changed_ && take_back_changes(filep->data.fd, plan_.changes) != 0) {
-    why_ = fmt::format("{}: {}; its bytes of before stand in {}", shown(isam::mkdatname(name_)),
-                       std::strerror(errno), shown(data_note_));
-    checker::put_back_when_interrupted(-1, {});
-    checker::forget_file(data_note_);
-    return;
+  if (done_) return false;
+  const bool is_back = !data_changed_ || take_back_changes(filep->data.fd, plan_.changes) == 0;
+  if (!is_back) {
+    why_ = fmt::format("{}: {}; its bytes of before stand in {}: zentra undo --force",
+                       shown(isam::mkdatname(name_)), std::strerror(errno), shown(data_note_));
   }
   checker::put_back_when_interrupted(-1, {});
+  if (!data_note_.empty()) checker::forget_file(data_note_);
+  if (!is_back) return true;
   losses_.take_back();
-  if (data_note_.empty()) return;
-  checker::forget_file(data_note_);
-  common::system_calls().unlink(data_note_.c_str());
+  if (!data_note_.empty()) common::system_calls().unlink(data_note_.c_str());
+  return false;
 }
 
 void Mending::found(const checker::Finding& finding) {

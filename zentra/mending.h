@@ -44,7 +44,7 @@ class Mending : public checker::Supervisor, public checker::Listener {
   void mends(const checker::Check& check) override;
   [[nodiscard]] bool approves() override;
   void is_repaired() override;
-  void ends(const std::string& kept) override;
+  [[nodiscard]] bool ends(const std::string& kept) override;
 
   // As listener.
   void found(const checker::Finding& finding) override;

@@ -166,6 +166,8 @@ class Undoing {
 
   // The index that is put back; empty while none is found.
   [[nodiscard]] const std::string& kept() const { return kept_; }
+  // What of the data file stays, in words; empty where nothing does.
+  [[nodiscard]] const std::string& stays() const { return stays_; }
   // What --force has kept of the index that it took away.
   [[nodiscard]] const std::string& replaced() const { return replaced_.name(); }
 
@@ -192,12 +194,17 @@ class Undoing {
     kept_fd_ = common::FileHold{common::open_file(kept_.c_str(), O_RDWR | O_NOFOLLOW)};
     if (!kept_fd_) return by_errno(kept_);
     noted_ = checker::load_undo_data(kept_);
+    note_ = noted_changes(kept_);
+    if (!note_.fault.empty()) return Refusal{Status::kUnfinished, note_.fault};
     UndoData now;
     if (checker::describe(filep->index.fd, now.repaired) != 0 ||
         checker::describe(filep->data.fd, now.data) != 0 ||
         checker::describe(kept_fd_.get(), now.kept) != 0) {
       return by_errno(index_);
     }
+    // An undoing that has begun has changed it.
+    if (noted_ && note_.is_undoing) now.data.changed = noted_->data.changed;
+    keeps_data_time_ = noted_ && now.data == noted_->data;
     const std::string changed =
         noted_ ? what_changed(*noted_, now) : "nothing tells how the repair left the pair";
     if (!changed.empty() && !force_) {
@@ -207,17 +214,26 @@ class Undoing {
     if (!changed.empty() && !is_index(kept_fd_.get())) {
       return Refusal{Status::kUnfinished, "the kept index is no index"};
     }
-    const auto changes = noted_changes(kept_);
-    if (!changes) return Refusal{Status::kUnfinished, shown(data_file_of(kept_)) + " is damaged"};
-    changes_ = *changes;
-    if (!force_ && !are_there(filep->data.fd, changes_)) {
-      return Refusal{Status::kUnfinished, "the data file has changed since the repair"};
-    }
+    if (auto refusal = look_at_note(noted_ ? noted_->kept : now.kept)) return refusal;
     if (const int error = checker::obstacle(filep->index.fd, index_); error != 0) {
       errno = error;
       return by_errno(index_);
     }
     return std::nullopt;
+  }
+
+  // `kept`: the kept index, as the repair found it.
+  std::optional<Refusal> look_at_note(const UndoData::Index& kept) {
+    if (note_.changes.empty()) return std::nullopt;
+    if (note_.kept.stamp != kept.stamp || note_.kept.checksum != kept.checksum) {
+      stays_ = shown(data_file_of(kept_)) + " belongs to another repair";
+      if (!force_) {
+        return Refusal{Status::kUnfinished, stays_ + "; --force leaves the data file as it is"};
+      }
+      note_.changes.clear();
+    }
+    if (force_ || are_there(filep->data.fd, note_.changes)) return std::nullopt;
+    return Refusal{Status::kUnfinished, "the data file has changed since the repair"};
   }
 
   // Puts the kept index in the place of the other, in one step.
@@ -234,7 +250,7 @@ class Undoing {
     }
     if (force_ && replaced_.show() != 0) return by_errno(kNotKept);
     if (auto refusal = put_data_back()) return refusal;
-    if (calls.rename(kept_.c_str(), index_.c_str()) != 0) return by_errno(kept_);
+    if (calls.rename(kept_.c_str(), index_.c_str()) != 0) return change_data_again(by_errno(kept_));
     replaced_.keep();
     // Who has opened the repaired index and waits for its locks does not go on with it.
     static_cast<void>(common::write_at(filep->index.fd, kNoMagic, 0));
@@ -242,25 +258,46 @@ class Undoing {
     return std::nullopt;
   }
 
-  // Gives records back that the repair has dropped. The file keeps the time that the repair has
-  // noted, so that an undoing which is interrupted here can be done again.
+  // Gives records back that the repair has dropped.
   std::optional<Refusal> put_data_back() {
-    if (changes_.empty()) return std::nullopt;
+    if (note_.changes.empty()) return std::nullopt;
+    if (note_undoing(kept_, note_) != 0) return by_errno(data_file_of(kept_));
     const int fd = filep->data.fd;
-    const bool is_back = take_back_changes(fd, changes_) == 0;
-    if (noted_) {
-      const timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, noted_->data.changed};
-      ::futimens(fd, times);
+    if (data_.run(fd, note_.changes) != 0) {
+      return change_data_again(by_errno(isam::mkdatname(filep->name)));
     }
-    if (is_back) return std::nullopt;
-    return by_errno(isam::mkdatname(filep->name));
+    set_data_time();
+    if (data_.others() > 0) {
+      stays_ = fmt::format("{} place(s) of the data file have changed since the repair and stay",
+                           grouped(data_.others()));
+    }
+    return std::nullopt;
+  }
+
+  // Makes the data file what the repair has left, since the index stays what that has left.
+  Refusal change_data_again(Refusal refusal) {
+    if (note_.changes.empty()) return refusal;
+    if (data_.make_again(filep->data.fd) != 0) {
+      refusal.why += "; records are back in the data file already: run zentra undo again";
+    } else if (!note_.is_undoing) {
+      note_no_undoing(kept_, note_);
+    }
+    set_data_time();
+    return refusal;
+  }
+
+  // The file keeps the time that the repair has noted, so that the undoing can be done again.
+  void set_data_time() const {
+    if (!keeps_data_time_) return;
+    const timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, noted_->data.changed};
+    ::futimens(filep->data.fd, times);
   }
 
   // The file is an index again, with its time of before: the repair before may be undone, too.
   // Nothing depends on it otherwise.
   void tidy_up() {
     checker::remove_undo_data(kept_fd_.get(), kept_);
-    if (!changes_.empty()) common::system_calls().unlink(data_file_of(kept_).c_str());
+    if (!note_.changes.empty()) common::system_calls().unlink(data_file_of(kept_).c_str());
     if (noted_) {
       const timespec times[2] = {{.tv_sec = 0, .tv_nsec = UTIME_OMIT}, noted_->kept.file.changed};
       ::futimens(kept_fd_.get(), times);
@@ -276,7 +313,10 @@ class Undoing {
   checker::KeptIndex replaced_;
   common::FileHold kept_fd_;
   std::optional<UndoData> noted_;
-  DataChanges changes_;  // that the repair has made in the data file
+  DataNote note_;  // what the repair has changed in the data file
+  bool keeps_data_time_ = false;
+  TakingBack data_;
+  std::string stays_;
 };
 
 Outcome undo(const UndoOptions& options, const std::string& name, Report& report) {
@@ -291,7 +331,8 @@ Outcome undo(const UndoOptions& options, const std::string& name, Report& report
   if (!undoing.replaced().empty()) {
     fields.emplace_back("replaced", FileBytes{.bytes = undoing.replaced()});
   }
-  report.pair_ends(Status::kSound, "the index is that of before the last repair", fields);
+  const std::string stays = undoing.stays().empty() ? "" : "; " + undoing.stays();
+  report.pair_ends(Status::kSound, "the index is that of before the last repair" + stays, fields);
   return {.status = Status::kSound};
 }
 

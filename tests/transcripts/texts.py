@@ -74,7 +74,7 @@ def not_shown(source):
             yield f'the list has a text too many: "{text}"'
         if text in by_pairs:
             yield f'a transcript shows "{text}"'
-        if test.startswith('scripts '):
+        if test.startswith(('scripts ', 'zentra ')):
             missing = text not in (tests / test.replace(' ', '/')).read_text()
         else:
             missing = f'({test.replace(".", ", ")})' not in sources

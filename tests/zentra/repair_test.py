@@ -102,7 +102,8 @@ class Repair(unittest.TestCase):
         done = self.run_zentra('undo', '--json', *words)
         self.assertEqual(done.returncode, 0, done)
         self.assertEqual(self.bytes(), self.made)
-        self.assertLessEqual(self.names(), {LOST})
+        replaced = {'pair.idx.before.2'} if '--force' in words else set()
+        self.assertLessEqual(self.names(), {LOST} | replaced)
 
     def test_every_damage_is_healed_or_left_alone(self):
         for name in sorted(os.listdir(self.all)):
@@ -287,6 +288,99 @@ class Repair(unittest.TestCase):
                     self.assertLessEqual(self.names(), {LOST})
                 else:
                     self.assertUndone()
+
+    def test_what_cannot_be_put_back_can_be_undone(self):
+        self.take('record-keys-equal')
+        done = self.repair('-y', **self.failing('write .dat 5 +2'))
+        self.assertEqual(done.returncode, 4)
+        self.assertIn('zentra undo --force', lines_of(done)[-2]['message'])
+        self.assertUndone('--force')
+        for number in range(1, 1000):  # killed while a signal takes everything back
+            for unlinked in 1, 2, 3:
+                self.take('record-keys-equal')
+                done = self.repair('-y', **self.failing(
+                    f'change * -15 #{number};unlink * -9 #{unlinked}'))
+                if self.bytes()['.dat'] != self.made['.dat'] and done.returncode < 0:
+                    self.assertLessEqual({'pair.idx.before', 'pair.idx.before.data'}, self.names())
+            if done.returncode == 0:
+                break
+        self.take('record-keys-equal')
+        done = self.repair('-y', **self.failing('sync pair.dat -15 #1;write .dat 5 +3'))
+        self.assertEqual(done.returncode, -15)
+        self.assertIn(b'interrupted; the data file is not as it was: run zentra undo --force',
+                      done.stderr)
+        self.assertUndone('--force')
+
+    def test_undoing_what_was_dropped_is_all_or_nothing(self):
+        for error in 5, 28, -9:
+            for number in range(1, 1000):
+                self.take('record-keys-equal')
+                self.assertEqual(self.repair('-y').returncode, 0)
+                repaired = self.bytes()
+                done = self.run_zentra('undo', **self.failing(f'step * {error} #{number}'))
+                if self.bytes()['.idx'] == self.made['.idx']:
+                    self.assertEqual(self.bytes(), self.made)
+                    break
+                with self.subTest(error=error, number=number):
+                    if error > 0:
+                        self.assertEqual((done.returncode, self.bytes()), (4, repaired))
+                    self.assertUndone()
+            self.assertGreater(number, 4)
+
+    def test_undoing_leaves_alone_what_is_not_its_own(self):
+        self.take('record-keys-equal')  # a note that an earlier repair has left over
+        self.assertEqual(self.repair('-y').returncode, 0)
+        (self.folder / 'pair.idx.before').unlink()
+        with open(self.pair['.idx'], 'r+b') as file:
+            file.seek(25)
+            file.write(bytes(4))
+        self.made = self.bytes()
+        for kept in 'pair.idx.before.2', 'pair.idx.before.3':
+            self.assertEqual(self.repair('-y').returncode, 0)
+            self.assertIn(kept, self.names())
+            if kept.endswith('2'):
+                self.assertEqual(self.run_zentra('undo').returncode, 0)
+                self.assertEqual(self.bytes(), self.made)
+                (self.folder / 'pair.idx.before.data').rename(self.folder / 'pair.idx.before.2.data')
+                (self.folder / 'pair.idx.before').touch()
+        (self.folder / 'pair.idx.before.2.data').rename(self.folder / 'pair.idx.before.3.data')
+        self.assertEqual(self.run_zentra('undo').returncode, 4)
+        self.assertEqual(self.run_zentra('undo', '--force').returncode, 0)
+        self.assertEqual(self.bytes(), self.made)
+        self.take('storage-slot-length')  # a record that was written since
+        self.assertEqual(self.repair('-y', '--variable=drop').returncode, 0)
+        lost, = self.losses()
+        at = (lost['record'] - 1) * (len(lost['fixed']) // 2 + 7) + len(lost['fixed']) // 2
+        for words, status, said in ((), 4, '--force'), (('--force',), 0, '1 place'):
+            with open(self.pair['.dat'], 'r+b') as file:
+                file.seek(at)
+                file.write(b'\n\0\5\0\0\1\7')
+            data = self.bytes()['.dat']
+            done = self.run_zentra('undo', '--json', *words)
+            self.assertEqual((done.returncode, self.bytes()['.dat']), (status, data))
+            self.assertIn(said, lines_of(done)[-2]['message'])
+
+    def test_a_note_is_its_owners_and_damage_of_it_is_seen(self):
+        self.take('record-keys-equal')
+        for path in self.pair.values():
+            path.chmod(0o640)
+            if os.geteuid() == 0:
+                os.chown(path, 1234, 1234)
+        self.assertEqual(self.repair('-y').returncode, 0)
+        note = self.folder / 'pair.idx.before.data'
+        owner = os.stat(self.pair['.dat'])
+        its = os.stat(note)
+        self.assertEqual((its.st_uid, its.st_mode), (owner.st_uid, owner.st_mode))
+        text = note.read_bytes()
+        for damage in text.replace(b' 0a ', b' 0b ', 1), text[:-1], b'', b'x' * 10**6:
+            note.write_bytes(damage)
+            done = self.run_zentra('undo', '--json', '--force')
+            self.assertEqual(done.returncode, 4)
+            self.assertIn('is damaged', lines_of(done)[-2]['message'])
+        note.write_bytes(text)
+        done = self.run_zentra('undo', '--json', **self.failing('open .data 13'))
+        self.assertIn('Permission denied', lines_of(done)[-2]['message'])
+        self.assertUndone()
 
     def answer(self, answer, meanwhile=lambda: None):
         ours, theirs = pty.openpty()
