@@ -87,8 +87,10 @@ bool Mending::is_as_planned() {
 
 bool Mending::begins(const std::string& kept) {
   take_geometry();
-  return is_as_seen() && is_as_planned() && (plan_.changes.empty() || change_data(kept)) &&
-         change_dictionary();
+  if (!is_as_seen() || !is_as_planned()) return false;
+  if (!plan_.changes.empty() && !change_data(kept)) return false;
+  mend_big_pages(plan_.big_pages);
+  return change_dictionary();
 }
 
 // First the notes, then the losses, then the data file itself.

@@ -13,8 +13,12 @@
 namespace zentra {
 namespace {
 
-// How many bytes of each slot belong to a record; 0: no record names it.
-using Slots = std::array<std::uint16_t, isam::rpage::kMaxSlots + 1>;
+// What records take of a page.
+struct Slots {
+  // How many bytes of each slot belong to a record; 0: no record names it.
+  std::array<std::uint16_t, isam::rpage::kMaxSlots + 1> lengths{};
+  std::int32_t continuation = 0;  // the piece behind that of a big page
+};
 // Pages out of order.
 using Pages = std::map<std::int32_t, Slots>;
 
@@ -50,16 +54,20 @@ void note_named_slots(const checker::Check& check, Pages& pages) {
     if (isam::datainfo(record, trailer) != isam::kVariableTrailer) continue;
     isam::PieceChain chain{common::ldlong(trailer + isam::kTrailerReference)};
     int left = common::ldshort(trailer + isam::kTrailerLength);
-    while (chain.pointer() != 0 && left > 0) {
+    while (chain.pointer() != 0) {
       const isam::PageHold page = chain.read();
       if (!page) break;
-      const int own = std::min(left, isam::Rpage{page}.slot(chain.slot()).length);
+      const int length = isam::Rpage{page}.slot(chain.slot()).length;
+      // Pieces beyond the record's length are its own, too.
+      const int own = left > 0 ? std::min(left, length) : length;
       left -= own;
+      const int slot = chain.slot();
       const auto at = pages.find(page.node());
       if (at != pages.end()) {
-        at->second[static_cast<std::size_t>(chain.slot())] = static_cast<std::uint16_t>(own);
+        at->second.lengths[static_cast<std::size_t>(slot)] = static_cast<std::uint16_t>(own);
       }
       if (!chain.rprwalk()) break;
+      if (at != pages.end() && chain.pointer() != 0) at->second.continuation = chain.pointer();
     }
   }
 }
@@ -76,7 +84,7 @@ void put_in_order(isam::PageHold page, const Slots& named) {
   int count = 0;
   for (int i = 0; i < view.slots_in_page(); ++i) {
     const isam::Rpage::Slot slot = view.slot(i);
-    const int length = named[static_cast<std::size_t>(i)];
+    const int length = named.lengths[static_cast<std::size_t>(i)];
     if (length == 0 || !view.readable(slot)) continue;
     const int entry = geometry.first_slot - i * isam::rpage::kSlotSize;
     if (end + length > entry) return;
@@ -91,6 +99,8 @@ void put_in_order(isam::PageHold page, const Slots& named) {
   common::stword(static_cast<std::uint32_t>(room), to + isam::rpage::kFree);
   common::stword(static_cast<std::uint32_t>(end), to + isam::rpage::kDataEnd);
   to[isam::rpage::kSlotCount] = static_cast<isam::Byte>(count);
+  // Only a page that a chain goes on from is a big one, whatever else its counts make of it.
+  isam::Rpage{isam::Bytes{fresh}}.set_named_piece(named.continuation);
   const auto size = static_cast<std::size_t>(isam::node_type_offset(isam::filep->geometry.idxsize));
   std::memcpy(page.data() + isam::rpage::kMagicOffset, to + isam::rpage::kMagicOffset,
               size - isam::rpage::kMagicOffset);

@@ -201,8 +201,10 @@ class Planner {
             find_bad_records(check_, notes_.records(code_of(Why::kShared)), fate, plan_.bad)) {
       return not_planned(failed);
     }
+    spared_ = spare_mendable(plan_.bad, plan_.big_pages);
     drop_behind_end();
     const bool adds_records =
+        spared_ > 0 ||
         std::ranges::any_of(plan_.bad, [&](const BadRecord& bad) { return adds(bad); });
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const bool unique = has_tree(at) && (keys_[at].flags & KF_DUPS) == 0;
@@ -289,7 +291,8 @@ class Planner {
 
   // Items of an index that lead to no record.
   [[nodiscard]] std::int64_t count_astray(int n) const {
-    return notes_.count(checker::text_of(checker::Code::kIndexRecordBad).code, n);
+    const auto astray = notes_.count(checker::text_of(checker::Code::kIndexRecordBad).code, n);
+    return std::max<std::int64_t>(0, astray - spared_);
   }
 
   void plan_indexes() {
@@ -320,8 +323,13 @@ class Planner {
     plan_.record_list =
         notes_.has_any("record-list.", 0) || drops || plan_.record_length != 0 || has_failed;
     plan_.node_list = notes_.has_any("node-list.", 0) || remakes || plan_.record_list;
-    plan_.storage_lists = notes_.has_any("storage.", 0) ||
+    plan_.storage_lists = notes_.has_any("storage.", 0) || !plan_.big_pages.empty() ||
                           (filep->geometry.varlen && (!plan_.changes.empty() || has_failed));
+    if (!plan_.big_pages.empty()) {
+      step("repair.big-pages",
+           fmt::format("{} storage page(s) that pieces of records fill get their heads back",
+                       plan_.big_pages.size()));
+    }
     if (plan_.storage_lists) {
       step("repair.storage-lists", "storage pages are put in order and their lists made anew");
     }
@@ -352,6 +360,7 @@ class Planner {
   const PlanOptions& options_;
   bool whole_;
   bool needs_choice_ = false;
+  std::int64_t spared_ = 0;  // records that can be read when big pages are mended
   std::vector<keydescr> keys_;
   Plan plan_;
 };

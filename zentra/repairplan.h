@@ -16,6 +16,7 @@
 #include "checker/check.h"
 #include "isam.h"
 #include "zentra/badrecords.h"
+#include "zentra/bigpages.h"
 #include "zentra/databytes.h"
 #include "zentra/notes.h"
 
@@ -55,6 +56,7 @@ struct Plan {
   int system_error = 0;                  // an errno: hopeless because of what could not be read
   BadRecords bad;
   DataChanges changes;  // of the data file
+  BigPages big_pages;   // that are mended
   double seconds = 0;   // estimates
   std::int64_t bytes = 0;
   std::int64_t unreached = 0;  // records that indexes lead to, but that are not there

@@ -129,7 +129,7 @@ class StorageCheck {
   void check_page(std::int32_t node) {
     std::array<int, isam::rpage::kMaxSlots + 1> named{};
     for (; next_ != nullptr && common::ldlong(next_) == node; next_ = pieces_.next()) {
-      if (++named[next_[kSlotAt]] == 2) shared(node, next_);
+      if (++named[next_[kSlotAt]] >= 2) shared(node, next_);
     }
     const isam::PageHold page = isam::bfread(node);
     if (!page) return collector_.pass_over_error();

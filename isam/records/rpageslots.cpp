@@ -121,6 +121,11 @@ int Rpage::rpsetext(std::int32_t pointer) {
   return 0;
 }
 
+void Rpage::set_named_piece(std::int32_t pointer) {
+  common::stlong(pointer, bytes_.data() + rpage::kContinuation);
+  bytes_[rpage::kFlags] = pointer != 0 ? rpage::kContinues : Byte{0};
+}
+
 int Rpage::rpmksmall() {
   if (!is_big()) return failed_unless_set(kCorrupted);
   common::stlong(0, bytes_.data() + rpage::kContinuation);

@@ -26,8 +26,7 @@ bool Rpage::has_empty_slot() const {
 }
 
 bool Rpage::is_big() const {
-  return slot_count() == 1 && slot(0).length == geometry_.chunk &&
-         (bytes_[rpage::kFlags] & rpage::kContinues) != 0;
+  return slot_count() == 1 && slot(0).length == geometry_.chunk && says_it_goes_on();
 }
 
 bool Rpage::holds_data() const {
@@ -37,9 +36,13 @@ bool Rpage::holds_data() const {
   return false;
 }
 
+std::int32_t Rpage::named_piece() const {
+  return common::ldlong(bytes_.data() + rpage::kContinuation);
+}
+
 std::int32_t Rpage::rpgetext() const {
   if (!is_big()) return 0;
-  const std::int32_t pointer = common::ldlong(bytes_.data() + rpage::kContinuation);
+  const std::int32_t pointer = named_piece();
   return pointer == 0 || pointer == -1 ? failed_unless_set(kCorrupted) : pointer;
 }
 

@@ -78,6 +78,14 @@ class Rpage {
   [[nodiscard]] bool is_big() const;
   [[nodiscard]] const RpageGeometry& geometry() const { return geometry_; }
 
+  // For repairs: the piece that the page's head names, and that it is to name (0: none), whatever
+  // the page is.
+  [[nodiscard]] std::int32_t named_piece() const;
+  [[nodiscard]] bool says_it_goes_on() const {
+    return (bytes_[rpage::kFlags] & rpage::kContinues) != 0;
+  }
+  void set_named_piece(std::int32_t pointer);
+
   void set_page_class(int value) { bytes_[rpage::kClass] = static_cast<Byte>(value); }
 
   // Changing slots (rpageslots). Each answers 0 (rpslalloc: the slot), or -1 with 105 and the page

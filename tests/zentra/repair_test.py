@@ -227,6 +227,52 @@ class Repair(unittest.TestCase):
         self.assertUnchanged('other', LOST)
         self.assertEqual((self.folder / 'other').read_text(), 'mine')
 
+    def damage(self, *places):
+        for end, at, bytes_ in places:
+            with open(self.pair[end], 'r+b') as file:
+                file.seek(at)
+                file.write(bytes_)
+        self.made = self.bytes()
+
+    def test_pages_that_one_piece_fills_become_that_again(self):
+        self.take('sound-varying')
+        index, data = self.made['.idx'], self.made['.dat']
+        # A page that goes on in one of several pieces, and the length of its record.
+        page, named = next(
+            (at, data.index((at // 512 + 1).to_bytes(4, 'big')) - 2)
+            for at in range(512, len(index), 512)
+            if index[at + 2:at + 4] == b'\x7e\x26' and index[at + 20] == 1 and
+            index[(int.from_bytes(index[at + 17:at + 20], 'big') - 1) * 512 + 21] > 1)
+        # As it is, and as the last page of its record.
+        as_last = ('.dat', named, b'\x01\xe2'), ('.idx', page + 16, bytes(5))
+        for made, damages in (
+                ((), ((20, b'\0'), (20, b'\x7f'), (21, b'\xff'), (21, b'\0'), (505, b'\x7f'),
+                      (506, b'\xe1'), (506, b'\xe3'), (508, b'\x99'), (12, b'\x7f\xff'))),
+                (as_last, ((20, b'\x7f\xff'), (20, b'\1')))):
+            for at, bytes_ in damages:
+                with self.subTest(made=made, at=at, bytes=bytes_):
+                    self.take('sound-varying')
+                    self.damage(*made)
+                    verdict, whole = self.records()
+                    self.assertEqual(verdict, 'sound')
+                    self.damage(('.idx', page + at, bytes_))
+                    self.assertEqual(self.repair('-y').returncode, 0)
+                    self.assertEqual(self.records(), ('sound', whole))
+                    self.assertEqual(self.losses(), [])
+
+    def test_a_piece_that_three_records_share(self):
+        self.take('sound-varying')
+        index, data = self.made['.idx'], self.made['.dat']
+        fixed = int.from_bytes(index[13:15], 'big')
+        slots = range(fixed, len(data), fixed + 7)
+        first, *others = [at for at in slots if data[at] == 10 and data[at + 3:at + 7] != bytes(4)][:3]
+        self.damage(*(('.dat', at, data[first:first + 7]) for at in others))
+        _, before = self.records()
+        self.assertEqual(self.repair('-y', '--variable=keep', '--force').returncode, 0)
+        self.assertHealed(before)
+        self.assertEqual([loss['reason'] for loss in self.losses()], ['storage.piece-shared'] * 2)
+        self.assertUndone()
+
     def test_failing_calls_leave_the_pair_as_it_was(self):
         for name in 'record-keys-equal', 'big-leaf':
             for number in range(1, 1000):
@@ -291,21 +337,21 @@ class Repair(unittest.TestCase):
 
     def test_what_cannot_be_put_back_can_be_undone(self):
         self.take('record-keys-equal')
-        done = self.repair('-y', **self.failing('write .dat 5 +2'))
+        done = self.repair('-y', **failing('write .dat 5 +2'))
         self.assertEqual(done.returncode, 4)
         self.assertIn('zentra undo --force', lines_of(done)[-2]['message'])
         self.assertUndone('--force')
         for number in range(1, 1000):  # killed while a signal takes everything back
             for unlinked in 1, 2, 3:
                 self.take('record-keys-equal')
-                done = self.repair('-y', **self.failing(
+                done = self.repair('-y', **failing(
                     f'change * -15 #{number};unlink * -9 #{unlinked}'))
                 if self.bytes()['.dat'] != self.made['.dat'] and done.returncode < 0:
                     self.assertLessEqual({'pair.idx.before', 'pair.idx.before.data'}, self.names())
             if done.returncode == 0:
                 break
         self.take('record-keys-equal')
-        done = self.repair('-y', **self.failing('sync pair.dat -15 #1;write .dat 5 +3'))
+        done = self.repair('-y', **failing('sync pair.dat -15 #1;write .dat 5 +3'))
         self.assertEqual(done.returncode, -15)
         self.assertIn(b'interrupted; the data file is not as it was: run zentra undo --force',
                       done.stderr)
@@ -317,7 +363,7 @@ class Repair(unittest.TestCase):
                 self.take('record-keys-equal')
                 self.assertEqual(self.repair('-y').returncode, 0)
                 repaired = self.bytes()
-                done = self.run_zentra('undo', **self.failing(f'step * {error} #{number}'))
+                done = self.run_zentra('undo', **failing(f'step * {error} #{number}'))
                 if self.bytes()['.idx'] == self.made['.idx']:
                     self.assertEqual(self.bytes(), self.made)
                     break
@@ -378,7 +424,7 @@ class Repair(unittest.TestCase):
             self.assertEqual(done.returncode, 4)
             self.assertIn('is damaged', lines_of(done)[-2]['message'])
         note.write_bytes(text)
-        done = self.run_zentra('undo', '--json', **self.failing('open .data 13'))
+        done = self.run_zentra('undo', '--json', **failing('open .data 13'))
         self.assertIn('Permission denied', lines_of(done)[-2]['message'])
         self.assertUndone()
 
