@@ -67,6 +67,16 @@ enum class MarkState : std::uint8_t {
 // Whether the mark has to be set before a change stays unwritten.
 [[nodiscard]] inline bool is_missing(MarkState mark) { return mark <= MarkState::kClear; }
 
+// How copies of many records at a time out of a file went on (isam/records/askahead).
+struct CopyRun {
+  bool has_waited = false;  // the last one waited for the disk
+  std::int32_t last = 0;    // the last record of the last one
+  // How far beyond a batch of this run the system was last asked to read, and up to where that was:
+  // negative towards the start of the file, 0 when it has not been asked yet.
+  std::int64_t beyond = 0;
+  std::int64_t asked = 0;
+};
+
 // One of the two files of a pair. Valid while the pair is open; only `fd` of the data file goes and
 // comes meanwhile.
 struct PairFile {
@@ -77,7 +87,7 @@ struct PairFile {
   Extent extent;
   common::FileMap map;                   // through which it is read
   std::optional<bool> map_shows_writes;  // of others, at once; not asked before it matters
-  bool has_waited = false;               // the last copy of many records waited for the disk
+  CopyRun copies;
 };
 
 // What lengths and sizes follow from. Valid from an open's first call on, and the same as long as

@@ -238,7 +238,7 @@ int roll_back() {
 
 // What waits is appended when the turn at the log has begun that the mark shares: between the two
 // the records that were held back are written, which waits for nobody.
-int commit(std::optional<LogTurn>& turn) {
+int commit(std::optional<LogLock>& turn) {
   if (logstate.lost) return failed(kLogWrite);
   if (mark_end(LogType::kCommit) != 0) return -1;
   turn.reset();
@@ -315,9 +315,12 @@ extern "C" int isbegin(void) { return traced("isbegin", kNoNumber, begin_call); 
 extern "C" int iscommit(void) {
   // What has no room in the log goes on waiting, so that the call can be given again.
   return traced("iscommit", kNoNumber, [] {
-    std::optional<LogTurn> turn;
+    std::optional<LogLock> turn;
     const auto append_waiting_first = [&turn] {
-      if (log_waits()) turn.emplace();
+      if (log_waits()) {
+        const KeepError keep;  // what appends may have the lock that is refused here
+        turn.emplace();
+      }
       return offer_waiting();
     };
     return end_transaction(append_waiting_first, [&turn] { return commit(turn); });

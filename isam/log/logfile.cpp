@@ -110,33 +110,6 @@ std::int64_t end_of_log() {
   return common::cut_file(logstate.fd, whole) == 0 ? whole : -1;
 }
 
-bool lock_log() {
-  if (lock_depth == 0 && lkloglog(true) != 0) return false;
-  ++lock_depth;
-  return true;
-}
-
-void unlock_log() {
-  const KeepError keep;
-  if (--lock_depth > 0) return;
-  end_is_known = false;
-  lkloglog(false);
-}
-
-class LogLock {
- public:
-  LogLock() : held_(lock_log()) {}
-  LogLock(const LogLock&) = delete;
-  LogLock& operator=(const LogLock&) = delete;
-  ~LogLock() {
-    if (held_) unlock_log();
-  }
-  [[nodiscard]] bool held() const { return held_; }
-
- private:
-  bool held_;
-};
-
 std::int32_t now() { return static_cast<std::int32_t>(std::time(nullptr)); }
 
 // Writes `piece` at the end: where it begins, or -1 with 121 and nothing written. `fill_in(end)`
@@ -371,14 +344,19 @@ void take_back_logged() {
   if (append([&](std::int64_t) { stamp(0, previous, now()); }) < 0) owed.swap(piece);
 }
 
-LogTurn::LogTurn() : held_(lock_log()) {}
-
-LogTurn::~LogTurn() {
-  if (held_) unlock_log();
+LogLock::LogLock() : held_(lock_depth > 0 || lkloglog(true) == 0) {
+  if (held_) ++lock_depth;
 }
 
-LogHold::LogHold() : held_(lock_log()) {
-  if (held_) {
+LogLock::~LogLock() {
+  if (!held_ || --lock_depth > 0) return;
+  const KeepError keep;
+  end_is_known = false;
+  lkloglog(false);
+}
+
+LogHold::LogHold() {
+  if (held()) {
     holder = this;
   } else {
     failed(kLogWrite);
@@ -386,10 +364,9 @@ LogHold::LogHold() : held_(lock_log()) {
 }
 
 LogHold::~LogHold() {
-  if (!held_) return;
+  if (!held()) return;
   holder = nullptr;
   if (start_ != kNothing && common::cut_file(logstate.fd, start_) == 0) end_we_left = start_;
-  unlock_log();
 }
 
 }  // namespace isam::txlog

@@ -124,14 +124,18 @@ void take_back_logged();
 // Writes what is owed, if anything is: 0, or -1 with 121.
 int append_owed();
 
-// What this process appends while it lives goes to the log under one lock, and behind each other.
-// Without the lock nothing is appended before it is asked for again.
-class LogTurn {
+// The log's lock; several hold it within each other. What this process appends while one lives goes
+// to the log under one lock, and behind each other. A lock that is refused is asked for again by
+// what appends.
+class LogLock {
  public:
-  LogTurn();
-  LogTurn(const LogTurn&) = delete;
-  LogTurn& operator=(const LogTurn&) = delete;
-  ~LogTurn();
+  LogLock();
+  LogLock(const LogLock&) = delete;
+  LogLock& operator=(const LogLock&) = delete;
+  ~LogLock();
+
+  // Whether it was had; false with the system's error and iserrio 0x61.
+  [[nodiscard]] bool held() const { return held_; }
 
  private:
   bool held_;
@@ -148,14 +152,14 @@ class LogHold {
   ~LogHold();
 
   // Whether the lock was had; false with 121.
-  [[nodiscard]] bool held() const { return held_; }
+  [[nodiscard]] bool held() const { return lock_.held(); }
   void keep() { start_ = kNothing; }
 
  private:
   friend class LogPiece;
   static constexpr std::int64_t kNothing = -1;
 
-  bool held_;
+  LogLock lock_;
   // Where the first record appended begins. Its lead-in stays in the log: what that tells is true.
   std::int64_t start_ = kNothing;
 };

@@ -248,20 +248,20 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
 }
 
 // Copies many records out of the mapping: how many, none when pages of it were missing. A copy that
-// takes so long has waited for the disk, and the next one will have to.
+// takes longer than memory does has waited for the disk, and the next one will have to.
 std::size_t copy_from_map(std::span<const std::int32_t> numbers, Byte* to) {
   using Clock = std::chrono::steady_clock;
-  constexpr auto kWaited = std::chrono::microseconds(150);
+  constexpr auto kCertainlyNot =
+      std::chrono::microseconds(150);  // no look at the numbers is needed
   PairFile& data = filep->data;
-  if (data.has_waited) {
-    ask_for_slots(numbers, slot_size(), [&](ByteRange range) {
-      ::posix_fadvise(data.fd, range.start, range.end - range.start, POSIX_FADV_WILLNEED);
-    });
-  }
+  ask_for_batch(numbers, slot_size(), data.copies, [&](ByteRange range) {
+    ::posix_fadvise(data.fd, range.start, range.end - range.start, POSIX_FADV_WILLNEED);
+  });
   std::size_t count = 0;
   const auto start = Clock::now();
   if (!data.map.read_by([&](ConstBytes from) { count = copy_slots(from, numbers, to); })) return 0;
-  data.has_waited = Clock::now() - start > kWaited;
+  const auto taken = Clock::now() - start;
+  data.copies.has_waited = taken > kCertainlyNot && taken > longest_copy(numbers, slot_size());
   return count;
 }
 

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdio>
 #include <functional>
+#include <utility>
 
 #include "common/io.h"
 #include "tests/support/between.h"
@@ -103,6 +104,24 @@ TEST_F(HeldBack, ShareATurnAtTheLogWithTheCommitsMark) {
   EXPECT_EQ(::iscommit(), 0);
   stand_aside();
   EXPECT_EQ(turns, 1);
+  EXPECT_EQ(types() + in_file(1), "BW FO UP CW1");
+}
+
+// A lock that is refused once is no matter: what is told is why the log could not be written.
+TEST_F(HeldBack, DoNotTellOfALockThatWasHadAfterwards) {
+  begin();
+  EXPECT_EQ(count(1), 0);
+  bool refused = false;
+  stand_between([&](const SystemCall& call) {
+    if (!call.name().ends_with("/log")) return 0;
+    if (call.kind == SystemCall::kLock) return std::exchange(refused, true) ? 0 : EDEADLK;
+    return call.kind == SystemCall::kWrite ? ENOSPC : 0;
+  });
+  EXPECT_EQ(::iscommit(), -1);
+  stand_aside();
+  EXPECT_EQ(iserrno, ISELOGWRITE);
+  EXPECT_EQ(iserrio, 0);
+  EXPECT_EQ(::iscommit(), 0);
   EXPECT_EQ(types() + in_file(1), "BW FO UP CW1");
 }
 
