@@ -179,7 +179,7 @@ void apply_index_verdicts(Check& check, const Repair& repair) {
 // The checks and repairs between opening and wind-up; false when they stopped early.
 bool check_and_repair(Check& check, Repair& repair) {
   if (!repair.prepare() || !run_checks(check) || !repair.begin()) return false;
-  if (check.supervisor != nullptr) check.supervisor->mends(check);
+  if (check.supervisor != nullptr) check.supervisor->repair_mends(check);
   rebuild_free_lists(check);
   apply_index_verdicts(check, repair);
   tell_why_refused(check);

@@ -150,7 +150,7 @@ bool Repair::prepare() {
     return false;
   }
   if (check_.supervisor->changes_data() && !take_kept()) return false;
-  refused_ = !check_.supervisor->begins(kept_.name());
+  refused_ = !check_.supervisor->repair_begins(kept_.name());
   return !refused_;
 }
 
@@ -246,7 +246,7 @@ void Repair::end(bool whole) {
   }
   if (!is_supervised()) return;
   const SignalBlock block;  // signals remove the kept index until it is known whether it stays
-  if (!check_.supervisor->ends(kept_.name())) return;
+  if (!check_.supervisor->repair_ends(kept_.name())) return;
   kept_.keep();
   Interrupt::say(said_when_interrupted("the data file is not as it was"));
 }

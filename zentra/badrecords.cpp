@@ -194,8 +194,10 @@ void add_records(BadRecords& records, BadRecords added) {
   if (added.empty()) return;
   added.insert(added.end(), records.begin(), records.end());
   std::ranges::stable_sort(added, {}, &BadRecord::record);
-  const auto surplus = std::ranges::unique(added, {}, &BadRecord::record);
-  added.erase(surplus.begin(), surplus.end());
+  const auto same_record = [](const BadRecord& a, const BadRecord& b) {
+    return a.record == b.record;
+  };
+  added.erase(std::unique(added.begin(), added.end(), same_record), added.end());
   records = std::move(added);
 }
 

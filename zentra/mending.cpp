@@ -85,7 +85,7 @@ bool Mending::is_as_planned() {
   return false;
 }
 
-bool Mending::begins(const std::string& kept) {
+bool Mending::repair_begins(const std::string& kept) {
   take_geometry();
   if (!is_as_seen() || !is_as_planned()) return false;
   if (!plan_.changes.empty() && !change_data(kept)) return false;
@@ -137,7 +137,7 @@ bool Mending::rebuilds(checker::List list) const {
   }
 }
 
-void Mending::mends(const checker::Check& check) {
+void Mending::repair_mends(const checker::Check& check) {
   if (check.varlen && plan_.storage_lists) mend_pages(check);
 }
 
@@ -172,7 +172,7 @@ void Mending::is_repaired() {
   if (!data_note_.empty()) checker::forget_file(data_note_);
 }
 
-bool Mending::ends(const std::string& kept) {
+bool Mending::repair_ends(const std::string& kept) {
   kept_ = kept;
   if (done_) return false;
   const bool is_back = !data_changed_ || take_back_changes(filep->data.fd, plan_.changes) == 0;

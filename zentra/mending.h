@@ -36,15 +36,15 @@ class Mending : public checker::Supervisor, public checker::Listener {
 
   // As supervisor.
   [[nodiscard]] bool changes_data() const override { return !plan_.changes.empty(); }
-  [[nodiscard]] bool begins(const std::string& kept) override;
+  [[nodiscard]] bool repair_begins(const std::string& kept) override;
   [[nodiscard]] bool remakes(int n) const override {
     return plan_.remakes_all() || plan_.indexes.contains(n);
   }
   [[nodiscard]] bool rebuilds(checker::List list) const override;
-  void mends(const checker::Check& check) override;
+  void repair_mends(const checker::Check& check) override;
   [[nodiscard]] bool approves() override;
   void is_repaired() override;
-  [[nodiscard]] bool ends(const std::string& kept) override;
+  [[nodiscard]] bool repair_ends(const std::string& kept) override;
 
   // As listener.
   void found(const checker::Finding& finding) override;

@@ -26,7 +26,6 @@
 namespace zentra {
 namespace {
 
-using isam::dictp;
 using isam::filep;
 
 struct ShowOptions {
