@@ -245,13 +245,16 @@ int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& 
   if (sorter.finish() != 0) return errno;
   BadRecords equals;
   bool any = false;
+  std::int32_t stays = 0;
   while (const isam::Byte* next = sorter.next()) {
     const bool equal = any && (sortable ? std::memcmp(key.data(), next, length) == 0
                                         : order.compare(key.data(), next) == 0);
     any = true;
     std::memcpy(key.data(), next, length);
     if (equal) {
-      equals.push_back({common::ldlong(next + length), Fate::kDropped, Why::kEqualKeys});
+      equals.push_back({common::ldlong(next + length), Fate::kDropped, Why::kEqualKeys, stays});
+    } else {
+      stays = common::ldlong(next + length);
     }
   }
   add_records(records, std::move(equals));

@@ -30,6 +30,7 @@ struct BadRecord {
   std::int32_t record;
   Fate fate;
   Why why;
+  std::int32_t stays = 0;  // the record that keeps its key, where another one has it
 };
 // By ascending number, each once: there may be as many as the file has slots.
 using BadRecords = std::vector<BadRecord>;

@@ -33,7 +33,7 @@ std::string sentence(Status status) {
     case Status::kSound:
       return "sound";
     case Status::kDamaged:
-      return "damaged; kestro -y heals it";
+      return "damaged; zentra repair or kestro -y heals it";
     case Status::kNeedsSalvage:
       return "no sound pair, and nothing that repair heals: it needs salvage";
     default:
@@ -43,16 +43,27 @@ std::string sentence(Status status) {
 
 std::string sentence(const Collector& collector) {
   const auto& beyond = collector.beyond_kestro();
-  if (collector.status() != Status::kDamaged) return sentence(collector.status());
-  if (!beyond.empty()) {
+  const Status status = collector.status();
+  if (status == Status::kNeedsSalvage && collector.needs_descriptions()) {
+    return "damaged: it lacks descriptions of indexes; zentra repair heals it, with --keys, --like "
+           "or --force";
+  }
+  if (status != Status::kDamaged) return sentence(status);
+  if (beyond.contains("library.error")) {
     return fmt::format(
         "damaged, in part beyond what kestro heals ({}); zentra repair tells what it would do",
         fmt::join(beyond, ", "));
   }
-  return sentence(Status::kDamaged) +
-         (collector.may_have_equal_keys()
-              ? ", unless records have equal keys in an index without duplicates"
-              : "");
+  std::string text = sentence(status);
+  if (!beyond.empty()) {
+    text = fmt::format("damaged; zentra repair heals it, kestro not all of it ({})",
+                       fmt::join(beyond, ", "));
+  } else if (collector.may_lose_records()) {
+    text = "damaged; zentra repair heals it";
+  }
+  if (collector.may_lose_records()) text += ", but records may be lost: its plan names them";
+  if (!collector.may_have_equal_keys()) return text;
+  return text + ", unless records have equal keys in an index without duplicates";
 }
 
 // The status of what could not be opened, locked or read.

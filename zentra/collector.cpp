@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <iterator>
+#include <string_view>
 
 #include "checker/check.h"
 #include "isam/base/current.h"
@@ -18,6 +20,8 @@ namespace zentra {
 namespace {
 
 using checker::Code;
+
+constexpr char kFailure[] = "library.error";
 
 // Of one of those that a finding counts.
 std::string in_words(const checker::Detail& detail) {
@@ -33,6 +37,12 @@ std::string in_words(const checker::Detail& detail) {
 bool is_healed(Code code) {
   if (code == Code::kBadRecord) return !isam::filep->geometry.varlen;
   return checker::text_of(code).question != checker::Question::kNone;
+}
+
+bool is_about_descriptions(std::string_view code) {
+  constexpr std::array kCodes = {Code::kKeyNodeBad, Code::kKeyNodeDuplicate,
+                                 Code::kBadKeyDescription, Code::kNoKeyDescription};
+  return std::ranges::any_of(kCodes, [&](Code one) { return code == checker::text_of(one).code; });
 }
 
 // The key that a record should have in an index; empty when it cannot be read.
@@ -60,6 +70,10 @@ Value key_value(const keydescr& k, const isam::Byte* value) {
 void Collector::add(const Entry& entry, bool heals) {
   if (entry.kind == Entry::Kind::kFinding) {
     if (!heals) beyond_.insert(entry.code);
+    if (entry.status == Status::kNeedsSalvage) {
+      (is_about_descriptions(entry.code) ? lacks_descriptions_ : needs_more_) = true;
+    }
+    has_failed_ = has_failed_ || entry.code == kFailure;
     ++findings_;
     status_ = worse(status_, entry.status);
   }
@@ -69,6 +83,8 @@ void Collector::add(const Entry& entry, bool heals) {
 void Collector::found(const checker::Finding& finding) {
   if (finding.code == Code::kRecordListMissing) misses_records_ = true;
   if (finding.code == Code::kIndexRecordMissing && is_unique_) lacks_unique_ = true;
+  if (finding.code == Code::kBadRecord) has_bad_records_ = true;
+  if (finding.code == Code::kIndexRecordBad) ++indexes_astray_;
   add(checker::entry_of(finding), is_healed(finding.code));
 }
 
@@ -115,8 +131,11 @@ void Collector::kept_back(std::int32_t record) {
   if (const auto* range = locks_.find(record)) ++kept_[range->process];
 }
 
+// A transaction of a killed program keeps numbers back that its indexes do not lead to; what other
+// damage has taken from the list is no sign of one.
 void Collector::tell_kept() {
-  if (misses_records_) {
+  const bool is_damage = has_bad_records_ || indexes_astray_ > 0 || has_failed_;
+  if (misses_records_ && !is_damage) {
     add({.kind = Entry::Kind::kNote,
          .code = "transaction.dead",
          .text = "if a program was killed in a transaction, apply the log first (isrecover)"});

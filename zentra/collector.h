@@ -47,6 +47,12 @@ class Collector : public checker::Listener {
   [[nodiscard]] const std::set<std::string>& beyond_kestro() const { return beyond_; }
   // Whether an index without duplicates lacks records: they may have the keys of others.
   [[nodiscard]] bool may_have_equal_keys() const { return lacks_unique_; }
+  // Whether a repair may take records away: bad ones, or those that only the indexes still name.
+  [[nodiscard]] bool may_lose_records() const {
+    return has_bad_records_ || (indexes_ > 0 && indexes_astray_ == indexes_);
+  }
+  // Whether all it needs is other descriptions of its indexes.
+  [[nodiscard]] bool needs_descriptions() const { return lacks_descriptions_ && !needs_more_; }
 
  private:
   Report& report_;
@@ -58,6 +64,11 @@ class Collector : public checker::Listener {
   std::set<std::string> beyond_;
   bool is_unique_ = false;  // the index under way
   bool lacks_unique_ = false;
+  bool has_bad_records_ = false;
+  bool has_failed_ = false;
+  int indexes_astray_ = 0;  // how many have items that lead to no record
+  bool lacks_descriptions_ = false;
+  bool needs_more_ = false;             // something else is beyond kestro's repair, too
   bool misses_records_ = false;         // numbers that are neither in use nor free
   std::map<pid_t, std::int64_t> kept_;  // how many numbers each process keeps back
 };

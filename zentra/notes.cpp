@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "checker/findings.h"
 #include "zentra/badrecords.h"
 
 namespace zentra {
@@ -18,6 +19,7 @@ std::int64_t number_in(const Fields& fields, std::string_view name) {
 
 void Notes::entry(const Entry& entry) {
   if (to_ != nullptr) to_->entry(entry);
+  if (entry.kind == Entry::Kind::kDetail) note_astray(entry);
   if (entry.kind != Entry::Kind::kFinding) return;
   if (first_.empty()) first_ = entry.text;
   counts_[{entry.code, entry.key}] += std::max<std::int64_t>(1, number_in(entry.fields, "found"));
@@ -25,6 +27,21 @@ void Notes::entry(const Entry& entry) {
   // Of no other code records are asked for.
   if (entry.code != code_of(Why::kShared)) return;
   records_[entry.code].insert(static_cast<std::int32_t>(number_in(entry.fields, "record")));
+}
+
+// The details are few; the numbers take no more room than the items have in the file.
+void Notes::note_astray(const Entry& entry) {
+  constexpr std::size_t kMostDetails = 1000;
+  if (entry.code != checker::text_of(checker::Code::kIndexRecordBad).code) return;
+  Astray& astray = astray_[entry.key];
+  const auto record = static_cast<std::int32_t>(number_in(entry.fields, "record"));
+  astray.records.push_back(record);
+  if (astray.details.size() < kMostDetails) astray.details.emplace_back(record, entry.fields);
+}
+
+const Astray* Notes::astray(int key) const {
+  const auto at = astray_.find(key);
+  return at == astray_.end() ? nullptr : &at->second;
 }
 
 bool Notes::has(const std::string& code) const { return last_.contains(code); }

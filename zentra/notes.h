@@ -6,10 +6,19 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "zentra/report.h"
 
 namespace zentra {
+
+// Items of an index that lead to no record: where they lead, and the first of them as told.
+struct Astray {
+  std::vector<std::int32_t> records;
+  std::vector<std::pair<std::int32_t, Fields>> details;
+
+  [[nodiscard]] bool has_all_details() const { return details.size() == records.size(); }
+};
 
 class Notes : public Report {
  public:
@@ -38,14 +47,19 @@ class Notes : public Report {
   [[nodiscard]] std::string text(const std::string& code) const;
   // Records that findings of this code name.
   [[nodiscard]] const std::set<std::int32_t>& records(const std::string& code) const;
+  // Of an index; null where all its items lead to records.
+  [[nodiscard]] const Astray* astray(int key) const;
   // What was found first, in words; empty when nothing was.
   [[nodiscard]] const std::string& first() const { return first_; }
 
  private:
+  void note_astray(const Entry& entry);
+
   Report* to_;
   std::map<std::pair<std::string, int>, std::int64_t> counts_;
   std::map<std::string, Entry> last_;
   std::map<std::string, std::set<std::int32_t>> records_;
+  std::map<int, Astray> astray_;
   std::string first_;
 };
 

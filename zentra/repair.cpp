@@ -13,6 +13,7 @@
 #include <sstream>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "checker/checks.h"
 #include "isam/base/current.h"
@@ -151,10 +152,35 @@ bool is_agreed() {
   return first == 'y' || first == 'Y';
 }
 
+// What a dry run comes to, and what --yes alone would refuse.
+std::string dry_run_text(const RepairOptions& options, const Plan& plan) {
+  std::vector<std::string> needs;
+  if (plan.needs_choice) needs.emplace_back("--variable=keep or drop");
+  if (!options.force && !plan.implausible.empty()) {
+    needs.push_back(fmt::format("--force: {}", fmt::join(plan.implausible, "; ")));
+  }
+  std::string text = "dry run: nothing is changed";
+  if (!needs.empty()) text += fmt::format(" (needs {})", fmt::join(needs, ", and "));
+  return text;
+}
+
+// What of a pair went to the losses, in words.
+std::string lost_text(const BadRecords& bad, std::int64_t lines) {
+  const std::int64_t records = std::ranges::count(bad, Fate::kDropped, &BadRecord::fate);
+  const std::int64_t parts = std::ranges::count(bad, Fate::kEmptied, &BadRecord::fate);
+  const std::int64_t rests = std::max<std::int64_t>(0, lines - records - parts);
+  std::vector<std::string> all;
+  if (records > 0) all.push_back(fmt::format("{} record(s)", grouped(records)));
+  if (parts > 0) all.push_back(fmt::format("{} variable part(s)", grouped(parts)));
+  if (rests > 0) all.push_back(fmt::format("what {} absent record(s) had", grouped(rests)));
+  return fmt::format("{}", fmt::join(all, ", "));
+}
+
 // Why nothing is done, unless it is to be done.
 std::optional<std::string> objection(const RepairOptions& options, const Look& look) {
+  const bool is_planned = look.why.empty() || look.plan.needs_choice;
+  if (options.dry_run && is_planned) return dry_run_text(options, look.plan);
   if (!look.why.empty()) return "not repaired: " + look.why;
-  if (options.dry_run) return "not repaired: this is what would be done";
   if (!options.force && !look.plan.implausible.empty()) {
     return fmt::format("not repaired: {}; --force repairs it all the same",
                        fmt::join(look.plan.implausible, "; "));
@@ -194,13 +220,14 @@ Outcome conclude(const Mending& mending, const Look& look, const std::string& na
   std::string text = "repaired; it checks clean. zentra undo takes it back";
   if (look.plan.unreached > 0) {
     fields.emplace_back("unreached", look.plan.unreached);
-    text += fmt::format("; {} record(s) that indexes led to are not there",
-                        grouped(look.plan.unreached));
+    text += fmt::format("; {} record(s) are no longer reached, their keys stand in {}",
+                        grouped(look.plan.unreached), shown(mending.kept()));
   }
   if (mending.lost() > 0) {
     fields.emplace_back("lost", mending.lost());
     fields.emplace_back("losses", FileBytes{.bytes = losses_of(name)});
-    text += fmt::format("; {} record(s) went to {}", mending.lost(), shown(losses_of(name)));
+    text += fmt::format("; {} went to {}", lost_text(look.plan.bad, mending.lost()),
+                        shown(losses_of(name)));
   }
   report.pair_ends(Status::kSound, text, fields);
   return {.status = Status::kSound, .findings = look.findings};

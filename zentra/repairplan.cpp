@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "common/io.h"
@@ -16,6 +17,7 @@
 #include "isam/keys/keys.h"
 #include "isam/tree/items.h"
 #include "zentra/collector.h"
+#include "zentra/recordsteps.h"
 #include "zentra/text.h"
 
 namespace zentra {
@@ -25,7 +27,6 @@ using isam::dictp;
 using isam::filep;
 
 constexpr int kMostLost = 10;  // one in so many
-constexpr int kFewShown = 10;  // records of a step that are named
 constexpr char kTimes[] = "pieces.times";
 constexpr int kAllTheSame = 2;  // checks that a repair makes besides, of the copy and of its result
 
@@ -55,9 +56,9 @@ class Planner {
       plan_.steps.clear();
       return std::move(plan_);
     }
+    weigh_losses();
     plan_indexes();
     plan_lists();
-    weigh_losses();
     if (const auto seen = see(filep->index.fd)) plan_.seen = *seen;
     if (plan_.hopeless.empty() && plan_.steps.empty()) {
       plan_.hopeless = "nothing is known to help: " + notes_.first();
@@ -130,9 +131,10 @@ class Planner {
       if (are_whole) implausible("the pair has descriptions that can be read");
       return;
     }
-    if (unreadable) {
+    if (unreadable) {  // what the dictionary counts does not matter: others replace them
       plan_.hopeless = "its descriptions of indexes cannot be read; --keys or --like gives others";
       if (options_.has_proposal) plan_.hopeless += ", --force takes those proposed";
+      return;
     }
     const std::int64_t told = notes_.value("descriptions.count", "found");
     const std::int64_t counted = notes_.value("descriptions.count", "expected");
@@ -201,10 +203,10 @@ class Planner {
             find_bad_records(check_, notes_.records(code_of(Why::kShared)), fate, plan_.bad)) {
       return not_planned(failed);
     }
-    spared_ = spare_mendable(plan_.bad, plan_.big_pages);
+    spare();
     drop_behind_end();
     const bool adds_records =
-        spared_ > 0 ||
+        !spared_.empty() ||
         std::ranges::any_of(plan_.bad, [&](const BadRecord& bad) { return adds(bad); });
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const bool unique = has_tree(at) && (keys_[at].flags & KF_DUPS) == 0;
@@ -216,26 +218,37 @@ class Planner {
     const auto changes = changes_for(plan_.bad);
     if (!changes) return not_planned(errno);
     plan_.changes = *changes;
-    tell_records(Why::kOddState, Fate::kDropped, "repair.drop",
-                 "record(s) whose state is neither present nor absent become absent");
-    tell_records(Why::kEqualKeys, Fate::kDropped, "repair.drop",
-                 "record(s) are dropped: each has a key of another in an index without duplicates");
+    record_steps_.tell(Why::kOddState, Fate::kDropped, "repair.drop",
+                       "record(s) are dropped: their state is neither present nor absent");
+    record_steps_.tell(
+        Why::kEqualKeys, Fate::kDropped, "repair.drop",
+        "record(s) are dropped: each has a key of another in an index without duplicates");
     for (const Why why : {Why::kUnreadable, Why::kShared}) {
       const char* const lost =
           why == Why::kShared ? "belongs to another one too" : "cannot be read";
-      tell_records(why, Fate::kDropped, "repair.drop",
-                   fmt::format("record(s) are dropped whose variable part {}", lost));
+      record_steps_.tell(why, Fate::kDropped, "repair.drop",
+                         fmt::format("record(s) are dropped whose variable part {}", lost));
       const std::int64_t emptied =
-          tell_records(why, Fate::kEmptied, "repair.empty",
-                       fmt::format("record(s) lose a variable part that {}", lost));
-      if (emptied > 0 && options_.lost_part == LostPart::kNotSaid) needs_choice_ = true;
+          record_steps_.tell(why, Fate::kEmptied, "repair.empty",
+                             fmt::format("record(s) lose a variable part that {}", lost));
+      if (emptied > 0 && options_.lost_part == LostPart::kNotSaid) plan_.needs_choice = true;
     }
-    tell_records(Why::kReferenceLeft, Fate::kCleared, "repair.clear",
-                 "absent record(s) stop referring to variable parts");
-    if (needs_choice_) {
+    record_steps_.tell(Why::kReferenceLeft, Fate::kCleared, "repair.clear",
+                       "absent record(s) stop referring to variable parts");
+    if (plan_.needs_choice) {
       plan_.hopeless =
           "variable parts are lost; --variable=keep keeps those records without them, "
           "--variable=drop drops them";
+    }
+  }
+
+  void spare() {
+    const BadRecords bad = plan_.bad;
+    if (spare_mendable(plan_.bad, plan_.big_pages) == 0) return;
+    for (const BadRecord& one : bad) {
+      if (!std::ranges::binary_search(plan_.bad, one.record, {}, &BadRecord::record)) {
+        spared_.push_back(one.record);
+      }
     }
   }
 
@@ -255,36 +268,6 @@ class Planner {
     }
   }
 
-  // How many there are.
-  std::int64_t tell_records(Why why, Fate fate, const char* code, const std::string& text) {
-    const auto is_one = [&](const BadRecord& bad) { return bad.fate == fate && bad.why == why; };
-    const std::int64_t count = std::ranges::count_if(plan_.bad, is_one);
-    if (count == 0) return 0;
-    step(code, fmt::format("{} {}", count, text)).fields = {{"found", count},
-                                                            {"reason", std::string(code_of(why))}};
-    int shown = 0;
-    for (const BadRecord& bad : plan_.bad) {
-      if (!is_one(bad)) continue;
-      if (++shown > kFewShown) break;
-      Entry detail{.kind = Entry::Kind::kDetail,
-                   .code = code,
-                   .text = "record",
-                   .fields = {{"record", std::int64_t{bad.record}}}};
-      add_key(bad.record, detail.fields);
-      plan_.steps.push_back(std::move(detail));
-    }
-    return count;
-  }
-
-  void add_key(std::int32_t record, Fields& fields) const {
-    const auto at = std::ranges::find_if(keys_, [](const keydescr& k) { return k.nparts > 0; });
-    std::vector<isam::Byte> fixed(static_cast<std::size_t>(filep->geometry.reclen));
-    if (at == keys_.end() || !read_slot(record, fixed, {})) return;
-    isam::Item item;
-    isam::itmake(fixed.data(), item, *at);
-    fields.emplace_back("key", key_value(*at, item.key));
-  }
-
   [[nodiscard]] std::int64_t count_dropped() const {
     return std::ranges::count(plan_.bad, Fate::kDropped, &BadRecord::fate);
   }
@@ -292,7 +275,7 @@ class Planner {
   // Items of an index that lead to no record.
   [[nodiscard]] std::int64_t count_astray(int n) const {
     const auto astray = notes_.count(checker::text_of(checker::Code::kIndexRecordBad).code, n);
-    return std::max<std::int64_t>(0, astray - spared_);
+    return std::max<std::int64_t>(0, astray - std::ssize(spared_));
   }
 
   void plan_indexes() {
@@ -306,7 +289,7 @@ class Planner {
         continue;
       plan_.indexes.insert(n);
       std::string text = "is made anew from the records";
-      const std::int64_t astray = count_astray(n);
+      const std::int64_t astray = count_astray(n) - record_steps_.kept_of(n);
       if (astray > 0) {
         text += fmt::format(", without {} item(s) that lead to no record", grouped(astray));
       }
@@ -339,18 +322,29 @@ class Planner {
     if (plan_.node_list) step("repair.node-list", "the list of free nodes is made anew");
   }
 
-  // Records that no index will lead to although one did.
-  void weigh_losses() {
-    std::int64_t astray = INT64_MAX;
+  // The index with the fewest items that lead to no record: what is there by it is known to all.
+  // 0 where none tells.
+  [[nodiscard]] int least_astray() const {
+    int least = 0;
     for (std::size_t at = 0; whole_ && at < keys_.size(); ++at) {
-      if (!has_tree(at)) continue;
-      astray = std::min(astray, count_astray(static_cast<int>(at) + 1));
+      const int n = static_cast<int>(at) + 1;
+      if (has_tree(at) && (least == 0 || count_astray(n) < count_astray(least))) least = n;
     }
-    if (astray == INT64_MAX) astray = 0;
-    plan_.unreached = astray;
-    const std::int64_t emptied = std::ranges::count(plan_.bad, Fate::kEmptied, &BadRecord::fate);
-    const std::int64_t lost = astray + count_dropped() + emptied;
-    const std::int64_t present = check_.datmap.cntmap() + astray + emptied;
+    return least;
+  }
+
+  // A record that only loses its variable part is not lost.
+  void weigh_losses() {
+    const int n = least_astray();
+    std::int64_t unreached = n == 0 ? 0 : count_astray(n);
+    if (plan_.record_length == 0) {
+      plan_.unreached = unreached = record_steps_.tell_unreached(n);
+    }
+    const std::int64_t lost = unreached + count_dropped();
+    const std::int64_t unseen = std::ranges::count_if(plan_.bad, [&](const BadRecord& bad) {
+      return bad.fate != Fate::kCleared && !check_.datmap.tstbit(bad.record);
+    });
+    const std::int64_t present = check_.datmap.cntmap() + unreached + unseen + std::ssize(spared_);
     if (lost == 0 || lost * kMostLost <= present) return;
     implausible(fmt::format("{} of {} records would be lost", grouped(lost), grouped(present)));
   }
@@ -359,10 +353,10 @@ class Planner {
   const Notes& notes_;
   const PlanOptions& options_;
   bool whole_;
-  bool needs_choice_ = false;
-  std::int64_t spared_ = 0;  // records that can be read when big pages are mended
+  std::vector<std::int32_t> spared_;  // records that can be read when big pages are mended
   std::vector<keydescr> keys_;
   Plan plan_;
+  RecordSteps record_steps_{notes_, keys_, plan_.bad, spared_, plan_.steps};
 };
 
 std::optional<Seen::File> file_seen(int fd) {

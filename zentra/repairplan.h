@@ -54,12 +54,13 @@ struct Plan {
   std::vector<std::string> implausible;  // why it takes --force
   std::string hopeless;                  // not empty: why nothing can be done at all
   int system_error = 0;                  // an errno: hopeless because of what could not be read
+  bool needs_choice = false;             // hopeless until it is said what becomes of lost parts
   BadRecords bad;
   DataChanges changes;  // of the data file
   BigPages big_pages;   // that are mended
   double seconds = 0;   // estimates
   std::int64_t bytes = 0;
-  std::int64_t unreached = 0;  // records that indexes lead to, but that are not there
+  std::int64_t unreached = 0;  // records that indexes lead to, but that the data file no longer has
 
   // What is to be made anew though the checks that kestro makes find nothing.
   std::set<int> indexes;

@@ -168,6 +168,8 @@ class Undoing {
   [[nodiscard]] const std::string& kept() const { return kept_; }
   // What of the data file stays, in words; empty where nothing does.
   [[nodiscard]] const std::string& stays() const { return stays_; }
+  // Whether places of the data file are put back, too.
+  [[nodiscard]] bool puts_data_back() const { return !note_.changes.empty(); }
   // What --force has kept of the index that it took away.
   [[nodiscard]] const std::string& replaced() const { return replaced_.name(); }
 
@@ -323,16 +325,19 @@ Outcome undo(const UndoOptions& options, const std::string& name, Report& report
   Undoing undoing{options.force};
   const auto refusal = undoing.run(name, as_time(options.wait));
   Fields fields;
-  if (!undoing.kept().empty()) fields.emplace_back("kept", FileBytes{.bytes = undoing.kept()});
   if (refusal) {
+    if (!undoing.kept().empty()) fields.emplace_back("kept", FileBytes{.bytes = undoing.kept()});
     report.pair_ends(refusal->status, "nothing is undone: " + refusal->why, fields);
     return {.status = refusal->status};
   }
   if (!undoing.replaced().empty()) {
     fields.emplace_back("replaced", FileBytes{.bytes = undoing.replaced()});
   }
-  const std::string stays = undoing.stays().empty() ? "" : "; " + undoing.stays();
-  report.pair_ends(Status::kSound, "the index is that of before the last repair" + stays, fields);
+  std::string text = undoing.puts_data_back()
+                         ? "index and data file are those of before the last repair"
+                         : "the index is that of before the last repair";
+  if (!undoing.stays().empty()) text += "; " + undoing.stays();
+  report.pair_ends(Status::kSound, text, fields);
   return {.status = Status::kSound};
 }
 

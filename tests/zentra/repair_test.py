@@ -23,6 +23,19 @@ REFUSED = {'header-magic': '!', 'descriptions-zeroed': '--keys', 'data-cut': '--
 # How many records go to the losses, by reason, and what the plan does besides.
 LOSSES = {'record-keys-equal': {'index.keys-equal': 2}, 'record-state-unknown': {'record.state': 1},
           'storage-slot-length': {'record.unreadable': 1}, 'big-leaf': {}}
+# Pairs, options of a dry run, and what its report and the verdict of a check have.
+TOLD = {
+    'record-state-unknown': ([], ['1 record(s) are dropped: their state', 'indexes-with-its-key 5',
+                                  ': dry run: nothing is changed\n'], 'records may be lost'),
+    'record-keys-equal': ([], ['same-key-as 8'], 'unless records have equal keys'),
+    'data-cut': ([], ['27 record(s) that indexes lead to are not in the data file',
+                      '(needs --force: the data file ends too early'], 'records may be lost'),
+    'storage-slot-length': ([], ['(needs --variable=keep or drop'], ''),
+    'storage-page-magic': (['--variable=keep'], ['index 1: is made anew from the records\n',
+                                                 ': dry run: nothing is changed\n'], ''),
+    'descriptions-zeroed': (['--force'], ['5 index(es) that were found'],
+                            'zentra repair heals it, with --keys, --like or --force'),
+    'big-leaf': ([], [], 'damaged; zentra repair or kestro -y heals it')}
 LOST_DESCRIPTIONS = ['descriptions-zeroed', 'descriptions-loop', 'description-size-zero',
                      'header-key-node-beyond', 'header-key-node-leaf', 'kept']
 # Other bytes at a place of the index, bytes behind the data file, how long the index is; then the
@@ -117,6 +130,8 @@ class Repair(unittest.TestCase):
                 self.assertUnchanged()
                 done = self.repair('--yes', '--force', '--variable=keep')
                 self.assertEqual(done.stderr, b'')
+                if lines_of(checked)[-2]['message'].startswith('damaged; zentra repair'):
+                    self.assertEqual(done.returncode, 0, done)
                 if done.returncode != 0:
                     self.assertEqual(done.returncode, checked.returncode, done)
                     self.assertUnchanged()
@@ -140,6 +155,30 @@ class Repair(unittest.TestCase):
                 self.assertUnchanged()
                 if word != '!':
                     self.assertIn(word, lines_of(done)[-2]['message'])
+
+    def test_plans_and_verdicts_tell_what_is_lost_and_what_it_takes(self):
+        for name, (words, plan, verdict) in TOLD.items():
+            with self.subTest(name):
+                self.take(name)
+                told = self.run_zentra('repair', '--dry-run', *words).stdout.decode()
+                for text in plan:
+                    self.assertIn(text, told)
+                self.assertNotIn('the dictionary counts', told)
+                checked = self.run_zentra('check').stdout.decode()
+                self.assertIn(verdict, checked.splitlines()[-1])
+                self.assertNotIn('isrecover', checked)
+
+    def test_last_lines_tell_what_became_of_records(self):
+        for name, text in (('data-cut', '27 record(s) are no longer reached, their keys stand in '),
+                           ('storage-slot-length', '1 variable part(s) went to pair.lost'),
+                           ('record-keys-equal', '2 record(s) went to pair.lost')):
+            with self.subTest(name):
+                self.take(name)
+                done = self.repair('--yes', '--force', '--variable=keep')
+                self.assertIn(text, lines_of(done)[-2]['message'])
+                undone = lines_of(self.run_zentra('undo', '--json'))[-2]
+                self.assertNotIn('kept', undone)
+                self.assertEqual('data file' in undone['message'], name != 'data-cut')
 
     def test_lost_descriptions_come_from_elsewhere(self):
         like = {'.dat': self.all / 'sound-fixed' / 'pair'}
