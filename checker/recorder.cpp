@@ -13,7 +13,9 @@
 #include "checker/jsonline.h"
 #include "common/io.h"
 #include "common/printable.h"
+#include "isam/base/current.h"
 #include "isam/base/errors.h"
+#include "isam/base/format.h"
 #include "isam/files/files.h"
 
 namespace checker {
@@ -97,7 +99,8 @@ std::string Recorder::verdict_in_words(const Outcome& outcome) const {
       return pair_.agreed == 0 ? "damaged; nothing is repaired"
                                : "damaged; what was agreed to is repaired";
     case Status::kNeedsSalvage:
-      return "no sound pair, and nothing that repair heals: it needs salvage";
+      return pair_.agreed == 0 ? "no sound pair, and nothing that repair heals: it needs salvage"
+                               : "what was agreed to is repaired; what is left needs salvage";
     default:
       return "could not be checked to its end";
   }
@@ -158,6 +161,14 @@ bool Recorder::answer(Question question) {
   const bool yes = inner_.answer(question);
   if (yes) ++pair_.agreed;
   record([&] {
+    // Agreed to, it is no finding of the check's.
+    if (yes && question == Question::kLockMethod) {
+      Entry entry = entry_of(
+          {.code = Code::kOtherLockMethod,
+           .numbers = {.found = isam::dictp->d_lockmethod(), .expected = isam::kLockMethod}});
+      entry.status = Status::kDamaged;
+      add(entry);
+    }
     const bool of_index = question == Question::kDeleteIndex || question == Question::kRemakeIndex;
     JsonLine line("answer");
     line.add("pair", std::int64_t(number_)).add("code", text_of(question).code);

@@ -9,9 +9,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "checker/progress.h"
+#include "checker/temporaryfile.h"
 #include "common/io.h"
 #include "common/printable.h"
 #include "isam/files/files.h"
@@ -51,8 +53,22 @@ bool is_same(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// Whether a file has the name of a kept index of the pair.
+bool is_kept_index(const std::string& path, const std::string& pair) {
+  const auto in_folder = [](const std::string& whole) {
+    return whole.substr(whole.rfind('/') + 1);
+  };
+  const std::string index = isam::mkidxname(pair);
+  if (!in_folder(path).starts_with(in_folder(index) + ".before")) return false;
+  struct stat own {};
+  struct stat other {};
+  return common::system_calls().stat(folder_of(path).c_str(), &own) == 0 &&
+         common::system_calls().stat(folder_of(index).c_str(), &other) == 0 && is_same(own, other);
+}
+
 // Whether it is a file that the run reads or writes itself.
-bool is_taken(const struct stat& file, const std::vector<std::string>& pairs) {
+bool is_taken(const std::string& path, const struct stat& file,
+              const std::vector<std::string>& pairs) {
   struct stat other {};
   for (const int fd : {STDOUT_FILENO, STDERR_FILENO}) {
     if (common::system_calls().fstat(fd, &other) == 0 && is_same(file, other)) return true;
@@ -63,6 +79,7 @@ bool is_taken(const struct stat& file, const std::vector<std::string>& pairs) {
         return true;
       }
     }
+    if (is_kept_index(path, pair)) return true;
   }
   return false;
 }
@@ -75,16 +92,22 @@ ReportFile::ReportFile(std::string path, const std::vector<std::string>& pairs)
 }
 
 void ReportFile::open(const std::vector<std::string>& pairs) {
-  // What is no regular file is not even opened: that may block, or do something.
-  struct stat status {};
-  const bool is_new = common::system_calls().stat(path_.c_str(), &status) != 0;
-  if (!is_new && !S_ISREG(status.st_mode)) return refuse("is no file");
   constexpr int kFlags = O_RDWR | O_APPEND | O_NONBLOCK | O_NOCTTY;
   constexpr mode_t kForAll = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP | S_IROTH | S_IWOTH;
-  fd_ = common::FileHold{common::open_file(
-      path_.c_str(), is_new ? kFlags | O_CREAT | O_EXCL : kFlags, is_new ? kForAll : 0)};
+  struct stat status {};
+  bool is_new = common::system_calls().stat(path_.c_str(), &status) != 0;
+  if (is_new) {
+    fd_ = common::FileHold{common::open_file(path_.c_str(), kFlags | O_CREAT | O_EXCL, kForAll)};
+    // Another run may have made it meanwhile.
+    is_new = fd_ || errno != EEXIST || common::system_calls().stat(path_.c_str(), &status) != 0;
+  }
+  if (!is_new) {
+    // What is no regular file is not even opened: that may block, or do something.
+    if (!S_ISREG(status.st_mode)) return refuse("is no file");
+    fd_ = common::FileHold{common::open_file(path_.c_str(), kFlags, 0)};
+  }
   if (!fd_ || common::system_calls().fstat(fd_.get(), &status) != 0) return give_up(errno);
-  if (is_taken(status, pairs)) {
+  if (is_taken(path_, status, pairs)) {
     if (is_new) common::system_calls().unlink(path_.c_str());
     return refuse("is needed for something else");
   }
@@ -119,10 +142,15 @@ void ReportFile::flush() {
 
 void ReportFile::give_up(int error) { refuse(std::strerror(error)); }
 
-void ReportFile::refuse(const std::string& why) {
+// There may be no memory to show the path with.
+void ReportFile::refuse(const char* why) {
   fd_ = {};
   Progress::erase();
-  std::fprintf(stderr, "kestro: no report in %s: %s\n", common::shown(path_).c_str(), why.c_str());
+  try {
+    std::fprintf(stderr, "kestro: no report in %s: %s\n", common::shown(path_).c_str(), why);
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "kestro: no report: %s\n", why);
+  }
 }
 
 }  // namespace checker

@@ -32,7 +32,7 @@ class ReportFile {
  private:
   void open(const std::vector<std::string>& pairs);
   [[nodiscard]] bool begins_as_report();
-  void refuse(const std::string& why);
+  void refuse(const char* why);
 
   std::string path_;
   common::FileHold fd_;

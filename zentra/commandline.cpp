@@ -148,16 +148,12 @@ std::vector<Taken> taken_by(CLI::App& app) {
   return all;
 }
 
-int print_completion(CLI::App& app, const std::vector<std::string>& words) {
+int print_completion(CLI::App& app, const std::string& shell) {
   std::vector<CommandWords> all;
   for (CLI::App* const sub : app.get_subcommands([](CLI::App* /*any*/) { return true; })) {
     all.push_back({sub->get_name(), sub->get_description(), taken_by(*sub)});
   }
-  const std::string script = words.size() == 2 ? completion(words[1], taken_by(app), all) : "";
-  if (script.empty()) {
-    std::fputs("zentra: completion is for bash, zsh or fish\n", stderr);
-    return kUsage;
-  }
+  const std::string script = completion(shell, taken_by(app), all);
   const bool is_whole = std::fputs(script.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
   return static_cast<int>(is_whole ? Status::kSound : Status::kUnfinished);
 }
@@ -174,7 +170,10 @@ int run_parsed(std::vector<std::string> words) {
     const std::function<int()> prepared = command.prepare(arguments);
     sub->callback([&chosen, prepared] { chosen = prepared; });
   }
-  if (!words.empty() && words.front() == "completion") return print_completion(app, words);
+  CLI::App* const sub = app.add_subcommand("completion", "print what a shell completes");
+  std::string shell;
+  Arguments{*sub}.word_of("SHELL", shell, {"bash", "zsh", "fish"}, "bash, zsh or fish");
+  sub->callback([&] { chosen = [&] { return print_completion(app, shell); }; });
   std::ranges::for_each(words, mark);
   std::ranges::reverse(words);  // as the parser wants them
   try {

@@ -74,6 +74,12 @@ _zentra() {
   local word=${COMP_WORDS[COMP_CWORD]} before=${COMP_WORDS[COMP_CWORD-1]}
   local command='' options='' valued='' places=() place=0 i
   COMPREPLY=()
+  # --option=value comes as three words.
+  if [[ $word == '=' ]]; then
+    word=''
+  elif [[ $before == '=' && COMP_CWORD -gt 1 ]]; then
+    before=${COMP_WORDS[COMP_CWORD-2]}
+  fi
   for ((i = 1; i < COMP_CWORD; ++i)); do
     if [[ ${COMP_WORDS[i]} != -* ]]; then
       command=${COMP_WORDS[i]}
@@ -88,7 +94,7 @@ constexpr char kBashEnd[] = R"(  if [[ $word == -* ]]; then
   fi
   for ((++i; i < COMP_CWORD; ++i)); do
     if [[ ${COMP_WORDS[i]} == -* ]]; then continue; fi
-    if [[ " $valued " == *" ${COMP_WORDS[i-1]} "* ]]; then continue; fi
+    if [[ " = $valued " == *" ${COMP_WORDS[i-1]} "* ]]; then continue; fi
     ((++place))
   done
   if ((place >= ${#places[@]})); then place=$((${#places[@]} - 1)); fi

@@ -247,7 +247,9 @@ class Guessing {
       if (!cutting.is_only_one() || orders.may_be_collated(n)) guess.is_certain = false;
       tell_others(guess, runs[n], parts, orders, n);
     }
-    const bool has_odd_numbers = (layout_.flags & KF_DUPS) != 0 && !orders.numbers_are_regular();
+    const bool has_numbers = (layout_.flags & KF_DUPS) != 0;
+    if (has_numbers && !orders.numbers_are_all_regular()) guess.is_certain = false;
+    const bool has_odd_numbers = has_numbers && !orders.numbers_are_regular();
     guess.doubt = (has_odd_numbers ? 100 : 0) + (orders.is_badly_pressed() ? 200 : 0) +
                   10 * static_cast<int>(runs.size()) + (layout_.flags & KF_COMPRESS);
     return guess;

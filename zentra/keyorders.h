@@ -36,6 +36,7 @@ class KeyOrders {
   [[nodiscard]] bool is_text(int from, int end) const;
   // Whether each first of several equal keys mostly has the number 0, as the library gives it.
   [[nodiscard]] bool numbers_are_regular() const { return 2 * first_zero_ >= firsts_; }
+  [[nodiscard]] bool numbers_are_all_regular() const { return first_zero_ == firsts_; }
   [[nodiscard]] bool repeats() const { return repeats_; }
   // Items that could have been stored in fewer bytes under the layout.
   [[nodiscard]] bool is_badly_pressed() const { return 8 * badly_pressed_ > items_; }

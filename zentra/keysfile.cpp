@@ -14,6 +14,7 @@
 #include "checker/checks.h"
 #include "checker/driver.h"
 #include "common/number.h"
+#include "isam/base/current.h"
 #include "isam/base/errors.h"
 #include "isam/keys/keychain.h"
 #include "isam/keys/keys.h"
@@ -79,6 +80,7 @@ class Line {
   // False: `why` tells.
   [[nodiscard]] bool read(std::string_view text) {
     if (text == kByNumber) return true;
+    if (text.ends_with('+')) return fail("a part is missing behind +");
     while (!text.empty()) {
       if (key_.nparts == MAXPARTS) return fail(fmt::format("more than {} parts", MAXPARTS));
       const std::string_view part = take(text, '+');
@@ -107,6 +109,7 @@ class Line {
     return true;
   }
   bool read_part(std::string_view text, bool is_last) {
+    if (text.ends_with(',')) return fail("a word is missing behind ,");
     keypart& part = key_.part[key_.nparts];
     if (!read_number(take(text, ','), part.start) || !read_number(take(text, ','), part.length)) {
       return false;
@@ -167,6 +170,22 @@ std::string line_of(const keydescr& k) {
   return line;
 }
 
+int make_legal(std::vector<keydescr>& keys) {
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    keydescr& k = keys[i];
+    // In the order of a locale nothing is compressed.
+    if (isam::kynchar(k)) k.flags = static_cast<std::int16_t>(k.flags & ~KF_COMPRESS);
+    const bool legal = (k.nparts == 0 || isam::kylegal(k, isam::dictp->d_recsize()) == 0) &&
+                       (k.flags & KF_COMPRESS & ~(isam::dictp->d_compression() << 1)) == 0;
+    const auto is_same = [&](const keydescr& other) { return isam::kycompare(other, k) == 0; };
+    isam::clear_errors();
+    const auto before = keys.begin() + static_cast<std::ptrdiff_t>(i);
+    if (legal && (k.nparts == 0 || std::none_of(keys.begin(), before, is_same))) continue;
+    return static_cast<int>(i) + 1;
+  }
+  return 0;
+}
+
 NewKeys keys_of_file(const std::string& path) {
   const auto text = contents_of(path, kMostBytes);
   if (!text) return refused(fmt::format("{}: {}", shown(path), std::strerror(errno)));
@@ -182,6 +201,9 @@ NewKeys keys_of_file(const std::string& path) {
     };
     Line line;
     if (!line.read(words)) return refuse(line.why());
+    if (line.key().nparts == 0 && !found.keys.empty()) {
+      return refuse("only the primary key, which is the first, is by number");
+    }
     if (found.keys.size() == isam::kMostDescriptions) return refuse("too many indexes");
     for (std::size_t i = 0; i < found.keys.size(); ++i) {
       if (isam::kycompare(found.keys[i], line.key()) == 0) {
@@ -195,12 +217,11 @@ NewKeys keys_of_file(const std::string& path) {
   return found;
 }
 
-NewKeys keys_like(const std::string& name) {
-  constexpr auto kWait = std::chrono::seconds(10);
+NewKeys keys_like(const std::string& name, std::chrono::milliseconds wait) {
   std::string base = name;
   checker::cut_suffix(base);
   ReadPair pair;
-  if (!pair.open(base, kWait) || !pair.load()) {
+  if (!pair.open(base, wait, ReadPair::Look::kLittle) || !pair.load()) {
     return refused(fmt::format("{}: {}", shown(base), pair.why()), pair.status());
   }
   Silent silent;

@@ -2,7 +2,7 @@
 //
 //   0,8,char                      an index of one part: first byte, length, type
 //   32,2,int,desc+16,8,char,dups  two parts, with duplicates
-//   number                        the order of record numbers
+//   number                        the order of record numbers, of the primary key only
 //
 // Behind a part's type stands `desc` where it descends. Behind the last part stand the words of the
 // index: `dups`, and what is compressed: `repeat`, `lead`, `tail`, or `compress` for all three.

@@ -22,6 +22,7 @@
 #include "isam/keys/keys.h"
 #include "isam/records/datafile.h"
 #include "layout/draft.h"
+#include "layout/words.h"
 #include "zentra/commands.h"
 #include "zentra/pairrunner.h"
 #include "zentra/readpair.h"
@@ -90,6 +91,27 @@ void add_records(layout::Draft& draft) {
   isam::clear_errors();
 }
 
+std::string meaning_of(const layout::Field& field) {
+  switch (field.meaning) {
+    case layout::Meaning::kDate:
+    case layout::Meaning::kDays:
+      return "date";
+    case layout::Meaning::kDecimal:
+      return "decimal";
+    case layout::Meaning::kBoolean:
+      return "boolean";
+    default:
+      return "plain";
+  }
+}
+
+// What the text has behind the meaning, but for decimals.
+std::string form_of(const layout::Field& field) {
+  if (field.meaning == layout::Meaning::kDays) return "since " + field.form;
+  if (field.meaning != layout::Meaning::kBoolean) return field.form;
+  return layout::as_word(field.yes) + ' ' + layout::as_word(field.no);
+}
+
 // A field as what it is in the text, for the report.
 void tell(const layout::Field& field, Report& report) {
   report.entry({.kind = Entry::Kind::kNote,
@@ -100,6 +122,11 @@ void tell(const layout::Field& field, Report& report) {
                            {"offset", std::int64_t{field.offset}},
                            {"length", std::int64_t{field.length}},
                            {"tail", field.is_tail},
+                           {"meaning", meaning_of(field)},
+                           {"form", form_of(field)},
+                           {"decimals", std::int64_t{field.decimals}},
+                           {"null", field.may_be_null},
+                           {"blanks", field.keeps_blanks},
                            {"guessed", field.comment.starts_with("guess")}}});
 }
 

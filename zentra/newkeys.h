@@ -4,6 +4,8 @@
 // do not. The first is the primary key; one without parts stands for the order of record numbers.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -26,7 +28,14 @@ struct NewKeys {
 
 // Takes the descriptions of another pair (`--like PAIR`), by its base name. No pair may be open: it
 // opens that one to read only, and closes it.
-[[nodiscard]] NewKeys keys_like(const std::string& pair);
+[[nodiscard]] NewKeys keys_like(const std::string& pair, std::chrono::milliseconds wait);
+
+// How many indexes the current dictionary counts; 0: no number that can be right.
+[[nodiscard]] std::size_t counted_indexes();
+
+// Makes the flags of descriptions such as the library gives the current pair. The number of the
+// first that the pair cannot have; 0: all suit it.
+[[nodiscard]] int make_legal(std::vector<keydescr>& keys);
 
 struct ProposedKeys {
   std::vector<keydescr> keys;  // empty: nothing can be proposed

@@ -1,12 +1,15 @@
 #include "zentra/proposekeys.h"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "isam/base/current.h"
+#include "isam/keys/keychain.h"
 #include "isam/keys/keys.h"
 #include "zentra/keysfile.h"
 #include "zentra/newkeys.h"
@@ -36,15 +39,33 @@ std::optional<KeyGuess> best_guess(TreeFinder& finder, std::int32_t root, keydes
   return best;
 }
 
-std::string text_of(const std::vector<ProposedKey>& all, std::int64_t records) {
+// What is missing in the proposal.
+std::string gaps_of(const ProposedTrees& trees) {
+  constexpr std::size_t kFewShown = 5;
+  std::string text;
+  if (counted_indexes() > trees.keys.size()) {
+    text = fmt::format("# These are {} of the {} indexes that the dictionary counts.\n",
+                       trees.keys.size(), counted_indexes());
+  }
+  const std::size_t shown = std::min(kFewShown, trees.unknown.size());
+  if (shown == 0) return text;
+  return text + fmt::format("# Trees, or parts of them, that are not understood: at node {}{}.\n",
+                            fmt::join(trees.unknown.begin(), trees.unknown.begin() + shown, ", "),
+                            shown < trees.unknown.size() ? " and others" : "");
+}
+
+std::string text_of(const ProposedTrees& trees, std::int64_t records) {
+  const std::vector<ProposedKey>& all = trees.keys;
   if (all.empty()) return "# no tree of this pair tells how its keys are described\n";
   std::string text = fmt::format(
       "# Key descriptions that the trees of this pair allow, and {} records agree to.\n"
       "# One index a line, the primary key first: that it comes first here is likely, not "
       "certain.\n"
-      "# An index in the order of record numbers leaves no tree (its line is: number).\n"
+      "# An index in the order of record numbers leaves no tree (its line, the first, is: "
+      "number).\n"
       "# Parts side by side may have been one, and one several.\n",
       grouped(records));
+  text += gaps_of(trees);
   for (const auto& [root, guess] : all) {
     text += fmt::format("\n# the tree at node {}: {}\n", root,
                         guess.is_certain ? "certain" : "likely, not certain");
@@ -56,14 +77,22 @@ std::string text_of(const std::vector<ProposedKey>& all, std::int64_t records) {
 
 }  // namespace
 
-std::vector<ProposedKey> keys_of_trees(std::int64_t& records) {
+std::size_t counted_indexes() {
+  const int counted = isam::dictp->d_nkeys();
+  const bool may_be = counted > 0 && std::cmp_less_equal(counted, isam::kMostDescriptions);
+  return may_be ? static_cast<std::size_t>(counted) : 0;
+}
+
+ProposedTrees keys_of_trees(std::int64_t& records) {
   TreeFinder finder;
   records = finder.records();
-  std::vector<ProposedKey> all;
-  if (records == 0) return all;
+  ProposedTrees trees;
+  std::vector<ProposedKey>& all = trees.keys;
+  if (records == 0) return trees;
   for (const std::int32_t root : finder.possible_roots()) {
     keydescr layout{};
     auto guess = best_guess(finder, root, layout);
+    if (!guess && !finder.is_claimed(root)) trees.unknown.push_back(root);
     if (!guess) continue;
     finder.claim(root, layout);
     const bool is_known = std::ranges::any_of(all, [&](const ProposedKey& one) {
@@ -72,15 +101,15 @@ std::vector<ProposedKey> keys_of_trees(std::int64_t& records) {
     if (!is_known) all.push_back({.root = root, .guess = std::move(*guess)});
   }
   std::ranges::sort(all, {}, &ProposedKey::root);
-  return all;
+  return trees;
 }
 
 ProposedKeys propose_keys(const checker::Check& check) {
   std::int64_t records = 0;
-  std::vector<ProposedKey> all;
-  if (check.sized) all = keys_of_trees(records);
-  ProposedKeys proposed{.keys = {}, .text = text_of(all, records)};
-  for (const ProposedKey& one : all) proposed.keys.push_back(one.guess.key);
+  ProposedTrees trees;
+  if (check.sized) trees = keys_of_trees(records);
+  ProposedKeys proposed{.keys = {}, .text = text_of(trees, records)};
+  for (const ProposedKey& one : trees.keys) proposed.keys.push_back(one.guess.key);
   return proposed;
 }
 

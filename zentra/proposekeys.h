@@ -13,8 +13,14 @@ struct ProposedKey {
   KeyGuess guess{};
 };
 
-// One for each intact tree of the current pair, by their roots, which were made in this order
-// mostly. It must be held still, and the sizes in its dictionary have been checked.
-[[nodiscard]] std::vector<ProposedKey> keys_of_trees(std::int64_t& records);
+struct ProposedTrees {
+  // One for each intact tree, by their roots, which were made in this order mostly.
+  std::vector<ProposedKey> keys{};
+  // Nodes of other trees, from the highest level down.
+  std::vector<std::int32_t> unknown{};
+};
+
+// Of the current pair. It must be held still, and the sizes in its dictionary have been checked.
+[[nodiscard]] ProposedTrees keys_of_trees(std::int64_t& records);
 
 }  // namespace zentra

@@ -235,7 +235,8 @@ Outcome conclude(const Mending& mending, const Look& look, const std::string& na
 
 Outcome repair_pair(RepairOptions options, Report& report) {
   if (!options.keys_file.empty() || !options.like.empty()) {
-    NewKeys keys = options.like.empty() ? keys_of_file(options.keys_file) : keys_like(options.like);
+    NewKeys keys = options.like.empty() ? keys_of_file(options.keys_file)
+                                        : keys_like(options.like, options.waits());
     if (!keys.why.empty()) {
       report.pair_ends(keys.status, "not repaired: " + keys.why, {});
       return {.status = keys.status};

@@ -17,6 +17,7 @@
 #include "isam/keys/keys.h"
 #include "isam/tree/items.h"
 #include "zentra/collector.h"
+#include "zentra/newkeys.h"
 #include "zentra/recordsteps.h"
 #include "zentra/text.h"
 
@@ -146,20 +147,18 @@ class Planner {
 
   void take_given_keys() {
     plan_.keys = options_.keys;
-    for (std::size_t i = 0; i < plan_.keys.size(); ++i) {
-      keydescr& k = plan_.keys[i];
-      const bool legal = (k.nparts == 0 || isam::kylegal(k, dictp->d_recsize()) == 0) &&
-                         (k.flags & KF_COMPRESS & ~(dictp->d_compression() << 1)) == 0;
-      const auto is_same = [&](const keydescr& other) { return isam::kycompare(other, k) == 0; };
-      isam::clear_errors();
-      const auto before = plan_.keys.begin() + static_cast<std::ptrdiff_t>(i);
-      if (legal && (k.nparts == 0 || std::none_of(plan_.keys.begin(), before, is_same))) continue;
-      plan_.hopeless = fmt::format("the description of index {} does not suit the pair", i + 1);
+    if (const int unfit = make_legal(plan_.keys)) {
+      plan_.hopeless = fmt::format("the description of index {} does not suit the pair", unfit);
       return;
     }
+    const char* const from = options_.are_proposed ? "found in the trees" : "given";
     step("repair.descriptions",
          fmt::format("the descriptions of {} index(es) that were {} are written", plan_.keys.size(),
-                     options_.are_proposed ? "found in the trees" : "given"));
+                     from));
+    if (counted_indexes() > plan_.keys.size()) {
+      implausible(fmt::format("the dictionary counts {} indexes, and {} are {}", counted_indexes(),
+                              plan_.keys.size(), from));
+    }
   }
 
   void plan_dictionary() {

@@ -207,6 +207,8 @@ bool TreeFinder::walk(std::int32_t root, const keydescr& layout, const Visit& vi
   return go_down(walk, root, level_of(root)) && walk.items == records_;
 }
 
+bool TreeFinder::is_claimed(std::int32_t node) const { return level_of(node) == kNone; }
+
 void TreeFinder::claim(std::int32_t root, const keydescr& layout) {
   const isam::KeepError keep;
   const Visit any = [](const isam::Item& /*item*/) { return true; };

@@ -34,6 +34,7 @@ class TreeFinder {
   [[nodiscard]] bool walk(std::int32_t root, const keydescr& layout, const Visit& visit);
   // Nothing of a tree that is intact is another's root.
   void claim(std::int32_t root, const keydescr& layout);
+  [[nodiscard]] bool is_claimed(std::int32_t node) const;
 
   // How many records are present.
   [[nodiscard]] std::int64_t records() const { return records_; }

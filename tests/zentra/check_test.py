@@ -174,7 +174,7 @@ class Check(unittest.TestCase):
                                  ('kestro', lines[-1]['verdict'], lines[-1]['verdict']))
                 if told[2].get('code') != 'pair.cannot-open':
                     self.assertEqual(findings(told), findings(lines))
-        for name in 'pair.dat', 'pair.idx', 'pair.IDX':
+        for name in 'pair.dat', 'pair.idx', 'pair.IDX', 'pair.idx.before.7':
             self.assertIn(b'no report in', run_kestro('-nq', self.all / 'sound-fixed', 'pair.dat',
                                                       {'KESTRO_REPORT': name})[1])
 
@@ -234,8 +234,10 @@ class Check(unittest.TestCase):
             done = run('layout', '--layout', 'mine', 'pair', folder=self.folder)
             self.assertEqual(done.returncode, 4 if wrong else 0, done)
             self.assertTrue(done.stderr.startswith(b'zentra: ' * bool(wrong) + wrong), done)
-        *_, end = report_of('layout', 'pair', folder=self.folder)[1]
-        self.assertEqual(end['verdict'], 'done')
+        (self.folder / 'mine').write_text('a long 0 decimal 2 null\nb char next 2 boolean "#" n')
+        _, _, a, b, *_, end = report_of('layout', '--layout', 'mine', 'pair', folder=self.folder)[1]
+        self.assertEqual((a['meaning'], a['decimals'], a['null'], a['blanks'], b['form'],
+                          end['verdict']), ('decimal', 2, True, False, '"#" n', 'done'))
         for folder in self.all.iterdir():  # damaged as they may be
             done = run('layout', '--wait', '0', 'pair', folder=folder)
             self.assertIn(done.returncode, (0, 2, 3, 4))

@@ -36,13 +36,13 @@ class NewKeys : public testing::Test {
 };
 
 TEST_F(NewKeys, OfAFileAreItsLines) {
-  const auto read =
-      keys_of_file(file("# two\n\n0,8,char # first\n 8, 20 ,locale,desc + 40,8,double,dups,lead\r\n"
-                        "number\n4,4,long+0,2,int+8,4,float,desc,compress\n0,3,coll7,repeat,tail"));
+  const auto read = keys_of_file(
+      file("# two\n\nnumber # first\n 8, 20 ,locale,desc + 40,8,double,dups,lead\r\n"
+           "0,8,char\n4,4,long+0,2,int+8,4,float,desc,compress\n0,3,coll7,repeat,tail"));
   std::vector<std::string> lines;
   for (const keydescr& k : read.keys) lines.push_back(line_of(k));
-  ASSERT_EQ(lines, (std::vector<std::string>{"0,8,char", "8,20,locale,desc+40,8,double,dups,lead",
-                                             "number", "4,4,long+0,2,int+8,4,float,desc,compress",
+  ASSERT_EQ(lines, (std::vector<std::string>{"number", "8,20,locale,desc+40,8,double,dups,lead",
+                                             "0,8,char", "4,4,long+0,2,int+8,4,float,desc,compress",
                                              "0,3,coll7,repeat,tail"}))
       << read.why;
   EXPECT_EQ(read.keys[1].nparts, 2);
@@ -55,6 +55,10 @@ TEST_F(NewKeys, OfAFileThatIsWrongAreRefusedByItsLine) {
       {"", "keys: no index"},
       {"# none\n", "keys: no index"},
       {"\n0,8,text", "keys:2: no type of a part: text"},
+      {"0,8,char+", "keys:1: a part is missing behind +"},
+      {"0,8,char,", "keys:1: a word is missing behind ,"},
+      {"0,8,char,+8,2,int", "keys:1: a word is missing behind ,"},
+      {"0,8,char\nnumber", "keys:2: only the primary key, which is the first, is by number"},
       {"0,8", "keys:1: no type of a part: "},
       {"0;8;char", "keys:1: no number from 0 to 32767: 0;8;char"},
       {"-1,8,char", "keys:1: no number from 0 to 32767: -1"},
@@ -208,7 +212,8 @@ auto of_pair(const std::string& name, Look look) {
 }
 
 std::vector<ProposedKey> proposed(const std::string& name, std::int64_t& records) {
-  return of_pair(name, [&](checker::Check& /*check*/) { return zentra::keys_of_trees(records); });
+  return of_pair(name,
+                 [&](checker::Check& /*check*/) { return zentra::keys_of_trees(records).keys; });
 }
 
 bool is_same(const keydescr& a, const keydescr& b) {
@@ -352,20 +357,24 @@ TEST_F(NewKeysOfOrders, AreNoneWhereARecordDisagrees) {
   file.close();
   isfd_ = ::isopen(pair_.c_str(), ISINPUT + ISMANULOCK);
   EXPECT_EQ(lines(), (std::vector<std::string>{kSecond, kThird}));
+  const std::string text =
+      of_pair(pair_, [](checker::Check& check) { return zentra::propose_keys(check); }).text;
+  EXPECT_NE(text.find("# These are 2 of the 3 indexes"), text.npos) << text;
+  EXPECT_NE(text.find("not understood: at node"), text.npos) << text;
 }
 
 TEST_F(NewKeysOfOrders, AreThoseOfAnotherPairWhereOneIsNamed) {
   ::isclose(isfd_);
   ::iscleanup();
-  const auto like = zentra::keys_like(pair_ + ".idx");
+  const auto like = zentra::keys_like(pair_ + ".idx", std::chrono::seconds(1));
   ASSERT_EQ(like.keys.size(), std::size(kOrders)) << like.why;
   for (std::size_t i = 0; i < std::size(kOrders); ++i) {
     EXPECT_TRUE(is_same(like.keys[i], kOrders[i]));
     EXPECT_EQ(like.keys[i].flags, kOrders[i].flags);
   }
   lose_descriptions(pair_);
-  EXPECT_FALSE(zentra::keys_like(pair_).why.empty());
-  EXPECT_FALSE(zentra::keys_like(folder_ / "none").why.empty());
+  EXPECT_FALSE(zentra::keys_like(pair_, std::chrono::seconds(1)).why.empty());
+  EXPECT_FALSE(zentra::keys_like(folder_ / "none", std::chrono::seconds(1)).why.empty());
 }
 
 // What is proposed can be given back as it is.

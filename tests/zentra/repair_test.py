@@ -184,12 +184,18 @@ class Repair(unittest.TestCase):
         like = {'.dat': self.all / 'sound-fixed' / 'pair'}
         lines = ('0,12,char', '12,4,long,dups')
         for name in LOST_DESCRIPTIONS:
-            for words in (['--like', like['.dat']], ['--keys', 'lines'], ['--force']):
+            for words in (['--like', like['.dat']], ['--keys', 'lines', '--force'], ['--force']):
                 with self.subTest(name, words=words):
                     self.take(name)
                     _, before = self.records()
                     (self.folder / 'lines').write_text('\n'.join(lines))
-                    done = self.repair('-y', *words)
+                    if words[0] == '--keys':  # two of five
+                        short = self.repair('-y', *words[:2])
+                        self.assertRegex(lines_of(short)[-2]['message'],
+                                         'counts [59] indexes, and 2 are given')
+                        self.assertUnchanged('lines')
+                    # The kept pair counts nine.
+                    done = self.repair('-y', *words, *['--force'][name != 'kept':])
                     if words == ['--force'] and done.returncode == 2:
                         self.assertUnchanged('lines')
                         continue
