@@ -142,15 +142,17 @@ void ReportFile::flush() {
 
 void ReportFile::give_up(int error) { refuse(std::strerror(error)); }
 
-// There may be no memory to show the path with.
+// Without memory to show the path with it goes unnamed.
 void ReportFile::refuse(const char* why) {
   fd_ = {};
   Progress::erase();
+  std::string path;
   try {
-    std::fprintf(stderr, "kestro: no report in %s: %s\n", common::shown(path_).c_str(), why);
+    path = common::shown(path_);
   } catch (const std::bad_alloc&) {
-    std::fprintf(stderr, "kestro: no report: %s\n", why);
+    path.clear();
   }
+  std::fprintf(stderr, "kestro: no report in %s: %s\n", path.c_str(), why);
 }
 
 }  // namespace checker
