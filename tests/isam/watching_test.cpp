@@ -95,7 +95,9 @@ class Locked : public testing::Test {
 TEST_F(Locked, FewQuestionsTellMost) {
   RecordLocks locks(kLast);
   for (int i = kLocks; i > 0; --i) ASSERT_NE(locks.find(3 * i), nullptr);
-  EXPECT_LT(asked_, 70);
+  // The system's list may lack some locks when other processes take and release theirs meanwhile:
+  // these are asked for one by one.
+  EXPECT_LT(asked_, kLocks / 10);
   asked_ = 0;
   compare(locks, 1, 10);
   EXPECT_LE(asked_, 4);
