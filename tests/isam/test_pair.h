@@ -35,6 +35,7 @@ class TestPair {
     isam::freeopen(*open_);
   }
 
+  [[nodiscard]] const std::string& base() const { return base_; }
   // The index file as it is, and its replacement behind the library's back.
   [[nodiscard]] Image index() const {
     isam::bfflush(*isam::filep);

