@@ -1,5 +1,6 @@
-# `zentra`, beside `kestro`, takes three packages of headers: CLI11, nlohmann-json and fmt. Neither
-# `kestro` nor the library needs any. The target `companions` has what `zentra` compiles with.
+# `zentra`, beside `kestro`, takes three packages: the headers of CLI11 and nlohmann-json, and the
+# shared library of fmt (as headers alone it would be compiled anew with each file). Neither `kestro`
+# nor the library needs any. The target `companions` has what `zentra` is made with.
 
 find_package(CLI11 QUIET)
 find_package(nlohmann_json QUIET)
@@ -17,5 +18,5 @@ if(KESTRO_COMPANIONS)
   find_package(fmt REQUIRED)
   add_library(companions INTERFACE)
   target_link_libraries(
-    companions INTERFACE CLI11::CLI11 nlohmann_json::nlohmann_json fmt::fmt-header-only)
+    companions INTERFACE CLI11::CLI11 nlohmann_json::nlohmann_json fmt::fmt)
 endif()

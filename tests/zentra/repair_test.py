@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import failing, lines_of, main, tools, zentra
+from programs import STEP, failing, lines_of, main, sample, tools, zentra
 
 OPEN_LOCK = 0x7FFFFFFF
 LOST = 'pair.lost.jsonl'
@@ -119,7 +119,7 @@ class Repair(unittest.TestCase):
         self.assertLessEqual(self.names(), {LOST} | replaced)
 
     def test_every_damage_is_healed_or_left_alone(self):
-        for name in sorted(os.listdir(self.all)):
+        for name in sample(sorted(os.listdir(self.all))):
             if self.take(name) is None:
                 continue
             with self.subTest(name):
@@ -320,7 +320,7 @@ class Repair(unittest.TestCase):
 
     def test_failing_calls_leave_the_pair_as_it_was(self):
         for name in 'record-keys-equal', 'big-leaf':
-            for number in range(1, 1000):
+            for number in range(1, 1000, STEP):
                 self.take(name)
                 done = self.repair('-y', **failing(f'change * 28 #{number}'))
                 if done.returncode == 0:
@@ -332,7 +332,7 @@ class Repair(unittest.TestCase):
 
     def test_what_cannot_be_read_for_once_is_no_damage(self):
         for file in '.dat', '.idx':
-            for number in range(1, 1000, 2):
+            for number in range(1, 1000, 2 * STEP):
                 self.take('storage-slot-length')
                 _, before = self.records()
                 done = self.repair('-y', '--variable=drop', **failing(f'read {file} 5 #{number}'))
@@ -349,7 +349,7 @@ class Repair(unittest.TestCase):
     def test_killed_at_any_moment_the_next_repair_heals(self):
         for name in 'record-keys-equal', 'storage-slot-length':
             words = ['-y', '--variable=keep']
-            for number in range(1, 1000):
+            for number in range(1, 1000, STEP):
                 self.take(name)
                 _, before = self.records()
                 done = self.repair(*words, **failing(f'change * -9 #{number}'))
@@ -368,7 +368,7 @@ class Repair(unittest.TestCase):
             self.assertGreater(number, 10)
 
     def test_a_signal_takes_everything_back(self):
-        for number in range(1, 1000):
+        for number in range(1, 1000, STEP):
             self.take('record-keys-equal')
             done = self.repair('-y', **failing(f'change * -15 #{number}'))
             if done.returncode != -15:
@@ -386,7 +386,7 @@ class Repair(unittest.TestCase):
         self.assertEqual(done.returncode, 4)
         self.assertIn('zentra undo --force', lines_of(done)[-2]['message'])
         self.assertUndone('--force')
-        for number in range(1, 1000):  # killed while a signal takes everything back
+        for number in range(1, 1000, STEP):  # killed while a signal takes everything back
             for unlinked in 1, 2, 3:
                 self.take('record-keys-equal')
                 done = self.repair('-y', **failing(
@@ -404,7 +404,7 @@ class Repair(unittest.TestCase):
 
     def test_undoing_what_was_dropped_is_all_or_nothing(self):
         for error in 5, 28, -9:
-            for number in range(1, 1000):
+            for number in range(1, 1000, STEP):
                 self.take('record-keys-equal')
                 self.assertEqual(self.repair('-y').returncode, 0)
                 repaired = self.bytes()
