@@ -10,15 +10,12 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
 
 #include "layout/layout.h"
 
 namespace layout {
-
-using Bytes = std::span<const unsigned char>;
 
 class Draft {
  public:

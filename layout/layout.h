@@ -13,11 +13,14 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace layout {
+
+using Bytes = std::span<const unsigned char>;
 
 inline constexpr int kGreatestRecord = 32767;
 inline constexpr std::size_t kGreatestText = std::size_t{4} << 20;
@@ -31,6 +34,7 @@ enum class Meaning : std::uint8_t { kPlain, kDate, kDays, kDecimal, kBoolean };
 // Of a number; 0 for a type of any length.
 [[nodiscard]] int length_of(Type type);
 [[nodiscard]] bool is_text(Type type);
+[[nodiscard]] bool is_whole_number(Type type);
 
 struct Field {
   std::string name;

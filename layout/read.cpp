@@ -34,8 +34,6 @@ std::optional<Type> type_of(std::string_view word) {
   return {};
 }
 
-bool is_whole_number(Type type) { return type == Type::kInt || type == Type::kLong; }
-
 std::string folded(std::string name) {
   for (char& c : name) c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
   return name;
@@ -280,6 +278,8 @@ const char* name_of(Type type) { return kTypes.at(static_cast<std::size_t>(type)
 int length_of(Type type) { return kTypes.at(static_cast<std::size_t>(type)).length; }
 
 bool is_text(Type type) { return type == Type::kChar || type == Type::kLocale; }
+
+bool is_whole_number(Type type) { return type == Type::kInt || type == Type::kLong; }
 
 Reading read(std::string_view text) { return Reader{}.read(text); }
 
