@@ -4,10 +4,7 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,26 +12,16 @@
 #include <vector>
 
 #include "checker/driver.h"
-#include "common/io.h"
 #include "isam/base/current.h"
-#include "isam/base/errors.h"
-#include "isam/keys/keychain.h"
-#include "isam/keys/keys.h"
-#include "isam/records/datafile.h"
-#include "layout/draft.h"
 #include "layout/words.h"
 #include "zentra/commands.h"
+#include "zentra/pairlayout.h"
 #include "zentra/pairrunner.h"
 #include "zentra/readpair.h"
 #include "zentra/text.h"
-#include "zentra/textfile.h"
 
 namespace zentra {
 namespace {
-
-using isam::filep;
-
-constexpr std::int32_t kSamples = 1000;
 
 struct LayoutOptions {
   bool json = false;
@@ -42,54 +29,6 @@ struct LayoutOptions {
   std::string file;
   std::string name;
 };
-
-layout::Type type_of(int type) {
-  switch (type & ~KT_DESC) {
-    case KT_INT:
-      return layout::Type::kInt;
-    case KT_LONG:
-      return layout::Type::kLong;
-    case KT_DOUBLE:
-      return layout::Type::kDouble;
-    case KT_FLOAT:
-      return layout::Type::kFloat;
-    case KT_LOCALE:
-      return layout::Type::kLocale;
-    default:
-      return layout::Type::kChar;
-  }
-}
-
-void add_keys(layout::Draft& draft) {
-  isam::KeyChain chain;
-  keydescr k{};
-  for (int n = 1; chain.next(k) == isam::KeyChain::Step::kFound; ++n) {
-    if (k.nparts == 0 || isam::kylegal(k, filep->geometry.reclen) != 0) continue;
-    for (int i = 0; i < k.nparts; ++i) {
-      const keypart& part = k.part[i];
-      draft.add_key(
-          part.start, part.length, type_of(part.type),
-          k.nparts == 1 ? fmt::format("index {}", n) : fmt::format("index {}, part {}", n, i + 1));
-    }
-  }
-  isam::clear_errors();
-}
-
-// Records from all over the file.
-void add_records(layout::Draft& draft) {
-  const auto length = static_cast<std::size_t>(filep->geometry.reclen);
-  std::vector<isam::Byte> bytes(static_cast<std::size_t>(filep->geometry.maxreclen) + 1);
-  const std::int64_t slots = common::file_size(filep->data.fd) / isam::slot_size() + 1;
-  const auto last = std::min<std::int64_t>(isam::dictp->d_nextdata(), slots);
-  const std::int64_t step = std::max<std::int64_t>(1, last / kSamples);
-  for (std::int64_t record = 1; record <= last; record += step) {
-    const int got = isam::dataread(static_cast<std::int32_t>(record), bytes);
-    if (got < filep->geometry.reclen) continue;
-    const isam::ConstBytes all{bytes.data(), static_cast<std::size_t>(got)};
-    draft.add_record(all.first(length), all.subspan(length));
-  }
-  isam::clear_errors();
-}
 
 std::string meaning_of(const layout::Field& field) {
   switch (field.meaning) {
@@ -136,32 +75,6 @@ struct Refusal {
   std::vector<std::string> why;
 };
 
-std::vector<std::string> shown_all(const std::vector<layout::Problem>& problems,
-                                   const std::string& file) {
-  std::vector<std::string> lines;
-  lines.reserve(problems.size());
-  for (const layout::Problem& problem : problems) {
-    lines.push_back(layout::shown(problem, shown(file)));
-  }
-  return lines;
-}
-
-// The layout of a file, which must fit the current pair.
-std::optional<Refusal> read_file(const std::string& file, layout::Fields& fields) {
-  const auto text = contents_of(file, layout::kGreatestText);
-  if (!text) return Refusal{Status::kUnfinished, {shown(file) + ": " + std::strerror(errno)}};
-  layout::Reading reading = layout::read(*text);
-  if (reading.problems.empty()) {
-    reading.problems =
-        layout::misfits(reading.fields, filep->geometry.reclen, filep->geometry.varlen);
-  }
-  if (!reading.problems.empty()) {
-    return Refusal{Status::kUnfinished, shown_all(reading.problems, file)};
-  }
-  fields = std::move(reading.fields);
-  return {};
-}
-
 // The layout that the options ask for.
 std::optional<Refusal> layout_of(const LayoutOptions& options, const std::string& name,
                                  layout::Fields& fields) {
@@ -170,12 +83,24 @@ std::optional<Refusal> layout_of(const LayoutOptions& options, const std::string
       !pair.take_geometry()) {
     return Refusal{pair.status(), {shown(name) + ": " + pair.why()}};
   }
-  if (!options.file.empty()) return read_file(options.file, fields);
-  layout::Draft draft{filep->geometry.reclen, filep->geometry.varlen};
-  add_keys(draft);
-  add_records(draft);
-  fields = draft.fields();
+  if (options.file.empty()) {
+    fields = draft_of_pair();
+    return {};
+  }
+  const isam::Geometry& geometry = isam::filep->geometry;
+  PairLayout read = read_layout(options.file, geometry.reclen, geometry.varlen);
+  if (!read.why.empty()) return Refusal{Status::kUnfinished, std::move(read.why)};
+  fields = std::move(read.fields);
   return {};
+}
+
+// Whether a draft is made although the pair has a layout.
+bool says_beside(const LayoutOptions& options, const std::string& name) {
+  return options.file.empty() && has_layout_beside(name);
+}
+
+std::string beside(const std::string& name) {
+  return fmt::format("{} stands beside the pair, and is its layout", shown(layout_beside(name)));
 }
 
 Outcome report_layout(const LayoutOptions& options, const std::string& name, Report& report) {
@@ -186,6 +111,12 @@ Outcome report_layout(const LayoutOptions& options, const std::string& name, Rep
     }
     report.pair_ends(refusal->status, "no layout", {});
     return {.status = refusal->status};
+  }
+  if (says_beside(options, name)) {
+    report.entry({.kind = Entry::Kind::kNote,
+                  .code = "layout.beside",
+                  .text = beside(name),
+                  .fields = {{"file", FileBytes{.bytes = layout_beside(name)}}}});
   }
   for (const layout::Field& field : fields) tell(field, report);
   report.pair_ends(Status::kSound, options.file.empty() ? "drafted" : "it fits", {});
@@ -203,6 +134,7 @@ int print_layout(const LayoutOptions& options, const std::string& name) {
     fmt::print("# {}: a draft; what is a guess needs a look, and the names are yours to choose\n",
                shown(name));
   }
+  if (says_beside(options, name)) fmt::print("# {}\n", beside(name));
   fmt::print("# name, type, offset, length\n{}", layout::text_of(fields));
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return 0;
   fmt::print(stderr, "zentra: the layout could not be written\n");

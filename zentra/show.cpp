@@ -8,13 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "checker/checks.h"
 #include "checker/driver.h"
-#include "checker/tree_check.h"
 #include "common/io.h"
 #include "isam/base/errors.h"
-#include "isam/keys/keychain.h"
-#include "isam/keys/keys.h"
 #include "zentra/collector.h"
 #include "zentra/commands.h"
 #include "zentra/decode.h"
@@ -22,6 +18,7 @@
 #include "zentra/pairrunner.h"
 #include "zentra/readpair.h"
 #include "zentra/text.h"
+#include "zentra/treewalk.h"
 
 namespace zentra {
 namespace {
@@ -75,19 +72,6 @@ void tell(Report& report, isam::ConstBytes bytes, const std::vector<Piece>& piec
           {"bytes", FileBytes{.bytes = std::string(as_text(all))}},
           {"value", piece.value}});
   }
-}
-
-// Descriptions that can be believed.
-std::vector<keydescr> indexes_of_pair() {
-  std::vector<keydescr> indexes;
-  isam::KeyChain chain;
-  keydescr k{};
-  while (chain.next(k) == isam::KeyChain::Step::kFound) {
-    if (k.nparts > 0 && isam::kylegal(k, filep->geometry.reclen) != 0) break;
-    indexes.push_back(k);
-  }
-  isam::clear_errors();
-  return indexes;
 }
 
 std::optional<std::int64_t> number_in(const std::string& text) {
@@ -185,20 +169,6 @@ class KeyFinder : public checker::Listener {
   std::string wanted_;
   int count_ = 0;
 };
-
-// Walks the tree of index n as far as it can be followed; false when the pair has no sizes.
-bool walk_tree(checker::Listener& listener, int n, const keydescr& k) {
-  const checker::Options options{.nflag = 1, .qflag = 1};
-  checker::Check check(options, listener);
-  static_cast<void>(checker::ckdict(check));
-  isam::clear_errors();
-  if (!check.sized) return false;
-  check.idxmap2.clrmap();
-  if (check.datlast >= 1) check.datmap.setmap(1, check.datlast);
-  static_cast<void>(checker::TreeCheck{check, n, k}.run());
-  isam::clear_errors();
-  return true;
-}
 
 Refused show_node(Report& report, std::int64_t number) {
   std::vector<isam::Byte> bytes(static_cast<std::size_t>(isam::node_size()));
