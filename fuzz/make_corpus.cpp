@@ -1,6 +1,7 @@
 // make_corpus: the inputs that fuzzing starts from, one file each: in the folder "pairs" small
 // damaged pairs of many node sizes, fixed and variable in length; in "logs" logs to be replayed; in
-// "listings" logs, error logs and audit trails; in "layouts" layouts.
+// "listings" logs, error logs and audit trails; in "layouts" layouts, also with a record behind
+// them.
 //
 //   make_corpus FOLDER
 #include <array>
@@ -95,6 +96,8 @@ void write_layouts(const fs::path& folder) {
         "amount long 0 4 decimal 2\nactive char 8 5 boolean \"y #\"\"\" no\nrate double 16 null\n"
         "share float next\nnotes char tail\n"}) {
     add_seed(folder, {}, {text.begin(), text.end()});
+    const std::string with_record = text + '\0' + "00000001SMITH, J.  \"x\"22.11.2026\n\xFF\xFF";
+    add_seed(folder, {}, {with_record.begin(), with_record.end()});
   }
 }
 

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <optional>
 
 #include "layout/forms.h"
@@ -35,7 +36,7 @@ std::string_view text_of_field(const Field& field, Bytes bytes) {
 template <typename Real>
 std::optional<Put> put_real(Bytes bytes, char* to) {
   const Real value = real_in<Real>(bytes);
-  if (!std::isfinite(value)) return {};
+  if (!(std::fabs(value) <= std::numeric_limits<Real>::max())) return {};
   if (value == 0 && std::signbit(value)) return Put{copy("-0.0", to), Kind::kNumber};
   return Put{std::to_chars(to, to + kNumberRoom, value).ptr, Kind::kNumber};
 }

@@ -6,6 +6,8 @@ namespace {
 constexpr Command kCommands[] = {
     {"check", "find every fault of pairs", "Not one byte of any file is ever changed.",
      prepare_check},
+    {"dump", "write the records of a pair as CSV or as JSON",
+     "Not one byte of the pair is ever changed.", prepare_dump},
     {"info", "tell what pairs are", "Not one byte of any file is ever changed.", prepare_info},
     {"layout", "draft the fields of a pair's records", "Not one byte of any file is ever changed.",
      prepare_layout},

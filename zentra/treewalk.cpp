@@ -1,7 +1,6 @@
 #include "zentra/treewalk.h"
 
 #include "checker/checks.h"
-#include "checker/tree_check.h"
 #include "isam/base/errors.h"
 #include "isam/keys/keychain.h"
 #include "isam/keys/keys.h"
@@ -20,17 +19,18 @@ std::vector<keydescr> indexes_of_pair() {
   return indexes;
 }
 
-bool walk_tree(checker::Listener& listener, int n, const keydescr& k) {
+std::optional<checker::TreeFindings> walk_tree(checker::Listener& listener, int n,
+                                               const keydescr& k) {
   const checker::Options options{.nflag = 1, .qflag = 1};
   checker::Check check(options, listener);
   static_cast<void>(checker::ckdict(check));
   isam::clear_errors();
-  if (!check.sized) return false;
+  if (!check.sized) return {};
   check.idxmap2.clrmap();
   if (check.datlast >= 1) check.datmap.setmap(1, check.datlast);
-  static_cast<void>(checker::TreeCheck{check, n, k}.run());
+  const checker::TreeFindings found = checker::TreeCheck{check, n, k}.run();
   isam::clear_errors();
-  return true;
+  return found;
 }
 
 }  // namespace zentra
