@@ -49,7 +49,7 @@ int RpageLists::unlink_page(const PageHold& page) {
   const std::int32_t next = RpageLinks{page}.node();
   const std::int32_t previous = RpageLinks{page}.previous();
   const bool is_head = dictp->d_varfree(from) == node;
-  if ((!is_head && previous == 0) || next == node || previous == node) {
+  if (next == node || (!is_head && (previous == 0 || previous == node))) {
     return failed_unless_set(kCorrupted);
   }
   const std::int32_t before = is_head ? 0 : previous;
