@@ -177,8 +177,11 @@ void apply_index_verdicts(Check& check, const Repair& repair) {
 }
 
 // The checks and repairs between opening and wind-up; false when they stopped early.
-bool check_and_repair(Check& check, Repair& repair) {
-  if (!repair.prepare() || !run_checks(check) || !repair.begin()) return false;
+bool check_and_repair(Check& check, Repair& repair, Outcome& outcome) {
+  if (!repair.prepare()) return false;
+  const bool checked = run_checks(check);
+  outcome.system_error = check.system_error;
+  if (!checked || !repair.begin()) return false;
   if (check.supervisor != nullptr) check.supervisor->repair_mends(check);
   rebuild_free_lists(check);
   apply_index_verdicts(check, repair);
@@ -186,9 +189,9 @@ bool check_and_repair(Check& check, Repair& repair) {
   return true;
 }
 
-bool guarded_check_and_repair(Check& check, Repair& repair) {
+bool guarded_check_and_repair(Check& check, Repair& repair, Outcome& outcome) {
   try {
-    return check_and_repair(check, repair);
+    return check_and_repair(check, repair, outcome);
   } catch (const std::bad_alloc&) {
     check.found(Code::kNoMemory);
     repair.give_up(ENOMEM);
@@ -220,7 +223,7 @@ void check_pair(Check& check, const std::string& name, Outcome& outcome) {
   if (!lock_and_load(check)) return;
   if (check.options.nflag == 0) Repair::remove_leftovers(name);
   Repair repair(check);
-  outcome.whole = guarded_check_and_repair(check, repair);
+  outcome.whole = guarded_check_and_repair(check, repair, outcome);
   wind_up(check, repair, outcome.whole);
   outcome.repaired = repair.is_repaired();
   tell_summary(check);

@@ -15,7 +15,8 @@ struct Outcome {
   bool whole = false;
   bool repaired = false;  // what was agreed to has come into the pair
   int findings = 0;
-  int declined = 0;  // questions answered no
+  int declined = 0;               // questions answered no
+  std::int32_t system_error = 0;  // the first that the checks have met, as an errno; 0 for none
 };
 
 // Checks the pair whose base name, ".dat" or ".idx" file is given, and repairs what the listener

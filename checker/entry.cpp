@@ -4,7 +4,9 @@
 #include <string_view>
 
 #include "checker/check.h"
+#include "common/io.h"
 #include "common/printable.h"
+#include "isam/base/current.h"
 #include "isam/base/errors.h"
 
 namespace checker {
@@ -30,6 +32,10 @@ std::string in_words(const Finding& finding) {
   std::string words = wording_of(finding.code);
   if (finding.code == Code::kOtherCollation) {
     words += " The file asks for " + common::shown(finding.name);
+  }
+  if (finding.code == Code::kBadIndexCount) {
+    return words + ": the dictionary tells of " + std::to_string(finding.numbers.found) + ", " +
+           std::to_string(finding.numbers.expected) + " can be read";
   }
   const Number first = text_of(finding.code).numbers[0];
   if (const auto at = words.find("%d"); at != words.npos && first != nullptr) {
@@ -99,6 +105,13 @@ std::string wording_of(Code code) {
 std::string error_text(std::int32_t code) {
   if (code < isam::kDuplicate) return std::strerror(code);
   return ("error " + std::to_string(code) + ": ").append(isam::is_errlist(code));
+}
+
+std::string dictionary_error_text(std::int32_t code) {
+  const std::int64_t size = common::file_size(isam::filep->index.fd);
+  const bool is_cut = code == isam::kCorrupted && size < isam::kDictionarySize;
+  return "no dictionary: " +
+         (is_cut ? "the index file ends at byte " + std::to_string(size) : error_text(code));
 }
 
 Entry entry_of(const Finding& finding) {

@@ -52,6 +52,8 @@ struct Entry {
 [[nodiscard]] std::string error_text(std::int32_t code);
 
 [[nodiscard]] Entry entry_of(const Finding& finding);
+// Why the dictionary of the current pair could not be read, by the library's error.
+[[nodiscard]] std::string dictionary_error_text(std::int32_t code);
 // Of an error that a check has met on its way: iserrno and iserrio.
 [[nodiscard]] Entry entry_of_failure(std::int32_t code, std::int32_t place);
 

@@ -125,8 +125,12 @@ Fields Recorder::totals(const Outcome& outcome) const {
   return fields;
 }
 
+// What the system did not let the checks read counts neither as sound nor as damaged.
 void Recorder::pair_ends(const Outcome& outcome) {
   record([&] {
+    if (outcome.system_error != 0 && !pair_.has_system_error) {
+      add(entry_of_failure(outcome.system_error, 0));
+    }
     tally_.add(pair_.status, pair_.findings);
     JsonLine line("pair-end");
     line.add("pair", std::int64_t(number_)).add(totals(outcome));
@@ -181,6 +185,7 @@ bool Recorder::answer(Question question) {
 
 // Before the first pass it is why the pair is not checked.
 void Recorder::note_failure(std::int32_t code, std::int32_t place) {
+  pair_.has_system_error = pair_.has_system_error || is_of_system(code);
   if (pair_.has_begun) return add(entry_of_failure(code, place));
   pair_.why = error_text(code);
   if (code == isam::kFileInUse) {
@@ -190,7 +195,7 @@ void Recorder::note_failure(std::int32_t code, std::int32_t place) {
   } else {
     add({.code = "pair.none",
          .status = Status::kNeedsSalvage,
-         .text = "no dictionary: " + pair_.why});
+         .text = dictionary_error_text(code)});
     pair_.why.clear();
   }
 }

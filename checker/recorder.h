@@ -49,6 +49,9 @@ class Recorder : public Listener {
   void leaf_item(const Leaf& place, const isam::Item& item) override {
     inner_.leaf_item(place, item);
   }
+  void odd_level(int n, std::int32_t node, int found, int expected) override {
+    inner_.odd_level(n, node, found, expected);
+  }
   [[nodiscard]] isam::RecordLocks* locks() override { return inner_.locks(); }
   void kept_back(std::int32_t record) override { inner_.kept_back(record); }
   [[nodiscard]] bool wants_trees() const override { return inner_.wants_trees(); }
@@ -64,9 +67,10 @@ class Recorder : public Listener {
     Status status = Status::kSound;
     std::int64_t findings = 0;
     std::int64_t agreed = 0;
-    bool has_begun = false;  // a pass
-    std::string why{};       // it was refused
-    int index = 0;           // under way
+    bool has_begun = false;         // a pass
+    bool has_system_error = false;  // one that was told
+    std::string why{};              // it was refused
+    int index = 0;                  // under way
     int indexes = 0;
     std::optional<Summary> summary{};
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();

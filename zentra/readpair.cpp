@@ -108,7 +108,11 @@ bool ReadPair::open(const std::string& name, std::chrono::milliseconds wait, Loo
 }
 
 bool ReadPair::load() {
-  if (isam::dictread() != 0) return refuse_by_code("no dictionary");
+  if (isam::dictread() != 0) {
+    const std::int32_t code = iserrno;
+    return refuse(checker::is_of_system(code) ? Status::kUnfinished : Status::kNeedsSalvage,
+                  checker::dictionary_error_text(code));
+  }
   isam::filep->cached.stamp = isam::openp->stamp = isam::dictp->d_modcount();
   return true;
 }
