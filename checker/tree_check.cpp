@@ -131,6 +131,14 @@ const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes are
   return visit_items(node, area, items, check) ? prev : nullptr;
 }
 
+// A bulk load trusts the levels of upper nodes; all else asks only which nodes are leaves.
+void TreeCheck::compare_level(std::int32_t node, int level) {
+  const auto depth = static_cast<std::size_t>(level_);
+  levels_[depth] = level;
+  if (!tells_ || depth == 0 || level == levels_[depth - 1] - 1) return;
+  check_.listener.odd_level(number_, node, level, levels_[depth - 1] - 1);
+}
+
 void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
   const auto tell_pointer = [&](Code code) {
     check_.tell({.code = code,
@@ -163,6 +171,7 @@ void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
     return;
   }
   if (lists_) check_.listener.tree_node(level_, node, used);
+  compare_level(node, page.level());
 
   Item items[2];  // here, because `last` leads into it
   const auto area = page.bytes().subspan(isam::kUsedBytes, static_cast<std::size_t>(used));

@@ -8,6 +8,7 @@
 // Never   holds a page while it descends; reads a node below level 19, the root's being 0
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "checker/check.h"
@@ -74,6 +75,7 @@ class TreeCheck {
   // false then.
   bool check_record(const Item& item);
   void tell(Code code, const Item* item, const Item* before = nullptr) const;
+  void compare_level(std::int32_t node, int level);
   void bad_format(std::int32_t node);
   void unreadable(std::int32_t node);
 
@@ -88,7 +90,8 @@ class TreeCheck {
   Progress progress_;
   std::int64_t items_ = 0;  // leaf items met
   TreeFindings found_;
-  int level_ = 0;  // of the node under way
+  int level_ = 0;                                   // of the node under way, counted from the root
+  std::array<int, isam::kMaxTreeLevels> levels_{};  // as the nodes on the way to it tell them
   // For details: the item that the walk stands at, or came down from.
   struct Place {
     std::int32_t node = 0;

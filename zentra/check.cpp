@@ -49,7 +49,8 @@ std::string sentence(const Collector& collector) {
            "or --force";
   }
   if (status != Status::kDamaged) return sentence(status);
-  if (beyond.contains("library.error")) {
+  // Where the index is cut, what it lacks is why the library met errors.
+  if (beyond.contains("library.error") && !beyond.contains(kIndexEnd)) {
     return fmt::format(
         "damaged, in part beyond what kestro heals ({}); zentra repair tells what it would do",
         fmt::join(beyond, ", "));

@@ -1,5 +1,7 @@
 #include "zentra/deep.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <new>
 #include <span>
@@ -9,6 +11,7 @@
 namespace zentra {
 namespace {
 
+constexpr char kOddLevels[] = "index.levels";
 constexpr std::int64_t kFewAstray = 10;
 constexpr int kShareAstray = 10;  // one in so many
 
@@ -21,6 +24,23 @@ void DeepCollector::found(const checker::Finding& finding) {
     leads.gone += finding.numbers.found;
   }
   Collector::found(finding);
+}
+
+void DeepCollector::detail(const checker::Detail& detail) {
+  const bool is_astray = detail.code == checker::Code::kIndexRecordBad && check_ != nullptr;
+  if (is_astray && detail.record > check_->datreal) ++leads_[detail.key].behind;
+  Collector::detail(detail);
+}
+
+void DeepCollector::odd_level(int n, std::int32_t node, int found, int expected) {
+  ++odd_levels_;
+  add({.kind = Entry::Kind::kDetail,
+       .code = kOddLevels,
+       .key = n,
+       .text = "node with another level",
+       .fields = {{"node", std::int64_t{node}},
+                  {"found", std::int64_t{found}},
+                  {"expected", std::int64_t{expected}}}});
 }
 
 void DeepCollector::index_begins(int n, const keydescr& k) {
@@ -36,6 +56,15 @@ void DeepCollector::index_walked(std::int32_t /*nodes*/, int /*levels*/) {
   if (walked_ == 0) return;
   const bool may_be_node = check_ != nullptr && audit_node_ >= 1 && audit_node_ <= check_->idxlast;
   if (may_be_node && check_->idxmap2.tstbit(audit_node_)) audit_is_tree_node_ = true;
+  if (odd_levels_ > 0) {
+    add({.code = kOddLevels,
+         .status = Status::kDamaged,
+         .key = walked_,
+         .text = fmt::format("{} node(s) that are not on the level below the node above them",
+                             odd_levels_),
+         .fields = {{"found", odd_levels_}}});
+    odd_levels_ = 0;
+  }
   keys_.ends();
   leads_[walked_].astray += keys_.differing();
   leads_[walked_].right += keys_.items() - keys_.differing();
@@ -44,7 +73,8 @@ void DeepCollector::index_walked(std::int32_t /*nodes*/, int /*levels*/) {
 bool DeepCollector::is_of_another_time() const {
   const auto leads_astray = [](const auto& index) {
     const Leads& leads = index.second;
-    return leads.astray >= kFewAstray && leads.astray > leads.right / (kShareAstray - 1);
+    const std::int64_t astray = leads.astray - leads.behind;
+    return astray >= kFewAstray && astray > leads.right / (kShareAstray - 1);
   };
   return !leads_.empty() && std::ranges::all_of(leads_, leads_astray);
 }
@@ -52,9 +82,10 @@ bool DeepCollector::is_of_another_time() const {
 bool DeepCollector::are_records_gone() const {
   const auto leads_nowhere = [](const auto& index) {
     const Leads& leads = index.second;
-    return leads.gone > (leads.right + leads.astray) / kShareAstray * (kShareAstray - 1);
+    return leads.astray >= kFewAstray &&
+           leads.gone > (leads.right + leads.astray) / kShareAstray * (kShareAstray - 1);
   };
-  return is_of_another_time() && std::ranges::all_of(leads_, leads_nowhere);
+  return !leads_.empty() && std::ranges::all_of(leads_, leads_nowhere);
 }
 
 std::int64_t DeepCollector::most_items() const {
@@ -87,6 +118,7 @@ bool check_whole(checker::Check& check, Collector& collector, DeepCollector* dee
   try {
     const bool whole = run_all(check, deep, lets_go);
     if (!whole) check.prterr();  // no finding says it where the system or the library refused
+    if (deep != nullptr && check.sized) check_index_end(check, collector);
     if (check.system_error != 0) collector.unfinished(check.system_error);
     return whole;
   } catch (const std::bad_alloc&) {

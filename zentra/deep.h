@@ -23,11 +23,15 @@ class DeepCollector : public Collector {
 
   [[nodiscard]] bool wants_leaves() const override { return true; }
   void found(const checker::Finding& finding) override;
+  void detail(const checker::Detail& detail) override;
   void index_begins(int n, const keydescr& k) override;
   void index_walked(std::int32_t nodes, int levels) override;
   void leaf_item(const Leaf& place, const isam::Item& item) override { keys_.item(place, item); }
 
-  // Whether every index leads astray so often that it was made for another data file.
+  void odd_level(int n, std::int32_t node, int found, int expected) override;
+
+  // Whether every index leads astray so often that it was made for another data file, which does
+  // not only end sooner.
   [[nodiscard]] bool is_of_another_time() const;
   // Whether hardly an item of any index leads to a record that is there.
   [[nodiscard]] bool are_records_gone() const;
@@ -45,16 +49,24 @@ class DeepCollector : public Collector {
     std::int64_t right = 0;   // items whose record is there and has their key
     std::int64_t astray = 0;  // all others
     std::int64_t gone = 0;    // ... whose record is not there
+    std::int64_t behind = 0;  // ... but would stand behind the end of the data file
   };
 
   KeyCheck keys_;
-  int walked_ = 0;  // number of the index under way, 0 for one without a tree
+  std::int64_t odd_levels_ = 0;  // nodes of the index under way
+  int walked_ = 0;               // number of the index under way, 0 for one without a tree
   int keys_end_ = 0;
   std::int32_t audit_node_;
   bool audit_is_tree_node_ = false;
   const checker::Check* check_ = nullptr;
   std::map<int, Leads> leads_;
 };
+
+// Codes: nodes of key descriptions lack their marks; the index file has been cut; another record
+// length fits the data file.
+inline constexpr char kKeyNodeMarks[] = "descriptions.node-marks";
+inline constexpr char kIndexEnd[] = "pieces.index-end";
+inline constexpr char kRecordLength[] = "pieces.record-length";
 
 // Makes all checks of the current pair: whether they came to their end. `collector` is the check's
 // listener; `deep`: the same, or null for the checks of kestro alone. `lets_go` is called before
@@ -70,8 +82,11 @@ void check_marks(const checker::Check& check, DeepCollector& collector);
 // The pages of variable parts: each piece belongs to one record, counts and lists are right. Sorts
 // the pieces in temporary files.
 void check_storage(const checker::Check& check, Collector& collector);
-// Whether the two files fit each other, which a pair with no findings needs not be asked. The pair
-// may change meanwhile.
+// Whether the index file has all nodes that its dictionary tells of, which a pair with no findings
+// needs not be asked.
+void check_index_end(const checker::Check& check, Collector& collector);
+// Whether the two files fit each other, which such a pair needs not be asked either. The pair may
+// change meanwhile.
 void check_fit(const checker::Check& check, DeepCollector& collector);
 
 }  // namespace zentra

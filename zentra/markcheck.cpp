@@ -30,11 +30,16 @@ bool is_list_node(const isam::PageHold& page, isam::NodeType type) {
          page.used() < isam::node_type_offset(filep->geometry.idxsize);
 }
 
-void check_list(const checker::Check& check, Collector& collector, std::int32_t head,
-                isam::NodeType type, const char* code, const char* what) {
+bool is_key_node(const isam::PageHold& page) {
+  return page.node_type() == isam::kServiceNode && page.level() == isam::kKeyLevel;
+}
+
+template <typename Rule>
+void check_chain(const checker::Check& check, Collector& collector, std::int32_t head, Rule is_one,
+                 const char* code, const char* what) {
   Chain chain{head, {checker::ListedOnce{check.idxlast}}};
   while (const isam::PageHold page = chain.read()) {
-    if (!is_list_node(page, type)) {
+    if (!is_one(page)) {
       collector.add(
           {.code = code,
            .status = Status::kDamaged,
@@ -83,10 +88,15 @@ void check_mark(Collector& collector) {
 }  // namespace
 
 void check_marks(const checker::Check& check, DeepCollector& collector) {
-  check_list(check, collector, dictp->d_freedata(), isam::kServiceNode, "record-list.node-marks",
-             "the list of free records");
-  check_list(check, collector, dictp->d_freenode(), isam::kIndexFreeNode, "node-list.node-marks",
-             "the list of free nodes");
+  const auto is_of = [](isam::NodeType type) {
+    return [type](const isam::PageHold& page) { return is_list_node(page, type); };
+  };
+  check_chain(check, collector, dictp->d_keysnode(), is_key_node, kKeyNodeMarks,
+              "key descriptions");
+  check_chain(check, collector, dictp->d_freedata(), is_of(isam::kServiceNode),
+              "record-list.node-marks", "the list of free records");
+  check_chain(check, collector, dictp->d_freenode(), is_of(isam::kIndexFreeNode),
+              "node-list.node-marks", "the list of free nodes");
   check_audit_node(check, collector);
   check_mark(collector);
 }

@@ -28,16 +28,17 @@ VERDICTS = {2: ['header-magic', 'header-cut', 'index-empty', 'description-nine-p
             0: ['big-sound', 'big-sound-varying']}
 # What is found beyond kestro.
 DEEP = {'item-key-other': 'index.key-differs', 'leaf-level': 'index.keys-equal',
+        'root-level-high': 'index.levels',
         'item-duplicate-numbers-equal': 'index.numbers-equal',
         'node-list-marks': 'node-list.node-marks', 'record-list-used-four': 'record-list.node-marks',
         'storage-free-other': 'storage.free-bytes', 'storage-heads-lost': 'storage.page-unlisted',
         'storage-records-gone': 'storage.reference-left', 'header-mark': 'pair.unfinished',
         'times-other-contents-varying': 'storage.piece-shared', 'data-cut': 'pieces.data-end',
-        'times-older-data': 'pieces.times',
+        'big-index-cut': 'pieces.index-end', 'index-cut-storage': 'pieces.index-end',
+        'times-older-data': 'pieces.data-end', 'times-other-contents': 'pieces.times',
         'data-of-longer-records': 'pieces.record-length'}
-# The independent reader looks neither at what programs refuse, nor at records that it cannot read;
-# it looks at levels of upper nodes, which nobody else does.
-OTHER_SENSE = re.compile('header-(collation|fixed|lock-method|duplicate-width)|root-level-high|'
+# The independent reader looks neither at what programs refuse, nor at records that it cannot read.
+OTHER_SENSE = re.compile('header-(collation|fixed|lock-method|duplicate-width)|'
                          'answers-end-at-lock-method|times-older-index-varying')
 TOLD_BY_KESTRO = re.compile(
     r'^(?:ERROR: (.*)|(Error in reading index file|CLIENT_LOCALE does not match.*'
@@ -137,6 +138,18 @@ class Check(unittest.TestCase):
                     with self.subTest(name, rule=rule, words=words):
                         done = run('check', *words, 'pair', folder=self.all / name, **failing(rule))
                         self.assertIn(done.returncode, (4,) if '#' not in rule else (0, 4), done)
+            report = self.folder / 'report'
+            subprocess.run([tools.kestro, '-nq', 'pair'], cwd=self.all / name, capture_output=True,
+                           env={**failing('read .dat 5')['env'], 'KESTRO_REPORT': report})
+            done = run('check', '--quick', '--json', 'pair', folder=self.all / name,
+                       **failing('read .dat 5'))
+            told, own = ([[l.get('code'), l.get('verdict'), l.get('error')] for l in lines
+                          if l['type'] in ('finding', 'pair-end', 'end')]
+                         for lines in (map(json.loads, text.splitlines())
+                                       for text in (report.read_text(), done.stdout)))
+            self.assertEqual(told, own)
+            self.assertEqual(told[-1][1], 'unfinished')
+            report.unlink()
 
     def test_codes_stand_in_the_manual(self):
         page = (MANUAL / 'zentra-check.1').read_text()
@@ -177,6 +190,27 @@ class Check(unittest.TestCase):
         for name in 'pair.dat', 'pair.idx', 'pair.IDX', 'pair.idx.before.7':
             self.assertIn(b'no report in', run_kestro('-nq', self.all / 'sound-fixed', 'pair.dat',
                                                       {'KESTRO_REPORT': name})[1])
+
+    def test_what_lies_behind_the_highest_is_told_singly(self):
+        index = self.folder / 'pair.idx'
+        sound = index.read_bytes()
+        for at, field, codes in ((33, 'record', {'record-list.record-duplicate'}),
+                                 (37, 'node', {'node-list.node-duplicate'})):
+            last = int.from_bytes(sound[at:at + 4], 'big')
+            index.write_bytes(sound[:at] + (last - 3).to_bytes(4, 'big') + sound[at + 4:])
+            _, lines = check('pair', folder=self.folder)
+            details = [line for line in lines if line['type'] == 'detail' and line['code'] in codes]
+            found = {line['code']: line['found'] for line in lines if line['type'] == 'finding'}
+            for code in codes:
+                self.assertEqual(sum(d.get('last', d.get(field, 0)) - d.get(field, 0) + 1
+                                     if field in d else 1 for d in details), found[code])
+                self.assertTrue(any(d.get(field, 0) > last - 3 for d in details), details)
+
+    def test_an_end_that_is_cut_is_no_other_time(self):
+        _, lines = check('pair', folder=self.all / 'data-cut')
+        codes = {line['code'] for line in lines if line['type'] == 'finding'}
+        self.assertLessEqual({'pieces.data-end', 'index.record-bad'}, codes)
+        self.assertNotIn('pieces.times', codes)
 
     def test_open_transactions(self):
         folder = self.all / 'record-list-entry-lost'
@@ -378,8 +412,8 @@ class Check(unittest.TestCase):
         count = 0
         for page in sorted(MANUAL.glob('zentra*.[17]')):
             for line in re.findall(r'^\$ (.*)$', page.read_text(), re.M):
-                shell = line.replace("\\-", "-").replace("\\e", "\\")
-                done = subprocess.run(["sh", "-c", shell], cwd=self.folder,
+                shell = line.replace('\\-', '-').replace('\\e', '\\')
+                done = subprocess.run(['sh', '-c', shell], cwd=self.folder,
                                       env={**os.environ, 'PATH': path}, capture_output=True,
                                       check=False)
                 self.assertIn(done.returncode, (0, 1, 2), (line, done))
