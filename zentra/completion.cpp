@@ -60,13 +60,26 @@ constexpr char kBashBegin[] =
 
 _zentra_nothing() { :; }
 _zentra_word() { mapfile -t COMPREPLY < <(compgen -W "$*" -- "$word"); }
-_zentra_file() {
+# A newline may be part of a name: then lines are no files, and the shell finds those itself.
+_zentra_names() {
+  local name
   compopt -o filenames 2>/dev/null
+  for name in "${COMPREPLY[@]}"; do
+    if [[ -e $name || -L $name || $name == '~'* ]]; then continue; fi
+    COMPREPLY=()
+    for name in "${word//\\/}"*; do
+      if [[ -d $name || $name == *"$1" ]]; then COMPREPLY+=("$name"); fi
+    done
+    return
+  done
+}
+_zentra_file() {
   mapfile -t COMPREPLY < <(compgen -f -- "$word")
+  _zentra_names ''
 }
 _zentra_pair() {
-  compopt -o filenames 2>/dev/null
   mapfile -t COMPREPLY < <(compgen -d -- "$word"; compgen -f -X '!*.idx' -- "$word")
+  _zentra_names .idx
 }
 
 # The word under way: the value of the option before it, an option, or a word by its place.
@@ -229,15 +242,52 @@ std::string fish_option(const std::string& condition, const Taken& taken) {
                             : line + " -d " + in_quotes(escaped(taken.help, "\\", "\\")) + '\n';
 }
 
+constexpr char kFishBegin[] = R"(# fish completion for zentra
+
+# Whether the word under way stands at a place behind a subcommand, of which some options take a value.
+function __zentra_at --argument-names subcommand comparison wanted
+    set -l place 0
+    set -l seen
+    set -l before
+    for word in (commandline -opc)[2..-1]
+        if string match -q -- '-*' $word
+        else if test -z "$seen"
+            set seen $word
+        else if not contains -- "$before" $argv[4..-1]
+            set place (math $place + 1)
+        end
+        set before $word
+    end
+    test "$seen" = $subcommand; and test $place $comparison $wanted
+end
+
+complete -c zentra -f
+)";
+
+// When an argument without a name is due.
+std::string fish_place(const CommandWords& command, int place, bool repeats) {
+  std::string condition =
+      fmt::format("__zentra_at {} {} {}", command.name, repeats ? "-ge" : "-eq", place);
+  for (const Taken& one : command.taken) {
+    const bool has_value = !one.names.empty() && one.kind != Kind::kNothing;
+    if (has_value) condition += fmt::format(" {}", fmt::join(one.names, " "));
+  }
+  return condition;
+}
+
 std::string for_fish(const std::vector<Taken>& options, const std::vector<CommandWords>& commands) {
-  std::string script = "# fish completion for zentra\n\ncomplete -c zentra -f\n";
+  std::string script = kFishBegin;
   for (const Taken& one : options) script += fish_option("__fish_use_subcommand", one);
   for (const CommandWords& command : commands) {
     script += fmt::format("\ncomplete -c zentra -n __fish_use_subcommand -a {} -d {}\n",
                           command.name, in_quotes(command.help));
+    int place = 0;
     for (const Taken& one : command.taken) {
-      if (one.names.empty() && one.kind == Kind::kAnything) continue;
-      script += fish_option("__fish_seen_subcommand_from " + command.name, one);
+      if (!one.names.empty()) {
+        script += fish_option("__fish_seen_subcommand_from " + command.name, one);
+      } else if (const int at = place++; one.kind != Kind::kAnything) {
+        script += fish_option(fish_place(command, at, one.repeats), one);
+      }
     }
   }
   return script;

@@ -13,7 +13,7 @@ import unittest
 COMPLETE = '''. ./script
 COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
 _zentra
-printf '%s\n' "${COMPREPLY[@]}"
+printf '%s\\0' "${COMPREPLY[@]}"
 '''
 
 
@@ -24,7 +24,7 @@ def run(*words, **more):
 class Completion(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        for name in 'pair.idx', 'pair.dat', 'with blank.idx', 'keys.txt':
+        for name in 'pair.idx', 'pair.dat', 'with blank.idx', 'with\nnewline.idx', 'keys.txt':
             (self.folder / name).touch()
         (self.folder / 'sub').mkdir()
         self.script('bash')
@@ -37,7 +37,7 @@ class Completion(unittest.TestCase):
     def completed(self, *words):
         done = run('bash', '--norc', '-c', COMPLETE, 'bash', 'zentra', *words, cwd=self.folder)
         self.assertEqual(done.stderr, '')
-        return set(done.stdout.split('\n')) - {''}
+        return set(done.stdout.split('\0')) - {''}
 
     def subcommands(self):
         return re.findall(r'^  ([a-z]+) ', run(tools.zentra, '--help').stdout.split('Subcommands')[1],
@@ -60,7 +60,9 @@ class Completion(unittest.TestCase):
                 self.assertIn(f'-l {option[2:]}' if is_long else f'-s {option[1:]}', fish)
 
     def test_pairs_and_words(self):
-        pairs = {'pair.idx', 'with blank.idx', 'sub'}
+        pairs = {'pair.idx', 'with blank.idx', 'with\nnewline.idx', 'sub'}
+        self.assertEqual(self.completed('check', 'with\\ '), {'with blank.idx'})
+        self.assertEqual(self.completed('repair', '--keys', 'with'), pairs - {'pair.idx', 'sub'})
         self.assertEqual(self.completed('check', '--quick', ''), pairs)
         self.assertEqual(self.completed('check', '-j', '2', 'one', 'p'), {'pair.idx'})
         self.assertEqual(self.completed('check', '--wait', ''), set())
@@ -83,9 +85,16 @@ class Completion(unittest.TestCase):
                 done = run(shell, *check, 'script', cwd=self.folder)
                 self.assertEqual((done.returncode, done.stderr), (0, ''), shell)
         if shutil.which('fish'):
-            done = run('fish', '--no-config', '-c', '. ./script; complete -C "zentra check --qu"',
-                       cwd=self.folder, env={**os.environ, 'HOME': str(self.folder)})
-            self.assertIn('--quick', done.stdout)
+            for line, has, lacks in (('check --qu', '--quick', 'pair.idx'),
+                                     ('show ', 'pair.idx', 'record'), ('show pair ', 'record', 'idx'),
+                                     ('show --wait 1 p', 'pair.idx', 'record'),
+                                     ('show --wait 1 pair n', 'node', 'idx'),
+                                     ('check pair p', 'pair.idx', 'record')):
+                done = run('fish', '--no-config', '-c',
+                           f'. ./script; complete -C "zentra {line}"', cwd=self.folder,
+                           env={**os.environ, 'HOME': str(self.folder)})
+                self.assertIn(has, done.stdout, line)
+                self.assertNotIn(lacks, done.stdout, line)
 
     def test_other_words(self):
         for words in (), ('tcsh',), ('bash', 'zsh'):
