@@ -197,11 +197,7 @@ void run_big(Store& store, const std::string& name, const fs::path& folder, std:
 
 void run_cold(Store& store, const std::string& name, const fs::path& folder,
               std::uint32_t records) {
-  empty(folder);
-  store.open(folder, Start::kFresh);
-  Model model(records);
-  load_unmeasured_in_bulk(store, model, records);
-  store.close();
+  load_unmeasured(store, name, folder, records);
   Alone alone(store, name, records);
   const auto measure = [&](auto phase) {
     drop_from_memory(folder);
