@@ -26,7 +26,7 @@ constexpr char kNotBack[] =
 std::array<std::array<char, PATH_MAX>, kMostFiles> files{};
 std::array<char, kLineRoom> line{};
 std::array<struct sigaction, kSignals.size()> before{};
-std::span<const BytesBefore> changed;
+const BytesBefore* changed = nullptr;
 int changed_fd = -1;
 
 template <std::size_t N>
@@ -38,10 +38,12 @@ void set(std::array<char, N>& to, const std::string& text) {
 
 // Whether all bytes are as they were, on the disk.
 bool bytes_are_back() {
-  if (changed.empty()) return true;
+  if (changed == nullptr) return true;
   bool written = true;
-  for (const BytesBefore& at : changed) {
-    written = ::pwrite(changed_fd, at.bytes, at.count, at.offset) == at.count && written;
+  for (std::size_t i = 0; i < changed->size(); ++i) {
+    const common::ConstBytes bytes = changed->bytes(i);
+    const ssize_t got = ::pwrite(changed_fd, bytes.data(), bytes.size(), changed->offset(i));
+    written = got == static_cast<ssize_t>(bytes.size()) && written;
   }
   return ::fsync(changed_fd) == 0 && written;
 }
@@ -107,7 +109,7 @@ void forget_file(const std::string& path) {
   }
 }
 
-void put_back_when_interrupted(int fd, std::span<const BytesBefore> all) {
+void put_back_when_interrupted(int fd, const BytesBefore* all) {
   const SignalBlock block;
   changed_fd = fd;
   changed = all;

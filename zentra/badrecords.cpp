@@ -203,7 +203,8 @@ void add_records(BadRecords& records, BadRecords added) {
 
 }  // namespace
 
-int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& records) {
+int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& records,
+                    SameKeys& same_keys) {
   const auto length = static_cast<std::size_t>(k.keylen);
   const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
   const isam::KeyOrder order{k};
@@ -252,12 +253,15 @@ int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& 
     any = true;
     std::memcpy(key.data(), next, length);
     if (equal) {
-      equals.push_back({common::ldlong(next + length), Fate::kDropped, Why::kEqualKeys, stays});
+      const std::int32_t record = common::ldlong(next + length);
+      equals.push_back({record, Fate::kDropped, Why::kEqualKeys});
+      same_keys.emplace_back(record, stays);
     } else {
       stays = common::ldlong(next + length);
     }
   }
   add_records(records, std::move(equals));
+  std::ranges::stable_sort(same_keys, {}, &SameKeys::value_type::first);
   return sorter.error();
 }
 

@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "checker/check.h"
@@ -30,10 +32,12 @@ struct BadRecord {
   std::int32_t record;
   Fate fate;
   Why why;
-  std::int32_t stays = 0;  // the record that keeps its key, where another one has it
 };
-// By ascending number, each once: there may be as many as the file has slots.
-using BadRecords = std::vector<BadRecord>;
+// By ascending number, each once. There may be as many as the file has slots: they are never copied
+// to a larger place.
+using BadRecords = std::deque<BadRecord>;
+// Records with a key of another that keeps it, and that one; by ascending number.
+using SameKeys = std::vector<std::pair<std::int32_t, std::int32_t>>;
 
 // Copies the bytes of a record's slot in front of its trailer, and the trailer, of which a file of
 // fixed length has one byte. False, with errno, when they cannot be read.
@@ -55,7 +59,7 @@ using BadRecords = std::vector<BadRecord>;
 // Adds the records whose key in this index without duplicates belongs to one with a lower number.
 // 0, or an errno.
 [[nodiscard]] int find_equal_keys(const checker::Check& check, const keydescr& k,
-                                  BadRecords& records);
+                                  BadRecords& records, SameKeys& same_keys);
 
 // Whether the variable parts that could not be read still cannot: else nothing is to be dropped.
 [[nodiscard]] bool are_still_unreadable(const BadRecords& records);

@@ -174,7 +174,10 @@ bool read_note(int fd, NoteReader& lines, DataNote& note) {
   std::int64_t at = lines.at();
   std::string_view line = lines.next();
   for (; !line.starts_with("end "); line = lines.next()) {
-    if (!take_change(line, note.changes.emplace_back())) return false;
+    DataChange change;
+    if (!take_change(line, change)) return false;
+    if (note.changes.empty()) note.changes = DataChanges{change.count};
+    if (!note.changes.add(change)) return false;
     at = lines.at();
   }
   std::string last;
@@ -200,7 +203,8 @@ Standing standing_of(int fd, const DataChange& change) {
 // Writes pieces of the file, the bytes of each by `bytes`: 0, or -1 with errno.
 template <typename Of>
 int write_pieces(int fd, const DataChanges& changes, Of bytes) {
-  for (const DataChange& change : changes) {
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    const DataChange change = changes[i];
     if (common::write_at(fd, bytes(change), change.offset) != 0) return -1;
   }
   return common::system_calls().fsync(fd);
@@ -208,15 +212,44 @@ int write_pieces(int fd, const DataChanges& changes, Of bytes) {
 
 }  // namespace
 
+void DataChanges::reserve(std::size_t places) {
+  before_.reserve(places);
+  first_after_.reserve(places);
+}
+
+bool DataChanges::add(const DataChange& change) {
+  const isam::ConstBytes after = after_of(change);
+  const bool has_form =
+      std::all_of(after.begin() + 1, after.end(), [](isam::Byte byte) { return byte == 0; });
+  if (static_cast<std::size_t>(change.count) != before_.count() || !has_form) return false;
+  before_.add(change.offset, before_of(change));
+  first_after_.push_back(after[0]);
+  return true;
+}
+
+void DataChanges::clear() {
+  before_.clear();
+  first_after_.clear();
+}
+
+DataChange DataChanges::operator[](std::size_t place) const {
+  const isam::ConstBytes before = before_.bytes(place);
+  DataChange change{.offset = before_.offset(place), .count = static_cast<int>(before.size())};
+  std::ranges::copy(before, change.before);
+  change.after[0] = first_after_[place];
+  return change;
+}
+
 std::optional<DataChanges> changes_for(const BadRecords& records) {
-  DataChanges changes;
+  DataChanges changes{trailer_size()};
   changes.reserve(records.size());
   for (const BadRecord& bad : records) {
-    DataChange& change = changes.emplace_back();
-    change.count = trailer_size();
-    change.offset = std::int64_t{bad.record - 1} * isam::slot_size() + isam::filep->geometry.reclen;
+    DataChange change{
+        .offset = std::int64_t{bad.record - 1} * isam::slot_size() + isam::filep->geometry.reclen,
+        .count = trailer_size()};
     if (!read_slot(bad.record, {}, before_of(change))) return {};
     if (bad.fate == Fate::kEmptied) change.after[0] = isam::kRecordPresent;
+    static_cast<void>(changes.add(change));  // it has the form
   }
   return changes;
 }
@@ -232,8 +265,8 @@ int note_changes(const std::string& kept, const DataChanges& changes) {
   }
   NoteWriter to{file.fd()};
   if (to.put(kHead) != 0 || to.put(line_of(its)) != 0) return -1;
-  for (const DataChange& change : changes) {
-    if (to.put(line_of(change)) != 0) return -1;
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    if (to.put(line_of(changes[i])) != 0) return -1;
   }
   std::string last;
   if (to.flush() != 0 || make_last_line(file.fd(), changes.size(), to.at(), last) != 0 ||
@@ -276,10 +309,11 @@ int note_no_undoing(const std::string& kept, const DataNote& note) {
 }
 
 bool are_there(int fd, const DataChanges& changes) {
-  return std::ranges::all_of(changes, [&](const DataChange& change) {
-    const Standing standing = standing_of(fd, change);
-    return standing == Standing::kBefore || standing == Standing::kAfter;
-  });
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    const Standing standing = standing_of(fd, changes[i]);
+    if (standing != Standing::kBefore && standing != Standing::kAfter) return false;
+  }
+  return true;
 }
 
 int make_changes(int fd, const DataChanges& changes) { return write_pieces(fd, changes, after_of); }
@@ -289,21 +323,24 @@ int take_back_changes(int fd, const DataChanges& changes) {
 }
 
 int TakingBack::run(int fd, const DataChanges& changes) {
-  written_.reserve(changes.size());  // nothing may be thrown once something is written
-  for (const DataChange& change : changes) {
+  written_.assign(changes.size(), false);  // nothing may be thrown once something is written
+  for (std::size_t i = 0; i < changes.size(); ++i) {
+    const DataChange change = changes[i];
     const Standing standing = standing_of(fd, change);
     if (standing == Standing::kUnread) return -1;
     if (standing == Standing::kOther) ++others_;
     if (standing != Standing::kAfter) continue;
-    written_.push_back(&change);
+    written_[i] = true;
     if (common::write_at(fd, before_of(change), change.offset) != 0) return -1;
   }
   return common::system_calls().fsync(fd);
 }
 
-int TakingBack::make_again(int fd) const {
-  for (const DataChange* change : written_) {
-    if (common::write_at(fd, after_of(*change), change->offset) != 0) return -1;
+int TakingBack::make_again(int fd, const DataChanges& changes) const {
+  for (std::size_t i = 0; i < written_.size(); ++i) {
+    if (!written_[i]) continue;
+    const DataChange change = changes[i];
+    if (common::write_at(fd, after_of(change), change.offset) != 0) return -1;
   }
   return common::system_calls().fsync(fd);
 }

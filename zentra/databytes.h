@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "checker/interrupt.h"
 #include "checker/undodata.h"
 #include "common/bytes.h"
 #include "isam/base/format.h"
@@ -22,7 +23,26 @@ struct DataChange {
   isam::Byte before[isam::kVariableTrailer] = {};
   isam::Byte after[isam::kVariableTrailer] = {};
 };
-using DataChanges = std::vector<DataChange>;
+
+// Changes of as many bytes at each place, of which the bytes behind the change are zero but for the
+// first.
+class DataChanges {
+ public:
+  explicit DataChanges(int count = 1) : before_(static_cast<std::size_t>(count)) {}
+  void reserve(std::size_t places);
+  // False: it has not such a form.
+  [[nodiscard]] bool add(const DataChange& change);
+  void clear();
+
+  [[nodiscard]] bool empty() const { return first_after_.empty(); }
+  [[nodiscard]] std::size_t size() const { return first_after_.size(); }
+  [[nodiscard]] DataChange operator[](std::size_t place) const;
+  [[nodiscard]] const checker::BytesBefore& before() const { return before_; }
+
+ private:
+  checker::BytesBefore before_;
+  std::vector<isam::Byte> first_after_;
+};
 
 // What becomes of the slots of these records of the current pair; nothing when one cannot be read.
 [[nodiscard]] std::optional<DataChanges> changes_for(const BadRecords& records);
@@ -57,12 +77,12 @@ class TakingBack {
  public:
   // 0, or -1 with errno.
   [[nodiscard]] int run(int fd, const DataChanges& changes);
-  [[nodiscard]] int make_again(int fd) const;
+  [[nodiscard]] int make_again(int fd, const DataChanges& changes) const;
   // Places that have other bytes now, which stay.
   [[nodiscard]] std::int64_t others() const { return others_; }
 
  private:
-  std::vector<const DataChange*> written_;
+  std::vector<bool> written_;  // by place
   std::int64_t others_ = 0;
 };
 

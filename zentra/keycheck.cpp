@@ -1,7 +1,6 @@
 #include "zentra/keycheck.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -14,6 +13,7 @@
 #include "isam/pool/buffers.h"
 #include "isam/records/datafile.h"
 #include "isam/tree/items.h"
+#include "zentra/readahead.h"
 
 namespace zentra {
 namespace {
@@ -57,8 +57,8 @@ void KeyCheck::begins(int n, const keydescr& k) {
   keys_.resize(kKeyAt + kBatch * static_cast<std::size_t>(k.keylen));
   bytes_.resize(static_cast<std::size_t>(isam::filep->geometry.maxreclen));
   isam::filep->data.map.look_again(isam::filep->data.fd);
-  const bool sorts =
-      wanted_order_ == Order::kOfRecords || (wanted_order_ == Order::kBySize && exceeds_cache());
+  const bool sorts = wanted_order_ == Order::kOfRecords ||
+                     (wanted_order_ == Order::kBySize && data_exceeds_cache());
   sorter_.reset();
   if (!sorts) return;
   const std::size_t size = kKeyAt + static_cast<std::size_t>(k.keylen);
@@ -67,11 +67,6 @@ void KeyCheck::begins(int n, const keydescr& k) {
                                                                    .memory = kSortMemory,
                                                                    .folder = temporary_folder(),
                                                                    .order = {}});
-}
-
-bool KeyCheck::exceeds_cache() const {
-  const std::int64_t memory = std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE);
-  return common::file_size(isam::filep->data.fd) > memory / 2;
 }
 
 void KeyCheck::item(const checker::Listener::Leaf& place, const isam::Item& item) {

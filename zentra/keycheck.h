@@ -46,7 +46,6 @@ class KeyCheck {
     const isam::Byte* key;
   };
 
-  [[nodiscard]] bool exceeds_cache() const;
   void put_aside(const checker::Listener::Leaf& place, const isam::Item& item);
   void compare_sorted();
   void sorting_failed(int system_error);

@@ -4,13 +4,16 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <limits>
 #include <utility>
 
 #include "checker/progress.h"
+#include "common/sorter.h"
 #include "isam/base/current.h"
 #include "isam/pool/buffers.h"
 #include "isam/records/datafile.h"
+#include "zentra/collector.h"
 #include "zentra/keyorders.h"
 #include "zentra/keysfile.h"
 
@@ -22,6 +25,9 @@ using Offsets = std::vector<std::int16_t>;
 constexpr std::int64_t kSampled = 500;  // records by which places are looked for
 constexpr int kMostTries = 8;           // of places that the sampled records allow
 constexpr std::size_t kMostOthers = 6;
+// What is sorted: the number of a record, and its key.
+constexpr std::size_t kKeyAt = 4;
+constexpr std::size_t kSortMemory = std::size_t{16} << 20;
 
 // The bytes of a record that keys are taken from.
 class RecordReader {
@@ -186,8 +192,12 @@ keypart part_of(const Run& run, int type) {
 
 class Guessing {
  public:
-  Guessing(TreeFinder& finder, std::int32_t root, const keydescr& layout)
-      : finder_(finder), root_(root), layout_(layout), places_(layout.keylen, reader_.length()) {}
+  Guessing(TreeFinder& finder, std::int32_t root, const keydescr& layout, Reading reading)
+      : finder_(finder),
+        root_(root),
+        layout_(layout),
+        reading_(reading),
+        places_(layout.keylen, reader_.length()) {}
 
   std::optional<KeyGuess> run() {
     if (!look_for_places()) return {};
@@ -206,9 +216,16 @@ class Guessing {
     std::int64_t items = 0;
     return finder_.walk(root_, layout_, [&](const isam::Item& item) {
       if (items++ % step != 0) return true;
-      const isam::Byte* const record = reader_.read(item.recptr);
+      const isam::Byte* const record = read(item.recptr);
       return record != nullptr && places_.narrow(item.key, record);
     });
+  }
+
+  // Null: it cannot be read.
+  const isam::Byte* read(std::int32_t record) {
+    const isam::Byte* const bytes = reader_.read(record);
+    if (bytes == nullptr) finder_.note_error();
+    return bytes;
   }
 
   // Whether every record has its key in these runs.
@@ -216,16 +233,45 @@ class Guessing {
     may_try_again_ = false;
     checker::Progress progress("Comparing keys with records", finder_.records());
     std::int64_t items = 0;
-    return finder_.walk(root_, layout_, [&](const isam::Item& item) {
+    const auto length = static_cast<std::size_t>(layout_.keylen);
+    std::optional<common::Sorter> sorter;
+    if (reading_ == Reading::kByNumber) {
+      sorter.emplace(common::Sorter::Shape{.entry_size = kKeyAt + length,
+                                           .key_size = kKeyAt,
+                                           .memory = kSortMemory,
+                                           .folder = temporary_folder(),
+                                           .order = {}});
+    }
+    std::vector<isam::Byte> entry(kKeyAt + length);
+    const bool walked = finder_.walk(root_, layout_, [&](const isam::Item& item) {
       progress.at(items++);
-      const isam::Byte* const record = reader_.read(item.recptr);
-      if (record == nullptr || !orders.next(item)) return false;
-      const bool agrees = std::ranges::all_of(runs, [&](const Run& run) {
-        return std::equal(item.key + run.from, item.key + run.end, record + run.start);
-      });
-      if (!agrees) may_try_again_ = places_.narrow(item.key, record);
-      return agrees;
+      if (!orders.next(item)) return false;
+      if (!sorter) return agrees(runs, item.recptr, item.key);
+      common::stlong(item.recptr, entry.data());
+      std::copy_n(item.key, length, entry.data() + kKeyAt);
+      return sorter->add(entry.data()) == 0 || fail(errno);
     });
+    return walked && (!sorter || all_agree(runs, *sorter));
+  }
+  bool agrees(const std::vector<Run>& runs, std::int32_t record, const isam::Byte* key) {
+    const isam::Byte* const bytes = read(record);
+    if (bytes == nullptr) return false;
+    const bool agrees = std::ranges::all_of(runs, [&](const Run& run) {
+      return std::equal(key + run.from, key + run.end, bytes + run.start);
+    });
+    if (!agrees) may_try_again_ = places_.narrow(key, bytes);
+    return agrees;
+  }
+  bool all_agree(const std::vector<Run>& runs, common::Sorter& sorter) {
+    if (sorter.finish() != 0) return fail(errno);
+    while (const isam::Byte* const entry = sorter.next()) {
+      if (!agrees(runs, common::ldlong(entry), entry + kKeyAt)) return false;
+    }
+    return sorter.error() == 0 || fail(sorter.error());
+  }
+  bool fail(int system_error) {
+    finder_.note_error(system_error);
+    return false;
   }
 
   std::optional<KeyGuess> describe(const std::vector<Run>& runs, const KeyOrders& orders) {
@@ -279,6 +325,7 @@ class Guessing {
   TreeFinder& finder_;
   std::int32_t root_;
   keydescr layout_;
+  Reading reading_;
   RecordReader reader_;
   Places places_;
   bool may_try_again_ = false;
@@ -286,8 +333,9 @@ class Guessing {
 
 }  // namespace
 
-std::optional<KeyGuess> guess_key(TreeFinder& finder, std::int32_t root, const keydescr& layout) {
-  return Guessing(finder, root, layout).run();
+std::optional<KeyGuess> guess_key(TreeFinder& finder, std::int32_t root, const keydescr& layout,
+                                  Reading reading) {
+  return Guessing(finder, root, layout, reading).run();
 }
 
 }  // namespace zentra

@@ -25,8 +25,12 @@ struct KeyGuess {
   int doubt = 0;                      // the less the likelier, among layouts of one tree
 };
 
+// In which order records are read to be compared: the tree's, or, by sorting the keys in a
+// temporary file, their own.
+enum class Reading : std::uint8_t { kByTree, kByNumber };
+
 // None when not every record has the keys at one place.
 [[nodiscard]] std::optional<KeyGuess> guess_key(TreeFinder& finder, std::int32_t root,
-                                                const keydescr& layout);
+                                                const keydescr& layout, Reading reading);
 
 }  // namespace zentra

@@ -86,40 +86,38 @@ bool Mending::is_as_planned() {
 }
 
 bool Mending::repair_begins(const std::string& kept) {
+  if (plan_.record_length != 0) dictp->set_d_recsize(plan_.record_length);
   take_geometry();
   if (!is_as_seen() || !is_as_planned()) return false;
-  if (!plan_.changes.empty() && !change_data(kept)) return false;
-  mend_big_pages(plan_.big_pages);
+  if (changes_data() && !change_data(kept)) return false;
+  mend_lost_pages(plan_.lost_pages);
   return change_dictionary();
 }
 
 // First the notes, then the losses, then the data file itself.
 bool Mending::change_data(const std::string& kept) {
   const std::string note = data_file_of(kept);
+  auto changes = changes_for(plan_.bad);
+  if (!changes) return say_errno(isam::mkdatname(name_));
+  changes_ = std::move(*changes);
   {
     const checker::SignalBlock block;
-    if (note_changes(kept, plan_.changes) != 0) return say_errno(note);
+    if (note_changes(kept, changes_) != 0) return say_errno(note);
     data_note_ = note;
     checker::remove_when_interrupted(note);
   }
   if (losses_.append(losses_of(name_), plan_.bad) != 0) return say_errno(losses_of(name_));
-  for (const DataChange& change : plan_.changes) {
-    checker::BytesBefore& at = before_.emplace_back();
-    at.offset = change.offset;
-    at.count = static_cast<std::uint8_t>(change.count);
-    std::memcpy(at.bytes, change.before, static_cast<std::size_t>(change.count));
-  }
-  checker::put_back_when_interrupted(filep->data.fd, before_);
+  checker::put_back_when_interrupted(filep->data.fd, &changes_.before());
   data_changed_ = true;
-  if (make_changes(filep->data.fd, plan_.changes) != 0) return say_errno(isam::mkdatname(name_));
+  if (make_changes(filep->data.fd, changes_) != 0) return say_errno(isam::mkdatname(name_));
   return true;
 }
 
 bool Mending::change_dictionary() {
-  if (plan_.record_length != 0) dictp->set_d_recsize(plan_.record_length);
   if (plan_.duplicate_width != 0) dictp->set_d_dupsize(plan_.duplicate_width);
   if (plan_.ends_audit) dictp->clear_d_auditnode();
   isam::dictmodify();
+  if (plan_.marks_key_nodes) mark_key_nodes();
   if (plan_.keys.empty() || write_keys(plan_.keys) == 0) return true;
   say(error_text(iserrno));
   isam::clear_errors();
@@ -168,19 +166,19 @@ bool Mending::approves() {
 // What a signal would take back or remove stays.
 void Mending::is_repaired() {
   done_ = true;
-  checker::put_back_when_interrupted(-1, {});
+  checker::put_back_when_interrupted(-1, nullptr);
   if (!data_note_.empty()) checker::forget_file(data_note_);
 }
 
 bool Mending::repair_ends(const std::string& kept) {
   kept_ = kept;
   if (done_) return false;
-  const bool is_back = !data_changed_ || take_back_changes(filep->data.fd, plan_.changes) == 0;
+  const bool is_back = !data_changed_ || take_back_changes(filep->data.fd, changes_) == 0;
   if (!is_back) {
     why_ = fmt::format("{}: {}; its bytes of before stand in {}: zentra undo --force",
                        shown(isam::mkdatname(name_)), std::strerror(errno), shown(data_note_));
   }
-  checker::put_back_when_interrupted(-1, {});
+  checker::put_back_when_interrupted(-1, nullptr);
   if (!data_note_.empty()) checker::forget_file(data_note_);
   if (!is_back) return true;
   losses_.take_back();

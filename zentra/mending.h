@@ -12,6 +12,7 @@
 
 #include "checker/driver.h"
 #include "checker/interrupt.h"
+#include "zentra/databytes.h"
 #include "zentra/losses.h"
 #include "zentra/repairplan.h"
 
@@ -35,7 +36,7 @@ class Mending : public checker::Supervisor, public checker::Listener {
   [[nodiscard]] const Fields& totals() const { return totals_; }
 
   // As supervisor.
-  [[nodiscard]] bool changes_data() const override { return !plan_.changes.empty(); }
+  [[nodiscard]] bool changes_data() const override { return !plan_.bad.empty(); }
   [[nodiscard]] bool repair_begins(const std::string& kept) override;
   [[nodiscard]] bool remakes(int n) const override {
     return plan_.remakes_all() || plan_.indexes.contains(n);
@@ -65,7 +66,7 @@ class Mending : public checker::Supervisor, public checker::Listener {
   const Plan& plan_;
   std::string name_;
   Losses losses_;
-  std::vector<checker::BytesBefore> before_;  // of the data file, for a signal
+  DataChanges changes_;  // a signal takes them back
   bool data_changed_ = false;
   std::string data_note_;  // path of the note about the data file
   bool done_ = false;

@@ -40,6 +40,7 @@ struct NewKeys {
 struct ProposedKeys {
   std::vector<keydescr> keys;  // empty: nothing can be proposed
   std::string text;            // the same in the form of a file for `--keys`, with its comments
+  int system_error = 0;        // an errno: what it proposes is not all
 };
 
 // What the trees of the current pair tell of its descriptions, which cannot be read or are gone. It

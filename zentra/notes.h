@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <set>
 #include <string>
@@ -14,7 +15,7 @@ namespace zentra {
 
 // Items of an index that lead to no record: where they lead, and the first of them as told.
 struct Astray {
-  std::vector<std::int32_t> records;
+  std::deque<std::int32_t> records;  // there may be millions
   std::vector<std::pair<std::int32_t, Fields>> details;
 
   [[nodiscard]] bool has_all_details() const { return details.size() == records.size(); }

@@ -13,17 +13,19 @@
 #include "isam/keys/keys.h"
 #include "zentra/keysfile.h"
 #include "zentra/newkeys.h"
+#include "zentra/readahead.h"
 #include "zentra/text.h"
 
 namespace zentra {
 namespace {
 
 // What the layouts that a root allows come to: the likeliest description, and in others the rest.
-std::optional<KeyGuess> best_guess(TreeFinder& finder, std::int32_t root, keydescr& layout) {
+std::optional<KeyGuess> best_guess(TreeFinder& finder, std::int32_t root, Reading reading,
+                                   keydescr& layout) {
   std::optional<KeyGuess> best;
   std::vector<std::string> others;
   for (const keydescr& one : finder.layouts_of(root)) {
-    auto guess = guess_key(finder, root, one);
+    auto guess = guess_key(finder, root, one, reading);
     if (!guess) continue;
     if (best && best->doubt <= guess->doubt) {
       others.push_back(line_of(guess->key));
@@ -83,15 +85,18 @@ std::size_t counted_indexes() {
   return may_be ? static_cast<std::size_t>(counted) : 0;
 }
 
-ProposedTrees keys_of_trees(std::int64_t& records) {
+ProposedTrees keys_of_trees(std::int64_t& records, Reading reading) {
   TreeFinder finder;
   records = finder.records();
   ProposedTrees trees;
   std::vector<ProposedKey>& all = trees.keys;
-  if (records == 0) return trees;
+  if (records == 0) {
+    trees.system_error = finder.system_error();
+    return trees;
+  }
   for (const std::int32_t root : finder.possible_roots()) {
     keydescr layout{};
-    auto guess = best_guess(finder, root, layout);
+    auto guess = best_guess(finder, root, reading, layout);
     if (!guess && !finder.is_claimed(root)) trees.unknown.push_back(root);
     if (!guess) continue;
     finder.claim(root, layout);
@@ -101,14 +106,17 @@ ProposedTrees keys_of_trees(std::int64_t& records) {
     if (!is_known) all.push_back({.root = root, .guess = std::move(*guess)});
   }
   std::ranges::sort(all, {}, &ProposedKey::root);
+  trees.system_error = finder.system_error();
   return trees;
 }
 
 ProposedKeys propose_keys(const checker::Check& check) {
   std::int64_t records = 0;
   ProposedTrees trees;
-  if (check.sized) trees = keys_of_trees(records);
-  ProposedKeys proposed{.keys = {}, .text = text_of(trees, records)};
+  const Reading reading = data_exceeds_cache() ? Reading::kByNumber : Reading::kByTree;
+  if (check.sized) trees = keys_of_trees(records, reading);
+  ProposedKeys proposed{
+      .keys = {}, .text = text_of(trees, records), .system_error = trees.system_error};
   for (const ProposedKey& one : trees.keys) proposed.keys.push_back(one.guess.key);
   return proposed;
 }

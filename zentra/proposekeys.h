@@ -18,9 +18,10 @@ struct ProposedTrees {
   std::vector<ProposedKey> keys{};
   // Nodes of other trees, from the highest level down.
   std::vector<std::int32_t> unknown{};
+  int system_error = 0;  // an errno: there may be others
 };
 
 // Of the current pair. It must be held still, and the sizes in its dictionary have been checked.
-[[nodiscard]] ProposedTrees keys_of_trees(std::int64_t& records);
+[[nodiscard]] ProposedTrees keys_of_trees(std::int64_t& records, Reading reading);
 
 }  // namespace zentra

@@ -60,10 +60,11 @@ std::int64_t behind_hole(int fd, std::int64_t offset, std::int64_t size) {
   return std::max<std::int64_t>(offset, data);
 }
 
+std::int64_t memory() { return std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE); }
+
 void read_up_to(int fd, std::int64_t end) {
   using std::chrono::steady_clock;
-  const std::int64_t memory = std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE);
-  const std::int64_t size = std::min({common::file_size(fd), end, memory / kShare});
+  const std::int64_t size = std::min({common::file_size(fd), end, memory() / kShare});
   const bool asks = may_ask(fd);
   std::vector<common::Byte> piece(kPiece);
   const auto start = steady_clock::now();
@@ -78,6 +79,8 @@ void read_up_to(int fd, std::int64_t end) {
 }
 
 }  // namespace
+
+bool data_exceeds_cache() { return common::file_size(isam::filep->data.fd) > memory() / 2; }
 
 void read_ahead() {
   read_up_to(isam::filep->index.fd, std::max<std::int64_t>(end_of_nodes(), 0) + kPiece);

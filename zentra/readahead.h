@@ -8,4 +8,7 @@ namespace zentra {
 
 void read_ahead();
 
+// Whether the data file is larger than half of the memory: records are better read in their order.
+[[nodiscard]] bool data_exceeds_cache();
+
 }  // namespace zentra

@@ -64,7 +64,12 @@ Fields RecordSteps::fields_of(const BadRecord& bad) const {
   std::vector<isam::Byte> fixed(static_cast<std::size_t>(isam::filep->geometry.reclen));
   if (at == keys_.end() || !read_slot(bad.record, fixed, {})) return fields;
   fields.emplace_back("key", key_of(*at, fixed));
-  if (bad.stays != 0) fields.emplace_back("same-key-as", std::int64_t{bad.stays});
+  const auto same =
+      std::ranges::lower_bound(same_keys_, bad.record, {}, &SameKeys::value_type::first);
+  const bool has_same = same != same_keys_.end() && same->first == bad.record;
+  if (bad.why == Why::kEqualKeys && has_same) {
+    fields.emplace_back("same-key-as", std::int64_t{same->second});
+  }
   if (bad.why == Why::kOddState) add_backing(bad.record, fixed, fields);
   return fields;
 }

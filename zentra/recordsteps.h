@@ -19,8 +19,14 @@ class RecordSteps {
   // `keys`: the descriptions of the pair's indexes, as far as they are known. `spared`: ascending
   // numbers of records that cannot be read now, but are whole behind the repair.
   RecordSteps(const Notes& notes, const std::vector<keydescr>& keys, const BadRecords& bad,
-              const std::vector<std::int32_t>& spared, std::vector<Entry>& steps)
-      : notes_(notes), keys_(keys), bad_(bad), spared_(spared), steps_(steps) {}
+              const SameKeys& same_keys, const std::vector<std::int32_t>& spared,
+              std::vector<Entry>& steps)
+      : notes_(notes),
+        keys_(keys),
+        bad_(bad),
+        same_keys_(same_keys),
+        spared_(spared),
+        steps_(steps) {}
 
   // Adds a step with the bad records of this kind, if there are any; gives their number.
   std::int64_t tell(Why why, Fate fate, const char* code, const std::string& text);
@@ -38,6 +44,7 @@ class RecordSteps {
   const Notes& notes_;
   const std::vector<keydescr>& keys_;
   const BadRecords& bad_;
+  const SameKeys& same_keys_;
   const std::vector<std::int32_t>& spared_;
   std::vector<Entry>& steps_;
 };

@@ -72,6 +72,8 @@ PlanOptions plan_options(const RepairOptions& options, const checker::Check& che
   if (!are_lost || !options.keys.empty()) return how;
   ProposedKeys proposed = propose_keys(check);
   isam::clear_errors();
+  how.system_error = proposed.system_error;
+  if (how.system_error != 0) return how;
   how.has_proposal = !proposed.keys.empty();
   std::istringstream lines(proposed.text);
   for (std::string line; how.has_proposal && std::getline(lines, line);) {
@@ -94,6 +96,42 @@ void look_at_records(checker::Check& check, DeepCollector& collector) {
   if (check.system_error != 0) collector.unfinished(check.system_error);
 }
 
+constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
+
+// A whole check of the current pair. `report`: null for one that nobody is told.
+struct Checked {
+  explicit Checked(Report* report) : notes(report) {
+    if (!whole && check.sized) look_at_records(check, collector);
+    isam::clear_errors();
+    collector.tell_kept();
+  }
+
+  Notes notes;
+  DeepCollector collector{notes, isam::RecordLocks{isam::dictp->d_nextdata()}};
+  checker::Check check{kHow, collector};
+  bool whole = check_whole(check, collector, &collector, [] {});
+};
+
+Plan plan_of(const Checked& checked, PlanOptions how, double seconds) {
+  const checker::Check& check = checked.check;
+  if (!checked.notes.has(kRecordLength)) {
+    return make_plan(check, checked.notes, how, checked.whole, seconds);
+  }
+  // By the other length other records are there, so all is looked at again. The dictionary is
+  // changed in memory alone.
+  how.record_length = static_cast<int>(checked.notes.value(kRecordLength, "expected"));
+  how.wrong_length = isam::dictp->d_recsize();
+  isam::dictp->set_d_recsize(how.record_length);
+  const Checked again(nullptr);
+  if (again.collector.status() != Status::kUnfinished) {
+    return make_plan(again.check, again.notes, how, again.whole, seconds);
+  }
+  Plan plan;
+  plan.hopeless = again.notes.text("system.error");
+  plan.system_error = static_cast<int>(again.notes.value("system.error", "error"));
+  return plan;
+}
+
 Look look_at(const RepairOptions& options, Report& report) {
   Look look;
   const auto start = steady_clock::now();
@@ -105,22 +143,15 @@ Look look_at(const RepairOptions& options, Report& report) {
     look.why = pair.why();
     return look;
   }
-  Notes notes{&report};
-  DeepCollector collector{notes, isam::RecordLocks{isam::dictp->d_nextdata()}};
-  constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
-  checker::Check check(kHow, collector);
-  const bool whole = check_whole(check, collector, &collector, [] {});
-  if (!whole && check.sized) look_at_records(check, collector);
-  isam::clear_errors();
-  collector.tell_kept();
-  look.status = collector.status();
-  look.findings = collector.findings();
+  const Checked checked(&report);
+  const Notes& notes = checked.notes;
+  look.status = checked.collector.status();
+  look.findings = checked.collector.findings();
   look.fields = {{"findings", look.findings}};
   const double seconds = std::chrono::duration<double>(steady_clock::now() - start).count();
   if (look.status == Status::kDamaged || look.status == Status::kNeedsSalvage) {
-    const bool are_lost = check.sized && descriptions_are_lost(notes);
-    const PlanOptions how = plan_options(options, check, are_lost, report);
-    look.plan = make_plan(check, notes, how, whole, seconds);
+    const bool are_lost = checked.check.sized && descriptions_are_lost(notes);
+    look.plan = plan_of(checked, plan_options(options, checked.check, are_lost, report), seconds);
     look.why = look.plan.hopeless;
     if (look.plan.system_error != 0) look.status = Status::kUnfinished;
   } else if (look.status != Status::kSound) {

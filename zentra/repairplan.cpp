@@ -1,11 +1,9 @@
 #include "zentra/repairplan.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -17,6 +15,7 @@
 #include "isam/keys/keys.h"
 #include "isam/tree/items.h"
 #include "zentra/collector.h"
+#include "zentra/deep.h"
 #include "zentra/newkeys.h"
 #include "zentra/recordsteps.h"
 #include "zentra/text.h"
@@ -44,13 +43,14 @@ class Planner {
 
   Plan make(double seconds) {
     find_hopeless();
+    if (options_.system_error != 0) not_planned(options_.system_error);
     if (!plan_.hopeless.empty()) return std::move(plan_);
     plan_geometry();
     plan_descriptions();
     if (!plan_.hopeless.empty()) return std::move(plan_);
     plan_dictionary();
     read_keys();
-    if (plan_.record_length == 0) plan_records();
+    plan_records();
     const bool is_strange = !whole_ && hardly_has_records();
     if (is_strange) plan_.hopeless = "hardly a slot of the data file has the state of a record";
     if (is_strange || plan_.system_error != 0) {
@@ -107,17 +107,17 @@ class Planner {
     }
     const bool goes_on = check_.sized && (whole_ || descriptions_are_lost(notes_));
     if (!goes_on && plan_.hopeless.empty()) plan_.hopeless = notes_.first();
+    if (notes_.has(kRecordLength)) plan_.hopeless = notes_.text(kRecordLength);
     // The record length or format may be another one, and these bytes no records at all.
     if (notes_.status(kTimes) == Status::kNeedsSalvage) plan_.hopeless = notes_.text(kTimes);
   }
 
   void plan_geometry() {
-    constexpr char kLength[] = "pieces.record-length";
-    if (notes_.has(kLength)) {
-      plan_.record_length = static_cast<int>(notes_.value(kLength, "expected"));
+    plan_.record_length = options_.record_length;
+    if (plan_.record_length != 0) {
       step("repair.record-length",
            fmt::format("the record length becomes {} instead of {}, as the data file shows it",
-                       plan_.record_length, filep->geometry.reclen));
+                       plan_.record_length, options_.wrong_length));
       implausible("the dictionary has another record length than the data file");
     }
     if (notes_.has("pieces.data-end")) implausible("the data file ends too early");
@@ -167,6 +167,11 @@ class Planner {
       plan_.duplicate_width = kWidth;
       step("repair.duplicate-width", fmt::format("duplicate numbers become {} bytes wide", kWidth));
     }
+    if (notes_.has(kKeyNodeMarks) && plan_.keys.empty()) {
+      plan_.marks_key_nodes = true;
+      step("repair.description-marks",
+           "the nodes of key descriptions get the marks that they lack");
+    }
     if (notes_.has("audit.node")) {
       plan_.ends_audit = true;
       step("repair.audit-trail",
@@ -210,13 +215,10 @@ class Planner {
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const bool unique = has_tree(at) && (keys_[at].flags & KF_DUPS) == 0;
       if (!unique || !(is_faulty(at) || adds_records)) continue;
-      if (const int failed = find_equal_keys(check_, keys_[at], plan_.bad)) {
+      if (const int failed = find_equal_keys(check_, keys_[at], plan_.bad, plan_.same_keys)) {
         return not_planned(failed);
       }
     }
-    const auto changes = changes_for(plan_.bad);
-    if (!changes) return not_planned(errno);
-    plan_.changes = *changes;
     record_steps_.tell(Why::kOddState, Fate::kDropped, "repair.drop",
                        "record(s) are dropped: their state is neither present nor absent");
     record_steps_.tell(
@@ -241,15 +243,7 @@ class Planner {
     }
   }
 
-  void spare() {
-    const BadRecords bad = plan_.bad;
-    if (spare_mendable(plan_.bad, plan_.big_pages) == 0) return;
-    for (const BadRecord& one : bad) {
-      if (!std::ranges::binary_search(plan_.bad, one.record, {}, &BadRecord::record)) {
-        spared_.push_back(one.record);
-      }
-    }
-  }
+  void spare() { spare_mendable(plan_.bad, plan_.lost_pages, spared_); }
 
   // Whether the repair makes a record of what the check could not read.
   [[nodiscard]] bool adds(const BadRecord& bad) const {
@@ -284,8 +278,7 @@ class Planner {
     });
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const int n = static_cast<int>(at) + 1;
-      if (!has_tree(at) || !(is_faulty(at) || changes_indexed || plan_.record_length != 0))
-        continue;
+      if (!has_tree(at) || !(is_faulty(at) || changes_indexed)) continue;
       plan_.indexes.insert(n);
       std::string text = "is made anew from the records";
       const std::int64_t astray = count_astray(n) - record_steps_.kept_of(n);
@@ -302,15 +295,15 @@ class Planner {
     // A failure that does not tell where it happened was met in a list. A node that cannot be read
     // is cut off from what names it when the list of nodes is made anew.
     const bool has_failed = notes_.has("library.error");
-    plan_.record_list =
-        notes_.has_any("record-list.", 0) || drops || plan_.record_length != 0 || has_failed;
+    plan_.record_list = notes_.has_any("record-list.", 0) || drops || has_failed;
     plan_.node_list = notes_.has_any("node-list.", 0) || remakes || plan_.record_list;
-    plan_.storage_lists = notes_.has_any("storage.", 0) || !plan_.big_pages.empty() ||
-                          (filep->geometry.varlen && (!plan_.changes.empty() || has_failed));
-    if (!plan_.big_pages.empty()) {
-      step("repair.big-pages",
-           fmt::format("{} storage page(s) that pieces of records fill get their heads back",
-                       plan_.big_pages.size()));
+    plan_.storage_lists = notes_.has_any("storage.", 0) || !plan_.lost_pages.empty() ||
+                          (filep->geometry.varlen && (!plan_.bad.empty() || has_failed));
+    if (!plan_.lost_pages.empty()) {
+      step("repair.lost-pages",
+           fmt::format(
+               "{} storage page(s) of which damage has made something else become that again",
+               plan_.lost_pages.size()));
     }
     if (plan_.storage_lists) {
       step("repair.storage-lists", "storage pages are put in order and their lists made anew");
@@ -335,10 +328,8 @@ class Planner {
   // A record that only loses its variable part is not lost.
   void weigh_losses() {
     const int n = least_astray();
-    std::int64_t unreached = n == 0 ? 0 : count_astray(n);
-    if (plan_.record_length == 0) {
-      plan_.unreached = unreached = record_steps_.tell_unreached(n);
-    }
+    const std::int64_t unreached = record_steps_.tell_unreached(n);
+    plan_.unreached = unreached;
     const std::int64_t lost = unreached + count_dropped();
     const std::int64_t unseen = std::ranges::count_if(plan_.bad, [&](const BadRecord& bad) {
       return bad.fate != Fate::kCleared && !check_.datmap.tstbit(bad.record);
@@ -355,28 +346,10 @@ class Planner {
   std::vector<std::int32_t> spared_;  // records that can be read when big pages are mended
   std::vector<keydescr> keys_;
   Plan plan_;
-  RecordSteps record_steps_{notes_, keys_, plan_.bad, spared_, plan_.steps};
+  RecordSteps record_steps_{notes_, keys_, plan_.bad, plan_.same_keys, spared_, plan_.steps};
 };
 
-std::optional<Seen::File> file_seen(int fd) {
-  struct stat status {};
-  if (common::system_calls().fstat(fd, &status) != 0) return {};
-  return Seen::File{status.st_dev, status.st_ino, status.st_size, status.st_mtim};
-}
-
 }  // namespace
-
-bool operator==(const Seen::File& a, const Seen::File& b) {
-  return a.device == b.device && a.inode == b.inode && a.size == b.size &&
-         a.changed.tv_sec == b.changed.tv_sec && a.changed.tv_nsec == b.changed.tv_nsec;
-}
-
-std::optional<Seen> see(int index_fd) {
-  const auto index = file_seen(index_fd);
-  const auto data = file_seen(filep->data.fd);
-  if (!index || !data) return {};
-  return Seen{*index, *data, dictp->d_modcount()};
-}
 
 bool descriptions_are_lost(const Notes& notes) {
   constexpr std::array kLost = {Code::kKeyNodeBad, Code::kKeyNodeDuplicate,

@@ -4,11 +4,7 @@
 // Never   changes a byte
 #pragma once
 
-#include <sys/types.h>
-
 #include <cstdint>
-#include <ctime>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -16,9 +12,9 @@
 #include "checker/check.h"
 #include "isam.h"
 #include "zentra/badrecords.h"
-#include "zentra/bigpages.h"
-#include "zentra/databytes.h"
+#include "zentra/lostpages.h"
 #include "zentra/notes.h"
+#include "zentra/seen.h"
 
 namespace zentra {
 
@@ -30,24 +26,11 @@ struct PlanOptions {
   std::vector<keydescr> keys{};  // to be written; empty: none
   bool are_proposed = false;     // they were found in the trees, not given
   bool has_proposal = false;     // there are such, but they are not to be written
+  int system_error = 0;          // an errno: what would be proposed could not be read
+  // The pair was checked by another record length than its dictionary tells; 0: by that.
+  int record_length = 0;
+  int wrong_length = 0;  // which the dictionary tells
 };
-
-// How the files were when the plan was made.
-struct Seen {
-  struct File {
-    dev_t device;
-    ino_t inode;
-    off_t size;
-    timespec changed;
-    friend bool operator==(const File& a, const File& b);
-  };
-  File index;
-  File data;
-  std::uint32_t stamp;
-  friend bool operator==(const Seen&, const Seen&) = default;
-};
-// Of the current pair; `index_fd` is the index's own. Nothing when the system does not tell.
-[[nodiscard]] std::optional<Seen> see(int index_fd);
 
 struct Plan {
   std::vector<Entry> steps;
@@ -55,10 +38,10 @@ struct Plan {
   std::string hopeless;                  // not empty: why nothing can be done at all
   int system_error = 0;                  // an errno: hopeless because of what could not be read
   bool needs_choice = false;             // hopeless until it is said what becomes of lost parts
-  BadRecords bad;
-  DataChanges changes;  // of the data file
-  BigPages big_pages;   // that are mended
-  double seconds = 0;   // estimates
+  BadRecords bad;                        // the data file changes where they are
+  SameKeys same_keys;
+  LostPages lost_pages;  // that are mended
+  double seconds = 0;    // estimates
   std::int64_t bytes = 0;
   std::int64_t unreached = 0;  // records that indexes lead to, but that the data file no longer has
 
@@ -71,7 +54,8 @@ struct Plan {
   int record_length = 0;
   int duplicate_width = 0;
   bool ends_audit = false;
-  std::vector<keydescr> keys;  // descriptions to be written
+  bool marks_key_nodes = false;  // the nodes of key descriptions get their marks
+  std::vector<keydescr> keys;    // descriptions to be written
   Seen seen{};
 
   [[nodiscard]] bool remakes_all() const { return !keys.empty() || duplicate_width != 0; }

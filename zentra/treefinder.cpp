@@ -4,6 +4,7 @@
 #include <array>
 #include <optional>
 
+#include "checker/check.h"
 #include "checker/progress.h"
 #include "common/io.h"
 #include "isam/base/errors.h"
@@ -55,6 +56,15 @@ TreeFinder::TreeFinder() {
   isam::clear_errors();
 }
 
+void TreeFinder::note_error(int system_error) {
+  if (system_error_ == 0) system_error_ = system_error;
+}
+
+void TreeFinder::note_error() {
+  if (checker::is_of_system(iserrno)) note_error(iserrno);
+  isam::clear_errors();
+}
+
 void TreeFinder::look_at_nodes() {
   const std::int64_t size = common::file_size(filep->index.fd) / isam::node_size();
   const std::int32_t highest = dictp->d_nextnode();
@@ -68,6 +78,7 @@ void TreeFinder::look_at_nodes() {
   for (std::int32_t node = 2; node <= last; ++node) {
     progress.at(node);
     const isam::PageHold page = isam::bfread(node);
+    if (!page) note_error();
     if (page && items_of(page)) levels_[static_cast<std::size_t>(node)] = page.level();
   }
 }
@@ -93,6 +104,7 @@ void TreeFinder::pass_over_free_nodes() {
     }
     chain.follow(page);
   }
+  note_error();
 }
 
 void TreeFinder::look_at_records() {
@@ -101,7 +113,9 @@ void TreeFinder::look_at_records() {
   checker::Progress progress("Looking at records", last);
   for (std::int32_t record = 1; record <= last && record > 0; ++record) {
     progress.at(record);
-    if (isam::datacheck(record) != 1) continue;
+    const int state = isam::datacheck(record);
+    if (state < 0) note_error();
+    if (state != 1) continue;
     present_[static_cast<std::size_t>(record)] = true;
     ++records_;
   }
@@ -143,11 +157,12 @@ bool TreeFinder::fits(const isam::ItemLayout& layout, isam::ConstBytes area, int
   return true;
 }
 
-std::vector<keydescr> TreeFinder::layouts_of(std::int32_t root) const {
+std::vector<keydescr> TreeFinder::layouts_of(std::int32_t root) {
   const isam::KeepError keep;
   std::vector<keydescr> layouts;
   if (level_of(root) == kNone) return layouts;
   const isam::PageHold page = isam::bfread(root);
+  if (!page) note_error();
   const auto area = page ? items_of(page) : std::nullopt;
   for (int keylen = 1; area && keylen <= MAXKEYLEN; ++keylen) {
     for (int flags = 0; flags <= (KF_DUPS | KF_COMPRESS); ++flags) {
@@ -192,6 +207,7 @@ bool TreeFinder::go_down(Walk& walk, std::int32_t node, int level) {
   std::size_t size = 0;
   {
     const isam::PageHold page = isam::bfread(node);
+    if (!page) note_error();
     const auto area = page ? items_of(page) : std::nullopt;
     if (!area || page.level() != level || !fits(walk.layout, *area, level)) return false;
     size = area->size();

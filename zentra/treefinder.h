@@ -27,7 +27,7 @@ class TreeFinder {
   [[nodiscard]] std::vector<std::int32_t> possible_roots() const;
   // The layouts that the root itself allows, as descriptions without parts that count; none of a
   // node that is claimed by now.
-  [[nodiscard]] std::vector<keydescr> layouts_of(std::int32_t root) const;
+  [[nodiscard]] std::vector<keydescr> layouts_of(std::int32_t root);
   // Walks the tree from its first leaf item to its last: whether it is intact, and `visit` has
   // agreed to each.
   using Visit = std::function<bool(const isam::Item&)>;
@@ -38,6 +38,12 @@ class TreeFinder {
 
   // How many records are present.
   [[nodiscard]] std::int64_t records() const { return records_; }
+  // The first errno of what the system did not let anyone read, 0 for none: then neither what was
+  // found nor what was not is sure.
+  [[nodiscard]] int system_error() const { return system_error_; }
+  // Notes the library's current error, if it is the system's, and clears it; or such an errno.
+  void note_error();
+  void note_error(int system_error);
 
  private:
   struct Walk;
@@ -54,6 +60,7 @@ class TreeFinder {
   std::vector<isam::Byte> levels_;  // of each node, from number 0; kNone: of no tree
   std::vector<bool> present_;       // by record number
   std::int64_t records_ = 0;
+  int system_error_ = 0;
   std::int64_t nodes_left_ = 0;  // that walks may still meet
 };
 

@@ -279,7 +279,7 @@ class Undoing {
   // Makes the data file what the repair has left, since the index stays what that has left.
   Refusal change_data_again(Refusal refusal) {
     if (note_.changes.empty()) return refusal;
-    if (data_.make_again(filep->data.fd) != 0) {
+    if (data_.make_again(filep->data.fd, note_.changes) != 0) {
       refusal.why += "; records are back in the data file already: run zentra undo again";
     } else if (!note_.is_undoing) {
       note_no_undoing(kept_, note_);

@@ -24,6 +24,7 @@ namespace {
 using zentra::keys_of_file;
 using zentra::line_of;
 using zentra::ProposedKey;
+using zentra::Reading;
 
 class NewKeys : public testing::Test {
  protected:
@@ -211,9 +212,11 @@ auto of_pair(const std::string& name, Look look) {
   return look(check);
 }
 
-std::vector<ProposedKey> proposed(const std::string& name, std::int64_t& records) {
-  return of_pair(name,
-                 [&](checker::Check& /*check*/) { return zentra::keys_of_trees(records).keys; });
+std::vector<ProposedKey> proposed(const std::string& name, std::int64_t& records,
+                                  Reading reading = Reading::kByTree) {
+  return of_pair(name, [&](checker::Check& /*check*/) {
+    return zentra::keys_of_trees(records, reading).keys;
+  });
 }
 
 bool is_same(const keydescr& a, const keydescr& b) {
@@ -313,6 +316,11 @@ class NewKeysOfOrders : public NewKeys {
     std::int64_t records = 0;
     std::vector<std::string> lines;
     for (const ProposedKey& one : proposed(pair_, records)) lines.push_back(line_of(one.guess.key));
+    std::vector<std::string> by_number;
+    for (const ProposedKey& one : proposed(pair_, records, Reading::kByNumber)) {
+      by_number.push_back(line_of(one.guess.key));
+    }
+    EXPECT_EQ(by_number, lines);
     EXPECT_EQ(records, 2000);
     return lines;
   }
