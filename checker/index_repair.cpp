@@ -20,10 +20,11 @@
 namespace checker {
 namespace {
 
-// Whether the remade index may keep its root's node; claims the node when it may.
+// Whether the remade index may keep its root's node; claims the node when it may. One that has
+// given way is free, and another index may have been given it by now.
 bool claim_root(Check& check, std::int32_t root) {
   return root > 1 && root <= std::min(check.rootlast, last_node_to_keep(check)) &&
-         !holds_parts(root) && !check.keptmap.set_bit(root);
+         check.idxmap.tstbit(root) && !holds_parts(root) && !check.keptmap.set_bit(root);
 }
 
 // An empty leaf, on disk at once: whatever ends the loading leaves an index that is plainly

@@ -96,7 +96,8 @@ class Listener {
     bool same_number;
   };
   virtual void leaf_item(const Leaf& /*place*/, const isam::Item& /*item*/) {}
-  // For such a listener: a node of tree n has not the level below that of the node above it.
+  // For such a listener: a node of tree n has not the level below that of the node above it, or,
+  // without items, is no leaf.
   virtual void odd_level(int /*n*/, std::int32_t /*node*/, int /*found*/, int /*expected*/) {}
   // Record numbers that others have locked: an open transaction of theirs keeps deleted ones back,
   // with their storage, until it ends. Null: nobody can have any.

@@ -131,12 +131,13 @@ const isam::Item* TreeCheck::check_upper(std::int32_t node, isam::ConstBytes are
   return visit_items(node, area, items, check) ? prev : nullptr;
 }
 
-// A bulk load trusts the levels of upper nodes; all else asks only which nodes are leaves.
-void TreeCheck::compare_level(std::int32_t node, int level) {
+// A bulk load trusts the levels of upper nodes; all else asks only which nodes are leaves. Without
+// items a node is a leaf.
+void TreeCheck::compare_level(std::int32_t node, int level, int used) {
   const auto depth = static_cast<std::size_t>(level_);
   levels_[depth] = level;
-  if (!tells_ || depth == 0 || level == levels_[depth - 1] - 1) return;
-  check_.listener.odd_level(number_, node, level, levels_[depth - 1] - 1);
+  const int expected = used == 0 ? isam::kLeafLevel : depth == 0 ? level : levels_[depth - 1] - 1;
+  if (tells_ && level != expected) check_.listener.odd_level(number_, node, level, expected);
 }
 
 void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
@@ -171,7 +172,7 @@ void TreeCheck::cktree(std::int32_t node, const Item* prev, const Item* bound) {
     return;
   }
   if (lists_) check_.listener.tree_node(level_, node, used);
-  compare_level(node, page.level());
+  compare_level(node, page.level(), used);
 
   Item items[2];  // here, because `last` leads into it
   const auto area = page.bytes().subspan(isam::kUsedBytes, static_cast<std::size_t>(used));

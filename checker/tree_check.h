@@ -75,7 +75,7 @@ class TreeCheck {
   // false then.
   bool check_record(const Item& item);
   void tell(Code code, const Item* item, const Item* before = nullptr) const;
-  void compare_level(std::int32_t node, int level);
+  void compare_level(std::int32_t node, int level, int used);
   void bad_format(std::int32_t node);
   void unreadable(std::int32_t node);
 

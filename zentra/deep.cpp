@@ -60,7 +60,7 @@ void DeepCollector::index_walked(std::int32_t /*nodes*/, int /*levels*/) {
     add({.code = kOddLevels,
          .status = Status::kDamaged,
          .key = walked_,
-         .text = fmt::format("{} node(s) that are not on the level below the node above them",
+         .text = fmt::format("{} node(s) that are not on the level where they stand in the tree",
                              odd_levels_),
          .fields = {{"found", odd_levels_}}});
     odd_levels_ = 0;

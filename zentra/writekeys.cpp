@@ -23,11 +23,12 @@ class FreshNodes {
 
   // The next one, zeroed, with this frame; empty with iserrno.
   [[nodiscard]] isam::PageHold take(int used, isam::Byte type, isam::Byte level) {
-    if (last_ >= INT32_MAX - 1) {
+    if (last_ >= INT32_MAX - 2) {
       isam::failed(isam::kCorrupted);
       return {};
     }
-    isam::PageHold page = isam::bfgetclr(static_cast<std::int32_t>(++last_));
+    if (++last_ == dictp->d_auditnode()) ++last_;  // of a file that has been cut
+    isam::PageHold page = isam::bfgetclr(static_cast<std::int32_t>(last_));
     if (page) page.set_frame(used, type, level);
     return page;
   }

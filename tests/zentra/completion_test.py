@@ -61,7 +61,6 @@ class Completion(unittest.TestCase):
 
     def test_pairs_and_words(self):
         pairs = {'pair.idx', 'with blank.idx', 'with\nnewline.idx', 'sub'}
-        self.assertEqual(self.completed('check', 'with\\ '), {'with blank.idx'})
         self.assertEqual(self.completed('repair', '--keys', 'with'), pairs - {'pair.idx', 'sub'})
         self.assertEqual(self.completed('check', '--quick', ''), pairs)
         self.assertEqual(self.completed('check', '-j', '2', 'one', 'p'), {'pair.idx'})

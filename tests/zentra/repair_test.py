@@ -355,6 +355,37 @@ class Repair(unittest.TestCase):
                 self.assertEqual(self.bytes()['.idx'][at], index[at])
                 self.assertUndone()
 
+    def test_new_descriptions_stay_clear_of_the_audit_node(self):
+        index = self.take('descriptions-zeroed')['.idx']
+        self.damage(('.idx', 49, (len(index) // 256 + 1).to_bytes(4, 'big')))
+        (self.folder / 'lines').write_text('0,12,char\n12,4,long,dups')
+        done = self.repair('-y', '--force', '--keys', 'lines')
+        self.assertEqual(done.returncode, 0, done)
+
+    def test_an_upper_node_without_items(self):
+        index = self.take('sound-all-deleted')['.idx']
+        node = int.from_bytes(index[15:19], 'big') - 1
+        root = int.from_bytes(index[node * 256 + 8:node * 256 + 12], 'big')
+        self.damage(('.idx', root * 256 - 2, b'\1'))
+        self.assertEqual(self.run_zentra('check').returncode, 1)
+        self.assertEqual(self.repair('-y').returncode, 0)
+        self.assertEqual(self.bytes()['.idx'][root * 256 - 2], 0)
+        self.assertUndone()
+
+    def test_a_root_that_has_become_a_page_gives_way(self):
+        index = self.take('sound-varying')['.idx']
+        root = int.from_bytes(index[(int.from_bytes(index[15:19], 'big') - 1) * 512 + 8:][:4], 'big')
+        for page in range(1, len(index) // 512):
+            if index[page * 512 + 2:page * 512 + 4] == b'\x7e\x26':
+                with self.subTest(page=page + 1):
+                    self.take('sound-varying')
+                    self.damage(('.idx', (root - 1) * 512, index[page * 512:page * 512 + 512]),
+                                ('.idx', page * 512, index[(root - 1) * 512:root * 512]))
+                    _, before = self.records()
+                    done = self.repair('-y', '--variable=drop', '--force')
+                    self.assertEqual(done.returncode, 0, done)
+                    self.assertHealed(before)
+
     def test_a_piece_that_three_records_share(self):
         self.take('sound-varying')
         index, data = self.made['.idx'], self.made['.dat']
