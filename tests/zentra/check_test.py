@@ -35,7 +35,7 @@ DEEP = {'item-key-other': 'index.key-differs', 'leaf-level': 'index.keys-equal',
         'storage-records-gone': 'storage.reference-left', 'header-mark': 'pair.unfinished',
         'times-other-contents-varying': 'storage.piece-shared', 'data-cut': 'pieces.data-end',
         'big-index-cut': 'pieces.index-end', 'index-cut-storage': 'pieces.index-end',
-        'times-older-data': 'pieces.data-end', 'times-older-index': 'pieces.times',
+        'times-older-data': 'pieces.data-end', 'times-older-index-deleted': 'pieces.times',
         'data-of-longer-records': 'pieces.record-length'}
 # The independent reader looks neither at what programs refuse, nor at records that it cannot read.
 OTHER_SENSE = re.compile('header-(collation|fixed|lock-method|duplicate-width)|'
