@@ -57,6 +57,12 @@ class FileMap {
     return offset + static_cast<std::int64_t>(length) <= std::min(known_, mapped_) &&
            system_calls().pread == ::pread;
   }
+  // Has bytes that will be asked for soon in the processor's caches by then.
+  void expect(std::size_t length, std::int64_t offset) const {
+    constexpr std::size_t kLine = 64;
+    if (!covers(length, offset)) return;
+    for (std::size_t at = 0; at < length; at += kLine) __builtin_prefetch(pages_ + offset + at);
+  }
   // This process has written up to `end`: there the file has bytes.
   void written(std::int64_t end) { known_ = std::max(known_, end); }
   // This process has cut the file: there it ends now.

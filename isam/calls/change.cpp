@@ -280,6 +280,7 @@ FoundRecord getrecord(Cursor& cursor, const Byte* record) {
   {
     const KeptPosition position{cursor};
     if (btsearch(cursor, wanted, k, 0, Search::kRead) != 0) return {};
+    dataexpect(cursor.treeitem.recptr);
     if (cursor.bt.ends == kOnItem && itcompare(wanted, cursor.treeitem, KeyOrder{k}) == 0) {
       number = cursor.treeitem.recptr;
     }

@@ -21,6 +21,7 @@ int position_in_tree(Cursor& cursor, const Byte* record, int len, ReadMode mode)
   const Search search = mode == ReadMode::kGreater ? Search::kPast : Search::kRead;
   if (btsearch(cursor, wanted, k, len, search) != 0) return -1;
   if (cursor.bt.ends != kOnItem) return failed(kNoRecord);
+  dataexpect(cursor.treeitem.recptr);
   if (mode == ReadMode::kEqual && itcompare(wanted, cursor.treeitem, KeyOrder{k}, len) != 0) {
     return failed(kNoRecord);
   }

@@ -10,6 +10,7 @@ namespace isam {
 namespace {
 
 constexpr int kTypeMask = 127;
+constexpr int kLeadingBytes = 8;
 constexpr std::array<int, KT_FLOAT + 1> typelen = {0, 2, 4, 8, 4};  // 0: any length
 
 template <typename T>
@@ -153,6 +154,21 @@ KeyOrder::KeyOrder(const keydescr& k) : nparts_(k.nparts), keylen_(k.keylen) {
                                            (k.part[i].type & KT_DESC) != 0};
     plain_ = plain_ && k.part[i].type == KT_CHAR;
     bytewise_ = bytewise_ && (k.part[i].type & kTypeMask) <= KT_LONG;
+  }
+  if (!plain_) turn_leading();
+  if (keylen_ < kLeadingBytes) behind_key_ = 8 * (kLeadingBytes - keylen_);
+}
+
+// The top bit of an integer is its sign, and a descending part has all its bits turned over.
+void KeyOrder::turn_leading() {
+  int at = 0;
+  for (int i = 0; i < nparts_; ++i) {
+    const Part& part = parts_[static_cast<std::size_t>(i)];
+    for (int byte = 0; byte < part.length && at < kLeadingBytes; ++byte, ++at) {
+      const unsigned sign = part.type != KT_CHAR && byte == 0 ? 0x80 : 0;
+      const unsigned turned = part.descending ? 0xFF ^ sign : sign;
+      turned_ |= std::uint64_t{turned} << (8 * (kLeadingBytes - 1 - at));
+    }
   }
 }
 

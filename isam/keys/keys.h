@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "common/bytes.h"
@@ -76,21 +77,37 @@ class KeyOrder {
     return plain_ ? int{a} - int{b} : compare_in_part(at, a, b);
   }
 
+  // Whether leading() orders: keys are bytewise() and not too short.
+  [[nodiscard]] bool has_leading() const { return bytewise_ && keylen_ >= kLeastForLeading; }
+  // The first bytes of a key, eight at most, as a number: where those of two keys differ, their
+  // order is that of the keys. Eight bytes are read, also of a shorter key.
+  [[nodiscard]] std::uint64_t leading(const Byte* key) const {
+    std::uint64_t word;
+    std::memcpy(&word, key, sizeof word);
+    return (__builtin_bswap64(word) ^ turned_) >> behind_key_;
+  }
+
  private:
+  // Of a stored key so short another four bytes follow, which hold a number.
+  static constexpr int kLeastForLeading = 4;
+
   struct Part {
     int length;
     int type;
     bool descending;
   };
 
+  void turn_leading();
   [[nodiscard]] int compare_parts(const Byte* a, const Byte* b, int length) const;
   [[nodiscard]] int compare_in_part(int at, Byte a, Byte b) const;
 
   std::array<Part, MAXPARTS> parts_;  // the first nparts_
   int nparts_;
   int keylen_;
-  bool plain_ = true;     // unsigned bytes ascending throughout
-  bool bytewise_ = true;  // unsigned bytes and integers throughout
+  bool plain_ = true;         // unsigned bytes ascending throughout
+  bool bytewise_ = true;      // unsigned bytes and integers throughout
+  std::uint64_t turned_ = 0;  // bits of leading() that order the other way round
+  int behind_key_ = 0;        // bits of its eight bytes that are none of the key's
 };
 
 }  // namespace isam

@@ -1,9 +1,11 @@
 // pagetable: finds the buffer of a page of the pool.
 //
 // Keeps   a look-up mostly reads one cache line of the table and the buffer that it finds. The
-//         table's slots are small, so that much of it stays in the processor's caches
+//         table's slots are small, so that much of it stays in the processor's caches. Of a large
+//         pool's first files the nodes with low numbers have an array instead, two bytes a node
 #pragma once
 
+#include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -23,11 +25,16 @@ class PageTable {
     buffers_ = buffers;
     mask_ = slots - 1;
     slots_ = common::make_arena<Slot>(slots);
+    arrays_begin_ = count >= kLargePool;
     return slots_ != nullptr;
   }
   // The buffer of a page; null when the table has none.
   [[nodiscard]] Buffer* find(std::int32_t block, const OpenPair* file) const {
     const std::uint16_t tag = tag_of(file);
+    if (const NodeArray& array = arrays_[tag % kArrays]; array.file == file && is_low(block)) {
+      const std::uint16_t number = array.buffers[static_cast<std::size_t>(block)];
+      return number == kNone ? nullptr : &buffers_[number - 1];
+    }
     for (std::size_t at = home(block, tag);; at = (at + 1) & mask_) {
       const Slot slot = slots_[at];
       if (slot.buffer == kNone) return nullptr;
@@ -38,6 +45,11 @@ class PageTable {
   }
   // Adds a buffer, whose page the table does not have yet.
   void insert(const Buffer* buffer) {
+    begin_array(*buffer);
+    if (std::uint16_t* const place = place_in_array(*buffer)) {
+      *place = number_of(buffer);
+      return;
+    }
     const std::uint16_t tag = tag_of(buffer->file);
     std::size_t at = home(buffer->block, tag);
     while (slots_[at].buffer != kNone) at = (at + 1) & mask_;
@@ -45,6 +57,10 @@ class PageTable {
   }
   // Removes a buffer that is in the table.
   void erase(const Buffer* buffer) {
+    if (std::uint16_t* const place = place_in_array(*buffer)) {
+      *place = kNone;
+      return;
+    }
     const std::uint16_t number = number_of(buffer);
     std::size_t gap = home(buffer->block, tag_of(buffer->file));
     while (slots_[gap].buffer != number) gap = (gap + 1) & mask_;
@@ -67,10 +83,33 @@ class PageTable {
     std::uint16_t file_tag;  // from the address of the OpenPair; two of them may have the same
     std::uint16_t buffer;    // number from 1
   };
+  // The buffers of a file's nodes, by node number.
+  struct NodeArray {
+    const OpenPair* file = nullptr;
+    common::Arena<std::uint16_t> buffers;
+  };
   static constexpr std::uint16_t kNone = 0;
+  static constexpr std::size_t kLargePool = 4096;  // buffers; the slots of fewer are cached
+  static constexpr std::size_t kArrays = 8;
+  static constexpr std::int32_t kLowNodes = 1'000'000;
   // 2^64 divided by the golden ratio: the product's high bits differ for neighbouring numbers.
   static constexpr std::uint64_t kSpread = 0x9E3779B97F4A7C15U;
 
+  [[nodiscard]] static bool is_low(std::int32_t block) { return block >= 0 && block < kLowNodes; }
+  // Where the array of a buffer's file has its page; null when that is in the slots.
+  [[nodiscard]] std::uint16_t* place_in_array(const Buffer& buffer) {
+    NodeArray& array = arrays_[tag_of(buffer.file) % kArrays];
+    if (array.file != buffer.file || !is_low(buffer.block)) return nullptr;
+    return &array.buffers[static_cast<std::size_t>(buffer.block)];
+  }
+  // Gives a file its array with its first node, or never: then other nodes may be in the slots.
+  void begin_array(const Buffer& first) {
+    NodeArray& array = arrays_[tag_of(first.file) % kArrays];
+    if (array.file != nullptr || !is_low(first.block) || !arrays_begin_) return;
+    array.buffers = common::make_arena<std::uint16_t>(0, kLowNodes);
+    arrays_begin_ = array.buffers != nullptr;
+    if (arrays_begin_) array.file = first.file;
+  }
   [[nodiscard]] std::uint16_t number_of(const Buffer* buffer) const {
     return static_cast<std::uint16_t>(buffer - buffers_ + 1);
   }
@@ -86,6 +125,8 @@ class PageTable {
   Buffer* buffers_ = nullptr;
   common::Arena<Slot> slots_;
   std::size_t mask_ = 0;
+  bool arrays_begin_ = false;  // files without one may still get one
+  std::array<NodeArray, kArrays> arrays_;
 };
 
 }  // namespace isam

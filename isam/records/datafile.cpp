@@ -296,6 +296,10 @@ int dataread(std::int32_t k, Bytes to) {
   return variable < 0 ? -1 : filep->geometry.reclen + variable;
 }
 
+void dataexpect(std::int32_t k) {
+  if (k > 0) filep->data.map.expect(static_cast<std::size_t>(slot_size()), slot_offset(k));
+}
+
 std::size_t dataread_many(std::span<const std::int32_t> numbers, Byte* to, std::int32_t* lengths) {
   const Geometry& geometry = filep->geometry;
   std::size_t count = 0;

@@ -22,6 +22,9 @@ namespace isam {
 // present leaves iserrno untouched; 105 for a damaged one.
 [[nodiscard]] int dataread(std::int32_t k, Bytes to);
 
+// Record k will be read in a moment: the processor may fetch it meanwhile.
+void dataexpect(std::int32_t k);
+
 // Reads these records to `to`, each maxreclen bytes behind the one before, and their lengths. It
 // stops at the first that is not present or cannot be read, and leaves iserrno as it was. How many
 // it has read; none when pages of the mapping were missing.

@@ -3,6 +3,30 @@
 #include <algorithm>
 
 namespace isam {
+namespace {
+
+// Has the processor fetch all of a leaf, which is seldom in its caches: a search without branches
+// would wait for one piece after the other.
+void expect(ConstBytes area) {
+  constexpr std::size_t kLine = 64;
+  for (std::size_t at = 0; at < area.size(); at += kLine) __builtin_prefetch(area.data() + at);
+}
+
+// Whether the item behind the one that ends at `end` repeats its key.
+bool is_followed_by_repeat(ConstBytes area, int end) {
+  return (area[static_cast<std::size_t>(end - kRecordPointerSize)] & kRepeatBit) != 0;
+}
+
+// Where the last of the items ends that repeat one key, of which the first stands at `start` and
+// all have `length` bytes. Beyond the area where their bytes make no items.
+int pass_repeats(ConstBytes area, int start, int length) {
+  const auto size = static_cast<int>(area.size());
+  int end = start + length;
+  while (end < size && is_followed_by_repeat(area, end)) end += length;
+  return end;
+}
+
+}  // namespace
 
 Descent::Descent(Item& sought, Item& found, const keydescr& k, int len, Search mode)
     : sought_(sought),
@@ -12,7 +36,8 @@ Descent::Descent(Item& sought, Item& found, const keydescr& k, int len, Search m
       len_(len),
       mode_(mode),
       numbers_(mode == Search::kInsert && layout_.dups),
-      skips_(layout_.compressed() && order_.bytewise() && (len < 1 || len >= k.keylen)) {}
+      skips_(layout_.compressed() && order_.bytewise() && (len < 1 || len >= k.keylen)),
+      leads_(!layout_.compressed() && order_.has_leading() && (len < 1 || len >= k.keylen)) {}
 
 bool Descent::choose(const TreeNode& node, PathLevel& level) {
   leaf_ = node.is_leaf();
@@ -65,6 +90,21 @@ int Descent::compare_fixed(ConstBytes area, int pos) {
   return result != 0 ? result : break_tie(stored_dupnm(layout_, stored + layout_.keylen));
 }
 
+// How many items of a node without compression begin with less than the key sought does. No branch
+// depends on what is compared, for it would be predicted wrongly every other time.
+std::size_t Descent::count_lesser(const Byte* items, std::size_t count) const {
+  const auto size = static_cast<std::size_t>(layout_.fixed_size());
+  const std::uint64_t sought = order_.leading(sought_.key);
+  std::size_t lesser = 0;
+  for (std::size_t left = count; left > 0;) {
+    const std::size_t half = (left + 1) / 2;
+    const bool is_less = order_.leading(items + (lesser + half - 1) * size) < sought;
+    lesser += half & -std::size_t{is_less};
+    left -= half;
+  }
+  return lesser;
+}
+
 // Without compression all items have one size: halves the range before it looks at each.
 bool Descent::choose_fixed(ConstBytes area, PathLevel& level) {
   const int size = layout_.fixed_size();
@@ -72,6 +112,15 @@ bool Descent::choose_fixed(ConstBytes area, PathLevel& level) {
   if (level.length % size != 0) return false;
   int low = 0;
   int high = count - 1;
+  if (leads_) {
+    const Byte* const items = area.data();
+    if (leaf_) expect(area);
+    const std::uint64_t sought = order_.leading(sought_.key);
+    const auto is_greater = [&](int item) { return order_.leading(items + item * size) > sought; };
+    low = static_cast<int>(count_lesser(items, static_cast<std::size_t>(high)));
+    if (low < high && is_greater(low)) return settle_on(level, low * size, (low + 1) * size, -1);
+    if (low + 1 < high && is_greater(low + 1)) high = low + 1;
+  }
   while (high - low > 2) {
     const int middle = (low + high) / 2;
     if (compare_fixed(area, middle * size) < 0) {
@@ -105,15 +154,16 @@ bool Descent::choose_reading(ConstBytes area, PathLevel& level) {
   }
 }
 
-// Orders the key sought against a stored one whose first `leadc` bytes it is known to share, and
+// Orders the key sought against a stored one whose first `match` bytes it is known to share, and
 // counts all that they share.
-int Descent::compare_bytes(const StoredItem& stored, int& match) const {
+inline int Descent::compare_bytes(const Byte* key, int keyln, int& match) const {
   const Byte* const sought = sought_.key;
-  int at = stored.leadc;
-  for (const Byte* byte = stored.key; byte < stored.behind_key(); ++byte, ++at) {
-    if (sought[at] != *byte) {
+  const int stored_end = match + keyln;
+  int at = match;
+  for (; at < stored_end; ++at, ++key) {
+    if (sought[at] != *key) {
       match = at;
-      return order_.compare_at(at, sought[at], *byte);
+      return order_.compare_at(at, sought[at], *key);
     }
   }
   while (at < layout_.keylen && sought[at] == ' ') ++at;
@@ -123,29 +173,45 @@ int Descent::compare_bytes(const StoredItem& stored, int& match) const {
 
 // Goes over the items without putting their keys together. `match` bytes of the item passed last
 // are those of the item sought. An item that takes more than these from its predecessor differs
-// from the one sought where its predecessor does, so the outcome is the same. Any other has those
-// leading bytes in common with the one sought, and is compared behind them.
+// from the one sought where its predecessor does, so the outcome is the same, and so it is of one
+// that repeats a key which differs. Any other has its leading bytes in common with the one sought,
+// and is compared behind them.
 bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
-  const int keylen = layout_.keylen;
+  const Byte* const items = area.data();
+  const int size = level.length;
+  const int counts = int{layout_.lcompress} + int{layout_.tcompress};
+  const int fixed = layout_.dupwidth + kRecordPointerSize;
   int match = 0;
+  bool repeats = false;
   from_ = 0;
-  ItemWalk walk{layout_, area};
-  while (walk.next()) {
-    const bool last = walk.is_last();
-    if (covers_all(last)) return settle_on(level, walk.start(), walk.end(), 0);
-    const bool same_outcome = walk.repeats() ? match < keylen : walk.leadc() > match;
-    if (same_outcome && !last) continue;
+  for (int start = 0, end = 0;; start = end) {
     int result = 1;
-    if (!same_outcome) {
-      const StoredItem stored = walk.item();
-      result = stored.repeats ? 0 : compare_bytes(stored, match);
-      if (result == 0) result = break_tie(stored_dupnm(layout_, stored.behind_key()));
+    if (repeats && match < layout_.keylen) {
+      end = pass_repeats(area, start, fixed);
+      if (end >= size) return end == size && settle_on(level, end - fixed, end, result);
+      repeats = false;
+      continue;
     }
-    if (result < 0) return settle_on(level, walk.start(), walk.end(), result);
-    if (!same_outcome) from_ = walk.start();
-    if (last) return settle_on(level, walk.start(), walk.end(), result);
+    int key = start;
+    int leadc = match;
+    int keyln = 0;
+    if (!repeats) {
+      if (size - start < counts) return false;
+      leadc = layout_.lcompress ? items[key++] : 0;
+      keyln = layout_.keylen - leadc - (layout_.tcompress ? items[key++] : 0);
+    }
+    end = key + keyln + fixed;
+    if (keyln < 0 || end > size) return false;
+    const bool last = end == size;
+    if (leadc <= match && !covers_all(last)) {
+      match = leadc;
+      result = repeats ? 0 : compare_bytes(items + key, keyln, match);
+      if (result == 0) result = break_tie(stored_dupnm(layout_, items + key + keyln));
+      if (result >= 0) from_ = start;
+    }
+    if (result < 0 || last) return settle_on(level, start, end, result);
+    repeats = is_followed_by_repeat(area, end);
   }
-  return false;
 }
 
 // What the item takes from its predecessor it shares with the one sought, which lies between them.

@@ -36,9 +36,10 @@ class Descent {
 
  private:
   bool choose_fixed(ConstBytes area, PathLevel& level);
+  [[nodiscard]] std::size_t count_lesser(const Byte* items, std::size_t count) const;
   bool choose_reading(ConstBytes area, PathLevel& level);
   bool choose_skipping(ConstBytes area, PathLevel& level);
-  int compare_bytes(const StoredItem& stored, int& match) const;
+  [[nodiscard]] int compare_bytes(const Byte* key, int keyln, int& match) const;
   int break_tie(std::int32_t dupnm);
   int compare_fixed(ConstBytes area, int pos);
   // The key of an upper node's last item carries no meaning; but an insertion among equals takes a
@@ -54,6 +55,7 @@ class Descent {
   Search mode_;
   bool numbers_;  // an item of an index with duplicates is to be inserted
   bool skips_;    // keys are compressed, decided by their first differing byte and compared whole
+  bool leads_;    // keys are not compressed, compared whole, and have KeyOrder::leading()
   int from_ = 0;
   bool leaf_ = false;
   bool greater_ = false;

@@ -3,11 +3,17 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <map>
+#include <random>
 #include <set>
+#include <utility>
+#include <vector>
 
 #include "isam/base/errors.h"
+#include "isam/pool/pagetable.h"
 #include "tests/isam/test_pair.h"
 #include "tests/support/between.h"
 #include "tests/support/run_program.h"
@@ -59,6 +65,41 @@ TEST(BuffersDeathTest, TheEnvironmentSetsTheirNumber) {
   in_own_process("4", [] { hold(4); });
   dies_with("4", "no more buffers", [] { hold(5); });
   in_own_process("32766", [] { hold(1000); });
+}
+
+// More files than have arrays, numbers within and beyond them, in a pool that is large enough for
+// arrays and in one that is not.
+TEST(PageTable, FindsWhatItHas) {
+  for (const std::size_t count : {std::size_t{500}, std::size_t{5000}}) {
+    std::vector<Buffer> buffers(count);
+    std::vector<OpenPair> files(20);
+    PageTable table;
+    ASSERT_TRUE(table.reserve(buffers.data(), count));
+    std::map<std::pair<const OpenPair*, std::int32_t>, Buffer*> there;
+    std::vector<Buffer*> unused;
+    for (Buffer& buffer : buffers) unused.push_back(&buffer);
+    std::mt19937 random(3);
+    for (int i = 0; i < 40000; ++i) {
+      OpenPair* const file = &files[random() % files.size()];
+      constexpr std::array<std::int32_t, 4> kFirsts = {1, 999'900, INT32_MIN, INT32_MAX - 400};
+      const std::int32_t block =
+          kFirsts[random() % kFirsts.size()] + static_cast<std::int32_t>(random() % 200);
+      const auto known = there.find({file, block});
+      ASSERT_EQ(table.find(block, file), known == there.end() ? nullptr : known->second);
+      if (known != there.end()) {
+        table.erase(known->second);
+        unused.push_back(known->second);
+        there.erase(known);
+      } else if (!unused.empty()) {
+        Buffer* const buffer = unused.back();
+        unused.pop_back();
+        buffer->block = block;
+        buffer->file = file;
+        table.insert(buffer);
+        there[{file, block}] = buffer;
+      }
+    }
+  }
 }
 
 TEST(BuffersDeathTest, MisuseIsFatal) {

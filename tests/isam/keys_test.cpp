@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstring>
+#include <initializer_list>
 #include <limits>
 #include <random>
 #include <string>
@@ -121,6 +124,38 @@ TEST(KeyOrder, TheFirstDifferingByteDecides) {
     ASSERT_EQ(whole < 0, by_byte < 0) << at;
     ASSERT_NE(by_byte, 0);
   }
+}
+
+// A key's first bytes as a number order as the keys do; what lies behind a short key is none of it.
+TEST(KeyOrder, TheFirstBytesDecideAsANumber) {
+  const std::initializer_list<std::initializer_list<keypart>> keys = {
+      {{0, 3, KT_CHAR}, {0, 2, KT_INT | KT_DESC}, {0, 0, KT_CHAR}, {0, 4, KT_LONG}},
+      {{0, 2, KT_CHAR | KT_DESC}, {0, 4, KT_LONG | KT_DESC}, {0, 20, KT_CHAR}},
+      {{0, 4, KT_LONG}},
+      {{0, 7, KT_CHAR}},
+      {{0, 8, KT_CHAR}}};
+  std::mt19937 random(2);
+  for (const auto& parts : keys) {
+    const KeyOrder order{key_of(parts)};
+    ASSERT_TRUE(order.has_leading());
+    int length = 0;
+    for (const keypart& part : parts) length += part.length;
+    for (int i = 0; i < 3000; ++i) {
+      Image a(26);
+      for (Byte& byte : a) byte = static_cast<Byte>(random());
+      Image b = a;
+      const std::size_t at = random() % 12;
+      for (std::size_t k = at; k < b.size(); ++k) b[k] = static_cast<Byte>(random());
+      const std::uint64_t left = order.leading(a.data());
+      const std::uint64_t right = order.leading(b.data());
+      const auto known = static_cast<std::size_t>(std::min(length, 8));
+      ASSERT_EQ(left == right, std::memcmp(a.data(), b.data(), known) == 0);
+      if (left == right) continue;
+      ASSERT_EQ(left < right, order.compare(a.data(), b.data()) < 0);
+    }
+  }
+  EXPECT_FALSE(KeyOrder{key_of({{0, 3, KT_CHAR}})}.has_leading());
+  EXPECT_FALSE(KeyOrder{key_of({{0, 4, KT_FLOAT}})}.has_leading());
 }
 
 TEST(KeyOrder, PartialAndCollatedKeys) {
