@@ -6,6 +6,8 @@ namespace {
 constexpr Command kCommands[] = {
     {"check", "find every fault of pairs", "Not one byte of any file is ever changed.",
      prepare_check},
+    {"diff", "tell what two pairs differ in", "Not one byte of any file is ever changed.",
+     prepare_diff},
     {"dump", "write the records of a pair as CSV or as JSON",
      "Not one byte of the pair is ever changed.", prepare_dump},
     {"info", "tell what pairs are", "Not one byte of any file is ever changed.", prepare_info},

@@ -19,6 +19,7 @@ struct Command {
 [[nodiscard]] std::span<const Command> commands();
 
 std::function<int()> prepare_check(Arguments& arguments);
+std::function<int()> prepare_diff(Arguments& arguments);
 std::function<int()> prepare_dump(Arguments& arguments);
 std::function<int()> prepare_info(Arguments& arguments);
 std::function<int()> prepare_layout(Arguments& arguments);

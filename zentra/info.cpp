@@ -79,18 +79,6 @@ class Facts : public DeepCollector {
   std::vector<IndexFacts> all_;
 };
 
-std::string key_in_words(const keydescr& k) {
-  if (k.nparts == 0) return "the order of record numbers";
-  std::string text = (k.flags & KF_DUPS) != 0 ? "duplicates" : "unique";
-  for (int i = 0; i < k.nparts; ++i) {
-    const keypart& part = k.part[i];
-    text += fmt::format(", bytes {} to {} {} {}", part.start, part.start + part.length - 1,
-                        isam::type_name(part.type),
-                        (part.type & KT_DESC) != 0 ? "descending" : "ascending");
-  }
-  return text + ((k.flags & KF_COMPRESS) != 0 ? ", compressed" : "");
-}
-
 class Telling {
  public:
   Telling(Report& report, const checker::Check& check, const Facts& facts)

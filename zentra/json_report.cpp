@@ -76,6 +76,12 @@ class JsonReport : public Report {
 
 }  // namespace
 
+void print_json(const Fields& fields) {
+  Json object;
+  add(object, fields);
+  put(object);
+}
+
 std::unique_ptr<Report> json_report(const char* good) { return std::make_unique<JsonReport>(good); }
 
 }  // namespace zentra

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
+#include <utility>
 
 #include "checker/check.h"
 #include "common/io.h"
@@ -80,7 +81,7 @@ bool ReadPair::open_files(const std::string& name) {
   open->mode = ISINPUT + ISMANULOCK;
   open->file->mark.state = isam::MarkState::kUnneeded;
   isam::make_current(*open);
-  is_open_ = true;
+  open_ = open;
   return true;
 }
 
@@ -94,7 +95,9 @@ bool ReadPair::lock(std::chrono::milliseconds wait) {
 }
 
 bool ReadPair::open(const std::string& name, std::chrono::milliseconds wait, Look look) {
-  for (;;) {
+  constexpr int kMostTries = 100;
+  status_ = Status::kSound;
+  for (int tries = 0; tries < kMostTries; ++tries) {
     if (!open_files(name)) return false;
     if (look == Look::kAll) read_ahead();
     if (!lock(wait)) return false;
@@ -105,6 +108,7 @@ bool ReadPair::open(const std::string& name, std::chrono::milliseconds wait, Loo
     }
     close();
   }
+  return refuse(Status::kUnfinished, "its files change again and again");
 }
 
 bool ReadPair::load() {
@@ -128,15 +132,16 @@ bool ReadPair::take_geometry() {
   return is_usable || refuse(Status::kNeedsSalvage, "the dictionary tells no record length");
 }
 
+void ReadPair::make_current() { isam::make_current(*open_); }
+
 void ReadPair::let_go() {
   isam::lkunwatch();
   released_ = steady_clock::now();
 }
 
 void ReadPair::close() {
-  if (!is_open_) return;
-  is_open_ = false;
-  isam::freeopen(*isam::openp);  // the locks go with the descriptors
+  if (open_ == nullptr) return;
+  isam::freeopen(*std::exchange(open_, nullptr));  // the locks go with the descriptors
   isam::clear_errors();
 }
 

@@ -4,7 +4,7 @@
 //   if (!pair.open(name, wait)) return pair.status();    // pair.why() says it in words
 //   ...                                                  // the library's current file is the pair
 //
-// Needs   one at a time in a process
+// Needs   of several at a time each made the library's current one while it is worked on
 // Keeps   not one byte of the pair is written: both files are opened to read only
 #pragma once
 
@@ -15,6 +15,7 @@
 #include <string>
 
 #include "checker/entry.h"
+#include "isam/base/current.h"
 #include "zentra/report.h"
 #include "zentra/status.h"
 
@@ -38,6 +39,8 @@ class ReadPair {
   // Takes the lengths of nodes and records from the dictionary, for who looks at single ones
   // without a check: false where it tells none.
   [[nodiscard]] bool take_geometry();
+  // Makes it the library's current file again, where another one has been opened meanwhile.
+  void make_current();
   // Releases the lock, once it is not needed any more; the files stay open.
   void let_go();
   void close();
@@ -56,7 +59,7 @@ class ReadPair {
   bool refuse(Status status, std::string why);
   bool refuse_by_code(const char* what);
 
-  bool is_open_ = false;
+  isam::Open* open_ = nullptr;
   Status status_ = Status::kSound;
   std::string why_;
   pid_t holder_ = 0;

@@ -43,4 +43,7 @@ class Report {
 [[nodiscard]] std::unique_ptr<Report> text_report(bool is_terminal);
 [[nodiscard]] std::unique_ptr<Report> json_report(const char* good);
 
+// Prints an object with these fields, on a line of its own.
+void print_json(const Fields& fields);
+
 }  // namespace zentra

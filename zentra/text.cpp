@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "isam/keys/keys.h"
+
 namespace zentra {
 namespace {
 
@@ -45,6 +47,18 @@ std::string shown_key(const keydescr& k, std::string_view value) {
     value.remove_prefix(length);
   }
   return text;
+}
+
+std::string key_in_words(const keydescr& k) {
+  if (k.nparts == 0) return "the order of record numbers";
+  std::string text = (k.flags & KF_DUPS) != 0 ? "duplicates" : "unique";
+  for (int i = 0; i < k.nparts; ++i) {
+    const keypart& part = k.part[i];
+    text += fmt::format(", bytes {} to {} {} {}", part.start, part.start + part.length - 1,
+                        isam::type_name(part.type),
+                        (part.type & KT_DESC) != 0 ? "descending" : "ascending");
+  }
+  return text + ((k.flags & KF_COMPRESS) != 0 ? ", compressed" : "");
 }
 
 }  // namespace zentra

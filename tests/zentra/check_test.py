@@ -404,6 +404,7 @@ class Check(unittest.TestCase):
 
     def test_examples_of_the_manual(self):
         for name, made in (('sound', 'sound-fixed'), ('damaged', 'big-leaf'), ('ledger', 'data-cut'),
+                           ('copy', 'sound-fixed'), ('grown', 'big-sound'),
                            ('stock', 'descriptions-zeroed'), ('wages', 'record-state-unknown')):
             for end in '.idx', '.dat':
                 shutil.copy(self.all / made / f'pair{end}', self.folder / (name + end))
