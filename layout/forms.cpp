@@ -24,6 +24,28 @@ constexpr std::array<unsigned char, 256> make_classes() {
 }
 constexpr std::array<unsigned char, 256> kClasses = make_classes();
 
+unsigned class_of(char c) { return kClasses[static_cast<unsigned char>(c)]; }
+
+using Word = std::uint64_t;
+constexpr Word each(unsigned char byte) { return ~Word{0} / 0xFF * byte; }
+
+// Whether a byte of the word is that one. The top bit of each byte tells: beyond the first that is,
+// perhaps falsely.
+constexpr Word is_any(Word word, unsigned char byte) {
+  const Word other = word ^ each(byte);
+  return (other - each(1)) & ~other;
+}
+
+// Whether eight bytes have no class.
+bool is_ordinary(const char* at) {
+  Word word = 0;
+  std::memcpy(&word, at, sizeof word);
+  const Word low = (word - each(0x20)) & ~word;
+  const Word any =
+      word | low | is_any(word, '"') | is_any(word, ',') | is_any(word, '\\') | is_any(word, 0x7F);
+  return (any & each(0x80)) == 0;
+}
+
 struct Character {
   std::size_t size;  // 0: it is none
   std::uint32_t code;
@@ -89,7 +111,25 @@ bool each_run(std::string_view form, const Each& each) {
   return true;
 }
 
+constexpr std::string_view kDigitsOnly = "YYYYMMDD";
+
+// The number of so many digits; less than 0 where there are others.
+int number_of(const char* at, std::size_t digits) {
+  int number = 0;
+  for (std::size_t i = 0; i < digits; ++i) {
+    if (at[i] < '0' || at[i] > '9') return -1;
+    number = number * 10 + (at[i] - '0');
+  }
+  return number;
+}
+
 std::optional<Day> day_by_form(std::string_view form, std::string_view text) {
+  if (form == kDigitsOnly) {  // the form that nearly all have
+    const int year = number_of(text.data(), 4);
+    const int month = number_of(text.data() + 4, 2);
+    const int day = number_of(text.data() + 6, 2);
+    return month > 0 && day > 0 ? day_of(year, month, day) : std::nullopt;
+  }
   int year = 0;
   int month = 0;
   int day = 0;
@@ -101,10 +141,8 @@ std::optional<Day> day_by_form(std::string_view form, std::string_view text) {
                     : run.front() == 'D' ? &day
                                          : nullptr;
     if (to == nullptr) return part == run;
-    for (const char c : part) {
-      if (c < '0' || c > '9') return false;
-      *to = *to * 10 + (c - '0');
-    }
+    *to = number_of(part.data(), part.size());
+    if (*to < 0) return false;
     if (to == &year && run.size() == 2) year = full_year(year);
     return true;
   });
@@ -166,7 +204,11 @@ std::optional<Day> day_by_number(const Field& field, std::int64_t number) {
 
 unsigned classes_of(std::string_view text) {
   unsigned classes = 0;
-  for (const char c : text) classes |= kClasses[static_cast<unsigned char>(c)];
+  for (; text.size() >= sizeof(Word); text.remove_prefix(sizeof(Word))) {
+    if (is_ordinary(text.data())) continue;
+    for (const char c : text.substr(0, sizeof(Word))) classes |= class_of(c);
+  }
+  for (const char c : text) classes |= class_of(c);
   return classes;
 }
 
@@ -178,13 +220,6 @@ bool is_printable(std::string_view text, unsigned classes) {
   if ((classes & kReturn) != 0 && has_lone_return(text)) return false;
   constexpr std::uint32_t kBehindControls = 0xA0;
   return has_characters(text, kBehindControls);
-}
-
-std::string_view trimmed(std::string_view text) {
-  std::size_t end = text.size();
-  while (end >= 8 && std::memcmp(text.data() + end - 8, "        ", 8) == 0) end -= 8;
-  while (end > 0 && text[end - 1] == ' ') --end;
-  return text.substr(0, end);
 }
 
 std::int64_t whole_number_in(Bytes bytes) {
@@ -199,8 +234,7 @@ void put_whole_number(std::int64_t number, std::span<unsigned char> to) {
   for (std::size_t i = to.size(); i-- > 0; rest >>= 8) to[i] = static_cast<unsigned char>(rest);
 }
 
-bool is_null(const Field& field, Bytes bytes) {
-  if (!field.may_be_null) return false;
+bool stands_for_null(const Field& field, Bytes bytes) {
   if (field.is_tail) return bytes.empty();
   if (is_text(field.type)) return all_are(bytes, ' ');
   if (is_whole_number(field.type)) return whole_number_in(bytes) == least_of(field.type);
@@ -220,9 +254,11 @@ std::optional<Day> day_in(std::string_view iso) {
 }
 
 char* put_day(Day day, char* to) {
-  constexpr std::string_view kForm = "YYYY-MM-DD";
-  static_cast<void>(put_by_form(kForm, day, to));
-  return to + kForm.size();
+  put_digits(static_cast<int>(day.year()), 4, to);
+  to[4] = to[7] = '-';
+  put_digits(static_cast<int>(static_cast<unsigned>(day.month())), 2, to + 5);
+  put_digits(static_cast<int>(static_cast<unsigned>(day.day())), 2, to + 8);
+  return to + 10;
 }
 
 std::optional<Day> day_in(const Field& field, Bytes bytes) {

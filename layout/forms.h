@@ -33,7 +33,12 @@ enum TextClass : unsigned char {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 // Without the blanks at its end.
-[[nodiscard]] std::string_view trimmed(std::string_view text);
+[[nodiscard]] inline std::string_view trimmed(std::string_view text) {
+  std::size_t end = text.size();
+  while (end >= 8 && std::memcmp(text.data() + end - 8, "        ", 8) == 0) end -= 8;
+  while (end > 0 && text[end - 1] == ' ') --end;
+  return text.substr(0, end);
+}
 
 [[nodiscard]] constexpr std::int64_t least_of(Type type) {
   return type == Type::kInt ? INT16_MIN : INT32_MIN;
@@ -52,8 +57,11 @@ template <typename Real>
   return value;
 }
 
-// Whether the bytes stand for null in a field that may be null.
-[[nodiscard]] bool is_null(const Field& field, Bytes bytes);
+// Whether the bytes stand for null, in a field that may be null.
+[[nodiscard]] bool stands_for_null(const Field& field, Bytes bytes);
+[[nodiscard]] inline bool is_null(const Field& field, Bytes bytes) {
+  return field.may_be_null && stands_for_null(field, bytes);
+}
 
 using Day = std::chrono::year_month_day;
 

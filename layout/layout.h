@@ -33,8 +33,12 @@ enum class Meaning : std::uint8_t { kPlain, kDate, kDays, kDecimal, kBoolean };
 [[nodiscard]] const char* name_of(Type type);
 // Of a number; 0 for a type of any length.
 [[nodiscard]] int length_of(Type type);
-[[nodiscard]] bool is_text(Type type);
-[[nodiscard]] bool is_whole_number(Type type);
+[[nodiscard]] constexpr bool is_text(Type type) {
+  return type == Type::kChar || type == Type::kLocale;
+}
+[[nodiscard]] constexpr bool is_whole_number(Type type) {
+  return type == Type::kInt || type == Type::kLong;
+}
 
 struct Field {
   std::string name;

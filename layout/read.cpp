@@ -277,10 +277,6 @@ const char* name_of(Type type) { return kTypes.at(static_cast<std::size_t>(type)
 
 int length_of(Type type) { return kTypes.at(static_cast<std::size_t>(type)).length; }
 
-bool is_text(Type type) { return type == Type::kChar || type == Type::kLocale; }
-
-bool is_whole_number(Type type) { return type == Type::kInt || type == Type::kLong; }
-
 Reading read(std::string_view text) { return Reader{}.read(text); }
 
 std::vector<Problem> misfits(const Fields& fields, int record_length, bool has_tail) {
