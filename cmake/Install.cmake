@@ -1,7 +1,8 @@
-# The shared library, and what `cmake --install` puts where, in three components:
+# The shared library, and what `cmake --install` puts where, in components:
 #   kestro       the programs, their man pages and that of their settings files
 #   runtime      the shared library
 #   development  what building against the library takes
+#   python       the Python package (cmake/Python.cmake)
 
 set(cmake_package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/Isam)
 set(example_folder ${CMAKE_INSTALL_DATAROOTDIR}/doc/libisam-dev/examples)

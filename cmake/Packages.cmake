@@ -1,5 +1,5 @@
-# The Debian packages that `cpack` makes: the program, the shared library, and what building
-# against the library takes.
+# The Debian packages that `cpack` makes: the program, the shared library, what building against the
+# library takes, and the Python package.
 
 # The static library of a build with KESTRO_LTO serves the same compiler only: no packages of it.
 if(NOT KESTRO_SHARED OR KESTRO_LTO)
@@ -15,6 +15,9 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
 
 set(CPACK_COMPONENTS_ALL kestro runtime development)
+if(KESTRO_PYTHON)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+endif()
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
@@ -68,5 +71,20 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "Library of Zentra indexed files, development files
 Headers for C and C++, the static library, files for pkg-config and CMake,
 manual and examples.")
+
+if(KESTRO_PYTHON)
+  # The compiled module serves one version of Python, and the library of this build.
+  math(EXPR next_minor "${Python_VERSION_MINOR} + 1")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-zentra)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= 3.${Python_VERSION_MINOR}), python3 (<< 3.${next_minor}), python3-numpy, ${runtime_package} (>= ${PROJECT_VERSION})")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS python3-pandas)
+  set(CPACK_DEBIAN_PYTHON_DESCRIPTION
+      "Zentra indexed files in Python
+Records by keys with locks and transactions, and whole pairs as NumPy arrays
+and pandas dataframes.")
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+endif()
 
 include(CPack)

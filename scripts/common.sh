@@ -47,6 +47,20 @@ need_companions() {
   need_compile libfmt-dev g++ '#include <fmt/format.h>' -std=c++20 -fsyntax-only
 }
 
+# What the Python package is built and tested with, all of it the system's Python.
+need_python() {
+  local module
+  need_file python3 /usr/bin/python3
+  need_file python3-dev /usr/bin/python3-config
+  need_file python3-venv /usr/share/doc/python3-venv
+  need_file pybind11-dev /usr/include/pybind11/pybind11.h
+  for module in pybind11 numpy pandas pytest hypothesis; do
+    if ! /usr/bin/python3 -c "import importlib.util as u; exit(not u.find_spec('$module'))" 2>/dev/null; then
+      missing+=("python3-$module")
+    fi
+  done
+}
+
 # Installs what was found missing. Does nothing at all when nothing was.
 install_missing() {
   ((${#missing[@]})) || return 0

@@ -71,6 +71,10 @@ step_tree() {
       [ -s "$root/share/$file" ] || fail "$file is not installed"
     done
   fi
+  if [ -d "$build/python" ]; then
+    PYTHONPATH=$root/lib/python3/dist-packages LD_LIBRARY_PATH=$libraries /usr/bin/python3 -B \
+      -c 'import zentra; zentra.read_numpy; print(zentra.library_version())' >python.out || fail "Python package"
+  fi
   if grep -rlI "$source_dir/" "$root"; then fail "these name the source folder"; fi
   "$CC" -std=c11 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c "$root/include/isam.h"
   "$CXX" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only -x c++ \
@@ -202,6 +206,12 @@ step_packages() {
     printf '%s\n' usr/share/doc/libisam-dev/examples/{accounts.c,customers.c,customers.cpp}
     pages 3
   } | holds libisam-dev
+
+  if [ -d "$build/python" ]; then
+    (cd "$source_dir/python/src" && printf 'usr/lib/python3/dist-packages/%s\n' zentra/{*.py,*.pyi,py.typed}) |
+      cat - <(cd "$root" && printf 'usr/%s\n' lib/python3/dist-packages/zentra/_zentra.*.so) | holds python3-zentra
+    says python3-zentra Depends "python3-numpy.*libisam"
+  fi
 
   version=${version##*.so.}
   says kestro Depends 'libc6'

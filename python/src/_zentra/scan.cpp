@@ -1,0 +1,167 @@
+#include "scan.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+namespace zentra_module {
+namespace py = pybind11;
+namespace {
+
+constexpr std::size_t kPortion = std::size_t{256} << 10;  // bytes that are read in one call
+constexpr std::size_t kBlock = std::size_t{12} << 10;  // that the fastest cache has, with columns
+
+}  // namespace
+
+BadValue::BadValue(const std::string& pair, std::int32_t record, std::string field,
+                   std::string bytes)
+    : Failed(pair, 0, "a field has no value of its meaning"),
+      number(record),
+      field_name(std::move(field)),
+      value(std::move(bytes)) {}
+
+Scan::Scan(Open& open, std::vector<Column> columns, bool has_numbers, std::int32_t first,
+           std::int32_t last)
+    : open_(open),
+      columns_(std::move(columns)),
+      has_numbers_(has_numbers),
+      first_(std::max(first, 1)),
+      last_(last),
+      at_end_(last < first_) {
+  for (const Column& column : columns_) {
+    if (column.field().is_tail || column.field().offset < 0 ||
+        column.field().end() > open.least()) {
+      throw py::value_error("the field " + column.field().name + " lies beyond the records");
+    }
+  }
+  const auto length = static_cast<std::size_t>(std::max(open.length(), 1));
+  const std::size_t count = std::max<std::size_t>(kPortion / length, 1);
+  records_.resize(count * length);
+  numbers_.resize(count);
+  lengths_.resize(count);
+}
+
+std::vector<Room> Scan::rooms_of(const std::vector<py::array>& arrays, std::size_t at,
+                                 std::size_t room) const {
+  if (arrays.size() != columns_.size() + (has_numbers_ ? 1 : 0)) {
+    throw py::value_error("not as many arrays as columns");
+  }
+  std::vector<Room> rooms;
+  for (std::size_t i = 0; i < arrays.size(); ++i) {
+    py::array array = arrays[i];
+    const std::size_t width = i < columns_.size() ? columns_[i].width() : sizeof(std::int32_t);
+    const bool fits = array.ndim() == 1 && array.writeable() &&
+                      static_cast<std::size_t>(array.itemsize()) == width &&
+                      at <= static_cast<std::size_t>(array.shape(0)) &&
+                      room <= static_cast<std::size_t>(array.shape(0)) - at;
+    if (!fits) throw py::value_error("array " + std::to_string(i) + " does not fit its column");
+    auto* const first = static_cast<std::byte*>(array.mutable_data());
+    const auto stride = static_cast<std::ptrdiff_t>(array.strides(0));
+    rooms.push_back({first + stride * static_cast<std::ptrdiff_t>(at), stride});
+  }
+  return rooms;
+}
+
+// The next records, into the room for a portion: how many.
+std::size_t Scan::read(std::size_t most) {
+  const std::lock_guard turn(library_guard());
+  const int isfd = open_.number();
+  if (!has_begun_) {
+    keydescr order{};
+    isrecnum = first_;
+    if (isstart(isfd, &order, 0, records_.data(), RD_GTEQ) < 0) {
+      if (iserrno != ISEEND && iserrno != ISENORECORD) throw Failed(open_.name());
+      return 0;
+    }
+    has_begun_ = true;
+  }
+  recordset set{.count = static_cast<std::int32_t>(std::min(most, numbers_.size())),
+                .records = records_.data(),
+                .size = records_.size(),
+                .numbers = numbers_.data(),
+                .lengths = lengths_.data()};
+  auto got = static_cast<std::size_t>(open_.read_into(set, RD_NEXT));
+  while (got > 0 && numbers_[got - 1] > last_) --got;
+  return got;
+}
+
+// How many columns from this one on are copies that lie side by side here and there, as one.
+std::size_t Scan::copies_from(std::size_t first, const std::vector<Room>& rooms) const {
+  std::size_t end = first;
+  while (end < columns_.size() && columns_[end].is_copy()) {
+    const std::ptrdiff_t apart = columns_[end].field().offset - columns_[first].field().offset;
+    const bool follows =
+        end == first || columns_[end - 1].field().end() == columns_[end].field().offset;
+    if (!follows || rooms[end].stride != rooms[first].stride ||
+        rooms[end].first != rooms[first].first + apart) {
+      break;
+    }
+    ++end;
+  }
+  return end - first;
+}
+
+void Scan::turn(std::size_t count, const std::vector<Room>& rooms, std::size_t done, bool lenient) {
+  const std::size_t block =
+      std::max(kBlock / static_cast<std::size_t>(open_.length()), std::size_t{1});
+  for (std::size_t first = 0; first < count; first += block) {
+    turn_block(first, std::min(block, count - first), rooms, done + first, lenient);
+  }
+}
+
+void Scan::turn_block(std::size_t first, std::size_t count, const std::vector<Room>& rooms,
+                      std::size_t done, bool lenient) {
+  const auto length = static_cast<std::size_t>(open_.length());
+  const char* const begin = records_.data() + first * length;
+  const Records records{
+      .first = reinterpret_cast<const unsigned char*>(begin), .stride = length, .count = count};
+  const auto from = static_cast<std::ptrdiff_t>(done);
+  const auto moved = [&](Room room) { return Room{room.first + room.stride * from, room.stride}; };
+  for (std::size_t i = 0; i < columns_.size(); ++i) {
+    if (const std::size_t more = copies_from(i, rooms); more > 1) {
+      const auto offset = static_cast<std::size_t>(columns_[i].field().offset);
+      const auto end = static_cast<std::size_t>(columns_[i + more - 1].field().end());
+      copy_bytes(records, offset, end - offset, moved(rooms[i]));
+      i += more - 1;
+      continue;
+    }
+    const std::size_t put = columns_[i].put(records, moved(rooms[i]), lenient);
+    if (put == count) continue;
+    const layout::Field& field = columns_[i].field();
+    const char* const bytes = begin + put * length + field.offset;
+    throw BadValue(open_.name(), numbers_[first + put], field.name,
+                   {bytes, static_cast<std::size_t>(field.length)});
+  }
+  if (!has_numbers_) return;
+  const Room room = moved(rooms.back());
+  for (std::size_t i = 0; i < count; ++i) {
+    std::memcpy(room.first + room.stride * static_cast<std::ptrdiff_t>(i), &numbers_[first + i],
+                sizeof numbers_[first + i]);
+  }
+}
+
+std::size_t Scan::fill(const std::vector<py::array>& arrays, std::size_t at, std::size_t room,
+                       bool lenient, const std::optional<py::list>& tails) {
+  const std::vector<Room> rooms = rooms_of(arrays, at, room);
+  std::size_t done = 0;
+  while (done < room && !at_end_) {
+    std::size_t got = 0;
+    {
+      const py::gil_scoped_release others_run;
+      got = read(room - done);
+      turn(got, rooms, done, lenient);
+    }
+    at_end_ = got == 0;
+    const auto least = static_cast<std::size_t>(open_.least());
+    for (std::size_t i = 0; tails && i < got; ++i) {
+      const auto length = std::max(static_cast<std::size_t>(lengths_[i]), least);
+      const char* const record = records_.data() + i * static_cast<std::size_t>(open_.length());
+      py::list(*tails).append(py::bytes(record + least, length - least));
+    }
+    done += got;
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+  }
+  return done;
+}
+
+}  // namespace zentra_module

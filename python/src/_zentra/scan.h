@@ -1,0 +1,66 @@
+// scan: the records of an open in the order of their numbers, turned into NumPy's arrays.
+//
+//   Scan scan(open, std::move(columns), has_numbers, first, last);
+//   while ((count = scan.fill(arrays, 0, room, false, &tails)) == room) ...
+//
+// Keeps   C1 the interpreter's lock is free while records are read and turned
+//         C2 an array is written only within what it has, whatever the caller passes
+#pragma once
+
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "columns.h"
+#include "open.h"
+
+namespace zentra_module {
+
+// A field's bytes have no value of its meaning.
+class BadValue : public Failed {
+ public:
+  BadValue(const std::string& pair, std::int32_t record, std::string field, std::string bytes);
+
+  std::int32_t number;  // of the record
+  std::string field_name;
+  std::string value;
+};
+
+class Scan {
+ public:
+  // The records with numbers from `first` to `last`.
+  Scan(Open& open, std::vector<Column> columns, bool has_numbers, std::int32_t first,
+       std::int32_t last);
+
+  // Puts up to `room` records into the arrays from their element `at` on: one array for each
+  // column and, with numbers, one of int32 for these. `tails`, if there is one, gets bytes objects
+  // of what lies behind the fixed part of each. How many: fewer than `room` at the end.
+  std::size_t fill(const std::vector<pybind11::array>& arrays, std::size_t at, std::size_t room,
+                   bool lenient, const std::optional<pybind11::list>& tails);
+
+ private:
+  [[nodiscard]] std::vector<Room> rooms_of(const std::vector<pybind11::array>& arrays,
+                                           std::size_t at, std::size_t room) const;
+  std::size_t read(std::size_t most);
+  [[nodiscard]] std::size_t copies_from(std::size_t first, const std::vector<Room>& rooms) const;
+  void turn(std::size_t count, const std::vector<Room>& rooms, std::size_t done, bool lenient);
+  void turn_block(std::size_t first, std::size_t count, const std::vector<Room>& rooms,
+                  std::size_t done, bool lenient);
+
+  Open& open_;
+  std::vector<Column> columns_;
+  bool has_numbers_;
+  std::int32_t first_;
+  std::int32_t last_;
+  bool has_begun_ = false;
+  bool at_end_ = false;
+  std::vector<char> records_;
+  std::vector<std::int32_t> numbers_;
+  std::vector<std::int32_t> lengths_;
+};
+
+}  // namespace zentra_module

@@ -1,0 +1,573 @@
+"""Open pairs, and reading and writing their records."""
+
+from __future__ import annotations
+
+import contextlib
+import threading
+import time
+from collections.abc import Callable, Iterator, Mapping, Sequence
+from typing import Any, Optional, Union
+
+from . import _zentra
+from .errors import (ArgumentError, ClosedError, Error, FieldError, FieldTypeError, IndexKeyError,
+                     LayoutError, NoPrimaryKeyError, NoRecordError, RecordLengthError,
+                     RecordLockedError, TransactionError)
+from .keys import IndexKey, Key, KeyLike, as_key, by_names
+from .layouts import Layout, PathLike, as_layout, name_of
+from .logs import Log
+from .pairs import close_at_exit, encoded
+from .ranges import Range
+from .values import RecordValues
+
+Wait = Union[bool, float]
+Record = Any  # a dictionary, an object of the type that was asked for, or bytes
+
+_MODES = {"r": _zentra.ISINPUT, "r+": _zentra.ISINOUT}
+_LONGEST_NAP = 0.02
+
+
+def _mode_of(mode: str, exclusive: bool, transactions: Optional[bool]) -> int:
+    if mode not in _MODES:
+        raise ArgumentError(f'the mode is "r" or "r+", not {mode!r}', code=102)
+    number = _MODES[mode] | (_zentra.ISEXCLLOCK if exclusive else _zentra.ISMANULOCK)
+    if transactions is None:
+        transactions = Log.is_open() and mode == "r+"
+    return number | (_zentra.ISTRANS if transactions else 0)
+
+
+def open(name: PathLike, layout: Union[Layout, str, PathLike, None] = None, mode: str = "r", *,  # noqa: A001
+         record: Optional[type] = None, exclusive: bool = False,
+         transactions: Optional[bool] = None, encoding: str = "utf-8", errors: str = "strict",
+         invalid: str = "raise") -> File:
+    """Opens a pair, a context manager that closes it.
+
+    name          of the pair, without or with the ending of one of its two files
+    layout        a Layout, its text or its file; without one NAME.layout beside the pair, else what
+                  Layout.draft() guesses
+    mode          "r" to read, "r+" to read and write
+    record        what a record is: dict (so without it), bytes, or a class that is called with the
+                  fields' values by name and has attributes of these names, such as a dataclass
+    exclusive     nobody else may have the pair open meanwhile; changes may be written at the end
+    transactions  whether changes belong to transactions; without it, whether a log is open
+    encoding      of texts; `errors` as in bytes.decode()
+    invalid       "null" reads bytes without meaning, such as a date that is none, as None
+
+    Raises NoPairError, AccessError, InUseError, DamagedError, LayoutError and others of errors.
+    """
+    pair = name_of(name)
+    given = None if record is bytes and layout is None else as_layout(layout, pair)
+    opened = _zentra.Open(encoded(pair), _mode_of(mode, exclusive, transactions))
+    try:
+        if given is None and record is not bytes:
+            given = Layout.of(pair)
+        return File(pair, opened, given, mode, record, exclusive=exclusive,
+                    transactions=transactions, encoding=encoding, errors=errors, invalid=invalid)
+    except BaseException:
+        opened.close()
+        raise
+
+
+def create(name: PathLike, layout: Union[Layout, str, PathLike], keys: Union[KeyLike, Sequence[KeyLike], None],
+           *, longest: Optional[int] = None, length: Optional[int] = None, exclusive: bool = False,
+           record: Optional[type] = None, transactions: Optional[bool] = None,
+           encoding: str = "utf-8", errors: str = "strict", save_layout: bool = False) -> File:
+    """Makes a pair and opens it to read and write.
+
+    keys         the indexes, the primary one first: names of fields, tuples of names, or Keys. None
+                 or an empty list makes a pair in the order of record numbers.
+    length       bytes of the fixed part; without it as far as the layout reaches
+    longest      with a tail, the greatest bytes of a record in all; without it 1024 more than `length`
+    save_layout  writes the layout to NAME.layout
+
+    The rest is as for open(). Raises PairExistsError, IndexKeyError, LayoutError, RecordLengthError.
+    """
+    pair = name_of(name)
+    given = as_layout(layout, pair)
+    if given is None:
+        raise LayoutError("a pair is made from a layout")
+    wanted = [as_key(key) for key in _keys_of(keys)]
+    least = length if length is not None else given.end
+    if longest is not None and given.tail is None:
+        raise ArgumentError("`longest` is for layouts with a tail", code=102)
+    most = (longest if longest is not None else least + 1024) if given.tail else least
+    given.check(least, given.tail is not None, pair)
+    if not 1 <= least <= most <= 32511 or (given.tail and least == most):
+        raise RecordLengthError(f"records of {least} to {most} bytes; from 1 to 32511 is possible",
+                                code=132, pair=pair)
+    described = [key.described(given) for key in wanted]
+    none = _zentra.KeyOf(0, [])
+    mode = _mode_of("r+", exclusive or len(described) > 1, transactions)
+    opened = _zentra.Open.build(encoded(pair), least, most, described[0] if described else none, mode)
+    try:
+        for key in described[1:]:
+            opened.add_index(key)
+        if save_layout:
+            given.save(pair)
+        if len(described) > 1 and not exclusive:
+            opened.close()
+            opened = _zentra.Open(encoded(pair), _mode_of("r+", False, transactions))
+        return File(pair, opened, given, "r+", record, exclusive=exclusive,
+                    transactions=transactions, encoding=encoding, errors=errors)
+    except BaseException:
+        opened.close()
+        _zentra.erase(encoded(pair))
+        raise
+
+
+def _keys_of(keys: Union[KeyLike, Sequence[KeyLike], None]) -> Sequence[KeyLike]:
+    if keys is None:
+        return []
+    return [keys] if isinstance(keys, (str, Key)) else list(keys)
+
+
+def erase(name: PathLike) -> None:
+    """Removes a pair that nobody has open. Raises NoPairError, InUseError."""
+    _zentra.erase(encoded(name_of(name)))
+
+
+def rename(name: PathLike, new_name: PathLike) -> None:
+    """Gives a pair that nobody has open another name. Raises InUseError, PairExistsError."""
+    _zentra.rename(encoded(name_of(name)), encoded(name_of(new_name)))
+
+
+class File:
+    """An open pair: a mapping from keys of its primary index to records.
+
+    A key is the value of the index's field, or a tuple of its fields' values; in a pair without
+    indexes it is the record's number, from 1. len() counts the records, and iterating gives the
+    records themselves in the order of the index. Made by open() and create().
+
+    One thread of the process uses the library at a time; the others wait, with the interpreter
+    free. Locks belong to the process: closing a file or leaving a lock may release what another
+    File of the same pair has locked.
+    """
+
+    def __init__(self, name: str, opened: _zentra.Open, layout: Optional[Layout], mode: str,
+                 record: Optional[type], *, exclusive: bool = False,
+                 transactions: Optional[bool] = None, encoding: str = "utf-8",
+                 errors: str = "strict", invalid: str = "raise") -> None:
+        self.name = name
+        self.layout = layout
+        self.mode = mode
+        self.exclusive = exclusive
+        self.transactions = Log.is_open() or None if transactions is None else transactions
+        self.least = opened.least
+        self._open = opened
+        self._record = record
+        self._load, self._store = self._forms_of(record)
+        self.values: Optional[RecordValues] = None
+        if layout is not None:
+            layout.check(opened.least, opened.is_variable, name)
+            self.values = RecordValues(layout, opened.least, pair=name, encoding=encoding,
+                                        errors=errors, invalid=invalid)
+        self.indexes = self._look_at_indexes()
+        self._spare: list[_zentra.Open] = []
+        self._locks = 0
+        self._counting = threading.Lock()
+        self.changes = 0
+        close_at_exit(self)
+
+    def _look_at_indexes(self) -> list[IndexKey]:
+        return [IndexKey(number, key, self.values, self.name)
+                for number, key in enumerate(self._open.keys, 1)]
+
+    # ---- records as callers have them
+
+    def _forms_of(self, record: Optional[type]) -> tuple[Callable, Callable]:
+        if record is bytes:
+            return (lambda data, number: data), self._raw
+        if record is None or record is dict:
+            return (lambda data, number: self.values.load(data, number)), self._of_mapping
+        if not callable(record):
+            raise ArgumentError("`record` is dict, bytes or a class", code=102)
+        return (lambda data, number: record(**self.values.load(data, number))), self._of_object
+
+    def _raw(self, record: Any, base: Optional[bytes], where: object) -> bytes:
+        if not isinstance(record, (bytes, bytearray, memoryview)):
+            raise FieldTypeError(f"bytes are wanted, not {type(record).__name__}", pair=self.name,
+                                 record=where)
+        return bytes(record)
+
+    def _of_mapping(self, record: Any, base: Optional[bytes], where: object) -> bytes:
+        if not isinstance(record, Mapping):
+            raise FieldTypeError(f"a dictionary is wanted, not {type(record).__name__}",
+                                 pair=self.name, record=where)
+        return self.values.store(record, where, base)
+
+    def _of_object(self, record: Any, base: Optional[bytes], where: object) -> bytes:
+        if isinstance(record, Mapping):
+            return self.values.store(record, where, base)
+        values = {}
+        for field in self.layout:
+            try:
+                values[field.name] = getattr(record, field.name)
+            except AttributeError:
+                raise FieldTypeError(f"{type(record).__name__} has no such attribute",
+                                     pair=self.name, record=where, field=field.name) from None
+        return self.values.store(values, where, base)
+
+    def record_of(self, found: tuple[int, bytes]) -> Record:
+        """What callers get for a record's number and bytes."""
+        return self._load(found[1], found[0])
+
+    def _bytes_of(self, record: Any, where: object, base: Optional[bytes] = None) -> bytes:
+        data = self._store(record, base, where)
+        least, most = self.least, self._open.length
+        if not least <= len(data) <= most:
+            wanted = str(most) if least == most else f"{least} to {most}"
+            raise RecordLengthError(f'a record of {len(data)} bytes; those of "{self.name}" have '
+                                    f"{wanted}", code=132, pair=self.name)
+        return data
+
+    # ---- reading
+
+    @property
+    def _primary(self) -> IndexKey:
+        if not self.indexes or not self.indexes[0].parts:
+            raise NoPrimaryKeyError(f'"{self.name}" has no primary key', code=127, pair=self.name)
+        return self.indexes[0]
+
+    @property
+    def has_primary_key(self) -> bool:
+        """Whether records are found by keys; else they are by their numbers."""
+        return bool(self.indexes and self.indexes[0].parts)
+
+    def _find(self, key: Any, lock: int = 0) -> Optional[tuple[int, bytes]]:
+        if not self.has_primary_key:
+            return self.read_number(key, lock)
+        index = self._primary
+        if len(index.values_of(key)) < len(index.parts):
+            raise IndexKeyError(f"a key has {len(index.parts)} values: {', '.join(index.names)}",
+                                code=103, pair=self.name)
+        wanted, _ = index.wanted(key, self.least)
+        return self._open.read(1, _zentra.RD_EQUAL | lock, wanted, 0)
+
+    def read_number(self, number: int, lock: int = 0) -> Optional[tuple[int, bytes]]:
+        """The number and the bytes of the record with a number; None where there is none."""
+        if isinstance(number, bool) or not isinstance(number, int):
+            raise FieldTypeError(f"a record's number is wanted, not {type(number).__name__}",
+                                 pair=self.name)
+        if not 1 <= number < 1 << 31:
+            return None
+        return self._open.read(0, _zentra.RD_EQUAL | lock, b"", number)
+
+    def _found(self, key: Any, found: Optional[tuple[int, bytes]]) -> tuple[int, bytes]:
+        if found is None:
+            raise NoRecordError(f'"{self.name}" has no record {key!r}', code=111, status="2323",
+                                pair=self.name)
+        return found
+
+    def __getitem__(self, key: Any) -> Record:
+        """The record with a key. Raises NoRecordError."""
+        return self.record_of(self._found(key, self._find(key)))
+
+    def __contains__(self, key: object) -> bool:
+        return self._find(key) is not None
+
+    def get(self, key: Any, default: Any = None) -> Record:
+        """The record with a key, or `default`."""
+        found = self._find(key)
+        return default if found is None else self.record_of(found)
+
+    def number(self, number: int) -> Record:
+        """The record with a number, from 1. Raises NoRecordError."""
+        return self.record_of(self._found(number, self.read_number(number)))
+
+    def __len__(self) -> int:
+        return self._open.count()
+
+    def __bool__(self) -> bool:
+        return True
+
+    def __iter__(self) -> Iterator[Record]:
+        return iter(self.index(1) if self.has_primary_key else self.by_number())
+
+    def __reversed__(self) -> Iterator[Record]:
+        return reversed(self.index(1) if self.has_primary_key else self.by_number())
+
+    def index(self, *which: Union[int, str]) -> Range:
+        """The records in the order of an index: by its number from 1, or by the names of its fields
+        or of the first of them. Raises IndexKeyError."""
+        if len(which) == 1 and isinstance(which[0], int):
+            for index in self.indexes:
+                if index.number == which[0]:
+                    return Range(self, index)
+            raise IndexKeyError(f'"{self.name}" has no index {which[0]}, but {len(self.indexes)}',
+                                code=103, pair=self.name)
+        return Range(self, by_names(self.indexes, [str(name) for name in which], self.name))
+
+    def by_number(self) -> Range:
+        """The records in the order of their numbers."""
+        return Range(self, None)
+
+    @property
+    def bulk(self) -> _zentra.Open:
+        """The open itself, for a bulk load."""
+        return self._open
+
+    # ---- opens of their own for those who iterate
+
+    @contextlib.contextmanager
+    def cursor(self) -> Iterator[_zentra.Open]:
+        """An open that nobody else moves meanwhile. They stay open: to close one would release the
+        locks of the others."""
+        cursor = self._spare.pop() if self._spare else self._another()
+        try:
+            yield cursor
+        finally:
+            self._spare.append(cursor)
+            if self._open.closed:
+                self._close_spare()
+
+    def _another(self) -> _zentra.Open:
+        if self._open.closed:
+            raise ClosedError(f'"{self.name}" has been closed', code=101, pair=self.name)
+        mode = _zentra.ISEXCLLOCK if self.exclusive else _zentra.ISMANULOCK
+        return _zentra.Open(encoded(self.name), _zentra.ISINPUT | mode)
+
+    # ---- changing
+
+    def insert(self, record: Record) -> int:
+        """Adds a record; returns its number. Raises DuplicateKeyError, FieldError."""
+        return self._write(self._bytes_of(record, self._known_key(record)))
+
+    def _known_key(self, record: Any) -> Any:
+        """The primary key for an exception to tell; None where the record does not have one."""
+        try:
+            return self._key_of(record) if self.has_primary_key and self._record is not bytes else None
+        except Error:
+            return None
+
+    def _write(self, data: bytes) -> int:
+        Log.expect_change(self)
+        self.changes += 1
+        return self._open.write(data)
+
+    def _rewrite(self, data: bytes, number: int) -> bool:
+        Log.expect_change(self)
+        self.changes += 1
+        return self._open.rewrite(data, number)
+
+    def _remove(self, data: bytes, number: int) -> bool:
+        Log.expect_change(self)
+        self.changes += 1
+        return self._open.remove(data, number)
+
+    def _is_whole(self, record: Any) -> bool:
+        """Whether a record as the caller has it tells all its bytes."""
+        if self._record is bytes:
+            return True
+        if not self.values.covers_all:
+            return False
+        return not isinstance(record, Mapping) or len(record) == len(self.layout)
+
+    def update(self, record: Record, *, number: Optional[int] = None) -> None:
+        """Replaces the record that has the same primary key, or the one with a number. A dictionary
+        may leave out fields that are to stay. Raises NoRecordError, RecordLockedError,
+        DuplicateKeyError, FieldError."""
+        if number is None and not self.has_primary_key:
+            self._primary  # noqa: B018  raises
+        if self._is_whole(record):
+            data = self._bytes_of(record, number)
+            where = number if number is not None else self._key_in(data)
+            if not self._rewrite(data, number or 0):
+                self._found(where, None)
+            return
+        key = number if number is not None else self._key_of(record)
+        with self._locked(key, number is not None, False) as found:
+            self._rewrite(self._bytes_of(record, key, found[1]), found[0])
+
+    def _key_of(self, record: Any) -> Any:
+        """The primary key that a dictionary or an object has."""
+        index = self._primary
+        values = []
+        for name in index.names:
+            value = record.get(name, _MISSING) if isinstance(record, Mapping) else getattr(
+                record, name, _MISSING)
+            if not name or value is _MISSING:
+                raise FieldError("the record has no value for its primary key", pair=self.name,
+                                 field=name)
+            values.append(value)
+        return values[0] if len(values) == 1 else tuple(values)
+
+    def _key_in(self, data: bytes) -> Any:
+        parts = self._primary.key_bytes(data)
+        if self.values and all(self._primary.names):
+            values = [self.values.by_name[name].load(part)
+                      for name, part in zip(self._primary.names, parts)]
+            return values[0] if len(values) == 1 else tuple(values)
+        return parts[0] if len(parts) == 1 else tuple(parts)
+
+    def upsert(self, record: Record) -> None:
+        """Replaces the record that has the same primary key, or adds it. A dictionary without some
+        fields leaves those of a record that is there, and makes those of a new one null."""
+        self._primary  # noqa: B018  raises
+        for _ in range(100):  # others may add and delete it in between
+            try:
+                return self.update(record)
+            except NoRecordError:
+                pass
+            data = self._bytes_of(record, None)
+            try:
+                self._write(data)
+                return None
+            except Error as error:
+                if error.code != 100 or self._open.read(1, _zentra.RD_EQUAL, data, 0) is None:
+                    raise
+        raise RecordLockedError("others add and delete this record all the time", code=107,
+                                pair=self.name)
+
+    def __setitem__(self, key: Any, record: Record) -> None:
+        """Adds or replaces the record with a key, which a dictionary need not repeat."""
+        if not self.has_primary_key:
+            return self.update(record, number=key)
+        index = self._primary
+        if isinstance(record, Mapping) and self._record is not bytes and all(index.names):
+            values = index.values_of(key)
+            record = {**dict(zip(index.names, values)), **record}
+        wanted, _ = index.wanted(key, self.least)
+        base = bytes(self.least) if not self._is_whole(record) else None
+        data = self._store(record, base, key)
+        if index.key_bytes(data) != index.key_bytes(wanted):
+            raise FieldError("the record has another key", pair=self.name, record=key)
+        return self.upsert(record)
+
+    def delete(self, key: Any = None, *, number: Optional[int] = None) -> None:
+        """Deletes the record with a primary key, or with a number. Raises NoRecordError,
+        RecordLockedError."""
+        if (key is None) == (number is None):
+            raise ArgumentError("a key or a number is wanted", code=102, pair=self.name)
+        if number is None and not self.has_primary_key:
+            key, number = None, key
+        if number is not None:
+            found = self.read_number(number) is not None and self._remove(b"", number)
+        else:
+            index = self._primary
+            if len(index.values_of(key)) < len(index.parts):
+                raise IndexKeyError(f"a key has {len(index.parts)} values", code=103, pair=self.name)
+            found = self._remove(index.wanted(key, self.least)[0], 0)
+        if not found:
+            self._found(key if number is None else number, None)
+
+    __delitem__ = delete
+
+    # ---- locks
+
+    def lock(self, key: Any = None, *, number: Optional[int] = None,
+             wait: Wait = True) -> contextlib.AbstractContextManager[Record]:
+        """Locks a record for other processes and gives it; the end of the block releases it.
+
+        wait  True: as long as another process has it locked; False: not at all; else seconds
+
+        Within another lock() of the same File it stays locked until that one ends. In a transaction
+        changed records stay locked until its end. Raises RecordLockedError, NoRecordError.
+        """
+        if (key is None) == (number is None):
+            raise ArgumentError("a key or a number is wanted", code=102, pair=self.name)
+        return self._lock_record(key if number is None else number, number is not None, wait)
+
+    @contextlib.contextmanager
+    def _lock_record(self, key: Any, is_number: bool, wait: Wait) -> Iterator[Record]:
+        with self._locked(key, is_number, wait) as found:
+            yield self.record_of(found)
+
+    @contextlib.contextmanager
+    def _locked(self, key: Any, is_number: bool, wait: Wait) -> Iterator[tuple[int, bytes]]:
+        find = self.read_number if is_number else self._find
+        self._count_lock(1)
+        try:
+            yield self._found(key, _patiently(lambda: find(key, _zentra.RD_LOCK), wait))
+        finally:
+            self._unlock()
+
+    def _count_lock(self, more: int) -> int:
+        with self._counting:
+            self._locks += more
+            return self._locks
+
+    def _unlock(self) -> None:
+        if self._count_lock(-1) == 0 and not self._open.closed and not self.exclusive:
+            self._open.release()
+
+    @contextlib.contextmanager
+    def lock_all(self, *, wait: Wait = True) -> Iterator[File]:
+        """Locks the whole pair against the locks and changes of other processes. Raises
+        RecordLockedError."""
+        def lock() -> None:
+            if not self._open.lock_file():
+                raise RecordLockedError(f'another process has a lock in "{self.name}"', code=107,
+                                        pair=self.name)
+        _patiently(lock, wait)
+        self._count_lock(1)
+        try:
+            yield self
+        finally:
+            self._unlock()
+
+    # ---- indexes, closing
+
+    def add_index(self, key: KeyLike) -> None:
+        """Adds an index and fills it. Needs exclusive=True. Raises DuplicateKeyError."""
+        if self.layout is None:
+            raise LayoutError("names of fields need a layout", pair=self.name)
+        self._close_spare()
+        self._open.add_index(as_key(key).described(self.layout))
+        self.indexes = self._look_at_indexes()
+
+    def drop_index(self, *which: Union[int, str]) -> None:
+        """Drops an index, named as for index(). Needs exclusive=True."""
+        number = self.index(*which).key.number
+        self._close_spare()
+        self._open.drop_index(number)
+        self.indexes = self._look_at_indexes()
+
+    def flush(self) -> None:
+        """Hands delayed changes of an exclusive open to the system."""
+        self._open.flush()
+
+    @property
+    def closed(self) -> bool:
+        """Whether close() has been called."""
+        return self._open.closed
+
+    def _close_spare(self) -> None:
+        while self._spare:
+            self._spare.pop().close()
+
+    def close(self) -> None:
+        """Closes the pair and releases its locks. Once more it does nothing."""
+        try:
+            self._close_spare()
+        finally:
+            self._open.close()
+
+    def __enter__(self) -> File:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def __repr__(self) -> str:
+        state = "closed" if self.closed else self.mode
+        return f"<zentra.File {self.name!r} {state}>"
+
+    def __reduce__(self):
+        raise TypeError("an open pair cannot be pickled: pass its name")
+
+
+_MISSING = object()
+
+
+def _patiently(attempt: Callable[[], Any], wait: Wait) -> Any:
+    """What `attempt` gives, tried again until nothing is locked any more. The library is left in
+    between, so that other threads can release what others wait for."""
+    end = None if wait is True else time.monotonic() + float(wait)
+    nap = 0.0005
+    while True:
+        try:
+            return attempt()
+        except RecordLockedError:
+            if end is not None and time.monotonic() >= end:
+                raise
+        time.sleep(nap if end is None else max(0.0, min(nap, end - time.monotonic())))
+        nap = min(nap * 1.5, _LONGEST_NAP)
