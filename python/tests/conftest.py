@@ -16,7 +16,7 @@ rate    double next      null
 group   int    next
 """
 KEYS = ["id", zentra.Key("name", duplicates=True),
-        zentra.Key("group", "id", descending=["group"])]
+        zentra.Key("group", "id", descending=["group"]), zentra.Key("since", duplicates=True)]
 
 
 def record(n):

@@ -128,8 +128,8 @@ with zentra.open("pair", mode="r+") as file:
         stop.set()
 
 
-def test_arrays_are_half_as_fast_as_the_bare_file(here):
-    """The measure is in the README of bench; this one only sees that nothing is slow by far."""
+def test_arrays_are_not_made_value_by_value(here):
+    """bench/python measures; this one only sees that nothing is slow by far."""
     layout = "id long 0\nname char next 60\nborn char next 8 date YYYYMMDD null\nrate double next null\n" \
              "sum long next decimal 2\nrest bytes next 44"
     frame = pd.DataFrame({"id": np.arange(100_000), "name": "some name", "rate": 0.5, "sum": 1.25,

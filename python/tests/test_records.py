@@ -54,6 +54,8 @@ def test_ranges_are_those_of_a_sorted_list(pair):
                 (name, by_name),
                 (name.equal("Müller 3"), [r for r in by_name if r["name"] == "Müller 3"]),
                 (name.equal("Nobody"), []),
+                (file.index("since").equal(None), [r for r in present() if r["since"] is None]),
+                (file.index("since").until(None), [r for r in present() if r["since"] is None]),
                 (name.prefix("Müller"), by_name),
                 (name.prefix("Müller 6"), [r for r in by_name if r["name"] == "Müller 6"]),
                 (name.prefix("Mü "), []),
@@ -265,9 +267,37 @@ def test_indexes_come_and_go(pair):
         with pytest.raises(zentra.DuplicateKeyError):
             file.add_index("active")
         file.drop_index("active")
-        assert [index.names for index in file.indexes] == [["id"], ["name"], ["group", "id"]]
+        assert [index.names for index in file.indexes] == [["id"], ["name"], ["group", "id"],
+                                                             ["since"]]
         with pytest.raises(zentra.IndexKeyError):
             file.drop_index(1)
+
+
+ABROAD = """
+import zentra
+words = ["zebra", "Apfel", "äpfel", "Ähre", "apfel", "Öl", "Bär", "bar", "Zaun", "oben", "Apfelmus"]
+with zentra.create("pair", "word locale 0 12", zentra.Key("word", duplicates=True)) as pair:
+    for word in words:
+        pair.insert({"word": word})
+with zentra.open("pair", "word locale 0 12") as pair:
+    index = pair.index("word")
+    order = [r["word"] for r in pair]
+    assert order.index("äpfel") < order.index("Bär") < order.index("Öl") < order.index("Zaun"), order
+    assert [r["word"] for r in reversed(index)] == order[::-1]
+    for low in order:
+        assert [r["word"] for r in index.equal(low)] == [low]
+        for high in order:
+            a, b = order.index(low), order.index(high)
+            assert [r["word"] for r in index.between(low, high)] == order[a:b + 1], (low, high)
+            assert [r["word"] for r in reversed(index.between(low, high))] == order[a:b + 1][::-1]
+    assert {r["word"] for r in index.prefix("Apfel")} == {"Apfel", "Apfelmus"}
+"""
+
+
+def test_ranges_in_the_order_of_a_locale(here):
+    subprocess.run(["localedef", "-i", "de_DE", "-f", "UTF-8", "./de_DE.UTF-8"], check=True)
+    subprocess.run([sys.executable, "-c", ABROAD], check=True,
+                   env={**os.environ, "LOCPATH": str(here), "CLIENT_LOCALE": "de_de.utf8"})
 
 
 OTHER = """

@@ -84,12 +84,14 @@ template <typename Element, typename Load>
 std::size_t Column::put_or(Element null, const Records& records, Room room, bool lenient,
                            Load load) const {
   const auto length = static_cast<std::size_t>(field_.length);
+  // Null texts begin with a blank: most others are known by that.
   const bool may_be_null = field_.may_be_null;
-  const auto null_begins = static_cast<unsigned char>(' ');  // of texts, which these fields are
+  const bool is_text = layout::is_text(field_.type);
   return put_each<Element>(records, room, [&](const unsigned char* from, Element& element) {
     element = null;
-    if (may_be_null && *from == null_begins && layout::is_null(field_, Bytes(from, length)))
+    if (may_be_null && (!is_text || *from == ' ') && layout::is_null(field_, Bytes(from, length))) {
       return true;
+    }
     const auto value = load(from);
     if (value) element = static_cast<Element>(*value);
     return value.has_value() || lenient;
@@ -165,6 +167,13 @@ std::size_t Column::put_number_or_nan(const Records& records, Room room) const {
 
 std::size_t Column::put_day(const Records& records, Room room, bool lenient) const {
   const auto length = static_cast<std::size_t>(field_.length);
+  if (field_.meaning == Meaning::kDays) {
+    const std::int64_t first = first_day_of(field_);
+    return put_whole(kNoNumber, records, room, lenient, [first](std::int64_t number) {
+      const std::int64_t day = first + number;
+      return day >= kFirstDay && day <= kLastDay ? std::optional(day) : std::nullopt;
+    });
+  }
   if (const auto date = FastDate::of(field_)) {
     return put_or(kNoNumber, records, room, lenient,
                   [&](const unsigned char* from) { return date->day_number_in(from); });

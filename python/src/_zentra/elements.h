@@ -86,6 +86,16 @@ inline std::optional<std::int64_t> day_number_in(const layout::Field& field, lay
   return std::chrono::sys_days{*day}.time_since_epoch().count();
 }
 
+// Of the years 1 to 9999.
+inline constexpr std::int64_t kFirstDay = -719162;
+inline constexpr std::int64_t kLastDay = 2932896;
+
+// The day with number 0 of a field that counts days.
+inline std::int64_t first_day_of(const layout::Field& field) {
+  const auto day = layout::day_in(field.form);
+  return day ? std::chrono::sys_days{*day}.time_since_epoch().count() : 0;
+}
+
 // The same for a text that has nothing but eight digits, in a tenth of the time.
 class FastDate {
  public:

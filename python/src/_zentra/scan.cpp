@@ -2,6 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <exception>
+#include <mutex>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 namespace zentra_module {
@@ -10,6 +14,9 @@ namespace {
 
 constexpr std::size_t kPortion = std::size_t{256} << 10;  // bytes that are read in one call
 constexpr std::size_t kBlock = std::size_t{12} << 10;  // that the fastest cache has, with columns
+constexpr std::size_t kSlice = std::size_t{64} << 20;  // between two looks for signals
+constexpr std::size_t kPerThread = std::size_t{4} << 20;  // below that another one does not pay
+constexpr std::size_t kMostThreads = 4;
 
 }  // namespace
 
@@ -34,12 +41,12 @@ Scan::Scan(Open& open, std::vector<Column> columns, bool has_numbers, std::int32
       throw py::value_error("the field " + column.field().name + " lies beyond the records");
     }
   }
-  const auto length = static_cast<std::size_t>(std::max(open.length(), 1));
-  const std::size_t count = std::max<std::size_t>(kPortion / length, 1);
-  records_.resize(count * length);
-  numbers_.resize(count);
-  lengths_.resize(count);
 }
+
+Scan::Portion::Portion(std::size_t length)
+    : records(std::max(kPortion, length)),
+      numbers(records.size() / length),
+      lengths(numbers.size()) {}
 
 std::vector<Room> Scan::rooms_of(const std::vector<py::array>& arrays, std::size_t at,
                                  std::size_t room) const {
@@ -62,27 +69,74 @@ std::vector<Room> Scan::rooms_of(const std::vector<py::array>& arrays, std::size
   return rooms;
 }
 
-// The next records, into the room for a portion: how many.
-std::size_t Scan::read(std::size_t most) {
-  const std::lock_guard turn(library_guard());
+// The next records: how many. In turn.
+std::size_t Scan::read(Portion& portion, std::size_t most) {
+  const std::lock_guard in_library(library_guard());
   const int isfd = open_.number();
   if (!has_begun_) {
     keydescr order{};
     isrecnum = first_;
-    if (isstart(isfd, &order, 0, records_.data(), RD_GTEQ) < 0) {
+    if (isstart(isfd, &order, 0, portion.records.data(), RD_GTEQ) < 0) {
       if (iserrno != ISEEND && iserrno != ISENORECORD) throw Failed(open_.name());
       return 0;
     }
     has_begun_ = true;
   }
-  recordset set{.count = static_cast<std::int32_t>(std::min(most, numbers_.size())),
-                .records = records_.data(),
-                .size = records_.size(),
-                .numbers = numbers_.data(),
-                .lengths = lengths_.data()};
+  recordset set{.count = static_cast<std::int32_t>(std::min(most, portion.numbers.size())),
+                .records = portion.records.data(),
+                .size = portion.records.size(),
+                .numbers = portion.numbers.data(),
+                .lengths = portion.lengths.data()};
   auto got = static_cast<std::size_t>(open_.read_into(set, RD_NEXT));
-  while (got > 0 && numbers_[got - 1] > last_) --got;
+  while (got > 0 && portion.numbers[got - 1] > last_) --got;
   return got;
+}
+
+// Several threads read one portion after the other, each as soon as it has turned its last one.
+// What fails first in the order of the records is told, when all before it are in their places.
+std::size_t Scan::fill_together(const Target& target, std::size_t done, std::size_t most) {
+  std::mutex reading;
+  std::size_t taken = 0;
+  std::exception_ptr failure;
+  std::size_t failed_at = 0;
+  const auto length = static_cast<std::size_t>(open_.length());
+  const auto work = [&] {
+    std::size_t from = 0;
+    try {
+      Portion portion(length);
+      while (true) {
+        std::size_t got = 0;
+        {
+          const std::lock_guard turn_to_read(reading);
+          if (at_end_ || failure || taken == most) return;
+          from = taken;
+          got = read(portion, most - taken);
+          taken += got;
+          at_end_ = got == 0;
+        }
+        turn(portion, got, target, done + from);
+      }
+    } catch (...) {
+      const std::lock_guard turn_to_tell(reading);
+      if (!failure || from < failed_at) {
+        failure = std::current_exception();
+        failed_at = from;
+      }
+    }
+  };
+  {
+    const std::size_t useful = most * length / kPerThread;
+    const std::size_t count = std::min<std::size_t>(
+        {kMostThreads, std::max(std::thread::hardware_concurrency(), 1U), useful});
+    std::vector<std::jthread> helpers;
+    try {
+      while (helpers.size() + 1 < count) helpers.emplace_back(work);
+    } catch (const std::system_error&) {  // then fewer do it
+    }
+    work();
+  }
+  if (failure) std::rethrow_exception(failure);
+  return taken;
 }
 
 // How many columns from this one on are copies that lie side by side here and there, as one.
@@ -101,62 +155,76 @@ std::size_t Scan::copies_from(std::size_t first, const std::vector<Room>& rooms)
   return end - first;
 }
 
-void Scan::turn(std::size_t count, const std::vector<Room>& rooms, std::size_t done, bool lenient) {
+void Scan::turn(const Portion& portion, std::size_t count, const Target& target,
+                std::size_t done) const {
   const std::size_t block =
       std::max(kBlock / static_cast<std::size_t>(open_.length()), std::size_t{1});
   for (std::size_t first = 0; first < count; first += block) {
-    turn_block(first, std::min(block, count - first), rooms, done + first, lenient);
+    turn_block(portion, first, std::min(block, count - first), target, done + first);
   }
 }
 
-void Scan::turn_block(std::size_t first, std::size_t count, const std::vector<Room>& rooms,
-                      std::size_t done, bool lenient) {
+void Scan::turn_block(const Portion& portion, std::size_t first, std::size_t count,
+                      const Target& target, std::size_t done) const {
   const auto length = static_cast<std::size_t>(open_.length());
-  const char* const begin = records_.data() + first * length;
+  const char* const begin = portion.records.data() + first * length;
   const Records records{
       .first = reinterpret_cast<const unsigned char*>(begin), .stride = length, .count = count};
   const auto from = static_cast<std::ptrdiff_t>(done);
   const auto moved = [&](Room room) { return Room{room.first + room.stride * from, room.stride}; };
   for (std::size_t i = 0; i < columns_.size(); ++i) {
-    if (const std::size_t more = copies_from(i, rooms); more > 1) {
+    if (const std::size_t more = copies_from(i, target.rooms); more > 1) {
       const auto offset = static_cast<std::size_t>(columns_[i].field().offset);
       const auto end = static_cast<std::size_t>(columns_[i + more - 1].field().end());
-      copy_bytes(records, offset, end - offset, moved(rooms[i]));
+      copy_bytes(records, offset, end - offset, moved(target.rooms[i]));
       i += more - 1;
       continue;
     }
-    const std::size_t put = columns_[i].put(records, moved(rooms[i]), lenient);
+    const std::size_t put = columns_[i].put(records, moved(target.rooms[i]), target.lenient);
     if (put == count) continue;
     const layout::Field& field = columns_[i].field();
     const char* const bytes = begin + put * length + field.offset;
-    throw BadValue(open_.name(), numbers_[first + put], field.name,
+    throw BadValue(open_.name(), portion.numbers[first + put], field.name,
                    {bytes, static_cast<std::size_t>(field.length)});
   }
   if (!has_numbers_) return;
-  const Room room = moved(rooms.back());
+  const Room room = moved(target.rooms.back());
   for (std::size_t i = 0; i < count; ++i) {
-    std::memcpy(room.first + room.stride * static_cast<std::ptrdiff_t>(i), &numbers_[first + i],
-                sizeof numbers_[first + i]);
+    std::memcpy(room.first + room.stride * static_cast<std::ptrdiff_t>(i),
+                &portion.numbers[first + i], sizeof portion.numbers[first + i]);
+  }
+}
+
+void Scan::add_tails(const Portion& portion, std::size_t count, py::list& tails) const {
+  const auto least = static_cast<std::size_t>(open_.least());
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto length = std::max(static_cast<std::size_t>(portion.lengths[i]), least);
+    const char* const record =
+        portion.records.data() + i * static_cast<std::size_t>(open_.length());
+    tails.append(py::bytes(record + least, length - least));
   }
 }
 
 std::size_t Scan::fill(const std::vector<py::array>& arrays, std::size_t at, std::size_t room,
-                       bool lenient, const std::optional<py::list>& tails) {
-  const std::vector<Room> rooms = rooms_of(arrays, at, room);
+                       bool lenient, std::optional<py::list> tails) {
+  const Target target{.rooms = rooms_of(arrays, at, room), .lenient = lenient};
+  const auto length = static_cast<std::size_t>(open_.length());
+  const std::size_t slice = std::max(kSlice / length, std::size_t{1});
+  Portion portion(length);
   std::size_t done = 0;
   while (done < room && !at_end_) {
     std::size_t got = 0;
-    {
+    if (tails) {
+      {
+        const py::gil_scoped_release others_run;
+        got = read(portion, room - done);
+        turn(portion, got, target, done);
+      }
+      at_end_ = got == 0;
+      add_tails(portion, got, *tails);
+    } else {
       const py::gil_scoped_release others_run;
-      got = read(room - done);
-      turn(got, rooms, done, lenient);
-    }
-    at_end_ = got == 0;
-    const auto least = static_cast<std::size_t>(open_.least());
-    for (std::size_t i = 0; tails && i < got; ++i) {
-      const auto length = std::max(static_cast<std::size_t>(lengths_[i]), least);
-      const char* const record = records_.data() + i * static_cast<std::size_t>(open_.length());
-      py::list(*tails).append(py::bytes(record + least, length - least));
+      got = fill_together(target, done, std::min(slice, room - done));
     }
     done += got;
     if (PyErr_CheckSignals() != 0) throw py::error_already_set();

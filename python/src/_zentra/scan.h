@@ -3,7 +3,9 @@
 //   Scan scan(open, std::move(columns), has_numbers, first, last);
 //   while ((count = scan.fill(arrays, 0, room, false, &tails)) == room) ...
 //
-// Keeps   C1 the interpreter's lock is free while records are read and turned
+// Keeps   C1 the interpreter's lock is free while records are read and turned; several threads do
+// so
+//            where there are many, and take turns at the library
 //         C2 an array is written only within what it has, whatever the caller passes
 #pragma once
 
@@ -40,16 +42,33 @@ class Scan {
   // column and, with numbers, one of int32 for these. `tails`, if there is one, gets bytes objects
   // of what lies behind the fixed part of each. How many: fewer than `room` at the end.
   std::size_t fill(const std::vector<pybind11::array>& arrays, std::size_t at, std::size_t room,
-                   bool lenient, const std::optional<pybind11::list>& tails);
+                   bool lenient, std::optional<pybind11::list> tails);
 
  private:
+  // Records on their way, of one thread.
+  struct Portion {
+    explicit Portion(std::size_t length);
+
+    std::vector<char> records;
+    std::vector<std::int32_t> numbers;
+    std::vector<std::int32_t> lengths;
+  };
+  // Where records go, and whether what has no value is null.
+  struct Target {
+    std::vector<Room> rooms;
+    bool lenient;
+  };
+
   [[nodiscard]] std::vector<Room> rooms_of(const std::vector<pybind11::array>& arrays,
                                            std::size_t at, std::size_t room) const;
-  std::size_t read(std::size_t most);
+  std::size_t read(Portion& portion, std::size_t most);
+  std::size_t fill_together(const Target& target, std::size_t done, std::size_t most);
+  void turn(const Portion& portion, std::size_t count, const Target& target,
+            std::size_t done) const;
+  void turn_block(const Portion& portion, std::size_t first, std::size_t count,
+                  const Target& target, std::size_t done) const;
   [[nodiscard]] std::size_t copies_from(std::size_t first, const std::vector<Room>& rooms) const;
-  void turn(std::size_t count, const std::vector<Room>& rooms, std::size_t done, bool lenient);
-  void turn_block(std::size_t first, std::size_t count, const std::vector<Room>& rooms,
-                  std::size_t done, bool lenient);
+  void add_tails(const Portion& portion, std::size_t count, pybind11::list& tails) const;
 
   Open& open_;
   std::vector<Column> columns_;
@@ -58,9 +77,6 @@ class Scan {
   std::int32_t last_;
   bool has_begun_ = false;
   bool at_end_ = false;
-  std::vector<char> records_;
-  std::vector<std::int32_t> numbers_;
-  std::vector<std::int32_t> lengths_;
 };
 
 }  // namespace zentra_module

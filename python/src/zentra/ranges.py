@@ -16,7 +16,9 @@ if TYPE_CHECKING:
     from .records import File, Record
 
 _FIRST_PORTION = 8
+_OPEN: Any = object()  # no limit; None is a key, too
 _LAST_PORTION = 128
+_LAST_NUMBER = (1 << 31) - 1
 
 
 class Limit:
@@ -83,20 +85,19 @@ class Range:
     def __init__(self, file: File, index: Optional[IndexKey]) -> None:
         self._file = file
         self.key = index
-        self._low: Any = None
-        self._high: Any = None
+        self._low = self._high = _OPEN
         self._prefix: Optional[tuple[list[Any], bytes]] = None
         self._numbered = False
 
     def _narrowed(self, low: Any, high: Any) -> Range:
         narrowed = copy.copy(self)
-        if self._low is not None or self._high is not None or self._prefix is not None:
+        if self._low is not _OPEN or self._high is not _OPEN or self._prefix is not None:
             raise ArgumentError("the range is narrowed already", code=102, pair=self._file.name)
         narrowed._low, narrowed._high = low, high
         for limit in (low, high):  # tells of wrong values here, not when it is read
-            if limit is not None and self.key is not None:
+            if limit is not _OPEN and self.key is not None:
                 self.key.wanted(limit, self._file.least)
-            elif limit is not None and (isinstance(limit, bool) or not isinstance(limit, int)):
+            elif limit is not _OPEN and (isinstance(limit, bool) or not isinstance(limit, int)):
                 raise FieldTypeError("a record's number is wanted, not "
                                      f"{type(limit).__name__}", pair=self._file.name)
         return narrowed
@@ -112,11 +113,11 @@ class Range:
 
     def since(self, low: Any) -> Range:
         """Records from a key on."""
-        return self._narrowed(low, None)
+        return self._narrowed(low, _OPEN)
 
     def until(self, high: Any) -> Range:
         """Records up to a key, which is included."""
-        return self._narrowed(None, high)
+        return self._narrowed(_OPEN, high)
 
     def prefix(self, *key: Any) -> Range:
         """Records whose text begins so; with several values, those that have the ones before, too.
@@ -134,7 +135,7 @@ class Range:
         blanks = len(whole) - len(whole.rstrip(b" "))
         asked = len(text) - len(text.rstrip(" " if isinstance(text, str) else b" "))
         begin = whole[:len(whole) - blanks + asked] if blanks else whole
-        narrowed = self._narrowed(None, None)
+        narrowed = self._narrowed(_OPEN, _OPEN)
         narrowed._prefix = (list(key[:-1]), begin)
         return narrowed
 
@@ -168,8 +169,8 @@ class Range:
         return self._by_key(self.key, backwards)
 
     def _by_number(self, backwards: bool) -> Iterator[tuple[int, bytes]]:
-        low = max(1, self._low or 1)
-        high = min((1 << 31) - 1, self._high if self._high is not None else (1 << 31) - 1)
+        low = 1 if self._low is _OPEN else max(1, self._low)
+        high = _LAST_NUMBER if self._high is _OPEN else min(_LAST_NUMBER, self._high)
         if low > high:
             return iter(())
 
@@ -210,8 +211,8 @@ class Range:
     def _by_key(self, index: IndexKey, backwards: bool) -> Iterator[tuple[int, bytes]]:
         kind = LocaleLimit if index.has_locale else Limit
         length = self._file.least
-        low = kind(index, self._low, length) if self._low is not None else None
-        high = kind(index, self._high, length) if self._high is not None else None
+        low = kind(index, self._low, length) if self._low is not _OPEN else None
+        high = kind(index, self._high, length) if self._high is not _OPEN else None
 
         def begin(cursor: _zentra.Open) -> bool:
             if backwards and high:
