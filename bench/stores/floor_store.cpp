@@ -7,6 +7,7 @@
 // `floor-exclusive` is described in floor_exclusive.h.
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <stdexcept>
@@ -37,6 +38,7 @@ class FloorStore : public Store {
     index_ = std::make_unique<MappedFile>(folder / "records.idx");
     data_ = std::make_unique<MappedFile>(folder / "records.dat");
     is_loaded_ = start == Start::kExisting;
+    next_ = 0;
     if (is_loaded_) return;
     index_->write(node_, 0);
     index_->map();
@@ -65,9 +67,21 @@ class FloorStore : public Store {
     return slot_.data();
   }
 
-  void scan(Order /*order*/, Reader& reader) override {
-    for (std::size_t at = 0; at < data_->bytes().size(); at += kSlot) {
-      reader.take(data_->bytes().subspan(at, kSlot).data());
+  void scan(Order order, Reader& reader) override { scan_many(order, reader); }
+
+  [[nodiscard]] bool has_bulk() const override { return true; }
+  // As many records as one entry reads ahead: a lock, the dictionary and a copy of each record.
+  void scan_many(Order /*order*/, Reader& reader) override {
+    const std::size_t records = data_->bytes().size() / kSlot;
+    for (std::size_t first = 0; first < records; first += kBulk) {
+      const std::size_t count = std::min(kBulk, records - first);
+      lock(F_SETLKW, F_RDLCK, 0, kSemaphoreLength);
+      copy(index_->bytes().first(kDictionary), dictionary_);
+      for (std::size_t i = 0; i < count; ++i) {
+        copy(data_->bytes().subspan((first + i) * kSlot, kRecordLength), many_[i]);
+      }
+      lock(F_SETLKW, F_UNLCK, 0, kSemaphoreLength);
+      for (std::size_t i = 0; i < count; ++i) reader.take(many_[i].data());
     }
   }
 
@@ -137,6 +151,7 @@ class FloorStore : public Store {
   std::array<char, kDictionary> dictionary_{};
   std::array<char, kNode> node_{};
   std::array<char, kSlot> slot_{};
+  std::array<Record, kBulk> many_{};
 };
 
 }  // namespace

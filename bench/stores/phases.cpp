@@ -131,14 +131,26 @@ Model run_alone(Store& store, const std::string& name, const fs::path& folder,
   return on_ordered.model();
 }
 
-void run_floor(Store& store, const std::string& name, const fs::path& folder,
-               std::uint32_t records) {
-  empty(folder);
-  store.open(folder, Start::kFresh);
-  Alone alone(store, name, records);
+void run_floor(Store& store, const std::string& name, const fs::path& folder, std::uint32_t records,
+               bool loads) {
+  const auto fresh = [&] {
+    empty(folder);
+    store.open(folder, Start::kFresh);
+    return Alone(store, name, records);
+  };
+  if (loads) {
+    fresh().load("load-random", shuffled(records, Seed::kLoad));
+    store.close();
+  }
+  if (loads && store.has_load()) {
+    fresh().load_bulk("load-bulk", in_order(records));
+    store.close();
+  }
+  Alone alone = fresh();
   alone.load("load-ordered", in_order(records));
   alone.read("read", kMostOperations);
   alone.scan("scan-ordered", Order::kPrimary);
+  alone.scan_many("scan-many", Order::kPrimary);
   alone.rewrite("rewrite", some_of(records, Seed::kRewrite));
   const std::vector<std::uint32_t> deleted = some_of(records, Seed::kDelete);
   alone.remove("delete", deleted);

@@ -18,9 +18,10 @@ void demand(Store& store, std::uint32_t number);
 Model run_alone(Store& store, const std::string& name, const std::filesystem::path& folder,
                 std::uint32_t records);
 
-// The same phases for a floor, as far as it has them: what it holds is not compared.
+// The same phases for a floor, as far as it has them, and some of run_many(): what it holds is not
+// compared. `loads`: loads in random order and in bulk, too.
 void run_floor(Store& store, const std::string& name, const std::filesystem::path& folder,
-               std::uint32_t records);
+               std::uint32_t records, bool loads);
 
 // Loads a file in key order, unmeasured and in bulk where the store has it: what it then holds,
 // closed.

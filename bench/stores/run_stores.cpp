@@ -109,7 +109,7 @@ void run(const StoreKind& kind, const Settings& settings) {
   const fs::path folder = scratch.inner();
   switch (settings.phases) {
     case Phases::kAll: {
-      if (kind.is_floor) return run_floor(*store, kind.name, folder, settings.records);
+      if (kind.is_floor) return run_floor(*store, kind.name, folder, settings.records, true);
       Model model = run_alone(*store, kind.name, folder, settings.records);
       if (kind.shared) run_together(*store, kind.name, folder, model);
       return run_many(*store, kind.name, folder, settings.records);
@@ -120,7 +120,9 @@ void run(const StoreKind& kind, const Settings& settings) {
       return run_together(*store, kind.name, folder, model);
     }
     case Phases::kBig:
-      if (kind.is_floor) return run_floor(*store, kind.name, folder, settings.records);
+      if (kind.is_floor) {
+        return run_floor(*store, kind.name, folder, settings.records, !kind.shared);
+      }
       return run_big(*store, kind.name, folder, settings.records, !kind.shared);
     case Phases::kCold:
       return run_cold(*store, kind.name, folder, settings.records);

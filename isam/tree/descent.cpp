@@ -5,8 +5,8 @@
 namespace isam {
 namespace {
 
-// Has the processor fetch all of a leaf, which is seldom in its caches: a search without branches
-// would wait for one piece after the other.
+// Has the processor fetch all of a leaf, which is seldom in its caches: a search would wait for one
+// piece after the other.
 void expect(ConstBytes area) {
   constexpr std::size_t kLine = 64;
   for (std::size_t at = 0; at < area.size(); at += kLine) __builtin_prefetch(area.data() + at);
@@ -42,6 +42,7 @@ Descent::Descent(Item& sought, Item& found, const keydescr& k, int len, Search m
 bool Descent::choose(const TreeNode& node, PathLevel& level) {
   leaf_ = node.is_leaf();
   const ConstBytes area = node.area();
+  if (leaf_) expect(area);
   const bool found = !layout_.compressed() ? choose_fixed(area, level)
                      : skips_              ? choose_skipping(area, level)
                                            : choose_reading(area, level);
@@ -114,7 +115,6 @@ bool Descent::choose_fixed(ConstBytes area, PathLevel& level) {
   int high = count - 1;
   if (leads_) {
     const Byte* const items = area.data();
-    if (leaf_) expect(area);
     const std::uint64_t sought = order_.leading(sought_.key);
     const auto is_greater = [&](int item) { return order_.leading(items + item * size) > sought; };
     low = static_cast<int>(count_lesser(items, static_cast<std::size_t>(high)));
