@@ -25,9 +25,8 @@ class Dump::ByIndex : public checker::Listener {
   void leaf_item(const Leaf& /*place*/, const isam::Item& item) override {
     Record record;
     const std::int32_t number = item.recptr;
-    if (number > dump_.records_.last() || dump_.accounted_.tstbit(number)) {
-      ++astray_;
-    } else if (dump_.records_.find(number, record)) {
+    const bool is_new = number <= dump_.records_.last() && !dump_.accounted_.tstbit(number);
+    if (is_new && dump_.records_.find(number, record)) {
       dump_.put(record);
     } else {
       ++astray_;

@@ -116,7 +116,9 @@ bool Descent::choose_fixed(ConstBytes area, PathLevel& level) {
   if (leads_) {
     const Byte* const items = area.data();
     const std::uint64_t sought = order_.leading(sought_.key);
-    const auto is_greater = [&](int item) { return order_.leading(items + item * size) > sought; };
+    const auto is_greater = [&](std::ptrdiff_t item) {
+      return order_.leading(items + item * size) > sought;
+    };
     low = static_cast<int>(count_lesser(items, static_cast<std::size_t>(high)));
     if (low < high && is_greater(low)) return settle_on(level, low * size, (low + 1) * size, -1);
     if (low + 1 < high && is_greater(low + 1)) high = low + 1;
