@@ -1,10 +1,15 @@
 """What the tests share. They run from the build folder's package: PYTHONPATH leads to it."""
 import datetime
+import os
+import tempfile
 from decimal import Decimal
 
 import pytest
+from hypothesis.configuration import set_hypothesis_home_dir
 
 import zentra
+
+set_hypothesis_home_dir(os.path.join(tempfile.gettempdir(), "zentra-hypothesis"))  # not the sources
 
 LAYOUT = """
 id      char   0     6
