@@ -59,7 +59,8 @@ void check_audit_node(const checker::Check& check, DeepCollector& collector) {
   collector.pass_over_error();
   const bool is_page = in_range && node <= check.idxlast && check.rpgmap.tstbit(node);
   const bool is_shared = collector.audit_is_tree_node() || is_page;
-  if (node == 0 || (in_range && names_trail && !is_shared)) return;
+  const bool is_none = node == 0 && !dictp->d_audits();
+  if (is_none || (in_range && names_trail && !is_shared)) return;
   collector.add(
       {.kind = dictp->d_audits() || is_shared ? Entry::Kind::kFinding : Entry::Kind::kNote,
        .code = "audit.node",

@@ -110,6 +110,7 @@ bool Mending::change_data(const std::string& kept) {
   checker::put_back_when_interrupted(filep->data.fd, &changes_.before());
   data_changed_ = true;
   if (make_changes(filep->data.fd, changes_) != 0) return say_errno(isam::mkdatname(name_));
+  isam::bfignor(*filep);  // the pool may have what has been changed past it
   return true;
 }
 

@@ -362,6 +362,24 @@ class Repair(unittest.TestCase):
         done = self.repair('-y', '--force', '--keys', 'lines')
         self.assertEqual(done.returncode, 0, done)
 
+    def test_records_dropped_at_the_end_of_a_short_data_file(self):
+        index, data = self.take('sound-varying').values()
+        one, other = [at for at in range(512, len(index), 512)
+                      if index[at + 2:at + 4] == b'\x7e\x26'][:2]
+        self.damage(('.idx', one, index[other:other + 512]), ('.idx', other, index[one:one + 512]))
+        self.pair['.dat'].write_bytes(data[:961])
+        self.made = self.bytes()
+        self.assertEqual(self.repair('-y', '--variable=drop', '--force').returncode, 0)
+        self.assertUndone()
+
+    def test_an_audit_trail_that_is_on_and_has_no_node(self):
+        self.take('sound-fixed')
+        self.damage(('.idx', 49, b'\x80\0\0\0'))
+        found = lines_of(self.run_zentra('check', '--json'))
+        self.assertIn('audit.node', [line.get('code') for line in found])
+        self.assertEqual(self.repair('-y').returncode, 0)
+        self.assertEqual(self.bytes()['.idx'][49], 0)
+
     def test_an_upper_node_without_items(self):
         index = self.take('sound-all-deleted')['.idx']
         node = int.from_bytes(index[15:19], 'big') - 1
