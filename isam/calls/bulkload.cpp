@@ -112,20 +112,38 @@ int BulkLoad::begin() {
   return filep->geometry.varlen ? nodes_.begin_unfinished(index_size_) : 0;
 }
 
+int BulkLoad::check_room() const {
+  const std::int32_t number = next_number();
+  const bool fits = number != INT32_MAX && end_of_slot(number) / kPageSize <= kMostBlocks;
+  return fits ? 0 : failed(kCorrupted);
+}
+
 std::int32_t BulkLoad::add(ConstBytes record) {
   const std::int32_t number = next_number();
-  if (number == INT32_MAX || end_of_slot(number) / kPageSize > kMostBlocks) {
-    return failed(kCorrupted);
-  }
+  if (check_room() != 0) return -1;
   for (IndexLoad& load : loads_) {
     if (load.add(record.data(), number) != 0) return -1;
   }
   const ConstBytes fixed = record.first(static_cast<std::size_t>(filep->geometry.reclen));
   if (filep->geometry.varlen && store_part(number, record.subspan(fixed.size())) != 0) return -1;
+  return add_slot(fixed) == 0 ? number : -1;
+}
+
+int BulkLoad::skip(std::int32_t count) {
+  if (count > 0) gaps_.push_back({next_number(), count});
+  for (; count > 0; --count) {
+    if (check_room() != 0) return -1;
+    if (filep->geometry.varlen && store_part(next_number(), {}) != 0) return -1;
+    if (add_slot({}) != 0) return -1;
+  }
+  return 0;
+}
+
+int BulkLoad::add_slot(ConstBytes fixed) {
   slots_.insert(slots_.end(), fixed.begin(), fixed.end());
   ++count_;
   slots_.resize(slots_.size() + static_cast<std::size_t>(slot_size()) - fixed.size());
-  return slots_.size() >= kSlotsAtOnce && write_slots() != 0 ? -1 : number;
+  return slots_.size() >= kSlotsAtOnce ? write_slots() : 0;
 }
 
 int BulkLoad::store_part(std::int32_t number, ConstBytes part) {
@@ -208,20 +226,33 @@ int BulkLoad::list_free(const Refusals& refusals, std::span<const std::int32_t> 
 int BulkLoad::finish(std::vector<std::int32_t>& refused) {
   Refusals refusals{first_, count_, shape_of_sort(kMemberSize, kNumberSize)};
   if (count_ == 0) return 0;
+  for (const Gap& gap : gaps_) refusals.leave_out(gap.first, gap.count);
   if (build_indexes(refusals) != 0) return -1;
+  std::vector<std::int32_t> unused;
   for (std::int32_t number = first_; number < next_number(); ++number) {
-    if (refusals.has(number)) refused.push_back(number);
+    if (refusals.has(number)) unused.push_back(number);
   }
-  if (refused.size() == static_cast<std::size_t>(count_)) {
+  refused = without_gaps(unused);
+  if (unused.size() == static_cast<std::size_t>(count_)) {
     static_cast<void>(take_back());
     return 0;
   }
   Dictionary after = *dictp;
-  if (list_free(refusals, refused, after) != 0) return -1;
+  if (list_free(refusals, unused, after) != 0) return -1;
   after.set_d_modcount(filep->cached.stamp + 1);
   if (commit(after, refusals) != 0) return -1;
-  if (filep->geometry.varlen && !refused.empty()) free_storage(refused);
+  if (filep->geometry.varlen && !unused.empty()) free_storage(refused);
   return 0;
+}
+
+std::vector<std::int32_t> BulkLoad::without_gaps(std::span<const std::int32_t> numbers) const {
+  std::vector<std::int32_t> left;
+  auto gap = gaps_.begin();
+  for (const std::int32_t number : numbers) {
+    while (gap != gaps_.end() && number - gap->first >= gap->count) ++gap;
+    if (gap == gaps_.end() || number < gap->first) left.push_back(number);
+  }
+  return left;
 }
 
 // What refused records have in storage pages, as a deletion does. What fails is told as a late

@@ -34,6 +34,8 @@ class BulkLoad {
   [[nodiscard]] int begin();
   // Takes a record: its number, or -1 with iserrno, and all is to be taken back.
   [[nodiscard]] std::int32_t add(ConstBytes record);
+  // The next so many numbers are no record's, and become free ones: 0, or -1 as add().
+  [[nodiscard]] int skip(std::int32_t count);
   // Adds the records to the pair, and tells which of them are refused: 0, or -1 with iserrno, and
   // all is to be taken back.
   [[nodiscard]] int finish(std::vector<std::int32_t>& refused);
@@ -41,12 +43,20 @@ class BulkLoad {
   int take_back();
 
  private:
+  struct Gap {
+    std::int32_t first;
+    std::int32_t count;
+  };
+
   [[nodiscard]] std::int32_t next_number() const { return first_ + count_; }
+  [[nodiscard]] int check_room() const;
+  [[nodiscard]] int add_slot(ConstBytes fixed);
   [[nodiscard]] int store_part(std::int32_t number, ConstBytes part);
   [[nodiscard]] int write_slots();
   [[nodiscard]] int build_indexes(Refusals& refusals);
   [[nodiscard]] int list_free(const Refusals& refusals, std::span<const std::int32_t> refused,
                               Dictionary& after);
+  [[nodiscard]] std::vector<std::int32_t> without_gaps(std::span<const std::int32_t> numbers) const;
   [[nodiscard]] int commit(const Dictionary& after, const Refusals& refusals);
   [[nodiscard]] int write_last(const Dictionary& after, const Refusals& refusals, Bytes room);
   [[nodiscard]] int make_present(std::int32_t last, const Refusals& refusals, Bytes room);
@@ -63,6 +73,7 @@ class BulkLoad {
   common::Sorter parts_;
   std::int32_t first_;  // number
   std::int32_t count_ = 0;
+  std::vector<Gap> gaps_;       // numbers of no record
   std::int64_t data_size_ = 0;  // of the files when the load began
   std::int64_t index_size_ = 0;
   std::vector<Byte> slots_;        // not written yet
@@ -70,6 +81,10 @@ class BulkLoad {
   std::int64_t data_written_ = 0;  // up to here at the most
   bool committed_ = false;
 };
+
+// Leaves out so many numbers before the next record of the load under way, which become free ones:
+// 0, or -1 as isload().
+[[nodiscard]] int skip_numbers(int isfd, std::int32_t count);
 
 // Takes back the load that an open has under way, if any, before the open goes.
 void drop_load(const Open& open);

@@ -27,18 +27,21 @@ namespace {
 constexpr int kMaxRecordLength = 32511;
 constexpr std::int32_t kFirstKeyNode = 2;
 
-struct RecordLengths {
-  int minimum;
-  int maximum;
-  bool variable;
+struct Sizes {
+  int minimum = 0;  // of a record
+  int maximum = 0;
+  bool variable = false;
+  int node = 0;
 };
 
 // 0, or -1 with 132.
-int check_lengths(int reclen, int mode, RecordLengths& lengths) {
+int check_lengths(int reclen, int mode, Sizes& sizes) {
   const bool variable = (mode & ISVARLEN) != 0;
-  lengths = {variable ? isreclen : reclen, reclen, variable};
+  sizes.minimum = variable ? isreclen : reclen;
+  sizes.maximum = reclen;
+  sizes.variable = variable;
   if (reclen < 1 || reclen > kMaxRecordLength) return failed(kBadRecordLength);
-  if (variable && (lengths.minimum < 1 || lengths.minimum >= reclen)) {
+  if (variable && (sizes.minimum < 1 || sizes.minimum >= reclen)) {
     return failed(kBadRecordLength);
   }
   return 0;
@@ -65,12 +68,12 @@ int make_pair(const char* name) {
   return -1;
 }
 
-int fill_dictionary(const RecordLengths& lengths, const keydescr& key) {
+int fill_dictionary(const Sizes& sizes, const keydescr& key) {
   dictp->reset();
-  dictp->set_d_idxsize(kPageSize - 1);
+  dictp->set_d_idxsize(sizes.node - 1);
   dictp->set_d_dupsize(isdupsiz == 2 ? 2 : 4);
-  dictp->set_d_recsize(lengths.minimum);
-  dictp->set_d_maxrecsize(lengths.variable ? lengths.maximum : 0);
+  dictp->set_d_recsize(sizes.minimum);
+  dictp->set_d_maxrecsize(sizes.variable ? sizes.maximum : 0);
   dictp->set_d_keysnode(kFirstKeyNode);
   dictp->set_d_nextnode(kFirstKeyNode);
   dictp->set_d_uniqid(1);
@@ -84,8 +87,8 @@ void make_first_key_node() {
   page.set_frame(kEntriesOffset, kServiceNode, kKeyLevel);
 }
 
-int lay_out(const RecordLengths& lengths, keydescr& key) {
-  if (fill_dictionary(lengths, key) != 0 || adopt_dictionary() != 0) return -1;
+int lay_out(const Sizes& sizes, keydescr& key) {
+  if (fill_dictionary(sizes, key) != 0 || adopt_dictionary() != 0) return -1;
   make_first_key_node();
   if (kyadd(key) != 0) return failed_unless_set(kBadKey);
   openp->key = key;
@@ -102,7 +105,7 @@ int end_building() {
 int build_lock_mode(int mode) { return issingleuser ? ISEXCLLOCK : lock_mode_of(mode); }
 
 // Takes the new pair for this open and fills it.
-int set_up(Open& open, const char* name, const RecordLengths& lengths, keydescr& key, int mode) {
+int set_up(Open& open, const char* name, const Sizes& sizes, keydescr& key, int mode) {
   make_current(open);
   const int lock_mode = build_lock_mode(mode);
   if (lksemaphore(Semaphore::kExclusive) != 0) return -1;
@@ -112,18 +115,20 @@ int set_up(Open& open, const char* name, const RecordLengths& lengths, keydescr&
     return -1;
   }
   // What cannot be written is not logged.
-  if (lay_out(lengths, key) != 0 || write_delayed() != 0) return -1;
+  if (lay_out(sizes, key) != 0 || write_delayed() != 0) return -1;
   if (!txlog::logs_changes()) return end_building();
-  if (txlog::islogbuild(name, lengths.maximum, key, mode) != 0) return -1;
+  if (txlog::islogbuild(name, sizes.maximum, key, mode) != 0) return -1;
   if (end_building() == 0) return 0;
   txlog::take_back_logged();
   return -1;
 }
 
-int build(const char* name, int reclen, keydescr& key, int mode) {
-  RecordLengths lengths{};
-  if (check_lengths(reclen, mode, lengths) != 0 || mktemprec(reclen) != 0 || ckfilname(name) != 0 ||
-      check_primary_key(key, lengths.minimum) != 0) {
+}  // namespace
+
+int build_pair(const char* name, int reclen, keydescr& key, int mode, int node) {
+  Sizes sizes{.node = node};
+  if (check_lengths(reclen, mode, sizes) != 0 || mktemprec(reclen) != 0 || ckfilname(name) != 0 ||
+      check_primary_key(key, sizes.minimum) != 0) {
     return -1;
   }
   if (build_lock_mode(mode) == 0) return failed(kBadArgument);
@@ -136,7 +141,7 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
   open->file = allocfile(name, ISINOUT);
   if (open->file != nullptr) {
     advise_random(*open->file);
-    if (set_up(*open, name, lengths, key, mode) == 0) return isfd_of(*open);
+    if (set_up(*open, name, sizes, key, mode) == 0) return isfd_of(*open);
     const KeepError keep;
     bfdrop(*open->file, INT32_MIN);  // nothing of it may be left in the pool
     open->file->takes_no_open = true;
@@ -144,8 +149,6 @@ int build(const char* name, int reclen, keydescr& key, int mode) {
   remove_pair(name);
   return abandon_open(*open);
 }
-
-}  // namespace
 
 }  // namespace isam
 
@@ -156,7 +159,8 @@ extern "C" int isbuild(const char* name, int reclen, struct keydescr* key, int m
     know_process();
     clear_errors();
     set_status("0000");
-    const int isfd = key == nullptr ? failed(kBadArgument) : build(name, reclen, *key, mode);
+    const int isfd =
+        key == nullptr ? failed(kBadArgument) : build_pair(name, reclen, *key, mode, kPageSize);
     if (isfd < 0) set_status("9090");
     return isfd;
   });

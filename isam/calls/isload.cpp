@@ -94,6 +94,14 @@ int load_call(int isfd, Body body) {
 }
 
 }  // namespace
+
+int skip_numbers(int isfd, std::int32_t count) {
+  return load_call(isfd, [=] {
+    if (count < 0) return failed(kBadArgument);
+    return run_part([=](BulkLoad& load) { return load.skip(count); });
+  });
+}
+
 }  // namespace isam
 
 using namespace isam;

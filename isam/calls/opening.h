@@ -28,6 +28,10 @@ void advise_random(const OpenPair& file);
 // and nothing changed.
 [[nodiscard]] int adopt_dictionary();
 
+// As isbuild(), with nodes of `node` bytes, kMinStoredNodeSize + 1 to kMaxStoredNodeSize. The
+// caller has called know_process().
+[[nodiscard]] int build_pair(const char* name, int reclen, keydescr& key, int mode, int node);
+
 // Gives a pair another name: 0, or -1 with the system's error and the pair under its old one, as
 // far as the system lets it back.
 int move_whole_pair(const std::string& from, const std::string& to);

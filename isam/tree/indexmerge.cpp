@@ -17,6 +17,11 @@ constexpr std::int32_t kUnlimited = INT32_MAX;
 Refusals::Refusals(std::int32_t first, std::int32_t count, common::Sorter::Shape shape)
     : first_(first), count_(count), members_(std::move(shape)) {}
 
+void Refusals::leave_out(std::int32_t first, std::int32_t count) {
+  refused_.resize(static_cast<std::size_t>(count_));
+  std::fill_n(refused_.begin() + (first - first_), count, true);
+}
+
 int Refusals::add_member(std::int32_t number) {
   Byte entry[2 * kNumberSize];
   common::stlong(number, entry);

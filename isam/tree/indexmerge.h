@@ -27,6 +27,9 @@ class Refusals {
     return !refused_.empty() && refused_[static_cast<std::size_t>(number - first_)];
   }
 
+  // These are no records at all.
+  void leave_out(std::int32_t first, std::int32_t count);
+
   // A group of records with the same key, of which so many have room. Its members follow.
   void begin_group(std::int32_t room) { room_.push_back(room); }
   [[nodiscard]] int add_member(std::int32_t number);

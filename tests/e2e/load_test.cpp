@@ -9,6 +9,7 @@
 #include <random>
 #include <vector>
 
+#include "isam/calls/bulkload.h"
 #include "tests/e2e/sessions.h"
 #include "tests/support/between.h"
 
@@ -175,6 +176,46 @@ TEST_P(Loads, LeaveThePairThatSingleWritesLeaveAndTellWhatIsRefused) {
     for (const char* const name : {"single.idx", "single.dat", "bulk.idx", "bulk.dat"}) {
       std::filesystem::remove(folder_ / name);
     }
+  }
+}
+
+// Numbers that a load leaves out are free: later writes take them.
+TEST_P(Loads, LeaveOutNumbersThatBecomeFreeOnes) {
+  constexpr int kEach = 400, kGap = 30;
+  for (const bool with_refused : {false, true}) {
+    EXPECT_EQ(alone([&] {
+                Session pair = made("gaps", 100);
+                EXPECT_EQ(isam::skip_numbers(pair.isfd, 1), -1);
+                ASSERT_EQ(::isloadbegin(pair.isfd), 0);
+                std::vector<std::int32_t> numbers;
+                for (int part = 0; part < 3; ++part) {
+                  std::vector<Row> all;
+                  for (int n = 0; n < kEach; ++n) {
+                    const int id = 10000 + part * kEach + n;
+                    all.push_back({id, n % 9, id});
+                  }
+                  if (with_refused) all[7] = all.back() = all[3];
+                  RowSet set(all, pair.varying);
+                  EXPECT_EQ(isam::skip_numbers(pair.isfd, kGap), 0);
+                  ASSERT_EQ(::isload(pair.isfd, &set.set), kEach);
+                  numbers.insert(numbers.end(), set.numbers.begin(), set.numbers.end());
+                }
+                EXPECT_EQ(numbers.back(), numbers.front() + 3 * kEach + 2 * kGap - 1);
+                std::vector<std::int32_t> refused(10);
+                EXPECT_EQ(::isloadend(pair.isfd, refused.data(), 10), with_refused ? 6 : 0);
+                EXPECT_EQ(with_refused ? refused[0] : numbers[7], numbers[7]);
+                EXPECT_EQ(::isflush(pair.isfd), 0);
+                EXPECT_EQ(walk_pair(folder_ / "gaps").problems, std::vector<std::string>{});
+                // Those between the records are taken before the file grows.
+                for (int n = 0; n < 3 * kGap; ++n) {
+                  EXPECT_EQ(pair.put({(1 << 22) + n, 1, (1 << 22) + n}, ::iswrite), 0);
+                  EXPECT_LT(::isrecnum, numbers.back());
+                }
+                EXPECT_EQ(::iscleanup(), 0);
+              }),
+              0);
+    expect_sound("gaps");
+    for (const char* const name : {"gaps.idx", "gaps.dat"}) std::filesystem::remove(folder_ / name);
   }
 }
 
