@@ -94,7 +94,8 @@ install(FILES ${PROJECT_BINARY_DIR}/generated/isam.pc
 foreach(section 1 3 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
   if(NOT KESTRO_COMPANIONS)
-    list(FILTER pages EXCLUDE REGEX "/zentra((-[a-z]+)?\\.1|-keys\\.5|-(crash|data)\\.7)$")
+    list(FILTER pages EXCLUDE REGEX
+         "/zentra((-[a-z]+)?\\.1|-(keys|raw)\\.5|-(crash|data)\\.7)$")
   endif()
   if(pages)
     set(component kestro)

@@ -1,7 +1,7 @@
 // make_corpus: the inputs that fuzzing starts from, one file each: in the folder "pairs" small
 // damaged pairs of many node sizes, fixed and variable in length; in "logs" logs to be replayed; in
 // "listings" logs, error logs and audit trails; in "layouts" layouts, also with a record behind
-// them.
+// them; in "texts" what `zentra load` reads.
 //
 //   make_corpus FOLDER
 #include <array>
@@ -101,6 +101,19 @@ void write_layouts(const fs::path& folder) {
   }
 }
 
+void write_texts(const fs::path& folder) {
+  fs::create_directories(folder);
+  for (const std::string text :
+       {"zentra-raw 1\nlength 8 40\nnode 512\nduplicates 2\nlocale c\nunique 77\nkey 0,4,char\n"
+        "key 4,4,long,desc,dups,compress\nrecords\n2:0002same\\00\\ff\\20\n3:0001same\norder 2 "
+        "3 2\nend 2\n",
+        "{\"id\":\"a\\u00e9\\ud83d\\ude00\\n\",\"amount\":-12.5e+3,\"open\":true,\"at\":null,"
+        "\"raw\":{"
+        "\"hex\":\"0aff\"}}"}) {
+    add_seed(folder, {}, {text.begin(), text.end()});
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -115,6 +128,7 @@ int main(int argc, char** argv) {
     write_pairs(folder / "pairs");
     write_logs(folder / "logs", folder / "listings");
     write_layouts(folder / "layouts");
+    write_texts(folder / "texts");
     fs::current_path("/");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_corpus: %s\n", error.what());

@@ -25,6 +25,8 @@ class Arguments {
               const char* help);
   // An option with any text, which the help calls `kind`.
   void text(const char* name, std::string& to, const char* kind, const char* help);
+  // The same, which may be given several times.
+  void texts(const char* name, std::vector<std::string>& to, const char* kind, const char* help);
   // Words by their place, in the order of these calls.
   void word_of(const char* name, std::string& to, std::vector<std::string> choices,
                const char* help);

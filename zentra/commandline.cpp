@@ -73,6 +73,12 @@ void Arguments::text(const char* name, std::string& to, const char* kind, const 
   app_.get_option(name)->type_name(kind);
 }
 
+void Arguments::texts(const char* name, std::vector<std::string>& to, const char* kind,
+                      const char* help) {
+  takes_any(app_.add_option(name, to, help)->allow_extra_args(false));
+  app_.get_option(name)->type_name(kind);
+}
+
 void Arguments::words(const char* name, std::vector<std::string>& to, int most, const char* help) {
   takes_any(app_.add_option(name, to, help)->expected(0, most));
 }

@@ -13,6 +13,10 @@ constexpr Command kCommands[] = {
     {"info", "tell what pairs are", "Not one byte of any file is ever changed.", prepare_info},
     {"layout", "draft the fields of a pair's records", "Not one byte of any file is ever changed.",
      prepare_layout},
+    {"load", "make a pair of the records of a text",
+     "A pair that was there before, but for one that --into names.", prepare_load},
+    {"reindex", "make an index file for a data file that has none",
+     "Not one byte of the data file is ever changed.", prepare_reindex},
     {"repair", "mend a pair, after a plan and on a copy",
      "Nothing is changed before the plan is confirmed, nor when the result would not check clean. "
      "Of the data file only the states of records that are dropped, and their references.",

@@ -23,6 +23,8 @@ std::function<int()> prepare_diff(Arguments& arguments);
 std::function<int()> prepare_dump(Arguments& arguments);
 std::function<int()> prepare_info(Arguments& arguments);
 std::function<int()> prepare_layout(Arguments& arguments);
+std::function<int()> prepare_load(Arguments& arguments);
+std::function<int()> prepare_reindex(Arguments& arguments);
 std::function<int()> prepare_repair(Arguments& arguments);
 std::function<int()> prepare_show(Arguments& arguments);
 std::function<int()> prepare_undo(Arguments& arguments);

@@ -170,6 +170,12 @@ std::string line_of(const keydescr& k) {
   return line;
 }
 
+KeyOfLine key_of_line(std::string_view text) {
+  Line line;
+  if (!line.read(trimmed(text))) return {.why = line.why()};
+  return {.key = line.key()};
+}
+
 int make_legal(std::vector<keydescr>& keys) {
   for (std::size_t i = 0; i < keys.size(); ++i) {
     keydescr& k = keys[i];

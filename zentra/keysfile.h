@@ -10,11 +10,19 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "isam.h"
 
 namespace zentra {
 
 [[nodiscard]] std::string line_of(const keydescr& k);
+
+// A line that is neither empty nor a comment.
+struct KeyOfLine {
+  keydescr key{};
+  std::string why{};  // not empty: it is none
+};
+[[nodiscard]] KeyOfLine key_of_line(std::string_view line);
 
 }  // namespace zentra

@@ -66,7 +66,7 @@ step_tree() {
     [ -f "$root/$file" ] || fail "$file is not installed"
   done
   if [ -f "$root/bin/zentra" ]; then
-    for file in man/man1/zentra{,-check,-info,-repair,-show,-undo}.1 man/man5/zentra-keys.5 \
+    for file in man/man1/zentra{,-check,-info,-load,-reindex,-repair,-show,-undo}.1 man/man5/zentra-{keys,raw}.5 \
       man/man7/zentra-crash.7 "${completions[@]}"; do
       [ -s "$root/share/$file" ] || fail "$file is not installed"
     done
