@@ -1,4 +1,4 @@
-// zentra dump: the records of a pair as CSV or as JSON, as they are at one moment.
+// zentra dump: the records of a pair as CSV, as JSON or as raw text, as they are at one moment.
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,7 +20,9 @@
 #include "zentra/dump.h"
 #include "zentra/pairlayout.h"
 #include "zentra/pairrunner.h"
+#include "zentra/pairshape.h"
 #include "zentra/progress.h"
+#include "zentra/rawwriter.h"
 #include "zentra/readpair.h"
 #include "zentra/text.h"
 #include "zentra/treewalk.h"
@@ -87,6 +89,42 @@ bool is_file_of_pair(const std::string& file) {
   return is(isam::filep->index) || is(isam::filep->data);
 }
 
+// What writes the records, and what is to be told of the fields.
+struct Form {
+  std::unique_ptr<DumpWriter> writer{};
+  Value layout{};
+  std::string why{};  // there is none
+  Status status = Status::kUnfinished;
+};
+
+Form rows_form(const DumpOptions& options, const std::string& name, Telling& telling) {
+  PairLayout layout = layout_of_pair(options.layout, name);
+  for (const std::string& why : layout.why) {
+    telling.entry({.kind = Entry::Kind::kNote, .code = "layout.refused", .text = why});
+  }
+  if (!layout.why.empty()) return {.why = "no layout"};
+  return {
+      .writer =
+          row_writer(format_of(options) == "jsonl", std::move(layout.fields), options.numbers),
+      .layout = layout.file.empty() ? Value("a draft") : Value(FileBytes{.bytes = layout.file})};
+}
+
+Form raw_form(Telling& telling, bool& is_whole) {
+  auto shape = shape_of_pair();
+  if (!shape) {
+    return {.why = "its key descriptions cannot be read, which the raw text has; CSV has none",
+            .status = Status::kNeedsSalvage};
+  }
+  const auto damaged = [&](int index) {
+    is_whole = false;
+    telling.entry({.code = "dump.equal-keys",
+                   .status = Status::kNeedsSalvage,
+                   .key = index,
+                   .text = "damaged: the order of its equal keys is not told"});
+  };
+  return {.writer = raw_writer(std::move(*shape), damaged), .layout = "none"};
+}
+
 std::string cannot_be_written(int error) {
   return fmt::format("could not be written: {}", std::strerror(error));
 }
@@ -108,17 +146,14 @@ Status dump_pair(const DumpOptions& options, const std::string& name, Output& ou
   if (options.by > std::ssize(indexes)) {
     return telling.ends(Status::kUnfinished, fmt::format("there is no index {}", options.by));
   }
-  PairLayout layout = layout_of_pair(options.layout, name);
-  for (const std::string& why : layout.why) {
-    telling.entry({.kind = Entry::Kind::kNote, .code = "layout.refused", .text = why});
-  }
-  if (!layout.why.empty()) return telling.ends(Status::kUnfinished, "no layout");
+  bool has_orders = true;
+  const Form form = format_of(options) == "raw" ? raw_form(telling, has_orders)
+                                                : rows_form(options, name, telling);
+  if (!form.why.empty()) return telling.ends(form.status, form.why);
   if (!output.open()) return telling.ends(Status::kUnfinished, cannot_be_written(output.error()));
   if (output.is_terminal()) stop_showing();
 
-  const auto writer =
-      row_writer(format_of(options) == "jsonl", std::move(layout.fields), options.numbers);
-  Dump dump{output, *writer, [&](const Entry& entry) { telling.entry(entry); }};
+  Dump dump{output, *form.writer, [&](const Entry& entry) { telling.entry(entry); }};
   const bool has_order =
       options.by > 0 && indexes[static_cast<std::size_t>(options.by - 1)].nparts > 0;
   if (has_order) {
@@ -131,10 +166,9 @@ Status dump_pair(const DumpOptions& options, const std::string& name, Output& ou
     return telling.ends(Status::kUnfinished, cannot_be_written(output.error()));
   }
   Fields fields{{"records", dump.count()}, {"left-out", dump.left_out()}};
-  fields.emplace_back(
-      "layout", layout.file.empty() ? Value("a draft") : Value(FileBytes{.bytes = layout.file}));
+  fields.emplace_back("layout", form.layout);
   fields.emplace_back("seconds-held", pair.seconds_held());
-  return dump.is_whole()
+  return dump.is_whole() && has_orders
              ? telling.ends(Status::kSound, "dumped", fields)
              : telling.ends(Status::kNeedsSalvage, "dumped, but for what is told above", fields);
 }
@@ -171,8 +205,8 @@ int dump(const DumpOptions& options) {
 
 std::function<int()> prepare_dump(Arguments& arguments) {
   const auto options = std::make_shared<DumpOptions>();
-  arguments.choice("--format", options->format, {"jsonl", "csv"},
-                   "JSON, one object a line, or CSV with a header line");
+  arguments.choice("--format", options->format, {"jsonl", "csv", "raw"},
+                   "JSON, one object a line; CSV with a header line; the whole pair as text");
   arguments.number("--by", options->by, 1, 1000, "INDEX",
                    "in the order of this index, not of record numbers");
   arguments.text("-o", options->file, "FILE", "write to FILE, once it is whole");
@@ -181,7 +215,13 @@ std::function<int()> prepare_dump(Arguments& arguments) {
   arguments.json(options->json);
   arguments.wait(options->wait);
   arguments.pair(options->name);
-  return [options] { return dump(*options); };
+  return [options] {
+    if (options->by > 0 && options->format == "raw") {
+      std::fputs("zentra: raw text is in the order of record numbers\n", stderr);
+      return kUsage;
+    }
+    return dump(*options);
+  };
 }
 
 }  // namespace zentra

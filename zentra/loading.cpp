@@ -195,7 +195,7 @@ Status Loading::open_pair() {
   const std::string fault = shape_fault(shape_);
   if (!fault.empty()) return refuse(Status::kUnfinished, fault);
   if (!new_pair_.make(shape_)) return refuse(Status::kUnfinished, new_pair_.why());
-  isfd_ = new_pair_.isfd();
+  isfd_ = new_pair_.handle();
   return Status::kSound;
 }
 

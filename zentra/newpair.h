@@ -5,7 +5,7 @@
 //
 //   NewPair pair{name};
 //   if (!pair.make(shape)) return refused(pair.why());
-//   ... fill pair.isfd() ...
+//   ... fill pair.handle() ...
 //   if (!pair.publish()) return failed(pair.why());
 //
 // Keeps   a name that is taken stays what it is
@@ -28,7 +28,7 @@ class NewPair {
 
   // Makes it empty and opens it exclusively. False: why() tells.
   [[nodiscard]] bool make(const PairShape& shape);
-  [[nodiscard]] int isfd() const { return isfd_; }
+  [[nodiscard]] int handle() const { return isfd_; }
   // Closes it, and gives it its name. False: why() tells, and there is no such pair.
   [[nodiscard]] bool publish();
   [[nodiscard]] const std::string& why() const { return why_; }

@@ -68,6 +68,9 @@ class Rows {
   std::string note_;
 };
 
+// The name under which a record's number stands, which is no field.
+inline constexpr std::string_view kNumberName = "#";
+
 // What of a text may stand beside the fields of the layout.
 enum class Unknown : std::uint8_t { kRefused, kIgnored };
 

@@ -80,7 +80,7 @@ class CsvRows : public Rows {
       const auto field = form_.find(name, columns_.size());
       columns_.push_back(field);
       const std::string word = shown(name.substr(0, kShownOfName));
-      if (!field && unknown_ == Unknown::kRefused) {
+      if (!field && unknown_ == Unknown::kRefused && name != kNumberName) {
         return refuse_header(fmt::format("no field is named {}", word));
       }
       if (field && has_column[*field]) return refuse_header(fmt::format("{} twice", word));

@@ -68,7 +68,8 @@ class JsonRows : public Rows {
     for (std::size_t guess = 0; members_.next(); ++guess) {
       const auto field = form_.find(members_.name(), guess);
       if (!field && guess == 0 && members_.name() == "schema") return take_loss();
-      if (!field && unknown_ == Unknown::kIgnored) continue;
+      const bool is_passed = unknown_ == Unknown::kIgnored || members_.name() == kNumberName;
+      if (!field && is_passed) continue;
       const std::string_view name = members_.name().substr(0, kShownOfName);
       if (!field) return bad(fmt::format("no field is named {}", shown(name)));
       if (is_given_[*field]) return bad(fmt::format("{} twice", shown(name)));

@@ -13,6 +13,7 @@ import unittest
 
 from programs import failing, main, tools, zentra as run
 
+MANUAL = pathlib.Path(__file__).resolve().parents[2] / 'man'
 LAYOUT = 'id char 0 6\nname char next 8\namount long next 4 decimal 2\nborn char next 8 date YYYYMMDD null\n'
 KEYS = ('--key', '0,6,char', '--key', '6,8,char,dups,compress')
 RAW = """zentra-raw 1
@@ -253,6 +254,45 @@ class Load(unittest.TestCase):
                         self.sound()
                         self.assertEqual(self.left(), whole)
                         self.remove()
+
+    def test_what_is_dumped_comes_back(self):
+        """Of each shape the same records; of raw text also the numbers and the order of equal keys."""
+        made = self.folder / 'made'
+        shapes = [path.name for path in (MANUAL.parent / 'tests' / 'pairs').iterdir()
+                  if path.name.startswith(('sound-', 'big-sound'))]
+        subprocess.run([tools.transcripts, '--make', made, *shapes], check=True, stdout=subprocess.DEVNULL)
+        self.assertGreater(len(shapes), 12)
+        dump = lambda form, pair: run('dump', '--format', form, pair, folder=self.folder).stdout
+        for shape in shapes:
+            for form in 'raw', 'csv', 'jsonl':
+                with self.subTest(shape, form=form):
+                    pair = made / shape / 'pair'
+                    text = dump(form, pair)
+                    self.write('text', text)
+                    words = () if form == 'raw' else ('--like', pair, '--format', form)
+                    records = text.count(b'\n') if form == 'jsonl' else None
+                    said = self.load(*words, 'new', 'text')
+                    self.assertTrue(records is None or said == f'{records:,} loaded\n', said)
+                    self.sound()
+                    if form == 'raw':
+                        self.assertEqual(dump('raw', 'new'), text)
+                        for index in range(1, text.count(b'\nkey ') - text.count(b'key number') + 1):
+                            self.assertEqual(order_of(self.folder / 'new', index), order_of(pair, index))
+                    self.assertEqual(run('dump', '--layout', self.drafted(pair), 'new', folder=self.folder).stdout,
+                                     run('dump', '--layout', 'drafted', pair, folder=self.folder).stdout)
+                for name in self.left():
+                    self.remove(name)
+        self.load('new', self.write('text', RAW))
+        self.assertEqual(dump('raw', 'new'), RAW.encode())
+        ordered = RAW.replace('4,4,char', '4,4,locale,desc').replace('unique', 'locale c\nunique')
+        self.remove()
+        self.load('new', text=ordered)
+        self.assertEqual(dump('raw', 'new'), ordered.encode())
+        self.remove()
+        self.assertIn('CLIENT_LOCALE does not name', self.load('new', text=ordered.replace('locale c', 'locale d'), status=4))
+
+    def drafted(self, pair):
+        return self.write('drafted', run('layout', pair, folder=self.folder).stdout)
 
     def test_an_index_for_a_data_file_that_has_none(self):
         """Like the one that there was, but for what only that one knew."""
