@@ -3,6 +3,7 @@
 // Finds   crashes, overruns, hangs; a raw record that does not come back from its own line; a
 // reason
 //         with unprintable bytes; a number that does not ascend
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>

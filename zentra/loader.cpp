@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 
 #include "isam.h"
 #include "isam/base/errors.h"

@@ -176,7 +176,8 @@ RawReader::Line RawReader::take_header(std::string_view line) {
     right = h.duplicate_width == 2 || h.duplicate_width == 4;
   } else if (name == "locale") {
     h.collation = take_word(line);
-    right = !h.collation.empty() && h.collation.size() <= isam::kCollationNameSize;
+    right = !h.collation.empty() && h.collation.size() <= isam::kCollationNameSize &&
+            shown(h.collation) == h.collation;
   } else if (name == "unique") {
     h.unique = number(1, INT32_MAX);
     right = h.unique > 0;

@@ -112,7 +112,8 @@ class Load(unittest.TestCase):
                 ('length 12', 'length 12 11', '"length" is wrong'), ('length 12\n', '', 'length of records is missing'),
                 ('length 12', 'length 99999999999', '"length" is wrong'), ('node 512', 'node 5', '"node" is wrong'),
                 ('key 0,4,char', 'key 9,4,char', 'outside the record'), ('key 4', 'kex 4', 'no line of the header'),
-                ('0,4,char', '0,4,chat', 'no type of a part'), ('end 4\n', '', 'torn off'),
+                ('0,4,char', '0,4,chat', 'no type of a part'),
+                ('unique', 'locale a\\b\nunique', '"locale" is wrong'), ('end 4\n', '', 'torn off'),
                 ('end 4', 'end 5', 'had 5 records'), ('DATA\norder 2 3 2\nend 4\n', '', 'torn off'),
                 ('9:0000', '2000000000:0000', 'numbers without a record'), ('records\n', '', 'no line of the header')):
             with self.subTest(why, after=after):
