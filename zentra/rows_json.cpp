@@ -15,8 +15,6 @@
 namespace zentra {
 namespace {
 
-using layout::Kind;
-
 constexpr std::size_t kShownOfName = 60;  // bytes
 
 int digit_of(char c) {
