@@ -37,6 +37,8 @@ class Arguments {
   void wait(double& seconds);  // as_time() of it
   void pair(std::string& name);
   void pairs(std::vector<std::string>& names);
+  // A file by its place, which the help calls `kind`.
+  void file(const char* kind, std::string& name, const char* help);
 
  private:
   CLI::App& app_;

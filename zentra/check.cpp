@@ -35,7 +35,7 @@ std::string sentence(Status status) {
     case Status::kDamaged:
       return "damaged; zentra repair or kestro -y heals it";
     case Status::kNeedsSalvage:
-      return "no sound pair, and nothing that repair heals: it needs salvage";
+      return "no sound pair, and nothing that repair heals: it needs salvage (zentra salvage)";
     default:
       return "could not be checked to its end";
   }

@@ -69,8 +69,9 @@ void Arguments::choice(const char* name, std::string& to, std::vector<std::strin
 }
 
 void Arguments::text(const char* name, std::string& to, const char* kind, const char* help) {
-  takes_any(app_.add_option(name, to, help));
-  app_.get_option(name)->type_name(kind);
+  CLI::Option* const option = app_.add_option(name, to, help);
+  takes_any(option);
+  option->type_name(kind);
 }
 
 void Arguments::texts(const char* name, std::vector<std::string>& to, const char* kind,
@@ -99,6 +100,10 @@ void Arguments::pairs(std::vector<std::string>& names) {
   takes_any(app_.add_option("PAIR", names, "base name, or either file of the pair")
                 ->required()
                 ->expected(1, -1));
+}
+
+void Arguments::file(const char* kind, std::string& name, const char* help) {
+  takes_any(app_.add_option(kind, name, help)->required());
 }
 
 namespace {
@@ -144,7 +149,7 @@ std::vector<Taken> taken_by(CLI::App& app) {
       one.kind = Taken::Kind::kWord;
     } else if (kind == "PAIR") {
       one.kind = Taken::Kind::kPair;
-    } else if (kind == "FILE") {
+    } else if (kind == "FILE" || kind == "DATAFILE") {
       one.kind = Taken::Kind::kFile;
     } else if (option->get_positional() || option->get_expected_max() != 0) {
       one.kind = Taken::Kind::kAnything;

@@ -21,6 +21,9 @@ constexpr Command kCommands[] = {
      "Nothing is changed before the plan is confirmed, nor when the result would not check clean. "
      "Of the data file only the states of records that are dropped, and their references.",
      prepare_repair},
+    {"salvage", "make a new pair of what is left of a data file",
+     "Not one byte of the files that it reads is ever changed, and no file is replaced.",
+     prepare_salvage},
     {"show", "show the bytes of a record, a node or the dictionary, each named",
      "Not one byte of any file is ever changed.", prepare_show},
     {"undo", "put the index of before the last repair back",

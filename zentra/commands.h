@@ -26,6 +26,7 @@ std::function<int()> prepare_layout(Arguments& arguments);
 std::function<int()> prepare_load(Arguments& arguments);
 std::function<int()> prepare_reindex(Arguments& arguments);
 std::function<int()> prepare_repair(Arguments& arguments);
+std::function<int()> prepare_salvage(Arguments& arguments);
 std::function<int()> prepare_show(Arguments& arguments);
 std::function<int()> prepare_undo(Arguments& arguments);
 

@@ -40,14 +40,23 @@ std::optional<std::string> line_of(const BadRecord& bad) {
   if (bad.fate == Fate::kCleared && is_empty(as_text(fixed)) && is_empty(variable)) {
     return std::string{};
   }
-  return fmt::format(
-      "{{\"schema\":{},\"type\":\"lost-record\",\"record\":{},\"state\":{},\"fixed\":\"{}\","
-      "\"variable\":\"{}\",\"kept\":{},\"reason\":\"{}\"}}\n",
-      checker::kSchema, bad.record, trailer[0], hex(as_text(fixed)), hex(variable),
-      bad.fate == Fate::kEmptied ? "true" : "false", code_of(bad.why));
+  return line_of(LostRecord{.record = bad.record,
+                            .state = trailer[0],
+                            .fixed = as_text(fixed),
+                            .variable = variable,
+                            .is_kept = bad.fate == Fate::kEmptied,
+                            .reason = code_of(bad.why)});
 }
 
 }  // namespace
+
+std::string line_of(const LostRecord& lost) {
+  return fmt::format(
+      "{{\"schema\":{},\"type\":\"lost-record\",\"record\":{},\"state\":{},\"fixed\":\"{}\","
+      "\"variable\":\"{}\",\"kept\":{},\"reason\":\"{}\"}}\n",
+      checker::kSchema, lost.record, lost.state, hex(lost.fixed), hex(lost.variable), lost.is_kept,
+      lost.reason);
+}
 
 std::string losses_of(const std::string& name) { return name + ".lost.jsonl"; }
 

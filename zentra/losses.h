@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "common/holders.h"
 #include "zentra/badrecords.h"
@@ -13,6 +14,17 @@
 namespace zentra {
 
 [[nodiscard]] std::string losses_of(const std::string& name);
+
+struct LostRecord {
+  std::int64_t record = 0;  // 0: bytes of no record that is known
+  int state = 0;
+  std::string_view fixed{};
+  std::string_view variable{};
+  bool is_kept = false;  // without its variable part
+  const char* reason = "";
+};
+// Its line.
+[[nodiscard]] std::string line_of(const LostRecord& lost);
 
 class Losses {
  public:

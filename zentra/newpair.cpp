@@ -17,6 +17,9 @@
 #include "isam/calls/opening.h"
 #include "isam/calls/process.h"
 #include "isam/files/files.h"
+#include "zentra/deep.h"
+#include "zentra/notes.h"
+#include "zentra/readpair.h"
 #include "zentra/text.h"
 
 namespace zentra {
@@ -193,9 +196,24 @@ bool NewPair::name_files() {
   return sync_folder(folder) == 0 || fail_by_errno(folder);
 }
 
-bool NewPair::publish() {
-  if (::isclose(std::exchange(isfd_, -1)) != 0) return fail_by_code();
-  return sync() && name_files();
+bool NewPair::close_whole() {
+  return isfd_ < 0 || ::isclose(std::exchange(isfd_, -1)) == 0 || fail_by_code();
 }
+
+bool NewPair::check() {
+  ReadPair pair;
+  if (!close_whole()) return false;
+  if (!pair.open(made_, {}) || !pair.load()) return fail(pair.why());
+  Notes notes{nullptr};
+  DeepCollector collector{notes, isam::RecordLocks{}};
+  constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
+  checker::Check check(kHow, collector);
+  const bool is_whole = check_whole(check, collector, &collector, [] {});
+  isam::clear_errors();
+  if (is_whole && collector.status() == Status::kSound) return true;
+  return fail("the new pair does not check clean: " + notes.first());
+}
+
+bool NewPair::publish() { return close_whole() && sync() && name_files(); }
 
 }  // namespace zentra

@@ -29,6 +29,9 @@ class NewPair {
   // Makes it empty and opens it exclusively. False: why() tells.
   [[nodiscard]] bool make(const PairShape& shape);
   [[nodiscard]] int handle() const { return isfd_; }
+  // Closes it, and looks at it as zentra check does: false where it is not sound, as when a disk
+  // fails; why() tells.
+  [[nodiscard]] bool check();
   // Closes it, and gives it its name. False: why() tells, and there is no such pair.
   [[nodiscard]] bool publish();
   [[nodiscard]] const std::string& why() const { return why_; }
@@ -41,6 +44,7 @@ class NewPair {
   void remove_leftovers() const;
   [[nodiscard]] bool build(const PairShape& shape);
   [[nodiscard]] bool add_indexes(const PairShape& shape);
+  [[nodiscard]] bool close_whole();
   [[nodiscard]] bool sync();
   [[nodiscard]] bool name_files();
   void close();

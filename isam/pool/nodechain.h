@@ -44,6 +44,11 @@ struct AnyNode {
   [[nodiscard]] bool is_sound(const PageHold& /*page*/) const { return true; }
 };
 
+// Where the link of a node leads, of which nothing but its bytes is there.
+[[nodiscard]] inline std::int32_t link_in(ConstBytes node) {
+  return common::ldlong(node.data() + kLinkOffset);
+}
+
 // The link of a node, 0 in the last one.
 class ListLink {
  public:

@@ -53,7 +53,9 @@ class Rpage {
   explicit Rpage(const PageHold& page) : bytes_(page.bytes()), geometry_(filep->geometry.idxsize) {}
 
   // Of a page that is not in the pool.
-  explicit Rpage(Bytes page) : bytes_(page), geometry_(filep->geometry.idxsize) {}
+  explicit Rpage(Bytes page) : Rpage(page, filep->geometry.idxsize) {}
+  // Of a file that is not open.
+  Rpage(Bytes page, int stored_size) : bytes_(page), geometry_(stored_size) {}
 
   [[nodiscard]] bool has_magic() const {
     return common::ldword(bytes_.data() + rpage::kMagicOffset) == rpage::kMagic;

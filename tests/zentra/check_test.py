@@ -405,10 +405,12 @@ class Check(unittest.TestCase):
     def test_examples_of_the_manual(self):
         for name, made in (('sound', 'sound-fixed'), ('damaged', 'big-leaf'), ('ledger', 'data-cut'),
                            ('copy', 'sound-fixed'), ('grown', 'big-sound'),
-                           ('stock', 'descriptions-zeroed'), ('wages', 'record-state-unknown')):
+                           ('stock', 'descriptions-zeroed'), ('wages', 'record-state-unknown'),
+                           ('headless', 'header-magic')):
             for end in '.idx', '.dat':
                 shutil.copy(self.all / made / f'pair{end}', self.folder / (name + end))
         shutil.copy(self.folder / 'ledger.idx', self.folder / 'ledger.idx.before')
+        shutil.copy(self.folder / 'sound.dat', self.folder / 'orphan.dat')
         path = os.path.dirname(tools.zentra) + ':' + os.environ['PATH']
         count = 0
         for page in sorted(MANUAL.glob('zentra*.[17]')):

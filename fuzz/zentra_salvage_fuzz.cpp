@@ -1,0 +1,53 @@
+// zentra_salvage_fuzz: any bytes whatever as a pair, of which zentra makes a new one.
+//
+// Finds   crashes, overruns, hangs and runaway memory; a source that is changed; a new pair that
+//         does not check clean; anything left behind where there is none
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "fuzz/fuzz_pair.h"
+#include "zentra/commandline.h"
+#include "zentra/status.h"
+
+namespace {
+
+std::vector<std::string> words_from(std::uint8_t choice, const std::string& base) {
+  std::vector<std::string> words = {"salvage", base + ".dat", "-o", base + "-new"};
+  if ((choice & 1) != 0) words.emplace_back("--take-all");
+  if ((choice & 2) != 0) words.emplace_back("--deleted");
+  if ((choice & 4) != 0) words.emplace_back("--variable=drop");
+  if ((choice & 8) != 0) words.insert(words.end(), {"--length", std::to_string(choice)});
+  if ((choice & 16) != 0) words.insert(words.end(), {"--index", "/dev/null"});
+  return words;
+}
+
+// How many files there were beside the pair, which are removed.
+int take_away(const std::string& base) {
+  int count = 0;
+  const std::filesystem::path folder = std::filesystem::path{base}.parent_path();
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    const std::string name = entry.path().string();
+    if (name == base + ".idx" || name == base + ".dat") continue;
+    std::filesystem::remove(entry.path());
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const fuzz::Workplace workplace;
+  const auto input = workplace.put({data, size});
+  if (!input) return 0;
+  const std::string& base = workplace.base();
+  const int status = zentra::run(words_from(input->choice, base));
+  const bool is_made = status == static_cast<int>(zentra::Status::kSound) ||
+                       status == static_cast<int>(zentra::Status::kDamaged);
+  if (!workplace.holds(*input)) std::abort();
+  if (is_made && zentra::run({"check", base + "-new"}) != 0) std::abort();
+  const int left = take_away(base);
+  if (is_made ? left < 2 : left != 0) std::abort();
+  return 0;
+}
