@@ -1,7 +1,7 @@
 #include "layout/rows.h"
 
+#include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <utility>
 
 #include "layout/value.h"
@@ -12,10 +12,7 @@ namespace {
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::size_t kNumberRoom = 32;
 
-char* copy(std::string_view text, char* to) {
-  std::memcpy(to, text.data(), text.size());
-  return to + text.size();
-}
+char* copy(std::string_view text, char* to) { return std::copy(text.begin(), text.end(), to); }
 
 char* put_number(std::int64_t number, char* to) {
   return std::to_chars(to, to + kNumberRoom, number).ptr;

@@ -18,10 +18,7 @@ namespace {
 constexpr std::size_t kNumberRoom = 32;   // of one that is no decimal
 constexpr std::size_t kExactDigits = 15;  // of a number, for those who keep it as a double
 
-char* copy(std::string_view text, char* to) {
-  std::memcpy(to, text.data(), text.size());
-  return to + text.size();
-}
+char* copy(std::string_view text, char* to) { return std::copy(text.begin(), text.end(), to); }
 
 // A text that is nothing else.
 bool is_plain_text(const Field& field) {
