@@ -56,4 +56,24 @@ template <typename T>
   return Arena<T>{static_cast<T*>(memory), UnmapArena{in_huge_pages(size)}};
 }
 
+// Has the system take whole huge pages for bytes of an arena that are not used yet.
+inline void expect_huge_pages(void* from, std::size_t size) {
+  const auto start = reinterpret_cast<std::uintptr_t>(from);
+  const std::uintptr_t first = (start + kHugePage - 1) / kHugePage * kHugePage;
+  const std::uintptr_t end = (start + size) / kHugePage * kHugePage;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
+  if (first < end) ::madvise(reinterpret_cast<void*>(first), end - first, MADV_HUGEPAGE);
+}
+
+// Gives back the memory of bytes that are not used any more: they are zero from now on, but for
+// those of pages that reach beyond them.
+inline void drop_bytes(void* from, std::size_t size) {
+  constexpr std::uintptr_t kPage = 4096;
+  const auto start = reinterpret_cast<std::uintptr_t>(from);
+  const std::uintptr_t first = (start + kPage - 1) / kPage * kPage;
+  const std::uintptr_t end = (start + size) / kPage * kPage;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr)
+  if (first < end) ::madvise(reinterpret_cast<void*>(first), end - first, MADV_DONTNEED);
+}
+
 }  // namespace common

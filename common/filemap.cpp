@@ -1,5 +1,6 @@
 #include "common/filemap.h"
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -78,6 +79,7 @@ FileMap& FileMap::operator=(FileMap&& other) noexcept {
   std::swap(mapped_, other.mapped_);
   std::swap(known_, other.known_);
   std::swap(reads_, other.reads_);
+  std::swap(cold_, other.cold_);
   std::swap(usable_, other.usable_);
   return *this;
 }
@@ -89,6 +91,7 @@ void FileMap::forget() {
   mapped_ = 0;
   known_ = 0;
   reads_ = 0;
+  cold_ = {};
   usable_ = true;
 }
 
@@ -136,6 +139,24 @@ bool FileMap::copy(Bytes to, std::int64_t offset) {
   begin_copy(from);
   std::memcpy(to.data(), from.data(), from.size());
   return end_copy();
+}
+
+// copy(), with a look at the time it takes: where it has waited for a disk, what lies around it is
+// asked for, unless the file has more than half of what the memory holds.
+bool FileMap::look_at_copy(int fd, Bytes to, std::int64_t offset) {
+  static const std::int64_t most =
+      std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE) / 2;
+  // Of a longer range the system may read only the first part.
+  constexpr std::int64_t kPiece = std::int64_t{128} * 1024;
+  const auto start = std::chrono::steady_clock::now();
+  const bool copied = copy(to, offset);
+  const auto taken = std::chrono::steady_clock::now() - start;
+  const ColdReads::Range ask = cold_.note(offset, known_, taken);
+  for (std::int64_t done = 0; done < ask.length && known_ <= most; done += kPiece) {
+    const std::int64_t length = std::min(kPiece, ask.length - done);
+    ::posix_fadvise(fd, ask.start + done, length, POSIX_FADV_WILLNEED);
+  }
+  return copied;
 }
 
 void FileMap::look_again(int fd) {

@@ -2,6 +2,7 @@
 //
 // Gives   read(): the same bytes and the same failures as read_at()
 // Keeps   the mapping shows what any process has written, at once
+//         (while reads wait for a disk, the system is asked for what lies around them, too)
 // Never   maps a file that is read a few times only; uses the mapping while a test has put its own
 //         reading in place of the system's; lets a disk error, or a file that was cut off, end the
 //         process: the page that cannot be had is told by a SIGBUS, which is taken here, and the
@@ -16,6 +17,7 @@
 #include <cstdint>
 
 #include "common/bytes.h"
+#include "common/coldreads.h"
 #include "common/io.h"
 
 namespace common {
@@ -32,7 +34,9 @@ class FileMap {
   // same at each call until forget().
   [[nodiscard]] ssize_t read(int fd, Bytes to, std::int64_t offset) {
     const auto size = static_cast<ssize_t>(to.size());
-    return covers(to.size(), offset) && copy(to, offset) ? size : call(fd, to, offset);
+    if (!covers(to.size(), offset)) return call(fd, to, offset);
+    const bool copied = cold_.is_due() ? look_at_copy(fd, to, offset) : copy(to, offset);
+    return copied ? size : call(fd, to, offset);
   }
   // Lets `copy` copy as it likes out of the bytes that the file is known to have, which it is
   // given; none where the file is not mapped. False when a page of them was missing: then what it
@@ -74,6 +78,7 @@ class FileMap {
   static void begin_copy(ConstBytes from);
   [[nodiscard]] bool end_copy();
   [[nodiscard]] bool copy(Bytes to, std::int64_t offset);
+  [[nodiscard]] bool look_at_copy(int fd, Bytes to, std::int64_t offset);
   [[nodiscard]] ssize_t call(int fd, Bytes to, std::int64_t offset);
   void map(int fd);
 
@@ -83,7 +88,8 @@ class FileMap {
   std::int64_t mapped_ = 0;  // bytes of address space, perhaps more than the file has
   std::int64_t known_ = 0;   // bytes that the file was seen to have
   int reads_ = 0;            // beyond the mapping
-  bool usable_ = true;       // false: it is not mapped, nor will it be before forget()
+  ColdReads cold_;
+  bool usable_ = true;  // false: it is not mapped, nor will it be before forget()
 };
 
 }  // namespace common

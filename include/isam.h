@@ -31,8 +31,8 @@
  *
  * File names are taken as they are, relative to the folder of the moment: a program that changes
  * its folder uses absolute ones. Locks belong to the process: closing an open, or releasing its
- * locks, may also release those that other opens of the same file in the process hold. After a
- * fork() the child uses none of the opens of its parent.
+ * locks other than by isrelrec(), may also release those that other opens of the same file in the
+ * process hold. After a fork() the child uses none of the opens of its parent.
  *
  * Environment, each looked up once on first use; marvolen.rc(5) tells where else it may be set:
  *   ISAMBUFS             page buffers of 1 KiB shared by all files, 4 to 32766 (default 16);
@@ -427,6 +427,11 @@ int isunlock(int isfd);
  * changed stays locked. */
 int isrelease(int isfd);
 
+/* Releases the lock of record number `recnum` alone, as isrelease() would: what else the process
+ * has locked stays so, and with it a lock of the whole file. Nothing to do where the record is not
+ * locked, or where this open has locked nothing. -1 with ISEARGUMENT for a number below 1. */
+int isrelrec(int isfd, int32_t recnum);
+
 /* Whether another process has the whole file locked: 1 or 0, -1 when `isfd` cannot be entered.
  * `how` 0 tests; any other value waits until it could be locked. */
 int isfilelocked(int isfd, int how);
@@ -520,6 +525,12 @@ int issetunique(int isfd, int32_t id);
 /* The alteration counter, for the application's own use: read it, add one to it. */
 int isaltchk(int isfd, int32_t* count);
 int isaltinc(int isfd);
+
+/* The change stamp of the file: each call of whatever process that changes a record or an index
+ * raises it by one (4294967295 is followed by 0), the calls for counters do not. Two equal ones of
+ * one file: nothing has changed between them. Between two that differ something has, though a
+ * rollback may have changed it back. -1 with ISENOTOPEN, ISEARGUMENT. */
+int isstamp(int isfd, uint32_t* stamp);
 
 /* Whether a file has an index in the order of a locale: 1 or 0, -1 when it cannot be opened. */
 int isnlsversion(const char* name);

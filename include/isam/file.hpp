@@ -153,6 +153,12 @@ class File {
     expect(iskeyinfo(isfd_, &description, n), "iskeyinfo");
     return Key(description);
   }
+  // Raised by each change of a record or an index, whoever makes it (isstamp).
+  [[nodiscard]] std::uint32_t stamp() const {
+    std::uint32_t stamp = 0;
+    expect(isstamp(isfd_, &stamp), "isstamp");
+    return stamp;
+  }
   // The next number of the file's own counter.
   [[nodiscard]] std::int32_t unique_id() {
     std::int32_t id = 0;
@@ -201,6 +207,9 @@ class File {
     }
     return outcome;
   }
+
+  // Releases the lock of this record, and of no other (isrelrec).
+  void release(const Record& record) const { expect(isrelrec(isfd_, record.number()), "isrelrec"); }
 
   // Adds a record; `record` gets its number. The position stays.
   Outcome add(Record& record) {

@@ -216,7 +216,7 @@ struct Open {
   bool logged = false;  // the log knows of it
   bool holds_semaphore = false;
   bool holds_file_lock = false;
-  bool holds_record_locks = false;
+  NumberSet locked;  // records that it has locked and not released
   OfTransaction transaction;
   std::uint16_t process = 0;  // low 16 bits of the process and user ids when it was made
   std::uint16_t user = 0;

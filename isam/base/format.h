@@ -23,6 +23,7 @@ inline constexpr int kPageSize = 1024;          // a data block, and an index no
 inline constexpr int kMinStoredNodeSize = 127;  // d_idxsize is the node size minus one
 inline constexpr int kMaxStoredNodeSize = 1024;
 inline constexpr int kMaxNodeSize = kMaxStoredNodeSize + 1;
+inline constexpr int kMaxRecordLength = 32511;  // bytes, the variable part among them
 
 // The dictionary: the first 117 bytes of node 1.
 inline constexpr int kDictionarySize = 117;

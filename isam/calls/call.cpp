@@ -174,6 +174,7 @@ void write_some() {
   if (++filep->unwritten.calls < kCallsUnwritten) return;
   const KeepError keep;
   if (dictwrite() != 0) bfnote_failure(*filep);
+  bfease(false);
 }
 
 // Forgets the changes of a call that failed: whether it has. Not those that are to stay, may wait,

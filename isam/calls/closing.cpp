@@ -20,7 +20,10 @@ namespace {
 // All of the process's exclusive opens of the current file end: 0, or -1 with iserrno, the pair's
 // mark left and what could not be written lost.
 int end_exclusive() {
-  if (write_and_unmark() == 0) return 0;
+  if (write_and_unmark() == 0) {
+    bfease(true);
+    return 0;
+  }
   bfflush(*filep);  // once more: what is written need not be mended
   filep->unwritten.direct.bytes.clear();
   bfdrop(*filep, INT32_MIN);

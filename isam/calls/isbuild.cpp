@@ -24,7 +24,6 @@
 namespace isam {
 namespace {
 
-constexpr int kMaxRecordLength = 32511;
 constexpr std::int32_t kFirstKeyNode = 2;
 
 struct Sizes {

@@ -1,4 +1,6 @@
-// islock: locks of whole files, and the release of all locks of an open.
+// islock: locks of whole files, and the release of what an open has locked.
+#include <cstdint>
+
 #include "isam/base/errors.h"
 #include "isam/calls/call.h"
 #include "isam/calls/traced.h"
@@ -70,4 +72,19 @@ static int release_call(int isfd) {
 
 extern "C" int isrelease(int isfd) {
   return traced("isrelease", isfd, [=] { return release_call(isfd); });
+}
+
+static int release_record_call(int isfd, std::int32_t recnum) {
+  Call call{isfd, {.shared = true}};
+  if (!call) return -1;
+  if (recnum < 1) {
+    failed(kBadArgument);
+  } else {
+    release_record_lock(recnum);
+  }
+  return call.end();
+}
+
+extern "C" int isrelrec(int isfd, std::int32_t recnum) {
+  return traced("isrelrec", isfd, [=] { return release_record_call(isfd, recnum); });
 }

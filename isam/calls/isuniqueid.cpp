@@ -1,4 +1,4 @@
-// isuniqueid: the counter of unique ids and the alteration counter.
+// isuniqueid: the counter of unique ids, the alteration counter and the change stamp.
 #include <cstdint>
 
 #include "isam/base/errors.h"
@@ -88,3 +88,9 @@ static int count_call(int isfd) {
 }
 
 extern "C" int isaltinc(int isfd) { return noted("isaltinc", isfd, count_call(isfd)); }
+
+extern "C" int isstamp(int isfd, std::uint32_t* stamp) {
+  return noted("isstamp", isfd, tell<std::uint32_t>(isfd, stamp, [](const Dictionary& d) {
+                 return d.d_modcount();
+               }));
+}

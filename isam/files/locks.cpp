@@ -158,7 +158,7 @@ bool is_held(std::int32_t number) {
 // is on: 0, or -1 with 116.
 int keep_held(std::int32_t number, LockList list) {
   PairLocks& locks = filep->locks;
-  openp->holds_record_locks = true;
+  if (!openp->locked.insert(number)) return failed(kNoMemory);
   if (list != LockList::kHeld || locks.held.contains(number)) return 0;
   if (!locks.held.insert(number)) return failed(kNoMemory);
   locks.releasable.erase(number);
@@ -171,15 +171,16 @@ int take_record(std::int32_t number, RecordLock how, LockList list) {
   const bool in_file_lock = filep->locks.filelocks > 0;  // which has the record's byte already
   if (!in_file_lock && request_record(command, F_WRLCK, number) != 0) return -1;
   NumberSet& set = list == LockList::kHeld ? filep->locks.held : filep->locks.releasable;
-  if (!set.insert(number)) {
+  if (!openp->locked.insert(number) || !set.insert(number)) {
+    openp->locked.erase(number);
     if (!in_file_lock) request_record(F_SETLK, F_UNLCK, number);
     return failed(kNoMemory);
   }
-  openp->holds_record_locks = true;
   return 0;
 }
 
 int release_record(std::int32_t number) {
+  openp->locked.erase(number);
   if (!filep->locks.releasable.erase(number) && !filep->locks.held.erase(number)) return 0;
   return request_record(F_SETLK, F_UNLCK, number);
 }
@@ -197,6 +198,7 @@ int take_file_lock() {
 }
 
 bool holds_file_lock() { return openp->holds_file_lock; }
+bool holds_record_locks() { return !openp->locked.empty(); }
 
 // Whether another open of the process has the whole file locked.
 bool another_holds_file() { return filep->locks.filelocks > (holds_file_lock() ? 1 : 0); }
@@ -240,7 +242,7 @@ void forget_records() {
 //   one does. That one loses it without being told: so it has always been
 int release_file_lock() {
   const bool holds = holds_file_lock();
-  if (!holds && !openp->holds_record_locks) return 0;
+  if (!holds && !holds_record_locks()) return 0;
   const bool held_stay = filep->locks.kept;
   if (held_stay) {
     if (holds && !another_holds_file() && release_all_but_held() != 0) return -1;
@@ -251,7 +253,7 @@ int release_file_lock() {
   }
   if (holds) --filep->locks.filelocks;
   openp->holds_file_lock = false;
-  if (!held_stay) openp->holds_record_locks = false;
+  if (!held_stay) openp->locked.clear();
   return 0;
 }
 
@@ -319,11 +321,21 @@ int release_locks() {
   return 0;
 }
 
+// The lock of the whole file has the record's byte, too.
+int release_record_lock(std::int32_t number) {
+  PairLocks& locks = filep->locks;
+  if ((openp->mode & ISEXCLLOCK) != 0 || !holds_record_locks()) return 0;
+  const bool held_stay = locks.kept || may_be_undone();
+  const bool goes = locks.releasable.erase(number) || (!held_stay && locks.held.erase(number));
+  if (goes) openp->locked.erase(number);
+  return goes && locks.filelocks == 0 ? request_record(F_SETLK, F_UNLCK, number) : 0;
+}
+
 int release_transaction_locks() {
   if (holds_file_lock() || !another_holds_file()) return lkfile(false);
   // The file lock of the other open has all records locked: only the lists are cleared.
   forget_records();
-  openp->holds_record_locks = false;
+  openp->locked.clear();
   return 0;
 }
 

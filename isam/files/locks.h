@@ -63,8 +63,11 @@ void lkrelease();
 // transaction those of records that it has changed stay; of the others on the kHeld list, locked
 // before it began, they may. 0, or -1.
 int release_locks();
-// The same for an open whose transaction has ended: the locks of changed records go too. The
-// whole-file lock of another open stays. 0, or -1.
+// Releases the lock of one record that release_locks() would release, for all opens of the process.
+// 0, or -1.
+int release_record_lock(std::int32_t number);
+// As release_locks(), for an open whose transaction has ended: the locks of changed records go too.
+// The whole-file lock of another open stays. 0, or -1.
 int release_transaction_locks();
 
 // Takes (waiting) or releases a lock on all of a file that is no index file: 0, or -1 with

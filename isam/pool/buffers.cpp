@@ -26,21 +26,9 @@ void PageHold::gives_up() const {
 
 bool PageHold::is_given_up() const { return (buffer_->flags & kGivesUp) != 0; }
 
-void PageHold::release() {
-  if (buffer_ != nullptr) the_pool->bfrelease(std::exchange(buffer_, nullptr));
-}
-
 int PageHold::write() {
   modified();
   return the_pool->bfwrite(std::exchange(buffer_, nullptr));
-}
-
-PageHold bfread(std::int32_t node) {
-  if (node < 1) {
-    failed(kCorrupted);
-    return {};
-  }
-  return PageHold{pool().bfread(node)};
 }
 
 PageHold bfread_data(std::int32_t block) { return PageHold{pool().bfread(block | kDataBlock)}; }
@@ -78,6 +66,10 @@ int bfcommit(OpenPair& file) { return pool().order().commit(file); }
 int bfdiscard(OpenPair& file) { return pool().bfdiscard(file); }
 
 void bfdrop(OpenPair& file, std::int32_t first) { pool().bfdrop(file, first); }
+
+void bfease(bool at_once) {
+  if (the_pool) the_pool->bfease(at_once);
+}
 
 int bfpend(OpenPair& file) { return bfprocess(file, false); }
 

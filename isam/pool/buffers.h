@@ -16,11 +16,16 @@
 //         B3 the frame fields of a modified node (used count, kind, level) are put back into the
 //            page when it is released
 //         B4 of the index nodes and of the data blocks, the least recently released is the first to
-//            give its buffer up; nodes stay longer than data blocks
+//            give its buffer up, to within a sixteenth of the pool; nodes stay longer than data
+//            blocks
 //         B5 what a call changes of a file that others use too stays in the pool until the call
 //            ends: the pool grows for it, and the call can be taken back
 //         B6 forgetting a file costs the same however many pages of it are cached: its generation
 //            changes, and pages of an older one count as not read
+//         B7 in a large pool (4096 buffers) nodes that an exclusive open has changed may take up to
+//            eight times the memory, an eighth of the system's at most: they are written when no
+//            more can be had, when the system has little left, or when the exclusive open ends,
+//            and then the memory is given back
 // Gives   PageHold: a busy page that gives itself back when it leaves scope
 // Never   locks; entering a call makes it forget a file that another process changed
 //
@@ -45,10 +50,12 @@ enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp
 struct alignas(64) Buffer {
   std::uint16_t flags;  // BufferFlag
   std::uint16_t used;   // frame fields of a node, kept here while the page is in the pool
-  Byte node_type;
-  Byte level;
-  std::int32_t block;  // node number, or number of a data block with the top bit set
-  OpenPair* file;      // null: the buffer holds no page
+  std::int32_t block;   // node number, or number of a data block with the top bit set
+  std::uint64_t node_type : 8;
+  std::uint64_t level : 8;
+  std::uint64_t
+      version : 48;  // of the page's bytes: no two reads or changes of pages have the same
+  OpenPair* file;    // null: the buffer holds no page
   Byte* page;
   std::uint64_t generation;  // the file's when the page was read
   std::uint64_t released;    // when it was released last, counted in releases
@@ -79,8 +86,8 @@ class PageHold {
   [[nodiscard]] std::int32_t node() const { return buffer_->block; }
 
   [[nodiscard]] int used() const { return buffer_->used; }
-  [[nodiscard]] Byte node_type() const { return buffer_->node_type; }
-  [[nodiscard]] Byte level() const { return buffer_->level; }
+  [[nodiscard]] Byte node_type() const { return static_cast<Byte>(buffer_->node_type); }
+  [[nodiscard]] Byte level() const { return static_cast<Byte>(buffer_->level); }
   void set_used(int used) { buffer_->used = static_cast<std::uint16_t>(used); }
   void set_frame(int used, Byte node_type, Byte level) {
     set_used(used);
@@ -96,12 +103,32 @@ class PageHold {
   // Whether gives_up() was called since the page was last written, whatever the page serves for
   // now.
   [[nodiscard]] bool is_given_up() const;
-  void release();
+  void release() {
+    if (buffer_ != nullptr) release_page(std::exchange(buffer_, nullptr));
+  }
   // Writes the page now, changed or not, and gives it back: 0, or -1 with iserrno.
   int write();
 
  private:
+  friend class PageStamp;
+  static void release_page(Buffer* buffer);
+
   Buffer* buffer_ = nullptr;
+};
+
+// A node as it is while it is held.
+class PageStamp {
+ public:
+  PageStamp() = default;
+  explicit PageStamp(const PageHold& page)
+      : buffer_(page.buffer_), version_(page.buffer_->version) {}
+  // Whether the pool has that node of the current file still, not changed since and not held. It
+  // counts as used, then.
+  [[nodiscard]] bool stands() const;
+
+ private:
+  Buffer* buffer_ = nullptr;
+  std::uint64_t version_ = 0;
 };
 
 // Node `node` of the current file; empty with iserrno when it cannot be read whole (105 without a
@@ -152,6 +179,10 @@ int bfdiscard(OpenPair& file);
 void bfdrop(OpenPair& file, std::int32_t first);
 // bfprocess() that only counts.
 int bfpend(OpenPair& file);
+// Gives back the memory that changed nodes have taken beyond `ISAMBUFS`, after writing them: at
+// once, as far as it holds nothing unwritten, or, asked between calls, now and then when the system
+// has little left.
+void bfease(bool at_once);
 // Forgets every idle page of a file. A change that waits to be written is fatal: it would be lost.
 void bfignor(OpenPair& file);
 // The descriptor of a file's data is about to be closed: nothing that was read ahead through it is

@@ -2,7 +2,7 @@
 //
 // A ring of releases, read from its old end; a release counts only while it is its buffer's last
 // one and the buffer idle. Unlike a linked list it costs a page found in the pool no look at other
-// buffers.
+// buffers. A buffer in use while its release is met is out of order until its next one.
 #pragma once
 
 #include <bit>
@@ -15,21 +15,24 @@
 
 namespace isam {
 
+inline constexpr std::uint64_t kOutOfOrder = 0;  // of Buffer::released: in no ring
+
 class LruRing {
  public:
-  // Makes room for so many buffers; false without memory, with everything as it was.
-  [[nodiscard]] bool reserve(std::size_t buffers) {
+  // Makes room for so many buffers, which are all that are in order or more; false without memory,
+  // with everything as it was.
+  [[nodiscard]] bool resize(std::size_t buffers) {
     const std::size_t releases = std::bit_ceil(buffers * 4);
-    if (releases <= mask_ + 1) return true;
-    LruRing larger;
-    larger.ring_ = common::make_arena<Buffer*>(releases);
-    larger.numbers_ = common::make_arena<std::uint64_t>(releases);
-    if (larger.ring_ == nullptr || larger.numbers_ == nullptr) return false;
-    larger.mask_ = releases - 1;
+    if (releases == mask_ + 1) return true;
+    LruRing other;
+    other.ring_ = common::make_arena<Buffer*>(releases);
+    other.numbers_ = common::make_arena<std::uint64_t>(releases);
+    if (other.ring_ == nullptr || other.numbers_ == nullptr) return false;
+    other.mask_ = releases - 1;
     for (; begin_ != end_; ++begin_) {
-      if (counts(begin_)) larger.released(ring_[begin_ & mask_]);
+      if (counts(begin_)) other.released(ring_[begin_ & mask_]);
     }
-    *this = std::move(larger);
+    *this = std::move(other);
     return true;
   }
   // Takes note of a release, whose number `buffer->released` is. There is room for the buffer.
@@ -41,15 +44,17 @@ class LruRing {
   // The buffer that was released longest ago, which stays in the ring; null when no release counts.
   [[nodiscard]] Buffer* oldest() {
     for (; begin_ != end_; ++begin_) {
-      if (counts(begin_)) return ring_[begin_ & mask_];
+      if (!counts(begin_)) continue;
+      Buffer* const buffer = ring_[begin_ & mask_];
+      if ((buffer->flags & kBusy) == 0) return buffer;
+      buffer->released = kOutOfOrder;
     }
     return nullptr;
   }
 
  private:
   [[nodiscard]] bool counts(std::uint64_t at) const {
-    const Buffer& buffer = *ring_[at & mask_];
-    return buffer.released == numbers_[at & mask_] && (buffer.flags & kBusy) == 0;
+    return ring_[at & mask_]->released == numbers_[at & mask_];
   }
   // At most one release of each buffer counts, so that most of a full ring goes.
   void compact() {

@@ -12,11 +12,14 @@
 namespace isam {
 namespace {
 
-static_assert(environment::kMostBuffers + kMostAdded <
-              UINT16_MAX);  // the table numbers them in 16 bits
+// So many times ISAMBUFS may nodes take that an exclusive open has changed, of a large pool.
+constexpr std::size_t kMostGrowth = 8;
+constexpr std::size_t kLargePool = 4096;
+static_assert(environment::kMostBuffers * kMostGrowth + kMostAdded < PageTable::kMostBuffers);
 // An unused node keeps its buffer about so many times longer than an unused data block.
 constexpr std::uint64_t kNodeLifetimes = 64;
-constexpr std::size_t kPageStride = 1088;  // room for a node of 1025 bytes, in whole cache lines
+// A page released again before a pool's so-manieth part of others keeps its place in the order.
+constexpr std::size_t kSoonPart = 16;
 
 // Whether a buffer can be given another page before the call ends: its page was not changed, or the
 // pair is open exclusively and no write of it has failed.
@@ -77,9 +80,18 @@ Pool::Pool()
       order_(*this) {
   const std::size_t most = most_buffers_;
   const std::size_t count = most - kMostAdded;
-  buffs_ = common::make_arena<Buffer>(count, kMostAdded);
-  pages_ = common::make_arena<Byte>(count * kPageStride, kMostAdded * kPageStride);
-  if (!buffs_ || !pages_ || !table_.reserve(buffs_.get(), most) || !add_buffers(count)) {
+  const auto map = [&](std::size_t spare) {
+    buffs_ = common::make_arena<Buffer>(count, spare);
+    pages_ = common::make_arena<Byte>(count * kPageStride, spare * kPageStride);
+    return buffs_ != nullptr && pages_ != nullptr;
+  };
+  least_buffers_ = count;
+  growth_.most = count < kLargePool ? 0 : count * kMostGrowth;
+  if (growth_.most == 0 || !map(growth_.most - count)) {
+    growth_.most = 0;
+    if (!map(kMostAdded)) common::error("cannot allocate buffers");
+  }
+  if (!table_.reserve(buffs_.get(), most) || !add_buffers(count)) {
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(most);
@@ -89,7 +101,7 @@ Pool::Pool()
 // Puts buffers to use that have been spare: false without memory, with the pool as it was.
 bool Pool::add_buffers(std::size_t count) {
   const std::size_t all = std::min(nbuffs_ + count, most_buffers_);
-  if (!nodes_.reserve(all) || !data_blocks_.reserve(all)) return false;
+  if (!nodes_.resize(all) || !data_blocks_.resize(all)) return false;
   for (; nbuffs_ < all; ++nbuffs_) {
     buffs_[nbuffs_].page = pages_.get() + nbuffs_ * kPageStride;
     put_in_order(&buffs_[nbuffs_]);
@@ -164,6 +176,8 @@ Buffer* Pool::victim() {
     Buffer* const buffer = choose_victim();
     if (buffer == nullptr || (buffer->flags & kModified) == 0) return buffer;
     const bool forced = !may_go(buffer);
+    Buffer* const another = forced || buffer->block < 0 ? nullptr : one_more();
+    if (another != nullptr) return another;
     if (spill(buffer) == 0) return buffer;
     // A page that will be tried again keeps its buffer, and another buffer is looked for. Given up
     // is a page that will not be tried again, or has to go because the pool can grow no more.
@@ -180,6 +194,7 @@ void Pool::reuse(Buffer* buffer, std::int32_t block) {
   buffer->block = block;
   buffer->file = filep;
   buffer->flags = 0;
+  buffer->released = kOutOfOrder;
   table_.insert(buffer);
 }
 
@@ -225,6 +240,7 @@ bool Pool::load(Buffer& buffer) {
     buffer.node_type = buffer.page[node_type_offset(buffer.file->geometry.idxsize)];
     buffer.level = buffer.page[node_level_offset(buffer.file->geometry.idxsize)] & 0x7F;
   }
+  has_new_bytes(&buffer);
   buffer.flags |= kValid;
   return true;
 }
@@ -288,6 +304,12 @@ Buffer* Pool::bfgetclr(std::int32_t block) {
   return buffer;
 }
 
+// The nodes next to a root are released by every call: they keep the place that they have.
+inline void Pool::used(Buffer* buffer) {
+  const bool is_soon = ++releases_ - buffer->released <= nbuffs_ / kSoonPart;
+  if (buffer->released == kOutOfOrder || !is_soon) put_in_order(buffer);
+}
+
 void Pool::bfrelease(Buffer* buffer) {
   if ((buffer->flags & kBusy) == 0) common::error("buffer not busy");
   buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kBusy);
@@ -296,7 +318,29 @@ void Pool::bfrelease(Buffer* buffer) {
     buffer->page[node_type_offset(buffer->file->geometry.idxsize)] = buffer->node_type;
     buffer->page[node_level_offset(buffer->file->geometry.idxsize)] = buffer->level;
   }
-  put_in_order(buffer);
+  used(buffer);
+}
+
+// These stand here so that they are compiled in one with what they call.
+
+void PageHold::release_page(Buffer* buffer) { the_pool->bfrelease(buffer); }
+
+bool PageStamp::stands() const {
+  if (buffer_ == nullptr || buffer_->version != version_ || buffer_->file != filep ||
+      buffer_->generation != filep->cached.generation ||
+      (buffer_->flags & (kValid | kBusy)) != kValid) {
+    return false;
+  }
+  the_pool->used(buffer_);
+  return true;
+}
+
+PageHold bfread(std::int32_t node) {
+  if (node < 1) {
+    failed(kCorrupted);
+    return {};
+  }
+  return PageHold{pool().bfread(node)};
 }
 
 }  // namespace isam

@@ -1,8 +1,9 @@
 // pool: the buffers behind isam/pool/buffers.h.
 //
 // pool.cpp finds, reads and reuses buffers, poolwrite.cpp writes what was changed, writeorder.cpp
-// what a call changed of a file that other processes use. A function that buffers.h has too does
-// what is said there. Here a data block's number has its top bit set.
+// what a call changed of a file that other processes use, poolgrowth.cpp has the memory that nodes
+// changed under exclusive opens take beyond ISAMBUFS. A function that buffers.h has too does what
+// is said there. Here a data block's number has its top bit set.
 #pragma once
 
 #include <cstddef>
@@ -23,6 +24,16 @@ namespace isam {
 inline constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit of a data block's number
 inline constexpr std::size_t kMostAdded = 2048;        // buffers that the pool grows by at most
 inline constexpr std::int64_t kSystemPage = 4096;      // pages within one are written together
+// Room for a node of 1025 bytes, in whole cache lines.
+inline constexpr std::size_t kPageStride = 1088;
+
+// Room for buffers beyond ISAMBUFS.
+struct Growth {
+  std::size_t most = 0;       // buffers that the pool grows to at most
+  std::size_t room = 0;       // buffers that tables have room for, or nothing yet
+  std::size_t not_asked = 0;  // so many times more growth is refused without asking the system
+  std::size_t eased = 0;      // times that bfease() was called
+};
 
 class Pool {
  public:
@@ -33,6 +44,8 @@ class Pool {
   Buffer* bfgetclr(std::int32_t block);
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
+  // An idle page is used, though nobody has held it.
+  void used(Buffer* buffer);
   // bfwrite() writes one page, changed or not, and releases it; write_buffer() writes an idle
   // modified one, and those beside it in the same kSystemPage. 0, or -1 with the failure in iserrno
   // and noted: then the changes of an exclusive open (but for a repair) stay modified, others are
@@ -51,6 +64,7 @@ class Pool {
   // The page is written, or its change is lost.
   void modified_out(Buffer* buffer);
   int bfdiscard(OpenPair& file);
+  void bfease(bool at_once);
   void bfdrop(OpenPair& file, std::int32_t first);
   void bfignor(OpenPair& file);
   // What bfclosing() does.
@@ -62,14 +76,18 @@ class Pool {
   WriteOrder& order() { return order_; }
 
  private:
-  static constexpr std::uint64_t kOutOfOrder = 0;  // of Buffer::released: in no ring
-
   // Idle, but left out by oldest_that_may_go() because it may not give its buffer up.
   static bool is_out_of_order(const Buffer& buffer) {
     return buffer.released == kOutOfOrder && (buffer.flags & kBusy) == 0;
   }
   [[nodiscard]] bool add_buffers(std::size_t count);
+  [[nodiscard]] bool more_room();
+  Buffer* one_more();
+  void give_back();
   void put_in_order(Buffer* buffer);
+  void has_new_bytes(Buffer* buffer) {
+    buffer->version = ++versions_ & ((std::uint64_t{1} << 48) - 1);
+  }
   Buffer* oldest_that_may_go(LruRing& order);
   Buffer* oldest_of_all();
   Buffer* choose_victim();
@@ -85,11 +103,14 @@ class Pool {
   bool load(Buffer& buffer);
 
   std::size_t nbuffs_ = 0;
-  std::size_t most_buffers_ = 0;
+  std::size_t most_buffers_ = 0;   // that calls of shared opens make the pool grow to
+  std::size_t least_buffers_ = 0;  // what ISAMBUFS says
+  Growth growth_;
   PageTable table_;
   LruRing nodes_;
   LruRing data_blocks_;
   std::uint64_t releases_ = 0;
+  std::uint64_t versions_ = 0;
   common::Arena<Buffer> buffs_;
   common::Arena<Byte> pages_;
   common::ReadAhead index_window_;

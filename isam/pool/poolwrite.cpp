@@ -51,6 +51,7 @@ void bfnote_failure(OpenPair& file) {
 
 void Pool::modified(Buffer* buffer) {
   buffer->file->call.page_changed = true;
+  has_new_bytes(buffer);
   if ((buffer->flags & kModified) != 0) return;
   buffer->flags |= kValid | kModified;
   Buffer*& head = buffer->file->unwritten.pages;

@@ -239,8 +239,11 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
   const auto slot = [&](std::size_t at) {
     return from.data() + (static_cast<std::size_t>(numbers[at]) - 1) * size;
   };
+  // Neighbours are fetched without being asked for.
+  const bool are_neighbours = std::int64_t{numbers.back()} - numbers.front() ==
+                              static_cast<std::int64_t>(numbers.size()) - 1;
   for (std::size_t i = 0; i < numbers.size(); ++i, to += length) {
-    if (i + kAhead < numbers.size()) prefetch(slot(i + kAhead), size);
+    if (!are_neighbours && i + kAhead < numbers.size()) prefetch(slot(i + kAhead), size);
     if (slot(i)[length] != kRecordPresent) return i;
     std::memcpy(to, slot(i), length);
   }

@@ -231,11 +231,20 @@ enum class Met {
 // Goes down by what `descent` chooses in each node, to the leaf in which the search ends.
 Met go_down(Cursor& cursor, Descent& descent, std::int32_t root) {
   Position& bt = cursor.bt;
+  const ItemLayout& layout = descent.layout();
   std::int32_t number = root;
   for (bt.depth = 0;; ++bt.depth) {
-    const TreeNode node = node_at(cursor, bt.depth, number);
-    if (!node) return Met::kFailed;
     PathLevel& level = bt.leaf();
+    const UpperNode* const upper =
+        bt.depth < kMaxTreeLevels - 1 ? find_upper(number, layout) : nullptr;
+    if (upper != nullptr) {
+      level = {number, 0, 0, upper->length()};
+      number = descent.choose(*upper, level);
+      if (number < 0) return Met::kFailed;
+      continue;
+    }
+    TreeNode node = node_at(cursor, bt.depth, number);
+    if (!node) return Met::kFailed;
     if (level.length == 0) return Met::kEmptyTree;
     if (!descent.choose(node, level)) return Met::kFailed;
     if (node.is_leaf()) {
@@ -243,6 +252,7 @@ Met go_down(Cursor& cursor, Descent& descent, std::int32_t root) {
       if (!descent.on_greater()) return Met::kLastPassed;
       return descent.take(node, level) ? Met::kGreater : Met::kFailed;
     }
+    note_upper(number, node, layout);
     number = child_before(node.area(), level.next);
   }
 }

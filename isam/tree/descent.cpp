@@ -37,7 +37,7 @@ Descent::Descent(Item& sought, Item& found, const keydescr& k, int len, Search m
       mode_(mode),
       numbers_(mode == Search::kInsert && layout_.dups),
       skips_(layout_.compressed() && order_.bytewise() && (len < 1 || len >= k.keylen)),
-      leads_(!layout_.compressed() && order_.has_leading() && (len < 1 || len >= k.keylen)) {}
+      leads_(order_.has_leading() && (len < 1 || len >= k.keylen)) {}
 
 bool Descent::choose(const TreeNode& node, PathLevel& level) {
   leaf_ = node.is_leaf();
@@ -52,6 +52,16 @@ bool Descent::choose(const TreeNode& node, PathLevel& level) {
     failed(kDuplicate);
   }
   return found && !refused_;
+}
+
+std::int32_t Descent::choose(const UpperNode& node, PathLevel& level) {
+  leaf_ = false;
+  const int item = choose_fixed({node.items(), node.count(), node.heads(), UpperNode::kHeadSize});
+  if (refused_) return failed(kDuplicate);
+  level.offset = node.end_of(item);
+  level.next = node.end_of(item + 1);
+  const int end = (item + 1) * layout_.fixed_size();
+  return stored_recptr(node.items() + end - kRecordPointerSize);
 }
 
 // Chooses the item at `offset`: true. `result` is negative when it is greater than the one sought.
@@ -85,57 +95,68 @@ int Descent::break_tie(std::int32_t dupnm) {
 }
 
 // Orders the item sought against the one at `pos`.
-int Descent::compare_fixed(ConstBytes area, int pos) {
-  const Byte* const stored = area.data() + pos;
+int Descent::compare_fixed(const Byte* stored) {
   const int result = order_.compare(sought_.key, stored, len_);
   return result != 0 ? result : break_tie(stored_dupnm(layout_, stored + layout_.keylen));
 }
 
 // How many items of a node without compression begin with less than the key sought does. No branch
 // depends on what is compared, for it would be predicted wrongly every other time.
-std::size_t Descent::count_lesser(const Byte* items, std::size_t count) const {
-  const auto size = static_cast<std::size_t>(layout_.fixed_size());
+std::size_t Descent::count_lesser(const FixedItems& all, std::size_t count) const {
   const std::uint64_t sought = order_.leading(sought_.key);
   std::size_t lesser = 0;
   for (std::size_t left = count; left > 0;) {
     const std::size_t half = (left + 1) / 2;
-    const bool is_less = order_.leading(items + (lesser + half - 1) * size) < sought;
+    const bool is_less = order_.leading(all.heads + (lesser + half - 1) * all.distance) < sought;
     lesser += half & -std::size_t{is_less};
     left -= half;
   }
   return lesser;
 }
 
-// Without compression all items have one size: halves the range before it looks at each.
-bool Descent::choose_fixed(ConstBytes area, PathLevel& level) {
-  const int size = layout_.fixed_size();
-  const int count = level.length / size;
-  if (level.length % size != 0) return false;
+// Halves the range of items of one size before it looks at each: the one chosen.
+int Descent::choose_fixed(const FixedItems& all) {
+  const auto size = static_cast<std::size_t>(layout_.fixed_size());
+  const auto item_at = [&](int item) { return all.items + static_cast<std::size_t>(item) * size; };
+  const auto choose = [this](int item, int result) {
+    greater_ = result < 0;
+    return item;
+  };
   int low = 0;
-  int high = count - 1;
+  int high = all.count - 1;
   if (leads_) {
-    const Byte* const items = area.data();
     const std::uint64_t sought = order_.leading(sought_.key);
-    const auto is_greater = [&](std::ptrdiff_t item) {
-      return order_.leading(items + item * size) > sought;
+    const auto is_greater = [&](int item) {
+      return order_.leading(all.heads + static_cast<std::size_t>(item) * all.distance) > sought;
     };
-    low = static_cast<int>(count_lesser(items, static_cast<std::size_t>(high)));
-    if (low < high && is_greater(low)) return settle_on(level, low * size, (low + 1) * size, -1);
+    low = static_cast<int>(count_lesser(all, static_cast<std::size_t>(high)));
+    if (low < high && is_greater(low)) return choose(low, -1);
     if (low + 1 < high && is_greater(low + 1)) high = low + 1;
   }
   while (high - low > 2) {
     const int middle = (low + high) / 2;
-    if (compare_fixed(area, middle * size) < 0) {
+    if (compare_fixed(item_at(middle)) < 0) {
       high = middle;
     } else {
       low = middle + 1;
     }
   }
   for (;; ++low) {
-    const bool last = low == count - 1;
-    const int result = covers_all(last) ? 0 : compare_fixed(area, low * size);
-    if (result < 0 || last) return settle_on(level, low * size, (low + 1) * size, result);
+    const bool last = low == all.count - 1;
+    const int result = covers_all(last) ? 0 : compare_fixed(item_at(low));
+    if (result < 0 || last) return choose(low, result);
   }
+}
+
+// Without compression all items have one size.
+bool Descent::choose_fixed(ConstBytes area, PathLevel& level) {
+  const int size = layout_.fixed_size();
+  const int count = level.length / size;
+  if (level.length % size != 0) return false;
+  level.offset =
+      size * choose_fixed({area.data(), count, area.data(), static_cast<std::size_t>(size)});
+  level.next = level.offset + size;
+  return true;
 }
 
 // Reads item after item.

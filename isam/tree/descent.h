@@ -9,6 +9,7 @@
 
 #include "isam/tree/btree.h"
 #include "isam/tree/treenode.h"
+#include "isam/tree/uppernodes.h"
 
 namespace isam {
 
@@ -21,6 +22,9 @@ class Descent {
   // Sets the offsets of the node's `level` to the item chosen; the node has items. False with
   // iserrno: 105 when these cannot be read, 100 when an equal item forbids the insertion.
   [[nodiscard]] bool choose(const TreeNode& node, PathLevel& level);
+  // The same for an upper node that is kept: its child in the place of the item chosen, or -1.
+  [[nodiscard]] std::int32_t choose(const UpperNode& node, PathLevel& level);
+  [[nodiscard]] const ItemLayout& layout() const { return layout_; }
 
   // Of the node chosen from last: whether the item chosen is greater than the one sought, and, of
   // an insertion, whether it is a leaf in which an item of the same key was met.
@@ -35,13 +39,21 @@ class Descent {
   [[nodiscard]] bool take(const TreeNode& node, const PathLevel& leaf);
 
  private:
+  // Items of one size, and where a key of each begins, as far as KeyOrder::leading() reads it.
+  struct FixedItems {
+    const Byte* items;
+    int count;
+    const Byte* heads;
+    std::size_t distance;  // between two of these
+  };
   bool choose_fixed(ConstBytes area, PathLevel& level);
-  [[nodiscard]] std::size_t count_lesser(const Byte* items, std::size_t count) const;
+  int choose_fixed(const FixedItems& all);
+  [[nodiscard]] std::size_t count_lesser(const FixedItems& all, std::size_t count) const;
   bool choose_reading(ConstBytes area, PathLevel& level);
   bool choose_skipping(ConstBytes area, PathLevel& level);
   [[nodiscard]] int compare_bytes(const Byte* key, int keyln, int& match) const;
   int break_tie(std::int32_t dupnm);
-  int compare_fixed(ConstBytes area, int pos);
+  int compare_fixed(const Byte* stored);
   // The key of an upper node's last item carries no meaning; but an insertion among equals takes a
   // duplicate number above that item's too, where it repeats the key.
   [[nodiscard]] bool covers_all(bool last) const { return last && !leaf_ && !numbers_; }
@@ -55,7 +67,7 @@ class Descent {
   Search mode_;
   bool numbers_;  // an item of an index with duplicates is to be inserted
   bool skips_;    // keys are compressed, decided by their first differing byte and compared whole
-  bool leads_;    // keys are not compressed, compared whole, and have KeyOrder::leading()
+  bool leads_;    // keys are compared whole, and have KeyOrder::leading()
   int from_ = 0;
   bool leaf_ = false;
   bool greater_ = false;

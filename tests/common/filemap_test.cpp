@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <vector>
 
+#include "common/coldreads.h"
 #include "common/io.h"
 #include "tests/support/between.h"
 
@@ -86,6 +88,35 @@ TEST_F(FileMapTest, AnotherMappingsMissingPageStillEndsTheProcess) {
   // By the signal, or by the handler of before, such as a sanitizer's.
   EXPECT_DEATH(std::fputc(static_cast<volatile Byte*>(pages)[100'000], stderr), "");
   ::munmap(pages, kSize);
+}
+
+// What lies around a read that has waited is asked for, and more where it goes on. All reads are
+// looked at until many in a row have not waited.
+TEST(ColdReadsTest, AskForWhatLiesAroundReadsThatHaveWaited) {
+  constexpr std::int64_t kKib = 1024;
+  constexpr std::int64_t kSizeOfFile = 1'000 * kKib;
+  constexpr std::chrono::microseconds kQuick{1};
+  constexpr std::chrono::microseconds kSlow{100};
+  ColdReads reads;
+  std::int64_t start = -1;
+  // What a read asks for, in KiB; 0 for nothing, -1 when it is not looked at.
+  const auto read = [&](std::int64_t kib, std::chrono::nanoseconds taken) -> std::int64_t {
+    if (!reads.is_due()) return -1;
+    const ColdReads::Range range = reads.note(kib * kKib, kSizeOfFile, taken);
+    start = range.start / kKib;
+    return range.length / kKib;
+  };
+  EXPECT_EQ(read(100, kSlow), 64);
+  EXPECT_EQ(start, 64);
+  EXPECT_EQ(read(127, kQuick), 0);
+  EXPECT_EQ(read(128, kSlow), 128) << "goes on";
+  EXPECT_EQ(read(400, kSlow), 64) << "elsewhere";
+  EXPECT_EQ(start, 384);
+  EXPECT_EQ(read(999, kSlow), 40) << "up to the end of the file";
+  EXPECT_EQ(start, 960);
+  for (int i = 0; i < 64; ++i) EXPECT_EQ(read(i, kQuick), 0) << i;
+  for (int i = 0; i < 15; ++i) EXPECT_EQ(read(i, kSlow), -1) << i;
+  EXPECT_EQ(read(0, kSlow), 64);
 }
 
 }  // namespace

@@ -1,17 +1,22 @@
 #include "isam/pool/buffers.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <map>
 #include <random>
 #include <set>
+#include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
+#include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/pool/pagetable.h"
 #include "tests/isam/test_pair.h"
@@ -151,6 +156,68 @@ TEST(BuffersDeathTest, AFailedWriteBeforeTheCommitFailsIt) {
     EXPECT_EQ(bfcommit(*filep), -1);
     EXPECT_EQ(iserrno, EIO);
     EXPECT_EQ(bfpend(*filep), 0);
+  });
+}
+
+// What the system is made to say of its memory.
+void tell_memory(int available) {
+  static std::string file;
+  file = std::string(std::getenv("TMPDIR")) + "/meminfo";
+  std::ofstream{file} << "MemTotal: 8000000 kB\nMemAvailable: " << available << " kB\n";
+  common::system_call_table.open = [](const char* path, int flags, mode_t permissions) {
+    const bool asks = std::string_view(path) == "/proc/meminfo";
+    return ::open(asks ? file.c_str() : path, flags, permissions);
+  };
+}
+
+constexpr int kFirstNode = 20;
+constexpr int kNodes = 12'000;
+
+void change_nodes() {
+  for (int node = kFirstNode; node < kFirstNode + kNodes; ++node) {
+    PageHold page = bfgetclr(node);
+    common::stlong(node, page.data() + 100);
+    page.set_frame(kUsedBytes, 0, 0);
+  }
+}
+
+std::size_t buffers_that_serve_the_nodes() {
+  std::set<const Byte*> pages;
+  for (int node = kFirstNode; node < kFirstNode + kNodes; ++node) {
+    const PageHold page = bfread(node);
+    EXPECT_TRUE(page && common::ldlong(page.data() + 100) == node) << node;
+    if (page) pages.insert(page.data());
+  }
+  return pages.size();
+}
+
+TEST(BuffersDeathTest, ALargePoolTakesMoreForChangedNodesAndGivesItBack) {
+  in_own_process("4096", [] {
+    filep->locks.exclusives = 1;
+    filep->mark.state = MarkState::kUnneeded;
+    testing_support::stand_between(count_writes);
+    ASSERT_EQ(::ftruncate(filep->index.fd, 1024 * (kFirstNode + kNodes)), 0);
+    tell_memory(4'000'000);
+    change_nodes();
+    EXPECT_EQ(writes, 0);
+    bfease(true);  // none can go yet
+    EXPECT_EQ(bfpend(*filep), kNodes);
+    EXPECT_EQ(bfflush(*filep), kNodes);
+    EXPECT_EQ(buffers_that_serve_the_nodes(), kNodes);
+    bfease(true);
+    EXPECT_EQ(buffers_that_serve_the_nodes(), 4096);
+    change_nodes();
+    EXPECT_EQ(bfpend(*filep), kNodes);
+    for (int i = 0; i < 3000; ++i) bfease(false);
+    EXPECT_EQ(bfpend(*filep), kNodes);  // there is memory enough
+    tell_memory(400'000);
+    for (int i = 0; i < 3000; ++i) bfease(false);
+    EXPECT_LE(bfpend(*filep), 4096);
+    change_nodes();
+    EXPECT_LE(bfpend(*filep), 4096);
+    EXPECT_EQ(buffers_that_serve_the_nodes(), 4096);
+    bfflush(*filep);
+    filep->locks.exclusives = 0;
   });
 }
 

@@ -239,6 +239,8 @@ TEST_F(Hpp, LocksEndWithTheirScope) {
     EXPECT_EQ(file.read(*record, Move::kCurrent, Lock::kTry), Outcome::kDone);
     EXPECT_EQ(lock_record(), Outcome::kLocked);
     EXPECT_EQ(lock_file(), Outcome::kLocked);
+    file.release(*record);
+    EXPECT_EQ(lock_record(), Outcome::kDone);
   }
   EXPECT_EQ(lock_record(), Outcome::kDone);
   {
@@ -248,6 +250,35 @@ TEST_F(Hpp, LocksEndWithTheirScope) {
     EXPECT_EQ(lock_file(), Outcome::kLocked);
   }
   EXPECT_EQ(lock_file(), Outcome::kDone);
+}
+
+// The stamp tells each change of another process, also of bytes that are in no key, and nothing
+// else.
+TEST_F(Hpp, TheStampIsRaisedByChanges) {
+  build().close();
+  File file = File::open(name());
+  const auto change_share = [](File& other) {
+    auto record = other.find(kById, 4);
+    return record ? other.update(record->set(kShare, 2.0F)) : Outcome::kNotFound;
+  };
+  const auto count_up = [](File& other) {
+    isaltinc(other.number());
+    return other.unique_id() > 0 ? Outcome::kDone : Outcome::kNotFound;
+  };
+  const auto look = [](File& other) {
+    return ids(other.by(kById)).size() == 7 ? Outcome::kDone : Outcome::kNotFound;
+  };
+  const std::uint32_t before = file.stamp();
+  EXPECT_EQ(elsewhere(name(), look), Outcome::kDone);
+  EXPECT_EQ(elsewhere(name(), count_up), Outcome::kDone);
+  EXPECT_EQ(file.stamp(), before);
+  EXPECT_EQ(elsewhere(name(), change_share), Outcome::kDone);
+  EXPECT_EQ(file.stamp(), before + 1);
+  Record twice = file.blank();
+  EXPECT_EQ(file.add(twice.set(kId, 4)), Outcome::kDuplicate);
+  EXPECT_EQ(isstamp(file.number(), nullptr), -1);
+  EXPECT_EQ(iserrno, ISEARGUMENT);
+  EXPECT_EQ(file.stamp(), before + 1);
 }
 
 // What is left of a file with one record after a transaction in it ended in each way.

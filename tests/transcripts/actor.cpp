@@ -147,6 +147,7 @@ const std::map<std::string, int (*)(Asked&)> kOthers = {
      }},
     {"xgetlen", [](Asked& a) { return a.show(::isxgetlen(), 0); }},
     {"delrec", [](Asked& a) { return ::isdelrec(a.session.isfd, a.number()); }},
+    {"relrec", [](Asked& a) { return ::isrelrec(a.session.isfd, a.number()); }},
     {"setunique", [](Asked& a) { return ::issetunique(a.session.isfd, a.number()); }},
     {"filelocked",
      [](Asked& a) {

@@ -1,0 +1,54 @@
+// uppernodes: upper nodes ready to be searched. They are on the way of every search and change
+// seldom, so their keys are put together once: items of one size, as in a node without compression.
+//
+// Gives   find_upper(), note_upper()
+// Keeps   U1 what is kept of a node counts while the pool has its page as it was (PageStamp)
+//         U2 a changed node is kept again when it is searched for the second time, and another one
+//            takes its place only after many misses, so that nodes serve before they go
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "isam/pool/buffers.h"
+#include "isam/tree/items.h"
+#include "isam/tree/treenode.h"
+
+namespace isam {
+
+class alignas(64) UpperNode {
+ public:
+  // The items, as a node without compression has them, and their number.
+  [[nodiscard]] const Byte* items() const { return heads_.get() + count_ * kHeadSize; }
+  [[nodiscard]] int count() const { return static_cast<int>(count_); }
+  // The first kHeadSize bytes of each, one behind the other: most of a search takes place in these.
+  static constexpr std::size_t kHeadSize = 8;
+  [[nodiscard]] const Byte* heads() const { return heads_.get(); }
+  // Where so many of them end in the node's item area, and how long that is.
+  [[nodiscard]] int end_of(int items) const { return ends_[items]; }
+  [[nodiscard]] int length() const { return length_; }
+
+ private:
+  friend const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout);
+  friend void note_upper(std::int32_t number, TreeNode& node, const ItemLayout& layout);
+
+  bool read(ConstBytes area, const ItemLayout& layout);
+
+  PageStamp stamp_;  // of no page: nothing is kept
+  std::int32_t number_ = 0;
+  std::int32_t misses_ = 0;  // since it is kept
+  std::uint32_t shape_ = 0;  // of the layout
+  int length_ = 0;
+  std::size_t count_ = 0;
+  std::unique_ptr<Byte[]> heads_;          // and behind them the items
+  std::unique_ptr<std::uint16_t[]> ends_;  // the first is 0
+};
+
+// A node of the current file that is kept; null when it is not, or no longer as it was.
+[[nodiscard]] const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout);
+
+// Keeps a sound upper node of the current file, unless it is seldom searched or its items are too
+// many.
+void note_upper(std::int32_t number, TreeNode& node, const ItemLayout& layout);
+
+}  // namespace isam
