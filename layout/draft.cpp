@@ -6,11 +6,19 @@
 #include <cstring>
 #include <utility>
 
+#include "isam.h"
+#include "layout/forms.h"
+
 namespace layout {
 namespace {
 
 // Of an 8-bit character set or UTF-8 too.
 bool is_printable(unsigned char byte) { return byte >= 0x20 && byte != 0x7F && byte != 0xFF; }
+
+// Part of a text of several lines, too.
+bool is_of_text(unsigned char byte) {
+  return is_printable(byte) || byte == '\n' || byte == '\r' || byte == '\t';
+}
 
 bool is_number(Type type) { return length_of(type) != 0; }
 
@@ -50,6 +58,23 @@ bool is_used_at(Type type, const unsigned char* at) {
 
 }  // namespace
 
+Type type_of_part(int type) {
+  switch (type & ~KT_DESC) {
+    case KT_INT:
+      return Type::kInt;
+    case KT_LONG:
+      return Type::kLong;
+    case KT_DOUBLE:
+      return Type::kDouble;
+    case KT_FLOAT:
+      return Type::kFloat;
+    case KT_LOCALE:
+      return Type::kLocale;
+    default:
+      return Type::kChar;
+  }
+}
+
 Draft::Draft(int record_length, bool has_tail)
     : length_(std::clamp(record_length, 0, kGreatestRecord)),
       has_tail_(has_tail),
@@ -82,7 +107,8 @@ void Draft::add_record(Bytes record, Bytes tail) {
   }
   records_.insert(records_.end(), record.begin(), record.begin() + length_);
   tail_bytes_ += std::ssize(tail);
-  tail_printable_ += std::ranges::count_if(tail, is_printable);
+  tail_printable_ += std::ranges::count_if(tail, is_of_text);
+  tail_is_utf8_ = tail_is_utf8_ && is_utf8(text_in(tail));
 }
 
 // Numbers come first, since what they overlap cannot be a text; then the shorter part, since the
@@ -210,6 +236,18 @@ void Draft::guess(Run gap, Fields& fields) const {
   }
 }
 
+// Whether a text has bytes in some record that are no UTF-8.
+bool Draft::has_other_encoding(const Field& field) const {
+  if (!is_text(field.type)) return false;
+  if (field.is_tail) return !tail_is_utf8_;
+  const Bytes all{records_};
+  for (auto at = static_cast<std::size_t>(field.offset); at < all.size();
+       at += static_cast<std::size_t>(length_)) {
+    if (!is_utf8(text_in(all.subspan(at, static_cast<std::size_t>(field.length))))) return true;
+  }
+  return false;
+}
+
 Fields Draft::fields() const {
   Fields fields;
   int at = 0;
@@ -230,6 +268,7 @@ Fields Draft::fields() const {
     field.name = field.is_tail
                      ? "tail"
                      : std::string(name_of(field.type)) + '_' + std::to_string(field.offset);
+    if (has_other_encoding(field)) field.comment += "; not UTF-8: \"encoding\" tells what it is";
   }
   return fields;
 }

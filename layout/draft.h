@@ -17,6 +17,9 @@
 
 namespace layout {
 
+// What a part of a key is stored as; `type` is one of KT_... of isam.h.
+[[nodiscard]] Type type_of_part(int type);
+
 class Draft {
  public:
   Draft(int record_length, bool has_tail);
@@ -44,6 +47,7 @@ class Draft {
   [[nodiscard]] bool most(int count) const { return count * 50 >= samples() * 49; }
   [[nodiscard]] int samples() const;
   [[nodiscard]] Fields fields_of_keys() const;
+  [[nodiscard]] bool has_other_encoding(const Field& field) const;
   void guess(Run gap, Fields& fields) const;
   void guess_text(Run run, Fields& fields) const;
   [[nodiscard]] bool begins_word(int offset) const;
@@ -61,6 +65,7 @@ class Draft {
   std::vector<unsigned char> records_;  // one behind the other
   std::int64_t tail_bytes_ = 0;
   std::int64_t tail_printable_ = 0;
+  bool tail_is_utf8_ = true;
 };
 
 }  // namespace layout

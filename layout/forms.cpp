@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 
+#include "layout/encoding.h"
 #include "layout/words.h"
 
 namespace layout {
@@ -46,36 +47,11 @@ bool is_ordinary(const char* at) {
   return (any & each(0x80)) == 0;
 }
 
-struct Character {
-  std::size_t size;  // 0: it is none
-  std::uint32_t code;
-};
-
-// The character of several bytes at the front.
-Character character_in(std::string_view text) {
-  const auto first = static_cast<unsigned char>(text.front());
-  const std::size_t size = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
-  if (size == 0 || first > 0xF4 || text.size() < size) return {0, 0};
-  std::uint32_t code = first & (0x7FU >> size);
-  for (std::size_t i = 1; i < size; ++i) {
-    const auto next = static_cast<unsigned char>(text[i]);
-    if ((next & 0xC0) != 0x80) return {0, 0};
-    code = code << 6 | (next & 0x3FU);
-  }
-  const bool overlong = (size == 3 && code < 0x800) || (size == 4 && code < 0x10000);
-  const bool is_half = code >= 0xD800 && code <= 0xDFFF;
-  return overlong || is_half || code > 0x10FFFF ? Character{0, 0} : Character{size, code};
-}
-
 // Whether the bytes are UTF-8 of characters from `least` on, beside those of one byte.
 bool has_characters(std::string_view text, std::uint32_t least) {
   while (!text.empty()) {
-    if (static_cast<unsigned char>(text.front()) < 0x80) {
-      text.remove_prefix(1);
-      continue;
-    }
     const auto [size, code] = character_in(text);
-    if (size == 0 || code < least) return false;
+    if (size == 0 || (size > 1 && code < least)) return false;
     text.remove_prefix(size);
   }
   return true;
@@ -212,6 +188,22 @@ unsigned classes_of(std::string_view text) {
   return classes;
 }
 
+Character character_in(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text.front());
+  if (first < 0x80) return {1, first};
+  const std::size_t size = first < 0xC2 ? 0 : first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+  if (size == 0 || first > 0xF4 || text.size() < size) return {0, 0};
+  std::uint32_t code = first & (0x7FU >> size);
+  for (std::size_t i = 1; i < size; ++i) {
+    const auto next = static_cast<unsigned char>(text[i]);
+    if ((next & 0xC0) != 0x80) return {0, 0};
+    code = code << 6 | (next & 0x3FU);
+  }
+  const bool overlong = (size == 3 && code < 0x800) || (size == 4 && code < 0x10000);
+  const bool is_half = code >= 0xD800 && code <= 0xDFFF;
+  return overlong || is_half || code > 0x10FFFF ? Character{0, 0} : Character{size, code};
+}
+
 bool is_utf8(std::string_view text) { return has_characters(text, 0); }
 
 bool is_printable(std::string_view text, unsigned classes) {
@@ -219,7 +211,12 @@ bool is_printable(std::string_view text, unsigned classes) {
   if ((classes & kControl) != 0) return false;
   if ((classes & kReturn) != 0 && has_lone_return(text)) return false;
   constexpr std::uint32_t kBehindControls = 0xA0;
-  return has_characters(text, kBehindControls);
+  return (classes & kHigh) == 0 || has_characters(text, kBehindControls);
+}
+
+bool is_printable(const Field& field, std::string_view text, unsigned classes) {
+  if (!field.characters) return is_printable(text, classes);
+  return is_printable(text, classes & ~unsigned{kHigh}) && field.characters->has_all(text);
 }
 
 std::int64_t whole_number_in(Bytes bytes) {
@@ -239,6 +236,19 @@ bool stands_for_null(const Field& field, Bytes bytes) {
   if (is_text(field.type)) return all_are(bytes, ' ');
   if (is_whole_number(field.type)) return whole_number_in(bytes) == least_of(field.type);
   return all_are(bytes, 0xFF);
+}
+
+bool has_usual_date(std::string_view form, Bytes bytes) {
+  const std::size_t length = kDigitsOnly.size();
+  if (form != kDigitsOnly || bytes.size() < length) return false;
+  const std::string_view text = text_in(bytes);
+  const int year = number_of(text.data(), 4);
+  const int month = number_of(text.data() + 4, 2);
+  const int day = number_of(text.data() + 6, 2);
+  constexpr int kInAll = 28;  // days that each month has
+  const bool is_day = year >= 1 && month >= 1 && month <= 12 && day >= 1 &&
+                      (day <= kInAll || day_of(year, month, day).has_value());
+  return is_day && (bytes.size() == length || trimmed(text.substr(length)).empty());
 }
 
 std::optional<Day> day_of(int year, int month, int day) {

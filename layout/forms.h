@@ -1,6 +1,7 @@
 // forms: how texts, numbers and dates stand in the bytes of a field.
 #pragma once
 
+#include <bit>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -28,14 +29,30 @@ enum TextClass : unsigned char {
 // `classes`: what classes_of() gives for them.
 [[nodiscard]] bool is_printable(std::string_view text, unsigned classes);
 [[nodiscard]] bool is_utf8(std::string_view text);
+// The same for a text that is kept as the field tells.
+[[nodiscard]] bool is_printable(const Field& field, std::string_view text, unsigned classes);
+
+struct Character {
+  std::size_t size;  // in UTF-8; 0: it is none
+  std::uint32_t code;
+};
+// The first one of a text that is not empty.
+[[nodiscard]] Character character_in(std::string_view text);
 
 [[nodiscard]] inline std::string_view text_in(Bytes bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 // Without the blanks at its end.
 [[nodiscard]] inline std::string_view trimmed(std::string_view text) {
+  constexpr std::uint64_t kBlanks = 0x2020202020202020;
   std::size_t end = text.size();
-  while (end >= 8 && std::memcmp(text.data() + end - 8, "        ", 8) == 0) end -= 8;
+  for (; end >= sizeof kBlanks; end -= sizeof kBlanks) {
+    std::uint64_t last = 0;
+    std::memcpy(&last, text.data() + end - sizeof last, sizeof last);
+    if (last == kBlanks) continue;
+    static_assert(std::endian::native == std::endian::little, "the last byte is the highest");
+    return text.substr(0, end - static_cast<std::size_t>(std::countl_zero(last ^ kBlanks) / 8));
+  }
   while (end > 0 && text[end - 1] == ' ') --end;
   return text.substr(0, end);
 }
@@ -72,6 +89,8 @@ using Day = std::chrono::year_month_day;
 [[nodiscard]] char* put_day(Day day, char* to);
 // The day that a field of the meanings kDate and kDays has.
 [[nodiscard]] std::optional<Day> day_in(const Field& field, Bytes bytes);
+// Whether the form is YYYYMMDD, and the bytes are such a day and blanks.
+[[nodiscard]] bool has_usual_date(std::string_view form, Bytes bytes);
 // Nothing where the field has no room for that day: two digits of a year are from 1969 to 2068.
 [[nodiscard]] bool put_day(const Field& field, Day day, std::span<unsigned char> to);
 

@@ -7,18 +7,21 @@
 //   amount  long    next  4  decimal 2
 //   notes   char    tail
 //
-// Needs   nothing but the standard library
+// Needs   nothing but the standard library; for other encodings than UTF-8, those of the C library
 // Gives   fields that lie one behind the other in their record, each name once; or what is wrong,
 //         line by line
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace layout {
+
+class Encoding;
 
 using Bytes = std::span<const unsigned char>;
 
@@ -49,12 +52,14 @@ struct Field {
   bool may_be_null = false;
   bool keeps_blanks = false;  // trailing ones are part of the text
   Meaning meaning = Meaning::kPlain;
-  std::string form{};     // kDate: such as YYYYMMDD; kDays: the day with number 0
-  int decimals = 0;       // kDecimal
-  std::string yes{};      // kBoolean
-  std::string no{};       // kBoolean
-  std::string comment{};  // for a draft: why it was guessed
-  int line = 0;           // where it stands in the text
+  std::string form{};      // kDate: such as YYYYMMDD; kDays: the day with number 0
+  int decimals = 0;        // kDecimal
+  std::string yes{};       // kBoolean
+  std::string no{};        // kBoolean
+  std::string encoding{};  // of a plain text; empty: UTF-8
+  std::shared_ptr<const Encoding> characters{};  // that encoding's
+  std::string comment{};                         // for a draft: why it was guessed
+  int line = 0;                                  // where it stands in the text
 
   [[nodiscard]] int end() const { return offset + length; }
 };

@@ -2,10 +2,12 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
 
+#include "layout/encoding.h"
 #include "layout/layout.h"
 #include "layout/words.h"
 
@@ -48,11 +50,40 @@ bool is_name(std::string_view word) {
   });
 }
 
+bool is_plain_text(const Field& field) {
+  return is_text(field.type) && field.meaning == Meaning::kPlain;
+}
+
+std::string no_encoding(const std::string& name) {
+  return quoted(name) + " is no encoding of one byte a character that this system knows";
+}
+
+// Those that a layout names, each looked up once.
+class Encodings {
+ public:
+  // False where there is none of that name.
+  bool give(const std::string& name, Field& field) {
+    field.encoding.clear();
+    field.characters = nullptr;
+    if (is_utf8_name(name)) return true;
+    const auto [at, is_new] = known_.try_emplace(name);
+    if (is_new) at->second = Encoding::named(name);
+    if (at->second == nullptr) return false;
+    field.encoding = name;
+    field.characters = at->second;
+    return true;
+  }
+
+ private:
+  std::map<std::string, std::shared_ptr<const Encoding>> known_;
+};
+
 // The words of one line. Each step takes some; `wrong` says what the first of them could not.
 class Line {
  public:
-  Line(std::vector<std::string> words, int next_offset)
-      : words_(std::move(words)), next_offset_(next_offset) {}
+  // `usual` has the encoding of texts that tell none.
+  Line(std::vector<std::string> words, int next_offset, Encodings& encodings, const Field& usual)
+      : words_(std::move(words)), next_offset_(next_offset), encodings_(encodings), usual_(usual) {}
 
   // The field; empty where something is wrong.
   std::optional<Field> read() {
@@ -125,17 +156,26 @@ class Line {
   bool take_options() {
     while (has_more()) {
       const std::string word = take();
-      const bool fits =
-          word == "null"      ? take_null()
-          : word == "blanks"  ? take_blanks()
-          : word == "date"    ? take_date()
-          : word == "decimal" ? take_decimal()
-          : word == "boolean"
-              ? take_boolean()
-              : refuse(quoted(word) + " is no option: null, blanks, date, decimal or boolean");
+      const bool fits = word == "null"      ? take_null()
+                        : word == "blanks"  ? take_blanks()
+                        : word == "date"    ? take_date()
+                        : word == "decimal" ? take_decimal()
+                        : word == "boolean" ? take_boolean()
+                        : word == "encoding"
+                            ? take_encoding()
+                            : refuse(quoted(word) +
+                                     " is no option: null, blanks, date, decimal, boolean or "
+                                     "encoding");
       if (!fits) return false;
     }
-    return true;
+    if (encoding_.empty()) {
+      if (is_plain_text(field_)) {
+        field_.encoding = usual_.encoding;
+        field_.characters = usual_.characters;
+      }
+      return true;
+    }
+    return is_plain_text(field_) || refuse("only a text that is nothing else has an encoding");
   }
 
   bool take_null() {
@@ -144,6 +184,12 @@ class Line {
   bool take_blanks() {
     if (!is_text(field_.type)) return refuse("only texts have trailing blanks");
     return !std::exchange(field_.keeps_blanks, true) || refuse("\"blanks\" stands here twice");
+  }
+
+  bool take_encoding() {
+    if (!encoding_.empty()) return refuse("\"encoding\" stands here twice");
+    encoding_ = take();
+    return encodings_.give(encoding_, field_) || refuse(no_encoding(encoding_));
   }
 
   bool take_meaning(Meaning meaning) {
@@ -203,6 +249,9 @@ class Line {
 
   std::vector<std::string> words_;
   int next_offset_;  // -1: behind the tail
+  Encodings& encodings_;
+  const Field& usual_;
+  std::string encoding_;  // that the line tells
   std::size_t at_ = 0;
   Field field_;
   std::string wrong_;
@@ -236,7 +285,9 @@ class Reader {
     auto words = words_of(text);
     if (!words) return add(line, "a quote is missing");
     if (words->empty()) return;
-    Line reader{std::move(*words), next_};
+    if (words->size() == 2 && words->front() == "encoding")
+      return take_encoding(words->back(), line);
+    Line reader{std::move(*words), next_, encodings_, default_};
     auto field = reader.read();
     if (!field) return add(line, reader.wrong());
     field->line = line;
@@ -248,6 +299,12 @@ class Reader {
     if (next_ < 0) return add(line, "nothing comes behind the tail");
     next_ = field->is_tail ? -1 : field->end();
     reading_.fields.push_back(std::move(*field));
+  }
+
+  // Of all plain texts of the lines behind.
+  void take_encoding(const std::string& name, int line) {
+    if (encodings_.give(name, default_)) return;
+    add(line, no_encoding(name));
   }
 
   void find_overlaps() {
@@ -267,6 +324,8 @@ class Reader {
   }
 
   Reading reading_;
+  Encodings encodings_;
+  Field default_;
   std::map<std::string, int> names_;
   int next_ = 0;
 };

@@ -4,8 +4,6 @@
 #include <charconv>
 #include <utility>
 
-#include "layout/value.h"
-
 namespace layout {
 namespace {
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "layout/layout.h"
+#include "layout/value.h"
 
 namespace layout {
 
@@ -27,7 +28,7 @@ class Rows {
 
   // What stands before the first row.
   [[nodiscard]] const std::string& header() const { return header_; }
-  [[nodiscard]] std::size_t room(std::size_t tail) const { return room_ + 2 * tail; }
+  [[nodiscard]] std::size_t room(std::size_t tail) const { return room_ + kMostForByte * tail; }
   // The record has all the bytes that the fields are made of.
   [[nodiscard]] char* put(std::int64_t number, Bytes record, Bytes tail, char* to) const;
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <optional>
 
+#include "layout/encoding.h"
 #include "layout/forms.h"
 #include "layout/value.h"
 #include "layout/words.h"
@@ -102,6 +103,9 @@ class Storing {
 
   std::string text() {
     if (!field_.keeps_blanks && !field_.is_tail) text_ = trimmed(text_);
+    if (field_.characters && field_.meaning == Meaning::kPlain && !encode()) {
+      return quoted(text_) + " has characters that " + field_.encoding + " has not";
+    }
     if (text_.size() > to_.size()) {
       return std::to_string(text_.size()) + " bytes do not fit " + std::to_string(to_.size());
     }
@@ -109,6 +113,12 @@ class Storing {
     if (field_.is_tail) return filled(text_.size());
     std::ranges::fill(to_.subspan(text_.size()), ' ');
     return {};
+  }
+
+  bool encode() {
+    const auto bytes = field_.characters->bytes_of(text_);
+    if (bytes) text_ = encoded_ = *bytes;
+    return bytes.has_value();
   }
 
   std::string hex() {
@@ -218,6 +228,7 @@ class Storing {
   std::string_view text_;
   To to_;
   std::size_t length_ = 0;
+  std::string encoded_{};
 };
 
 }  // namespace

@@ -3,12 +3,15 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
 #include <limits>
 #include <optional>
 
+#include "layout/chunk.h"
+#include "layout/encoding.h"
 #include "layout/forms.h"
 #include "layout/words.h"
 
@@ -28,6 +31,73 @@ bool is_plain_text(const Field& field) {
 std::string_view text_of_field(const Field& field, Bytes bytes) {
   const std::string_view text = text_in(bytes);
   return field.keeps_blanks || field.is_tail ? text : trimmed(text);
+}
+
+// Whether a byte is to be looked at before it may stand in a cell or a string as it is.
+Chunk is_special(Chunk chunk) {
+  return is_unprintable(chunk) | is_byte(chunk, '"') | is_byte(chunk, ',') | is_byte(chunk, '\\');
+}
+
+// A text of the size of a word to two of them: its front and its end, which may share bytes.
+template <typename Word>
+bool copy_two(std::string_view text, char* to) {
+  std::array<Word, sizeof(Chunk) / sizeof(Word)> words;
+  words.fill(static_cast<Word>(0x2020202020202020));  // blanks
+  std::memcpy(&words[0], text.data(), sizeof(Word));
+  std::memcpy(&words[1], text.data() + text.size() - sizeof(Word), sizeof(Word));
+  std::memcpy(to, &words[0], sizeof(Word));
+  std::memcpy(to + text.size() - sizeof(Word), &words[1], sizeof(Word));
+  return !has_any(is_special(std::bit_cast<Chunk>(words)));
+}
+
+bool copy_short(std::string_view text, char* to) {
+  if (text.size() >= sizeof(std::uint64_t)) return copy_two<std::uint64_t>(text, to);
+  if (text.size() >= sizeof(std::uint32_t)) return copy_two<std::uint32_t>(text, to);
+  Chunk chunk = Chunk{} + static_cast<unsigned char>(' ');
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    chunk[i] = static_cast<unsigned char>(text[i]);
+    to[i] = text[i];
+  }
+  return !has_any(is_special(chunk));
+}
+
+// Copies a text that needs nothing done about it: false where it does. `field`: the bytes that it
+// begins, more of which may be copied.
+bool copy_ordinary(std::string_view text, Bytes field, char* to) {
+  if (field.size() < sizeof(Chunk)) return copy_short(text, to);
+  Chunk special{};
+  const std::size_t last = field.size() - sizeof(Chunk);
+  for (std::size_t i = 0; i < text.size(); i += sizeof(Chunk)) {
+    const std::size_t from = std::min(i, last);
+    const Chunk chunk = chunk_at(field.data() + from);
+    special |= is_special(chunk);
+    put_chunk(chunk, to + from);
+  }
+  return !has_any(special);
+}
+
+// The same text as std::to_chars() gives, without a search, of a number with few decimals: of those
+// of up to 15 digits just one is the shortest.
+char* put_short(double value, char* to) {
+  constexpr double kLeast = 0.001;  // less is shorter with an exponent
+  constexpr double kMost = 1e9;
+  constexpr double kScale = 1e4;
+  constexpr std::uint64_t kUnit = 10000;
+  constexpr std::uint64_t kManyZeros = 100000;  // shorter with an exponent, too
+  const double size = std::fabs(value);
+  if (!(size >= kLeast && size < kMost)) return nullptr;
+  const auto digits = static_cast<std::uint64_t>(size * kScale + 0.5);
+  if (static_cast<double>(digits) / kScale != size) return nullptr;
+  const std::uint64_t whole = digits / kUnit;
+  auto fraction = static_cast<unsigned>(digits % kUnit);
+  if (fraction == 0 && whole % kManyZeros == 0) return nullptr;
+  if (value < 0) *to++ = '-';
+  to = std::to_chars(to, to + kNumberRoom, whole).ptr;
+  if (fraction != 0) *to++ = '.';
+  for (unsigned unit = kUnit / 10; fraction != 0; fraction %= unit, unit /= 10) {
+    *to++ = static_cast<char>('0' + fraction / unit);
+  }
+  return to;
 }
 
 template <typename Real>
@@ -83,6 +153,47 @@ std::optional<Put> put_boolean(const Field& field, Bytes bytes, char* to) {
   return {};
 }
 
+// Of a date in the form that nearly all have; nothing where it is not that.
+char* put_usual_date(const Field& field, Bytes bytes, char* to) {
+  if (!is_text(field.type) || !has_usual_date(field.form, bytes)) return nullptr;
+  const std::string_view text = text_in(bytes);
+  to = copy(text.substr(0, 4), to);
+  *to++ = '-';
+  to = copy(text.substr(4, 2), to);
+  *to++ = '-';
+  return copy(text.substr(6, 2), to);
+}
+
+// With two decimals.
+char* put_hundredths(std::int64_t number, char* to) {
+  constexpr std::uint32_t kWhole = 100;
+  if (number < 0) *to++ = '-';
+  const auto all = static_cast<std::uint32_t>(number < 0 ? -number : number);
+  to = std::to_chars(to, to + kNumberRoom, all / kWhole).ptr;
+  to[0] = '.';
+  to[1] = static_cast<char>('0' + all % kWhole / 10);
+  to[2] = static_cast<char>('0' + all % 10);
+  return to + 3;
+}
+
+// The values that most fields have that are no texts, the same as put_other() gives; nothing where
+// it is none of these. Without quotes it is a number, but for a date.
+char* put_usual(const Field& field, Bytes bytes, char* to) {
+  switch (field.meaning) {
+    case Meaning::kDate:
+      return put_usual_date(field, bytes, to);
+    case Meaning::kDecimal:
+      if (!is_whole_number(field.type) || field.decimals != 2) return nullptr;
+      return put_hundredths(whole_number_in(bytes), to);
+    case Meaning::kPlain:
+      if (field.type == Type::kDouble) return put_short(real_in<double>(bytes), to);
+      if (!is_whole_number(field.type)) return nullptr;
+      return std::to_chars(to, to + kNumberRoom, whole_number_in(bytes)).ptr;
+    default:
+      return nullptr;
+  }
+}
+
 // A value that is no plain text and not null; nothing where there is no plain value.
 std::optional<Put> put_other(const Field& field, Bytes bytes, char* to) {
   switch (field.meaning) {
@@ -110,17 +221,32 @@ std::optional<Put> put_other(const Field& field, Bytes bytes, char* to) {
   }
 }
 
-char* put_quoted_cell(std::string_view text, char* to) {
+bool is_ascii(char c) { return static_cast<unsigned char>(c) < 0x80; }
+
+// A byte of a text in the field's encoding.
+char* put_byte(const Field& field, char c, char* to) {
+  if (field.characters && !is_ascii(c)) return field.characters->put(c, to);
+  *to++ = c;
+  return to;
+}
+
+char* put_text(const Field& field, std::string_view text, char* to) {
+  if (!field.characters) return copy(text, to);
+  for (const char c : text) to = put_byte(field, c, to);
+  return to;
+}
+
+char* put_quoted_cell(const Field& field, std::string_view text, char* to) {
   *to++ = '"';
   for (const char c : text) {
     if (c == '"') *to++ = '"';
-    *to++ = c;
+    to = put_byte(field, c, to);
   }
   *to++ = '"';
   return to;
 }
 
-char* put_escaped(std::string_view text, char* to) {
+char* put_escaped(const Field& field, std::string_view text, char* to) {
   for (const char c : text) {
     const char letter = c == '\n'               ? 'n'
                         : c == '\r'             ? 'r'
@@ -128,7 +254,7 @@ char* put_escaped(std::string_view text, char* to) {
                         : c == '"' || c == '\\' ? c
                                                 : '\0';
     if (letter != '\0') *to++ = '\\';
-    *to++ = letter != '\0' ? letter : c;
+    to = put_byte(field, letter != '\0' ? letter : c, to);
   }
   return to;
 }
@@ -168,29 +294,52 @@ Put put_plain(const Field& field, Bytes bytes, char* to) {
   if (is_null(field, bytes)) return {to, Kind::kNull};
   if (is_plain_text(field)) {
     const std::string_view text = text_of_field(field, bytes);
-    if (is_printable(text, classes_of(text))) return {copy(text, to), Kind::kText};
+    if (is_printable(field, text, classes_of(text))) {
+      return {put_text(field, text, to), Kind::kText};
+    }
   } else if (const auto put = put_other(field, bytes, to)) {
     return *put;
   }
   return {put_hex(bytes, to), Kind::kHex};
 }
 
+namespace {
+
+// Of a text that needs quotes, or is kept in another encoding, or is none.
+[[gnu::noinline]] char* put_odd_text(const Field& field, Bytes bytes, char* to) {
+  const std::string_view text = text_of_field(field, bytes);
+  const unsigned classes = classes_of(text);
+  if (!is_printable(field, text, classes) || text.starts_with(kHexMark)) {
+    return put_hex_cell(bytes, to);
+  }
+  const bool is_simple = (classes & (kQuote | kComma | kReturn | kNewline)) == 0;
+  return is_simple ? put_text(field, text, to) : put_quoted_cell(field, text, to);
+}
+
+[[gnu::noinline]] char* put_odd_value(const Field& field, Bytes bytes, char* to) {
+  const auto put = put_other(field, bytes, to);
+  return put ? put->end : put_hex_cell(bytes, to);
+}
+
+}  // namespace
+
 char* put_csv(const Field& field, Bytes bytes, char* to) {
   if (is_null(field, bytes)) return to;
   if (!is_plain_text(field)) {
-    const auto put = put_other(field, bytes, to);
-    return put ? put->end : put_hex_cell(bytes, to);
+    char* const end = put_usual(field, bytes, to);
+    return end != nullptr ? end : put_odd_value(field, bytes, to);
   }
   const std::string_view text = text_of_field(field, bytes);
-  const unsigned classes = classes_of(text);
-  if (!is_printable(text, classes) || text.starts_with(kHexMark)) return put_hex_cell(bytes, to);
-  const bool is_simple = (classes & (kQuote | kComma | kReturn | kNewline)) == 0;
-  return is_simple ? copy(text, to) : put_quoted_cell(text, to);
+  const bool is_ordinary = copy_ordinary(text, bytes, to) && !text.starts_with(kHexMark);
+  return is_ordinary ? to + text.size() : put_odd_text(field, bytes, to);
 }
 
 char* put_json(const Field& field, Bytes bytes, char* to) {
   if (is_null(field, bytes)) return copy("null", to);
   if (!is_plain_text(field)) {
+    if (char* const end = put_usual(field, bytes, to)) {
+      return field.meaning == Meaning::kDate ? in_quotes(to, end) : end;
+    }
     const auto put = put_other(field, bytes, to);
     if (!put) return put_hex_object(bytes, to);
     const bool is_bare =
@@ -200,11 +349,16 @@ char* put_json(const Field& field, Bytes bytes, char* to) {
     return is_bare ? put->end : in_quotes(to, put->end);
   }
   const std::string_view text = text_of_field(field, bytes);
+  if (copy_ordinary(text, bytes, to + 1)) {
+    to[0] = '"';
+    to[text.size() + 1] = '"';
+    return to + text.size() + 2;
+  }
   const unsigned classes = classes_of(text);
-  if (!is_printable(text, classes)) return put_hex_object(bytes, to);
+  if (!is_printable(field, text, classes)) return put_hex_object(bytes, to);
   *to++ = '"';
   const bool is_simple = (classes & (kQuote | kBackslash | kReturn | kNewline | kTab)) == 0;
-  to = is_simple ? copy(text, to) : put_escaped(text, to);
+  to = is_simple ? put_text(field, text, to) : put_escaped(field, text, to);
   *to++ = '"';
   return to;
 }

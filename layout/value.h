@@ -3,7 +3,7 @@
 //   char* end = put_csv(field, bytes_of(field, record, tail), to);
 //   Stored stored = store(field, Kind::kText, "12.50", room);     // stored.wrong: why not
 //
-// Needs   fields of read() or of a draft; nothing but the standard library
+// Needs   fields of read() or of a draft
 // Keeps   V1 whatever bytes a field has, its value stores the same bytes again. What no plain value
 //            gives back (text that is not printable UTF-8, a date that is none, digits of another
 //            form) has its bytes in hexadecimal for its value.
@@ -29,8 +29,12 @@ enum class Kind : std::uint8_t {
   kHex,      // two digits for each byte
 };
 
+// The most bytes of text for a byte of a field: a character in UTF-8.
+inline constexpr std::size_t kMostForByte = 3;
 // The most room that the text of a value takes, in any of the forms below.
-[[nodiscard]] constexpr std::size_t text_room(std::size_t bytes) { return 2 * bytes + 64; }
+[[nodiscard]] constexpr std::size_t text_room(std::size_t bytes) {
+  return kMostForByte * bytes + 64;
+}
 
 // The bytes of a field of a record, of which `tail` is what lies behind the record length.
 [[nodiscard]] inline Bytes bytes_of(const Field& field, Bytes record, Bytes tail) {

@@ -32,6 +32,7 @@ std::string options_of(const Field& field) {
   }
   if (field.may_be_null) text += " null";
   if (field.keeps_blanks) text += " blanks";
+  if (!field.encoding.empty()) text += " encoding " + as_word(field.encoding);
   return text;
 }
 

@@ -55,6 +55,18 @@ TEST(Layout, IsReadAndWrittenAlike) {
   EXPECT_EQ(facts(reading.fields[11]), "notes|char|0|0|tail blanks 0||0||");
 }
 
+TEST(Layout, AnEncodingIsOfTheTextsBehindIt) {
+  const Reading reading = read(
+      "a char 0 8\nencoding latin1\nb char next 8\nc long next\nd char next 8 encoding utf-8\n"
+      "e char next 8 date YYYYMMDD\nencoding char next 8 encoding CP850\ng char tail\n");
+  ASSERT_EQ(problems_of(reading.problems), "");
+  std::string all;
+  for (const Field& field : reading.fields) all += field.name + ':' + field.encoding + ' ';
+  EXPECT_EQ(all, "a: b:latin1 c: d: e: encoding:CP850 g:latin1 ");
+  const Reading again = read(text_of(reading.fields));
+  EXPECT_EQ(text_of(again.fields), text_of(reading.fields));
+}
+
 struct Case {
   const char* text;
   const char* problem;
@@ -98,6 +110,12 @@ TEST(Layout, WhatIsWrongIsToldByLine) {
       {"a char 0 1 boolean Y no", "F:1: \"no\" is no value"},
       {"a int 0 boolean 1 40000", "F:1: \"40000\" is no value"},
       {"a char tail boolean Y N", "F:1: \"Y\" is no value"},
+      {"a char 0 8 encoding ../latin1", "F:1: \"../latin1\" is no encoding of one byte"},
+      {"encoding utf-16\na char 0 8", "F:1: \"utf-16\" is no encoding of one byte"},
+      {"a char 0 8 encoding shift_jis", "F:1: \"shift_jis\" is no encoding of one byte"},
+      {"a char 0 8 encoding", "F:1: \"\" is no encoding"},
+      {"a bytes 0 8 encoding latin1", "F:1: only a text that is nothing else"},
+      {"a char 0 8 encoding latin1 date YYYYMMDD", "F:1: only a text that is nothing else"},
   };
   for (const auto& [text, problem] : kCases) {
     const Reading reading = read(text);
@@ -170,6 +188,21 @@ TEST(Draft, GuessesWhatPeopleKeep) {
 }
 
 // Whatever the keys and the bytes, a draft covers each byte once and can be read.
+TEST(Draft, TellsWhichTextsAreNotUtf8) {
+  Draft draft(12, true);
+  const std::string record = "M\xFCller  0012";
+  const std::string tail = "a\r\nb\xE9";
+  const auto bytes = [](const std::string& text) {
+    return Bytes(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+  };
+  for (int i = 0; i < 9; ++i) draft.add_record(bytes(record), bytes(tail));
+  std::string comments;
+  for (const Field& field : draft.fields()) comments += field.comment + '\n';
+  EXPECT_EQ(comments,
+            "guess: text; not UTF-8: \"encoding\" tells what it is\nguess: digits\n"
+            "guess: text; not UTF-8: \"encoding\" tells what it is\n");
+}
+
 TEST(Draft, CoversEachByteOnce) {
   std::minstd_rand random(2);
   const auto below = [&](int n) { return static_cast<int>(random() % static_cast<unsigned>(n)); };

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <string>
@@ -101,6 +103,18 @@ TEST(Value, StandsAsPeopleReadItAndComesBack) {
       {"char 0 4", "\xE9te ", "hex:e9746520", R"({"hex":"e9746520"})"},
       {"char 0 4", "\xC2\x9Btu", "hex:c29b7475", R"({"hex":"c29b7475"})"},
       {"char 0 4", "\xED\xA0\x80 ", "hex:eda08020", R"({"hex":"eda08020"})"},
+      {"char 0 4 encoding latin1", "\xE9\xDF, ", "\"\xC3\xA9\xC3\x9F,\"", "\"\xC3\xA9\xC3\x9F,\""},
+      {"char 0 4 encoding latin1", "\"\xE9\xA0 ", "\"\"\"\xC3\xA9\xC2\xA0\"",
+       "\"\\\"\xC3\xA9\xC2\xA0\""},
+      {"char 0 4 encoding latin1", "\x85t  ", "hex:85742020", R"({"hex":"85742020"})"},
+      {"char 0 4 encoding CP850", "\x82t  ", "\xC3\xA9t", "\"\xC3\xA9t\""},
+      {"char tail encoding windows-1252", "\x80 5", "\xE2\x82\xAC 5", "\"\xE2\x82\xAC 5\""},
+      {"char 0 2 encoding windows-1252", "\x81 ", "hex:8120", R"({"hex":"8120"})"},
+      {"char 0 2 encoding utf-8", "\xC3\xA9", "\xC3\xA9", "\"\xC3\xA9\""},
+      {"char 0 20", "1234567890123456, 89", "\"1234567890123456, 89\"",
+       R"("1234567890123456, 89")"},
+      {"char 0 18", "1234567890123456\x01 ", "hex:313233343536373839303132333435360120",
+       R"({"hex":"313233343536373839303132333435360120"})"},
       {"char 0 4", "abc\0"s, "hex:61626300", R"({"hex":"61626300"})"},
       {"char 0 6", "hex:0a", "hex:6865783a3061", R"("hex:0a")"},
       {"int 0", "\xFF\xFE", "-2", "-2"},
@@ -176,6 +190,9 @@ TEST(Value, WhateverBytesThereAreComeBack) {
       "char 0 2 boolean Y \"\"",
       "long 0 boolean 1 -1",
       "char tail null",
+      "char 0 8 encoding CP437",
+      "char 0 40 encoding windows-1258 null",
+      "char tail blanks encoding koi8-r",
       "bytes tail",
   };
   std::minstd_rand random(1);
@@ -196,6 +213,24 @@ TEST(Value, WhateverBytesThereAreComeBack) {
       comes_back(field, bytes);
       if (HasFatalFailure()) return;
     }
+  }
+}
+
+// As few digits as tell a number from all others, by whatever way they are found.
+TEST(Value, RealNumbersHaveTheirShortestText) {
+  const Field field = field_of("double 0");
+  std::minstd_rand random(3);
+  for (int round = 0; round < 200000; ++round) {
+    const auto digits = static_cast<double>(random() % (round % 2 == 0 ? 100000U : 2000000000U));
+    const double scale = std::pow(10, static_cast<int>(random() % 13) - 4);
+    const double number = (random() % 2 == 0 ? digits / scale : -digits * scale);
+    std::string bytes(sizeof number, '\0');
+    std::memcpy(bytes.data(), &number, sizeof number);
+    std::array<char, 32> shortest{};
+    char* const end = std::to_chars(shortest.data(), shortest.data() + shortest.size(), number).ptr;
+    const std::string text =
+        number == 0 && std::signbit(number) ? "-0.0" : std::string(shortest.data(), end);
+    ASSERT_EQ(text_by(put_csv, field, bytes), text);
   }
 }
 
@@ -226,6 +261,9 @@ TEST(Value, WhatCannotBeStoredIsTold) {
       {"char 0 6 date YYMMDD", "1950-01-01", "f: 1950-01-01 does not fit a char of 6"},
       {"int 0 date since 1899-12-31", "2026-11-22", "f: 2026-11-22 does not fit an int"},
       {"char 0 1 boolean Y N", "Y", "f: \"Y\" is neither true nor false"},
+      {"char 0 9 encoding latin1", "5 \xE2\x82\xAC",
+       "f: \"5 ???\" has characters that latin1 has not"},
+      {"char 0 2 encoding latin1", "\xC3\xA9\xC3\xA9\xC3\xA9", "f: 3 bytes do not fit 2"},
       {"char tail", "12345678901234567890123456789012345678901", "f: 41 bytes do not fit 40"},
   };
   std::string wrong;
