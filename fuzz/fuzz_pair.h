@@ -57,6 +57,18 @@ class Workplace {
     return testing_support::read_file(base_ + ".idx") == pair.index &&
            testing_support::read_file(base_ + ".dat") == pair.records;
   }
+  // Removes all other files of the folder: how many there were.
+  int remove_others() const {
+    int count = 0;
+    const std::filesystem::path folder = std::filesystem::path{base_}.parent_path();
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      const std::string name = entry.path().string();
+      if (name == base_ + ".idx" || name == base_ + ".dat") continue;
+      std::filesystem::remove(entry.path());
+      ++count;
+    }
+    return count;
+  }
 
  private:
   int in_memory_ = std::filesystem::exists("/dev/shm") ? ::setenv("TMPDIR", "/dev/shm", 0) : 0;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "fuzz/log_input.h"
+#include "isam/base/format.h"
 #include "recover/loglisting.h"
 #include "recover/trail.h"
 
@@ -16,7 +17,6 @@ using recover::Status;
 using namespace fuzz::listing;
 
 constexpr std::size_t kHeader = 3;  // before a trail
-constexpr int kGreatestRecord = 32511;
 
 // What a byte may take in a listing. A record of 34 bytes takes most, when it is about the open of
 // a file with the longest name that is remembered.
@@ -52,7 +52,7 @@ Status list(const std::string& path, fuzz::Input input) {
   recover::Options options;
   options.trail = path;
   options.dump = dump;
-  options.format = {(how & kVariable) != 0, 1 + common::ldword(&input[1]) % kGreatestRecord};
+  options.format = {(how & kVariable) != 0, 1 + common::ldword(&input[1]) % isam::kMaxRecordLength};
   testing_support::write_file(path, fuzz::image_of(input.subspan(kHeader)));
   return recover::list_trail(options);
 }

@@ -93,6 +93,7 @@ void write_layouts(const fs::path& folder) {
        {"# all\nid char 0 8\nname locale next 20 blanks null # comment\nrest bytes next 3\n",
         "born char 4 10 date DD.MM.YYYY\ndue long next date YYYYMMDD\nday int 0 date since "
         "1899-12-31\n",
+        "encoding latin1\nname char 0 9\nother char next 8 encoding CP850\nnotes char tail\n",
         "amount long 0 4 decimal 2\nactive char 8 5 boolean \"y #\"\"\" no\nrate double 16 null\n"
         "share float next\nnotes char tail\n"}) {
     add_seed(folder, {}, {text.begin(), text.end()});

@@ -1,9 +1,8 @@
 // zentra_repair_fuzz: any bytes whatever as a pair, which zentra repairs with --force.
 //
 // Finds   crashes, overruns, hangs and runaway memory; a result that does not check clean; a
-// refused
-//         repair that changed a file; a data file of which other bytes than states and references
-//         changed, or a record that went without being in the losses
+//         refused repair that changed a file; a data file of which other bytes than states and
+//         references changed, or a record that went without being in the losses
 #include <filesystem>
 #include <set>
 #include <string>
@@ -23,13 +22,7 @@ Image take_away(const fuzz::Workplace& workplace) {
   const std::string losses = workplace.base() + ".lost.jsonl";
   Image lost;
   if (std::filesystem::exists(losses)) lost = testing_support::read_file(losses);
-  const std::filesystem::path base = workplace.base();
-  for (const auto& entry : std::filesystem::directory_iterator(base.parent_path())) {
-    const std::string name = entry.path().filename().string();
-    if (name != base.filename().string() + ".idx" && name != base.filename().string() + ".dat") {
-      std::filesystem::remove(entry.path());
-    }
-  }
+  workplace.remove_others();
   return lost;
 }
 

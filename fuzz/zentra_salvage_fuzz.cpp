@@ -2,7 +2,6 @@
 //
 // Finds   crashes, overruns, hangs and runaway memory; a source that is changed; a new pair that
 //         does not check clean; anything left behind where there is none
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -22,19 +21,6 @@ std::vector<std::string> words_from(std::uint8_t choice, const std::string& base
   return words;
 }
 
-// How many files there were beside the pair, which are removed.
-int take_away(const std::string& base) {
-  int count = 0;
-  const std::filesystem::path folder = std::filesystem::path{base}.parent_path();
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    const std::string name = entry.path().string();
-    if (name == base + ".idx" || name == base + ".dat") continue;
-    std::filesystem::remove(entry.path());
-    ++count;
-  }
-  return count;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -47,7 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                        status == static_cast<int>(zentra::Status::kDamaged);
   if (!workplace.holds(*input)) std::abort();
   if (is_made && zentra::run({"check", base + "-new"}) != 0) std::abort();
-  const int left = take_away(base);
+  const int left = workplace.remove_others();
   if (is_made ? left < 2 : left != 0) std::abort();
   return 0;
 }

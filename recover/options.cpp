@@ -5,12 +5,11 @@
 #include <charconv>
 #include <string_view>
 
+#include "isam/base/format.h"
 #include "recover/output.h"
 
 namespace recover {
 namespace {
-
-constexpr int kGreatestRecord = 32511;  // the greatest length that isbuild() takes
 
 constexpr char kUsage[] =
     "usage: isrecover [-akvx] [-C FOLDER] LOG\n"
@@ -51,12 +50,13 @@ constexpr option kLongOptions[] = {{"directory", required_argument, nullptr, 'C'
 
 // What the argument of --length says; nothing, after a complaint, when it makes no sense.
 std::optional<TrailFormat> parse_format(std::string_view text) {
-  if (text == "variable") return TrailFormat{true, kGreatestRecord};
+  if (text == "variable") return TrailFormat{true, isam::kMaxRecordLength};
   int length = 0;
   const char* const end = text.data() + text.size();
   const auto [stop, error] = std::from_chars(text.data(), end, length);
-  if (error != std::errc{} || stop != end || length < 1 || length > kGreatestRecord) {
-    complain("a record length is 1 to " + std::to_string(kGreatestRecord) + " or \"variable\"");
+  if (error != std::errc{} || stop != end || length < 1 || length > isam::kMaxRecordLength) {
+    complain("a record length is 1 to " + std::to_string(isam::kMaxRecordLength) +
+             " or \"variable\"");
     return std::nullopt;
   }
   return TrailFormat{false, length};

@@ -22,6 +22,7 @@
 namespace zentra {
 namespace {
 
+using isam::dictp;
 using isam::filep;
 
 constexpr std::size_t kMemory = std::size_t{16} << 20;
@@ -101,12 +102,19 @@ std::int32_t last_slot(const checker::Check& check) {
 }  // namespace
 
 const char* code_of(Why why) {
-  constexpr std::array kCodes = {"record.state", "record.unreadable", "storage.piece-shared",
-                                 "storage.reference-left", "index.keys-equal"};
+  constexpr std::array kCodes = {"record.state",         "record.unreadable",
+                                 "storage.piece-shared", "storage.reference-left",
+                                 "index.keys-equal",     "pieces.data-end"};
   return kCodes.at(static_cast<std::size_t>(why));
 }
 
 int trailer_size() { return filep->geometry.varlen ? isam::kVariableTrailer : isam::kFixedTrailer; }
+
+int slot_bytes(std::int32_t record) {
+  const std::int64_t begin = std::int64_t{record - 1} * isam::slot_size();
+  const std::int64_t end = common::file_size(filep->data.fd);
+  return static_cast<int>(std::clamp<std::int64_t>(end - begin, 0, isam::slot_size()));
+}
 
 bool read_slot(std::int32_t record, isam::Bytes fixed, isam::Bytes trailer) {
   const std::int64_t offset = std::int64_t{record - 1} * isam::slot_size();
@@ -138,6 +146,25 @@ int variable_part(isam::ConstBytes trailer, std::string& bytes) {
   }
   return system_error();
 }
+
+namespace {
+
+// The file may end in the slot of the last record. Where that has its state and reads as a record,
+// with zeros for what is missing, it is one.
+int find_torn(const checker::Check& check, BadRecords& bad) {
+  const std::int64_t whole = common::file_size(filep->data.fd) / isam::slot_size();
+  if (whole >= dictp->d_nextdata()) return 0;
+  const auto record = static_cast<std::int32_t>(whole + 1);
+  if (check.datmap.tstbit(record)) return 0;
+  std::vector<isam::Byte> bytes(static_cast<std::size_t>(slot_bytes(record)));
+  const std::int64_t offset = whole * isam::slot_size();
+  if (common::read_at(filep->data.fd, bytes, offset) < 0) return errno;
+  if (std::ranges::all_of(bytes, [](isam::Byte byte) { return byte == 0; })) return 0;
+  bad.push_back({record, Fate::kDropped, Why::kTorn});
+  return 0;
+}
+
+}  // namespace
 
 int find_bad_records(const checker::Check& check, const std::set<std::int32_t>& sharing,
                      Fate unreadable_fate, BadRecords& bad) {
@@ -174,7 +201,7 @@ int find_bad_records(const checker::Check& check, const std::set<std::int32_t>& 
     }
   }
   isam::clear_errors();
-  return 0;
+  return find_torn(check, bad);
 }
 
 bool are_still_unreadable(const BadRecords& records) {
@@ -230,9 +257,11 @@ int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& 
     const isam::ConstBytes slot = slots.of(record);
     if (slot.empty() && errno != 0) return errno;
     if (slot.empty()) continue;
-    if (slot[fixed] != isam::kRecordPresent) continue;
     while (bad != records.cend() && bad->record < record) ++bad;
-    if (bad != records.cend() && bad->record == record && bad->fate == Fate::kDropped) continue;
+    const bool is_bad = bad != records.cend() && bad->record == record;
+    const bool presented = is_bad && bad->fate == Fate::kPresented;
+    if (slot[fixed] != isam::kRecordPresent && !presented) continue;
+    if (is_bad && bad->fate == Fate::kDropped) continue;
     isam::Byte* to = sortable ? key.data() : entry.data();
     for (int i = 0; i < k.nparts; ++i) {
       const auto part = static_cast<std::size_t>(k.part[i].length);

@@ -19,12 +19,20 @@ namespace zentra {
 
 // What a repair does with a record.
 enum class Fate : std::uint8_t {
-  kDropped,  // it becomes absent
-  kEmptied,  // it loses its variable part
-  kCleared   // it is absent already; what its slot still says of a variable part goes
+  kDropped,   // it becomes absent
+  kEmptied,   // it loses its variable part
+  kCleared,   // it is absent already; what its slot still says of a variable part goes
+  kPresented  // it becomes present, with all that it has
 };
 
-enum class Why : std::uint8_t { kOddState, kUnreadable, kShared, kReferenceLeft, kEqualKeys };
+enum class Why : std::uint8_t {
+  kOddState,
+  kUnreadable,
+  kShared,
+  kReferenceLeft,
+  kEqualKeys,
+  kTorn  // the data file ends in its slot, of which nothing is changed
+};
 // The code by which reports and losses name it.
 [[nodiscard]] const char* code_of(Why why);
 
@@ -39,6 +47,8 @@ using BadRecords = std::deque<BadRecord>;
 // Records with a key of another that keeps it, and that one; by ascending number.
 using SameKeys = std::vector<std::pair<std::int32_t, std::int32_t>>;
 
+// How many bytes the slot of a record has in the file.
+[[nodiscard]] int slot_bytes(std::int32_t record);
 // Copies the bytes of a record's slot in front of its trailer, and the trailer, of which a file of
 // fixed length has one byte. False, with errno, when they cannot be read.
 [[nodiscard]] bool read_slot(std::int32_t record, isam::Bytes fixed, isam::Bytes trailer);
@@ -49,7 +59,8 @@ using SameKeys = std::vector<std::pair<std::int32_t, std::int32_t>>;
 [[nodiscard]] int variable_part(isam::ConstBytes trailer, std::string& bytes);
 
 // Looks at all slots but those that others have locked: states that are none, variable parts that
-// cannot be read or of which `sharing` are the records, references of absent records.
+// cannot be read or of which `sharing` are the records, references of absent records, what a slot
+// has in which the data file ends.
 // `unreadable_fate`: what becomes of a record whose variable part is lost. 0, or an errno: then it
 // is not known which records are bad.
 [[nodiscard]] int find_bad_records(const checker::Check& check,

@@ -48,6 +48,10 @@ std::string sentence(const Collector& collector) {
     return "damaged: it lacks descriptions of indexes; zentra repair heals it, with --keys, --like "
            "or --force";
   }
+  if (status == Status::kNeedsSalvage && beyond.contains(kRecordLength)) {
+    return "damaged: its dictionary or its data file is another pair's, or the record length is "
+           "damaged, which zentra repair --force heals: its plan tells more";
+  }
   if (status != Status::kDamaged) return sentence(status);
   // Where the index is cut, what it lacks is why the library met errors.
   if (beyond.contains("library.error") && !beyond.contains(kIndexEnd)) {

@@ -19,7 +19,7 @@ constexpr Command kCommands[] = {
      "Not one byte of the data file is ever changed.", prepare_reindex},
     {"repair", "mend a pair, after a plan and on a copy",
      "Nothing is changed before the plan is confirmed, nor when the result would not check clean. "
-     "Of the data file only the states of records that are dropped, and their references.",
+     "Of the data file only states of records, and their references.",
      prepare_repair},
     {"salvage", "make a new pair of what is left of a data file",
      "Not one byte of the files that it reads is ever changed, and no file is replaced.",

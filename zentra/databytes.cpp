@@ -215,27 +215,31 @@ int write_pieces(int fd, const DataChanges& changes, Of bytes) {
 void DataChanges::reserve(std::size_t places) {
   before_.reserve(places);
   first_after_.reserve(places);
+  clears_rest_.reserve(places);
 }
 
 bool DataChanges::add(const DataChange& change) {
-  const isam::ConstBytes after = after_of(change);
-  const bool has_form =
-      std::all_of(after.begin() + 1, after.end(), [](isam::Byte byte) { return byte == 0; });
-  if (static_cast<std::size_t>(change.count) != before_.count() || !has_form) return false;
+  if (static_cast<std::size_t>(change.count) != before_.count()) return false;
+  const isam::ConstBytes rest = after_of(change).subspan(1);
+  const bool clears = std::ranges::all_of(rest, [](isam::Byte byte) { return byte == 0; });
+  if (!clears && !std::ranges::equal(rest, before_of(change).subspan(1))) return false;
   before_.add(change.offset, before_of(change));
-  first_after_.push_back(after[0]);
+  first_after_.push_back(after_of(change)[0]);
+  clears_rest_.push_back(clears);
   return true;
 }
 
 void DataChanges::clear() {
   before_.clear();
   first_after_.clear();
+  clears_rest_.clear();
 }
 
 DataChange DataChanges::operator[](std::size_t place) const {
   const isam::ConstBytes before = before_.bytes(place);
   DataChange change{.offset = before_.offset(place), .count = static_cast<int>(before.size())};
   std::ranges::copy(before, change.before);
+  if (!clears_rest_[place]) std::ranges::copy(before, change.after);
   change.after[0] = first_after_[place];
   return change;
 }
@@ -244,11 +248,14 @@ std::optional<DataChanges> changes_for(const BadRecords& records) {
   DataChanges changes{trailer_size()};
   changes.reserve(records.size());
   for (const BadRecord& bad : records) {
+    if (bad.why == Why::kTorn) continue;
     DataChange change{
         .offset = std::int64_t{bad.record - 1} * isam::slot_size() + isam::filep->geometry.reclen,
         .count = trailer_size()};
     if (!read_slot(bad.record, {}, before_of(change))) return {};
-    if (bad.fate == Fate::kEmptied) change.after[0] = isam::kRecordPresent;
+    if (bad.fate == Fate::kPresented) std::ranges::copy(change.before, change.after);
+    const bool stays = bad.fate == Fate::kEmptied || bad.fate == Fate::kPresented;
+    if (stays) change.after[0] = isam::kRecordPresent;
     static_cast<void>(changes.add(change));  // it has the form
   }
   return changes;

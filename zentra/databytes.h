@@ -24,8 +24,7 @@ struct DataChange {
   isam::Byte after[isam::kVariableTrailer] = {};
 };
 
-// Changes of as many bytes at each place, of which the bytes behind the change are zero but for the
-// first.
+// Changes of as many bytes at each place, of which all but the first become zero, or stay.
 class DataChanges {
  public:
   explicit DataChanges(int count = 1) : before_(static_cast<std::size_t>(count)) {}
@@ -42,6 +41,7 @@ class DataChanges {
  private:
   checker::BytesBefore before_;
   std::vector<isam::Byte> first_after_;
+  std::vector<bool> clears_rest_;
 };
 
 // What becomes of the slots of these records of the current pair; nothing when one cannot be read.

@@ -49,7 +49,20 @@ void DeepCollector::index_begins(int n, const keydescr& k) {
   for (const keypart& part : std::span{k.part, static_cast<std::size_t>(k.nparts)}) {
     keys_end_ = std::max(keys_end_, part.start + part.length);
   }
-  if (walked_ != 0) keys_.begins(n, k);
+  if (walked_ == 0) return;
+  look_at_root(n, k.rootnode);
+  keys_.begins(n, k);
+}
+
+// Two indexes that are described alike, too, may lead to one tree.
+void DeepCollector::look_at_root(int n, std::int32_t root) {
+  const auto [at, is_first] = roots_.try_emplace(root, n);
+  if (is_first) return;
+  add({.code = "index.root-shared",
+       .status = Status::kDamaged,
+       .key = n,
+       .text = fmt::format("its root, node {}, is that of index {}", root, at->second),
+       .fields = {{"node", std::int64_t{root}}, {"other", std::int64_t{at->second}}}});
 }
 
 void DeepCollector::index_walked(std::int32_t /*nodes*/, int /*levels*/) {

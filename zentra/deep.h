@@ -53,6 +53,8 @@ class DeepCollector : public Collector {
   };
 
   KeyCheck keys_;
+  void look_at_root(int n, std::int32_t root);
+
   std::int64_t odd_levels_ = 0;  // nodes of the index under way
   int walked_ = 0;               // number of the index under way, 0 for one without a tree
   int keys_end_ = 0;
@@ -60,6 +62,7 @@ class DeepCollector : public Collector {
   bool audit_is_tree_node_ = false;
   const checker::Check* check_ = nullptr;
   std::map<int, Leads> leads_;
+  std::map<std::int32_t, int> roots_;  // and the first index that has each
 };
 
 // Codes: nodes of key descriptions lack their marks; the index file has been cut; another record

@@ -184,10 +184,11 @@ void check_fit(const checker::Check& check, DeepCollector& collector) {
   if (states.system_error() != 0) return collector.unfinished(states.system_error());
   const bool has_other_length = check_length(collector, states, fit);
   check_end(check, collector);
+  if (has_other_length) return;  // which is why no index fits
   const bool is_other = collector.is_of_another_time();
   // What would be made of so few records would be next to nothing.
   const bool are_few = is_other && fit.present < collector.most_items() / kFewRecords;
-  const bool are_gone = !has_other_length && (are_few || collector.are_records_gone());
+  const bool are_gone = are_few || collector.are_records_gone();
   if (!is_other && !are_gone) return;
   collector.add(
       {.code = "pieces.times",

@@ -5,15 +5,16 @@
 //   while (members.next()) use(members.name(), members.kind(), members.value());
 //   if (!members.why().empty()) return refused(members.why());
 //
-// A value is a string, a number, true, false, null, or {"hex":"0aff"}. Memory is kept from line to
-// line.
+// A value is a string, a number as it stands, true, false, null, or {"hex":"0aff"}. Memory is kept
+// from line to line.
 //
-// Keeps   texts are UTF-8; a name or a value is valid until the next one
+// Keeps   texts are UTF-8; names and values are valid until the next begin()
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "layout/value.h"
 
@@ -21,39 +22,28 @@ namespace zentra {
 
 class JsonMembers {
  public:
+  // Where the line is no such object it has no members, and why() tells what is wrong.
   void begin(std::string_view line);
-  // False behind the last one, and where the line is no such object: why() tells then.
-  [[nodiscard]] bool next();
+  // False behind the last one.
+  [[nodiscard]] bool next() { return ++at_ <= count_; }
 
-  [[nodiscard]] std::string_view name() const { return name_; }
-  [[nodiscard]] layout::Kind kind() const { return kind_; }
-  [[nodiscard]] std::string_view value() const { return value_; }
+  [[nodiscard]] std::string_view name() const { return members_[at_ - 1].name; }
+  [[nodiscard]] layout::Kind kind() const { return members_[at_ - 1].kind; }
+  [[nodiscard]] std::string_view value() const { return members_[at_ - 1].value; }
   [[nodiscard]] const std::string& why() const { return why_; }
 
  private:
-  bool fail(const char* why);
-  void pass_blanks();
-  [[nodiscard]] bool take(char sign);
-  // Each takes what begins there; `room`: for a string with escapes.
-  [[nodiscard]] bool take_string(std::string& room, std::string_view& to);
-  [[nodiscard]] bool unescape(std::string& room, std::string_view& to, const char* plain_end);
-  [[nodiscard]] bool take_code(std::uint32_t& code);
-  [[nodiscard]] bool take_escape(std::string& room);
-  [[nodiscard]] bool take_value();
-  [[nodiscard]] bool take_word();
-  [[nodiscard]] bool take_number();
-  [[nodiscard]] bool take_hex();
-  bool finish();
+  class Events;
 
-  const char* at_ = nullptr;
-  const char* end_ = nullptr;
-  bool is_first_ = true;
-  bool is_done_ = true;
-  std::string_view name_;
-  layout::Kind kind_ = layout::Kind::kNull;
-  std::string_view value_;
-  std::string name_room_;
-  std::string value_room_;
+  struct Member {
+    std::string name{};
+    layout::Kind kind = layout::Kind::kNull;
+    std::string value{};
+  };
+
+  std::vector<Member> members_;  // those from count_ on are of other lines
+  std::size_t count_ = 0;
+  std::size_t at_ = 0;  // from 1
   std::string why_;
 };
 

@@ -10,11 +10,14 @@
 #include <utility>
 
 #include "checker/driver.h"
+#include "checker/interrupt.h"
+#include "checker/jsonline.h"
 #include "checker/temporaryfile.h"
 #include "common/io.h"
 #include "common/number.h"
 #include "isam.h"
 #include "isam/base/errors.h"
+#include "isam/base/format.h"
 #include "isam/calls/call.h"
 #include "zentra/keysfile.h"
 #include "zentra/pairlayout.h"
@@ -29,15 +32,26 @@ namespace {
 using std::chrono::steady_clock;
 using Step = Rows::Step;
 
-constexpr int kGreatestRecord = 32511;
-
 TextFormat guessed(std::string_view beginning, std::string_view file) {
   if (beginning.starts_with(kRawBegin)) return TextFormat::kRaw;
   if (file.ends_with(".csv")) return TextFormat::kCsv;
   if (beginning.starts_with("\xEF\xBB\xBF")) beginning.remove_prefix(3);
   const std::size_t first = beginning.find_first_not_of(" \t\r\n");
-  const bool is_object = first != beginning.npos && beginning[first] == '{';
-  return is_object ? TextFormat::kJson : TextFormat::kCsv;
+  // CSV has a line with names at least; of no object a text of objects is empty.
+  const bool is_json = first == beginning.npos || beginning[first] == '{';
+  return is_json ? TextFormat::kJson : TextFormat::kCsv;
+}
+
+// {"schema":1,"type":"rejected","line":17,"reason":"...","bytes":{"hex":"...","text":"..."}}
+std::string rejected_line(const Rows& rows, const std::string& why) {
+  constexpr std::size_t kMostBytes = std::size_t{256} << 10;  // that are told of a row
+  const std::string_view text = rows.text();
+  checker::JsonLine json;
+  json.add("schema", std::int64_t{checker::kSchema}).add("type", std::string("rejected"));
+  json.add("line", rows.line()).add("reason", why);
+  if (text.size() > kMostBytes) json.add("length", static_cast<std::int64_t>(text.size()));
+  json.add("bytes", checker::FileBytes{.bytes = std::string(text.substr(0, kMostBytes))});
+  return json.text();
 }
 
 // Of a failed call of the library.
@@ -99,7 +113,7 @@ std::unique_ptr<Rows> Loading::make_rows() {
 
 Status Loading::find_shape() {
   if (format_ == TextFormat::kRaw) return shape_of_text();
-  return request_.like.empty() ? shape_by_words() : shape_like();
+  return request_.like.empty() ? shape_by_words() : take_shape_like();
 }
 
 Status Loading::shape_of_text() {
@@ -116,19 +130,13 @@ Status Loading::shape_of_text() {
   return Status::kSound;
 }
 
-Status Loading::shape_like() {
+Status Loading::take_shape_like() {
   std::string base = request_.like;
   checker::cut_suffix(base);
   ReadPair pair;
-  if (!pair.open(base, request_.wait, ReadPair::Look::kLittle) || !pair.load() ||
-      !pair.take_geometry()) {
-    return refuse(pair.status(), fmt::format("{}: {}", shown(base), pair.why()));
-  }
-  auto shape = shape_of_pair();
-  if (!shape) {
-    return refuse(Status::kNeedsSalvage, shown(base) + ": its key descriptions cannot be read");
-  }
-  shape_ = std::move(*shape);
+  LikeShape like = shape_like(pair, base, request_.wait);
+  if (!like.shape) return refuse(like.status, like.why);
+  shape_ = std::move(*like.shape);
   shape_.unique = 1;
   PairLayout of_pair = layout_of_pair(request_.layout, base);
   if (!of_pair.why.empty()) {
@@ -142,16 +150,17 @@ Status Loading::shape_like() {
 Status Loading::find_lengths(bool& has_tail) {
   const std::string& text = request_.length;
   const std::size_t comma = std::min(text.find(','), text.size());
-  const auto least = common::number_within(text.substr(0, comma), 1, kGreatestRecord);
+  const auto least = common::number_within(text.substr(0, comma), 1, isam::kMaxRecordLength);
   has_tail = comma < text.size();
   const auto greatest =
-      has_tail && least ? common::number_within(text.substr(comma + 1), *least + 1, kGreatestRecord)
-                        : least;
+      has_tail && least
+          ? common::number_within(text.substr(comma + 1), *least + 1, isam::kMaxRecordLength)
+          : least;
   if (!least || !greatest) {
     return refuse(Status::kUnfinished,
                   fmt::format("no length of records from 1 to {}: {}; one of variable length has "
                               "two, LEAST,GREATEST",
-                              kGreatestRecord, shown(text)));
+                              isam::kMaxRecordLength, shown(text)));
   }
   shape_.least = static_cast<int>(*least);
   shape_.greatest = static_cast<int>(*greatest);
@@ -277,7 +286,7 @@ Status Loading::take_row(Loader& loader) {
 
 Status Loading::reject(const std::string& why) {
   if (!why.empty()) ++bad_;
-  if (why.empty() || !rejects_.add(rows_->line(), why, rows_->text())) {
+  if (why.empty() || !rejects_.add(rejected_line(*rows_, why))) {
     return refuse(Status::kUnfinished,
                   fmt::format("{}: {}", shown(rejects_.path()), std::strerror(errno)));
   }
@@ -314,7 +323,7 @@ Status Loading::tell_duplicates(const Loader& loader) {
     if (number != left.front()) continue;
     left = left.subspan(1);
     const std::string why = reason_of_duplicate(rows_->bytes());
-    if (!rejects_.add(rows_->line(), why, rows_->text())) return reject("");
+    if (!rejects_.add(rejected_line(*rows_, why))) return reject("");
     if (request_.stops && !request_.into) {
       refuse(Status::kDamaged, fmt::format("line {}: {}", rows_->line(), why));
       return stop();
@@ -360,10 +369,13 @@ Status Loading::complete() {
     if (::isclose(std::exchange(isfd_, -1)) != 0) {
       return refuse(status_of(iserrno), ::isexplain());
     }
-  } else if (!new_pair_.publish()) {
-    return refuse(Status::kUnfinished, new_pair_.why());
+    rejects_.keep();
+  } else {
+    const checker::SignalBlock block;  // the pair and its rejects stay together
+    if (!new_pair_.publish()) return refuse(Status::kUnfinished, new_pair_.why());
+    checker::Interrupt::say("\ninterrupted; the pair is made\n");
+    rejects_.keep();
   }
-  rejects_.keep();
   return bad_ + duplicates_ > 0 ? Status::kDamaged : Status::kSound;
 }
 

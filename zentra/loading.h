@@ -14,9 +14,9 @@
 
 #include "layout/layout.h"
 #include "zentra/input.h"
+#include "zentra/linefile.h"
 #include "zentra/loader.h"
 #include "zentra/newpair.h"
-#include "zentra/rejects.h"
 #include "zentra/rows.h"
 #include "zentra/status.h"
 
@@ -53,7 +53,7 @@ class Loading {
   [[nodiscard]] std::int64_t loaded() const { return loaded_; }
   [[nodiscard]] std::int64_t bad() const { return bad_; }
   [[nodiscard]] std::int64_t duplicates() const { return duplicates_; }
-  [[nodiscard]] const Rejects& rejects() const { return rejects_; }
+  [[nodiscard]] const LineFile& rejects() const { return rejects_; }
   // Why nothing was loaded; empty when it was.
   [[nodiscard]] const std::string& why() const { return why_; }
   [[nodiscard]] const std::vector<std::string>& notes() const { return notes_; }
@@ -63,7 +63,7 @@ class Loading {
   [[nodiscard]] Status open_text();
   [[nodiscard]] Status find_shape();
   [[nodiscard]] Status shape_of_text();
-  [[nodiscard]] Status shape_like();
+  [[nodiscard]] Status take_shape_like();
   [[nodiscard]] Status shape_by_words();
   [[nodiscard]] Status find_lengths(bool& has_tail);
   [[nodiscard]] Status take_layout(const std::string& file, bool has_tail);
@@ -82,7 +82,7 @@ class Loading {
   [[nodiscard]] bool keeps_numbers() const;
 
   LoadRequest request_;
-  Rejects rejects_;
+  LineFile rejects_;
   Input input_;
   TextFormat format_ = TextFormat::kJson;
   PairShape shape_;

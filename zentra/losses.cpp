@@ -26,12 +26,17 @@ bool is_empty(std::string_view bytes) {
   return std::ranges::all_of(bytes, [](char byte) { return byte == 0; });
 }
 
-// Of an absent record only what it has besides zero bytes: empty when there is none. Nothing, with
-// errno, when the record cannot be read.
+// Of an absent record only what it has besides zero bytes: empty when there is none, and for a
+// record that stays as it is. Nothing, with errno, when the record cannot be read.
 std::optional<std::string> line_of(const BadRecord& bad) {
-  std::vector<isam::Byte> fixed(static_cast<std::size_t>(isam::filep->geometry.reclen));
-  std::vector<isam::Byte> trailer(static_cast<std::size_t>(trailer_size()));
+  if (bad.fate == Fate::kPresented) return std::string{};
+  // What is missing of the last slot is no part of the record, or zero in its trailer.
+  const int length = isam::filep->geometry.reclen;
+  const int there = slot_bytes(bad.record);
+  std::vector<isam::Byte> fixed(static_cast<std::size_t>(std::min(length, there)));
+  std::vector<isam::Byte> trailer(static_cast<std::size_t>(std::max(there - length, 0)));
   if (!read_slot(bad.record, fixed, trailer)) return {};
+  trailer.resize(static_cast<std::size_t>(trailer_size()));
   std::string variable;
   if (const int failed = variable_part(trailer, variable)) {
     errno = failed;

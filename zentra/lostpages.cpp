@@ -1,12 +1,14 @@
 #include "zentra/lostpages.h"
 
 #include <algorithm>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
 
 #include "isam/base/errors.h"
 #include "isam/records/varlen.h"
+#include "zentra/pieces.h"
 
 namespace zentra {
 namespace {
@@ -102,9 +104,15 @@ void fill(const isam::PageHold& page, const PageHead& head) {
   set_word(rpage::kDataEnd, end);
 }
 
-// Walks through a variable part of this length: whether all of it is there when `pages`, to which
-// what it finds is added, are mended.
-bool can_be_mended(std::int32_t pointer, int length, LostPages& pages) {
+// What a record can be read by once some pages are mended.
+struct Mended {
+  LostPages pages{};
+  std::set<std::int32_t> pieces{};  // of its variable part, by record pointer
+};
+
+// Walks through a variable part of this length: whether all of it is there when its pages are
+// mended.
+bool can_be_mended(std::int32_t pointer, int length, Mended& its) {
   const int chunk = isam::RpageGeometry{isam::filep->geometry.idxsize}.chunk;
   isam::StepLimit limit{isam::greatest_chain()};
   std::set<std::int32_t> met;
@@ -112,42 +120,61 @@ bool can_be_mended(std::int32_t pointer, int length, LostPages& pages) {
     if (limit.exceeded()) return false;
     const isam::PageHold page = isam::bfread(rpage::pointer_node(pointer));
     if (!page || !may_be_page(page) || !met.insert(page.node()).second) return false;
+    its.pieces.insert(pointer);
     const Rpage view{page};
     const int slot = rpage::pointer_slot(pointer);
     pointer = view.named_piece();
-    if (left < chunk || (left == chunk && !view.is_big())) return ends_in(page, slot, left, pages);
+    if (left < chunk || (left == chunk && !view.is_big())) {
+      return ends_in(page, slot, left, its.pages);
+    }
     if (slot != 0 || !has_most_signs(view)) return false;
     left -= chunk;
     if (left == 0) pointer = 0;
     if (left == 0 || !is_sound_big(view)) {
-      pages[page.node()] = {.slots = 1, .is_big = true, .next = pointer};
+      its.pages[page.node()] = {.slots = 1, .is_big = true, .next = pointer};
     }
   }
   return length > 0;
 }
 
-// Not where another record takes one of its pages for something else.
-bool can_be_mended(std::int32_t record, LostPages& pages) {
+std::optional<Mended> mended(const BadRecord& bad) {
   isam::Byte trailer[isam::kVariableTrailer] = {};
-  if (!read_slot(record, {}, trailer)) return false;
+  if (bad.why != Why::kUnreadable || !read_slot(bad.record, {}, trailer)) return {};
   const int length = common::ldshort(trailer + isam::kTrailerLength);
-  LostPages its;
+  Mended its;
   const bool can = can_be_mended(common::ldlong(trailer + isam::kTrailerReference), length, its);
-  const bool agrees = std::ranges::all_of(its, [&](const auto& page) {
+  if (!can || its.pages.empty()) return {};
+  return its;
+}
+
+bool is_one_taken(const Mended& its, const std::set<std::int32_t>& taken) {
+  return std::ranges::any_of(its.pieces, [&](std::int32_t piece) { return taken.contains(piece); });
+}
+
+// Whether no other record takes one of its pages for something else.
+bool agree(const Mended& its, const LostPages& pages) {
+  return std::ranges::all_of(its.pages, [&](const auto& page) {
     const auto at = pages.find(page.first);
     return at == pages.end() || at->second == page.second;
   });
-  if (!can || its.empty() || !agrees) return false;
-  pages.merge(its);
-  return true;
 }
 
 }  // namespace
 
-void spare_mendable(BadRecords& bad, LostPages& pages, std::vector<std::int32_t>& spared) {
+void spare_mendable(const checker::Check& check, BadRecords& bad, LostPages& pages,
+                    std::vector<std::int32_t>& spared) {
   const isam::KeepError keep;
+  std::set<std::int32_t> pieces;
+  for (const BadRecord& one : bad) {
+    if (auto its = mended(one)) pieces.merge(its->pieces);
+  }
+  if (pieces.empty()) return;
+  std::set<std::int32_t> taken = pieces_of_others(check, bad, pieces);
   std::erase_if(bad, [&](const BadRecord& one) {
-    if (one.why != Why::kUnreadable || !can_be_mended(one.record, pages)) return false;
+    auto its = mended(one);
+    if (!its || is_one_taken(*its, taken) || !agree(*its, pages)) return false;
+    pages.merge(its->pages);
+    taken.merge(its->pieces);
     spared.push_back(one.record);
     return true;
   });

@@ -8,6 +8,7 @@
 #include <map>
 #include <vector>
 
+#include "checker/check.h"
 #include "zentra/badrecords.h"
 
 namespace zentra {
@@ -22,9 +23,10 @@ struct PageHead {
 // By node.
 using LostPages = std::map<std::int32_t, PageHead>;
 
-// Takes the records off `bad` that can be read once some pages are mended. Gives those pages, and
-// the records by ascending number.
-void spare_mendable(BadRecords& bad, LostPages& pages, std::vector<std::int32_t>& spared);
+// Takes the records off `bad` that can be read once some pages are mended, and of which no piece
+// belongs to another record. Gives those pages, and the records by ascending number.
+void spare_mendable(const checker::Check& check, BadRecords& bad, LostPages& pages,
+                    std::vector<std::int32_t>& spared);
 void mend_lost_pages(const LostPages& pages);
 
 }  // namespace zentra

@@ -58,7 +58,7 @@ void check_audit_node(const checker::Check& check, DeepCollector& collector) {
   const bool names_trail = !dictp->d_audits() || !isam::txlog::audit_trail_name().empty();
   collector.pass_over_error();
   const bool is_page = in_range && node <= check.idxlast && check.rpgmap.tstbit(node);
-  const bool is_shared = collector.audit_is_tree_node() || is_page;
+  const bool is_shared = collector.audit_is_tree_node() || is_page || node == 1;
   const bool is_none = node == 0 && !dictp->d_audits();
   if (is_none || (in_range && names_trail && !is_shared)) return;
   collector.add(

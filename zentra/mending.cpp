@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "checker/interrupt.h"
+#include "common/holders.h"
 #include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/files/dictionary.h"
@@ -55,7 +56,16 @@ void Mending::run() {
   constexpr checker::Options kHow{.qflag = 1};
   const checker::Outcome outcome = checker::ckfile(name_, kHow, *this, this);
   if (done_ || !why_.empty()) return;
-  why_ = outcome.whole || last_found_.empty() ? "it could not be finished" : last_found_;
+  if (is_refused_ && !in_use_) say_why_not_opened();
+  say(outcome.whole || last_found_.empty() ? "it could not be finished" : last_found_);
+}
+
+// The check tells only that the pair could not be opened to be changed.
+void Mending::say_why_not_opened() {
+  for (const std::string& path : {isam::mkidxname(name_), isam::mkdatname(name_)}) {
+    const common::FileHold file{common::open_file(path.c_str(), O_RDWR | O_NONBLOCK)};
+    if (!file) say_errno(path);
+  }
 }
 
 bool Mending::say_errno(const std::string& path) {
@@ -100,13 +110,14 @@ bool Mending::change_data(const std::string& kept) {
   auto changes = changes_for(plan_.bad);
   if (!changes) return say_errno(isam::mkdatname(name_));
   changes_ = std::move(*changes);
-  {
+  if (!changes_.empty()) {
     const checker::SignalBlock block;
     if (note_changes(kept, changes_) != 0) return say_errno(note);
     data_note_ = note;
     checker::remove_when_interrupted(note);
   }
   if (losses_.append(losses_of(name_), plan_.bad) != 0) return say_errno(losses_of(name_));
+  if (changes_.empty()) return true;
   checker::put_back_when_interrupted(filep->data.fd, &changes_.before());
   data_changed_ = true;
   if (make_changes(filep->data.fd, changes_) != 0) return say_errno(isam::mkdatname(name_));
@@ -189,6 +200,7 @@ bool Mending::repair_ends(const std::string& kept) {
 
 void Mending::found(const checker::Finding& finding) {
   last_found_ = checker::text_of(finding.code).wording;
+  is_refused_ = finding.code == checker::Code::kCannotOpen;
 }
 
 void Mending::failed(std::int32_t code, std::int32_t /*place*/) {

@@ -58,6 +58,7 @@ class Mending : public checker::Supervisor, public checker::Listener {
     if (why_.empty()) why_ = why;
   }
   bool say_errno(const std::string& path);
+  void say_why_not_opened();
   [[nodiscard]] bool is_as_seen();
   [[nodiscard]] bool is_as_planned();
   [[nodiscard]] bool change_data(const std::string& kept);
@@ -73,6 +74,7 @@ class Mending : public checker::Supervisor, public checker::Listener {
   bool in_use_ = false;
   std::string why_;
   std::string last_found_;
+  bool is_refused_ = false;  // the pair could not be opened
   std::string kept_;
   std::vector<Entry> left_;
   Fields totals_;

@@ -10,6 +10,7 @@
 
 #include "checker/interrupt.h"
 #include "checker/temporaryfile.h"
+#include "common/filecopy.h"
 #include "common/holders.h"
 #include "common/io.h"
 #include "isam.h"
@@ -200,20 +201,36 @@ bool NewPair::close_whole() {
   return isfd_ < 0 || ::isclose(std::exchange(isfd_, -1)) == 0 || fail_by_code();
 }
 
+void NewPair::make_like(int fd) {
+  constexpr mode_t kPrivate = 0600;
+  for (const std::string& path : {mkdatname(made_), mkidxname(made_)}) {
+    const common::FileHold file{common::open_file(path.c_str(), O_RDWR)};
+    if (!file || common::copy_attributes(fd, file.get()) == 0) continue;
+    ::fchmod(file.get(), kPrivate);
+  }
+}
+
 bool NewPair::check() {
-  ReadPair pair;
   if (!close_whole()) return false;
-  if (!pair.open(made_, {}) || !pair.load()) return fail(pair.why());
+  const MadeCheck made = check_made(made_);
+  return made.status == Status::kSound || fail(made.why);
+}
+
+bool NewPair::publish() { return close_whole() && sync() && name_files(); }
+
+MadeCheck check_made(const std::string& name) {
+  ReadPair pair;
+  if (!pair.open(name, {}) || !pair.load())
+    return {.status = Status::kUnfinished, .why = pair.why()};
   Notes notes{nullptr};
   DeepCollector collector{notes, isam::RecordLocks{}};
   constexpr checker::Options kHow{.nflag = 1, .qflag = 1};
   checker::Check check(kHow, collector);
   const bool is_whole = check_whole(check, collector, &collector, [] {});
   isam::clear_errors();
-  if (is_whole && collector.status() == Status::kSound) return true;
-  return fail("the new pair does not check clean: " + notes.first());
+  const Status status = is_whole ? collector.status() : Status::kUnfinished;
+  if (status == Status::kSound) return {};
+  return {.status = status, .why = "what was made does not check clean: " + notes.first()};
 }
-
-bool NewPair::publish() { return close_whole() && sync() && name_files(); }
 
 }  // namespace zentra

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "zentra/pairshape.h"
+#include "zentra/status.h"
 
 namespace zentra {
 
@@ -29,6 +30,9 @@ class NewPair {
   // Makes it empty and opens it exclusively. False: why() tells.
   [[nodiscard]] bool make(const PairShape& shape);
   [[nodiscard]] int handle() const { return isfd_; }
+  // Gives it owner, permissions and extended attributes of a file; where that may not be, only its
+  // own user may read it.
+  void make_like(int fd);
   // Closes it, and looks at it as zentra check does: false where it is not sound, as when a disk
   // fails; why() tells.
   [[nodiscard]] bool check();
@@ -55,5 +59,12 @@ class NewPair {
   int isfd_ = -1;
   std::string why_;
 };
+
+// The verdict of zentra check on a pair that was just made, and in words why it is not sound.
+struct MadeCheck {
+  Status status = Status::kSound;
+  std::string why{};
+};
+[[nodiscard]] MadeCheck check_made(const std::string& name);
 
 }  // namespace zentra

@@ -175,6 +175,25 @@ bool OldIndex::may_be_storage(ConstBytes node) const {
   return has_page_magic(node) || kind_of(node, stored_size_) == isam::kStoragePage;
 }
 
+std::optional<std::int64_t> OldIndex::records_in_use() {
+  if (!dictionary_ || dictionary_->d_magic() != isam::kDictionaryMagic ||
+      !dictionary_->fixed_bytes_match()) {
+    return {};
+  }
+  std::int64_t in_use = dictionary_->d_nextdata();
+  std::int32_t next = dictionary_->d_freedata();
+  for (std::int32_t left = last_node_; next != 0; --left) {
+    const ConstBytes bytes = node(next);
+    if (left == 0 || bytes.empty() || !is_free_list(bytes, stored_size_)) return {};
+    const int entries = common::ldword(bytes.data()) - isam::kEntriesOffset;
+    if (entries < 0 || entries > isam::list_entries_limit(stored_size_)) return {};
+    in_use -= entries / isam::kListEntrySize;
+    next = isam::link_in(bytes);
+  }
+  const std::int64_t most = std::int64_t{last_node_} * stored_size_;  // a byte of an item at least
+  return in_use < 0 || in_use > most ? std::nullopt : std::optional(in_use);
+}
+
 void OldIndex::each_page(const std::function<bool(std::int32_t node, isam::Bytes page)>& take) {
   for (std::int32_t number = 2; number <= last_node_; ++number) {
     const isam::Bytes page = node(number);

@@ -43,6 +43,9 @@ class OldIndex {
   // Whether a node has the marks of a storage page, both of them or one.
   [[nodiscard]] bool is_storage(isam::ConstBytes node) const;
   [[nodiscard]] bool may_be_storage(isam::ConstBytes node) const;
+  // How many record numbers were in use; nothing where the list of free ones does not come to its
+  // end, or no index of this size has so many.
+  [[nodiscard]] std::optional<std::int64_t> records_in_use();
   // Storage pages in order, as long as `take` gives true.
   void each_page(const std::function<bool(std::int32_t node, isam::Bytes page)>& take);
 

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <iterator>
 #include <utility>
 
+#include "isam/base/format.h"
 #include "isam/records/varlen.h"
 #include "zentra/collector.h"
 #include "zentra/text.h"
@@ -15,14 +17,20 @@ namespace {
 using isam::ConstBytes;
 using isam::Rpage;
 
-constexpr std::size_t kMemory = std::size_t{16} << 20;
+constexpr std::size_t kMemory = std::size_t{8} << 20;
 constexpr std::size_t kMost = std::size_t{1} << 17;  // broken parts, and pieces nobody names
 constexpr std::size_t kNamedSize = 5;                // node and slot
-constexpr int kGreatest = 32511;
 
 int length_of(ConstBytes trailer) { return common::ldword(trailer.data() + isam::kTrailerLength); }
 std::int32_t reference_of(ConstBytes trailer) {
   return common::ldlong(trailer.data() + isam::kTrailerReference);
+}
+
+// What has this key, if nothing else has; there may be very many that do.
+template <typename Map>
+const typename Map::mapped_type* only_one(const Map& map, int key) {
+  const auto [first, end] = map.equal_range(key);
+  return first != end && std::next(first) == end ? &first->second : nullptr;
 }
 
 bool is_big(const Rpage& page) {
@@ -37,7 +45,7 @@ bool is_big(const Rpage& page) {
 
 OldParts::OldParts(OldIndex& index, int greatest)
     : index_(index),
-      greatest_(greatest > 0 ? greatest : kGreatest),
+      greatest_(greatest > 0 ? greatest : isam::kMaxRecordLength),
       chunk_(isam::RpageGeometry{index.stored_size()}.chunk),
       named_({.entry_size = kNamedSize,
               .key_size = kNamedSize,
@@ -249,8 +257,9 @@ void OldParts::mend_by_length() {
   std::multimap<int, Place> found;
   for (const auto& [place, length] : heads(begins)) found.emplace(length, place);
   for (const auto& [length, broken] : missing) {
-    if (missing.count(length) != 1 || found.count(length) != 1) continue;
-    const Place from = found.find(length)->second;
+    const Place* const chain = only_one(found, length);
+    if (chain == nullptr || only_one(missing, length) == nullptr) continue;
+    const Place from = *chain;
     mended_[broken->record] = {length, from};
     const Walk begin = follow(broken->first, broken->length, length);
     if (length < broken->length) claim(begin, begin.places.size());

@@ -24,23 +24,6 @@ using isam::filep;
 
 constexpr std::int32_t kSamples = 1000;
 
-layout::Type type_of(int type) {
-  switch (type & ~KT_DESC) {
-    case KT_INT:
-      return layout::Type::kInt;
-    case KT_LONG:
-      return layout::Type::kLong;
-    case KT_DOUBLE:
-      return layout::Type::kDouble;
-    case KT_FLOAT:
-      return layout::Type::kFloat;
-    case KT_LOCALE:
-      return layout::Type::kLocale;
-    default:
-      return layout::Type::kChar;
-  }
-}
-
 void add_keys(layout::Draft& draft) {
   int n = 0;
   for (const keydescr& k : indexes_of_pair()) {
@@ -48,7 +31,7 @@ void add_keys(layout::Draft& draft) {
     for (int i = 0; i < k.nparts; ++i) {
       const keypart& part = k.part[i];
       draft.add_key(
-          part.start, part.length, type_of(part.type),
+          part.start, part.length, layout::type_of_part(part.type),
           k.nparts == 1 ? fmt::format("index {}", n) : fmt::format("index {}, part {}", n, i + 1));
     }
   }

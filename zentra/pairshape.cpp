@@ -76,6 +76,16 @@ std::optional<PairShape> shape_of_pair() {
   return shape;
 }
 
+LikeShape shape_like(ReadPair& pair, const std::string& base, std::chrono::milliseconds wait) {
+  if (!pair.open(base, wait, ReadPair::Look::kLittle) || !pair.load() || !pair.take_geometry()) {
+    return {.status = pair.status(), .why = fmt::format("{}: {}", shown(base), pair.why())};
+  }
+  LikeShape like{.shape = shape_of_pair()};
+  if (like.shape) return like;
+  return {.status = Status::kNeedsSalvage,
+          .why = shown(base) + ": its key descriptions cannot be read"};
+}
+
 std::string shape_fault(PairShape& shape) {
   std::string fault = shape.keys.empty() ? "no index is told" : key_fault(shape);
   if (fault.empty()) fault = locale_fault(shape);

@@ -1,12 +1,15 @@
 // pairshape: what two pairs have in common that are made alike: lengths, sizes, indexes.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "isam.h"
+#include "zentra/readpair.h"
+#include "zentra/status.h"
 
 namespace zentra {
 
@@ -25,6 +28,15 @@ struct PairShape {
 // Of the current pair, whose dictionary is read and whose geometry is taken. Nothing where its
 // descriptions of indexes cannot be read.
 [[nodiscard]] std::optional<PairShape> shape_of_pair();
+
+// The shape of the pair `base`, which --like names, or why it has none. `pair` stays open to read.
+struct LikeShape {
+  std::optional<PairShape> shape{};
+  Status status = Status::kSound;
+  std::string why{};
+};
+[[nodiscard]] LikeShape shape_like(ReadPair& pair, const std::string& base,
+                                   std::chrono::milliseconds wait);
 
 // Why no pair can be made so, whatever its records are; empty when nothing is known to be wrong.
 // Makes the flags of descriptions such as the library gives them.

@@ -11,8 +11,10 @@
 
 #include "common/number.h"
 #include "isam/base/errors.h"
+#include "isam/base/format.h"
 #include "isam/keys/keychain.h"
 #include "isam/keys/keys.h"
+#include "layout/chunk.h"
 #include "zentra/keysfile.h"
 #include "zentra/text.h"
 
@@ -22,7 +24,6 @@ namespace {
 using isam::Byte;
 
 constexpr char kDigits[] = "0123456789abcdef";
-constexpr int kGreatestRecord = 32511;
 constexpr Byte kNoDigit = 0xFF;
 
 constexpr std::array<bool, 256> plain_bytes() {
@@ -72,15 +73,27 @@ std::string raw_header_of(const PairShape& header) {
 
 namespace {
 
+// Puts a chunk at once, and of what does not stand there as it is one byte after the other. What is
+// put too much lies within raw_room().
 char* put_bytes(isam::ConstBytes bytes, char* at) {
+  using layout::Chunk;
   const Byte* from = bytes.data();
   const Byte* const end = from + bytes.size();
-  while (from != end) {
-    const Byte* const run = from;
-    while (from != end && kIsPlain[*from]) ++from;
-    std::memcpy(at, run, static_cast<std::size_t>(from - run));
-    at += from - run;
-    if (from != end) at = put_escaped(*from++, at);
+  while (end - from >= std::ptrdiff_t{sizeof(Chunk)}) {
+    const Chunk chunk = layout::chunk_at(from);
+    const Chunk marked = layout::is_unprintable(chunk) | layout::is_byte(chunk, '\\');
+    layout::put_chunk(chunk, at);
+    const int plain = layout::has_any(marked) ? layout::first_of(marked) : int{sizeof(Chunk)};
+    from += plain;
+    at += plain;
+    for (; from != end && !kIsPlain[*from]; ++from) at = put_escaped(*from, at);
+  }
+  for (; from != end; ++from) {
+    if (kIsPlain[*from]) {
+      *at++ = static_cast<char>(*from);
+    } else {
+      at = put_escaped(*from, at);
+    }
   }
   return at;
 }
@@ -165,8 +178,8 @@ RawReader::Line RawReader::take_header(std::string_view line) {
   };
   bool right = true;
   if (name == "length") {
-    h.least = number(1, kGreatestRecord);
-    h.greatest = line.empty() ? h.least : number(h.least + 1, kGreatestRecord);
+    h.least = number(1, isam::kMaxRecordLength);
+    h.greatest = line.empty() ? h.least : number(h.least + 1, isam::kMaxRecordLength);
     right = h.least > 0 && h.greatest > 0;
   } else if (name == "node") {
     h.node_size = number(isam::kMinStoredNodeSize + 1, isam::kMaxStoredNodeSize);

@@ -4,10 +4,11 @@
 #include <cmath>
 #include <numeric>
 
+#include "isam/base/format.h"
+
 namespace zentra {
 namespace {
 
-constexpr int kLongest = 32511;
 constexpr std::int64_t kWindows = 16;
 constexpr std::int64_t kSmallestWindow = 512;
 constexpr std::int64_t kLargestWindow = std::int64_t{256} << 10;
@@ -21,7 +22,7 @@ bool is_trailer(isam::ConstBytes trailer) {
   const int length = common::ldword(trailer.data() + isam::kTrailerLength);
   const std::int32_t reference = common::ldlong(trailer.data() + isam::kTrailerReference);
   if (length == 0 || reference == 0) return length == 0 && reference == 0;
-  if (length > kLongest || isam::rpage::pointer_node(reference) < 2) return false;
+  if (length > isam::kMaxRecordLength || isam::rpage::pointer_node(reference) < 2) return false;
   return length <= kLongestPiece || isam::rpage::pointer_slot(reference) == 0;
 }
 
@@ -61,7 +62,7 @@ bool RecordLength::is_by_chance(const ShapeFit& fit) const {
 
 // Whether it has a state by this shape. `fit` gets what there is.
 bool RecordLength::is_window_fit(const Window& window, const SlotShape& shape, std::int64_t start,
-                                 ShapeFit& fit) const {
+                                 ShapeFit& fit, Look look) {
   const std::int64_t slot = shape.size();
   const auto size = static_cast<std::int64_t>(window.bytes.size());
   // The first state in the window.
@@ -77,7 +78,7 @@ bool RecordLength::is_window_fit(const Window& window, const SlotShape& shape, s
     const isam::Byte state = window.bytes[place];
     bool fits = is_state(state);
     if (state == isam::kRecordPresent) {
-      if (shape.varies && at + isam::kVariableTrailer <= size) {
+      if (look == Look::kAll && shape.varies && at + isam::kVariableTrailer <= size) {
         fits = is_trailer(isam::ConstBytes{window.bytes}.subspan(place, isam::kVariableTrailer));
       }
       ++present;
@@ -102,9 +103,17 @@ ShapeFit RecordLength::fit_of(const SlotShape& shape) const {
   return fit;
 }
 
+ShapeFit RecordLength::fit_of_states(const SlotShape& shape) const {
+  ShapeFit fit;
+  for (const Window& window : windows_) {
+    static_cast<void>(is_window_fit(window, shape, 0, fit, Look::kStates));
+  }
+  return fit;
+}
+
 std::optional<RecordLength::Found> RecordLength::best() const {
   std::optional<Found> best;
-  for (int length = 1; length <= kLongest; ++length) {
+  for (int length = 1; length <= isam::kMaxRecordLength; ++length) {
     for (const bool varies : {true, false}) {
       const SlotShape shape{length, varies};
       const ShapeFit fit = fit_of(shape);
@@ -124,7 +133,8 @@ std::vector<int> RecordLength::distances(const Window& window) const {
   for (std::size_t i = 0; i < window.bytes.size(); ++i) {
     if (window.bytes[i] == isam::kRecordPresent) places.push_back(i);
   }
-  std::vector<int> counts(static_cast<std::size_t>(kLongest) + isam::kVariableTrailer + 1);
+  std::vector<int> counts(static_cast<std::size_t>(isam::kMaxRecordLength) +
+                          isam::kVariableTrailer + 1);
   for (std::size_t i = 0; i < places.size(); ++i) {
     for (std::size_t j = i + 1; j <= i + kFollowers && j < places.size(); ++j) {
       const std::size_t distance = places[j] - places[i];

@@ -29,6 +29,8 @@ class RecordLength {
   explicit RecordLength(RescueFile& file);
 
   [[nodiscard]] ShapeFit fit_of(const SlotShape& shape) const;
+  // The same by nothing but the states, where all references may be damaged.
+  [[nodiscard]] ShapeFit fit_of_states(const SlotShape& shape) const;
   // The same where slots may begin at any byte, and elsewhere in each window.
   [[nodiscard]] ShapeFit fit_anywhere(const SlotShape& shape) const;
 
@@ -48,8 +50,10 @@ class RecordLength {
     std::vector<isam::Byte> bytes;
   };
 
-  [[nodiscard]] bool is_window_fit(const Window& window, const SlotShape& shape, std::int64_t start,
-                                   ShapeFit& fit) const;
+  enum class Look : std::uint8_t { kAll, kStates };
+  [[nodiscard]] static bool is_window_fit(const Window& window, const SlotShape& shape,
+                                          std::int64_t start, ShapeFit& fit,
+                                          Look look = Look::kAll);
   [[nodiscard]] bool is_by_chance(const ShapeFit& fit) const;
   [[nodiscard]] std::vector<int> distances(const Window& window) const;
 

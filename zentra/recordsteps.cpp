@@ -3,31 +3,16 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <string_view>
 #include <utility>
-#include <variant>
 
 #include "isam/base/current.h"
-#include "isam/tree/items.h"
-#include "zentra/collector.h"
+#include "zentra/backed.h"
 #include "zentra/text.h"
 
 namespace zentra {
 namespace {
 
 constexpr int kFewShown = 10;  // records of a step that are named
-
-Value key_of(const keydescr& k, isam::ConstBytes fixed) {
-  isam::Item item;
-  isam::itmake(fixed.data(), item, k);
-  return key_value(k, item.key);
-}
-
-const FileBytes* key_in(const Fields& fields) {
-  const auto at = std::ranges::find_if(
-      fields, [](const auto& field) { return std::string_view{field.first} == "key"; });
-  return at == fields.end() ? nullptr : std::get_if<FileBytes>(&at->second);
-}
 
 }  // namespace
 
@@ -77,20 +62,9 @@ Fields RecordSteps::fields_of(const BadRecord& bad) const {
 // How many indexes lead to the record with the key that its bytes have: with all of them it is
 // whole but for its state.
 void RecordSteps::add_backing(std::int32_t record, isam::ConstBytes fixed, Fields& fields) const {
-  std::int64_t backing = 0;
-  for (std::size_t at = 0; at < keys_.size(); ++at) {
-    const int n = static_cast<int>(at) + 1;
-    const auto* const astray = notes_.astray(n);
-    if (keys_[at].nparts == 0 || astray == nullptr) continue;
-    if (!astray->has_all_details()) return;
-    const Value key = key_of(keys_[at], fixed);
-    backing += std::ranges::any_of(astray->details, [&](const auto& detail) {
-      const FileBytes* const found = key_in(detail.second);
-      return detail.first == record && found != nullptr &&
-             found->bytes == std::get<FileBytes>(key).bytes;
-    });
+  if (const auto backing = indexes_with_its_key(notes_, keys_, record, fixed)) {
+    fields.emplace_back("indexes-with-its-key", *backing);
   }
-  fields.emplace_back("indexes-with-its-key", backing);
 }
 
 std::int64_t RecordSteps::tell_unreached(int n) {
@@ -126,7 +100,7 @@ std::int64_t RecordSteps::kept_of(int n) const {
   if (astray == nullptr) return 0;
   return std::ranges::count_if(astray->records, [&](std::int32_t record) {
     const BadRecord* const bad = find(record);
-    return bad != nullptr && bad->fate == Fate::kEmptied;
+    return bad != nullptr && (bad->fate == Fate::kEmptied || bad->fate == Fate::kPresented);
   });
 }
 

@@ -17,9 +17,13 @@
 #include "checker/driver.h"
 #include "checker/interrupt.h"
 #include "checker/temporaryfile.h"
+#include "checker/undodata.h"
+#include "common/filecopy.h"
+#include "common/holders.h"
 #include "common/io.h"
 #include "isam/base/current.h"
 #include "isam/base/errors.h"
+#include "isam/base/format.h"
 #include "isam/calls/call.h"
 #include "isam/calls/opening.h"
 #include "isam/calls/process.h"
@@ -27,10 +31,9 @@
 #include "isam/keys/keychain.h"
 #include "isam/records/freelists.h"
 #include "zentra/commands.h"
-#include "zentra/deep.h"
 #include "zentra/keysfile.h"
 #include "zentra/newkeys.h"
-#include "zentra/notes.h"
+#include "zentra/newpair.h"
 #include "zentra/pairrunner.h"
 #include "zentra/pairshape.h"
 #include "zentra/progress.h"
@@ -43,7 +46,6 @@ namespace {
 using isam::mkdatname;
 using isam::mkidxname;
 
-constexpr int kGreatestRecord = 32511;
 constexpr int kMostKept = 10000;  // indexes of before
 constexpr int kHow = ISINOUT + ISEXCLLOCK + ISANYPRIMARY + ISANYLENGTH;
 
@@ -132,15 +134,9 @@ class Reindexing {
     std::string base = options_.like;
     checker::cut_suffix(base);
     ReadPair pair;
-    if (!pair.open(base, as_time(options_.wait), ReadPair::Look::kLittle) || !pair.load() ||
-        !pair.take_geometry()) {
-      return refuse(pair.status(), fmt::format("{}: {}", shown(base), pair.why()));
-    }
-    auto shape = shape_of_pair();
-    if (!shape) {
-      return refuse(Status::kNeedsSalvage, shown(base) + ": its key descriptions cannot be read");
-    }
-    shape_ = std::move(*shape);
+    LikeShape like = shape_like(pair, base, as_time(options_.wait));
+    if (!like.shape) return refuse(like.status, like.why);
+    shape_ = std::move(*like.shape);
     return Status::kSound;
   }
 
@@ -190,6 +186,21 @@ class Reindexing {
     return isfd_ >= 0 ? Status::kSound : refuse_code();
   }
 
+  struct Run {
+    std::int32_t first;
+    std::int32_t last;
+  };
+
+  // Lists the numbers before the last record's: the lowest one is used first.
+  static bool list_free(const std::vector<Run>& free, std::int32_t last) {
+    for (auto run = free.rbegin(); run != free.rend(); ++run) {
+      for (std::int32_t number = std::min(run->last, last); number >= run->first; --number) {
+        if (isam::freerec(number, isam::FreeList::kRecords) != 0) return false;
+      }
+    }
+    return true;
+  }
+
   // The state of each slot: the last that is present ends the file, absent ones before it are free.
   Status count_records() {
     isam::Call call{isfd_, {.access = isam::Access::kToWrite}};
@@ -197,7 +208,7 @@ class Reindexing {
     const std::int64_t size = isam::slot_size();
     const std::int64_t slots = std::min<std::int64_t>(data_size_ / size, INT32_MAX - 1);
     std::int32_t last = 0;
-    std::vector<std::int32_t> free;
+    std::vector<Run> free;
     std::int64_t odd = 0;
     constexpr std::size_t kPiece = std::size_t{1} << 20;
     const std::size_t at_once = std::max<std::size_t>(kPiece / static_cast<std::size_t>(size), 1);
@@ -213,7 +224,9 @@ class Reindexing {
         records_ += state == isam::kRecordPresent ? 1 : 0;
         odd += state != isam::kRecordPresent && state != isam::kRecordAbsent ? 1 : 0;
         if (state == isam::kRecordPresent) last = number;
-        if (state == isam::kRecordAbsent) free.push_back(number);
+        if (state != isam::kRecordAbsent) continue;
+        if (free.empty() || free.back().last + 1 != number) free.push_back({number, number});
+        free.back().last = number;
       }
     }
     if (odd > 0) {
@@ -225,10 +238,7 @@ class Reindexing {
     }
     isam::dictp->set_d_nextdata(last);
     isam::dictmodify();
-    // The lowest number is used first.
-    for (auto at = free.rbegin(); at != free.rend(); ++at) {
-      if (*at < last && isam::freerec(*at, isam::FreeList::kRecords) != 0) return refuse_code();
-    }
+    if (!list_free(free, last)) return refuse_code();
     return call.end() == 0 ? Status::kSound : refuse_code();
   }
 
@@ -255,19 +265,8 @@ class Reindexing {
   }
 
   Status check() {
-    ReadPair pair;
-    if (!pair.open(made_, as_time(options_.wait)) || !pair.load()) {
-      return refuse(Status::kUnfinished, pair.why());
-    }
-    Notes notes{nullptr};
-    DeepCollector collector{notes, isam::RecordLocks{isam::dictp->d_nextdata()}};
-    constexpr checker::Options kOptions{.nflag = 1, .qflag = 1};
-    checker::Check check(kOptions, collector);
-    const bool whole = check_whole(check, collector, &collector, [] {});
-    isam::clear_errors();
-    if (whole && collector.status() == Status::kSound) return Status::kSound;
-    return refuse(collector.status() == Status::kSound ? Status::kUnfinished : collector.status(),
-                  "the result would not check clean: " + notes.first());
+    const MadeCheck made = check_made(made_);
+    return made.status == Status::kSound ? made.status : refuse(made.status, made.why);
   }
 
   // The index that there was gets another name first, and has both for a moment.
@@ -287,10 +286,18 @@ class Reindexing {
     const std::string index = mkidxname(name_);
     const common::FileHold file{common::open_file(made.c_str(), O_RDWR)};
     if (!file || common::system_calls().fsync(file.get()) != 0) return refuse_errno(made);
+    const common::FileHold data{common::open_file(mkdatname(name_).c_str(), O_RDONLY)};
+    const common::FileHold old{common::open_file(index.c_str(), O_RDWR | O_NOFOLLOW)};
+    static_cast<void>(common::copy_attributes((old ? old : data).get(), file.get()));
+    checker::UndoData noted;  // for zentra undo
+    const bool is_noted = old && checker::describe(file.get(), noted.repaired) == 0 &&
+                          checker::describe(old.get(), noted.kept) == 0 &&
+                          checker::describe(data.get(), noted.data) == 0;
     const checker::SignalBlock block;
     if (replaces_) {
       const Status status = keep_before();
       if (status != Status::kSound) return status;
+      if (is_noted) static_cast<void>(checker::store_undo_data(old.get(), noted));
     }
     const int named = replaces_ ? common::system_calls().rename(made.c_str(), index.c_str())
                                 : common::system_calls().link(made.c_str(), index.c_str());
@@ -379,7 +386,7 @@ std::function<int()> prepare_reindex(Arguments& arguments) {
   arguments.texts("--key", options->keys, "WORDS", "an index, as 8,20,char,dups; zentra-keys(5)");
   arguments.text("--keys", options->keys_file, "FILE", "a file of such lines");
   arguments.text("--like", options->like, "PAIR", "the indexes and the record length of this pair");
-  arguments.number("--length", options->length, 1, kGreatestRecord, "BYTES", "of a record");
+  arguments.number("--length", options->length, 1, isam::kMaxRecordLength, "BYTES", "of a record");
   arguments.flag("--force", options->force,
                  "make it although there is one, which is kept as the index of before");
   arguments.json(options->json);

@@ -42,6 +42,7 @@ struct RepairOptions {
   bool json = false;
   double wait = 10;
   std::string variable;
+  std::string state;
   std::string keys_file;
   std::string like;
   std::string name;
@@ -68,7 +69,9 @@ struct Look {
 // Where a pair has lost its descriptions: what the trees tell of them.
 PlanOptions plan_options(const RepairOptions& options, const checker::Check& check, bool are_lost,
                          Report& report) {
-  PlanOptions how{.lost_part = options.lost_part(), .keys = options.keys};
+  PlanOptions how{.lost_part = options.lost_part(),
+                  .keeps_backed = options.state == "keep",
+                  .keys = options.keys};
   if (!are_lost || !options.keys.empty()) return how;
   ProposedKeys proposed = propose_keys(check);
   isam::clear_errors();
@@ -300,6 +303,8 @@ std::function<int()> prepare_repair(Arguments& arguments) {
   arguments.flag("--force", options->force, "repair even what makes the plan implausible");
   arguments.choice("--variable", options->variable, {"keep", "drop"},
                    "records whose variable part is lost: keep them without it, or drop them");
+  arguments.choice("--state", options->state, {"keep", "drop"},
+                   "records whose state alone is damaged: make them present, or drop them");
   arguments.text("--keys", options->keys_file, "FILE",
                  "descriptions of its indexes; zentra-keys(5)");
   arguments.text("--like", options->like, "PAIR", "take the descriptions of this pair");

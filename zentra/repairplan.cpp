@@ -14,6 +14,7 @@
 #include "isam/keys/keychain.h"
 #include "isam/keys/keys.h"
 #include "isam/tree/items.h"
+#include "zentra/backed.h"
 #include "zentra/collector.h"
 #include "zentra/deep.h"
 #include "zentra/newkeys.h"
@@ -162,8 +163,10 @@ class Planner {
   }
 
   void plan_dictionary() {
-    if (notes_.has("dictionary.duplicate-width")) {
-      constexpr int kWidth = 4;
+    constexpr int kNarrow = 2;
+    constexpr int kWidth = 4;
+    // A check that stopped early may not have told of it.
+    if (dictp->d_dupsize() != kNarrow && dictp->d_dupsize() != kWidth) {
       plan_.duplicate_width = kWidth;
       step("repair.duplicate-width", fmt::format("duplicate numbers become {} bytes wide", kWidth));
     }
@@ -207,8 +210,9 @@ class Planner {
             find_bad_records(check_, notes_.records(code_of(Why::kShared)), fate, plan_.bad)) {
       return not_planned(failed);
     }
-    spare();
+    spare_mendable(check_, plan_.bad, plan_.lost_pages, spared_);
     drop_behind_end();
+    const std::int64_t backed = keep_backed();
     const bool adds_records =
         !spared_.empty() ||
         std::ranges::any_of(plan_.bad, [&](const BadRecord& bad) { return adds(bad); });
@@ -219,8 +223,15 @@ class Planner {
         return not_planned(failed);
       }
     }
-    record_steps_.tell(Why::kOddState, Fate::kDropped, "repair.drop",
-                       "record(s) are dropped: their state is neither present nor absent");
+    std::string dropped = "record(s) are dropped: their state is neither present nor absent";
+    if (backed > 0 && !options_.keeps_backed) {
+      dropped += fmt::format("; --state=keep keeps {} to which all indexes lead", grouped(backed));
+    }
+    record_steps_.tell(Why::kOddState, Fate::kDropped, "repair.drop", dropped);
+    record_steps_.tell(Why::kOddState, Fate::kPresented, "repair.keep",
+                       "record(s) become present again: all indexes lead to them, by their keys");
+    record_steps_.tell(Why::kTorn, Fate::kDropped, "repair.drop",
+                       "record(s) are dropped: the data file ends within");
     record_steps_.tell(
         Why::kEqualKeys, Fate::kDropped, "repair.drop",
         "record(s) are dropped: each has a key of another in an index without duplicates");
@@ -243,11 +254,30 @@ class Planner {
     }
   }
 
-  void spare() { spare_mendable(plan_.bad, plan_.lost_pages, spared_); }
-
   // Whether the repair makes a record of what the check could not read.
   [[nodiscard]] bool adds(const BadRecord& bad) const {
-    return bad.fate == Fate::kEmptied && !check_.datmap.tstbit(bad.record);
+    const bool stays = bad.fate == Fate::kEmptied || bad.fate == Fate::kPresented;
+    return stays && !check_.datmap.tstbit(bad.record);
+  }
+
+  // Whether no index made anew has the record, even if it is not dropped.
+  [[nodiscard]] static bool was_absent(Why why) {
+    return why == Why::kOddState || why == Why::kTorn;
+  }
+
+  // How many records are whole but for their state; they stay if that is asked for.
+  std::int64_t keep_backed() {
+    std::vector<std::int32_t> backed;
+    if (const int failed = find_backed(check_, notes_, keys_, plan_.bad, backed)) {
+      not_planned(failed);
+      return 0;
+    }
+    for (BadRecord& bad : plan_.bad) {
+      if (options_.keeps_backed && std::ranges::binary_search(backed, bad.record)) {
+        bad.fate = Fate::kPresented;
+      }
+    }
+    return std::ssize(backed);
   }
 
   // What looks like a record behind the last one, cannot be read, and has no index leading to it,
@@ -274,7 +304,7 @@ class Planner {
   void plan_indexes() {
     // A record whose variable part was lost comes into the indexes again.
     const bool changes_indexed = std::ranges::any_of(plan_.bad, [&](const BadRecord& bad) {
-      return adds(bad) || (bad.fate == Fate::kDropped && bad.why != Why::kOddState);
+      return adds(bad) || (bad.fate == Fate::kDropped && !was_absent(bad.why));
     });
     for (std::size_t at = 0; at < keys_.size(); ++at) {
       const int n = static_cast<int>(at) + 1;
@@ -293,8 +323,9 @@ class Planner {
     const bool remakes = !plan_.indexes.empty() || plan_.remakes_all();
     const bool drops = count_dropped() > 0;
     // A failure that does not tell where it happened was met in a list. A node that cannot be read
-    // is cut off from what names it when the list of nodes is made anew.
-    const bool has_failed = notes_.has("library.error");
+    // is cut off from what names it when the list of nodes is made anew. Nor are lists looked at by
+    // a check that stopped early.
+    const bool has_failed = notes_.has("library.error") || !whole_;
     plan_.record_list = notes_.has_any("record-list.", 0) || drops || has_failed;
     plan_.node_list = notes_.has_any("node-list.", 0) || remakes || plan_.record_list;
     plan_.storage_lists = notes_.has_any("storage.", 0) || !plan_.lost_pages.empty() ||

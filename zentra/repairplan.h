@@ -23,6 +23,7 @@ enum class LostPart : std::uint8_t { kNotSaid, kKeep, kDrop };
 
 struct PlanOptions {
   LostPart lost_part = LostPart::kNotSaid;
+  bool keeps_backed = false;     // records whose state alone is damaged become present
   std::vector<keydescr> keys{};  // to be written; empty: none
   bool are_proposed = false;     // they were found in the trees, not given
   bool has_proposal = false;     // there are such, but they are not to be written

@@ -8,6 +8,7 @@
 
 #include "checker/driver.h"
 #include "common/io.h"
+#include "isam/base/format.h"
 #include "zentra/commands.h"
 #include "zentra/keysfile.h"
 #include "zentra/pairrunner.h"
@@ -74,7 +75,7 @@ Outcome salvage(const SalvageOptions& options, Report& report) {
                 {"doubtful", salvager.doubtful()},
                 {"lost", salvager.lost()},
                 {"deleted", salvager.deleted().count()}};
-  const auto add_file = [&](const char* name, const LossFile& file) {
+  const auto add_file = [&](const char* name, const LineFile& file) {
     if (file.count() > 0) fields.emplace_back(name, FileBytes{.bytes = file.path()});
   };
   add_file("losses", salvager.losses());
@@ -89,7 +90,8 @@ std::string fault_of(const SalvageOptions& options) {
   if (options.to.empty()) return "-o names the new pair";
   if (sources > 1) return "--key and --keys exclude each other";
   if (!options.length.empty() && !lengths_in(options.length)) {
-    return "--length takes N or MIN-MAX, from 1 to 32511, not " + options.length;
+    return fmt::format("--length takes N or MIN-MAX, from 1 to {}, not {}", isam::kMaxRecordLength,
+                       options.length);
   }
   for (const std::string& words : options.keys) {
     const KeyOfLine key = key_of_line(words);

@@ -11,6 +11,7 @@
 #include "common/io.h"
 #include "common/number.h"
 #include "isam/base/errors.h"
+#include "isam/base/format.h"
 #include "zentra/arguments.h"
 #include "zentra/keysfile.h"
 #include "zentra/newkeys.h"
@@ -21,7 +22,7 @@
 namespace zentra {
 namespace {
 
-constexpr int kLongest = 32511;
+constexpr int kLeastByStates = 11;  // shorter records are not taken for such by their states alone
 constexpr std::int64_t kFarMore = 2;  // times as many records
 
 class Planner {
@@ -101,9 +102,10 @@ bool Planner::take_like(const RecordLength& states) {
                             like_->least, shown(options_.like)));
 }
 
-// From the first byte on; or, where all is taken, anywhere.
+// Of a shape that somebody tells, from the first byte on; or, where all is taken, anywhere.
 ShapeFit Planner::fit_of(const RecordLength& states, const SlotShape& shape) const {
-  const ShapeFit fit = states.fit_of(shape);
+  ShapeFit fit = states.fit_of(shape);
+  if (!fit.may_be() && shape.varies) fit = states.fit_of_states(shape);
   return options_.takes_all && !fit.may_be() ? states.fit_anywhere(shape) : fit;
 }
 
@@ -136,6 +138,12 @@ bool Planner::take_states(const RecordLength& states) {
                                                "their first on "
                                                "(--length tells one, --take-all looks farther)");
   }
+  if (best->shape.length < kLeastByStates) {
+    return refuse(Status::kNeedsSalvage,
+                  fmt::format("its states tell of records of {} bytes, which zero bytes may do as "
+                              "well (--length tells that it is so, or another length)",
+                              best->shape.length));
+  }
   plan_.slots = best->shape;
   return true;
 }
@@ -147,15 +155,9 @@ bool Planner::find_shape() {
     std::string base = options_.like;
     checker::cut_suffix(base);
     ReadPair pair;
-    if (!pair.open(base, as_time(options_.wait), ReadPair::Look::kLittle) || !pair.load() ||
-        !pair.take_geometry()) {
-      return refuse(pair.status(), fmt::format("{}: {}", shown(base), pair.why()));
-    }
-    like_ = shape_of_pair();
-    if (!like_) {
-      return refuse(Status::kNeedsSalvage,
-                    fmt::format("{}: its key descriptions cannot be read", shown(base)));
-    }
+    LikeShape like = shape_like(pair, base, as_time(options_.wait));
+    if (!like.shape) return refuse(like.status, like.why);
+    like_ = std::move(like.shape);
   }
   if (!options_.length.empty()) {
     from = "as --length tells";
@@ -182,7 +184,7 @@ bool Planner::find_shape() {
   plan_.pair.least = plan_.slots.length;
   if (plan_.slots.varies && plan_.pair.greatest == 0 && is_indexed_ && dictionary) {
     const int told = dictionary->d_maxrecsize();
-    if (told > plan_.pair.least && told <= kLongest) plan_.pair.greatest = told;
+    if (told > plan_.pair.least && told <= isam::kMaxRecordLength) plan_.pair.greatest = told;
   }
   if (!plan_.slots.varies) plan_.pair.greatest = plan_.pair.least;
   note("salvage.records",
@@ -259,11 +261,12 @@ void Planner::take_numbers() {
 
 std::optional<std::pair<int, int>> lengths_in(std::string_view text) {
   const std::size_t dash = std::min(text.find('-'), text.size());
-  const auto least = common::number_within(text.substr(0, dash), 1, kLongest);
+  const auto least = common::number_within(text.substr(0, dash), 1, isam::kMaxRecordLength);
   if (!least) return {};
   const auto first = static_cast<int>(*least);
   if (dash == text.size()) return std::pair{first, 0};
-  const auto greatest = common::number_within(text.substr(dash + 1), first + 1, kLongest);
+  const auto greatest =
+      common::number_within(text.substr(dash + 1), first + 1, isam::kMaxRecordLength);
   if (!greatest) return {};
   return std::pair{first, static_cast<int>(*greatest)};
 }

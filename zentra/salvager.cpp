@@ -11,7 +11,9 @@
 
 #include "checker/progress.h"
 #include "common/io.h"
+#include "isam/base/format.h"
 #include "isam/files/files.h"
+#include "zentra/losses.h"
 #include "zentra/text.h"
 
 namespace zentra {
@@ -30,7 +32,7 @@ bool has_bytes(ConstBytes bytes) {
 }  // namespace
 
 DoubtWords words_of(Doubt doubt) {
-  constexpr std::array<DoubtWords, 15> kWords = {
+  constexpr std::array<DoubtWords, 16> kWords = {
       {{"record.state", "slot(s) with a state that is none: lost"},
        {"salvage.unread", "slot(s) that the disk does not give: lost"},
        {"pieces.data-end", "end(s) of slots that are no whole one: lost"},
@@ -42,6 +44,8 @@ DoubtWords words_of(Doubt doubt) {
        {"salvage.found-again", "variable part(s) joined by their length: doubtful"},
        {"storage.piece-shared", "piece(s) of variable parts that several records name: doubtful"},
        {"salvage.step", "place(s) where slots go on out of step: records there are doubtful"},
+       {"salvage.missing",
+        "record number(s) in use by the index file, of which nothing is there: lost"},
        {"salvage.descriptions", "index file that does not tell all of its indexes"},
        {"salvage.other-storage",
         "record(s) whose variable parts the index "
@@ -90,9 +94,14 @@ bool Salvager::survey() {
   checker::Progress progress("Looking at the data file", plan_.data.size());
   const std::int64_t step =
       std::max<std::int64_t>(1, plan_.data.size() / plan_.slots.size() / kLooks);
+  const auto& dictionary = plan_.index.header();
+  const std::int64_t highest = dictionary ? dictionary->d_nextdata() : 0;
   SlotWalk slots = walk();
   for (SourceSlot slot; slots.next(slot);) {
     progress.at(slot.offset);
+    const bool is_there = slot.is_unread || state_of(slot) != isam::kRecordAbsent ||
+                          (!slot.is_whole(plan_.slots) && has_bytes(slot.bytes));
+    found_ += is_there && slot.number <= highest ? 1 : 0;
     if (!slot.is_whole(plan_.slots) || slot.is_unread) continue;
     const Byte state = slot.state(plan_.slots);
     const bool is_present = state == isam::kRecordPresent;
@@ -110,15 +119,24 @@ bool Salvager::survey() {
     if (parts_->note(slot.number, trailer, is_present) != 0) return fail_by_errno("sorting");
   }
   if (slots.steps() > 0) doubts_[Doubt::kStep] = slots.steps();
+  if (slots.steps() == 0) count_missing();
   if (!parts_) return true;
   if (parts_->settle() != 0) return fail_by_errno("sorting");
   if (parts_->shared() > 0) doubts_[Doubt::kShared] = parts_->shared();
   if (parts_->is_foreign()) doubts_[Doubt::kForeign] = parts_->astray();
   if (plan_.pair.greatest == 0) {
-    constexpr int kLongest = 32511;
-    plan_.pair.greatest = std::min(kLongest, plan_.pair.least + std::max(1, greatest_part_));
+    plan_.pair.greatest =
+        std::min(isam::kMaxRecordLength, plan_.pair.least + std::max(1, greatest_part_));
   }
   return true;
+}
+
+// What the data file has lost without a trace: its end, or blocks that are zero bytes now.
+void Salvager::count_missing() {
+  const auto in_use = plan_.index ? plan_.index.records_in_use() : std::nullopt;
+  if (!in_use || *in_use <= found_) return;
+  doubts_[Doubt::kMissing] = *in_use - found_;
+  lost_ += *in_use - found_;
 }
 
 // Counts those that are taken by their look, too.
@@ -161,7 +179,7 @@ Salvager::Verdict Salvager::judge(const SourceSlot& slot) const {
   return is_left ? Verdict{Fate::kDeleted} : Verdict{};
 }
 
-bool Salvager::lose(const SourceSlot& slot, LossFile& to, const char* reason) {
+bool Salvager::lose(const SourceSlot& slot, LineFile& to, const char* reason) {
   std::string variable;
   const bool has_part = parts_ && slot.is_whole(plan_.slots);
   if (has_part) variable = parts_->part_of(slot.number, slot.trailer(plan_.slots)).bytes;
@@ -170,7 +188,7 @@ bool Salvager::lose(const SourceSlot& slot, LossFile& to, const char* reason) {
                         .fixed = as_text(slot.record(plan_.slots)),
                         .variable = variable,
                         .reason = reason};
-  return to.add(lost) || fail_by_errno(to.path());
+  return to.add(line_of(lost)) || fail_by_errno(to.path());
 }
 
 // With its variable part, or what becomes of it without.
@@ -198,7 +216,7 @@ bool Salvager::take(const SourceSlot& slot, Loader& loader) {
                             .variable = part.bytes,
                             .is_kept = is_kept,
                             .reason = words_of(Doubt::kVariable).code};
-      if (!losses_.add(lost)) return fail_by_errno(losses_.path());
+      if (!losses_.add(line_of(lost))) return fail_by_errno(losses_.path());
       if (!is_kept) {
         ++lost_;
         ++dropped_;
@@ -265,7 +283,7 @@ bool Salvager::lose_unused() {
   parts_->each_unused([&](std::string_view bytes) {
     ++doubts_[Doubt::kUnused];
     const LostRecord lost{.variable = bytes, .reason = words_of(Doubt::kUnused).code};
-    is_written = is_written && losses_.add(lost);
+    is_written = is_written && losses_.add(line_of(lost));
   });
   return is_written || fail_by_errno(losses_.path());
 }
@@ -281,12 +299,15 @@ bool Salvager::run() {
   if (changed > 0) doubts_[Doubt::kChanged] = changed;
   if (plan_.lacks_keys) doubts_[Doubt::kNoKeys] = 1;
   if (!pair.check()) return fail(pair.why());
-  if (!losses_.keep()) return fail_by_errno(losses_.path());
-  if (!deleted_.keep()) return fail_by_errno(deleted_.path());
-  if (pair.publish()) return true;
-  losses_.drop();
-  deleted_.drop();
-  return fail(pair.why());
+  if (S_ISREG(plan_.data.opened().st_mode)) pair.make_like(plan_.data.fd());
+  if (!losses_.sync()) return fail_by_errno(losses_.path());
+  if (!deleted_.sync()) return fail_by_errno(deleted_.path());
+  const checker::SignalBlock block;  // the pair and its losses stay together
+  if (!pair.publish()) return fail(pair.why());
+  checker::Interrupt::say("zentra: interrupted; the new pair is made\n");
+  losses_.keep();
+  deleted_.keep();
+  return true;
 }
 
 }  // namespace zentra

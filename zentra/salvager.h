@@ -15,8 +15,8 @@
 #include <string>
 
 #include "checker/interrupt.h"
+#include "zentra/linefile.h"
 #include "zentra/loader.h"
-#include "zentra/lossfile.h"
 #include "zentra/newpair.h"
 #include "zentra/oldparts.h"
 #include "zentra/recordlook.h"
@@ -37,6 +37,7 @@ enum class Doubt : std::uint8_t {
   kFoundAgain,  // doubtful: its variable part was found by its length
   kShared,      // doubtful: pieces of several records
   kStep,        // doubtful: slots go on at another place
+  kMissing,     // lost: numbers in use of which there is no record
   kNoKeys,      // descriptions of indexes are lost
   kForeign,     // the index file has no variable parts of these records
   kNotKept,     // the numbers of records
@@ -52,8 +53,8 @@ class Salvager {
 
   [[nodiscard]] const std::string& why() const { return why_; }
   [[nodiscard]] std::int64_t records() const { return records_; }
-  [[nodiscard]] const LossFile& losses() const { return losses_; }
-  [[nodiscard]] const LossFile& deleted() const { return deleted_; }
+  [[nodiscard]] const LineFile& losses() const { return losses_; }
+  [[nodiscard]] const LineFile& deleted() const { return deleted_; }
   [[nodiscard]] const std::map<Doubt, std::int64_t>& doubts() const { return doubts_; }
   [[nodiscard]] std::int64_t lost() const { return lost_; }
   // ... for want of their variable part.
@@ -75,10 +76,11 @@ class Salvager {
   [[nodiscard]] bool survey();
   void count();
   [[nodiscard]] bool settle();
+  void count_missing();
   [[nodiscard]] Verdict judge(const SourceSlot& slot) const;
   [[nodiscard]] bool fill(NewPair& pair);
   [[nodiscard]] bool take(const SourceSlot& slot, Loader& loader);
-  [[nodiscard]] bool lose(const SourceSlot& slot, LossFile& to, const char* reason);
+  [[nodiscard]] bool lose(const SourceSlot& slot, LineFile& to, const char* reason);
   [[nodiscard]] bool is_taken_whole(const SourceSlot& slot);
   [[nodiscard]] bool lose_refused(std::span<const std::int32_t> refused);
   [[nodiscard]] bool lose_unused();
@@ -88,12 +90,13 @@ class Salvager {
   SalvagePlan& plan_;
   RecordLook look_;
   std::optional<OldParts> parts_;
-  LossFile losses_;
-  LossFile deleted_;
+  LineFile losses_;
+  LineFile deleted_;
   std::map<Doubt, std::int64_t> doubts_;
   bool has_odd_ = false;
   std::int64_t taken_ = 0;
-  std::int64_t last_ = 0;  // number of the last record
+  std::int64_t last_ = 0;   // number of the last record
+  std::int64_t found_ = 0;  // slots that are not absent, up to the last number that was in use
   int greatest_part_ = 0;
   bool keeps_numbers_ = true;
   std::int64_t records_ = 0;

@@ -1,6 +1,7 @@
 #include "zentra/slotwalk.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace zentra {
 namespace {
@@ -8,6 +9,7 @@ namespace {
 constexpr int kRun = 16;         // slots that tell whether slots stand there
 constexpr int kFewestInRun = 3;  // at the end of the file
 constexpr std::size_t kBuffer = std::size_t{1} << 20;
+constexpr std::int64_t kAskEach = std::int64_t{1} << 20;  // bytes between looks for a hole
 
 }  // namespace
 
@@ -39,10 +41,10 @@ bool SlotWalk::is_unread(std::int64_t begin, std::int64_t end) const {
 }
 
 void SlotWalk::pass_hole() {
-  const bool is_buffered = at_ >= begin_ && at_ + size_ <= begin_ + static_cast<std::int64_t>(got_);
-  if (is_buffered) return;
+  if (at_ < asks_at_) return;
   const std::int64_t slots = (file_.next_data(at_) - at_) / size_;
   at_ += slots * size_;
+  asks_at_ = at_ + kAskEach;
   number_ += slots;
   if (slots > 0) was_odd_ = false;
 }
@@ -52,9 +54,17 @@ bool SlotWalk::is_odd_at(std::int64_t offset) {
   return !state.empty() && !is_state(state[0]);
 }
 
+// Its state is odd, or it is that of an absent record, of which hardly ever anything is left.
+bool SlotWalk::is_unlikely_at(std::int64_t offset) {
+  if (is_odd_at(offset)) return true;
+  const isam::ConstBytes slot = view(offset, static_cast<std::size_t>(shape_.length) + 1);
+  return std::cmp_greater(slot.size(), shape_.length) && slot.back() == isam::kRecordAbsent &&
+         std::ranges::any_of(slot, [](isam::Byte byte) { return byte != 0; });
+}
+
 bool SlotWalk::is_out_of_step(std::int64_t offset) {
   int odd = 0;
-  for (int i = 0; i < kRun / 2; ++i) odd += is_odd_at(offset + i * size_) ? 1 : 0;
+  for (int i = 0; i < kRun / 2; ++i) odd += is_unlikely_at(offset + i * size_) ? 1 : 0;
   return odd >= kRun / 4 || (odd > 0 && offset + kFewestInRun * size_ >= file_.size());
 }
 
@@ -91,7 +101,7 @@ bool SlotWalk::next(SourceSlot& slot) {
   static_cast<void>(view(at_, static_cast<std::size_t>(2 * size_)));  // with the next one
   auto length = static_cast<std::size_t>(size_);
   bool is_odd = is_odd_at(at_);
-  if (is_odd && finds_steps_ && is_out_of_step(at_)) {
+  if (finds_steps_ && is_unlikely_at(at_) && is_out_of_step(at_)) {
     if (const std::int64_t step = step_from(at_); step > 0) {
       length = static_cast<std::size_t>(step);
       ++steps_;

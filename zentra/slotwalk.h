@@ -64,6 +64,7 @@ class SlotWalk {
   [[nodiscard]] bool is_unread(std::int64_t begin, std::int64_t end) const;
   void pass_hole();
   [[nodiscard]] bool is_odd_at(std::int64_t offset);
+  [[nodiscard]] bool is_unlikely_at(std::int64_t offset);
   [[nodiscard]] bool is_out_of_step(std::int64_t offset);
   [[nodiscard]] int present_in_run(std::int64_t offset);
   [[nodiscard]] std::int64_t step_from(std::int64_t offset);
@@ -74,6 +75,7 @@ class SlotWalk {
   std::int64_t size_;  // of a slot
   std::int64_t at_ = 0;
   std::int64_t number_ = 1;
+  std::int64_t asks_at_ = 0;  // where a hole may begin
   bool was_odd_ = false;
   std::int64_t steps_ = 0;
   std::vector<isam::Byte> buffer_;

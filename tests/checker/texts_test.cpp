@@ -6,6 +6,7 @@
 #include "checker/checks.h"
 #include "checker/dialogue.h"
 #include "checker/driver.h"
+#include "checker/jsonline.h"
 #include "isam/base/current.h"
 #include "isam/files/dictionary.h"
 #include "isam/files/files.h"
@@ -42,6 +43,12 @@ class Texts : public testing::Test {
   checker::Dialogue dialogue_{options_};
   checker::Check check_{options_, dialogue_};
 };
+
+TEST(JsonLines, EscapeWhatATextMayNotHave) {
+  const std::string odd = "\"\\\b\f\n\r\t\x01";
+  EXPECT_EQ(checker::JsonLine{"note"}.add("odd", odd).text(),
+            "{\"type\":\"note\",\"odd\":\"\\\"\\\\\\b\\f\\n\\r\\t\\u0001\"}\n");
+}
 
 // An open refuses such headers before they are checked.
 TEST_F(Texts, TellOfHeadersThatCannotBeRead) {

@@ -28,6 +28,7 @@ VERDICTS = {2: ['header-magic', 'header-cut', 'index-empty', 'description-nine-p
             0: ['big-sound', 'big-sound-varying']}
 # What is found beyond kestro.
 DEEP = {'item-key-other': 'index.key-differs', 'leaf-level': 'index.keys-equal',
+        'index-cut-root': 'library.error',
         'root-level-high': 'index.levels',
         'item-duplicate-numbers-equal': 'index.numbers-equal',
         'node-list-marks': 'node-list.node-marks', 'record-list-used-four': 'record-list.node-marks',
@@ -183,6 +184,7 @@ class Check(unittest.TestCase):
             if folder.name == 'device':  # for zentra that is no pair
                 continue
             with self.subTest(folder.name, told=told):
+                self.assertRegex(told[0]['time'], r'^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ$')
                 self.assertEqual((told[0]['command'], told[-1]['verdict'], told[-2]['verdict']),
                                  ('kestro', lines[-1]['verdict'], lines[-1]['verdict']))
                 if told[2].get('code') != 'pair.cannot-open':

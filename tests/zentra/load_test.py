@@ -167,6 +167,11 @@ class Load(unittest.TestCase):
                 self.assertIn('nothing loaded: line ', said)
                 self.assertEqual(len(self.rejects()), 1)
                 self.assertEqual(self.left(), [])
+        for empty in '', '\n \n':
+            self.assertEqual(self.load('new', '--layout', 'layout', *KEYS, text=empty), '0 loaded\n')
+            self.sound()
+            self.remove()
+        self.write('text', json_lines)
         report = run('load', '--json', '--layout', 'layout', *KEYS, 'new', 'text', folder=self.folder)
         lines = [json.loads(line) for line in report.stdout.decode().splitlines()]
         self.assertEqual([line['type'] for line in lines], ['begin', 'pair', 'pair-end', 'end'])
@@ -292,6 +297,32 @@ class Load(unittest.TestCase):
         self.remove()
         self.assertIn('CLIENT_LOCALE does not name', self.load('new', text=ordered.replace('locale c', 'locale d'), status=4))
 
+    def test_keys_in_the_order_of_a_locale(self):
+        made = subprocess.run(['localedef', '--no-archive', '-i', 'de_DE', '-f', 'UTF-8', self.folder / 'de_DE.utf8'],
+                              capture_output=True)
+        if made.returncode != 0:
+            self.skipTest('no localedef, or no sources')
+        words = 'Zebra', 'Ähre', 'apfel', 'Öl', 'Apfel', 'zoo', 'oel'
+        text = ('zentra-raw 1\nlength 12\nnode 512\nduplicates 2\nlocale de_de.utf8\nunique 7\nkey 0,8,locale\n'
+                'key 0,4,locale,desc,dups\nrecords\n')
+        for number, word in enumerate(words, 1):
+            bytes_ = word.encode().ljust(8) + b'%04d' % number
+            text += f'{number * 2}:' + ''.join(chr(b) if b < 128 else f'\\{b:02x}' for b in bytes_) + '\n'
+        text += f'end {len(words)}\n'
+        # The C library does not give back what it makes of LOCPATH, which no sanitizer is to mind.
+        settings = dict(LOCPATH=str(self.folder), CLIENT_LOCALE='de_DE.utf8', LSAN_OPTIONS='detect_leaks=0')
+        os.environ.update(settings)
+        self.addCleanup(lambda: [os.environ.pop(name) for name in settings])
+        self.load('new', text=text)
+        self.sound()
+        self.assertEqual(run('dump', '--format', 'raw', 'new', folder=self.folder).stdout.decode(), text)
+        (self.folder / 'new.layout').write_text('word char 0 8\n')
+        for locale in 'de_DE.utf8', '':
+            os.environ['CLIENT_LOCALE'] = locale
+            done = run('dump', '--format', 'csv', '--by', '1', 'new', folder=self.folder)
+            self.assertEqual((done.returncode, done.stdout.decode().split()[1:]),
+                             (0, ['Ähre', 'apfel', 'Apfel', 'oel', 'Öl', 'Zebra', 'zoo']), done)
+
     def drafted(self, pair):
         return self.write('drafted', run('layout', pair, folder=self.folder).stdout)
 
@@ -341,6 +372,13 @@ class Load(unittest.TestCase):
         self.assertEqual(run('reindex', '--force', *words, folder=self.folder).returncode, 0)
         self.assertEqual((self.folder / 'new.idx.before').read_bytes(), b'damaged')
         self.sound()
+        shutil.copy(made / 'sound-fixed' / 'pair.idx', self.folder / 'new.idx')
+        (self.folder / 'new.idx').chmod(0o640)
+        index = (self.folder / 'new.idx').read_bytes()
+        self.assertEqual(run('reindex', '--force', *words, folder=self.folder).returncode, 0)
+        self.assertEqual((self.folder / 'new.idx').stat().st_mode & 0o777, 0o640)
+        done = run('undo', 'new', folder=self.folder)
+        self.assertEqual((done.returncode, (self.folder / 'new.idx').read_bytes()), (0, index), done)
 
 
 if __name__ == '__main__':

@@ -35,6 +35,8 @@ TOLD = {
                                                  ': dry run: nothing is changed\n'], ''),
     'descriptions-zeroed': (['--force'], ['5 index(es) that were found'],
                             'zentra repair heals it, with --keys, --like or --force'),
+    'data-of-longer-records': ([], ['51 fits all\n', 'the record length becomes 51'],
+                               'or the record length is damaged, which zentra repair --force heals'),
     'big-index-cut': ([], ['the index file ends at byte '], 'damaged; zentra repair heals it'),
     'header-cut': ([], ['not repaired: no dictionary: the index file ends at byte 90\n'], 'salvage'),
     'big-leaf': ([], [], 'damaged; zentra repair or kestro -y heals it')}
@@ -390,6 +392,35 @@ class Repair(unittest.TestCase):
         self.assertEqual(self.bytes()['.idx'][root * 256 - 2], 0)
         self.assertUndone()
 
+    def test_what_leads_to_nodes_of_others_does_so_no_more(self):
+        index = self.take('sound-fixed')['.idx']
+        keys = (int.from_bytes(index[15:19], 'big') - 1) * (int.from_bytes(index[6:8], 'big') + 1)
+        used = int.from_bytes(index[keys:keys + 2], 'big')
+        first = index[keys + 6:][:int.from_bytes(index[keys + 6:keys + 8], 'big')]
+        again = [('.idx', keys + used, first), ('.idx', 8, (index[9] + 1).to_bytes(2, 'big')),
+                 ('.idx', keys, (used + len(first)).to_bytes(2, 'big'))]
+        for code, edits in ('index.root-shared', again), ('audit.node', [('.idx', 49, b'\0\0\0\1')]):
+            with self.subTest(code):
+                self.take('sound-fixed')
+                self.damage(*edits)
+                _, before = self.records()
+                codes = [l['code'] for l in lines_of(self.run_zentra('check', '--json'))
+                         if l['type'] == 'finding']
+                self.assertIn(code, codes)
+                self.assertEqual(self.repair('-y').returncode, 0)
+                self.assertHealed(before)
+
+    def test_behind_lost_descriptions_all_else_is_mended_too(self):
+        index = self.take('sound-fixed')['.idx']
+        size = int.from_bytes(index[6:8], 'big') + 1
+        head = int.from_bytes(index[25:29], 'big')
+        (self.folder / 'lines').write_text('0,12,char')
+        self.damage(('.idx', 15, b'\xff'), ('.idx', 11, b'\x7f'), ('.idx', head * size - 2, b'\4'))
+        self.assertEqual(self.repair('-y', '--force', '--keys', 'lines').returncode, 0)
+        (self.folder / 'lines').unlink()
+        self.assertHealed({})
+        self.assertUndone()
+
     def test_a_root_that_has_become_a_page_gives_way(self):
         index = self.take('sound-varying')['.idx']
         root = int.from_bytes(index[(int.from_bytes(index[15:19], 'big') - 1) * 512 + 8:][:4], 'big')
@@ -417,6 +448,47 @@ class Repair(unittest.TestCase):
         self.assertEqual([loss['reason'] for loss in self.losses()], ['storage.piece-shared'] * 2)
         self.assertUndone()
 
+    def test_a_page_that_can_be_mended_but_has_a_piece_of_another(self):
+        self.take('sound-varying')
+        self.damage(('.idx', 11 * 512 + 507, b'\xff\xff'), ('.dat', 46, b'\n'))
+        _, before = self.records()
+        self.assertEqual(self.repair('-y', '--variable=keep').returncode, 0)
+        self.assertHealed(before)
+        self.assertEqual([loss['record'] for loss in self.losses()], [9])
+
+    def test_a_record_of_which_the_state_alone_is_damaged_can_stay(self):
+        for name, at, drops in (('sound-fixed', 3 * 51 - 1, 'drop'), ('sound-varying', 40, 'drop'),
+                                ('sound-varying', 40, 'keep')):
+            with self.subTest(name, at=at, drops=drops):
+                self.take(name)
+                _, whole = self.records()
+                self.damage(('.dat', at, b'A'))
+                told = self.run_zentra('repair', '--dry-run').stdout.decode()
+                self.assertIn('; --state=keep keeps 1 to which all indexes lead\n', told)
+                self.assertEqual(self.repair('-y', '--state', drops).returncode, 0)
+                _, after = self.records()
+                self.assertEqual(len(after), len(whole) - (drops == 'drop'))
+                self.assertEqual(len(self.losses()), drops == 'drop')
+                if drops == 'keep':
+                    self.assertHealed(whole)
+                self.assertUndone()
+
+    def test_of_a_slot_in_which_the_data_file_ends_the_bytes_go_to_the_losses(self):
+        for name in 'sound-fixed', 'sound-varying':
+            for cut in (1, 3, 7, 20) if name == 'sound-varying' else (1, 20):
+                with self.subTest(name, cut=cut):
+                    data = self.take(name)['.dat']
+                    size = int.from_bytes(self.made['.idx'][13:15], 'big')
+                    slot = size + (7 if name == 'sound-varying' else 1)
+                    self.pair['.dat'].write_bytes(data[:-cut])
+                    self.made = self.bytes()
+                    _, before = self.records()
+                    self.assertEqual(self.repair('-y', '--force', '--variable=keep').returncode, 0)
+                    self.assertHealed(before)
+                    loss, = self.losses()
+                    self.assertEqual(bytes.fromhex(loss['fixed']), data[-slot:-cut][:size])
+                    self.assertUndone()
+
     def test_failing_calls_leave_the_pair_as_it_was(self):
         for name in 'record-keys-equal', 'big-leaf':
             for number in range(1, 1000, STEP):
@@ -428,6 +500,14 @@ class Repair(unittest.TestCase):
                     self.assertEqual(done.returncode, 4, done)
                     self.assertUnchanged()
             self.assertGreater(number, 5)
+
+    def test_what_may_not_be_written_is_named(self):
+        for file in '.idx', '.dat':
+            self.take('big-leaf')
+            done = self.repair('-y', **failing(f'open-write pair{file} 13'))
+            self.assertEqual(done.returncode, 4)
+            self.assertIn(f'pair{file}: Permission denied', lines_of(done)[-2]['message'])
+            self.assertUnchanged()
 
     def test_what_cannot_be_read_for_once_is_no_damage(self):
         for file in '.dat', '.idx':

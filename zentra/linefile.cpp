@@ -1,4 +1,4 @@
-#include "zentra/lossfile.h"
+#include "zentra/linefile.h"
 
 #include <fcntl.h>
 
@@ -13,31 +13,28 @@ constexpr mode_t kPrivate = 0600;
 
 }  // namespace
 
-LossFile::~LossFile() {
-  if (!is_kept_) drop();
-}
-
-void LossFile::drop() {
-  if (!file_) return;
+LineFile::~LineFile() {
+  if (!file_ || is_kept_) return;
   common::system_calls().unlink(path_.c_str());
   checker::forget_file(path_);
-  file_ = {};
 }
 
-bool LossFile::add(const LostRecord& lost) {
-  if (!file_) {
-    const checker::SignalBlock block;
-    constexpr int kHow = O_RDWR | O_CREAT | O_EXCL;
-    file_ = common::FileHold{common::open_file(path_.c_str(), kHow, kPrivate)};
-    if (!file_) return false;
-    checker::remove_when_interrupted(path_);
-  }
-  text_ += line_of(lost);
+bool LineFile::make() {
+  const checker::SignalBlock block;
+  file_ = common::FileHold{common::open_file(path_.c_str(), O_RDWR | O_CREAT | O_EXCL, kPrivate)};
+  if (!file_) return false;
+  checker::remove_when_interrupted(path_);
+  return true;
+}
+
+bool LineFile::add(std::string_view line) {
+  if (!file_ && !make()) return false;
+  text_ += line;
   ++count_;
   return text_.size() < kPiece || put();
 }
 
-bool LossFile::put() {
+bool LineFile::put() {
   const common::ConstBytes bytes{reinterpret_cast<const common::Byte*>(text_.data()), text_.size()};
   if (common::write_at(file_.get(), bytes, written_) != 0) return false;
   written_ += static_cast<std::int64_t>(text_.size());
@@ -45,12 +42,14 @@ bool LossFile::put() {
   return true;
 }
 
-bool LossFile::keep() {
-  if (!file_) return true;
-  if (!put() || common::system_calls().fsync(file_.get()) != 0) return false;
+bool LineFile::sync() {
+  return !file_ || (put() && common::system_calls().fsync(file_.get()) == 0);
+}
+
+void LineFile::keep() {
+  if (!file_) return;
   is_kept_ = true;
   checker::forget_file(path_);
-  return true;
 }
 
 }  // namespace zentra
