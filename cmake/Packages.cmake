@@ -79,11 +79,13 @@ if(KESTRO_PYTHON)
   set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
   set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
       "python3 (>= 3.${Python_VERSION_MINOR}), python3 (<< 3.${next_minor}), python3-numpy, ${runtime_package} (>= ${PROJECT_VERSION})")
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS python3-pandas)
+  # The workers of a cluster run zentra, which is in the package of the programs.
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS
+      "python3-pandas, python3-dask, python3-distributed, python3-matplotlib, kestro")
   set(CPACK_DEBIAN_PYTHON_DESCRIPTION
       "Zentra indexed files in Python
-Records by keys with locks and transactions, and whole pairs as NumPy arrays
-and pandas dataframes.")
+Records by keys with locks and transactions; whole pairs as NumPy arrays and
+as dataframes of pandas or Dask; many pairs checked by a cluster of Dask.")
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 endif()
 

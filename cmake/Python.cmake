@@ -26,11 +26,12 @@ target_link_libraries(python_module PRIVATE isam_shared build_flags)
 # A package that can be imported from the build folder: links to the sources, and the module.
 set(python_package ${PROJECT_BINARY_DIR}/python/zentra)
 file(MAKE_DIRECTORY ${python_package})
-file(GLOB python_files CONFIGURE_DEPENDS python/src/zentra/*.py python/src/zentra/*.pyi
+file(GLOB python_files CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/python/src/zentra
+     python/src/zentra/*.py python/src/zentra/*/*.py python/src/zentra/*.pyi
      python/src/zentra/py.typed)
-foreach(file IN LISTS python_files)
-  get_filename_component(name ${file} NAME)
-  file(CREATE_LINK ${file} ${python_package}/${name} SYMBOLIC)
+file(MAKE_DIRECTORY ${python_package}/fleet)
+foreach(name IN LISTS python_files)
+  file(CREATE_LINK ${PROJECT_SOURCE_DIR}/python/src/zentra/${name} ${python_package}/${name} SYMBOLIC)
 endforeach()
 set_target_properties(
   python_module PROPERTIES OUTPUT_NAME _zentra LIBRARY_OUTPUT_DIRECTORY ${python_package})
@@ -38,7 +39,10 @@ set_target_properties(
 # Where Debian's Python looks, also for packages of a prefix of one's own.
 set(python_folder lib/python3/dist-packages/zentra)
 install(TARGETS python_module LIBRARY DESTINATION ${python_folder} COMPONENT python)
-install(FILES ${python_files} DESTINATION ${python_folder} COMPONENT python)
+foreach(name IN LISTS python_files)
+  get_filename_component(folder ${name} DIRECTORY)
+  install(FILES python/src/zentra/${name} DESTINATION ${python_folder}/${folder} COMPONENT python)
+endforeach()
 
 if(NOT BUILD_TESTING)
   return()
@@ -47,11 +51,14 @@ endif()
 # An application in C that runs Python, and both use the library.
 find_package(Python REQUIRED COMPONENTS Development.Embed)
 add_executable(together python/tests/together.c)
+set_target_properties(together PROPERTIES ENABLE_EXPORTS ON)
 target_link_libraries(together PRIVATE isam_shared Python::Python)
 
 add_test(NAME python.Package COMMAND Python::Interpreter -m pytest -q -p no:cacheprovider
                                      ${PROJECT_SOURCE_DIR}/python/tests)
-set_tests_properties(
-  python.Package
-  PROPERTIES TIMEOUT 300 ENVIRONMENT
-             "PYTHONPATH=${PROJECT_BINARY_DIR}/python;PYTHONDONTWRITEBYTECODE=1;TOGETHER=$<TARGET_FILE:together>")
+set(python_environment PYTHONPATH=${PROJECT_BINARY_DIR}/python PYTHONDONTWRITEBYTECODE=1
+                       TOGETHER=$<TARGET_FILE:together>)
+if(TARGET zentra)
+  list(APPEND python_environment ZENTRA=$<TARGET_FILE:zentra>)
+endif()
+set_tests_properties(python.Package PROPERTIES TIMEOUT 300 ENVIRONMENT "${python_environment}")

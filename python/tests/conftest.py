@@ -50,3 +50,12 @@ def pair(here):
 
 def present():
     return [record(n) for n in range(1, 301) if not 100 <= n <= 109]
+
+
+@pytest.fixture(scope="session")
+def client():
+    """A cluster of two worker processes."""
+    from zentra import fleet
+
+    with fleet.local_cluster(2) as made:
+        yield made

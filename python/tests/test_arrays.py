@@ -69,6 +69,8 @@ def test_a_frame_becomes_a_pair(pair):
     twice = pd.concat([frame, frame.iloc[3:9]], ignore_index=True)
     with pytest.raises(zentra.DuplicateKeyError, match="6 rows have the keys of others: 290, 291"):
         zentra.write_pandas(twice, "twice", LAYOUT, "id")
+    with pytest.raises(zentra.FieldTypeError):
+        zentra.write_pandas({"id": ["1"]}, "twice", LAYOUT, "id")
     assert zentra.write_pandas(twice, "dropped", LAYOUT, "id", duplicates="drop") == 290
     for change, kind, why in [
             ({"credit": 0.125}, zentra.FieldError, "record 7, field credit: 0.125 has more than 2"),

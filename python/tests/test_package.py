@@ -12,7 +12,8 @@ import zentra
 FOLDER = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
-def test_examples_of_the_readme(here):
+def test_examples_of_the_readme(here, monkeypatch):
+    monkeypatch.setenv("PATH", os.path.dirname(os.environ.get("ZENTRA", "")), prepend=os.pathsep)
     with open(os.path.join(FOLDER, "README.md"), encoding="utf-8") as file:
         blocks = re.findall(r"^```python\n(.*?)^```$", file.read(), re.M | re.S)
     assert len(blocks) > 8
@@ -24,14 +25,12 @@ def test_examples_of_the_readme(here):
 @pytest.mark.skipif("TOGETHER" not in os.environ, reason="runs where CMake has built the program")
 def test_all_users_of_the_library_in_a_process_keep_their_locks(here):
     with zentra.create("pair", LAYOUT, "id", save_layout=True) as file:
-        for n in range(1, 5):
+        for n in range(1, 9):
             file.insert(record(n))
-    ran = subprocess.run([os.environ["TOGETHER"], "pair", os.path.join(FOLDER, "tests/together.py")],
+    open("log", "x").close()
+    ran = subprocess.run([os.environ["TOGETHER"], "pair", "log", os.path.join(FOLDER, "tests/together.py")],
                          capture_output=True, text=True)
-    assert (ran.returncode, ran.stderr) == (0, "")
-    assert ran.stdout.split("\n") == [
-        "000001 locked", "000002 locked", "000003 locked", "000004 free",
-        "000001 locked", "000002 locked", "000003 locked", "000004 free", "C still has 000001", ""]
+    assert (ran.returncode, ran.stdout, ran.stderr) == (0, "done\n", "")
 
 
 def test_without_the_library_the_build_says_what_is_missing(here):

@@ -13,7 +13,7 @@ import pytest
 from conftest import KEYS, LAYOUT, present, record
 
 import zentra
-from zentra import errors
+from zentra import _zentra, errors
 
 
 def ids(records):
@@ -342,6 +342,60 @@ def test_locks_hold_against_other_processes(other):
         other.stdin.flush()
         waiter.join(10)
         assert steps == ["has it"]
+
+
+def test_ranges_of_parts_that_the_application_orders(here):
+    """In the index all values of such a part are equal; behind it stands another part that is not."""
+    collated = 16
+    key = _zentra.KeyOf(_zentra.KF_DUPS, [(0, 2, collated), (2, 1, _zentra.KT_CHAR)])
+    opened = _zentra.Open.build(b"pair", 3, 3, key, _zentra.ISINOUT | _zentra.ISEXCLLOCK)
+    for data in (b"bb2", b"aa3", b"cc1", b"ab0"):
+        opened.write(data)
+    opened.close()
+    with zentra.open("pair", "a char 0 2\nb char next 1\n") as file:
+        def found(records):
+            return [record["a"] + record["b"] for record in records]
+        index = file.index("a")
+        assert found(index) == ["ab0", "cc1", "bb2", "aa3"]
+        assert found(index.between(("zz", "1"), ("aa", "2"))) == ["cc1", "bb2"]
+        assert found(reversed(index.between(("zz", "1"), ("aa", "2")))) == ["bb2", "cc1"]
+        assert found(index.between("bb", "bb")) == found(index.until("aa")) == found(index)
+        assert found(index.equal("xx", "1")) == ["cc1"]
+        assert found(index.prefix("a")) == ["ab0", "aa3"]
+        assert found(reversed(index.prefix("a"))) == ["aa3", "ab0"]
+        assert found(index.prefix("aa", "3")) == ["aa3"]
+
+
+def test_locks_end_one_by_one(pair):
+    def others_meet():
+        script = """
+import zentra
+with zentra.open("pair", mode="r+") as file:
+    for key in ("000001", "000002", "000003"):
+        try:
+            with file.lock(key, wait=False): pass
+        except zentra.RecordLockedError: print(int(key), end="")
+"""
+        return subprocess.run([sys.executable, "-c", script], check=True, capture_output=True,
+                              text=True).stdout
+    with zentra.open(pair, mode="r+") as file, zentra.open(pair, mode="r+") as again:
+        with file.lock("000001"):
+            with file.lock("000002"), again.lock("000003"), again.lock("000001"):
+                assert others_meet() == "123"
+            assert others_meet() == "1"
+            with pytest.raises(zentra.NoRecordError), file.lock("000100"):
+                pass
+            with file.lock_all(), file.lock(number=2):
+                assert others_meet() == "123"
+        assert others_meet() == ""
+        with file.lock_all():
+            with again.lock("000001"):
+                again.update(again["000002"])
+            assert others_meet() == "123"
+        rest = iter(file)
+        next(rest)
+    with pytest.raises(zentra.ClosedError):
+        list(rest)
 
 
 def test_transactions_stand_together_or_not_at_all(pair):

@@ -208,7 +208,7 @@ step_packages() {
   } | holds libisam-dev
 
   if [ -d "$build/python" ]; then
-    (cd "$source_dir/python/src" && printf 'usr/lib/python3/dist-packages/%s\n' zentra/{*.py,*.pyi,py.typed}) |
+    (cd "$source_dir/python/src" && printf 'usr/lib/python3/dist-packages/%s\n' zentra/{*.py,*/*.py,*.pyi,py.typed}) |
       cat - <(cd "$root" && printf 'usr/%s\n' lib/python3/dist-packages/zentra/_zentra.*.so) | holds python3-zentra
     says python3-zentra Depends "python3-numpy.*libisam"
   fi

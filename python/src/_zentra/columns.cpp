@@ -68,14 +68,15 @@ bool Column::is_copy() const {
 // `load` puts what it makes of a field's bytes into an element, or says no.
 template <typename Element, typename Load>
 std::size_t Column::put_each(const Records& records, Room room, Load load) const {
-  const unsigned char* from = records.first + field_.offset;
+  const auto [first, stride, count] = records;  // which no store of an element changes
+  const unsigned char* from = first + field_.offset;
   std::byte* to = room.first;
-  for (std::size_t i = 0; i < records.count; ++i, from += records.stride, to += room.stride) {
+  for (std::size_t i = 0; i < count; ++i, from += stride, to += room.stride) {
     Element element{};
     if (!load(from, element)) return i;
     std::memcpy(to, &element, sizeof element);
   }
-  return records.count;
+  return count;
 }
 
 // `load` makes a value of a field's bytes, or nothing; `null` stands for null, and for nothing
@@ -117,18 +118,46 @@ std::size_t Column::put_whole(Element null, const Records& records, Room room, b
   return put(std::numeric_limits<std::int32_t>::min());
 }
 
+// `copy` gets a field's bytes and its element.
+template <typename Copy>
+std::size_t Column::copy_each(const Records& records, Room room, Copy copy) const {
+  const auto [first, stride, count] = records;
+  const unsigned char* from = first + field_.offset;
+  std::byte* to = room.first;
+  for (std::size_t i = 0; i < count; ++i, from += stride, to += room.stride) copy(from, to);
+  return count;
+}
+
 std::size_t Column::put_text(const Records& records, Room room) const {
   const auto length = static_cast<std::size_t>(field_.length);
-  const unsigned char* from = records.first + field_.offset;
-  std::byte* to = room.first;
-  for (std::size_t i = 0; i < records.count; ++i, from += records.stride, to += room.stride) {
-    if (field_.keeps_blanks && !layout::is_null(field_, Bytes(from, length))) {
-      copy_words(from, length, to);
-    } else {
-      copy_trimmed(from, length, to);
-    }
+  if (field_.keeps_blanks) {
+    return copy_each(records, room, [&](const unsigned char* from, std::byte* to) {
+      if (layout::is_null(field_, Bytes(from, length))) {
+        copy_trimmed(from, length, to);
+      } else {
+        copy_words(from, length, to);
+      }
+    });
   }
-  return records.count;
+  const auto put = [&]<std::size_t kParts>() {
+    return copy_each(records, room, [length](const unsigned char* from, std::byte* to) {
+      copy_trimmed_parts<kParts>(from, length, to);
+    });
+  };
+  switch (parts_of(length)) {
+    case 1:
+      return put.operator()<1>();
+    case 2:
+      return put.operator()<2>();
+    case 3:
+      return put.operator()<3>();
+    case 4:
+      return put.operator()<4>();
+    default:
+      return copy_each(records, room, [length](const unsigned char* from, std::byte* to) {
+        copy_trimmed(from, length, to);
+      });
+  }
 }
 
 std::size_t Column::put_number(const Records& records, Room room) const {
@@ -175,8 +204,10 @@ std::size_t Column::put_day(const Records& records, Room room, bool lenient) con
     });
   }
   if (const auto date = FastDate::of(field_)) {
-    return put_or(kNoNumber, records, room, lenient,
-                  [&](const unsigned char* from) { return date->day_number_in(from); });
+    return put_each<std::int64_t>(records, room, [&](const unsigned char* from, auto& element) {
+      element = date->day_number_in(from);
+      return element != kNoNumber || lenient || layout::is_null(field_, Bytes(from, length));
+    });
   }
   return put_or(kNoNumber, records, room, lenient, [&](const unsigned char* from) {
     return day_number_in(field_, Bytes(from, length));
@@ -219,10 +250,10 @@ std::size_t Column::put_boolean(const Records& records, Room room, bool lenient)
     const auto yes = static_cast<unsigned char>(field_.yes.empty() ? ' ' : field_.yes.front());
     const auto no = static_cast<unsigned char>(field_.no.empty() ? ' ' : field_.no.front());
     return put_each<std::int8_t>(records, room, [=](const unsigned char* from, auto& element) {
-      const bool is_yes = *from == yes;
-      const bool is_one = is_yes || *from == no;
-      element = is_one ? static_cast<std::int8_t>(is_yes) : kNoBoolean;
-      return is_one || lenient;
+      const auto is_yes = static_cast<std::int8_t>(*from == yes);
+      const auto is_no = static_cast<std::int8_t>(*from == no);
+      element = static_cast<std::int8_t>(kNoBoolean + 2 * is_yes + is_no);
+      return element != kNoBoolean || lenient;
     });
   }
   std::string yes = field_.yes;

@@ -68,6 +68,8 @@ class Column {
   template <typename Element, typename Load>
   std::size_t put_whole(Element null, const Records& records, Room room, bool lenient,
                         Load load) const;
+  template <typename Copy>
+  std::size_t copy_each(const Records& records, Room room, Copy copy) const;
   std::size_t put_text(const Records& records, Room room) const;
   std::size_t put_number(const Records& records, Room room) const;
   std::size_t put_number_or_nan(const Records& records, Room room) const;

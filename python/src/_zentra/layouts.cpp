@@ -21,23 +21,6 @@ const char* meaning_of(const Field& field) {
   return kMeanings.at(static_cast<std::size_t>(field.meaning));
 }
 
-layout::Type type_of_part(int type) {
-  switch (type & ~KT_DESC) {
-    case KT_INT:
-      return layout::Type::kInt;
-    case KT_LONG:
-      return layout::Type::kLong;
-    case KT_DOUBLE:
-      return layout::Type::kDouble;
-    case KT_FLOAT:
-      return layout::Type::kFloat;
-    case KT_LOCALE:
-      return layout::Type::kLocale;
-    default:
-      return layout::Type::kChar;
-  }
-}
-
 // Fields of a text, or what is wrong with it as lines for `file`.
 std::pair<layout::Fields, std::vector<std::string>> parse(const std::string& text,
                                                           const std::string& file) {
@@ -65,7 +48,7 @@ layout::Fields draft(const Open& open, const std::vector<std::string>& samples) 
       const auto [start, length, type] = key.parts[i];
       std::string comment = "index " + std::to_string(n + 1);
       if (key.parts.size() > 1) comment += ", part " + std::to_string(i + 1);
-      draft.add_key(start, length, type_of_part(type), std::move(comment));
+      draft.add_key(start, length, layout::type_of_part(type), std::move(comment));
     }
   }
   const auto least = static_cast<std::size_t>(open.least());
@@ -97,6 +80,7 @@ void add_layouts(py::module_& module) {
       .def_readonly("decimals", &Field::decimals)
       .def_readonly("yes", &Field::yes)
       .def_readonly("no", &Field::no)
+      .def_readonly("encoding", &Field::encoding, "Of a plain text, such as latin1; empty: UTF-8.")
       .def_readonly("comment", &Field::comment);
   module.def("parse_layout", &parse, py::arg("text"), py::arg("file"));
   module.def("layout_text", [](const layout::Fields& fields) { return text_of(fields); });

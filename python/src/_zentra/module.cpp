@@ -75,6 +75,7 @@ void add_open(py::module_& module) {
       .def_property_readonly("is_variable", &Open::is_variable)
       .def_property_readonly("keys", &Open::keys)
       .def("count", &Open::count)
+      .def("stamp", &Open::stamp)
       .def("start", &Open::start)
       .def("read",
            [](Open& open, int index, int mode, std::string_view record,

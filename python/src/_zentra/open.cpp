@@ -130,6 +130,14 @@ int Open::count() {
   });
 }
 
+std::uint32_t Open::stamp() {
+  return in_turn([&] {
+    std::uint32_t stamp = 0;
+    expect(isstamp(number(), &stamp));
+    return stamp;
+  });
+}
+
 // The record in room that the library may read and write.
 char* Open::room_for(std::string_view record) {
   if (record.size() > room_.size()) {
@@ -250,8 +258,8 @@ bool Open::remove(std::string_view record, std::int32_t number_of) {
   });
 }
 
-void Open::release() {
-  in_turn([&] { expect(isrelease(number())); });
+void Open::release(std::int32_t number_of) {
+  in_turn([&] { expect(isrelrec(number(), number_of)); });
 }
 
 bool Open::lock_file() {

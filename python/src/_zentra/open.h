@@ -52,6 +52,8 @@ class Open {
   [[nodiscard]] bool is_variable() const { return variable_; }
   [[nodiscard]] const std::vector<KeyOf>& keys() const { return keys_; }
   [[nodiscard]] int count();
+  // Raised by each change of whatever process (isstamp).
+  [[nodiscard]] std::uint32_t stamp();
 
   // Stands before the first record that `mode` (RD_...) asks for: whether there is one. `length`:
   // so many bytes of the key count, 0 for all.
@@ -70,7 +72,8 @@ class Open {
   bool rewrite(std::string_view record, std::int32_t number);
   bool remove(std::string_view record, std::int32_t number);
 
-  void release();
+  // Releases the lock of one record.
+  void release(std::int32_t number);
   // False when another process has a lock in the file.
   bool lock_file();
   void unlock_file();

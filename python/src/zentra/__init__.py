@@ -22,7 +22,8 @@ from .records import File, create, erase, open, rename  # noqa: A004
 
 # What needs pandas is imported when it is asked for, arrays too: some only want records.
 _LATER = {"iter_numpy": "arrays", "read_numpy": "arrays", "iter_pandas": "frames",
-          "layout_of": "frames", "read_pandas": "frames", "write_pandas": "frames"}
+          "layout_of": "frames", "read_dask": "partitions", "read_pandas": "frames",
+          "write_pandas": "frames"}
 
 __all__ = ["Field", "File", "Key", "Layout", "Range", "create", "erase", "errors", "library_version",
            "log", "open", "rename", *_errors, *_LATER]

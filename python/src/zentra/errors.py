@@ -6,7 +6,7 @@ import errno
 import os
 
 __all__ = [
-    "AccessError", "ArgumentError", "AuditError", "ClosedError", "DamagedError", "DuplicateKeyError",
+    "AccessError", "ArgumentError", "AuditError", "ChangedError", "ClosedError", "DamagedError", "DuplicateKeyError",
     "Error", "FieldError", "FieldTypeError", "FileSystemError", "ForkError", "FormatError",
     "InUseError", "IndexKeyError", "LayoutError", "LocaleError", "LogError", "MemoryFullError",
     "NoCurrentRecordError", "NoPairError", "NoPrimaryKeyError", "NoRecordError", "NotExclusiveError",
@@ -79,6 +79,10 @@ class FormatError(Error):
 
 class ClosedError(Error, ValueError):
     """It has been closed, or is not open for this."""
+
+
+class ChangedError(Error):
+    """The pair has been changed while several reads of it were to see one moment."""
 
 
 class ForkError(Error):

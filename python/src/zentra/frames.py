@@ -12,7 +12,8 @@ import pandas as pd
 
 from . import _zentra
 from .arrays import PairLike, Source, source_of
-from .errors import ArgumentError, DuplicateKeyError, FieldError, LayoutError
+from .errors import (ArgumentError, DuplicateKeyError, FieldError, FieldTypeError,
+                     LayoutError)
 from .keys import KeyLike
 from .layouts import Field, Layout, PathLike, as_layout, name_of
 from .records import File, create, erase
@@ -137,7 +138,8 @@ def _strings(values: RecordValues, field: Field, column: np.ndarray, places: np.
     else:
         load = values.by_name[field.name].load
         texts = column.tolist()
-        if not field.keeps_blanks and not field.may_be_null and values.encoding == "utf-8":
+        encoding = field.encoding or values.encoding
+        if not field.keeps_blanks and not field.may_be_null and encoding == "utf-8":
             load = bytes.decode
         try:
             made[:] = [load(data) if data else "" for data in texts]
@@ -181,6 +183,8 @@ def write_pandas(frame: pd.DataFrame, name: PathLike, layout: Union[Layout, str,
     field are an error. The dataframe's index is not written. Whatever fails leaves no pair behind.
     Raises FieldError with the row, counted from 0, and the field; PairExistsError; LayoutError.
     """
+    if not isinstance(frame, pd.DataFrame):
+        raise FieldTypeError(f"a dataframe is wanted, not {type(frame).__name__}")
     if duplicates not in ("raise", "drop"):
         raise ArgumentError(f'duplicates: "raise" or "drop", not {duplicates!r}', code=102)
     pair = name_of(name)
@@ -205,6 +209,7 @@ def write_pandas(frame: pd.DataFrame, name: PathLike, layout: Union[Layout, str,
 
 def _longest_tail(frame: pd.DataFrame, layout: Layout, encoding: str, errors: str) -> int:
     name = layout.tail.name
+    encoding = layout.tail.encoding or encoding
     longest = 0
     for value in frame[name].tolist() if name in frame else ():
         if isinstance(value, str):
@@ -321,7 +326,7 @@ def _fast_texts(values: RecordValues, field: Field, column: pd.Series,
     texts = column.tolist()
     for at in np.flatnonzero(absent):
         texts[at] = ""
-    encoding, length = values.encoding, field.length
+    encoding, length = field.encoding or values.encoding, field.length
     try:
         stored = [text.encode(encoding).ljust(length) for text in texts]
     except (AttributeError, UnicodeEncodeError):

@@ -99,8 +99,15 @@ class Part:
         """Whether parts of the part make sense."""
         return self.kind not in _NUMBERS
 
+    @property
+    def is_collated(self) -> bool:
+        """Whether the application orders the part itself: in the index all its values are equal."""
+        return self.kind not in _NUMBERS and self.kind not in (_zentra.KT_CHAR, _zentra.KT_LOCALE)
+
     def sortable(self, data: bytes) -> Any:
         """What compares as the index does. Not for locale parts."""
+        if self.is_collated:
+            return b""
         if self.kind not in _NUMBERS:
             return data
         if self.kind in (_zentra.KT_FLOAT, _zentra.KT_DOUBLE) and data == b"\xff" * len(data):
@@ -130,6 +137,11 @@ class IndexKey:
     def has_locale(self) -> bool:
         """Whether the client's locale orders it."""
         return any(part.kind == _zentra.KT_LOCALE for part in self.parts)
+
+    @property
+    def has_beginnings(self) -> bool:
+        """Whether texts that begin alike stand together in it."""
+        return not self.has_locale and not any(part.is_collated for part in self.parts)
 
     def values_of(self, key: Any) -> list[Any]:
         """The values of a key as callers pass it: one, a tuple, or a dictionary."""

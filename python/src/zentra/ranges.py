@@ -79,7 +79,9 @@ class Range:
     equal(), prefix(), between(), since() and until() give a part of it. Keys are the value of the
     index's field, or a tuple of values; fewer values than the index has fields stand for the first
     of them. Records are read some at a time: one that another process changes meanwhile may be
-    given as it was; what this File changes is noticed.
+    given as it was; what this File changes is noticed. Keys are compared as the index compares them:
+    where the application orders a part itself (KT_COLL1 to KT_COLL7 of isam.h), all its values are
+    equal there.
     """
 
     def __init__(self, file: File, index: Optional[IndexKey]) -> None:
@@ -121,7 +123,7 @@ class Range:
 
     def prefix(self, *key: Any) -> Range:
         """Records whose text begins so; with several values, those that have the ones before, too.
-        An index that a locale orders is read as a whole for that."""
+        An index that a locale or the application orders is read as a whole for that."""
         index = self.key
         if index is None or not 1 <= len(key) <= len(index.parts):
             raise IndexKeyError("no such part of an index", code=103, pair=self._file.name)
@@ -198,7 +200,7 @@ class Range:
             return (record[part.start:part.end].startswith(text)
                     and all(record[p.start:p.end] == wanted[p.start:p.end] for p in parts))
 
-        if index.has_locale or not count:
+        if not index.has_beginnings or not count:
             everything = self._read(self._from_edge(index, backwards), None, backwards)
             return (found for found in everything if fits(found[1]))
 

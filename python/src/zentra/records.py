@@ -3,8 +3,6 @@
 from __future__ import annotations
 
 import contextlib
-import threading
-import time
 from collections.abc import Callable, Iterator, Mapping, Sequence
 from typing import Any, Optional, Union
 
@@ -14,16 +12,15 @@ from .errors import (ArgumentError, ClosedError, Error, FieldError, FieldTypeErr
                      RecordLockedError, TransactionError)
 from .keys import IndexKey, Key, KeyLike, as_key, by_names
 from .layouts import Layout, PathLike, as_layout, name_of
+from .locks import Locks, Wait
 from .logs import Log
 from .pairs import close_at_exit, encoded
 from .ranges import Range
 from .values import RecordValues
 
-Wait = Union[bool, float]
 Record = Any  # a dictionary, an object of the type that was asked for, or bytes
 
 _MODES = {"r": _zentra.ISINPUT, "r+": _zentra.ISINOUT}
-_LONGEST_NAP = 0.02
 
 
 def _mode_of(mode: str, exclusive: bool, transactions: Optional[bool]) -> int:
@@ -138,8 +135,8 @@ class File:
     records themselves in the order of the index. Made by open() and create().
 
     One thread of the process uses the library at a time; the others wait, with the interpreter
-    free. Locks belong to the process: closing a file or leaving a lock may release what another
-    File of the same pair has locked.
+    free. Locks belong to the process: closing a file that has locked something releases what other
+    opens of the same pair have locked, too.
     """
 
     def __init__(self, name: str, opened: _zentra.Open, layout: Optional[Layout], mode: str,
@@ -161,9 +158,9 @@ class File:
             self.values = RecordValues(layout, opened.least, pair=name, encoding=encoding,
                                         errors=errors, invalid=invalid)
         self.indexes = self._look_at_indexes()
-        self._spare: list[_zentra.Open] = []
-        self._locks = 0
-        self._counting = threading.Lock()
+        self._spare: list[_zentra.Open] = []  # of the cursors, those that nobody reads with
+        self._cursors: list[_zentra.Open] = []
+        self._locks = Locks(opened, name)
         self.changes = 0
         close_at_exit(self)
 
@@ -273,6 +270,11 @@ class File:
         """The record with a number, from 1. Raises NoRecordError."""
         return self.record_of(self._found(number, self.read_number(number)))
 
+    def stamp(self) -> int:
+        """The change stamp: two equal ones mean that nobody has changed a record or an index of the
+        pair between them. 32 bits; 0 follows the greatest."""
+        return self._open.stamp()
+
     def __len__(self) -> int:
         return self._open.count()
 
@@ -309,21 +311,20 @@ class File:
 
     @contextlib.contextmanager
     def cursor(self) -> Iterator[_zentra.Open]:
-        """An open that nobody else moves meanwhile. They stay open: to close one would release the
-        locks of the others."""
+        """An open that nobody else moves meanwhile. It stays open for those who come next."""
         cursor = self._spare.pop() if self._spare else self._another()
         try:
             yield cursor
         finally:
-            self._spare.append(cursor)
-            if self._open.closed:
-                self._close_spare()
+            if not cursor.closed:
+                self._spare.append(cursor)
 
     def _another(self) -> _zentra.Open:
         if self._open.closed:
             raise ClosedError(f'"{self.name}" has been closed', code=101, pair=self.name)
         mode = _zentra.ISEXCLLOCK if self.exclusive else _zentra.ISMANULOCK
-        return _zentra.Open(encoded(self.name), _zentra.ISINPUT | mode)
+        self._cursors.append(_zentra.Open(encoded(self.name), _zentra.ISINPUT | mode))
+        return self._cursors[-1]
 
     # ---- changing
 
@@ -459,8 +460,9 @@ class File:
 
         wait  True: as long as another process has it locked; False: not at all; else seconds
 
-        Within another lock() of the same File it stays locked until that one ends. In a transaction
-        changed records stay locked until its end. Raises RecordLockedError, NoRecordError.
+        Other locks are left alone, also those of an application that this runs in, unless it has the
+        same record locked. In a transaction changed records stay locked until its end. Raises
+        RecordLockedError, NoRecordError.
         """
         if (key is None) == (number is None):
             raise ArgumentError("a key or a number is wanted", code=102, pair=self.name)
@@ -474,35 +476,15 @@ class File:
     @contextlib.contextmanager
     def _locked(self, key: Any, is_number: bool, wait: Wait) -> Iterator[tuple[int, bytes]]:
         find = self.read_number if is_number else self._find
-        self._count_lock(1)
-        try:
-            yield self._found(key, _patiently(lambda: find(key, _zentra.RD_LOCK), wait))
-        finally:
-            self._unlock()
-
-    def _count_lock(self, more: int) -> int:
-        with self._counting:
-            self._locks += more
-            return self._locks
-
-    def _unlock(self) -> None:
-        if self._count_lock(-1) == 0 and not self._open.closed and not self.exclusive:
-            self._open.release()
+        with self._locks.record(lambda: find(key, _zentra.RD_LOCK), wait) as found:
+            yield self._found(key, found)
 
     @contextlib.contextmanager
     def lock_all(self, *, wait: Wait = True) -> Iterator[File]:
-        """Locks the whole pair against the locks and changes of other processes. Raises
-        RecordLockedError."""
-        def lock() -> None:
-            if not self._open.lock_file():
-                raise RecordLockedError(f'another process has a lock in "{self.name}"', code=107,
-                                        pair=self.name)
-        _patiently(lock, wait)
-        self._count_lock(1)
-        try:
+        """Locks the whole pair against the locks and changes of other processes; record locks of this
+        File that begin before its end keep it locked until they end. Raises RecordLockedError."""
+        with self._locks.whole_file(wait):
             yield self
-        finally:
-            self._unlock()
 
     # ---- indexes, closing
 
@@ -510,14 +492,14 @@ class File:
         """Adds an index and fills it. Needs exclusive=True. Raises DuplicateKeyError."""
         if self.layout is None:
             raise LayoutError("names of fields need a layout", pair=self.name)
-        self._close_spare()
+        self._close_cursors()
         self._open.add_index(as_key(key).described(self.layout))
         self.indexes = self._look_at_indexes()
 
     def drop_index(self, *which: Union[int, str]) -> None:
         """Drops an index, named as for index(). Needs exclusive=True."""
         number = self.index(*which).key.number
-        self._close_spare()
+        self._close_cursors()
         self._open.drop_index(number)
         self.indexes = self._look_at_indexes()
 
@@ -530,14 +512,16 @@ class File:
         """Whether close() has been called."""
         return self._open.closed
 
-    def _close_spare(self) -> None:
-        while self._spare:
-            self._spare.pop().close()
+    def _close_cursors(self) -> None:
+        self._spare.clear()
+        while self._cursors:
+            self._cursors.pop().close()
 
     def close(self) -> None:
-        """Closes the pair and releases its locks. Once more it does nothing."""
+        """Closes the pair, also for those who iterate over it, and releases its locks. Once more it does
+        nothing."""
         try:
-            self._close_spare()
+            self._close_cursors()
         finally:
             self._open.close()
 
@@ -556,18 +540,3 @@ class File:
 
 
 _MISSING = object()
-
-
-def _patiently(attempt: Callable[[], Any], wait: Wait) -> Any:
-    """What `attempt` gives, tried again until nothing is locked any more. The library is left in
-    between, so that other threads can release what others wait for."""
-    end = None if wait is True else time.monotonic() + float(wait)
-    nap = 0.0005
-    while True:
-        try:
-            return attempt()
-        except RecordLockedError:
-            if end is not None and time.monotonic() >= end:
-                raise
-        time.sleep(nap if end is None else max(0.0, min(nap, end - time.monotonic())))
-        nap = min(nap * 1.5, _LONGEST_NAP)

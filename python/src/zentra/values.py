@@ -97,14 +97,14 @@ class _Text:
 
     def load(self, field: Field) -> Load:
         keeps_blanks = field.keeps_blanks or field.is_tail
-        encoding, errors = self.encoding, self.errors
+        encoding, errors = field.encoding or self.encoding, self.errors
 
         def load(data: bytes) -> str:
             return (data if keeps_blanks else data.rstrip(b" ")).decode(encoding, errors)
         return load
 
     def store(self, field: Field) -> Store:
-        encoding, errors, length = self.encoding, self.errors, field.length
+        encoding, errors, length = field.encoding or self.encoding, self.errors, field.length
 
         def store(value: str) -> bytes:
             _expect(value, str, "a text")
@@ -241,15 +241,14 @@ def decimal_text(number: int, length: int) -> bytes:
     return text.encode("ascii")
 
 
-_DIGITS = re.compile(rb" *([+-]?[0-9]+) *")
+_DIGITS = re.compile(rb"-?0*[1-9][0-9]*|0+")
 
 
 def digits_in(data: bytes) -> int:
-    """The number that a text of digits tells."""
-    match = _DIGITS.fullmatch(data)
-    if not match:
-        raise ValueError(f"{data!r} are no digits")
-    return int(match[1])
+    """The number that a text of nothing but digits tells, a minus before them where it is less than 0."""
+    if not _DIGITS.fullmatch(data):
+        raise ValueError(f"{data!r} are no digits that fill the field")
+    return int(data)
 
 
 def _decimal(field: Field) -> tuple[Load, Store]:

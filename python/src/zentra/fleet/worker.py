@@ -1,0 +1,135 @@
+"""What runs on the workers: a child `zentra` for some pairs, and what its report says of each."""
+
+from __future__ import annotations
+
+import contextlib
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import time
+from collections.abc import Iterator, Sequence
+from typing import IO, Any, Optional
+
+UNFINISHED = 4  # the status of what could not be looked at
+_PATIENCE = 60.0  # seconds that a child which has told all may take to end
+_MOST_CODES = 100
+
+Row = dict[str, Any]
+
+
+def check_some(names: Sequence[bytes], program: str, options: Sequence[str]) -> list[Row]:
+    """A row for each pair, in this order. What a child did not come to is looked at by one of its own."""
+    rows = _rows_of([program, "check", "--json", *options], names)
+    missing = [name for name in names if name not in rows]
+    if len(names) > 1:
+        for name in missing:
+            rows.update(_rows_of([program, "check", "--json", *options], [name]))
+    return [rows.get(name) or lost(name, "the report tells nothing of it") for name in names]
+
+
+def dump_some(names: Sequence[bytes], targets: Sequence[bytes], program: str,
+              options: Sequence[str]) -> list[Row]:
+    """The same for dumps into files, one child for each pair."""
+    rows = []
+    for name, target in zip(names, targets):
+        try:
+            os.makedirs(os.path.dirname(target), exist_ok=True)
+        except OSError as error:
+            rows.append(lost(name, f"the folder for it: {error.strerror}"))
+            continue
+        command = [program, "dump", "--json", "-o", os.fsdecode(target), *options]
+        row = _rows_of(command, [name]).get(name) or lost(name, "nothing is told of it")
+        rows.append({**row, "target": os.fsdecode(target)})
+    return rows
+
+
+def lost(name: bytes, why: str) -> Row:
+    """The row of a pair that could not be looked at."""
+    return {"pair": os.fsdecode(name), "verdict": "unfinished", "status": UNFINISHED, "findings": 0,
+            "codes": "", "records": None, "bytes": bytes_of(name), "seconds": 0.0,
+            "message": why, "worker": _worker()}
+
+
+def _rows_of(command: Sequence[str], names: Sequence[bytes]) -> dict[bytes, Row]:
+    """What a child tells of the pairs, as far as it comes."""
+    rows: dict[bytes, Row] = {}
+    began = time.perf_counter()
+    sizes = {name: bytes_of(name) for name in names}
+    with tempfile.TemporaryFile() as errors, _child(command, names, errors) as child:
+        for pair, end, codes in _pairs_told(child.stdout):
+            now = time.perf_counter()
+            rows[pair] = {
+                "pair": os.fsdecode(pair), "verdict": str(end.get("verdict")),
+                "status": int(end.get("status", UNFINISHED)), "findings": int(end.get("findings", 0)),
+                "codes": " ".join(codes), "records": end.get("records"), "bytes": sizes.get(pair),
+                "seconds": float(end.get("seconds", now - began)),
+                "message": str(end.get("message", "")), "worker": _worker()}
+            began = now
+        child.wait(_PATIENCE)
+        errors.seek(0)
+        said = errors.read(4096)
+    if len(names) == 1 and names[0] not in rows:
+        rows[names[0]] = lost(names[0], _why(child.returncode, said))
+    return rows
+
+
+@contextlib.contextmanager
+def _child(command: Sequence[str], names: Sequence[bytes], errors: IO[bytes]) -> Iterator[Any]:
+    """A child, which is no more at the end."""
+    words = [os.fsencode(word) for word in command] + [b"--", *names]
+    with subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=errors) as child:
+        try:
+            yield child
+        finally:
+            if child.poll() is None:
+                child.kill()
+
+
+def _why(status: int, said: bytes) -> str:
+    if status < 0:
+        return f"could not be finished: signal {-status}"
+    told = said.decode("utf-8", "backslashreplace").strip().split("\n")[0]
+    return told or f"could not be finished: status {status}"
+
+
+def _pairs_told(lines: Any) -> Iterator[tuple[bytes, Row, list[str]]]:
+    """Each pair that the report comes to the end of, with the codes of what was found."""
+    name: Optional[bytes] = None
+    codes: dict[str, None] = {}
+    for line in lines:
+        if line.startswith(b'{"type":"detail"'):  # there may be millions
+            continue
+        if not line.endswith(b"\n"):
+            return
+        told = json.loads(line)
+        kind = told.get("type")
+        if kind == "pair":
+            name, codes = bytes.fromhex(told["name"]["hex"]), {}
+        elif kind == "finding" and len(codes) < _MOST_CODES:
+            codes[str(told.get("code"))] = None
+        elif kind == "pair-end" and name is not None:
+            yield name, told, list(codes)
+            name = None
+
+
+def bytes_of(name: bytes) -> Optional[int]:
+    """Of both files together; None without them."""
+    size = None
+    for suffix in (b".dat", b".idx"):
+        with contextlib.suppress(OSError, ValueError):
+            size = (size or 0) + os.stat(name + suffix).st_size
+    return size
+
+
+def _worker() -> str:
+    if "distributed" not in sys.modules:  # in no cluster
+        return ""
+    from distributed import get_worker
+
+    try:
+        return str(get_worker().address)
+    except ValueError:
+        return ""
