@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bench/bench_pair.h"
+#include "isam/base/format.h"
 
 namespace {
 
@@ -20,7 +21,6 @@ namespace fs = std::filesystem;
 constexpr int kMaxRecords = 100'000'000;
 constexpr int kMaxRuns = 1000;
 constexpr int kMinLength = 28;  // both keys of the benchmark's records
-constexpr int kMaxLength = 32511;
 
 struct Settings {
   std::vector<int> records;
@@ -46,7 +46,7 @@ Settings settings_from(const std::vector<const char*>& arguments) {
     const std::string_view word = arguments[i];
     const auto value = [&] { return i + 1 < arguments.size() ? arguments[++i] : nullptr; };
     if (word == "--length") {
-      settings.length = number(word, value(), kMinLength, kMaxLength);
+      settings.length = number(word, value(), kMinLength, isam::kMaxRecordLength);
     } else if (word == "--runs") {
       settings.runs = number(word, value(), 1, kMaxRuns);
     } else if (word == "--scatter") {

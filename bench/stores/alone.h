@@ -147,6 +147,10 @@ class Alone {
   }
 
   // Not measured.
+  void prepare(Order order) {
+    Adder adder(order);
+    store_.scan(order, adder);
+  }
   void verify() {
     model_.verify(store_);
     store_.settle();

@@ -1,9 +1,11 @@
-// stores_floor: what reading and rewriting records cannot do without when other programs share the
-// files: the library's locks in its order, and copies of the record and of the dictionary. A
-// rewrite adds the writes that others must be able to see: dictionary, two nodes of an index,
-// record; an insertion and a deletion the nodes of the list of free records too. There is no index
-// and no search: a record stands where its number says. `floor` sleeps for a lock at once,
-// `floor-asks` asks for it for as long as the library does before.
+// stores_floor: what reading and changing records cannot do without when other programs share the
+// files. `floor` takes the library's locks in its order. Under them it copies the dictionary,
+// searches the indexes (floor_index) and copies the record. A change moves the rest of each leaf
+// that it concerns, copies what it writes over, so that a failed write could be taken back, and
+// makes the writes that others must be able to see, each by itself for its place in the order:
+// dictionary, leaves, record; an insertion at a free number and a deletion the node that lists free
+// numbers, an insertion behind all others zero bytes that lengthen the file by a block. `floor`
+// sleeps for a lock at once, `floor-asks` asks for it for as long as the library does before.
 // `floor-exclusive` is described in floor_exclusive.h.
 #include <fcntl.h>
 
@@ -13,6 +15,7 @@
 #include <stdexcept>
 
 #include "bench/stores/floor_exclusive.h"
+#include "bench/stores/floor_index.h"
 #include "bench/stores/mapped_file.h"
 #include "bench/stores/measuring.h"
 #include "bench/stores/store.h"
@@ -26,9 +29,9 @@ constexpr off_t kSemaphoreLength = 0x3FFFFFFF;
 constexpr off_t kRecordLocks = 0x40000000;
 constexpr std::size_t kSlot = kRecordLength + 1;
 constexpr std::size_t kDictionary = 117;
-constexpr std::size_t kNode = 1024;
-constexpr std::uint32_t kRecordsOfNode = 60;
-constexpr double kBeforeSleep = 100e-6;  // seconds
+constexpr std::size_t kListNode = kNode;  // where the node of free numbers stands
+constexpr std::size_t kBlock = 1024;      // of the data file
+constexpr double kBeforeSleep = 100e-6;   // seconds
 
 class FloorStore : public Store {
  public:
@@ -37,10 +40,12 @@ class FloorStore : public Store {
   void open(const fs::path& folder, Start start) override {
     index_ = std::make_unique<MappedFile>(folder / "records.idx");
     data_ = std::make_unique<MappedFile>(folder / "records.dat");
+    tree_ = {};
     is_loaded_ = start == Start::kExisting;
-    next_ = 0;
+    next_ = is_loaded_ ? static_cast<std::uint32_t>(data_->bytes().size() / kSlot) : 0;
+    length_ = 0;
     if (is_loaded_) return;
-    index_->write(node_, 0);
+    index_->write(list_, 0);
     index_->map();
   }
   void close() override {
@@ -51,19 +56,62 @@ class FloorStore : public Store {
   // Records are added one behind the other, later ones where they stood.
   void insert(const Record& record) override {
     const std::uint32_t number = number_of(record.data());
-    change(is_loaded_ ? number : next_++, is_loaded_ ? 3 : 2, record);
+    begin_change();
+    if (is_loaded_) {
+      lock(F_GETLK, F_WRLCK, kRecordLocks + number, 1);
+      const std::uint32_t first = tree_.change_first(number, next_);
+      const std::uint32_t second = tree_.change_second(record.data(), next_);
+      write_over(index_.get(), list_, kListNode);
+      write_dictionary();
+      write_leaf(tree_.first_leaves(), first, 0);
+      write_leaf(tree_.second_leaves(), second, 1);
+      put(number, record);
+    } else {
+      lock(F_GETLK, F_WRLCK, kRecordLocks + next_, 1);
+      const std::uint32_t first = tree_.change_first(number_in_some_leaf(number, next_), next_);
+      const std::uint32_t second = tree_.change_second(record.data(), next_);
+      lengthen_data();
+      write_dictionary();
+      write_leaf(tree_.first_leaves(), first, 0);
+      write_leaf(tree_.second_leaves(), second, 1);
+      put(next_++, record);
+    }
+    end();
   }
 
-  void rewrite(const Record& record) override { change(number_of(record.data()), 2, record); }
+  void rewrite(const Record& record) override {
+    begin_change();
+    const std::uint32_t number = find_slot(number_of(record.data()));
+    lock(F_GETLK, F_WRLCK, kRecordLocks + number, 1);
+    const std::uint32_t fresh = tree_.change_second(record.data(), next_);
+    const std::uint32_t old = tree_.change_second(slot_.data(), next_);
+    write_dictionary();
+    write_leaf(tree_.second_leaves(), fresh, 1);
+    write_leaf(tree_.second_leaves(), old, 1);
+    put(number, record);
+    end();
+  }
 
-  void remove(const Key& key) override { change(number_of(key.data()), 3, Record{}); }
+  void remove(const Key& key) override {
+    begin_change();
+    const FloorIndex::Place place = tree_.find(number_of(key.data()), next_);
+    const std::uint32_t number = tree_.slot_at(place);
+    copy(data_->bytes().subspan(number * kSlot, kSlot), slot_);
+    lock(F_GETLK, F_WRLCK, kRecordLocks + number, 1);
+    tree_.take_out(place);
+    const std::uint32_t second = tree_.change_second(slot_.data(), next_);
+    write_dictionary();
+    put(number, Record{});
+    write_leaf(tree_.first_leaves(), place.leaf, 0);
+    write_leaf(tree_.second_leaves(), second, 1);
+    write_over(index_.get(), list_, kListNode);
+    end();
+  }
 
   const char* find(const Key& key) override {
-    const std::uint32_t number = number_of(key.data());
-    lock(F_SETLKW, F_RDLCK, 0, kSemaphoreLength);
-    copy(index_->bytes().first(kDictionary), dictionary_);
-    copy(data_->bytes().subspan(number * kSlot, kSlot), slot_);
-    lock(F_SETLKW, F_UNLCK, 0, kSemaphoreLength);
+    begin(F_RDLCK);
+    find_slot(number_of(key.data()));
+    end();
     return slot_.data();
   }
 
@@ -75,56 +123,67 @@ class FloorStore : public Store {
     const std::size_t records = data_->bytes().size() / kSlot;
     for (std::size_t first = 0; first < records; first += kBulk) {
       const std::size_t count = std::min(kBulk, records - first);
-      lock(F_SETLKW, F_RDLCK, 0, kSemaphoreLength);
-      copy(index_->bytes().first(kDictionary), dictionary_);
+      begin(F_RDLCK);
       for (std::size_t i = 0; i < count; ++i) {
         copy(data_->bytes().subspan((first + i) * kSlot, kRecordLength), many_[i]);
       }
-      lock(F_SETLKW, F_UNLCK, 0, kSemaphoreLength);
+      end();
       for (std::size_t i = 0; i < count; ++i) reader.take(many_[i].data());
     }
   }
 
   void settle() override {
     if (is_loaded_) return;
-    const std::size_t last = node_at(std::max(next_, 1U) - 1) + kNode;
-    if (index_->bytes().size() < last) index_->write(node_, last - kNode);
+    // What the last block has beyond the last record goes.
+    const auto end = static_cast<off_t>(next_ * kSlot);
+    check_system(::ftruncate(data_->fd(), end) == 0, "ftruncate");
     index_->map();
     data_->map();
     is_loaded_ = true;
   }
 
  private:
-  // One change under the lock, which writes so many nodes.
-  void change(std::uint32_t number, std::uint32_t nodes, const Record& record) {
-    lock(F_SETLKW, F_WRLCK, 0, kSemaphoreLength);
+  void begin(int type) {
+    lock(F_SETLKW, type, 0, kSemaphoreLength);
     copy(index_->bytes().first(kDictionary), dictionary_);
-    if (is_loaded_) copy(data_->bytes().subspan(number * kSlot, kSlot), slot_);
-    lock(F_GETLK, F_WRLCK, kRecordLocks + number, 1);
-    index_->write(dictionary_, 0);
-    for (std::uint32_t i = 0; i < nodes; ++i) {
-      const std::size_t at = node_at(is_loaded_ ? scrambled(number + i) : number);
-      if (is_loaded_) copy(index_->bytes().subspan(at, kNode), node_);
-      index_->write(node_, at);
-    }
-    put(number, record);
-    lock(F_SETLKW, F_UNLCK, 0, kSemaphoreLength);
+  }
+  void begin_change() { begin(F_WRLCK); }
+  void end() const { lock(F_SETLKW, F_UNLCK, 0, kSemaphoreLength); }
+
+  // Copies the record.
+  std::uint32_t find_slot(std::uint32_t number) {
+    const std::uint32_t slot = tree_.slot_at(tree_.find(number, next_));
+    copy(data_->bytes().subspan(slot * kSlot, kSlot), slot_);
+    return slot;
   }
 
   static void copy(std::span<const char> from, std::span<char> to) {
     std::memcpy(to.data(), from.data(), from.size());
   }
 
-  static std::size_t node_at(std::uint32_t number) { return (1 + number / kRecordsOfNode) * kNode; }
-  // A record anywhere, as the secondary key has it.
-  [[nodiscard]] std::uint32_t scrambled(std::uint32_t number) const {
-    return static_cast<std::uint32_t>(scramble(number) % (data_->bytes().size() / kSlot));
+  // Leaves of both keys by turns.
+  static std::size_t leaf_at(std::uint32_t leaf, std::uint32_t key) {
+    return (2 + 2 * std::size_t{leaf} + key) * kNode;
   }
 
+  void write_over(const MappedFile* file, std::span<const char> bytes, std::size_t at) {
+    const std::span<const char> there = file->bytes();
+    if (at + bytes.size() <= there.size()) copy(there.subspan(at, bytes.size()), before_);
+    file->write(bytes, at);
+  }
+  void write_dictionary() { write_over(index_.get(), dictionary_, 0); }
+  void write_leaf(Level& leaves, std::uint32_t leaf, std::uint32_t key) {
+    write_over(index_.get(), leaves.at(leaf), leaf_at(leaf, key));
+  }
+  void lengthen_data() {
+    if ((std::size_t{next_} + 1) * kSlot <= length_) return;
+    data_->write(std::array<char, kBlock>{}, length_);
+    length_ += kBlock;
+  }
   void put(std::uint32_t number, const Record& record) {
     copy(record, slot_);
     slot_.back() = '\n';
-    data_->write(slot_, number * kSlot);
+    write_over(data_.get(), slot_, number * kSlot);
   }
 
   void lock(int command, int type, off_t start, off_t length) const {
@@ -146,10 +205,13 @@ class FloorStore : public Store {
   bool asks_;
   bool is_loaded_ = false;
   std::uint32_t next_ = 0;  // number of the record to be added next
+  std::size_t length_ = 0;  // of the data file that is loaded
+  FloorIndex tree_;
   std::unique_ptr<MappedFile> index_;
   std::unique_ptr<MappedFile> data_;
   std::array<char, kDictionary> dictionary_{};
-  std::array<char, kNode> node_{};
+  std::array<char, kNode> list_{};
+  std::array<char, kNode> before_{};
   std::array<char, kSlot> slot_{};
   std::array<Record, kBulk> many_{};
 };

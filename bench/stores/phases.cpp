@@ -151,10 +151,22 @@ void run_floor(Store& store, const std::string& name, const fs::path& folder, st
   alone.read("read", kMostOperations);
   alone.scan("scan-ordered", Order::kPrimary);
   alone.scan_many("scan-many", Order::kPrimary);
+  // The floors of shared files have no order of the second key, and no portions.
+  const bool has_all = loads && store.has_load();
+  if (has_all) {
+    alone.prepare(Order::kSecond);
+    alone.scan("scan-second", Order::kSecond);
+    alone.scan_many("second-many", Order::kSecond);
+  }
   alone.rewrite("rewrite", some_of(records, Seed::kRewrite));
   const std::vector<std::uint32_t> deleted = some_of(records, Seed::kDelete);
   alone.remove("delete", deleted);
   alone.load("reinsert", deleted);
+  store.close();
+  if (!has_all) return;
+  Alone many = fresh();
+  many.load_many("load-many", in_order(records));
+  many.read_many("read-many");
   store.close();
 }
 
