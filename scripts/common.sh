@@ -54,7 +54,7 @@ need_python() {
   need_file python3-dev /usr/bin/python3-config
   need_file python3-venv /usr/share/doc/python3-venv
   need_file pybind11-dev /usr/include/pybind11/pybind11.h
-  for module in pybind11 numpy pandas pytest hypothesis; do
+  for module in pybind11 numpy pandas dask distributed matplotlib pytest hypothesis; do
     if ! /usr/bin/python3 -c "import importlib.util as u; exit(not u.find_spec('$module'))" 2>/dev/null; then
       missing+=("python3-$module")
     fi
