@@ -66,12 +66,13 @@ void read_up_to(int fd, std::int64_t end) {
   using std::chrono::steady_clock;
   const std::int64_t size = std::min({common::file_size(fd), end, memory() / kShare});
   const bool asks = may_ask(fd);
-  std::vector<common::Byte> piece(kPiece);
+  std::vector<common::Byte> piece;  // none where all is there
   const auto start = steady_clock::now();
   for (std::int64_t at = 0; at < size; at += kPiece) {
     at = behind_hole(fd, at, size) / kPiece * kPiece;
     if (at >= size) return;
     if (asks && is_there(fd, at, std::min(kPiece, size - at))) continue;
+    piece.resize(kPiece);
     if (common::read_at(fd, piece, at) <= 0) return;
     const std::chrono::duration<double> passed = steady_clock::now() - start;
     show_progress("Reading ahead", at, size, passed.count());

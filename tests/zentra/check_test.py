@@ -15,7 +15,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import failing, main, report_of, sample, tools, zentra as run
+from programs import STEP, failing, main, report_of, sample, tools, zentra as run
 
 OPEN_LOCK, SEMAPHORE, RECORDS = (0x7FFFFFFF, 1), (0, 0x3FFFFFFF), 0x40000000
 MANUAL = pathlib.Path(__file__).resolve().parents[2] / 'man'
@@ -57,6 +57,25 @@ def await_catching(process, number, catches=True):
     while caught != catches:
         status = pathlib.Path(f'/proc/{process.pid}/status').read_text()
         caught = bool(int(re.search(r'SigCgt:\t(\w+)', status)[1], 16) & 1 << number - 1)
+
+
+def children_of(process):
+    try:
+        text = pathlib.Path(f'/proc/{process.pid}/task/{process.pid}/children').read_text()
+    except OSError:
+        return []
+    return [int(word) for word in text.split()]
+
+
+def names_open_in(process):
+    """Names of the files that a process has open, as far as it lives."""
+    names = []
+    try:
+        for one in pathlib.Path(f'/proc/{process}/fd').iterdir():
+            names.append(os.path.basename(os.readlink(one)))
+    except OSError:
+        pass
+    return names
 
 
 def files_of(folder):
@@ -394,15 +413,49 @@ class Check(unittest.TestCase):
         self.assertIn(b'could not be written', done.stderr)
 
     def test_several_at_the_same_time(self):
-        pairs = [f'{name.name}/pair' for name in sorted(self.all.iterdir())[:30]]
-        def report(jobs):
-            status, lines = check('-j', jobs, '--wait', '0', *pairs, folder=self.all)
-            return status, [{name: value for name, value in line.items() if 'seconds' not in name}
-                            for line in lines]
-        self.assertEqual(report('1'), report('3'))
+        pairs = [f'{name.name}/pair' for name in sorted(self.all.iterdir())][::STEP]
+        def report(*words):
+            done = run('check', *words, '--wait', '0', *pairs, folder=self.all)
+            return done.returncode, re.sub(rb'"?seconds(-held)?"?[ :][\d.e-]+', b'', done.stdout)
+        for form in [], ['--json']:
+            alone = report(*form)
+            self.assertEqual(alone[1].count(b'"type":"pair-end"'), len(pairs) if form else 0)
+            for jobs in '2', '5':
+                self.assertEqual(report('-j', jobs, *form), alone)
         done = run('check', '-j', '2', *pairs[:3], folder=self.all,
                    preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
         self.assertEqual(done.stdout.count(b'pairs 3,'), 1)
+
+    def test_a_killed_worker_costs_one_pair(self):
+        """Both workers wait for locks: one is killed, and another one does what is left."""
+        names = [f'pair{number}' for number in range(6)]
+        for name in names:
+            for end in '.idx', '.dat':
+                shutil.copy(self.folder / f'pair{end}', self.folder / (name + end))
+        files = [open(self.folder / f'{name}.idx', 'r+b') for name in names[1:3]]
+        for file in files:
+            self.addCleanup(file.close)
+            fcntl.lockf(file, fcntl.LOCK_EX, SEMAPHORE[1], SEMAPHORE[0])
+        with subprocess.Popen([tools.zentra, 'check', '--json', '-j', '2', '--wait', '60', *names],
+                              cwd=self.folder, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE) as process:
+            at_work = {}
+            while len(at_work) < len(files):
+                for worker in children_of(process):
+                    for name in names_open_in(worker):
+                        if name[:-4] in names[1:3] and name.endswith('.idx'):
+                            at_work[name[:-4]] = worker
+            process.send_signal(signal.SIGUSR1)
+            self.assertRegex(process.stderr.readline(), b'^zentra: Pairs done: (0|16)%\n$')
+            os.kill(at_work['pair1'], signal.SIGKILL)
+            fcntl.lockf(files[1], fcntl.LOCK_UN)
+            lines = [json.loads(line) for line in process.communicate(timeout=60)[0].splitlines()]
+        ends = [line for line in lines if line['type'] == 'pair-end']
+        self.assertEqual([line['status'] for line in ends], [0, 4, 0, 0, 0, 0])
+        self.assertEqual([line['pair'] for line in lines if line['type'] == 'pair'],
+                         list(range(1, 7)))
+        self.assertEqual(ends[1]['message'], 'could not be finished: signal 9')
+        self.assertEqual((lines[-1]['sound'], lines[-1]['unfinished'], process.returncode), (5, 1, 4))
 
     def test_examples_of_the_manual(self):
         for name, made in (('sound', 'sound-fixed'), ('damaged', 'big-leaf'), ('ledger', 'data-cut'),
