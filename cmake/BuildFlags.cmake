@@ -41,6 +41,21 @@ if(KESTRO_SANITIZE)
     build_flags INTERFACE -fsanitize=${KESTRO_SANITIZE} -fno-sanitize-recover=all
                           -fno-omit-frame-pointer)
   target_link_options(build_flags INTERFACE -fsanitize=${KESTRO_SANITIZE})
+  if(KESTRO_SHARED)
+    # A process has one runtime of the sanitizers: that of a program which loads the library, such as
+    # Python, is loaded before it (sanitizer_preload).
+    execute_process(
+      COMMAND ${CMAKE_CXX_COMPILER}
+              -print-file-name=libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so
+      OUTPUT_VARIABLE sanitizer_runtime OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    get_filename_component(sanitizer_folder ${sanitizer_runtime} DIRECTORY)
+    if(NOT sanitizer_folder)
+      message(FATAL_ERROR "a sanitized shared library needs clang and its runtime as a library")
+    endif()
+    target_link_options(build_flags INTERFACE -shared-libasan -Wl,-rpath,${sanitizer_folder})
+    # It looks for what throws exceptions when it is loaded.
+    set(sanitizer_preload "${sanitizer_runtime} libstdc++.so.6")
+  endif()
 else()
   # Hardening that costs no time worth measuring. Sanitized builds have sharper tools.
   target_compile_options(build_flags INTERFACE -fstack-protector-strong)

@@ -93,6 +93,7 @@ install(FILES ${PROJECT_BINARY_DIR}/generated/isam.pc
 # Section 3 is about the library, the others about the programs and what they read.
 foreach(section 1 3 5 7 8)
   file(GLOB pages CONFIGURE_DEPENDS man/*.${section})
+  list(FILTER pages EXCLUDE REGEX "/zentra-fleet\\.1$")  # cmake/Python.cmake
   if(NOT KESTRO_COMPANIONS)
     list(FILTER pages EXCLUDE REGEX
          "/zentra((-[a-z]+)?\\.1|-(keys|raw)\\.5|-(crash|data)\\.7)$")

@@ -43,6 +43,7 @@ foreach(name IN LISTS python_files)
   get_filename_component(folder ${name} DIRECTORY)
   install(FILES python/src/zentra/${name} DESTINATION ${python_folder}/${folder} COMPONENT python)
 endforeach()
+install(FILES man/zentra-fleet.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT python)
 
 if(NOT BUILD_TESTING)
   return()
@@ -53,12 +54,20 @@ find_package(Python REQUIRED COMPONENTS Development.Embed)
 add_executable(together python/tests/together.c)
 set_target_properties(together PROPERTIES ENABLE_EXPORTS ON)
 target_link_libraries(together PRIVATE isam_shared Python::Python)
+# And one that works beside processes of Python.
+add_executable(beside python/tests/beside.c)
+target_link_libraries(beside PRIVATE isam_shared)
 
 add_test(NAME python.Package COMMAND Python::Interpreter -m pytest -q -p no:cacheprovider
                                      ${PROJECT_SOURCE_DIR}/python/tests)
 set(python_environment PYTHONPATH=${PROJECT_BINARY_DIR}/python PYTHONDONTWRITEBYTECODE=1
-                       TOGETHER=$<TARGET_FILE:together>)
+                       TOGETHER=$<TARGET_FILE:together> BESIDE=$<TARGET_FILE:beside>)
 if(TARGET zentra)
   list(APPEND python_environment ZENTRA=$<TARGET_FILE:zentra>)
+endif()
+if(KESTRO_SANITIZE)
+  # What the interpreter never frees is no fault of the package. The programs that the tests start
+  # have the runtime already.
+  list(APPEND python_environment "LD_PRELOAD=${sanitizer_preload}" ASAN_OPTIONS=detect_leaks=0)
 endif()
 set_tests_properties(python.Package PROPERTIES TIMEOUT 300 ENVIRONMENT "${python_environment}")

@@ -156,6 +156,7 @@ pages() {
   local section page
   for section in "$@"; do
     for page in "$source_dir"/man/*."$section"; do
+      if [[ $page == */zentra-fleet.1 ]]; then continue; fi  # in the package of Python
       if [ ! -x "$build/zentra" ] && [[ $page =~ /zentra(.*\.1|-keys\.5|-crash\.7)$ ]]; then continue; fi
       if [ -f "$page" ]; then echo "usr/share/man/man$section/${page##*/}.gz"; fi
     done
@@ -209,7 +210,8 @@ step_packages() {
 
   if [ -d "$build/python" ]; then
     (cd "$source_dir/python/src" && printf 'usr/lib/python3/dist-packages/%s\n' zentra/{*.py,*/*.py,*.pyi,py.typed}) |
-      cat - <(cd "$root" && printf 'usr/%s\n' lib/python3/dist-packages/zentra/_zentra.*.so) | holds python3-zentra
+      cat - <(cd "$root" && printf 'usr/%s\n' lib/python3/dist-packages/zentra/_zentra.*.so share/man/man1/zentra-fleet.1.gz) |
+      holds python3-zentra
     says python3-zentra Depends "python3-numpy.*libisam"
   fi
 

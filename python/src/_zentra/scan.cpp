@@ -12,11 +12,26 @@ namespace zentra_module {
 namespace py = pybind11;
 namespace {
 
-constexpr std::size_t kPortion = std::size_t{256} << 10;  // bytes that are read in one call
+// Bytes that are read in one call: enough for threads not to wait for each other all the time.
+constexpr std::size_t kPortion = std::size_t{1} << 20;
 constexpr std::size_t kBlock = std::size_t{12} << 10;  // that the fastest cache has, with columns
 constexpr std::size_t kSlice = std::size_t{64} << 20;  // between two looks for signals
 constexpr std::size_t kPerThread = std::size_t{4} << 20;  // below that another one does not pay
 constexpr std::size_t kMostThreads = 4;
+
+// Writes to the first of some elements on each large page. The system clears a page at the first
+// write to it; two threads that come to it at the same time would both clear one.
+void claim_pages(const Room& room, std::size_t first, std::size_t count) {
+  constexpr std::uintptr_t kPage = std::uintptr_t{2} << 20;
+  if (room.stride <= 0) return;
+  const auto stride = static_cast<std::uintptr_t>(room.stride);
+  for (std::size_t i = first; i < first + count;) {
+    std::byte* const element = room.first + i * stride;
+    *const_cast<volatile std::byte*>(element) = {};
+    const std::uintptr_t left = kPage - reinterpret_cast<std::uintptr_t>(element) % kPage;
+    i += (left + stride - 1) / stride;
+  }
+}
 
 }  // namespace
 
@@ -92,10 +107,12 @@ std::size_t Scan::read(Portion& portion, std::size_t most) {
   return got;
 }
 
-// Several threads read one portion after the other, each as soon as it has turned its last one.
-// What fails first in the order of the records is told, when all before it are in their places.
+// Several threads read one portion after the other, each as soon as it has turned its last one, and
+// one at a time has the system give it memory for that. What fails first in the order of the records
+// is told, when all before it are in their places.
 std::size_t Scan::fill_together(const Target& target, std::size_t done, std::size_t most) {
   std::mutex reading;
+  std::mutex claiming;
   std::size_t taken = 0;
   std::exception_ptr failure;
   std::size_t failed_at = 0;
@@ -113,6 +130,10 @@ std::size_t Scan::fill_together(const Target& target, std::size_t done, std::siz
           got = read(portion, most - taken);
           taken += got;
           at_end_ = got == 0;
+        }
+        {
+          const std::lock_guard turn_to_claim(claiming);
+          for (const Room& room : target.rooms) claim_pages(room, done + from, got);
         }
         turn(portion, got, target, done + from);
       }

@@ -14,11 +14,12 @@ from . import errors
 from ._zentra import version as library_version
 from .errors import *  # noqa: F403
 from .errors import __all__ as _errors
+from .files import create, erase, open, rename  # noqa: A004
 from .keys import Key
 from .layouts import Field, Layout
 from .logs import Log as log  # noqa: N813
 from .ranges import Range
-from .records import File, create, erase, open, rename  # noqa: A004
+from .records import File
 
 # What needs pandas is imported when it is asked for, arrays too: some only want records.
 _LATER = {"iter_numpy": "arrays", "read_numpy": "arrays", "iter_pandas": "frames",

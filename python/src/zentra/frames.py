@@ -10,13 +10,13 @@ from typing import Any, Optional, Union
 import numpy as np
 import pandas as pd
 
-from . import _zentra
 from .arrays import PairLike, Source, source_of
 from .errors import (ArgumentError, DuplicateKeyError, FieldError, FieldTypeError,
                      LayoutError)
+from .files import create, erase
 from .keys import KeyLike
 from .layouts import Field, Layout, PathLike, as_layout, name_of
-from .records import File, create, erase
+from .records import File
 from .values import (LEAST, MOST, RecordValues, Value, boolean_bytes, date_form, is_text, is_whole,
                      null_bytes)
 

@@ -59,7 +59,8 @@ class Log:
     @contextlib.contextmanager
     def transaction(self) -> Iterator[Log]:
         """What the process changes in the block, in all pairs that take part, stands together or
-        not at all: an exception undoes it. Records changed in it stay locked until the end.
+        not at all: an exception undoes it. Records changed in it stay locked until the end, which
+        releases all that the process has locked in pairs that take part.
 
         Changes of other threads meanwhile are part of it, too. Raises TransactionError when one
         has begun already, LogError when the commit cannot be written, and then it is undone.

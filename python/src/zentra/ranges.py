@@ -13,7 +13,8 @@ from .keys import IndexKey
 from .pairs import encoded
 
 if TYPE_CHECKING:
-    from .records import File, Record
+    from .forms import Record
+    from .records import File
 
 _FIRST_PORTION = 8
 _OPEN: Any = object()  # no limit; None is a key, too

@@ -1,130 +1,23 @@
-"""Open pairs, and reading and writing their records."""
+"""Open pairs: reading, writing and locking their records."""
 
 from __future__ import annotations
 
 import contextlib
-from collections.abc import Callable, Iterator, Mapping, Sequence
+from collections.abc import Iterator, Mapping
 from typing import Any, Optional, Union
 
 from . import _zentra
 from .errors import (ArgumentError, ClosedError, Error, FieldError, FieldTypeError, IndexKeyError,
                      LayoutError, NoPrimaryKeyError, NoRecordError, RecordLengthError,
-                     RecordLockedError, TransactionError)
-from .keys import IndexKey, Key, KeyLike, as_key, by_names
-from .layouts import Layout, PathLike, as_layout, name_of
+                     RecordLockedError)
+from .forms import Record, RecordForm
+from .keys import IndexKey, KeyLike, as_key, by_names
+from .layouts import Layout
 from .locks import Locks, Wait
 from .logs import Log
 from .pairs import close_at_exit, encoded
 from .ranges import Range
 from .values import RecordValues
-
-Record = Any  # a dictionary, an object of the type that was asked for, or bytes
-
-_MODES = {"r": _zentra.ISINPUT, "r+": _zentra.ISINOUT}
-
-
-def _mode_of(mode: str, exclusive: bool, transactions: Optional[bool]) -> int:
-    if mode not in _MODES:
-        raise ArgumentError(f'the mode is "r" or "r+", not {mode!r}', code=102)
-    number = _MODES[mode] | (_zentra.ISEXCLLOCK if exclusive else _zentra.ISMANULOCK)
-    if transactions is None:
-        transactions = Log.is_open() and mode == "r+"
-    return number | (_zentra.ISTRANS if transactions else 0)
-
-
-def open(name: PathLike, layout: Union[Layout, str, PathLike, None] = None, mode: str = "r", *,  # noqa: A001
-         record: Optional[type] = None, exclusive: bool = False,
-         transactions: Optional[bool] = None, encoding: str = "utf-8", errors: str = "strict",
-         invalid: str = "raise") -> File:
-    """Opens a pair, a context manager that closes it.
-
-    name          of the pair, without or with the ending of one of its two files
-    layout        a Layout, its text or its file; without one NAME.layout beside the pair, else what
-                  Layout.draft() guesses
-    mode          "r" to read, "r+" to read and write
-    record        what a record is: dict (so without it), bytes, or a class that is called with the
-                  fields' values by name and has attributes of these names, such as a dataclass
-    exclusive     nobody else may have the pair open meanwhile; changes may be written at the end
-    transactions  whether changes belong to transactions; without it, whether a log is open
-    encoding      of texts; `errors` as in bytes.decode()
-    invalid       "null" reads bytes without meaning, such as a date that is none, as None
-
-    Raises NoPairError, AccessError, InUseError, DamagedError, LayoutError and others of errors.
-    """
-    pair = name_of(name)
-    given = None if record is bytes and layout is None else as_layout(layout, pair)
-    opened = _zentra.Open(encoded(pair), _mode_of(mode, exclusive, transactions))
-    try:
-        if given is None and record is not bytes:
-            given = Layout.of(pair)
-        return File(pair, opened, given, mode, record, exclusive=exclusive,
-                    transactions=transactions, encoding=encoding, errors=errors, invalid=invalid)
-    except BaseException:
-        opened.close()
-        raise
-
-
-def create(name: PathLike, layout: Union[Layout, str, PathLike], keys: Union[KeyLike, Sequence[KeyLike], None],
-           *, longest: Optional[int] = None, length: Optional[int] = None, exclusive: bool = False,
-           record: Optional[type] = None, transactions: Optional[bool] = None,
-           encoding: str = "utf-8", errors: str = "strict", save_layout: bool = False) -> File:
-    """Makes a pair and opens it to read and write.
-
-    keys         the indexes, the primary one first: names of fields, tuples of names, or Keys. None
-                 or an empty list makes a pair in the order of record numbers.
-    length       bytes of the fixed part; without it as far as the layout reaches
-    longest      with a tail, the greatest bytes of a record in all; without it 1024 more than `length`
-    save_layout  writes the layout to NAME.layout
-
-    The rest is as for open(). Raises PairExistsError, IndexKeyError, LayoutError, RecordLengthError.
-    """
-    pair = name_of(name)
-    given = as_layout(layout, pair)
-    if given is None:
-        raise LayoutError("a pair is made from a layout")
-    wanted = [as_key(key) for key in _keys_of(keys)]
-    least = length if length is not None else given.end
-    if longest is not None and given.tail is None:
-        raise ArgumentError("`longest` is for layouts with a tail", code=102)
-    most = (longest if longest is not None else least + 1024) if given.tail else least
-    given.check(least, given.tail is not None, pair)
-    if not 1 <= least <= most <= 32511 or (given.tail and least == most):
-        raise RecordLengthError(f"records of {least} to {most} bytes; from 1 to 32511 is possible",
-                                code=132, pair=pair)
-    described = [key.described(given) for key in wanted]
-    none = _zentra.KeyOf(0, [])
-    mode = _mode_of("r+", exclusive or len(described) > 1, transactions)
-    opened = _zentra.Open.build(encoded(pair), least, most, described[0] if described else none, mode)
-    try:
-        for key in described[1:]:
-            opened.add_index(key)
-        if save_layout:
-            given.save(pair)
-        if len(described) > 1 and not exclusive:
-            opened.close()
-            opened = _zentra.Open(encoded(pair), _mode_of("r+", False, transactions))
-        return File(pair, opened, given, "r+", record, exclusive=exclusive,
-                    transactions=transactions, encoding=encoding, errors=errors)
-    except BaseException:
-        opened.close()
-        _zentra.erase(encoded(pair))
-        raise
-
-
-def _keys_of(keys: Union[KeyLike, Sequence[KeyLike], None]) -> Sequence[KeyLike]:
-    if keys is None:
-        return []
-    return [keys] if isinstance(keys, (str, Key)) else list(keys)
-
-
-def erase(name: PathLike) -> None:
-    """Removes a pair that nobody has open. Raises NoPairError, InUseError."""
-    _zentra.erase(encoded(name_of(name)))
-
-
-def rename(name: PathLike, new_name: PathLike) -> None:
-    """Gives a pair that nobody has open another name. Raises InUseError, PairExistsError."""
-    _zentra.rename(encoded(name_of(name)), encoded(name_of(new_name)))
 
 
 class File:
@@ -150,13 +43,12 @@ class File:
         self.transactions = Log.is_open() or None if transactions is None else transactions
         self.least = opened.least
         self._open = opened
-        self._record = record
-        self._load, self._store = self._forms_of(record)
         self.values: Optional[RecordValues] = None
         if layout is not None:
             layout.check(opened.least, opened.is_variable, name)
             self.values = RecordValues(layout, opened.least, pair=name, encoding=encoding,
                                         errors=errors, invalid=invalid)
+        self._form = RecordForm(record, layout, self.values, name)
         self.indexes = self._look_at_indexes()
         self._spare: list[_zentra.Open] = []  # of the cursors, those that nobody reads with
         self._cursors: list[_zentra.Open] = []
@@ -168,47 +60,12 @@ class File:
         return [IndexKey(number, key, self.values, self.name)
                 for number, key in enumerate(self._open.keys, 1)]
 
-    # ---- records as callers have them
-
-    def _forms_of(self, record: Optional[type]) -> tuple[Callable, Callable]:
-        if record is bytes:
-            return (lambda data, number: data), self._raw
-        if record is None or record is dict:
-            return (lambda data, number: self.values.load(data, number)), self._of_mapping
-        if not callable(record):
-            raise ArgumentError("`record` is dict, bytes or a class", code=102)
-        return (lambda data, number: record(**self.values.load(data, number))), self._of_object
-
-    def _raw(self, record: Any, base: Optional[bytes], where: object) -> bytes:
-        if not isinstance(record, (bytes, bytearray, memoryview)):
-            raise FieldTypeError(f"bytes are wanted, not {type(record).__name__}", pair=self.name,
-                                 record=where)
-        return bytes(record)
-
-    def _of_mapping(self, record: Any, base: Optional[bytes], where: object) -> bytes:
-        if not isinstance(record, Mapping):
-            raise FieldTypeError(f"a dictionary is wanted, not {type(record).__name__}",
-                                 pair=self.name, record=where)
-        return self.values.store(record, where, base)
-
-    def _of_object(self, record: Any, base: Optional[bytes], where: object) -> bytes:
-        if isinstance(record, Mapping):
-            return self.values.store(record, where, base)
-        values = {}
-        for field in self.layout:
-            try:
-                values[field.name] = getattr(record, field.name)
-            except AttributeError:
-                raise FieldTypeError(f"{type(record).__name__} has no such attribute",
-                                     pair=self.name, record=where, field=field.name) from None
-        return self.values.store(values, where, base)
-
     def record_of(self, found: tuple[int, bytes]) -> Record:
         """What callers get for a record's number and bytes."""
-        return self._load(found[1], found[0])
+        return self._form.load(found[1], found[0])
 
     def _bytes_of(self, record: Any, where: object, base: Optional[bytes] = None) -> bytes:
-        data = self._store(record, base, where)
+        data = self._form.store(record, base, where)
         least, most = self.least, self._open.length
         if not least <= len(data) <= most:
             wanted = str(most) if least == most else f"{least} to {most}"
@@ -335,7 +192,8 @@ class File:
     def _known_key(self, record: Any) -> Any:
         """The primary key for an exception to tell; None where the record does not have one."""
         try:
-            return self._key_of(record) if self.has_primary_key and self._record is not bytes else None
+            known = self.has_primary_key and not self._form.is_bytes
+            return self._form.key_of(record, self._primary.names) if known else None
         except Error:
             return None
 
@@ -354,42 +212,21 @@ class File:
         self.changes += 1
         return self._open.remove(data, number)
 
-    def _is_whole(self, record: Any) -> bool:
-        """Whether a record as the caller has it tells all its bytes."""
-        if self._record is bytes:
-            return True
-        if not self.values.covers_all:
-            return False
-        return not isinstance(record, Mapping) or len(record) == len(self.layout)
-
     def update(self, record: Record, *, number: Optional[int] = None) -> None:
         """Replaces the record that has the same primary key, or the one with a number. A dictionary
         may leave out fields that are to stay. Raises NoRecordError, RecordLockedError,
         DuplicateKeyError, FieldError."""
         if number is None and not self.has_primary_key:
             self._primary  # noqa: B018  raises
-        if self._is_whole(record):
+        if self._form.is_whole(record):
             data = self._bytes_of(record, number)
             where = number if number is not None else self._key_in(data)
             if not self._rewrite(data, number or 0):
                 self._found(where, None)
             return
-        key = number if number is not None else self._key_of(record)
+        key = number if number is not None else self._form.key_of(record, self._primary.names)
         with self._locked(key, number is not None, False) as found:
             self._rewrite(self._bytes_of(record, key, found[1]), found[0])
-
-    def _key_of(self, record: Any) -> Any:
-        """The primary key that a dictionary or an object has."""
-        index = self._primary
-        values = []
-        for name in index.names:
-            value = record.get(name, _MISSING) if isinstance(record, Mapping) else getattr(
-                record, name, _MISSING)
-            if not name or value is _MISSING:
-                raise FieldError("the record has no value for its primary key", pair=self.name,
-                                 field=name)
-            values.append(value)
-        return values[0] if len(values) == 1 else tuple(values)
 
     def _key_in(self, data: bytes) -> Any:
         parts = self._primary.key_bytes(data)
@@ -423,12 +260,12 @@ class File:
         if not self.has_primary_key:
             return self.update(record, number=key)
         index = self._primary
-        if isinstance(record, Mapping) and self._record is not bytes and all(index.names):
+        if isinstance(record, Mapping) and not self._form.is_bytes and all(index.names):
             values = index.values_of(key)
             record = {**dict(zip(index.names, values)), **record}
         wanted, _ = index.wanted(key, self.least)
-        base = bytes(self.least) if not self._is_whole(record) else None
-        data = self._store(record, base, key)
+        base = bytes(self.least) if not self._form.is_whole(record) else None
+        data = self._form.store(record, base, key)
         if index.key_bytes(data) != index.key_bytes(wanted):
             raise FieldError("the record has another key", pair=self.name, record=key)
         return self.upsert(record)
@@ -537,6 +374,3 @@ class File:
 
     def __reduce__(self):
         raise TypeError("an open pair cannot be pickled: pass its name")
-
-
-_MISSING = object()
