@@ -108,8 +108,8 @@ std::size_t Scan::read(Portion& portion, std::size_t most) {
 }
 
 // Several threads read one portion after the other, each as soon as it has turned its last one, and
-// one at a time has the system give it memory for that. What fails first in the order of the records
-// is told, when all before it are in their places.
+// one at a time has the system give it memory for that. What fails first in the order of the
+// records is told, when all before it are in their places.
 std::size_t Scan::fill_together(const Target& target, std::size_t done, std::size_t most) {
   std::mutex reading;
   std::mutex claiming;
