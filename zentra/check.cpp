@@ -120,6 +120,20 @@ Outcome check_pair(const CheckOptions& options, const std::string& name, Report&
   return {.status = collector->status(), .findings = collector->findings()};
 }
 
+// The pairs of the command line, or those that standard input names: all of them at once for
+// several jobs, else as they come.
+void name_pairs(const CheckOptions& options, Run& run) {
+  if (options.names != std::vector<std::string>{kNamesOnInput}) {
+    run.pairs = pairs_named(options.names);
+  } else if (options.jobs == 1) {
+    run.next = next_name;
+  } else {
+    std::vector<std::string> names;
+    for (std::string name; next_name(name);) names.push_back(name);
+    run.pairs = pairs_named(names);
+  }
+}
+
 }  // namespace
 
 std::function<int()> prepare_check(Arguments& arguments) {
@@ -131,13 +145,14 @@ std::function<int()> prepare_check(Arguments& arguments) {
   arguments.wait(options->wait);
   arguments.pairs(options->names);
   return [options] {
-    return run_pairs({.command = "check",
-                      .json = options->json,
-                      .jobs = options->jobs,
-                      .pairs = pairs_named(options->names),
-                      .work = [&](const std::string& name, Report& report) {
-                        return check_pair(*options, name, report);
-                      }});
+    Run run{.command = "check",
+            .json = options->json,
+            .jobs = options->jobs,
+            .work = [&](const std::string& name, Report& report) {
+              return check_pair(*options, name, report);
+            }};
+    name_pairs(*options, run);
+    return run_pairs(run);
   };
 }
 

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <optional>
 #include <set>
 #include <utility>
@@ -21,6 +22,17 @@ std::optional<FileId> id_of(const std::string& path) {
 }
 
 }  // namespace
+
+bool next_name(std::string& name) {
+  constexpr std::size_t kMost = 65536;  // far more than a file's name may have
+  name.clear();
+  int c = 0;
+  while ((c = std::getc(stdin)) != EOF && (c != '\0' || name.empty())) {
+    if (c != '\0' && name.size() < kMost) name.push_back(static_cast<char>(c));
+  }
+  checker::cut_suffix(name);
+  return !name.empty();
+}
 
 std::vector<std::string> pairs_named(const std::vector<std::string>& names) {
   std::vector<std::string> pairs;

@@ -1,4 +1,5 @@
-// pairnames: the pairs that a command line names, each once however it was named.
+// pairnames: the pairs that a command line names, each once however it was named, and those that
+// standard input names.
 #pragma once
 
 #include <string>
@@ -8,5 +9,11 @@ namespace zentra {
 
 // Base names in the order in which they were named first.
 [[nodiscard]] std::vector<std::string> pairs_named(const std::vector<std::string>& names);
+
+// The word that stands for names on standard input.
+inline constexpr const char* kNamesOnInput = "-";
+
+// The next name on standard input, each ended by a zero byte: false at its end.
+[[nodiscard]] bool next_name(std::string& name);
 
 }  // namespace zentra

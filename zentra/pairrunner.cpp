@@ -7,6 +7,9 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "zentra/crew.h"
 #include "zentra/heldoutput.h"
@@ -45,6 +48,18 @@ void with_output_held(const std::function<void()>& work) {
   work();
 }
 
+namespace {
+
+// Each report is out before the next name is asked for.
+void work_as_they_come(Run run, Report& report, std::vector<Outcome>& outcomes) {
+  for (std::string name; output_is_whole() && run.next(name);) {
+    run.pairs.push_back(std::move(name));
+    outcomes.push_back(work_held(run, run.pairs.size() - 1, report));
+  }
+}
+
+}  // namespace
+
 int run_pairs(const Run& run) {
   start_progress();
   const std::unique_ptr<Report> report = report_of(run);
@@ -57,6 +72,7 @@ int run_pairs(const Run& run) {
       outcomes.push_back(run.asks ? work_on(run, at, *report) : work_held(run, at, *report));
     }
   }
+  if (run.next) work_as_they_come(run, *report, outcomes);
   checker::Tally tally;
   for (const Outcome& outcome : outcomes) tally.add(outcome.status, outcome.findings);
   Status worst = tally.worst();

@@ -23,7 +23,9 @@ struct Run {
   const char* command;
   bool json = false;
   int jobs = 1;
-  std::vector<std::string> pairs;
+  std::vector<std::string> pairs{};
+  // More of them, where they come as others are worked on, one after the other: false at the end.
+  std::function<bool(std::string& name)> next{};
   const char* good = kVerdictSound;  // the verdict of status 0
   bool changes = false;  // files: then the status tells of them, also where the report is lost
   bool asks = false;     // the report comes out as it is made; `work` sees to with_output_held()

@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
   must(islogopen(argv[3]), "islogopen");
   const int file = isopen(argv[1], ISINOUT + ISMANULOCK + ISTRANS);
   const int plain = isopen(argv[1], ISINOUT + ISMANULOCK);
-  const int own = isopen(argv[2], ISINOUT + ISMANULOCK);
+  const int own = isopen(argv[2], ISINPUT + ISMANULOCK);
   if (file < 0 || plain < 0) return 3;
   must(own, "isopen");
   key(record, name, 0);

@@ -25,7 +25,7 @@ class Undone(Exception):
 
 with zentra.log("log") as log, zentra.open("pair", mode="r+") as file, \\
         zentra.open("pair", mode="r+", transactions=False) as plain, \\
-        zentra.open("own", mode="r+", transactions=False) as own, own.lock(name + "0000"):
+        zentra.open("own") as own, own.lock(name + "0000"):
     print("ready", flush=True)
     input()
     for n in range(1, rounds + 1):

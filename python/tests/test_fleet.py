@@ -4,6 +4,7 @@ import os
 import shutil
 import subprocess
 import sys
+import time
 
 import pytest
 from conftest import LAYOUT, record
@@ -11,7 +12,7 @@ from conftest import LAYOUT, record
 import zentra
 import zentra.fleet
 from zentra.fleet import __main__ as command
-from zentra.fleet import worker
+from zentra.fleet import children, worker
 
 PROGRAM = os.environ.get("ZENTRA", "")
 NOBODY = 65534
@@ -41,6 +42,19 @@ def pairs(here):
 def copy(name, new_name):
     for suffix in (".dat", ".idx"):
         shutil.copyfile(name + suffix, new_name + suffix)
+
+
+def stumble(what):
+    """A program that does something to itself or to its worker when it is to look at pair7."""
+    with open("program", "w", encoding="utf-8") as file:
+        file.write(f"""#!/bin/bash
+expect() {{ case $1 in *pair7*) {what}; exit;; esac; }}
+expect "$*"
+[ "${{!#}}" = - ] || exec {PROGRAM} "$@"
+while IFS= read -r -d "" name; do expect "$name"; printf '%s\\0' "$name"; done | {PROGRAM} "$@"
+""")
+    os.chmod("program", 0o755)
+    return os.path.abspath("program")
 
 
 def alone(*pairs):
@@ -110,11 +124,12 @@ def test_a_folder_that_may_not_be_read_is_told(pairs):
     script = """
 import os, sys
 from zentra.fleet import worker
-from zentra.fleet.listing import pairs_of
+from zentra.fleet.listing import Listing
 os.chdir(sys.argv[1])
 print([row["message"] for row in worker.check_some([b"all/f0/pair5", b"all/f1/pair1"], sys.argv[2], [])])
-print(sum(1 for pair in pairs_of(["all/**/*.dat"]) if not pair.why), *[
-      (os.path.basename(pair.name), pair.why) for pair in pairs_of(["all/**/*.dat"]) if pair.why])
+pairs = Listing(["all/**/*.dat"]).new_pairs()
+print(sum(1 for pair in pairs if not pair.why), *[
+      (os.path.basename(pair.name), pair.why) for pair in pairs if pair.why])
 """
     os.chmod("all/f1", 0)
     for folder in (pairs, *pairs.parents):
@@ -149,13 +164,11 @@ def test_a_pair_that_kills_its_workers_is_the_only_one_lost(pairs, monkeypatch):
     import dask
     from distributed import Client, LocalCluster
 
-    with open("program", "w", encoding="utf-8") as file:
-        file.write(f"#!/bin/sh\ncase \"$*\" in *pair7*) kill -9 $PPID;; esac\nexec {PROGRAM} \"$@\"\n")
-    os.chmod("program", 0o755)
+    program = stumble("kill -9 $PPID")
     with dask.config.set({"distributed.scheduler.allowed-failures": 0}), zentra.fleet.local_cluster(
             1) as client:
         table = zentra.fleet.check([f"all/f{n % 5}/pair{n}" for n in range(6, 9)], client,
-                                   program=f"{pairs}/program", batch=1)
+                                   program=program, batch=1)
     assert table["message"].tolist() == ["sound", "could not be finished: each worker that looked at "
                                          "it died", "sound"]
     monkeypatch.setattr(zentra.fleet, "WORKERS_WITHIN", 0.2)
@@ -187,10 +200,27 @@ def test_the_command_line(pairs, client, capsys, monkeypatch):
 
 def test_reports_that_are_torn_off(pairs):
     """What a child does not come to is looked at by one of its own; the others are not in doubt."""
-    with open("program", "w", encoding="utf-8") as file:
-        file.write(f"#!/bin/sh\ncase \"$*\" in *pair7*) kill -9 $$;; esac\nexec {PROGRAM} \"$@\"\n")
-    os.chmod("program", 0o755)
+    program = stumble("kill -9 $$")
     names = [os.fsencode(f"all/f{n % 5}/pair{n}") for n in range(5, 9)]
-    rows = worker.check_some(names, f"{pairs}/program", [])
-    assert [row["message"] for row in rows] == ["sound", "sound", "could not be finished: signal 9",
-                                                "sound"]
+    for _ in range(2):
+        rows = worker.check_some(names, program, [])
+        assert [row["message"] for row in rows] == ["sound", "sound", "could not be finished: signal 9",
+                                                    "sound"]
+
+
+def test_a_child_lives_on_and_ends_when_nobody_asks_it(pairs, monkeypatch):
+    monkeypatch.setattr(children, "_IDLE", 0.3)
+    names = [os.fsencode(f"all/f{n % 5}/pair{n}") for n in range(20, 40)]
+    with open("program", "w", encoding="utf-8") as file:
+        file.write(f"#!/bin/sh\necho one more >> started\nexec {PROGRAM} \"$@\"\n")
+    os.chmod("program", 0o755)
+    long_names = [b"./" * 1500 + name for name in names]  # that do not go into the pipe at once
+    for some in (names, names[:1], long_names):
+        rows = worker.check_some(some, f"{pairs}/program", [])
+        assert [row["verdict"] for row in rows] == ["sound"] * len(some)
+    with open("started", encoding="utf-8") as file:
+        assert file.read() == "one more\n"
+    until = time.monotonic() + 20
+    while any(children._idle.values()):
+        assert time.monotonic() < until
+        time.sleep(0.05)

@@ -105,7 +105,10 @@ def from_numpy(field, value):
     return value.decode() if isinstance(value, bytes) and field.type != "bytes" else value
 
 
-@settings(max_examples=25, deadline=None, derandomize=True, database=None,
+EXAMPLES = os.environ.get("ZENTRA_EXAMPLES")  # so many, and others at each run
+
+
+@settings(max_examples=int(EXAMPLES or 25), deadline=None, derandomize=EXAMPLES is None, database=None,
           suppress_health_check=list(HealthCheck))
 @given(tables())
 def test_what_goes_in_comes_out(tmp_path_factory, table):

@@ -457,6 +457,27 @@ class Check(unittest.TestCase):
         self.assertEqual(ends[1]['message'], 'could not be finished: signal 9')
         self.assertEqual((lines[-1]['sound'], lines[-1]['unfinished'], process.returncode), (5, 1, 4))
 
+    def test_names_on_standard_input_are_answered_as_they_come(self):
+        pairs = [str(self.all / made / 'pair') for made in ('sound-fixed', 'data-cut', 'nowhere')]
+        with subprocess.Popen([tools.zentra, 'check', '--json', '-'], stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE) as asked:
+            verdicts = []
+            for pair in pairs:
+                asked.stdin.write(pair.encode() + b'.idx\0')
+                asked.stdin.flush()
+                for line in map(json.loads, asked.stdout):
+                    if line['type'] == 'pair':
+                        self.assertEqual(line['name']['text'], pair)
+                    if line['type'] == 'pair-end':
+                        verdicts.append(line['verdict'])
+                        break
+            asked.stdin.close()
+            self.assertEqual(json.loads(asked.stdout.readline())['type'], 'end')
+        self.assertEqual((verdicts, asked.returncode), (['sound', 'damaged', 'unfinished'], 4))
+        named = subprocess.run([tools.zentra, 'check', '-j', '2', '-'], capture_output=True, check=False,
+                               input='\0'.join([*pairs, pairs[0]]).encode())
+        self.assertIn(b'pairs 3, ', named.stdout)
+
     def test_examples_of_the_manual(self):
         for name, made in (('sound', 'sound-fixed'), ('damaged', 'big-leaf'), ('ledger', 'data-cut'),
                            ('copy', 'sound-fixed'), ('grown', 'big-sound'),

@@ -23,8 +23,8 @@ from .records import File
 
 # What needs pandas is imported when it is asked for, arrays too: some only want records.
 _LATER = {"iter_numpy": "arrays", "read_numpy": "arrays", "iter_pandas": "frames",
-          "layout_of": "frames", "read_dask": "partitions", "read_pandas": "frames",
-          "write_pandas": "frames"}
+          "layout_of": "storing", "read_dask": "partitions", "read_pandas": "frames",
+          "write_pandas": "storing"}
 
 __all__ = ["Field", "File", "Key", "Layout", "Range", "create", "erase", "errors", "library_version",
            "log", "open", "rename", *_errors, *_LATER]

@@ -60,7 +60,7 @@ class Log:
     def transaction(self) -> Iterator[Log]:
         """What the process changes in the block, in all pairs that take part, stands together or
         not at all: an exception undoes it. Records changed in it stay locked until the end, which
-        releases all that the process has locked in pairs that take part.
+        releases all that the process has locked, in whatever pair, but by Files with mode "r".
 
         Changes of other threads meanwhile are part of it, too. Raises TransactionError when one
         has begun already, LogError when the commit cannot be written, and then it is undone.

@@ -12,6 +12,7 @@ them should have one thread (`dask worker --nthreads 1`), for a check keeps a pr
 from __future__ import annotations
 
 import contextlib
+import itertools
 import os
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from typing import TYPE_CHECKING, Any, NamedTuple, Optional, Union
@@ -19,7 +20,7 @@ from typing import TYPE_CHECKING, Any, NamedTuple, Optional, Union
 from ..errors import ArgumentError, Error
 from ..layouts import PathLike
 from . import worker
-from .listing import Found, pairs_of
+from .listing import Found, Listing
 
 if TYPE_CHECKING:
     import pandas as pd
@@ -27,8 +28,7 @@ if TYPE_CHECKING:
 
 BATCH = 20  # pairs in one task
 _BATCH_BYTES = 256 << 20  # and so many bytes of them, where there are more than one
-_AHEAD = 4  # tasks that are handed out for each worker
-_ROUND = 32  # tasks between two looks for more workers
+_AHEAD = 16  # tasks that are handed out for each worker; more when half of them are done
 WORKERS_WITHIN = 30  # seconds in which a cluster without workers is to have some
 _LISTINGS = 3  # of what the patterns mean: pairs may appear
 COLUMNS = ("pair", "verdict", "status", "findings", "codes", "records", "bytes", "seconds", "message",
@@ -66,10 +66,11 @@ def check(patterns: Patterns, client: Client, *, quick: bool = False, wait: floa
     """
     options = ["--wait", str(wait), *(["--quick"] if quick else [])]
 
-    def task(found: Sequence[Found]) -> tuple[Any, ...]:
-        return worker.check_some, [pair.name for pair in found], program, options
+    def arguments(found: Sequence[Found]) -> tuple[Any, ...]:
+        return [pair.name for pair in found], program, options
 
-    return _run(_Run(_listed(patterns), client, _positive(batch), program, progress), task)
+    run = _Run(Listing(_listed(patterns)), client, _positive(batch), program, progress)
+    return _run(run, run.listing.new_pairs(), _Task(worker.check_some, arguments))
 
 
 def dump(patterns: Patterns, folder: PathLike, client: Client, *, form: str = "jsonl",
@@ -94,20 +95,19 @@ def dump(patterns: Patterns, folder: PathLike, client: Client, *, form: str = "j
         options += ["--layout", os.path.abspath(os.fsdecode(layout))]
     taken: dict[bytes, bytes] = {}
 
-    def task(found: Sequence[Found]) -> tuple[Any, ...]:
+    def arguments(found: Sequence[Found]) -> tuple[Any, ...]:
         targets = [os.path.join(root, pair.place) + b"." + form.encode() for pair in found]
         for pair, target in zip(found, targets):
             if taken.setdefault(target, pair.name) != pair.name:
                 both = " and ".join(repr(os.fsdecode(name)) for name in (taken[target], pair.name))
                 raise ArgumentError(f"{both} would be written to one file; name their folders in "
                                     "patterns of their own runs", code=102)
-        return worker.dump_some, [pair.name for pair in found], targets, program, options
+        return [pair.name for pair in found], targets, program, options
 
-    run = _Run(_listed(patterns), client, BATCH, program, progress)
-    for pair in run.list_pairs():
-        if not pair.why:
-            task([pair])
-    return _run(run, task, more=("target",))
+    run = _Run(Listing(_listed(patterns)), client, BATCH, program, progress)
+    pairs = run.listing.new_pairs()
+    arguments([pair for pair in pairs if not pair.why])
+    return _run(run, pairs, _Task(worker.dump_some, arguments), more=("target",))
 
 
 def worst(table: pd.DataFrame) -> int:
@@ -144,14 +144,18 @@ def write_summary(table: pd.DataFrame, path: PathLike, title: str = "Indexed fil
 
 
 class _Run(NamedTuple):
-    patterns: list[PathLike]
+    listing: Listing
     client: Client
     batch: int
     program: str
     progress: Optional[Callable[[int, int], None]]
 
-    def list_pairs(self) -> list[Found]:
-        return pairs_of(self.patterns)
+
+class _Task(NamedTuple):
+    """What the workers do with some pairs."""
+
+    function: Callable[..., list[dict[str, Any]]]
+    arguments: Callable[[Sequence[Found]], tuple[Any, ...]]
 
 
 def _listed(patterns: Patterns) -> list[PathLike]:
@@ -166,16 +170,14 @@ def _positive(batch: int) -> int:
     return batch
 
 
-def _run(run: _Run, task: Callable[[Sequence[Found]], tuple[Any, ...]],
-         more: Sequence[str] = ()) -> pd.DataFrame:
+def _run(run: _Run, new: list[Found], task: _Task, more: Sequence[str] = ()) -> pd.DataFrame:
     try:
         import pandas as pd
     except ImportError:
         raise ImportError("zentra.fleet needs the package pandas (python3-pandas)") from None
     _expect_workers(run.client)
     rows: dict[bytes, dict[str, Any]] = {}
-    for _ in range(_LISTINGS):
-        new = [pair for pair in run.list_pairs() if pair.name not in rows]
+    for left in reversed(range(_LISTINGS)):
         if not new:
             break
         rows.update((pair.name, {}) for pair in new)  # in this order
@@ -183,6 +185,7 @@ def _run(run: _Run, task: Callable[[Sequence[Found]], tuple[Any, ...]],
             if pair.why:
                 rows[pair.name] = worker.lost(pair.name, pair.why)
         _hand_out(run, [pair for pair in new if not pair.why], task, rows)
+        new = run.listing.new_pairs() if left else []
     table = pd.DataFrame(list(rows.values()), columns=[*COLUMNS, *more])
     return table.astype({"status": "int64", "findings": "int64", "records": "Int64", "bytes": "Int64",
                          "seconds": "float64"})
@@ -199,74 +202,88 @@ def _expect_workers(client: Client) -> None:
 
 def _portions(found: list[Found], batch: int) -> Iterator[list[Found]]:
     """Those for one task each: large pairs first, so that no worker ends long after the others."""
-    sized = sorted(((worker.bytes_of(pair.name) or 0, pair) for pair in found),
-                   key=lambda of: -of[0])
     portion: list[Found] = []
     total = 0
-    for size, pair in sized:
-        if portion and (len(portion) == batch or total + size > _BATCH_BYTES):
+    for pair in sorted(found, key=lambda pair: -pair.size):
+        if portion and (len(portion) == batch or total + pair.size > _BATCH_BYTES):
             yield portion
             portion, total = [], 0
         portion.append(pair)
-        total += size
+        total += pair.size
     if portion:
         yield portion
 
 
-def _hand_out(run: _Run, found: list[Found], task: Callable[[Sequence[Found]], tuple[Any, ...]],
-              rows: dict[bytes, dict[str, Any]]) -> None:
-    from asyncio import CancelledError
+class _HandOut:
+    """The portions of a run on their way to the workers and back."""
 
-    from distributed import as_completed
+    def __init__(self, run: _Run, found: list[Found], task: _Task) -> None:
+        from distributed import as_completed
 
-    waiting = _portions(found, run.batch)
-    suspects: list[Found] = []  # who of those on a worker made it die is not told: each alone, at the end
-    tried: set[bytes] = set()
-    given: dict[Any, list[Found]] = {}
-    results = as_completed([])
+        self._run = run
+        self._task = task
+        self._waiting = _portions(found, run.batch)
+        self._suspects: list[Found] = []  # who of those on a worker made it die is not told: each alone
+        self._tried: set[bytes] = set()
+        self._given: dict[Any, list[Found]] = {}
+        self._results = as_completed([])
 
-    done = sum(1 for row in rows.values() if row)
-    taken = 0
+    def results(self) -> Iterator[list[dict[str, Any]]]:
+        """The rows of portions that have come back, some at a time."""
+        self._give()
+        while self._given:
+            yield list(itertools.chain.from_iterable(self._told(self._results.next_batch())))
+            self._give()
 
-    def give() -> None:
-        nonlocal room
-        if taken % _ROUND == 0:  # workers may have come
-            room = _AHEAD * max(1, len(run.client.ncores()))
-        while len(given) < room:
-            portion = next(waiting, None)
-            if portion is None and suspects and not given:
-                portion = [suspects.pop()]
-                tried.add(portion[0].name)
-            if portion is None:
-                return
-            future = run.client.submit(*task(portion), pure=False)
-            given[future] = portion
-            results.add(future)
+    def _give(self) -> None:
+        """Many at once, for each message costs as much as a small pair."""
+        room = _AHEAD * max(1, len(self._run.client.ncores()))  # workers may have come
+        if len(self._given) > room // 2:
+            return
+        portions = list(itertools.islice(self._waiting, room - len(self._given)))
+        if not portions and not self._given and self._suspects:
+            portions = [[self._suspects.pop()]]
+            self._tried.add(portions[0][0].name)
+        if portions:
+            arguments = zip(*map(self._task.arguments, portions))
+            futures = self._run.client.map(self._task.function, *arguments, pure=False)
+            self._given.update(zip(futures, portions))
+            self._results.update(futures)
 
-    room = 0
-    give()
-    while given:
-        future = next(results)
-        portion = given.pop(future)
-        taken += 1
+    def _told(self, futures: list[Any]) -> Iterator[list[dict[str, Any]]]:
+        whole = [future for future in futures if future.status == "finished"]
         try:
-            told = future.result()
+            results = dict(zip(whole, self._run.client.gather(whole)))
+        except Exception:  # noqa: BLE001  one of them went with its worker: it is asked for by itself
+            results = {}
+        for future in futures:
+            portion = self._given.pop(future)
+            yield results[future] if future in results else self._told_alone(future, portion)
+            future.release()
+
+    def _told_alone(self, future: Any, portion: list[Found]) -> list[dict[str, Any]]:
+        from asyncio import CancelledError
+
+        try:
+            return future.result()
         except FileNotFoundError as error:
-            raise Error(f"the workers have no program {run.program!r}: {error.strerror}") from None
+            raise Error(f"the workers have no program {self._run.program!r}: {error.strerror}") from None
         except CancelledError:
             raise Error("the scheduler of the cluster has gone") from None
         except Exception as error:  # noqa: BLE001  whatever became of it, the others go on
-            told = []
-            if portion[0].name in tried:
-                told = [worker.lost(portion[0].name, _failure(error))]
-            else:
-                suspects.extend(portion)
-        future.release()
+            if portion[0].name in self._tried:
+                return [worker.lost(portion[0].name, _failure(error))]
+            self._suspects.extend(portion)
+            return []
+
+
+def _hand_out(run: _Run, found: list[Found], task: _Task, rows: dict[bytes, dict[str, Any]]) -> None:
+    done = sum(1 for row in rows.values() if row)
+    for told in _HandOut(run, found, task).results():
         rows.update((os.fsencode(row["pair"]), row) for row in told)
         done += len(told)
         if run.progress is not None:
             run.progress(done, len(rows))
-        give()
 
 
 def _failure(error: Exception) -> str:

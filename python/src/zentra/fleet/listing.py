@@ -7,10 +7,11 @@ its base name. Folders that cannot be read are told, not passed by.
 
 from __future__ import annotations
 
+import contextlib
 import os
 import re
 from collections.abc import Iterable, Iterator
-from typing import NamedTuple, Optional
+from typing import NamedTuple
 
 from ..layouts import PathLike
 
@@ -24,30 +25,45 @@ class Found(NamedTuple):
     name: bytes
     place: bytes
     why: str = ""  # what stands in the way of looking for it or in this folder
+    size: int = 0  # of both files
 
 
-def pairs_of(patterns: Iterable[PathLike]) -> list[Found]:
-    """The pairs, each once, by whatever names; the names are absolute."""
-    found: list[Found] = []
-    names: set[bytes] = set()
-    files: set[tuple[object, object]] = set()
-    for pattern in patterns:
-        for pair in _pairs_of(os.fsencode(pattern)):
-            both = _identity(pair.name + b".idx"), _identity(pair.name + b".dat")
-            known = pair.name in names or (None not in both and both in files)
-            if not known:
-                names.add(pair.name)
-                files.add(both)
-                found.append(pair)
-    return found
+class Listing:
+    """The pairs that patterns mean, each once, by whatever names; the names are absolute."""
+
+    def __init__(self, patterns: Iterable[PathLike]) -> None:
+        self._patterns = [os.fsencode(pattern) for pattern in patterns]
+        self._names: set[bytes] = set()
+        self._files: dict[tuple[int, ...], bytes] = {}  # by what the system knows them by: the name
+
+    def new_pairs(self) -> list[Found]:
+        """Those that no call before has told."""
+        found: list[Found] = []
+        for pattern in self._patterns:
+            for pair in _pairs_of(pattern):
+                if pair.name in self._names:
+                    continue
+                self._names.add(pair.name)
+                files, size = _files_of(pair.name)
+                if files:
+                    other = self._files.get(files)
+                    if other is not None and _files_of(other)[0] == files:  # else new ones in their place
+                        continue
+                    self._files[files] = pair.name
+                found.append(pair._replace(size=size))
+        return found
 
 
-def _identity(path: bytes) -> Optional[tuple[int, int]]:
-    try:
-        status = os.stat(path)
-    except (OSError, ValueError):
-        return None
-    return status.st_dev, status.st_ino
+def _files_of(name: bytes) -> tuple[tuple[int, ...], int]:
+    """By what the system knows both files, nothing where one is missing, and their size."""
+    files: tuple[int, ...] = ()
+    size = 0
+    for suffix in _SUFFIXES:
+        with contextlib.suppress(OSError, ValueError):
+            status = os.stat(name + suffix)
+            files += status.st_dev, status.st_ino
+            size += status.st_size
+    return files if len(files) == 4 else (), size
 
 
 def base_of(name: bytes) -> bytes:

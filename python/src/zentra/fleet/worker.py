@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import contextlib
-import json
 import os
 import subprocess
 import sys
@@ -12,20 +11,28 @@ import time
 from collections.abc import Iterator, Sequence
 from typing import IO, Any, Optional
 
+from .children import idle_child, keep
+from .report import pairs_told
+
 UNFINISHED = 4  # the status of what could not be looked at
 _PATIENCE = 60.0  # seconds that a child which has told all may take to end
-_MOST_CODES = 100
 
 Row = dict[str, Any]
 
 
 def check_some(names: Sequence[bytes], program: str, options: Sequence[str]) -> list[Row]:
-    """A row for each pair, in this order. What a child did not come to is looked at by one of its own."""
-    rows = _rows_of([program, "check", "--json", *options], names)
-    missing = [name for name in names if name not in rows]
-    if len(names) > 1:
-        for name in missing:
-            rows.update(_rows_of([program, "check", "--json", *options], [name]))
+    """A row for each pair, in this order, told by a child that lives on for the next ones. What it did
+    not come to is looked at by a child of its own."""
+    command = [program, "check", "--json", *options]
+    rows: dict[bytes, Row] = {}
+    child = idle_child(command)
+    try:
+        _take_rows(rows, child.asked(names), names)
+    finally:
+        keep(child)
+    for name in names:
+        if name not in rows:
+            rows.update(_rows_of(command, [name]))
     return [rows.get(name) or lost(name, "the report tells nothing of it") for name in names]
 
 
@@ -53,26 +60,33 @@ def lost(name: bytes, why: str) -> Row:
 
 
 def _rows_of(command: Sequence[str], names: Sequence[bytes]) -> dict[bytes, Row]:
-    """What a child tells of the pairs, as far as it comes."""
+    """What a child of their own tells of the pairs, as far as it comes."""
     rows: dict[bytes, Row] = {}
-    began = time.perf_counter()
-    sizes = {name: bytes_of(name) for name in names}
     with tempfile.TemporaryFile() as errors, _child(command, names, errors) as child:
-        for pair, end, codes in _pairs_told(child.stdout):
-            now = time.perf_counter()
-            rows[pair] = {
-                "pair": os.fsdecode(pair), "verdict": str(end.get("verdict")),
-                "status": int(end.get("status", UNFINISHED)), "findings": int(end.get("findings", 0)),
-                "codes": " ".join(codes), "records": end.get("records"), "bytes": sizes.get(pair),
-                "seconds": float(end.get("seconds", now - began)),
-                "message": str(end.get("message", "")), "worker": _worker()}
-            began = now
+        _take_rows(rows, pairs_told(child.stdout), names)
         child.wait(_PATIENCE)
         errors.seek(0)
         said = errors.read(4096)
     if len(names) == 1 and names[0] not in rows:
         rows[names[0]] = lost(names[0], _why(child.returncode, said))
     return rows
+
+
+def _take_rows(rows: dict[bytes, Row], told: Iterator[tuple[bytes, Row, list[str]]],
+               names: Sequence[bytes]) -> None:
+    """Makes a row of each pair whose end is told."""
+    sizes = {name: bytes_of(name) for name in names}
+    worker = _worker()
+    began = time.perf_counter()
+    for pair, end, codes in told:
+        now = time.perf_counter()
+        rows[pair] = {
+            "pair": os.fsdecode(pair), "verdict": str(end.get("verdict")),
+            "status": int(end.get("status", UNFINISHED)), "findings": int(end.get("findings", 0)),
+            "codes": " ".join(codes), "records": end.get("records"), "bytes": sizes.get(pair),
+            "seconds": float(end.get("seconds", now - began)),
+            "message": str(end.get("message", "")), "worker": worker}
+        began = now
 
 
 @contextlib.contextmanager
@@ -93,26 +107,6 @@ def _why(status: int, said: bytes) -> str:
         return f"could not be finished: signal {-status}"
     told = said.decode("utf-8", "backslashreplace").strip().split("\n")[0]
     return told or f"could not be finished: status {status}"
-
-
-def _pairs_told(lines: Any) -> Iterator[tuple[bytes, Row, list[str]]]:
-    """Each pair that the report comes to the end of, with the codes of what was found."""
-    name: Optional[bytes] = None
-    codes: dict[str, None] = {}
-    for line in lines:
-        if line.startswith(b'{"type":"detail"'):  # there may be millions
-            continue
-        if not line.endswith(b"\n"):
-            return
-        told = json.loads(line)
-        kind = told.get("type")
-        if kind == "pair":
-            name, codes = bytes.fromhex(told["name"]["hex"]), {}
-        elif kind == "finding" and len(codes) < _MOST_CODES:
-            codes[str(told.get("code"))] = None
-        elif kind == "pair-end" and name is not None:
-            yield name, told, list(codes)
-            name = None
 
 
 def bytes_of(name: bytes) -> Optional[int]:
