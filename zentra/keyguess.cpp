@@ -68,10 +68,10 @@ class Places {
     return true;
   }
   // As few runs as can be.
-  [[nodiscard]] std::vector<Run> runs() const {
-    std::vector<Run> runs;
+  [[nodiscard]] std::vector<KeyRun> runs() const {
+    std::vector<KeyRun> runs;
     for (int from = 0; from < std::ssize(of_);) {
-      Run longest{from, from, 0};
+      KeyRun longest{from, from, 0};
       for (const std::int16_t offset : of_[static_cast<std::size_t>(from)]) {
         const int end = end_of_run(from, offset);
         if (end > longest.end) longest = {from, end, offset};
@@ -85,7 +85,7 @@ class Places {
     return std::ranges::all_of(of_, [](const Offsets& offsets) { return offsets.size() == 1; });
   }
   // Where else a run may begin.
-  [[nodiscard]] Offsets others(const Run& run) const {
+  [[nodiscard]] Offsets others(const KeyRun& run) const {
     Offsets others;
     for (const std::int16_t offset : of_[static_cast<std::size_t>(run.from)]) {
       if (offset != run.start && end_of_run(run.from, offset) >= run.end) others.push_back(offset);
@@ -109,7 +109,7 @@ class Places {
 // The cheapest way to cut a run into parts, and whether there is another one.
 class Cutting {
  public:
-  Cutting(const KeyOrders& orders, const Run& run) : orders_(orders), run_(run) {
+  Cutting(const KeyOrders& orders, const KeyRun& run) : orders_(orders), run_(run) {
     const auto size = static_cast<std::size_t>(run.end - run.from);
     best_.assign(size + 1, {});
     best_[0].cost = 0;
@@ -179,12 +179,12 @@ class Cutting {
   }
 
   const KeyOrders& orders_;
-  Run run_;
+  KeyRun run_;
   std::vector<Best> best_;                // of the bytes up to each place
   std::vector<std::array<int, 3>> ways_;  // by what they end with: 0, 1, or 2 for more
 };
 
-keypart part_of(const Run& run, int type) {
+keypart part_of(const KeyRun& run, int type) {
   return {.start = static_cast<std::int16_t>(run.start),
           .length = static_cast<std::int16_t>(run.end - run.from),
           .type = static_cast<std::int16_t>(type)};
@@ -202,7 +202,7 @@ class Guessing {
   std::optional<KeyGuess> run() {
     if (!look_for_places()) return {};
     for (int tries = 0; tries < kMostTries; ++tries) {
-      const std::vector<Run> runs = places_.runs();
+      const std::vector<KeyRun> runs = places_.runs();
       KeyOrders orders(layout_, runs);
       if (look_at_all(runs, orders)) return describe(runs, orders);
       if (!may_try_again_) return {};
@@ -229,7 +229,7 @@ class Guessing {
   }
 
   // Whether every record has its key in these runs.
-  bool look_at_all(const std::vector<Run>& runs, KeyOrders& orders) {
+  bool look_at_all(const std::vector<KeyRun>& runs, KeyOrders& orders) {
     may_try_again_ = false;
     checker::Progress progress("Comparing keys with records", finder_.records());
     std::int64_t items = 0;
@@ -253,16 +253,16 @@ class Guessing {
     });
     return walked && (!sorter || all_agree(runs, *sorter));
   }
-  bool agrees(const std::vector<Run>& runs, std::int32_t record, const isam::Byte* key) {
+  bool agrees(const std::vector<KeyRun>& runs, std::int32_t record, const isam::Byte* key) {
     const isam::Byte* const bytes = read(record);
     if (bytes == nullptr) return false;
-    const bool agrees = std::ranges::all_of(runs, [&](const Run& run) {
+    const bool agrees = std::ranges::all_of(runs, [&](const KeyRun& run) {
       return std::equal(key + run.from, key + run.end, bytes + run.start);
     });
     if (!agrees) may_try_again_ = places_.narrow(key, bytes);
     return agrees;
   }
-  bool all_agree(const std::vector<Run>& runs, common::Sorter& sorter) {
+  bool all_agree(const std::vector<KeyRun>& runs, common::Sorter& sorter) {
     if (sorter.finish() != 0) return fail(errno);
     while (const isam::Byte* const entry = sorter.next()) {
       if (!agrees(runs, common::ldlong(entry), entry + kKeyAt)) return false;
@@ -274,7 +274,7 @@ class Guessing {
     return false;
   }
 
-  std::optional<KeyGuess> describe(const std::vector<Run>& runs, const KeyOrders& orders) {
+  std::optional<KeyGuess> describe(const std::vector<KeyRun>& runs, const KeyOrders& orders) {
     KeyGuess guess{.key = layout_, .is_certain = places_.are_certain()};
     guess.key.nparts = 0;
     guess.key.keylen = 0;
@@ -301,7 +301,7 @@ class Guessing {
     return guess;
   }
 
-  void tell_others(KeyGuess& guess, const Run& run, const std::vector<keypart>& parts,
+  void tell_others(KeyGuess& guess, const KeyRun& run, const std::vector<keypart>& parts,
                    const KeyOrders& orders, std::size_t number) const {
     const auto add = [&](std::string text) {
       if (guess.others.size() < kMostOthers) guess.others.push_back(std::move(text));

@@ -23,7 +23,7 @@ void KeyOrders::Both::note(int order) {
   if (order < 0) descending = false;
 }
 
-KeyOrders::KeyOrders(const keydescr& layout, std::vector<Run> runs)
+KeyOrders::KeyOrders(const keydescr& layout, std::vector<KeyRun> runs)
     : layout_(layout),
       keylen_(layout.keylen),
       runs_(std::move(runs)),
@@ -54,8 +54,8 @@ void KeyOrders::compare(const isam::Item& item, int at) {
           numbers_[n].order.compare(before_.key + from, item.key + from));
     }
   }
-  const auto run =
-      std::ranges::find_if(runs_, [at](const Run& one) { return at >= one.from && at < one.end; });
+  const auto run = std::ranges::find_if(
+      runs_, [at](const KeyRun& one) { return at >= one.from && at < one.end; });
   const auto rest = static_cast<std::size_t>(keylen_ - run->end);
   // Under such an order the keys would be equal, and the later one have the greater number.
   const bool would_be_equal = std::memcmp(before_.key + run->end, item.key + run->end, rest) == 0;

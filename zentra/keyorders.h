@@ -15,7 +15,7 @@
 namespace zentra {
 
 // Bytes of the key, from `from` up to `end`.
-struct Run {
+struct KeyRun {
   int from;
   int end;
   int start;  // of the first byte in the record
@@ -23,7 +23,7 @@ struct Run {
 
 class KeyOrders {
  public:
-  KeyOrders(const keydescr& layout, std::vector<Run> runs);
+  KeyOrders(const keydescr& layout, std::vector<KeyRun> runs);
 
   // The next item of the tree: false when the layout cannot be right, because of equal keys.
   [[nodiscard]] bool next(const isam::Item& item);
@@ -59,7 +59,7 @@ class KeyOrders {
 
   isam::ItemLayout layout_;
   int keylen_;
-  std::vector<Run> runs_;
+  std::vector<KeyRun> runs_;
   std::array<Number, 4> numbers_;
   std::vector<Both> bytes_;                  // by the place of the first differing byte
   std::array<std::vector<Both>, 4> orders_;  // of each of numbers_, by the place of its first byte
