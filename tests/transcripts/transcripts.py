@@ -5,7 +5,7 @@ stands there.
   transcripts [NAME...]               compares; without names also what can be printed at all
   transcripts --update [NAME...]      writes what is printed there instead, to be read by you
   transcripts --into FOLDER [NAME...] writes it to FOLDER/NAME/first and second instead
-  transcripts --make FOLDER [NAME...] only makes the pairs, each in FOLDER/NAME
+  transcripts --make FOLDER [NAME...] only makes the pairs, each in FOLDER/NAME and anew
 
 --kestro PROGRAM in front of these runs another build's program. Exit status 0: all is as it should
 be; 1: it is not. What each run printed on standard output and standard error is followed by a line
@@ -22,6 +22,7 @@ import pathlib
 import pty
 import re
 import resource
+import shutil
 import signal
 import subprocess
 import sys
@@ -213,7 +214,8 @@ def told_of(tools, given, name):
         print(f'{name} is left out: only root can make it')
         return ''
     if given.make:
-        os.makedirs(given.make / name, exist_ok=True)
+        shutil.rmtree(given.make / name, ignore_errors=True)
+        os.makedirs(given.make / name)
         recipe.make(given.make / name, tools.pairs)
         return ''
     with tempfile.TemporaryDirectory(prefix='kestro-test-') as folder:

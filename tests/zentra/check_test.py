@@ -15,7 +15,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import STEP, failing, main, report_of, sample, tools, zentra as run
+from programs import STEP, failing, main, report_of, sample, take_pairs, tools, zentra as run
 
 OPEN_LOCK, SEMAPHORE, RECORDS = (0x7FFFFFFF, 1), (0, 0x3FFFFFFF), 0x40000000
 MANUAL = pathlib.Path(__file__).resolve().parents[2] / 'man'
@@ -86,13 +86,8 @@ def files_of(folder):
 class Check(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.made = tempfile.TemporaryDirectory()
-        cls.all = pathlib.Path(cls.made.name)
-        subprocess.run([tools.transcripts, '--make', cls.all], check=True, stdout=subprocess.DEVNULL)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.made.cleanup()
+        cls.all = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        take_pairs(cls.all)
 
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))

@@ -105,7 +105,7 @@ class Completion(unittest.TestCase):
 
 if __name__ == '__main__':
     parser = argparse.ArgumentParser()
-    for tool in 'zentra', 'kestro', 'transcripts', 'pairs':
+    for tool in 'zentra', 'kestro', 'transcripts', 'pairs', 'made':
         parser.add_argument('--' + tool, type=os.path.abspath, required=True)
     tools, rest = parser.parse_known_args()
     unittest.main(argv=[sys.argv[0], *rest])

@@ -13,7 +13,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import main, report_of, tools, zentra as run
+from programs import STEP, main, report_of, sample, take_pairs, tools, zentra as run
 
 PRESENT = 0x0A
 
@@ -36,13 +36,8 @@ def slots(folder):
 class Dump(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.made = tempfile.TemporaryDirectory()
-        cls.all = pathlib.Path(cls.made.name)
-        subprocess.run([tools.transcripts, '--make', cls.all], check=True, stdout=subprocess.DEVNULL)
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.made.cleanup()
+        cls.all = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        take_pairs(cls.all)
 
     def setUp(self):
         self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
@@ -66,7 +61,7 @@ class Dump(unittest.TestCase):
 
     def test_every_record_of_every_pair(self):
         kinds = set()
-        for folder in self.all.iterdir():
+        for folder in sample(sorted(self.all.iterdir())):
             kinds.add(status := run('dump', 'pair', '--wait', '0', folder=folder).returncode)
             self.assertIn(status, (0, 2, 4), folder)
             if status == 4 or run('info', 'pair', folder=folder).returncode != 0:
@@ -82,7 +77,8 @@ class Dump(unittest.TestCase):
                 self.assertTrue({key: value[0] for key, value in dumped.items()}.items() <=
                                 {key: value[0] for key, value in present.items()}.items(), folder)
                 self.assertIn(b'told above', done.stderr)
-        self.assertEqual(kinds, {0, 2, 4})
+        if STEP == 1:
+            self.assertEqual(kinds, {0, 2, 4})
 
     def test_forms_are_alike(self):
         self.take('sound-varying')

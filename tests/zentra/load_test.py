@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import failing, main, tools, zentra as run
+from programs import failing, main, take_pairs, tools, zentra as run
 
 MANUAL = pathlib.Path(__file__).resolve().parents[2] / 'man'
 LAYOUT = 'id char 0 6\nname char next 8\namount long next 4 decimal 2\nborn char next 8 date YYYYMMDD null\n'
@@ -264,9 +264,10 @@ class Load(unittest.TestCase):
     def test_what_is_dumped_comes_back(self):
         """Of each shape the same records; of raw text also the numbers and the order of equal keys."""
         made = self.folder / 'made'
+        made.mkdir()
         shapes = [path.name for path in (MANUAL.parent / 'tests' / 'pairs').iterdir()
                   if path.name.startswith(('sound-', 'big-sound'))]
-        subprocess.run([tools.transcripts, '--make', made, *shapes], check=True, stdout=subprocess.DEVNULL)
+        take_pairs(made, *shapes)
         self.assertGreater(len(shapes), 12)
         dump = lambda form, pair: run('dump', '--format', form, pair, folder=self.folder).stdout
         for shape in shapes:
@@ -329,9 +330,10 @@ class Load(unittest.TestCase):
     def test_an_index_for_a_data_file_that_has_none(self):
         """Like the one that there was, but for what only that one knew."""
         made = self.folder / 'made'
+        made.mkdir()
         shapes = 'sound-fixed', 'sound-nodes-128', 'sound-nodes-1000', 'sound-number-order-first', 'sound-behind', \
             'sound-without-keys', 'sound-empty', 'sound-all-deleted', 'sound-long-key-types'
-        subprocess.run([tools.transcripts, '--make', made, *shapes], check=True, stdout=subprocess.DEVNULL)
+        take_pairs(made, *shapes)
         for shape in shapes:
             with self.subTest(shape):
                 shutil.copy(made / shape / 'pair.dat', self.folder / 'new.dat')

@@ -19,6 +19,12 @@ def zentra(*words, folder, **more):
                           capture_output=True, timeout=60, check=False, **more)
 
 
+def take_pairs(folder, *names):
+    """Copies of the pairs that tests/pairs describes, all or these, each in a folder of its name."""
+    pairs = [os.path.join(tools.made, name) for name in names or os.listdir(tools.made)]
+    subprocess.run(['cp', '-a', *pairs, folder], check=True)
+
+
 def failing(rule):
     """What makes system calls of the program fail, by tests/transcripts/failing_calls.c."""
     library = os.path.join(os.path.dirname(tools.transcripts), 'libfailing_calls.so')
@@ -42,7 +48,7 @@ def report_of(subcommand, *words, folder):
 
 def main():
     parser = argparse.ArgumentParser()
-    for tool in 'zentra', 'kestro', 'transcripts', 'pairs':
+    for tool in 'zentra', 'kestro', 'transcripts', 'pairs', 'made':
         parser.add_argument('--' + tool, type=os.path.abspath, required=True)
     _, rest = parser.parse_known_args(namespace=tools)
     unittest.main(argv=[sys.argv[0], *rest], module='__main__')

@@ -11,7 +11,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import STEP, failing, lines_of, main, sample, tools, zentra
+from programs import STEP, failing, lines_of, main, sample, take_pairs, tools, zentra
 
 OPEN_LOCK = 0x7FFFFFFF
 LOST = 'pair.lost.jsonl'
@@ -60,7 +60,7 @@ class Repair(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.all = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        subprocess.run([tools.transcripts, '--make', cls.all], check=True, stdout=subprocess.DEVNULL)
+        take_pairs(cls.all)
 
     def take(self, name):
         """A copy of a pair, and its bytes; none where it is not of two plain files."""

@@ -12,7 +12,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import failing, lines_of, main, tools, zentra
+from programs import failing, lines_of, main, take_pairs, tools, zentra
 
 SOUND = '''sound-fixed sound-long-key-types sound-nodes-128 sound-nodes-1025
     sound-number-order-first sound-varying sound-without-keys big-sound-varying'''.split()
@@ -31,9 +31,7 @@ class Salvage(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.all = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        made = {*SOUND, *DAMAGED}
-        subprocess.run([tools.transcripts, '--make', cls.all, *made], check=True,
-                       stdout=subprocess.DEVNULL)
+        take_pairs(cls.all, *{*SOUND, *DAMAGED})
 
     def take(self, name):
         """A copy of a pair, and what an independent reader reads of it."""

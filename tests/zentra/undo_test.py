@@ -8,7 +8,7 @@ import subprocess
 import tempfile
 import unittest
 
-from programs import main, report_of, tools
+from programs import main, report_of, take_pairs, tools
 
 OPEN_LOCK = 0x7FFFFFFF
 
@@ -28,8 +28,7 @@ class Undo(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         with tempfile.TemporaryDirectory() as folder:
-            subprocess.run([tools.transcripts, '--make', folder], check=True,
-                           stdout=subprocess.DEVNULL)
+            take_pairs(folder, 'big-leaf')
             cls.made = {end: pathlib.Path(folder, 'big-leaf', f'pair{end}').read_bytes()
                         for end in ('.idx', '.dat')}
 
