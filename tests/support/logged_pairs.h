@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -19,7 +20,7 @@ inline keydescr id_key() { return {0, 1, {{0, kIdLength, KT_CHAR}}, 0, 0}; }
 inline keydescr group_key() { return {KF_DUPS | KF_COMPRESS, 1, {{kGroupAt, 8, KT_CHAR}}, 0, 0}; }
 
 inline std::string row(int id, int group, int filler = 0, char fill = 'x') {
-  char head[kMinimum + 1];
+  char head[2 * std::numeric_limits<int>::digits10 + 5];  // what any two numbers need
   std::snprintf(head, sizeof head, "%08d%08d", id, group);
   return std::string(head, kMinimum) + std::string(static_cast<std::size_t>(filler), fill);
 }
