@@ -9,6 +9,7 @@ import os
 import re
 import subprocess
 import sys
+import tempfile
 
 from setuptools import setup
 
@@ -51,4 +52,7 @@ def extension():
 
 if not os.path.isdir("../layout"):
     sys.exit("zentra: the folder ../layout is missing; the package is built in the project's sources")
-setup(version=version(), ext_modules=[extension()])
+# What is made on the way is nobody's afterwards.
+with tempfile.TemporaryDirectory() as made:
+    setup(version=version(), ext_modules=[extension()],
+          options={"build": {"build_base": made}, "egg_info": {"egg_base": made}})
