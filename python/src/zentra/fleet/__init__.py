@@ -14,6 +14,7 @@ from __future__ import annotations
 import contextlib
 import itertools
 import os
+import time
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from typing import TYPE_CHECKING, Any, NamedTuple, Optional, Union
 
@@ -29,6 +30,8 @@ if TYPE_CHECKING:
 BATCH = 20  # pairs in one task
 _BATCH_BYTES = 256 << 20  # and so many bytes of them, where there are more than one
 _AHEAD = 16  # tasks that are handed out for each worker; more when half of them are done
+_FETCHED = 8  # tasks for each worker whose results are fetched at once ...
+_LATEST = 0.5  # ... or those of so many seconds
 WORKERS_WITHIN = 30  # seconds in which a cluster without workers is to have some
 _LISTINGS = 3  # of what the patterns mean: pairs may appear
 COLUMNS = ("pair", "verdict", "status", "findings", "codes", "records", "bytes", "seconds", "message",
@@ -227,17 +230,26 @@ class _HandOut:
         self._tried: set[bytes] = set()
         self._given: dict[Any, list[Found]] = {}
         self._results = as_completed([])
+        self._workers = 1
 
     def results(self) -> Iterator[list[dict[str, Any]]]:
-        """The rows of portions that have come back, some at a time."""
+        """The rows of portions that have come back, many at a time: each message costs as much as some
+        small pairs."""
         self._give()
+        ended: list[Any] = []
+        fetched = time.monotonic()
         while self._given:
-            yield list(itertools.chain.from_iterable(self._told(self._results.next_batch())))
+            ended += self._results.next_batch()
+            few = len(ended) < min(_FETCHED * self._workers, len(self._given))
+            if few and time.monotonic() < fetched + _LATEST:
+                continue
+            yield list(itertools.chain.from_iterable(self._told(ended)))
+            ended, fetched = [], time.monotonic()
             self._give()
 
     def _give(self) -> None:
-        """Many at once, for each message costs as much as a small pair."""
-        room = _AHEAD * max(1, len(self._run.client.ncores()))  # workers may have come
+        self._workers = max(1, len(self._run.client.ncores()))  # they may have come
+        room = _AHEAD * self._workers
         if len(self._given) > room // 2:
             return
         portions = list(itertools.islice(self._waiting, room - len(self._given)))
