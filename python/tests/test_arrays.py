@@ -1,8 +1,10 @@
 """Arrays and dataframes of whole pairs."""
+import contextlib
 import os
 import subprocess
 import sys
 import threading
+import tracemalloc
 
 import numpy as np
 import pandas as pd
@@ -152,3 +154,15 @@ def test_arrays_are_not_made_value_by_value(here):
 
 
 assert record
+
+
+def test_a_damaged_count_of_records_takes_no_memory(pair):
+    with open("pair.idx", "r+b") as file:
+        file.seek(33)  # the highest number in use
+        file.write(b"\x7f\xff\xff\xff")
+    tracemalloc.start()
+    with contextlib.suppress(zentra.Error):
+        zentra.read_numpy(pair)
+    most = tracemalloc.get_traced_memory()[1]
+    tracemalloc.stop()
+    assert most < 16 << 20

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import contextlib
+import os
 from collections.abc import Iterator, Sequence
 from typing import Any, NamedTuple, Optional, Union
 
@@ -12,7 +13,7 @@ from . import _zentra
 from ._zentra import Form
 from .errors import ArgumentError, LayoutError
 from .layouts import Field, Layout, PathLike, as_layout, name_of
-from .pairs import opened
+from .pairs import encoded, opened
 from .records import File
 from .values import RecordValues, is_text
 
@@ -75,7 +76,7 @@ class Source:
         self.tail = tails[0] if tails else None
         scanned = [(f, e.form) for f, e in zip(self.fields, self.elements) if e.form is not None]
         self._scan = _zentra.Scan(pair_open, scanned, numbers or self.tail is not None, first, last)
-        self.expected = max(0, min(pair_open.count(), last - first + 1))
+        self.expected = max(0, min(pair_open.count(), last - first + 1, _room_in(name, pair_open.least)))
 
     def rows(self, size: int) -> np.ndarray:
         """A structured array for so many records."""
@@ -113,6 +114,14 @@ class Source:
         value = self.values.by_name[self.tail.name]
         for number, data in zip(numbers, tails):
             yield self.values.load_field(value, data, int(number))
+
+
+def _room_in(name: str, least: int) -> int:
+    """How many records the data file can have: a damaged dictionary may count any number."""
+    try:
+        return os.path.getsize(encoded(name) + b".dat") // (least + 1) + 1
+    except OSError:
+        return _SPARE
 
 
 def _number_name(fields: Sequence[Field]) -> str:
