@@ -55,12 +55,21 @@ void read_raw(std::string_view text) {
   }
 }
 
+// A newline behind the line makes the parser read it, however usual it is.
 void read_json(std::string_view line) {
+  const std::string other = std::string(line) + '\n';
   zentra::JsonMembers members;
+  zentra::JsonMembers parsed;
   members.begin(line);
+  parsed.begin(other);
   std::size_t count = 0;
-  while (members.next()) expect(++count <= line.size() && members.value().size() <= line.size());
-  expect(!members.next());
+  while (members.next()) {
+    expect(++count <= line.size() && members.value().size() <= line.size());
+    expect(parsed.next() && members.name() == parsed.name() && members.kind() == parsed.kind() &&
+           members.value() == parsed.value());
+  }
+  expect(!members.next() && !parsed.next());
+  expect(members.why().empty() == parsed.why().empty());
 }
 
 }  // namespace

@@ -36,6 +36,11 @@ using Halves = std::uint64_t __attribute__((vector_size(16)));
   const Halves halves = reinterpret_cast<Halves>(marked);
   return (halves[0] | halves[1]) != 0;
 }
+[[nodiscard]] inline bool is_ascii(Chunk chunk) {
+  constexpr std::uint64_t kHighest = 0x8080808080808080;
+  const Halves halves = reinterpret_cast<Halves>(chunk);
+  return ((halves[0] | halves[1]) & kHighest) == 0;
+}
 // How many bytes are in front of the first that is marked; there is one.
 [[nodiscard]] inline int first_of(Chunk marked) {
   static_assert(std::endian::native == std::endian::little, "the first byte is the lowest");

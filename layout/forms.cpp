@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 
+#include "layout/chunk.h"
 #include "layout/encoding.h"
 #include "layout/words.h"
 
@@ -50,6 +51,10 @@ bool is_ordinary(const char* at) {
 // Whether the bytes are UTF-8 of characters from `least` on, beside those of one byte.
 bool has_characters(std::string_view text, std::uint32_t least) {
   while (!text.empty()) {
+    if (text.size() >= sizeof(Chunk) && is_ascii(chunk_at(text.data()))) {
+      text.remove_prefix(sizeof(Chunk));
+      continue;
+    }
     const auto [size, code] = character_in(text);
     if (size == 0 || (size > 1 && code < least)) return false;
     text.remove_prefix(size);

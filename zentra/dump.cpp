@@ -4,14 +4,18 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "checker/progress.h"
+#include "common/io.h"
 #include "isam/base/current.h"
 #include "isam/keys/keys.h"
 #include "locale/collation.h"
 #include "zentra/freenumbers.h"
+#include "zentra/inorder.h"
 #include "zentra/text.h"
 #include "zentra/treewalk.h"
 
@@ -65,20 +69,58 @@ Dump::Dump(Output& output, DumpWriter& writer, Tell tell)
   accounted_.reset(records_.last());
 }
 
-void Dump::put(const Record& record) {
+// Records and their text.
+struct Dump::Piece {
+  Records::Batch records{};
+  std::vector<char> text{};
+  std::size_t size = 0;  // of the text
+};
+
+void Dump::note(const Record& record) {
   accounted_.set_bit(record.number);
   ++count_;
   if (record.number > records_.highest()) ++beyond_;
-  writer_.record(output_, record);
 }
 
+void Dump::put(const Record& record) {
+  note(record);
+  output_.put_until(writer_.put(record, output_.room(writer_.room(record))));
+}
+
+bool Dump::take(Piece& piece) {
+  if (!records_.next(piece.records, accounted_)) return false;
+  for (const Record& record : piece.records.records()) note(record);
+  return true;
+}
+
+void Dump::put_text(Piece& piece) const {
+  piece.size = 0;
+  for (const Record& record : piece.records.records()) {
+    const std::size_t room = writer_.room(record);
+    if (piece.text.size() - piece.size < room) piece.text.resize(2 * piece.text.size() + room);
+    char* const to = piece.text.data() + piece.size;
+    piece.size += static_cast<std::size_t>(writer_.put(record, to) - to);
+  }
+}
+
+// All that the threads have in common is touched where pieces are taken, and where they are used.
 void Dump::put_rest() {
   checker::Progress progress("Dumping", records_.last());
-  Record record;
-  while (output_.error() == 0 && records_.next(record, &accounted_)) {
-    progress.at(record.number);
-    put(record);
-  }
+  run_in_order(threads_for(common::file_size(isam::filep->data.fd)), [&] {
+    const auto piece = std::make_shared<Piece>();
+    return Steps{.take =
+                     [&, piece] {
+                       const bool has_some = take(*piece);
+                       if (has_some) progress.at(piece->records.records().back().number);
+                       return has_some;
+                     },
+                 .work = [this, piece] { put_text(*piece); },
+                 .use =
+                     [this, piece] {
+                       output_.put_much({piece->text.data(), piece->size});
+                       return output_.error() == 0;
+                     }};
+  });
 }
 
 void Dump::run() {

@@ -1,5 +1,5 @@
 // dump: the records of the current pair through a writer, around what is damaged, and what of them
-// is left out.
+// is left out. Where there are many, several threads put them into text.
 #pragma once
 
 #include <cstdint>
@@ -32,9 +32,13 @@ class Dump {
 
  private:
   class ByIndex;
+  struct Piece;
 
   void put(const Record& record);
   void put_rest();
+  [[nodiscard]] bool take(Piece& piece);
+  void put_text(Piece& piece) const;
+  void note(const Record& record);
   void fault(std::int32_t number, Records::Fault fault);
   void tell_left_out(const char* code, const char* text, std::int32_t first, std::int32_t last);
   void tell_gaps();

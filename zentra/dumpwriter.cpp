@@ -14,9 +14,11 @@ class RowWriter : public DumpWriter {
               has_numbers) {}
 
   void begin(Output& output) override { output.put(rows_.header()); }
-  void record(Output& output, const Record& record) override {
-    char* const to = output.room(rows_.room(record.tail.size()));
-    output.put_until(rows_.put(record.number, record.fixed, record.tail, to));
+  [[nodiscard]] std::size_t room(const Record& record) const override {
+    return rows_.room(record.tail.size());
+  }
+  [[nodiscard]] char* put(const Record& record, char* to) const override {
+    return rows_.put(record.number, record.fixed, record.tail, to);
   }
   void end(Output& /*output*/, std::int64_t /*count*/) override {}
 

@@ -1,6 +1,8 @@
 // dumpwriter: the forms in which `zentra dump` writes records.
 //
-//   begin -> record for each -> end
+//   begin -> put for each record -> end
+//
+// Keeps   records may be put by several threads at the same time
 #pragma once
 
 #include <cstdint>
@@ -19,7 +21,9 @@ class DumpWriter {
 
   // The current pair is the one that is dumped.
   virtual void begin(Output& output) = 0;
-  virtual void record(Output& output, const Record& record) = 0;
+  // Puts the text of a record to where there is room() for it: the end.
+  [[nodiscard]] virtual std::size_t room(const Record& record) const = 0;
+  [[nodiscard]] virtual char* put(const Record& record, char* to) const = 0;
   // `count`: the records that there were.
   virtual void end(Output& output, std::int64_t count) = 0;
 

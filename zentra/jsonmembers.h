@@ -8,13 +8,14 @@
 // A value is a string, a number as it stands, true, false, null, or {"hex":"0aff"}. Memory is kept
 // from line to line.
 //
-// Keeps   texts are UTF-8; names and values are valid until the next begin()
+// Keeps   texts are UTF-8; names and values are valid until the next begin(), and as long as the
+// line
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "layout/value.h"
 
@@ -36,12 +37,18 @@ class JsonMembers {
   class Events;
 
   struct Member {
-    std::string name{};
+    std::string_view name{};
     layout::Kind kind = layout::Kind::kNull;
-    std::string value{};
+    std::string_view value{};
+    // What they are made of where they do not stand in the line as they are.
+    std::string own_name{};
+    std::string own_value{};
   };
 
-  std::vector<Member> members_;  // those from count_ on are of other lines
+  [[nodiscard]] Member& add();
+  [[nodiscard]] bool take_usual(std::string_view line);
+
+  std::deque<Member> members_;  // none moves; those from count_ on are of other lines
   std::size_t count_ = 0;
   std::size_t at_ = 0;  // from 1
   std::string why_;

@@ -70,16 +70,20 @@ char* Output::make_room(std::size_t bytes) {
   return buffer_.data();
 }
 
-void Output::write_all() {
-  const char* from = buffer_.data();
-  while (used_ > 0 && error_ == 0) {
-    const ssize_t written = ::write(fd_, from, used_);
+void Output::put_much(std::string_view text) {
+  if (text.size() < kBuffer / 4) return put(text);
+  write_all();
+  write(text);
+}
+
+void Output::write_all() { write({buffer_.data(), std::exchange(used_, 0)}); }
+
+void Output::write(std::string_view text) {
+  while (!text.empty() && error_ == 0) {
+    const ssize_t written = ::write(fd_, text.data(), text.size());
     if (written < 0 && errno != EINTR) error_ = errno;
-    if (written <= 0) continue;
-    from += written;
-    used_ -= static_cast<std::size_t>(written);
+    if (written > 0) text.remove_prefix(static_cast<std::size_t>(written));
   }
-  used_ = 0;
   if (error_ != EPIPE) return;
   // Where the signal of a closed pipe is ignored it ends the program all the same.
   std::signal(SIGPIPE, SIG_DFL);

@@ -43,6 +43,8 @@ class Output {
   // What stands in the room up to there has been put.
   void put_until(const char* end) { used_ = static_cast<std::size_t>(end - buffer_.data()); }
   void put(std::string_view text);
+  // The same of a text that is best written as it is, without a copy.
+  void put_much(std::string_view text);
 
   // Writes what is left, and gives the file its name.
   [[nodiscard]] bool finish();
@@ -52,6 +54,7 @@ class Output {
  private:
   [[nodiscard]] char* make_room(std::size_t bytes);
   void write_all();
+  void write(std::string_view text);
 
   std::string file_;
   int fd_ = -1;

@@ -10,6 +10,7 @@
 #include "isam/keys/keychain.h"
 #include "isam/keys/keys.h"
 #include "locale/collation.h"
+#include "locale/name.h"
 #include "zentra/text.h"
 
 namespace zentra {
@@ -44,7 +45,10 @@ std::string locale_fault(const PairShape& shape) {
     return fmt::format("the locale that CLIENT_LOCALE names cannot be loaded: {}",
                        std::strerror(locale::get_ulxerror()));
   }
-  if (shape.collation.empty() || shape.collation == locale::file_system_name()) return "";
+  // Other programs may have written the name in another way.
+  const bool is_client =
+      shape.collation.empty() || locale::file_name(shape.collation) == locale::file_system_name();
+  if (is_client) return "";
   return fmt::format(
       "its keys are in the order of the locale {}, which CLIENT_LOCALE does not name",
       shown(shape.collation));

@@ -65,7 +65,9 @@ std::string raw_header_of(const PairShape& header) {
   std::string text = fmt::format("{}{}\nlength {}", kRawBegin, kRawVersion, header.least);
   if (header.is_variable()) text += fmt::format(" {}", header.greatest);
   text += fmt::format("\nnode {}\nduplicates {}\n", header.node_size, header.duplicate_width);
-  if (!header.collation.empty()) text += fmt::format("locale {}\n", shown(header.collation));
+  if (!header.collation.empty() && std::ranges::any_of(header.keys, isam::kynchar)) {
+    text += fmt::format("locale {}\n", shown(header.collation));
+  }
   text += fmt::format("unique {}\n", header.unique);
   for (const keydescr& k : header.keys) text += fmt::format("key {}\n", line_of(k));
   return text + "records\n";

@@ -15,9 +15,11 @@ class RawWriter : public DumpWriter {
       : shape_(std::move(shape)), damaged_(std::move(damaged)) {}
 
   void begin(Output& output) override { output.put(raw_header_of(shape_)); }
-  void record(Output& output, const Record& record) override {
-    char* const room = output.room(raw_room(record.fixed.size() + record.tail.size()));
-    output.put_until(put_raw_record(record.number, record.fixed, record.tail, room));
+  [[nodiscard]] std::size_t room(const Record& record) const override {
+    return raw_room(record.fixed.size() + record.tail.size());
+  }
+  [[nodiscard]] char* put(const Record& record, char* to) const override {
+    return put_raw_record(record.number, record.fixed, record.tail, to);
   }
   void end(Output& output, std::int64_t count) override {
     if (output.error() != 0) return;

@@ -15,6 +15,7 @@ namespace zentra {
 namespace {
 
 constexpr std::size_t kPiece = std::size_t{128} << 10;
+constexpr std::size_t kTails = std::size_t{256} << 10;  // of a batch
 
 // A device has room for more than the pair; of a file's slots the dictionary may know too few.
 std::int32_t last_slot(std::int32_t highest) {
@@ -33,42 +34,53 @@ Records::Records(Tell tell)
       slot_(static_cast<std::size_t>(isam::slot_size())),
       highest_(std::max(isam::dictp->d_nextdata(), 0)),
       last_(last_slot(highest_)),
-      piece_(std::max(kPiece / slot_, std::size_t{1}) * slot_),
+      greatest_tail_(static_cast<std::size_t>(isam::filep->geometry.maxreclen) - length_),
       single_(slot_),
-      tail_(static_cast<std::size_t>(isam::filep->geometry.maxreclen) - length_) {}
+      tail_(greatest_tail_) {}
 
-// Reads the piece of the next record: false where that cannot be.
-bool Records::read_piece() {
+// Reads slots from the next one on: how many. Where a piece cannot be read its slots are read one
+// by one.
+std::int32_t Records::read_slots(isam::Bytes to) {
   const bool is_single = at_ < single_until_;
-  const std::size_t size = is_single ? slot_ : piece_.size();
-  const ssize_t got = common::read_at(isam::filep->data.fd, isam::Bytes{piece_}.first(size),
+  const ssize_t got = common::read_at(isam::filep->data.fd, is_single ? to.first(slot_) : to,
                                       std::int64_t{at_ - 1} * isam::slot_size());
   const auto slots =
       static_cast<std::int32_t>(static_cast<std::size_t>(std::max<ssize_t>(got, 0)) / slot_);
-  piece_first_ = at_;
-  piece_end_ = at_ + slots;
-  if (slots > 0) return true;
-  if (!is_single && got < 0) {
-    single_until_ = at_ + static_cast<std::int32_t>(piece_.size() / slot_);
-    return read_piece();
-  }
-  return false;
+  if (slots > 0 || is_single || got >= 0) return slots;
+  single_until_ = at_ + static_cast<std::int32_t>(to.size() / slot_);
+  return read_slots(to);
 }
 
-bool Records::next(Record& to, const checker::UsageMap* done) {
-  for (; at_ <= last_; ++at_) {
-    if (done != nullptr && done->tstbit(at_)) continue;
-    const bool is_there = (at_ >= piece_first_ && at_ < piece_end_) || read_piece();
-    if (!is_there) {
-      tell_(at_, Fault::kUnreadable);
-      continue;
+bool Records::next(Batch& to, const checker::UsageMap& done) {
+  to.slots_.resize(std::max(kPiece / slot_, std::size_t{1}) * slot_);
+  if (greatest_tail_ > 0) to.tails_.resize(std::max(kTails, greatest_tail_));
+  to.records_.clear();
+  to.tails_end_ = 0;
+  while (to.records_.empty()) {
+    while (at_ <= last_ && done.tstbit(at_)) ++at_;
+    if (at_ > last_) return false;
+    const std::int32_t slots = read_slots(to.slots_);
+    if (slots > 0) {
+      fill(to, slots, done);
+    } else {
+      tell_(at_++, Fault::kUnreadable);
     }
-    const std::size_t offset = static_cast<std::size_t>(at_ - piece_first_) * slot_;
-    if (!take(at_, piece_.data() + offset, to)) continue;
-    ++at_;
-    return true;
   }
-  return false;
+  return true;
+}
+
+// Takes the records of slots that have been read, as long as there is room for a variable part.
+void Records::fill(Batch& to, std::int32_t slots, const checker::UsageMap& done) {
+  const std::int32_t first = at_;
+  const std::int32_t last = std::min(last_, first + (slots - 1));
+  for (; at_ <= last && to.tails_.size() - to.tails_end_ >= greatest_tail_; ++at_) {
+    if (done.tstbit(at_)) continue;
+    Record record;
+    const isam::Byte* const slot = &to.slots_[static_cast<std::size_t>(at_ - first) * slot_];
+    if (!take(at_, slot, isam::Bytes{to.tails_}.subspan(to.tails_end_), record)) continue;
+    to.tails_end_ += record.tail.size();
+    to.records_.push_back(record);
+  }
 }
 
 bool Records::find(std::int32_t number, Record& to) {
@@ -79,27 +91,29 @@ bool Records::find(std::int32_t number, Record& to) {
           static_cast<ssize_t>(single_.size())) {
     return false;
   }
-  return take(number, single_.data(), to);
+  return take(number, single_.data(), tail_, to);
 }
 
 // False for a record that is not present.
-bool Records::take(std::int32_t number, const isam::Byte* slot, Record& to) {
+bool Records::take(std::int32_t number, const isam::Byte* slot, isam::Bytes room, Record& to) {
   const isam::Byte* const trailer = slot + length_;
   if (trailer[0] != isam::kRecordPresent) return false;
   to = {.number = number, .fixed = {slot, length_}, .tail = {}};
-  if (isam::filep->geometry.varlen && !read_tail(trailer, to.tail)) {
+  if (isam::filep->geometry.varlen && !read_tail(trailer, room, to.tail)) {
     tell_(number, Fault::kTailLost);
   }
   return true;
 }
 
-bool Records::read_tail(const isam::Byte* trailer, isam::ConstBytes& tail) {
+bool Records::read_tail(const isam::Byte* trailer, isam::Bytes room, isam::ConstBytes& tail) {
   const int length = common::ldshort(trailer + isam::kTrailerLength);
   const std::int32_t reference = common::ldlong(trailer + isam::kTrailerReference);
   if (length == 0) return true;
-  if (length < 0 || static_cast<std::size_t>(length) > tail_.size() || reference == 0) return false;
+  if (length < 0 || static_cast<std::size_t>(length) > greatest_tail_ || reference == 0) {
+    return false;
+  }
   const isam::KeepError keep;
-  const isam::Bytes to = isam::Bytes{tail_}.first(static_cast<std::size_t>(length));
+  const isam::Bytes to = room.first(static_cast<std::size_t>(length));
   if (isam::rprread(reference, to) != length) return false;
   tail = to;
   return true;

@@ -1,11 +1,14 @@
 // records: the records of the current pair as they lie in the data file, around what is damaged.
 //
 //   Records records{[](std::int32_t number, Records::Fault fault) { ... }};
-//   while (records.next(record)) ...                    // in the order of their numbers
+//   Records::Batch batch;
+//   while (records.next(batch)) ... batch.records ...   // in the order of their numbers
 //   if (records.find(number, record)) ...               // one of them
 //
 // Needs   the current pair with its dictionary and geometry, held still
-// Keeps   memory for a piece of the data file and one variable part
+// Keeps   memory for a piece of the data file in each batch, and for as many variable parts as fit
+// a
+//         bound
 // Gives   each record that is present. Of one whose variable part cannot be read, the rest
 #pragma once
 
@@ -35,26 +38,40 @@ class Records {
   // may lie behind the one, and be missing behind the other.
   [[nodiscard]] std::int32_t highest() const { return highest_; }
   [[nodiscard]] std::int32_t last() const { return last_; }
-  // The next record that is not one of `done`: false behind the last. It stays readable until
-  // another is asked for.
-  [[nodiscard]] bool next(Record& to, const checker::UsageMap* done = nullptr);
+
+  // Records with bytes of their own, which stay as they are until the batch is filled anew.
+  class Batch {
+   public:
+    [[nodiscard]] const std::vector<Record>& records() const { return records_; }
+
+   private:
+    friend class Records;
+
+    std::vector<Record> records_;
+    std::vector<isam::Byte> slots_;
+    std::vector<isam::Byte> tails_;
+    std::size_t tails_end_ = 0;  // what is taken of them
+  };
+  // The next records that are not among `done`: false behind the last.
+  [[nodiscard]] bool next(Batch& to, const checker::UsageMap& done);
+  // It stays readable until another is asked for.
   [[nodiscard]] bool find(std::int32_t number, Record& to);
 
  private:
-  [[nodiscard]] bool read_piece();
-  [[nodiscard]] bool take(std::int32_t number, const isam::Byte* slot, Record& to);
-  [[nodiscard]] bool read_tail(const isam::Byte* trailer, isam::ConstBytes& tail);
+  [[nodiscard]] std::int32_t read_slots(isam::Bytes to);
+  void fill(Batch& to, std::int32_t slots, const checker::UsageMap& done);
+  [[nodiscard]] bool take(std::int32_t number, const isam::Byte* slot, isam::Bytes room,
+                          Record& to);
+  [[nodiscard]] bool read_tail(const isam::Byte* trailer, isam::Bytes room, isam::ConstBytes& tail);
 
   Tell tell_;
   std::size_t length_;  // of the fixed part
   std::size_t slot_;
   std::int32_t highest_;
   std::int32_t last_;
+  std::size_t greatest_tail_;
   std::int32_t at_ = 1;            // what comes next
-  std::int32_t piece_first_ = 1;   // the piece has the slots from this one
-  std::int32_t piece_end_ = 1;     // to the one before this
   std::int32_t single_until_ = 0;  // before it, one slot at a time is read
-  std::vector<isam::Byte> piece_;
   std::vector<isam::Byte> single_;
   std::vector<isam::Byte> tail_;
 };

@@ -140,6 +140,50 @@ class Dump(unittest.TestCase):
         self.assertEqual({dumped[number][1] for number in lost}, {0})
         self.assertEqual((done.returncode, done.stderr.count(b'variable part')), (2, len(lost)))
 
+    def make_large(self, tail):
+        """A pair that several threads dump: more than 8 MiB of fixed parts."""
+        fields = f'id char 0 8\ntext char next {600 if tail else 1000}\n' + tail * 'tail char tail\n'
+        (self.folder / 'pair.layout').write_text(fields)
+        rows = ({'id': f'{number:08}', 'text': 'a "b", ' * (number % 85),
+                 **({'tail': 'é\\' * (number * 31 % 900)} if tail else {})}
+                for number in range(15000 if tail else 9000))
+        text = ''.join(json.dumps(row) + '\n' for row in rows)
+        (self.folder / 'rows').write_text(text)
+        lengths = ['--length', '608,4000'] if tail else []
+        done = run('load', '--layout', 'pair.layout', '--key', '0,8,char', *lengths, 'pair', 'rows',
+                   folder=self.folder)
+        self.assertEqual(done.returncode, 0, done)
+        return [json.loads(line) for line in text.splitlines()]
+
+    def test_threads_keep_the_order(self):
+        alone = {'preexec_fn': lambda: os.sched_setaffinity(0, [min(os.sched_getaffinity(0))])}
+        for tail in False, True:
+            rows = self.make_large(tail)
+            size = os.path.getsize(self.folder / 'pair.dat')
+            self.assertGreater(size, 8 << 20)
+            for form in 'jsonl', 'csv', 'raw':
+                words = ['dump', '--format', form, 'pair']
+                dumped = run(*words, folder=self.folder).stdout
+                self.assertTrue(dumped == run(*words, folder=self.folder, **alone).stdout)
+                if form == 'jsonl':
+                    told = [json.loads(line) for line in dumped.splitlines()]
+                    self.assertTrue(told == [{**row, 'text': row['text'].rstrip()} for row in rows])
+            with open(self.folder / 'pair.dat', 'r+b') as file:
+                for at in size // 3, size // 2:  # states of two records
+                    number = at // (size // len(rows))
+                    file.seek((number + 1) * (size // len(rows)) - (7 if tail else 1))
+                    file.write(b'?')
+            told = run('dump', '-o', 'out', 'pair', folder=self.folder)
+            self.assertEqual((told.returncode, told.stdout.count(b'neither present')), (2, 2), told)
+            self.assertEqual((self.folder / 'out').read_bytes().count(b'\n'), len(rows) - 2)
+            with open('/dev/full', 'wb') as full:
+                done = subprocess.run([tools.zentra, 'dump', 'pair'], cwd=self.folder, stdout=full,
+                                      stderr=subprocess.PIPE, check=False, timeout=60)
+            self.assertEqual(done.returncode, 4)
+            self.assertIn(b'could not be written: No space left', done.stderr)
+            for end in '.idx', '.dat':
+                os.unlink(self.folder / f'pair{end}')
+
     def test_where_it_goes(self):
         self.take('big-sound')
         whole = run('dump', 'pair', folder=self.folder).stdout

@@ -298,6 +298,22 @@ class Load(unittest.TestCase):
         self.remove()
         self.assertIn('CLIENT_LOCALE does not name', self.load('new', text=ordered.replace('locale c', 'locale d'), status=4))
 
+    def test_a_locale_however_its_name_is_written(self):
+        text = ('zentra-raw 1\nlength 12\nnode 512\nduplicates 2\nlocale POSIX\nunique 7\n'
+                'key 0,8,locale\nrecords\n1:00000001SMIT\nend 1\n')
+        for key, told in ('locale', 'locale c\n'), ('char', ''):
+            (self.folder / 'text').write_text(text.replace('locale\n', key + '\n'))
+            done = run('load', 'new', 'text', folder=self.folder)
+            self.assertEqual(done.returncode, 0, done)
+            dumped = run('dump', '--format', 'raw', 'new', folder=self.folder).stdout.decode()
+            self.assertEqual(dumped, text.replace('locale\n', key + '\n')
+                             .replace('locale POSIX\n', told))
+            for end in '.idx', '.dat':
+                (self.folder / f'new{end}').unlink()
+        (self.folder / 'text').write_text(text.replace('POSIX', 'xx_yy'))
+        done = run('load', 'new', 'text', folder=self.folder)
+        self.assertEqual((done.returncode, b'CLIENT_LOCALE does not name' in done.stderr), (4, True))
+
     def test_keys_in_the_order_of_a_locale(self):
         made = subprocess.run(['localedef', '--no-archive', '-i', 'de_DE', '-f', 'UTF-8', self.folder / 'de_DE.utf8'],
                               capture_output=True)
