@@ -9,6 +9,7 @@
 
 #include "checker/progress.h"
 #include "checker/usagemap.h"
+#include "common/io.h"
 #include "common/sorter.h"
 #include "isam/base/errors.h"
 #include "isam/records/datafile.h"
@@ -47,6 +48,7 @@ class StorageCheck {
       check_page(node);
     }
     if (pieces_.error() != 0) return failed(pieces_.error());
+    note_cut_trailer();
     note("storage.pieces-unused", "piece(s) of variable parts that no record names", unused_);
     note("storage.pieces-surplus", "record(s) with more pieces than their length takes", surplus_);
     for (const auto& [process, count] : kept_) {
@@ -61,6 +63,25 @@ class StorageCheck {
   }
 
  private:
+  // Where the data file ends within a slot, what is missing counts as zero bytes: as no variable
+  // part where the length is missing.
+  void note_cut_trailer() {
+    const std::int64_t size = common::file_size(isam::filep->data.fd);
+    const std::int64_t record = size / isam::slot_size() + 1;
+    const std::int64_t there = size % isam::slot_size() - isam::filep->geometry.reclen;
+    if (there <= 0 || there >= isam::kTrailerLength + 2 || record > check_.datlast) return;
+    if (!check_.datmap.tstbit(static_cast<std::int32_t>(record))) return;
+    collector_.add({.kind = Entry::Kind::kNote,
+                    .code = "storage.length-cut",
+                    .text = fmt::format(
+                        "the data file ends within record {}, before the length of its variable "
+                        "part: it counts as having none; what it had stays in the storage "
+                        "pages until a repair puts these in order, and then in the index of "
+                        "before",
+                        record),
+                    .fields = {{"record", record}}});
+  }
+
   // False: the temporary file failed.
   bool gather() {
     const std::int32_t last = std::min(check_.datlast, check_.datreal);

@@ -228,6 +228,26 @@ class Check(unittest.TestCase):
         self.assertLessEqual({'pieces.data-end', 'index.record-bad'}, codes)
         self.assertNotIn('pieces.times', codes)
 
+    def test_a_data_file_cut_within_the_last_trailer(self):
+        """What of it is missing is read as zero bytes: before the reference that is no record."""
+        (self.folder / 'layout').write_text('id char 0 8\ntail char tail\n')
+        rows = ''.join(f'{{"id":"{number:08}","tail":"tail {number}"}}\n' for number in range(20))
+        (self.folder / 'rows').write_text(rows)
+        done = run('load', '--layout', 'layout', '--length', '8,400', '--key', '0,8,char', 'cut',
+                   'rows', folder=self.folder)
+        self.assertEqual(done.returncode, 0, done)
+        end = 20 * 15
+        for size, codes in ((end, set()), (end - 3, {'record.bad'}), (end - 4, {'record.bad'}),
+                            (end - 5, {'storage.length-cut'}), (end - 6, {'storage.length-cut'}),
+                            (end - 7, {'pieces.data-end'}), (end - 8, {'pieces.data-end'})):
+            os.truncate(self.folder / 'cut.dat', size)
+            status, lines = check('cut', folder=self.folder)
+            told = {line['code'] for line in lines if 'code' in line}
+            with self.subTest(size=size, told=told):
+                self.assertLessEqual(codes, told)
+                self.assertEqual(status, 1 if codes - {'storage.length-cut'} else 0)
+                self.assertEqual('storage.length-cut' in told, 'storage.length-cut' in codes)
+
     def test_open_transactions(self):
         folder = self.all / 'record-list-entry-lost'
         self.assertEqual(check('pair', folder=folder)[0], 1)
