@@ -6,16 +6,22 @@
 #include <utility>
 
 #include "isam/calls/change.h"
+#include "isam/calls/filelocale.h"
+#include "isam/calls/process.h"
 #include "isam/calls/reading.h"
 #include "isam/calls/recordcalls.h"
 #include "isam/calls/recorditems.h"
 #include "isam/calls/recordset.h"
+#include "isam/calls/scanahead.h"
 #include "isam/calls/traced.h"
+#include "isam/files/files.h"
 #include "isam/keys/keytable.h"
 #include "isam/tree/leafrun.h"
 
 namespace isam {
 namespace {
+
+constexpr int kInPortions = -1;  // OfScan::mode that no step has
 
 // Reading one record after another, as far as one entry of the library goes.
 class Reading {
@@ -35,6 +41,7 @@ class Reading {
   }
 
   [[nodiscard]] int done() const { return done_; }
+  [[nodiscard]] const ReadRequest& request() const { return request_; }
 
  private:
   // As a call of its own would, lets the lock of the record before go and keeps the position.
@@ -135,8 +142,59 @@ int parse_many(const recordset* set, int mode, Wanted wanted, ReadRequest& reque
   return (wanted == Wanted::kNeighbours ? is_step : is_by_key) ? 0 : failed(kBadArgument);
 }
 
+// Gives a portion that was copied before: false where the call has to enter.
+bool take_portion(int isfd, const recordset* set, int mode) {
+  know_process();
+  Open* const open = open_of(isfd);
+  if (open == nullptr || open->kept || batchflag != 0 || set == nullptr) return false;
+  ScanAhead* const ahead = open->scan.ahead.get();
+  if (ahead == nullptr || !ahead->portions.serves(set->count, mode, *open->file)) return false;
+  make_current(*open);
+  if (check_locale() != 0 || check_set(set, true) != 0) return false;
+  note_use();
+  clear_errors();
+  ahead->portions.take(*set, *open);
+  return true;
+}
+
+// How many portions such as this one the last calls of an open have read.
+int portions_before(int isfd, const recordset* set, int mode) {
+  const Open* const open = open_of(isfd);
+  const bool knows = open != nullptr && open->scan.ahead && set != nullptr;
+  return knows ? open->scan.ahead->portions.row(set->count, mode) : 0;
+}
+
+// Reads the portions that the next calls of a scan will ask for, behind the one that the call has
+// read to its end, and goes back to that.
+void read_ahead(Cursor& cursor, const recordset& set, ReadRequest request, int row_before) {
+  if (request.lock || batchflag != 0 || is_alone() || !shows_writes(filep->index)) return;
+  ScanAhead* const ahead = scan_ahead();
+  if (ahead == nullptr) return;
+  PortionsAhead& portions = ahead->portions;
+  openp->scan.steps = 1;  // so that the next call that enters tells
+  openp->scan.mode = kInPortions;
+  if (!portions.begin(set.count, static_cast<int>(request.mode), row_before)) return;
+  const KeepError keep;
+  const Cursor here = cursor;
+  const auto number = isrecnum;
+  const auto length = isreclen;
+  while (portions.has_room()) {
+    recordset next = portions.place();
+    Reading reading{next, request, false};
+    if (!reading.read_on(cursor) || reading.done() < next.count) break;
+    portions.add(cursor);
+  }
+  portions.end(*filep);
+  cursor = here;
+  openp->position = here.bt;
+  isrecnum = number;
+  isreclen = length;
+}
+
 int read_many(int isfd, recordset* set, int mode, Wanted wanted) {
   const bool after_end = iserrno == kEndOfFile;  // of the call before
+  if (wanted == Wanted::kNeighbours && take_portion(isfd, set, mode)) return set->count;
+  const int row = portions_before(isfd, set, mode);  // asked first: entering ends the row
   std::optional<Reading> reading;
   while (true) {
     Call call{isfd, {.access = Access::kToRead, .shared = true}};
@@ -147,6 +205,9 @@ int read_many(int isfd, recordset* set, int mode, Wanted wanted) {
       reading.emplace(*set, request, after_end);
     }
     if (reading->read_on(call.cursor())) {
+      if (reading->done() == set->count && is_step(mode)) {
+        read_ahead(call.cursor(), *set, reading->request(), row);
+      }
       static_cast<void>(call.end());
       return reading->done();
     }

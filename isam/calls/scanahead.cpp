@@ -1,13 +1,9 @@
 #include "isam/calls/scanahead.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <new>
 
-#include "common/io.h"
 #include "isam/base/errors.h"
 #include "isam/calls/call.h"
 #include "isam/calls/explain.h"
@@ -22,17 +18,6 @@ namespace isam {
 namespace {
 
 constexpr int kStepsBeforeCopying = 2;
-
-// Whether what others write to the dictionary can be seen without a system call.
-bool shows_writes(PairFile& index) {
-  if (!index.map.covers(kDictionarySize, 0)) return false;
-  if (!index.map_shows_writes) {
-    // Where one file system is laid over another, a file opened only to read may be the lower copy
-    // of it, while others write to the upper one.
-    index.map_shows_writes = index.mode == O_RDWR && common::mapping_shows_writes(index.fd);
-  }
-  return *index.map_shows_writes;
-}
 
 }  // namespace
 
@@ -85,25 +70,13 @@ void ScanAhead::fill(Cursor& cursor, ReadMode mode) {
   const std::size_t found = gather(cursor, direction_of(mode));
   count_ = dataread_many({numbers_.data(), found}, records_.get(), lengths_.data());
   if (count_ == 0) return;
-  as_of_ = *dictp;
-  generation_ = filep->cached.generation;
+  as_of_.note(*filep);
   for (std::size_t i = 0; i < count_; ++i) {
     same_key_[i] = in_tree && run_.has_same_key(openp->key, i, leaf());
   }
 }
 
-// Nothing is served where a call that enters would do more than read: open the data file again,
-// tell a late write that failed, or count towards the delayed write of the dictionary.
-bool ScanAhead::serves(OpenPair& file) const {
-  if (given_ == count_ || file.data.fd < 0 || file.cached.generation != generation_) return false;
-  if (file.locks.exclusives > 0) {
-    const bool is_settled = !file.unwritten.dictionary && file.unwritten.failed.error == 0;
-    return is_settled && std::memcmp(as_of_.raw, file.cached.dictionary.raw, kDictionarySize) == 0;
-  }
-  std::atomic_thread_fence(std::memory_order_acquire);
-  Dictionary now;
-  return file.index.map.look(now.raw, 0) && std::memcmp(as_of_.raw, now.raw, kDictionarySize) == 0;
-}
+bool ScanAhead::serves(OpenPair& file) const { return given_ < count_ && as_of_.stands(file); }
 
 void ScanAhead::take(char* record) {
   const std::size_t i = given_++;
@@ -173,14 +146,7 @@ void note_step(Cursor& cursor, int mode, int steps_before) {
   scan.mode = mode;
   scan.steps = std::min(steps_before + 1, kStepsBeforeCopying);
   if (scan.steps < kStepsBeforeCopying) return;
-  if (!scan.ahead) {
-    try {
-      scan.ahead = std::make_shared<ScanAhead>();
-    } catch (const std::bad_alloc&) {
-      return;
-    }
-  }
-  scan.ahead->fill(cursor, static_cast<ReadMode>(mode));
+  if (ScanAhead* const ahead = scan_ahead()) ahead->fill(cursor, static_cast<ReadMode>(mode));
 }
 
 int step_entering(int isfd, char* record, int mode) {
@@ -196,6 +162,16 @@ int step_entering(int isfd, char* record, int mode) {
 
 }  // namespace
 
+ScanAhead* scan_ahead() {
+  OfScan& scan = openp->scan;
+  try {
+    if (!scan.ahead) scan.ahead = std::make_shared<ScanAhead>();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+  return scan.ahead.get();
+}
+
 int read_step(int isfd, char* record, int mode) {
   if (read_copy(isfd, record, mode)) return 0;
   return noted("isread", isfd, step_entering(isfd, record, mode));
@@ -203,7 +179,9 @@ int read_step(int isfd, char* record, int mode) {
 
 void leave_scan(Open& open) {
   open.scan.steps = 0;
-  if (open.scan.ahead) open.scan.ahead->settle(open);
+  if (!open.scan.ahead) return;
+  open.scan.ahead->settle(open);
+  open.scan.ahead->portions.forget();
 }
 
 }  // namespace isam

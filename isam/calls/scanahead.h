@@ -4,17 +4,8 @@
 // copies. The file is not entered for it: where others share the file this spares the two system
 // calls of the lock, and everywhere the way through the tree.
 //
-// Keeps   A1 copies are made in a call that has entered the file, and serve as long as its
-//            dictionary is, byte for byte, what it was then. Whoever changes a record or a node
-//            raises the stamp in the dictionary before his call returns, a program of others too.
-//            So as long as the old one can be seen no change has returned to its caller, and the
-//            answer is that of a moment before it
-//         A2 the dictionary is looked at through the mapping, after all that this process was told
-//            before; where a mapping may lag behind the file (network file systems) nothing is read
-//            ahead. Of an exclusive open the dictionary in memory counts
-//         A3 a step that is served leaves what one through the tree leaves. The position follows
-//            when another call needs it (leave_scan)
-// Never   serves from the file or the page pool: another process may be in the midst of writing
+// Keeps   what isam/calls/asof says; a step that is served leaves what one through the tree leaves.
+//         The position follows when another call needs it (leave_scan)
 #pragma once
 
 #include <array>
@@ -22,7 +13,9 @@
 #include <memory>
 
 #include "isam/base/current.h"
+#include "isam/calls/asof.h"
 #include "isam/calls/cursor.h"
+#include "isam/calls/portionsahead.h"
 #include "isam/tree/leafrun.h"
 
 namespace isam {
@@ -39,6 +32,8 @@ class ScanAhead {
   // Puts the position of the open on the record given last, and forgets the others.
   void settle(Open& open);
 
+  PortionsAhead portions;  // of calls that read many
+
  private:
   static constexpr std::size_t kLeast = 2;  // records in the first portion; each next has twice
   static constexpr std::size_t kMost = 64;  // as many, as long as all of them are asked for
@@ -54,8 +49,7 @@ class ScanAhead {
   std::size_t given_ = 0;  // ... and asked for since
   std::size_t room_ = 0;   // records that fit
   std::unique_ptr<Byte[]> records_;
-  Dictionary as_of_{};            // what is copied is right as long as the file has this one
-  std::uint64_t generation_ = 0;  // ... and its pages are of this one
+  AsOf as_of_;  // what is copied is right as long as this stands
   LeafRun run_;
   std::array<Byte, kMaxNodeSize> leaf_;  // a copy of the leaf's items
   std::size_t leaf_length_ = 0;
@@ -70,7 +64,10 @@ class ScanAhead {
 // isread() of a step.
 int read_step(int isfd, char* record, int mode);
 
-// Ends a row of steps: the position is where the last one has left it.
+// What the current open reads ahead; null without memory.
+[[nodiscard]] ScanAhead* scan_ahead();
+
+// Ends a row of steps, or of portions: the position is where the last one has left it.
 void leave_scan(Open& open);
 
 }  // namespace isam

@@ -1,9 +1,11 @@
 #include "common/filemap.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -11,8 +13,10 @@
 #include <vector>
 
 #include "common/coldreads.h"
+#include "common/holders.h"
 #include "common/io.h"
 #include "tests/support/between.h"
+#include "tests/support/run_program.h"
 
 namespace common {
 namespace {
@@ -88,6 +92,47 @@ TEST_F(FileMapTest, AnotherMappingsMissingPageStillEndsTheProcess) {
   // By the signal, or by the handler of before, such as a sanitizer's.
   EXPECT_DEATH(std::fputc(static_cast<volatile Byte*>(pages)[100'000], stderr), "");
   ::munmap(pages, kSize);
+}
+
+// How many of these pages of a file the system has in memory.
+int pages_in_memory(int fd, off_t from, std::size_t length) {
+  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  void* const pages = ::mmap(nullptr, length, PROT_READ, MAP_SHARED, fd, from);
+  std::vector<unsigned char> present(length / page);
+  EXPECT_EQ(::mincore(pages, length, present.data()), 0);
+  ::munmap(pages, length);
+  return static_cast<int>(std::ranges::count_if(present, [](auto bits) { return bits & 1; }));
+}
+
+TEST(ColdFileTest, TheSystemReadsWhatLiesAroundAReadThatHasWaited) {
+  constexpr std::int64_t kPlaces = 32;  // not each read is looked at
+  constexpr std::int64_t kApart = std::int64_t{1} << 18;
+  constexpr std::size_t kAround = std::size_t{64} * 1024;
+  const testing_support::TempFolder folder;
+  const FileHold file{::open((folder / "cold").c_str(), O_RDWR | O_CREAT, 0666)};
+  const int fd = file.get();
+  // Page by page: large pages of which one part is mapped stay as a whole.
+  const std::vector<Byte> page(4096, 'a');
+  for (std::int64_t at = 0; at < kPlaces * kApart; at += std::ssize(page)) {
+    ASSERT_EQ(write_at(fd, page, at), 0);
+  }
+  FileMap map;
+  Byte byte = 0;
+  for (int i = 0; i < 100; ++i) ASSERT_EQ(map.read(fd, {&byte, 1}, 0), 1);  // it is mapped
+  ASSERT_EQ(::fsync(fd), 0);
+  int asked = 0;
+  for (std::int64_t at = kApart; at < kPlaces * kApart && asked < 4; at += kApart) {
+    // With nothing of it in memory the read waits, however quick the disk is.
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    if (pages_in_memory(fd, at, kAround) != 0) GTEST_SKIP() << "these files stay in memory";
+    ASSERT_EQ(map.read(fd, {&byte, 1}, at + 5000), 1);
+    const int all = static_cast<int>(kAround) / static_cast<int>(::sysconf(_SC_PAGESIZE));
+    for (int tries = 0; tries < 20 && pages_in_memory(fd, at, kAround) < all; ++tries) {
+      ::usleep(2000);
+    }
+    asked += pages_in_memory(fd, at, kAround) == all ? 1 : 0;
+  }
+  EXPECT_EQ(asked, 4);
 }
 
 // What lies around a read that has waited is asked for, and more where it goes on. All reads are

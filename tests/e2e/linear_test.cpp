@@ -53,7 +53,9 @@ struct Board {
   std::atomic<int> changes = 0;
   std::atomic<int> steps = 0;
   std::atomic<int> unlocked = 0;  // ... that asked the system for no lock
-  std::atomic<int> wrong = 0;     // line of what was found wrong
+  std::atomic<int> portions = 0;
+  std::atomic<int> unlocked_portions = 0;
+  std::atomic<int> wrong = 0;  // line of what was found wrong
 
   void expect(bool good, int line = __builtin_LINE()) {
     if (!good) wrong = line;
@@ -158,33 +160,69 @@ class Scanning {
     common::system_calls().fcntl_lock = count_lock;
   }
 
+  // Each scan goes on by single steps, or by portions.
   void run() {
     while (!board_.over) {
       const bool forward = random_() % 4 != 0;
+      const int portion = random_() % 2 == 0 ? 0 : 2 + static_cast<int>(random_() % 3);
       if (session_.start(id_key(), forward ? RD_FIRST : RD_LAST) != 0) continue;
       int here = forward ? 0 : kIds + 1;
       for (int left = static_cast<int>(random_() % 200); left > 0 && here >= 0; --left) {
-        here = step(here, forward);
+        here = portion == 0 ? step(here, forward) : step_many(here, forward, portion);
         if (random_() % 16 == 0) ::usleep(100);
       }
     }
   }
 
  private:
+  using Versions = std::array<int, kIds + 2>;
+
+  [[nodiscard]] Versions known() const {
+    Versions known{};
+    for (std::size_t id = 0; id < known.size(); ++id) known[id] = board_.told[id].known;
+    return known;
+  }
+
   // One step from the id `here`: to which, or -1 at the end.
   int step(int here, bool forward) {
-    std::array<int, kIds + 2> known{};
-    for (std::size_t id = 0; id < known.size(); ++id) known[id] = board_.told[id].known;
+    const Versions before = known();
     const int locks_before = locks;
     std::string record(kMaximum, 0);
     const int result = ::isread(session_.isfd, record.data(), forward ? RD_NEXT : RD_PREV);
     board_.expect(result == 0 || ::iserrno == ISEEND);
     board_.unlocked += locks == locks_before ? 1 : 0;
     ++board_.steps;
+    if (result == 0) record.resize(static_cast<std::size_t>(::isreclen));
+    return come_to(here, forward, result == 0 ? &record : nullptr, before);
+  }
+
+  // The same for several at once.
+  int step_many(int here, bool forward, int portion) {
+    const Versions before = known();
+    const int locks_before = locks;
+    const std::size_t room = session_.varying ? kMaximum : kMinimum;
+    std::array<std::int32_t, 4> numbers{};
+    std::array<std::int32_t, 4> lengths{};
+    std::string records(static_cast<std::size_t>(portion) * room, 0);
+    recordset set{portion, records.data(), records.size(), numbers.data(), lengths.data()};
+    const int got = ::isreadmany(session_.isfd, &set, forward ? RD_NEXT : RD_PREV);
+    board_.expect(got == portion || ::iserrno == ISEEND);
+    board_.expect(got <= 0 || ::isrecnum == numbers[static_cast<std::size_t>(got) - 1]);
+    board_.unlocked_portions += locks == locks_before ? 1 : 0;
+    ++board_.portions;
+    for (int i = 0; i < got && here >= 0; ++i) {
+      const auto at = static_cast<std::size_t>(i);
+      const std::string record = records.substr(at * room, static_cast<std::size_t>(lengths[at]));
+      here = come_to(here, forward, &record, before);
+    }
+    return got == portion ? here : -1;
+  }
+
+  // A step has come from the id `here` to this record, or to the end: to which id, or -1.
+  int come_to(int here, bool forward, const std::string* record, const Versions& known) {
     Row row{forward ? kIds + 1 : 0, 0, 0};
-    if (result == 0) {
-      record.resize(session_.varying ? static_cast<std::size_t>(::isreclen) : kMinimum);
-      board_.expect(parse(record, session_.varying, row));
+    if (record != nullptr) {
+      board_.expect(parse(*record, session_.varying, row));
       // The current record may have gone and come back as another one, which then is the next.
       const bool is_back = forward && row.id == here && row.counter >= session_.row.counter + 2;
       board_.expect(row.id >= 1 && row.id <= kIds);
@@ -207,7 +245,7 @@ class Scanning {
       told.know(version);
     }
     session_.row = row;
-    return result == 0 ? row.id : -1;
+    return record != nullptr ? row.id : -1;
   }
 
   Session session_;
@@ -255,8 +293,10 @@ TEST_P(Linear, ScansSeeWhatIsKnownToBeDone) {
   const common::FileHold index{::open((base + ".idx").c_str(), O_RDONLY)};
   if (common::mapping_shows_writes(index.get())) {
     EXPECT_GT(board->unlocked, 100);
+    EXPECT_GT(board->unlocked_portions, 20);
   }
   EXPECT_GT(board->steps - board->unlocked, 100);
+  EXPECT_GT(board->portions - board->unlocked_portions, 100);
   expect_nothing_found(kestro("-nq", base));
 }
 

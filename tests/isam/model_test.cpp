@@ -131,7 +131,11 @@ class Script final : public Operations {
     if (pick < erase) return change(isfd, pick < write ? among({0, 0, 1}) : among({5, 6, 6, 7}));
     pick = any(100);
     if (pick < 5) {
-      read_many(isfd, any_read_mode(), any(one_in(9) ? 400 : 9));
+      const int mode = any_read_mode();
+      const bool in_row = one_in(3);  // portions in a row are read ahead
+      const std::size_t count = in_row ? 1 + any(4) : any(one_in(9) ? 400 : 9);
+      unsigned more = in_row ? any(20) : 0;
+      while (read_many(isfd, mode, count) && more > 0) --more;
     } else if (pick < 55) {
       const int mode = any_read_mode();
       unsigned more = one_in(9) ? any(50) : 0;  // steps in a row are read ahead
