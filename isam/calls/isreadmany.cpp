@@ -186,7 +186,6 @@ void read_ahead(Cursor& cursor, const recordset& set, ReadRequest request, int r
   }
   portions.end(*filep);
   cursor = here;
-  openp->position = here.bt;
   isrecnum = number;
   isreclen = length;
 }
