@@ -1,5 +1,9 @@
 #include "common/readahead.h"
 
+#include <fcntl.h>
+
+#include <chrono>
+
 #include "common/io.h"
 
 namespace common {
@@ -9,12 +13,34 @@ bool ReadAhead::covers(int fd, std::int64_t offset, std::size_t length) const {
          offset + static_cast<std::int64_t>(length) <= offset_ + static_cast<std::int64_t>(length_);
 }
 
+namespace {
+
+// Has the system read what follows, while what was read is worked on. The files are advised as
+// random access, so that it does not of itself. No disk takes less than a piece at once.
+void ask_beyond(int fd, std::int64_t offset) {
+  constexpr std::int64_t kPiece = std::int64_t{128} * 1024;
+  constexpr std::int64_t kAsked = 4 * kPiece;
+  for (std::int64_t at = offset; at < offset + kAsked; at += kPiece) {
+    ::posix_fadvise(fd, at, kPiece, POSIX_FADV_WILLNEED);
+  }
+}
+
+}  // namespace
+
 void ReadAhead::fill(int fd, std::int64_t offset) {
+  using Clock = std::chrono::steady_clock;
+  constexpr auto kWithoutDisk = std::chrono::microseconds(100);
   if (!window_) window_ = std::make_unique_for_overwrite<Byte[]>(kWindow);
+  const auto start = Clock::now();
   const ssize_t got = read_at(fd, {window_.get(), kWindow}, offset);
+  const bool has_waited = Clock::now() - start > kWithoutDisk;
   offset_ = offset;
   length_ = got < 0 ? 0 : static_cast<std::size_t>(got);
-  if (got >= 0 && length_ < kWindow) end_ = offset + got;
+  if (got >= 0 && length_ < kWindow) {
+    end_ = offset + got;
+  } else if (has_waited) {
+    ask_beyond(fd, offset + static_cast<std::int64_t>(kWindow));
+  }
 }
 
 ssize_t ReadAhead::read(int fd, FileMap& map, Bytes to, std::int64_t offset) {

@@ -6,7 +6,7 @@
 // dictionary, leaves, record; an insertion at a free number and a deletion the node that lists free
 // numbers, an insertion behind all others zero bytes that lengthen the file by a block. `floor`
 // sleeps for a lock at once, `floor-asks` asks for it for as long as the library does before.
-// `floor-exclusive` is described in floor_exclusive.h.
+// `floor-exclusive` is described in floor_exclusive.h, `floor-cold` in floor_cold.h.
 #include <fcntl.h>
 
 #include <algorithm>
@@ -14,6 +14,7 @@
 #include <span>
 #include <stdexcept>
 
+#include "bench/stores/floor_cold.h"
 #include "bench/stores/floor_exclusive.h"
 #include "bench/stores/floor_index.h"
 #include "bench/stores/mapped_file.h"
@@ -31,6 +32,7 @@ constexpr std::size_t kSlot = kRecordLength + 1;
 constexpr std::size_t kDictionary = 117;
 constexpr std::size_t kListNode = kNode;  // where the node of free numbers stands
 constexpr std::size_t kBlock = 1024;      // of the data file
+constexpr std::size_t kCallsAhead = 8;    // in a scan of many records, with the one that enters
 constexpr double kBeforeSleep = 100e-6;   // seconds
 
 class FloorStore : public Store {
@@ -118,17 +120,18 @@ class FloorStore : public Store {
   void scan(Order order, Reader& reader) override { scan_many(order, reader); }
 
   [[nodiscard]] bool has_bulk() const override { return true; }
-  // As many records as one entry reads ahead: a lock, the dictionary and a copy of each record.
+  // One entry, a lock and the dictionary, copies what several calls ask for. The copies are given
+  // out call by call, as long as the dictionary stands.
   void scan_many(Order /*order*/, Reader& reader) override {
     const std::size_t records = data_->bytes().size() / kSlot;
-    for (std::size_t first = 0; first < records; first += kBulk) {
-      const std::size_t count = std::min(kBulk, records - first);
+    for (std::size_t first = 0; first < records; first += many_.size()) {
+      const std::size_t count = std::min(many_.size(), records - first);
       begin(F_RDLCK);
       for (std::size_t i = 0; i < count; ++i) {
         copy(data_->bytes().subspan((first + i) * kSlot, kRecordLength), many_[i]);
       }
       end();
-      for (std::size_t i = 0; i < count; ++i) reader.take(many_[i].data());
+      for (std::size_t given = 0; given < count; given += kBulk) give(given, count, reader);
     }
   }
 
@@ -148,6 +151,14 @@ class FloorStore : public Store {
     copy(index_->bytes().first(kDictionary), dictionary_);
   }
   void begin_change() { begin(F_WRLCK); }
+  void give(std::size_t from, std::size_t count, Reader& reader) {
+    const std::size_t portion = std::min(kBulk, count - from);
+    if (from > 0 && std::memcmp(index_->bytes().data(), dictionary_.data(), kDictionary) != 0) {
+      throw std::runtime_error("nobody else changes the file");
+    }
+    std::memcpy(portion_.data(), &many_[from], portion * kRecordLength);
+    for (std::size_t i = 0; i < portion; ++i) reader.take(portion_[i].data());
+  }
   void end() const { lock(F_SETLKW, F_UNLCK, 0, kSemaphoreLength); }
 
   // Copies the record.
@@ -213,7 +224,8 @@ class FloorStore : public Store {
   std::array<char, kNode> list_{};
   std::array<char, kNode> before_{};
   std::array<char, kSlot> slot_{};
-  std::array<Record, kBulk> many_{};
+  std::array<Record, kCallsAhead * kBulk> many_{};
+  std::array<Record, kBulk> portion_{};
 };
 
 }  // namespace
@@ -228,5 +240,6 @@ int main(int argc, char** argv) {
   return bench::run_stores(argc, argv,
                            {{"floor", kShared, kind(false), kFloor},
                             {"floor-asks", kShared, kind(true), kFloor},
-                            {"floor-exclusive", !kShared, bench::make_floor_exclusive, kFloor}});
+                            {"floor-exclusive", !kShared, bench::make_floor_exclusive, kFloor},
+                            {"floor-cold", !kShared, bench::make_floor_cold, kFloor}});
 }

@@ -42,6 +42,7 @@ struct Account {
 };
 
 std::unique_ptr<Ledger> isam_ledger();
+std::unique_ptr<Ledger> floor_ledger();
 std::unique_ptr<Ledger> sqlite_ledger();
 std::unique_ptr<Ledger> bdb_ledger();
 

@@ -15,6 +15,7 @@
 #include "common/coldreads.h"
 #include "common/holders.h"
 #include "common/io.h"
+#include "common/readahead.h"
 #include "tests/support/between.h"
 #include "tests/support/run_program.h"
 
@@ -133,6 +134,29 @@ TEST(ColdFileTest, TheSystemReadsWhatLiesAroundAReadThatHasWaited) {
     asked += pages_in_memory(fd, at, kAround) == all ? 1 : 0;
   }
   EXPECT_EQ(asked, 4);
+}
+
+TEST(ColdFileTest, TheSystemReadsWhatFollowsAWindowThatHasWaited) {
+  constexpr std::size_t kWindow = std::size_t{64} * 1024;
+  constexpr std::size_t kBehind = std::size_t{256} * 1024;
+  const testing_support::TempFolder folder;
+  const FileHold file{::open((folder / "cold").c_str(), O_RDWR | O_CREAT, 0666)};
+  const int fd = file.get();
+  ASSERT_EQ(write_at(fd, std::vector<Byte>(std::size_t{1} << 20, 'a'), 0), 0);
+  ASSERT_EQ(::fsync(fd), 0);
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM);
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+  if (pages_in_memory(fd, 0, kWindow + kBehind) != 0) {
+    GTEST_SKIP() << "these files stay in memory";
+  }
+  FileMap map;
+  ReadAhead window;
+  std::vector<Byte> page(1024);
+  for (int i = 0; i < 4; ++i) ASSERT_EQ(window.read(fd, map, page, i * 1024), 1024);
+  const int all = static_cast<int>(kBehind) / static_cast<int>(::sysconf(_SC_PAGESIZE));
+  const auto found = [&] { return pages_in_memory(fd, kWindow + 8192, kBehind); };
+  for (int tries = 0; tries < 100 && found() < all; ++tries) ::usleep(2000);
+  EXPECT_EQ(found(), all);
 }
 
 // What lies around a read that has waited is asked for, and more where it goes on. All reads are

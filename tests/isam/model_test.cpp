@@ -4,7 +4,9 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 #include <utility>
+#include <vector>
 
 #include "common/io.h"
 #include "isam/pool/pool.h"
@@ -19,7 +21,9 @@ class Script final : public Operations {
  public:
   explicit Script(const Shape& shape) : Operations(shape) {
     ::setenv("ISAMBUFS", shape.buffers, 1);
-    isam::the_pool.reset();
+    // Upper nodes that are kept still refer to the buffers of the pool before.
+    static std::vector<std::unique_ptr<isam::Pool>> before;
+    before.push_back(std::move(isam::the_pool));
     stand_between(before_write);
     faults = {};
     build();
