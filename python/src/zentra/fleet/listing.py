@@ -95,7 +95,7 @@ def _below(root: bytes, folder: bytes, parts: list[bytes]) -> Iterator[Found]:
     except OSError as error:
         if isinstance(error, (FileNotFoundError, NotADirectoryError)):
             return
-        yield Found(folder, os.path.relpath(folder, root), f"the folder: {error.strerror}")
+        yield Found(folder, _place(folder, root), f"the folder: {error.strerror}")
         return
     if first == b"**":
         yield from _below(root, folder, rest or [b"*"])
@@ -113,7 +113,11 @@ def _below(root: bytes, folder: bytes, parts: list[bytes]) -> Iterator[Found]:
                         if e.name.endswith(_SUFFIXES) and len(e.name) > 4
                         and (matches(e.name) or matches(base_of(e.name)))}):
         path = os.path.join(folder, base)
-        yield Found(path, os.path.relpath(path, root))
+        yield Found(path, _place(path, root))
+
+
+def _place(path: bytes, root: bytes) -> bytes:
+    return path[len(root):].lstrip(b"/")
 
 
 def _is_folder(entry: os.DirEntry, *, links: bool) -> bool:
