@@ -132,6 +132,7 @@ with zentra.open("pair", mode="r+") as file:
         stop.set()
 
 
+@pytest.mark.skipif("asan" in os.environ.get("LD_PRELOAD", ""), reason="sanitizers take their time")
 def test_arrays_are_not_made_value_by_value(here):
     """bench/python measures; this one only sees that nothing is slow by far."""
     layout = "id long 0\nname char next 60\nborn char next 8 date YYYYMMDD null\nrate double next null\n" \
