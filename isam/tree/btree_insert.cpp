@@ -5,6 +5,7 @@
 #include "isam/base/errors.h"
 #include "isam/records/freelists.h"
 #include "isam/tree/btree.h"
+#include "isam/tree/rightedge.h"
 #include "isam/tree/treenode.h"
 
 namespace isam {
@@ -14,6 +15,8 @@ namespace {
 constexpr int kLargestItem = 2 + MAXKEYLEN + 4 + kRecordPointerSize;
 // An old item area, the item inserted and the growth of the item behind it.
 constexpr std::size_t kScratchSize = kMaxNodeSize + 2 * kLargestItem;
+
+RightEdges right_edges;
 
 struct Frame {
   Byte node_type;
@@ -35,6 +38,7 @@ class Insertion {
  public:
   Insertion(const Cursor& cursor, const keydescr& k)
       : cursor_(cursor),
+        key_(k),
         layout_(k),
         right_edge_(btlarge(cursor)),
         limit_(item_area_limit(filep->geometry.idxsize)) {}
@@ -82,6 +86,7 @@ class Insertion {
   void put_right(std::int32_t node, const Overflow& full, const Cut& cut) const;
 
   const Cursor& cursor_;  // on the place of the insertion
+  const keydescr& key_;
   ItemLayout layout_;
   bool right_edge_;
   int limit_;  // bytes of a node's item area
@@ -92,8 +97,15 @@ class Insertion {
 bool Insertion::plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam) const {
   const auto length = static_cast<int>(area.size());
   if (pos > length || (!leaf && pos == length)) return false;
-  Item prev;
   item.flag = 0;
+  if (leaf && !layout_.compressed()) {  // no item depends on the one before it
+    itpress(layout_, nullptr, item, Press::kFirst);
+    seam.total = length + item.totln;
+    seam.old_next_end = pos;
+    seam.has_next = false;
+    return pos % item.totln == 0 && length % item.totln == 0;
+  }
+  Item prev;
   if (pos > 0) {
     const WalkStart start = leaf ? btwalkstart(cursor_, item) : WalkStart{};
     if (itprevious(layout_, area, pos, prev, start) < 0) return false;
@@ -145,6 +157,7 @@ int Insertion::btinsert(Item& item, int depth) const {
     if (seam.total <= limit_) {
       weave(node.room(), at.length, at.offset, item, seam);
       node.changed(seam.total);
+      if (right_edge_ && depth == cursor_.bt.depth) right_edges.note(key_, node.page(), item);
       return 0;
     }
     frame = {node.page().node_type(), node.page().level()};
@@ -300,6 +313,8 @@ int insert_here(const Cursor& cursor, Item item, const keydescr& k) {
 }
 
 int add_item(Cursor& cursor, Item& item, const keydescr& k) {
+  cursor.bt.clear(kSameKeyNearby);
+  if (right_edges.append(item, k)) return 0;
   if (btsearch(cursor, item, k, 0, Search::kInsert) != 0) return -1;
   if (check_item_before(cursor, item, k) != 0) return -1;
   return insert_here(cursor, item, k);

@@ -5,6 +5,7 @@
 #include "isam/base/walklimit.h"
 #include "isam/records/freelists.h"
 #include "isam/tree/btree.h"
+#include "isam/tree/foundplace.h"
 #include "isam/tree/treenode.h"
 
 namespace isam {
@@ -43,9 +44,20 @@ class NodeImage {
   std::array<Byte, kMaxNodeSize> area_;
 };
 
+// take_out() without compression: no item depends on the one before it.
+int take_out_fixed(const ItemLayout& layout, Bytes room, int length, int pos) {
+  const int size = layout.fixed_size();
+  if (pos % size != 0 || length % size != 0 || pos >= length) return failed(kCorrupted);
+  Byte* const gone = room.data() + pos;
+  std::memmove(gone, gone + size, static_cast<std::size_t>(length - pos - size));
+  std::memset(room.data() + length - size, 0, static_cast<std::size_t>(size));
+  return length - size;
+}
+
 // Takes the item at `pos` out of an area: its new length, or -1 with 105 and nothing changed.
 int take_out(const ItemLayout& layout, Bytes room, int length, int pos, const WalkStart& start) {
   const ConstBytes area = room.first(static_cast<std::size_t>(length));
+  if (!layout.compressed()) return take_out_fixed(layout, room, length, pos);
   Item prev;
   Item gone;
   if (pos >= length || (pos > 0 && itprevious(layout, area, pos, prev, start) < 0)) {
@@ -133,19 +145,75 @@ int btremove(const Cursor& cursor, const ItemLayout& layout, const WalkStart& st
   return 0;
 }
 
+// Takes out the item that a search has just come to, if it is this one and not its leaf's only one:
+// whether it has.
+bool remove_found(const Item& item, const keydescr& k) {
+  if (found_place.root != k.rootnode || !found_place.stamp.stands()) return false;
+  const ItemLayout layout{k};
+  const int size = layout.fixed_size();
+  const int offset = found_place.offset;
+  const KeepError keep;
+  TreeNode node{found_place.leaf};
+  if (!node || layout.compressed() || layout.dups) return false;
+  const int length = node.length();
+  if (length == size || length % size != 0 || offset % size != 0 || offset >= length) return false;
+  const Byte* const stored = node.area().data() + offset;
+  const bool is_it = std::memcmp(stored, item.key, static_cast<std::size_t>(layout.keylen)) == 0 &&
+                     stored_recptr(stored + layout.keylen) == item.recptr;
+  if (is_it) node.changed(take_out_fixed(layout, node.room(), length, offset));
+  return is_it;
+}
+
+// Goes on from the first item of a key, within its leaf, over those that repeat the key and store
+// nothing but their numbers, to that of the record of `item`, whose duplicate number it tells:
+// whether it is there. Otherwise the path stays. `passed`: the item before it.
+bool skip_to_record(Cursor& cursor, const ItemLayout& layout, Item& item, int& passed) {
+  PathLevel& leaf = cursor.bt.leaf();
+  const KeepError keep;
+  const TreeNode node{leaf.node};
+  if (!node || !layout.dcompress || node.length() != leaf.length) return false;
+  const Byte* const bytes = node.area().data();
+  const int size = layout.dupwidth + kRecordPointerSize;
+  int before = leaf.offset;
+  for (int at = leaf.next; at + size <= leaf.length; at += size) {
+    if ((bytes[at - kRecordPointerSize] & kRepeatBit) == 0) return false;
+    if (stored_recptr(bytes + at + layout.dupwidth) == item.recptr) {
+      item.dupnm = stored_dupnm(layout, bytes + at);
+      leaf.offset = at;
+      leaf.next = at + size;
+      passed = before;
+      return true;
+    }
+    before = at;
+  }
+  return false;
+}
+
 int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
+  if (remove_found(item, k)) {
+    item.dupnm = 0;
+    return 0;
+  }
   Item sought = item;
   if (btsearch(cursor, sought, k, 0, Search::kRead) != 0) return -1;
   const KeyOrder order{k};
+  const ItemLayout layout{k};
   WalkStart start = cursor.bt.ends == kOnItem ? btwalkstart(cursor, sought) : WalkStart{};
   WalkLimit walk;
+  std::int32_t gone_over = 0;  // the leaf in which skip_to_record() looked last
   while ((cursor.bt.ends & kAfterLast) == 0 && itcompare(cursor.treeitem, sought, order) == 0) {
     if (cursor.treeitem.recptr == sought.recptr) {
       item.dupnm = cursor.treeitem.dupnm;
-      return btremove(cursor, ItemLayout{k}, start);
+      return btremove(cursor, layout, start);
     }
     if (walk.exceeded()) return failed(kCorrupted);
-    const int passed = cursor.bt.leaf().offset;
+    int passed = cursor.bt.leaf().offset;
+    if (order.bytewise() && cursor.bt.leaf().node != gone_over) {
+      gone_over = cursor.bt.leaf().node;
+      if (skip_to_record(cursor, layout, item, passed)) {
+        return btremove(cursor, layout, {passed, sought.key});
+      }
+    }
     if (btmove(cursor, k, Direction::kNext) != 0) return -1;
     // What the item passed takes over from the one before it stands in its own key too, so in that
     // of `sought`. Where order is not bytewise, equal keys may have other bytes. (The first item of

@@ -3,9 +3,12 @@
 #include "isam/files/files.h"
 #include "isam/tree/btree.h"
 #include "isam/tree/descent.h"
+#include "isam/tree/foundplace.h"
 #include "isam/tree/treenode.h"
 
 namespace isam {
+
+FoundPlace found_place;
 
 namespace {
 
@@ -233,14 +236,16 @@ Met go_down(Cursor& cursor, Descent& descent, std::int32_t root) {
   Position& bt = cursor.bt;
   const ItemLayout& layout = descent.layout();
   std::int32_t number = root;
+  bool may_be_kept = true;
   for (bt.depth = 0;; ++bt.depth) {
     PathLevel& level = bt.leaf();
     const UpperNode* const upper =
-        bt.depth < kMaxTreeLevels - 1 ? find_upper(number, layout) : nullptr;
+        may_be_kept && bt.depth < kMaxTreeLevels - 1 ? find_upper(number, layout) : nullptr;
     if (upper != nullptr) {
       level = {number, 0, 0, upper->length()};
       number = descent.choose(*upper, level);
       if (number < 0) return Met::kFailed;
+      may_be_kept = !upper->is_above_leaves();
       continue;
     }
     TreeNode node = node_at(cursor, bt.depth, number);
@@ -250,6 +255,9 @@ Met go_down(Cursor& cursor, Descent& descent, std::int32_t root) {
     if (node.is_leaf()) {
       if (descent.met_equal()) bt.state |= kSameKeyNearby;
       if (!descent.on_greater()) return Met::kLastPassed;
+      if (!layout.dups && !layout.compressed()) {
+        found_place = {root, number, level.offset, PageStamp{node.page()}};
+      }
       return descent.take(node, level) ? Met::kGreater : Met::kFailed;
     }
     note_upper(number, node, layout);

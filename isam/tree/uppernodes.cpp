@@ -87,6 +87,7 @@ void note_upper(std::int32_t number, TreeNode& node, const ItemLayout& layout) {
     kept.misses_ = is_read ? 0 : -kMissesOfOthers;
     if (!is_read) return;
     kept.shape_ = shape_of(layout);
+    kept.is_above_leaves_ = node.page().level() == kLeafLevel + 1;
     kept.stamp_ = PageStamp{node.page()};
   } catch (const std::bad_alloc&) {
     // It is read from its page as before.

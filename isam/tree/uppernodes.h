@@ -27,6 +27,8 @@ class alignas(64) UpperNode {
   // Where so many of them end in the node's item area, and how long that is.
   [[nodiscard]] int end_of(int items) const { return ends_[items]; }
   [[nodiscard]] int length() const { return length_; }
+  // Whether its children are leaves, which are not kept; where the file is damaged they may not be.
+  [[nodiscard]] bool is_above_leaves() const { return is_above_leaves_; }
 
  private:
   friend const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout);
@@ -39,6 +41,7 @@ class alignas(64) UpperNode {
   std::int32_t misses_ = 0;  // since it is kept
   std::uint32_t shape_ = 0;  // of the layout
   int length_ = 0;
+  bool is_above_leaves_ = false;
   std::size_t count_ = 0;
   std::unique_ptr<Byte[]> heads_;          // and behind them the items
   std::unique_ptr<std::uint16_t[]> ends_;  // the first is 0

@@ -1,0 +1,35 @@
+#include "isam/tree/rightedge.h"
+
+#include "isam/base/errors.h"
+
+namespace isam {
+
+bool RightEdges::append(Item& item, const keydescr& k) {
+  Edge& edge = of(k);
+  if (edge.root != k.rootnode || (k.flags & KF_DUPS) != 0) return false;
+  if (itcompare(item, edge.last, KeyOrder{k}) <= 0 || !edge.stamp.stands()) return false;
+  const KeepError keep;
+  TreeNode leaf{edge.leaf};
+  if (!leaf) return false;
+  const ItemLayout layout{k};
+  item.flag = 0;
+  itpress(layout, &edge.last, item, Press::kAfter);
+  const int length = leaf.length() + item.totln;
+  if (length > static_cast<int>(leaf.room().size())) return false;
+  itpack(layout, item, leaf.room(), leaf.length());
+  leaf.changed(length);
+  edge.stamp = PageStamp{leaf.page()};
+  edge.last = item;
+  return true;
+}
+
+void RightEdges::note(const keydescr& k, const PageHold& leaf, const Item& last) {
+  if ((k.flags & KF_DUPS) != 0) return;
+  Edge& edge = of(k);
+  edge.root = k.rootnode;
+  edge.leaf = leaf.node();
+  edge.stamp = PageStamp{leaf};
+  edge.last = last;
+}
+
+}  // namespace isam
