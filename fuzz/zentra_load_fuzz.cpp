@@ -1,8 +1,8 @@
 // zentra_load_fuzz: any bytes whatever as the raw text of a pair, and as lines of JSON.
 //
 // Finds   crashes, overruns, hangs; a raw record that does not come back from its own line; a
-// reason
-//         with unprintable bytes; a number that does not ascend
+//         reason with unprintable bytes; a number that does not ascend; a line of JSON that is
+//         read otherwise than the parser does
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>

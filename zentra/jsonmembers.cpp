@@ -214,6 +214,11 @@ void JsonMembers::begin(std::string_view line) {
   why_ = layout::is_utf8(line) ? "" : "no UTF-8";
   if (!why_.empty() || take_usual(line)) return;
   count_ = 0;
+  // The parser would take a zero byte for the end, and leave out what follows.
+  if (line.find('\0') != line.npos) {
+    why_ = "there is a zero byte";
+    return;
+  }
   Events events{*this};
   if (!json::sax_parse(line.begin(), line.end(), &events)) count_ = 0;
 }

@@ -9,7 +9,7 @@
 // from line to line.
 //
 // Keeps   texts are UTF-8; names and values are valid until the next begin(), and as long as the
-// line
+//         line
 #pragma once
 
 #include <cstddef>

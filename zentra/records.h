@@ -6,9 +6,7 @@
 //   if (records.find(number, record)) ...               // one of them
 //
 // Needs   the current pair with its dictionary and geometry, held still
-// Keeps   memory for a piece of the data file in each batch, and for as many variable parts as fit
-// a
-//         bound
+// Keeps   memory for a piece of the data file in each batch, and for variable parts up to a bound
 // Gives   each record that is present. Of one whose variable part cannot be read, the rest
 #pragma once
 

@@ -80,6 +80,18 @@ TEST(JsonMembers, OfNumbersAsTheParserHasThem) {
   }
 }
 
+TEST(JsonMembers, OfLinesWithAZeroByte) {
+  const std::string line = R"({"a":1})";
+  for (std::size_t at = 0; at <= line.size(); ++at) {
+    bool is_right = true;
+    EXPECT_TRUE(members_of(line.substr(0, at) + '\0' + line.substr(at), is_right).empty()) << at;
+    EXPECT_FALSE(is_right) << at;
+  }
+  bool is_right = true;
+  EXPECT_TRUE(members_of(line + '\0' + line, is_right).empty());
+  EXPECT_FALSE(is_right);
+}
+
 TEST(JsonMembers, OfLinesWithSomethingElse) {
   const std::vector<std::string> lines{
       R"({"id":"00000001","name":"A \"quoted\" one","n":-12.5,"x":{"hex":"00ff"},"d":"2026-11-22"})",
