@@ -123,7 +123,8 @@ Outcome check_pair(const CheckOptions& options, const std::string& name, Report&
 // The pairs of the command line, or those that standard input names: all of them at once for
 // several jobs, else as they come.
 void name_pairs(const CheckOptions& options, Run& run) {
-  if (options.names != std::vector<std::string>{kNamesOnInput}) {
+  run.names_on_input = options.names == std::vector<std::string>{kNamesOnInput};
+  if (!run.names_on_input) {
     run.pairs = pairs_named(options.names);
   } else if (options.jobs == 1) {
     run.next = next_name;

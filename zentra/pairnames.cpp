@@ -30,9 +30,12 @@ bool next_name(std::string& name) {
   while ((c = std::getc(stdin)) != EOF && (c != '\0' || name.empty())) {
     if (c != '\0' && name.size() < kMost) name.push_back(static_cast<char>(c));
   }
-  checker::cut_suffix(name);
-  return !name.empty();
+  const bool has_name = !name.empty();
+  checker::cut_suffix(name);  // of .idx nothing is left
+  return has_name;
 }
+
+bool names_are_whole() { return std::ferror(stdin) == 0; }
 
 std::vector<std::string> pairs_named(const std::vector<std::string>& names) {
   std::vector<std::string> pairs;

@@ -15,5 +15,7 @@ inline constexpr const char* kNamesOnInput = "-";
 
 // The next name on standard input, each ended by a zero byte: false at its end.
 [[nodiscard]] bool next_name(std::string& name);
+// Whether no failure kept names from being read.
+[[nodiscard]] bool names_are_whole();
 
 }  // namespace zentra

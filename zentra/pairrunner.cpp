@@ -13,6 +13,7 @@
 
 #include "zentra/crew.h"
 #include "zentra/heldoutput.h"
+#include "zentra/pairnames.h"
 #include "zentra/pairwork.h"
 #include "zentra/progress.h"
 #include "zentra/text.h"
@@ -77,6 +78,10 @@ int run_pairs(const Run& run) {
   for (const Outcome& outcome : outcomes) tally.add(outcome.status, outcome.findings);
   Status worst = tally.worst();
   erase_progress();
+  if (run.names_on_input && !names_are_whole()) {
+    std::fputs("zentra: the names could not all be read\n", stderr);
+    worst = Status::kUnfinished;
+  }
   report->end(worst, tally.fields(run.good));
   if (!output_is_whole()) {
     std::fprintf(stderr, "zentra: the report could not be written: %s\n", std::strerror(errno));

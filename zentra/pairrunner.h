@@ -24,6 +24,7 @@ struct Run {
   bool json = false;
   int jobs = 1;
   std::vector<std::string> pairs{};
+  bool names_on_input = false;  // their names come from there
   // More of them, where they come as others are worked on, one after the other: false at the end.
   std::function<bool(std::string& name)> next{};
   const char* good = kVerdictSound;  // the verdict of status 0
