@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <poll.h>
+#include <stdio_ext.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,14 +29,7 @@ namespace {
 
 constexpr int kLookMilliseconds = 200;       // between looks at whether the progress is asked for
 constexpr off_t kRoomKept = off_t{1} << 20;  // in a file of reports that have been printed
-constexpr std::size_t kToldAtOnce = 64;
-
-// What a worker tells of a pair that it has finished.
-struct Told {
-  std::size_t pair;
-  Outcome outcome;
-  HeldPart part;
-};
+constexpr std::size_t kHeardAtOnce = 64;
 
 // The file in which a worker reports.
 struct ReportFile {
@@ -57,6 +51,7 @@ struct Worker {
   pid_t process;
   common::FileHold ear;  // where it tells
   std::shared_ptr<ReportFile> reports;
+  std::unique_ptr<SharedFinish> last;
   off_t end = 0;  // of the reports of the pairs that it has told of
 };
 
@@ -77,20 +72,26 @@ std::string failure_of(int status) {
                      std::strerror(error));
 }
 
+// Where standard output will end when all that was printed has been written.
+off_t end_of_output() {
+  return ::lseek(STDOUT_FILENO, 0, SEEK_CUR) + static_cast<off_t>(::__fpending(stdout));
+}
+
 // Ends the process: by an errno when a report could not be written.
 [[noreturn]] void be_worker(const Run& run, SharedPairs& pairs, std::int32_t number,
-                            const ReportFile& reports, int mouth) {
+                            const ReportFile& reports, SharedFinish& last, int mouth) {
   stop_showing();
   const std::unique_ptr<Report> report = report_of(run);
   ::dup2(::fileno(reports.file.get()), STDOUT_FILENO);
   off_t begin = 0;
   while (const auto pair = pairs.take(number)) {
     const Outcome outcome = work_on(run, *pair, *report);
+    const Finished finished{*pair, outcome, {begin, end_of_output()}};
+    last.announce(finished);
     errno = 0;
     if (!output_is_whole()) ::_exit(errno != 0 ? errno : EIO);
-    const Told told{*pair, outcome, {begin, ::lseek(STDOUT_FILENO, 0, SEEK_CUR)}};
-    if (::write(mouth, &told, sizeof(told)) != sizeof(told)) ::_exit(EPIPE);
-    begin = told.part.end;
+    if (::write(mouth, &finished, sizeof(finished)) != sizeof(finished)) ::_exit(EPIPE);
+    begin = finished.part.end;
   }
   std::fflush(stderr);
   ::_exit(0);
@@ -126,6 +127,7 @@ class Crew {
   // False: no process is to be had now.
   bool hire() {
     const auto reports = std::make_shared<ReportFile>();
+    auto last = std::make_unique<SharedFinish>();
     std::array<int, 2> ends{};
     if (reports->file == nullptr || ::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
     common::FileHold ear{ends[0]};
@@ -137,10 +139,10 @@ class Crew {
     if (process == 0) {
       ::prctl(PR_SET_PDEATHSIG, SIGTERM);
       if (::getppid() != employer) ::_exit(0);  // it died before that
-      be_worker(run_, pairs_, number, *reports, mouth.get());
+      be_worker(run_, pairs_, number, *reports, *last, mouth.get());
     }
     if (process < 0) return false;
-    workers_.push_back({number, process, std::move(ear), reports});
+    workers_.push_back({number, process, std::move(ear), reports, std::move(last)});
     return true;
   }
 
@@ -171,29 +173,33 @@ class Crew {
 
   // False: the worker has ended.
   bool hear(Worker& worker) {
-    std::array<Told, kToldAtOnce> all;
+    std::array<Finished, kHeardAtOnce> all;
     const ssize_t got = ::read(worker.ear.get(), all.data(), sizeof(all));
     if (got < 0) return errno == EINTR;
-    const std::size_t count = static_cast<std::size_t>(got) / sizeof(Told);
-    for (const Told& told : std::span{all}.first(count)) {
-      results_[told.pair] = {true, told.outcome, worker.reports, told.part};
-      worker.end = told.part.end;
-      ++done_;
-    }
+    const std::size_t count = static_cast<std::size_t>(got) / sizeof(Finished);
+    for (const Finished& finished : std::span{all}.first(count)) accept(finished, worker);
     return count > 0;
   }
 
-  // What it had taken and not told of is not done.
-  void bury(const Worker& worker) {
+  void accept(const Finished& finished, Worker& worker) {
+    results_[finished.pair] = {true, finished.outcome, worker.reports, finished.part};
+    worker.end = finished.part.end;
+    ++done_;
+  }
+
+  // What it had taken and not told of is not done, unless all of its report is there.
+  void bury(Worker& worker) {
     int status = 0;
     pid_t ended = 0;
     while ((ended = ::waitpid(worker.process, &status, 0)) < 0 && errno == EINTR) {
     }
     const bool ended_well = ended > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     for (std::size_t at = reported_; at < results_.size(); ++at) {
-      if (pairs_.taker_of(at) == worker.number && !results_[at].is_done) {
-        return fail(at, worker, ended > 0 ? failure_of(status) : kLost);
-      }
+      if (pairs_.taker_of(at) != worker.number || results_[at].is_done) continue;
+      const auto last = worker.last->of(at);
+      const bool is_whole = last && size_of(worker.reports->file.get()) >= last->part.end;
+      return is_whole ? accept(*last, worker)
+                      : fail(at, worker, ended > 0 ? failure_of(status) : kLost);
     }
     if (ended_well) return;
     // It died before it took any, and so may the next one: one pair less is left for that.

@@ -12,11 +12,8 @@
 #include "zentra/progress.h"
 
 namespace zentra {
-namespace {
 
 off_t size_of(std::FILE* file) { return std::max<off_t>(::lseek(::fileno(file), 0, SEEK_END), 0); }
-
-}  // namespace
 
 HeldFile held_file() {
   if (std::FILE* const file = std::tmpfile()) return HeldFile{file};

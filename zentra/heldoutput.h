@@ -22,6 +22,9 @@ struct HeldPart {
   off_t end = 0;
 };
 
+// How many bytes it has.
+[[nodiscard]] off_t size_of(std::FILE* file);
+
 // Prints a part of a file: whether there was anything to print. A last line without its end is left
 // out unless the part is known to be whole.
 bool print_held(std::FILE* file, const HeldPart& part, bool is_whole);

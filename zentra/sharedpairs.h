@@ -1,4 +1,4 @@
-// sharedpairs: which of several processes works on which pair.
+// sharedpairs: which of several processes works on which pair, and what it was about to tell.
 //
 // Memory that a process has in common with those that it forks. They take the pairs in their order,
 // each by one store, so that whoever dies leaves none behind that was not taken by anybody.
@@ -9,7 +9,38 @@
 #include <optional>
 #include <span>
 
+#include "zentra/heldoutput.h"
+#include "zentra/pairrunner.h"
+
 namespace zentra {
+
+// A pair that a worker has finished, and where its report is.
+struct Finished {
+  std::size_t pair = 0;
+  Outcome outcome{};
+  HeldPart part{};
+};
+
+// What one worker is about to tell: it stays when the worker dies before it does.
+class SharedFinish {
+ public:
+  SharedFinish();
+  SharedFinish(const SharedFinish&) = delete;
+  SharedFinish& operator=(const SharedFinish&) = delete;
+  ~SharedFinish();
+
+  void announce(const Finished& finished);
+  // None where the last one that was announced is another pair.
+  [[nodiscard]] std::optional<Finished> of(std::size_t pair) const;
+
+ private:
+  struct Shared {
+    Finished finished{};
+    std::atomic<std::int64_t> announced = -1;  // the pair
+  };
+
+  Shared* shared_;
+};
 
 class SharedPairs {
  public:

@@ -2,7 +2,8 @@
 //
 // KESTRO_FAILING_CALLS holds rules with a semicolon behind each: CALL FILE ERROR [WHEN]
 //   CALL   open, open-write (for writing), create, nameless (an open with O_TMPFILE), read, write,
-//          lock, copy, clone, link, rename, unlink, sync, cut, stat, chmod, chown or attribute;
+//          send (a write without a place, as into a pipe), lock, copy, clone, link, rename, unlink,
+//          sync, cut, stat, chmod, chown or attribute;
 //          change for each that makes or changes a file, step for each of these and each read
 //          behind the first
 //   FILE   what the name of the file ends with, such as .dat; * for any. Where two are named, the
@@ -114,6 +115,9 @@ int open(const char* path, int flags, ...) {
 }
 ssize_t pread(int fd, void* to, size_t count, off_t at) {
   return fails_at("read", fd, at, (long)count) ? -1 : REAL(pread)(fd, to, count, at);
+}
+ssize_t write(int fd, const void* from, size_t count) {
+  return fails_at("send", fd, 0, (long)count) ? -1 : REAL(write)(fd, from, count);
 }
 ssize_t pwrite(int fd, const void* from, size_t count, off_t at) {
   return fails_at("write", fd, at, (long)count) ? -1 : REAL(pwrite)(fd, from, count, at);

@@ -472,6 +472,26 @@ class Check(unittest.TestCase):
         self.assertEqual(ends[1]['message'], 'could not be finished: signal 9')
         self.assertEqual((lines[-1]['sound'], lines[-1]['unfinished'], process.returncode), (5, 1, 4))
 
+    def test_a_worker_that_dies_when_its_report_is_written(self):
+        """Each worker dies before it tells of its first pair."""
+        pairs = [f'{name}/pair' for name in ('sound-fixed', 'data-cut', 'big-leaf', 'sound-varying')]
+        def report(*words, **more):
+            done = run('check', *words, *pairs, folder=self.all, **more)
+            return done.returncode, re.sub(rb'"seconds(-held)?":[\d.e-]+', b'', done.stdout)
+        pipe, broken = ']', 32
+        self.assertEqual(report('--json', '-j', '2', **failing(f'send {pipe} {broken}')),
+                         report('--json'))
+
+    def test_names_that_cannot_be_read(self):
+        for jobs in '1', '2':
+            with subprocess.Popen([tools.zentra, 'check', '-j', jobs, '-'], stdin=os.open('/', os.O_RDONLY),
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE) as asked:
+                self.assertIn(b'the names could not all be read', asked.communicate()[1])
+            self.assertEqual(asked.returncode, 4)
+            done = subprocess.run([tools.zentra, 'check', '-j', jobs, '-'], cwd=self.folder, check=False,
+                                  capture_output=True, input=b'.idx\0pair.idx')
+            self.assertIn(b'pairs 2, sound 1,', done.stdout)
+
     def test_names_on_standard_input_are_answered_as_they_come(self):
         pairs = [str(self.all / made / 'pair') for made in ('sound-fixed', 'data-cut', 'nowhere')]
         with subprocess.Popen([tools.zentra, 'check', '--json', '-'], stdin=subprocess.PIPE,
