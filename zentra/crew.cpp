@@ -29,7 +29,7 @@ namespace {
 
 constexpr int kLookMilliseconds = 200;       // between looks at whether the progress is asked for
 constexpr off_t kRoomKept = off_t{1} << 20;  // in a file of reports that have been printed
-constexpr std::size_t kHeardAtOnce = 64;
+constexpr std::size_t kReceivedAtOnce = 64;
 
 // The file in which a worker reports.
 struct ReportFile {
@@ -49,7 +49,7 @@ void give_room_back(ReportFile& reports, off_t end) {
 struct Worker {
   std::int32_t number;  // by which it takes pairs
   pid_t process;
-  common::FileHold ear;  // where it tells
+  common::FileHold read_end;  // of the pipe in which it tells
   std::shared_ptr<ReportFile> reports;
   std::unique_ptr<SharedFinish> last;
   off_t end = 0;  // of the reports of the pairs that it has told of
@@ -77,9 +77,10 @@ off_t end_of_output() {
   return ::lseek(STDOUT_FILENO, 0, SEEK_CUR) + static_cast<off_t>(::__fpending(stdout));
 }
 
-// Ends the process: by an errno when a report could not be written.
+// Ends the process: by an errno when a report could not be written, and by a signal where an
+// exception would lead back into what the process had been forked from.
 [[noreturn]] void be_worker(const Run& run, SharedPairs& pairs, std::int32_t number,
-                            const ReportFile& reports, SharedFinish& last, int mouth) {
+                            const ReportFile& reports, SharedFinish& last, int write_end) noexcept {
   stop_showing();
   const std::unique_ptr<Report> report = report_of(run);
   ::dup2(::fileno(reports.file.get()), STDOUT_FILENO);
@@ -90,7 +91,7 @@ off_t end_of_output() {
     last.announce(finished);
     errno = 0;
     if (!output_is_whole()) ::_exit(errno != 0 ? errno : EIO);
-    if (::write(mouth, &finished, sizeof(finished)) != sizeof(finished)) ::_exit(EPIPE);
+    if (::write(write_end, &finished, sizeof(finished)) != sizeof(finished)) ::_exit(EPIPE);
     begin = finished.part.end;
   }
   std::fflush(stderr);
@@ -106,7 +107,7 @@ class Crew {
 
   std::vector<Outcome> work() {
     while (reported_ < results_.size()) {
-      hire_workers();
+      start_workers();
       workers_.empty() ? work_alone() : listen();
       while (reported_ < results_.size() && results_[reported_].is_done) conclude(reported_++);
       std::fflush(stdout);
@@ -118,37 +119,37 @@ class Crew {
   }
 
  private:
-  void hire_workers() {
+  void start_workers() {
     const auto wanted = std::min<std::size_t>(run_.jobs, results_.size() - done_);
-    while (workers_.size() < wanted && pairs_.is_any_left() && hire()) {
+    while (workers_.size() < wanted && pairs_.is_any_left() && start_worker()) {
     }
   }
 
   // False: no process is to be had now.
-  bool hire() {
+  bool start_worker() {
     const auto reports = std::make_shared<ReportFile>();
     auto last = std::make_unique<SharedFinish>();
     std::array<int, 2> ends{};
     if (reports->file == nullptr || ::pipe2(ends.data(), O_CLOEXEC) != 0) return false;
-    common::FileHold ear{ends[0]};
-    const common::FileHold mouth{ends[1]};
+    common::FileHold read_end{ends[0]};
+    const common::FileHold write_end{ends[1]};
     std::fflush(stdout);
-    const std::int32_t number = ++hired_;
+    const std::int32_t number = ++started_;
     const pid_t employer = ::getpid();
     const pid_t process = ::fork();
     if (process == 0) {
       ::prctl(PR_SET_PDEATHSIG, SIGTERM);
       if (::getppid() != employer) ::_exit(0);  // it died before that
-      be_worker(run_, pairs_, number, *reports, *last, mouth.get());
+      be_worker(run_, pairs_, number, *reports, *last, write_end.get());
     }
     if (process < 0) return false;
-    workers_.push_back({number, process, std::move(ear), reports, std::move(last)});
+    workers_.push_back({number, process, std::move(read_end), reports, std::move(last)});
     return true;
   }
 
   // Nobody is at work who would end and make room for others: this process takes a pair itself.
   void work_alone() {
-    const auto pair = pairs_.take(++hired_);
+    const auto pair = pairs_.take(++started_);
     if (!pair) return;
     while (reported_ < *pair) conclude(reported_++);
     results_[*pair] = {.is_done = true, .outcome = work_held(run_, *pair, report_)};
@@ -159,22 +160,22 @@ class Crew {
   void listen() {
     show_progress("Pairs done", static_cast<std::int64_t>(done_),
                   static_cast<std::int64_t>(results_.size()), 0);
-    std::vector<pollfd> ears;
+    std::vector<pollfd> ends;
     for (const Worker& worker : workers_) {
-      ears.push_back({.fd = worker.ear.get(), .events = POLLIN, .revents = 0});
+      ends.push_back({.fd = worker.read_end.get(), .events = POLLIN, .revents = 0});
     }
-    if (::poll(ears.data(), ears.size(), kLookMilliseconds) <= 0) return;
-    for (std::size_t at = ears.size(); at-- > 0;) {
-      if (ears[at].revents == 0 || hear(workers_[at])) continue;
-      bury(workers_[at]);
+    if (::poll(ends.data(), ends.size(), kLookMilliseconds) <= 0) return;
+    for (std::size_t at = ends.size(); at-- > 0;) {
+      if (ends[at].revents == 0 || receive(workers_[at])) continue;
+      reap(workers_[at]);
       workers_.erase(workers_.begin() + static_cast<std::ptrdiff_t>(at));
     }
   }
 
   // False: the worker has ended.
-  bool hear(Worker& worker) {
-    std::array<Finished, kHeardAtOnce> all;
-    const ssize_t got = ::read(worker.ear.get(), all.data(), sizeof(all));
+  bool receive(Worker& worker) {
+    std::array<Finished, kReceivedAtOnce> all;
+    const ssize_t got = ::read(worker.read_end.get(), all.data(), sizeof(all));
     if (got < 0) return errno == EINTR;
     const std::size_t count = static_cast<std::size_t>(got) / sizeof(Finished);
     for (const Finished& finished : std::span{all}.first(count)) accept(finished, worker);
@@ -188,7 +189,7 @@ class Crew {
   }
 
   // What it had taken and not told of is not done, unless all of its report is there.
-  void bury(Worker& worker) {
+  void reap(Worker& worker) {
     int status = 0;
     pid_t ended = 0;
     while ((ended = ::waitpid(worker.process, &status, 0)) < 0 && errno == EINTR) {
@@ -239,7 +240,7 @@ class Crew {
   std::vector<Worker> workers_;
   std::size_t done_ = 0;
   std::size_t reported_ = 0;
-  std::int32_t hired_ = 0;
+  std::int32_t started_ = 0;
 };
 
 }  // namespace

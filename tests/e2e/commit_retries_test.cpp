@@ -73,7 +73,9 @@ class CommitRetries : public testing::Test {
                   EXPECT_EQ(session.put({id, id / 3, stays}, stays ? ::isrewrite : ::isdelete), 0);
                 }
                 end(session);
-                EXPECT_EQ(::isclose(session.isfd), 0);
+                // It frees what is still owed. Of lists that changed in part, because the pool had
+                // no room for a change that failed, it tells that they are damaged.
+                EXPECT_TRUE(::isclose(session.isfd) == 0 || iserrno == ISECORRUPT) << isexplain();
                 ::_exit(HasFailure() ? 1 : 0);
               })),
               0);
