@@ -189,7 +189,10 @@ TEST_P(Model, AgreesOverLongScripts) {
     ASSERT_FALSE(script.failed);
   }
   EXPECT_GT(script.good, script.made / 3);
-  EXPECT_GE(script.refused, calls / 5000);  // chance: under sanitizers there are few calls
+  constexpr unsigned kFewCalls = 5000;  // of which none may be refused, by chance
+  if (calls >= kFewCalls) {
+    EXPECT_GE(script.refused, calls / 2500);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, Model, testing::ValuesIn(kShapes),
