@@ -3,6 +3,7 @@
 #include <fcntl.h>
 
 #include <chrono>
+#include <new>
 
 #include "common/io.h"
 
@@ -30,7 +31,8 @@ void ask_beyond(int fd, std::int64_t offset) {
 void ReadAhead::fill(int fd, std::int64_t offset) {
   using Clock = std::chrono::steady_clock;
   constexpr auto kWithoutDisk = std::chrono::microseconds(100);
-  if (!window_) window_ = std::make_unique_for_overwrite<Byte[]>(kWindow);
+  if (!window_) window_.reset(new (std::nothrow) Byte[kWindow]);
+  if (!window_) return;  // without memory the reads stay small
   const auto start = Clock::now();
   const ssize_t got = read_at(fd, {window_.get(), kWindow}, offset);
   const bool has_waited = Clock::now() - start > kWithoutDisk;
