@@ -55,6 +55,8 @@ struct Freed {
   std::size_t deleted = 0;
   std::size_t shortened = 0;
   bool in_part = false;  // freeing the storage of the next one failed, perhaps on the way
+
+  [[nodiscard]] std::size_t records() const { return deleted + shortened; }
 };
 
 // How many records are freed at once: what they change, at most, has room in the pool until the
@@ -65,10 +67,9 @@ std::size_t most_at_once() {
   return kMostAdded * 3 / 4 / (pages + kBesides);
 }
 
-// Frees some of what an open owes, up to the first failure, which iserrno tells.
-Freed free_records(const Open& open) {
+// Frees up to `most` of what an open owes, up to the first failure, which iserrno tells.
+Freed free_records(const Open& open, std::size_t most) {
   Freed freed;
-  const std::size_t most = most_at_once();
   const std::size_t deleted = std::min(open.deleted.size(), most);
   for (; freed.deleted < deleted; ++freed.deleted) {
     const std::int32_t number = open.deleted[freed.deleted];
@@ -107,11 +108,13 @@ int check_numbers(Open& open) {
   return -1;
 }
 
-// Frees some records and ends the call. Strikes off what was freed, unless the call's failure takes
-// that back; and the record at which it stopped, when that is damaged or freed in part.
-int free_entered(Open& open, Call& call) {
+// Frees up to `most` records and ends the call. Strikes off what was freed, unless the call's
+// failure takes that back; and the record at which it stopped, when that is damaged or freed in
+// part. Where memory does not do for so many, all is taken back and `most` becomes smaller, for the
+// next call; this is no failure.
+int free_entered(Open& open, Call& call, std::size_t& most) {
   if (check_numbers(open) != 0) return call.end_failed();
-  const Freed freed = free_records(open);
+  const Freed freed = free_records(open, std::min(most, most_at_once()));
   const bool failed = iserrno != 0;
   const bool damaged = iserrno == kCorrupted;  // and stays so
   const bool changes_stay = filep->locks.exclusives > 0 || filep->call.spilled;
@@ -121,7 +124,10 @@ int free_entered(Open& open, Call& call) {
     strike_off(open.deleted, 0, freed.deleted);
     strike_off(open.shortened, 0, freed.shortened);
   }
-  return result;
+  const std::size_t fewer = failed ? freed.records() : freed.records() / 2;
+  const bool goes_on = result != 0 && iserrno == kNoMemory && !changes_stay && fewer > 0;
+  if (goes_on) most = fewer;
+  return goes_on ? 0 : result;
 }
 
 // A second attempt passes by what was damaged in the first, which is told all the same.
@@ -281,12 +287,13 @@ int end_transaction(Prepare prepare, How how) {
 
 int free_owed(Open& open) {
   open.deleted.resize(open.committed);
+  std::size_t most = SIZE_MAX;
   int result = 0;
   while (result == 0 && owes_storage(open)) {
     Call call{isfd_of(open),
               {.access = Access::kToWrite, .keeps_auto_lock = true, .kept_too = true}};
     if (!call) return -1;
-    result = free_entered(open, call);
+    result = free_entered(open, call, most);
     open.committed = open.deleted.size();
     isbatch(2);
   }

@@ -155,7 +155,7 @@ void bfwrite_direct();
 // Writes what is held back of the current file: 0, or -1 with iserrno and the file as it was, as
 // far as it can be written. Either way nothing is held back any more.
 int bfwrite_held();
-// A node to be written as a whole: zeroed, valid and modified; empty with 105 for a number below 1.
+// A node to be written as a whole: zeroed, valid, modified; empty with 105 (number below 1) or 116.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
 
 // Counts a file's modified idle pages, and what bfdirect() has taken as one more. Writes them when

@@ -138,12 +138,12 @@ Buffer* Pool::oldest_of_all() {
 }
 
 // The buffer to be reused: the one that was released least recently. A node counts as released
-// later than it was, for it serves many records, a data block few. Null when every buffer is busy.
+// later than it was, for it serves many records, a data block few.
 //
 // Pages that a call changed keep their buffers until the call ends, so that its changes can be
-// taken back, or written in their order: the pool grows for them. When it can grow no more, one of
-// them goes all the same. (Changed pages of an exclusive open go as others do, as long as they can
-// be written.)
+// taken back, or written in their order: the pool grows for them. Null with 116 when the system has
+// no memory for that. When the pool may grow no more, one of them goes all the same. (Changed pages
+// of an exclusive open go as others do, as long as they can be written.)
 Buffer* Pool::choose_victim() {
   Buffer* const node = oldest_that_may_go(nodes_);
   Buffer* const block = oldest_that_may_go(data_blocks_);
@@ -153,9 +153,13 @@ Buffer* Pool::choose_victim() {
   }
   if (node != nullptr || block != nullptr) return node != nullptr ? node : block;
   Buffer* const waiting = oldest_of_all();
-  if (waiting == nullptr || nbuffs_ >= most_buffers_) return waiting;
+  if (waiting == nullptr) common::error("no more buffers");
+  if (nbuffs_ >= most_buffers_) return waiting;
   Buffer* const added = &buffs_[nbuffs_];
-  return add_buffers(std::min(nbuffs_, kMostAdded / 8)) ? added : waiting;
+  if (add_buffers(std::min(nbuffs_, kMostAdded / 8))) return added;
+  if (waiting->file->locks.exclusives > 0) return waiting;
+  failed(kNoMemory);
+  return nullptr;
 }
 
 // Writes a page whose buffer is needed: 0, or -1 when it has to stay. The failure belongs to that
@@ -209,7 +213,7 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
     __builtin_prefetch(page + 512);
   } else {
     buffer = victim();
-    if (buffer == nullptr) common::error("no more buffers");
+    if (buffer == nullptr) return nullptr;
     reuse(buffer, block);
   }
   if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
@@ -249,6 +253,7 @@ Buffer* Pool::bfread(std::int32_t block) {
   // Bytes that wait to be written past the pool belong into the block that is read.
   if (block < 0 && !filep->unwritten.direct.bytes.empty() && pool_direct() != 0) return nullptr;
   Buffer* buffer = bfgetblk(block);
+  if (buffer == nullptr) return nullptr;
   if ((buffer->flags & kValid) == 0 && !load(*buffer)) {
     bfrelease(buffer);
     return nullptr;
@@ -297,6 +302,7 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
 
 Buffer* Pool::bfgetclr(std::int32_t block) {
   Buffer* buffer = bfgetblk(block);
+  if (buffer == nullptr) return nullptr;
   std::memset(buffer->page, 0, kPageStride);
   buffer->used = 0;
   buffer->node_type = buffer->level = 0;

@@ -11,12 +11,13 @@
 // Needs   the current file; pointers and pages may hold any bytes
 // Keeps   V1 a slot counts only when its entry lies behind the header and its data in the page
 //         V2 a chain has at most as many pieces as the greatest variable part needs
-// Never   holds more than two pages
+// Never   holds more than three pages
 //
 // Failures leave -1 (or no page) and iserrno 105 unless a deeper routine set a code: iserrno is 0
 // before.
 #pragma once
 
+#include <array>
 #include <cstdint>
 
 #include "isam/pool/nodechain.h"
@@ -215,9 +216,22 @@ class PieceChain {
 // A page with room for a piece of `size` bytes, a fresh one when no list has any.
 [[nodiscard]] PageHold rpgetspc(int size);
 
+// The bytes of a storage page before its slots are changed.
+class RpageBefore {
+ public:
+  explicit RpageBefore(const PageHold& page);
+  void put_back(const PageHold& page) const;
+
+ private:
+  std::size_t size_;
+  std::array<Byte, kMaxNodeSize> bytes_;  // size_ of them
+};
+
 // Files a page in the list that its room calls for and marks it as modified; one that holds nothing
-// goes back to the free nodes. 0, or -1 (it is marked all the same).
-int rpflmove(PageHold held);
+// goes back to the free nodes. 0, or -1 (it is marked all the same). The lists are whole even then:
+// a page that cannot leave its list stays there and gets the bytes back that it had `before`, as
+// its room is to be that of its list; one that cannot join another is on none.
+int rpflmove(PageHold held, const RpageBefore* before = nullptr);
 // Files a page that is on no list.
 int rpfladd(PageHold page);
 

@@ -58,11 +58,12 @@ std::int32_t store_piece(ConstBytes piece, std::int32_t continuation) {
   PageHold page = rpgetspc(static_cast<int>(piece.size()));
   if (!page) return -1;
   const std::int32_t node = page.node();
+  const RpageBefore before{page};
   Rpage view{page};
   const int slot = view.rpslalloc(static_cast<int>(piece.size()));
   bool stored = slot >= 0 && view.rpsload(slot, piece) == 0;
   if (stored && continuation != 0) stored = view.rpsetext(continuation) == 0;
-  const int filed = rpflmove(std::move(page));
+  const int filed = rpflmove(std::move(page), &before);
   return stored && filed == 0 ? pointer_of(slot, node) : -1;
 }
 
@@ -84,6 +85,7 @@ std::int32_t store_big_pieces(const Pieces& pieces, std::size_t first, std::int3
 std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bool release) {
   const auto length = static_cast<int>(piece.size());
   int slot = rpage::pointer_slot(pointer);
+  const RpageBefore before{page};
   Rpage view{page};
   const int old_length = view.slot(slot).length;
   int result = 0;
@@ -93,7 +95,7 @@ std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bo
     if (view.rpslfree(slot) != 0) return -1;
     // Entries that were empty have gone with the slot's, so the page may have room after all.
     if (view.free_bytes() < length + rpage::kSlotSize) {
-      return rpflmove(std::move(page)) == 0 ? store_piece(piece, 0) : -1;
+      return rpflmove(std::move(page), &before) == 0 ? store_piece(piece, 0) : -1;
     }
     slot = view.rpslalloc(length);
     if (slot < 0) result = -1;
@@ -102,7 +104,7 @@ std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bo
   }
   if (result == 0) result = view.rpsload(slot, piece);
   const std::int32_t node = page.node();
-  const int filed = rpflmove(std::move(page));
+  const int filed = rpflmove(std::move(page), &before);
   return result == 0 && filed == 0 ? pointer_of(slot, node) : -1;
 }
 
@@ -110,8 +112,9 @@ std::int32_t rpupsmall(ConstBytes piece, PageHold page, std::int32_t pointer, bo
 int free_piece(PieceChain& walk, PageHold page) {
   const int slot = walk.slot();
   page.gives_up();
+  const RpageBefore before{page};
   if (!walk.rprwalk() || Rpage{page}.rpslfree(slot) != 0) return -1;
-  return rpflmove(std::move(page));
+  return rpflmove(std::move(page), &before);
 }
 
 // Overwrites what the one slot of a big page holds, all zero behind a shorter piece: 0 or -1.
@@ -267,8 +270,9 @@ int rprtrunc(std::int32_t pointer, int length) {
   const int slot = walk.slot();
   if (!walk.rprwalk()) return -1;
   if (view.slot(slot).length < length || !view.movable()) return failed_unless_set(kCorrupted);
+  const RpageBefore before{page};
   if (continues && view.rpmksmall() != 0) return -1;
-  if (view.rpslchange(slot, length) != 0 || rpflmove(std::move(page)) != 0) return -1;
+  if (view.rpslchange(slot, length) != 0 || rpflmove(std::move(page), &before) != 0) return -1;
   return rprfree(walk.pointer());
 }
 

@@ -82,8 +82,8 @@ class Insertion {
   [[nodiscard]] bool choose_cut(const Overflow& full, Cut& cut) const;
   int split(const Overflow& full, const Cut& cut) const;
   int split_root(const Overflow& full, const Cut& cut) const;
-  void put_left(std::int32_t node, const Overflow& full, const Cut& cut) const;
-  void put_right(std::int32_t node, const Overflow& full, const Cut& cut) const;
+  [[nodiscard]] int put_left(std::int32_t node, const Overflow& full, const Cut& cut) const;
+  [[nodiscard]] int put_right(std::int32_t node, const Overflow& full, const Cut& cut) const;
 
   const Cursor& cursor_;  // on the place of the insertion
   const keydescr& key_;
@@ -230,24 +230,26 @@ bool Insertion::choose_cut(const Overflow& full, Cut& cut) const {
   return false;
 }
 
-void Insertion::put_left(std::int32_t node, const Overflow& full, const Cut& cut) const {
+int Insertion::put_left(std::int32_t node, const Overflow& full, const Cut& cut) const {
   PageHold page = bfgetclr(node);
-  if (!page) return;
+  if (!page) return -1;
   const Bytes area = page.bytes().subspan(kUsedBytes);
   std::memcpy(area.data(), full.area.data(), static_cast<std::size_t>(cut.start));
   const int length = itpack(layout_, cut.last, area, cut.start);
   page.set_frame(length + kUsedBytes, full.frame.node_type, full.frame.level);
+  return 0;
 }
 
-void Insertion::put_right(std::int32_t node, const Overflow& full, const Cut& cut) const {
+int Insertion::put_right(std::int32_t node, const Overflow& full, const Cut& cut) const {
   PageHold page = bfgetclr(node);
-  if (!page) return;
+  if (!page) return -1;
   const Bytes area = page.bytes().subspan(kUsedBytes);
   const int start = itpack(layout_, cut.first, area, 0);
   const ConstBytes rest = full.area.subspan(static_cast<std::size_t>(cut.first_end));
   std::memcpy(area.data() + start, rest.data(), rest.size());
   page.set_frame(start + static_cast<int>(rest.size()) + kUsedBytes, full.frame.node_type,
                  full.frame.level);
+  return 0;
 }
 
 // The left part goes to a new node, whose last item becomes the separator in the parent.
@@ -255,13 +257,11 @@ int Insertion::split(const Overflow& full, const Cut& cut) const {
   Item separator = cut.separator;
   separator.recptr = allocrec(FreeList::kNodes);
   if (separator.recptr < 0) return -1;
-  put_left(separator.recptr, full, cut);
-  if (btinsert(separator, full.depth - 1) != 0) {
+  if (put_left(separator.recptr, full, cut) != 0 || btinsert(separator, full.depth - 1) != 0) {
     give_node_back(separator.recptr);
     return -1;
   }
-  put_right(full.node, full, cut);
-  return 0;
+  return put_right(full.node, full, cut);
 }
 
 // Both parts of the root go to new nodes, and it keeps an item for each.
@@ -281,8 +281,7 @@ int Insertion::split_root(const Overflow& full, const Cut& cut) const {
     give_node_back(left.recptr);
     return -1;
   }
-  put_left(left.recptr, full, cut);
-  put_right(right.recptr, full, cut);
+  if (put_left(left.recptr, full, cut) != 0 || put_right(right.recptr, full, cut) != 0) return -1;
   PageHold page = bfgetclr(full.node);
   if (!page) return -1;
   const Bytes area = page.bytes().subspan(kUsedBytes);

@@ -24,11 +24,12 @@ class NodeImage {
     std::memcpy(area_.data(), node.area().data(), node.area().size());
     return true;
   }
-  void put(std::int32_t number) const {
+  bool put(std::int32_t number) const {
     PageHold page = bfgetclr(number);
-    if (!page) return;
+    if (!page) return false;
     std::memcpy(page.data() + kUsedBytes, area_.data(), static_cast<std::size_t>(length_));
     page.set_frame(length_ + kUsedBytes, node_type_, level_);
+    return true;
   }
 
   [[nodiscard]] bool is_tree_node() const { return node_type_ == kTreeNode; }
@@ -118,8 +119,7 @@ int lowest_level_kept(const Cursor& cursor, const ItemLayout& layout) {
 // Frees a node whose only item goes, and empties it: 0, or -1 with iserrno and the node as it was.
 int free_emptied(std::int32_t number) {
   NodeImage before;
-  if (!before.take(number)) return -1;
-  NodeImage{}.put(number);
+  if (!before.take(number) || !NodeImage{}.put(number)) return -1;
   if (freerec(number, FreeList::kNodes) == 0) return 0;
   before.put(number);
   return -1;
@@ -257,7 +257,7 @@ int NodeRecovery::free_subtree(std::int32_t number, int depth) {
   const bool astray = depth > 0 && node.area().empty();
   if (!node.is_tree_node() || astray) return failed(kCorrupted);
   // Empty from now on, so that a second way to it leads nowhere.
-  NodeImage{}.put(number);
+  if (!NodeImage{}.put(number)) return -1;
   const int children = node.is_leaf() ? 0 : free_children(node.area(), depth + 1);
   const int freed = freerec(number, FreeList::kNodes);
   return children == 0 ? freed : -1;
