@@ -164,6 +164,8 @@ def test_a_damaged_count_of_records_takes_no_memory(pair):
     tracemalloc.start()
     with contextlib.suppress(zentra.Error):
         zentra.read_numpy(pair)
+    with contextlib.suppress(zentra.Error), zentra.open(pair) as file:
+        assert len(list(file)) == 290
     most = tracemalloc.get_traced_memory()[1]
     tracemalloc.stop()
     assert most < 16 << 20

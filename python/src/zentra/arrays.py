@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import contextlib
-import os
 from collections.abc import Iterator, Sequence
 from typing import Any, NamedTuple, Optional, Union
 
@@ -13,9 +12,10 @@ from . import _zentra
 from ._zentra import Form
 from .errors import ArgumentError, LayoutError
 from .layouts import Field, Layout, PathLike, as_layout, name_of
-from .pairs import encoded, opened
+from .pairs import opened, room_in
 from .records import File
-from .values import RecordValues, is_text
+from .recordvalues import RecordValues
+from .values import is_text
 
 LAST_NUMBER = (1 << 31) - 1
 _SPARE = 1024  # records that may have come since they were counted
@@ -76,7 +76,9 @@ class Source:
         self.tail = tails[0] if tails else None
         scanned = [(f, e.form) for f, e in zip(self.fields, self.elements) if e.form is not None]
         self._scan = _zentra.Scan(pair_open, scanned, numbers or self.tail is not None, first, last)
-        self.expected = max(0, min(pair_open.count(), last - first + 1, _room_in(name, pair_open.least)))
+        room = room_in(name, pair_open.least)
+        self.expected = max(0, min(pair_open.count(), last - first + 1,
+                                   _SPARE if room is None else room))
 
     def rows(self, size: int) -> np.ndarray:
         """A structured array for so many records."""
@@ -114,14 +116,6 @@ class Source:
         value = self.values.by_name[self.tail.name]
         for number, data in zip(numbers, tails):
             yield self.values.load_field(value, data, int(number))
-
-
-def _room_in(name: str, least: int) -> int:
-    """How many records the data file can have: a damaged dictionary may count any number."""
-    try:
-        return os.path.getsize(encoded(name) + b".dat") // (least + 1) + 1
-    except OSError:
-        return _SPARE
 
 
 def _number_name(fields: Sequence[Field]) -> str:

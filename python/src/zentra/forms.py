@@ -7,7 +7,7 @@ from typing import Any, Optional
 
 from .errors import ArgumentError, FieldError, FieldTypeError
 from .layouts import Layout
-from .values import RecordValues
+from .recordvalues import RecordValues
 
 Record = Any  # a dictionary, an object of the type that was asked for, or bytes
 

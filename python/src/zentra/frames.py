@@ -13,7 +13,8 @@ import pandas as pd
 from .arrays import PairLike, Source, source_of
 from .errors import ArgumentError, FieldError
 from .layouts import Field, Layout, PathLike
-from .values import RecordValues, is_text, is_whole, null_bytes
+from .recordvalues import RecordValues
+from .values import is_text, is_whole, null_bytes
 
 _FIRST_DAY, _LAST_DAY = np.datetime64("1677-09-22"), np.datetime64("2262-04-10")  # of a Timestamp
 

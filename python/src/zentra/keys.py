@@ -9,7 +9,7 @@ from typing import Any, Union
 from . import _zentra
 from .errors import FieldError, FieldTypeError, IndexKeyError
 from .layouts import Layout
-from .values import RecordValues
+from .recordvalues import RecordValues
 
 _TYPES = {"char": _zentra.KT_CHAR, "bytes": _zentra.KT_CHAR, "int": _zentra.KT_INT,
           "long": _zentra.KT_LONG, "float": _zentra.KT_FLOAT, "double": _zentra.KT_DOUBLE,

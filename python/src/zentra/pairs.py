@@ -7,6 +7,7 @@ import contextlib
 import os
 import weakref
 from collections.abc import Iterator
+from typing import Optional
 
 from . import _zentra
 from .errors import PairNameError
@@ -21,6 +22,15 @@ def encoded(name: PathLike) -> bytes:
     if b"\0" in data:
         raise PairNameError(f"{name!r} holds a zero byte", code=114)
     return data
+
+
+def room_in(name: str, least: int) -> Optional[int]:
+    """How many records the data file can have: a damaged dictionary may count any number. None where
+    the file is not to be found."""
+    try:
+        return os.path.getsize(encoded(name) + b".dat") // (least + 1) + 1
+    except OSError:
+        return None
 
 
 @contextlib.contextmanager

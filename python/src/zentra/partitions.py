@@ -30,7 +30,7 @@ from .arrays import element_of
 from .errors import ArgumentError, ChangedError
 from .layouts import Layout, PathLike, as_layout, name_of
 from .pairs import opened
-from .values import RecordValues
+from .recordvalues import RecordValues
 
 if TYPE_CHECKING:
     import dask.dataframe as dd

@@ -15,9 +15,9 @@ from .keys import IndexKey, KeyLike, as_key, by_names
 from .layouts import Layout
 from .locks import Locks, Wait
 from .logs import Log
-from .pairs import close_at_exit, encoded
+from .pairs import close_at_exit, encoded, room_in
 from .ranges import Range
-from .values import RecordValues
+from .recordvalues import RecordValues
 
 
 class File:
@@ -133,7 +133,9 @@ class File:
         return self._open.stamp()
 
     def __len__(self) -> int:
-        return self._open.count()
+        count = max(0, self._open.count())
+        room = room_in(self.name, self.least)  # list() takes memory for so many
+        return count if room is None else min(count, room)
 
     def __bool__(self) -> bool:
         return True

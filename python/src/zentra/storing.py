@@ -15,7 +15,8 @@ from .files import create, erase
 from .keys import KeyLike
 from .layouts import Field, Layout, PathLike, as_layout, name_of
 from .records import File
-from .values import (LEAST, MOST, RecordValues, Value, boolean_bytes, date_form, is_text,
+from .recordvalues import RecordValues
+from .values import (LEAST, MOST, Value, boolean_bytes, date_form, is_text,
                      is_whole)
 
 _SHOWN = 5
