@@ -16,15 +16,16 @@ checker::Options options_from(std::uint8_t choice) {
   return chosen;
 }
 
+void try_on(const fuzz::Workplace& workplace, const fuzz::PairInput& input) {
+  const checker::Options options = options_from(input.choice);
+  checker::Dialogue dialogue(options);
+  checker::ckfile(workplace.base(), options, dialogue);
+  if (options.nflag != 0 && !workplace.holds(input)) std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Workplace workplace;
-  const auto input = workplace.put({data, size});
-  if (!input) return 0;
-  const checker::Options options = options_from(input->choice);
-  checker::Dialogue dialogue(options);
-  checker::ckfile(workplace.base(), options, dialogue);
-  if (options.nflag != 0 && !workplace.holds(*input)) std::abort();
+  fuzz::with_pair({data, size}, try_on);
   return 0;
 }

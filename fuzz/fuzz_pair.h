@@ -76,4 +76,11 @@ class Workplace {
   std::string base_ = folder_ / "pair";
 };
 
+// Has `work` done with the pair that an input stands for, in a folder that all inputs share.
+template <typename Work>
+void with_pair(Input data, Work work) {
+  static const Workplace workplace;
+  if (const auto pair = workplace.put(data)) work(workplace, *pair);
+}
+
 }  // namespace fuzz

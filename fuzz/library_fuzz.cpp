@@ -136,14 +136,9 @@ void change_indexes(int isfd) {
   if (iskeyinfo(isfd, &dropped, 2) == 0) isdelindex(isfd, &dropped);
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Workplace workplace;
-  const auto input = workplace.put({data, size});
-  if (!input) return 0;
+void try_on(const fuzz::Workplace& workplace, const fuzz::PairInput& input) {
   constexpr std::array kLockModes = {ISAUTOLOCK, ISMANULOCK, ISEXCLLOCK};
-  const int lock_mode = kLockModes[input->choice % kLockModes.size()];
+  const int lock_mode = kLockModes[input.choice % kLockModes.size()];
   const int isfd = isopen(workplace.base().c_str(), ISINOUT + ISANYLENGTH + lock_mode);
   if (isfd >= 0) {
     use(isfd);
@@ -154,5 +149,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     isclose(isfd);
   }
   iscleanup();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::with_pair({data, size}, try_on);
   return 0;
 }

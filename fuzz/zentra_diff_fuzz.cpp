@@ -39,22 +39,23 @@ int compare(const fuzz::PairInput& other, const std::string& base, std::vector<s
   return status;
 }
 
+void try_on(const fuzz::Workplace& workplace, const fuzz::PairInput& input) {
+  const std::string& base = workplace.base();
+  std::vector<std::string> words = {"diff", base, base + "-other"};
+  if ((input.choice & 1) != 0) std::swap(words[1], words[2]);
+  if ((input.choice & 2) != 0) words.emplace_back("--json");
+  if ((input.choice & 4) != 0) words.emplace_back("--brief");
+  if ((input.choice & 8) != 0) words.insert(words.end(), {"--by", "2"});
+  if (compare(input, base, words) == kDifferent) std::abort();
+  fuzz::PairInput other = input;
+  change(other);
+  static_cast<void>(compare(other, base, words));
+  if (!workplace.holds(input)) std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Workplace workplace;
-  const auto input = workplace.put({data, size});
-  if (!input) return 0;
-  const std::string& base = workplace.base();
-  std::vector<std::string> words = {"diff", base, base + "-other"};
-  if ((input->choice & 1) != 0) std::swap(words[1], words[2]);
-  if ((input->choice & 2) != 0) words.emplace_back("--json");
-  if ((input->choice & 4) != 0) words.emplace_back("--brief");
-  if ((input->choice & 8) != 0) words.insert(words.end(), {"--by", "2"});
-  if (compare(*input, base, words) == kDifferent) std::abort();
-  fuzz::PairInput other = *input;
-  change(other);
-  static_cast<void>(compare(other, base, words));
-  if (!workplace.holds(*input)) std::abort();
+  fuzz::with_pair({data, size}, try_on);
   return 0;
 }

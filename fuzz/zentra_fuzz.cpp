@@ -35,15 +35,16 @@ std::vector<std::string> words_from(std::uint8_t choice, const std::string& base
   }
 }
 
+void try_on(const fuzz::Workplace& workplace, const fuzz::PairInput& input) {
+  const int status = zentra::run(words_from(input.choice, workplace.base()));
+  const bool is_known = status >= 0 && status <= static_cast<int>(zentra::Status::kUnfinished);
+  const bool in_use = status == static_cast<int>(zentra::Status::kInUse);
+  if (!is_known || in_use || !workplace.holds(input)) std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Workplace workplace;
-  const auto input = workplace.put({data, size});
-  if (!input) return 0;
-  const int status = zentra::run(words_from(input->choice, workplace.base()));
-  const bool is_known = status >= 0 && status <= static_cast<int>(zentra::Status::kUnfinished);
-  const bool in_use = status == static_cast<int>(zentra::Status::kInUse);
-  if (!is_known || in_use || !workplace.holds(*input)) std::abort();
+  fuzz::with_pair({data, size}, try_on);
   return 0;
 }

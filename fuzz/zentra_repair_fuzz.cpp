@@ -46,23 +46,24 @@ bool keeps_records(const Image& index, const Image& before, const Image& after,
   return true;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Workplace workplace;
-  const auto input = workplace.put({data, size});
-  if (!input) return 0;
+void try_on(const fuzz::Workplace& workplace, const fuzz::PairInput& input) {
   const std::string& base = workplace.base();
-  const std::string choice = (input->choice & 1) != 0 ? "--variable=keep" : "--variable=drop";
+  const std::string choice = (input.choice & 1) != 0 ? "--variable=keep" : "--variable=drop";
   const int status = zentra::run({"repair", "--yes", "--force", choice, "--wait", "0", base});
   const Image losses = take_away(workplace);
   if (status != 0) {
-    if (!workplace.holds(*input)) std::abort();
-    return 0;
+    if (!workplace.holds(input)) std::abort();
+    return;
   }
   if (zentra::run({"check", base}) != 0) std::abort();
   const Image index = testing_support::read_file(base + ".idx");
   const Image records = testing_support::read_file(base + ".dat");
-  if (!keeps_records(index, input->records, records, losses)) std::abort();
+  if (!keeps_records(index, input.records, records, losses)) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::with_pair({data, size}, try_on);
   return 0;
 }

@@ -21,19 +21,20 @@ std::vector<std::string> words_from(std::uint8_t choice, const std::string& base
   return words;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const fuzz::Workplace workplace;
-  const auto input = workplace.put({data, size});
-  if (!input) return 0;
+void try_on(const fuzz::Workplace& workplace, const fuzz::PairInput& input) {
   const std::string& base = workplace.base();
-  const int status = zentra::run(words_from(input->choice, base));
+  const int status = zentra::run(words_from(input.choice, base));
   const bool is_made = status == static_cast<int>(zentra::Status::kSound) ||
                        status == static_cast<int>(zentra::Status::kDamaged);
-  if (!workplace.holds(*input)) std::abort();
+  if (!workplace.holds(input)) std::abort();
   if (is_made && zentra::run({"check", base + "-new"}) != 0) std::abort();
   const int left = workplace.remove_others();
   if (is_made ? left < 2 : left != 0) std::abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::with_pair({data, size}, try_on);
   return 0;
 }

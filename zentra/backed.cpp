@@ -12,15 +12,12 @@
 #include "isam/tree/items.h"
 #include "zentra/collector.h"
 #include "zentra/pieces.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 namespace {
 
 using isam::filep;
-
-std::int32_t reference_of(isam::ConstBytes trailer) {
-  return common::ldlong(trailer.data() + isam::kTrailerReference);
-}
 
 // The pieces of a variable part; empty where some are missing.
 std::set<std::int32_t> pieces_of(isam::ConstBytes trailer) {

@@ -18,6 +18,7 @@
 #include "isam/records/varlen.h"
 #include "zentra/collector.h"
 #include "zentra/text.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 namespace {
@@ -30,10 +31,6 @@ constexpr std::size_t kMemory = std::size_t{16} << 20;
 int length_of(isam::ConstBytes trailer) {
   return common::ldshort(trailer.data() + isam::kTrailerLength);
 }
-std::int32_t reference_of(isam::ConstBytes trailer) {
-  return common::ldlong(trailer.data() + isam::kTrailerReference);
-}
-
 enum class Part : std::uint8_t { kWhole, kLost, kNotKnown };
 
 // Of the library's current error: the errno if it is the system's, else 0.
@@ -97,6 +94,22 @@ class Slots {
 
 std::int32_t last_slot(const checker::Check& check) {
   return std::min(check.datlast, check.datreal);
+}
+
+// Calls `look` with each record and its slot, as far as the data file has it whole. The first errno
+// that is not 0, of a read or of `look`, ends it.
+template <typename Look>
+int look_at_slots(const checker::Check& check, const char* title, Look look) {
+  const std::int32_t last = last_slot(check);
+  Slots slots{last};
+  checker::Progress progress(title, last);
+  for (std::int32_t record = 1; record <= last; ++record) {
+    progress.at(record);
+    const isam::ConstBytes slot = slots.of(record);
+    const int failed = slot.empty() ? errno : look(record, slot);
+    if (failed != 0) return failed;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -172,18 +185,11 @@ int find_bad_records(const checker::Check& check, const std::set<std::int32_t>& 
   const auto fixed = static_cast<std::size_t>(filep->geometry.reclen);
   std::vector<isam::Byte> buffer(static_cast<std::size_t>(filep->geometry.maxreclen) + 1);
   isam::RecordLocks* const locks = check.listener.locks();
-  const std::int32_t last = last_slot(check);
-  Slots slots{last};
-  checker::Progress progress("Looking for bad records", last);
-  for (std::int32_t record = 1; record <= last; ++record) {
-    progress.at(record);
-    const isam::ConstBytes slot = slots.of(record);
-    if (slot.empty() && errno != 0) return errno;
-    if (slot.empty()) continue;
+  const auto look = [&](std::int32_t record, isam::ConstBytes slot) {
     const isam::ConstBytes trailer = slot.subspan(fixed);
     const isam::Byte state = trailer[0];
     if (state == isam::kRecordPresent) {
-      if (!varlen) continue;
+      if (!varlen) return 0;
       const bool has_part = reference_of(trailer) != 0 || length_of(trailer) != 0;
       const Part part = has_part ? part_of(record, trailer, buffer) : Part::kWhole;
       if (part == Part::kNotKnown) return errno;
@@ -193,13 +199,15 @@ int find_bad_records(const checker::Check& check, const std::set<std::int32_t>& 
         bad.push_back({record, unreadable_fate, Why::kShared});
       }
     } else if (locks != nullptr && locks->find(record) != nullptr) {
-      continue;  // an open transaction keeps it
+      return 0;  // an open transaction keeps it
     } else if (state != isam::kRecordAbsent) {
       bad.push_back({record, Fate::kDropped, Why::kOddState});
     } else if (varlen && (reference_of(trailer) != 0 || length_of(trailer) != 0)) {
       bad.push_back({record, Fate::kCleared, Why::kReferenceLeft});
     }
-  }
+    return 0;
+  };
+  if (const int failed = look_at_slots(check, "Looking for bad records", look)) return failed;
   isam::clear_errors();
   return find_torn(check, bad);
 }
@@ -248,20 +256,13 @@ int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& 
   common::Sorter sorter{shape};
   std::vector<isam::Byte> entry(shape.entry_size);
   std::vector<isam::Byte> key(length);
-  const std::int32_t last = last_slot(check);
-  Slots slots{last};
   auto bad = records.cbegin();
-  checker::Progress progress("Looking for equal keys", last);
-  for (std::int32_t record = 1; record <= last; ++record) {
-    progress.at(record);
-    const isam::ConstBytes slot = slots.of(record);
-    if (slot.empty() && errno != 0) return errno;
-    if (slot.empty()) continue;
+  const auto look = [&](std::int32_t record, isam::ConstBytes slot) {
     while (bad != records.cend() && bad->record < record) ++bad;
     const bool is_bad = bad != records.cend() && bad->record == record;
     const bool presented = is_bad && bad->fate == Fate::kPresented;
-    if (slot[fixed] != isam::kRecordPresent && !presented) continue;
-    if (is_bad && bad->fate == Fate::kDropped) continue;
+    if (slot[fixed] != isam::kRecordPresent && !presented) return 0;
+    if (is_bad && bad->fate == Fate::kDropped) return 0;
     isam::Byte* to = sortable ? key.data() : entry.data();
     for (int i = 0; i < k.nparts; ++i) {
       const auto part = static_cast<std::size_t>(k.part[i].length);
@@ -270,8 +271,9 @@ int find_equal_keys(const checker::Check& check, const keydescr& k, BadRecords& 
     }
     if (sortable) sort_key.make(key.data(), entry.data());
     common::stlong(record, entry.data() + length);
-    if (sorter.add(entry.data()) != 0) return errno;
-  }
+    return sorter.add(entry.data()) != 0 ? errno : 0;
+  };
+  if (const int failed = look_at_slots(check, "Looking for equal keys", look)) return failed;
   if (sorter.finish() != 0) return errno;
   BadRecords equals;
   bool any = false;

@@ -12,6 +12,7 @@
 #include "isam/base/current.h"
 #include "zentra/deep.h"
 #include "zentra/text.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 namespace {
@@ -23,10 +24,6 @@ using std::chrono::steady_clock;
 
 constexpr int kFewMisfits = 10;  // one slot in so many may lack a state
 constexpr int kFewRecords = 10;  // one in so many items of an index
-
-bool is_state(isam::Byte byte) {
-  return byte == isam::kRecordPresent || byte == isam::kRecordAbsent;
-}
 
 struct Fit {
   std::int64_t slots = 0;

@@ -9,6 +9,7 @@
 #include "isam/base/errors.h"
 #include "isam/records/varlen.h"
 #include "zentra/pieces.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 namespace {
@@ -142,7 +143,7 @@ std::optional<Mended> mended(const BadRecord& bad) {
   if (bad.why != Why::kUnreadable || !read_slot(bad.record, {}, trailer)) return {};
   const int length = common::ldshort(trailer + isam::kTrailerLength);
   Mended its;
-  const bool can = can_be_mended(common::ldlong(trailer + isam::kTrailerReference), length, its);
+  const bool can = can_be_mended(reference_of(trailer), length, its);
   if (!can || its.pages.empty()) return {};
   return its;
 }

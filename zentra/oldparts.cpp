@@ -10,6 +10,7 @@
 #include "isam/records/varlen.h"
 #include "zentra/collector.h"
 #include "zentra/text.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 namespace {
@@ -22,10 +23,6 @@ constexpr std::size_t kMost = std::size_t{1} << 17;  // broken parts, and pieces
 constexpr std::size_t kNamedSize = 5;                // node and slot
 
 int length_of(ConstBytes trailer) { return common::ldword(trailer.data() + isam::kTrailerLength); }
-std::int32_t reference_of(ConstBytes trailer) {
-  return common::ldlong(trailer.data() + isam::kTrailerReference);
-}
-
 // What has this key, if nothing else has; there may be very many that do.
 template <typename Map>
 const typename Map::mapped_type* only_one(const Map& map, int key) {

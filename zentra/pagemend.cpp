@@ -9,6 +9,7 @@
 #include "isam/base/errors.h"
 #include "isam/records/datafile.h"
 #include "isam/records/varlen.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 namespace {
@@ -52,7 +53,7 @@ void note_named_slots(const checker::Check& check, Pages& pages) {
        record = record == INT32_MAX ? 0 : check.datmap.next_set(record + 1)) {
     isam::Byte trailer[isam::kVariableTrailer] = {};
     if (isam::datainfo(record, trailer) != isam::kVariableTrailer) continue;
-    isam::PieceChain chain{common::ldlong(trailer + isam::kTrailerReference)};
+    isam::PieceChain chain{reference_of(trailer)};
     int left = common::ldshort(trailer + isam::kTrailerLength);
     while (chain.pointer() != 0) {
       const isam::PageHold page = chain.read();

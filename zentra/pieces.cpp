@@ -2,6 +2,7 @@
 
 #include "isam/records/datafile.h"
 #include "isam/records/varlen.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 
@@ -15,7 +16,7 @@ std::set<std::int32_t> pieces_of_others(const checker::Check& check, const BadRe
     if (next_bad != bad.cend() && next_bad->record == record) continue;
     isam::Byte trailer[isam::kVariableTrailer] = {};
     if (isam::datainfo(record, trailer) != isam::kVariableTrailer) continue;
-    isam::PieceChain chain{common::ldlong(trailer + isam::kTrailerReference)};
+    isam::PieceChain chain{reference_of(trailer)};
     while (chain.pointer() != 0) {
       if (pieces.contains(chain.pointer())) taken.insert(chain.pointer());
       const isam::PageHold page = chain.read();

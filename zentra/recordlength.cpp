@@ -5,6 +5,7 @@
 #include <numeric>
 
 #include "isam/base/format.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 namespace {
@@ -20,7 +21,7 @@ constexpr std::int64_t kAlike = 100;      // so many that differ by one are as g
 bool is_trailer(isam::ConstBytes trailer) {
   constexpr int kLongestPiece = isam::kMaxStoredNodeSize - 29;
   const int length = common::ldword(trailer.data() + isam::kTrailerLength);
-  const std::int32_t reference = common::ldlong(trailer.data() + isam::kTrailerReference);
+  const std::int32_t reference = reference_of(trailer);
   if (length == 0 || reference == 0) return length == 0 && reference == 0;
   if (length > isam::kMaxRecordLength || isam::rpage::pointer_node(reference) < 2) return false;
   return length <= kLongestPiece || isam::rpage::pointer_slot(reference) == 0;

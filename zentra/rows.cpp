@@ -15,6 +15,11 @@ Rows::Step Rows::bad(std::string why) {
   return Step::kBad;
 }
 
+std::string Rows::shown_name(std::string_view name) {
+  constexpr std::size_t kMost = 60;  // bytes
+  return shown(name.substr(0, kMost));
+}
+
 Rows::Step Rows::failed(std::string why) {
   why_ = std::move(why);
   return Step::kFailed;

@@ -57,6 +57,8 @@ class Rows {
 
  protected:
   Rows() = default;
+  // A name that the text has for a field, as a reason tells it.
+  [[nodiscard]] static std::string shown_name(std::string_view name);
   Step bad(std::string why);
   Step failed(std::string why);
 

@@ -18,8 +18,6 @@ namespace {
 
 using CsvStep = layout::CsvReader::Step;
 
-constexpr std::size_t kShownOfName = 60;  // bytes
-
 class CsvRows : public Rows {
  public:
   CsvRows(Input& input, const layout::Fields& fields, const Lengths& lengths, Unknown unknown)
@@ -79,7 +77,7 @@ class CsvRows : public Rows {
     for (const std::string_view name : reader_.cells()) {
       const auto field = form_.find(name, columns_.size());
       columns_.push_back(field);
-      const std::string word = shown(name.substr(0, kShownOfName));
+      const std::string word = shown_name(name);
       if (!field && unknown_ == Unknown::kRefused && name != kNumberName) {
         return refuse_header(fmt::format("no field is named {}", word));
       }

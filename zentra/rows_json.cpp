@@ -15,8 +15,6 @@
 namespace zentra {
 namespace {
 
-constexpr std::size_t kShownOfName = 60;  // bytes
-
 int digit_of(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -68,9 +66,8 @@ class JsonRows : public Rows {
       if (!field && guess == 0 && members_.name() == "schema") return take_loss();
       const bool is_passed = unknown_ == Unknown::kIgnored || members_.name() == kNumberName;
       if (!field && is_passed) continue;
-      const std::string_view name = members_.name().substr(0, kShownOfName);
-      if (!field) return bad(fmt::format("no field is named {}", shown(name)));
-      if (is_given_[*field]) return bad(fmt::format("{} twice", shown(name)));
+      if (!field) return bad(fmt::format("no field is named {}", shown_name(members_.name())));
+      if (is_given_[*field]) return bad(fmt::format("{} twice", shown_name(members_.name())));
       is_given_[*field] = true;
       guess = *field;
       if (!form_.set(*field, members_.kind(), members_.value())) return bad(form_.why());

@@ -11,6 +11,7 @@
 
 #include "isam/base/format.h"
 #include "zentra/rescuefile.h"
+#include "zentra/trailer.h"
 
 namespace zentra {
 
@@ -24,10 +25,6 @@ struct SlotShape {
   [[nodiscard]] int size() const { return length + trailer(); }
   [[nodiscard]] bool operator==(const SlotShape&) const = default;
 };
-
-[[nodiscard]] inline bool is_state(isam::Byte byte) {
-  return byte == isam::kRecordPresent || byte == isam::kRecordAbsent;
-}
 
 struct SourceSlot {
   std::int64_t offset = 0;
