@@ -12,16 +12,6 @@ namespace testing_support {
 // without which its own allocator ends the process.
 class NoMoreMemory {
  public:
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-  static constexpr bool kLeavesSome = true;
-#else
-  static constexpr bool kLeavesSome = false;
-#endif
-#else
-  static constexpr bool kLeavesSome = false;
-#endif
-
   NoMoreMemory() {
     ::getrlimit(RLIMIT_AS, &before_);
     const struct rlimit none { most(), before_.rlim_max };
@@ -33,10 +23,14 @@ class NoMoreMemory {
 
  private:
   static rlim_t most() {
-    if (!kLeavesSome) return 1;
+#ifdef __has_feature
+#if __has_feature(address_sanitizer)
     rlim_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     return pages * static_cast<rlim_t>(::getpagesize()) + (1 << 20);
+#endif
+#endif
+    return 1;
   }
 
   struct rlimit before_ {};
