@@ -42,7 +42,8 @@ struct UndoData {
 
 // The name of the small file that stands beside a kept index.
 [[nodiscard]] std::string undo_file_of(const std::string& kept);
-// The name of the note about bytes of the data file that a repair has changed (zentra/databytes).
+// The name of the note about bytes of the data file that a repair has changed
+// (zentra/repair/databytes).
 [[nodiscard]] std::string data_file_of(const std::string& kept);
 // Notes `data` in the attribute of the kept file: 0, or -1 with errno. After a failure the caller
 // may write the small file instead.

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_pair.h"
-#include "zentra/commandline.h"
+#include "zentra/command/commandline.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <string>
 #include <string_view>
 
-#include "zentra/jsonmembers.h"
-#include "zentra/rawtext.h"
-#include "zentra/text.h"
+#include "zentra/report/text.h"
+#include "zentra/transfer/jsonmembers.h"
+#include "zentra/transfer/rawtext.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include "common/bytes.h"
 #include "fuzz/fuzz_pair.h"
 #include "isam/base/format.h"
-#include "zentra/commandline.h"
+#include "zentra/command/commandline.h"
 
 namespace {
 

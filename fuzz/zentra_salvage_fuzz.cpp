@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "fuzz/fuzz_pair.h"
-#include "zentra/commandline.h"
-#include "zentra/status.h"
+#include "zentra/command/commandline.h"
+#include "zentra/report/status.h"
 
 namespace {
 

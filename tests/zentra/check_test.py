@@ -168,7 +168,7 @@ class Check(unittest.TestCase):
 
     def test_codes_stand_in_the_manual(self):
         page = (MANUAL / 'zentra-check.1').read_text()
-        sources = [*(MANUAL.parent / 'zentra').glob('*.cpp'),
+        sources = [*(MANUAL.parent / 'zentra').rglob('*.cpp'),
                    *(MANUAL.parent / 'checker' / f'{name}.cpp' for name in ('entry', 'recorder'))]
         codes = {code for path in sources for code in re.findall(
             r'"((?:index|record-list|node-list|storage|audit|pair|pieces|transaction|system|library)'

@@ -1,5 +1,5 @@
 // Lines of JSON: what is read in one go is what the parser makes of it.
-#include "zentra/jsonmembers.h"
+#include "zentra/transfer/jsonmembers.h"
 
 #include <gtest/gtest.h>
 

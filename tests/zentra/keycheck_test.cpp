@@ -1,5 +1,5 @@
 // The two orders in which keys are compared with records find the same.
-#include "zentra/keycheck.h"
+#include "zentra/check/keycheck.h"
 
 #include <gtest/gtest.h>
 
@@ -13,8 +13,8 @@
 #include "isam/base/errors.h"
 #include "tests/support/damaged_pair.h"
 #include "tests/support/run_program.h"
-#include "zentra/deep.h"
-#include "zentra/readpair.h"
+#include "zentra/check/deep.h"
+#include "zentra/pair/readpair.h"
 
 namespace zentra {
 namespace {

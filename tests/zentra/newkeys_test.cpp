@@ -1,6 +1,6 @@
 // Key descriptions for a pair that has lost its own: from a file, from another pair, from its
 // trees.
-#include "zentra/newkeys.h"
+#include "zentra/keys/newkeys.h"
 
 #include <gtest/gtest.h>
 
@@ -14,9 +14,9 @@
 #include "isam/keys/keys.h"
 #include "tests/support/pair_builder.h"
 #include "tests/support/run_program.h"
-#include "zentra/keysfile.h"
-#include "zentra/proposekeys.h"
-#include "zentra/readpair.h"
+#include "zentra/keys/keysfile.h"
+#include "zentra/keys/proposekeys.h"
+#include "zentra/pair/readpair.h"
 
 namespace testing_support {
 namespace {
