@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <utility>
 
 #include "common/io.h"
@@ -139,6 +140,14 @@ bool FileMap::copy(Bytes to, std::int64_t offset) {
   begin_copy(from);
   std::memcpy(to.data(), from.data(), from.size());
   return end_copy();
+}
+
+bool FileMap::has(ConstBytes bytes, std::int64_t offset) {
+  if (!covers(bytes.size(), offset)) return false;
+  const ConstBytes from{pages_ + offset, bytes.size()};
+  begin_copy(from);
+  const bool same = std::memcmp(from.data(), bytes.data(), bytes.size()) == 0;
+  return end_copy() && same;
 }
 
 // copy(), with a look at the time it takes: where it has waited for a disk, what lies around it is

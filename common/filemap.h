@@ -53,6 +53,8 @@ class FileMap {
   [[nodiscard]] bool look(Bytes to, std::int64_t offset) {
     return covers(to.size(), offset) && copy(to, offset);
   }
+  // Whether the file has these bytes; only where that costs no system call: false elsewhere.
+  [[nodiscard]] bool has(ConstBytes bytes, std::int64_t offset);
   // Asks how long the file is by now, and maps it where the mapping does not reach so far: for
   // reads that will be many.
   void look_again(int fd);

@@ -356,6 +356,11 @@ int isfetchmany(int isfd, struct recordset* set, int mode);
  * be written, all of these are taken back. */
 int iswritemany(int isfd, struct recordset* set);
 
+/* Replaces the records that set->numbers names, as isrewrec() does; arrays as for iswritemany(). In
+ * a transaction up to 64 records of fixed length whose keys stay the same go to the log and to the
+ * file together; when they cannot be written, the transaction can only be rolled back. */
+int isrewritemany(int isfd, struct recordset* set);
+
 /* Adds many records at once through the only open of a file, an exclusive one: they are gathered,
  * sorted once, and every index is built or merged with what it has at the end. Until isloadend()
  * returns the pair is as it was, also for its reader, and whatever fails leaves it so; so does a

@@ -48,7 +48,7 @@ class BdbLedger : public Ledger {
       DBT key = bytes(account.bytes, kKeyLength);
       DBT record = room(account.bytes, kRecordLength);
       int result = trees_.records->get(trees_.records, transaction, &key, &record, DB_RMW);
-      account.add_one();
+      add_one(account.bytes);
       if (result == 0) result = put(transaction, account);
       if (result == DB_LOCK_DEADLOCK) {
         check(transaction->abort(transaction), "abort");
@@ -68,7 +68,7 @@ class BdbLedger : public Ledger {
     Account account{0};
     DBT key = room(key_bytes, kKeyLength);
     DBT record = room(account.bytes, kRecordLength);
-    while (cursor->get(cursor, &key, &record, DB_NEXT) == 0) sum += account.counter();
+    while (cursor->get(cursor, &key, &record, DB_NEXT) == 0) sum += counter_of(account.bytes);
     check(cursor->close(cursor), "close of the cursor");
     return sum;
   }

@@ -4,11 +4,11 @@
 // the same pieces:
 //
 //   reading    the pair is locked; each record is searched, copied and locked; the pair let go
-//   rewriting  in turns of six calls at most, the pair locked: the dictionary, so that others know
-//              of the change; in a turn at the log, whose end is looked for, the images before and
-//              behind; the records. At the end of a turn that its sixth call ends, the dictionary
-//              again before the record of that call; else the raised stamp before the records
-//   the end    its mark in the log, in the turn at the log of the last images; the records' locks
+//   rewriting  in one turn, the pair locked: the raised stamp, so that others know of the change;
+//   in
+//              a turn at the log, whose end is looked for, the images before and behind; the
+//              records
+//   the end    its mark in the log, in the same turn at the log; the records' locks
 //
 // What is left out: checks, the pool, what is remembered of locks and of the log, positions.
 #include <fcntl.h>
@@ -21,7 +21,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "bench/stores/mapped_file.h"
@@ -39,7 +38,6 @@ constexpr std::size_t kStamp = 41;  // of 4 bytes
 constexpr std::size_t kStampLength = 4;
 constexpr std::size_t kHeader = 34;  // of an image in the log
 constexpr std::size_t kMark = 26;    // of a record that begins or ends a transaction
-constexpr std::size_t kTurn = 6;
 constexpr auto kBeforeSleep = std::chrono::microseconds(100);
 
 using Slot = std::array<char, kSlot>;
@@ -69,9 +67,7 @@ class FloorLedger : public Ledger {
 
   bool transact(std::span<const int> accounts) override {
     read(accounts);
-    for (std::size_t first = 0; first < accounts.size(); first += kTurn) {
-      rewrite(first, std::min(accounts.size(), first + kTurn));
-    }
+    rewrite(accounts.size());
     end_of_log();
     if (waits_) check_system(::fdatasync(log_->fd()) == 0, "fdatasync");
     lock(index_->fd(), F_SETLK, F_UNLCK, kRecordLocks, kRecordLocks - 2);
@@ -81,7 +77,9 @@ class FloorLedger : public Ledger {
   long total() override {
     data_->map();
     long sum = 0;
-    for (int i = 0; i < kAccounts; ++i) sum += counter(slot_at(static_cast<std::size_t>(i)).data());
+    for (int i = 0; i < kAccounts; ++i) {
+      sum += counter_of(slot_at(static_cast<std::size_t>(i)).data());
+    }
     return sum;
   }
 
@@ -89,10 +87,6 @@ class FloorLedger : public Ledger {
   [[nodiscard]] std::span<const char> slot_at(std::size_t place) const {
     return data_->bytes().subspan(place * kSlot, kSlot);
   }
-  static long counter(const char* record) {
-    return std::stol(std::string(record + kCounterAt, kCounterLength));
-  }
-
   void enter(int type) {
     take(index_->fd(), type, 0, kPairLength);
     std::memcpy(dictionary_.data(), index_->bytes().data(), kDictionary);
@@ -113,36 +107,23 @@ class FloorLedger : public Ledger {
         take(index_->fd(), F_WRLCK, byte, 1);
         enter(F_RDLCK);
       }
-      std::ranges::copy(slot_at(places_[i]), before_[i].begin());
+      std::ranges::copy(slot_at(places_[i]), after_[i].begin());
     }
     leave();
+    for (Slot& slot : after_) add_one(slot.data());
   }
 
-  // One turn at the pair. Its sixth call, which ends it, makes its own change of the dictionary.
-  void rewrite(std::size_t first, std::size_t end) {
-    const bool is_full = end - first == kTurn;
+  void rewrite(std::size_t count) {
     enter(F_WRLCK);
-    if (first == 0) add_to_log(kMark, nullptr, nullptr);
-    for (std::size_t i = first; i < end; ++i) {
+    add_to_log(kMark, nullptr, nullptr);
+    for (std::size_t i = 0; i < count; ++i) {
       std::ranges::copy(slot_at(places_[i]), before_[i].begin());
-      Account account{0};
-      std::memcpy(account.bytes, before_[i].data(), kRecordLength);
-      account.add_one();
-      std::memcpy(after_[i].data(), account.bytes, kRecordLength);
-      after_[i].back() = '\n';
       add_to_log(kHeader, before_[i].data(), after_[i].data());
     }
-    index_->write(dictionary_, 0);
+    index_->write(std::span{dictionary_}.subspan(kStamp, kStampLength), kStamp);
+    begin_log();
     write_log();
-    if (is_full) {
-      let_go_of_log();
-      for (std::size_t i = first; i + 1 < end; ++i) put(i);
-      index_->write(dictionary_, 0);
-      put(end - 1);
-    } else {
-      index_->write(std::span{dictionary_}.subspan(kStamp, kStampLength), kStamp);
-      for (std::size_t i = first; i < end; ++i) put(i);
-    }
+    for (std::size_t i = 0; i < count; ++i) put(i);
     leave();
   }
   void put(std::size_t index) { data_->write(after_[index], places_[index] * kSlot); }
@@ -154,23 +135,18 @@ class FloorLedger : public Ledger {
     }
   }
   void write_log() {
-    if (!has_log_) {
-      take(log_->fd(), F_WRLCK, 0, 0);
-      log_end_ = static_cast<std::size_t>(::lseek(log_->fd(), 0, SEEK_END));
-      has_log_ = true;
-    }
     log_->write(piece_, log_end_);
     log_end_ += piece_.size();
     piece_.clear();
   }
-  void let_go_of_log() {
-    lock(log_->fd(), F_SETLK, F_UNLCK, 0, 0);
-    has_log_ = false;
+  void begin_log() {
+    take(log_->fd(), F_WRLCK, 0, 0);
+    log_end_ = static_cast<std::size_t>(::lseek(log_->fd(), 0, SEEK_END));
   }
   void end_of_log() {
     add_to_log(kMark, nullptr, nullptr);
     write_log();
-    let_go_of_log();
+    lock(log_->fd(), F_SETLK, F_UNLCK, 0, 0);
   }
 
   static int lock(int fd, int command, int type, off_t start, off_t length) {
@@ -200,7 +176,6 @@ class FloorLedger : public Ledger {
   std::vector<Slot> after_;
   std::vector<char> piece_;
   std::size_t log_end_ = 0;
-  bool has_log_ = false;
   bool waits_ = false;
 };
 

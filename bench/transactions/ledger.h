@@ -32,14 +32,16 @@ class Ledger {
   virtual long total() = 0;
 };
 
-// The first bytes of an account's record.
+// An account's record.
 struct Account {
   char bytes[kRecordLength + 1];
 
   explicit Account(int number);
-  void add_one();
-  [[nodiscard]] long counter() const;
 };
+
+// The counter in an account's record.
+[[nodiscard]] long counter_of(const char* record);
+void add_one(char* record);
 
 std::unique_ptr<Ledger> isam_ledger();
 std::unique_ptr<Ledger> floor_ledger();

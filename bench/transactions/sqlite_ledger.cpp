@@ -51,7 +51,7 @@ class SqliteLedger : public Ledger {
       std::memcpy(account.bytes + kCounterAt, sqlite3_column_blob(find_, 0),
                   kRecordLength - kCounterAt);
       db_.reset(find_);
-      account.add_one();
+      add_one(account.bytes);
       db_.bind(rewrite_, 1, account.bytes, kKeyLength);
       db_.bind(rewrite_, 2, account.bytes + kCounterAt, kRecordLength - kCounterAt);
       db_.run(rewrite_);
@@ -66,7 +66,7 @@ class SqliteLedger : public Ledger {
     while (db_.step(all)) {
       Account account{0};
       std::memcpy(account.bytes + kCounterAt, sqlite3_column_blob(all, 0), kCounterLength);
-      sum += account.counter();
+      sum += counter_of(account.bytes);
     }
     db_.finalize(all);
     return sum;

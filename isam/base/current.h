@@ -123,6 +123,8 @@ struct OfCall {
   bool spilled = false;                // a changed page has been written meanwhile
   bool keeps_changes = false;          // what it changed stays even if it fails
   bool may_hold = false;               // the record that it rewrites may be held back
+  bool is_of_many = false;             // it is one of many that a call of the application rewrites
+  bool more_follow = false;            // ... and not the last of them
   bool has_room = false;               // what it puts back needs no more room (RoomIsThere)
 };
 
@@ -137,6 +139,7 @@ struct Unwritten {
   bool dictionary = false;        // the dictionary copy differs from the file's
   int calls = 0;                  // calls of exclusive opens since the dictionary was written
   bool stamp_lags = false;        // ... in the file: what is held back has raised it further
+  bool is_announced = false;      // what is held back has raised it in the file
   FailedWrite failed;             // the first since one was last told
   FailedWrite lost;               // ... since the pair was opened exclusively
   bool pages_lost = false;        // since then a page has lost its buffer unwritten

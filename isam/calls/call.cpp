@@ -223,10 +223,14 @@ void write_changes() {
 // written behind what is. Without a change all waits, until the file is let go.
 void write_or_hold_back() {
   const bool changed = filep->call.page_changed || filep->unwritten.dictionary;
-  if (changed && hold_back()) return;
-  const bool undone = iserrno != 0 && txlog::logstate.change_logged;
-  if (changed || undone || lets_go()) write_held_back();
-  write_changes();
+  const bool waits = changed && hold_back();
+  const bool goes_out = !waits && (changed || (iserrno != 0 && txlog::logstate.change_logged));
+  if (goes_out || (lets_go() && !filep->call.more_follow)) {
+    write_held_back();
+  } else if (!filep->call.more_follow) {
+    announce_held_back();
+  }
+  if (!waits) write_changes();
 }
 
 // What the call has logged is withdrawn when the change was not made: it was `undone`, or could not

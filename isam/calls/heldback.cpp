@@ -20,6 +20,7 @@ void lose() {
   bfdiscard(*filep);
   bfignor(*filep);
   unwritten.held_count = 0;
+  unwritten.stamp_lags = unwritten.is_announced = false;
   unwritten.dictionary = filep->call.page_changed = false;
   openp->position.depth = openp->cursor.bt.depth = -1;
   if (dictread() == 0) filep->cached.stamp = openp->stamp = dictp->d_modcount();
@@ -42,9 +43,12 @@ int append() {
 }  // namespace
 
 bool may_be_held_back() {
-  return batchflag != 0 && !lets_go() && may_be_undone() && !is_alone() &&
-         !filep->geometry.varlen && !dictp->d_audits() && filep->unwritten.pages == nullptr &&
-         filep->unwritten.failed.error == 0;
+  constexpr std::size_t kMostHeld = 64;
+  const Unwritten& unwritten = filep->unwritten;
+  const bool file_stays = (batchflag != 0 && !lets_go()) || filep->call.is_of_many;
+  return file_stays && may_be_undone() && !is_alone() && !filep->geometry.varlen &&
+         !dictp->d_audits() && unwritten.pages == nullptr && unwritten.failed.error == 0 &&
+         unwritten.held_count < kMostHeld && txlog::one_more_may_wait();
 }
 
 bool hold_back() {
@@ -57,19 +61,27 @@ bool hold_back() {
   filep->call.page_changed = false;
   openp->stamp = ++filep->cached.stamp;
   dictp->set_d_modcount(filep->cached.stamp);
-  unwritten.stamp_lags = unwritten.held_count > 1;
-  if (!unwritten.stamp_lags && dictwrite() != 0) {
-    append();
-    lose();
-  }
+  unwritten.stamp_lags = true;
   return true;
+}
+
+void announce_held_back() {
+  Unwritten& unwritten = filep->unwritten;
+  if (unwritten.is_announced || !unwritten.stamp_lags) return;
+  unwritten.is_announced = true;
+  unwritten.stamp_lags = false;
+  if (write_stamp() == 0) return;
+  append();
+  lose();
 }
 
 int write_held_back() {
   Unwritten& unwritten = filep->unwritten;
+  const bool is_announced = std::exchange(unwritten.is_announced, false);
   const bool is_raised = std::exchange(unwritten.stamp_lags, false);
-  // A call that goes on with a change raises it further and writes it.
-  const bool is_due = is_raised && (!filep->call.page_changed || iserrno != 0);
+  // A call that goes on with a change raises it further and writes it, before its own record.
+  const bool goes_on = filep->call.page_changed && iserrno == 0;
+  const bool is_due = is_raised && !(is_announced && goes_on);
   if (append() == 0 && (!is_due || write_stamp() == 0) && bfwrite_held() == 0) return 0;
   lose();
   return -1;

@@ -27,7 +27,7 @@ namespace {
 // Calls `work` with each open in use.
 template <typename Work>
 void for_each_open(Work work) {
-  for (int isfd = 0; isfd < nopens; ++isfd) {
+  for (int isfd = 0; isfd < first_unused_handle(); ++isfd) {
     if (Open* const open = open_of(isfd)) work(*open);
   }
 }

@@ -214,16 +214,21 @@ int read_many(int isfd, recordset* set, int mode, Wanted wanted) {
   }
 }
 
-// Adding records. What an open shared with other processes adds goes to the files in portions, for
-// to write many records costs little more than to write one. When one of a portion is refused, the
-// portion is taken back and made again as far as that: nothing stays of a record that is refused.
+// What becomes of the records of a set.
+enum class Wish { kAdd, kRewrite };
+
+// Adding or rewriting records. What an open shared with other processes changes goes to the files
+// in portions, for to write many records costs little more than to write one. When one of a portion
+// is refused, the portion is taken back and made again as far as that: nothing stays of a change
+// that is refused. Rewrites of a transaction wait for each other instead (isam/calls/heldback).
 class Writing {
  public:
-  explicit Writing(recordset& set) : set_(set) {}
+  Writing(recordset& set, Wish wish) : set_(set), wish_(wish) {}
 
-  // How many records were added; what the call leaves in iserrno belongs to the next one.
+  // How many records were written; what the call leaves in iserrno belongs to the next one.
   int run(Call& call) {
     write_portions(call.cursor());
+    filep->call.more_follow = false;
     if (call.end() == 0) settle();
     if (done_ < set_.count) take_length(done_);  // as a refused iswrite leaves it
     return done_;
@@ -234,11 +239,11 @@ class Writing {
     int portion = longest_portion();
     while (true) {
       const int wanted = std::min(portion, set_.count - done_);
-      for (added_ = 0; added_ < wanted && add(cursor);) ++added_;
-      if (added_ < wanted) {
-        if (added_ == 0 || !take_back(portion)) return;
+      for (made_ = 0; made_ < wanted && make(cursor);) ++made_;
+      if (made_ < wanted) {
+        if (made_ == 0 || !take_back(portion)) return;
       } else {
-        if (done_ + added_ == set_.count) return;
+        if (done_ + made_ == set_.count) return;
         end_change();
         if (iserrno != 0) return;
         settle();
@@ -249,64 +254,79 @@ class Writing {
 
   // One record is the portion where each is written late, or where more than the files would have
   // to be taken back: the log, the audit trail, locks. Else what changes has room in the pool.
-  static int longest_portion() {
+  [[nodiscard]] int longest_portion() const {
     constexpr std::size_t kMost = 64;
     constexpr std::size_t kMostPages = 256;
     const bool alone =
         is_alone() || txlog::logs_changes() || dictp->d_audits() || (openp->mode & ISAUTOLOCK) != 0;
     const Keys* const keys = alone ? nullptr : file_keys();
     if (keys == nullptr) return 1;
+    const std::size_t items = (wish_ == Wish::kAdd ? 1 : 2) * keys->size();
     const std::size_t pages =
-        keys->size() + static_cast<std::size_t>(filep->geometry.maxreclen) / kPageSize + 2;
+        items + static_cast<std::size_t>(filep->geometry.maxreclen) / kPageSize + 2;
     return static_cast<int>(std::clamp<std::size_t>(kMostPages / pages, 1, kMost));
   }
 
-  // Adds the next record: false with iserrno.
-  bool add(Cursor& cursor) {
-    const int index = done_ + added_;
+  // Adds or rewrites the next record: false with iserrno.
+  bool make(Cursor& cursor) {
+    const int index = done_ + made_;
     take_length(index);
     const int length = isxgetlen();
     if (length < 0) return false;
-    const std::int32_t number = wrtrecord(
-        cursor, {place_of(set_, index), static_cast<std::size_t>(length)}, Current::kStays);
+    const ConstBytes record{place_of(set_, index), static_cast<std::size_t>(length)};
+    if (wish_ == Wish::kRewrite) return rewrite(cursor, index, record);
+    const std::int32_t number = wrtrecord(cursor, record, Current::kStays);
     if (number < 0) return false;
     set_.numbers[index] = number;
     return true;
   }
 
-  // The record behind those added was refused. True when these are to be added again, as the next
+  [[nodiscard]] bool rewrite(Cursor& cursor, int index, ConstBytes record) const {
+    filep->call.is_of_many = true;
+    filep->call.more_follow = index + 1 < set_.count;
+    const FoundRecord found = getcurrent(set_.numbers[index]);
+    if (found.number >= 0) {
+      return rewrecord(cursor, found.number, found.bytes, record, Current::kStays) == 0;
+    }
+    cursor.bt = openp->position;
+    return false;
+  }
+
+  // The record behind those made was refused. True when these are to be made again, as the next
   // portion; false when they stay, since some of their pages have been written.
   bool take_back(int& portion) {
     const std::int32_t reason = iserrno;
     const bool stays = filep->call.spilled;
     end_change();
-    portion = added_;
+    portion = made_;
     if (stays && iserrno == reason) settle();
-    added_ = 0;
+    made_ = 0;
     return !stays;
   }
 
-  // As the application would, before it calls iswrite.
+  // As the application would, before it calls iswrite or isrewrec.
   void take_length(int index) const {
     if (filep->geometry.varlen) isreclen = set_.lengths[index];
   }
 
-  // What was added is in the files.
+  // What was made stays.
   void settle() {
-    done_ += std::exchange(added_, 0);
+    done_ += std::exchange(made_, 0);
     if (done_ > 0) isrecnum = set_.numbers[done_ - 1];
   }
 
   recordset& set_;
+  Wish wish_;
   int done_ = 0;
-  int added_ = 0;  // behind these, in the change under way
+  int made_ = 0;  // behind these, in the change under way
 };
 
-int write_many(int isfd, recordset* set) {
-  Call call{isfd, {.access = Access::kToWrite}};
-  if (!call) return refused_access('8');
+int write_many(int isfd, recordset* set, Wish wish) {
+  const bool rewrites = wish == Wish::kRewrite;
+  Call call{isfd, {.access = Access::kToWrite, .holds_on = rewrites}};
+  if (!call) return refused_access(rewrites ? '9' : '8');
   if (check_set(set, filep->geometry.varlen) != 0) return call.end();
-  return Writing{*set}.run(call);
+  return Writing{*set, wish}.run(call);
 }
 
 }  // namespace
@@ -325,5 +345,11 @@ extern "C" int isfetchmany(int isfd, struct recordset* set, int mode) {
 }
 
 extern "C" int iswritemany(int isfd, struct recordset* set) {
-  return traced("iswritemany", isfd, set, Carries::kRecords, [=] { return write_many(isfd, set); });
+  return traced("iswritemany", isfd, set, Carries::kRecords,
+                [=] { return write_many(isfd, set, Wish::kAdd); });
+}
+
+extern "C" int isrewritemany(int isfd, struct recordset* set) {
+  return traced("isrewritemany", isfd, set, Carries::kRecords,
+                [=] { return write_many(isfd, set, Wish::kRewrite); });
 }

@@ -35,6 +35,7 @@ constexpr std::size_t kMaxBaseName = 122;
 
 // Records are made on first use and kept for the life of the process.
 std::array<std::unique_ptr<Open>, nopens> opens;
+int opens_made = 0;  // the first of them
 std::array<std::unique_ptr<OpenPair>, nfiles> files;
 std::vector<Byte> record_buffer;
 
@@ -208,7 +209,10 @@ int ckfilname(const char* base) {
 
 Open* allocopen() {
   for (auto& open : opens) {
-    if (!open) open.reset(new (std::nothrow) Open);
+    if (!open) {
+      open.reset(new (std::nothrow) Open);
+      if (open) ++opens_made;
+    }
     if (!open) {
       failed(kNoMemory);
       return nullptr;
@@ -230,6 +234,8 @@ Open* open_of(int isfd) {
   Open* open = opens[static_cast<std::size_t>(isfd)].get();
   return open != nullptr && open->state == OpenState::kInUse ? open : nullptr;
 }
+
+int first_unused_handle() { return opens_made; }
 
 int isfd_of(const Open& open) {
   for (std::size_t i = 0; i < opens.size(); ++i) {

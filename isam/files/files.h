@@ -35,6 +35,8 @@ int ckfilname(const char* base);
 [[nodiscard]] Open* allocopen();
 // The open of a handle, null when it is not in use.
 [[nodiscard]] Open* open_of(int isfd);
+// From this handle on none has been in use yet.
+[[nodiscard]] int first_unused_handle();
 // The handle of an open.
 [[nodiscard]] int isfd_of(const Open& open);
 // Gives an open and its part in the open pair back.

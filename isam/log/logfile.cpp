@@ -23,9 +23,9 @@ LogState logstate;
 
 namespace {
 
-// The longest piece: the records of the six calls that batch mode joins, an opposite that is owed,
-// and up to three short ones.
-constexpr std::int64_t kLongestPiece = 7 * log_record::kGreatest + 512;
+// The longest piece: records that wait, as long as six of the greatest length, an opposite that is
+// owed, and up to three short ones.
+constexpr std::size_t kLongestPiece = 7 * log_record::kGreatest + 512;
 
 // How a record is linked, once it is known where it goes.
 enum class Stamp : std::uint8_t {
@@ -106,7 +106,7 @@ std::int64_t end_of_log() {
   // that: the log is damaged.
   const bool grown = end_we_left >= kMagicSize && end_we_left <= end;
   const std::int64_t whole = end_of_whole_records(grown ? end_we_left : kMagicSize, end);
-  if (whole != end && end - whole > kLongestPiece) return -1;
+  if (whole != end && end - whole > std::int64_t{kLongestPiece}) return -1;
   return common::cut_file(logstate.fd, whole) == 0 ? whole : -1;
 }
 
@@ -309,6 +309,11 @@ int LogPiece::fail() const {
 }
 
 bool log_waits() { return waits; }
+
+// Behind it comes one that waits for nothing.
+bool one_more_may_wait() {
+  return !waits || piece.size() + 2 * std::size_t{log_record::kGreatest} <= kLongestPiece;
+}
 
 int offer_waiting() { return !waits || append_piece() >= 0 ? 0 : -1; }
 

@@ -110,6 +110,8 @@ class LogPiece {
 
 // Whether records wait.
 [[nodiscard]] bool log_waits();
+// Whether one more may wait: a piece has a greatest length.
+[[nodiscard]] bool one_more_may_wait();
 // Appends what waits: 0, or -1 with 121, and it goes on waiting.
 int offer_waiting();
 // Appends what waits: 0, or -1 with 121, and the log will never have it.

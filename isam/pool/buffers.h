@@ -125,8 +125,13 @@ class PageStamp {
   // Whether the pool has that node of the current file still, not changed since and not held. It
   // counts as used, then.
   [[nodiscard]] bool stands() const;
+  // The same where another process has changed the file meanwhile, but not this node. Which place
+  // it has in a tree is to be found out anew.
+  [[nodiscard]] bool stands_again() const;
 
  private:
+  [[nodiscard]] bool is_there() const;
+
   Buffer* buffer_ = nullptr;
   std::uint64_t version_ = 0;
 };

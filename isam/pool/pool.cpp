@@ -249,6 +249,16 @@ bool Pool::load(Buffer& buffer) {
   return true;
 }
 
+// Another process has changed the file, but perhaps not this page.
+bool Pool::is_as_before(Buffer& buffer) {
+  if ((buffer.flags & kModified) != 0) return false;
+  const Place place = bfmapaddr(buffer);
+  common::FileMap& map = map_of(*buffer.file, place.kind);
+  if (!map.has({buffer.page, place.length}, place.offset)) return false;
+  buffer.generation = buffer.file->cached.generation;
+  return true;
+}
+
 Buffer* Pool::bfread(std::int32_t block) {
   // Bytes that wait to be written past the pool belong into the block that is read.
   if (block < 0 && !filep->unwritten.direct.bytes.empty() && pool_direct() != 0) return nullptr;
@@ -331,10 +341,22 @@ void Pool::bfrelease(Buffer* buffer) {
 
 void PageHold::release_page(Buffer* buffer) { the_pool->bfrelease(buffer); }
 
+inline bool PageStamp::is_there() const {
+  return buffer_->version == version_ && buffer_->file == filep &&
+         (buffer_->flags & (kValid | kBusy)) == kValid;
+}
+
 bool PageStamp::stands() const {
-  if (buffer_ == nullptr || buffer_->version != version_ || buffer_->file != filep ||
-      buffer_->generation != filep->cached.generation ||
-      (buffer_->flags & (kValid | kBusy)) != kValid) {
+  if (buffer_ == nullptr || buffer_->generation != filep->cached.generation || !is_there()) {
+    return false;
+  }
+  the_pool->used(buffer_);
+  return true;
+}
+
+bool PageStamp::stands_again() const {
+  if (buffer_ == nullptr || !is_there()) return false;
+  if (buffer_->generation != filep->cached.generation && !the_pool->is_as_before(*buffer_)) {
     return false;
   }
   the_pool->used(buffer_);

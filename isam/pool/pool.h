@@ -44,6 +44,9 @@ class Pool {
   Buffer* bfgetclr(std::int32_t block);
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
+  // Whether a stale page is what the file has, which a look at its mapping tells: then it is stale
+  // no more.
+  [[nodiscard]] bool is_as_before(Buffer& buffer);
   // An idle page is used, though nobody has held it.
   void used(Buffer* buffer);
   // bfwrite() writes one page, changed or not, and releases it; write_buffer() writes an idle

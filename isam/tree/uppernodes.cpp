@@ -37,7 +37,7 @@ const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout) {
   if (upper_nodes.empty()) return nullptr;
   const UpperNode& kept = place_of(number);
   const bool is_it =
-      kept.number_ == number && kept.stamp_.stands() && kept.shape_ == shape_of(layout);
+      kept.number_ == number && kept.stamp_.stands_again() && kept.shape_ == shape_of(layout);
   if (!is_it) return nullptr;
   constexpr std::size_t kLine = 64;
   for (std::size_t at = 0; at < kept.count_ * UpperNode::kHeadSize; at += kLine) {

@@ -2,7 +2,8 @@
 // seldom, so their keys are put together once: items of one size, as in a node without compression.
 //
 // Gives   find_upper(), note_upper()
-// Keeps   U1 what is kept of a node counts while the pool has its page as it was (PageStamp)
+// Keeps   U1 what is kept of a node counts while the pool has its page as it was, and the file too
+//            where another process has changed something (PageStamp)
 //         U2 a changed node is kept again when it is searched for the second time, and another one
 //            takes its place only after many misses, so that nodes serve before they go
 #pragma once

@@ -65,6 +65,7 @@ TEST(Calls, ManyRecordsAreRefusedAsAWhole) {
     EXPECT_TRUE(refuses(::isreadmany(isfd, &set, RD_NEXT)));
     EXPECT_TRUE(refuses(::isfetchmany(isfd, &set, RD_EQUAL)));
     EXPECT_TRUE(set.lengths == nullptr || refuses(::iswritemany(isfd, &set)));
+    EXPECT_TRUE(set.lengths == nullptr || refuses(::isrewritemany(isfd, &set)));
     EXPECT_TRUE(set.lengths == nullptr || refuses(::isload(isfd, &set)));
   }
   EXPECT_TRUE(refuses(::isloadend(isfd, nullptr, 1)) &&

@@ -202,14 +202,19 @@ class Operations : protected Chance {
   }
 
   // An exclusive open is not refused a write meanwhile: it may be told by any of the records.
-  void write_many(int isfd, std::size_t count) {
+  void write_many(int isfd, std::size_t count, bool rewrites) {
     if (model_.is_alone()) faults.what = Refused::kNone;
     Many many = many_new(count);
+    for (std::size_t i = 0; rewrites && i < count; ++i) {
+      many.numbers[i] = any_number();
+      take_fields(many.records[i], many.numbers[i]);
+    }
     Many said = many;
     recordset set = many.set(shape_.maximum);
-    const int got = ::iswritemany(isfd, &set);
+    const int got = rewrites ? ::isrewritemany(isfd, &set) : ::iswritemany(isfd, &set);
     const auto writes = [&] {
-      return model_.iswritemany(isfd, said.records, said.numbers, said.lengths);
+      return rewrites ? model_.isrewritemany(isfd, said.records, said.numbers, said.lengths)
+                      : model_.iswritemany(isfd, said.records, said.numbers, said.lengths);
     };
     int says = 0;
     if (told(Late::kTold)) {
@@ -223,19 +228,23 @@ class Operations : protected Chance {
     }
     many.numbers.resize(static_cast<std::size_t>(std::max(got, 0)));
     said.numbers.resize(static_cast<std::size_t>(std::max(says, 0)));
-    check({got, many.numbers == said.numbers ? "" : "other numbers"}, {says}, "iswritemany", isfd,
-          count);
+    check({got, many.numbers == said.numbers ? "" : "other numbers"}, {says},
+          rewrites ? "isrewritemany" : "iswritemany", isfd, count);
     close_unsure();
+  }
+
+  // Often a record as it was but for one field on, so that few other keys are in the way.
+  void take_fields(Bytes& record, std::int32_t number) {
+    const auto old = model_.records.lower_bound(number);
+    const auto same = static_cast<std::size_t>(among({0, 8, 12, 14, 22, 34, kMinimum}));
+    if (old != model_.records.end()) record.replace(0, same, old->second, 0, same);
   }
 
   // One of the calls that write (0, 1), rewrite (2 to 4) or delete (5 to 7) a record.
   void change(int isfd, int call) {
     const std::int32_t number = one_in(30) ? among({0, -1, INT32_MIN, INT32_MAX}) : any_number();
     Bytes record = any_record(shape_.maximum);
-    // Often a record as it was but for one field on, so that few other keys are in the way.
-    const auto old = model_.records.lower_bound(number);
-    const auto same = static_cast<std::size_t>(among({0, 8, 12, 14, 22, 34, kMinimum}));
-    if (call > 1 && old != model_.records.end()) record.replace(0, same, old->second, 0, same);
+    if (call > 1) take_fields(record, number);
     if (!last_read_.empty() && one_in(3)) place_beside_last_read(record);
     char* const at = record.data();
     const Target key{Target::kPrimaryKey}, current{Target::kCurrent},

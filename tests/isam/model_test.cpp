@@ -131,7 +131,7 @@ class Script final : public Operations {
       }
       return load(isfd, 1 + any(one_in(4) ? 400 : 20));
     }
-    if (pick < write && one_in(12)) return write_many(isfd, any(one_in(6) ? 120 : 7));
+    if (pick < write && one_in(12)) return write_many(isfd, any(one_in(6) ? 120 : 7), one_in(2));
     if (pick < erase) return change(isfd, pick < write ? among({0, 0, 1}) : among({5, 6, 6, 7}));
     pick = any(100);
     if (pick < 5) {

@@ -319,6 +319,18 @@ int IsamModel::iswritemany(int isfd, const std::vector<Bytes>& set,
   return static_cast<int>(set.size());
 }
 
+int IsamModel::isrewritemany(int isfd, const std::vector<Bytes>& set,
+                             const std::vector<std::int32_t>& numbers,
+                             const std::vector<std::int32_t>& lengths) {
+  if (enter(isfd, kWrite, "9049") == nullptr) return -1;
+  if (set.empty()) return end(ISEARGUMENT);
+  for (std::size_t i = 0; i < set.size(); ++i) {
+    if (minimum_ < maximum_) length = lengths[i];
+    if (isrewrite(isfd, {Target::kNumber, numbers[i]}, set[i]) != 0) return static_cast<int>(i);
+  }
+  return static_cast<int>(set.size());
+}
+
 // The last number that was not refused is the highest; the lowest of those before it is used first.
 int IsamModel::isload(int isfd, const std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
                       const std::vector<std::int32_t>& lengths,

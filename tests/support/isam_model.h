@@ -52,6 +52,9 @@ class IsamModel {
   int isreadmany(int isfd, std::vector<Bytes>& set, std::vector<std::int32_t>& numbers, int mode);
   int iswritemany(int isfd, const std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
                   const std::vector<std::int32_t>& lengths);
+  int isrewritemany(int isfd, const std::vector<Bytes>& set,
+                    const std::vector<std::int32_t>& numbers,
+                    const std::vector<std::int32_t>& lengths);
   // A whole bulk load: how many of these are refused, their numbers in `refused`.
   int isload(int isfd, const std::vector<Bytes>& set, std::vector<std::int32_t>& numbers,
              const std::vector<std::int32_t>& lengths, std::vector<std::int32_t>& refused);

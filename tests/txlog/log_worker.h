@@ -198,7 +198,12 @@ class Worker {
     }
     record.copy(room.data(), record.size());
     if (!check(::isread(isfd, room.data(), RD_EQUAL | RD_LOCK) == 0, __LINE__)) return false;
-    return deletes ? check(::isdelcurr(isfd) == 0, __LINE__) : written(::isrewcurr, isfd, record);
+    if (deletes) return check(::isdelcurr(isfd) == 0, __LINE__);
+    return written(any(2) == 0 ? ::isrewcurr : rewrite_as_set, isfd, record);
+  }
+  static int rewrite_as_set(int isfd, char* record) {
+    recordset set{1, record, kMaximum, &isrecnum, &isreclen};
+    return ::isrewritemany(isfd, &set) == 1 ? 0 : -1;
   }
   bool written(int (*call)(int, char*), int isfd, std::string& record) {
     isreclen = static_cast<int>(record.size());
