@@ -1,5 +1,7 @@
 #include "isam/calls/recorditems.h"
 
+#include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "isam/base/errors.h"
@@ -12,6 +14,15 @@ namespace isam {
 namespace {
 
 bool is_current_key(const keydescr& k) { return kycompare(k, openp->key) == 0; }
+
+// Whether a record keeps a key byte for byte when another takes its place.
+bool keeps_key(ConstBytes old, ConstBytes record, const keydescr& k) {
+  const auto keeps_part = [&](const keypart& part) {
+    return std::memcmp(old.data() + part.start, record.data() + part.start,
+                       static_cast<std::size_t>(part.length)) == 0;
+  };
+  return std::all_of(k.part, k.part + k.nparts, keeps_part);
+}
 
 // `result` is that of a step that undoes another: its failure is told as a lost write is.
 void note_undone(int result) {
@@ -105,7 +116,7 @@ void Replacement::undo() {
 int Replacement::change(bool dups, Current current, KeptPosition& position) {
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     const keydescr& k = keys_[i];
-    if (((k.flags & KF_DUPS) != 0) != dups || k.nparts == 0) continue;
+    if (((k.flags & KF_DUPS) != 0) != dups || keeps_key(old_, record_, k)) continue;
     Item old = item_of(old_, number_, k);
     Item fresh = item_of(record_, number_, k);
     if (itcompare(old, fresh, KeyOrder{k}) == 0) continue;
