@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bench/stores/floor_index.h"
+#include "bench/stores/floor_records.h"
 #include "bench/stores/mapped_file.h"
 
 namespace bench {
@@ -17,8 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::size_t kSystemPage = 4096;
-constexpr std::size_t kPiece = 16384;  // that a bulk load writes at a time
-constexpr std::size_t kSlot = kRecordLength + 1;
+constexpr std::size_t kPiece = 16384;   // that a bulk load writes at a time
 constexpr std::size_t kBulkSecond = 8;  // bytes of a second key's item in full nodes
 
 // Writes bytes one behind the other, a piece at a time.
@@ -59,6 +59,7 @@ class FloorExclusive : public Store {
     first_file_ = std::make_unique<MappedFile>(folder / "first");
     second_file_ = std::make_unique<MappedFile>(folder / "second");
     data_ = std::make_unique<MappedFile>(folder / "records");
+    changed_ = {};
     index_ = {};
     next_ = 0;
     written_ = 0;
@@ -174,7 +175,8 @@ class FloorExclusive : public Store {
     write_tail();
     index_.first_leaves().write_changed(*first_file_);
     index_.second_leaves().write_changed(*second_file_);
-    if (!is_loaded_) data_->map();
+    if (is_loaded_) return changed_.write(*data_);
+    data_->map();
     is_loaded_ = true;
   }
 
@@ -191,13 +193,9 @@ class FloorExclusive : public Store {
   void give_many(std::size_t count, Reader& reader) const {
     for (std::size_t i = 0; i < count; ++i) reader.take(many_[i].data());
   }
-  void copy_slot(std::uint32_t slot, Record& to) const {
-    std::memcpy(to.data(), data_->bytes().subspan(slot * kSlot, kRecordLength).data(),
-                kRecordLength);
-  }
+  void copy_slot(std::uint32_t slot, Record& to) const { changed_.copy(*data_, slot, to); }
   void write_slot(const char* record, std::uint32_t number) {
-    std::memcpy(slot_.data(), record, kRecordLength);
-    data_->write(slot_, number * kSlot);
+    changed_.change(*data_, number, record);
   }
   void write_tail() {
     if (tail_.empty()) return;
@@ -209,6 +207,7 @@ class FloorExclusive : public Store {
   std::unique_ptr<MappedFile> first_file_;
   std::unique_ptr<MappedFile> second_file_;
   std::unique_ptr<MappedFile> data_;
+  FloorRecords changed_;
   FloorIndex index_;
   std::uint32_t next_ = 0;  // slot of the record to be added next
   bool is_loaded_ = false;  // records that are added stand where they stood
@@ -216,7 +215,6 @@ class FloorExclusive : public Store {
   std::size_t written_ = 0;
   Record record_{};
   std::array<Record, kBulk> many_{};
-  std::array<char, kSlot> slot_{};
   std::unique_ptr<Writer> records_;  // of a bulk load, as the next one
   std::unique_ptr<Writer> items_;
   std::vector<Loaded> loaded_;  // by it; or all, in the order of the second key

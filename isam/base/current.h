@@ -132,6 +132,7 @@ struct OfCall {
 // opens; of exclusive ones it stays until isflush or the last of them is closed.
 struct Unwritten {
   Buffer* pages = nullptr;        // modified pages in the pool
+  std::size_t data_blocks = 0;    // of these, blocks of the data file
   DirectWrite direct;             // bytes that are written past it
   std::vector<DirectWrite> held;  // those of earlier calls that are held back, in their order
   std::size_t held_count = 0;     // so many at the front of `held`: the others lend their memory
@@ -157,8 +158,9 @@ struct PairMark {
 
 // Copies of what the files hold. Valid as of the change stamp and generation beside them.
 struct Cached {
-  std::uint32_t stamp = 0;       // change stamp last seen in this process
-  std::uint64_t generation = 0;  // of its pages in the pool: pages of another one are stale
+  std::uint32_t stamp = 0;            // change stamp last seen in this process
+  std::uint64_t generation = 0;       // of its nodes in the pool: those of another one are stale
+  std::uint64_t data_generation = 0;  // ... of its data blocks
   Dictionary dictionary{};
   std::vector<keydescr> keys;         // of file_keys(), in isam/keys/keytable
   std::uint64_t keys_generation = 0;  // generation they were read in; 0: out of date

@@ -201,6 +201,7 @@ void unlist() {
 
 // Writes what has changed, or takes it back after a failure. Its own failure is in iserrno.
 void write_changes() {
+  if (is_alone()) bfwrite_due();
   if (!filep->call.page_changed && !filep->unwritten.dictionary) return;
   if (take_back()) return;
   const bool changed = filep->call.page_changed;

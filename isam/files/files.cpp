@@ -288,7 +288,7 @@ OpenPair* allocfile(std::string_view name, int mode, IndexAccess index_access) {
   OpenPair* const file = free_file_record();
   if (file == nullptr || !open_files(*file, name, mode, index_access)) return nullptr;
   name_file(*file, name);
-  file->cached.generation = bfgeneration();
+  file->cached.generation = file->cached.data_generation = bfgeneration();
   file->usecount = 1;
   ++isopenfds;
   note_open(file->index.device, file->index.inode);

@@ -47,6 +47,16 @@ int bfwrite_held() { return pool().write_held(); }
 
 void bfwrite_direct() { pool().write_direct_or_pool(); }
 
+void bfwrite_due() {
+  if (the_pool) the_pool->write_due();
+}
+
+bool bfdata_is_written() {
+  const Unwritten& unwritten = filep->unwritten;
+  return unwritten.data_blocks == 0 && unwritten.direct.bytes.empty() &&
+         unwritten.held_count == 0 && !(the_pool && the_pool->has_waiting(*filep));
+}
+
 PageHold bfgetclr(std::int32_t node) {
   if (node < 1) {
     failed(kCorrupted);

@@ -26,6 +26,8 @@
 //            eight times the memory, an eighth of the system's at most: they are written when no
 //            more can be had, when the system has little left, or when the exclusive open ends,
 //            and then the memory is given back
+//         B8 in a large pool the records that an exclusive open changes wait in pages of the system
+//            (isam/pool/waitingpages), for a second at most while calls go on
 // Gives   PageHold: a busy page that gives itself back when it leaves scope
 // Never   locks; entering a call makes it forget a file that another process changed
 //
@@ -154,6 +156,10 @@ class PageStamp {
 // Writes what bfdirect() has taken of the current file, and no other change. What cannot be written
 // goes into the pool, with the failure in Unwritten::failed. iserrno stays.
 void bfwrite_direct();
+// Writes the records of the current file, an exclusive open's, that have waited for a second.
+void bfwrite_due();
+// Whether the current data file has all records: none is changed in the pool, or waits.
+[[nodiscard]] bool bfdata_is_written();
 // Holds back what bfdirect() has taken: it is read as if it were written, and bfwrite_held() writes
 // it. False, with nothing done, without memory.
 [[nodiscard]] bool bfhold();

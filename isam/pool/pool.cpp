@@ -217,9 +217,11 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
     reuse(buffer, block);
   }
   if ((buffer->flags & kBusy) != 0) common::error("buffer not free");
-  if (buffer->generation != filep->cached.generation) {
+  const std::uint64_t generation =
+      block < 0 ? filep->cached.data_generation : filep->cached.generation;
+  if (buffer->generation != generation) {
     if ((buffer->flags & kModified) == 0) buffer->flags = 0;
-    buffer->generation = filep->cached.generation;
+    buffer->generation = generation;
   }
   buffer->flags |= kBusy;
   return buffer;
@@ -238,7 +240,10 @@ bool Pool::load(Buffer& buffer) {
     return false;
   }
   if (!whole) std::memset(buffer.page + got, 0, place.length - static_cast<std::size_t>(got));
-  if (place.kind == FileKind::kData) put_held_into(file, place, buffer.page);
+  if (place.kind == FileKind::kData) {
+    waiting_.put_into(file, place.offset, {buffer.page, place.length});
+    put_held_into(file, place, buffer.page);
+  }
   if (place.kind == FileKind::kIndex) {
     buffer.used = common::ldword(buffer.page) & 0x7FFF;
     buffer.node_type = buffer.page[node_type_offset(buffer.file->geometry.idxsize)];
@@ -274,14 +279,16 @@ Buffer* Pool::bfread(std::int32_t block) {
 // The buffer of a block of the current data file as it is now; null for none.
 const Buffer* Pool::data_block(std::int64_t block) const {
   const Buffer* const buffer = table_.find(static_cast<std::int32_t>(block) | kDataBlock, filep);
-  return buffer != nullptr && buffer->generation == filep->cached.generation ? buffer : nullptr;
+  return buffer != nullptr && buffer->generation == filep->cached.data_generation ? buffer
+                                                                                  : nullptr;
 }
 
-// Whether bytes of the current data file can be taken from the mapping of the file: it covers them,
-// and the pool has none of their blocks as they are now.
+// Whether bytes of the current data file can be taken by read_data(): the mapping of the file
+// covers them, and the pool has none of their blocks as they are now, or no changed block at all.
 bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
   if (offset < 0 || !filep->data.map.covers(size, offset)) return false;
   if (holds_back(*filep, offset, size)) return false;
+  if (filep->unwritten.data_blocks == 0) return true;
   const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
   for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
     if (block > INT32_MAX || data_block(block) != nullptr) return false;
@@ -289,13 +296,22 @@ bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
   return true;
 }
 
+// Reads bytes of the current data file that the pool has no block of: false when the file has not
+// all of them.
+bool Pool::read_data(Bytes to, std::int64_t offset) {
+  PairFile& data = filep->data;
+  if (data.map.read(data.fd, to, offset) != static_cast<ssize_t>(to.size())) return false;
+  waiting_.put_into(*filep, offset, to);
+  return true;
+}
+
 bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   OpenPair& file = *filep;
   const std::size_t size = to.size() + behind.size();
-  // Without a modified page the pool has nothing that is not in the file: no look into it is
+  // Without a modified block the pool has nothing that is not in the file: no look into it is
   // needed.
   const bool map_will_do =
-      file.unwritten.pages == nullptr && offset >= 0 && file.data.map.covers(size, offset);
+      file.unwritten.data_blocks == 0 && offset >= 0 && file.data.map.covers(size, offset);
   if (!file.unwritten.direct.bytes.empty() || holds_back(file, offset, size)) return false;
   if (!map_will_do && is_in_one_block(offset, size)) {
     const Buffer* const block = data_block(offset / kPageSize);
@@ -303,6 +319,10 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
     if (!file.data.map.covers(size, offset)) return false;
   } else if (!map_will_do && !only_in_file(offset, size)) {
     return false;
+  }
+  if (waiting_.has(file, offset, size)) {
+    return read_data(to, offset) &&
+           read_data(behind, offset + static_cast<std::int64_t>(to.size()));
   }
   const auto first = static_cast<ssize_t>(to.size());
   if (data_window_.read(file.data.fd, file.data.map, to, offset) != first) return false;

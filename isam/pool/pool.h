@@ -2,8 +2,9 @@
 //
 // pool.cpp finds, reads and reuses buffers, poolwrite.cpp writes what was changed, writeorder.cpp
 // what a call changed of a file that other processes use, poolgrowth.cpp has the memory that nodes
-// changed under exclusive opens take beyond ISAMBUFS. A function that buffers.h has too does what
-// is said there. Here a data block's number has its top bit set.
+// changed under exclusive opens take beyond ISAMBUFS, waitingpages.cpp the records that they
+// change. A function that buffers.h has too does what is said there. Here a data block's number has
+// its top bit set.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +18,7 @@
 #include "isam/pool/lruring.h"
 #include "isam/pool/pagetable.h"
 #include "isam/pool/place.h"
+#include "isam/pool/waitingpages.h"
 #include "isam/pool/writeorder.h"
 
 namespace isam {
@@ -64,6 +66,11 @@ class Pool {
   bool hold_direct();           // bfhold
   int write_held();             // bfwrite_held
   int bfprocess(OpenPair& file, bool write);
+  // Writes the records that wait (isam/pool/waitingpages). What cannot be written waits on, and is
+  // noted.
+  void write_waiting(OpenPair& file);
+  [[nodiscard]] bool has_waiting(const OpenPair& file) const { return waiting_.has(file); }
+  void write_due();  // bfwrite_due
   // The page is written, or its change is lost.
   void modified_out(Buffer* buffer);
   int bfdiscard(OpenPair& file);
@@ -101,6 +108,9 @@ class Pool {
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
   [[nodiscard]] const Buffer* data_block(std::int64_t block) const;
   [[nodiscard]] bool only_in_file(std::int64_t offset, std::size_t size) const;
+  [[nodiscard]] bool read_data(Bytes to, std::int64_t offset);
+  int write_data(OpenPair& file, std::int64_t offset, ConstBytes bytes);
+  int write_page(OpenPair& file, const Place& place, ConstBytes bytes);
   void leave_to_file(std::int64_t offset, std::size_t size);
   int pool_direct();
   bool load(Buffer& buffer);
@@ -120,8 +130,13 @@ class Pool {
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;  // of modified_pages()
   std::vector<Byte> run_;          // neighbouring pages on their way out
+  WaitingPages waiting_;
   WriteOrder order_;
 };
+
+inline void Pool::write_due() {
+  if (waiting_.is_due(*filep)) write_waiting(*filep);
+}
 
 inline void Pool::modified_out(Buffer* buffer) {
   if ((buffer->flags & kModified) == 0) return;
@@ -131,6 +146,7 @@ inline void Pool::modified_out(Buffer* buffer) {
   } else {
     buffer->file->unwritten.pages = buffer->modified_next;
   }
+  if (buffer->block < 0) --buffer->file->unwritten.data_blocks;
   if (buffer->modified_next != nullptr) {
     buffer->modified_next->modified_previous = buffer->modified_previous;
   }

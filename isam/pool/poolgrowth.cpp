@@ -86,15 +86,17 @@ void Pool::give_back() {
 }
 
 void Pool::bfease(bool at_once) {
-  if (nbuffs_ <= least_buffers_) return;
   if (!at_once) {
+    if (nbuffs_ <= least_buffers_ && !waiting_.has(*filep)) return;
     if (++growth_.eased % kEasedSeldom != 0 || !is_memory_short()) return;
     growth_.not_asked = kNotAsked;
     for (std::size_t i = least_buffers_; i < nbuffs_; ++i) {
       if ((buffs_[i].flags & (kModified | kBusy)) == kModified) spill(&buffs_[i]);
     }
+    write_waiting(*filep);
   }
   give_back();
+  waiting_.give_back();
 }
 
 }  // namespace isam

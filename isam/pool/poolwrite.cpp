@@ -59,14 +59,30 @@ void Pool::modified(Buffer* buffer) {
   buffer->modified_next = head;
   if (head != nullptr) head->modified_previous = buffer;
   head = buffer;
+  if (buffer->block < 0) ++buffer->file->unwritten.data_blocks;
+}
+
+// Writes bytes to a data file, and into the pages that wait for it.
+int Pool::write_data(OpenPair& file, std::int64_t offset, ConstBytes bytes) {
+  data_window_.overwritten(file.data.fd, offset, bytes.size());
+  if (common::write_at(file.data.fd, bytes, offset) != 0) {
+    return failed_system(errno, Operation::kWrite, FileKind::kData);
+  }
+  waiting_.written(file, offset, bytes);
+  return 0;
+}
+
+int Pool::write_page(OpenPair& file, const Place& place, ConstBytes bytes) {
+  if (place.kind == FileKind::kData) return write_data(file, place.offset, bytes);
+  index_window_.overwritten(place.fd, place.offset, bytes.size());
+  if (common::write_at(place.fd, bytes, place.offset) == 0) return 0;
+  return failed_system(errno, Operation::kWrite, place.kind);
 }
 
 int Pool::bfwrite(Buffer* buffer) {
   if ((buffer->flags & kBusy) != 0) bfrelease(buffer);
   const Place place = bfmapaddr(*buffer);
-  window_of(place.kind).overwritten(place.fd, place.offset, place.length);
-  const int result = common::write_at(place.fd, {buffer->page, place.length}, place.offset);
-  if (result != 0) failed_system(errno, Operation::kWrite, place.kind);
+  const int result = write_page(*buffer->file, place, {buffer->page, place.length});
   if (result == 0 || !waits_on(*buffer->file)) modified_out(buffer);
   if (result != 0) bfnote_failure(*buffer->file);
   return result;
@@ -100,10 +116,8 @@ int Pool::write_buffer(Buffer* buffer) {
   for (; end != nullptr && system_page(*end) == within; end = delayed_beside(*end, 1)) {
     run_.insert(run_.end(), end->page, end->page + place.length);
   }
-  window_of(place.kind).overwritten(place.fd, place.offset, run_.size());
-  const int result = common::write_at(place.fd, run_, place.offset);
+  const int result = write_page(file, place, run_);
   if (result != 0) {
-    failed_system(errno, Operation::kWrite, place.kind);
     bfnote_failure(file);
     if (waits_on(file)) return -1;
   }
@@ -142,7 +156,7 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   OpenPair& file = *filep;
   DirectWrite& direct = file.unwritten.direct;
   const std::size_t size = first.size() + second.size();
-  const bool waits_for_others = is_one_of_many(file, offset);
+  const bool waits_for_others = is_one_of_many(file, offset) && !waiting_.serves(file);
   bool is_only_in_file = only_in_file(offset, size);
   if (!is_only_in_file && file.call.may_hold) {
     leave_to_file(offset, size);
@@ -153,10 +167,10 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   if (!direct.bytes.empty() || waits_for_others || !is_only_in_file) return false;
   if (!make_room(direct, size)) return false;
   // A commit that fails puts them back.
-  if (file.data.map.read(file.data.fd, direct.before, offset) != static_cast<ssize_t>(size)) {
-    return false;
-  }
+  if (!read_data(direct.before, offset)) return false;
   if (are_there(direct.before, first, second)) return true;
+  // An unchanged block that the pool may have of them is good no more.
+  if (file.unwritten.data_blocks == 0) file.cached.data_generation = bfgeneration();
   direct.bytes.assign(first.begin(), first.end());
   direct.bytes.insert(direct.bytes.end(), second.begin(), second.end());
   direct.offset = offset;
@@ -167,10 +181,7 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
 int Pool::write_direct(OpenPair& file) {
   std::vector<Byte>& bytes = file.unwritten.direct.bytes;
   if (bytes.empty()) return 0;
-  data_window_.overwritten(file.data.fd, file.unwritten.direct.offset, bytes.size());
-  if (common::write_at(file.data.fd, bytes, file.unwritten.direct.offset) != 0) {
-    return failed_system(errno, Operation::kWrite, FileKind::kData);
-  }
+  if (write_data(file, file.unwritten.direct.offset, bytes) != 0) return -1;
   bytes.clear();
   return 0;
 }
@@ -204,9 +215,16 @@ int Pool::write_held() {
   return 0;
 }
 
-// What cannot be written now waits in the pool, as other changes do, and is told like those.
+// What may not wait is written. What cannot be written now waits in the pool, as other changes do,
+// and is told like those.
 void Pool::write_direct_or_pool() {
-  if (filep->unwritten.direct.bytes.empty()) return;
+  DirectWrite& direct = filep->unwritten.direct;
+  if (direct.bytes.empty()) return;
+  if (growth_.most > 0 && waits_on(*filep) && !is_missing(filep->mark.state) &&
+      waiting_.take(*filep, direct.offset, direct.bytes)) {
+    direct.bytes.clear();
+    return;
+  }
   const KeepError keep;
   if (write_direct(*filep) == 0) return;
   bfnote_failure(*filep);
@@ -237,10 +255,24 @@ int Pool::pool_direct() {
   return 0;
 }
 
+void Pool::write_waiting(OpenPair& file) {
+  if (!waiting_.has(file)) return;
+  const KeepError keep;
+  waiting_.write_all([&](std::int64_t offset, ConstBytes pages) {
+    data_window_.overwritten(file.data.fd, offset, pages.size());
+    const int result = common::write_at(file.data.fd, pages, offset);
+    if (result != 0) {
+      failed_system(errno, Operation::kWrite, FileKind::kData);
+      bfnote_failure(file);
+    }
+    return result;
+  });
+}
+
 int Pool::bfprocess(OpenPair& file, bool write) {
   const std::vector<Buffer*>& pages = modified_pages(file);
-  const int waiting =
-      static_cast<int>(pages.size()) + (file.unwritten.direct.bytes.empty() ? 0 : 1);
+  const int waiting = static_cast<int>(pages.size()) +
+                      (file.unwritten.direct.bytes.empty() ? 0 : 1) + (waiting_.has(file) ? 1 : 0);
   if (!write || waiting == 0) return waiting;
   // A mark that cannot be set is no reason to write less.
   if (waits_on(file) && is_missing(file.mark.state) && set_mark(file) != 0) {
@@ -254,6 +286,7 @@ int Pool::bfprocess(OpenPair& file, bool write) {
     bfnote_failure(file);
     file.unwritten.direct.bytes.clear();
   }
+  write_waiting(file);
   return waiting;
 }
 
@@ -264,6 +297,7 @@ void Pool::bfdrop(OpenPair& file, std::int32_t first) {
     modified_out(page);
     page->flags = static_cast<std::uint16_t>(page->flags & ~kValid);
   }
+  if (first == INT32_MIN) waiting_.drop(file);
 }
 
 int Pool::bfdiscard(OpenPair& file) {
@@ -277,11 +311,13 @@ int Pool::bfdiscard(OpenPair& file) {
 void Pool::bfignor(OpenPair& file) {
   index_window_.forget(file.index.fd);
   data_window_.forget(file.data.fd);
-  if (!file.unwritten.direct.bytes.empty()) common::error("ignoring modified bytes");
+  if (!file.unwritten.direct.bytes.empty() || waiting_.has(file)) {
+    common::error("ignoring modified bytes");
+  }
   for (const Buffer* at = file.unwritten.pages; at != nullptr; at = at->modified_next) {
     if ((at->flags & kBusy) == 0) common::error("ignoring modified buffer");
   }
-  file.cached.generation = bfgeneration();
+  file.cached.generation = file.cached.data_generation = bfgeneration();
 }
 
 }  // namespace isam

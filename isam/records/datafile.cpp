@@ -209,9 +209,7 @@ int put_record(std::int32_t k, ConstBytes record, Trailer& trailer, bool release
 // or renewed where that pays.
 bool map_serves(std::span<const std::int32_t> numbers) {
   OpenPair& file = *filep;
-  const bool unwritten = file.unwritten.pages != nullptr || !file.unwritten.direct.bytes.empty() ||
-                         file.unwritten.held_count > 0;
-  if (file.geometry.varlen || unwritten) return false;
+  if (file.geometry.varlen || !bfdata_is_written()) return false;
   const auto [first, last] = std::ranges::minmax(numbers);
   if (first < 1 || last > dictp->d_nextdata()) return false;
   const auto size = static_cast<std::size_t>(slot_size());

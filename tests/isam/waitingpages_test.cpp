@@ -1,0 +1,223 @@
+// Records that an exclusive open changes wait in pages of the system: what is written when, and
+// that nobody sees the difference.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/io.h"
+#include "isam.h"
+#include "isam/pool/pool.h"
+#include "tests/support/between.h"
+#include "tests/support/run_program.h"
+
+namespace testing_support {
+namespace {
+
+constexpr int kLength = 99;
+constexpr int kRecords = 4000;
+constexpr int kPages = kRecords * (kLength + 1) / 4096;  // that the file has whole
+
+std::string record_of(int id, char filling) {
+  std::string record = std::to_string(10'000'000 + id);
+  record.resize(kLength, filling);
+  return record;
+}
+
+class WaitingPages : public testing::Test {
+ protected:
+  void SetUp() override {
+    ::setenv("ISAMBUFS", "4096", 1);
+    keep_pool();
+    const int isfd = ::isbuild(base_.c_str(), kLength, &key_, ISINOUT + ISEXCLLOCK);
+    for (int id = 0; id < kRecords; ++id) ::iswrite(isfd, record_of(id, 'a').data());
+    ::isclose(isfd);
+    keep_pool();  // it has all records, so that nothing would be read from the file
+    isfd_ = ::isopen(base_.c_str(), ISINOUT + ISEXCLLOCK);
+    read_to_and_fro();
+    writes_ = 0;
+    stand_between([this](const SystemCall& call) {
+      const bool is_data = call.kind == SystemCall::kWrite && call.name().ends_with(".dat");
+      writes_ += is_data ? 1 : 0;
+      if (call.kind != SystemCall::kWrite) return 0;
+      return is_data ? error_ : index_error_;
+    });
+    common::system_calls().pread = ::pread;  // or no file would be mapped
+  }
+  void TearDown() override {
+    error_ = index_error_ = 0;
+    ::iscleanup();
+    stand_aside();
+    keep_pool();
+    ::unsetenv("ISAMBUFS");
+  }
+
+  // The next call makes another one. Upper nodes that are kept still refer to the buffers of this.
+  static void keep_pool() {
+    static std::vector<std::unique_ptr<isam::Pool>> before;
+    before.push_back(std::move(isam::the_pool));
+  }
+
+  char filling_of(int id) {
+    std::string record = record_of(id, ' ');
+    return ::isread(isfd_, record.data(), RD_EQUAL) == 0 ? record.back() : '?';
+  }
+  // As many reads by themselves as it takes until the files are mapped.
+  void read_to_and_fro() {
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(filling_of(i * 1013 % kRecords), 'a');
+  }
+  void change(int id, char filling) {
+    EXPECT_EQ(::isrewrite(isfd_, record_of(id, filling).data()), 0) << ::iserrno;
+  }
+  void change_all(char filling) {
+    std::vector<int> ids(kRecords);
+    std::iota(ids.begin(), ids.end(), 0);
+    std::ranges::shuffle(ids, std::mt19937{7});
+    for (const int id : ids) change(id, filling);
+  }
+  // What the file has of a record, whatever waits.
+  char filling_in_file(int id) const {
+    std::ifstream file{base_ + ".dat", std::ios::binary};
+    file.seekg(static_cast<std::streamoff>(id) * (kLength + 1) + kLength - 1);
+    return static_cast<char>(file.get());
+  }
+  int in_file(char filling) const {
+    int count = 0;
+    for (int id = 0; id < kRecords; ++id) count += filling_in_file(id) == filling ? 1 : 0;
+    return count;
+  }
+  std::string check() const { return run_program({.words = {KESTRO_PROGRAM, "-nq", base_}}).out; }
+
+  TempFolder folder_;
+  std::string base_ = folder_ / "pair";
+  keydescr key_ = [] {
+    keydescr key{};
+    key.nparts = 1;
+    key.part[0] = {0, 8, KT_CHAR};
+    return key;
+  }();
+  int isfd_ = -1;
+  int writes_ = 0;
+  int error_ = 0;        // of each write to the data file
+  int index_error_ = 0;  // ... to the index file
+};
+
+TEST_F(WaitingPages, APageIsWrittenOnceForAllThatWasChangedInIt) {
+  change_all('b');
+  const int written_at_once = writes_;
+  EXPECT_LE(written_at_once, kRecords / kPages);  // the end of the file, no whole page
+  EXPECT_EQ(::isflush(isfd_), 0);
+  EXPECT_LE(writes_ - written_at_once, kPages);
+  EXPECT_EQ(in_file('b'), kRecords);
+}
+
+TEST_F(WaitingPages, WhatWouldGainNothingOrCannotBeMarkedIsWrittenAtOnce) {
+  change(500, 'b');
+  EXPECT_EQ(filling_in_file(500), 'a');
+  EXPECT_EQ(::isflush(isfd_), 0);
+  change(2000, 'c');  // only one change has met in the page before
+  EXPECT_EQ(filling_in_file(2000), 'c');
+  for (int i = 0; i < 50; ++i) change(1000 + i % 2 * 500, static_cast<char>('d' + i % 3));
+  EXPECT_EQ(::isflush(isfd_), 0);
+  index_error_ = EIO;
+  change(3000, 'e');
+  EXPECT_EQ(filling_in_file(3000), 'e');
+}
+
+TEST_F(WaitingPages, WhatWaitsIsReadByEveryCall) {
+  change_all('b');
+  std::vector<char> buffer(static_cast<std::size_t>(kLength) * 100);
+  std::vector<std::int32_t> numbers(100);
+  std::vector<std::int32_t> lengths(100);
+  recordset set{100, buffer.data(), buffer.size(), numbers.data(), lengths.data()};
+  for (keydescr order : {key_, keydescr{}}) {
+    int read = 0;
+    ASSERT_EQ(::isstart(isfd_, &order, 0, buffer.data(), RD_FIRST), 0);
+    for (int got = 0; (got = ::isreadmany(isfd_, &set, RD_NEXT)) > 0; read += got) {
+      for (int i = 0; i < got; ++i)
+        EXPECT_EQ(buffer[static_cast<std::size_t>((i + 1) * kLength - 1)], 'b');
+    }
+    EXPECT_EQ(read, kRecords);
+  }
+  EXPECT_EQ(filling_of(17), 'b');
+  EXPECT_EQ(in_file('b'), kRecords - in_file('a'));
+  EXPECT_GT(in_file('a'), kRecords / 2);
+}
+
+TEST_F(WaitingPages, TheyAreWrittenWithinASecondWhileCallsGoOn) {
+  change_all('b');
+  EXPECT_GT(in_file('a'), 0);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  EXPECT_EQ(filling_of(1), 'b');
+  EXPECT_EQ(in_file('b'), kRecords);
+}
+
+// What was appended to a page's last block, and freed and used again, goes the pool's way or waits:
+// neither undoes the other.
+TEST_F(WaitingPages, BlocksOfThePoolAndPagesThatWaitAgree) {
+  change_all('b');
+  for (int id = kRecords; id < kRecords + 50; ++id) {
+    EXPECT_EQ(::iswrite(isfd_, record_of(id, 'c').data()), 0);
+    change(id - 30, 'd');
+  }
+  for (int id = 100; id < 200; ++id) EXPECT_EQ(::isdelete(isfd_, record_of(id, ' ').data()), 0);
+  for (int id = 100; id < 150; ++id) EXPECT_EQ(::iswrite(isfd_, record_of(id, 'e').data()), 0);
+  EXPECT_EQ(::isclose(isfd_), 0);
+  EXPECT_EQ(check().find('?'), std::string::npos) << check();
+  isfd_ = ::isopen(base_.c_str(), ISINPUT + ISMANULOCK);
+  std::string got;
+  for (const int id : {99, 100, 149, 150, 199, 200, 3969, 3970, 4019, 4020, 4049}) {
+    got += filling_of(id);
+  }
+  EXPECT_EQ(got, "bee??bbddcc");
+}
+
+TEST_F(WaitingPages, AWriteThatFailsIsToldAndTriedAgain) {
+  change_all('b');
+  error_ = EIO;
+  EXPECT_EQ(::isflush(isfd_), -1);
+  EXPECT_EQ(::iserrno, EIO);
+  EXPECT_EQ(filling_of(17), 'b');
+  error_ = 0;
+  EXPECT_EQ(::isclose(isfd_), -1);  // the pair's mark stays, and so does what was told
+  EXPECT_EQ(in_file('b'), kRecords);
+  EXPECT_EQ(::isopen(base_.c_str(), ISINOUT + ISMANULOCK), -1);
+  EXPECT_EQ(::iserrno, ISECORRUPT);
+  run_program({.words = {KESTRO_PROGRAM, "-yq", base_}});
+  isfd_ = ::isopen(base_.c_str(), ISINOUT + ISMANULOCK);
+  EXPECT_EQ(filling_of(17), 'b');
+}
+
+TEST_F(WaitingPages, AProcessThatIsKilledLosesNoMoreThanASecond) {
+  ::isclose(isfd_);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    isfd_ = ::isopen(base_.c_str(), ISINOUT + ISEXCLLOCK);
+    read_to_and_fro();
+    change_all('b');
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    change_all('c');
+    ::raise(SIGKILL);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(in_file('a'), 0);
+  run_program({.words = {KESTRO_PROGRAM, "-yq", base_}});
+  EXPECT_EQ(check().find('?'), std::string::npos) << check();
+}
+
+}  // namespace
+}  // namespace testing_support
