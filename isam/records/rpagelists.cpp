@@ -79,7 +79,8 @@ int RpageLists::link_page(const PageHold& page, int to) {
   return 0;
 }
 
-RpageBefore::RpageBefore(const PageHold& page) : size_(page.bytes().size()) {
+RpageBefore::RpageBefore(const PageHold& page)
+    : size_(on_a_list(Rpage{page}.page_class()) ? page.bytes().size() : 0) {
   std::memcpy(bytes_.data(), page.data(), size_);
 }
 

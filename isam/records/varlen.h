@@ -216,7 +216,7 @@ class PieceChain {
 // A page with room for a piece of `size` bytes, a fresh one when no list has any.
 [[nodiscard]] PageHold rpgetspc(int size);
 
-// The bytes of a storage page before its slots are changed.
+// The bytes of a storage page before its slots are changed; of one that is on no list nothing.
 class RpageBefore {
  public:
   explicit RpageBefore(const PageHold& page);

@@ -52,18 +52,27 @@ PageHold fresh_page() {
   return page;
 }
 
+// Empties a slot that was filled in vain: the page has stayed on the list of the room it had
+// before.
+void empty_again(std::int32_t node, int slot) {
+  const KeepError keep;
+  const PageHold page = rpbfread(node);
+  if (!page || Rpage{page}.rpslfree(slot) != 0) return;
+  page.modified();
+}
+
 // Stores a piece in a slot of its own, going on at `continuation` unless that is 0: its pointer, or
 // -1.
 std::int32_t store_piece(ConstBytes piece, std::int32_t continuation) {
   PageHold page = rpgetspc(static_cast<int>(piece.size()));
   if (!page) return -1;
   const std::int32_t node = page.node();
-  const RpageBefore before{page};
   Rpage view{page};
   const int slot = view.rpslalloc(static_cast<int>(piece.size()));
   bool stored = slot >= 0 && view.rpsload(slot, piece) == 0;
   if (stored && continuation != 0) stored = view.rpsetext(continuation) == 0;
-  const int filed = rpflmove(std::move(page), &before);
+  const int filed = rpflmove(std::move(page));
+  if (filed != 0 && slot >= 0) empty_again(node, slot);
   return stored && filed == 0 ? pointer_of(slot, node) : -1;
 }
 
