@@ -3,11 +3,9 @@
 // library does before it sleeps, searches an index for each record, and writes the same bytes in
 // the same pieces:
 //
-//   reading    the pair is locked; each record is searched, copied and locked; the pair let go
-//   rewriting  in one turn, the pair locked: the raised stamp, so that others know of the change;
-//   in
-//              a turn at the log, whose end is looked for, the images before and behind; the
-//              records
+//   reading    the pair is locked; each record is searched, copied and locked
+//   rewriting  the raised stamp, so that others know of the change; in a turn at the log, whose end
+//              is looked for, the images before and behind; the records; the pair let go
 //   the end    its mark in the log, in the same turn at the log; the records' locks
 //
 // What is left out: checks, the pool, what is remembered of locks and of the log, positions.
@@ -67,6 +65,7 @@ class FloorLedger : public Ledger {
 
   bool transact(std::span<const int> accounts) override {
     read(accounts);
+    for (Slot& slot : after_) add_one(slot.data());
     rewrite(accounts.size());
     end_of_log();
     if (waits_) check_system(::fdatasync(log_->fd()) == 0, "fdatasync");
@@ -87,8 +86,8 @@ class FloorLedger : public Ledger {
   [[nodiscard]] std::span<const char> slot_at(std::size_t place) const {
     return data_->bytes().subspan(place * kSlot, kSlot);
   }
-  void enter(int type) {
-    take(index_->fd(), type, 0, kPairLength);
+  void enter() {
+    take(index_->fd(), F_WRLCK, 0, kPairLength);
     std::memcpy(dictionary_.data(), index_->bytes().data(), kDictionary);
   }
   void leave() const { lock(index_->fd(), F_SETLK, F_UNLCK, 0, kPairLength); }
@@ -97,7 +96,7 @@ class FloorLedger : public Ledger {
     places_.resize(accounts.size());
     before_.resize(accounts.size());
     after_.resize(accounts.size());
-    enter(F_RDLCK);
+    enter();
     for (std::size_t i = 0; i < accounts.size(); ++i) {
       places_[i] = find_(accounts[i]);
       const off_t byte = kRecordLocks + static_cast<off_t>(places_[i]);
@@ -105,16 +104,13 @@ class FloorLedger : public Ledger {
         // The record is waited for outside, so that others go on.
         leave();
         take(index_->fd(), F_WRLCK, byte, 1);
-        enter(F_RDLCK);
+        enter();
       }
       std::ranges::copy(slot_at(places_[i]), after_[i].begin());
     }
-    leave();
-    for (Slot& slot : after_) add_one(slot.data());
   }
 
   void rewrite(std::size_t count) {
-    enter(F_WRLCK);
     add_to_log(kMark, nullptr, nullptr);
     for (std::size_t i = 0; i < count; ++i) {
       std::ranges::copy(slot_at(places_[i]), before_[i].begin());

@@ -53,12 +53,11 @@ class IsamLedger : public Ledger {
     }
     recordset set{static_cast<int32_t>(count), many_.data(), many_.size(), numbers_.data(),
                   lengths_.data()};
-    // Others may read at the same time. The changes are worked out before these are kept off, too.
+    // The file is kept until the commit has written what is rewritten: one turn for all of it.
+    check(isbatch(1), "isbatch");
     const int got = isfetchmany(file_, &set, RD_EQUAL + RD_LOCK + RD_WAIT);
     check(got == set.count ? 0 : -1, "isfetchmany");
     for (std::size_t i = 0; i < count; ++i) add_one(place(i));
-    // The file is let go when the commit has written what is rewritten.
-    check(isbatch(1), "isbatch");
     const int put = isrewritemany(file_, &set);
     check(put == set.count ? 0 : -1, "isrewritemany");
     check(iscommit(), "iscommit");
