@@ -37,6 +37,7 @@ constexpr std::size_t kStampLength = 4;
 constexpr std::size_t kHeader = 34;  // of an image in the log
 constexpr std::size_t kMark = 26;    // of a record that begins or ends a transaction
 constexpr auto kBeforeSleep = std::chrono::microseconds(100);
+constexpr auto kLeastBeforeSleep = std::chrono::microseconds(8);
 
 using Slot = std::array<char, kSlot>;
 
@@ -156,9 +157,13 @@ class FloorLedger : public Ledger {
   static void take(int fd, int type, off_t start, off_t length) {
     using Clock = std::chrono::steady_clock;
     if (lock(fd, F_SETLK, type, start, length) == 0) return;
-    for (const auto end = Clock::now() + kBeforeSleep; Clock::now() < end;) {
-      if (lock(fd, F_SETLK, type, start, length) == 0) return;
+    static Clock::duration patience = kBeforeSleep;
+    for (const auto end = Clock::now() + patience; Clock::now() < end;) {
+      if (lock(fd, F_SETLK, type, start, length) != 0) continue;
+      patience = std::min<Clock::duration>(patience + patience / 4, kBeforeSleep);
+      return;
     }
+    patience = std::max<Clock::duration>(patience / 2, kLeastBeforeSleep);
     check_system(lock(fd, F_SETLKW, type, start, length) == 0, "fcntl");
   }
 

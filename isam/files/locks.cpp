@@ -68,8 +68,19 @@ int request(int command, int type, off_t start, off_t length) {
 using Clock = std::chrono::steady_clock;
 
 // A lock that another process has for one call is free again sooner than the system could put this
-// process to sleep and wake it: for so long it is asked for before it is waited for.
+// process to sleep and wake it: for so long at most it is asked for before it is waited for.
 constexpr auto kBeforeSleep = std::chrono::microseconds(100);
+// Where that was in vain the holder may be waiting for the processor that the asking takes: the
+// next lock is asked for half as long, at least so long.
+constexpr auto kLeastBeforeSleep = std::chrono::microseconds(8);
+
+// For how long the next lock is asked for.
+Clock::duration patience = kBeforeSleep;
+
+void learn_patience(bool was_in_vain) {
+  patience = was_in_vain ? std::max<Clock::duration>(patience / 2, kLeastBeforeSleep)
+                         : std::min<Clock::duration>(patience + patience / 4, kBeforeSleep);
+}
 
 // Whether a request has met another process's lock.
 bool is_taken(int result) { return result != 0 && (errno == EAGAIN || errno == EACCES); }
@@ -80,10 +91,11 @@ int request_and_wait(int fd, int type, off_t start, off_t length) {
   const auto request_by = [=](int command) { return request_of(fd, command, type, start, length); };
   int result = request_by(F_SETLK);
   if (is_taken(result)) {
-    const auto end = Clock::now() + kBeforeSleep;
+    const auto end = Clock::now() + patience;
     do {
       result = request_by(F_SETLK);
     } while (is_taken(result) && Clock::now() < end);
+    learn_patience(is_taken(result));
     if (is_taken(result)) result = request_by(F_SETLKW);
   }
   while (result != 0 && errno == EINTR) result = request_by(F_SETLKW);
