@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <utility>
@@ -150,21 +151,11 @@ bool FileMap::has(ConstBytes bytes, std::int64_t offset) {
   return end_copy() && same;
 }
 
-// copy(), with a look at the time it takes: where it has waited for a disk, what lies around it is
-// asked for, unless the file has more than half of what the memory holds.
+// copy(), with a look at whether it waits for a disk: then what lies around it is asked for.
 bool FileMap::look_at_copy(int fd, Bytes to, std::int64_t offset) {
-  static const std::int64_t most =
-      std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE) / 2;
-  // Of a longer range the system may read only the first part.
-  constexpr std::int64_t kPiece = std::int64_t{128} * 1024;
-  const auto start = std::chrono::steady_clock::now();
+  const DiskWait wait;
   const bool copied = copy(to, offset);
-  const auto taken = std::chrono::steady_clock::now() - start;
-  const ColdReads::Range ask = cold_.note(offset, known_, taken);
-  for (std::int64_t done = 0; done < ask.length && known_ <= most; done += kPiece) {
-    const std::int64_t length = std::min(kPiece, ask.length - done);
-    ::posix_fadvise(fd, ask.start + done, length, POSIX_FADV_WILLNEED);
-  }
+  ask_system_for(fd, cold_.note(offset, known_, wait.seen(cold_.faults)));
   return copied;
 }
 
@@ -179,12 +170,18 @@ void FileMap::look_again(int fd) {
 // Reads by a system call. A read that got all it asked for shows how far the file goes at least;
 // after kReadsBeforeMapping of them beyond the mapping (at first there is none) it is mapped anew.
 ssize_t FileMap::call(int fd, Bytes to, std::int64_t offset) {
+  constexpr int kReadsOfOneThatWaits = 16;
+  constexpr auto kWithoutDisk = std::chrono::microseconds(40);
   const std::int64_t end = offset + static_cast<std::int64_t>(to.size());
+  const auto start = std::chrono::steady_clock::now();
   const ssize_t got = read_at(fd, to, offset);
   if (!usable_ || system_calls().pread != ::pread || got != static_cast<ssize_t>(to.size()))
     return got;
   known_ = std::max(known_, end);
-  if (end > mapped_ && ++reads_ >= kReadsBeforeMapping) map(fd);
+  if (end <= mapped_) return got;
+  const bool has_waited = std::chrono::steady_clock::now() - start > kWithoutDisk;
+  reads_ += has_waited ? kReadsOfOneThatWaits : 1;
+  if (reads_ >= kReadsBeforeMapping) map(fd);
   return got;
 }
 

@@ -69,6 +69,9 @@ class FileMap {
     if (!covers(length, offset)) return;
     for (std::size_t at = 0; at < length; at += kLine) __builtin_prefetch(pages_ + offset + at);
   }
+  // What is asked for around copies by read_by(), and of how long a file.
+  [[nodiscard]] ColdReads& cold_reads() { return cold_; }
+  [[nodiscard]] std::int64_t known_size() const { return known_; }
   // This process has written up to `end`: there the file has bytes.
   void written(std::int64_t end) { known_ = std::max(known_, end); }
   // This process has cut the file: there it ends now.

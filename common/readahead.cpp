@@ -1,10 +1,9 @@
 #include "common/readahead.h"
 
-#include <fcntl.h>
-
 #include <chrono>
 #include <new>
 
+#include "common/coldreads.h"
 #include "common/io.h"
 
 namespace common {
@@ -17,13 +16,10 @@ bool ReadAhead::covers(int fd, std::int64_t offset, std::size_t length) const {
 namespace {
 
 // Has the system read what follows, while what was read is worked on. The files are advised as
-// random access, so that it does not of itself. No disk takes less than a piece at once.
+// random access, so that it does not of itself.
 void ask_beyond(int fd, std::int64_t offset) {
-  constexpr std::int64_t kPiece = std::int64_t{128} * 1024;
-  constexpr std::int64_t kAsked = 4 * kPiece;
-  for (std::int64_t at = offset; at < offset + kAsked; at += kPiece) {
-    ::posix_fadvise(fd, at, kPiece, POSIX_FADV_WILLNEED);
-  }
+  constexpr std::int64_t kAsked = std::int64_t{512} * 1024;
+  ask_system_for(fd, {offset, offset + kAsked});
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -61,19 +60,15 @@ class ColdFile {
 
   // Copies the slots of many records, which are asked for before when copies have waited.
   void read_slots(std::span<const std::int32_t> numbers, char* to) {
-    using Clock = std::chrono::steady_clock;
-    isam::ask_for_batch(numbers, kSlot, run_, [this](isam::ByteRange range) {
-      ::posix_fadvise(fd_.get(), range.start, range.end - range.start, POSIX_FADV_WILLNEED);
-    });
-    const auto start = Clock::now();
-    const bool good = map_.read_by([&](common::ConstBytes from) {
+    const auto copy = [&](common::ConstBytes from) {
       for (const std::int32_t number : numbers) {
         std::memcpy(to, from.data() + static_cast<std::size_t>(number - 1) * kSlot, kRecordLength);
         to += kRecordLength;
       }
-    });
-    if (!good) throw std::runtime_error("a page is missing");
-    run_.has_waited = Clock::now() - start > isam::longest_copy(numbers, kSlot);
+    };
+    if (!isam::copy_batch(numbers, kSlot, run_, map_, fd_.get(), copy)) {
+      throw std::runtime_error("a page is missing");
+    }
   }
 
   [[nodiscard]] std::size_t size() const {

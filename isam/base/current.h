@@ -70,6 +70,7 @@ enum class MarkState : std::uint8_t {
 // How copies of many records at a time out of a file went on (isam/records/askahead).
 struct CopyRun {
   bool has_waited = false;  // the last one waited for the disk
+  int patience = 0;         // so many more are asked for, though they do not wait
   std::int32_t last = 0;    // the last record of the last one
   // How far beyond a batch of this run the system was last asked to read, and up to where that was:
   // negative towards the start of the file, 0 when it has not been asked yet.

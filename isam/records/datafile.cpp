@@ -1,9 +1,6 @@
 #include "isam/records/datafile.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <utility>
 
@@ -248,22 +245,12 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
   return numbers.size();
 }
 
-// Copies many records out of the mapping: how many, none when pages of it were missing. A copy that
-// takes longer than memory does has waited for the disk, and the next one will have to.
+// Copies many records out of the mapping: how many, none when pages of it were missing.
 std::size_t copy_from_map(std::span<const std::int32_t> numbers, Byte* to) {
-  using Clock = std::chrono::steady_clock;
-  constexpr auto kCertainlyNot =
-      std::chrono::microseconds(150);  // no look at the numbers is needed
   PairFile& data = filep->data;
-  ask_for_batch(numbers, slot_size(), data.copies, [&](ByteRange range) {
-    ::posix_fadvise(data.fd, range.start, range.end - range.start, POSIX_FADV_WILLNEED);
-  });
   std::size_t count = 0;
-  const auto start = Clock::now();
-  if (!data.map.read_by([&](ConstBytes from) { count = copy_slots(from, numbers, to); })) return 0;
-  const auto taken = Clock::now() - start;
-  data.copies.has_waited = taken > kCertainlyNot && taken > longest_copy(numbers, slot_size());
-  return count;
+  const auto copy = [&](ConstBytes from) { count = copy_slots(from, numbers, to); };
+  return copy_batch(numbers, slot_size(), data.copies, data.map, data.fd, copy) ? count : 0;
 }
 
 // Frees or clears the storage first, then clears the slot: 0 or -1. The absent slot goes on

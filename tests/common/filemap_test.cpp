@@ -7,9 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "common/coldreads.h"
@@ -159,33 +159,113 @@ TEST(ColdFileTest, TheSystemReadsWhatFollowsAWindowThatHasWaited) {
   EXPECT_EQ(found(), all);
 }
 
-// What lies around a read that has waited is asked for, and more where it goes on. All reads are
-// looked at until many in a row have not waited.
+constexpr std::int64_t kKib = 1024;
+
+// Single reads of a file. What they ask for is told in KiB: "64-128", "" for nothing, "unseen" for
+// a read that is not looked at.
+class SingleReads {
+ public:
+  explicit SingleReads(std::int64_t kib) : size_(kib * kKib) {}
+
+  std::string wait(std::int64_t kib) { return read(kib, true); }
+  std::string go_on(std::int64_t kib) { return read(kib, false); }
+
+ private:
+  std::string read(std::int64_t kib, bool has_waited) {
+    if (!reads_.is_due()) return "unseen";
+    const ByteRange range = reads_.note(kib * kKib, size_, has_waited);
+    if (range.empty()) return "";
+    return std::to_string(range.start / kKib) + "-" + std::to_string(range.end / kKib);
+  }
+
+  std::int64_t size_;
+  ColdReads reads_;
+};
+
 TEST(ColdReadsTest, AskForWhatLiesAroundReadsThatHaveWaited) {
-  constexpr std::int64_t kKib = 1024;
-  constexpr std::int64_t kSizeOfFile = 1'000 * kKib;
-  constexpr std::chrono::microseconds kQuick{1};
-  constexpr std::chrono::microseconds kSlow{100};
-  ColdReads reads;
-  std::int64_t start = -1;
-  // What a read asks for, in KiB; 0 for nothing, -1 when it is not looked at.
-  const auto read = [&](std::int64_t kib, std::chrono::nanoseconds taken) -> std::int64_t {
-    if (!reads.is_due()) return -1;
-    const ColdReads::Range range = reads.note(kib * kKib, kSizeOfFile, taken);
-    start = range.start / kKib;
-    return range.length / kKib;
+  SingleReads reads(65'500);
+  EXPECT_EQ(reads.wait(100), "64-128");
+  EXPECT_EQ(reads.go_on(127), "");
+  EXPECT_EQ(reads.wait(128), "128-256") << "goes on";
+  EXPECT_EQ(reads.wait(200), "") << "is on its way";
+  EXPECT_EQ(reads.wait(256), "256-512") << "goes on";
+  EXPECT_EQ(reads.wait(600), "576-640") << "elsewhere";
+  EXPECT_EQ(reads.wait(100), "64-128") << "asked for before, and gone from memory";
+  EXPECT_EQ(reads.wait(65'499), "65472-65500") << "up to the end of the file";
+}
+
+// All reads are looked at until many in a row have not waited.
+TEST(ColdReadsTest, LookAtFewReadsWhileNoneWaits) {
+  SingleReads reads(65'536);
+  EXPECT_EQ(reads.wait(0), "0-64");
+  for (int i = 0; i < 1024; ++i) EXPECT_EQ(reads.go_on(i), "") << i;
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(reads.wait(i), "unseen") << i;
+  EXPECT_EQ(reads.wait(6'400), "6400-6464");
+}
+
+// A file of 8,000 pages, read at random, and what reads of a page have asked for.
+class ReadAtRandom : public testing::Test {
+ protected:
+  static constexpr std::int64_t kPage = 4096;
+  static constexpr std::int64_t kPages = 8000;
+
+  // Asks for a page that nobody has asked for, if `ask` says so. The length of what is asked for.
+  template <typename Ask>
+  std::int64_t ask_for(std::int64_t page, Ask ask) {
+    const ByteRange range = ask(page * kPage);
+    EXPECT_TRUE(range.empty() || (range.start <= page * kPage && range.end > page * kPage)) << page;
+    EXPECT_LE(range.end, kPages * kPage);
+    for (std::int64_t at = range.start / kPage; at * kPage < range.end; ++at) {
+      asked_[static_cast<std::size_t>(at)] = true;
+    }
+    return range.end - range.start;
+  }
+  [[nodiscard]] bool is_asked(std::int64_t page) const {
+    return asked_[static_cast<std::size_t>(page)];
+  }
+  [[nodiscard]] bool are_all_asked() const { return std::ranges::count(asked_, false) == 0; }
+  // Each page once, far from the one before.
+  static std::int64_t page_of(std::int64_t i) { return i * 3001 % kPages; }
+
+  std::vector<bool> asked_ = std::vector<bool>(kPages);
+  ColdReads reads_;
+};
+
+TEST_F(ReadAtRandom, SoonAsksForAllOfTheFile) {
+  int waits = 0;
+  std::int64_t total = 0;
+  for (std::int64_t i = 0; i < kPages; ++i) {
+    if (is_asked(page_of(i))) continue;
+    ASSERT_TRUE(reads_.is_due());
+    const std::int64_t length =
+        ask_for(page_of(i), [&](auto at) { return reads_.note(at, kPages * kPage, true); });
+    EXPECT_LE(length, total * 64 * 16 / kPages + ColdReads::kLeastAsked) << "after " << total;
+    EXPECT_LE(length, ColdReads::kMostAsked);
+    total += length;
+    ++waits;
+  }
+  EXPECT_TRUE(are_all_asked());
+  EXPECT_LT(waits, 250) << "of " << kPages * kPage / ColdReads::kLeastAsked << " in equal pieces";
+  const ByteRange again = reads_.note(0, kPages * kPage, true);
+  EXPECT_EQ(again, (ByteRange{0, ColdReads::kLeastAsked})) << "the file does not stay in memory";
+}
+
+TEST_F(ReadAtRandom, ManyAtATimeAskForTheirPagesAloneAtFirst) {
+  const auto around = [&](std::int64_t at) {
+    return reads_.around({at + 100, at + 200}, kPages * kPage);
   };
-  EXPECT_EQ(read(100, kSlow), 64);
-  EXPECT_EQ(start, 64);
-  EXPECT_EQ(read(127, kQuick), 0);
-  EXPECT_EQ(read(128, kSlow), 128) << "goes on";
-  EXPECT_EQ(read(400, kSlow), 64) << "elsewhere";
-  EXPECT_EQ(start, 384);
-  EXPECT_EQ(read(999, kSlow), 40) << "up to the end of the file";
-  EXPECT_EQ(start, 960);
-  for (int i = 0; i < 64; ++i) EXPECT_EQ(read(i, kQuick), 0) << i;
-  for (int i = 0; i < 15; ++i) EXPECT_EQ(read(i, kSlow), -1) << i;
-  EXPECT_EQ(read(0, kSlow), 64);
+  for (std::int64_t i = 0; i < kPages / 64; ++i) EXPECT_EQ(ask_for(page_of(i), around), kPage);
+  int asked = 0;
+  for (std::int64_t i = kPages / 64; i < kPages; ++i) {
+    const bool was_asked = is_asked(page_of(i));
+    const std::int64_t length = ask_for(page_of(i), around);
+    asked += length > 0 ? 1 : 0;
+    EXPECT_EQ(length == 0, was_asked) << i;
+  }
+  EXPECT_TRUE(are_all_asked());
+  EXPECT_LT(asked, 250);
+  reads_.begin_anew();
+  EXPECT_EQ(around(0), (ByteRange{0, kPage}));
 }
 
 }  // namespace
