@@ -52,8 +52,9 @@ ByteRange ColdReads::note(std::int64_t offset, std::int64_t file_size, bool has_
     piece.end = std::min(start + std::min(2 * (last_.end - last_.start), kMostAsked), file_size);
   }
   const ByteRange wanted = around(piece, file_size);
-  last_ = wanted.empty() ? piece : wanted;
-  return last_;
+  if (!wanted.empty()) return last_ = wanted;
+  if (++gone_ > are_asked_.size()) begin_anew();
+  return {};
 }
 
 ByteRange ColdReads::around(ByteRange needed, std::int64_t file_size) {
@@ -69,6 +70,7 @@ ByteRange ColdReads::around(ByteRange needed, std::int64_t file_size) {
 
 void ColdReads::begin_anew() {
   total_ = 0;
+  gone_ = 0;
   are_asked_.clear();
 }
 

@@ -9,12 +9,13 @@
 //
 // Needs   note() after each single read that is_due() has said yes to
 // Keeps   while nothing waits, only one read of kLooksAt is looked at; nothing is asked for that a
-//         read has not waited beside. Of a file that does not stay in memory no more is asked for,
-//         once all of it was, than kLeastAsked around each read; of one that is larger than half
-//         the memory nothing but what is needed
+//         read has not waited beside. Of a file that does not stay in memory nothing
+//         is asked for again before as many reads have waited as it has pieces; of one that is
+//         larger than half the memory nothing but what is needed
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -82,6 +83,7 @@ class ColdReads {
   ByteRange last_;               // that a single read has asked for
   std::int64_t total_ = 0;       // bytes asked for
   std::vector<bool> are_asked_;  // pieces of kLeastAsked bytes
+  std::size_t gone_ = 0;         // reads that have waited for one of them all the same
 };
 
 }  // namespace common

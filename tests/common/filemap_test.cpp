@@ -190,7 +190,7 @@ TEST(ColdReadsTest, AskForWhatLiesAroundReadsThatHaveWaited) {
   EXPECT_EQ(reads.wait(200), "") << "is on its way";
   EXPECT_EQ(reads.wait(256), "256-512") << "goes on";
   EXPECT_EQ(reads.wait(600), "576-640") << "elsewhere";
-  EXPECT_EQ(reads.wait(100), "64-128") << "asked for before, and gone from memory";
+  EXPECT_EQ(reads.wait(100), "64-128") << "gone from memory";
   EXPECT_EQ(reads.wait(65'499), "65472-65500") << "up to the end of the file";
 }
 
@@ -246,8 +246,11 @@ TEST_F(ReadAtRandom, SoonAsksForAllOfTheFile) {
   }
   EXPECT_TRUE(are_all_asked());
   EXPECT_LT(waits, 250) << "of " << kPages * kPage / ColdReads::kLeastAsked << " in equal pieces";
-  const ByteRange again = reads_.note(0, kPages * kPage, true);
-  EXPECT_EQ(again, (ByteRange{0, ColdReads::kLeastAsked})) << "the file does not stay in memory";
+  // The file does not stay in memory.
+  int alone = 0;
+  while (reads_.note(page_of(alone) * kPage, kPages * kPage, true).empty()) ++alone;
+  EXPECT_GE(alone, kPages * kPage / ColdReads::kLeastAsked);
+  EXPECT_LT(alone, kPages);
 }
 
 TEST_F(ReadAtRandom, ManyAtATimeAskForTheirPagesAloneAtFirst) {
