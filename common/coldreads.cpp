@@ -51,19 +51,23 @@ ByteRange ColdReads::note(std::int64_t offset, std::int64_t file_size, bool has_
   if (!last_.empty() && start == last_.end) {  // it goes on
     piece.end = std::min(start + std::min(2 * (last_.end - last_.start), kMostAsked), file_size);
   }
-  const ByteRange wanted = around(piece, file_size);
+  const ByteRange wanted = around(piece, file_size, kPiece);
   if (!wanted.empty()) return last_ = wanted;
   if (++gone_ > are_asked_.size()) begin_anew();
   return {};
 }
 
 ByteRange ColdReads::around(ByteRange needed, std::int64_t file_size) {
-  const std::int64_t length = window(file_size);
-  const std::int64_t unit = length > 0 ? length : kPage;
+  return around(needed, file_size, kPage);
+}
+
+// The same, of `least` bytes or more at a multiple of them.
+ByteRange ColdReads::around(ByteRange needed, std::int64_t file_size, std::int64_t least) {
+  const std::int64_t unit = std::max(window(file_size), least);
   const std::int64_t last = needed.end + unit - 1;
   const ByteRange wanted{needed.start - needed.start % unit,
                          std::max(std::min(last - last % unit, file_size), needed.end)};
-  if (length > 0) return not_asked(needed, wanted, file_size);
+  if (unit >= kPiece) return not_asked(needed, wanted, file_size);
   total_ += wanted.end - wanted.start;
   return wanted;
 }

@@ -72,6 +72,7 @@ class ColdReads {
 
  private:
   [[nodiscard]] std::int64_t window(std::int64_t file_size) const;
+  [[nodiscard]] ByteRange around(ByteRange needed, std::int64_t file_size, std::int64_t least);
   [[nodiscard]] ByteRange not_asked(ByteRange needed, ByteRange wanted, std::int64_t file_size);
 
   // A prime number: an operation makes several reads, and always the same one of them waits.
