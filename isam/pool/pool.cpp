@@ -299,6 +299,7 @@ bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
 // Reads bytes of the current data file that the pool has no block of: false when the file has not
 // all of them.
 bool Pool::read_data(Bytes to, std::int64_t offset) {
+  if (to.empty()) return true;
   PairFile& data = filep->data;
   if (data.map.read(data.fd, to, offset) != static_cast<ssize_t>(to.size())) return false;
   waiting_.put_into(*filep, offset, to);
