@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "isam/base/errors.h"
+#include "isam/base/walklimit.h"
 #include "isam/calls/heldback.h"
 #include "isam/calls/keptposition.h"
 #include "isam/calls/recorditems.h"
@@ -58,6 +60,7 @@ class NumbersNotUsed {
 enum class Offer {
   kUsable,       // it is free, and locked where that is due
   kInUse,        // the list is damaged: its record is present
+  kRefers,       // a process was killed that had deleted its record: its slot refers to storage
   kLockedThere,  // another process has it locked
   kUnknown,      // that cannot be found out; iserrno tells why
 };
@@ -65,23 +68,31 @@ enum class Offer {
 Offer look_at_offer(std::int32_t number) {
   const int present = datacheck(number);
   if (present > 0) return Offer::kInUse;
-  if (present < 0) return Offer::kUnknown;
+  const int refers = present < 0 ? -1 : datarefers(number);
+  if (refers < 0) return Offer::kUnknown;
+  if (refers > 0) return Offer::kRefers;
   if (lock_for_change(number) == 0) return Offer::kUsable;
   return iserrno == kLocked ? Offer::kLockedThere : Offer::kUnknown;
 }
 
 // A number to write a new record under, or -1: with the code of a deeper routine, if one has set
-// any, else with 107 when a number was locked, else with 105. Numbers of records that are present
-// are taken off the list for good.
+// any, else with 107 when a number was locked, else with 105. Numbers of records that are present,
+// and those whose slots refer to storage, are passed by for good. Of the latter a repair may have
+// left many: they do not count as tries.
 std::int32_t allocdatrec() {
   NumbersNotUsed not_used;
   Code reason = kCorrupted;
+  std::optional<StepLimit> referring;
   for (int tries = 0; tries < kTriesForNumber; ++tries) {
     const std::int32_t number = allocrec(FreeList::kRecords);
     if (number < 0) break;
     const Offer offer = look_at_offer(number);
     if (offer == Offer::kUsable) return number;
-    if (offer == Offer::kInUse) continue;
+    if (offer == Offer::kRefers) {
+      if (!referring) referring.emplace(slots_in_file());
+      if (!referring->exceeded()) --tries;
+    }
+    if (offer == Offer::kInUse || offer == Offer::kRefers) continue;
     not_used.add(number);
     if (offer == Offer::kUnknown) break;
     reason = kLocked;

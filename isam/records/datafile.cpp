@@ -316,9 +316,12 @@ std::int32_t records_in_file() {
     const KeepError keep;  // a failure is told by the next call
     bfflush(*filep);
   }
-  // One more than fit, for the file may end within a slot.
+  return std::min(dictp->d_nextdata(), slots_in_file());
+}
+
+std::int32_t slots_in_file() {
   const std::int64_t slots = common::file_size(filep->data.fd) / slot_size() + 1;
-  return static_cast<std::int32_t>(std::min<std::int64_t>(dictp->d_nextdata(), slots));
+  return static_cast<std::int32_t>(std::min<std::int64_t>(slots, INT32_MAX));
 }
 
 int datacheck(std::int32_t k) {
@@ -329,6 +332,12 @@ int datacheck(std::int32_t k) {
     if (from.read({&state, 1}) != 0) return -1;
   }
   return state == kRecordPresent ? 1 : 0;
+}
+
+int datarefers(std::int32_t k) {
+  Trailer trailer;
+  if (read_trailer(k, trailer) != 0) return -1;
+  return trailer.reference() != 0 ? 1 : 0;
 }
 
 int datacreate(std::int32_t k, ConstBytes record) {

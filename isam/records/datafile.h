@@ -38,8 +38,15 @@ void dataexpect(std::int32_t k);
 // for its last slot may be cut short. What is still in the pool is written first.
 [[nodiscard]] std::int32_t records_in_file();
 
+// Slots that the data file has whole or begins: beyond them it is empty.
+[[nodiscard]] std::int32_t slots_in_file();
+
 // Whether record k is present: 1 or 0, -1 when its slot cannot be read.
 [[nodiscard]] int datacheck(std::int32_t k);
+
+// Whether the slot of record k, which is not present, refers to storage: 1 or 0, -1 when it cannot
+// be read.
+[[nodiscard]] int datarefers(std::int32_t k);
 
 // Writes a new record k, from reclen to maxreclen bytes (other lengths are fatal): 0, or -1; 105
 // when the slot still refers to a variable part.
