@@ -8,16 +8,17 @@
 #include <bit>
 #include <new>
 
+#include "common/memory.h"
+
 namespace common {
 namespace {
 
 constexpr std::int64_t kPage = 4096;
 constexpr std::int64_t kPiece = ColdReads::kLeastAsked;
 
-// Whether a file has no more than half of what the memory holds.
+// Whether a file has no more than half of what the memory holds that this process may use.
 bool fits_in_memory(std::int64_t file_size) {
-  static const std::int64_t most =
-      std::int64_t{::sysconf(_SC_PHYS_PAGES)} * ::sysconf(_SC_PAGESIZE) / 2;
+  static const std::int64_t most = find_memory().all / 2;
   return file_size <= most;
 }
 

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <utility>
@@ -170,18 +169,12 @@ void FileMap::look_again(int fd) {
 // Reads by a system call. A read that got all it asked for shows how far the file goes at least;
 // after kReadsBeforeMapping of them beyond the mapping (at first there is none) it is mapped anew.
 ssize_t FileMap::call(int fd, Bytes to, std::int64_t offset) {
-  constexpr int kReadsOfOneThatWaits = 16;
-  constexpr auto kWithoutDisk = std::chrono::microseconds(40);
   const std::int64_t end = offset + static_cast<std::int64_t>(to.size());
-  const auto start = std::chrono::steady_clock::now();
   const ssize_t got = read_at(fd, to, offset);
   if (!usable_ || system_calls().pread != ::pread || got != static_cast<ssize_t>(to.size()))
     return got;
   known_ = std::max(known_, end);
-  if (end <= mapped_) return got;
-  const bool has_waited = std::chrono::steady_clock::now() - start > kWithoutDisk;
-  reads_ += has_waited ? kReadsOfOneThatWaits : 1;
-  if (reads_ >= kReadsBeforeMapping) map(fd);
+  if (end > mapped_ && ++reads_ >= kReadsBeforeMapping) map(fd);
   return got;
 }
 

@@ -38,14 +38,30 @@ std::int64_t kilobytes_of(std::string_view text, std::string_view name) {
   return std::min(number_in(text.substr(at + name.size()), 0), kMost) * 1024;
 }
 
+// Where the group of processes that this one is in has its limits: its name behind `kind` in the
+// system's list of groups; empty without such a kind.
+std::string own_group(const std::string& groups, std::string_view kind) {
+  const std::size_t at = groups.find(kind);
+  if (at == std::string::npos) return {};
+  const std::size_t start = at + kind.size();
+  return groups.substr(start, groups.find('\n', start) - start);
+}
+
 }  // namespace
 
 Memory find_memory() {
   const std::string text = beginning_of("/proc/meminfo");
   Memory memory{kilobytes_of(text, "MemTotal:"), kilobytes_of(text, "MemAvailable:")};
-  for (const char* const limit :
-       {"/sys/fs/cgroup/memory.max", "/sys/fs/cgroup/memory/memory.limit_in_bytes"}) {
-    memory.all = std::min(memory.all, number_in(beginning_of(limit), memory.all));
+  // The limits of the group seen as the root, as in a container, and of the one by its name.
+  const std::string groups = beginning_of("/proc/self/cgroup");
+  const std::string one = "/sys/fs/cgroup";
+  const std::string other = "/sys/fs/cgroup/memory";  // of the first version
+  for (const std::string& folder :
+       {one, one + own_group(groups, "0::"), other, other + own_group(groups, ":memory:")}) {
+    for (const char* const name : {"/memory.max", "/memory.limit_in_bytes"}) {
+      const std::string limit = beginning_of((folder + name).c_str());
+      memory.all = std::min(memory.all, number_in(limit, memory.all));
+    }
   }
   return memory;
 }
