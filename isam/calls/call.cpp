@@ -201,7 +201,6 @@ void unlist() {
 
 // Writes what has changed, or takes it back after a failure. Its own failure is in iserrno.
 void write_changes() {
-  if (is_alone()) bfwrite_due();
   if (!filep->call.page_changed && !filep->unwritten.dictionary) return;
   if (take_back()) return;
   const bool changed = filep->call.page_changed;
@@ -338,6 +337,7 @@ int write_handed_out() {
 
 void end_change() {
   const bool undone = iserrno != 0;
+  bfwrite_due();
   if (txlog::logstate.holds_back) {
     write_or_hold_back();
   } else {

@@ -27,6 +27,7 @@ int end_exclusive() {
   bfflush(*filep);  // once more: what is written need not be mended
   filep->unwritten.direct.bytes.clear();
   bfdrop(*filep, INT32_MIN);
+  bfease(true);
   filep->call.page_changed = filep->unwritten.dictionary = false;
   forget_exclusive();  // this close tells it, no call of those that go on sharing the file
   return -1;

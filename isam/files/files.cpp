@@ -259,6 +259,7 @@ void forget_opens() {
     if (another_copy_has(file->index.device, file->index.inode)) file->index.fd = -1;
     close_file_record(*file);
   }
+  bfease(true);
   for (const auto& open : opens) {
     if (!open || open->state == OpenState::kFree) continue;
     *open = Open{};

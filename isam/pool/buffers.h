@@ -156,7 +156,7 @@ class PageStamp {
 // Writes what bfdirect() has taken of the current file, and no other change. What cannot be written
 // goes into the pool, with the failure in Unwritten::failed. iserrno stays.
 void bfwrite_direct();
-// Writes the records of the current file, an exclusive open's, that have waited for a second.
+// Writes the records of an exclusive open, of whatever file, that have waited for a second.
 void bfwrite_due();
 // Whether the current data file has all records: none is changed in the pool, or waits.
 [[nodiscard]] bool bfdata_is_written();

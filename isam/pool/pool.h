@@ -135,7 +135,7 @@ class Pool {
 };
 
 inline void Pool::write_due() {
-  if (waiting_.is_due(*filep)) write_waiting(*filep);
+  if (waiting_.is_due()) write_waiting(*waiting_.waiting_file());
 }
 
 inline void Pool::modified_out(Buffer* buffer) {

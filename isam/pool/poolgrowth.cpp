@@ -87,13 +87,14 @@ void Pool::give_back() {
 
 void Pool::bfease(bool at_once) {
   if (!at_once) {
-    if (nbuffs_ <= least_buffers_ && !waiting_.has(*filep)) return;
+    OpenPair* const waiting_file = waiting_.waiting_file();
+    if (nbuffs_ <= least_buffers_ && waiting_file == nullptr) return;
     if (++growth_.eased % kEasedSeldom != 0 || !is_memory_short()) return;
     growth_.not_asked = kNotAsked;
     for (std::size_t i = least_buffers_; i < nbuffs_; ++i) {
       if ((buffs_[i].flags & (kModified | kBusy)) == kModified) spill(&buffs_[i]);
     }
-    write_waiting(*filep);
+    if (waiting_file != nullptr) write_waiting(*waiting_file);
   }
   give_back();
   waiting_.give_back();

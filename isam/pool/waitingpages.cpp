@@ -60,7 +60,7 @@ void WaitingPages::written(const OpenPair& file, std::int64_t offset, ConstBytes
 }
 
 // Whether pages of this file may wait, which needs memory.
-bool WaitingPages::serve(const OpenPair& file) {
+bool WaitingPages::serve(OpenPair& file) {
   if (paused_ > 0) {
     --paused_;
     return false;
@@ -105,6 +105,16 @@ bool WaitingPages::take(OpenPair& file, std::int64_t offset, ConstBytes bytes) {
   return true;
 }
 
+// Where the record ends that begins before page `end`, as far as its pages wait: those of a record
+// that was changed do.
+std::size_t WaitingPages::end_of_record(std::size_t end) const {
+  const auto slot = static_cast<std::size_t>(file_->geometry.reclen) + kFixedTrailer;
+  const std::size_t record_end = (end * kPage + slot - 1) / slot * slot;
+  std::size_t last = end;
+  while (last < kPages && last * kPage < record_end && waits(last)) ++last;
+  return std::min(record_end, last * kPage);
+}
+
 // All were handed out to be written.
 void WaitingPages::note_end(std::size_t pages_written) {
   if (changes_ < kFewChanges * pages_written) paused_ = kPause * pages_written;
@@ -112,9 +122,7 @@ void WaitingPages::note_end(std::size_t pages_written) {
   since_ = milliseconds();
 }
 
-bool WaitingPages::is_due(const OpenPair& file) const {
-  return has(file) && milliseconds() - since_ > kLongest;
-}
+bool WaitingPages::is_due() const { return count_ > 0 && milliseconds() - since_ > kLongest; }
 
 void WaitingPages::drop(const OpenPair& file) {
   if (file_ != &file) return;

@@ -2,13 +2,15 @@
 // memory, so that a page with many changed records is written once.
 //
 // Serves one data file at a time. It has the whole file's address space, so that a page is found by
-// its number; only pages that wait take memory.
+// its number. What pages have waited in it remains its memory until give_back().
 //
 // Needs   the mark of unwritten changes (isam/pool/mark) is set before take()
 // Keeps   A1 a page that waits has the file's bytes with all changes: it goes before the file
 //         A2 what is written to the file past it goes into it too (written())
-//         A3 pages wait for a second at most while calls go on, and give way when the system has
-//            little memory: a process that is killed has lost no more of its records
+//         A3 pages wait for a second at most while calls go on, of whatever pair, and give way when
+//            the system has little memory: a process that is killed has lost no more of its records
+//         A4 a record goes out in one piece, though its pages may go in two: a process that is
+//            killed between these leaves none that is new in part
 // Never   lengthens the file, which a full disk would be met by too late; takes what lies beyond
 //         kMostBytes, or more than an eighth of the system's memory; takes anything for a while
 //         after few changes have met in a page
@@ -41,12 +43,15 @@ class WaitingPages {
   // Bytes were written to the file.
   void written(const OpenPair& file, std::int64_t offset, ConstBytes bytes);
 
+  // The pair whose pages wait; null for none.
+  [[nodiscard]] OpenPair* waiting_file() const { return count_ > 0 ? file_ : nullptr; }
   // Hands the pages that wait to `write`, in the order of the file, up to kLongestRun of them that
-  // lie side by side in one piece; those for which it answers 0 wait no more.
+  // lie side by side in one piece, which goes on to the end of the last record; those for which it
+  // answers 0 wait no more.
   template <typename Write>
   void write_all(Write write);
-  // Whether the first of the file's pages has waited long enough.
-  [[nodiscard]] bool is_due(const OpenPair& file) const;
+  // Whether the first of the pages has waited long enough.
+  [[nodiscard]] bool is_due() const;
   // Nothing of this file waits any more.
   void drop(const OpenPair& file);
   // Gives memory back, if nothing waits.
@@ -61,13 +66,14 @@ class WaitingPages {
   [[nodiscard]] bool waits(std::size_t page) const {
     return (waiting_[page / kWord] >> page % kWord & 1) != 0;
   }
-  [[nodiscard]] bool serve(const OpenPair& file);
+  [[nodiscard]] bool serve(OpenPair& file);
   [[nodiscard]] bool fetch(OpenPair& file, std::size_t first, std::size_t last);
+  [[nodiscard]] std::size_t end_of_record(std::size_t end) const;
   void note_end(std::size_t pages_written);
   template <typename Use>
   void each_waiting(std::int64_t offset, std::size_t size, Use use) const;
 
-  const OpenPair* file_ = nullptr;
+  OpenPair* file_ = nullptr;
   std::size_t count_ = 0;    // pages that wait
   std::size_t changes_ = 0;  // in these
   std::size_t paused_ = 0;   // so many more changes are not taken
@@ -90,7 +96,7 @@ void WaitingPages::write_all(Write write) {
       ++page;
       continue;
     }
-    const ConstBytes run{&bytes_[page * kPage], (end - page) * kPage};
+    const ConstBytes run{&bytes_[page * kPage], end_of_record(end) - page * kPage};
     const bool is_written = write(static_cast<std::int64_t>(page * kPage), run) == 0;
     pages_written += end - page;
     for (; page < end; ++page) {

@@ -1,5 +1,6 @@
 // Records that an exclusive open changes wait in pages of the system: what is written when, and
 // that nobody sees the difference.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +16,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "common/io.h"
@@ -29,6 +31,7 @@ namespace {
 constexpr int kLength = 99;
 constexpr int kRecords = 4000;
 constexpr int kPages = kRecords * (kLength + 1) / 4096;  // that the file has whole
+constexpr auto kMostBytes = static_cast<std::int64_t>(isam::WaitingPages::kMostBytes);
 
 std::string record_of(int id, char filling) {
   std::string record = std::to_string(10'000'000 + id);
@@ -36,14 +39,19 @@ std::string record_of(int id, char filling) {
   return record;
 }
 
+// Bytes that this process has mapped.
+std::int64_t address_space() {
+  std::int64_t pages = 0;
+  std::ifstream{"/proc/self/statm"} >> pages;
+  return pages * ::sysconf(_SC_PAGESIZE);
+}
+
 class WaitingPages : public testing::Test {
  protected:
   void SetUp() override {
     ::setenv("ISAMBUFS", "4096", 1);
     keep_pool();
-    const int isfd = ::isbuild(base_.c_str(), kLength, &key_, ISINOUT + ISEXCLLOCK);
-    for (int id = 0; id < kRecords; ++id) ::iswrite(isfd, record_of(id, 'a').data());
-    ::isclose(isfd);
+    build(base_);
     keep_pool();  // it has all records, so that nothing would be read from the file
     isfd_ = ::isopen(base_.c_str(), ISINOUT + ISEXCLLOCK);
     read_to_and_fro();
@@ -51,6 +59,7 @@ class WaitingPages : public testing::Test {
     stand_between([this](const SystemCall& call) {
       const bool is_data = call.kind == SystemCall::kWrite && call.name().ends_with(".dat");
       writes_ += is_data ? 1 : 0;
+      if (is_data && looks_for_mixed_) mixed_ = std::max(mixed_, mixed_in_file());
       if (call.kind != SystemCall::kWrite) return 0;
       return is_data ? error_ : index_error_;
     });
@@ -70,6 +79,16 @@ class WaitingPages : public testing::Test {
     before.push_back(std::move(isam::the_pool));
   }
 
+  void build(const std::string& base) {
+    const int isfd = ::isbuild(base.c_str(), kLength, &key_, ISINOUT + ISEXCLLOCK);
+    for (int id = 0; id < kRecords; ++id) ::iswrite(isfd, record_of(id, 'a').data());
+    ::isclose(isfd);
+  }
+  // Another pair like that, open exclusively.
+  int open_other() {
+    build(other_);
+    return ::isopen(other_.c_str(), ISINOUT + ISEXCLLOCK);
+  }
   char filling_of(int id) {
     std::string record = record_of(id, ' ');
     return ::isread(isfd_, record.data(), RD_EQUAL) == 0 ? record.back() : '?';
@@ -98,10 +117,21 @@ class WaitingPages : public testing::Test {
     for (int id = 0; id < kRecords; ++id) count += filling_in_file(id) == filling ? 1 : 0;
     return count;
   }
+  // How many records the file has that are of two changes.
+  int mixed_in_file() const {
+    std::ifstream file{base_ + ".dat", std::ios::binary};
+    std::string slot(kLength + 1, 0);
+    int count = 0;
+    while (file.read(slot.data(), static_cast<std::streamsize>(slot.size()))) {
+      count += slot.find_first_not_of(slot[8], 8) < kLength ? 1 : 0;
+    }
+    return count;
+  }
   std::string check() const { return run_program({.words = {KESTRO_PROGRAM, "-nq", base_}}).out; }
 
   TempFolder folder_;
   std::string base_ = folder_ / "pair";
+  std::string other_ = folder_ / "other";
   keydescr key_ = [] {
     keydescr key{};
     key.nparts = 1;
@@ -110,6 +140,8 @@ class WaitingPages : public testing::Test {
   }();
   int isfd_ = -1;
   int writes_ = 0;
+  bool looks_for_mixed_ = false;
+  int mixed_ = 0;        // the most before a write to a data file
   int error_ = 0;        // of each write to the data file
   int index_error_ = 0;  // ... to the index file
 };
@@ -159,8 +191,47 @@ TEST_F(WaitingPages, WhatWaitsIsReadByEveryCall) {
 TEST_F(WaitingPages, TheyAreWrittenWithinASecondWhileCallsGoOn) {
   change_all('b');
   EXPECT_GT(in_file('a'), 0);
+  const int other = open_other();
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-  EXPECT_EQ(filling_of(1), 'b');
+  std::int32_t id = 0;
+  EXPECT_EQ(::iscurruniq(other, &id), 0);  // whatever the pair
+  EXPECT_EQ(in_file('b'), kRecords);
+}
+
+// Of two pairs one is served at a time.
+TEST_F(WaitingPages, AnotherPairLeavesThemAlone) {
+  int other = open_other();
+  change_all('b');
+  std::swap(isfd_, other);
+  read_to_and_fro();
+  for (int i = 0; i < kRecords / 2; ++i) change(i * 1013 % kRecords, 'c');
+  std::swap(isfd_, other);
+  EXPECT_EQ(::isclose(other), 0);
+  EXPECT_EQ(filling_of(17), 'b');
+  EXPECT_EQ(::isflush(isfd_), 0);
+  EXPECT_EQ(in_file('b'), kRecords);
+  base_ = other_;
+  EXPECT_EQ(in_file('c'), kRecords / 2);
+  EXPECT_EQ(in_file('b'), 0);
+}
+
+TEST_F(WaitingPages, ASmallPoolHasNone) {
+  ::isclose(isfd_);
+  keep_pool();
+  ::setenv("ISAMBUFS", "600", 1);
+  isfd_ = ::isopen(base_.c_str(), ISINOUT + ISEXCLLOCK);
+  read_to_and_fro();
+  for (int id = 50; id < kRecords; id += 100) change(id, 'b');
+  EXPECT_EQ(in_file('b'), kRecords / 100);
+}
+
+// A record reaches beyond its page, and both do not always go in one piece.
+TEST_F(WaitingPages, AtNoMomentTheFileHasARecordInPart) {
+  change_all('b');
+  looks_for_mixed_ = true;
+  EXPECT_EQ(::isflush(isfd_), 0);
+  looks_for_mixed_ = false;
+  EXPECT_EQ(mixed_, 0);
   EXPECT_EQ(in_file('b'), kRecords);
 }
 
@@ -198,6 +269,72 @@ TEST_F(WaitingPages, AWriteThatFailsIsToldAndTriedAgain) {
   run_program({.words = {KESTRO_PROGRAM, "-yq", base_}});
   isfd_ = ::isopen(base_.c_str(), ISINOUT + ISMANULOCK);
   EXPECT_EQ(filling_of(17), 'b');
+}
+
+// The close tells it, and keeps neither the changes nor their memory.
+TEST_F(WaitingPages, AWriteThatFailsForEverIsLost) {
+  const std::int64_t before = address_space();
+  change_all('b');
+  EXPECT_GT(address_space() - before, kMostBytes / 2);
+  error_ = EIO;
+  EXPECT_EQ(::isclose(isfd_), -1);
+  EXPECT_EQ(::iserrno, EIO);
+  error_ = 0;
+  EXPECT_LT(address_space() - before, kMostBytes / 2);
+  EXPECT_EQ(::isopen(base_.c_str(), ISINOUT + ISMANULOCK), -1);
+  EXPECT_EQ(::iserrno, ISECORRUPT);
+  run_program({.words = {KESTRO_PROGRAM, "-yq", base_}});
+  isfd_ = ::isopen(base_.c_str(), ISINOUT + ISMANULOCK);
+  EXPECT_EQ(filling_of(17), filling_in_file(17));
+  EXPECT_GT(in_file('a'), kRecords / 2);
+}
+
+TEST_F(WaitingPages, AChildHasNothingOfThem) {
+  const std::int64_t before = address_space();
+  change_all('b');
+  const int written = in_file('b');
+  const pid_t child = ::fork();
+  if (child == 0) {
+    const bool refused = ::isflush(isfd_) == -1 && ::iserrno == ISENOTOPEN;
+    const bool gave_back = address_space() - before < kMostBytes / 2;
+    ::_exit(refused && gave_back && in_file('b') == written ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(::isflush(isfd_), 0);
+  EXPECT_EQ(in_file('b'), kRecords);
+}
+
+// Bytes that lie on both sides of the end of what pages may wait of.
+TEST(WaitingPagesOfAFile, EndsWhereItsMemoryDoes) {
+  const TempFolder folder;
+  isam::OpenPair file;
+  file.data.fd = ::open((folder / "sparse").c_str(), O_CREAT | O_RDWR, 0600);
+  ASSERT_EQ(::ftruncate(file.data.fd, kMostBytes + 8192), 0);
+  file.data.map.look_again(file.data.fd);
+  isam::WaitingPages waiting;
+  std::vector<isam::Byte> bytes(100, 1);
+  EXPECT_FALSE(waiting.take(file, kMostBytes, bytes));
+  EXPECT_FALSE(waiting.take(file, kMostBytes - 50, bytes));
+  EXPECT_TRUE(waiting.take(file, kMostBytes - 100, bytes));
+  std::ranges::fill(bytes, isam::Byte{2});
+  waiting.written(file, kMostBytes - 50, bytes);
+  waiting.written(file, kMostBytes, bytes);
+  std::ranges::fill(bytes, isam::Byte{3});
+  waiting.put_into(file, kMostBytes - 75, bytes);
+  EXPECT_EQ(std::ranges::count(bytes, isam::Byte{1}), 25);
+  EXPECT_EQ(std::ranges::count(bytes, isam::Byte{2}), 50);
+  EXPECT_EQ(std::ranges::count(bytes, isam::Byte{3}), 25);
+  EXPECT_TRUE(waiting.has(file, kMostBytes - 1, 100));
+  EXPECT_FALSE(waiting.has(file, kMostBytes, 100));
+  std::int64_t end = 0;
+  waiting.write_all([&](std::int64_t offset, isam::ConstBytes pages) {
+    end = offset + static_cast<std::int64_t>(pages.size());
+    return 0;
+  });
+  EXPECT_EQ(end, kMostBytes);
+  ::close(file.data.fd);
 }
 
 TEST_F(WaitingPages, AProcessThatIsKilledLosesNoMoreThanASecond) {
