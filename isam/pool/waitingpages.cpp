@@ -105,16 +105,6 @@ bool WaitingPages::take(OpenPair& file, std::int64_t offset, ConstBytes bytes) {
   return true;
 }
 
-// Where the record ends that begins before page `end`, as far as its pages wait: those of a record
-// that was changed do.
-std::size_t WaitingPages::end_of_record(std::size_t end) const {
-  const auto slot = static_cast<std::size_t>(file_->geometry.reclen) + kFixedTrailer;
-  const std::size_t record_end = (end * kPage + slot - 1) / slot * slot;
-  std::size_t last = end;
-  while (last < kPages && last * kPage < record_end && waits(last)) ++last;
-  return std::min(record_end, last * kPage);
-}
-
 // All were handed out to be written.
 void WaitingPages::note_end(std::size_t pages_written) {
   if (changes_ < kFewChanges * pages_written) paused_ = kPause * pages_written;

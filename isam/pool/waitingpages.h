@@ -9,8 +9,8 @@
 //         A2 what is written to the file past it goes into it too (written())
 //         A3 pages wait for a second at most while calls go on, of whatever pair, and give way when
 //            the system has little memory: a process that is killed has lost no more of its records
-//         A4 a record goes out in one piece, though its pages may go in two: a process that is
-//            killed between these leaves none that is new in part
+//            (The system ends a write at any page for that: of a record that reaches beyond its
+//            page a part may be new)
 // Never   lengthens the file, which a full disk would be met by too late; takes what lies beyond
 //         kMostBytes, or more than an eighth of the system's memory; takes anything for a while
 //         after few changes have met in a page
@@ -46,8 +46,7 @@ class WaitingPages {
   // The pair whose pages wait; null for none.
   [[nodiscard]] OpenPair* waiting_file() const { return count_ > 0 ? file_ : nullptr; }
   // Hands the pages that wait to `write`, in the order of the file, up to kLongestRun of them that
-  // lie side by side in one piece, which goes on to the end of the last record; those for which it
-  // answers 0 wait no more.
+  // lie side by side in one piece; those for which it answers 0 wait no more.
   template <typename Write>
   void write_all(Write write);
   // Whether the first of the pages has waited long enough.
@@ -68,7 +67,6 @@ class WaitingPages {
   }
   [[nodiscard]] bool serve(OpenPair& file);
   [[nodiscard]] bool fetch(OpenPair& file, std::size_t first, std::size_t last);
-  [[nodiscard]] std::size_t end_of_record(std::size_t end) const;
   void note_end(std::size_t pages_written);
   template <typename Use>
   void each_waiting(std::int64_t offset, std::size_t size, Use use) const;
@@ -96,7 +94,7 @@ void WaitingPages::write_all(Write write) {
       ++page;
       continue;
     }
-    const ConstBytes run{&bytes_[page * kPage], end_of_record(end) - page * kPage};
+    const ConstBytes run{&bytes_[page * kPage], (end - page) * kPage};
     const bool is_written = write(static_cast<std::int64_t>(page * kPage), run) == 0;
     pages_written += end - page;
     for (; page < end; ++page) {
