@@ -258,15 +258,21 @@ int Pool::pool_direct() {
 void Pool::write_waiting(OpenPair& file) {
   if (!waiting_.has(file)) return;
   const KeepError keep;
-  waiting_.write_all([&](std::int64_t offset, ConstBytes pages) {
-    data_window_.overwritten(file.data.fd, offset, pages.size());
-    const int result = common::write_at(file.data.fd, pages, offset);
+  const auto write = [&](std::int64_t offset, ConstBytes bytes) {
+    data_window_.overwritten(file.data.fd, offset, bytes.size());
+    const int result = common::write_at(file.data.fd, bytes, offset);
     if (result != 0) {
       failed_system(errno, Operation::kWrite, FileKind::kData);
       bfnote_failure(file);
     }
     return result;
+  };
+  // Only records of fixed length wait.
+  const auto slot = static_cast<std::size_t>(file.geometry.reclen + kFixedTrailer);
+  waiting_.each_across(slot, [&](std::int64_t offset, ConstBytes record) {
+    if (!file.data.map.has(record, offset)) static_cast<void>(write(offset, record));
   });
+  waiting_.write_all(write);
 }
 
 int Pool::bfprocess(OpenPair& file, bool write) {

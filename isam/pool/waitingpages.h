@@ -9,8 +9,8 @@
 //         A2 what is written to the file past it goes into it too (written())
 //         A3 pages wait for a second at most while calls go on, of whatever pair, and give way when
 //            the system has little memory: a process that is killed has lost no more of its records
-//            (The system ends a write at any page for that: of a record that reaches beyond its
-//            page a part may be new)
+//         A4 a record that reaches beyond its page is written by itself before its pages are: a
+//            process that is killed while it writes them leaves no record that is new in part
 // Never   lengthens the file, which a full disk would be met by too late; takes what lies beyond
 //         kMostBytes, or more than an eighth of the system's memory; takes anything for a while
 //         after few changes have met in a page
@@ -45,6 +45,10 @@ class WaitingPages {
 
   // The pair whose pages wait; null for none.
   [[nodiscard]] OpenPair* waiting_file() const { return count_ > 0 ? file_ : nullptr; }
+  // Hands each slot of so many bytes that reaches over the end of a page to `use`, if all of it
+  // waits: no other one was changed.
+  template <typename Use>
+  void each_across(std::size_t slot, Use use) const;
   // Hands the pages that wait to `write`, in the order of the file, up to kLongestRun of them that
   // lie side by side in one piece; those for which it answers 0 wait no more.
   template <typename Write>
@@ -79,6 +83,25 @@ class WaitingPages {
   common::Arena<Byte> bytes_;
   std::array<std::uint64_t, kPages / kWord> waiting_{};  // a bit for each page
 };
+
+template <typename Use>
+void WaitingPages::each_across(std::size_t slot, Use use) const {
+  std::size_t end = 0;  // of the last slot looked at
+  for (std::size_t page = 1; page < kPages; ++page) {
+    if (page % kWord == 0 && waiting_[page / kWord] == 0) {
+      page += kWord - 1;
+      continue;
+    }
+    const std::size_t start = page * kPage / slot * slot;
+    if (!waits(page) || start < end || start == page * kPage) continue;
+    end = start + slot;
+    bool all_wait = end <= kMostBytes;
+    for (std::size_t at = start / kPage; all_wait && at <= (end - 1) / kPage; ++at) {
+      all_wait = waits(at);
+    }
+    if (all_wait) use(static_cast<std::int64_t>(start), ConstBytes{&bytes_[start], slot});
+  }
+}
 
 template <typename Write>
 void WaitingPages::write_all(Write write) {
