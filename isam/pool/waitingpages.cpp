@@ -105,9 +105,12 @@ bool WaitingPages::take(OpenPair& file, std::int64_t offset, ConstBytes bytes) {
   return true;
 }
 
-// All were handed out to be written.
+// All were handed out to be written. Few changes once say little: it may have been soon after the
+// time before.
 void WaitingPages::note_end(std::size_t pages_written) {
-  if (changes_ < kFewChanges * pages_written) paused_ = kPause * pages_written;
+  const bool are_few = changes_ < kFewChanges * pages_written;
+  if (are_few && had_few_) paused_ = kPause * pages_written;
+  had_few_ = are_few;
   changes_ = 0;
   since_ = milliseconds();
 }

@@ -13,7 +13,7 @@
 //            process that is killed while it writes them leaves no record that is new in part
 // Never   lengthens the file, which a full disk would be met by too late; takes what lies beyond
 //         kMostBytes, or more than an eighth of the system's memory; takes anything for a while
-//         after few changes have met in a page
+//         after few changes have met in a page twice in a row
 #pragma once
 
 #include <array>
@@ -79,6 +79,7 @@ class WaitingPages {
   std::size_t count_ = 0;    // pages that wait
   std::size_t changes_ = 0;  // in these
   std::size_t paused_ = 0;   // so many more changes are not taken
+  bool had_few_ = false;     // few changes had met in each page that was written last
   std::int64_t since_ = 0;   // milliseconds: when the first of them began to wait
   common::Arena<Byte> bytes_;
   std::array<std::uint64_t, kPages / kWord> waiting_{};  // a bit for each page
