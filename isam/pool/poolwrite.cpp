@@ -268,7 +268,7 @@ void Pool::write_waiting(OpenPair& file) {
     return result;
   };
   // Only records of fixed length wait.
-  const auto slot = static_cast<std::size_t>(file.geometry.reclen + kFixedTrailer);
+  const auto slot = static_cast<std::size_t>(file.geometry.reclen) + kFixedTrailer;
   waiting_.each_across(slot, [&](std::int64_t offset, ConstBytes record) {
     if (!file.data.map.has(record, offset)) static_cast<void>(write(offset, record));
   });
