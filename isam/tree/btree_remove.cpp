@@ -164,28 +164,31 @@ bool remove_found(const Item& item, const keydescr& k) {
   return is_it;
 }
 
-// Goes on from the first item of a key, within its leaf, over those that repeat the key and store
-// nothing but their numbers, to that of the record of `item`, whose duplicate number it tells:
-// whether it is there. Otherwise the path stays. `passed`: the item before it.
+// Goes on from an item, within its leaf, over those that repeat its key and store nothing but their
+// numbers, to that of the record of `item`, whose duplicate number it tells: whether it is there.
+// Otherwise the path is left on the last of them. `passed`: the item before the one sought, or this
+// last one.
 bool skip_to_record(Cursor& cursor, const ItemLayout& layout, Item& item, int& passed) {
   PathLevel& leaf = cursor.bt.leaf();
+  passed = leaf.offset;
   const KeepError keep;
   const TreeNode node{leaf.node};
   if (!node || !layout.dcompress || node.length() != leaf.length) return false;
   const Byte* const bytes = node.area().data();
   const int size = layout.dupwidth + kRecordPointerSize;
-  int before = leaf.offset;
-  for (int at = leaf.next; at + size <= leaf.length; at += size) {
-    if ((bytes[at - kRecordPointerSize] & kRepeatBit) == 0) return false;
-    if (stored_recptr(bytes + at + layout.dupwidth) == item.recptr) {
-      item.dupnm = stored_dupnm(layout, bytes + at);
-      leaf.offset = at;
-      leaf.next = at + size;
-      passed = before;
+  const auto is_repeated = [&](int end) {
+    return (bytes[end - kRecordPointerSize] & kRepeatBit) != 0;
+  };
+  while (leaf.next + size <= leaf.length && is_repeated(leaf.next)) {
+    passed = leaf.offset;
+    leaf.offset = leaf.next;
+    leaf.next += size;
+    if (stored_recptr(bytes + leaf.offset + layout.dupwidth) == item.recptr) {
+      item.dupnm = stored_dupnm(layout, bytes + leaf.offset);
       return true;
     }
-    before = at;
   }
+  passed = leaf.offset;
   return false;
 }
 
@@ -200,19 +203,15 @@ int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
   const ItemLayout layout{k};
   WalkStart start = cursor.bt.ends == kOnItem ? btwalkstart(cursor, sought) : WalkStart{};
   WalkLimit walk;
-  std::int32_t gone_over = 0;  // the leaf in which skip_to_record() looked last
   while ((cursor.bt.ends & kAfterLast) == 0 && itcompare(cursor.treeitem, sought, order) == 0) {
     if (cursor.treeitem.recptr == sought.recptr) {
       item.dupnm = cursor.treeitem.dupnm;
       return btremove(cursor, layout, start);
     }
     if (walk.exceeded()) return failed(kCorrupted);
-    int passed = cursor.bt.leaf().offset;
-    if (order.bytewise() && cursor.bt.leaf().node != gone_over) {
-      gone_over = cursor.bt.leaf().node;
-      if (skip_to_record(cursor, layout, item, passed)) {
-        return btremove(cursor, layout, {passed, sought.key});
-      }
+    int passed = 0;
+    if (order.bytewise() && skip_to_record(cursor, layout, item, passed)) {
+      return btremove(cursor, layout, {passed, sought.key});
     }
     if (btmove(cursor, k, Direction::kNext) != 0) return -1;
     // What the item passed takes over from the one before it stands in its own key too, so in that

@@ -198,7 +198,8 @@ inline int Descent::compare_bytes(const Byte* key, int keyln, int& match) const 
 // are those of the item sought. An item that takes more than these from its predecessor differs
 // from the one sought where its predecessor does, so the outcome is the same, and so it is of one
 // that repeats a key which differs. Any other has its leading bytes in common with the one sought,
-// and is compared behind them.
+// and is compared behind them. Of those that repeat the key of an item to be inserted the last one
+// has the greatest number.
 bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
   const Byte* const items = area.data();
   const int size = level.length;
@@ -209,9 +210,15 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
   from_ = 0;
   for (int start = 0, end = 0;; start = end) {
     int result = 1;
-    if (repeats && match < layout_.keylen) {
+    const bool is_equal = match == layout_.keylen;
+    if (repeats && (numbers_ || !is_equal)) {
       end = pass_repeats(area, start, fixed);
-      if (end >= size) return end == size && settle_on(level, end - fixed, end, result);
+      if (end > size) return false;
+      if (is_equal) {
+        result = break_tie(stored_dupnm(layout_, items + end - fixed));
+        from_ = end - fixed;
+      }
+      if (end == size) return settle_on(level, end - fixed, end, result);
       repeats = false;
       continue;
     }
