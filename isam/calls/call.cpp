@@ -42,7 +42,7 @@ bool is_alone() { return (openp->mode & ISEXCLLOCK) != 0 || filep->locks.exclusi
 namespace {
 
 // An exclusive open's dictionary may lag behind by this many calls, as its pages do.
-constexpr int kCallsUnwritten = 16;
+constexpr int kCallsUnwritten = 256;
 
 // `open` is there for another access only; null when there is none.
 int refuse(Open* open) {

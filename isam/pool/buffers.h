@@ -17,7 +17,7 @@
 //            page when it is released
 //         B4 of the index nodes and of the data blocks, the least recently released is the first to
 //            give its buffer up, to within a sixteenth of the pool; nodes stay longer than data
-//            blocks
+//            blocks, of which some that have changed wait for those beside them in the file
 //         B5 what a call changes of a file that others use too stays in the pool until the call
 //            ends: the pool grows for it, and the call can be taken back
 //         B6 forgetting a file costs the same however many pages of it are cached: its generation

@@ -18,6 +18,10 @@ constexpr std::size_t kLargePool = 4096;
 static_assert(environment::kMostBuffers * kMostGrowth + kMostAdded < PageTable::kMostBuffers);
 // An unused node keeps its buffer about so many times longer than an unused data block.
 constexpr std::uint64_t kNodeLifetimes = 64;
+// So many changed data blocks wait for those beside them in their files, and no more than a part of
+// the pool.
+constexpr std::size_t kMostWaiting = 64;
+constexpr std::size_t kWaitingPart = 64;
 // A page released again before a pool's so-manieth part of others keeps its place in the order.
 constexpr std::size_t kSoonPart = 16;
 
@@ -137,6 +141,13 @@ Buffer* Pool::oldest_of_all() {
   return node != nullptr ? node : data_blocks_.oldest();
 }
 
+// Whether a data block has changed, and few others have: it is written with those that come to
+// stand beside it.
+bool Pool::waits_for_neighbours(const Buffer& block) const {
+  return (block.flags & kModified) != 0 &&
+         modified_blocks_ < std::min(kMostWaiting, nbuffs_ / kWaitingPart);
+}
+
 // The buffer to be reused: the one that was released least recently. A node counts as released
 // later than it was, for it serves many records, a data block few.
 //
@@ -148,6 +159,7 @@ Buffer* Pool::choose_victim() {
   Buffer* const node = oldest_that_may_go(nodes_);
   Buffer* const block = oldest_that_may_go(data_blocks_);
   if (node != nullptr && block != nullptr) {
+    if (waits_for_neighbours(*block)) return node;
     const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
     return block->released < node->released + head_start ? block : node;
   }

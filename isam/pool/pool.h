@@ -100,6 +100,7 @@ class Pool {
   }
   Buffer* oldest_that_may_go(LruRing& order);
   Buffer* oldest_of_all();
+  [[nodiscard]] bool waits_for_neighbours(const Buffer& block) const;
   Buffer* choose_victim();
   Buffer* victim();
   int spill(Buffer* buffer);
@@ -122,6 +123,7 @@ class Pool {
   PageTable table_;
   LruRing nodes_;
   LruRing data_blocks_;
+  std::size_t modified_blocks_ = 0;  // of data files
   std::uint64_t releases_ = 0;
   std::uint64_t versions_ = 0;
   common::Arena<Buffer> buffs_;
@@ -146,7 +148,10 @@ inline void Pool::modified_out(Buffer* buffer) {
   } else {
     buffer->file->unwritten.pages = buffer->modified_next;
   }
-  if (buffer->block < 0) --buffer->file->unwritten.data_blocks;
+  if (buffer->block < 0) {
+    --buffer->file->unwritten.data_blocks;
+    --modified_blocks_;
+  }
   if (buffer->modified_next != nullptr) {
     buffer->modified_next->modified_previous = buffer->modified_previous;
   }

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kStep = 4096;          // buffers that room is made for at a time
 constexpr std::size_t kNotAsked = 65536;     // refusals until the system is asked again
-constexpr std::size_t kEasedSeldom = 1024;   // calls of bfease() for each look at the memory
+constexpr std::size_t kEasedSeldom = 64;     // calls of bfease() for each look at the memory
 constexpr std::int64_t kPartOfMemory = 8;    // the pool takes no more of all memory
 constexpr std::int64_t kPartAvailable = 8;   // so much of it remains available, or nothing is taken
 constexpr std::int64_t kPartTooLittle = 16;  // with less available, what was taken is given back

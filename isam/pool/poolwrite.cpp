@@ -59,7 +59,10 @@ void Pool::modified(Buffer* buffer) {
   buffer->modified_next = head;
   if (head != nullptr) head->modified_previous = buffer;
   head = buffer;
-  if (buffer->block < 0) ++buffer->file->unwritten.data_blocks;
+  if (buffer->block < 0) {
+    ++buffer->file->unwritten.data_blocks;
+    ++modified_blocks_;
+  }
 }
 
 // Writes bytes to a data file, and into the pages that wait for it.
