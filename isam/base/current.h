@@ -257,8 +257,9 @@ inline void dictmodify() { filep->unwritten.dictionary = true; }
 
 // Byte widths that follow from the current file.
 [[nodiscard]] inline int node_size() { return filep->geometry.idxsize + 1; }
-[[nodiscard]] inline int slot_size() {
-  return filep->geometry.reclen + (filep->geometry.varlen ? kVariableTrailer : kFixedTrailer);
+[[nodiscard]] inline int slot_size(const Geometry& geometry) {
+  return geometry.reclen + (geometry.varlen ? kVariableTrailer : kFixedTrailer);
 }
+[[nodiscard]] inline int slot_size() { return slot_size(filep->geometry); }
 
 }  // namespace isam

@@ -99,7 +99,7 @@ Pool::Pool()
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(most);
-  run_.reserve(kSystemPage + kMaxNodeSize);
+  run_.reserve(kSystemPage + 2 * (kMaxRecordLength + kVariableTrailer));
 }
 
 // Puts buffers to use that have been spare: false without memory, with the pool as it was.

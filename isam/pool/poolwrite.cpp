@@ -26,6 +26,17 @@ bool is_one_of_many(OpenPair& file, std::int64_t offset) {
          std::abs(distance) < std::int64_t{kPageSize} + file.geometry.reclen;
 }
 
+// The bytes of a file that a page has.
+struct Range {
+  std::int64_t start;
+  std::int64_t end;
+};
+
+Range range_of(const Buffer& page) {
+  const Place place = bfmapaddr(page);
+  return {place.offset, place.offset + static_cast<std::int64_t>(place.length)};
+}
+
 // False without memory.
 bool make_room(DirectWrite& direct, std::size_t size) {
   try {
@@ -100,32 +111,50 @@ Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
   return waits ? beside : nullptr;
 }
 
+// The last of the modified idle pages that stand beside each other from this one on and are wanted.
+template <typename Wanted>
+Buffer* Pool::furthest_delayed(Buffer* page, int step, Wanted is_wanted) const {
+  Buffer* at = page;
+  for (; at != nullptr && is_wanted(range_of(*at)); at = delayed_beside(*at, step)) page = at;
+  return page;
+}
+
 // Writes a page, and in one piece with it the modified ones beside it within one page of the
-// system: the system is slow with small writes into what was written in large pieces.
+// system: the system is slow with small writes into what was written in large pieces. With them go
+// the other bytes of records that reach over either end, as far as these wait, too: a kill leaves
+// no record that is new in part.
 int Pool::write_buffer(Buffer* buffer) {
-  const auto system_page = [](const Buffer& of) { return bfmapaddr(of).offset / kSystemPage; };
-  const std::int64_t within = system_page(*buffer);
-  Buffer* first = buffer;
-  for (Buffer* at = buffer; at != nullptr && system_page(*at) == within;) {
-    first = at;
-    at = delayed_beside(*at, -1);
+  OpenPair& file = *buffer->file;
+  const std::int64_t system_page = range_of(*buffer).start / kSystemPage;
+  const auto is_in_it = [=](Range range) { return range.start / kSystemPage == system_page; };
+  Buffer* const first = furthest_delayed(buffer, -1, is_in_it);
+  Buffer* const last = furthest_delayed(buffer, 1, is_in_it);
+  Range written{range_of(*first).start, range_of(*last).end};
+  if (first->block < 0 && file.locks.exclusives > 0) {
+    const std::int64_t slot = slot_size(file.geometry);
+    written = {written.start / slot * slot, (written.end + slot - 1) / slot * slot};
   }
-  Buffer* const after = delayed_beside(*first, 1);
-  if (after == nullptr || system_page(*after) != within) return bfwrite(first);
-  const Place place = bfmapaddr(*first);
-  OpenPair& file = *first->file;
+  Buffer* const from =
+      furthest_delayed(first, -1, [=](Range range) { return range.end > written.start; });
+  Buffer* const to =
+      furthest_delayed(last, 1, [=](Range range) { return range.start < written.end; });
+  if (from == to) return bfwrite(first);
+  written.start = std::max(written.start, range_of(*from).start);
   run_.clear();
-  Buffer* end = first;
-  for (; end != nullptr && system_page(*end) == within; end = delayed_beside(*end, 1)) {
-    run_.insert(run_.end(), end->page, end->page + place.length);
+  for (const Buffer* at = from; at != nullptr; at = at == to ? nullptr : delayed_beside(*at, 1)) {
+    const Range page = range_of(*at);
+    run_.insert(run_.end(), at->page + (std::max(written.start, page.start) - page.start),
+                at->page + (std::min(written.end, page.end) - page.start));
   }
+  Place place = bfmapaddr(*first);
+  place.offset = written.start;
   const int result = write_page(file, place, run_);
   if (result != 0) {
     bfnote_failure(file);
     if (waits_on(file)) return -1;
   }
-  for (Buffer* at = first; at != end;) {
-    Buffer* const next = delayed_beside(*at, 1);
+  for (Buffer* at = first; at != nullptr;) {
+    Buffer* const next = at == last ? nullptr : delayed_beside(*at, 1);
     modified_out(at);
     at = next;
   }
