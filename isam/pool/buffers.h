@@ -12,7 +12,8 @@
 // Needs   pages are asked for relative to the current file (`filep`)
 // Keeps   B1 a page has at most one holder
 //         B2 a modified page is written before its buffer serves another page; where that fails and
-//            there is no other buffer its change is lost, which is noted (Unwritten::failed)
+//            there is no other buffer its change is lost, which is noted (Unwritten::failed). A
+//            record that an exclusive open has changed on two pages is written as a whole
 //         B3 the frame fields of a modified node (used count, kind, level) are put back into the
 //            page when it is released
 //         B4 of the index nodes and of the data blocks, the least recently released is the first to

@@ -18,6 +18,7 @@ constexpr std::size_t kLargePool = 4096;
 static_assert(environment::kMostBuffers * kMostGrowth + kMostAdded < PageTable::kMostBuffers);
 // An unused node keeps its buffer about so many times longer than an unused data block.
 constexpr std::uint64_t kNodeLifetimes = 64;
+constexpr std::size_t kMostSlot = kMaxRecordLength + kVariableTrailer;  // bytes
 // So many changed data blocks wait for those beside them in their files, and no more than a part of
 // the pool.
 constexpr std::size_t kMostWaiting = 64;
@@ -99,7 +100,7 @@ Pool::Pool()
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(most);
-  run_.reserve(kSystemPage + 2 * (kMaxRecordLength + kVariableTrailer));
+  run_.reserve(kSystemPage + 2 * kMostSlot);
 }
 
 // Puts buffers to use that have been spare: false without memory, with the pool as it was.
