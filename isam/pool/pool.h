@@ -1,10 +1,10 @@
 // pool: the buffers behind isam/pool/buffers.h.
 //
-// pool.cpp finds, reads and reuses buffers, poolwrite.cpp writes what was changed, writeorder.cpp
-// what a call changed of a file that other processes use, poolgrowth.cpp has the memory that nodes
-// changed under exclusive opens take beyond ISAMBUFS, waitingpages.cpp the records that they
-// change. A function that buffers.h has too does what is said there. Here a data block's number has
-// its top bit set.
+// pool.cpp finds and reads pages, poolvictim.cpp tells which buffer is used again, poolwrite.cpp
+// writes what was changed, writeorder.cpp what a call changed of a file that other processes use,
+// poolgrowth.cpp has the memory that nodes changed under exclusive opens take beyond ISAMBUFS,
+// waitingpages.cpp the records that they change. A function that buffers.h has too does what is
+// said there. Here a data block's number has its top bit set.
 #pragma once
 
 #include <cstddef>
