@@ -7,7 +7,6 @@
 
 #include "common/fatal.h"
 #include "environment/settings.h"
-#include "isam/pool/mark.h"
 
 namespace isam {
 namespace {

@@ -242,8 +242,8 @@ TEST_F(WaitingPages, AtNoMomentTheFileHasARecordInPart) {
   EXPECT_EQ(in_file('b'), kRecords);
 }
 
-// The same of the blocks of a pool: of two that have the parts of a record one stays longer, because
-// it is used again.
+// The same of the blocks of a pool: of two that have the parts of a record one stays longer,
+// because it is used again.
 TEST_F(WaitingPages, NorByBlocksThatLeaveThePoolOneByOne) {
   open_with_pool("64");
   looks_for_mixed_ = true;
