@@ -16,6 +16,8 @@ constexpr std::size_t kMostGrowth = 8;
 constexpr std::size_t kLargePool = 4096;
 static_assert(environment::kMostBuffers * kMostGrowth + kMostAdded < PageTable::kMostBuffers);
 constexpr std::size_t kMostSlot = kMaxRecordLength + kVariableTrailer;  // bytes
+// Pages that are written together, of the smallest nodes or with the longest records.
+constexpr std::size_t kMostBeside = 256;
 // A page released again before a pool's so-manieth part of others keeps its place in the order.
 constexpr std::size_t kSoonPart = 16;
 
@@ -86,6 +88,7 @@ Pool::Pool()
     common::error("cannot allocate buffers");
   }
   to_write_.reserve(most);
+  beside_.reserve(kMostBeside);
   run_.reserve(kSystemPage + 2 * kMostSlot);
 }
 

@@ -107,8 +107,6 @@ class Pool {
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const OpenPair& file);
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
-  template <typename Wanted>
-  Buffer* furthest_delayed(Buffer* page, int step, Wanted is_wanted) const;
   [[nodiscard]] const Buffer* data_block(std::int64_t block) const;
   [[nodiscard]] bool only_in_file(std::int64_t offset, std::size_t size) const;
   [[nodiscard]] bool read_data(Bytes to, std::int64_t offset);
@@ -133,7 +131,8 @@ class Pool {
   common::ReadAhead index_window_;
   common::ReadAhead data_window_;
   std::vector<Buffer*> to_write_;  // of modified_pages()
-  std::vector<Byte> run_;          // neighbouring pages on their way out
+  std::vector<Buffer*> beside_;    // neighbouring pages on their way out
+  std::vector<Byte> run_;          // their bytes
   WaitingPages waiting_;
   WriteOrder order_;
 };

@@ -111,52 +111,52 @@ Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
   return waits ? beside : nullptr;
 }
 
-// The last of the modified idle pages that stand beside each other from this one on and are wanted.
-template <typename Wanted>
-Buffer* Pool::furthest_delayed(Buffer* page, int step, Wanted is_wanted) const {
-  Buffer* at = page;
-  for (; at != nullptr && is_wanted(range_of(*at)); at = delayed_beside(*at, step)) page = at;
-  return page;
-}
-
 // Writes a page, and in one piece with it the modified ones beside it within one page of the
 // system: the system is slow with small writes into what was written in large pieces. With them go
 // the other bytes of records that reach over either end, as far as these wait, too: a kill leaves
 // no record that is new in part.
 int Pool::write_buffer(Buffer* buffer) {
   OpenPair& file = *buffer->file;
-  const std::int64_t system_page = range_of(*buffer).start / kSystemPage;
-  const auto is_in_it = [=](Range range) { return range.start / kSystemPage == system_page; };
-  Buffer* const first = furthest_delayed(buffer, -1, is_in_it);
-  Buffer* const last = furthest_delayed(buffer, 1, is_in_it);
-  Range written{range_of(*first).start, range_of(*last).end};
-  if (first->block < 0 && file.locks.exclusives > 0) {
-    const std::int64_t slot = slot_size(file.geometry);
-    written = {written.start / slot * slot, (written.end + slot - 1) / slot * slot};
+  const bool keeps_records = buffer->block < 0 && file.locks.exclusives > 0;
+  const std::int64_t slot = keeps_records ? slot_size(file.geometry) : 1;
+  Range pages = range_of(*buffer);  // that are written as a whole
+  const std::int64_t system_page = pages.start / kSystemPage;
+  beside_.clear();
+  for (Buffer* at = buffer; at != nullptr;) {
+    beside_.push_back(at);
+    const Range page = range_of(*at);
+    if (page.start / kSystemPage == system_page) pages.start = page.start;
+    const bool one_more =
+        (page.start - 1) / kSystemPage == system_page || pages.start / slot * slot < page.start;
+    at = one_more ? delayed_beside(*at, -1) : nullptr;
   }
-  Buffer* const from =
-      furthest_delayed(first, -1, [=](Range range) { return range.end > written.start; });
-  Buffer* const to =
-      furthest_delayed(last, 1, [=](Range range) { return range.start < written.end; });
-  if (from == to) return bfwrite(first);
-  written.start = std::max(written.start, range_of(*from).start);
+  std::ranges::reverse(beside_);
+  for (Buffer* at = buffer; at != nullptr;) {
+    if (at != buffer) beside_.push_back(at);
+    const Range page = range_of(*at);
+    if (page.start / kSystemPage == system_page) pages.end = page.end;
+    const bool one_more =
+        page.end / kSystemPage == system_page || page.end < (pages.end + slot - 1) / slot * slot;
+    at = one_more ? delayed_beside(*at, 1) : nullptr;
+  }
+  if (beside_.size() == 1) return bfwrite(buffer);
+  const Range written{std::max(pages.start / slot * slot, range_of(*beside_.front()).start),
+                      (pages.end + slot - 1) / slot * slot};
   run_.clear();
-  for (const Buffer* at = from; at != nullptr; at = at == to ? nullptr : delayed_beside(*at, 1)) {
+  for (const Buffer* at : beside_) {
     const Range page = range_of(*at);
     run_.insert(run_.end(), at->page + (std::max(written.start, page.start) - page.start),
                 at->page + (std::min(written.end, page.end) - page.start));
   }
-  Place place = bfmapaddr(*first);
+  Place place = bfmapaddr(*buffer);
   place.offset = written.start;
   const int result = write_page(file, place, run_);
   if (result != 0) {
     bfnote_failure(file);
     if (waits_on(file)) return -1;
   }
-  for (Buffer* at = first; at != nullptr;) {
-    Buffer* const next = at == last ? nullptr : delayed_beside(*at, 1);
-    modified_out(at);
-    at = next;
+  for (Buffer* at : beside_) {
+    if (range_of(*at).start / kSystemPage == system_page) modified_out(at);
   }
   return result;
 }
