@@ -19,15 +19,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "common/byterange.h"
+
 namespace common {
-
-struct ByteRange {
-  std::int64_t start = 0;
-  std::int64_t end = 0;
-
-  [[nodiscard]] bool empty() const { return start >= end; }
-  bool operator==(const ByteRange&) const = default;
-};
 
 // Has the system read these bytes of a file, and does not wait for them.
 void ask_system_for(int fd, ByteRange range);

@@ -89,7 +89,7 @@ Pool::Pool()
   }
   to_write_.reserve(most);
   beside_.reserve(kMostBeside);
-  run_.reserve(kSystemPage + 2 * kMostSlot);
+  run_.reserve(kRecordsTogether + 2 * kMostSlot);
 }
 
 // Puts buffers to use that have been spare: false without memory, with the pool as it was.

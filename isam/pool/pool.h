@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "common/arena.h"
+#include "common/byterange.h"
 #include "common/readahead.h"
 #include "isam/pool/buffers.h"
 #include "isam/pool/lruring.h"
@@ -26,6 +27,7 @@ namespace isam {
 inline constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit of a data block's number
 inline constexpr std::size_t kMostAdded = 2048;        // buffers that the pool grows by at most
 inline constexpr std::int64_t kSystemPage = 4096;      // pages within one are written together
+inline constexpr std::int64_t kRecordsTogether = 4 * kSystemPage;  // blocks of an exclusive open
 // Room for a node of 1025 bytes, in whole cache lines.
 inline constexpr std::size_t kPageStride = 1088;
 
@@ -52,9 +54,9 @@ class Pool {
   // An idle page is used, though nobody has held it.
   void used(Buffer* buffer);
   // bfwrite() writes one page, changed or not, and releases it; write_buffer() writes an idle
-  // modified one, and those beside it in the same kSystemPage. 0, or -1 with the failure in iserrno
-  // and noted: then the changes of an exclusive open (but for a repair) stay modified, others are
-  // not tried again.
+  // modified one, and those beside it in the same kSystemPage or kRecordsTogether. 0, or -1 with
+  // the failure in iserrno and noted: then the changes of an exclusive open (but for a repair) stay
+  // modified, others are not tried again.
   int bfwrite(Buffer* buffer);
   int write_buffer(Buffer* buffer);
   void modified(Buffer* buffer);
@@ -107,6 +109,7 @@ class Pool {
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const OpenPair& file);
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
+  common::ByteRange find_beside(Buffer* buffer, std::int64_t part, std::int64_t slot);
   [[nodiscard]] const Buffer* data_block(std::int64_t block) const;
   [[nodiscard]] bool only_in_file(std::int64_t offset, std::size_t size) const;
   [[nodiscard]] bool read_data(Bytes to, std::int64_t offset);

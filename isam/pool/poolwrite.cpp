@@ -13,6 +13,8 @@
 namespace isam {
 namespace {
 
+using common::ByteRange;
+
 // Whether what cannot be written stays in the pool, to be tried again: under an exclusive open.
 bool waits_on(const OpenPair& file) {
   return file.locks.exclusives > 0 && file.mark.state != MarkState::kUnneeded;
@@ -26,13 +28,8 @@ bool is_one_of_many(OpenPair& file, std::int64_t offset) {
          std::abs(distance) < std::int64_t{kPageSize} + file.geometry.reclen;
 }
 
-// The bytes of a file that a page has.
-struct Range {
-  std::int64_t start;
-  std::int64_t end;
-};
-
-Range range_of(const Buffer& page) {
+// The bytes of its file that a page has.
+ByteRange range_of(const Buffer& page) {
   const Place place = bfmapaddr(page);
   return {place.offset, place.offset + static_cast<std::int64_t>(place.length)};
 }
@@ -111,40 +108,48 @@ Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
   return waits ? beside : nullptr;
 }
 
-// Writes a page, and in one piece with it the modified ones beside it within one page of the
-// system: the system is slow with small writes into what was written in large pieces. With them go
-// the other bytes of records that reach over either end, as far as these wait, too: a kill leaves
-// no record that is new in part.
-int Pool::write_buffer(Buffer* buffer) {
-  OpenPair& file = *buffer->file;
-  const bool keeps_records = buffer->block < 0 && file.locks.exclusives > 0;
-  const std::int64_t slot = keeps_records ? slot_size(file.geometry) : 1;
-  Range pages = range_of(*buffer);  // that are written as a whole
-  const std::int64_t system_page = pages.start / kSystemPage;
+// Finds the modified idle pages that go out in one piece with this one, in their order: those in
+// the same part of the file, and those that records of `slot` bytes reach into from there. Gives
+// the range of the first.
+ByteRange Pool::find_beside(Buffer* buffer, std::int64_t part, std::int64_t slot) {
+  ByteRange pages = range_of(*buffer);
+  const std::int64_t within = pages.start / part;
   beside_.clear();
   for (Buffer* at = buffer; at != nullptr;) {
     beside_.push_back(at);
-    const Range page = range_of(*at);
-    if (page.start / kSystemPage == system_page) pages.start = page.start;
+    const ByteRange page = range_of(*at);
+    if (page.start / part == within) pages.start = page.start;
     const bool one_more =
-        (page.start - 1) / kSystemPage == system_page || pages.start / slot * slot < page.start;
+        (page.start - 1) / part == within || pages.start / slot * slot < page.start;
     at = one_more ? delayed_beside(*at, -1) : nullptr;
   }
   std::ranges::reverse(beside_);
   for (Buffer* at = buffer; at != nullptr;) {
     if (at != buffer) beside_.push_back(at);
-    const Range page = range_of(*at);
-    if (page.start / kSystemPage == system_page) pages.end = page.end;
+    const ByteRange page = range_of(*at);
+    if (page.start / part == within) pages.end = page.end;
     const bool one_more =
-        page.end / kSystemPage == system_page || page.end < (pages.end + slot - 1) / slot * slot;
+        page.end / part == within || page.end < (pages.end + slot - 1) / slot * slot;
     at = one_more ? delayed_beside(*at, 1) : nullptr;
   }
+  return pages;
+}
+
+// Writes a page, and in one piece with it the modified ones beside it within one page of the
+// system, or a few where they have records: the system is slow with small writes into what was
+// written in large pieces. With them go the other bytes of records that reach over either end, as
+// far as these wait, too: a kill leaves no record that is new in part.
+int Pool::write_buffer(Buffer* buffer) {
+  OpenPair& file = *buffer->file;
+  const bool keeps_records = buffer->block < 0 && file.locks.exclusives > 0;
+  const std::int64_t slot = keeps_records ? slot_size(file.geometry) : 1;
+  const ByteRange pages = find_beside(buffer, keeps_records ? kRecordsTogether : kSystemPage, slot);
   if (beside_.size() == 1) return bfwrite(buffer);
-  const Range written{std::max(pages.start / slot * slot, range_of(*beside_.front()).start),
-                      (pages.end + slot - 1) / slot * slot};
+  const ByteRange written{std::max(pages.start / slot * slot, range_of(*beside_.front()).start),
+                          (pages.end + slot - 1) / slot * slot};
   run_.clear();
   for (const Buffer* at : beside_) {
-    const Range page = range_of(*at);
+    const ByteRange page = range_of(*at);
     run_.insert(run_.end(), at->page + (std::max(written.start, page.start) - page.start),
                 at->page + (std::min(written.end, page.end) - page.start));
   }
@@ -156,7 +161,8 @@ int Pool::write_buffer(Buffer* buffer) {
     if (waits_on(file)) return -1;
   }
   for (Buffer* at : beside_) {
-    if (range_of(*at).start / kSystemPage == system_page) modified_out(at);
+    const std::int64_t start = range_of(*at).start;
+    if (pages.start <= start && start < pages.end) modified_out(at);
   }
   return result;
 }
@@ -188,16 +194,16 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   OpenPair& file = *filep;
   DirectWrite& direct = file.unwritten.direct;
   const std::size_t size = first.size() + second.size();
+  // One change of a call at the most: a second one goes through the pool, and takes the first with
+  // it.
   const bool waits_for_others = is_one_of_many(file, offset) && !waiting_.serves(file);
+  if (!direct.bytes.empty() || waits_for_others) return false;
   bool is_only_in_file = only_in_file(offset, size);
   if (!is_only_in_file && file.call.may_hold) {
     leave_to_file(offset, size);
     is_only_in_file = only_in_file(offset, size);
   }
-  // One change of a call at the most: a second one goes through the pool, and takes the first with
-  // it.
-  if (!direct.bytes.empty() || waits_for_others || !is_only_in_file) return false;
-  if (!make_room(direct, size)) return false;
+  if (!is_only_in_file || !make_room(direct, size)) return false;
   // A commit that fails puts them back.
   if (!read_data(direct.before, offset)) return false;
   if (are_there(direct.before, first, second)) return true;
