@@ -41,6 +41,11 @@ bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second) {
   return pool().take_direct(offset, first, second);
 }
 
+BlocksKept::BlocksKept(std::int64_t offset, std::size_t size)
+    : before_(pool().keep_blocks({offset, offset + static_cast<std::int64_t>(size)})) {}
+
+BlocksKept::~BlocksKept() { the_pool->keep_blocks(before_); }
+
 bool bfhold() { return pool().hold_direct(); }
 
 int bfwrite_held() { return pool().write_held(); }

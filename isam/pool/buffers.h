@@ -43,6 +43,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "common/byterange.h"
 #include "isam/base/current.h"
 
 namespace isam {
@@ -167,6 +168,19 @@ void bfwrite_due();
 // Writes what is held back of the current file: 0, or -1 with iserrno and the file as it was, as
 // far as it can be written. Either way nothing is held back any more.
 int bfwrite_held();
+// While it lives, the blocks of the current data file that have some of these bytes stay in the
+// pool once they are changed: a record of many blocks is not written before all of them have
+// changed.
+class BlocksKept {
+ public:
+  BlocksKept(std::int64_t offset, std::size_t size);
+  BlocksKept(const BlocksKept&) = delete;
+  BlocksKept& operator=(const BlocksKept&) = delete;
+  ~BlocksKept();
+
+ private:
+  common::ByteRange before_;
+};
 // A node to be written as a whole: zeroed, valid, modified; empty with 105 (number below 1) or 116.
 [[nodiscard]] PageHold bfgetclr(std::int32_t node);
 

@@ -15,9 +15,9 @@ namespace {
 constexpr std::size_t kMostGrowth = 8;
 constexpr std::size_t kLargePool = 4096;
 static_assert(environment::kMostBuffers * kMostGrowth + kMostAdded < PageTable::kMostBuffers);
-constexpr std::size_t kMostSlot = kMaxRecordLength + kVariableTrailer;  // bytes
-// Pages that are written together, of the smallest nodes or with the longest records.
-constexpr std::size_t kMostBeside = 256;
+// Pages and bytes that are written together, as far as room for them is made at once.
+constexpr std::size_t kMostBeside = 64;
+constexpr std::size_t kMostTogether = 98304;
 // A page released again before a pool's so-manieth part of others keeps its place in the order.
 constexpr std::size_t kSoonPart = 16;
 
@@ -89,7 +89,7 @@ Pool::Pool()
   }
   to_write_.reserve(most);
   beside_.reserve(kMostBeside);
-  run_.reserve(kRecordsTogether + 2 * kMostSlot);
+  run_.reserve(kMostTogether);
 }
 
 // Puts buffers to use that have been spare: false without memory, with the pool as it was.

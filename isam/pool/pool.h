@@ -1,10 +1,11 @@
 // pool: the buffers behind isam/pool/buffers.h.
 //
 // pool.cpp finds and reads pages, poolvictim.cpp tells which buffer is used again, poolwrite.cpp
-// writes what was changed, writeorder.cpp what a call changed of a file that other processes use,
-// poolgrowth.cpp has the memory that nodes changed under exclusive opens take beyond ISAMBUFS,
-// waitingpages.cpp the records that they change. A function that buffers.h has too does what is
-// said there. Here a data block's number has its top bit set.
+// writes what was changed, poolpieces.cpp what of it goes in one piece, writeorder.cpp what a call
+// changed of a file that other processes use, poolgrowth.cpp has the memory that nodes changed
+// under exclusive opens take beyond ISAMBUFS, waitingpages.cpp the records that they change. A
+// function that buffers.h has too does what is said there. Here a data block's number has its top
+// bit set.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +18,7 @@
 #include "common/readahead.h"
 #include "isam/pool/buffers.h"
 #include "isam/pool/lruring.h"
+#include "isam/pool/mark.h"
 #include "isam/pool/pagetable.h"
 #include "isam/pool/place.h"
 #include "isam/pool/waitingpages.h"
@@ -27,7 +29,6 @@ namespace isam {
 inline constexpr std::int32_t kDataBlock = INT32_MIN;  // the top bit of a data block's number
 inline constexpr std::size_t kMostAdded = 2048;        // buffers that the pool grows by at most
 inline constexpr std::int64_t kSystemPage = 4096;      // pages within one are written together
-inline constexpr std::int64_t kRecordsTogether = 4 * kSystemPage;  // blocks of an exclusive open
 // Room for a node of 1025 bytes, in whole cache lines.
 inline constexpr std::size_t kPageStride = 1088;
 
@@ -54,7 +55,7 @@ class Pool {
   // An idle page is used, though nobody has held it.
   void used(Buffer* buffer);
   // bfwrite() writes one page, changed or not, and releases it; write_buffer() writes an idle
-  // modified one, and those beside it in the same kSystemPage or kRecordsTogether. 0, or -1 with
+  // modified one, and those beside it in the file. 0, or -1 with
   // the failure in iserrno and noted: then the changes of an exclusive open (but for a repair) stay
   // modified, others are not tried again.
   int bfwrite(Buffer* buffer);
@@ -77,6 +78,9 @@ class Pool {
   void modified_out(Buffer* buffer);
   int bfdiscard(OpenPair& file);
   void bfease(bool at_once);
+  // Blocks of the current data file that have some of these bytes keep their buffers once they are
+  // changed, until it is told of others: those before are given.
+  common::ByteRange keep_blocks(common::ByteRange bytes);
   void bfdrop(OpenPair& file, std::int32_t first);
   void bfignor(OpenPair& file);
   // What bfclosing() does.
@@ -100,6 +104,7 @@ class Pool {
   void has_new_bytes(Buffer* buffer) {
     buffer->version = ++versions_ & ((std::uint64_t{1} << 48) - 1);
   }
+  [[nodiscard]] bool may_go(const Buffer& buffer) const;
   Buffer* oldest_that_may_go(LruRing& order);
   Buffer* oldest_of_all();
   [[nodiscard]] bool waits_for_neighbours(const Buffer& block) const;
@@ -109,7 +114,12 @@ class Pool {
   void reuse(Buffer* buffer, std::int32_t block);
   const std::vector<Buffer*>& modified_pages(const OpenPair& file);
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
-  common::ByteRange find_beside(Buffer* buffer, std::int64_t part, std::int64_t slot);
+  common::ByteRange find_beside(Buffer* buffer, std::int64_t part);
+  [[nodiscard]] const Buffer* changed_block(const OpenPair& file, std::int64_t offset) const;
+  [[nodiscard]] bool is_in_file(const OpenPair& file, common::ByteRange bytes) const;
+  [[nodiscard]] bool add_to_run(OpenPair& file, common::ByteRange bytes);
+  [[nodiscard]] common::ByteRange with_whole_records(const OpenPair& file,
+                                                     common::ByteRange pages) const;
   [[nodiscard]] const Buffer* data_block(std::int64_t block) const;
   [[nodiscard]] bool only_in_file(std::int64_t offset, std::size_t size) const;
   [[nodiscard]] bool read_data(Bytes to, std::int64_t offset);
@@ -127,6 +137,7 @@ class Pool {
   LruRing nodes_;
   LruRing data_blocks_;
   std::size_t modified_blocks_ = 0;  // of data files
+  common::ByteRange kept_;           // of keep_blocks()
   std::uint64_t releases_ = 0;
   std::uint64_t versions_ = 0;
   common::Arena<Buffer> buffs_;
@@ -160,6 +171,11 @@ inline void Pool::modified_out(Buffer* buffer) {
     buffer->modified_next->modified_previous = buffer->modified_previous;
   }
   if (is_out_of_order(*buffer)) put_in_order(buffer);
+}
+
+// Whether what cannot be written stays in the pool, to be tried again: under an exclusive open.
+[[nodiscard]] inline bool waits_on(const OpenPair& file) {
+  return file.locks.exclusives > 0 && file.mark.state != MarkState::kUnneeded;
 }
 
 // Null before the first page is asked for.

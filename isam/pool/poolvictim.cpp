@@ -1,5 +1,6 @@
 // Which buffer of the pool is used again when a page needs one.
 #include <algorithm>
+#include <utility>
 
 #include "common/fatal.h"
 #include "isam/pool/mark.h"
@@ -15,21 +16,35 @@ constexpr std::uint64_t kNodeLifetimes = 64;
 constexpr std::size_t kMostWaiting = 64;
 constexpr std::size_t kWaitingPart = 64;
 
+}  // namespace
+
 // Whether a buffer can be given another page before the call ends: its page was not changed, or the
-// pair is open exclusively and no write of it has failed.
-bool may_go(const Buffer* buffer) {
-  return (buffer->flags & kModified) == 0 ||
-         (buffer->file->locks.exclusives > 0 && buffer->file->unwritten.lost.error == 0);
+// pair is open exclusively, no write of it has failed and the page is not of those kept.
+bool Pool::may_go(const Buffer& buffer) const {
+  if ((buffer.flags & kModified) == 0) return true;
+  if (buffer.file->locks.exclusives == 0 || buffer.file->unwritten.lost.error != 0) return false;
+  if (kept_.empty() || buffer.block >= 0 || buffer.file != filep) return true;
+  const std::int64_t start = bfmapaddr(buffer).offset;
+  return start >= kept_.end || start + std::int64_t{kPageSize} <= kept_.start;
 }
 
-}  // namespace
+// A buffer that was left out because it was kept gets its place in the order again.
+common::ByteRange Pool::keep_blocks(common::ByteRange bytes) {
+  const common::ByteRange before = std::exchange(kept_, bytes);
+  for (std::int64_t at = before.start; at < before.end; at = (at / kPageSize + 1) * kPageSize) {
+    const auto block = static_cast<std::int32_t>(at / kPageSize);
+    Buffer* const buffer = table_.find(block | kDataBlock, filep);
+    if (buffer != nullptr && is_out_of_order(*buffer)) put_in_order(buffer);
+  }
+  return before;
+}
 
 // The buffer of one kind (nodes or data blocks) that was released least recently and may go; null
 // when none may. A buffer that may not go is taken out of the order, so that no later search meets
 // it again; modified_out() puts it back.
 Buffer* Pool::oldest_that_may_go(LruRing& order) {
   Buffer* buffer = order.oldest();
-  for (; buffer != nullptr && !may_go(buffer); buffer = order.oldest()) {
+  for (; buffer != nullptr && !may_go(*buffer); buffer = order.oldest()) {
     buffer->released = kOutOfOrder;
   }
   return buffer;
@@ -97,7 +112,7 @@ Buffer* Pool::victim() {
   for (;;) {
     Buffer* const buffer = choose_victim();
     if (buffer == nullptr || (buffer->flags & kModified) == 0) return buffer;
-    const bool forced = !may_go(buffer);
+    const bool forced = !may_go(*buffer);
     Buffer* const another = forced || buffer->block < 0 ? nullptr : one_more();
     if (another != nullptr) return another;
     if (spill(buffer) == 0) return buffer;

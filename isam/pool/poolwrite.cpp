@@ -13,25 +13,12 @@
 namespace isam {
 namespace {
 
-using common::ByteRange;
-
-// Whether what cannot be written stays in the pool, to be tried again: under an exclusive open.
-bool waits_on(const OpenPair& file) {
-  return file.locks.exclusives > 0 && file.mark.state != MarkState::kUnneeded;
-}
-
 // Whether an exclusive open changes one record after another of the same blocks, which wait for
 // each other in the pool. Notes where this change is.
 bool is_one_of_many(OpenPair& file, std::int64_t offset) {
   const std::int64_t distance = offset - std::exchange(file.unwritten.last_written, offset);
   return file.locks.exclusives > 0 &&
          std::abs(distance) < std::int64_t{kPageSize} + file.geometry.reclen;
-}
-
-// The bytes of its file that a page has.
-ByteRange range_of(const Buffer& page) {
-  const Place place = bfmapaddr(page);
-  return {place.offset, place.offset + static_cast<std::int64_t>(place.length)};
 }
 
 // False without memory.
@@ -96,74 +83,6 @@ int Pool::bfwrite(Buffer* buffer) {
   const int result = write_page(*buffer->file, place, {buffer->page, place.length});
   if (result == 0 || !waits_on(*buffer->file)) modified_out(buffer);
   if (result != 0) bfnote_failure(*buffer->file);
-  return result;
-}
-
-// The buffer of the page before (`step` -1) or behind (1) another one in the file, if that page is
-// modified and idle; else null.
-Buffer* Pool::delayed_beside(const Buffer& buffer, int step) const {
-  if (buffer.block == (step < 0 ? kDataBlock : INT32_MAX)) return nullptr;
-  Buffer* const beside = table_.find(buffer.block + step, buffer.file);
-  const bool waits = beside != nullptr && (beside->flags & (kModified | kBusy)) == kModified;
-  return waits ? beside : nullptr;
-}
-
-// Finds the modified idle pages that go out in one piece with this one, in their order: those in
-// the same part of the file, and those that records of `slot` bytes reach into from there. Gives
-// the range of the first.
-ByteRange Pool::find_beside(Buffer* buffer, std::int64_t part, std::int64_t slot) {
-  ByteRange pages = range_of(*buffer);
-  const std::int64_t within = pages.start / part;
-  beside_.clear();
-  for (Buffer* at = buffer; at != nullptr;) {
-    beside_.push_back(at);
-    const ByteRange page = range_of(*at);
-    if (page.start / part == within) pages.start = page.start;
-    const bool one_more =
-        (page.start - 1) / part == within || pages.start / slot * slot < page.start;
-    at = one_more ? delayed_beside(*at, -1) : nullptr;
-  }
-  std::ranges::reverse(beside_);
-  for (Buffer* at = buffer; at != nullptr;) {
-    if (at != buffer) beside_.push_back(at);
-    const ByteRange page = range_of(*at);
-    if (page.start / part == within) pages.end = page.end;
-    const bool one_more =
-        page.end / part == within || page.end < (pages.end + slot - 1) / slot * slot;
-    at = one_more ? delayed_beside(*at, 1) : nullptr;
-  }
-  return pages;
-}
-
-// Writes a page, and in one piece with it the modified ones beside it within one page of the
-// system, or a few where they have records: the system is slow with small writes into what was
-// written in large pieces. With them go the other bytes of records that reach over either end, as
-// far as these wait, too: a kill leaves no record that is new in part.
-int Pool::write_buffer(Buffer* buffer) {
-  OpenPair& file = *buffer->file;
-  const bool keeps_records = buffer->block < 0 && file.locks.exclusives > 0;
-  const std::int64_t slot = keeps_records ? slot_size(file.geometry) : 1;
-  const ByteRange pages = find_beside(buffer, keeps_records ? kRecordsTogether : kSystemPage, slot);
-  if (beside_.size() == 1) return bfwrite(buffer);
-  const ByteRange written{std::max(pages.start / slot * slot, range_of(*beside_.front()).start),
-                          (pages.end + slot - 1) / slot * slot};
-  run_.clear();
-  for (const Buffer* at : beside_) {
-    const ByteRange page = range_of(*at);
-    run_.insert(run_.end(), at->page + (std::max(written.start, page.start) - page.start),
-                at->page + (std::min(written.end, page.end) - page.start));
-  }
-  Place place = bfmapaddr(*buffer);
-  place.offset = written.start;
-  const int result = write_page(file, place, run_);
-  if (result != 0) {
-    bfnote_failure(file);
-    if (waits_on(file)) return -1;
-  }
-  for (Buffer* at : beside_) {
-    const std::int64_t start = range_of(*at).start;
-    if (pages.start <= start && start < pages.end) modified_out(at);
-  }
   return result;
 }
 
@@ -274,6 +193,7 @@ void Pool::write_direct_or_pool() {
 int Pool::pool_direct() {
   OpenPair& file = *filep;
   std::vector<Byte> bytes = std::move(file.unwritten.direct.bytes);
+  const BlocksKept kept{file.unwritten.direct.offset, bytes.size()};
   file.unwritten.direct.bytes.clear();  // or bfread() would come back here
   ConstBytes rest = bytes;
   for (std::int64_t at = file.unwritten.direct.offset; !rest.empty();) {

@@ -46,7 +46,7 @@ class WaitingPages {
   // The pair whose pages wait; null for none.
   [[nodiscard]] OpenPair* waiting_file() const { return count_ > 0 ? file_ : nullptr; }
   // Hands each slot of so many bytes that reaches over the end of a page to `use`, if all of it
-  // waits: no other one was changed.
+  // waits: no other one was changed here.
   template <typename Use>
   void each_across(std::size_t slot, Use use) const;
   // Hands the pages that wait to `write`, in the order of the file, up to kLongestRun of them that

@@ -150,6 +150,9 @@ int write_trailer(std::int32_t k, Trailer& trailer) {
 int write_slot(std::int32_t k, ConstBytes fixed, Trailer& trailer) {
   const std::int64_t offset = slot_offset(k);
   if (!filep->geometry.varlen && bfdirect(offset, fixed, trailer.stored())) return 0;
+  // Two blocks are held at a time.
+  const bool are_held_at_once = slot_size() <= static_cast<int>(kPageSize) + 1;
+  const BlocksKept kept{offset, are_held_at_once ? 0 : static_cast<std::size_t>(slot_size())};
   Transfer to{offset, slot_size()};
   return to.write(fixed) != 0 ? -1 : to.write(trailer.stored());
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -30,6 +31,7 @@ namespace {
 
 constexpr int kLength = 99;
 constexpr int kRecords = 4000;
+constexpr int kExclusive = ISINOUT + ISEXCLLOCK;
 constexpr int kPages = kRecords * (kLength + 1) / 4096;  // that the file has whole
 constexpr auto kMostBytes = static_cast<std::int64_t>(isam::WaitingPages::kMostBytes);
 
@@ -53,7 +55,7 @@ class WaitingPages : public testing::Test {
     keep_pool();
     build(base_);
     keep_pool();  // it has all records, so that nothing would be read from the file
-    isfd_ = ::isopen(base_.c_str(), ISINOUT + ISEXCLLOCK);
+    isfd_ = ::isopen(base_.c_str(), kExclusive);
     read_to_and_fro();
     writes_ = 0;
     stand_between([this](const SystemCall& call) {
@@ -80,7 +82,7 @@ class WaitingPages : public testing::Test {
   }
 
   void build(const std::string& base) {
-    const int isfd = ::isbuild(base.c_str(), kLength, &key_, ISINOUT + ISEXCLLOCK);
+    const int isfd = ::isbuild(base.c_str(), kLength, &key_, kExclusive);
     for (int id = 0; id < kRecords; ++id) ::iswrite(isfd, record_of(id, 'a').data());
     ::isclose(isfd);
   }
@@ -89,12 +91,12 @@ class WaitingPages : public testing::Test {
     ::isclose(isfd_);
     keep_pool();
     ::setenv("ISAMBUFS", buffers, 1);
-    isfd_ = ::isopen(base_.c_str(), ISINOUT + ISEXCLLOCK);
+    isfd_ = ::isopen(base_.c_str(), kExclusive);
   }
   // Another pair like that, open exclusively.
   int open_other() {
     build(other_);
-    return ::isopen(other_.c_str(), ISINOUT + ISEXCLLOCK);
+    return ::isopen(other_.c_str(), kExclusive);
   }
   char filling_of(int id) {
     std::string record = record_of(id, ' ');
@@ -127,11 +129,11 @@ class WaitingPages : public testing::Test {
   // How many records the file has that are of two changes.
   int mixed_in_file() const {
     std::ifstream file{base_ + ".dat", std::ios::binary};
-    std::string slot(kLength + 1, 0);
+    std::string slot(static_cast<std::size_t>(length_) + 1, 0);
     int count = 0;
     while (file.read(slot.data(), static_cast<std::streamsize>(slot.size()))) {
-      const bool is_there = slot[kLength] == '\n';
-      count += is_there && slot.find_first_not_of(slot[8], 8) < kLength ? 1 : 0;
+      const bool is_there = slot.back() == '\n';
+      count += is_there && slot.find_first_not_of(slot[8], 8) < slot.size() - 1 ? 1 : 0;
     }
     return count;
   }
@@ -147,6 +149,7 @@ class WaitingPages : public testing::Test {
     return key;
   }();
   int isfd_ = -1;
+  int length_ = kLength;  // of the records in which mixed_in_file() looks
   int writes_ = 0;
   bool looks_for_mixed_ = false;
   int mixed_ = 0;        // the most before a write to a data file
@@ -242,17 +245,35 @@ TEST_F(WaitingPages, AtNoMomentTheFileHasARecordInPart) {
   EXPECT_EQ(in_file('b'), kRecords);
 }
 
-// The same of the blocks of a pool: of two that have the parts of a record one stays longer,
-// because it is used again.
-TEST_F(WaitingPages, NorByBlocksThatLeaveThePoolOneByOne) {
-  open_with_pool("64");
-  looks_for_mixed_ = true;
-  for (int id = kRecords; id < kRecords + 400; ++id) {
-    EXPECT_EQ(::iswrite(isfd_, record_of(id, 'c').data()), 0);
-    change(std::max(kRecords, id - id % 23), 'd');
+// The same of blocks that leave the pool one by one: records reach over their ends, have many of
+// them, and wait with their other end in a page of the system or in a block that is held.
+TEST_F(WaitingPages, NorByBlocksThatLeaveThePool) {
+  struct Case {
+    const char* buffers;
+    int length;
+  };
+  for (const Case& with : {Case{"64", 99}, {"127", 128}, {"16", 1500}, {"4096", 1024}}) {
+    SCOPED_TRACE(with.length);
+    length_ = with.length;
+    open_with_pool(with.buffers);
+    const int isfd = ::isbuild((other_ + with.buffers).c_str(), length_, &key_, kExclusive);
+    base_ = other_ + with.buffers;
+    looks_for_mixed_ = true;
+    std::mt19937 random{7};
+    int records = 0;
+    for (int i = 0; i < 1500; ++i) {
+      const bool is_new = records < 20 || random() % 3 == 0;
+      const int near = records - 1 - static_cast<int>(random() % 20);
+      const int any = static_cast<int>(random()) & INT_MAX;
+      const int id = is_new ? records++ : random() % 2 == 0 ? near : any % records;
+      std::string record = record_of(id, "abcdefgh"[random() % 8]);
+      record.resize(static_cast<std::size_t>(length_), record.back());
+      EXPECT_EQ(is_new ? ::iswrite(isfd, record.data()) : ::isrewrite(isfd, record.data()), 0);
+    }
+    EXPECT_EQ(::isclose(isfd), 0);
+    looks_for_mixed_ = false;
+    EXPECT_EQ(std::exchange(mixed_, 0), 0);
   }
-  EXPECT_EQ(::isflush(isfd_), 0);
-  EXPECT_EQ(mixed_, 0);
 }
 
 // What was appended to a page's last block, and freed and used again, goes the pool's way or waits:
@@ -361,7 +382,7 @@ TEST_F(WaitingPages, AProcessThatIsKilledLosesNoMoreThanASecond) {
   ::isclose(isfd_);
   const pid_t child = ::fork();
   if (child == 0) {
-    isfd_ = ::isopen(base_.c_str(), ISINOUT + ISEXCLLOCK);
+    isfd_ = ::isopen(base_.c_str(), kExclusive);
     read_to_and_fro();
     change_all('b');
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
