@@ -78,8 +78,8 @@ class Pool {
   void modified_out(Buffer* buffer);
   int bfdiscard(OpenPair& file);
   void bfease(bool at_once);
-  // Blocks of the current data file that have some of these bytes keep their buffers once they are
-  // changed, until it is told of others: those before are given.
+  // Has the changed blocks of the current data file that have some of these bytes stay in the pool
+  // until the next call. Returns the bytes of the call before.
   common::ByteRange keep_blocks(common::ByteRange bytes);
   void bfdrop(OpenPair& file, std::int32_t first);
   void bfignor(OpenPair& file);
