@@ -115,7 +115,7 @@ class Pool {
   const std::vector<Buffer*>& modified_pages(const OpenPair& file);
   Buffer* delayed_beside(const Buffer& buffer, int step) const;
   common::ByteRange find_beside(Buffer* buffer, std::int64_t part);
-  [[nodiscard]] const Buffer* changed_block(const OpenPair& file, std::int64_t offset) const;
+  [[nodiscard]] Buffer* changed_block(const OpenPair& file, std::int64_t offset) const;
   [[nodiscard]] bool is_in_file(const OpenPair& file, common::ByteRange bytes) const;
   [[nodiscard]] bool add_to_run(OpenPair& file, common::ByteRange bytes);
   [[nodiscard]] common::ByteRange with_whole_records(const OpenPair& file,

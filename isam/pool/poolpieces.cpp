@@ -62,10 +62,10 @@ ByteRange Pool::find_beside(Buffer* buffer, std::int64_t part) {
 }
 
 // The changed block that the pool has of a data file at this place; null for none.
-const Buffer* Pool::changed_block(const OpenPair& file, std::int64_t offset) const {
+Buffer* Pool::changed_block(const OpenPair& file, std::int64_t offset) const {
   if (offset / kPageSize > INT32_MAX) return nullptr;
   const auto block = static_cast<std::int32_t>(offset / kPageSize);
-  const Buffer* const buffer = table_.find(block | kDataBlock, &file);
+  Buffer* const buffer = table_.find(block | kDataBlock, &file);
   return buffer != nullptr && (buffer->flags & kModified) != 0 ? buffer : nullptr;
 }
 
@@ -108,8 +108,8 @@ ByteRange Pool::with_whole_records(const OpenPair& file, ByteRange pages) const 
 
 // Writes a page, and in one piece with it the modified ones beside it within one page of the
 // system, or a few where they have records: the system is slow with small writes into what was
-// written in large pieces. An exclusive open writes whole records: a kill leaves none that is new
-// in part.
+// written in large pieces. An exclusive open writes whole records: a kill between two writes leaves
+// none that is new in part.
 int Pool::write_buffer(Buffer* buffer) {
   OpenPair& file = *buffer->file;
   const bool has_records = buffer->block < 0 && file.locks.exclusives > 0;

@@ -32,8 +32,7 @@ bool Pool::may_go(const Buffer& buffer) const {
 common::ByteRange Pool::keep_blocks(common::ByteRange bytes) {
   const common::ByteRange before = std::exchange(kept_, bytes);
   for (std::int64_t at = before.start; at < before.end; at = (at / kPageSize + 1) * kPageSize) {
-    const auto block = static_cast<std::int32_t>(at / kPageSize);
-    Buffer* const buffer = table_.find(block | kDataBlock, filep);
+    Buffer* const buffer = changed_block(*filep, at);
     if (buffer != nullptr && is_out_of_order(*buffer)) put_in_order(buffer);
   }
   return before;
