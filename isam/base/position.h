@@ -92,6 +92,7 @@ struct LastSearch {
   std::int32_t node = 0;
   int offset = 0;
   int passed = 0;  // offset of an item before; what it leaves out the key sought has; 0: none
+  bool behind_equal = false;  // the item right before has the bytes of the key sought
 };
 
 // What a call works with in the trees of its open's file: a position, and the item read last on its

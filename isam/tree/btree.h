@@ -56,6 +56,9 @@ int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode
 // whole key. It refers to the key of `sought`.
 [[nodiscard]] WalkStart btwalkstart(const Cursor& cursor, const Item& sought);
 
+// Whether that search has come to a place right behind an item with the bytes of the key sought.
+[[nodiscard]] bool btbehindequal(const Cursor& cursor);
+
 // Moves to the neighbour item; past the last one in that direction, and without a path, `ends` says
 // so. Without parts the current item's record number is moved, to one beyond the file's at most.
 int btmove(Cursor& cursor, const keydescr& k, Direction direction);

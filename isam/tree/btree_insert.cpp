@@ -304,8 +304,30 @@ int check_item_before(Cursor& cursor, Item& item, const keydescr& k) {
   return btmove(cursor, k, Direction::kNext);
 }
 
+// Inserts an item behind one whose key it repeats, where all others are stored then as they were
+// and the leaf has room: whether it has.
+bool insert_repeat(const Cursor& cursor, Item& item, const keydescr& k) {
+  const ItemLayout layout{k};
+  if (!layout.repeats_stand_alone() || !btbehindequal(cursor)) return false;
+  const PathLevel& at = cursor.bt.leaf();
+  const int size = layout.repeat_size();
+  const KeepError keep;
+  TreeNode leaf{at.node};
+  if (!leaf || leaf.length() != at.length) return false;
+  if (at.length + size > static_cast<int>(leaf.room().size())) return false;
+  Byte* const place = leaf.room().data() + at.offset;
+  std::memmove(place + size, place, static_cast<std::size_t>(at.length - at.offset));
+  const bool next_repeats = (place[-kRecordPointerSize] & kRepeatBit) != 0;
+  item.flag = next_repeats ? kRepeatsPrevious | kNextRepeats : kRepeatsPrevious;
+  item.totln = size;
+  itpack(layout, item, leaf.room(), at.offset);
+  leaf.changed(at.length + size);
+  return true;
+}
+
 // Inserts at the path's place.
 int insert_here(const Cursor& cursor, Item item, const keydescr& k) {
+  if (insert_repeat(cursor, item, k)) return 0;
   // The split of a root makes the tree one level deeper.
   if (cursor.bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);
   return Insertion{cursor, k}.btinsert(item, cursor.bt.depth);

@@ -55,10 +55,31 @@ int take_out_fixed(const ItemLayout& layout, Bytes room, int length, int pos) {
   return length - size;
 }
 
+// Whether the item at `pos` repeats the key of the one before it.
+bool is_repeat(ConstBytes area, int pos) {
+  return pos >= kRecordPointerSize && pos < static_cast<int>(area.size()) &&
+         (area[static_cast<std::size_t>(pos - kRecordPointerSize)] & kRepeatBit) != 0;
+}
+
+// take_out() of such an item, where all others are stored then as they were.
+int take_out_repeat(const ItemLayout& layout, Bytes room, int length, int pos) {
+  const int size = layout.repeat_size();
+  if (length - pos < size) return failed(kCorrupted);
+  Byte* const gone = room.data() + pos;
+  const bool next_repeats = (gone[size - kRecordPointerSize] & kRepeatBit) != 0;
+  if (!next_repeats) gone[-kRecordPointerSize] &= kRecordPointerMask;
+  std::memmove(gone, gone + size, static_cast<std::size_t>(length - pos - size));
+  std::memset(room.data() + length - size, 0, static_cast<std::size_t>(size));
+  return length - size;
+}
+
 // Takes the item at `pos` out of an area: its new length, or -1 with 105 and nothing changed.
 int take_out(const ItemLayout& layout, Bytes room, int length, int pos, const WalkStart& start) {
   const ConstBytes area = room.first(static_cast<std::size_t>(length));
   if (!layout.compressed()) return take_out_fixed(layout, room, length, pos);
+  if (layout.repeats_stand_alone() && is_repeat(area, pos)) {
+    return take_out_repeat(layout, room, length, pos);
+  }
   Item prev;
   Item gone;
   if (pos >= length || (pos > 0 && itprevious(layout, area, pos, prev, start) < 0)) {
@@ -106,6 +127,7 @@ int remove_item(const Cursor& cursor, const ItemLayout& layout, int depth,
 // iserrno.
 int lowest_level_kept(const Cursor& cursor, const ItemLayout& layout) {
   int depth = cursor.bt.depth;
+  if (cursor.bt.leaf().offset > 0) return depth;
   for (; depth > 0; --depth) {
     const TreeNode node{cursor.bt.level(depth).node};
     StoredItem only;

@@ -36,9 +36,18 @@ void arrived(Cursor& cursor, PathLevel& leaf, int offset, int next) {
   note_place(cursor, leaf);
 }
 
-// Notes that a search has come to the path's place in the leaf; `passed` as in LastSearch.
-void note_search(Cursor& cursor, const PathLevel& leaf, int passed) {
-  cursor.searched = {filep->cached.generation, leaf.node, leaf.offset, passed};
+// Notes that a search has come to the path's place in the leaf.
+void note_search(Cursor& cursor, const PathLevel& leaf, const Descent& descent) {
+  cursor.searched = {filep->cached.generation, leaf.node, leaf.offset, descent.passed(),
+                     descent.behind_equal()};
+}
+
+// Whether the path is where the last search has come to.
+bool is_at_search(const Cursor& cursor) {
+  const PathLevel& leaf = cursor.bt.leaf();
+  const LastSearch& last = cursor.searched;
+  return last.node == leaf.node && last.offset == leaf.offset &&
+         last.generation == filep->cached.generation;
 }
 
 // The child that the item ending at `end` names.
@@ -227,7 +236,8 @@ bool is_same(const Item& a, const Item& b, const keydescr& k) {
 enum class Met {
   kFailed,
   kEmptyTree,
-  kGreater,     // a greater item than the one sought, which treeitem now is; the path is on it
+  kGreater,     // a greater item than the one sought; the path is on it, and of a search that
+                // reads, it is treeitem
   kLastPassed,  // the end of a leaf without one; the path is on its last item
 };
 
@@ -258,6 +268,7 @@ Met go_down(Cursor& cursor, Descent& descent, std::int32_t root) {
       if (!layout.dups && !layout.compressed()) {
         found_place = {root, number, level.offset, PageStamp{node.page()}};
       }
+      if (!descent.reads()) return Met::kGreater;
       return descent.take(node, level) ? Met::kGreater : Met::kFailed;
     }
     note_upper(number, node, layout);
@@ -301,7 +312,7 @@ int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode
       bt.ends = kEmptyTree;
       return 0;
     case Met::kGreater:
-      note_place(cursor, bt.leaf());
+      if (descent.reads()) note_place(cursor, bt.leaf());
       break;
     case Met::kLastPassed:
       // A read goes on to the first item of the next leaf; an insertion stays in this one.
@@ -309,16 +320,17 @@ int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode
       bt.leaf().offset = bt.leaf().next = bt.leaf().length;
       break;
   }
-  note_search(cursor, bt.leaf(), descent.passed());
+  note_search(cursor, bt.leaf(), descent);
   return 0;
 }
 
 WalkStart btwalkstart(const Cursor& cursor, const Item& sought) {
-  const PathLevel& leaf = cursor.bt.leaf();
-  const LastSearch& last = cursor.searched;
-  const bool known = last.passed > 0 && last.node == leaf.node && last.offset == leaf.offset &&
-                     last.generation == filep->cached.generation;
-  return known ? WalkStart{last.passed, sought.key} : WalkStart{};
+  const int passed = cursor.searched.passed;
+  return passed > 0 && is_at_search(cursor) ? WalkStart{passed, sought.key} : WalkStart{};
+}
+
+bool btbehindequal(const Cursor& cursor) {
+  return cursor.searched.behind_equal && is_at_search(cursor);
 }
 
 int btmove(Cursor& cursor, const keydescr& k, Direction direction) {

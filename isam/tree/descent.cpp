@@ -208,6 +208,7 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
   int match = 0;
   bool repeats = false;
   from_ = 0;
+  behind_equal_ = false;
   for (int start = 0, end = 0;; start = end) {
     int result = 1;
     const bool is_equal = match == layout_.keylen;
@@ -218,7 +219,10 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
         result = break_tie(stored_dupnm(layout_, items + end - fixed));
         from_ = end - fixed;
       }
-      if (end == size) return settle_on(level, end - fixed, end, result);
+      if (end == size) {
+        behind_equal_ = is_equal;
+        return settle_on(level, end - fixed, end, result);
+      }
       repeats = false;
       continue;
     }
@@ -239,7 +243,10 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
       if (result == 0) result = break_tie(stored_dupnm(layout_, items + key + keyln));
       if (result >= 0) from_ = start;
     }
-    if (result < 0 || last) return settle_on(level, start, end, result);
+    if (result < 0 || last) {
+      behind_equal_ = result < 0 ? is_equal : match == layout_.keylen;
+      return settle_on(level, start, end, result);
+    }
     repeats = is_followed_by_repeat(area, end);
   }
 }

@@ -25,6 +25,8 @@ class Descent {
   // The same for an upper node that is kept: its child in the place of the item chosen, or -1.
   [[nodiscard]] std::int32_t choose(const UpperNode& node, PathLevel& level);
   [[nodiscard]] const ItemLayout& layout() const { return layout_; }
+  // Whether the item that it comes to is wanted, not just its place.
+  [[nodiscard]] bool reads() const { return mode_ < Search::kInsert; }
 
   // Of the node chosen from last: whether the item chosen is greater than the one sought, and, of
   // an insertion, whether it is a leaf in which an item of the same key was met.
@@ -33,6 +35,8 @@ class Descent {
   // ... and the offset of an item passed (0: none is known) that is compressed against bytes of the
   // key sought: a walk may begin there with this key, without what lies before.
   [[nodiscard]] int passed() const { return from_; }
+  // ... and whether the item sought belongs right behind one that has the same bytes.
+  [[nodiscard]] bool behind_equal() const { return behind_equal_; }
 
   // Where on_greater() holds of a leaf: leaves the item chosen unpacked in `found`. False with 105
   // when its bytes make no item.
@@ -72,6 +76,7 @@ class Descent {
   bool leaf_ = false;
   bool greater_ = false;
   bool met_equal_ = false;
+  bool behind_equal_ = false;
   bool refused_ = false;  // there is an equal item that forbids this one
 };
 

@@ -43,6 +43,12 @@ struct ItemLayout {
   int dupwidth;  // 0 without duplicates
 
   [[nodiscard]] bool compressed() const { return dcompress || lcompress || tcompress; }
+  // Whether an item that repeats a key can be put in behind its equal, or taken out, with all other
+  // items stored as they were. (Where trailing blanks are stored, what the item behind it leaves
+  // out depends on whether it follows a repeat.)
+  [[nodiscard]] bool repeats_stand_alone() const { return dcompress && (tcompress || !lcompress); }
+  // Size of an item that repeats the key before it.
+  [[nodiscard]] int repeat_size() const { return dupwidth + kRecordPointerSize; }
   // Size of every item of an index without compression.
   [[nodiscard]] int fixed_size() const { return keylen + dupwidth + kRecordPointerSize; }
   // The greatest duplicate number that its width can store; 0 without duplicates.

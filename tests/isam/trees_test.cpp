@@ -105,6 +105,34 @@ TEST_F(Trees, AFullNodeSplitsAtHalfItsItemArea) {
   EXPECT_EQ(index().leaves, (std::vector<int>{22, 21}));
 }
 
+// Where trailing blanks are stored, an item takes none of them over from one that repeats its key:
+// it is stored anew when a repeat comes before it or goes.
+TEST_F(Trees, WhatStandsBehindARepeatIsStoredAsItMustBe) {
+  for (const bool cuts_blanks : {false, true}) {
+    build(kText, KF_DUPS | KF_DCOMPRESS | KF_LCOMPRESS | (cuts_blanks ? KF_TCOMPRESS : 0), 1024);
+    const int counts = cuts_blanks ? 2 : 1;
+    const int first = counts + (cuts_blanks ? 2 : kLength) + 2 + 4;
+    const auto leading_of_last = [&](int repeats) {
+      index();
+      const Image bytes = read_file(base_ + ".idx");
+      const auto root = static_cast<std::size_t>(pair_.indexes[0].root - 1) * 1024;
+      return int{bytes[root + 2 + static_cast<std::size_t>(first + repeats * (2 + 4))]};
+    };
+    ASSERT_EQ(write("ab"), 0);
+    ASSERT_EQ(write("ab    x"), 0);
+    EXPECT_EQ(leading_of_last(0), cuts_blanks ? 2 : 6);
+    for (int repeats = 1; repeats < 4; ++repeats) {
+      ASSERT_EQ(write("ab"), 0);
+      EXPECT_EQ(leading_of_last(repeats), 2);
+    }
+    for (int repeats = 2; repeats >= 0; --repeats) {
+      ASSERT_EQ(::isdelrec(isfd_, 3 + repeats), 0);
+      EXPECT_EQ(leading_of_last(repeats), cuts_blanks || repeats > 0 ? 2 : 6);
+    }
+    ::isclose(isfd_);
+  }
+}
+
 TEST_F(Trees, DuplicateNumbersThatNoLongerFitAreRefused) {
   for (const auto& [width, greatest] : {std::pair{2, 65'535}, {4, INT32_MAX}}) {
     build(kNumber, KF_DUPS, 128, width);
