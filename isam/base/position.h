@@ -43,16 +43,16 @@ enum Ends : std::uint16_t {
 };
 
 struct PathLevel {
-  std::int32_t node = 0;
-  int offset = 0;  // of the current item in the node's item area
-  int next = 0;    // of the item behind it
-  int length = 0;  // of the item area
+  std::int32_t node;
+  int offset;  // of the current item in the node's item area
+  int next;    // of the item behind it
+  int length;  // of the item area
 };
 
 struct Position {
   std::uint16_t state = 0;  // PositionFlag
   Item item;                // the current item; of a key without parts only recptr counts
-  std::array<PathLevel, kMaxTreeLevels> path;
+  std::array<PathLevel, kMaxTreeLevels> path{};
   int depth = -1;                // level of the leaf in the path; -1: no valid path is held
   std::uint16_t ends = kOnItem;  // Ends
 

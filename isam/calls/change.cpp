@@ -221,6 +221,8 @@ Bytes record_room() {
 std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::int32_t given) {
   const Keys* keys = file_keys();
   if (keys == nullptr || txlog::audopen() != 0) return -1;
+  WaysAhead ways;
+  ways.find(*keys, record, Search::kInsert);
   std::int32_t number = 0;
   if (take_number(given, number) != 0) return -1;
   KeptPosition position{cursor};
@@ -231,7 +233,7 @@ std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::
     item.recptr = number;
     position.move_to_new(item);
   }
-  const std::size_t added = add_items(cursor, *keys, record, number, current, position);
+  const std::size_t added = add_items(cursor, *keys, record, number, ways, current, position);
   if (added == keys->size() && store(number, record, given > 0) == 0) {
     audit(txlog::AuditLetter::kAdded, number, record);
     return number;

@@ -51,18 +51,20 @@ int TakenItems::begin() {
   return 0;
 }
 
-int TakenItems::take_out(std::size_t index, Item& item) {
-  if (btdelitem(cursor_, item, keys_[index]) != 0) return -1;
+int TakenItems::take_out(std::size_t index, Item& item, const PathAhead* ahead) {
+  if (btdelitem(cursor_, item, keys_[index], ahead) != 0) return -1;
   list_.push_back({index, item.dupnm});
   return 0;
 }
 
 int TakenItems::take_all() {
   if (begin() != 0) return -1;
+  WaysAhead ways;
+  ways.find(keys_, record_, Search::kRead);
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     if (keys_[i].nparts == 0) continue;
     Item item = item_of(record_, number_, keys_[i]);
-    if (take_out(i, item) != 0) return -1;
+    if (take_out(i, item, ways.of(i)) != 0) return -1;
   }
   return 0;
 }
@@ -84,12 +86,12 @@ void TakenItems::put_all_back() {
 }
 
 std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number,
-                      Current current, KeptPosition& position) {
+                      const WaysAhead& ways, Current current, KeptPosition& position) {
   std::size_t added = 0;
   for (; added < keys.size(); ++added) {
     Item item = item_of(record, number, keys[added]);
     // A key without parts has no tree: nothing is added for it, here and in remove_items().
-    if (btadditem(cursor, item, keys[added]) != 0) break;
+    if (btadditem(cursor, item, keys[added], ways.of(added)) != 0) break;
     position.note_neighbour();
     if (current == Current::kMoves && is_current_key(keys[added])) position.move_to_new(item);
   }
@@ -132,8 +134,12 @@ int Replacement::change(bool dups, Current current, KeptPosition& position) {
 
 int Replacement::replace(std::size_t index, Item& old, Item& fresh) {
   const keydescr& k = keys_[index];
-  if (btadditem(cursor_, fresh, k) != 0) return -1;
-  if (taken_.take_out(index, old) == 0) return 0;
+  PathAhead to_fresh;
+  PathAhead to_old;
+  to_fresh.find(fresh, k, Search::kInsert);
+  to_old.find(old, k, Search::kRead);
+  if (btadditem(cursor_, fresh, k, &to_fresh) != 0) return -1;
+  if (taken_.take_out(index, old, &to_old) == 0) return 0;
   const KeepError keep;
   note_undone(btdelitem(cursor_, fresh, k));
   return -1;

@@ -5,12 +5,15 @@
 // Keeps   what cannot be undone is told as a lost write is
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "isam/calls/keptposition.h"
 #include "isam/tree/items.h"
+#include "isam/tree/pathahead.h"
 
 namespace isam {
 
@@ -23,9 +26,28 @@ inline Item item_of(ConstBytes record, std::int32_t number, const keydescr& k) {
   return item;
 }
 
+// The ways of a record's items to their leaves, found ahead in the first indexes.
+class WaysAhead {
+ public:
+  void find(const Keys& keys, ConstBytes record, Search mode) {
+    for (std::size_t i = 0; i < std::min(keys.size(), kMost); ++i) {
+      if (PathAhead::is_needed(keys[i], mode)) {
+        ways_[i].find(item_of(record, 0, keys[i]), keys[i], mode);
+      }
+    }
+  }
+  [[nodiscard]] const PathAhead* of(std::size_t index) const {
+    return index < kMost ? &ways_[index] : nullptr;
+  }
+
+ private:
+  static constexpr std::size_t kMost = 8;
+  std::array<PathAhead, kMost> ways_;
+};
+
 // Adds a record's items to the indexes in turn, up to the first that fails: how many were added.
 std::size_t add_items(Cursor& cursor, const Keys& keys, ConstBytes record, std::int32_t number,
-                      Current current, KeptPosition& position);
+                      const WaysAhead& ways, Current current, KeptPosition& position);
 // Removes the items that a call has added to the first `count` indexes.
 void remove_items(Cursor& cursor, const Keys& keys, std::size_t count, ConstBytes record,
                   std::int32_t number);
@@ -40,7 +62,7 @@ class TakenItems {
   // Before anything is changed: 0, or -1 with 116.
   int begin();
   // Takes `item` out of one index: 0, or -1 with iserrno. Leaves its duplicate number in `item`.
-  int take_out(std::size_t index, Item& item);
+  int take_out(std::size_t index, Item& item, const PathAhead* ahead = nullptr);
   // Begins, and takes out those of all indexes: 0, or -1 at the first that cannot be.
   int take_all();
 

@@ -31,6 +31,10 @@ int PageHold::write() {
   return the_pool->bfwrite(std::exchange(buffer_, nullptr));
 }
 
+void bfexpect(std::int32_t node) {
+  if (the_pool) the_pool->expect(node);
+}
+
 PageHold bfread_data(std::int32_t block) { return PageHold{pool().bfread(block | kDataBlock)}; }
 
 bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind) {

@@ -143,6 +143,8 @@ class PageStamp {
 // Node `node` of the current file; empty with iserrno when it cannot be read whole (105 without a
 // system error, and for a number below 1).
 [[nodiscard]] PageHold bfread(std::int32_t node);
+// Has the processor fetch the memory of a node of the current file that the pool has.
+void bfexpect(std::int32_t node);
 // Block `block` (byte offset / 1024) of the current data file. What lies past the end of the file
 // reads as zero bytes.
 [[nodiscard]] PageHold bfread_data(std::int32_t block);

@@ -122,8 +122,7 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
   Buffer* buffer = table_.find(block, filep);
   if (buffer != nullptr) {
     // The page's memory is fetched while the processor still waits for the buffer's flags.
-    const Byte* const page =
-        pages_.get() + static_cast<std::size_t>(buffer - buffs_.get()) * kPageStride;
+    const Byte* const page = page_of(buffer);
     __builtin_prefetch(page);
     __builtin_prefetch(page + 64);
     __builtin_prefetch(page + 512);
@@ -141,6 +140,15 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
   }
   buffer->flags |= kBusy;
   return buffer;
+}
+
+void Pool::expect(std::int32_t node) const {
+  const Buffer* const buffer = table_.find(node, filep);
+  if (buffer == nullptr) return;
+  __builtin_prefetch(buffer, 1);
+  constexpr std::size_t kLine = 64;
+  const Byte* const page = page_of(buffer);
+  for (std::size_t at = 0; at < kPageSize; at += kLine) __builtin_prefetch(page + at);
 }
 
 bool Pool::load(Buffer& buffer) {

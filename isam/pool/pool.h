@@ -46,6 +46,7 @@ class Pool {
   // A busy buffer for a page of the current file, which it may have already; nothing is read.
   Buffer* bfgetblk(std::int32_t block);
   Buffer* bfread(std::int32_t block);
+  void expect(std::int32_t node) const;  // bfexpect
   Buffer* bfgetclr(std::int32_t block);
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
   void bfrelease(Buffer* buffer);
@@ -103,6 +104,10 @@ class Pool {
   void put_in_order(Buffer* buffer);
   void has_new_bytes(Buffer* buffer) {
     buffer->version = ++versions_ & ((std::uint64_t{1} << 48) - 1);
+  }
+  // What buffer->page is, without reading the buffer.
+  [[nodiscard]] const Byte* page_of(const Buffer* buffer) const {
+    return pages_.get() + static_cast<std::size_t>(buffer - buffs_.get()) * kPageStride;
   }
   [[nodiscard]] bool may_go(const Buffer& buffer) const;
   Buffer* oldest_that_may_go(LruRing& order);

@@ -29,6 +29,8 @@
 
 namespace isam {
 
+class PathAhead;
+
 enum class Edge { kFirst, kLast };
 // The order counts: reads first.
 enum class Search {
@@ -49,8 +51,10 @@ int btposition(Cursor& cursor, const keydescr& k, Edge edge);
 // Positions by `item` over at most `len` bytes of its key (below 1: the whole key). Between equal
 // keys kRead and kReturn decide by the duplicate number; kPast passes all of them. To insert, the
 // item's duplicate number is raised above that of its equals, and kSameKeyNearby set when one of
-// them was met; 100 when an equal key is not allowed or no duplicate number is left.
-int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode);
+// them was met; 100 when an equal key is not allowed or no duplicate number is left. A way that was
+// found ahead saves the upper nodes; here and below, null for none.
+int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode,
+             const PathAhead* ahead = nullptr);
 
 // Where a walk to the item before the path's may begin, right after a search for `sought` over its
 // whole key. It refers to the key of `sought`.
@@ -79,7 +83,7 @@ int btcurrent(Cursor& cursor, const keydescr& k, bool again);
 // Inserts an item (key, recptr; dupnm is raised as needed). 0, or -1 with iserrno: 100 when an
 // equal key is not allowed or no duplicate number is left, 26062 when the tree is too deep, 105
 // also for an item too large for the node size. Leaves depth -1.
-int btadditem(Cursor& cursor, Item& item, const keydescr& k);
+int btadditem(Cursor& cursor, Item& item, const keydescr& k, const PathAhead* ahead = nullptr);
 
 // Inserts an item that was removed with this duplicate number where it stood among its equals. 0,
 // or -1 with iserrno. Leaves depth -1.
@@ -87,7 +91,7 @@ int btreturnitem(Cursor& cursor, const Item& item, const keydescr& k);
 
 // Removes the item with this key and recptr, not looking below the dupnm given, and leaves its
 // duplicate number in `item`. 0, or -1 with iserrno (111 when there is none). Leaves depth -1.
-int btdelitem(Cursor& cursor, Item& item, const keydescr& k);
+int btdelitem(Cursor& cursor, Item& item, const keydescr& k, const PathAhead* ahead = nullptr);
 
 // A tree was changed, or is about to be: neither the path nor what is remembered of the item read
 // last is good for anything any more, also when the change is taken back.

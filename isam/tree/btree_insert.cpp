@@ -5,6 +5,7 @@
 #include "isam/base/errors.h"
 #include "isam/records/freelists.h"
 #include "isam/tree/btree.h"
+#include "isam/tree/pathahead.h"
 #include "isam/tree/rightedge.h"
 #include "isam/tree/treenode.h"
 
@@ -15,8 +16,6 @@ namespace {
 constexpr int kLargestItem = 2 + MAXKEYLEN + 4 + kRecordPointerSize;
 // An old item area, the item inserted and the growth of the item behind it.
 constexpr std::size_t kScratchSize = kMaxNodeSize + 2 * kLargestItem;
-
-RightEdges right_edges;
 
 struct Frame {
   Byte node_type;
@@ -160,6 +159,7 @@ int Insertion::btinsert(Item& item, int depth) const {
       if (right_edge_ && depth == cursor_.bt.depth) right_edges.note(key_, node.page(), item);
       return 0;
     }
+    PathAhead::upper_changes();
     frame = {node.page().node_type(), node.page().level()};
     std::memcpy(scratch.data(), node.area().data(), node.area().size());
   }
@@ -333,10 +333,10 @@ int insert_here(const Cursor& cursor, Item item, const keydescr& k) {
   return Insertion{cursor, k}.btinsert(item, cursor.bt.depth);
 }
 
-int add_item(Cursor& cursor, Item& item, const keydescr& k) {
+int add_item(Cursor& cursor, Item& item, const keydescr& k, const PathAhead* ahead) {
   cursor.bt.clear(kSameKeyNearby);
   if (right_edges.append(item, k)) return 0;
-  if (btsearch(cursor, item, k, 0, Search::kInsert) != 0) return -1;
+  if (btsearch(cursor, item, k, 0, Search::kInsert, ahead) != 0) return -1;
   if (check_item_before(cursor, item, k) != 0) return -1;
   return insert_here(cursor, item, k);
 }
@@ -347,8 +347,8 @@ int return_item(Cursor& cursor, Item item, const keydescr& k) {
 
 }  // namespace
 
-int btadditem(Cursor& cursor, Item& item, const keydescr& k) {
-  const int result = k.nparts == 0 ? 0 : add_item(cursor, item, k);
+int btadditem(Cursor& cursor, Item& item, const keydescr& k, const PathAhead* ahead) {
+  const int result = k.nparts == 0 ? 0 : add_item(cursor, item, k, ahead);
   btchanged(cursor);
   return result;
 }

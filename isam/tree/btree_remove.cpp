@@ -6,6 +6,7 @@
 #include "isam/records/freelists.h"
 #include "isam/tree/btree.h"
 #include "isam/tree/foundplace.h"
+#include "isam/tree/pathahead.h"
 #include "isam/tree/treenode.h"
 
 namespace isam {
@@ -153,6 +154,7 @@ int btremove(const Cursor& cursor, const ItemLayout& layout, const WalkStart& st
   const int top = lowest_level_kept(cursor, layout);
   if (top < 0) return -1;
   if (top == cursor.bt.depth) return remove_item(cursor, layout, top, start);
+  PathAhead::upper_changes();
   NodeImage before;
   if (!before.take(cursor.bt.level(top).node) || remove_item(cursor, layout, top) != 0) return -1;
   if (free_emptied(cursor.bt.leaf().node) != 0) {
@@ -214,13 +216,13 @@ bool skip_to_record(Cursor& cursor, const ItemLayout& layout, Item& item, int& p
   return false;
 }
 
-int delete_item(Cursor& cursor, Item& item, const keydescr& k) {
+int delete_item(Cursor& cursor, Item& item, const keydescr& k, const PathAhead* ahead) {
   if (remove_found(item, k)) {
     item.dupnm = 0;
     return 0;
   }
   Item sought = item;
-  if (btsearch(cursor, sought, k, 0, Search::kRead) != 0) return -1;
+  if (btsearch(cursor, sought, k, 0, Search::kRead, ahead) != 0) return -1;
   const KeyOrder order{k};
   const ItemLayout layout{k};
   WalkStart start = cursor.bt.ends == kOnItem ? btwalkstart(cursor, sought) : WalkStart{};
@@ -286,8 +288,8 @@ int NodeRecovery::free_subtree(std::int32_t number, int depth) {
 
 }  // namespace
 
-int btdelitem(Cursor& cursor, Item& item, const keydescr& k) {
-  const int result = k.nparts == 0 ? 0 : delete_item(cursor, item, k);
+int btdelitem(Cursor& cursor, Item& item, const keydescr& k, const PathAhead* ahead) {
+  const int result = k.nparts == 0 ? 0 : delete_item(cursor, item, k, ahead);
   btchanged(cursor);
   return result;
 }

@@ -4,6 +4,7 @@
 #include "isam/tree/btree.h"
 #include "isam/tree/descent.h"
 #include "isam/tree/foundplace.h"
+#include "isam/tree/pathahead.h"
 #include "isam/tree/treenode.h"
 
 namespace isam {
@@ -241,13 +242,13 @@ enum class Met {
   kLastPassed,  // the end of a leaf without one; the path is on its last item
 };
 
-// Goes down by what `descent` chooses in each node, to the leaf in which the search ends.
-Met go_down(Cursor& cursor, Descent& descent, std::int32_t root) {
+// Goes down from node `number` by what `descent` chooses in each node, to the leaf in which the
+// search ends. The path has what lies above, and that node's depth.
+Met go_down(Cursor& cursor, Descent& descent, std::int32_t root, std::int32_t number) {
   Position& bt = cursor.bt;
   const ItemLayout& layout = descent.layout();
-  std::int32_t number = root;
-  bool may_be_kept = true;
-  for (bt.depth = 0;; ++bt.depth) {
+  bool may_be_kept = number == root;
+  for (;; ++bt.depth) {
     PathLevel& level = bt.leaf();
     const UpperNode* const upper =
         may_be_kept && bt.depth < kMaxTreeLevels - 1 ? find_upper(number, layout) : nullptr;
@@ -298,14 +299,17 @@ int btposition(Cursor& cursor, const keydescr& k, Edge edge) {
   return goes_behind ? stop_at_end(cursor.bt, Direction::kNext) : 0;
 }
 
-int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode) {
+int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode,
+             const PathAhead* ahead) {
   Descent descent{item, cursor.treeitem, k, len, mode};
   Position& bt = cursor.bt;
   bt.ends = kOnItem;
   cursor.place = {};
   cursor.searched = {};
   if (mode == Search::kInsert) bt.clear(kSameKeyNearby);
-  switch (go_down(cursor, descent, k.rootnode)) {
+  bt.depth = 0;
+  const std::int32_t leaf = ahead == nullptr ? 0 : ahead->take(item, k, mode, bt);
+  switch (go_down(cursor, descent, k.rootnode, leaf > 0 ? leaf : k.rootnode)) {
     case Met::kFailed:
       return lost(cursor);
     case Met::kEmptyTree:

@@ -4,10 +4,13 @@
 
 namespace isam {
 
+RightEdges right_edges;
+
 bool RightEdges::append(Item& item, const keydescr& k) {
   Edge& edge = of(k);
   if (edge.root != k.rootnode || (k.flags & KF_DUPS) != 0) return false;
-  if (itcompare(item, edge.last, KeyOrder{k}) <= 0 || !edge.stamp.stands()) return false;
+  edge.grows = itcompare(item, edge.last, KeyOrder{k}) > 0;
+  if (!edge.grows || !edge.stamp.stands()) return false;
   const KeepError keep;
   TreeNode leaf{edge.leaf};
   if (!leaf) return false;
@@ -30,6 +33,7 @@ void RightEdges::note(const keydescr& k, const PageHold& leaf, const Item& last)
   edge.leaf = leaf.node();
   edge.stamp = PageStamp{leaf};
   edge.last = last;
+  edge.grows = true;
 }
 
 }  // namespace isam

@@ -22,6 +22,8 @@ class RightEdges {
   // Adds an item with a key above all of an index of the current file, where its last leaf is known
   // and has room: whether it has. The leaf is what a search and an insertion would have made of it.
   [[nodiscard]] bool append(Item& item, const keydescr& k);
+  // Whether the item added last to an index went behind its last key, as the next one may.
+  [[nodiscard]] bool grows(const keydescr& k) { return of(k).root == k.rootnode && of(k).grows; }
   // The last item of the last leaf of the current file's index `k` is this one, as it is stored.
   void note(const keydescr& k, const PageHold& leaf, const Item& last);
 
@@ -31,11 +33,13 @@ class RightEdges {
     std::int32_t leaf = 0;
     PageStamp stamp;
     Item last;
+    bool grows = false;
   };
   Edge& of(const keydescr& k) { return edges_[static_cast<std::size_t>(k.rootnode) % kEdges]; }
 
   static constexpr std::size_t kEdges = 8;
   std::array<Edge, kEdges> edges_;
 };
+extern RightEdges right_edges;
 
 }  // namespace isam
