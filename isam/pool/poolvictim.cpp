@@ -80,6 +80,8 @@ Buffer* Pool::choose_victim() {
   Buffer* const block = oldest_that_may_go(data_blocks_);
   if (node != nullptr && block != nullptr) {
     if (waits_for_neighbours(*block)) return node;
+    // For a changed node the pool would grow: no data block is worth that.
+    if ((node->flags & kModified) != 0 && nbuffs_ < growth_.most) return block;
     const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
     return block->released < node->released + head_start ? block : node;
   }

@@ -221,6 +221,23 @@ TEST(BuffersDeathTest, ALargePoolTakesMoreForChangedNodesAndGivesItBack) {
   });
 }
 
+// However long ago the nodes were changed.
+TEST(BuffersDeathTest, ALargePoolDoesNotGrowForDataBlocks) {
+  in_own_process("4096", [] {
+    filep->locks.exclusives = 1;
+    filep->mark.state = MarkState::kUnneeded;
+    tell_memory(4'000'000);
+    std::set<const Byte*> pages;
+    for (int node = kFirstNode; node < kFirstNode + 3000; ++node) {
+      pages.insert(bfgetclr(node).data());
+    }
+    for (int i = 0; i < 300'000; ++i) pages.insert(bfread_data(i % 6000).data());
+    EXPECT_LE(pages.size(), 4096U);
+    EXPECT_EQ(bfpend(*filep), 3000);
+    filep->locks.exclusives = 0;
+  });
+}
+
 TEST(BuffersDeathTest, DelayedNeighboursAreWrittenInOnePiece) {
   in_own_process("16", [] {
     // Nodes 41 to 44 share a page of the system; 45 stands in the next one.
