@@ -198,13 +198,14 @@ inline int Descent::compare_bytes(const Byte* key, int keyln, int& match) const 
 // are those of the item sought. An item that takes more than these from its predecessor differs
 // from the one sought where its predecessor does, so the outcome is the same, and so it is of one
 // that repeats a key which differs. Any other has its leading bytes in common with the one sought,
-// and is compared behind them. Of those that repeat the key of an item to be inserted the last one
-// has the greatest number.
+// and is compared behind them. Of a leaf's items that repeat the key of one to be inserted the last
+// has the greatest number. (Those of an upper node are looked at one by one: its last item may have
+// any number.)
 bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
   const Byte* const items = area.data();
   const int size = level.length;
   const int counts = int{layout_.lcompress} + int{layout_.tcompress};
-  const int fixed = layout_.dupwidth + kRecordPointerSize;
+  const int fixed = layout_.repeat_size();
   int match = 0;
   bool repeats = false;
   from_ = 0;
@@ -212,7 +213,7 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
   for (int start = 0, end = 0;; start = end) {
     int result = 1;
     const bool is_equal = match == layout_.keylen;
-    if (repeats && (numbers_ || !is_equal)) {
+    if (repeats && ((numbers_ && leaf_) || !is_equal)) {
       end = pass_repeats(area, start, fixed);
       if (end > size) return false;
       if (is_equal) {

@@ -183,6 +183,25 @@ TEST_F(Trees, DuplicateNumbersGoAboveTheItemBefore) {
   EXPECT_EQ(walk_pair(base_).indexes[0].numbers.at(10), 10);
 }
 
+// ... of whatever item of the upper node, also where the last one repeats a key with a lower
+// number.
+TEST_F(Trees, DuplicateNumbersGoAboveAllOfAnUpperNode) {
+  for (const int flags : {int{KF_DUPS}, KF_DUPS | KF_DCOMPRESS}) {
+    build(kNumber, flags, 128, 4);
+    for (int i = 0; i < 40; ++i) ASSERT_EQ(write(5), 0);
+    ASSERT_GT(index().leaves.size(), 2U);
+    ::isclose(isfd_);
+    Image bytes = read_file(base_ + ".idx");
+    Byte* const second = &bytes[static_cast<std::size_t>(pair_.indexes[0].root - 1) * 128 + 2 + 12];
+    put4(second + (flags == KF_DUPS ? 4 : 0), 1000);
+    write_file(base_ + ".idx", bytes);
+    open();
+    ASSERT_EQ(write(5), 0);
+    ::isclose(isfd_);
+    EXPECT_EQ(walk_pair(base_).indexes[0].numbers.back(), 1001) << flags;
+  }
+}
+
 // What is no number is equal in whatever bytes: the item behind a deleted one takes its own again.
 TEST_F(Trees, EqualNumbersKeepTheirBytes) {
   build({0, 8, kDouble}, KF_DUPS | KF_LCOMPRESS, 1024);
