@@ -86,7 +86,8 @@ struct ItemPlace {
 };
 
 // Where a search ended in a leaf: a walk to that place need not begin at the leaf's start
-// (btwalkstart). Valid as an ItemPlace is.
+// (btwalkstart), nor need the item before be read to see that it is equal (btbehindequal). Valid as
+// an ItemPlace is.
 struct LastSearch {
   std::uint64_t generation = 0;
   std::int32_t node = 0;

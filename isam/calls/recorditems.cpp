@@ -136,8 +136,8 @@ int Replacement::replace(std::size_t index, Item& old, Item& fresh) {
   const keydescr& k = keys_[index];
   PathAhead to_fresh;
   PathAhead to_old;
-  to_fresh.find(fresh, k, Search::kInsert);
-  to_old.find(old, k, Search::kRead);
+  if (PathAhead::is_needed(k, Search::kInsert)) to_fresh.find(fresh, k, Search::kInsert);
+  if (PathAhead::is_needed(k, Search::kRead)) to_old.find(old, k, Search::kRead);
   if (btadditem(cursor_, fresh, k, &to_fresh) != 0) return -1;
   if (taken_.take_out(index, old, &to_old) == 0) return 0;
   const KeepError keep;

@@ -99,6 +99,10 @@ class Pool {
   }
   [[nodiscard]] bool add_buffers(std::size_t count);
   [[nodiscard]] bool more_room();
+  // Whether one_more() is likely to have a buffer.
+  [[nodiscard]] bool may_grow() const {
+    return nbuffs_ < growth_.room || (nbuffs_ < growth_.most && growth_.not_asked == 0);
+  }
   Buffer* one_more();
   void give_back();
   void put_in_order(Buffer* buffer);

@@ -69,7 +69,8 @@ bool Pool::waits_for_neighbours(const Buffer& block) const {
 }
 
 // The buffer to be reused: the one that was released least recently. A node counts as released
-// later than it was, for it serves many records, a data block few.
+// later than it was, for it serves many records, a data block few. Where the pool can grow for
+// changed nodes, a data block goes before them, for the pool never grows in place of a data block.
 //
 // Pages that a call changed keep their buffers until the call ends, so that its changes can be
 // taken back, or written in their order: the pool grows for them. Null with 116 when the system has
@@ -80,8 +81,7 @@ Buffer* Pool::choose_victim() {
   Buffer* const block = oldest_that_may_go(data_blocks_);
   if (node != nullptr && block != nullptr) {
     if (waits_for_neighbours(*block)) return node;
-    // For a changed node the pool would grow: no data block is worth that.
-    if ((node->flags & kModified) != 0 && nbuffs_ < growth_.most) return block;
+    if ((node->flags & kModified) != 0 && may_grow()) return block;
     const std::uint64_t head_start = kNodeLifetimes * nbuffs_;
     return block->released < node->released + head_start ? block : node;
   }

@@ -51,8 +51,9 @@ int btposition(Cursor& cursor, const keydescr& k, Edge edge);
 // Positions by `item` over at most `len` bytes of its key (below 1: the whole key). Between equal
 // keys kRead and kReturn decide by the duplicate number; kPast passes all of them. To insert, the
 // item's duplicate number is raised above that of its equals, and kSameKeyNearby set when one of
-// them was met; 100 when an equal key is not allowed or no duplicate number is left. A way that was
-// found ahead saves the upper nodes; here and below, null for none.
+// them was met; 100 when an equal key is not allowed or no duplicate number is left. After a search
+// to insert or to return an item, treeitem is none in particular. `ahead`, here and below, is a way
+// found before that spares the upper nodes, or null.
 int btsearch(Cursor& cursor, Item& item, const keydescr& k, int len, Search mode,
              const PathAhead* ahead = nullptr);
 

@@ -304,8 +304,8 @@ int check_item_before(Cursor& cursor, Item& item, const keydescr& k) {
   return btmove(cursor, k, Direction::kNext);
 }
 
-// Inserts an item behind one whose key it repeats, where all others are stored then as they were
-// and the leaf has room: whether it has.
+// Inserts an item right behind one with the same key, by moving the bytes behind that. False, with
+// nothing changed, where other items have to be stored anew or the leaf has no room.
 bool insert_repeat(const Cursor& cursor, Item& item, const keydescr& k) {
   const ItemLayout layout{k};
   if (!layout.repeats_stand_alone() || !btbehindequal(cursor)) return false;

@@ -62,7 +62,7 @@ bool is_repeat(ConstBytes area, int pos) {
          (area[static_cast<std::size_t>(pos - kRecordPointerSize)] & kRepeatBit) != 0;
 }
 
-// take_out() of such an item, where all others are stored then as they were.
+// take_out() of such an item, for which no other one is stored anew.
 int take_out_repeat(const ItemLayout& layout, Bytes room, int length, int pos) {
   const int size = layout.repeat_size();
   if (length - pos < size) return failed(kCorrupted);
@@ -128,7 +128,7 @@ int remove_item(const Cursor& cursor, const ItemLayout& layout, int depth,
 // iserrno.
 int lowest_level_kept(const Cursor& cursor, const ItemLayout& layout) {
   int depth = cursor.bt.depth;
-  if (cursor.bt.leaf().offset > 0) return depth;
+  if (cursor.bt.leaf().offset > 0) return depth;  // an item stands before it
   for (; depth > 0; --depth) {
     const TreeNode node{cursor.bt.level(depth).node};
     StoredItem only;
@@ -199,7 +199,7 @@ bool skip_to_record(Cursor& cursor, const ItemLayout& layout, Item& item, int& p
   const TreeNode node{leaf.node};
   if (!node || !layout.dcompress || node.length() != leaf.length) return false;
   const Byte* const bytes = node.area().data();
-  const int size = layout.dupwidth + kRecordPointerSize;
+  const int size = layout.repeat_size();
   const auto is_repeated = [&](int end) {
     return (bytes[end - kRecordPointerSize] & kRepeatBit) != 0;
   };

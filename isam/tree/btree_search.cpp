@@ -237,8 +237,8 @@ bool is_same(const Item& a, const Item& b, const keydescr& k) {
 enum class Met {
   kFailed,
   kEmptyTree,
-  kGreater,     // a greater item than the one sought; the path is on it, and of a search that
-                // reads, it is treeitem
+  kGreater,     // an item greater than the one sought: the path is on it, and after a search that
+                // reads it is treeitem
   kLastPassed,  // the end of a leaf without one; the path is on its last item
 };
 
@@ -247,7 +247,7 @@ enum class Met {
 Met go_down(Cursor& cursor, Descent& descent, std::int32_t root, std::int32_t number) {
   Position& bt = cursor.bt;
   const ItemLayout& layout = descent.layout();
-  bool may_be_kept = number == root;
+  bool may_be_kept = number == root;  // a way found ahead ends at a leaf, and leaves are not kept
   for (;; ++bt.depth) {
     PathLevel& level = bt.leaf();
     const UpperNode* const upper =

@@ -112,7 +112,7 @@ int itassemble(const ItemLayout& layout, ConstBytes area, std::span<const std::u
 }
 
 void itpress(const ItemLayout& layout, Item* prev, Item& item, Press press) {
-  const int fixed = layout.dupwidth + kRecordPointerSize;
+  const int fixed = layout.repeat_size();
   const bool repeated = repeats(layout, prev, item, press);
   set_flag(item, kRepeatsPrevious, repeated);
   if (press == Press::kAfter) set_flag(*prev, kNextRepeats, repeated);

@@ -43,8 +43,8 @@ struct ItemLayout {
   int dupwidth;  // 0 without duplicates
 
   [[nodiscard]] bool compressed() const { return dcompress || lcompress || tcompress; }
-  // Whether an item that repeats a key can be put in behind its equal, or taken out, with all other
-  // items stored as they were. (Where trailing blanks are stored, what the item behind it leaves
+  // Whether an item that repeats the key before it can be put in or taken out while all other items
+  // stay as they are stored. (Where trailing blanks are stored, how many bytes the next item leaves
   // out depends on whether it follows a repeat.)
   [[nodiscard]] bool repeats_stand_alone() const { return dcompress && (tcompress || !lcompress); }
   // Size of an item that repeats the key before it.
@@ -78,7 +78,7 @@ class ItemWalk {
       : begin_(area.data()),
         size_(static_cast<int>(area.size())),
         keylen_(layout.keylen),
-        fixed_(layout.dupwidth + kRecordPointerSize),
+        fixed_(layout.repeat_size()),
         lcounts_(layout.lcompress),
         tcounts_(layout.tcompress),
         start_(pos),

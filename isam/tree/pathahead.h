@@ -1,11 +1,13 @@
-// pathahead: the way of a search through the upper nodes, found before the search is made. A change
-// of several indexes finds its ways in all of them first, and has the processor fetch the memory of
-// their leaves: it comes while the change goes on, instead of being waited for leaf by leaf.
+// pathahead: the way of a search through the upper nodes, found before the search is made. To add
+// or delete a record finds the ways in its first indexes before any of them changes; to rewrite one
+// finds, index by index, those of its new and its old item. The processor fetches the memory of the
+// leaves meanwhile, so that it is there when they are searched.
 //
 // Gives   PathAhead
 // Keeps   P1 a way is taken by a search for the item that it was found for, as long as no upper
 //            node has changed; any other search finds its own
-// Never   reads a page or reports an error: what cannot be found without is left to the search
+// Never   reads a page into the pool or reports an error: a way that cannot be found so is left to
+//         the search
 #pragma once
 
 #include <array>
@@ -21,8 +23,9 @@ class PathAhead {
   // Whether a change of index `k` is likely to search. (Where its place is known from another
   // search or insertion it does not.)
   [[nodiscard]] static bool is_needed(const keydescr& k, Search mode);
-  // Finds the way of btsearch() for `item`, over its whole key, which has parts, in the current
-  // file: once, and not at all where that takes more than a look into the pool.
+  // Finds the way of btsearch() to insert or to read `item`, over its whole key, which has parts,
+  // in the current file. To be called once. It finds nothing when an upper node on the way is not
+  // kept ready (isam/tree/uppernodes).
   void find(const Item& item, const keydescr& k, Search mode);
 
   // Puts a path on the way: the leaf to go on from, and `item` with its duplicate number raised as

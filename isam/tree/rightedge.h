@@ -1,7 +1,7 @@
 // rightedge: the last leaf of an index whose keys are added in their order: what is greater than
 // its last key goes behind it, and need not be searched for.
 //
-// Gives   RightEdges: append(), note()
+// Gives   RightEdges: append(), note(), grows(); right_edges, those of all files
 // Keeps   E1 a leaf is known as the last one while the pool has it as it was (PageStamp): whatever
 //            puts another leaf behind it, or takes it out of the tree, changes it
 // Never   adds to an index with duplicates, where upper nodes too tell the next duplicate number;
