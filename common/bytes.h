@@ -2,9 +2,10 @@
 //
 // Needs   pointers to as many bytes as the number or the string has; nothing is checked here. A
 //         little-endian machine
-// Gives   the number encodings of every on-disk structure
+// Gives   the number encodings of every on-disk structure; prefetch()
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <span>
@@ -14,6 +15,12 @@ namespace common {
 using Byte = unsigned char;
 using Bytes = std::span<Byte>;
 using ConstBytes = std::span<const Byte>;
+
+// Has the processor fetch these bytes, which will be read soon. Any address will do.
+inline void prefetch(const Byte* from, std::size_t length) {
+  constexpr std::size_t kLine = 64;
+  for (std::size_t at = 0; at < length; at += kLine) __builtin_prefetch(from + at);
+}
 
 // 2-byte big-endian, as an unsigned value 0..65535.
 [[nodiscard]] inline std::uint16_t ldword(const Byte* at) {

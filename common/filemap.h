@@ -65,9 +65,7 @@ class FileMap {
   }
   // Has bytes that will be asked for soon in the processor's caches by then.
   void expect(std::size_t length, std::int64_t offset) const {
-    constexpr std::size_t kLine = 64;
-    if (!covers(length, offset)) return;
-    for (std::size_t at = 0; at < length; at += kLine) __builtin_prefetch(pages_ + offset + at);
+    if (covers(length, offset)) prefetch(pages_ + offset, length);
   }
   // What is asked for around copies by read_by(), and of how long a file.
   [[nodiscard]] ColdReads& cold_reads() { return cold_; }

@@ -146,9 +146,7 @@ void Pool::expect(std::int32_t node) const {
   const Buffer* const buffer = table_.find(node, filep);
   if (buffer == nullptr) return;
   __builtin_prefetch(buffer, 1);
-  constexpr std::size_t kLine = 64;
-  const Byte* const page = page_of(buffer);
-  for (std::size_t at = 0; at < kPageSize; at += kLine) __builtin_prefetch(page + at);
+  common::prefetch(page_of(buffer), kPageSize);
 }
 
 bool Pool::load(Buffer& buffer) {

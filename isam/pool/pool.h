@@ -56,9 +56,9 @@ class Pool {
   // An idle page is used, though nobody has held it.
   void used(Buffer* buffer);
   // bfwrite() writes one page, changed or not, and releases it; write_buffer() writes an idle
-  // modified one, and those beside it in the file. 0, or -1 with
-  // the failure in iserrno and noted: then the changes of an exclusive open (but for a repair) stay
-  // modified, others are not tried again.
+  // modified one, and those beside it in the file. 0, or -1 with the failure in iserrno and noted:
+  // then the changes of an exclusive open (but for a repair) stay modified, others are not tried
+  // again.
   int bfwrite(Buffer* buffer);
   int write_buffer(Buffer* buffer);
   void modified(Buffer* buffer);

@@ -219,19 +219,11 @@ bool map_serves(std::span<const std::int32_t> numbers) {
   return file.data.map.covers(size, slot_offset(last));
 }
 
-// Asks for a slot that is copied a few records later, so that it is in the processor's caches then.
-void prefetch(const Byte* slot, std::size_t size) {
-  constexpr std::size_t kLine = 64;
-  constexpr std::size_t kMostLines = 8;
-  for (std::size_t at = 0; at < std::min(size, kMostLines * kLine); at += kLine) {
-    __builtin_prefetch(slot + at);
-  }
-}
-
 // Copies records of fixed length out of the bytes of the data file: how many, up to the first that
 // is not present.
 std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, Byte* to) {
-  constexpr std::size_t kAhead = 6;
+  constexpr std::size_t kAhead = 6;        // records
+  constexpr std::size_t kMostAhead = 512;  // bytes of each
   const auto length = static_cast<std::size_t>(filep->geometry.reclen);
   const std::size_t size = length + kFixedTrailer;
   const auto slot = [&](std::size_t at) {
@@ -241,7 +233,9 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
   const bool are_neighbours = std::int64_t{numbers.back()} - numbers.front() ==
                               static_cast<std::int64_t>(numbers.size()) - 1;
   for (std::size_t i = 0; i < numbers.size(); ++i, to += length) {
-    if (!are_neighbours && i + kAhead < numbers.size()) prefetch(slot(i + kAhead), size);
+    if (!are_neighbours && i + kAhead < numbers.size()) {
+      common::prefetch(slot(i + kAhead), std::min(size, kMostAhead));
+    }
     if (slot(i)[length] != kRecordPresent) return i;
     std::memcpy(to, slot(i), length);
   }

@@ -317,7 +317,7 @@ bool insert_repeat(const Cursor& cursor, Item& item, const keydescr& k) {
   if (at.length + size > static_cast<int>(leaf.room().size())) return false;
   Byte* const place = leaf.room().data() + at.offset;
   std::memmove(place + size, place, static_cast<std::size_t>(at.length - at.offset));
-  const bool next_repeats = (place[-kRecordPointerSize] & kRepeatBit) != 0;
+  const bool next_repeats = repeats_at(leaf.room(), at.offset);
   item.flag = next_repeats ? kRepeatsPrevious | kNextRepeats : kRepeatsPrevious;
   item.totln = size;
   itpack(layout, item, leaf.room(), at.offset);

@@ -46,39 +46,36 @@ class NodeImage {
   std::array<Byte, kMaxNodeSize> area_;
 };
 
+// Takes `size` bytes at `pos` out of an area: its new length.
+int close_gap(Bytes room, int length, int pos, int size) {
+  Byte* const gone = room.data() + pos;
+  std::memmove(gone, gone + size, static_cast<std::size_t>(length - pos - size));
+  std::memset(room.data() + length - size, 0, static_cast<std::size_t>(size));
+  return length - size;
+}
+
 // take_out() without compression: no item depends on the one before it.
 int take_out_fixed(const ItemLayout& layout, Bytes room, int length, int pos) {
   const int size = layout.fixed_size();
   if (pos % size != 0 || length % size != 0 || pos >= length) return failed(kCorrupted);
-  Byte* const gone = room.data() + pos;
-  std::memmove(gone, gone + size, static_cast<std::size_t>(length - pos - size));
-  std::memset(room.data() + length - size, 0, static_cast<std::size_t>(size));
-  return length - size;
+  return close_gap(room, length, pos, size);
 }
 
-// Whether the item at `pos` repeats the key of the one before it.
-bool is_repeat(ConstBytes area, int pos) {
-  return pos >= kRecordPointerSize && pos < static_cast<int>(area.size()) &&
-         (area[static_cast<std::size_t>(pos - kRecordPointerSize)] & kRepeatBit) != 0;
-}
-
-// take_out() of such an item, for which no other one is stored anew.
+// take_out() of an item that repeats the key before it, for which no other item is stored anew.
 int take_out_repeat(const ItemLayout& layout, Bytes room, int length, int pos) {
   const int size = layout.repeat_size();
   if (length - pos < size) return failed(kCorrupted);
-  Byte* const gone = room.data() + pos;
-  const bool next_repeats = (gone[size - kRecordPointerSize] & kRepeatBit) != 0;
-  if (!next_repeats) gone[-kRecordPointerSize] &= kRecordPointerMask;
-  std::memmove(gone, gone + size, static_cast<std::size_t>(length - pos - size));
-  std::memset(room.data() + length - size, 0, static_cast<std::size_t>(size));
-  return length - size;
+  const bool next_repeats = repeats_at(room, pos + size);
+  if (!next_repeats) room[static_cast<std::size_t>(pos - kRecordPointerSize)] &= kRecordPointerMask;
+  return close_gap(room, length, pos, size);
 }
 
 // Takes the item at `pos` out of an area: its new length, or -1 with 105 and nothing changed.
 int take_out(const ItemLayout& layout, Bytes room, int length, int pos, const WalkStart& start) {
   const ConstBytes area = room.first(static_cast<std::size_t>(length));
   if (!layout.compressed()) return take_out_fixed(layout, room, length, pos);
-  if (layout.repeats_stand_alone() && is_repeat(area, pos)) {
+  if (layout.repeats_stand_alone() && pos >= kRecordPointerSize && pos < length &&
+      repeats_at(area, pos)) {
     return take_out_repeat(layout, room, length, pos);
   }
   Item prev;
@@ -198,12 +195,10 @@ bool skip_to_record(Cursor& cursor, const ItemLayout& layout, Item& item, int& p
   const KeepError keep;
   const TreeNode node{leaf.node};
   if (!node || !layout.dcompress || node.length() != leaf.length) return false;
-  const Byte* const bytes = node.area().data();
+  const ConstBytes area = node.area();
+  const Byte* const bytes = area.data();
   const int size = layout.repeat_size();
-  const auto is_repeated = [&](int end) {
-    return (bytes[end - kRecordPointerSize] & kRepeatBit) != 0;
-  };
-  while (leaf.next + size <= leaf.length && is_repeated(leaf.next)) {
+  while (leaf.next + size <= leaf.length && repeats_at(area, leaf.next)) {
     passed = leaf.offset;
     leaf.offset = leaf.next;
     leaf.next += size;

@@ -209,7 +209,7 @@ int read_repeat_bit(Cursor& cursor, Direction direction, bool& repeats) {
   if (!node) return lost(cursor);
   if (node.length() != leaf.length) return lost(cursor, kCorrupted);
   const int between = direction == Direction::kNext ? leaf.next : leaf.offset;
-  repeats = (node.area().data()[between - kRecordPointerSize] & kRepeatBit) != 0;
+  repeats = repeats_at(node.area(), between);
   return 0;
 }
 

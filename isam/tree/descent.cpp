@@ -5,24 +5,12 @@
 namespace isam {
 namespace {
 
-// Has the processor fetch all of a leaf, which is seldom in its caches: a search would wait for one
-// piece after the other.
-void expect(ConstBytes area) {
-  constexpr std::size_t kLine = 64;
-  for (std::size_t at = 0; at < area.size(); at += kLine) __builtin_prefetch(area.data() + at);
-}
-
-// Whether the item behind the one that ends at `end` repeats its key.
-bool is_followed_by_repeat(ConstBytes area, int end) {
-  return (area[static_cast<std::size_t>(end - kRecordPointerSize)] & kRepeatBit) != 0;
-}
-
 // Where the last of the items ends that repeat one key, of which the first stands at `start` and
 // all have `length` bytes. Beyond the area where their bytes make no items.
 int pass_repeats(ConstBytes area, int start, int length) {
   const auto size = static_cast<int>(area.size());
   int end = start + length;
-  while (end < size && is_followed_by_repeat(area, end)) end += length;
+  while (end < size && repeats_at(area, end)) end += length;
   return end;
 }
 
@@ -42,7 +30,9 @@ Descent::Descent(Item& sought, Item& found, const keydescr& k, int len, Search m
 bool Descent::choose(const TreeNode& node, PathLevel& level) {
   leaf_ = node.is_leaf();
   const ConstBytes area = node.area();
-  if (leaf_) expect(area);
+  // A leaf is seldom in the processor's caches: the search would wait for one piece after the
+  // other.
+  if (leaf_) common::prefetch(area.data(), area.size());
   const bool found = !layout_.compressed() ? choose_fixed(area, level)
                      : skips_              ? choose_skipping(area, level)
                                            : choose_reading(area, level);
@@ -248,7 +238,7 @@ bool Descent::choose_skipping(ConstBytes area, PathLevel& level) {
       behind_equal_ = result < 0 ? is_equal : match == layout_.keylen;
       return settle_on(level, start, end, result);
     }
-    repeats = is_followed_by_repeat(area, end);
+    repeats = repeats_at(area, end);
   }
 }
 

@@ -50,7 +50,7 @@ struct ItemLayout {
   // Size of an item that repeats the key before it.
   [[nodiscard]] int repeat_size() const { return dupwidth + kRecordPointerSize; }
   // Size of every item of an index without compression.
-  [[nodiscard]] int fixed_size() const { return keylen + dupwidth + kRecordPointerSize; }
+  [[nodiscard]] int fixed_size() const { return keylen + repeat_size(); }
   // The greatest duplicate number that its width can store; 0 without duplicates.
   [[nodiscard]] std::int32_t greatest_dupnm() const {
     if (dupwidth == 0) return 0;
@@ -148,6 +148,11 @@ class ItemWalk {
 }
 [[nodiscard]] inline std::int32_t stored_recptr(const Byte* at) {
   return common::ldlong(at) & INT32_MAX;
+}
+
+// Whether the item at `pos`, behind another one in its area, repeats the key of that one.
+[[nodiscard]] inline bool repeats_at(ConstBytes area, int pos) {
+  return (area[static_cast<std::size_t>(pos - kRecordPointerSize)] & kRepeatBit) != 0;
 }
 
 // Reads the item at `pos` of an item area whose previous item has the key `previous` (it may be

@@ -119,7 +119,7 @@ bool LeafRun::has_same_key(const keydescr& k, std::size_t index, ConstBytes area
   const std::size_t at = met(index);
   if (layout.dcompress) {
     const int between = starts_[forward ? at + 1 : at];
-    return (area.data()[between - kRecordPointerSize] & kRepeatBit) != 0;
+    return repeats_at(area, between);
   }
   const std::size_t neighbour = forward ? at + 1 : at - 1;
   return KeyOrder{k}.compare(area.data() + starts_[at], area.data() + starts_[neighbour]) == 0;

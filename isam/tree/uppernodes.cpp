@@ -39,10 +39,7 @@ const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout) {
   const bool is_it =
       kept.number_ == number && kept.stamp_.stands_again() && kept.shape_ == shape_of(layout);
   if (!is_it) return nullptr;
-  constexpr std::size_t kLine = 64;
-  for (std::size_t at = 0; at < kept.count_ * UpperNode::kHeadSize; at += kLine) {
-    __builtin_prefetch(kept.heads() + at);
-  }
+  common::prefetch(kept.heads(), kept.count_ * UpperNode::kHeadSize);
   return &kept;
 }
 
