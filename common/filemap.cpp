@@ -101,7 +101,8 @@ void FileMap::forget() {
 void FileMap::map(int fd) {
   constexpr std::int64_t kLeast = std::int64_t{1} << 20;
   forget();
-  const std::int64_t size = file_size(fd);
+  std::int64_t size = 0;
+  static_cast<void>(find_end(fd, size));
   usable_ = size > 0 && handler_is_in_place();
   if (!usable_) return;
   const std::int64_t room = std::max(2 * size, kLeast);
@@ -161,7 +162,7 @@ bool FileMap::look_at_copy(int fd, Bytes to, std::int64_t offset) {
 void FileMap::look_again(int fd) {
   if (!usable_ || system_calls().pread != ::pread) return;
   std::int64_t size = 0;
-  if (find_size(fd, size) != 0) return;
+  if (find_end(fd, size) != 0) return;
   if (size > mapped_) return map(fd);
   known_ = std::max(known_, size);
 }

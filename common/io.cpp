@@ -49,6 +49,8 @@ int write_rest(int fd, ConstBytes from, std::int64_t offset, ssize_t put) {
   }
 }
 
+off_t real_seek_end(int fd) { return ::lseek(fd, 0, SEEK_END); }
+
 ssize_t real_copy_range(int from, int to, off_t offset, std::size_t count) {
   off_t here = offset;
   return ::copy_file_range(from, &offset, to, &here, count, 0);
@@ -62,6 +64,7 @@ constinit SystemCalls system_call_table{.open = real_open,
                                         .pwrite = ::pwrite,
                                         .fcntl_lock = real_fcntl_lock,
                                         .fstat = ::fstat,
+                                        .seek_end = real_seek_end,
                                         .fstatfs = ::fstatfs,
                                         .stat = ::stat,
                                         .link = ::link,
@@ -158,6 +161,12 @@ int find_size(int fd, std::int64_t& size) {
   if (S_ISREG(status.st_mode)) size = status.st_size;
   if (S_ISBLK(status.st_mode)) size = ::lseek(fd, 0, SEEK_END);
   return size < 0 ? -1 : 0;
+}
+
+int find_end(int fd, std::int64_t& size) {
+  size = system_calls().seek_end(fd);
+  if (size >= 0) return 0;
+  return errno == ESPIPE ? find_size(fd, size) : -1;
 }
 
 std::int64_t file_size(int fd) {

@@ -1,5 +1,5 @@
 // io: system calls on files go through one small table. Only calls that no test has to replace
-// (such as lstat and lseek) are made directly.
+// (such as lstat) are made directly.
 //
 // Gives   `system_calls()`: the table in use; tests put their own in its place to make a disk
 //         full, a transfer short or a lock refused at a chosen call
@@ -28,6 +28,7 @@ struct SystemCalls {
   ssize_t (*pwrite)(int fd, const void* from, std::size_t count, off_t offset);
   int (*fcntl_lock)(int fd, int command, struct flock* lock);
   int (*fstat)(int fd, struct stat* status);
+  off_t (*seek_end)(int fd);  // the size of a file
   int (*fstatfs)(int fd, struct statfs* status);
   int (*stat)(const char* path, struct stat* status);
   int (*link)(const char* from, const char* to);
@@ -78,6 +79,11 @@ int cut_file(int fd, std::int64_t size);
 // Gives `size` the bytes of a regular file or block device, or 0 for anything else. Returns 0, or
 // -1 with errno.
 [[nodiscard]] int find_size(int fd, std::int64_t& size);
+
+// The same for what is no directory, asked without fstat(): that gives the time of the last change,
+// too, and a system that was asked for it notes the next change at a finer time, which makes the
+// next write dearer.
+[[nodiscard]] int find_end(int fd, std::int64_t& size);
 
 // The size that find_size() gives; 0 also when that fails.
 [[nodiscard]] std::int64_t file_size(int fd);

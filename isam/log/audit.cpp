@@ -69,7 +69,7 @@ int failed_unless_records_matter_more() {
 int append_entry(ConstBytes entry) {
   if (entry.empty()) return failed(kNoMemory);
   std::int64_t end = 0;
-  const bool found = common::find_size(filep->trail_fd, end) == 0;
+  const bool found = common::find_end(filep->trail_fd, end) == 0;
   if (found && common::write_at(filep->trail_fd, entry, end) == 0) return 0;
   const int reason = errno;
   // Half an entry would make what follows unreadable.

@@ -41,7 +41,7 @@ int lengthen(FileKind kind, std::int64_t from, std::int64_t to) {
   PairFile& file = index ? filep->index : filep->data;
   Extent& extent = file.extent;
   if (extent.bytes == 0) {
-    if (common::find_size(file.fd, extent.bytes) != 0) {
+    if (common::find_end(file.fd, extent.bytes) != 0) {
       return failed_system(errno, Operation::kRead, kind);
     }
     extent.kept = extent.bytes;

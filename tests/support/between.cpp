@@ -94,6 +94,9 @@ void stand_between(std::function<int(SystemCall&)> asked) {
   calls.stat = [](const char* path, struct stat* status) {
     return may({.kind = Call::kStat, .path = path}) ? real().stat(path, status) : -1;
   };
+  calls.seek_end = [](int fd) -> off_t {
+    return may({.kind = Call::kStat, .fd = fd}) ? real().seek_end(fd) : -1;
+  };
   calls.fstat = [](int fd, struct stat* status) {
     return may({.kind = Call::kStat, .fd = fd}) ? real().fstat(fd, status) : -1;
   };
