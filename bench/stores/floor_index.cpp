@@ -102,9 +102,9 @@ std::size_t search(std::span<const char> node, const Key& key) {
 }  // namespace
 
 void Level::move_rest(std::uint32_t node, std::size_t from) {
-  const Node rest = at(node).subspan(from);
-  std::memcpy(moved_.data(), rest.data(), rest.size());
-  std::memcpy(rest.data(), moved_.data(), rest.size());
+  const Node bytes = at(node);
+  std::memcpy(before_.data(), bytes.data(), kNode);
+  std::memcpy(bytes.data() + from, before_.data() + from, kNode - from);
   changed_[node * kNode / kSystemPage] = true;
 }
 

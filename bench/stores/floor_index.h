@@ -30,7 +30,7 @@ class Level {
     while (node >= count_) grow();
     return std::span{bytes_}.subspan(node * kNode, kNode);
   }
-  // Moves what stands behind `from` in the node, to and fro.
+  // Moves what stands behind `from` in the node, to and fro, by way of a copy of the whole node.
   void move_rest(std::uint32_t node, std::size_t from);
   void write_changed(const MappedFile& file);
 
@@ -42,7 +42,7 @@ class Level {
   std::size_t count_ = 0;
   std::vector<char> bytes_;
   std::vector<bool> changed_;  // pages of the system
-  std::array<char, kNode> moved_{};
+  std::array<char, kNode> before_{};
 };
 
 class FloorIndex {

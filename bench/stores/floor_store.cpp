@@ -1,12 +1,13 @@
 // stores_floor: what reading and changing records cannot do without when other programs share the
 // files. `floor` takes the library's locks in its order. Under them it copies the dictionary,
 // searches the indexes (floor_index) and copies the record. A change moves the rest of each leaf
-// that it concerns, copies what it writes over, so that a failed write could be taken back, and
-// makes the writes that others must be able to see, each by itself for its place in the order:
-// dictionary, leaves, record; an insertion at a free number and a deletion the node that lists free
-// numbers, an insertion behind all others zero bytes that lengthen the file by a block. `floor`
-// sleeps for a lock at once, `floor-asks` asks for it for as long as the library does before.
-// `floor-exclusive` is described in floor_exclusive.h, `floor-cold` in floor_cold.h.
+// that it concerns and has a copy of all that it writes over, so that a failed write could be taken
+// back (of a leaf it is the copy by way of which it was moved). It makes the writes that others
+// must be able to see, each by itself for its place in the order: dictionary, leaves, record; an
+// insertion at a free number and a deletion the node that lists free numbers, an insertion behind
+// all others zero bytes that lengthen the file by a block. `floor` sleeps for a lock at once,
+// `floor-asks` asks for it for as long as the library does before. `floor-exclusive` is described
+// in floor_exclusive.h, `floor-cold` in floor_cold.h.
 #include <fcntl.h>
 
 #include <algorithm>
@@ -32,7 +33,7 @@ constexpr std::size_t kSlot = kRecordLength + 1;
 constexpr std::size_t kDictionary = 117;
 constexpr std::size_t kListNode = kNode;  // where the node of free numbers stands
 constexpr std::size_t kBlock = 1024;      // of the data file
-constexpr std::size_t kCallsAhead = 8;    // in a scan of many records, with the one that enters
+constexpr std::size_t kCallsAhead = 16;   // in a scan of many records, with the one that enters
 constexpr double kBeforeSleep = 100e-6;   // seconds
 
 class FloorStore : public Store {
@@ -120,15 +121,20 @@ class FloorStore : public Store {
   void scan(Order order, Reader& reader) override { scan_many(order, reader); }
 
   [[nodiscard]] bool has_bulk() const override { return true; }
-  // One entry, a lock and the dictionary, copies what several calls ask for. The copies are given
-  // out call by call, as long as the dictionary stands.
+  // One entry, a lock and the dictionary, copies what several calls ask for: the leaves tell the
+  // records. The copies are given out call by call, with their numbers, as long as the dictionary
+  // stands.
   void scan_many(Order /*order*/, Reader& reader) override {
     const std::size_t records = data_->bytes().size() / kSlot;
     for (std::size_t first = 0; first < records; first += many_.size()) {
       const std::size_t count = std::min(many_.size(), records - first);
       begin(F_RDLCK);
       for (std::size_t i = 0; i < count; ++i) {
-        copy(data_->bytes().subspan((first + i) * kSlot, kRecordLength), many_[i]);
+        const auto place = FloorIndex::place_in_order(static_cast<std::uint32_t>(first + i));
+        numbers_[i] = tree_.slot_at(place);
+        const auto slot = data_->bytes().subspan(numbers_[i] * kSlot, kSlot);
+        if (slot.back() != '\n') throw std::runtime_error("a record is not there");
+        copy(slot.first(kRecordLength), many_[i]);
       }
       end();
       for (std::size_t given = 0; given < count; given += kBulk) give(given, count, reader);
@@ -157,6 +163,7 @@ class FloorStore : public Store {
       throw std::runtime_error("nobody else changes the file");
     }
     std::memcpy(portion_.data(), &many_[from], portion * kRecordLength);
+    std::copy_n(&numbers_[from], portion, portion_numbers_.begin());
     for (std::size_t i = 0; i < portion; ++i) reader.take(portion_[i].data());
   }
   void end() const { lock(F_SETLKW, F_UNLCK, 0, kSemaphoreLength); }
@@ -184,7 +191,7 @@ class FloorStore : public Store {
   }
   void write_dictionary() { write_over(index_.get(), dictionary_, 0); }
   void write_leaf(Level& leaves, std::uint32_t leaf, std::uint32_t key) {
-    write_over(index_.get(), leaves.at(leaf), leaf_at(leaf, key));
+    index_->write(leaves.at(leaf), leaf_at(leaf, key));
   }
   void lengthen_data() {
     if ((std::size_t{next_} + 1) * kSlot <= length_) return;
@@ -225,7 +232,9 @@ class FloorStore : public Store {
   std::array<char, kNode> before_{};
   std::array<char, kSlot> slot_{};
   std::array<Record, kCallsAhead * kBulk> many_{};
+  std::array<std::uint32_t, kCallsAhead * kBulk> numbers_{};
   std::array<Record, kBulk> portion_{};
+  std::array<std::uint32_t, kBulk> portion_numbers_{};
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -32,6 +33,8 @@ inline constexpr int nfiles = 256;  // open pairs of a process
 // Whether the process logs its changes, and whether a transaction is open.
 enum TransactionFlag : int { kInTransaction = 0, kNotLogging = 1, kLogging = 2 };
 extern int txflag;
+
+using Node = std::array<Byte, kMaxNodeSize>;
 
 // A write that failed after its caller had gone on; 0 for none.
 struct FailedWrite {
@@ -71,6 +74,7 @@ enum class MarkState : std::uint8_t {
 struct CopyRun {
   bool has_waited = false;  // the last one waited for the disk
   int patience = 0;         // so many more are asked for, though they do not wait
+  unsigned not_timed = 0;   // while none are: how many there were
   std::int32_t last = 0;    // the last record of the last one
   // How far beyond a batch of this run the system was last asked to read, and up to where that was:
   // negative towards the start of the file, 0 when it has not been asked yet.
@@ -134,6 +138,8 @@ struct OfCall {
 struct Unwritten {
   Buffer* pages = nullptr;        // modified pages in the pool
   std::size_t data_blocks = 0;    // of these, blocks of the data file
+  std::vector<Node> before;       // what some of the pages were, for a commit that fails
+  std::uint8_t before_used = 0;   // so many at the front of `before` count
   DirectWrite direct;             // bytes that are written past it
   std::vector<DirectWrite> held;  // those of earlier calls that are held back, in their order
   std::size_t held_count = 0;     // so many at the front of `held`: the others lend their memory

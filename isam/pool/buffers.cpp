@@ -17,6 +17,8 @@ Bytes PageHold::bytes() const {
   return {buffer_->page, static_cast<std::size_t>(length)};
 }
 
+void PageHold::keep_before() const { the_pool->keep_before(buffer_); }
+
 void PageHold::modified() const { the_pool->modified(buffer_); }
 
 void PageHold::gives_up() const {

@@ -48,11 +48,12 @@
 
 namespace isam {
 
-enum BufferFlag : std::uint16_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp = 8 };
+enum BufferFlag : std::uint8_t { kModified = 1, kValid = 2, kBusy = 4, kGivesUp = 8 };
 
 // What a call touches of a buffer lies in one cache line.
 struct alignas(64) Buffer {
-  std::uint16_t flags;  // BufferFlag
+  std::uint8_t flags;   // BufferFlag
+  std::uint8_t before;  // which of Unwritten::before has what the page was, counted from 1; 0: none
   std::uint16_t used;   // frame fields of a node, kept here while the page is in the pool
   std::int32_t block;   // node number, or number of a data block with the top bit set
   std::uint64_t node_type : 8;
@@ -66,6 +67,7 @@ struct alignas(64) Buffer {
   Buffer* modified_next;     // among the file's modified pages
   Buffer* modified_previous;
 };
+static_assert(sizeof(Buffer) == 64);
 
 // A busy page. Released when it leaves scope.
 class PageHold {
@@ -99,6 +101,9 @@ class PageHold {
     buffer_->level = level;
   }
 
+  // The page is about to be changed: where it is as the file has it, a commit that fails can put it
+  // back from memory, and need not ask the file for it first. (modified() alone will do, too.)
+  void keep_before() const;
   // The page was changed: it will be written, at the latest by bfflush or bfcommit.
   void modified() const;
   // The same for a page that loses bytes which a record may still refer to: the commit writes it

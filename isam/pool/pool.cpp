@@ -271,7 +271,7 @@ inline void Pool::used(Buffer* buffer) {
 
 void Pool::bfrelease(Buffer* buffer) {
   if ((buffer->flags & kBusy) == 0) common::error("buffer not busy");
-  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~kBusy);
+  buffer->flags = static_cast<std::uint8_t>(buffer->flags & ~kBusy);
   if ((buffer->flags & kModified) != 0 && buffer->block >= 0) {
     common::stword(buffer->used, buffer->page);
     buffer->page[node_type_offset(buffer->file->geometry.idxsize)] = buffer->node_type;

@@ -61,6 +61,7 @@ class Pool {
   // again.
   int bfwrite(Buffer* buffer);
   int write_buffer(Buffer* buffer);
+  void keep_before(Buffer* buffer);  // a page that is as the file has it, before it is changed
   void modified(Buffer* buffer);
   bool take_direct(std::int64_t offset, ConstBytes first, ConstBytes second);  // bfdirect
   // Writes the bytes that take_direct() has taken: 0, or -1 with iserrno and the bytes still
@@ -166,12 +167,13 @@ inline void Pool::write_due() {
 
 inline void Pool::modified_out(Buffer* buffer) {
   if ((buffer->flags & kModified) == 0) return;
-  buffer->flags = static_cast<std::uint16_t>(buffer->flags & ~(kModified | kGivesUp));
+  buffer->flags = static_cast<std::uint8_t>(buffer->flags & ~(kModified | kGivesUp));
   if (buffer->modified_previous != nullptr) {
     buffer->modified_previous->modified_next = buffer->modified_next;
   } else {
     buffer->file->unwritten.pages = buffer->modified_next;
   }
+  buffer->before = 0;
   if (buffer->block < 0) {
     --buffer->file->unwritten.data_blocks;
     --modified_blocks_;

@@ -32,6 +32,17 @@ bool make_room(DirectWrite& direct, std::size_t size) {
   return true;
 }
 
+// Room for one node more; false without memory, or after as many as a call seldom changes.
+bool make_room(Unwritten& unwritten) {
+  constexpr std::size_t kMost = 8;
+  try {
+    if (unwritten.before.empty()) unwritten.before.resize(kMost);
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  return unwritten.before_used < unwritten.before.size();
+}
+
 bool are_there(ConstBytes there, ConstBytes first, ConstBytes second) {
   return std::memcmp(first.data(), there.data(), first.size()) == 0 &&
          std::memcmp(second.data(), there.data() + first.size(), second.size()) == 0;
@@ -42,6 +53,20 @@ bool are_there(ConstBytes there, ConstBytes first, ConstBytes second) {
 void bfnote_failure(OpenPair& file) {
   if (file.unwritten.failed.error == 0) file.unwritten.failed = {iserrno, iserrio};
   if (waits_on(file) && file.unwritten.lost.error == 0) file.unwritten.lost = {iserrno, iserrio};
+}
+
+// Only commits need it, and exclusive opens have none. A page that finds no room is read from the
+// file by the commit.
+void Pool::keep_before(Buffer* buffer) {
+  OpenPair& file = *buffer->file;
+  if (file.locks.exclusives > 0 || (buffer->flags & kModified) != 0) return;
+  Unwritten& unwritten = file.unwritten;
+  if (unwritten.pages == nullptr) unwritten.before_used = 0;
+  if (!make_room(unwritten)) return;
+  std::memcpy(unwritten.before[unwritten.before_used].data(), buffer->page,
+              bfmapaddr(*buffer).length);
+  modified(buffer);
+  buffer->before = ++unwritten.before_used;
 }
 
 void Pool::modified(Buffer* buffer) {
@@ -259,7 +284,7 @@ void Pool::bfdrop(OpenPair& file, std::int32_t first) {
     Buffer* const page = std::exchange(at, at->modified_next);
     if (page->block < first) continue;
     modified_out(page);
-    page->flags = static_cast<std::uint16_t>(page->flags & ~kValid);
+    page->flags = static_cast<std::uint8_t>(page->flags & ~kValid);
   }
   if (first == INT32_MIN) waiting_.drop(file);
 }

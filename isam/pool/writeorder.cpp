@@ -125,7 +125,7 @@ void WriteOrder::gather_pages(const OpenPair& file) {
 int WriteOrder::make_room(OpenPair& file) {
   if (is_next(WriteStep::kNewNodes)) {
     std::int64_t size = 0;
-    if (common::find_size(file.index.fd, size) != 0) {
+    if (common::find_end(file.index.fd, size) != 0) {
       return failed_system(errno, Operation::kRead, FileKind::kIndex);
     }
     overwritten_.note_size(FileKind::kIndex, size);
@@ -146,7 +146,7 @@ int WriteOrder::lengthen_data(OpenPair& file) {
   std::int64_t& size = file.data.extent.bytes;  // as last known
   const std::int64_t end = (last + 1) * kPageSize;
   if (end <= size) return 0;
-  if (common::find_size(file.data.fd, size) != 0) {
+  if (common::find_end(file.data.fd, size) != 0) {
     return failed_system(errno, Operation::kRead, FileKind::kData);
   }
   if (end <= size) return 0;
@@ -201,7 +201,13 @@ int WriteOrder::write_run(OpenPair& file) {
     }
     bytes = run_.data();
   }
-  if (write_noted(file, place, bytes) != 0) return -1;
+  if (first->before > 0) {  // a node: it goes by itself
+    const ConstBytes before = file.unwritten.before[first->before - 1U];
+    overwritten_.keep_read(place.fd, place.offset, before.first(place.length));
+  } else if (overwritten_.keep(file, place) != 0) {
+    return -1;
+  }
+  if (write_over(file, place, bytes) != 0) return -1;
   for (const Outgoing& outgoing : run) pool_.modified_out(outgoing.page);
   rest_ = rest_.subspan(run.size());
   return 0;

@@ -139,6 +139,7 @@ std::int32_t pop_entry(FreeList list, PageHold& page) {
   Byte* entry = page.data() + page.used() - kListEntrySize;
   const std::int32_t number = common::ldlong(entry);
   if (!in_range(list, number)) return failed(kCorrupted);
+  page.keep_before();
   common::stlong(0, entry);
   page.set_used(page.used() - kListEntrySize);
   page.modified();
@@ -178,6 +179,7 @@ PageHold start_head(FreeList list, std::int32_t node) {
 }
 
 void append_entry(PageHold& page, std::int32_t number) {
+  page.keep_before();
   common::stlong(number, page.data() + page.used());
   page.set_used(page.used() + kListEntrySize);
   page.modified();

@@ -154,7 +154,7 @@ int Insertion::btinsert(Item& item, int depth) const {
       return failed(kCorrupted);
     }
     if (seam.total <= limit_) {
-      weave(node.room(), at.length, at.offset, item, seam);
+      weave(node.to_change(), at.length, at.offset, item, seam);
       node.changed(seam.total);
       if (right_edge_ && depth == cursor_.bt.depth) right_edges.note(key_, node.page(), item);
       return 0;
@@ -315,7 +315,7 @@ bool insert_repeat(const Cursor& cursor, Item& item, const keydescr& k) {
   TreeNode leaf{at.node};
   if (!leaf || leaf.length() != at.length) return false;
   if (at.length + size > static_cast<int>(leaf.room().size())) return false;
-  Byte* const place = leaf.room().data() + at.offset;
+  Byte* const place = leaf.to_change().data() + at.offset;
   std::memmove(place + size, place, static_cast<std::size_t>(at.length - at.offset));
   const bool next_repeats = repeats_at(leaf.room(), at.offset);
   item.flag = next_repeats ? kRepeatsPrevious | kNextRepeats : kRepeatsPrevious;

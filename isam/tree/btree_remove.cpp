@@ -113,7 +113,7 @@ int remove_item(const Cursor& cursor, const ItemLayout& layout, int depth,
   TreeNode node{at.node};
   if (!node) return -1;
   if (node.length() != at.length) return failed(kCorrupted);
-  const int length = take_out(layout, node.room(), at.length, at.offset, start);
+  const int length = take_out(layout, node.to_change(), at.length, at.offset, start);
   if (length < 0) return -1;
   node.changed(length);
   // An empty root is a leaf.
@@ -181,7 +181,7 @@ bool remove_found(const Item& item, const keydescr& k) {
   const Byte* const stored = node.area().data() + offset;
   const bool is_it = std::memcmp(stored, item.key, static_cast<std::size_t>(layout.keylen)) == 0 &&
                      stored_recptr(stored + layout.keylen) == item.recptr;
-  if (is_it) node.changed(take_out_fixed(layout, node.room(), length, offset));
+  if (is_it) node.changed(take_out_fixed(layout, node.to_change(), length, offset));
   return is_it;
 }
 

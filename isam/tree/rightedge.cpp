@@ -19,7 +19,7 @@ bool RightEdges::append(Item& item, const keydescr& k) {
   itpress(layout, &edge.last, item, Press::kAfter);
   const int length = leaf.length() + item.totln;
   if (length > static_cast<int>(leaf.room().size())) return false;
-  itpack(layout, item, leaf.room(), leaf.length());
+  itpack(layout, item, leaf.to_change(), leaf.length());
   leaf.changed(length);
   edge.stamp = PageStamp{leaf.page()};
   edge.last = item;

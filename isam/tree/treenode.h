@@ -33,6 +33,11 @@ class TreeNode {
             static_cast<std::size_t>(item_area_limit(filep->geometry.idxsize))};
   }
 
+  // All of the item area, which is about to be changed.
+  [[nodiscard]] Bytes to_change() {
+    page_.keep_before();
+    return room();
+  }
   // The node's items were changed and now take `length` bytes.
   void changed(int length) {
     page_.set_used(length + kUsedBytes);
