@@ -44,8 +44,8 @@ class PortionsAhead {
   void forget();
 
  private:
-  static constexpr std::size_t kMost = 7;
-  static constexpr std::size_t kMostBytes = std::size_t{64} * 1024;
+  static constexpr std::size_t kMost = 15;
+  static constexpr std::size_t kMostBytes = std::size_t{128} * 1024;
 
   int count_ = 0;
   int mode_ = 0;

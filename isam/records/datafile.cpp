@@ -222,22 +222,33 @@ bool map_serves(std::span<const std::int32_t> numbers) {
 // Copies records of fixed length out of the bytes of the data file: how many, up to the first that
 // is not present.
 std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, Byte* to) {
-  constexpr std::size_t kAhead = 6;        // records
-  constexpr std::size_t kMostAhead = 512;  // bytes of each
+  constexpr std::size_t kAhead = 6;          // records
+  constexpr std::size_t kMostAhead = 512;    // bytes of each
+  constexpr std::size_t kAheadInRow = 3072;  // bytes
   const auto length = static_cast<std::size_t>(filep->geometry.reclen);
   const std::size_t size = length + kFixedTrailer;
-  const auto slot = [&](std::size_t at) {
-    return from.data() + (static_cast<std::size_t>(numbers[at]) - 1) * size;
+  const auto place = [&](std::int32_t number) {
+    return (static_cast<std::size_t>(number) - 1) * size;
   };
-  // Neighbours are fetched without being asked for.
+  // The processor fetches neighbours without being asked for, but no further than to the end of
+  // each page of the system.
   const bool are_neighbours = std::int64_t{numbers.back()} - numbers.front() ==
                               static_cast<std::int64_t>(numbers.size()) - 1;
-  for (std::size_t i = 0; i < numbers.size(); ++i, to += length) {
-    if (!are_neighbours && i + kAhead < numbers.size()) {
-      common::prefetch(slot(i + kAhead), std::min(size, kMostAhead));
+  const auto needed_soon = [&](std::size_t i) -> ConstBytes {
+    if (!are_neighbours) {
+      if (i + kAhead >= numbers.size()) return {};
+      return from.subspan(place(numbers[i + kAhead]), std::min(size, kMostAhead));
     }
-    if (slot(i)[length] != kRecordPresent) return i;
-    std::memcpy(to, slot(i), length);
+    const std::size_t there = place(numbers[i]) + kAheadInRow;
+    if (size > kAheadInRow || there + size > from.size()) return {};
+    return from.subspan(there, size);
+  };
+  for (std::size_t i = 0; i < numbers.size(); ++i, to += length) {
+    const ConstBytes soon = needed_soon(i);
+    common::prefetch(soon.data(), soon.size());
+    const Byte* const slot = &from[place(numbers[i])];
+    if (slot[length] != kRecordPresent) return i;
+    std::memcpy(to, slot, length);
   }
   return numbers.size();
 }
