@@ -166,7 +166,9 @@ int find_size(int fd, std::int64_t& size) {
 int find_end(int fd, std::int64_t& size) {
   size = system_calls().seek_end(fd);
   if (size >= 0) return 0;
-  return errno == ESPIPE ? find_size(fd, size) : -1;
+  if (errno == ESPIPE) return find_size(fd, size);
+  size = 0;
+  return -1;
 }
 
 std::int64_t file_size(int fd) {

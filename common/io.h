@@ -80,9 +80,9 @@ int cut_file(int fd, std::int64_t size);
 // -1 with errno.
 [[nodiscard]] int find_size(int fd, std::int64_t& size);
 
-// The same for what is no directory, asked without fstat(): that gives the time of the last change,
-// too, and a system that was asked for it notes the next change at a finer time, which makes the
-// next write dearer.
+// The same, but not of a directory. fstat() is not asked where the file has a place: it gives the
+// time of the last change, too, and a system that was asked for it notes the next change at a finer
+// time, which makes the next write dearer.
 [[nodiscard]] int find_end(int fd, std::int64_t& size);
 
 // The size that find_size() gives; 0 also when that fails.

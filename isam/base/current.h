@@ -72,9 +72,9 @@ enum class MarkState : std::uint8_t {
 
 // How copies of many records at a time out of a file went on (isam/records/askahead).
 struct CopyRun {
-  bool has_waited = false;  // the last one waited for the disk
+  bool has_waited = false;  // the last one that was timed waited for the disk
   int patience = 0;         // so many more are asked for, though they do not wait
-  unsigned not_timed = 0;   // while none are: how many there were
+  unsigned in_row = 0;      // those that followed each other while none was asked for
   std::int32_t last = 0;    // the last record of the last one
   // How far beyond a batch of this run the system was last asked to read, and up to where that was:
   // negative towards the start of the file, 0 when it has not been asked yet.

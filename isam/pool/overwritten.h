@@ -21,14 +21,14 @@ class Overwritten {
   // A commit begins: what an earlier one kept is forgotten.
   void begin();
   // Takes memory for what a commit of so many pages may keep: the bytes of these pages and of the
-  // dictionary, and room for one keep_read() of bytes that go past the pool.
+  // dictionary, and room to note bytes that go past the pool.
   void reserve(std::size_t pages);
   // The file has this size and is about to be lengthened.
   void note_size(FileKind kind, std::int64_t size);
   // Keeps the bytes that stand at a place: 0, or -1 with iserrno.
   int keep(OpenPair& file, const Place& place);
-  // The same for bytes that the caller has read already. They are not copied: they must stay until
-  // the commit is over.
+  // The same for bytes that the caller has at hand. They are not copied: they must stay until the
+  // commit is over.
   void keep_read(int fd, std::int64_t offset, ConstBytes bytes);
   // Takes back what was written since begin(). What fails here is not told.
   void write_back(OpenPair& file);

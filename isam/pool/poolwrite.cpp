@@ -32,7 +32,8 @@ bool make_room(DirectWrite& direct, std::size_t size) {
   return true;
 }
 
-// Room for one node more; false without memory, or after as many as a call seldom changes.
+// Room for one node more. As many as a call seldom changes have theirs from the first one on; false
+// behind them, or without memory.
 bool make_room(Unwritten& unwritten) {
   constexpr std::size_t kMost = 8;
   try {

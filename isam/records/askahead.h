@@ -25,8 +25,8 @@ inline constexpr std::int64_t kAskedTogether = std::int64_t{16} * 1024;  // with
 inline constexpr std::int64_t kMostBeyond = std::int64_t{1} << 22;
 // Batches after one that has waited. When what is beyond is there in time, none does.
 inline constexpr int kBatchesAsked = 4096;
-// Where none has waited lately, one batch of so many is timed: a look at the clock costs as much as
-// copying two records.
+// Where none has waited lately, one of so many that follow each other is timed, the first among
+// them: a look at the clock costs as much as copying two records.
 inline constexpr unsigned kOneTimedOf = 4;
 
 [[nodiscard]] inline ByteRange range_of_slot(std::int32_t number, std::int64_t slot_size) {
@@ -79,7 +79,10 @@ void ask_for_batch(std::span<const std::int32_t> numbers, std::int64_t slot_size
                    common::ColdReads& reads, std::int64_t file_size, Ask ask) {
   const std::int64_t gap = std::abs(std::int64_t{numbers.front()} - run.last) * slot_size;
   const bool goes_on = gap <= kAskedTogether + slot_size;
-  if (!goes_on) run.beyond = 0;
+  if (!goes_on) {
+    run.beyond = 0;
+    run.in_row = 0;
+  }
   run.last = numbers.back();
   if (run.patience == 0) return;
   --run.patience;
@@ -109,7 +112,7 @@ template <typename Copy>
   common::ColdReads& reads = map.cold_reads();
   ask_for_batch(numbers, slot_size, run, reads, map.known_size(),
                 [fd](ByteRange range) { common::ask_system_for(fd, range); });
-  if (run.patience == 0 && run.not_timed++ % kOneTimedOf != 0) return map.read_by(copy);
+  if (run.patience == 0 && run.in_row++ % kOneTimedOf != 0) return map.read_by(copy);
   const common::DiskWait wait;
   if (!map.read_by(copy)) return false;
   run.has_waited = wait.seen(reads.faults);
