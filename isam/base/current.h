@@ -34,7 +34,7 @@ inline constexpr int nfiles = 256;  // open pairs of a process
 enum TransactionFlag : int { kInTransaction = 0, kNotLogging = 1, kLogging = 2 };
 extern int txflag;
 
-using Node = std::array<Byte, kMaxNodeSize>;
+using NodeBytes = std::array<Byte, kMaxNodeSize>;
 
 // A write that failed after its caller had gone on; 0 for none.
 struct FailedWrite {
@@ -138,7 +138,7 @@ struct OfCall {
 struct Unwritten {
   Buffer* pages = nullptr;        // modified pages in the pool
   std::size_t data_blocks = 0;    // of these, blocks of the data file
-  std::vector<Node> before;       // what some of the pages were, for a commit that fails
+  std::vector<NodeBytes> before;  // what some of the pages were, for a commit that fails
   std::uint8_t before_used = 0;   // so many at the front of `before` count
   DirectWrite direct;             // bytes that are written past it
   std::vector<DirectWrite> held;  // those of earlier calls that are held back, in their order

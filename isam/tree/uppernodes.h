@@ -26,7 +26,7 @@ class alignas(64) UpperNode {
   static constexpr std::size_t kHeadSize = 8;
   [[nodiscard]] const Byte* heads() const { return heads_.get(); }
   // Where so many of them end in the node's item area, and how long that is.
-  [[nodiscard]] int end_of(int items) const { return ends_[items]; }
+  [[nodiscard]] int end_of(int items) const { return ends_[static_cast<std::size_t>(items)]; }
   [[nodiscard]] int length() const { return length_; }
   // Whether its children are leaves, which are not kept; where the file is damaged they may not be.
   [[nodiscard]] bool is_above_leaves() const { return is_above_leaves_; }
