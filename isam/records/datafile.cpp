@@ -244,6 +244,7 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
     return from.subspan(there, size);
   };
   for (std::size_t i = 0; i < numbers.size(); ++i, to += length) {
+    // Not in the lambda: a compiler leaves calls out that do nothing but fetch memory.
     const ConstBytes soon = needed_soon(i);
     common::prefetch(soon.data(), soon.size());
     const Byte* const slot = &from[place(numbers[i])];

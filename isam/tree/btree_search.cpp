@@ -95,6 +95,7 @@ std::int32_t step_above(Cursor& cursor, const ItemLayout& layout, ConstBytes are
     if (!itlocate(layout, area, level.next, stored)) return lost(cursor, kCorrupted);
     level.offset = level.next;
     level.next = stored.end;
+    // A scan goes on to the child behind this one: its memory is fetched meanwhile.
     if (itlocate(layout, area, level.next, stored)) bfexpect(child_before(area, stored.end));
   } else {
     const int start = itbefore(layout, area, level.offset);
