@@ -9,8 +9,6 @@ namespace {
 
 constexpr std::size_t kSystemPage = 4096;
 constexpr std::size_t kLevels = 5;
-constexpr std::uint32_t kItemsOfFirst = 60;
-constexpr std::uint32_t kItemsOfSecond = 85;
 constexpr std::uint32_t kItemsAboveSecond = 30;
 constexpr std::size_t kNumbers = 6;  // behind an item's key: of its place among equals, record
 constexpr std::size_t kCounts = 2;   // before it: of bytes that it leaves out

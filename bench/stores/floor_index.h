@@ -45,6 +45,10 @@ class Level {
   std::array<char, kNode> before_{};
 };
 
+// Items of a leaf of each key.
+inline constexpr std::uint32_t kItemsOfFirst = 60;
+inline constexpr std::uint32_t kItemsOfSecond = 85;
+
 class FloorIndex {
  public:
   FloorIndex();

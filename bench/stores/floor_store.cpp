@@ -5,9 +5,10 @@
 // back (of a leaf it is the copy by way of which it was moved). It makes the writes that others
 // must be able to see, each by itself for its place in the order: dictionary, leaves, record; an
 // insertion at a free number and a deletion the node that lists free numbers, an insertion behind
-// all others zero bytes that lengthen the file by a block. `floor` sleeps for a lock at once,
-// `floor-asks` asks for it for as long as the library does before. `floor-exclusive` is described
-// in floor_exclusive.h, `floor-cold` in floor_cold.h.
+// all others zero bytes that lengthen the file by a block, and two nodes more for each leaf that is
+// cut in two, as seldom as leaves can be: when as many records have come as one has items. `floor`
+// sleeps for a lock at once, `floor-asks` asks for it for as long as the library does before.
+// `floor-exclusive` is described in floor_exclusive.h, `floor-cold` in floor_cold.h.
 #include <fcntl.h>
 
 #include <algorithm>
@@ -74,8 +75,14 @@ class FloorStore : public Store {
       const std::uint32_t first = tree_.change_first(number_in_some_leaf(number, next_), next_);
       const std::uint32_t second = tree_.change_second(record.data(), next_);
       lengthen_data();
+      const bool cuts_first = next_ > 0 && next_ % kItemsOfFirst == 0;
+      const bool cuts_second = next_ > 0 && next_ % kItemsOfSecond == 0;
+      if (cuts_first) write_new_leaf(tree_.first_leaves(), first, next_ / kItemsOfFirst, 0);
+      if (cuts_second) write_new_leaf(tree_.second_leaves(), second, next_ / kItemsOfSecond, 1);
       write_dictionary();
+      if (cuts_first) write_upper(first, 0);
       write_leaf(tree_.first_leaves(), first, 0);
+      if (cuts_second) write_upper(second, 1);
       write_leaf(tree_.second_leaves(), second, 1);
       put(next_++, record);
     }
@@ -193,6 +200,15 @@ class FloorStore : public Store {
   void write_leaf(Level& leaves, std::uint32_t leaf, std::uint32_t key) {
     index_->write(leaves.at(leaf), leaf_at(leaf, key));
   }
+  // Half of a full leaf's items go to a new node behind all others. The node above them is written,
+  // too, for the new item; it has no place of its own, for nobody reads it.
+  void write_new_leaf(Level& leaves, std::uint32_t full, std::uint32_t added, std::uint32_t key) {
+    copy(leaves.at(full).first(kNode / 2), cut_);
+    index_->write(cut_, leaf_at(added, key));
+  }
+  void write_upper(std::uint32_t leaf, std::uint32_t key) {
+    write_over(index_.get(), cut_, leaf_at(leaf / kItemsOfFirst, key));
+  }
   void lengthen_data() {
     if ((std::size_t{next_} + 1) * kSlot <= length_) return;
     data_->write(std::array<char, kBlock>{}, length_);
@@ -230,6 +246,7 @@ class FloorStore : public Store {
   std::array<char, kDictionary> dictionary_{};
   std::array<char, kNode> list_{};
   std::array<char, kNode> before_{};
+  std::array<char, kNode> cut_{};
   std::array<char, kSlot> slot_{};
   std::array<Record, kCallsAhead * kBulk> many_{};
   std::array<std::uint32_t, kCallsAhead * kBulk> numbers_{};

@@ -65,19 +65,20 @@ enum class Operation : std::int32_t {
 enum class FileKind : std::int32_t { kIndex = 1, kData = 2, kAudit = 3, kLock = 4, kSemaphore = 5 };
 
 // Sets iserrno; iserrio stays. The result of this and the next ones is always -1, so that a caller
-// can return it.
-int failed(Code code);
+// can return it. (They are cold: so the compiler puts what comes to them apart from what each call
+// runs, which is more than the processor's cache of instructions holds.)
+[[gnu::cold]] int failed(Code code);
 // The same for an error of the system; the second sets iserrio, too. iserrno becomes the errno when
 // that is below 100. Another one would read as one of the library's own codes: EDQUOT becomes
 // ENOSPC, any other becomes EIO.
-int failed_system(int system_error);
-int failed_system(int system_error, Operation operation, FileKind file);
+[[gnu::cold]] int failed_system(int system_error);
+[[gnu::cold]] int failed_system(int system_error, Operation operation, FileKind file);
 
 // Sets iserrno to `reason`, an iserrno that the caller has kept over other steps. iserrio stays.
-int failed_as(std::int32_t reason);
+[[gnu::cold]] int failed_as(std::int32_t reason);
 
 // Sets the code only when no deeper routine has set one.
-int failed_unless_set(Code code);
+[[gnu::cold]] int failed_unless_set(Code code);
 
 // What a failing step knows beside its code, for isexplain(): it holds if the call fails with that
 // code.

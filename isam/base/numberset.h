@@ -14,7 +14,7 @@ class NumberSet {
  public:
   [[nodiscard]] bool empty() const { return numbers_.empty(); }
   [[nodiscard]] bool contains(std::int32_t number) const {
-    return std::ranges::binary_search(numbers_, number);
+    return !numbers_.empty() && std::ranges::binary_search(numbers_, number);
   }
   // Whether the number is now in the set: false without memory.
   bool insert(std::int32_t number) {

@@ -23,7 +23,7 @@ struct Item {
   std::int32_t recptr = 0;  // record number (leaf) or child node
   int leadc = 0;            // leading key bytes taken from the previous item
   int tailc = 0;            // trailing blanks left out
-  Byte key[MAXKEYLEN] = {};
+  Byte key[MAXKEYLEN];      // of these the first keylen of its index are set
 };
 
 // Flags of a position, of meaning to the record calls.
@@ -59,15 +59,7 @@ struct Position {
   Position() = default;
   Position(const Position& other) { *this = other; }
   // Copies the levels in use only: this happens at both ends of every call.
-  Position& operator=(const Position& other) {
-    if (this == &other) return *this;
-    state = other.state;
-    item = other.item;
-    depth = other.depth;
-    ends = other.ends;
-    std::copy_n(other.path.begin(), depth + 1, path.begin());
-    return *this;
-  }
+  Position& operator=(const Position& other);
 
   [[nodiscard]] PathLevel& level(int of) { return path[static_cast<std::size_t>(of)]; }
   [[nodiscard]] const PathLevel& level(int of) const { return path[static_cast<std::size_t>(of)]; }

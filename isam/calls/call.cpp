@@ -248,15 +248,12 @@ void set_unless_set(char third, char fourth) {
   isstat4 = fourth;
 }
 
-void set_status_characters() {
+[[gnu::cold]] void set_characters_of_failure() {
   const auto set_first = [](char first, char second) {
     isstat1 = first;
     isstat2 = second;
   };
   switch (iserrno) {
-    case 0:
-      return (openp->cursor.bt.state & kSameKeyNearby) != 0 ? set_status("0202")
-                                                            : set_status("0000");
     case kDuplicate:
       return set_status("2222");
     case kEndOfFile:
@@ -271,6 +268,11 @@ void set_status_characters() {
       set_first('9', '0');
       return set_unless_set('9', '0');
   }
+}
+
+void set_status_characters() {
+  if (iserrno != 0) return set_characters_of_failure();
+  set_status((openp->cursor.bt.state & kSameKeyNearby) != 0 ? "0202" : "0000");
 }
 
 }  // namespace

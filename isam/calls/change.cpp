@@ -75,30 +75,39 @@ Offer look_at_offer(std::int32_t number) {
   return iserrno == kLocked ? Offer::kLockedThere : Offer::kUnknown;
 }
 
+// allocdatrec() where the first number offered is not usable.
+[[gnu::cold]] std::int32_t another_number(std::int32_t number, Offer offer) {
+  NumbersNotUsed not_used;
+  Code reason = kCorrupted;
+  std::optional<StepLimit> referring;
+  for (int tries = 1;; ++tries) {
+    if (offer == Offer::kRefers) {
+      if (!referring) referring.emplace(slots_in_file());
+      if (!referring->exceeded()) --tries;
+    } else if (offer != Offer::kInUse) {
+      not_used.add(number);
+      if (offer == Offer::kUnknown) break;
+      reason = kLocked;
+      clear_errors();
+    }
+    if (tries == kTriesForNumber) break;
+    number = allocrec(FreeList::kRecords);
+    if (number < 0) break;
+    offer = look_at_offer(number);
+    if (offer == Offer::kUsable) return number;
+  }
+  return failed_unless_set(reason);
+}
+
 // A number to write a new record under, or -1: with the code of a deeper routine, if one has set
 // any, else with 107 when a number was locked, else with 105. Numbers of records that are present,
 // and those whose slots refer to storage, are passed by for good. Of the latter a repair may have
 // left many: they do not count as tries.
 std::int32_t allocdatrec() {
-  NumbersNotUsed not_used;
-  Code reason = kCorrupted;
-  std::optional<StepLimit> referring;
-  for (int tries = 0; tries < kTriesForNumber; ++tries) {
-    const std::int32_t number = allocrec(FreeList::kRecords);
-    if (number < 0) break;
-    const Offer offer = look_at_offer(number);
-    if (offer == Offer::kUsable) return number;
-    if (offer == Offer::kRefers) {
-      if (!referring) referring.emplace(slots_in_file());
-      if (!referring->exceeded()) --tries;
-    }
-    if (offer == Offer::kInUse || offer == Offer::kRefers) continue;
-    not_used.add(number);
-    if (offer == Offer::kUnknown) break;
-    reason = kLocked;
-    clear_errors();
-  }
-  return failed_unless_set(reason);
+  const std::int32_t number = allocrec(FreeList::kRecords);
+  if (number < 0) return failed_unless_set(kCorrupted);
+  const Offer offer = look_at_offer(number);
+  return offer == Offer::kUsable ? number : another_number(number, offer);
 }
 
 // Room for one more number on a list of the transaction, before anything is changed: 0, or -1 with
@@ -134,7 +143,17 @@ int store(std::int32_t number, ConstBytes record, bool given) {
   return given ? datawrite(number, record, true) : datacreate(number, record);
 }
 
-void give_number_back(std::int32_t number) {
+// Takes back what a call has added to the first `count` indexes; the next one, or a later step, has
+// failed.
+[[gnu::cold]] void take_added_back(Cursor& cursor, const Keys& keys, std::size_t count,
+                                   ConstBytes record, std::int32_t number) {
+  failure_detail = {.error = kDuplicate, .index = static_cast<int>(count) + 1};
+  const KeepError keep;
+  remove_items(cursor, keys, count, record, number);
+}
+
+[[gnu::cold]] void give_number_back(std::int32_t number) {
+  const KeepError keep;
   freerec(number, FreeList::kRecords);
   lkrecord(number, RecordLock::kRelease);
 }
@@ -239,9 +258,7 @@ std::int32_t wrtrecord(Cursor& cursor, ConstBytes record, Current current, std::
     return number;
   }
   position.stay();
-  failure_detail = {.error = kDuplicate, .index = static_cast<int>(added) + 1};
-  const KeepError keep;
-  remove_items(cursor, *keys, added, record, number);
+  take_added_back(cursor, *keys, added, record, number);
   if (given == 0) give_number_back(number);
   return -1;
 }

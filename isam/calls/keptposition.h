@@ -24,10 +24,7 @@ class KeptPosition {
     bt_ = openp->position;
     bt_.state |= nearby_;
     bt_.depth = -1;
-    if (!item_) return;
-    bt_.item = *item_;
-    bt_.ends = kOnItem;
-    bt_.state = static_cast<std::uint16_t>((bt_.state & ~kCurrentDeleted) | moved_state_);
+    if (item_) move();
   }
 
   // An insertion met an equal key.
@@ -43,6 +40,13 @@ class KeptPosition {
   void stay() { item_.reset(); }
 
  private:
+  // Most changes leave the current item: a function of its own keeps those short.
+  [[gnu::noinline]] void move() {
+    bt_.item = *item_;
+    bt_.ends = kOnItem;
+    bt_.state = static_cast<std::uint16_t>((bt_.state & ~kCurrentDeleted) | moved_state_);
+  }
+
   Position& bt_;
   std::uint16_t nearby_ = 0;
   std::uint16_t moved_state_ = kHasCurrent;

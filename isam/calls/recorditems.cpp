@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <optional>
 
 #include "isam/base/errors.h"
 #include "isam/keys/keys.h"
@@ -35,6 +36,23 @@ void remove_added(Cursor& cursor, const keydescr& k, ConstBytes record, std::int
 }
 
 }  // namespace
+
+void WaysAhead::find(const Keys& keys, ConstBytes record, Search mode) {
+  std::optional<WayFinder> waiting;  // for another one, to be made with it
+  for (std::size_t i = 0; i < std::min(keys.size(), kMost); ++i) {
+    const keydescr& k = keys[i];
+    if (!PathAhead::is_needed(k, mode)) continue;
+    sought_.set(i);
+    if (!waiting) {
+      waiting.emplace(ways_[i], item_of(record, 0, k), k, mode);
+      continue;
+    }
+    WayFinder other{ways_[i], item_of(record, 0, k), k, mode};
+    WayFinder::find_both(*waiting, other);
+    waiting.reset();
+  }
+  if (waiting) waiting->find();
+}
 
 void remove_items(Cursor& cursor, const Keys& keys, std::size_t count, ConstBytes record,
                   std::int32_t number) {
@@ -136,8 +154,17 @@ int Replacement::replace(std::size_t index, Item& old, Item& fresh) {
   const keydescr& k = keys_[index];
   PathAhead to_fresh;
   PathAhead to_old;
-  if (PathAhead::is_needed(k, Search::kInsert)) to_fresh.find(fresh, k, Search::kInsert);
-  if (PathAhead::is_needed(k, Search::kRead)) to_old.find(old, k, Search::kRead);
+  WayFinder fresh_finder{to_fresh, fresh, k, Search::kInsert};
+  WayFinder old_finder{to_old, old, k, Search::kRead};
+  const bool finds_fresh = PathAhead::is_needed(k, Search::kInsert);
+  const bool finds_old = PathAhead::is_needed(k, Search::kRead);
+  if (finds_fresh && finds_old) {
+    WayFinder::find_both(fresh_finder, old_finder);
+  } else if (finds_fresh) {
+    fresh_finder.find();
+  } else if (finds_old) {
+    old_finder.find();
+  }
   if (btadditem(cursor_, fresh, k, &to_fresh) != 0) return -1;
   if (taken_.take_out(index, old, &to_old) == 0) return 0;
   const KeepError keep;

@@ -5,8 +5,8 @@
 // Keeps   what cannot be undone is told as a lost write is
 #pragma once
 
-#include <algorithm>
 #include <array>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -29,19 +29,15 @@ inline Item item_of(ConstBytes record, std::int32_t number, const keydescr& k) {
 // The ways of a record's items to their leaves, found ahead in the first indexes.
 class WaysAhead {
  public:
-  void find(const Keys& keys, ConstBytes record, Search mode) {
-    for (std::size_t i = 0; i < std::min(keys.size(), kMost); ++i) {
-      if (PathAhead::is_needed(keys[i], mode)) {
-        ways_[i].find(item_of(record, 0, keys[i]), keys[i], mode);
-      }
-    }
-  }
+  void find(const Keys& keys, ConstBytes record, Search mode);
+  // Null for an index whose way was not looked for.
   [[nodiscard]] const PathAhead* of(std::size_t index) const {
-    return index < kMost ? &ways_[index] : nullptr;
+    return index < kMost && sought_[index] ? &ways_[index] : nullptr;
   }
 
  private:
   static constexpr std::size_t kMost = 8;
+  std::bitset<kMost> sought_;
   std::array<PathAhead, kMost> ways_;
 };
 

@@ -31,16 +31,20 @@ int load() {
   return 0;
 }
 
-}  // namespace
-
-const std::vector<keydescr>* file_keys() {
-  if (filep->cached.keys_generation == filep->cached.generation) return &filep->cached.keys;
+[[gnu::noinline]] const std::vector<keydescr>* loaded_keys() {
   try {
     return load() == 0 ? &filep->cached.keys : nullptr;
   } catch (const std::bad_alloc&) {
     failed(kNoMemory);
     return nullptr;
   }
+}
+
+}  // namespace
+
+const std::vector<keydescr>* file_keys() {
+  const Cached& cached = filep->cached;
+  return cached.keys_generation == cached.generation ? &cached.keys : loaded_keys();
 }
 
 }  // namespace isam

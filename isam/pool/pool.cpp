@@ -205,17 +205,21 @@ const Buffer* Pool::data_block(std::int64_t block) const {
                                                                                   : nullptr;
 }
 
-// Whether bytes of the current data file can be taken by read_data(): the mapping of the file
-// covers them, and the pool has none of their blocks as they are now, or no changed block at all.
-bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
-  if (offset < 0 || !filep->data.map.covers(size, offset)) return false;
-  if (holds_back(*filep, offset, size)) return false;
-  if (filep->unwritten.data_blocks == 0) return true;
+// Whether the pool has no block of these bytes of the current data file as it is now.
+bool Pool::has_no_block(std::int64_t offset, std::size_t size) const {
   const std::int64_t last = (offset + static_cast<std::int64_t>(size) - 1) / kPageSize;
   for (std::int64_t block = offset / kPageSize; block <= last; ++block) {
     if (block > INT32_MAX || data_block(block) != nullptr) return false;
   }
   return true;
+}
+
+// Whether bytes of the current data file can be taken by read_data(): the mapping of the file
+// covers them, and the pool has none of their blocks as they are now, or no changed block at all.
+bool Pool::only_in_file(std::int64_t offset, std::size_t size) const {
+  if (offset < 0 || !filep->data.map.covers(size, offset)) return false;
+  if (holds_back(*filep, offset, size)) return false;
+  return filep->unwritten.data_blocks == 0 || has_no_block(offset, size);
 }
 
 // Reads bytes of the current data file that the pool has no block of: false when the file has not

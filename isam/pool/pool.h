@@ -136,6 +136,7 @@ class Pool {
   int write_data(OpenPair& file, std::int64_t offset, ConstBytes bytes);
   int write_page(OpenPair& file, const Place& place, ConstBytes bytes);
   void leave_to_file(std::int64_t offset, std::size_t size);
+  [[nodiscard]] bool has_no_block(std::int64_t offset, std::size_t size) const;
   int pool_direct();
   bool load(Buffer& buffer);
 

@@ -13,6 +13,7 @@
 namespace isam {
 namespace {
 
+constexpr std::size_t kFewPages = 16;    // to be sorted
 constexpr std::size_t kLongestRun = 41;  // blocks, more than the longest record takes
 
 Place place_of_dictionary(const OpenPair& file) {
@@ -57,36 +58,15 @@ int WriteOrder::write_all(OpenPair& file) {
   withhold_given(file);
   gather_pages(file);
   overwritten_.reserve(pages_.size());
-  bool done = true;
-  done = done && take<WriteStep::kRoom>(file);
-  done = done && take<WriteStep::kNewNodes>(file);
-  done = done && take<WriteStep::kFreeLists>(file);
-  done = done && take<WriteStep::kDictionary>(file);
-  done = done && take<WriteStep::kRecordsGoing>(file);
-  done = done && take<WriteStep::kNodes>(file);
-  done = done && take<WriteStep::kRecords>(file);
-  done = done && take<WriteStep::kStorageGivenUp>(file);
-  done = done && take<WriteStep::kNumbersListed>(file);
-  done = done && take<WriteStep::kDictionaryAgain>(file);
-  return done ? 0 : -1;
-}
-
-// A template, so that a step without pages costs next to nothing.
-template <WriteStep kStep>
-inline bool WriteOrder::take(OpenPair& file) {
-  switch (kStep) {
-    case WriteStep::kRoom:
-      return make_room(file) == 0;
-    case WriteStep::kDictionary:
-      return write_noted(file, place_of_dictionary(file), dictionary_.raw) == 0;
-    case WriteStep::kDictionaryAgain:
-      return write_dictionary_again(file) == 0;
-    case WriteStep::kRecordsGoing:
-    case WriteStep::kRecords:
-      return write_records(kStep, file) == 0;
-    default:
-      return write_pages(kStep, file) == 0;
-  }
+  if (make_room(file) != 0 || write_pages_before(WriteStep::kDictionary, file) != 0) return -1;
+  if (write_noted(file, place_of_dictionary(file), dictionary_.raw) != 0) return -1;
+  // The bytes that wait to be written past the pool go behind the data blocks of their step.
+  const WriteStep records = step_of_records(file);
+  const WriteStep behind =
+      records == WriteStep::kRecords ? WriteStep::kStorageGivenUp : WriteStep::kNodes;
+  if (write_pages_before(behind, file) != 0 || write_direct(file) != 0) return -1;
+  if (write_pages_before(WriteStep::kDictionaryAgain, file) != 0) return -1;
+  return write_dictionary_again(file);
 }
 
 WriteOrder::WriteOrder(Pool& pool) : pool_(pool) {
@@ -108,6 +88,19 @@ void WriteOrder::withhold_given(const OpenPair& file) {
   }
 }
 
+// Moves the last page to its place among those before it, which are in order.
+inline void WriteOrder::move_to_place(std::span<Outgoing> pages) {
+  const Outgoing last = pages.back();
+  std::size_t at = pages.size() - 1;
+  for (; at > 0 && pages[at - 1].order > last.order; --at) pages[at] = pages[at - 1];
+  pages[at] = last;
+}
+
+// A function of its own, for most calls change a few pages only.
+[[gnu::cold]] void WriteOrder::sort_by_order(std::span<Outgoing> pages) {
+  std::ranges::sort(pages, {}, &Outgoing::order);
+}
+
 // Sorts the file's modified idle pages by their steps and, within a step, from the highest block
 // down.
 void WriteOrder::gather_pages(const OpenPair& file) {
@@ -116,8 +109,9 @@ void WriteOrder::gather_pages(const OpenPair& file) {
     if ((at->flags & kBusy) != 0) continue;
     const std::uint64_t within = static_cast<std::uint32_t>(~at->block);
     pages_.push_back({static_cast<std::uint64_t>(step_of(*at)) << 32 | within, at});
+    if (pages_.size() <= kFewPages) move_to_place(pages_);
   }
-  std::ranges::sort(pages_, {}, &Outgoing::order);
+  if (pages_.size() > kFewPages) sort_by_order(pages_);
   rest_ = pages_;
 }
 
@@ -213,18 +207,16 @@ int WriteOrder::write_run(OpenPair& file) {
   return 0;
 }
 
-inline int WriteOrder::write_pages(WriteStep step, OpenPair& file) {
-  while (is_next(step)) {
+int WriteOrder::write_pages_before(WriteStep step, OpenPair& file) {
+  while (!rest_.empty() && rest_.front().step() < step) {
     if (write_run(file) != 0) return -1;
   }
   return 0;
 }
 
-// Writes the data blocks of the pool, then the bytes that wait to be written past the pool. What
-// the file has in place of these was read when they were taken (DirectWrite::before).
-inline int WriteOrder::write_records(WriteStep step, OpenPair& file) {
-  if (step != step_of_records(file)) return 0;
-  if (write_pages(step, file) != 0) return -1;
+// Writes the bytes that wait to be written past the pool. What the file has in their place was read
+// when they were taken (DirectWrite::before).
+inline int WriteOrder::write_direct(OpenPair& file) {
   const DirectWrite& direct = file.unwritten.direct;
   if (direct.bytes.empty()) return 0;
   overwritten_.keep_read(file.data.fd, direct.offset, direct.before);

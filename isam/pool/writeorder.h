@@ -52,18 +52,17 @@ class WriteOrder {
   };
 
   int write_all(OpenPair& file);
-  // Runs one step: false with iserrno.
-  template <WriteStep kStep>
-  [[nodiscard]] bool take(OpenPair& file);
   void withhold_given(const OpenPair& file);
   void gather_pages(const OpenPair& file);
+  static void move_to_place(std::span<Outgoing> pages);
+  static void sort_by_order(std::span<Outgoing> pages);
   [[nodiscard]] bool is_next(WriteStep step) const {
     return !rest_.empty() && rest_.front().step() == step;
   }
   int make_room(OpenPair& file);
   int lengthen_data(OpenPair& file);
-  int write_pages(WriteStep step, OpenPair& file);
-  int write_records(WriteStep step, OpenPair& file);
+  int write_pages_before(WriteStep step, OpenPair& file);
+  int write_direct(OpenPair& file);
   int write_dictionary_again(OpenPair& file);
   [[nodiscard]] std::span<const Outgoing> next_run() const;
   int write_run(OpenPair& file);

@@ -205,15 +205,18 @@ int enlist(std::int32_t number, FreeList list) {
   return 0;
 }
 
-std::int32_t take(FreeList list) {
-  const std::int32_t head = head_of(list);
-  if (head == 0) return raise_highest(list);
+std::int32_t take_listed(FreeList list, std::int32_t head) {
   PageHold page = list_node(list, head);
   if (!page) return -1;
   if (page.used() > kEntriesOffset) return pop_entry(list, page);
   if (list == FreeList::kRecords) return pop_behind_empty_head(std::move(page));
   set_head(list, node_behind(list, page));
   return head;
+}
+
+std::int32_t take(FreeList list) {
+  const std::int32_t head = head_of(list);
+  return head == 0 ? raise_highest(list) : take_listed(list, head);
 }
 
 // Whether a node looks like a storage page with bytes of records in it.

@@ -74,6 +74,7 @@ class Insertion {
 
   [[nodiscard]] bool plan(ConstBytes area, int pos, bool leaf, Item& item, Seam& seam) const;
   void weave(Bytes area, int length, int pos, const Item& item, const Seam& seam) const;
+  int insert_in_two(TreeNode node, const Item& item, int depth, const Seam& seam) const;
   [[nodiscard]] bool find_separator(const Overflow& full, int least_end, Cut& cut) const;
   [[nodiscard]] bool press_ends(const Overflow& full, Cut& cut) const;
   [[nodiscard]] bool press_upper_end(const Overflow& full, Cut& cut) const;
@@ -144,25 +145,27 @@ void Insertion::weave(Bytes area, int length, int pos, const Item& item, const S
 
 int Insertion::btinsert(Item& item, int depth) const {
   const PathLevel& at = cursor_.bt.level(depth);
-  std::array<Byte, kScratchSize> scratch;
   Seam seam;
-  Frame frame{};
-  {
-    TreeNode node{at.node};
-    if (!node) return -1;
-    if (node.length() != at.length || !plan(node.area(), at.offset, node.is_leaf(), item, seam)) {
-      return failed(kCorrupted);
-    }
-    if (seam.total <= limit_) {
-      weave(node.to_change(), at.length, at.offset, item, seam);
-      node.changed(seam.total);
-      if (right_edge_ && depth == cursor_.bt.depth) right_edges.note(key_, node.page(), item);
-      return 0;
-    }
-    PathAhead::upper_changes();
-    frame = {node.page().node_type(), node.page().level()};
-    std::memcpy(scratch.data(), node.area().data(), node.area().size());
+  TreeNode node{at.node};
+  if (!node) return -1;
+  if (node.length() != at.length || !plan(node.area(), at.offset, node.is_leaf(), item, seam)) {
+    return failed(kCorrupted);
   }
+  if (seam.total > limit_) return insert_in_two(std::move(node), item, depth, seam);
+  weave(node.to_change(), at.length, at.offset, item, seam);
+  node.changed(seam.total);
+  if (right_edge_ && depth == cursor_.bt.depth) right_edges.note(key_, node.page(), item);
+  return 0;
+}
+
+// Puts in what plan() has pressed where the node has no room for it.
+int Insertion::insert_in_two(TreeNode node, const Item& item, int depth, const Seam& seam) const {
+  PathAhead::upper_changes();
+  const PathLevel& at = cursor_.bt.level(depth);
+  const Frame frame{node.page().node_type(), node.page().level()};
+  std::array<Byte, kScratchSize> scratch;
+  std::memcpy(scratch.data(), node.area().data(), node.area().size());
+  node = TreeNode{};
   weave(scratch, at.length, at.offset, item, seam);
   const Overflow full{at.node,
                       depth,

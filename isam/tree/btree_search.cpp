@@ -14,12 +14,12 @@ FoundPlace found_place;
 namespace {
 
 // Gives the path up: -1.
-int lost(Cursor& cursor) {
+[[gnu::cold]] int lost(Cursor& cursor) {
   cursor.bt.depth = -1;
   return -1;
 }
 
-int lost(Cursor& cursor, Code code) {
+[[gnu::cold]] int lost(Cursor& cursor, Code code) {
   failed(code);
   return lost(cursor);
 }

@@ -48,10 +48,9 @@ std::int32_t Descent::choose(const UpperNode& node, PathLevel& level) {
   leaf_ = false;
   const int item = choose_fixed({node.items(), node.count(), node.heads(), UpperNode::kHeadSize});
   if (refused_) return failed(kDuplicate);
-  level.offset = node.end_of(item);
-  level.next = node.end_of(item + 1);
-  const int end = (item + 1) * layout_.fixed_size();
-  return stored_recptr(node.items() + end - kRecordPointerSize);
+  level.offset = node.start_of(item);
+  level.next = node.start_of(item + 1);
+  return node.child_of(item);
 }
 
 // Chooses the item at `offset`: true. `result` is negative when it is greater than the one sought.

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "isam/base/errors.h"
-#include "isam/tree/descent.h"
 #include "isam/tree/foundplace.h"
 #include "isam/tree/rightedge.h"
 #include "isam/tree/uppernodes.h"
@@ -18,31 +17,58 @@ bool PathAhead::is_needed(const keydescr& k, Search mode) {
   return mode == Search::kInsert ? !right_edges.grows(k) : found_place.root != k.rootnode;
 }
 
-void PathAhead::find(const Item& item, const keydescr& k, Search mode) {
-  const KeepError keep;
-  Item sought = item;
-  Item found;
-  Descent descent{sought, found, k, 0, mode};
-  std::int32_t number = k.rootnode;
-  for (int depth = 0; depth < kMostUpper; ++depth) {
-    const UpperNode* const upper = find_upper(number, descent.layout());
-    if (upper == nullptr) return;
-    PathLevel& level = path_[static_cast<std::size_t>(depth)];
-    level = {number, 0, 0, upper->length()};
-    number = descent.choose(*upper, level);
-    if (number < 0) return;
-    if (!upper->is_above_leaves()) continue;
-    bfexpect(number);
-    root_ = k.rootnode;
-    leaf_ = number;
-    depth_ = depth + 1;
-    mode_ = mode;
-    given_dupnm_ = item.dupnm;
-    raised_dupnm_ = sought.dupnm;
-    changes_before_ = changes_;
-    std::memcpy(key_.data(), item.key, static_cast<std::size_t>(k.keylen));
-    return;
+WayFinder::WayFinder(PathAhead& way, const Item& item, const keydescr& k, Search mode)
+    : way_(way),
+      k_(k),
+      mode_(mode),
+      given_dupnm_(item.dupnm),
+      sought_(item),
+      descent_(sought_, unused_, k, 0, mode),
+      number_(k.rootnode) {
+  way.root_ = 0;
+}
+
+bool WayFinder::step() {
+  if (depth_ == PathAhead::kMostUpper) return false;
+  if (upper_ == nullptr) {
+    upper_ = find_upper(number_, descent_.layout());
+    return upper_ != nullptr;
   }
+  PathLevel& level = way_.path_[static_cast<std::size_t>(depth_++)];
+  level = {number_, 0, 0, upper_->length()};
+  {
+    const KeepError keep;
+    number_ = descent_.choose(*upper_, level);
+  }
+  if (number_ < 0) return false;
+  if (upper_->is_above_leaves()) {
+    arrive();
+    return false;
+  }
+  upper_ = nullptr;
+  expect_upper(number_);
+  return true;
+}
+
+void WayFinder::find_both(WayFinder& first, WayFinder& second) {
+  bool first_goes = true;
+  bool second_goes = true;
+  while (first_goes || second_goes) {
+    first_goes = first_goes && first.step();
+    second_goes = second_goes && second.step();
+  }
+}
+
+void WayFinder::arrive() {
+  bfexpect(number_);
+  way_.root_ = k_.rootnode;
+  way_.leaf_ = number_;
+  way_.depth_ = depth_;
+  way_.mode_ = mode_;
+  way_.given_dupnm_ = given_dupnm_;
+  way_.raised_dupnm_ = sought_.dupnm;
+  way_.changes_before_ = PathAhead::changes_;
+  std::memcpy(way_.key_.data(), sought_.key, static_cast<std::size_t>(k_.keylen));
 }
 
 std::int32_t PathAhead::take(Item& item, const keydescr& k, Search mode, Position& bt) const {

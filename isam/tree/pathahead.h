@@ -3,7 +3,7 @@
 // finds, index by index, those of its new and its old item. The processor fetches the memory of the
 // leaves meanwhile, so that it is there when they are searched.
 //
-// Gives   PathAhead
+// Gives   PathAhead, WayFinder
 // Keeps   P1 a way is taken by a search for the item that it was found for, as long as no upper
 //            node has changed; any other search finds its own
 // Never   reads a page into the pool or reports an error: a way that cannot be found so is left to
@@ -14,20 +14,16 @@
 #include <cstdint>
 
 #include "isam/tree/btree.h"
+#include "isam/tree/descent.h"
 
 namespace isam {
 
-// Valid within the call that finds it.
+// A way that a WayFinder has looked for, valid within the call.
 class PathAhead {
  public:
   // Whether a change of index `k` is likely to search. (Where its place is known from another
   // search or insertion it does not.)
   [[nodiscard]] static bool is_needed(const keydescr& k, Search mode);
-  // Finds the way of btsearch() to insert or to read `item`, over its whole key, which has parts,
-  // in the current file. To be called once. It finds nothing when an upper node on the way is not
-  // kept ready (isam/tree/uppernodes).
-  void find(const Item& item, const keydescr& k, Search mode);
-
   // Puts a path on the way: the leaf to go on from, and `item` with its duplicate number raised as
   // the upper nodes have done. 0 when this is not its way.
   [[nodiscard]] std::int32_t take(Item& item, const keydescr& k, Search mode, Position& bt) const;
@@ -36,11 +32,11 @@ class PathAhead {
   static void upper_changes() { ++changes_; }
 
  private:
+  friend class WayFinder;
   static constexpr int kMostUpper = 6;  // levels; deeper trees are searched without a way
   static std::uint64_t changes_;
 
-  std::int32_t root_ = 0;  // of the index; 0: no way is known
-  // What follows is set with it.
+  std::int32_t root_;  // of the index; 0: no way is known, and nothing of what follows
   std::int32_t leaf_;
   int depth_;  // of the leaf
   Search mode_;
@@ -49,6 +45,40 @@ class PathAhead {
   std::uint64_t changes_before_;
   std::array<PathLevel, kMostUpper> path_;
   std::array<Byte, MAXKEYLEN> key_;
+};
+
+// Finds the way of btsearch() to insert or to read `item`, over its whole key, which has parts, in
+// the current file. It finds nothing when an upper node on the way is not kept ready
+// (isam/tree/uppernodes).
+class WayFinder {
+ public:
+  // `way` and `k` must outlive the search.
+  WayFinder(PathAhead& way, const Item& item, const keydescr& k, Search mode);
+  WayFinder(const WayFinder&) = delete;
+  WayFinder& operator=(const WayFinder&) = delete;
+  ~WayFinder() = default;
+
+  void find() {
+    while (step()) {
+    }
+  }
+  // Finds two ways by turns: what one needs from memory comes while the other goes on.
+  static void find_both(WayFinder& first, WayFinder& second);
+
+ private:
+  bool step();  // whether others follow
+  void arrive();
+
+  PathAhead& way_;
+  const keydescr& k_;
+  Search mode_;
+  std::int32_t given_dupnm_;
+  Item sought_;
+  Item unused_;
+  Descent descent_;
+  std::int32_t number_;               // of the node that is next
+  const UpperNode* upper_ = nullptr;  // that node, once it is found
+  int depth_ = 0;
 };
 
 }  // namespace isam

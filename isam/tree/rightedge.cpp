@@ -9,7 +9,8 @@ RightEdges right_edges;
 bool RightEdges::append(Item& item, const keydescr& k) {
   Edge& edge = of(k);
   if (edge.root != k.rootnode || (k.flags & KF_DUPS) != 0) return false;
-  edge.grows = itcompare(item, edge.last, KeyOrder{k}) > 0;
+  // Another file's index with the same root may have shorter keys.
+  edge.grows = edge.keylen == k.keylen && itcompare(item, edge.last, KeyOrder{k}) > 0;
   if (!edge.grows || !edge.stamp.stands()) return false;
   const KeepError keep;
   TreeNode leaf{edge.leaf};
@@ -33,6 +34,7 @@ void RightEdges::note(const keydescr& k, const PageHold& leaf, const Item& last)
   edge.leaf = leaf.node();
   edge.stamp = PageStamp{leaf};
   edge.last = last;
+  edge.keylen = k.keylen;
   edge.grows = true;
 }
 

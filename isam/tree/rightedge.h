@@ -33,6 +33,7 @@ class RightEdges {
     std::int32_t leaf = 0;
     PageStamp stamp;
     Item last;
+    int keylen = 0;  // of the index
     bool grows = false;
   };
   Edge& of(const keydescr& k) { return edges_[static_cast<std::size_t>(k.rootnode) % kEdges]; }

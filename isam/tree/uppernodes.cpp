@@ -1,5 +1,6 @@
 #include "isam/tree/uppernodes.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <new>
@@ -33,6 +34,10 @@ std::uint32_t shape_of(const ItemLayout& layout) {
 
 }  // namespace
 
+void expect_upper(std::int32_t number) {
+  if (!upper_nodes.empty()) __builtin_prefetch(&place_of(number));
+}
+
 const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout) {
   if (upper_nodes.empty()) return nullptr;
   const UpperNode& kept = place_of(number);
@@ -48,7 +53,7 @@ bool UpperNode::read(ConstBytes area, const ItemLayout& layout) {
   const auto size = static_cast<std::size_t>(layout.fixed_size());
   const auto keylen = static_cast<std::size_t>(layout.keylen);
   std::array<Byte, kMostBytes + kHeadSize> items;
-  std::array<std::uint16_t, kMostKept + 1> ends{};
+  std::array<ItemPlace, kMostKept + 1> places;
   std::size_t count = 0;
   Item item;
   length_ = static_cast<int>(area.size());
@@ -58,17 +63,18 @@ bool UpperNode::read(ConstBytes area, const ItemLayout& layout) {
     Byte* const to = &items[count * size];
     std::memcpy(to, item.key, keylen);
     std::memcpy(to + keylen, &area[static_cast<std::size_t>(end) - (size - keylen)], size - keylen);
-    ends[count + 1] = static_cast<std::uint16_t>(end);
+    places[count] = {item.recptr, static_cast<std::uint16_t>(at)};
     at = end;
   }
   count_ = count;
   heads_.reset(new Byte[count * (kHeadSize + size)]);
-  ends_.reset(new std::uint16_t[count + 1]);
+  places_.reset(new ItemPlace[count + 1]);
   for (std::size_t i = 0; i < count; ++i) {
     std::memcpy(&heads_[i * kHeadSize], &items[i * size], kHeadSize);
   }
   std::memcpy(&heads_[count * kHeadSize], items.data(), count * size);
-  std::memcpy(ends_.get(), ends.data(), (count + 1) * sizeof ends[0]);
+  places[count] = {0, static_cast<std::uint16_t>(length_)};
+  std::copy_n(places.begin(), count + 1, places_.get());
   return count > 0;
 }
 

@@ -1,7 +1,7 @@
 // uppernodes: upper nodes ready to be searched. They are on the way of every search and change
 // seldom, so their keys are put together once: items of one size, as in a node without compression.
 //
-// Gives   find_upper(), note_upper()
+// Gives   find_upper(), note_upper(), expect_upper()
 // Keeps   U1 what is kept of a node counts while the pool has its page as it was, and the file too
 //            where another process has changed something (PageStamp)
 //         U2 a changed node is kept again when it is searched for the second time, and another one
@@ -25,8 +25,15 @@ class alignas(64) UpperNode {
   // The first kHeadSize bytes of each, one behind the other: most of a search takes place in these.
   static constexpr std::size_t kHeadSize = 8;
   [[nodiscard]] const Byte* heads() const { return heads_.get(); }
-  // Where so many of them end in the node's item area, and how long that is.
-  [[nodiscard]] int end_of(int items) const { return ends_[static_cast<std::size_t>(items)]; }
+  // Where an item begins in the node's item area (behind the last one: the area's end), and the
+  // node that it names.
+  [[nodiscard]] int start_of(int item) const {
+    return places_[static_cast<std::size_t>(item)].start;
+  }
+  [[nodiscard]] std::int32_t child_of(int item) const {
+    return places_[static_cast<std::size_t>(item)].child;
+  }
+  // How long the area is.
   [[nodiscard]] int length() const { return length_; }
   // Whether its children are leaves, which are not kept; where the file is damaged they may not be.
   [[nodiscard]] bool is_above_leaves() const { return is_above_leaves_; }
@@ -34,6 +41,12 @@ class alignas(64) UpperNode {
  private:
   friend const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout);
   friend void note_upper(std::int32_t number, TreeNode& node, const ItemLayout& layout);
+
+  // Of an item; together, for a search wants both.
+  struct ItemPlace {
+    std::int32_t child;
+    std::uint16_t start;
+  };
 
   bool read(ConstBytes area, const ItemLayout& layout);
 
@@ -44,9 +57,12 @@ class alignas(64) UpperNode {
   int length_ = 0;
   bool is_above_leaves_ = false;
   std::size_t count_ = 0;
-  std::unique_ptr<Byte[]> heads_;          // and behind them the items
-  std::unique_ptr<std::uint16_t[]> ends_;  // the first is 0
+  std::unique_ptr<Byte[]> heads_;        // and behind them the items
+  std::unique_ptr<ItemPlace[]> places_;  // and one for the area's end
 };
+
+// Fetches into the processor's caches what find_upper() looks at first.
+void expect_upper(std::int32_t number);
 
 // A node of the current file that is kept; null when it is not, or no longer as it was.
 [[nodiscard]] const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout);
