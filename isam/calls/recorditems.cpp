@@ -48,10 +48,10 @@ void WaysAhead::find(const Keys& keys, ConstBytes record, Search mode) {
       continue;
     }
     WayFinder other{ways_[i], item_of(record, 0, k), k, mode};
-    WayFinder::find_both(*waiting, other);
+    WayFinder::find(&*waiting, &other);
     waiting.reset();
   }
-  if (waiting) waiting->find();
+  if (waiting) WayFinder::find(&*waiting, nullptr);
 }
 
 void remove_items(Cursor& cursor, const Keys& keys, std::size_t count, ConstBytes record,
@@ -156,15 +156,8 @@ int Replacement::replace(std::size_t index, Item& old, Item& fresh) {
   PathAhead to_old;
   WayFinder fresh_finder{to_fresh, fresh, k, Search::kInsert};
   WayFinder old_finder{to_old, old, k, Search::kRead};
-  const bool finds_fresh = PathAhead::is_needed(k, Search::kInsert);
-  const bool finds_old = PathAhead::is_needed(k, Search::kRead);
-  if (finds_fresh && finds_old) {
-    WayFinder::find_both(fresh_finder, old_finder);
-  } else if (finds_fresh) {
-    fresh_finder.find();
-  } else if (finds_old) {
-    old_finder.find();
-  }
+  WayFinder::find(PathAhead::is_needed(k, Search::kInsert) ? &fresh_finder : nullptr,
+                  PathAhead::is_needed(k, Search::kRead) ? &old_finder : nullptr);
   if (btadditem(cursor_, fresh, k, &to_fresh) != 0) return -1;
   if (taken_.take_out(index, old, &to_old) == 0) return 0;
   const KeepError keep;

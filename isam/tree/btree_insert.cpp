@@ -165,7 +165,7 @@ int Insertion::insert_in_two(TreeNode node, const Item& item, int depth, const S
   const Frame frame{node.page().node_type(), node.page().level()};
   std::array<Byte, kScratchSize> scratch;
   std::memcpy(scratch.data(), node.area().data(), node.area().size());
-  node = TreeNode{};
+  node = TreeNode{};  // the nodes that a split changes are held one after the other
   weave(scratch, at.length, at.offset, item, seam);
   const Overflow full{at.node,
                       depth,

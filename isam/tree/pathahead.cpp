@@ -50,12 +50,10 @@ bool WayFinder::step() {
   return true;
 }
 
-void WayFinder::find_both(WayFinder& first, WayFinder& second) {
-  bool first_goes = true;
-  bool second_goes = true;
-  while (first_goes || second_goes) {
-    first_goes = first_goes && first.step();
-    second_goes = second_goes && second.step();
+void WayFinder::find(WayFinder* first, WayFinder* second) {
+  while (first != nullptr || second != nullptr) {
+    if (first != nullptr && !first->step()) first = nullptr;
+    if (second != nullptr && !second->step()) second = nullptr;
   }
 }
 

@@ -58,12 +58,9 @@ class WayFinder {
   WayFinder& operator=(const WayFinder&) = delete;
   ~WayFinder() = default;
 
-  void find() {
-    while (step()) {
-    }
-  }
-  // Finds two ways by turns: what one needs from memory comes while the other goes on.
-  static void find_both(WayFinder& first, WayFinder& second);
+  // Finds two ways by turns: what one needs from memory comes while the other goes on. Either may
+  // be null.
+  static void find(WayFinder* first, WayFinder* second);
 
  private:
   bool step();  // whether others follow
