@@ -1,7 +1,6 @@
 // position: one item of an index and the path that leads to it.
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 
