@@ -16,10 +16,18 @@ using Byte = unsigned char;
 using Bytes = std::span<Byte>;
 using ConstBytes = std::span<const Byte>;
 
-// Has the processor fetch these bytes, which will be read soon. Any address will do.
+// Has the processor fetch the line of memory at any address, for what will be read there soon.
+inline void prefetch(const void* at) {
+  __builtin_prefetch(at);
+  // A compiler that sees the whole library leaves out calls of functions without effect, and a
+  // request for memory is none to it: this statement is one.
+  asm volatile("");
+}
+
+// The same of all lines of these bytes.
 inline void prefetch(const Byte* from, std::size_t length) {
   constexpr std::size_t kLine = 64;
-  for (std::size_t at = 0; at < length; at += kLine) __builtin_prefetch(from + at);
+  for (std::size_t at = 0; at < length; at += kLine) prefetch(from + at);
 }
 
 // 2-byte big-endian, as an unsigned value 0..65535.

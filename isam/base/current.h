@@ -50,12 +50,19 @@ struct Extent {
   int pages_ahead = 0;     // to be taken next time beyond those that are needed
 };
 
-// Bytes of the data file that the current call changes, to be written past the pool; empty for
-// none.
+// Bytes of the data file that the current call changes, to be written past the pool.
 struct DirectWrite {
   std::int64_t offset = 0;
-  std::vector<Byte> bytes;
-  std::vector<Byte> before;  // ... what the file has in their place
+  std::size_t size = 0;    // 0 for none
+  std::vector<Byte> room;  // the bytes, then what the file has in their place
+  // Where the file ends, if it ends among them; they lengthen it then. 0: they do not.
+  std::int64_t file_end = 0;
+
+  [[nodiscard]] bool empty() const { return size == 0; }
+  void clear() { size = 0; }
+  [[nodiscard]] ConstBytes bytes() const { return {room.data(), size}; }
+  // Zeros where the file has none.
+  [[nodiscard]] ConstBytes before() const { return {room.data() + size, size}; }
 };
 
 // What this process has to do with the mark of its changes in the index file (isam/pool/mark).
@@ -123,6 +130,7 @@ struct OfCall {
   std::int32_t numbers_before = 0;     // ... highest record number in use
   std::int32_t free_list_before = 0;   // ... head of the list of free records
   std::int32_t free_nodes_before = 0;  // ... head of the list of free nodes
+  std::int64_t data_end = 0;           // where the data file ended, once that was asked for
   bool page_changed = false;           // it has changed a page
   bool gives_number = false;           // it gives a record's number back
   bool spilled = false;                // a changed page has been written meanwhile

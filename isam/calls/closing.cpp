@@ -25,7 +25,7 @@ int end_exclusive() {
     return 0;
   }
   bfflush(*filep);  // once more: what is written need not be mended
-  filep->unwritten.direct.bytes.clear();
+  filep->unwritten.direct.clear();
   bfdrop(*filep, INT32_MIN);
   bfease(true);
   filep->call.page_changed = filep->unwritten.dictionary = false;

@@ -54,8 +54,7 @@ bool may_be_held_back() {
 bool hold_back() {
   Unwritten& unwritten = filep->unwritten;
   if (!txlog::logstate.change_logged || !txlog::log_waits() || iserrno != 0 ||
-      unwritten.pages != nullptr || unwritten.direct.bytes.empty() || unwritten.dictionary ||
-      !bfhold()) {
+      unwritten.pages != nullptr || unwritten.direct.empty() || unwritten.dictionary || !bfhold()) {
     return false;
   }
   filep->call.page_changed = false;

@@ -43,6 +43,8 @@ bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind) {
   return pool().copy_data(offset, to, behind);
 }
 
+bool bfcopy_byte(std::int64_t offset, Byte& to) { return pool().copy_byte(offset, to); }
+
 bool bfdirect(std::int64_t offset, ConstBytes first, ConstBytes second) {
   return pool().take_direct(offset, first, second);
 }
@@ -64,8 +66,8 @@ void bfwrite_due() {
 
 bool bfdata_is_written() {
   const Unwritten& unwritten = filep->unwritten;
-  return unwritten.data_blocks == 0 && unwritten.direct.bytes.empty() &&
-         unwritten.held_count == 0 && !(the_pool && the_pool->has_waiting(*filep));
+  return unwritten.data_blocks == 0 && unwritten.direct.empty() && unwritten.held_count == 0 &&
+         !(the_pool && the_pool->has_waiting(*filep));
 }
 
 PageHold bfgetclr(std::int32_t node) {

@@ -137,6 +137,10 @@ class PageStamp {
   // The same where another process has changed the file meanwhile, but not this node. Which place
   // it has in a tree is to be found out anew.
   [[nodiscard]] bool stands_again() const;
+  // Whether it is of this page as it is now.
+  [[nodiscard]] bool is_of(const PageHold& page) const {
+    return buffer_ == page.buffer_ && version_ == page.buffer_->version;
+  }
 
  private:
   [[nodiscard]] bool is_there() const;
@@ -157,6 +161,9 @@ void bfexpect(std::int32_t node);
 // without holding a buffer. False when it takes more than a look into the pool or a mapping: then
 // the blocks are to be read.
 [[nodiscard]] bool bfcopy_data(std::int64_t offset, Bytes to, Bytes behind);
+// A byte at `offset` of the current data file, likewise and without a look into the pool; what is
+// read of other bytes is not expected to follow it.
+[[nodiscard]] bool bfcopy_byte(std::int64_t offset, Byte& to);
 // Takes two pieces that a call writes at `offset` of the current data file, one behind the other:
 // they go there by themselves when the call ends, and their blocks need not be read into the pool.
 // False, with nothing taken, when that cannot be or would not pay: then the blocks are to be

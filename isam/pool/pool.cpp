@@ -30,7 +30,7 @@ bool is_in_one_block(std::int64_t offset, std::size_t size) {
 inline bool holds_back(const OpenPair& file, std::int64_t offset, std::size_t size) {
   const auto overlaps = [=](const DirectWrite& held) {
     return held.offset < offset + static_cast<std::int64_t>(size) &&
-           offset < held.offset + static_cast<std::int64_t>(held.bytes.size());
+           offset < held.offset + static_cast<std::int64_t>(held.size);
   };
   return file.unwritten.held_count > 0 && std::ranges::any_of(file.unwritten.all_held(), overlaps);
 }
@@ -41,10 +41,10 @@ void put_held_into(const OpenPair& file, const Place& place, Byte* block) {
   for (const DirectWrite& held : file.unwritten.all_held()) {
     const std::int64_t start = held.offset - place.offset;  // in the block; below 0 before it
     const std::int64_t first = std::max<std::int64_t>(start, 0);
-    const std::int64_t end = std::min(start + static_cast<std::int64_t>(held.bytes.size()), length);
+    const std::int64_t end = std::min(start + static_cast<std::int64_t>(held.size), length);
     if (first < end) {
-      std::ranges::copy(ConstBytes{held.bytes}.subspan(static_cast<std::size_t>(first - start),
-                                                       static_cast<std::size_t>(end - first)),
+      std::ranges::copy(held.bytes().subspan(static_cast<std::size_t>(first - start),
+                                             static_cast<std::size_t>(end - first)),
                         block + first);
     }
   }
@@ -123,9 +123,9 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
   if (buffer != nullptr) {
     // The page's memory is fetched while the processor still waits for the buffer's flags.
     const Byte* const page = page_of(buffer);
-    __builtin_prefetch(page);
-    __builtin_prefetch(page + 64);
-    __builtin_prefetch(page + 512);
+    common::prefetch(page);
+    common::prefetch(page + 64);
+    common::prefetch(page + 512);
   } else {
     buffer = victim();
     if (buffer == nullptr) return nullptr;
@@ -145,7 +145,7 @@ Buffer* Pool::bfgetblk(std::int32_t block) {
 void Pool::expect(std::int32_t node) const {
   const Buffer* const buffer = table_.find(node, filep);
   if (buffer == nullptr) return;
-  __builtin_prefetch(buffer, 1);
+  common::prefetch(buffer);
   common::prefetch(page_of(buffer), kPageSize);
 }
 
@@ -188,7 +188,7 @@ bool Pool::is_as_before(Buffer& buffer) {
 
 Buffer* Pool::bfread(std::int32_t block) {
   // Bytes that wait to be written past the pool belong into the block that is read.
-  if (block < 0 && !filep->unwritten.direct.bytes.empty() && pool_direct() != 0) return nullptr;
+  if (block < 0 && !filep->unwritten.direct.empty() && pool_direct() != 0) return nullptr;
   Buffer* buffer = bfgetblk(block);
   if (buffer == nullptr) return nullptr;
   if ((buffer->flags & kValid) == 0 && !load(*buffer)) {
@@ -239,7 +239,7 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   // needed.
   const bool map_will_do =
       file.unwritten.data_blocks == 0 && offset >= 0 && file.data.map.covers(size, offset);
-  if (!file.unwritten.direct.bytes.empty() || holds_back(file, offset, size)) return false;
+  if (!file.unwritten.direct.empty() || holds_back(file, offset, size)) return false;
   if (!map_will_do && is_in_one_block(offset, size)) {
     const Buffer* const block = data_block(offset / kPageSize);
     if (block != nullptr) return copy_block(*block, offset, to, behind);
@@ -255,6 +255,31 @@ bool Pool::copy_data(std::int64_t offset, Bytes to, Bytes behind) {
   if (data_window_.read(file.data.fd, file.data.map, to, offset) != first) return false;
   return behind.empty() || file.data.map.read(file.data.fd, behind, offset + first) ==
                                static_cast<ssize_t>(behind.size());
+}
+
+bool Pool::copy_byte(std::int64_t offset, Byte& to) const {
+  OpenPair& file = *filep;
+  const bool is_only_in_file = offset >= 0 && file.unwritten.data_blocks == 0 &&
+                               file.unwritten.direct.empty() && !holds_back(file, offset, 1) &&
+                               !waiting_.has(file, offset, 1);
+  if (!is_only_in_file) return false;
+  if (file.data.map.look({&to, 1}, offset)) return true;
+  to = 0;
+  return may_lengthen(file) && file.data.map.known_size() <= offset && data_end(file) > 0 &&
+         data_end(file) <= offset;
+}
+
+// Whether the file is as it was when the current call began, and its commit may lengthen it.
+bool Pool::may_lengthen(const OpenPair& file) {
+  return file.locks.exclusives == 0 && !file.call.spilled && file.unwritten.data_blocks == 0;
+}
+
+// Where the data file ended when the current call began; 0 when that cannot be found out. Nothing
+// has lengthened it meanwhile.
+std::int64_t Pool::data_end(OpenPair& file) {
+  std::int64_t& end = file.call.data_end;
+  if (end == 0 && common::find_end(file.data.fd, end) == 0) file.data.map.written(end);
+  return end;
 }
 
 Buffer* Pool::bfgetclr(std::int32_t block) {

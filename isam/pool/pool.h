@@ -49,6 +49,7 @@ class Pool {
   void expect(std::int32_t node) const;  // bfexpect
   Buffer* bfgetclr(std::int32_t block);
   bool copy_data(std::int64_t offset, Bytes to, Bytes behind);
+  bool copy_byte(std::int64_t offset, Byte& to) const;
   void bfrelease(Buffer* buffer);
   // Whether a stale page is what the file has, which a look at its mapping tells: then it is stale
   // no more.
@@ -138,6 +139,9 @@ class Pool {
   void leave_to_file(std::int64_t offset, std::size_t size);
   [[nodiscard]] bool has_no_block(std::int64_t offset, std::size_t size) const;
   int pool_direct();
+  static bool may_lengthen(const OpenPair& file);
+  static std::int64_t data_end(OpenPair& file);
+  static std::int64_t end_within(std::int64_t offset, std::size_t size);
   bool load(Buffer& buffer);
 
   std::size_t nbuffs_ = 0;

@@ -24,8 +24,7 @@ bool is_one_of_many(OpenPair& file, std::int64_t offset) {
 // False without memory.
 bool make_room(DirectWrite& direct, std::size_t size) {
   try {
-    direct.before.resize(size);
-    direct.bytes.reserve(size);
+    if (direct.room.size() < 2 * size) direct.room.resize(2 * size);
   } catch (const std::bad_alloc&) {
     return false;
   }
@@ -133,6 +132,20 @@ void Pool::leave_to_file(std::int64_t offset, std::size_t size) {
   }
 }
 
+// Where the data file ends, if it does among these bytes, behind the first, and a commit may
+// lengthen it by them: the pool has none of their blocks, and the mapping what is there. Else 0.
+std::int64_t Pool::end_within(std::int64_t offset, std::size_t size) {
+  OpenPair& file = *filep;
+  const common::FileMap& map = file.data.map;
+  const std::int64_t behind = offset + static_cast<std::int64_t>(size);
+  const bool may_be = offset >= 0 && (behind - 1) / kPageSize <= INT32_MAX &&
+                      map.known_size() < behind && !file.call.may_hold && may_lengthen(file);
+  if (!may_be) return 0;
+  const std::int64_t end = data_end(file);
+  const bool is_within = offset < end && end < behind;
+  return is_within && map.covers(static_cast<std::size_t>(end - offset), offset) ? end : 0;
+}
+
 // Takes bytes that are better written by themselves than with their blocks; false when they are
 // not, and are to go through the pool.
 bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second) {
@@ -142,30 +155,36 @@ bool Pool::take_direct(std::int64_t offset, ConstBytes first, ConstBytes second)
   // One change of a call at the most: a second one goes through the pool, and takes the first with
   // it.
   const bool waits_for_others = is_one_of_many(file, offset) && !waiting_.serves(file);
-  if (!direct.bytes.empty() || waits_for_others) return false;
+  if (!direct.empty() || waits_for_others) return false;
   bool is_only_in_file = only_in_file(offset, size);
   if (!is_only_in_file && file.call.may_hold) {
     leave_to_file(offset, size);
     is_only_in_file = only_in_file(offset, size);
   }
-  if (!is_only_in_file || !make_room(direct, size)) return false;
+  const std::int64_t file_end = is_only_in_file ? 0 : end_within(offset, size);
+  if ((!is_only_in_file && file_end == 0) || !make_room(direct, size)) return false;
   // A commit that fails puts them back.
-  if (!read_data(direct.before, offset)) return false;
-  if (are_there(direct.before, first, second)) return true;
+  const Bytes before{direct.room.data() + size, size};
+  const std::size_t there = file_end > 0 ? static_cast<std::size_t>(file_end - offset) : size;
+  if (!read_data(before.first(there), offset)) return false;
+  std::ranges::fill(before.subspan(there), Byte{0});
+  if (are_there(before, first, second)) return true;
   // An unchanged block that the pool may have of them is good no more.
   if (file.unwritten.data_blocks == 0) file.cached.data_generation = bfgeneration();
-  direct.bytes.assign(first.begin(), first.end());
-  direct.bytes.insert(direct.bytes.end(), second.begin(), second.end());
+  std::memcpy(direct.room.data(), first.data(), first.size());
+  std::memcpy(direct.room.data() + first.size(), second.data(), second.size());
   direct.offset = offset;
+  direct.size = size;
+  direct.file_end = file_end;
   file.call.page_changed = true;
   return true;
 }
 
 int Pool::write_direct(OpenPair& file) {
-  std::vector<Byte>& bytes = file.unwritten.direct.bytes;
-  if (bytes.empty()) return 0;
-  if (write_data(file, file.unwritten.direct.offset, bytes) != 0) return -1;
-  bytes.clear();
+  DirectWrite& direct = file.unwritten.direct;
+  if (direct.empty()) return 0;
+  if (write_data(file, direct.offset, direct.bytes()) != 0) return -1;
+  direct.clear();
   return 0;
 }
 
@@ -177,7 +196,7 @@ bool Pool::hold_direct() {
     return false;
   }
   std::swap(unwritten.held[unwritten.held_count++], unwritten.direct);
-  unwritten.direct.bytes.clear();
+  unwritten.direct.clear();
   return true;
 }
 
@@ -186,12 +205,12 @@ int Pool::write_held() {
   const std::span<const DirectWrite> held = file.unwritten.all_held();
   file.unwritten.held_count = 0;
   for (std::size_t i = 0; i < held.size(); ++i) {
-    const auto& [offset, bytes, before] = held[i];
-    data_window_.overwritten(file.data.fd, offset, bytes.size());
-    if (common::write_at(file.data.fd, bytes, offset) == 0) continue;
+    const DirectWrite& write = held[i];
+    data_window_.overwritten(file.data.fd, write.offset, write.size);
+    if (common::write_at(file.data.fd, write.bytes(), write.offset) == 0) continue;
     failed_system(errno, Operation::kWrite, FileKind::kData);
     for (const DirectWrite& written : held.first(i + 1)) {
-      static_cast<void>(common::write_at(file.data.fd, written.before, written.offset));
+      static_cast<void>(common::write_at(file.data.fd, written.before(), written.offset));
     }
     return -1;
   }
@@ -202,10 +221,10 @@ int Pool::write_held() {
 // and is told like those.
 void Pool::write_direct_or_pool() {
   DirectWrite& direct = filep->unwritten.direct;
-  if (direct.bytes.empty()) return;
+  if (direct.empty()) return;
   if (growth_.most > 0 && waits_on(*filep) && !is_missing(filep->mark.state) &&
-      waiting_.take(*filep, direct.offset, direct.bytes)) {
-    direct.bytes.clear();
+      waiting_.take(*filep, direct.offset, direct.bytes())) {
+    direct.clear();
     return;
   }
   const KeepError keep;
@@ -218,11 +237,11 @@ void Pool::write_direct_or_pool() {
 // write that failed.
 int Pool::pool_direct() {
   OpenPair& file = *filep;
-  std::vector<Byte> bytes = std::move(file.unwritten.direct.bytes);
-  const BlocksKept kept{file.unwritten.direct.offset, bytes.size()};
-  file.unwritten.direct.bytes.clear();  // or bfread() would come back here
-  ConstBytes rest = bytes;
-  for (std::int64_t at = file.unwritten.direct.offset; !rest.empty();) {
+  // Taken first, or bfread() would come back here.
+  const DirectWrite direct = std::exchange(file.unwritten.direct, {});
+  const BlocksKept kept{direct.offset, direct.size};
+  ConstBytes rest = direct.bytes();
+  for (std::int64_t at = direct.offset; !rest.empty();) {
     Buffer* const block = bfread(static_cast<std::int32_t>(at / kPageSize) | kDataBlock);
     if (block == nullptr) {
       bfnote_failure(file);
@@ -261,8 +280,8 @@ void Pool::write_waiting(OpenPair& file) {
 
 int Pool::bfprocess(OpenPair& file, bool write) {
   const std::vector<Buffer*>& pages = modified_pages(file);
-  const int waiting = static_cast<int>(pages.size()) +
-                      (file.unwritten.direct.bytes.empty() ? 0 : 1) + (waiting_.has(file) ? 1 : 0);
+  const int waiting = static_cast<int>(pages.size()) + (file.unwritten.direct.empty() ? 0 : 1) +
+                      (waiting_.has(file) ? 1 : 0);
   if (!write || waiting == 0) return waiting;
   // A mark that cannot be set is no reason to write less.
   if (waits_on(file) && is_missing(file.mark.state) && set_mark(file) != 0) {
@@ -274,7 +293,7 @@ int Pool::bfprocess(OpenPair& file, bool write) {
   }
   if (write_direct(file) != 0) {
     bfnote_failure(file);
-    file.unwritten.direct.bytes.clear();
+    file.unwritten.direct.clear();
   }
   write_waiting(file);
   return waiting;
@@ -293,7 +312,7 @@ void Pool::bfdrop(OpenPair& file, std::int32_t first) {
 int Pool::bfdiscard(OpenPair& file) {
   if (file.call.spilled) return -1;
   file.unwritten.failed = {};
-  file.unwritten.direct.bytes.clear();
+  file.unwritten.direct.clear();
   bfdrop(file, INT32_MIN);
   return 0;
 }
@@ -301,7 +320,7 @@ int Pool::bfdiscard(OpenPair& file) {
 void Pool::bfignor(OpenPair& file) {
   index_window_.forget(file.index.fd);
   data_window_.forget(file.data.fd);
-  if (!file.unwritten.direct.bytes.empty() || waiting_.has(file)) {
+  if (!file.unwritten.direct.empty() || waiting_.has(file)) {
     common::error("ignoring modified bytes");
   }
   for (const Buffer* at = file.unwritten.pages; at != nullptr; at = at->modified_next) {

@@ -138,17 +138,26 @@ int WriteOrder::lengthen_data(OpenPair& file) {
     last = std::max<std::int64_t>(last, page->block & INT32_MAX);
   }
   std::int64_t& size = file.data.extent.bytes;  // as last known
+  const DirectWrite& direct = file.unwritten.direct;
+  const bool is_end_known = !direct.empty() && direct.file_end > 0;
+  if (is_end_known) {
+    size = direct.file_end;
+    const std::int64_t behind = direct.offset + static_cast<std::int64_t>(direct.size);
+    last = std::max(last, (behind - 1) / kPageSize);
+  }
   const std::int64_t end = (last + 1) * kPageSize;
   if (end <= size) return 0;
-  if (common::find_end(file.data.fd, size) != 0) {
+  if (!is_end_known && common::find_end(file.data.fd, size) != 0) {
     return failed_system(errno, Operation::kRead, FileKind::kData);
   }
   if (end <= size) return 0;
   overwritten_.note_size(FileKind::kData, size);
-  if (common::write_zeros(file.data.fd, std::max(first * kPageSize, size), end) != 0) {
+  const std::int64_t start = is_end_known ? size : std::max(first * kPageSize, size);
+  if (common::write_zeros(file.data.fd, start, end) != 0) {
     return failed_system(errno, Operation::kWrite, FileKind::kData);
   }
   size = end;
+  file.data.map.written(end);
   return 0;
 }
 
@@ -218,8 +227,8 @@ int WriteOrder::write_pages_before(WriteStep step, OpenPair& file) {
 // when they were taken (DirectWrite::before).
 inline int WriteOrder::write_direct(OpenPair& file) {
   const DirectWrite& direct = file.unwritten.direct;
-  if (direct.bytes.empty()) return 0;
-  overwritten_.keep_read(file.data.fd, direct.offset, direct.before);
+  if (direct.empty()) return 0;
+  overwritten_.keep_read(file.data.fd, direct.offset, direct.before());
   return pool_.write_direct(file);
 }
 
@@ -232,7 +241,7 @@ int WriteOrder::write_dictionary_again(OpenPair& file) {
 
 void WriteOrder::forget_changes(OpenPair& file) {
   file.unwritten.failed = {};
-  file.unwritten.direct.bytes.clear();
+  file.unwritten.direct.clear();
   while (file.unwritten.pages != nullptr) pool_.modified_out(file.unwritten.pages);
   pool_.bfignor(file);
 }

@@ -244,7 +244,6 @@ std::size_t copy_slots(ConstBytes from, std::span<const std::int32_t> numbers, B
     return from.subspan(there, size);
   };
   for (std::size_t i = 0; i < numbers.size(); ++i, to += length) {
-    // Not in the lambda: a compiler leaves calls out that do nothing but fetch memory.
     const ConstBytes soon = needed_soon(i);
     common::prefetch(soon.data(), soon.size());
     const Byte* const slot = &from[place(numbers[i])];
@@ -336,7 +335,7 @@ std::int32_t slots_in_file() {
 int datacheck(std::int32_t k) {
   Byte state = 0;
   const std::int64_t offset = slot_offset(k) + filep->geometry.reclen;
-  if (!bfcopy_data(offset, {&state, 1}, {})) {
+  if (!bfcopy_byte(offset, state) && !bfcopy_data(offset, {&state, 1}, {})) {
     Transfer from{offset};
     if (from.read({&state, 1}) != 0) return -1;
   }

@@ -8,6 +8,7 @@
 #include "isam/tree/pathahead.h"
 #include "isam/tree/rightedge.h"
 #include "isam/tree/treenode.h"
+#include "isam/tree/uppernodes.h"
 
 namespace isam {
 namespace {
@@ -152,8 +153,10 @@ int Insertion::btinsert(Item& item, int depth) const {
     return failed(kCorrupted);
   }
   if (seam.total > limit_) return insert_in_two(std::move(node), item, depth, seam);
+  UpperNode* const kept = node.is_leaf() ? nullptr : kept_upper(at.node, node.page(), layout_);
   weave(node.to_change(), at.length, at.offset, item, seam);
   node.changed(seam.total);
+  if (kept != nullptr) kept->insert(node, layout_, at.offset, item, seam.next);
   if (right_edge_ && depth == cursor_.bt.depth) right_edges.note(key_, node.page(), item);
   return 0;
 }
@@ -329,7 +332,7 @@ bool insert_repeat(const Cursor& cursor, Item& item, const keydescr& k) {
 }
 
 // Inserts at the path's place.
-int insert_here(const Cursor& cursor, Item item, const keydescr& k) {
+int insert_here(const Cursor& cursor, Item& item, const keydescr& k) {
   if (insert_repeat(cursor, item, k)) return 0;
   // The split of a root makes the tree one level deeper.
   if (cursor.bt.depth > kMaxTreeLevels - 2) return failed(kTreeTooDeep);

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstring>
 #include <new>
+#include <span>
+#include <utility>
 #include <vector>
 
 namespace isam {
@@ -35,7 +37,7 @@ std::uint32_t shape_of(const ItemLayout& layout) {
 }  // namespace
 
 void expect_upper(std::int32_t number) {
-  if (!upper_nodes.empty()) __builtin_prefetch(&place_of(number));
+  if (!upper_nodes.empty()) common::prefetch(&place_of(number));
 }
 
 const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout) {
@@ -66,16 +68,66 @@ bool UpperNode::read(ConstBytes area, const ItemLayout& layout) {
     places[count] = {item.recptr, static_cast<std::uint16_t>(at)};
     at = end;
   }
-  count_ = count;
-  heads_.reset(new Byte[count * (kHeadSize + size)]);
-  places_.reset(new ItemPlace[count + 1]);
+  const std::size_t room = count + count / 2 + 1;  // for insertions
+  heads_.reset(new Byte[room * (kHeadSize + size)]);
+  places_.reset(new ItemPlace[room + 1]);
+  count_ = static_cast<std::uint16_t>(count);
+  room_ = static_cast<std::uint16_t>(room);
   for (std::size_t i = 0; i < count; ++i) {
     std::memcpy(&heads_[i * kHeadSize], &items[i * size], kHeadSize);
   }
-  std::memcpy(&heads_[count * kHeadSize], items.data(), count * size);
+  std::memcpy(&heads_[room * kHeadSize], items.data(), count * size);
   places[count] = {0, static_cast<std::uint16_t>(length_)};
   std::copy_n(places.begin(), count + 1, places_.get());
   return count > 0;
+}
+
+// False when there is no room, or no item at `start`.
+bool UpperNode::insert(ConstBytes area, const ItemLayout& layout, int start, const Item& item,
+                       const Item& next) {
+  const std::span places{places_.get(), std::size_t{count_} + 1};
+  const auto found = std::ranges::lower_bound(places, start, {}, &ItemPlace::start);
+  const auto at = static_cast<std::size_t>(found - places.begin());
+  if (count_ == room_ || at >= count_ || found->start != start) return false;
+  const auto size = static_cast<std::size_t>(layout.fixed_size());
+  const auto keylen = static_cast<std::size_t>(layout.keylen);
+  Byte* const new_head = &heads_[at * kHeadSize];
+  Byte* const new_item = &heads_[room_ * kHeadSize + at * size];
+  const std::size_t behind = count_ - at;
+  std::memmove(new_head + kHeadSize, new_head, behind * kHeadSize);
+  std::memmove(new_item + size, new_item, behind * size);
+  std::memmove(&places_[at + 1], &places_[at], (behind + 1) * sizeof(ItemPlace));
+  ++count_;
+
+  const int end = start + item.totln;
+  std::memcpy(new_item, item.key, keylen);
+  std::memcpy(new_item + keylen, &area[static_cast<std::size_t>(end) - (size - keylen)],
+              size - keylen);
+  std::memcpy(new_item + size, next.key, keylen);
+  std::memcpy(new_head, new_item, kHeadSize);
+  std::memcpy(new_head + kHeadSize, new_item + size, std::min(kHeadSize, size));
+  places_[at] = {item.recptr, static_cast<std::uint16_t>(start)};
+  places_[at + 1].start = static_cast<std::uint16_t>(end);
+  const auto length = static_cast<int>(area.size());
+  const int grown = length - std::exchange(length_, length);
+  for (ItemPlace& place : std::span{places_.get(), std::size_t{count_} + 1}.subspan(at + 2)) {
+    place.start = static_cast<std::uint16_t>(place.start + grown);
+  }
+  return true;
+}
+
+void UpperNode::insert(TreeNode& node, const ItemLayout& layout, int start, const Item& item,
+                       const Item& next) {
+  const bool is_in = insert(node.area(), layout, start, item, next);
+  stamp_ = is_in ? PageStamp{node.page()} : PageStamp{};
+}
+
+UpperNode* kept_upper(std::int32_t number, const PageHold& page, const ItemLayout& layout) {
+  if (upper_nodes.empty()) return nullptr;
+  UpperNode& kept = place_of(number);
+  const bool is_it =
+      kept.number_ == number && kept.stamp_.is_of(page) && kept.shape_ == shape_of(layout);
+  return is_it ? &kept : nullptr;
 }
 
 void note_upper(std::int32_t number, TreeNode& node, const ItemLayout& layout) {

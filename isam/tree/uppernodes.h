@@ -1,11 +1,12 @@
 // uppernodes: upper nodes ready to be searched. They are on the way of every search and change
 // seldom, so their keys are put together once: items of one size, as in a node without compression.
 //
-// Gives   find_upper(), note_upper(), expect_upper()
+// Gives   find_upper(), note_upper(), expect_upper(); for insertions kept_upper(), insert()
 // Keeps   U1 what is kept of a node counts while the pool has its page as it was, and the file too
 //            where another process has changed something (PageStamp)
-//         U2 a changed node is kept again when it is searched for the second time, and another one
-//            takes its place only after many misses, so that nodes serve before they go
+//         U2 a node changed otherwise than by insert() is kept again when it is searched for the
+//            second time, and another one takes its place only after many misses, so that nodes
+//            serve before they go
 #pragma once
 
 #include <cstdint>
@@ -20,7 +21,7 @@ namespace isam {
 class alignas(64) UpperNode {
  public:
   // The items, as a node without compression has them, and their number.
-  [[nodiscard]] const Byte* items() const { return heads_.get() + count_ * kHeadSize; }
+  [[nodiscard]] const Byte* items() const { return heads_.get() + room_ * kHeadSize; }
   [[nodiscard]] int count() const { return static_cast<int>(count_); }
   // The first kHeadSize bytes of each, one behind the other: most of a search takes place in these.
   static constexpr std::size_t kHeadSize = 8;
@@ -38,8 +39,14 @@ class alignas(64) UpperNode {
   // Whether its children are leaves, which are not kept; where the file is damaged they may not be.
   [[nodiscard]] bool is_above_leaves() const { return is_above_leaves_; }
 
+  // The node, kept as it was before, has got `item` at `start` of its area and the one behind it
+  // as `next`. Where there is no room for one more, it is no longer kept.
+  void insert(TreeNode& node, const ItemLayout& layout, int start, const Item& item,
+              const Item& next);
+
  private:
   friend const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout);
+  friend UpperNode* kept_upper(std::int32_t number, const PageHold& page, const ItemLayout& layout);
   friend void note_upper(std::int32_t number, TreeNode& node, const ItemLayout& layout);
 
   // Of an item; together, for a search wants both.
@@ -49,6 +56,8 @@ class alignas(64) UpperNode {
   };
 
   bool read(ConstBytes area, const ItemLayout& layout);
+  bool insert(ConstBytes area, const ItemLayout& layout, int start, const Item& item,
+              const Item& next);
 
   PageStamp stamp_;  // of no page: nothing is kept
   std::int32_t number_ = 0;
@@ -56,8 +65,9 @@ class alignas(64) UpperNode {
   std::uint32_t shape_ = 0;  // of the layout
   int length_ = 0;
   bool is_above_leaves_ = false;
-  std::size_t count_ = 0;
-  std::unique_ptr<Byte[]> heads_;        // and behind them the items
+  std::uint16_t count_ = 0;
+  std::uint16_t room_ = 0;               // for so many items
+  std::unique_ptr<Byte[]> heads_;        // and behind the room for them the items
   std::unique_ptr<ItemPlace[]> places_;  // and one for the area's end
 };
 
@@ -66,6 +76,10 @@ void expect_upper(std::int32_t number);
 
 // A node of the current file that is kept; null when it is not, or no longer as it was.
 [[nodiscard]] const UpperNode* find_upper(std::int32_t number, const ItemLayout& layout);
+
+// A node of the current file that is held and kept as it is now, or null.
+[[nodiscard]] UpperNode* kept_upper(std::int32_t number, const PageHold& page,
+                                    const ItemLayout& layout);
 
 // Keeps a sound upper node of the current file, unless it is seldom searched or its items are too
 // many.
