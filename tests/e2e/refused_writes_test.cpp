@@ -1,10 +1,12 @@
-// What an exclusive open changes is undone without room on the disk. (Writes that are refused one
-// after the other: tests/scripts/refused-writes, failing-calls.)
+// What is changed is undone without room on the disk. (Writes that are refused one after the other:
+// tests/scripts/refused-writes, failing-calls. There the files are not mapped.)
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
+#include <filesystem>
 
+#include "common/io.h"
 #include "tests/e2e/sessions.h"
 #include "tests/support/between.h"
 
@@ -38,6 +40,45 @@ TEST(RefusedWrites, OfRoomDoNotKeepACallFromBeingUndone) {
   stand_aside();
   EXPECT_EQ(::isclose(isfd), 0);
   EXPECT_EQ(walk_pair(base).problems, std::vector<std::string>{});
+}
+
+// Once the data file is mapped, which takes some reads by the system's own call, records behind all
+// others lengthen it by themselves.
+TEST(RefusedWrites, OfRecordsThatLengthenAMappedFileLeaveThePairAsItWas) {
+  const TempFolder folder;
+  const std::string base = folder / "pair", data = base + ".dat";
+  constexpr int kBuilt = 300, kAll = 360, kCutShort = 330;
+  build_pair_of(base, false, kBuilt);
+  Session session{base, false};
+  ASSERT_GE(session.open(ISINOUT | ISMANULOCK), 0);
+  for (int id = 1; id <= kBuilt; ++id) ASSERT_EQ(session.put({id, id % 7, id}, ::isrewrite), 0);
+  static int writes_before = 0;
+  common::system_calls().pwrite = [](int fd, const void* from, std::size_t count, off_t at) {
+    if (writes_before-- != 0) return ::pwrite(fd, from, count, at);
+    errno = ENOSPC;
+    return ssize_t{-1};
+  };
+  int lengthened = 0;
+  for (int id = kBuilt + 1; id <= kAll; ++id) {
+    // A process was killed when the system had done a part of its write of zero bytes.
+    if (id == kCutShort) std::filesystem::resize_file(data, std::filesystem::file_size(data) + 700);
+    const Image index_before = read_file(base + ".idx"), data_before = read_file(data);
+    int writes = 0;
+    for (; writes_before = writes, session.put({id, id % 7, id}, ::iswrite) != 0; ++writes) {
+      ASSERT_LT(writes, 20);
+      ASSERT_EQ(read_file(base + ".idx"), index_before) << id << " write " << writes;
+      ASSERT_EQ(read_file(data), data_before) << id << " write " << writes;
+    }
+    const Image now = read_file(data);
+    if (now.size() == data_before.size()) continue;
+    EXPECT_EQ(now.size() % 1024, 0U) << id;
+    ++lengthened;
+  }
+  common::system_calls().pwrite = ::pwrite;
+  EXPECT_GE(lengthened, 3);
+  EXPECT_EQ(::isclose(session.isfd), 0);
+  EXPECT_EQ(walk_pair(base).problems, std::vector<std::string>{});
+  EXPECT_EQ(std::ssize(counters_in(base, false, 1, kAll)), kAll);
 }
 
 }  // namespace
