@@ -54,7 +54,7 @@ struct Extent {
 struct DirectWrite {
   std::int64_t offset = 0;
   std::size_t size = 0;    // 0 for none
-  std::vector<Byte> room;  // the bytes, then what the file has in their place
+  std::vector<Byte> room;  // so many bytes, then as many that the file has in their place
   // Where the file ends, if it ends among them; they lengthen it then. 0: they do not.
   std::int64_t file_end = 0;
 

@@ -265,20 +265,24 @@ bool Pool::copy_byte(std::int64_t offset, Byte& to) const {
   if (!is_only_in_file) return false;
   if (file.data.map.look({&to, 1}, offset)) return true;
   to = 0;
-  return may_lengthen(file) && file.data.map.known_size() <= offset && data_end(file) > 0 &&
-         data_end(file) <= offset;
+  const bool may_be_behind_end = file.data.map.known_size() <= offset &&
+                                 offset / kPageSize <= INT32_MAX && data_is_as_found(file);
+  return may_be_behind_end && data_end(file) > 0 && data_end(file) <= offset;
 }
 
-// Whether the file is as it was when the current call began, and its commit may lengthen it.
-bool Pool::may_lengthen(const OpenPair& file) {
+// Whether a shared open's current call has changed nothing of the data file yet.
+bool Pool::data_is_as_found(const OpenPair& file) {
   return file.locks.exclusives == 0 && !file.call.spilled && file.unwritten.data_blocks == 0;
 }
 
-// Where the data file ended when the current call began; 0 when that cannot be found out. Nothing
-// has lengthened it meanwhile.
+// Where the data file ended when the current call began, asked for once; 0 when that cannot be
+// found out.
 std::int64_t Pool::data_end(OpenPair& file) {
   std::int64_t& end = file.call.data_end;
-  if (end == 0 && common::find_end(file.data.fd, end) == 0) file.data.map.written(end);
+  if (end > 0 || common::find_end(file.data.fd, end) != 0) return end;
+  // An end in the middle of a block is what a process that was killed has left. Records there go
+  // through the pool, which writes the block whole.
+  if (end % kPageSize == 0) file.data.map.written(end);
   return end;
 }
 

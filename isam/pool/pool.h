@@ -139,7 +139,7 @@ class Pool {
   void leave_to_file(std::int64_t offset, std::size_t size);
   [[nodiscard]] bool has_no_block(std::int64_t offset, std::size_t size) const;
   int pool_direct();
-  static bool may_lengthen(const OpenPair& file);
+  static bool data_is_as_found(const OpenPair& file);
   static std::int64_t data_end(OpenPair& file);
   static std::int64_t end_within(std::int64_t offset, std::size_t size);
   bool load(Buffer& buffer);

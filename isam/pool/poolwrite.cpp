@@ -132,14 +132,15 @@ void Pool::leave_to_file(std::int64_t offset, std::size_t size) {
   }
 }
 
-// Where the data file ends, if it does among these bytes, behind the first, and a commit may
-// lengthen it by them: the pool has none of their blocks, and the mapping what is there. Else 0.
+// The end of the data file where these bytes reach beyond it and begin before it, so that a commit
+// can lengthen it by writing them. 0 where they do not, and where they are to go through the pool:
+// it has changed blocks, or the mapping has not all that stands before the end.
 std::int64_t Pool::end_within(std::int64_t offset, std::size_t size) {
   OpenPair& file = *filep;
   const common::FileMap& map = file.data.map;
   const std::int64_t behind = offset + static_cast<std::int64_t>(size);
   const bool may_be = offset >= 0 && (behind - 1) / kPageSize <= INT32_MAX &&
-                      map.known_size() < behind && !file.call.may_hold && may_lengthen(file);
+                      map.known_size() < behind && !file.call.may_hold && data_is_as_found(file);
   if (!may_be) return 0;
   const std::int64_t end = data_end(file);
   const bool is_within = offset < end && end < behind;

@@ -20,7 +20,8 @@ namespace isam {
 
 class alignas(64) UpperNode {
  public:
-  // The items, as a node without compression has them, and their number.
+  // The items, as a node without compression has them, and their number. Whether an item's record
+  // pointer tells that the next one repeats its key means nothing here.
   [[nodiscard]] const Byte* items() const { return heads_.get() + room_ * kHeadSize; }
   [[nodiscard]] int count() const { return static_cast<int>(count_); }
   // The first kHeadSize bytes of each, one behind the other: most of a search takes place in these.
