@@ -61,9 +61,10 @@ TEST(RefusedWrites, OfRecordsThatLengthenAMappedFileLeaveThePairAsItWas) {
   int lengthened = 0;
   for (int id = kBuilt + 1; id <= kAll; ++id) {
     // A process was killed when the system had done a part of its write of zero bytes.
-    const auto size = std::filesystem::file_size(data);
-    if (lengthened == 2 && id * (kMinimum + 1U) > size)
-      std::filesystem::resize_file(data, size + 700);
+    const std::uintmax_t size = std::filesystem::file_size(data);
+    const bool lies_across_end =
+        std::int64_t{id} * (kMinimum + 1) > static_cast<std::int64_t>(size);
+    if (lengthened == 2 && lies_across_end) std::filesystem::resize_file(data, size + 700);
     const Image index_before = read_file(base + ".idx"), data_before = read_file(data);
     int writes = 0;
     for (; writes_before = writes, session.put({id, id % 7, id}, ::iswrite) != 0; ++writes) {
